@@ -1,0 +1,20 @@
+// The table of interfaces with snooping switched on.
+#pragma once
+
+#include "dhcpsnoop.h"
+
+DhcpsnoopIf *dhcpsnoop_if_lookup(uint32_t ifIndex);
+DhcpsnoopIf *dhcpsnoop_if_lookup_by_vid(uint32_t vid); // the VLAN interface of that VLAN (low 16 bits)
+DhcpsnoopIf *dhcpsnoop_if_add(uint32_t ifIndex);       // zeroed and in its place; null when none is free
+void dhcpsnoop_if_delete(DhcpsnoopIf *ifp);            // null is ignored
+
+// 0, 12 when no entry is free, or the error of the hardware trap.
+uint32_t dhcpsnoop_if_enable(uint32_t ifIndex);
+uint32_t dhcpsnoop_if_disable(DhcpsnoopIf *ifp); // always 0; null is ignored
+
+// Version is DHCPSNOOP_IPV4, DHCPSNOOP_IPV6 or both. Always 0, and always clears the trust.
+uint32_t dhcpsnoop_if_version_set(DhcpsnoopIf *ifp, uint32_t version);
+
+// Has the hardware trap (state 1) or stop trapping (any other) the DHCP of these versions. 0 or the
+// platform's error.
+int32_t dhcpsnoop_if_state_notify(uint32_t ifIndex, uint32_t version, uint32_t state);

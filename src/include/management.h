@@ -1,0 +1,118 @@
+// Numbers of the management interface, shared by the daemon and the client: functions, attributes and result
+// codes of the requests on the command socket.
+#pragma once
+
+#include <cstdint>
+
+constexpr char DHCPSNOOP_SOCKET_PATH[] = "/tmp/dhcpsnoop.socket";
+constexpr uint32_t DHCPSNOOP_REQUEST_MAX = 1520; // body of a request; the framing length is not counted
+constexpr uint32_t DHCPSNOOP_REQUEST_MIN = 26;
+
+enum DhcpsnoopFunc : uint32_t {
+    FUNC_GLOBAL_SET,
+    FUNC_GLOBAL_SYNC, // the same as FUNC_GLOBAL_SET, and so are the other …_SYNC
+    FUNC_GLOBAL_GET,
+    FUNC_IF_FIRST,
+    FUNC_IF_NEXT,
+    FUNC_IF_SET,
+    FUNC_IF_SYNC,
+    FUNC_IF_GET,
+    FUNC_USER_FIRST,
+    FUNC_USER_NEXT,
+    FUNC_USER_SET,
+    FUNC_USER_SYNC,
+    FUNC_USER_GET,
+    FUNC_VLAN_FIRST,
+    FUNC_VLAN_NEXT,
+    FUNC_VLAN_SET,
+    FUNC_VLAN_GET,
+    FUNC_SERVER_IP_FIRST,
+    FUNC_SERVER_IP_NEXT,
+    FUNC_SERVER_IP_SET,
+    FUNC_SERVER_IP_SYNC,
+    FUNC_SERVER_IP_GET,
+    FUNC_COUNT
+};
+static_assert(FUNC_COUNT == 22);
+
+// The form in which a value travels (data type of a request).
+constexpr uint8_t DATA_BYTES = 0, DATA_WORD = 2, DATA_WORD_PAIR = 4;
+
+enum DhcpsnoopGlobalCmd : uint32_t {
+    GLOBAL_ENABLE = 1,
+    GLOBAL_ENTERPRISE = 2,
+    GLOBAL_USER_COUNT = 3, // read only
+    GLOBAL_HW_NOTIFY = 4,
+    GLOBAL_SERVER_LEARN = 16,
+    GLOBAL_CLEAR_STATS = 17, // set only
+    GLOBAL_SYNC_PACKET = 19, // set only, bytes
+    GLOBAL_DEBUG = 20,
+};
+
+enum DhcpsnoopVlanCmd : uint32_t { VLAN_MAX_USER = 1, VLAN_ENABLE = 3 };
+
+enum DhcpsnoopIfCmd : uint32_t {
+    IF_ENABLE = 1,
+    IF_VERSION = 2,
+    IF_TRUST = 3,
+    IF_OPTION82 = 4,
+    IF_CIRCUIT_ID = 5,   // bytes; typed (type, length, text) under format 3 and 4
+    IF_REMOTE_ID = 6,    // bytes, likewise
+    IF_SUBOPT9_TEXT = 7, // bytes
+    IF_POLICY = 8,
+    IF_SUBOPT9 = 9,
+    IF_MODE = 10,
+    IF_OPTION18 = 11,
+    IF_INTERFACE_ID = 12, // bytes, typed likewise
+    IF_OPTION37 = 13,
+    IF_REMOTE_ID6 = 14, // bytes, typed likewise
+    IF_CHECK_MAC = 16,
+    IF_CHECK_BINDING = 17,
+    IF_MAX_USER = 18,
+    IF_CUR_USER = 19, // read only
+    IF_FLAG14 = 20,
+    IF_SETTING21 = 21,
+    IF_DROP_SOURCE_MAC = 22, // read only, and so are the next two
+    IF_DROP_BINDING = 23,
+    IF_DROP_UNTRUSTED = 24,
+    IF_RESERVED25 = 25, // read: success, nothing written; and so are the next two
+    IF_RESERVED26 = 26,
+    IF_RESERVED27 = 27,
+    IF_CLEAR_STATS = 28, // set only
+    IF_CIRCUIT_ID_FORMAT = 30,
+    IF_REMOTE_ID_FORMAT = 31,
+    IF_INTERFACE_ID_FORMAT = 32,
+    IF_REMOTE_ID6_FORMAT = 33,
+    IF_RELAY_ADDR = 34,
+};
+
+enum DhcpsnoopUserCmd : uint32_t {
+    USER_VLAN = 1,
+    USER_INTERFACE = 2,
+    USER_ATTR = 4,
+    USER_MAC = 5,   // bytes
+    USER_LEASE = 6, // read only, and so are the next two
+    USER_ELAPSED = 7,
+    USER_TYPE = 8,
+    USER_ACTION = 9, // read: the binding state
+};
+
+// Values of USER_ACTION.
+constexpr uint32_t USER_ACTION_BIND = 1, USER_ACTION_UNBIND = 2, USER_ACTION_UNBIND_KEEP = 3,
+                   USER_ACTION_CREATE = 4, USER_ACTION_CREATE_ALSO = 5, USER_ACTION_DELETE = 6;
+
+constexpr uint32_t SERVER_IP_SLOT =
+    1; // the only server-ip command; values as USER_ACTION: 1, 4, 5 add, 6 remove
+
+// Result codes of a request. Beside these, plain values: 22, 12 and -1.
+constexpr uint32_t NM_OK = 0;
+constexpr uint32_t NM_NO_ENTRY = 0x3E80002;    // no such entry or interface
+constexpr uint32_t NM_EXISTS = 0x3E80003;      // entry exists, or is an IP source guard binding
+constexpr uint32_t NM_HW_REFUSED = 0x3E80004;  // the hardware layer refused
+constexpr uint32_t NM_BOUND = 0x3E8000C;       // the binding is bound and cannot be changed
+constexpr uint32_t NM_BAD_LENGTH = 0x3E8000D;  // text too short or too long, or no room for the answer
+constexpr uint32_t NM_BAD_COMMAND = 0x3E80010; // unknown command or value, or a precondition not met
+constexpr uint32_t NM_NULL_KEY = 0x3E8001A;
+constexpr uint32_t NM_NO_MEMORY = 12;   // no free entry
+constexpr uint32_t NM_INVALID = 22;     // VLAN id or format mode out of range
+constexpr uint32_t NM_END = 0xFFFFFFFF; // -1: end of an iteration, or a VLAN without interface

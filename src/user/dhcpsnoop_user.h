@@ -1,0 +1,44 @@
+// The binding table (who holds which address), its propagation to hardware and other features, and the
+// MAC-user table.
+#pragma once
+
+#include "platform.h"
+
+uint32_t dhcpsnoop_user_hash_key(const DhcpsnoopUserKey *key);     // bucket
+DhcpsnoopUser *dhcpsnoop_user_lookup(const DhcpsnoopUserKey *key); // null key: null
+DhcpsnoopUser *
+dhcpsnoop_user_table_add(const DhcpsnoopUserKey *key); // zeroed but for the key; null: no key, no node
+
+// Learns from a client's request. `existing` is what the key's lookup found; it may be deleted. 0 when done
+// or nothing to do, -1 when a limit is reached or no node is free.
+int32_t dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *existing,
+                           const DhcpsnoopPktInfo *info);
+
+// Binds on a server's acknowledgement; never creates. Null when there is no dynamic entry of the address. The
+// two buffers go to the auto-provisioning hook.
+DhcpsnoopUser *dhcpsnoop_user_update(const DhcpsnoopPktInfo *info, QorBuffer *option125, QorBuffer *bootFile);
+void dhcpsnoop_user_delete(DhcpsnoopUser *user); // null is ignored
+
+// 0 when some entry matches, else -1. Takes the lock itself.
+extern "C" int32_t dhcpsnoop_user_get(const DhcpsnoopUserQuery *query);
+
+// Propagation. Operate codes: 0 withdraw, 1 install, 2 withdraw and delete.
+void dhcpsnoop_user_notifier(const DhcpsnoopUser *user, uint32_t add);
+int32_t dhcpsnoop_user_state_notify(DhcpsnoopUser *user, uint32_t add, uint8_t *items, uint32_t kind);
+void dhcpsnoop_user_update_hw(DhcpsnoopUser *user, uint32_t add);
+void dhcpsnoop_user_process_on_interface(DhcpsnoopIf *ifp, uint32_t ipTypes, uint32_t userTypes,
+                                         uint32_t operate);
+void dhcpsnoop_user_process_on_trunk(uint32_t trunkIfIndex, uint32_t portIfIndex, uint32_t operate);
+
+// Where a client is: its port and VLAN. A frame on a VLAN interface came in on a member port; on any other
+// interface the VLAN is the frame's own.
+struct DhcpsnoopClientPlace {
+    uint32_t ifIndex;
+    uint16_t vid;
+};
+DhcpsnoopClientPlace dhcpsnoop_client_place(const DhcpsnoopPktInfo *info); // info->ifp is not null
+
+uint32_t dhcpsnoop_mac_user_hash(const uint8_t mac[6]);
+DhcpsnoopMacUser *dhcpsnoop_mac_user_add(const DhcpsnoopPktInfo *info); // does not look for duplicates
+DhcpsnoopMacUser *dhcpsnoop_mac_user_lookup(const uint8_t mac[6]);      // null: null
+void dhcpsnoop_mac_user_delete(DhcpsnoopMacUser *macUser);              // null is ignored
