@@ -1,0 +1,234 @@
+// Bindings pushed out of the daemon: as IP source guard and ARP inspection rules into the forwarding
+// hardware, and as events with the client's gateway to other features. A refusal leaves the entry's installed
+// bits as they were; nothing is retried until the next event that comes here.
+#include "dhcpsnoop_user.h"
+
+#include <cstring>
+
+#include "debug.h"
+#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_sync.h"
+#include "list.h"
+
+static constexpr uint32_t EVENT_USER_ADDED = 188, EVENT_USER_DELETED = 189;
+
+static constexpr uint32_t IF_USER_RULE = 300; // qorIfSetApi
+static constexpr uint8_t MAC_VALID = 0x30, ADDRESS_IPV4 = 0x20, ADDRESS_IPV6 = 0x80;
+
+// qorIndexTrans: a VLAN to the index of its VLAN interface.
+static constexpr uint32_t TRANS_VLAN = 7, TRANS_VLAN_UNIT = 3;
+
+// The hooks' calls.
+static constexpr uint32_t HOOK_ENABLED = 1, HOOK_CHECK_ITEMS = 2;
+
+static constexpr uint32_t OPERATE_INSTALL = 1, OPERATE_DELETE = 2;
+
+// The two features that enforce bindings, in the order in which they are served.
+struct Feature {
+    uint32_t kind;
+    uint8_t installed;
+    DhcpsnoopIfHook DhcpsnoopGlobal::*hook;
+    uint8_t DhcpsnoopUser::*source;
+    uint8_t DhcpsnoopUser::*checkItems;
+};
+static constexpr Feature FEATURES[] = {
+    {DHCPSNOOP_RULE_IPSG, DHCPSNOOP_HW_IPSG, &DhcpsnoopGlobal::ipsgIfGet,    &DhcpsnoopUser::ipsgSource,
+     &DhcpsnoopUser::ipsgCheckItems},
+    {DHCPSNOOP_RULE_DAI,  DHCPSNOOP_HW_DAI,  &DhcpsnoopGlobal::antiArpIfGet, &DhcpsnoopUser::daiSource,
+     &DhcpsnoopUser::daiCheckItems },
+};
+
+void dhcpsnoop_user_notifier(const DhcpsnoopUser *user, uint32_t add)
+{
+    if (user->userType != DHCPSNOOP_USER_DYNAMIC || user->gateway == 0 || user->key.ipType == DHCPSNOOP_IPV6)
+        return;
+
+    // Host order but for the addresses.
+    struct Body {
+        uint8_t mac[6];
+        uint16_t vid;
+        uint32_t ifIndex;
+        uint8_t addr[16];
+        uint8_t gateway[16];
+        uint8_t zero[2];
+        uint8_t family;
+        uint8_t reserved;
+    } body = {};
+    static_assert(sizeof body == 48 && offsetof(Body, gateway) == 28 && offsetof(Body, family) == 46);
+    std::memcpy(body.mac, user->mac, sizeof body.mac);
+    body.vid = user->vid;
+    body.ifIndex = user->ifIndex;
+    std::memcpy(body.addr, user->key.ipAddr, 4);
+    std::memcpy(body.gateway, &user->gateway, sizeof user->gateway);
+    body.family = DHCPSNOOP_IPV4;
+
+    uint8_t bytes[sizeof body];
+    std::memcpy(bytes, &body, sizeof bytes);
+    dhcpsnoop_notify_send(bytes, add == 1 ? EVENT_USER_ADDED : EVENT_USER_DELETED);
+    DEBUG_EVENT("[DHCPSNOOP] Notify %s user: port %d ,vid %d ,mac %s ,ip %s, gateway %s.\r\n",
+                add != 0 ? "add" : "delete", user->ifIndex, user->vid, mac_text(user->mac).text,
+                ipv4_text(user->key.ipAddr).text, ipv4_text(body.gateway).text);
+}
+
+static QorUserRecord rule_record(const DhcpsnoopUser *user, uint8_t items, uint32_t kind)
+{
+    QorUserRecord record = {};
+    record.ipType = user->key.ipType;
+    record.userAttr = user->userAttr;
+    if ((items & DHCPSNOOP_CHECK_MAC) != 0) {
+        std::memcpy(record.mac, user->mac, sizeof record.mac);
+        record.macValid = MAC_VALID;
+    }
+    if ((items & DHCPSNOOP_CHECK_VLAN) != 0) {
+        record.vid = user->vid;
+        record.origVid = user->origVid;
+    }
+    if ((items & DHCPSNOOP_CHECK_PORT) != 0)
+        record.ifIndex = user->ifIndex;
+    if ((items & DHCPSNOOP_CHECK_IP) != 0) {
+        const bool ipv4 = user->key.ipType == DHCPSNOOP_IPV4;
+        std::memcpy(record.addr, user->key.ipAddr, ipv4 ? 4 : sizeof record.addr);
+        record.addrKind = ipv4 ? ADDRESS_IPV4 : ADDRESS_IPV6;
+    }
+    if (kind == DHCPSNOOP_RULE_IPSG) {
+        record.ruleFlags = DHCPSNOOP_HW_IPSG;
+        record.ipsgHwId = user->ipsgHwId;
+    } else if (kind == DHCPSNOOP_RULE_DAI && gDhcpsnoop.daiStarted == 1) {
+        record.ruleFlags = DHCPSNOOP_HW_DAI;
+        record.daiHwId = user->daiHwId;
+    }
+    return record;
+}
+
+int32_t dhcpsnoop_user_state_notify(DhcpsnoopUser *user, uint32_t add, uint8_t *items, uint32_t kind)
+{
+    // A standby unit programs no hardware, but marks its entries as the master does.
+    if (dhcpsnoop_running_role_get() == DHCPSNOOP_ROLE_SLAVE)
+        return 0;
+
+    QorUserRecord record = rule_record(user, *items, kind);
+    QorIfRequest request = {
+        add == 1 ? QOR_USER_ADD : QOR_USER_DELETE, &record, {0, 0}
+    };
+    const int32_t result = qorIfSetApi(user->ifIndex, IF_USER_RULE, &request);
+
+    // Kept: the identifiers are taken over from a failed add too.
+    if (add == 1 && kind == DHCPSNOOP_RULE_IPSG)
+        user->ipsgHwId = record.ipsgHwId;
+    if (add == 1 && kind == DHCPSNOOP_RULE_DAI)
+        user->daiHwId = record.daiHwId;
+
+    // Kept: what is printed as check items are the rule flags.
+    DEBUG_EVENT("[DHCPSNOOP] %s user in hwapi: port %d ,vid %d ,mac %s ,ip %s, checkitem 0x%0x.\r\n",
+                add != 0 ? "Add" : "Delete", user->ifIndex, user->vid, mac_text(user->mac).text,
+                address_text(user->key).text, record.ruleFlags);
+    if (result != 0)
+        DEBUG_EVENT("[DHCPSNOOP] %s user info in hwapi failed!\r\n", add != 0 ? "Add" : "Delete");
+    return result;
+}
+
+// Whether the feature is on for the interface, and the fields that it checks there.
+static bool feature_enabled(DhcpsnoopIfHook hook, uint32_t ifIndex, uint8_t *items)
+{
+    uint32_t enabled = 0;
+    if (hook(ifIndex, HOOK_ENABLED, &enabled) != 0 || enabled != 1)
+        return false;
+    uint8_t reply[8] = {}; // the answer is one byte; a hook that writes a word does no harm
+    hook(ifIndex, HOOK_CHECK_ITEMS, reply);
+    *items = reply[0];
+    return true;
+}
+
+// The port's setting rules over that of its VLAN.
+static void install(DhcpsnoopUser *user, const Feature &feature)
+{
+    const DhcpsnoopIfHook hook = gDhcpsnoop.*feature.hook;
+    if (hook == nullptr)
+        return;
+    uint8_t items = 0;
+    uint8_t from = DHCPSNOOP_SOURCE_PORT;
+    if (!feature_enabled(hook, user->ifIndex, &items)) {
+        const uint32_t request[7] = {1, 1, 1, 1, user->vid, TRANS_VLAN_UNIT, 0};
+        uint32_t vlanIfIndex = 0;
+        if (qorIndexTrans(request, TRANS_VLAN, &vlanIfIndex) != 0 ||
+            !feature_enabled(hook, vlanIfIndex, &items))
+            return;
+        from = DHCPSNOOP_SOURCE_VLAN;
+    }
+
+    // What is installed is left as it is, with the check items of its own time.
+    if ((user->hwFlags & feature.installed) != 0)
+        return;
+    if (dhcpsnoop_user_state_notify(user, 1, &items, feature.kind) != 0)
+        return;
+    user->hwFlags |= feature.installed;
+    user->*feature.source = from;
+    user->*feature.checkItems = items;
+}
+
+static void withdraw(DhcpsnoopUser *user, const Feature &feature)
+{
+    if ((user->hwFlags & feature.installed) == 0)
+        return;
+    if (dhcpsnoop_user_state_notify(user, 0, &(user->*feature.checkItems), feature.kind) != 0)
+        return;
+    user->*feature.checkItems = 0;
+    user->*feature.source = 0;
+    user->hwFlags &= static_cast<uint8_t>(~feature.installed);
+}
+
+void dhcpsnoop_user_update_hw(DhcpsnoopUser *user, uint32_t add)
+{
+    for (const Feature &feature : FEATURES) {
+        if (add != 0)
+            install(user, feature);
+        else
+            withdraw(user, feature);
+    }
+}
+
+// No interface means every binding.
+static bool on_interface(const DhcpsnoopUser *user, const DhcpsnoopIf *ifp)
+{
+    if (ifp == nullptr)
+        return true;
+    if (ifp->isVlanIf == 1)
+        return user->vid == dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID);
+    return user->ifIndex == ifp->ifIndex;
+}
+
+void dhcpsnoop_user_process_on_interface(DhcpsnoopIf *ifp, uint32_t ipTypes, uint32_t userTypes,
+                                         uint32_t operate)
+{
+    DEBUG_EVENT("[DHCPSNOOP] Process user on interface %d, inet type %d, user type = %d, operate %d.\r\n",
+                ifp != nullptr ? ifp->ifIndex : 0, ipTypes, userTypes, operate);
+    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
+        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
+            if (!on_interface(user, ifp) || (ipTypes & user->key.ipType) == 0 ||
+                (userTypes & user->userType) == 0)
+                continue;
+            dhcpsnoop_user_update_hw(user, operate & OPERATE_INSTALL);
+            if ((operate & OPERATE_DELETE) != 0)
+                dhcpsnoop_user_delete(user);
+        }
+    }
+}
+
+void dhcpsnoop_user_process_on_trunk(uint32_t trunkIfIndex, uint32_t portIfIndex, uint32_t operate)
+{
+    DEBUG_EVENT("[DHCPSNOOP] Process user on trunk interface %d, port %d, operate %d.\r\n", trunkIfIndex,
+                portIfIndex, operate);
+    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
+        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
+            if (trunkIfIndex != 0 && user->ifIndex != trunkIfIndex)
+                continue;
+            // Kept: a copy, so that the entry's own flags go on describing the trunk. What the trunk has
+            // installed is not installed again for a member that joins, and is withdrawn for one that leaves.
+            DhcpsnoopUser member = *user;
+            member.ifIndex = portIfIndex;
+            dhcpsnoop_user_update_hw(&member, operate & OPERATE_INSTALL);
+            if ((operate & OPERATE_DELETE) != 0)
+                dhcpsnoop_user_delete(user);
+        }
+    }
+}
