@@ -1,0 +1,360 @@
+"""A virtual switch with its clients and servers, each host a network namespace.
+
+    swp1  access 10          pc1     a client
+    swp2  access 20          pc2     a client
+    swp3  trunk 10,20        trunk   clients on tagged VLAN devices (and, for the tests, double-tagged ones)
+    swp4  trunk 10,20        server  the real DHCP server of VLANs 10 and 20
+    swp5  access 10          rogue   a host that plays DHCP server
+    swp6  routed             relay1, relay2  DHCP servers of VLAN 30, behind the router port
+    swp7  access 30          pc3     a client whose requests are relayed
+
+Needs root, and isolate.enter() before it: nothing here cleans up after itself more than it must.
+"""
+
+import contextlib
+import os
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import time
+
+import vlan
+from isolate import check, libc, CLONE_NEWNET
+
+HERE = os.path.dirname(os.path.realpath(__file__))
+ROOT = os.path.dirname(HERE)
+RUN = "/run/lab"
+SYSTEM_NAME = "lab-switch"
+SWITCH_CONF = f"{RUN}/switch.conf"
+SOCKET = "/tmp/dhcpsnoop.socket"
+
+# port, its line in the switch model, the host at its other end
+PORTS = (
+    ("swp1", "access 10", "pc1"),
+    ("swp2", "access 20", "pc2"),
+    ("swp3", "trunk 10,20 native 1", "trunk"),
+    ("swp4", "trunk 10,20 native 1", "server"),
+    ("swp5", "access 10", "rogue"),
+    ("swp6", "routed", "core"),
+    ("swp7", "access 30", "pc3"),
+)
+TRUSTED = ("swp4", "swp6")
+RELAY_ADDRESS = "10.0.30.1"
+RELAY_SERVERS = {"relay1": "192.0.2.11", "relay2": "192.0.2.12"}
+MACS = {"pc1": "02:00:00:00:01:01", "pc2": "02:00:00:00:02:01", "pc3": "02:00:00:00:03:01",
+        "trunk": "02:00:00:00:04:01", "server": "02:00:00:00:05:01", "rogue": "02:00:00:00:06:66",
+        "core": "02:00:00:00:07:01", "relay1": "02:00:00:00:07:11", "relay2": "02:00:00:00:07:12"}
+TRUNK_CLIENTS = {"vlan10": "02:00:00:00:04:10", "vlan20": "02:00:00:00:04:20"}
+
+
+class Failure(Exception):
+    """Something of the lab that must work did not."""
+
+
+def wait_for(what, condition, timeout=10.0):
+    """Polls until `condition()` is true and gives its value."""
+    end = time.monotonic() + timeout
+    while not (value := condition()):
+        if time.monotonic() > end:
+            raise Failure(f"after {timeout:g} s still no {what}")
+        time.sleep(0.02)
+    return value
+
+
+class Host:
+    """A network namespace: the switch, or a machine at one of its ports."""
+
+    def __init__(self, name):
+        self.name = name
+        subprocess.run(["ip", "netns", "add", name], check=True)
+        # IPv6 addresses are usable at once: dhclient -6 gives up while its own is tentative.
+        for where in ("all", "default"):
+            self.sysctl(f"net/ipv6/conf/{where}/accept_dad", 0)
+            self.sysctl(f"net/ipv6/conf/{where}/dad_transmits", 0)
+            self.sysctl(f"net/ipv4/conf/{where}/rp_filter", 0)
+        self.ip("link set lo up")
+
+    @contextlib.contextmanager
+    def inside(self):
+        """The body runs in the host's network namespace; sockets that it opens stay there."""
+        with open("/proc/self/ns/net") as home, open(f"/run/netns/{self.name}") as there:
+            check(libc.setns(there.fileno(), CLONE_NEWNET), f"setns {self.name}")
+            try:
+                yield
+            finally:
+                check(libc.setns(home.fileno(), CLONE_NEWNET), "setns back")
+
+    def sysctl(self, name, value):
+        with self.inside():
+            path = f"/proc/sys/{name}"
+            if os.path.exists(path):
+                with open(path, "w") as file:
+                    file.write(str(value))
+
+    def command(self, *arguments):
+        """`ip netns exec` would mount a new /sys and so hide the pinned maps in /sys/fs/bpf."""
+        return ["nsenter", f"--net=/run/netns/{self.name}", "--", *arguments]
+
+    def run(self, *arguments, check=True, **options):
+        done = subprocess.run(self.command(*arguments), text=True, capture_output=True, **options)
+        if check and done.returncode:
+            raise Failure(f"{self.name}: {' '.join(arguments)}: exit {done.returncode}\n{done.stdout}{done.stderr}")
+        return done
+
+    def ip(self, line):
+        self.run("ip", *line.split())
+
+    def tc_program(self, device, direction, program, name):
+        path = program.pin(f"{self.name}-{name}")
+        self.run("tc", "qdisc", "replace", "dev", device, "clsact")
+        # Behind whatever the switch attaches, which takes the first preferences.
+        self.run("tc", "filter", "add", "dev", device, direction, "pref", "50000", "bpf", "da", "object-pinned", path)
+
+    def index(self, device):
+        with self.inside():
+            return socket.if_nametoindex(device)
+
+    def vlan_device(self, parent, vid, mac, name=None):
+        """Makes a device for one VLAN of a link, of a VLAN device for double tags."""
+        name = name or f"vlan{vid}"
+        lower = f"{name}-low"
+        self.ip(f"link add {name} address {mac} type veth peer name {lower}")
+        for device in (name, lower):
+            self.ip(f"link set {device} up")
+        self.ip(f"link set {parent} promisc on")
+        self.tc_program(lower, "ingress", vlan.tagger(vid, self.index(parent)), f"{name}-push")
+        self.tc_program(parent, "ingress", vlan.untagger(vid, self.index(lower)), f"{name}-pop")
+
+    def address(self, device):
+        """The device's IPv4 address, or None."""
+        fields = self.run("ip", "-4", "-o", "addr", "show", "dev", device).stdout.split()
+        return fields[3].split("/")[0] if len(fields) > 3 else None
+
+
+class Process:
+    """A process of the lab, its output in a file."""
+
+    def __init__(self, host, name, *arguments, env=None):
+        self.name, self.output = name, f"{RUN}/{name}.log"
+        with open(self.output, "ab") as log:
+            self.popen = subprocess.Popen(host.command(*arguments), stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                                          env={**os.environ, **(env or {})})
+
+    def log(self):
+        with open(self.output, errors="replace") as file:
+            return file.read()
+
+    def running(self):
+        return self.popen.poll() is None
+
+    def signal(self, number):
+        self.popen.send_signal(number)
+
+    def stop(self, timeout=10):
+        """Ends the process and gives its exit status."""
+        if self.running():
+            self.popen.terminate()
+        try:
+            return self.popen.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.popen.kill()
+            return self.popen.wait()
+
+
+class Client:
+    """A DHCP client program on one device."""
+
+    def __init__(self, host, device="eth0", program="udhcpc", name=None):
+        self.host, self.device = host, device
+        self.name = name or f"{program}-{host.name}-{device}"
+        self.events = f"{RUN}/{self.name}.events"
+        self.leases = f"{RUN}/{self.name}.leases"
+        self.program = program
+        for path in (self.events, self.leases):
+            open(path, "w").close()
+        self.process = None
+
+    def start(self):
+        arguments = {
+            "udhcpc": ["udhcpc", "-f", "-R", "-t", "5", "-T", "1", "-A", "1", "-i", self.device, "-s",
+                       f"{HERE}/client-script"],
+            "dhclient": [*self.dhclient(), "-d", "-cf", self.dhclient_conf(), self.device],
+        }[self.program]
+        self.process = Process(self.host, self.name, *arguments, env={"LAB_EVENTS": self.events})
+        return self
+
+    def dhclient(self):
+        return ["dhclient", "-4", "-sf", f"{HERE}/client-script", "-e", f"LAB_EVENTS={self.events}", "-lf",
+                self.leases, "-pf", f"{RUN}/{self.name}.pid"]
+
+    def dhclient_conf(self):
+        """Makes it retry soon."""
+        path = f"{RUN}/{self.name}.conf"
+        with open(path, "w") as file:
+            file.write("timeout 20; retry 1; initial-interval 1; backoff-cutoff 1; initial-delay 0;\n")
+        return path
+
+    def history(self):
+        """The client's events so far, as [event, address, …] lists."""
+        with open(self.events) as file:
+            return [line.split() for line in file]
+
+    def count(self, *events):
+        return sum(event[0] in events for event in self.history())
+
+    def wait_lease(self, timeout=15.0):
+        """Waits until the client has an address and gives it."""
+        return wait_for(f"lease of {self.name}", lambda: self.host.address(self.device), timeout)
+
+    def release(self):
+        """Ends the client so that it releases its lease."""
+        if self.program == "dhclient":
+            self.host.run(*self.dhclient(), "-r", self.device)
+            self.process.popen.wait(10)
+        else:
+            self.stop()
+
+    def stop(self):
+        self.process.stop()
+
+
+class Lab:
+    """The topology with its servers. The daemon is started and stopped apart from it."""
+
+    def __init__(self, build, offload=True):
+        self.build = os.path.realpath(build)
+        self.offload = offload
+        self.hosts, self.processes, self.daemon = {}, [], None
+        os.makedirs(RUN, exist_ok=True)
+        socket.sethostname(SYSTEM_NAME)
+
+    def __getattr__(self, name):
+        try:
+            return self.__dict__["hosts"][name]
+        except KeyError:
+            raise AttributeError(name) from None
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    def start(self):
+        switch = self.add_host("switch")
+        self.make_ports(switch)
+        self.make_relay_side(switch)
+        trunk, server = self.trunk, self.server
+        for device, mac in TRUNK_CLIENTS.items():
+            trunk.vlan_device("eth0", int(device[4:]), mac)
+        for vid in (10, 20):
+            server.vlan_device("eth0", vid, MACS["server"])
+            server.ip(f"addr add 10.0.{vid}.1/24 dev vlan{vid}")
+            server.run("ethtool", "-K", f"vlan{vid}", "tx", "on" if self.offload else "off")
+        self.start_dnsmasq(server, "vlan10", "vlan20", ranges=("10.0.10.100,10.0.10.199,255.255.255.0",
+                                                               "10.0.20.100,10.0.20.199,255.255.255.0"))
+        for number, (name, address) in enumerate(RELAY_SERVERS.items(), 1):
+            self.start_dnsmasq(self.hosts[name], "eth0",
+                               ranges=(f"10.0.30.{number}00,10.0.30.{number}49,255.255.255.0",))
+
+    def add_host(self, name):
+        self.hosts[name] = Host(name)
+        return self.hosts[name]
+
+    def connect(self, host, device, switch, port):
+        host.ip(f"link add {device} address {MACS[host.name]} type veth peer name {port} netns {switch.name}")
+        if not self.offload:
+            host.run("ethtool", "-K", device, "tx", "off")
+            switch.run("ethtool", "-K", port, "tx", "off")
+        host.ip(f"link set {device} up")
+        switch.ip(f"link set {port} up")
+
+    def make_ports(self, switch):
+        switch.ip("link add br0 type bridge mcast_snooping 0")
+        for table in ("iptables", "ip6tables", "arptables"):
+            switch.sysctl(f"net/bridge/bridge-nf-call-{table}", 0)
+        bridged = []
+        with open(SWITCH_CONF, "w") as conf:
+            conf.write("system 1\n")
+            for port, model, name in PORTS:
+                self.connect(self.add_host(name), "eth0", switch, port)
+                conf.write(f"port {port} {model}\n")
+                if model != "routed":
+                    switch.ip(f"link set {port} master br0")
+                    bridged.append((port, *port_vlans(model)))
+        native = {switch.index(port): untagged for port, untagged, _ in bridged}
+        for port, untagged, tagged in bridged:
+            switch.tc_program(port, "egress", vlan.bridge_port(untagged, tagged, native), f"{port}-vlan")
+        switch.ip("link set br0 up")
+
+    def make_relay_side(self, switch):
+        """VLAN 30's address on the switch, and two servers on one segment behind the router port."""
+        switch.sysctl("net/ipv4/ip_forward", 1)
+        switch.ip(f"addr add {RELAY_ADDRESS}/24 dev br0")
+        switch.ip("addr add 192.0.2.1/24 dev swp6")
+        core = self.core
+        core.ip("link add br0 type bridge mcast_snooping 0")
+        core.ip("link set eth0 master br0")
+        core.ip("link set br0 up")
+        for name, address in RELAY_SERVERS.items():
+            host = self.add_host(name)
+            self.connect(host, "eth0", core, name)
+            core.ip(f"link set {name} master br0")
+            host.ip(f"addr add {address}/24 dev eth0")
+            host.ip("route add default via 192.0.2.1")
+
+    def start_dnsmasq(self, host, *devices, ranges):
+        arguments = [f"--interface={device}" for device in devices]
+        arguments += [f"--dhcp-range={addresses},120" for addresses in ranges]
+        self.processes.append(Process(
+            host, f"dnsmasq-{host.name}", "dnsmasq", "-k", "--conf-file=/dev/null", "--port=0", "--bind-interfaces",
+            "--dhcp-authoritative", "--no-ping", "--log-dhcp", "--log-facility=-", "--user=root", "--pid-file=",
+            f"--dhcp-leasefile={RUN}/dnsmasq-{host.name}.leases", *arguments))
+
+    def start_daemon(self, *arguments, conf=SWITCH_CONF):
+        """Starts the daemon in the switch and waits until it answers."""
+        self.daemon = Process(self.switch, "dhcpsnoop", self.binary("dhcpsnoop"), *arguments,
+                              env={"DHCPSNOOP_SWITCH_CONF": conf})
+
+        def answers():
+            if not self.daemon.running():
+                raise Failure(f"the daemon ended with {self.daemon.popen.returncode}\n{self.daemon.log()}")
+            return self.ctl("show", "interfaces", check=False).returncode == 0
+
+        wait_for("answer of the daemon", answers)
+        return self.daemon
+
+    def stop_daemon(self):
+        daemon, self.daemon = self.daemon, None
+        if daemon:
+            daemon.stop()
+
+    def binary(self, name):
+        for path in (f"{self.build}/{name}", f"{self.build}/ctl/{name}"):
+            if os.path.exists(path):
+                return path
+        raise Failure(f"{self.build} holds no {name}: build first")
+
+    def ctl(self, *arguments, check=True):
+        return self.switch.run(self.binary("dhcpsnoopctl"), *arguments, check=check)
+
+    def stop(self):
+        self.stop_daemon()
+        for process in self.processes:
+            process.stop()
+        for host in self.hosts:
+            subprocess.run(["ip", "netns", "del", host], check=True)
+        self.hosts, self.processes = {}, []
+        shutil.rmtree(RUN)
+
+
+def port_vlans(model):
+    """The untagged VLAN and the tagged VLANs of a port by its model line."""
+    words = model.split()
+    if words[0] == "access":
+        return int(words[1]), ()
+    tagged = tuple(int(vid) for vid in words[1].split(","))
+    return (int(words[3]) if "native" in words else 0), tagged

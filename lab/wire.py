@@ -1,0 +1,174 @@
+"""Frames on the lab's wires: raw sockets at the hosts, DHCP messages made and read with scapy, captures read by tshark."""
+
+import logging
+import random
+import select
+import signal
+import socket
+import struct
+import subprocess
+import time
+
+logging.getLogger("scapy.runtime").setLevel(logging.ERROR)  # it remarks that lo has no address
+from scapy.config import conf
+from scapy.layers.dhcp import BOOTP, DHCP
+from scapy.layers.inet import IP, UDP
+from scapy.layers.l2 import Dot1Q, Ether
+
+from lab import RUN, Failure, Process, wait_for
+
+conf.verb = 0
+SOL_PACKET, PACKET_AUXDATA, PACKET_IGNORE_OUTGOING, ETH_P_ALL = 263, 8, 23, 3
+TP_STATUS_VLAN_VALID = 1 << 4
+BROADCAST = "ff:ff:ff:ff:ff:ff"
+TYPES = {"discover": 1, "offer": 2, "request": 3, "decline": 4, "ack": 5, "nak": 6, "release": 7, "inform": 8}
+
+
+class Endpoint:
+    """A raw socket at a host's device: sends frames byte for byte, sees what arrives with its tags."""
+
+    def __init__(self, host, device="eth0"):
+        self.name = f"{host.name} {device}"
+        with host.inside():
+            self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
+            self.socket.setsockopt(SOL_PACKET, PACKET_AUXDATA, 1)
+            self.socket.setsockopt(SOL_PACKET, PACKET_IGNORE_OUTGOING, 1)
+            self.socket.bind((device, ETH_P_ALL))
+        self.drain()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.socket.close()
+
+    def send(self, frame):
+        self.socket.send(bytes(frame))
+
+    def next(self, timeout):
+        """The next frame that arrived, or None."""
+        if not select.select([self.socket], [], [], max(0, timeout))[0]:
+            return None
+        data, control, _, _ = self.socket.recvmsg(65536, socket.CMSG_SPACE(20))
+        for level, kind, payload in control:
+            if (level, kind) == (SOL_PACKET, PACKET_AUXDATA):
+                status, _, _, _, _, tci, tpid = struct.unpack("=IIIHHHH", payload)
+                if status & TP_STATUS_VLAN_VALID:
+                    data = data[:12] + struct.pack("!HH", tpid or 0x8100, tci) + data[12:]
+        return Ether(data)
+
+    def drain(self):
+        """Everything that has arrived and was not read yet."""
+        frames = []
+        while (frame := self.next(0)) is not None:
+            frames.append(frame)
+        return frames
+
+    def receive(self, what, match, timeout=5.0):
+        """The first frame for which `match(frame)` holds."""
+        end = time.monotonic() + timeout
+        while (frame := self.next(end - time.monotonic())) is not None:
+            if match(frame):
+                return frame
+        raise Failure(f"{self.name} saw no {what} within {timeout:g} s")
+
+    def receive_dhcp(self, kind, timeout=5.0, **fields):
+        return self.receive(f"DHCP {kind} with {fields}", lambda frame: is_dhcp(frame, kind, **fields), timeout)
+
+
+def options(frame):
+    """The DHCP options as scapy names them."""
+    return {option[0]: option[1] for option in frame[DHCP].options if isinstance(option, tuple)}
+
+
+def is_dhcp(frame, kind=None, **fields):
+    """Is it a DHCP message of that kind whose BOOTP fields have these values?"""
+    if DHCP not in frame or (kind and options(frame).get("message-type") != TYPES[kind]):
+        return False
+    return all(getattr(frame[BOOTP], name) == value for name, value in fields.items())
+
+
+def outer_vid(frame):
+    """The id in the outer tag, 0 for an untagged frame."""
+    return frame[Dot1Q].vlan if Dot1Q in frame else 0
+
+
+def mac_bytes(mac):
+    return bytes.fromhex(mac.replace(":", ""))
+
+
+def message(op, kind, mac, extra, source, destination, ports, **fields):
+    bootp = BOOTP(op=op, chaddr=mac_bytes(mac), **{"xid": random.getrandbits(32), **fields})
+    return (Ether(src=source[0], dst=destination[0]) / IP(src=source[1], dst=destination[1]) /
+            UDP(sport=ports[0], dport=ports[1]) / bootp / DHCP(options=[("message-type", kind), *extra, "end"]))
+
+
+def from_client(kind, mac, *extra, source_mac=None, source="0.0.0.0", to=(BROADCAST, "255.255.255.255"), **fields):
+    """A client's message. `extra` are more options, `fields` are of the BOOTP header (ciaddr, xid, …)."""
+    return message(1, kind, mac, extra, (source_mac or mac, source), to, (68, 67), **fields)
+
+
+def from_server(kind, mac, server, address, *extra, lease=600, source_mac, to=(BROADCAST, "255.255.255.255"), **fields):
+    """A server's message that gives `address` to the client with that MAC."""
+    lease_options = [("server_id", server), ("lease_time", lease), ("subnet_mask", "255.255.255.0")]
+    return message(2, kind, mac, [*lease_options, *extra], (source_mac, server), to, (67, 68),
+                   yiaddr=address, **{"flags": 0x8000, **fields})
+
+
+class Capture:
+    """tcpdump at a host's device into a file, for the independent decoder."""
+
+    def __init__(self, host, device="eth0", name=None):
+        self.file = f"{RUN}/{name or f'{host.name}-{device}'}.pcap"
+        self.tcpdump = Process(host, f"tcpdump-{host.name}-{device}", "tcpdump", "-Z", "root", "-i", device, "-U",
+                               "--immediate-mode", "-w", self.file, "udp port 67 or udp port 68 or vlan")
+        wait_for("capture", lambda: "listening on" in self.tcpdump.log() or not self.tcpdump.running())
+        if not self.tcpdump.running():
+            raise Failure(self.tcpdump.log())
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    def stop(self):
+        if self.tcpdump.running():
+            self.tcpdump.signal(signal.SIGINT)
+            self.tcpdump.popen.wait(5)
+
+    def decode(self, fields, where="dhcp"):
+        """The fields of every captured frame that the display filter `where` selects, as a list of dicts of text."""
+        self.stop()
+        arguments = ["tshark", "-r", self.file, "-Y", where, "-o", "udp.check_checksum:TRUE", "-o",
+                     "ip.check_checksum:TRUE", "-T", "fields", "-E", "separator=/t", "-E", "occurrence=a"]
+        for field in fields:
+            arguments += ["-e", field]
+        done = subprocess.run(arguments, text=True, capture_output=True, check=True)
+        return [dict(zip(fields, line.split("\t"))) for line in done.stdout.splitlines()]
+
+    def option82(self, where="dhcp"):
+        """tshark's tree of option 82 in the first frame that `where` selects, as indented lines."""
+        self.stop()
+        done = subprocess.run(["tshark", "-r", self.file, "-Y", where, "-c", "100000", "-O", "dhcp"], text=True,
+                              capture_output=True, check=True)
+        tree = []
+        for line in done.stdout.splitlines():
+            indent = len(line) - len(line.lstrip())
+            if tree:
+                if indent <= tree[0][0]:
+                    break
+                tree.append((indent, line.strip()))
+            elif "Option: (82)" in line:
+                tree.append((indent, line.strip()))
+        return [" " * (indent - tree[0][0]) + text for indent, text in tree]
+
+
+def exchange(endpoint, mac, *extra, **fields):
+    """A client's DISCOVER and REQUEST and a real server's answers; gives the ACK. `extra` are options of both."""
+    fields = {"xid": random.getrandbits(32), "flags": 0x8000, **fields}
+    endpoint.send(from_client("discover", mac, *extra, **fields))
+    offer = endpoint.receive_dhcp("offer", xid=fields["xid"])
+    endpoint.send(from_client("request", mac, ("server_id", options(offer)["server_id"]),
+                              ("requested_addr", offer[BOOTP].yiaddr), *extra, **fields))
+    return endpoint.receive_dhcp("ack", xid=fields["xid"])
