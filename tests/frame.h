@@ -1,0 +1,107 @@
+// Frames for tests, built field by field with code of their own: a default Frame is a valid broadcast
+// DHCPDISCOVER of client 1, and a test names only what it is about. Lengths and checksums are computed from
+// what the frame holds unless the test sets them. dissect() writes any frame out for comparison: a difference
+// shows as a line.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+using Mac = std::array<uint8_t, 6>;
+
+constexpr Mac MAC_BROADCAST = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+constexpr Mac MAC_CLIENT = {0x02, 0xC1, 0x00, 0x00, 0x00, 0x01};
+constexpr Mac MAC_CLIENT2 = {0x02, 0xC1, 0x00, 0x00, 0x00, 0x02};
+constexpr Mac MAC_SERVER = {0x02, 0x5E, 0x00, 0x00, 0x00, 0x01};
+
+constexpr uint32_t ip4(uint8_t a, uint8_t b, uint8_t c, uint8_t d)
+{
+    return uint32_t{a} << 24 | uint32_t{b} << 16 | uint32_t{c} << 8 | d;
+}
+
+// Bytes of a number, most significant first.
+Bytes be16(uint32_t value);
+Bytes be32(uint32_t value);
+Bytes text_bytes(std::string_view text);
+Bytes mac_bytes(const Mac &mac);
+Bytes hex_bytes(std::string_view text); // "35 01 05 ff"; blanks are skipped
+Bytes repeated(uint8_t byte, size_t count);
+Bytes operator+(Bytes left, const Bytes &right);
+
+// One DHCP option (or sub-option): code, length, data.
+Bytes opt(uint8_t code, const Bytes &data);
+Bytes opt_type(uint8_t messageType); // 53
+Bytes opt_ip(uint8_t code, uint32_t address);
+Bytes opt_lease(uint32_t seconds); // 51
+const Bytes OPT_END = {255};
+
+struct Tag {
+    uint16_t tpid = 0x8100;
+    uint16_t tci = 0; // priority and VLAN id
+};
+
+struct Frame {
+    // Ethernet
+    Mac dst = MAC_BROADCAST;
+    Mac src = MAC_CLIENT;
+    std::vector<Tag> tags = {};
+    uint16_t etherType = 0x0800;
+    // IPv4 (RFC 791)
+    uint8_t ipVersion = 4;
+    std::optional<uint8_t> ihl = {}; // in words; else what ipOptions takes
+    std::optional<uint16_t> ipTotalLen = {};
+    uint8_t ttl = 64;
+    uint8_t protocol = 17;
+    std::optional<uint16_t> ipChecksum = {};
+    uint32_t srcIp = 0;
+    uint32_t dstIp = 0xFFFFFFFF;
+    Bytes ipOptions = {};
+    // UDP (RFC 768)
+    uint16_t srcPort = 68;
+    uint16_t dstPort = 67;
+    std::optional<uint16_t> udpLen = {};
+    std::optional<uint16_t> udpChecksum = {};
+    // BOOTP (RFC 2131 2)
+    uint8_t op = 1;
+    uint8_t hops = 0;
+    uint32_t xid = 0x3903F326;
+    uint16_t flags = 0;
+    uint32_t ciaddr = 0, yiaddr = 0, siaddr = 0, giaddr = 0;
+    Mac chaddr = MAC_CLIENT;
+    uint32_t cookie = 0x63825363;
+    // The option area as it stands, end option included; empty for none.
+    Bytes options = {53, 1, 1, 255};
+    // What stands instead of the BOOTP message and its options.
+    std::optional<Bytes> payload = {};
+    Bytes padding = {}; // behind the IP datagram
+
+    Bytes bytes() const;
+    // The BOOTP message alone, options included.
+    Bytes message() const;
+    size_t l2_length() const { return 14 + 4 * tags.size(); }
+};
+
+// A client's message of the given type with these options before the end option.
+Frame client_frame(uint8_t messageType, const Bytes &options = {});
+// A server's broadcast reply to client 1: server 10.0.0.1, offered address 10.0.0.100, one hour.
+Frame server_frame(uint8_t messageType, const Bytes &options = {});
+
+// The RFC 1071 sum by the simplest means, for expectations.
+uint16_t internet_checksum(const Bytes &bytes);
+
+// Every byte of an Ethernet frame as text, a line for each field, checksums judged. `tags` are what stands
+// between the addresses and the EtherType 0x0800.
+std::string dissect(const Bytes &frame);
+
+// The data of the first option of that code in the frame's DHCP message, found by an own walk; none when it
+// is absent.
+std::optional<Bytes> option_of(const Bytes &frame, uint8_t code);
+// The option area of the frame's DHCP message.
+Bytes options_of(const Bytes &frame);
+
+std::string hex(const Bytes &bytes);

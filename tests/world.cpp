@@ -1,0 +1,669 @@
+// The fake platform's own side: what is there, the journal, and every call of platform.h.
+#include "world.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <linux/if_packet.h>
+#include <sys/socket.h>
+
+#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_user.h"
+
+World world;
+int worldDepth = 0;
+
+namespace
+{
+
+uint32_t native32(const uint8_t *p)
+{
+    uint32_t value;
+    memcpy(&value, p, sizeof value);
+    return value;
+}
+
+uint16_t native16(const uint8_t *p)
+{
+    uint16_t value;
+    memcpy(&value, p, sizeof value);
+    return value;
+}
+
+WorldPort *port_of(uint32_t ifIndex)
+{
+    const auto found = world.ports.find(ifIndex);
+    return found == world.ports.end() ? nullptr : &found->second;
+}
+
+void fill(QorBuffer *buffer, const void *data, size_t count)
+{
+    if (count > buffer->length)
+        count = buffer->length;
+    memcpy(buffer->data, data, count);
+    buffer->length = static_cast<uint32_t>(count);
+}
+
+std::string formatted(const char *format, va_list arguments)
+{
+    char text[4096];
+    vsnprintf(text, sizeof text, format, arguments);
+    return text;
+}
+
+// The line of a call. Empty while nobody reads it: writing it out is most of what a call of this world costs.
+__attribute__((format(printf, 1, 2))) std::string call_line(const char *format, ...)
+{
+    if (world.quiet())
+        return {};
+    va_list arguments;
+    va_start(arguments, format);
+    std::string text = formatted(format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+std::string call_hex(const uint8_t *bytes, size_t count)
+{
+    return world.quiet() ? std::string() : world_hex(bytes, count);
+}
+
+// A call that changes nothing.
+void note(const std::string &line)
+{
+    if (world.recording)
+        world.asked.push_back(line);
+}
+
+// Journals the call and gives its result.
+int32_t did(const std::string &line, Bytes data = {})
+{
+    world.enter({.did = Did::Call, .text = line, .data = std::move(data)});
+    return world.refused(line).value_or(0);
+}
+
+// The value a synchronisation call carries: text where the mode says so, else a number.
+std::string sync_value(const void *value, bool isText, Bytes *data)
+{
+    if (value == nullptr)
+        return "null";
+    if (!isText)
+        return call_line("%u", *static_cast<const uint32_t *>(value));
+    const auto *text = static_cast<const QorBuffer *>(value);
+    const auto *bytes = static_cast<const uint8_t *>(text->data);
+    data->assign(bytes, bytes + text->length);
+    return "{" + call_hex(bytes, text->length) + "}";
+}
+
+int32_t guard_answer(const char *who, std::map<uint32_t, WorldGuard> &guards, uint32_t ifIndex, uint32_t call,
+                     void *reply)
+{
+    WorldScope scope;
+    const std::string line = call_line("%s %u %u", who, ifIndex, call);
+    note(line);
+    if (const auto refusal = world.refused(line))
+        return *refusal;
+    const auto found = guards.find(ifIndex);
+    if (found == guards.end())
+        return -1;
+    if (call == 1) {
+        if (found->second.result == 0)
+            memcpy(reply, &found->second.enabled, sizeof(uint32_t));
+        return found->second.result;
+    }
+    memcpy(reply, &found->second.items, 1);
+    return 0;
+}
+
+int32_t place_answer(const char *who, std::map<uint32_t, int32_t> &answers, const uint32_t *where,
+                     uint32_t property, const void *answer)
+{
+    WorldScope scope;
+    const std::string line = call_line("%s %u.%u.%u.%u %u%s", who, where[0], where[1], where[2], where[3],
+                                       property, answer == nullptr ? " null" : "");
+    note(line);
+    if (const auto refusal = world.refused(line))
+        return *refusal;
+    const auto found = answers.find(property);
+    return found == answers.end() ? 0 : found->second;
+}
+
+} // namespace
+
+std::string world_format(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    std::string text = formatted(format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+std::string world_hex(const uint8_t *bytes, size_t count)
+{
+    std::string text;
+    for (size_t i = 0; i < count; i++)
+        text += world_format(i == 0 ? "%02x" : " %02x", bytes[i]);
+    return text;
+}
+
+void World::reset_without_daemon()
+{
+    static int64_t day = 0;
+    WorldScope scope;
+    fakeSockets = true;
+    dhcpsnoop_shutdown();
+    *this = World{};
+    now = 1'000'000'000 + 86'400 * (day++ % 10'000);
+    hwScalars = {{53, 1}, {54, 1}};
+    scalarTexts = {{66, "switch-1"}, {74, "model 24"}};
+    hostname = "switch-1";
+}
+
+void World::reset(uint16_t ifMax, uint16_t userMax, uint16_t serverMax, uint32_t optionMode)
+{
+    reset_without_daemon();
+    if (dhcpsnoop_init_ex(ifMax, userMax, serverMax, optionMode, nullptr, nullptr, nullptr) != 0)
+        abort();
+    clear();
+}
+
+void World::clear()
+{
+    journal.clear();
+    asked.clear();
+    received.clear();
+}
+
+void World::refuse(const std::string &line, int32_t result, int times)
+{
+    refusals_.push_back({line, result, times});
+}
+
+std::optional<int32_t> World::refused(const std::string &line)
+{
+    for (Refusal &refusal : refusals_) {
+        if (refusal.times > 0 && line.starts_with(refusal.line)) {
+            refusal.times--;
+            return refusal.result;
+        }
+    }
+    return std::nullopt;
+}
+
+WorldPort &World::access(uint32_t ifIndex, uint16_t vid) { return trunk(ifIndex, {}, vid); }
+
+WorldPort &World::trunk(uint32_t ifIndex, std::set<uint32_t> vlans, uint16_t native)
+{
+    WorldPort &port = ports[ifIndex];
+    port.name = world_format("swp%u", ifIndex);
+    port.mac = {0x02, 0x00, 0x00, 0x00, 0x01, static_cast<uint8_t>(ifIndex)};
+    port.number = ifIndex;
+    port.location = {1, 0, ifIndex, 0, ifIndex, 1, 0};
+    port.vlans = std::move(vlans);
+    if (native != 0) {
+        port.vlans.insert(native);
+        port.untagged = {native};
+    }
+    return port;
+}
+
+WorldPort &World::routed(uint32_t ifIndex)
+{
+    WorldPort &port = trunk(ifIndex, {});
+    port.workMode = 1;
+    return port;
+}
+
+WorldPort &World::vlan_interface(uint32_t ifIndex, uint16_t vid)
+{
+    WorldPort &port = trunk(ifIndex, {});
+    port.name = world_format("vlan%u", vid);
+    port.isVlanIf = true;
+    port.vid = vid;
+    port.location = {1, 0, 0, 0, vid, 3, 0};
+    return port;
+}
+
+void World::members(uint32_t vid, const std::vector<uint32_t> &list)
+{
+    Bytes &bytes = vlanMembers[vid];
+    bytes.resize(list.size() * sizeof(uint32_t));
+    if (!list.empty())
+        memcpy(bytes.data(), list.data(), bytes.size());
+}
+
+void World::role(DhcpsnoopRole wanted)
+{
+    hwScalars[53] = wanted == DHCPSNOOP_ROLE_MASTER ? 0 : 1;
+    hwScalars[54] = wanted == DHCPSNOOP_ROLE_SLAVE ? 0 : 1;
+}
+
+std::vector<const WorldEntry *> World::all(Did kind) const
+{
+    std::vector<const WorldEntry *> found;
+    for (const WorldEntry &entry : journal)
+        if (entry.did == kind)
+            found.push_back(&entry);
+    return found;
+}
+
+std::vector<std::string> World::texts(Did kind) const
+{
+    std::vector<std::string> found;
+    for (const WorldEntry *entry : all(kind))
+        found.push_back(entry->text);
+    return found;
+}
+
+std::vector<std::string> World::calls(const std::string &prefix) const
+{
+    std::vector<std::string> found;
+    for (const WorldEntry *entry : all(Did::Call))
+        if (entry->text.starts_with(prefix))
+            found.push_back(entry->text);
+    return found;
+}
+
+std::vector<std::string> World::questions(const std::string &prefix) const
+{
+    std::vector<std::string> found;
+    for (const std::string &line : asked)
+        if (line.starts_with(prefix))
+            found.push_back(line);
+    return found;
+}
+
+void World::enter(WorldEntry entry)
+{
+    if (recording)
+        journal.push_back(std::move(entry));
+}
+
+extern "C" {
+
+uint32_t OsixCreateMSem(uint32_t options)
+{
+    WorldScope scope;
+    const std::string line = call_line("OsixCreateMSem %u", options);
+    world.enter({.did = Did::Call, .text = line});
+    return world.refused(line) ? 0 : 77;
+}
+
+int32_t OsixDeleteSem(uint32_t semId)
+{
+    WorldScope scope;
+    return did(call_line("OsixDeleteSem %u", semId));
+}
+
+int32_t errnoGet(void) { return errno; }
+
+void qorCatchSegFault(int argc, char **)
+{
+    WorldScope scope;
+    did(call_line("qorCatchSegFault %d", argc));
+}
+
+int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
+{
+    WorldScope scope;
+    const std::string line = call_line("qorIfGetApi %u %u", ifIndex, attribute);
+    note(line);
+    if (const auto refusal = world.refused(line))
+        return *refusal;
+    if (attribute == 65536285) {
+        auto *request = static_cast<QorNestedGet *>(value);
+        if (request->attribute != 65536223 || *request->answer != 2 || request->count != 1)
+            abort();
+        if (world.trunkQueryCount)
+            request->count = *world.trunkQueryCount;
+        return world.trunkQueryResult;
+    }
+    const WorldPort *port = port_of(ifIndex);
+    if (port == nullptr || port->silent.contains(attribute))
+        return -1;
+    auto *word = static_cast<uint32_t *>(value);
+    switch (attribute) {
+    case 3:
+        fill(static_cast<QorBuffer *>(value), port->name.data(), port->name.size());
+        return 0;
+    case 5:
+        *word = port->number;
+        return 0;
+    case 33:
+        fill(static_cast<QorBuffer *>(value), port->mac.data(), port->mac.size());
+        return 0;
+    case 45:
+        *word = port->tpid;
+        return 0;
+    case 193:
+        *word = port->workMode;
+        return 0;
+    case 417:
+        *word = port->isVlanIf ? 1 : 0;
+        return 0;
+    case 5400:
+        if (!port->isVlanIf)
+            return -1;
+        *word = port->vid;
+        return 0;
+    default:
+        return -1;
+    }
+}
+
+int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
+{
+    WorldScope scope;
+    if (command != 300)
+        return did(call_line("qorIfSetApi %u %u %u", ifIndex, command, *static_cast<uint32_t *>(value)));
+
+    const auto *request = static_cast<QorIfRequest *>(value);
+    auto *record = static_cast<uint8_t *>(request->record);
+    const char *operation = request->operation == 0x3E800DF ? "add" : "delete";
+    if (request->operation != 0x3E800DF && request->operation != 0x3E800E0)
+        abort();
+    const std::string line = call_line(
+        "hw %s %u: mac %s vid %u if %u ipsg %u addr %s attr %u orig %u type %u rule %02x macValid %02x kind %02x "
+        "dai %u",
+        operation, ifIndex, call_hex(record, 6).c_str(), native16(record + 6), native32(record + 8),
+        native32(record + 12), call_hex(record + 16, 16).c_str(), native16(record + 32),
+        native16(record + 34), record[36], record[37], record[38], record[39], native32(record + 40));
+    const int32_t result = did(line, Bytes(record, record + 44));
+    if (request->operation == 0x3E800DF) {
+        if (world.newIpsgHwId)
+            memcpy(record + 12, &*world.newIpsgHwId, sizeof(uint32_t));
+        if (world.newDaiHwId)
+            memcpy(record + 40, &*world.newDaiHwId, sizeof(uint32_t));
+    }
+    return result;
+}
+
+int32_t qorIfUnit2Name(uint32_t ifIndex, char *name, uint32_t size)
+{
+    WorldScope scope;
+    note(call_line("qorIfUnit2Name %u", ifIndex));
+    const WorldPort *port = port_of(ifIndex);
+    if (port == nullptr)
+        return -1;
+    snprintf(name, size, "%s", port->name.c_str());
+    return 0;
+}
+
+int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
+{
+    WorldScope scope;
+    std::string line;
+    if (kind == 7)
+        line = call_line("qorIndexTrans %u,%u,%u,%u,%u,%u,%u 7", from[0], from[1], from[2], from[3], from[4],
+                         from[5], from[6]);
+    else
+        line = call_line("qorIndexTrans %u %u", from[0], kind);
+    note(line);
+    if (const auto refusal = world.refused(line))
+        return *refusal;
+    if (kind == 6) {
+        const WorldPort *port = port_of(from[0]);
+        if (port == nullptr)
+            return -1;
+        memcpy(to, port->location.data(), sizeof port->location);
+        return 0;
+    }
+    for (const auto &[ifIndex, port] : world.ports) {
+        if (port.isVlanIf && port.vid == from[4] && from[5] == 3) {
+            *to = ifIndex;
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
+{
+    WorldScope scope;
+    const std::string line = call_line("qorVlanGetApi %u %u %u", vid, attribute, list->length);
+    note(line);
+    if (const auto refusal = world.refused(line))
+        return *refusal;
+    const auto found = world.vlanMembers.find(vid);
+    if (found == world.vlanMembers.end())
+        return -1;
+    const uint32_t room = list->length;
+    fill(list, found->second.data(), found->second.size());
+    if (found->second.size() > room) // a platform that says how much there would have been
+        list->length = static_cast<uint32_t>(found->second.size());
+    return 0;
+}
+
+int32_t qorScalarGetApi(uint32_t unit, uint32_t attribute, QorBuffer *text)
+{
+    WorldScope scope;
+    note(call_line("qorScalarGetApi %u %u", unit, attribute));
+    const auto found = world.scalarTexts.find(attribute);
+    if (found == world.scalarTexts.end())
+        return -1;
+    fill(text, found->second.data(), found->second.size());
+    if (found->second.size() > text->length)
+        text->length = static_cast<uint32_t>(found->second.size());
+    return 0;
+}
+
+uint32_t qorSelfSysIndex(void) { return world.selfSystem; }
+
+int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
+{
+    WorldScope scope;
+    const auto *query = static_cast<SysIfQuery *>(buffer);
+    note(call_line("sysIFGet %u %u vid %u", ifIndex, attribute, query->vid));
+    const WorldPort *port = port_of(ifIndex);
+    if (port == nullptr)
+        return attribute == 255 ? 1 : 0;
+    if (attribute == 255)
+        return port->answer255.value_or(port->down || !port->vlans.contains(query->vid) ? 1 : 0);
+    return port->answer258.value_or(port->untagged.contains(query->vid) ? 1 : 0);
+}
+
+int32_t nmGetIfPartDescr(uint32_t ifIndex, char *buffer, uint32_t size)
+{
+    WorldScope scope;
+    note(call_line("nmGetIfPartDescr %u %u", ifIndex, size));
+    const WorldPort *port = port_of(ifIndex);
+    if (port == nullptr)
+        return -1;
+    // A description that fills the room is not terminated.
+    strncpy(buffer, port->name.c_str(), size);
+    return 0;
+}
+
+const char *nmGetHostname(void) { return world.hostname ? world.hostname->c_str() : nullptr; }
+
+uint32_t qorHwScalarGet(uint32_t unit, uint32_t scalar, void *)
+{
+    WorldScope scope;
+    note(call_line("qorHwScalarGet %u %u", unit, scalar));
+    const auto found = world.hwScalars.find(scalar);
+    return found == world.hwScalars.end() ? 0 : found->second;
+}
+
+int32_t qorHwScalarSync(void *source, uint32_t code, void *data, uint32_t mode)
+{
+    WorldScope scope;
+    Bytes bytes;
+    const std::string value = sync_value(data, (mode & 0x80000000) != 0, &bytes);
+    return did(call_line("qorHwScalarSync %s 0x%x %s 0x%x", source == nullptr ? "null" : "source", code,
+                         value.c_str(), mode),
+               bytes);
+}
+
+int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t mode)
+{
+    WorldScope scope;
+    Bytes bytes;
+    const std::string text = sync_value(value, (mode & 0x80000000) != 0, &bytes);
+    return did(call_line("qorHwIfSync %u 0x%x %s 0x%x", ifIndex, code, text.c_str(), mode), bytes);
+}
+
+int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t mode)
+{
+    WorldScope scope;
+    Bytes bytes;
+    const std::string text = sync_value(value, (mode & 0x80000000) != 0, &bytes);
+    return did(call_line("qorHwDhcpSnoopUserSync %s 0x%x %s 0x%x",
+                         call_hex(static_cast<const uint8_t *>(key), 20).c_str(), code, text.c_str(), mode),
+               bytes);
+}
+
+int32_t qorHwCardGet(const uint32_t *where, uint32_t property, void *answer)
+{
+    return place_answer("qorHwCardGet", world.cardAnswers, where, property, answer);
+}
+
+int32_t qorHwSlotGet(const uint32_t *where, uint32_t property, void *answer)
+{
+    return place_answer("qorHwSlotGet", world.slotAnswers, where, property, answer);
+}
+
+void zlog_dispatch_logging(int32_t module, int32_t level, const char *format, ...)
+{
+    WorldScope scope;
+    char text[4096];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    world.enter({.did = Did::Log, .text = world_format("%d %d ", module, level) + text});
+}
+
+void NM_DEBUG_OUTPUT(const char *format, ...)
+{
+    WorldScope scope;
+    char text[4096];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    world.enter({.did = Did::Debug, .text = text});
+}
+
+int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length)
+{
+    WorldScope scope;
+    const auto *bytes = static_cast<const uint8_t *>(record);
+    return did(call_line("qorNetlinkSend %u %u %u", kind, destination, length), Bytes(bytes, bytes + length));
+}
+
+int32_t ipsgIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
+{
+    return guard_answer("ipsgIfGetApi", world.ipsg, ifIndex, call, reply);
+}
+
+int32_t arpAntiAttackIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
+{
+    return guard_answer("arpAntiAttackIfGetApi", world.dai, ifIndex, call, reply);
+}
+
+int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, QorBuffer *option125,
+                                          QorBuffer *bootFile)
+{
+    WorldScope scope;
+    const auto offer = [](QorBuffer *buffer, const std::optional<Bytes> &what,
+                          std::optional<uint32_t> length) {
+        if (buffer == nullptr)
+            return;
+        if (what)
+            fill(buffer, what->data(), what->size());
+        else if (world.hookSetsLengths)
+            buffer->length = 0;
+        if (length)
+            buffer->length = *length;
+    };
+    const std::string room = option125 == nullptr && bootFile == nullptr
+                                 ? "null null"
+                                 : world_format("%u %u", option125->length, bootFile->length);
+    Bytes unset(record->unset, record->unset + sizeof record->unset);
+    did(call_line("deftinstall ip %08x tag %08x mac %s one %u add %u, %s", record->clientIp,
+                  record->vendorTag, call_hex(record->mac, 6).c_str(), record->one, record->add,
+                  room.c_str()),
+        unset);
+    offer(option125, world.option125, world.option125Length);
+    offer(bootFile, world.bootFile, world.bootFileLength);
+    return 0;
+}
+
+int32_t platform_packet_info_enable(int sock)
+{
+    WorldScope scope;
+    return did(call_line("platform_packet_info_enable %d", sock));
+}
+
+// As the kernel would: control data only as far as the message header has room for it.
+ssize_t platform_frame_recv(int sock, struct msghdr *msg)
+{
+    WorldScope scope;
+    auto &queue = world.arrivals[sock == gDhcpsnoop.data6Sock ? 1 : 0];
+    if (queue.empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const WorldArrival arrival = std::move(queue.front());
+    queue.pop_front();
+    if (arrival.result && *arrival.result < 0) {
+        errno = ENETDOWN;
+        return *arrival.result;
+    }
+    size_t copied = 0;
+    for (size_t i = 0; i < msg->msg_iovlen && copied < arrival.frame.size(); i++) {
+        const size_t count = std::min(msg->msg_iov[i].iov_len, arrival.frame.size() - copied);
+        memcpy(msg->msg_iov[i].iov_base, arrival.frame.data() + copied, count);
+        copied += count;
+    }
+    Bytes control;
+    for (const WorldControl &message : arrival.control) {
+        struct cmsghdr header = {};
+        header.cmsg_len = CMSG_LEN(message.data.size());
+        header.cmsg_level = message.level;
+        header.cmsg_type = message.type;
+        const size_t start = control.size();
+        control.resize(start + CMSG_SPACE(message.data.size()));
+        memcpy(control.data() + start, &header, sizeof header);
+        if (!message.data.empty())
+            memcpy(control.data() + start + CMSG_LEN(0), message.data.data(), message.data.size());
+    }
+    const size_t room = std::min<size_t>(msg->msg_controllen, control.size());
+    if (room > 0)
+        memcpy(msg->msg_control, control.data(), room);
+    msg->msg_controllen = room;
+    if (msg->msg_name != nullptr && msg->msg_namelen > 0) {
+        struct sockaddr_ll address = {};
+        address.sll_family = AF_PACKET;
+        address.sll_ifindex = static_cast<int>(arrival.ifIndex);
+        memcpy(msg->msg_name, &address, std::min<size_t>(msg->msg_namelen, sizeof address));
+    }
+    return arrival.result.value_or(static_cast<ssize_t>(copied));
+}
+
+int32_t platform_event_group_join(int sock, uint32_t group)
+{
+    WorldScope scope;
+    return did(call_line("platform_event_group_join %d %u", sock, group));
+}
+
+ssize_t platform_event_recv(int, void *buffer, size_t size, struct sockaddr *, socklen_t *fromLength)
+{
+    WorldScope scope;
+    did(call_line("platform_event_recv %zu %u", size, *fromLength));
+    if (world.events.empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const auto [datagram, result] = world.events.front();
+    world.events.pop_front();
+    if (!datagram.empty())
+        memcpy(buffer, datagram.data(), std::min(size, datagram.size()));
+    return result;
+}
+}
