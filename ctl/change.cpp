@@ -1,0 +1,227 @@
+// Commands that change: one setting, one relay server or one binding at a time.
+#include <algorithm>
+#include <ostream>
+
+#include "command.h"
+#ifdef DHCPSNOOPCTL_TRAP
+#include "trap.h"
+#endif
+
+namespace
+{
+
+constexpr char TYPE_HELP[] = " (see dhcpsnoopctl help)";
+
+ExitStatus changeGlobal(const Context &context, const char *name, std::span<const std::string> arguments)
+{
+    const Setting &setting = *findSetting(GLOBAL_SCOPE, name);
+    setValue(context.daemon, globalTarget(), setting, parseValue(setting, arguments));
+    return EXIT_DONE;
+}
+
+// "ADDRESS add", or "add ADDRESS".
+void changeServer(const Context &context, const Target &target, const Setting &setting,
+                  std::span<const std::string> words)
+{
+    auto isVerb = [](const std::string &word) { return word == "add" || word == "delete"; };
+    if (words.size() != 2 || isVerb(words[0]) == isVerb(words[1]))
+        throw UsageError(std::string(setting.name) + " takes: " + setting.arguments);
+    const std::string &verb = isVerb(words[0]) ? words[0] : words[1];
+    uint32_t address = parseIpv4(isVerb(words[0]) ? words[1] : words[0]);
+    if (address == 0)
+        throw UsageError("0.0.0.0 is no server");
+    ServerKey key = {std::get<uint32_t>(target.index), address};
+    demandOn(context.daemon, target, setting, serverRequest(key, verb == "add"));
+}
+
+void noteUnknownConversions(const Context &context, const Setting &setting, const Value &value)
+{
+    const auto *option = std::get_if<OptionText>(&value);
+    if (!option || option->format != FORMAT_TEMPLATE)
+        return;
+    std::string unknown = templateUnknown(std::string(option->text.begin(), option->text.end()));
+    if (!unknown.empty())
+        context.err << "dhcpsnoopctl: note: in " << setting.name << ' ' << unknown
+                    << " has no meaning and gives 0\n";
+}
+
+ExitStatus changeSetting(const Context &context, const Target &target, std::span<const std::string> words)
+{
+    if (words.empty())
+        throw UsageError(joinQuoted(target.words()) + ": which setting?" + TYPE_HELP);
+    const Setting *setting = findSetting(target.scope, words[0]);
+    if (!setting || !canBeSet(*setting))
+        throw UsageError(std::string("there is no setting '") + words[0] + "' of " +
+                         (&target.scope == &VLAN_SCOPE ? "a VLAN" : "an interface") + TYPE_HELP);
+    if (setting->kind == Kind::Servers) {
+        changeServer(context, target, *setting, words.subspan(1));
+        return EXIT_DONE;
+    }
+    Value value = parseValue(*setting, words.subspan(1));
+    noteUnknownConversions(context, *setting, value);
+
+    const Setting *trust = nullptr;
+    if (&target.scope == &INTERFACE_SCOPE && setting->cmd == IF_VERSION)
+        trust = findSetting(INTERFACE_SCOPE, "trust");
+    bool trusted = trust && getValue(context.daemon, target, *trust) == Value(1u);
+    setValue(context.daemon, target, *setting, value);
+    if (trusted && getValue(context.daemon, target, *trust) == Value(0u))
+        context.err << "dhcpsnoopctl: note: the change of version took trust away; '"
+                    << joinQuoted(target.words()) << " trust on' gives it back\n";
+    return EXIT_DONE;
+}
+
+UserKey parseOneKey(std::span<const std::string> arguments)
+{
+    if (arguments.size() != 1)
+        throw UsageError("one address is needed");
+    return parseUserKey(arguments[0]);
+}
+
+ExitStatus bindingAction(const Context &context, std::span<const std::string> arguments, uint32_t action)
+{
+    UserKey key = parseOneKey(arguments);
+    context.daemon.demand({FUNC_USER_SET, USER_ACTION, key, action}, "binding " + userKeyText(key));
+    return EXIT_DONE;
+}
+
+} // namespace
+
+ExitStatus changeInterface(const Context &context, std::span<const std::string> arguments)
+{
+    if (arguments.empty())
+        throw UsageError("which interface?");
+    return changeSetting(context, interfaceTarget(parseInterface(arguments[0])), arguments.subspan(1));
+}
+
+ExitStatus changeVlan(const Context &context, std::span<const std::string> arguments)
+{
+    if (arguments.empty())
+        throw UsageError("which VLAN?");
+    uint32_t vid = parseRange("VLAN", arguments[0], 1, 4094);
+    return changeSetting(context, {VLAN_SCOPE, vid, std::to_string(vid)}, arguments.subspan(1));
+}
+
+ExitStatus changeSnooping(const Context &context, std::span<const std::string> arguments)
+{
+    return changeGlobal(context, "snooping", arguments);
+}
+
+ExitStatus changeServerLearning(const Context &context, std::span<const std::string> arguments)
+{
+    return changeGlobal(context, "server-learning", arguments);
+}
+
+ExitStatus changeEnterpriseNumber(const Context &context, std::span<const std::string> arguments)
+{
+    return changeGlobal(context, "enterprise-number", arguments);
+}
+
+ExitStatus changeHardwareNotify(const Context &context, std::span<const std::string> arguments)
+{
+    return changeGlobal(context, "hardware-notify", arguments);
+}
+
+ExitStatus clearStatistics(const Context &context, std::span<const std::string>)
+{
+    context.daemon.demand({FUNC_GLOBAL_SET, GLOBAL_CLEAR_STATS}, "clear statistics");
+    return EXIT_DONE;
+}
+
+ExitStatus changeDebug(const Context &context, std::span<const std::string> arguments)
+{
+    const Choice *flag = nullptr;
+    for (const Choice &row : DEBUG_FLAGS)
+        if (!arguments.empty() && arguments[0] == row.word)
+            flag = &row;
+    if (arguments.size() != 2 || !flag || (arguments[1] != "on" && arguments[1] != "off"))
+        throw UsageError("debug takes: trace|dump on|off");
+    uint32_t flags = context.daemon.demand({FUNC_GLOBAL_GET, GLOBAL_DEBUG}, "debug").word();
+    flags = arguments[1] == "on" ? flags | flag->value : flags & ~flag->value;
+    context.daemon.demand({FUNC_GLOBAL_SET, GLOBAL_DEBUG, {}, flags}, "debug");
+    return EXIT_DONE;
+}
+
+// A binding is made, filled in and put in force; when one of this is refused it is removed again.
+ExitStatus bindingAdd(const Context &context, std::span<const std::string> arguments)
+{
+    if (arguments.empty())
+        throw UsageError("binding add: which address?");
+    UserKey key = parseUserKey(arguments[0]);
+    std::optional<std::array<uint8_t, 6>> mac;
+    uint32_t vlan = 0, ifIndex = 0, attribute = 0;
+    bool bound = true;
+    for (size_t i = 1; i < arguments.size(); i++) {
+        const std::string &name = arguments[i];
+        if (name == "unbound") {
+            bound = false;
+            continue;
+        }
+        if (++i == arguments.size())
+            throw UsageError("binding add: '" + name + "' lacks its value");
+        if (name == "mac")
+            mac = parseMac(arguments[i]);
+        else if (name == "vlan")
+            vlan = parseRange("vlan", arguments[i], 1, 4094);
+        else if (name == "interface")
+            ifIndex = parseInterface(arguments[i]);
+        else if (name == "attribute")
+            attribute = parseRange("attribute", arguments[i], 0, 65535);
+        else
+            throw UsageError("binding add does not take '" + name + "'");
+    }
+    if (bound && (!mac || vlan == 0 || ifIndex == 0))
+        throw UsageError("binding add: mac, vlan and interface are needed, or unbound");
+
+    auto set = [&](uint32_t cmd, std::variant<uint32_t, Bytes> value) {
+        context.daemon.demand({FUNC_USER_SET, cmd, key, std::move(value)}, "binding " + userKeyText(key));
+    };
+    set(USER_ACTION, USER_ACTION_CREATE);
+    try {
+        if (mac)
+            set(USER_MAC, Bytes(mac->begin(), mac->end()));
+        if (vlan != 0)
+            set(USER_VLAN, vlan);
+        if (ifIndex != 0)
+            set(USER_INTERFACE, ifIndex);
+        if (attribute != 0)
+            set(USER_ATTR, attribute);
+        if (bound)
+            set(USER_ACTION, USER_ACTION_BIND);
+    } catch (const CtlError &) {
+        try {
+            set(USER_ACTION, USER_ACTION_DELETE);
+        } catch (const CtlError &error) {
+            context.err << "dhcpsnoopctl: what was made of it could not be removed: " << error.what() << '\n';
+        }
+        throw;
+    }
+    return EXIT_DONE;
+}
+
+ExitStatus bindingBind(const Context &context, std::span<const std::string> arguments)
+{
+    return bindingAction(context, arguments, USER_ACTION_BIND);
+}
+
+ExitStatus bindingUnbind(const Context &context, std::span<const std::string> arguments)
+{
+    return bindingAction(context, arguments, USER_ACTION_UNBIND);
+}
+
+ExitStatus bindingDelete(const Context &context, std::span<const std::string> arguments)
+{
+    return bindingAction(context, arguments, USER_ACTION_DELETE);
+}
+
+ExitStatus platformRelease([[maybe_unused]] const Context &context, std::span<const std::string>)
+{
+#ifdef DHCPSNOOPCTL_TRAP
+    std::string report;
+    bool clean = platform_linux::trap_release(report);
+    (clean ? context.out : context.err) << report;
+    return clean ? EXIT_DONE : EXIT_REFUSED;
+#else
+    throw CtlError(EXIT_REFUSED, "platform release: this client was built without the Linux platform");
+#endif
+}

@@ -1,0 +1,267 @@
+// The table of commands, and how a command line finds its row.
+#include "command.h"
+
+#include <algorithm>
+#include <iostream>
+#include <net/if.h>
+#include <sstream>
+
+namespace
+{
+
+ExitStatus showUsage(const Context &context, std::span<const std::string>)
+{
+    printUsage(context.out);
+    return EXIT_DONE;
+}
+
+ExitStatus complete(const Context &context, std::span<const std::string> arguments)
+{
+    for (const std::string &word : completions({arguments.begin(), arguments.end()}))
+        context.out << word << '\n';
+    return EXIT_DONE;
+}
+
+constexpr char BINDING_FILTERS[] =
+    "[interface IF] [vlan VID] [mac MAC] [address ADDRESS] [type dynamic|static] [state STATE]";
+
+constexpr char BINDING_VALUES[] = "ADDRESS [mac MAC] [vlan VID] [interface IF] [attribute N] [unbound]";
+
+// Rows of two lines are aligned by hand.
+// clang-format off
+constexpr Command COMMANDS[] = {
+    {"show interfaces", "", showInterfaces, true,
+     "interfaces that snoop"},
+    {"show interface", "IF", showInterface, true,
+     "every setting and counter of one"},
+    {"show vlans", "", showVlans, true,
+     "VLANs that snoop"},
+    {"show servers", "", showServers, true,
+     "relay servers of the interfaces"},
+    {"show bindings", BINDING_FILTERS, showBindings, true,
+     "who holds which address where"},
+    {"show statistics", "", showStatistics, true,
+     "what was dropped, by interface"},
+    {"show global", "", showGlobal, true,
+     "settings of the whole switch"},
+    {"show config", "", showConfig, true,
+     "the commands that make a daemon just started what this one is"},
+    {"interface", "IF SETTING VALUE", changeInterface, false,
+     "make a setting of an interface (see below)"},
+    {"vlan", "VID SETTING VALUE", changeVlan, false,
+     "make a setting of a VLAN (see below)"},
+    {"snooping", "on|off", changeSnooping, false,
+     "snooping as a whole; off forgets every binding, server and interface setting"},
+    {"server-learning", "on|off", changeServerLearning, false,
+     "remember the servers that answer"},
+    {"hardware-notify", "on|off", changeHardwareNotify, false,
+     "tell the hardware of bindings; a change tells or withdraws them all"},
+    {"enterprise-number", "N", changeEnterpriseNumber, false,
+     "IANA private enterprise number put into options 82, 125 and 37"},
+    {"binding add", BINDING_VALUES, bindingAdd, false,
+     "make a static binding, in force unless unbound"},
+    {"binding bind", "ADDRESS", bindingBind, false,
+     "put a binding in force"},
+    {"binding unbind", "ADDRESS", bindingUnbind, false,
+     "take it out of force; it becomes static"},
+    {"binding delete", "ADDRESS", bindingDelete, false,
+     "forget it"},
+    {"clear statistics", "", clearStatistics, false,
+     "set the drop counters of every interface to 0"},
+    {"debug", "trace|dump on|off", changeDebug, false,
+     "the daemon's messages about what it does; frames in hexadecimal"},
+    {"platform release", "", platformRelease, false,
+     "remove what a daemon that no longer runs left in the kernel"},
+    {"complete", "WORD...", complete, false,
+     "print the words that may come next (for shells)"},
+    {"help", "", showUsage, false,
+     "print this"},
+};
+// clang-format on
+
+Words splitWords(const std::string &text, char separator = ' ')
+{
+    Words words;
+    std::istringstream stream(text);
+    for (std::string word; std::getline(stream, word, separator);)
+        words.push_back(word);
+    return words;
+}
+
+bool startsWith(const Words &line, const Words &beginning)
+{
+    return line.size() >= beginning.size() && std::equal(beginning.begin(), beginning.end(), line.begin());
+}
+
+// The row whose words the line begins with; the longest, so that "show interfaces" is not another's argument.
+const Command *findCommand(const Words &line)
+{
+    const Command *found = nullptr;
+    size_t most = 0;
+    for (const Command &command : COMMANDS) {
+        Words words = splitWords(command.words);
+        if (words.size() > most && startsWith(line, words)) {
+            found = &command;
+            most = words.size();
+        }
+    }
+    return found;
+}
+
+void printRow(std::ostream &out, const std::string &left, const std::string &help)
+{
+    constexpr size_t COLUMN = 34;
+    out << "  " << left;
+    if (left.size() + 2 < COLUMN)
+        out << std::string(COLUMN - left.size() - 2, ' ');
+    else
+        out << '\n' << std::string(COLUMN, ' ');
+    out << help << '\n';
+}
+
+void printSettings(std::ostream &out, const Scope &scope)
+{
+    for (const Setting &setting : scope.settings)
+        if (canBeSet(setting))
+            printRow(out, std::string(setting.name) + ' ' + setting.arguments, setting.help);
+}
+
+Words interfaceNames()
+{
+    Words names;
+    struct if_nameindex *list = if_nameindex();
+    for (struct if_nameindex *at = list; at && at->if_index != 0; at++)
+        names.push_back(interfaceText(at->if_index));
+    if (list)
+        if_freenameindex(list);
+    return names;
+}
+
+Words settingNames(const Scope &scope)
+{
+    Words names;
+    for (const Setting &setting : scope.settings)
+        if (canBeSet(setting))
+            names.push_back(setting.name);
+    return names;
+}
+
+// The words that a place of a row's arguments stands for.
+Words placeWords(const std::string &place)
+{
+    if (place == "IF")
+        return interfaceNames();
+    Words words;
+    for (const std::string &word : splitWords(place, '|'))
+        if (!word.empty() && word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ.[]") == std::string::npos)
+            words.push_back(word);
+    return words;
+}
+
+// What may come at place `at` of arguments such as "ADDRESS [mac MAC] [unbound]": in brackets a key and its
+// value follow one another in any order.
+Words argumentWords(const std::string &arguments, const Words &given)
+{
+    std::string required = arguments.substr(0, arguments.find('['));
+    Words places = splitWords(required);
+    if (given.size() < places.size())
+        return placeWords(places[given.size()]);
+    Words keys;
+    for (size_t open = required.size(); open < arguments.size(); open = arguments.find('[', open + 1)) {
+        Words group = splitWords(arguments.substr(open + 1, arguments.find(']', open) - open - 1));
+        bool isLast = given.size() > places.size() && given.back() == group[0];
+        if (isLast && group.size() > 1)
+            return placeWords(group[1]);
+        if (std::find(given.begin(), given.end(), group[0]) == given.end())
+            keys.push_back(group[0]);
+    }
+    return keys;
+}
+
+Words settingWords(const Scope &scope, const Words &given)
+{
+    if (given.empty())
+        return &scope == &INTERFACE_SCOPE ? interfaceNames() : Words{};
+    if (given.size() == 1)
+        return settingNames(scope);
+    const Setting *setting = findSetting(scope, given[1]);
+    if (!setting)
+        return {};
+    if (setting->kind == Kind::OptionText)
+        return given.size() == 2 ? Words{"template", "text", "hex", "generated", "global", "typed", "raw"}
+                                 : Words{};
+    return argumentWords(setting->arguments, {given.begin() + 2, given.end()});
+}
+
+} // namespace
+
+std::span<const Command> commands() { return COMMANDS; }
+
+void printUsage(std::ostream &out)
+{
+    out << "Usage: dhcpsnoopctl COMMAND\n\nCommands:\n";
+    for (const Command &command : COMMANDS)
+        printRow(out, std::string(command.words) + (*command.arguments ? " " : "") + command.arguments,
+                 command.help);
+    out << "\nSettings of an interface (IF is a name or an index):\n";
+    printSettings(out, INTERFACE_SCOPE);
+    out << "\nSettings of a VLAN:\n";
+    printSettings(out, VLAN_SCOPE);
+    out << "\nIn a template stand for a property of the request, its port or the switch:\n";
+    for (const Conversion &row : CONVERSIONS)
+        printRow(out, std::string("%") + row.letter, row.help);
+    out << "\nEvery show takes --json. DHCPSNOOP_SOCKET names another socket than " << DHCPSNOOP_SOCKET_PATH
+        << ".\nExit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon that answers.\n";
+}
+
+Words completions(const Words &before)
+{
+    const Command *command = findCommand(before);
+    if (!command) {
+        Words next;
+        for (const Command &row : COMMANDS) {
+            Words words = splitWords(row.words);
+            if (words.size() > before.size() && startsWith(words, before) &&
+                std::find(next.begin(), next.end(), words[before.size()]) == next.end())
+                next.push_back(words[before.size()]);
+        }
+        return next;
+    }
+    Words given(before.begin() + static_cast<ptrdiff_t>(splitWords(command->words).size()), before.end());
+    if (command->run == changeInterface)
+        return settingWords(INTERFACE_SCOPE, given);
+    if (command->run == changeVlan)
+        return settingWords(VLAN_SCOPE, given);
+    Words next = argumentWords(command->arguments, given);
+    if (command->shows)
+        next.push_back("--json");
+    return next;
+}
+
+ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out, std::ostream &err)
+{
+    try {
+        if (line.empty()) {
+            printUsage(err);
+            return EXIT_USAGE;
+        }
+        const Command *command = findCommand(line);
+        if (!command)
+            throw UsageError("unknown command '" + joinQuoted(line) + "' (see dhcpsnoopctl help)");
+        Words arguments(line.begin() + static_cast<ptrdiff_t>(splitWords(command->words).size()), line.end());
+        bool json = command->shows && std::erase(arguments, "--json") > 0;
+        if (!*command->arguments && !arguments.empty())
+            throw UsageError(std::string(command->words) + " takes nothing more, but there is '" +
+                             arguments[0] + "'");
+        ExitStatus status = command->run({daemon, json, out, err}, arguments);
+        if (!out.flush()) {
+            err << "dhcpsnoopctl: the output could not be written\n";
+            return EXIT_REFUSED;
+        }
+        return status;
+    } catch (const CtlError &error) {
+        out.flush();
+        err << "dhcpsnoopctl: " << error.what() << '\n';
+        return error.status();
+    }
+}

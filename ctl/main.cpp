@@ -1,0 +1,25 @@
+// dhcpsnoopctl: makes and shows the settings, bindings and counters of the DHCP snooping daemon, over its
+// command socket. Results go to standard output, everything else to standard error; see error.h for the exit
+// status.
+#include <csignal>
+#include <iostream>
+
+#include "command.h"
+
+int main(int argc, char **argv)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    Words line(argv + (argc > 0 ? 1 : 0), argv + argc);
+    if (!line.empty() && (line[0] == "--help" || line[0] == "-h"))
+        line = {"help"};
+    if (!line.empty() && line[0] == "--version") {
+        std::cout << "dhcpsnoopctl " DHCPSNOOP_VERSION "\n";
+        return EXIT_DONE;
+    }
+    try {
+        return runClient(line, Daemon(socketExchange(daemonSocketPath())), std::cout, std::cerr);
+    } catch (const std::exception &error) { // out of memory
+        std::cerr << "dhcpsnoopctl: " << error.what() << '\n';
+        return EXIT_REFUSED;
+    }
+}

@@ -1,0 +1,351 @@
+// Requests to the daemon and its replies: a request goes out as one length in host order and one body of
+// big-endian items, and what comes back is that body with the result, and for reads the value, written over
+// it. Never reads outside a reply, believes no length in it, and never waits longer than the time it was
+// given.
+#include "request.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
+
+#include "adr.h"
+
+namespace
+{
+
+constexpr uint32_t WORD_HEADER = 0x00020004; // marker 0, type 2, length 4 of the three leading words
+constexpr uint32_t INDEX_HEADER_AT = 24;
+constexpr uint8_t INDEX_HEADER = 1, DATA_HEADER = 3;
+constexpr size_t ITEM_HEADER_SIZE = 3, DATA_HEADER_SIZE = 4;
+
+struct IndexItem {
+    uint8_t type; // DATA_WORD or DATA_BYTES
+    Bytes value;
+};
+
+Bytes wordBytes(uint32_t word)
+{
+    Bytes out(4);
+    AdrMsg msg = {out.data(), 4, 0, false};
+    adr_int32(&msg, static_cast<int32_t>(word));
+    return out;
+}
+
+struct Index {
+    uint8_t count; // as the request says it
+    std::vector<IndexItem> items;
+};
+
+Index indexItems(const RequestIndex &index)
+{
+    if (const auto *word = std::get_if<uint32_t>(&index))
+        return {1, {{DATA_WORD, wordBytes(*word)}}};
+    if (const auto *server = std::get_if<ServerKey>(&index))
+        return {
+            2, {{DATA_WORD, wordBytes(server->ifIndex)}, {DATA_WORD, wordBytes(server->address)}}
+        };
+    if (const auto *user = std::get_if<UserKey>(&index))
+        return {
+            3,
+            {{DATA_BYTES, {user->ipType}},
+              {DATA_BYTES, {0, 0, 0}},
+              {DATA_BYTES, {user->ipAddr.begin(), user->ipAddr.end()}}}
+        };
+    // Kept: a global request counts no index item and yet carries one, which the daemon reads and ignores.
+    return {0, {{DATA_WORD, wordBytes(0)}}};
+}
+
+size_t indexSize(const RequestIndex &index)
+{
+    size_t size = 0;
+    for (const IndexItem &item : indexItems(index).items)
+        size += ITEM_HEADER_SIZE + item.value.size();
+    return size;
+}
+
+size_t requestSize(const Request &request)
+{
+    const auto *bytes = std::get_if<Bytes>(&request.value);
+    return DHCPSNOOP_REQUEST_MIN + indexSize(request.index) + DATA_HEADER_SIZE + (bytes ? bytes->size() : 4);
+}
+
+struct ResultName {
+    uint32_t code;
+    const char *name, *meaning;
+};
+
+constexpr ResultName RESULT_NAMES[] = {
+    {NM_OK,          "NM_OK",          "done"                                                        },
+    {NM_NO_ENTRY,    "NM_NO_ENTRY",    "no such entry or interface"                                  },
+    {NM_EXISTS,      "NM_EXISTS",      "the entry exists already, or belongs to IP source guard"     },
+    {NM_HW_REFUSED,  "NM_HW_REFUSED",  "the hardware layer refused the change"                       },
+    {NM_BOUND,       "NM_BOUND",       "the binding is bound and cannot be changed; unbind it first" },
+    {NM_BAD_LENGTH,  "NM_BAD_LENGTH",  "the value is too short or too long, or has no room"          },
+    {NM_BAD_COMMAND, "NM_BAD_COMMAND", "unknown command or value, or something it needs is not there"},
+    {NM_NULL_KEY,    "NM_NULL_KEY",    "no key was given"                                            },
+    {NM_NO_MEMORY,   "NM_NO_MEMORY",   "no free entry is left"                                       },
+    {NM_INVALID,     "NM_INVALID",     "VLAN id or format out of range"                              },
+    {NM_END,         "NM_END",         "nothing more, or the VLAN has no interface"                  },
+};
+
+class Socket
+{
+  public:
+    explicit Socket(int descriptor) : descriptor_(descriptor) {}
+    ~Socket()
+    {
+        if (descriptor_ >= 0)
+            close(descriptor_);
+    }
+    Socket(const Socket &) = delete;
+    Socket &operator=(const Socket &) = delete;
+    int get() const { return descriptor_; }
+
+  private:
+    int descriptor_;
+};
+
+using Clock = std::chrono::steady_clock;
+
+[[noreturn]] void throwConnectError(const std::string &path, int error)
+{
+    switch (error) {
+    case ENOENT:
+    case ECONNREFUSED:
+        throw NoDaemon("no daemon is listening on " + path);
+    case EACCES:
+    case EPERM:
+        throw NoDaemon("not permitted to use " + path +
+                       ": the daemon serves root only (run as root, or with CAP_DAC_OVERRIDE)");
+    case EAGAIN:
+    case ETIMEDOUT:
+        throw NoDaemon("the daemon on " + path + " is too busy to take a request");
+    default:
+        throw NoDaemon("cannot connect to " + path + ": " + std::strerror(error));
+    }
+}
+
+// Waits until the socket can be read or the deadline has passed.
+bool waitReadable(int descriptor, Clock::time_point deadline)
+{
+    for (;;) {
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0)
+            return false;
+        pollfd wait = {descriptor, POLLIN, 0};
+        int ready = poll(&wait, 1, static_cast<int>(left));
+        if (ready > 0)
+            return true;
+        if (ready < 0 && errno != EINTR)
+            throw NoDaemon(std::string("waiting for the daemon failed: ") + std::strerror(errno));
+    }
+}
+
+// Fills the whole of `out`; fewer bytes before the end of the stream or the deadline are an error.
+void receiveAll(int descriptor, void *out, size_t size, Clock::time_point deadline)
+{
+    auto *at = static_cast<uint8_t *>(out);
+    while (size > 0) {
+        if (!waitReadable(descriptor, deadline))
+            throw NoDaemon("the daemon did not answer in time");
+        ssize_t got = recv(descriptor, at, size, MSG_DONTWAIT);
+        if (got < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
+        if (got < 0)
+            throw NoDaemon(std::string("reading the daemon's answer failed: ") + std::strerror(errno));
+        if (got == 0)
+            throw NoDaemon("the daemon closed the connection without a whole answer");
+        at += got;
+        size -= static_cast<size_t>(got);
+    }
+}
+
+// The socket stands in a directory where anybody may create files: only root or the caller is believed.
+void checkPeer(int descriptor, const std::string &path)
+{
+    ucred peer = {};
+    socklen_t length = sizeof(peer);
+    if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        throw NoDaemon("cannot tell who serves " + path + ": " + std::strerror(errno));
+    if (peer.uid != 0 && peer.uid != geteuid())
+        throw NoDaemon(path + " is served by user " + std::to_string(peer.uid) +
+                       ", not by root: not trusted");
+}
+
+// One request and its reply on a connection of their own.
+Bytes exchangeOnce(const std::string &path, std::chrono::milliseconds timeout, const Bytes &body)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(address.sun_path))
+        throw UsageError("the socket's path is empty or too long: '" + path + "'");
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+
+    Clock::time_point deadline = Clock::now() + timeout;
+    Socket sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (sock.get() < 0)
+        throw NoDaemon(std::string("cannot create a socket: ") + std::strerror(errno));
+    // A full queue of connections makes connect wait; the send timeout ends that too.
+    timeval limit = {timeout.count() / 1000, (timeout.count() % 1000) * 1000};
+    setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    if (connect(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
+        throwConnectError(path, errno);
+    checkPeer(sock.get(), path);
+
+    // In one piece: the daemon takes the body with a single receive.
+    uint32_t length = static_cast<uint32_t>(body.size());
+    Bytes framed(sizeof(length) + body.size());
+    std::memcpy(framed.data(), &length, sizeof(length));
+    std::memcpy(framed.data() + sizeof(length), body.data(), body.size());
+    ssize_t sent = send(sock.get(), framed.data(), framed.size(), MSG_NOSIGNAL);
+    if (sent < 0)
+        throw NoDaemon(std::string("sending the request failed: ") + std::strerror(errno));
+    if (static_cast<size_t>(sent) != framed.size())
+        throw NoDaemon("the daemon did not take the whole request");
+
+    receiveAll(sock.get(), &length, sizeof(length), deadline);
+    if (length > DHCPSNOOP_REQUEST_MAX)
+        throw NoDaemon("malformed reply: a length of " + std::to_string(length) + " bytes");
+    Bytes reply(length);
+    receiveAll(sock.get(), reply.data(), reply.size(), deadline);
+    return reply;
+}
+
+} // namespace
+
+Bytes encodeRequest(const Request &request)
+{
+    Index index = indexItems(request.index);
+    Bytes body(requestSize(request));
+    if (body.size() > DHCPSNOOP_REQUEST_MAX)
+        throw UsageError("the value is too long for a request");
+
+    AdrMsg msg;
+    adr_start(&msg, body.data(), static_cast<uint32_t>(body.size()));
+    for (uint32_t word : {uint32_t{request.func}, uint32_t{0}, request.cmd}) {
+        adr_int32(&msg, static_cast<int32_t>(WORD_HEADER));
+        adr_int32(&msg, static_cast<int32_t>(word));
+    }
+    body[INDEX_HEADER_AT] = INDEX_HEADER;
+    body[INDEX_HEADER_AT + 1] = index.count;
+    uint32_t at = DHCPSNOOP_REQUEST_MIN;
+    for (const IndexItem &item : index.items) {
+        body[at] = item.type;
+        body[at + 2] = static_cast<uint8_t>(item.value.size()); // at most 16
+        std::memcpy(&body[at + ITEM_HEADER_SIZE], item.value.data(), item.value.size());
+        at += static_cast<uint32_t>(ITEM_HEADER_SIZE + item.value.size());
+    }
+    adr_pos(&msg, at);
+    int32_t failed;
+    if (const auto *bytes = std::get_if<Bytes>(&request.value))
+        failed = adr_encodedata(&msg, DATA_BYTES, static_cast<uint32_t>(bytes->size()), bytes->data());
+    else
+        failed = adr_encodedata(&msg, DATA_WORD, 4, &std::get<uint32_t>(request.value));
+    if (failed)
+        throw UsageError("the request cannot be encoded");
+    return body;
+}
+
+Reply::Reply(const Request &request, Bytes body)
+    : body_(std::move(body)), position_(DHCPSNOOP_REQUEST_MIN + indexSize(request.index))
+{
+    if (body_.empty())
+        throw CtlError(EXIT_REFUSED, "the daemon could not decode the request (empty reply); "
+                                     "client and daemon may be of different versions");
+    AdrMsg msg;
+    uint32_t func = 0, cmd = 0;
+    if (body_.size() != requestSize(request) ||
+        adr_start(&msg, body_.data(), static_cast<uint32_t>(body_.size())) != 0 ||
+        adr_decodefunc(&msg, &func) != 0 || adr_decoderetcode(&msg, &result_) != 0 ||
+        adr_decodecmd(&msg, &cmd) != 0 || func != request.func || cmd != request.cmd)
+        throw NoDaemon("malformed reply: it does not belong to the request");
+}
+
+// The value of the next data item.
+Bytes Reply::item(uint8_t type)
+{
+    AdrMsg msg;
+    uint8_t header = 0, found = 0;
+    adr_start(&msg, body_.data(), static_cast<uint32_t>(body_.size()));
+    adr_pos(&msg, static_cast<uint32_t>(position_));
+    adr_getchar(&msg, &header, 1);
+    adr_getchar(&msg, &found, 1);
+    uint16_t length = adr_getushort(&msg);
+    if (msg.overrun || header != DATA_HEADER || found != type)
+        throw NoDaemon("malformed reply: the value is not there");
+    size_t begin = adr_count(&msg);
+    adr_offset(&msg, length);
+    if (msg.overrun)
+        throw NoDaemon("malformed reply: the value is longer than the reply");
+    position_ = begin + length;
+    return {body_.begin() + static_cast<ptrdiff_t>(begin), body_.begin() + static_cast<ptrdiff_t>(position_)};
+}
+
+uint32_t Reply::word()
+{
+    Bytes value = item(DATA_WORD);
+    if (value.size() != 4)
+        throw NoDaemon("malformed reply: a number of " + std::to_string(value.size()) + " bytes");
+    AdrMsg msg = {value.data(), 4, 0, false};
+    return adr_getuint32(&msg);
+}
+
+Bytes Reply::bytes() { return item(DATA_BYTES); }
+
+UserKey Reply::userKey()
+{
+    Bytes type = item(DATA_BYTES), reserved = item(DATA_BYTES), address = item(DATA_BYTES);
+    UserKey key;
+    if (type.size() != 1 || reserved.size() != 3 || address.size() != key.ipAddr.size() ||
+        (type[0] != 1 && type[0] != 2))
+        throw NoDaemon("malformed reply: not the key of a binding");
+    key.ipType = type[0];
+    std::memcpy(key.ipAddr.data(), address.data(), address.size());
+    return key;
+}
+
+ServerKey Reply::serverKey()
+{
+    uint32_t ifIndex = word();
+    return {ifIndex, word()};
+}
+
+std::string resultText(uint32_t code)
+{
+    char number[16];
+    std::snprintf(number, sizeof(number), code < 0x1000 ? "%u" : "0x%X", code);
+    for (const ResultName &row : RESULT_NAMES)
+        if (row.code == code)
+            return std::string(row.name) + " (" + number + "): " + row.meaning;
+    return std::string("result ") + number + ": no name is known for it";
+}
+
+Refusal::Refusal(uint32_t resultCode, const std::string &what, const std::string &note)
+    : CtlError(EXIT_REFUSED, what + ": refused, " + resultText(resultCode) + note), code(resultCode)
+{
+}
+
+Reply Daemon::demand(const Request &request, const std::string &what) const
+{
+    Reply reply = ask(request);
+    if (reply.result() != NM_OK)
+        throw Refusal(reply.result(), what);
+    return reply;
+}
+
+Exchange socketExchange(std::string path, std::chrono::milliseconds timeout)
+{
+    return [path = std::move(path), timeout](const Bytes &body) { return exchangeOnce(path, timeout, body); };
+}
+
+std::string daemonSocketPath()
+{
+    const char *path = std::getenv("DHCPSNOOP_SOCKET");
+    return path && *path ? path : DHCPSNOOP_SOCKET_PATH;
+}

@@ -1,0 +1,103 @@
+// Requests to the daemon and its replies: the bytes of a request, what a reply must look like to be believed,
+// and one exchange over the command socket. The daemon is not trusted to be ours or of this version: whatever
+// comes back is checked before it is read, and waiting ends.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "error.h"
+#include "management.h"
+
+using Bytes = std::vector<uint8_t>;
+
+struct UserKey {
+    uint8_t ipType = 0;               // 1 IPv4, 2 IPv6
+    std::array<uint8_t, 16> ipAddr{}; // network order, IPv4 in the first 4, the rest zero
+    auto operator<=>(const UserKey &) const = default;
+};
+
+struct ServerKey {
+    uint32_t ifIndex = 0, address = 0; // the address is numeric: 10.1.2.3 is 0x0A010203
+    bool operator==(const ServerKey &) const = default;
+};
+
+// What a request is about: nothing (global), an interface index or VLAN id, a relay server, a binding.
+using RequestIndex = std::variant<std::monostate, uint32_t, ServerKey, UserKey>;
+
+// A number travels as a word. Bytes are a text to be set, or the room for what the daemon is to fill in.
+struct Request {
+    DhcpsnoopFunc func;
+    uint32_t cmd = 0;
+    RequestIndex index = {};
+    std::variant<uint32_t, Bytes> value = 0u;
+};
+
+// Room that a request must bring for the key that a First or Next writes over its data item.
+constexpr size_t USER_KEY_ROOM = 28, SERVER_KEY_ROOM = 12;
+
+// The body; the 4-byte length before it is not part of it.
+Bytes encodeRequest(const Request &request);
+
+// A reply as the daemon wrote it over the request. The constructor throws NoDaemon when it cannot be the
+// answer to `request`, and so do the readers when the item asked for is not there; a reply of length 0, by
+// which the daemon says that it could not decode the request, is a CtlError of status refused.
+class Reply
+{
+  public:
+    Reply(const Request &request, Bytes body);
+
+    uint32_t result() const { return result_; } // NM_OK or a result code
+    uint32_t word();
+    Bytes bytes();
+    UserKey userKey();
+    ServerKey serverKey();
+
+  private:
+    Bytes item(uint8_t type);
+
+    Bytes body_;
+    size_t position_; // of the next data item
+    uint32_t result_ = 0;
+};
+
+// The daemon refused: carries the result code, and says its name and meaning. `note` stands at the end.
+struct Refusal : CtlError {
+    Refusal(uint32_t resultCode, const std::string &what, const std::string &note = "");
+    uint32_t code;
+};
+
+// "NM_NO_ENTRY (0x3E80002): no such entry or interface"; a code without a name is given as a number.
+std::string resultText(uint32_t code);
+
+// Takes the body of a request to a daemon and brings the body of the reply; throws NoDaemon.
+using Exchange = std::function<Bytes(const Bytes &body)>;
+
+// Over the daemon's command socket, one connection for each request.
+Exchange socketExchange(std::string path,
+                        std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
+
+class Daemon
+{
+  public:
+    explicit Daemon(Exchange exchange) : exchange_(std::move(exchange)) {}
+
+    // Throws NoDaemon; a refusal is the reply's result.
+    Reply ask(const Request &request) const { return Reply(request, exchange_(encodeRequest(request))); }
+
+    // The same, with a refusal thrown as such. `what` names the request in its message.
+    Reply demand(const Request &request, const std::string &what) const;
+
+  private:
+    Exchange exchange_;
+};
+
+// The daemon's socket, or the one that the environment variable DHCPSNOOP_SOCKET names.
+std::string daemonSocketPath();

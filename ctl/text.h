@@ -1,0 +1,63 @@
+// Words of the command line to values and back: numbers, addresses, interfaces, option texts, and what is
+// safe to print. A word that is not what it should be is a UsageError that says what would have been.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "request.h"
+
+constexpr uint32_t OPTION_TEXT_MAX = 128; // bytes of an option text; the daemon would cut a longer one
+
+using Words = std::vector<std::string>;
+
+// Decimal, or hexadecimal after "0x". Null when it is no number.
+std::optional<uint32_t> parseNumber(const std::string &word);
+uint32_t parseRange(const std::string &what, const std::string &word, uint32_t least, uint32_t most);
+
+uint32_t parseIpv4(const std::string &word); // numeric
+std::string ipv4Text(uint32_t address);
+UserKey parseUserKey(const std::string &word); // an IPv4 or IPv6 address
+std::string userKeyText(const UserKey &key);
+std::array<uint8_t, 6> parseMac(const std::string &word);
+std::string macText(const Bytes &mac);
+
+// A port's name as this network namespace has it, or its index, known here or not.
+uint32_t parseInterface(const std::string &word);
+std::string interfaceText(uint32_t ifIndex); // the name when there is one that can be typed, else the index
+
+Bytes parseHex(const std::string &word); // two digits a byte, ':' or '-' between bytes allowed
+std::string hexText(const Bytes &bytes);
+bool isPrintable(const Bytes &bytes); // printable ASCII only, so that it can be a word on a command line
+
+// What a '%' and a letter stand for in a template; every other letter expands to "0".
+struct Conversion {
+    char letter;
+    const char *help;
+};
+constexpr Conversion CONVERSIONS[] = {
+    {'D', "host name of the switch"                    },
+    {'e', "description of the machine"                 },
+    {'N', "name of the port"                           },
+    {'i', "number of the interface that snoops"        },
+    {'y', "number of the port"                         },
+    {'S', "slot of the port"                           },
+    {'r', "number of the port on its card"             },
+    {'s', "outer (service) VLAN of the request"        },
+    {'c', "inner (customer) VLAN of the request"       },
+    {'l', "0"                                          },
+    {'d', "the interface's MAC address, 6 binary bytes"},
+};
+
+// What is wrong with an option text template, or nothing. After a conversion ('%' and a letter) must come a
+// delimiter or the end, and '%' may not be the last character.
+std::optional<std::string> templateFault(std::string_view text);
+// The conversions in it that stand for nothing.
+std::string templateUnknown(std::string_view text);
+
+// The word as a shell reads it back.
+std::string quoted(const std::string &word);
+std::string joinQuoted(const Words &words);
