@@ -1,0 +1,35 @@
+// The DHCP trap of the switch's ports: while it is on for a port or VLAN, the kernel does not forward the
+// DHCP frames of one family that come in there; they reach the daemon through its packet sockets instead.
+// Also descriptor 0, through which the daemon relays.
+//
+// trap.cpp knows the model (model.h) and drives guard.h, behind which a recorder stands in tests.
+// trap_release is alone in the library dhcpsnoop_trap together with guard.h, for dhcpsnoopctl.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace platform_linux
+{
+
+// Loads or adopts the classifier and attaches it to every port of the model, now and whenever one appears.
+// Called once, after the model is loaded and before the daemon opens its packet sockets. Always 0: where the
+// kernel refuses eBPF it says so on standard error and in the log, and every trap_set to on then fails.
+int32_t trap_start();
+
+// The trap of one family (4 or 6) on a port or aggregate; on a VLAN interface that VLAN on every port. 0 or
+// an errno value: ENODEV no such port, EOPNOTSUPP no eBPF here, or why the classifier could not be attached.
+// Off for an index that is not there (any more) is 0.
+int32_t trap_set(uint32_t ifIndex, int family, bool on);
+
+// Makes descriptor 0 a UDP socket bound to port 67 that receives nothing: the one handed over as standard
+// input, or one of our own. Always 0: without the right to bind the port it says so and standard input stays
+// as it was, so that every relayed request reports a send error. Called before the daemon's start-up.
+int32_t relay_socket_start();
+
+// Removes all that any daemon of this network namespace left in the kernel: the classifier from every device,
+// the clsact queueing disciplines made for it and the pinned maps. `report` gets one line for each thing
+// removed or not removable. False when something could not be removed. Not for a namespace whose daemon runs.
+bool trap_release(std::string &report);
+
+} // namespace platform_linux

@@ -1,0 +1,424 @@
+// Frames on their way from a port to the loop: real devices, the classifier in place, and the daemon's own
+// packet sockets. What must come is the frame as it was on the wire, once, with its true port and VLANs; what
+// must not come is everything that the switch would not have handed over.
+#include "netns_test.h"
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <unistd.h>
+
+#include <arpa/inet.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include "guard.h"
+#include "model.h"
+#include "platform.h"
+#include "wire.h"
+
+using namespace platform_linux;
+
+// The model of these tests.
+static std::map<uint32_t, Port> modelPorts;
+
+const Port *platform_linux::model_port(uint32_t ifIndex)
+{
+    const auto found = modelPorts.find(ifIndex);
+    return found == modelPorts.end() ? nullptr : &found->second;
+}
+
+namespace
+{
+
+// The loop's way of receiving: one message header for both sockets, set up once and never reset.
+class Loop
+{
+  public:
+    Loop() { std::memset(control_, 0xEE, sizeof control_); }
+
+    ssize_t receive(int sock)
+    {
+        std::memset(buffer_, 0xEE, sizeof buffer_);
+        return platform_frame_recv(sock, &message_);
+    }
+
+    Bytes frame(ssize_t length) const { return Bytes(buffer_, buffer_ + length); }
+    int source() const { return source_.sll_ifindex; }
+
+    // The 25 bytes of the first control message of level SOL_PACKET; empty when there is none.
+    Bytes info() const
+    {
+        for (cmsghdr *c = CMSG_FIRSTHDR(&message_); c != nullptr;
+             c = CMSG_NXTHDR(const_cast<msghdr *>(&message_), c))
+            if (c->cmsg_level == SOL_PACKET)
+                return c->cmsg_len == CMSG_LEN(25) ? Bytes(CMSG_DATA(c), CMSG_DATA(c) + 25) : Bytes();
+        return Bytes();
+    }
+
+  private:
+    alignas(8) uint8_t buffer_[2048];
+    alignas(cmsghdr) uint8_t control_[128];
+    sockaddr_ll source_ = {};
+    iovec vector_ = {buffer_, sizeof buffer_};
+    msghdr message_ = {&source_, sizeof source_, &vector_, 1, control_, sizeof control_, 0};
+};
+
+Bytes info(uint32_t port, uint32_t outer, uint32_t inner, uint8_t headerLength)
+{
+    return be32(port) + repeated(0, 16) + be16(outer) + be16(inner) + Bytes{headerLength};
+}
+
+// A SOLICIT (RFC 8415) from fe80::1; its checksum is scapy's.
+Bytes solicit(std::vector<Tag> tags)
+{
+    Bytes bytes = hex_bytes("33 33 00 01 00 02 02 c1 00 00 00 01");
+    for (const Tag &tag : tags)
+        bytes = bytes + be16(tag.tpid) + be16(tag.tci);
+    return bytes + hex_bytes("86 dd 60 00 00 00 00 0c 11 01 fe800000000000000000000000000001"
+                             "ff020000000000000000000000010002 02 22 02 23 00 0c c8 a1 01 12 34 56");
+}
+
+class Frames : public NetnsTest
+{
+  protected:
+    void SetUp() override
+    {
+        NetnsTest::SetUp();
+        if (IsSkipped())
+            return;
+        run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up");
+        for (const std::string n : {"1", "2"}) {
+            veth("p" + n, "c" + n);
+            run("ip link set p" + n + " mtu 9000 master br0 && ip link set c" + n + " mtu 9000");
+        }
+        port_ = index("p1");
+        std::string why, note;
+        if (!guard_open(why, note))
+            GTEST_SKIP() << "needs eBPF: " << why;
+        modelPorts.clear();
+        Port port = {};
+        port.ifIndex = port_;
+        port.stp = StpState::forwarding;
+        port.up = true;
+        port.nativeVid = 7;
+        port.members.set(7).set(10).set(20);
+        modelPorts[port_] = port;
+        ASSERT_EQ(guard_port_add(port_, 7), 0);
+        v4_ = open(ETH_P_IP);
+        v6_ = open(ETH_P_IPV6);
+    }
+
+    void TearDown() override
+    {
+        close(v4_);
+        close(v6_);
+        guard_close();
+    }
+
+    static int open(uint16_t protocol)
+    {
+        const int sock = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(protocol));
+        EXPECT_EQ(platform_packet_info_enable(sock), 0) << strerror(errno);
+        return sock;
+    }
+
+    void trap(bool on)
+    {
+        ASSERT_EQ(guard_trap_port(port_, 4, on), 0);
+        ASSERT_EQ(guard_trap_port(port_, 6, on), 0);
+    }
+
+    void expect_nothing(int sock)
+    {
+        errno = 0;
+        EXPECT_EQ(loop_.receive(sock), -1);
+        EXPECT_EQ(errno, EAGAIN);
+    }
+
+    uint32_t port_ = 0;
+    int v4_ = -1, v6_ = -1;
+    Loop loop_;
+};
+
+TEST_F(Frames, ComeAsTheyWereOnTheWire)
+{
+    const struct {
+        const char *claim;
+        std::vector<Tag> tags;
+        uint16_t outer, inner; // expected
+    } rows[] = {
+        {"untagged, its native VLAN", {}, 7, 0},
+        {"priority tag, its native VLAN", {{0x8100, 0xE000}}, 7, 0},
+        {"802.1Q", {{0x8100, 0x600A}}, 10, 0},
+        {"S-tag", {{0x88A8, 0x100A}}, 10, 0},
+        {"old S-tag, which stays in the frame", {{0x9100, 10}}, 10, 0},
+        {"S-tag and C-tag", {{0x88A8, 10}, {0x8100, 0xF014}}, 10, 20},
+        {"two C-tags", {{0x8100, 20}, {0x8100, 10}}, 20, 10},
+        {"old S-tag and C-tag", {{0x9100, 10}, {0x8100, 300}}, 10, 300},
+        {"priority tag and C-tag", {{0x8100, 0x2000}, {0x8100, 20}}, 7, 20},
+        {"three tags", {{0x88A8, 10}, {0x88A8, 20}, {0x8100, 30}}, 10, 20},
+    };
+    trap(true);
+    Wire from("c1"), to("c2");
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.claim);
+        Frame frame = discover();
+        frame.tags = row.tags;
+        const Bytes expectedInfo =
+            info(port_, row.outer, row.inner, static_cast<uint8_t>(14 + 4 * row.tags.size()));
+        for (const bool v6 : {false, true}) {
+            const Bytes whole = v6 ? solicit(row.tags) : frame.bytes();
+            // With and without a checksum left to the device, whose field then has the pseudo-header's sum.
+            const size_t udp = 14 + 4 * row.tags.size() + (v6 ? 40 : 20);
+            Bytes unfinished = whole;
+            const Bytes pseudo = v6 ? Bytes(whole.begin() + static_cast<long>(udp) - 32,
+                                            whole.begin() + static_cast<long>(udp))
+                                    : Bytes(whole.begin() + static_cast<long>(udp) - 8,
+                                            whole.begin() + static_cast<long>(udp));
+            wire_put16(unfinished.data() + udp + 6, static_cast<uint16_t>(~internet_checksum(
+                                                        pseudo + be16(17) +
+                                                        Bytes(whole.begin() + static_cast<long>(udp) + 4,
+                                                              whole.begin() + static_cast<long>(udp) + 6))));
+            for (const bool offload : {false, true}) {
+                SCOPED_TRACE(std::string(v6 ? "IPv6" : "IPv4") + (offload ? ", offload" : ""));
+                if (offload)
+                    from.send_unfinished(unfinished, udp, 6);
+                else
+                    from.send(whole);
+                const ssize_t length = loop_.receive(v6 ? v6_ : v4_);
+                ASSERT_EQ(length, static_cast<ssize_t>(whole.size()));
+                EXPECT_EQ(hex(loop_.frame(length)), hex(whole));
+                EXPECT_EQ(hex(loop_.info()), hex(expectedInfo));
+                EXPECT_EQ(loop_.source(), static_cast<int>(port_));
+                expect_nothing(v4_);
+                expect_nothing(v6_);
+            }
+        }
+    }
+    EXPECT_FALSE(to.receive().has_value()) << "forwarded as well";
+}
+
+TEST_F(Frames, AreForwardedWithoutTrapAndNotTold)
+{
+    Wire from("c1"), to("c2");
+    for (const Bytes &frame : {discover().bytes(), solicit({}), solicit({{0x8100, 10}})}) {
+        from.send(frame);
+        EXPECT_TRUE(to.receive().has_value());
+        expect_nothing(v4_);
+        expect_nothing(v6_);
+    }
+}
+
+// The kernel itself leaves the checksum of a local program's datagrams to a veth device.
+TEST_F(Frames, OfALocalProgramHaveATrueChecksum)
+{
+    trap(true);
+    run("ip addr add 192.0.2.1/24 dev c1");
+    for (const std::string offload : {"on", "off"}) {
+        SCOPED_TRACE("tx-checksumming " + offload);
+        run("ethtool -K c1 tx " + offload);
+        const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        const int on = 1;
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(68);
+        ASSERT_EQ(setsockopt(sock, SOL_SOCKET, SO_BROADCAST, &on, sizeof on), 0);
+        ASSERT_EQ(setsockopt(sock, SOL_SOCKET, SO_BINDTODEVICE, "c1", 2), 0);
+        ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        address.sin_port = htons(67);
+        address.sin_addr.s_addr = INADDR_BROADCAST;
+        const Bytes message = discover().message();
+        ASSERT_EQ(sendto(sock, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&address),
+                         sizeof address),
+                  static_cast<ssize_t>(message.size()));
+        close(sock);
+        const ssize_t length = loop_.receive(v4_);
+        ASSERT_EQ(length, static_cast<ssize_t>(42 + message.size()));
+        const Bytes frame = loop_.frame(length);
+        // RFC 768: the sum over pseudo-header and datagram, checksum included, is all ones.
+        const Bytes datagram(frame.begin() + 34, frame.end());
+        EXPECT_EQ(internet_checksum(Bytes(frame.begin() + 26, frame.begin() + 34) + be16(17) +
+                                    be16(static_cast<uint32_t>(datagram.size())) + datagram),
+                  0);
+    }
+}
+
+TEST_F(Frames, OfPortsAndVlansThatDoNotReceiveAreDropped)
+{
+    trap(true);
+    Wire from("c1");
+    Frame foreign = discover();
+    foreign.tags = {{0x8100, 30}};
+    from.send(foreign.bytes());
+    expect_nothing(v4_);
+    Port &port = modelPorts[port_];
+    port.stp = StpState::blocking;
+    from.send(discover().bytes());
+    expect_nothing(v4_);
+    port.stp = StpState::forwarding;
+    port.aggregate = 99;
+    from.send(discover().bytes());
+    expect_nothing(v4_);
+    port.aggregate = 0;
+    from.send(discover().bytes());
+    EXPECT_GT(loop_.receive(v4_), 0);
+    modelPorts.clear();
+    from.send(discover().bytes());
+    expect_nothing(v4_);
+}
+
+// A routed port has no VLANs at all.
+TEST_F(Frames, OfARoutedPortHaveNoVlan)
+{
+    Port &port = modelPorts[port_];
+    port.routed = true;
+    port.nativeVid = 0;
+    port.members.reset();
+    ASSERT_EQ(guard_port_add(port_, 0), 0);
+    trap(true);
+    Wire from("c1");
+    from.send(discover().bytes());
+    ASSERT_GT(loop_.receive(v4_), 0);
+    EXPECT_EQ(hex(loop_.info()), hex(info(port_, 0, 0, 14)));
+}
+
+TEST_F(Frames, OfAnyLengthLeaveTheNextOneWhole)
+{
+    trap(true);
+    Wire from("c1");
+    const Bytes whole = discover().bytes();
+    const auto of_length = [](size_t length, bool tagged) {
+        Frame frame = discover();
+        if (tagged)
+            frame.tags = {{0x8100, 10}};
+        frame.padding = repeated(0xAA, length - frame.bytes().size());
+        return frame.bytes();
+    };
+    const struct {
+        const char *claim;
+        Bytes frame;
+        bool comes;
+    } rows[] = {
+        {"ports and nothing else", Bytes(whole.begin(), whole.begin() + 38), true},
+        {"the longest", of_length(2048, false), true},
+        {"the longest, tagged", of_length(2048, true), true},
+        {"one byte too long", of_length(2049, false), false},
+        {"too long with its tag", of_length(2049, true), false},
+        {"jumbo", of_length(9000, false), false},
+        {"cut in the ports: no DHCP", Bytes(whole.begin(), whole.begin() + 37), false},
+        {"cut in the IP header", Bytes(whole.begin(), whole.begin() + 23), false},
+        {"an Ethernet header alone", Bytes(whole.begin(), whole.begin() + 14), false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.claim);
+        from.send(row.frame);
+        const ssize_t length = loop_.receive(v4_);
+        if (row.comes) {
+            ASSERT_EQ(length, static_cast<ssize_t>(row.frame.size()));
+            EXPECT_EQ(hex(loop_.frame(length)), hex(row.frame));
+        } else {
+            EXPECT_EQ(length, -1);
+            EXPECT_EQ(errno, EAGAIN);
+        }
+        from.send(whole);
+        ASSERT_EQ(loop_.receive(v4_), static_cast<ssize_t>(whole.size()));
+        EXPECT_EQ(hex(loop_.info()), hex(info(port_, 7, 0, 14)));
+    }
+}
+
+// A datagram whose own lengths lie about where it ends keeps its checksum field, whatever the device left to
+// do.
+TEST_F(Frames, WithLyingLengthsAreNotRepaired)
+{
+    trap(true);
+    Wire from("c1");
+    for (const uint16_t length : {uint16_t{0}, uint16_t{7}, uint16_t{400}, uint16_t{65535}}) {
+        Frame frame = discover();
+        frame.udpLen = length;
+        frame.udpChecksum = 0x1234;
+        from.send_unfinished(frame.bytes(), 34, 6);
+        const ssize_t received = loop_.receive(v4_);
+        ASSERT_GT(received, 0);
+        EXPECT_EQ(hex(loop_.frame(received)), hex(frame.bytes())) << length;
+    }
+}
+
+// A burst is kept until the daemon comes to it.
+TEST_F(Frames, OfABurstAreAllKept)
+{
+    trap(true);
+    Wire from("c1");
+    Frame frame = discover();
+    for (uint32_t i = 0; i < 3000; i++) {
+        frame.xid = i;
+        from.send(frame.bytes());
+    }
+    for (uint32_t i = 0; i < 3000; i++) {
+        const ssize_t length = loop_.receive(v4_);
+        ASSERT_GT(length, 50) << i;
+        EXPECT_EQ(wire_get32(loop_.frame(length).data() + 46), i);
+    }
+    expect_nothing(v4_);
+}
+
+// The daemon sends through the same sockets; what it sends out of a port never comes back to it.
+TEST_F(Frames, GoOutThroughTheSameSocket)
+{
+    trap(true);
+    Wire to("c1");
+    const Bytes frame = discover().bytes();
+    sockaddr_ll address = {};
+    address.sll_family = AF_PACKET;
+    address.sll_protocol = htons(ETH_P_IP);
+    address.sll_ifindex = static_cast<int>(port_);
+    address.sll_halen = 6;
+    ASSERT_EQ(
+        sendto(v4_, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof address),
+        static_cast<ssize_t>(frame.size()))
+        << strerror(errno);
+    const std::optional<Bytes> got = to.receive();
+    ASSERT_TRUE(got.has_value());
+    EXPECT_EQ(hex(*got), hex(frame));
+    expect_nothing(v4_);
+}
+
+// What the socket took before it was made the trap's is gone; a socket of another family is refused.
+TEST_F(Frames, BeginWithTheTrap)
+{
+    run("ip addr add 192.0.2.1/24 dev c1 && ip addr add 192.0.2.2/24 dev c2");
+    const int sock = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IP));
+    Wire from("c1");
+    Frame frame = discover();
+    frame.dst = MAC_BROADCAST;
+    from.send(frame.bytes()); // the bridge floods it to p2 and so to c2
+    uint8_t byte;
+    ASSERT_GT(recv(sock, &byte, 1, MSG_PEEK), 0);
+    ASSERT_EQ(platform_packet_info_enable(sock), 0);
+    expect_nothing(sock);
+    int size = 0;
+    socklen_t length = sizeof size;
+    ASSERT_EQ(getsockopt(sock, SOL_SOCKET, SO_RCVBUF, &size, &length), 0);
+    EXPECT_GE(size, 4 << 20);
+    close(sock);
+
+    const int arp = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ARP));
+    EXPECT_EQ(platform_packet_info_enable(arp), -1);
+    EXPECT_EQ(errno, EINVAL);
+    close(arp);
+}
+
+// A header without room for the packet information is refused before anything is written.
+TEST_F(Frames, NeedRoomForThePacketInformation)
+{
+    uint8_t buffer[64], control[8] = {};
+    iovec vector = {buffer, sizeof buffer};
+    msghdr message = {nullptr, 0, &vector, 1, control, sizeof control, 0};
+    EXPECT_EQ(platform_frame_recv(v4_, &message), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+} // namespace
