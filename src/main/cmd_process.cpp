@@ -102,11 +102,6 @@ static bool reply_value(Request *request)
     }
 }
 
-static bool reply_word_value(Request *request)
-{
-    return request->dataType != DATA_WORD || reply_value(request);
-}
-
 static bool reply_number(Request *request)
 {
     return request->dataType != DATA_WORD ||
@@ -155,28 +150,28 @@ struct Function {
 
 // By function number.
 static constexpr Function FUNCTIONS[] = {
-    {Object::Global,   0, index_number,   global_set,      reply_none      },
-    {Object::Global,   0, index_number,   global_set,      reply_none      },
-    {Object::Global,   0, index_number,   global_get,      reply_value     },
-    {Object::If,       1, index_number,   if_first,        reply_number    },
-    {Object::If,       1, index_number,   if_next,         reply_number    },
-    {Object::If,       1, index_number,   if_set,          reply_none      },
-    {Object::If,       1, index_number,   if_set,          reply_none      },
-    {Object::If,       1, index_number,   if_get,          reply_value     },
-    {Object::User,     3, index_user_key, user_first,      reply_key       },
-    {Object::User,     3, index_user_key, user_next,       reply_key       },
-    {Object::User,     3, index_user_key, user_set,        reply_none      },
-    {Object::User,     3, index_user_key, user_set,        reply_none      },
-    {Object::User,     3, index_user_key, user_get,        reply_value     },
-    {Object::Vlan,     1, index_number,   vlan_first,      reply_number    },
-    {Object::Vlan,     1, index_number,   vlan_next,       reply_number    },
-    {Object::Vlan,     1, index_number,   vlan_set,        reply_none      },
-    {Object::Vlan,     1, index_number,   vlan_get,        reply_value     },
-    {Object::ServerIp, 2, index_pair,     server_ip_first, reply_pair      },
-    {Object::ServerIp, 2, index_pair,     server_ip_next,  reply_pair      },
-    {Object::ServerIp, 2, index_pair,     server_ip_set,   reply_none      },
-    {Object::ServerIp, 2, index_pair,     server_ip_set,   reply_none      },
-    {Object::ServerIp, 2, index_pair,     server_ip_get,   reply_word_value},
+    {Object::Global,   0, index_number,   global_set,      reply_none  },
+    {Object::Global,   0, index_number,   global_set,      reply_none  },
+    {Object::Global,   0, index_number,   global_get,      reply_value },
+    {Object::If,       1, index_number,   if_first,        reply_number},
+    {Object::If,       1, index_number,   if_next,         reply_number},
+    {Object::If,       1, index_number,   if_set,          reply_none  },
+    {Object::If,       1, index_number,   if_set,          reply_none  },
+    {Object::If,       1, index_number,   if_get,          reply_value },
+    {Object::User,     3, index_user_key, user_first,      reply_key   },
+    {Object::User,     3, index_user_key, user_next,       reply_key   },
+    {Object::User,     3, index_user_key, user_set,        reply_none  },
+    {Object::User,     3, index_user_key, user_set,        reply_none  },
+    {Object::User,     3, index_user_key, user_get,        reply_value },
+    {Object::Vlan,     1, index_number,   vlan_first,      reply_number},
+    {Object::Vlan,     1, index_number,   vlan_next,       reply_number},
+    {Object::Vlan,     1, index_number,   vlan_set,        reply_none  },
+    {Object::Vlan,     1, index_number,   vlan_get,        reply_value },
+    {Object::ServerIp, 2, index_pair,     server_ip_first, reply_pair  },
+    {Object::ServerIp, 2, index_pair,     server_ip_next,  reply_pair  },
+    {Object::ServerIp, 2, index_pair,     server_ip_set,   reply_none  },
+    {Object::ServerIp, 2, index_pair,     server_ip_set,   reply_none  },
+    {Object::ServerIp, 2, index_pair,     server_ip_get,   reply_value },
 };
 static_assert(std::size(FUNCTIONS) == FUNC_COUNT);
 
