@@ -48,7 +48,7 @@ void fill(QorBuffer *buffer, const void *data, size_t count)
     buffer->length = static_cast<uint32_t>(count);
 }
 
-std::string formatted(const char *format, va_list arguments)
+__attribute__((format(printf, 1, 0))) std::string formatted(const char *format, va_list arguments)
 {
     char text[4096];
     vsnprintf(text, sizeof text, format, arguments);
@@ -199,7 +199,7 @@ WorldPort &World::access(uint32_t ifIndex, uint16_t vid) { return trunk(ifIndex,
 
 WorldPort &World::trunk(uint32_t ifIndex, std::set<uint32_t> vlans, uint16_t native)
 {
-    WorldPort &port = ports[ifIndex];
+    WorldPort &port = ports[ifIndex] = {};
     port.name = world_format("swp%u", ifIndex);
     port.mac = {0x02, 0x00, 0x00, 0x00, 0x01, static_cast<uint8_t>(ifIndex)};
     port.number = ifIndex;

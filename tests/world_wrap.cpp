@@ -105,8 +105,10 @@ void __real__Z14dhcpsnoop_recvP14DhcpsnoopRxPkt(DhcpsnoopRxPkt *rxpkt);
 
 void __wrap__Z14dhcpsnoop_recvP14DhcpsnoopRxPkt(DhcpsnoopRxPkt *rxpkt)
 {
-    if (world.recording)
+    if (world.recording) {
+        WorldScope scope;
         world.received.push_back(*rxpkt);
+    }
     __real__Z14dhcpsnoop_recvP14DhcpsnoopRxPkt(rxpkt);
 }
 
@@ -284,12 +286,11 @@ ssize_t __wrap_sendto(int fd, const void *bytes, size_t count, int flags, const 
     WorldScope scope;
     struct sockaddr_ll ll = {};
     memcpy(&ll, address, length < sizeof ll ? length : sizeof ll);
-    if (!world.recording) {
-        if (world.sent != nullptr)
-            world.sent(Did::Frame, static_cast<const uint8_t *>(bytes), count,
-                       static_cast<uint32_t>(ll.sll_ifindex));
+    if (!world.recording && world.sent != nullptr)
+        world.sent(Did::Frame, static_cast<const uint8_t *>(bytes), count,
+                   static_cast<uint32_t>(ll.sll_ifindex));
+    if (world.quiet())
         return static_cast<ssize_t>(count);
-    }
     const auto *first = static_cast<const uint8_t *>(bytes);
     const auto *firstAddress = reinterpret_cast<const uint8_t *>(address);
     const std::string line = world_format("frame %d %zu", ll.sll_ifindex, count);
@@ -311,21 +312,18 @@ ssize_t __wrap_sendmsg(int fd, const struct msghdr *msg, int flags)
     if (!is_ours(fd))
         return __real_sendmsg(fd, msg, flags);
     WorldScope scope;
-    if (!world.recording) {
-        struct sockaddr_in server = {};
-        memcpy(&server, msg->msg_name, msg->msg_namelen < sizeof server ? msg->msg_namelen : sizeof server);
-        if (world.sent != nullptr && msg->msg_iovlen == 1)
-            world.sent(Did::Relay, static_cast<const uint8_t *>(msg->msg_iov[0].iov_base),
-                       msg->msg_iov[0].iov_len, ntohl(server.sin_addr.s_addr));
+    struct sockaddr_in to = {};
+    memcpy(&to, msg->msg_name, msg->msg_namelen < sizeof to ? msg->msg_namelen : sizeof to);
+    if (!world.recording && world.sent != nullptr && msg->msg_iovlen == 1)
+        world.sent(Did::Relay, static_cast<const uint8_t *>(msg->msg_iov[0].iov_base),
+                   msg->msg_iov[0].iov_len, ntohl(to.sin_addr.s_addr));
+    if (world.quiet())
         return 0;
-    }
     WorldEntry entry = {.did = Did::Relay, .text = {}, .socket = fd};
     for (size_t i = 0; i < msg->msg_iovlen; i++) {
         const auto *first = static_cast<const uint8_t *>(msg->msg_iov[i].iov_base);
         entry.data.insert(entry.data.end(), first, first + msg->msg_iov[i].iov_len);
     }
-    struct sockaddr_in to = {};
-    memcpy(&to, msg->msg_name, msg->msg_namelen < sizeof to ? msg->msg_namelen : sizeof to);
     entry.to = ntohl(to.sin_addr.s_addr);
     std::string note;
     if (to.sin_family != AF_INET || msg->msg_namelen != sizeof to)

@@ -1,0 +1,236 @@
+#!/usr/bin/python3
+"""Writes fuzz/seeds/: inputs of the two fuzz targets, from frames that scapy builds and requests laid out by hand.
+
+How an input is read stands in fuzz_recv.cpp, fuzz_cmd.cpp, session.cpp and frames.cpp; when that changes, change
+this and run it again. With --check, tshark must find nothing wrong with any of the frames.
+"""
+import pathlib
+import struct
+import subprocess
+import sys
+import tempfile
+
+from scapy.all import BOOTP, IP, UDP, Dot1AD, Dot1Q, Ether, Raw, wrpcap
+
+HERE = pathlib.Path(__file__).parent
+CLIENT, CLIENT2, SERVER = '02:c1:00:00:00:01', '02:c1:00:00:00:02', '02:5e:00:00:00:01'
+PORT1_MAC = bytes.fromhex('020000000101')
+BOUND, REQUESTED, FRESH, SERVER_IP, RELAY_IP = '10.0.0.100', '10.0.0.101', '10.0.0.105', '10.0.0.1', '192.0.2.1'
+
+DISCOVER, OFFER, REQUEST, DECLINE, ACK, NAK, RELEASE, INFORM = range(1, 9)
+
+# prepare.h: the bits of the first byte
+OFF, TYPED, RAW, TYPED_TEXT, RAW_TEXT, TEMPLATE, GLOBAL, ODD = range(8)
+KEEP, DROP, KEEP_ALSO, APPEND = (n << 3 for n in range(4))
+SUBOPT9, RELAYING, GUARDS = 0x20, 0x40, 0x80
+
+# frames.cpp: where a frame comes in
+PORT1, PORT2, PORT2_VLAN10, PORT3, PORT4, PORT4_VLAN20, PORT5, PORT6, VLAN20, VLAN30 = range(10)
+
+frames = []  # every one that scapy built
+
+
+def total_length(frame, length):
+    """The frame with that IPv4 total length, true or not."""
+    return frame[:16] + struct.pack('>H', length) + frame[18:]
+
+
+def option(code, data=b''):
+    return bytes([code, len(data)]) + data
+
+
+def ip_option(code, address):
+    return option(code, bytes(map(int, address.split('.'))))
+
+
+def mac_bytes(mac):
+    return bytes.fromhex(mac.replace(':', ''))
+
+
+def dhcp(message, options=b'', tags=(), reply=False, mac=CLIENT, src=None, ip=('0.0.0.0', '255.255.255.255'), **bootp):
+    ether = Ether(src=src or (SERVER if reply else mac), dst='ff:ff:ff:ff:ff:ff')
+    for kind, vid in tags:
+        ether = ether / kind(vlan=vid)
+    ports = (67, 68) if reply else (68, 67)
+    body = option(53, bytes([message])) + options + b'\xff'
+    frame = (ether / IP(src=SERVER_IP if reply else ip[0], dst=ip[1]) / UDP(sport=ports[0], dport=ports[1]) /
+             BOOTP(op=2 if reply else 1, chaddr=mac_bytes(mac), xid=0x3903F326, options=b'\x63\x82\x53\x63', **bootp) /
+             Raw(body))
+    built = bytes(frame)
+    frames.append(built)
+    return built
+
+
+def frame(data, arrival, twice=0):
+    """A record with the frame as it is."""
+    return bytes([0, twice, arrival << 4 | 3]) + struct.pack('>H', len(data)) + data
+
+
+def odd_frame(data, arrival, if_index, outer, inner, l2, ether_type=0, length=0):
+    """The same, with packet information of its own."""
+    return (bytes([0, 0, arrival << 4 | 7]) + struct.pack('>H', len(data)) + data +
+            struct.pack('>IHHHBH', if_index, outer, inner, l2, ether_type, length))
+
+
+def made(op, message, arrival, options, shape=0, tags=b'\0', picks=b'\0\0\0\0\0\0\0', pads=None):
+    """A record of a frame that the target makes: op, type, addresses by number, and an option area."""
+    record = bytes([0, 1, arrival << 4, op - 1, message]) + tags + picks + bytes([shape | (pads is not None)])
+    if pads is not None:
+        record += struct.pack('>H', pads)
+    return record + struct.pack('>H', len(options)) + options
+
+
+def recv_seeds():
+    prl = option(55, bytes([1, 3, 6, 15]))
+    circuit, remote = option(1, b'\0\6\0\x0a\1\0\0\1'), option(2, b'\0\6' + PORT1_MAC)
+    relay_info = option(82, circuit + remote)
+    vendor9 = option(9, struct.pack('>I', 32473) + b'\6\1\4edge')
+    foreign = option(82, option(1, b'elsewhere') + option(2, b'\0\6\1\2\3\4\5\6') + vendor9)
+    ack = option(51, struct.pack('>I', 3600)) + ip_option(54, SERVER_IP) + ip_option(3, SERVER_IP)
+    vendor_class = option(60, b'\1\4\0\0\0\7')
+    to_server = ip_option(54, SERVER_IP)
+
+    discover = dhcp(DISCOVER, prl)
+    request = dhcp(REQUEST, ip_option(50, FRESH) + to_server + vendor_class)
+    renew = dhcp(REQUEST, prl, ciaddr=BOUND, ip=(BOUND, SERVER_IP))
+    acked = dhcp(ACK, ack, reply=True, yiaddr=FRESH)
+    bound = dhcp(ACK, ack + relay_info, reply=True, yiaddr=BOUND)
+    release = dhcp(RELEASE, to_server, ciaddr=BOUND, ip=(BOUND, SERVER_IP))
+    large = dhcp(DISCOVER, prl + option(43, bytes(250)) * 6 + option(43, bytes(190)))
+    seeds = {
+        'discover': bytes([TYPED]) + frame(discover, PORT1),
+        'discover-template': bytes([TEMPLATE | SUBOPT9]) + frame(discover, PORT1, 1),
+        'discover-global-template': bytes([GLOBAL]) + frame(discover, PORT2),
+        'discover-raw-text': bytes([RAW_TEXT]) + frame(discover, PORT1),
+        'discover-relayed': bytes([TYPED | RELAYING]) + frame(dhcp(DISCOVER, prl, mac=CLIENT2), PORT5),
+        'discover-on-vlan': bytes([RAW | GUARDS]) + frame(dhcp(DISCOVER, prl, [(Dot1Q, 20)]), VLAN20),
+        'discover-qinq': bytes([TYPED_TEXT]) + frame(dhcp(DISCOVER, prl, [(Dot1AD, 20), (Dot1Q, 7)]), PORT2),
+        'discover-keep': bytes([TYPED | KEEP]) + frame(dhcp(DISCOVER, foreign), PORT1),
+        'discover-drop': bytes([TYPED | DROP]) + frame(dhcp(DISCOVER, foreign), PORT1),
+        'discover-append': bytes([TYPED | APPEND | SUBOPT9]) + frame(dhcp(DISCOVER, foreign), PORT1, 1),
+        'discover-foreign-giaddr': bytes([TYPED | RELAYING]) + frame(dhcp(DISCOVER, giaddr='10.9.9.9'), PORT2),
+        'offer-to-waiting': bytes([OFF | RELAYING]) +
+                            frame(dhcp(OFFER, ack, reply=True, yiaddr=FRESH, giaddr=RELAY_IP, mac='02:00:00:00:01:01'), PORT3),
+        'offer-flooded': bytes([TYPED]) + frame(dhcp(OFFER, ack, reply=True, yiaddr=FRESH), PORT3, 1),
+        'offer-untrusted': bytes([TYPED | GUARDS]) + frame(dhcp(OFFER, ack, reply=True, yiaddr=FRESH), PORT1),
+        'exchange': bytes([TYPED | GUARDS]) + frame(request, PORT1) + frame(acked, PORT3) + frame(release, PORT1),
+        'exchange-vlan': bytes([TYPED | RELAYING]) + frame(dhcp(REQUEST, ip_option(50, FRESH), [(Dot1Q, 20)]), VLAN20) +
+                         frame(dhcp(ACK, ack, [(Dot1Q, 20)], reply=True, yiaddr=FRESH), PORT4_VLAN20),
+        'renew': bytes([TYPED | GUARDS]) + frame(renew, PORT1) + frame(bound, PORT3),
+        'renew-wrong-port': bytes([TYPED | GUARDS]) + frame(renew, PORT2_VLAN10),
+        'source-mac': bytes([TYPED | GUARDS]) + frame(dhcp(DISCOVER, src=CLIENT2), PORT1),
+        'ack-strip-typed': bytes([TYPED]) + frame(bound, PORT3, 1),
+        'ack-boot-options': bytes([TYPED | GUARDS]) + frame(bound, PORT3, 1),
+        'ack-strip-raw': bytes([RAW]) + frame(dhcp(ACK, ack + option(82, circuit + option(2, PORT1_MAC)), reply=True,
+                                                   yiaddr=BOUND), PORT3),
+        'ack-strip-text': bytes([TYPED_TEXT]) + frame(dhcp(ACK, ack + option(82, option(2, b'\1\6remote')), reply=True,
+                                                           yiaddr=BOUND), PORT3),
+        'ack-relayed': bytes([TYPED | RELAYING]) +
+                       frame(dhcp(ACK, ack, reply=True, mac=CLIENT2, yiaddr=REQUESTED, giaddr=RELAY_IP), PORT4_VLAN20),
+        'ack-relayed-broadcast': bytes([TYPED | RELAYING]) +
+                                 frame(dhcp(ACK, ack, reply=True, mac=CLIENT2, yiaddr=REQUESTED, giaddr=RELAY_IP,
+                                            flags=0x8000), PORT4_VLAN20),
+        'nak': bytes([TYPED | GUARDS]) + frame(dhcp(NAK, to_server, reply=True), PORT3),
+        'decline': bytes([OFF]) + frame(dhcp(DECLINE, ip_option(50, BOUND) + to_server), PORT1),
+        'inform': bytes([ODD]) + frame(dhcp(INFORM, prl, ciaddr=BOUND, ip=(BOUND, SERVER_IP)), PORT1),
+        'odd-information': bytes([TYPED]) + odd_frame(discover, PORT1, 1, 10, 20, 14),
+        'wrapped-length': bytes([TYPED]) + frame(total_length(discover, 65535), PORT1),
+        'wrapped-large': bytes([TYPED | SUBOPT9]) + frame(total_length(large, 65535), PORT1),
+        'wrapped-ack': bytes([TYPED | GUARDS]) + frame(total_length(bound, 65524), PORT3),
+        'odd-length': bytes([TYPED]) + odd_frame(discover, PORT1, 9, 10, 0, 14, 0, 2048),
+        'made-discover': bytes([TYPED | SUBOPT9]) + made(1, DISCOVER, PORT1, prl),
+        'made-large': bytes([TYPED]) + made(1, DISCOVER, PORT1, prl, pads=1700),
+        'made-append-large': bytes([TYPED | APPEND | SUBOPT9]) + made(1, DISCOVER, PORT1, foreign, pads=1640),
+        'made-ack': bytes([TYPED | GUARDS]) + made(2, ACK, PORT3, ack + relay_info, picks=b'\0\2\0\1\0\x08\0'),
+    }
+    return seeds
+
+
+def word(value):
+    return b'\0\2\0\4' + struct.pack('>I', value)
+
+
+def request(func, cmd, index, data_type, data):
+    items = b''.join(bytes([0 if isinstance(item, bytes) else 2]) +
+                     struct.pack('>H', len(item) if isinstance(item, bytes) else 4) +
+                     (item if isinstance(item, bytes) else struct.pack('>I', item)) for item in index)
+    count = 0 if func < 3 else len(index)
+    body = (word(func) + word(0) + word(cmd) + bytes([1, count]) + items + bytes([3, data_type]) +
+            struct.pack('>H', len(data)) + data)
+    return bytes([0, 2]) + struct.pack('>H', len(body)) + body  # session.cpp: a record with the request as it is
+
+
+def short(func, cmd, index, data):
+    """A record of a request that the target makes: index and data by number."""
+    return bytes([0, 1, func, cmd, index]) + data + b'\0'
+
+
+def cmd_seeds():
+    def number(value):
+        return 2, struct.pack('>I', value)
+
+    def room(size):
+        return 0, bytes(size)
+
+    key = [b'\1', b'\0\0\0', bytes([10, 0, 0, 100]) + bytes(12)]
+    static = [b'\1', b'\0\0\0', bytes([10, 0, 0, 102]) + bytes(12)]
+    fresh = [b'\1', b'\0\0\0', bytes([10, 0, 0, 110]) + bytes(12)]
+    server = [2, 0x0A000001]
+    groups = {
+        'global-get': [request(2, cmd, [0], *number(0)) for cmd in (1, 2, 3, 4, 16, 20)],
+        'global-set': [request(0, 1, [0], *number(1)), request(0, 2, [0], *number(32473)),
+                       request(0, 4, [0], *number(1)), request(0, 16, [0], *number(1)), request(1, 17, [0], *number(1)),
+                       request(0, 19, [0], 0, bytes(64)), request(0, 20, [0], *number(3)), request(0, 1, [0], *number(0))],
+        'if-walk': [request(3, 0, [0], *number(0)), request(4, 0, [1], *number(0)), request(4, 0, [30], *number(0))],
+        'if-get': [request(7, cmd, [1], *number(0)) for cmd in (1, 2, 3, 4, 8, 9, 10, 11, 13)] +
+                  [request(7, cmd, [1], *room(130)) for cmd in (5, 6, 7, 12, 14)],
+        'if-set': [request(5, cmd, [7], *number(1)) for cmd in (1, 3, 4, 9, 10, 11, 13, 16, 17, 18, 20, 21, 28)] +
+                  [request(5, 5, [7], 0, b'\1\4port'), request(5, 6, [7], 0, b'\1\6remote'), request(5, 7, [7], 0, b'edge'),
+                   request(5, 12, [7], 0, b'\1\4six1'), request(5, 14, [7], 0, b'\1\4six2'), request(6, 4, [7], *number(0))],
+        'if-formats': [request(5, cmd, [1], *number(5)) for cmd in (30, 31, 32, 33)] +
+                      [request(5, 5, [1], 0, b'%s.%c.%d:%N'), request(5, 30, [1], *number(7)), request(5, 2, [1], *number(3)),
+                       request(5, 34, [1], *number(0xC0000201)), request(5, 1, [1], *number(0))],
+        'user-walk': [request(8, 0, key, *room(28)), request(9, 0, key, *room(28)), request(9, 0, fresh, *room(28))],
+        'user-get': [request(12, cmd, key, *number(0)) for cmd in (1, 2, 4, 6, 7, 8, 9)] + [request(12, 5, key, *room(6))],
+        'user-set': [request(10, 9, fresh, *number(4)), request(10, 1, fresh, *number(10)), request(10, 2, fresh, *number(1)),
+                     request(10, 4, fresh, *number(7)), request(10, 5, fresh, 0, mac_bytes(CLIENT)),
+                     request(10, 9, fresh, *number(1)), request(11, 9, fresh, *number(2)), request(10, 9, fresh, *number(6))],
+        'user-unbind': [request(10, 9, key, *number(2)), request(10, 9, static, *number(3)), request(10, 9, static, *number(6))],
+        'vlan': [request(13, 0, [0], *number(0)), request(14, 0, [20], *number(0)), request(15, 1, [20], *number(9)),
+                 request(16, 1, [20], *number(0)), request(15, 3, [20], *number(0)), request(15, 3, [20], *number(1))],
+        'server-ip': [request(19, 1, server, *number(1)), request(17, 0, server, *room(12)), request(18, 0, server, *room(12)),
+                      request(21, 1, server, *number(0)), request(20, 1, server, *number(6))],
+        'odd': [request(22, 0, [0], *number(0)), request(2, 1, [0], 4, bytes(8)), request(7, 5, [1], 1, b''),
+                bytes([0, 2, 0, 0]), bytes([0, 2, 0, 25]) + bytes(25)],
+        'made': [short(5, 5, 0, b'\1\4abcd'), short(10, 9, 0x46, b'\0\4'), short(7, 6, 0, b'\1\x20' + bytes(32))],
+    }
+    presets = (OFF, TYPED | SUBOPT9, TEMPLATE | GUARDS, TYPED_TEXT | RELAYING)
+    return {name: bytes([presets[i % len(presets)]]) + b''.join(records) for i, (name, records) in enumerate(groups.items())}
+
+
+def check():
+    with tempfile.TemporaryDirectory() as directory:
+        capture = pathlib.Path(directory) / 'seeds.pcap'
+        wrpcap(str(capture), [Ether(built) for built in frames])
+        faults = subprocess.run(
+            ['tshark', '-r', capture, '-o', 'ip.check_checksum:TRUE', '-o', 'udp.check_checksum:TRUE', '-Y',
+             '!dhcp || _ws.malformed || ip.checksum.status == "Bad" || udp.checksum.status == "Bad"'],
+            check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+    if faults:
+        sys.exit('tshark finds fault with:\n' + faults)
+    print(f'{len(frames)} frames are as tshark wants them')
+
+
+def main():
+    for target, seeds in (('fuzz_recv', recv_seeds()), ('fuzz_cmd', cmd_seeds())):
+        directory = HERE / 'seeds' / target
+        directory.mkdir(parents=True, exist_ok=True)
+        for old in directory.iterdir():
+            old.unlink()
+        for name, data in seeds.items():
+            (directory / name).write_bytes(data)
+    if sys.argv[1:] == ['--check']:
+        check()
+
+
+main()
