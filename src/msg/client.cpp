@@ -118,9 +118,10 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
     DhcpsnoopUser *user = dhcpsnoop_user_lookup(&key);
 
     // An IPv4 frame whose IP header says version 6 comes here too; its message may be shorter than a BOOTP
-    // header.
-    if (info->dhcpLen < DHCP_MESSAGE_MIN &&
-        (relaying(info) || (info->ifp->flags & DHCPSNOOP_IF_CHECK_BINDING) != 0))
+    // header, and then has neither the giaddr to write nor the ciaddr to check.
+    const bool readsCiaddr =
+        (info->ifp->flags & DHCPSNOOP_IF_CHECK_BINDING) != 0 && info->msgType == DHCP_REQUEST;
+    if (info->dhcpLen < DHCP_MESSAGE_MIN && (relaying(info) || readsCiaddr))
         return;
     if (!binding_matches(info, user, place))
         return;
