@@ -1,0 +1,355 @@
+// What the daemon asks of the switch: interface attributes, VLAN members, names, numbers, roles, answered
+// from the model. Attributes and codes are the switch platform's numbers; whatever is not asked for by the
+// daemon is refused.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/utsname.h>
+#include <utility>
+
+#include "logging.h"
+#include "model.h"
+#include "platform.h"
+#include "switch_model.h"
+#include "trap.h"
+
+using namespace platform_linux;
+
+namespace
+{
+constexpr uint32_t IF_NAME = 3;                    // QorBuffer: its name, no terminator
+constexpr uint32_t IF_NUMBER = 5;                  // uint32_t
+constexpr uint32_t IF_MAC = 33;                    // QorBuffer of 6 bytes
+constexpr uint32_t IF_TPID = 45;                   // uint32_t: EtherType of the tags it sends
+constexpr uint32_t IF_WORK_MODE = 193;             // uint32_t: 1 = routed
+constexpr uint32_t IF_IS_VLAN = 417;               // uint32_t: 1 = a VLAN interface
+constexpr uint32_t IF_VLAN = 5400;                 // uint32_t: a VLAN interface's VLAN; refused for others
+constexpr uint32_t IF_NESTED = 65536285;           // QorNestedGet
+constexpr uint32_t IF_NESTED_AGG_PORTS = 65536223; // uint32_t: how many ports an aggregate has
+
+constexpr uint32_t IF_SET_BINDING = 300; // QorIfRequest
+constexpr uint32_t IF_TRAP_ADD = 305;    // uint32_t: one of the two protocols
+constexpr uint32_t IF_TRAP_DELETE = 306; // the same
+constexpr uint32_t TRAP_DHCP = 23, TRAP_DHCPV6 = 24;
+
+constexpr uint32_t VLAN_PORTS = 5410; // QorBuffer of uint32_t port indexes
+
+constexpr uint32_t SCALAR_HOSTNAME = 66, SCALAR_MACHINE = 74; // QorBuffer: text, no terminator
+
+constexpr uint32_t INDEX_TO_LOCATION = 6, INDEX_FROM_LOCATION = 7;
+enum LocationWord {
+    LOCATION_SYSTEM,
+    LOCATION_SLOT,
+    LOCATION_PORT,
+    LOCATION_ZERO,
+    LOCATION_UNIT,
+    LOCATION_TYPE,
+    LOCATION_CARD,
+    LOCATION_WORDS
+};
+constexpr uint32_t UNIT_PORT = 1, UNIT_AGGREGATE = 2, UNIT_VLAN_INTERFACE = 3;
+
+constexpr uint32_t FORWARDS = 255;       // sysIFGet: 0 = a frame of the VLAN may leave here
+constexpr uint32_t SENDS_UNTAGGED = 258; // sysIFGet: 1 = without a tag
+
+constexpr uint32_t HW_MASTER = 53, HW_SLAVE = 54, HW_STANDALONE = 45; // 0 = yes for the first two
+constexpr uint32_t HW_SYNC_PEER = 0x40013;                            // a packet for the peer unit
+
+constexpr uint32_t GUARD_ENABLED = 1, GUARD_ITEMS = 2; // the hooks' calls
+
+bool floodTooSmall = false; // and reported
+
+utsname machine()
+{
+    utsname name{};
+    uname(&name);
+    return name;
+}
+
+int32_t put_text(QorBuffer *text, const char *value)
+{
+    const size_t length = strlen(value);
+    if (text == nullptr || text->data == nullptr || length > text->length)
+        return ENOSPC;
+    memcpy(text->data, value, length);
+    text->length = static_cast<uint32_t>(length);
+    return 0;
+}
+
+int32_t put_name(uint32_t ifIndex, char *buffer, uint32_t size)
+{
+    const Port *port = model_port(ifIndex);
+    if (port == nullptr)
+        return ENODEV;
+    const size_t length = strlen(port->name);
+    if (buffer == nullptr || length >= size)
+        return ENOSPC;
+    memcpy(buffer, port->name, length + 1);
+    return 0;
+}
+
+uint32_t unit_type(PortKind kind)
+{
+    switch (kind) {
+    case PortKind::port:
+        return UNIT_PORT;
+    case PortKind::aggregate:
+        return UNIT_AGGREGATE;
+    case PortKind::vlanInterface:
+        return UNIT_VLAN_INTERFACE;
+    }
+    return 0;
+}
+
+int32_t get_nested(const Port &port, QorNestedGet *get)
+{
+    if (get->attribute != IF_NESTED_AGG_PORTS || port.kind != PortKind::aggregate)
+        return EINVAL;
+    uint32_t ports = 0;
+    for (const auto &[ifIndex, member] : model_ports())
+        ports += member.aggregate == port.ifIndex ? 1 : 0;
+    if (get->answer != nullptr && get->count != 0)
+        *get->answer = ports;
+    get->count = get->answer != nullptr && get->count != 0 ? 1 : 0;
+    return 0;
+}
+} // namespace
+
+int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
+{
+    const Port *port = model_port(ifIndex);
+    if (port == nullptr)
+        return ENODEV;
+    if (value == nullptr)
+        return EINVAL;
+    auto *text = static_cast<QorBuffer *>(value);
+    auto *word = static_cast<uint32_t *>(value);
+    switch (attribute) {
+    case IF_NAME:
+        return put_text(text, port->name);
+    case IF_NUMBER:
+        *word = port->number;
+        return 0;
+    case IF_MAC:
+        if (text->data == nullptr || text->length < sizeof port->mac)
+            return ENOSPC;
+        memcpy(text->data, port->mac, sizeof port->mac);
+        text->length = sizeof port->mac;
+        return 0;
+    case IF_TPID:
+        *word = port->tpid;
+        return 0;
+    case IF_WORK_MODE:
+        *word = port->routed ? 1 : 0;
+        return 0;
+    case IF_IS_VLAN:
+        *word = port->kind == PortKind::vlanInterface ? 1 : 0;
+        return 0;
+    case IF_VLAN:
+        if (port->kind != PortKind::vlanInterface)
+            return EINVAL;
+        *word = port->vlan;
+        return 0;
+    case IF_NESTED:
+        return get_nested(*port, static_cast<QorNestedGet *>(value));
+    default:
+        return EINVAL;
+    }
+}
+
+// Bindings (IF_SET_BINDING) are refused: this platform has nothing yet that enforces them.
+int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
+{
+    if (command == IF_SET_BINDING)
+        return EOPNOTSUPP;
+    if ((command != IF_TRAP_ADD && command != IF_TRAP_DELETE) || value == nullptr)
+        return EINVAL;
+    switch (*static_cast<uint32_t *>(value)) {
+    case TRAP_DHCP:
+        return trap_set(ifIndex, 4, command == IF_TRAP_ADD);
+    case TRAP_DHCPV6:
+        return trap_set(ifIndex, 6, command == IF_TRAP_ADD);
+    default:
+        return EINVAL;
+    }
+}
+
+int32_t qorIfUnit2Name(uint32_t ifIndex, char *name, uint32_t size) { return put_name(ifIndex, name, size); }
+
+int32_t nmGetIfPartDescr(uint32_t ifIndex, char *buffer, uint32_t size)
+{
+    return put_name(ifIndex, buffer, size);
+}
+
+int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
+{
+    if (from == nullptr || to == nullptr)
+        return EINVAL;
+    if (kind == INDEX_TO_LOCATION) {
+        const Port *port = model_port(*from);
+        if (port == nullptr)
+            return ENODEV;
+        // A box without slots and cards: 0, as their number 0 is all there is.
+        std::fill_n(to, LOCATION_WORDS, 0);
+        to[LOCATION_SYSTEM] = qorSelfSysIndex();
+        to[LOCATION_PORT] = port->number;
+        to[LOCATION_UNIT] = port->number;
+        to[LOCATION_TYPE] = unit_type(port->kind);
+        return 0;
+    }
+    if (kind != INDEX_FROM_LOCATION)
+        return EINVAL;
+    if (from[LOCATION_TYPE] != UNIT_VLAN_INTERFACE || from[LOCATION_UNIT] > UINT16_MAX)
+        return EINVAL;
+    const uint32_t ifIndex = model_vlan_interface(static_cast<uint16_t>(from[LOCATION_UNIT]));
+    if (ifIndex == 0)
+        return ENODEV;
+    *to = ifIndex;
+    return 0;
+}
+
+// The ports on which a frame of the VLAN may leave now, ascending by index; the asker sends to each without
+// asking again. Blocked by spanning tree or down, a port is left out: a flood through it would make the loop
+// that it prevents.
+int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
+{
+    if (attribute != VLAN_PORTS || list == nullptr || list->data == nullptr)
+        return EINVAL;
+    if (vid == 0 || vid >= VlanSet().size())
+        return EINVAL;
+    // With several bridges the VLAN is that of the bridge below its interface.
+    const Port *interface = model_port(model_vlan_interface(static_cast<uint16_t>(vid)));
+    const uint32_t bridge = interface != nullptr && !switch_model().conf() ? interface->bridge : 0;
+    auto *out = static_cast<uint8_t *>(list->data);
+    uint32_t used = 0;
+    bool member = false;
+    for (const auto &[ifIndex, port] : model_ports()) {
+        if (port.kind == PortKind::vlanInterface || !port.members[vid] ||
+            (bridge != 0 && port.bridge != bridge))
+            continue;
+        member = true;
+        if (!port.sends(vid))
+            continue;
+        if (used + sizeof ifIndex > list->length) {
+            if (!std::exchange(floodTooSmall, true))
+                platform_report(LOG_WARNING, "VLAN %u has more than %u ports: floods miss the last ones", vid,
+                                used / 4);
+            break;
+        }
+        memcpy(out + used, &ifIndex, sizeof ifIndex);
+        used += static_cast<uint32_t>(sizeof ifIndex);
+    }
+    if (!member)
+        return ENOENT;
+    list->length = used;
+    return 0;
+}
+
+int32_t qorScalarGetApi(uint32_t, uint32_t attribute, QorBuffer *text)
+{
+    const utsname name = machine();
+    if (attribute == SCALAR_HOSTNAME)
+        return put_text(text, name.nodename);
+    if (attribute != SCALAR_MACHINE)
+        return EINVAL;
+    std::array<char, sizeof name> description; // room for all three
+    snprintf(description.data(), description.size(), "%s %s %s", name.sysname, name.release, name.machine);
+    return put_text(text, description.data());
+}
+
+uint32_t qorSelfSysIndex() { return switch_model().system(); }
+
+const char *nmGetHostname()
+{
+    static utsname name;
+    name = machine();
+    return name.nodename[0] != 0 && strcmp(name.nodename, "(none)") != 0 ? name.nodename : nullptr;
+}
+
+// Only -1 stops every sender of the daemon; that to the client's own port goes on at other values.
+int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
+{
+    const Port *port = model_port(ifIndex);
+    if (port == nullptr || buffer == nullptr)
+        return -1;
+    const uint32_t vid = static_cast<const SysIfQuery *>(buffer)->vid;
+    if (attribute == FORWARDS)
+        return port->sends(vid) ? 0 : -1;
+    if (attribute == SENDS_UNTAGGED)
+        return port->routed || (vid < port->untagged.size() && port->untagged[vid]) ? 1 : 0;
+    return -1;
+}
+
+uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
+{
+    const DhcpsnoopRole role = switch_model().role();
+    switch (scalar) {
+    case HW_MASTER:
+        return role == DHCPSNOOP_ROLE_MASTER ? 0 : 1;
+    case HW_SLAVE:
+    case HW_STANDALONE:
+        return role == DHCPSNOOP_ROLE_SLAVE ? 0 : 1;
+    default:
+        return 0;
+    }
+}
+
+// There is no link to a peer unit yet: its packets are not sent. Settings need no more than the daemon's own
+// state.
+int32_t qorHwScalarSync(void *, uint32_t code, void *, uint32_t)
+{
+    return code == HW_SYNC_PEER ? ENOTCONN : 0;
+}
+
+int32_t qorHwIfSync(uint32_t, uint32_t, void *, uint32_t) { return 0; }
+
+int32_t qorHwDhcpSnoopUserSync(const void *, uint32_t, void *, uint32_t) { return 0; }
+
+// A box without cards and slots: nothing is in any of them.
+int32_t qorHwCardGet(const uint32_t *, uint32_t, void *) { return ENODEV; }
+
+int32_t qorHwSlotGet(const uint32_t *, uint32_t, void *) { return ENODEV; }
+
+// Nobody can subscribe to the daemon's events yet: not sent.
+int32_t qorNetlinkSend(uint32_t, uint32_t, const void *, uint32_t) { return ENOTCONN; }
+
+namespace
+{
+// No port or VLAN can be guarded yet, so none is.
+int32_t not_guarded(uint32_t ifIndex, uint32_t call, void *reply)
+{
+    if (model_port(ifIndex) == nullptr)
+        return ENODEV;
+    if (reply == nullptr)
+        return EINVAL;
+    if (call == GUARD_ENABLED)
+        *static_cast<uint32_t *>(reply) = 0;
+    else if (call == GUARD_ITEMS)
+        *static_cast<uint8_t *>(reply) = 0;
+    else
+        return EINVAL;
+    return 0;
+}
+} // namespace
+
+int32_t ipsgIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
+{
+    return not_guarded(ifIndex, call, reply);
+}
+
+int32_t arpAntiAttackIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
+{
+    return not_guarded(ifIndex, call, reply);
+}
+
+// No auto-provisioning on this platform: nothing to insert.
+int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *, QorBuffer *option125,
+                                          QorBuffer *bootFile)
+{
+    for (QorBuffer *text : {option125, bootFile})
+        if (text != nullptr)
+            text->length = 0;
+    return 0;
+}

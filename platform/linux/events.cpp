@@ -1,0 +1,210 @@
+// The daemon's event socket: the kernel's datagrams in, one message of the switch's numbering a call out.
+// What a datagram makes more of is delivered before the next one is read; an acknowledgement that the socket
+// asks the kernel for keeps it readable until then. RFC 3549, rtnetlink(7).
+#include "events.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <libmnl/libmnl.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <memory>
+#include <sys/time.h>
+
+#include "logging.h"
+#include "platform.h"
+
+namespace platform_linux
+{
+namespace
+{
+constexpr size_t DATAGRAM_MAX = 32768;   // the kernel's largest
+constexpr int RECEIVE_BUFFER = 2 << 20;  // some 500 link messages; the default holds 50
+constexpr timeval DUMP_TIMEOUT = {2, 0}; // a kernel answers in microseconds
+constexpr int DUMP_ATTEMPTS = 10;        // of a dump during which links change
+constexpr int READS_PER_CALL = 64;       // datagrams that mean nothing to the daemon
+constexpr int DRAIN_MAX = 65536;         // datagrams thrown away before a dump
+
+alignas(nlmsghdr) std::array<uint8_t, DATAGRAM_MAX> datagram;
+DaemonEvents queue;
+bool awake = false;    // an acknowledgement was asked for and not read yet
+bool outdated = false; // the model needs a dump
+
+struct SocketCloser {
+    void operator()(mnl_socket *sock) const { mnl_socket_close(sock); }
+};
+
+enum class DumpResult : uint8_t { complete, interrupted, failed };
+
+DumpResult dump_family(mnl_socket *sock, uint8_t family, SwitchModel &model, DaemonEvents &events)
+{
+    struct {
+        nlmsghdr header;
+        ifinfomsg info;
+        nlattr attribute;
+        uint32_t mask;
+    } request{};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = RTM_GETLINK;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.info.ifi_family = family;
+    request.attribute.nla_len = sizeof request.attribute + sizeof request.mask;
+    request.attribute.nla_type = IFLA_EXT_MASK;
+    // Compressed to ranges: 4094 VLANs one by one are more than a message can hold.
+    request.mask = family == AF_BRIDGE ? RTEXT_FILTER_BRVLAN_COMPRESSED : RTEXT_FILTER_SKIP_STATS;
+    if (mnl_socket_sendto(sock, &request, sizeof request) < 0)
+        return DumpResult::failed;
+    DumpResult result = DumpResult::complete;
+    for (;;) {
+        const ssize_t length = mnl_socket_recvfrom(sock, datagram.data(), datagram.size());
+        if (length < 0)
+            return DumpResult::failed;
+        std::span<const uint8_t> rest(datagram.data(), static_cast<size_t>(length));
+        model.feed(rest, events);
+        while (const nlmsghdr *message = next_message(rest)) {
+            if ((message->nlmsg_flags & NLM_F_DUMP_INTR) != 0)
+                result = DumpResult::interrupted;
+            if (message->nlmsg_type == NLMSG_DONE)
+                return result;
+            if (message->nlmsg_type == NLMSG_ERROR) {
+                nlmsgerr error{};
+                if (mnl_nlmsg_get_payload_len(message) >= sizeof error)
+                    memcpy(&error, mnl_nlmsg_get_payload(message), sizeof error);
+                errno = -error.error;
+                return DumpResult::failed;
+            }
+        }
+    }
+}
+
+// Nothing older than the dump that follows may be left to be read after it.
+void drain(int sock)
+{
+    for (int i = 0; i < DRAIN_MAX; i++)
+        if (recv(sock, datagram.data(), datagram.size(), MSG_DONTWAIT) < 0 && errno != ENOBUFS &&
+            errno != EINTR)
+            break;
+    awake = false;
+}
+
+// An empty request that asks for its acknowledgement, which anyone may send: select wakes for it.
+void stay_readable(int sock)
+{
+    if (queue.empty() || awake)
+        return;
+    nlmsghdr request{};
+    request.nlmsg_len = sizeof request;
+    request.nlmsg_type = NLMSG_NOOP;
+    request.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    awake = sendto(sock, &request, sizeof request, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&kernel),
+                   sizeof kernel) == static_cast<ssize_t>(sizeof request);
+}
+
+void refresh()
+{
+    outdated = !events_dump(switch_model(), queue);
+    if (outdated)
+        platform_report(LOG_WARNING, "the kernel's links cannot be listed: %s", strerror(errno));
+}
+
+// False when the socket has nothing more, or an error that stays.
+bool read_datagram(int sock)
+{
+    sockaddr_nl sender{};
+    iovec vector = {datagram.data(), datagram.size()};
+    msghdr message{};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof sender;
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+    const ssize_t length = recvmsg(sock, &message, MSG_DONTWAIT);
+    if (length < 0 && errno == EINTR)
+        return true;
+    // Messages were lost, or one could not be made.
+    if (length < 0 && (errno == ENOBUFS || errno == EMSGSIZE || errno == ENOMEM)) {
+        drain(sock);
+        outdated = true;
+    } else if (length < 0) {
+        return false;
+    } else if (sender.nl_pid != 0) {
+        return true;
+    } else if ((message.msg_flags & MSG_TRUNC) != 0) {
+        outdated = true;
+    } else {
+        const std::span<const uint8_t> bytes(datagram.data(), static_cast<size_t>(length));
+        std::span<const uint8_t> rest = bytes;
+        if (const nlmsghdr *first = next_message(rest); first != nullptr && first->nlmsg_type == NLMSG_ERROR)
+            awake = false;
+        outdated = !switch_model().feed(bytes, queue) || outdated;
+    }
+    if (outdated)
+        refresh();
+    return true;
+}
+
+} // namespace
+
+bool events_dump(SwitchModel &model, DaemonEvents &events)
+{
+    const std::unique_ptr<mnl_socket, SocketCloser> sock(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
+    if (!sock || mnl_socket_bind(sock.get(), 0, MNL_SOCKET_AUTOPID) < 0 ||
+        setsockopt(mnl_socket_get_fd(sock.get()), SOL_SOCKET, SO_RCVTIMEO, &DUMP_TIMEOUT,
+                   sizeof DUMP_TIMEOUT) < 0)
+        return false;
+    DumpResult result = DumpResult::interrupted;
+    for (int attempt = 0; attempt < DUMP_ATTEMPTS && result == DumpResult::interrupted; attempt++) {
+        model.dump_begin();
+        result = dump_family(sock.get(), AF_UNSPEC, model, events);
+        if (result != DumpResult::failed)
+            result = std::max(result, dump_family(sock.get(), AF_BRIDGE, model, events));
+        model.dump_end(result == DumpResult::complete, events);
+    }
+    if (result == DumpResult::interrupted)
+        errno = EAGAIN;
+    return result == DumpResult::complete;
+}
+
+} // namespace platform_linux
+
+using namespace platform_linux;
+
+int32_t platform_event_group_join(int sock, uint32_t group)
+{
+    if (setsockopt(sock, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
+        return errno == EINVAL ? 0 : -1; // a group of the switch's kernel
+    if (group != RTNLGRP_LINK)
+        return 0;
+    if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER) < 0)
+        setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
+    // What changed between the first dump and this moment was told to nobody.
+    refresh();
+    stay_readable(sock);
+    return 0;
+}
+
+ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr *from, socklen_t *fromLength)
+{
+    for (int i = 0; i < READS_PER_CALL && queue.empty(); i++)
+        if (!read_datagram(sock))
+            break;
+    if (queue.empty()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    const DaemonEvent event = queue.front();
+    queue.pop_front();
+    stay_readable(sock);
+    const size_t length = std::min<size_t>(event.length, size);
+    memcpy(buffer, event.bytes.data(), length);
+    if (from != nullptr && fromLength != nullptr) {
+        sockaddr_nl kernel{};
+        kernel.nl_family = AF_NETLINK;
+        memcpy(from, &kernel, std::min<size_t>(*fromLength, sizeof kernel));
+        *fromLength = sizeof kernel;
+    }
+    return static_cast<ssize_t>(length);
+}

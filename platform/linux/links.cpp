@@ -1,0 +1,323 @@
+#include "links.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cstring>
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/if_bridge.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <string_view>
+#include <utility>
+
+namespace platform_linux
+{
+namespace
+{
+// The switch kernel's link attributes, by which the daemon follows aggregates.
+constexpr uint16_t IFLA_PHYJOINAGG = 38;   // this port joined an aggregate
+constexpr uint16_t IFLA_AGGADDPHY = 52;    // the port whose index is the value joined this aggregate
+constexpr uint16_t IFLA_AGGREMOVEPHY = 53; // it left
+
+constexpr uint16_t VLAN_LAST = 4094;
+
+// The attributes of a message or of a nest by number, null where absent. Of one that is there twice, the
+// last.
+template <size_t count> struct Attributes {
+    std::array<const nlattr *, count> at{};
+
+    explicit Attributes(const nlmsghdr *message) { mnl_attr_parse(message, sizeof(ifinfomsg), store, this); }
+    explicit Attributes(const nlattr *nest)
+    {
+        if (nest != nullptr)
+            mnl_attr_parse_nested(nest, store, this);
+    }
+
+    static int store(const nlattr *attribute, void *self)
+    {
+        const uint16_t type = mnl_attr_get_type(attribute);
+        if (type < count)
+            static_cast<Attributes *>(self)->at[type] = attribute;
+        return MNL_CB_OK;
+    }
+
+    // Absent or shorter than its type: 0 or empty.
+    uint8_t get8(size_t type) const { return fits(type, 1) ? mnl_attr_get_u8(at[type]) : uint8_t{0}; }
+    uint16_t get16(size_t type) const { return fits(type, 2) ? mnl_attr_get_u16(at[type]) : uint16_t{0}; }
+    uint32_t get32(size_t type) const { return fits(type, 4) ? mnl_attr_get_u32(at[type]) : 0; }
+    std::string_view text(size_t type) const
+    {
+        if (at[type] == nullptr || mnl_attr_validate(at[type], MNL_TYPE_NUL_STRING) < 0)
+            return {};
+        return mnl_attr_get_str(at[type]);
+    }
+
+    bool fits(size_t type, size_t size) const
+    {
+        return at[type] != nullptr && mnl_attr_get_payload_len(at[type]) >= size;
+    }
+};
+
+using LinkAttributes = Attributes<IFLA_AF_SPEC + 1>; // the highest that is read
+
+LinkKind kind_of(std::string_view name)
+{
+    if (name == "bridge")
+        return LinkKind::bridge;
+    if (name == "bond" || name == "team")
+        return LinkKind::aggregate;
+    return name == "vlan" ? LinkKind::vlan : LinkKind::other;
+}
+
+// Their numbering is the same in the bridge family's IFLA_PROTINFO and in IFLA_INFO_SLAVE_DATA.
+void take_bridge_port(const nlattr *nest, Link &link)
+{
+    const Attributes<IFLA_BRPORT_NO + 1> port(nest);
+    if (port.fits(IFLA_BRPORT_STATE, 1) && port.get8(IFLA_BRPORT_STATE) <= BR_STATE_BLOCKING)
+        link.stp = static_cast<StpState>(port.get8(IFLA_BRPORT_STATE));
+    if (port.fits(IFLA_BRPORT_NO, 2))
+        link.bridgePort = port.get16(IFLA_BRPORT_NO);
+}
+
+void leave_bridge(Link &link)
+{
+    link.stp = StpState::disabled;
+    link.bridgePort = 0;
+    link.pvid = 0;
+    link.members.reset();
+    link.untagged.reset();
+}
+
+struct VlanWalk {
+    Link *link;
+    uint16_t rangeBegin; // 0 = in no range
+};
+
+int take_vlan(const nlattr *attribute, void *walkPtr)
+{
+    auto *walk = static_cast<VlanWalk *>(walkPtr);
+    bridge_vlan_info info;
+    if (mnl_attr_get_type(attribute) != IFLA_BRIDGE_VLAN_INFO ||
+        mnl_attr_get_payload_len(attribute) < sizeof info)
+        return MNL_CB_OK;
+    memcpy(&info, mnl_attr_get_payload(attribute), sizeof info);
+    if (info.vid == 0 || info.vid > VLAN_LAST)
+        return MNL_CB_OK;
+    if ((info.flags & BRIDGE_VLAN_INFO_RANGE_BEGIN) != 0) {
+        walk->rangeBegin = info.vid;
+        return MNL_CB_OK;
+    }
+    uint16_t first = info.vid;
+    if ((info.flags & BRIDGE_VLAN_INFO_RANGE_END) != 0 && walk->rangeBegin != 0)
+        first = walk->rangeBegin;
+    walk->rangeBegin = 0;
+    for (uint16_t vid = first; vid <= info.vid; vid++) {
+        walk->link->members.set(vid);
+        walk->link->untagged.set(vid, (info.flags & BRIDGE_VLAN_INFO_UNTAGGED) != 0);
+    }
+    if ((info.flags & BRIDGE_VLAN_INFO_PVID) != 0)
+        walk->link->pvid = info.vid;
+    return MNL_CB_OK;
+}
+
+// RTM_NEWLINK of family AF_UNSPEC over what was known of the device.
+void take_link(const LinkAttributes &attributes, uint32_t flags, Link &link)
+{
+    link.up = (flags & IFF_UP) != 0 && (flags & IFF_LOWER_UP) != 0 && (flags & IFF_DORMANT) == 0;
+    attributes.text(IFLA_IFNAME).copy(link.name, sizeof link.name - 1);
+    if (attributes.fits(IFLA_ADDRESS, sizeof link.mac) &&
+        mnl_attr_get_payload_len(attributes.at[IFLA_ADDRESS]) == sizeof link.mac)
+        memcpy(link.mac, mnl_attr_get_payload(attributes.at[IFLA_ADDRESS]), sizeof link.mac);
+
+    const Attributes<IFLA_INFO_SLAVE_DATA + 1> info(attributes.at[IFLA_LINKINFO]);
+    link.kind = kind_of(info.text(IFLA_INFO_KIND));
+    if (link.kind == LinkKind::bridge) {
+        const Attributes<IFLA_BR_VLAN_DEFAULT_PVID + 1> bridge(info.at[IFLA_INFO_DATA]);
+        link.vlanFiltering = bridge.get8(IFLA_BR_VLAN_FILTERING) != 0;
+        link.vlanProtocol = ntohs(bridge.get16(IFLA_BR_VLAN_PROTOCOL));
+        link.defaultPvid = bridge.get16(IFLA_BR_VLAN_DEFAULT_PVID);
+    } else if (link.kind == LinkKind::vlan) {
+        const Attributes<IFLA_VLAN_ID + 1> vlan(info.at[IFLA_INFO_DATA]);
+        link.vlan = vlan.get16(IFLA_VLAN_ID);
+        link.lower = attributes.get32(IFLA_LINK);
+    }
+    const uint32_t master = attributes.get32(IFLA_MASTER);
+    // The slave kind is the kind of the master: it is told even where the master's own message was lost.
+    const LinkKind masterKind = master == 0 ? LinkKind::other : kind_of(info.text(IFLA_INFO_SLAVE_KIND));
+    if (master != link.master || masterKind != link.masterKind)
+        leave_bridge(link);
+    link.master = master;
+    link.masterKind = masterKind;
+    if (masterKind == LinkKind::bridge)
+        take_bridge_port(info.at[IFLA_INFO_SLAVE_DATA], link);
+}
+
+// Of family AF_BRIDGE, for a port of a bridge. The message names all of its VLANs.
+void take_bridge_link(const LinkAttributes &attributes, Link &link)
+{
+    link.master = attributes.get32(IFLA_MASTER);
+    link.masterKind = LinkKind::bridge;
+    take_bridge_port(attributes.at[IFLA_PROTINFO], link);
+    link.pvid = 0;
+    link.members.reset();
+    link.untagged.reset();
+    VlanWalk walk{&link, 0};
+    if (attributes.at[IFLA_AF_SPEC] != nullptr)
+        mnl_attr_parse_nested(attributes.at[IFLA_AF_SPEC], take_vlan, &walk);
+}
+
+void tell(DaemonEvents &events, uint16_t type, uint32_t ifIndex, uint16_t attribute = 0, uint32_t value = 0)
+{
+    struct {
+        nlmsghdr header;
+        ifinfomsg info;
+        rtattr attribute;
+        uint32_t value;
+    } message{};
+    static_assert(sizeof message == sizeof DaemonEvent{}.bytes);
+    const size_t length = attribute != 0 ? sizeof message : offsetof(decltype(message), attribute);
+    message.header.nlmsg_len = static_cast<uint32_t>(length);
+    message.header.nlmsg_type = type;
+    message.info.ifi_index = static_cast<int>(ifIndex);
+    message.attribute.rta_len = RTA_LENGTH(sizeof value);
+    message.attribute.rta_type = attribute;
+    message.value = value;
+    DaemonEvent &event = events.emplace_back();
+    event.length = static_cast<uint32_t>(length);
+    memcpy(event.bytes.data(), &message, length);
+}
+
+uint32_t aggregate_of(const Link &link) { return link.masterKind == LinkKind::aggregate ? link.master : 0; }
+
+} // namespace
+
+void LinkTable::update(const Link &link, DaemonEvents &events)
+{
+    unseen_.erase(link.ifIndex);
+    Link &known = links_.try_emplace(link.ifIndex).first->second;
+    if (known == link)
+        return;
+    const uint32_t left = aggregate_of(known), joined = aggregate_of(link);
+    known = link;
+    changed_.insert(link.ifIndex);
+    if (left == joined)
+        return;
+    if (left != 0)
+        tell(events, RTM_NEWLINK, left, IFLA_AGGREMOVEPHY, link.ifIndex);
+    if (joined != 0) {
+        tell(events, RTM_NEWLINK, link.ifIndex, IFLA_PHYJOINAGG, joined);
+        tell(events, RTM_NEWLINK, joined, IFLA_AGGADDPHY, link.ifIndex);
+    }
+}
+
+void LinkTable::remove(uint32_t ifIndex, DaemonEvents &events)
+{
+    unseen_.erase(ifIndex);
+    const auto it = links_.find(ifIndex);
+    if (it == links_.end())
+        return;
+    if (const uint32_t left = aggregate_of(it->second); left != 0)
+        tell(events, RTM_NEWLINK, left, IFLA_AGGREMOVEPHY, ifIndex);
+    tell(events, RTM_DELLINK, ifIndex);
+    links_.erase(it);
+    changed_.insert(ifIndex);
+}
+
+const nlmsghdr *next_message(std::span<const uint8_t> &rest)
+{
+    if (rest.size() < sizeof(nlmsghdr))
+        return nullptr;
+    const void *first = rest.data();
+    const auto *message = static_cast<const nlmsghdr *>(first);
+    if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > rest.size())
+        return nullptr;
+    rest = rest.subspan(std::min<size_t>(MNL_ALIGN(message->nlmsg_len), rest.size()));
+    return message;
+}
+
+bool LinkTable::feed(std::span<const uint8_t> datagram, DaemonEvents &events)
+{
+    bool complete = true;
+    while (const nlmsghdr *message = next_message(datagram)) {
+        // Link messages are a multiple of 4 long; libmnl's walk relies on it.
+        if ((message->nlmsg_type != RTM_NEWLINK && message->nlmsg_type != RTM_DELLINK) ||
+            message->nlmsg_len < sizeof(nlmsghdr) + sizeof(ifinfomsg) ||
+            message->nlmsg_len % MNL_ALIGNTO != 0)
+            continue;
+        const auto *info = static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(message));
+        if (info->ifi_index <= 0)
+            continue;
+        const auto ifIndex = static_cast<uint32_t>(info->ifi_index);
+        const LinkAttributes attributes(message);
+        const auto known = links_.find(ifIndex);
+
+        if (info->ifi_family == AF_UNSPEC) {
+            if (message->nlmsg_type == RTM_DELLINK) {
+                remove(ifIndex, events);
+                continue;
+            }
+            // Wireless events are link messages with nothing but their own attribute: that nothing is said of
+            // a master does not mean that there is none.
+            if (attributes.text(IFLA_IFNAME).empty())
+                continue;
+            Link link{};
+            link.ifIndex = ifIndex;
+            if (known != links_.end()) {
+                const Link &old = known->second;
+                link.master = old.master;
+                link.masterKind = old.masterKind;
+                link.stp = old.stp;
+                link.bridgePort = old.bridgePort;
+                link.pvid = old.pvid;
+                link.members = old.members;
+                link.untagged = old.untagged;
+            }
+            take_link(attributes, info->ifi_flags, link);
+            // A changed default VLAN moves ports, and no message says which.
+            if (known != links_.end() && link.kind == LinkKind::bridge &&
+                (link.vlanFiltering != known->second.vlanFiltering ||
+                 link.defaultPvid != known->second.defaultPvid))
+                complete = false;
+            update(link, events);
+        } else if (info->ifi_family == AF_BRIDGE) {
+            // A bridge itself names itself; a network card with a switch in it names nobody.
+            const uint32_t master = attributes.get32(IFLA_MASTER);
+            if (master == 0 || master == ifIndex)
+                continue;
+            if (known == links_.end()) {
+                complete = message->nlmsg_type == RTM_DELLINK && complete;
+                continue;
+            }
+            Link link = known->second;
+            if (message->nlmsg_type == RTM_NEWLINK) {
+                take_bridge_link(attributes, link);
+            } else if (link.masterKind == LinkKind::bridge) {
+                leave_bridge(link);
+                link.master = 0;
+                link.masterKind = LinkKind::other;
+            }
+            update(link, events);
+        }
+    }
+    return complete;
+}
+
+void LinkTable::dump_begin()
+{
+    unseen_.clear();
+    for (const auto &[ifIndex, link] : links_)
+        unseen_.insert(ifIndex);
+}
+
+void LinkTable::dump_end(bool complete, DaemonEvents &events)
+{
+    if (!complete)
+        unseen_.clear();
+    while (!unseen_.empty())
+        remove(*unseen_.begin(), events);
+}
+
+std::set<uint32_t> LinkTable::take_changed() { return std::exchange(changed_, {}); }
+
+} // namespace platform_linux

@@ -1,0 +1,193 @@
+#include "model.h"
+
+#include <cstring>
+#include <linux/if_ether.h>
+
+#include "switch_model.h"
+
+namespace platform_linux
+{
+namespace
+{
+constexpr uint16_t PLAIN_BRIDGE_VLAN = 1; // a bridge without VLAN filtering is this VLAN, untagged
+
+SwitchModel theModel;
+
+Port described(const Link &link)
+{
+    Port port{};
+    port.ifIndex = link.ifIndex;
+    memcpy(port.name, link.name, sizeof port.name);
+    memcpy(port.mac, link.mac, sizeof port.mac);
+    port.kind = link.kind == LinkKind::aggregate ? PortKind::aggregate : PortKind::port;
+    port.up = link.up;
+    port.stp = link.masterKind == LinkKind::bridge ? link.stp : StpState::forwarding;
+    port.bridge = link.masterKind == LinkKind::bridge ? link.master : 0;
+    port.aggregate = link.masterKind == LinkKind::aggregate ? link.master : 0;
+    port.tpid = ETH_P_8021Q;
+    return port;
+}
+
+void make_vlan_interface(Port &port, uint16_t vid)
+{
+    port.kind = PortKind::vlanInterface;
+    port.vlan = vid;
+    port.number = vid;
+    port.nativeVid = vid;
+    port.members.set(vid);
+    port.untagged.set(vid);
+}
+
+struct Change {
+    ModelChange what;
+    Port port;
+    std::optional<Port> before;
+};
+} // namespace
+
+const Link *SwitchModel::bridge_of(const Link &link) const
+{
+    const auto it = links_.links().find(link.masterKind == LinkKind::bridge ? link.master : link.lower);
+    return it != links_.links().end() && it->second.kind == LinkKind::bridge ? &it->second : nullptr;
+}
+
+std::optional<Port> SwitchModel::derive_configured(const Link &link) const
+{
+    Port port = described(link);
+    if (const auto it = conf_->vlanInterfaces.find(link.name); it != conf_->vlanInterfaces.end()) {
+        make_vlan_interface(port, it->second);
+        return port;
+    }
+    const auto it = conf_->ports.find(link.name);
+    if (it == conf_->ports.end())
+        return {};
+    port.number = it->second.number;
+    port.routed = it->second.routed;
+    port.nativeVid = it->second.nativeVid;
+    port.members = it->second.tagged;
+    if (port.nativeVid != 0) {
+        port.members.set(port.nativeVid);
+        port.untagged.set(port.nativeVid);
+    }
+    return port;
+}
+
+std::optional<Port> SwitchModel::derive_bridged(const Link &link) const
+{
+    Port port = described(link);
+    if (link.masterKind == LinkKind::bridge) {
+        port.number = link.bridgePort;
+        const Link *bridge = bridge_of(link);
+        if (bridge != nullptr && bridge->vlanFiltering) {
+            port.nativeVid = link.pvid;
+            port.members = link.members;
+            port.untagged = link.untagged;
+        } else {
+            port.nativeVid = PLAIN_BRIDGE_VLAN;
+            port.members.set(PLAIN_BRIDGE_VLAN);
+            port.untagged.set(PLAIN_BRIDGE_VLAN);
+        }
+        return port;
+    }
+    if (link.kind == LinkKind::vlan && bridge_of(link) != nullptr && link.vlan != 0 &&
+        link.vlan < port.members.size() - 1) {
+        make_vlan_interface(port, link.vlan);
+        return port;
+    }
+    return {};
+}
+
+std::optional<Port> SwitchModel::derive(const Link &link) const
+{
+    std::optional<Port> port = conf_ ? derive_configured(link) : derive_bridged(link);
+    if (!port)
+        return port;
+    const Link *bridge = bridge_of(link);
+    if (bridge == nullptr)
+        return port;
+    port->bridge = bridge->ifIndex;
+    if (bridge->vlanFiltering && bridge->vlanProtocol == ETH_P_8021AD)
+        port->tpid = ETH_P_8021AD;
+    return port;
+}
+
+void SwitchModel::refresh()
+{
+    const std::map<uint32_t, Link> &links = links_.links();
+    std::set<uint32_t> stale = links_.take_changed();
+    if (stale.empty())
+        return;
+    // A bridge's settings are its ports' and its VLAN devices' too.
+    const std::set<uint32_t> changed = stale;
+    for (const auto &[ifIndex, link] : links)
+        if (changed.contains(link.master) || changed.contains(link.lower))
+            stale.insert(ifIndex);
+
+    std::vector<Change> changes;
+    bool vlanInterfaces = false;
+    for (const uint32_t ifIndex : stale) {
+        const auto link = links.find(ifIndex);
+        const auto known = ports_.find(ifIndex);
+        std::optional<Port> before, now;
+        if (known != ports_.end())
+            before = known->second;
+        if (link != links.end())
+            now = derive(link->second);
+        if (before == now)
+            continue;
+        vlanInterfaces = vlanInterfaces || (before ? before->vlan : 0) != (now ? now->vlan : 0);
+        if (!now) {
+            ports_.erase(known);
+            changes.push_back({ModelChange::vanished, *before, {}});
+        } else {
+            ports_[ifIndex] = *now;
+            changes.push_back({before ? ModelChange::changed : ModelChange::appeared, *now, before});
+        }
+    }
+    if (vlanInterfaces) {
+        vlanInterfaces_.fill(0);
+        for (const auto &[ifIndex, port] : ports_)
+            if (port.vlan != 0 && vlanInterfaces_[port.vlan] == 0)
+                vlanInterfaces_[port.vlan] = ifIndex;
+    }
+    for (const Change &change : changes)
+        for (const ModelWatcher watcher : watchers_)
+            watcher(change.what, change.port, change.before ? &*change.before : nullptr);
+}
+
+bool SwitchModel::feed(std::span<const uint8_t> datagram, DaemonEvents &events)
+{
+    const bool complete = links_.feed(datagram, events);
+    if (!dumping_)
+        refresh();
+    return complete;
+}
+
+void SwitchModel::dump_begin()
+{
+    dumping_ = true;
+    links_.dump_begin();
+}
+
+void SwitchModel::dump_end(bool complete, DaemonEvents &events)
+{
+    links_.dump_end(complete, events);
+    dumping_ = false;
+    refresh();
+}
+
+SwitchModel &switch_model() { return theModel; }
+
+const Port *model_port(uint32_t ifIndex)
+{
+    const auto it = theModel.ports().find(ifIndex);
+    return it != theModel.ports().end() ? &it->second : nullptr;
+}
+
+uint32_t model_vlan_interface(uint16_t vid) { return theModel.vlan_interface(vid); }
+
+const std::map<uint32_t, Port> &model_ports() { return theModel.ports(); }
+
+void model_watch(ModelWatcher watcher) { theModel.watch(watcher); }
+
+} // namespace platform_linux

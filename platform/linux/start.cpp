@@ -1,0 +1,143 @@
+#include "start.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "events.h"
+#include "logging.h"
+#include "platform.h"
+#include "switch_model.h"
+#include "trap.h"
+
+namespace platform_linux
+{
+namespace
+{
+struct Capability {
+    uint32_t number;
+    const char *text;
+    bool rootMayLack; // in a container, where what it is for is then reported as missing and done without
+};
+constexpr Capability CAPABILITIES[] = {
+    {CAP_NET_RAW,   "CAP_NET_RAW (packet sockets)",            false},
+    {CAP_NET_ADMIN, "CAP_NET_ADMIN (traps on the ports)",      false},
+    {CAP_BPF,       "CAP_BPF (the program that traps frames)", true },
+};
+
+// A descriptor below 3 that is free would be given to a packet socket, which then gets what is printed.
+void claim_standard_descriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR | O_CLOEXEC) < 0)
+            return;
+}
+
+bool load_model()
+{
+    const char *path = getenv(SWITCH_CONF_ENV);
+    const bool named = path != nullptr && *path != 0;
+    SwitchConf conf;
+    std::string error;
+    switch (switch_conf_read(named ? path : SWITCH_CONF_PATH, conf, error)) {
+    case ConfFile::read:
+        switch_model().configure(std::move(conf));
+        break;
+    case ConfFile::absent:
+        if (named) {
+            platform_report(LOG_ERR, "%s: %s", path, strerror(ENOENT));
+            return false;
+        }
+        break;
+    case ConfFile::wrong:
+        platform_report(LOG_ERR, "%s", error.c_str());
+        return false;
+    }
+    DaemonEvents told; // nothing has changed yet that the daemon knows of
+    if (!events_dump(switch_model(), told)) {
+        platform_report(LOG_ERR, "the kernel's links cannot be listed: %s", strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+void report_absent()
+{
+    const auto &conf = switch_model().conf();
+    if (!conf) {
+        if (model_ports().empty())
+            platform_report(LOG_NOTICE, "no %s and no bridge with ports: no ports until there are some",
+                            SWITCH_CONF_PATH);
+        return;
+    }
+    std::string absent;
+    const auto look = [&absent](const std::string &name) {
+        for (const auto &[ifIndex, port] : model_ports())
+            if (name == port.name)
+                return;
+        absent += " " + name;
+    };
+    for (const auto &[name, port] : conf->ports)
+        look(name);
+    for (const auto &[name, vid] : conf->vlanInterfaces)
+        look(name);
+    if (!absent.empty())
+        platform_report(LOG_NOTICE, "configured, but not there yet:%s", absent.c_str());
+}
+} // namespace
+
+std::string missing_capabilities()
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+    std::string missing;
+    if (syscall(SYS_capget, &header, data) < 0)
+        return missing; // unknown: whatever is missing will say so itself
+    const auto has = [&data](uint32_t number) {
+        return (data[CAP_TO_INDEX(number)].effective & CAP_TO_MASK(number)) != 0;
+    };
+    for (const Capability &capability : CAPABILITIES) {
+        if (has(capability.number) || (capability.rootMayLack && geteuid() == 0) ||
+            (capability.number == CAP_BPF && has(CAP_SYS_ADMIN)))
+            continue;
+        missing += missing.empty() ? "" : ", ";
+        missing += capability.text;
+    }
+    return missing;
+}
+
+bool platform_linux_start()
+{
+    claim_standard_descriptors();
+    logging_start();
+    if (const std::string missing = missing_capabilities(); !missing.empty()) {
+        platform_report(LOG_ERR, "missing %s: start as root, or grant what is missing", missing.c_str());
+        return false;
+    }
+    if (!load_model())
+        return false;
+    report_absent();
+    return trap_start() == 0 && relay_socket_start() == 0;
+}
+
+} // namespace platform_linux
+
+// The daemon's first platform call once its start-up has begun, before it has opened anything.
+uint32_t OsixCreateMSem(uint32_t)
+{
+    static bool started = false;
+    static uint32_t handle = 0;
+    if (!started && !platform_linux::platform_linux_start())
+        exit(EXIT_FAILURE); // main would go on into a loop without sockets
+    started = true;
+    return ++handle;
+}
+
+int32_t OsixDeleteSem(uint32_t semId) { return semId != 0 ? 0 : EINVAL; }
+
+int32_t errnoGet() { return errno; }

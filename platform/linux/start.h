@@ -1,0 +1,18 @@
+// The start of the Linux platform, before the daemon opens anything.
+#pragma once
+
+#include <string>
+
+namespace platform_linux
+{
+
+// Logging, the switch model, the trap and the relay socket, in that order. False when the daemon must not
+// run; why is on standard error and in the system log. Called by the daemon's first platform call of
+// start-up.
+bool platform_linux_start();
+
+// The capabilities that the daemon needs and does not have, as "CAP_NET_RAW (packet sockets), …"; empty when
+// it has all.
+std::string missing_capabilities();
+
+} // namespace platform_linux

@@ -1,0 +1,55 @@
+// The switch model itself: the kernel's devices (links.h) seen through the model file, or through the
+// kernel's bridges where there is no file. model.h is the view of it that the rest of the platform has.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <vector>
+
+#include "links.h"
+#include "switch_conf.h"
+
+namespace platform_linux
+{
+
+class SwitchModel
+{
+  public:
+    // Without a model file: nothing.
+    void configure(std::optional<SwitchConf> conf) { conf_ = std::move(conf); }
+
+    // As LinkTable's. Watchers are called once the model is current.
+    bool feed(std::span<const uint8_t> datagram, DaemonEvents &events);
+    void dump_begin();
+    void dump_end(bool complete, DaemonEvents &events);
+
+    void watch(ModelWatcher watcher) { watchers_.push_back(watcher); }
+
+    const std::map<uint32_t, Port> &ports() const { return ports_; }
+    uint32_t vlan_interface(uint16_t vid) const
+    {
+        return vid < vlanInterfaces_.size() ? vlanInterfaces_[vid] : 0;
+    }
+    uint32_t system() const { return conf_ ? conf_->system : 1; }
+    DhcpsnoopRole role() const { return conf_ ? conf_->role : DHCPSNOOP_ROLE_NONE; }
+    const std::optional<SwitchConf> &conf() const { return conf_; }
+
+  private:
+    std::optional<Port> derive(const Link &link) const;
+    std::optional<Port> derive_configured(const Link &link) const;
+    std::optional<Port> derive_bridged(const Link &link) const;
+    const Link *bridge_of(const Link &link) const;
+    void refresh();
+
+    std::optional<SwitchConf> conf_;
+    LinkTable links_;
+    bool dumping_ = false;
+    std::map<uint32_t, Port> ports_;
+    std::array<uint32_t, 4096> vlanInterfaces_{};
+    std::vector<ModelWatcher> watchers_;
+};
+
+// The daemon's.
+SwitchModel &switch_model();
+
+} // namespace platform_linux
