@@ -1,0 +1,527 @@
+// The Linux platform against a real kernel: the switch model and the daemon's events in network namespaces of
+// the test's own, the system log, standard output, the crash reporter, the start.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <functional>
+#include <linux/rtnetlink.h>
+#include <poll.h>
+#include <sstream>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "events.h"
+#include "linux_switch.h"
+#include "logging.h"
+#include "netns_test.h"
+#include "platform.h"
+#include "start.h"
+
+using namespace platform_linux;
+using namespace linux_test;
+
+namespace
+{
+std::vector<std::string> logged; // what went to the system log, with its priority
+} // namespace
+
+extern "C" void __wrap_syslog(int priority, const char *format, ...)
+{
+    std::array<char, 2048> line;
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line.data(), line.size(), format, arguments);
+    va_end(arguments);
+    logged.push_back(std::to_string(priority) + " " + line.data());
+}
+
+namespace
+{
+class Namespace : public NetnsTest
+{
+  protected:
+    void SetUp() override
+    {
+        NetnsTest::SetUp();
+        if (IsSkipped())
+            return;
+        switch_model().configure({});
+        DaemonEvents events;
+        ASSERT_TRUE(events_dump(switch_model(), events)) << strerror(errno);
+    }
+
+    void TearDown() override
+    {
+        if (sock_ >= 0)
+            close(sock_);
+    }
+
+    // As the daemon's start-up does.
+    void open_event_socket()
+    {
+        sock_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, 0);
+        sockaddr_nl self{};
+        self.nl_family = AF_NETLINK;
+        ASSERT_EQ(bind(sock_, reinterpret_cast<sockaddr *>(&self), sizeof self), 0);
+        for (const uint32_t group : {32u, 31u, 40u, 1u, 56u, 57u, 40u})
+            ASSERT_EQ(platform_event_group_join(sock_, group), 0) << group;
+    }
+
+    bool readable(int wait) const
+    {
+        pollfd events = {sock_, POLLIN, 0};
+        return poll(&events, 1, wait) == 1;
+    }
+
+    // What the daemon is told until nothing more comes, one message a call, as long as select would wake it.
+    std::string told()
+    {
+        DaemonEvents events;
+        while (readable(events.empty() ? 300 : 50)) {
+            DaemonEvent event;
+            sockaddr_nl from;
+            memset(&from, 0xEE, sizeof from);
+            socklen_t fromLength = sizeof from;
+            const ssize_t length = platform_event_recv(sock_, event.bytes.data(), event.bytes.size(),
+                                                       reinterpret_cast<sockaddr *>(&from), &fromLength);
+            EXPECT_NE(length, 0) << "0 is an error to the daemon";
+            if (length < 0) {
+                EXPECT_EQ(errno, EAGAIN);
+                continue;
+            }
+            EXPECT_EQ(from.nl_family, AF_NETLINK);
+            EXPECT_EQ(from.nl_pid, 0u);
+            EXPECT_EQ(fromLength, sizeof from);
+            event.length = static_cast<uint32_t>(length);
+            events.push_back(event);
+        }
+        return linux_test::describe(events);
+    }
+
+    std::string ports(const char *command)
+    {
+        run(command);
+        EXPECT_EQ(told(), "") << command;
+        return linux_test::describe(model_ports());
+    }
+
+    int sock_ = -1;
+};
+
+TEST_F(Namespace, PortsOfABridgeAppearMoveAndVanish)
+{
+    open_event_socket();
+    EXPECT_EQ(
+        ports("ip link add br0 type bridge mcast_snooping 0 forward_delay 3000 && ip link set br0 up && "
+              "ip link add swp1 type veth peer name h1"),
+        "");
+    EXPECT_EQ(ports("ip link set swp1 master br0"),
+              "swp1: native 1, tagged none, untagged 1, down, disabled\n");
+    EXPECT_EQ(ports("ip link set swp1 up"), "swp1: native 1, tagged none, untagged 1, down, disabled\n")
+        << "without carrier";
+    EXPECT_EQ(ports("ip link set h1 up"), "swp1: native 1, tagged none, untagged 1, up, forwarding\n");
+    EXPECT_EQ(ports("ip link set swp1 down"), "swp1: native 1, tagged none, untagged 1, down, disabled\n");
+    EXPECT_EQ(ports("ip link set br0 type bridge stp_state 1 && ip link set swp1 up"),
+              "swp1: native 1, tagged none, untagged 1, up, listening\n");
+    EXPECT_EQ(ports("ip link set swp1 nomaster"), "");
+    EXPECT_EQ(ports("ip link add br1 type bridge && ip link set swp1 master br1"),
+              "swp1: native 1, tagged none, untagged 1, up, disabled\n")
+        << "a bridge that is down";
+    EXPECT_EQ(ports("ip link set swp1 down && ip link set swp1 name uplink"),
+              "uplink: native 1, tagged none, untagged 1, down, disabled\n");
+    const std::string index = std::to_string(model_ports().begin()->first);
+    const std::string peer = std::to_string(if_nametoindex("h1"));
+    run("ip link del uplink");
+    const std::string gone = told();
+    EXPECT_TRUE(gone == index + " gone, " + peer + " gone" || gone == peer + " gone, " + index + " gone")
+        << gone;
+    EXPECT_EQ(linux_test::describe(model_ports()), "");
+    EXPECT_FALSE(readable(0));
+    EXPECT_EQ(platform_event_recv(sock_, nullptr, 0, nullptr, nullptr), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(Namespace, ConfiguredPortsAppearWhenTheirDeviceDoes)
+{
+    SwitchConf conf;
+    std::string error;
+    ASSERT_TRUE(switch_conf_parse(
+        "f", "port swp1 trunk 10,20 native 1\nport swp2 routed\nvlan 10 interface v10\n", conf, error));
+    switch_model().configure(conf);
+    open_event_socket();
+    EXPECT_EQ(ports("ip link add swp2 type veth peer name v10 && ip link set v10 up"),
+              "v10 is vlan 10: native 10, down, forwarding\nswp2: routed, down, forwarding\n");
+    EXPECT_EQ(model_vlan_interface(10), if_nametoindex("v10"));
+    EXPECT_EQ(ports("ip link set v10 down && ip link set v10 name other"),
+              "swp2: routed, down, forwarding\n");
+    EXPECT_EQ(model_vlan_interface(10), 0u);
+    EXPECT_EQ(ports("ip link set other name swp1"),
+              "swp1: native 1, tagged 10,20, untagged 1, down, forwarding\nswp2: routed, down, forwarding\n");
+}
+
+TEST_F(Namespace, WhatHappenedBeforeTheSocketJoinedIsTold)
+{
+    run("ip link add pa type veth peer name pb && ip link add pc type veth peer name pd");
+    DaemonEvents seed;
+    ASSERT_TRUE(events_dump(switch_model(), seed));
+    EXPECT_EQ(linux_test::describe(seed), "");
+    std::string gone;
+    for (const char *name : {"pb", "pa"}) // by index: a pair's second end is made first
+        gone += (gone.empty() ? "" : ", ") + std::to_string(if_nametoindex(name)) + " gone";
+    run("ip link del pa");
+    open_event_socket();
+    EXPECT_EQ(told(), gone);
+}
+
+TEST_F(Namespace, LostMessagesAreMadeUpFor)
+{
+    run("ip link add br0 type bridge && for i in 1 2 3; do ip link add p$i type veth peer name q$i; done");
+    open_event_socket();
+    ASSERT_EQ(told(), "");
+    std::vector<uint32_t> indexes;
+    for (const char *name : {"p1", "q1", "p3", "q3"})
+        indexes.push_back(if_nametoindex(name));
+    std::ranges::sort(indexes);
+    std::string gone;
+    for (const uint32_t index : indexes)
+        gone += (gone.empty() ? "" : ", ") + std::to_string(index) + " gone";
+    const int small = 1;
+    ASSERT_EQ(setsockopt(sock_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small), 0);
+    run("for i in 1 2 3 4 5 6 7 8; do ip link set br0 up; ip link set br0 down; done; "
+        "ip link del p1; ip link del p3; ip link set p2 master br0; ip link set p2 up; ip link set q2 up");
+    EXPECT_EQ(told(), gone);
+    EXPECT_EQ(linux_test::describe(model_ports()), "p2: native 1, tagged none, untagged 1, up, disabled\n");
+    EXPECT_FALSE(readable(0)) << "nothing is left that would keep the daemon awake";
+}
+
+TEST_F(Namespace, OthersCannotTellTheDaemonAnything)
+{
+    open_event_socket();
+    ASSERT_EQ(told(), "");
+    sockaddr_nl daemon{};
+    socklen_t length = sizeof daemon;
+    ASSERT_EQ(getsockname(sock_, reinterpret_cast<sockaddr *>(&daemon), &length), 0);
+    const int other = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, 0);
+    LinkMessage message(RTM_NEWLINK, AF_UNSPEC, 3, 0x10003);
+    message.text(IFLA_IFNAME, "p").number(IFLA_MASTER, 8).begin(IFLA_LINKINFO);
+    message.text(IFLA_INFO_SLAVE_KIND, "bond").end();
+    EXPECT_EQ(sendto(other, message.bytes().data(), message.bytes().size(), 0,
+                     reinterpret_cast<sockaddr *>(&daemon), sizeof daemon),
+              static_cast<ssize_t>(message.bytes().size()));
+    close(other);
+    EXPECT_TRUE(readable(0));
+    EXPECT_EQ(told(), "");
+}
+
+TEST(Events, ASocketThatIsNoneKeepsItsErrors)
+{
+    EXPECT_NE(platform_event_group_join(-1, 1), 0);
+    uint8_t buffer[64];
+    EXPECT_EQ(platform_event_recv(-1, buffer, sizeof buffer, nullptr, nullptr), -1);
+}
+
+// Standard output and the system log
+
+uint64_t testTime;
+uint64_t test_clock() { return testTime; }
+
+struct Pipe {
+    Pipe() { EXPECT_EQ(pipe(ends), 0); }
+    ~Pipe()
+    {
+        close(ends[0]);
+        close(ends[1]);
+    }
+
+    std::string read_all() const
+    {
+        fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        std::string text;
+        std::array<char, 65536> piece;
+        for (ssize_t length; (length = read(ends[0], piece.data(), piece.size())) > 0;)
+            text.append(piece.data(), static_cast<size_t>(length));
+        return text;
+    }
+
+    int ends[2];
+};
+
+void put(BoundedWriter &writer, std::string_view text) { writer.write(text.data(), text.size()); }
+
+TEST(BoundedWriter, LinesThatComeTooFastAreCountedAndTheCountPrecedesTheNext)
+{
+    const Pipe pipe;
+    BoundedWriter writer(pipe.ends[1], 3, test_clock);
+    testTime = 5'000'000'000;
+    put(writer, "a\nb\nc\nd\ne");
+    put(writer, "e\nf\n");
+    testTime = 6'000'000'000;
+    put(writer, "g");
+    put(writer, "g\nh\n");
+    EXPECT_EQ(pipe.read_all(), "a\nb\nc\ndhcpsnoop: 3 lines suppressed\ngg\nh\n");
+}
+
+TEST(BoundedWriter, TheConsolesLineEndsBecomeOne)
+{
+    const Pipe pipe;
+    BoundedWriter writer(pipe.ends[1], 1000, test_clock);
+    put(writer, "one\r\ntwo\n\rthree\n\r");
+    put(writer, "\r\n");
+    EXPECT_EQ(pipe.read_all(), "one\ntwo\nthree\n\n");
+}
+
+TEST(BoundedWriter, WholeLinesOrNoneWhenNobodyReads)
+{
+    int sockets[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+    const Pipe pipe;
+    for (const int fd : {pipe.ends[1], sockets[0]}) {
+        const int reader = fd == sockets[0] ? sockets[1] : pipe.ends[0];
+        fcntl(reader, F_SETFL, O_NONBLOCK);
+        BoundedWriter writer(fd, UINT32_MAX, test_clock);
+        // 6000 bytes a line: two pieces, of which the second may be the one that does not fit.
+        const std::string line(6000, 'x');
+        constexpr size_t COUNT = 400;
+        for (size_t i = 0; i < COUNT; i++)
+            put(writer, line + "\n");
+        std::string text;
+        std::array<char, 65536> piece;
+        ssize_t length;
+        while ((length = read(reader, piece.data(), piece.size())) > 0)
+            text.append(piece.data(), static_cast<size_t>(length));
+        const uint64_t suppressed = writer.suppressed();
+        put(writer, "last\n");
+        while ((length = read(reader, piece.data(), piece.size())) > 0)
+            text.append(piece.data(), static_cast<size_t>(length));
+        size_t whole = 0;
+        for (size_t at = text.find(line + "\n"); at != std::string::npos;
+             at = text.find(line + "\n", at + line.size()))
+            whole++;
+        EXPECT_GT(suppressed, 0u);
+        EXPECT_GT(whole, 0u);
+        EXPECT_EQ(whole + suppressed, COUNT);
+        EXPECT_TRUE(
+            text.ends_with("\ndhcpsnoop: " + std::to_string(suppressed) + " lines suppressed\nlast\n"))
+            << text.substr(text.size() - 100);
+    }
+    close(sockets[0]);
+    close(sockets[1]);
+}
+
+TEST(BoundedWriter, ADescriptorThatIsClosedLosesLinesOnly)
+{
+    BoundedWriter writer(-1, 1000, test_clock);
+    put(writer, "a\nb\n");
+    EXPECT_EQ(writer.suppressed(), 2u);
+}
+
+TEST(Logging, OneLineWithoutControlCharacters)
+{
+    logged.clear();
+    zlog_dispatch_logging(7, 1, "Add %s\r\n", "10.0.0.1 \x1b[31m on\nswp1");
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_EQ(logged[0], std::to_string(LOG_DAEMON | LOG_INFO) + " Add 10.0.0.1  [31m on swp1");
+    logged.clear();
+    zlog_dispatch_logging(7, 1, "%s", std::string(3000, 'y').c_str());
+    ASSERT_EQ(logged.size(), 1u);
+    EXPECT_LT(logged[0].size(), 1100u);
+}
+
+// Child processes: what they print and how they end.
+
+struct Ended {
+    int status;
+    std::string output;
+};
+
+Ended run_child(const std::function<void()> &body, int descriptor)
+{
+    fflush(nullptr);
+    const Pipe pipe;
+    const pid_t child = fork();
+    if (child == 0) {
+        const rlimit noCore = {0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+        alarm(30);
+        dup2(pipe.ends[1], descriptor);
+        body();
+        _exit(99);
+    }
+    Ended ended{};
+    waitpid(child, &ended.status, 0);
+    ended.output = pipe.read_all();
+    return ended;
+}
+
+// A pipe that nobody reads while the daemon traces a flood of frames.
+TEST(Logging, TracingNeverWaitsForItsReader)
+{
+    constexpr int LINES = 100'000;
+    const Pipe done, go, output;
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(30);
+        dup2(output.ends[1], STDOUT_FILENO);
+        logging_start();
+        for (int i = 0; i < LINES / 2; i++) {
+            NM_DEBUG_OUTPUT("[DHCPSNOOP] traced %d\r\n", i);
+            printf("%02x %02x %02x\n\r", i & 0xFF, 1, 2);
+        }
+        fflush(stdout);
+        char byte = 0;
+        if (write(done.ends[1], &byte, 1) != 1 || read(go.ends[0], &byte, 1) != 1)
+            _exit(1);
+        usleep(1'100'000); // another second
+        NM_DEBUG_OUTPUT("end\r\n");
+        _exit(0);
+    }
+    int status = 0;
+    std::string text;
+    pollfd more = {done.ends[0], POLLIN, 0};
+    ASSERT_EQ(poll(&more, 1, 20'000), 1) << "it waits for its reader";
+    more.fd = output.ends[0];
+    const auto read_some = [&] {
+        std::array<char, 65536> piece;
+        const ssize_t length = read(output.ends[0], piece.data(), piece.size());
+        text.append(piece.data(), length > 0 ? static_cast<size_t>(length) : 0);
+    };
+    while (poll(&more, 1, 0) == 1)
+        read_some();
+    ASSERT_EQ(write(go.ends[1], "g", 1), 1);
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    while (poll(&more, 1, 0) == 1)
+        read_some();
+    uint64_t shown = 0, suppressed = 0;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        unsigned long long count = 0;
+        if (sscanf(line.c_str(), "dhcpsnoop: %llu lines suppressed", &count) == 1)
+            suppressed += count;
+        else
+            shown += line != "end" ? 1 : 0;
+    }
+    EXPECT_GT(suppressed, 0u);
+    EXPECT_EQ(shown + suppressed, uint64_t{LINES});
+    EXPECT_TRUE(text.ends_with("end\n"));
+}
+
+volatile int *volatile nowhere = reinterpret_cast<volatile int *>(16);
+
+int overflow(volatile char *above, uint32_t depth)
+{
+    volatile char room[4096];
+    room[0] = *above;
+    return depth == 0 ? 0 : overflow(room, depth - 1) + room[0];
+}
+
+TEST(CrashReporter, SaysWhatAndWhereAndDiesOfIt)
+{
+    struct Row {
+        const char *claim;
+        void (*crash)();
+        int signal;
+        const char *text;
+    } const rows[] = {
+        {"a wild pointer", [] { *nowhere = 1; }, SIGSEGV,
+         "dhcpsnoop: killed by SIGSEGV at address 0x10, called from:\n"},
+        {"an abort", [] { abort(); }, SIGABRT, "dhcpsnoop: killed by SIGABRT at address "},
+        {"a signal from outside", [] { kill(getpid(), SIGBUS); }, SIGBUS,
+         "dhcpsnoop: killed by SIGBUS at address "},
+        {"a stack that ran out",
+         [] {
+             volatile char start = 0;
+             overflow(&start, UINT32_MAX);
+         },
+         SIGSEGV, "dhcpsnoop: killed by SIGSEGV at address "},
+    };
+    for (const Row &row : rows) {
+        const Ended ended = run_child(
+            [&row] {
+                const rlimit stack = {1 << 20, 1 << 20};
+                setrlimit(RLIMIT_STACK, &stack);
+                qorCatchSegFault(0, nullptr);
+                row.crash();
+            },
+            STDERR_FILENO);
+        EXPECT_TRUE(WIFSIGNALED(ended.status) && WTERMSIG(ended.status) == row.signal)
+            << row.claim << ended.status;
+        EXPECT_TRUE(ended.output.starts_with(row.text)) << row.claim << ": " << ended.output;
+        EXPECT_GT(std::ranges::count(ended.output, '\n'), 1) << row.claim << ": no call in " << ended.output;
+    }
+}
+
+TEST(Start, RefusesAWrongModelFile)
+{
+    if (!missing_capabilities().empty())
+        GTEST_SKIP() << "the start gets as far as the file only with " << missing_capabilities();
+    const std::string path = testing::TempDir() + "switch.conf." + std::to_string(getpid());
+    std::ofstream(path) << "port swp1 access 10\nport swp1 access 11\n";
+    const Ended ended = run_child(
+        [&path] {
+            setenv("DHCPSNOOP_SWITCH_CONF", path.c_str(), 1);
+            OsixCreateMSem(9);
+        },
+        STDERR_FILENO);
+    unlink(path.c_str());
+    EXPECT_EQ(WEXITSTATUS(ended.status), EXIT_FAILURE);
+    EXPECT_EQ(ended.output, "dhcpsnoop: " + path + ":2: 'swp1' is a port already\n");
+
+    const Ended absent = run_child(
+        [] {
+            setenv("DHCPSNOOP_SWITCH_CONF", "/nonexistent/switch.conf", 1);
+            OsixCreateMSem(9);
+        },
+        STDERR_FILENO);
+    EXPECT_EQ(WEXITSTATUS(absent.status), EXIT_FAILURE) << "a file that was named is not optional";
+    EXPECT_EQ(absent.output, "dhcpsnoop: /nonexistent/switch.conf: No such file or directory\n");
+}
+
+TEST(Start, NamesTheCapabilitiesItLacks)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root, to give its rights away";
+    const Ended ended = run_child(
+        [] {
+            if (setresuid(65534, 65534, 65534) == 0)
+                OsixCreateMSem(9);
+        },
+        STDERR_FILENO);
+    EXPECT_EQ(WEXITSTATUS(ended.status), EXIT_FAILURE);
+    EXPECT_EQ(ended.output,
+              "dhcpsnoop: missing CAP_NET_RAW (packet sockets), CAP_NET_ADMIN (traps on the ports), CAP_BPF "
+              "(the program that traps frames): start as root, or grant what is missing\n");
+}
+
+TEST_F(Namespace, StartLoadsTheModelBeforeAnythingElse)
+{
+    run("ip link add br0 type bridge && ip link add swp1 type veth peer name h1 && ip link set swp1 master br0");
+    const std::string path = testing::TempDir() + "switch.conf." + std::to_string(getpid());
+    std::ofstream(path) << "port swp1 access 10\nport swp2 access 10\nvlan 10 interface v10\n";
+    const Ended ended = run_child(
+        [&path] {
+            close(STDIN_FILENO);
+            setenv("DHCPSNOOP_SWITCH_CONF", path.c_str(), 1);
+            const uint32_t first = OsixCreateMSem(9), second = OsixCreateMSem(9);
+            const bool ok = first != 0 && second != first && model_ports().size() == 1 &&
+                            model_ports().begin()->second.nativeVid == 10 && OsixDeleteSem(first) == 0 &&
+                            fcntl(STDIN_FILENO, F_GETFD) >= 0;
+            _exit(ok ? 0 : 1);
+        },
+        STDERR_FILENO);
+    unlink(path.c_str());
+    EXPECT_EQ(WEXITSTATUS(ended.status), 0) << ended.output;
+    EXPECT_EQ(ended.output, "dhcpsnoop: configured, but not there yet: swp2 v10\n");
+}
+
+} // namespace
