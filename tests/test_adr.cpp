@@ -49,7 +49,7 @@ TEST(Codec, ReadsAMessage)
 
 TEST(Codec, RefusesAWordOfAnotherForm)
 {
-    for (const size_t wrong : {0, 1, 2, 3}) {
+    for (size_t wrong = 0; wrong < 4; wrong++) {
         SCOPED_TRACE(wrong);
         Bytes bytes = MESSAGE;
         bytes[wrong]++;

@@ -17,19 +17,15 @@
 namespace
 {
 
-Bytes native(uint32_t length)
+Bytes framed(uint32_t length, const Bytes &body)
 {
-    Bytes bytes(sizeof length);
+    Bytes bytes(sizeof length + body.size());
     memcpy(bytes.data(), &length, sizeof length);
+    std::copy(body.begin(), body.end(), bytes.begin() + sizeof length);
     return bytes;
 }
 
-Bytes framed(uint32_t length, const Bytes &body)
-{
-    Bytes bytes = native(length);
-    bytes.insert(bytes.end(), body.begin(), body.end());
-    return bytes;
-}
+Bytes native(uint32_t length) { return framed(length, Bytes()); }
 
 Bytes framed(const Bytes &body) { return framed(static_cast<uint32_t>(body.size()), body); }
 

@@ -109,7 +109,7 @@ TEST_F(Global, HardwareRefuses)
     gDhcpsnoop.globalEnable = 1;
     world.refuse("qorHwScalarSync", 3);
     const std::string before = world_state();
-    for (const uint32_t cmd : {1, 2, 4, 16})
+    for (const uint32_t cmd : {1u, 2u, 4u, 16u})
         EXPECT_EQ(set(cmd, 9), 0x3E80004) << cmd;
     EXPECT_EQ(world.calls().size(), 4u);
     EXPECT_EQ(world_state(), before);
@@ -127,9 +127,9 @@ TEST_F(Global, CommandsThereAreNotAndValuesThatAreMissing)
     EXPECT_EQ(value, 1u);
     QorBuffer nowhere = {nullptr, 100};
     EXPECT_EQ(dhcpSnoopSetApi(nullptr, 19, &nowhere), 0x3E80010);
-    for (const uint32_t cmd : {1, 2, 4, 16, 19, 20})
+    for (const uint32_t cmd : {1u, 2u, 4u, 16u, 19u, 20u})
         EXPECT_EQ(dhcpSnoopSetApi(nullptr, cmd, nullptr), 0x3E80010) << cmd;
-    for (const uint32_t cmd : {1, 2, 3, 4, 16, 20})
+    for (const uint32_t cmd : {1u, 2u, 3u, 4u, 16u, 20u})
         EXPECT_EQ(dhcpSnoopGetApi(nullptr, cmd, nullptr), 0x3E80010) << cmd;
     EXPECT_EQ(world.calls(), Lines{});
     EXPECT_EQ(world_state(), before);
@@ -137,7 +137,7 @@ TEST_F(Global, CommandsThereAreNotAndValuesThatAreMissing)
 
 TEST_F(Global, SwitchingOffLeavesOnlyIpSourceGuardBindings)
 {
-    for (const uint32_t value : {0, 2}) {
+    for (const uint32_t value : {0u, 2u}) {
         SCOPED_TRACE(value);
         world.reset();
         world.access(5, 10);
@@ -172,7 +172,7 @@ TEST_F(Global, HardwareNotificationInstallsOrWithdraws)
     populate();
     const auto installed = [] {
         std::string text;
-        for (const uint32_t address : {0x0A000001, 0x0A000014, 0x0A000028})
+        for (const uint32_t address : {0x0A000001u, 0x0A000014u, 0x0A000028u})
             text += binding(address)->hwFlags != 0 ? "1" : "0";
         return text;
     };

@@ -33,9 +33,7 @@ Bytes bytes(const std::string &text) { return Bytes(text.begin(), text.end()); }
 
 Bytes typed(uint8_t type, uint8_t length, const std::string &text)
 {
-    Bytes value = {type, length};
-    value.insert(value.end(), text.begin(), text.end());
-    return value;
+    return bytes(std::string{static_cast<char>(type), static_cast<char>(length)} + text);
 }
 
 class Settings : public Daemon
@@ -221,7 +219,7 @@ TEST_F(Settings, FlagsAreRead)
     EXPECT_EQ((std::vector<uint32_t>{get(30), get(31), get(32), get(33)}),
               (std::vector<uint32_t>{1, 2, 4, 5}));
     // Read as nothing.
-    for (const uint32_t cmd : {25, 26, 27})
+    for (const uint32_t cmd : {25u, 26u, 27u})
         EXPECT_EQ(get(cmd), 0xEEEEEEEEu);
 }
 
@@ -454,7 +452,7 @@ TEST_F(Settings, HardwareRefuses)
     }
     for (const uint32_t cmd : TEXT_CMDS)
         EXPECT_EQ(set(cmd, typed(1, 1, "q")), 0x3E80004) << cmd;
-    for (const uint32_t value : {0, 1})
+    for (const uint32_t value : {0u, 1u})
         EXPECT_EQ(set(1, value), 0x3E80004);
     EXPECT_EQ(world.calls().size(), NUMBER_CMDS.size() - 1 + TEXT_CMDS.size() + 2);
     uint32_t on = 1;
@@ -477,13 +475,13 @@ TEST_F(Settings, NoValueWhereOneIsNeeded)
         EXPECT_EQ(dhcpSnoopIfSetApi(5, cmd, &nowhere), 0x3E80010) << cmd;
         EXPECT_EQ(dhcpSnoopIfGetApi(5, cmd, &nowhere), 0x3E80010) << cmd;
     }
-    for (const uint32_t ifIndex : {5, 6})
+    for (const uint32_t ifIndex : {5u, 6u})
         EXPECT_EQ(dhcpSnoopIfSetApi(ifIndex, 1, nullptr), 0x3E80010);
-    for (const uint32_t cmd : {19, 22, 23, 24})
+    for (const uint32_t cmd : {19u, 22u, 23u, 24u})
         EXPECT_EQ(dhcpSnoopIfGetApi(5, cmd, nullptr), 0x3E80010) << cmd;
     EXPECT_EQ(world.calls(), Lines{});
     EXPECT_EQ(world_state(), before);
-    for (const uint32_t cmd : {25, 26, 27})
+    for (const uint32_t cmd : {25u, 26u, 27u})
         EXPECT_EQ(dhcpSnoopIfGetApi(5, cmd, nullptr), 0) << cmd;
     // The interface comes before the value.
     EXPECT_EQ(dhcpSnoopIfSetApi(6, 3, nullptr), 0x3E80002);
@@ -502,7 +500,7 @@ TEST_F(Settings, CommandsThereAreNot)
     EXPECT_EQ(value, 1u);
     EXPECT_EQ(world.calls(), Lines{});
     EXPECT_EQ(world_state(), before);
-    for (const uint32_t cmd : {0, 2, 3, 28, 34, 99})
+    for (const uint32_t cmd : {0u, 2u, 3u, 28u, 34u, 99u})
         EXPECT_EQ(dhcpSnoopIfSetApi(6, cmd, &value), 0x3E80002) << cmd;
     EXPECT_EQ(dhcpSnoopIfGetApi(6, 1, &value), 0x3E80002);
     ifp_->flags &= ~0x80000000;
@@ -513,7 +511,7 @@ TEST_F(Settings, CommandsThereAreNot)
 TEST_F(Settings, SwitchingSnoopingOnAndOff)
 {
     world.reset(2);
-    for (const uint32_t ifIndex : {5, 6, 7})
+    for (const uint32_t ifIndex : {5u, 6u, 7u})
         world.access(ifIndex, 10);
     const struct {
         const char *claim;

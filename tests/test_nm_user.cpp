@@ -232,7 +232,7 @@ TEST_F(Bindings, HardwareRefusesOrValueIsMissing)
     Bytes mac(6, 7);
     QorBuffer value = {mac.data(), 6}, nowhere = {nullptr, 6};
     const std::string before = world_state();
-    for (const uint32_t cmd : {1, 2, 4, 5, 9}) {
+    for (const uint32_t cmd : {1u, 2u, 4u, 5u, 9u}) {
         EXPECT_EQ(dhcpSnoopUserSetApi(&key, cmd, nullptr), 0x3E80010) << cmd;
         EXPECT_EQ(dhcpSnoopUserGetApi(&key, cmd, nullptr), 0x3E80010) << cmd;
     }
@@ -240,10 +240,10 @@ TEST_F(Bindings, HardwareRefusesOrValueIsMissing)
     EXPECT_EQ(dhcpSnoopUserGetApi(&key, 5, &nowhere), 0x3E80010);
     EXPECT_EQ(world.calls(), Lines{});
     world.refuse("qorHwDhcpSnoopUserSync");
-    for (const uint32_t cmd : {1, 2, 4})
+    for (const uint32_t cmd : {1u, 2u, 4u})
         EXPECT_EQ(set(HOST, cmd, 9), 0x3E80004) << cmd;
     EXPECT_EQ(dhcpSnoopUserSetApi(&key, 5, &value), 0x3E80004);
-    for (const uint32_t action : {0, 1, 2, 3, 4, 5, 6, 7}) {
+    for (const uint32_t action : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u}) {
         EXPECT_EQ(act(action), 0x3E80004) << action;
         EXPECT_EQ(act(action, HOST + 1), 0x3E80004) << action;
     }
@@ -251,7 +251,7 @@ TEST_F(Bindings, HardwareRefusesOrValueIsMissing)
     // Reading.
     uint32_t number = 5;
     EXPECT_EQ(dhcpSnoopUserGetApi(&other, 1, &number), 0x3E80002);
-    for (const uint32_t cmd : {0, 3, 10})
+    for (const uint32_t cmd : {0u, 3u, 10u})
         EXPECT_EQ(dhcpSnoopUserGetApi(&key, cmd, &number), 0x3E80010) << cmd;
     EXPECT_EQ(number, 5u);
     EXPECT_EQ(dhcpSnoopUserSetApi(nullptr, 1, &number), 0x3E8001A);
