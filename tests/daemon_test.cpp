@@ -1,5 +1,6 @@
 #include "daemon_test.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include <arpa/inet.h>
@@ -19,7 +20,7 @@ DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
     DhcpsnoopRxPkt rx = {};
     rx.valid = 1;
     rx.len = static_cast<uint16_t>(frame.size());
-    memcpy(rx.data, frame.data(), frame.size() < sizeof rx.data ? frame.size() : sizeof rx.data);
+    std::copy_n(frame.begin(), std::min(frame.size(), sizeof rx.data), rx.data);
     rx.ifIndex = arrival.port;
     rx.outerVid = arrival.outer;
     rx.innerVid = arrival.inner;

@@ -1,9 +1,9 @@
 #include "frame.h"
 
 #include <cctype>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
-
-#include "world.h"
 
 namespace
 {
@@ -35,9 +35,19 @@ uint16_t udp_sum(uint32_t srcIp, uint32_t dstIp, const Bytes &datagram)
                              be16(static_cast<uint32_t>(datagram.size())) + datagram);
 }
 
+__attribute__((format(printf, 1, 2))) std::string text_of(const char *format, ...)
+{
+    char text[256];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return text;
+}
+
 std::string dotted(const Bytes &bytes, size_t at)
 {
-    return world_format("%u.%u.%u.%u", bytes.at(at), bytes.at(at + 1), bytes.at(at + 2), bytes.at(at + 3));
+    return text_of("%u.%u.%u.%u", bytes.at(at), bytes.at(at + 1), bytes.at(at + 2), bytes.at(at + 3));
 }
 
 // Where the IPv4 header begins: behind addresses, tags and EtherType.
@@ -97,7 +107,7 @@ std::string hex(const Bytes &bytes)
 {
     std::string text;
     for (size_t i = 0; i < bytes.size(); i++)
-        text += world_format(i == 0 ? "%02x" : " %02x", bytes[i]);
+        text += text_of(i == 0 ? "%02x" : " %02x", bytes[i]);
     return text;
 }
 
@@ -196,16 +206,15 @@ std::string dissect(const Bytes &frame)
     std::string out = "dst " + hex(slice(frame, 0, 6)) + "\nsrc " + hex(slice(frame, 6, 6)) + "\n";
     const size_t ip = ip_offset(frame);
     for (size_t at = 12; at + 6 <= ip; at += 4)
-        out += world_format("tag %04x %04x\n", get16(frame, at), get16(frame, at + 2));
+        out += text_of("tag %04x %04x\n", get16(frame, at), get16(frame, at + 2));
     const size_t udp = ip + 20 <= frame.size() ? ip + (frame[ip] & 15u) * 4 : frame.size();
     if (udp + 8 > frame.size())
         return out + "not IPv4: " + hex(slice(frame, 12, frame.size())) + "\n";
 
     const Bytes header = slice(frame, ip, udp - ip);
-    out += world_format(
-        "ip %02x tos %02x length %u id %04x frag %04x ttl %u protocol %u checksum %s\n", header[0], header[1],
-        get16(header, 2), get16(header, 4), get16(header, 6), header[8], header[9],
-        internet_checksum(header) == 0 ? "good" : world_format("bad %04x", get16(header, 10)).c_str());
+    out += text_of("ip %02x tos %02x length %u id %04x frag %04x ttl %u protocol %u checksum %s\n", header[0],
+                   header[1], get16(header, 2), get16(header, 4), get16(header, 6), header[8], header[9],
+                   internet_checksum(header) == 0 ? "good" : text_of("bad %04x", get16(header, 10)).c_str());
     out += "ip from " + dotted(header, 12) + " to " + dotted(header, 16) + "\n";
     if (header.size() > 20)
         out += "ip options " + hex(slice(header, 20, header.size())) + "\n";
@@ -218,30 +227,30 @@ std::string dissect(const Bytes &frame)
     std::string sum = "none";
     if (get16(datagram, 6) != 0) {
         const uint16_t remainder = udp_sum(get32(header, 12), get32(header, 16), slice(datagram, 0, udpLen));
-        sum = remainder == 0 ? "good" : world_format("bad %04x", get16(datagram, 6));
+        sum = remainder == 0 ? "good" : text_of("bad %04x", get16(datagram, 6));
     }
-    out += world_format("udp %u to %u length %zu checksum %s\n", get16(datagram, 0), get16(datagram, 2),
-                        udpLen, sum.c_str());
+    out += text_of("udp %u to %u length %zu checksum %s\n", get16(datagram, 0), get16(datagram, 2), udpLen,
+                   sum.c_str());
     const Bytes dhcp = slice(datagram, 8, udpLen < 8 ? 0 : udpLen - 8);
     if (dhcp.size() < BOOTP_FIXED) {
         out += "payload " + hex(dhcp) + "\n";
     } else {
-        out += world_format("op %u htype %u hlen %u hops %u xid %08x secs %u flags %04x\n", dhcp[0], dhcp[1],
-                            dhcp[2], dhcp[3], get32(dhcp, 4), get16(dhcp, 8), get16(dhcp, 10));
+        out += text_of("op %u htype %u hlen %u hops %u xid %08x secs %u flags %04x\n", dhcp[0], dhcp[1],
+                       dhcp[2], dhcp[3], get32(dhcp, 4), get16(dhcp, 8), get16(dhcp, 10));
         out += "ciaddr " + dotted(dhcp, 12) + " yiaddr " + dotted(dhcp, 16) + " siaddr " + dotted(dhcp, 20) +
                " giaddr " + dotted(dhcp, 24) + "\n";
         out += "chaddr " + hex(slice(dhcp, 28, 16)) + "\n";
         const Bytes names = slice(dhcp, 44, 192);
         if (names != repeated(0, 192))
             out += "sname and file " + hex(names) + "\n";
-        out += world_format("cookie %08x\n", get32(dhcp, 236));
+        out += text_of("cookie %08x\n", get32(dhcp, 236));
         size_t at = BOOTP_FIXED;
         while (at < dhcp.size() && dhcp[at] != 255) {
             const size_t length = dhcp[at] == 0 ? 0 : at + 1 < dhcp.size() ? dhcp[at + 1] : 0;
             if (dhcp[at] == 0)
                 out += "pad\n";
             else
-                out += world_format("option %u length %zu: ", dhcp[at], length) +
+                out += text_of("option %u length %zu: ", dhcp[at], length) +
                        hex(slice(dhcp, at + 2, length)) + "\n";
             at += dhcp[at] == 0 ? 1 : 2 + length;
         }

@@ -44,7 +44,8 @@ void fill(QorBuffer *buffer, const void *data, size_t count)
 {
     if (count > buffer->length)
         count = buffer->length;
-    memcpy(buffer->data, data, count);
+    if (count > 0)
+        memcpy(buffer->data, data, count);
     buffer->length = static_cast<uint32_t>(count);
 }
 

@@ -1,0 +1,206 @@
+// After start-up the daemon allocates nothing: every allocation of the process is counted while it works
+// through mixed traffic, apart from those of the fake platform.
+#include "daemon_test.h"
+
+#include <random>
+
+#include "dhcpsnoop_nm.h"
+#include "request.h"
+
+namespace
+{
+bool counting;
+unsigned long allocations;
+} // namespace
+
+static void count_one()
+{
+    if (counting && worldDepth == 0)
+        allocations++;
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+// The sanitizer is the allocator; it reports what passes through it.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void *, size_t),
+                                                         void (*)(const volatile void *));
+static void hook_allocations()
+{
+    static const int installed = __sanitizer_install_malloc_and_free_hooks(
+        [](const volatile void *, size_t) { count_one(); }, [](const volatile void *) { count_one(); });
+    ASSERT_NE(installed, 0);
+}
+#else
+// In front of the C library's own, for every library of the process.
+extern "C" {
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+void *__libc_memalign(size_t, size_t);
+void __libc_free(void *);
+
+void *malloc(size_t size)
+{
+    count_one();
+    return __libc_malloc(size);
+}
+void *calloc(size_t count, size_t size)
+{
+    count_one();
+    return __libc_calloc(count, size);
+}
+void *realloc(void *block, size_t size)
+{
+    count_one();
+    return __libc_realloc(block, size);
+}
+void *memalign(size_t alignment, size_t size)
+{
+    count_one();
+    return __libc_memalign(alignment, size);
+}
+void *aligned_alloc(size_t alignment, size_t size) { return memalign(alignment, size); }
+int posix_memalign(void **out, size_t alignment, size_t size)
+{
+    *out = memalign(alignment, size);
+    return *out == nullptr ? 12 : 0;
+}
+void free(void *block)
+{
+    if (block != nullptr)
+        count_one();
+    __libc_free(block);
+}
+}
+static void hook_allocations() {}
+#endif
+
+namespace
+{
+
+class NoAllocation : public Daemon
+{
+};
+
+TEST_F(NoAllocation, TheCountingWorks)
+{
+    hook_allocations();
+    const auto counted = [](auto &&work) {
+        allocations = 0;
+        counting = true;
+        work();
+        counting = false;
+        return allocations;
+    };
+    static void *volatile block;
+    EXPECT_GE(counted([] {
+                  block = malloc(100);
+                  free(block);
+              }),
+              2u);
+    static int *volatile number;
+    EXPECT_GE(counted([] {
+                  number = new int(1);
+                  delete number;
+              }),
+              2u);
+    EXPECT_EQ(counted([] {
+                  WorldScope scope;
+                  free(malloc(100));
+              }),
+              0u);
+    // What the C library takes for itself counts too.
+    EXPECT_GE(counted([] { free(strdup("text")); }), 2u);
+}
+
+TEST_F(NoAllocation, MixedTraffic)
+{
+    hook_allocations();
+    world.reset(0, 64, 8);
+    gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback;
+    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
+    gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
+    gDhcpsnoop.serverLearn = 1;
+    world.bootFile = Bytes(20, 'b');
+    for (const uint32_t ifIndex : {1, 2, 3, 4}) {
+        world.trunk(ifIndex, {10, 20}, 10);
+        world.ipsg[ifIndex] = {.items = 0xF0};
+        DhcpsnoopIf *ifp = snoop(ifIndex, DHCPSNOOP_IF_OPTION82 | DHCPSNOOP_IF_SUBOPT9);
+        set_flag_field(ifp, DHCPSNOOP_IF_VERSION, 3);
+        ifp->circuitIdFmt = ifIndex == 1 ? 5 : 0;
+        memcpy(ifp->circuitId, "%s.%c.%d:%N", 11);
+        ifp->circuitIdLen = 11;
+    }
+    dhcpsnoop_if_lookup(2)->flags |= DHCPSNOOP_IF_TRUSTED;
+    dhcpsnoop_if_lookup(3)->relayAddr = ip4(10, 0, 0, 254);
+    dhcpsnoop_if_lookup(3)->serverIp[0] = ip4(10, 9, 0, 1);
+    world.vlan_interface(110, 10);
+    world.members(10, {1, 2, 3, 4, 5});
+    snoop(110);
+
+    // 2,000 frames: every message type, from clients, servers and nowhere, whole, cut and damaged.
+    std::mt19937 random(1);
+    const auto upto = [&random](uint32_t limit) { return static_cast<uint32_t>(random() % limit); };
+    std::vector<WorldArrival> arrivals;
+    for (uint32_t i = 0; i < 2000; i++) {
+        const auto type = static_cast<uint8_t>(1 + upto(9));
+        const bool server = type == 2 || type == 5 || type == 6;
+        const Mac mac = {2, 0, 0, 0, 0, static_cast<uint8_t>(upto(100))};
+        const uint32_t address = ip4(10, 0, 0, mac[5]);
+        Frame frame = server ? server_frame(type, opt_ip(3, 9) + opt_lease(100))
+                             : client_frame(type, opt_ip(50, address) + opt(60, {1, 4, 0, 0, 0, 1}));
+        frame.chaddr = mac;
+        frame.yiaddr = server ? address : 0;
+        frame.giaddr = upto(4) == 0 ? ip4(10, 0, 0, 254) : 0;
+        if (upto(2) == 0)
+            frame.tags = {{0x8100, 10}};
+        Bytes bytes = frame.bytes();
+        if (upto(5) == 0)
+            bytes.resize(upto(static_cast<uint32_t>(bytes.size())));
+        for (uint32_t damage = upto(4) == 0 ? 8 : 0; damage > 0 && !bytes.empty(); damage--)
+            bytes[upto(static_cast<uint32_t>(bytes.size()))] = static_cast<uint8_t>(random());
+        const Bytes info = be32(server ? 2 : 1 + upto(6)) + Bytes(16, 0) + be16(10) + be16(0) +
+                           Bytes{static_cast<uint8_t>(frame.l2_length())};
+        arrivals.push_back({.frame = bytes, .control = {{263, 8, info}}, .ifIndex = 1});
+    }
+    // Every function with every command of 40, with a number, a pair and a text.
+    std::vector<Bytes> requests;
+    for (uint32_t func = 0; func < 23; func++)
+        for (uint32_t cmd = 0; cmd < 40; cmd++)
+            for (const uint8_t type : {uint8_t{0}, uint8_t{2}, uint8_t{4}})
+                requests.push_back(
+                    Request(func, cmd).number(1).key(1, {10, 0, 0, 7}).data(type, Bytes(4, 1)).bytes);
+    for (uint32_t func = 5; func < 8; func++)
+        for (uint32_t cmd = 0; cmd < 40; cmd++)
+            requests.push_back(Request(func, cmd).number(4).data(2, be32(cmd % 4)).bytes);
+
+    for (const int flags : {0, 1, 3}) {
+        SCOPED_TRACE(flags);
+        world.clear();
+        debug(flags);
+        Printed out;
+        printf("standard output has its buffer\n");
+        allocations = 0;
+        for (const WorldArrival &arrival : arrivals) {
+            world.arrivals[0].push_back(arrival);
+            world.readable = {gDhcpsnoop.dataSock};
+            world.now += 2;
+            counting = true;
+            dhcpsnoop_main_pass();
+            counting = false;
+        }
+        for (Bytes request : requests) {
+            counting = true;
+            dhcpsnoop_cmd_process(request.data(), static_cast<uint32_t>(request.size()));
+            counting = false;
+            debug(flags);
+        }
+        EXPECT_EQ(allocations, 0u);
+        EXPECT_EQ(world.arrivals[0].size(), 0u);
+        EXPECT_GT(world.all(Did::Frame).size(), 500u); // it did work
+        EXPECT_GT(world.all(Did::Relay).size(), 50u);
+        EXPECT_GT(world.texts(Did::Log).size(), 100u);
+        EXPECT_EQ(world_check_tables(), "");
+    }
+}
+
+} // namespace

@@ -1,0 +1,375 @@
+// Bindings in hardware and as events: records byte by byte, whose check items count, groups of bindings.
+#include "daemon_test.h"
+
+#include <algorithm>
+
+namespace
+{
+
+constexpr uint32_t HOST = ip4(10, 0, 0, 50);
+constexpr uint32_t IPSG = 1, DAI = 2;
+
+class Hardware : public Daemon
+{
+  protected:
+    void SetUp() override
+    {
+        world.reset();
+        world.access(1, 10);
+        world.vlan_interface(110, 10);
+        gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
+        gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
+        user = make_binding(HOST, MAC_CLIENT, 1, 10);
+        user->userAttr = 7;
+    }
+
+    DhcpsnoopUser *user = nullptr;
+};
+
+// A record's bytes on this build: numbers in host order.
+Bytes native(uint32_t value, size_t size)
+{
+    Bytes bytes(size);
+    const auto half = static_cast<uint16_t>(value);
+    if (size == 2)
+        memcpy(bytes.data(), &half, 2);
+    else
+        memcpy(bytes.data(), &value, 4);
+    return bytes;
+}
+
+TEST_F(Hardware, RecordByCheckItemsAndKind)
+{
+    user->origVid = 11; // told apart from vid here only
+    user->ipsgHwId = 0x1111;
+    user->daiHwId = 0x2222;
+    const Bytes mac = mac_bytes(MAC_CLIENT), none6(6, 0), ip = {10, 0, 0, 50};
+    const auto record = [&](bool hasMac, bool vlan, bool port, bool address, uint32_t ipsgId, uint8_t rule,
+                            uint32_t daiId) {
+        return (hasMac ? mac : none6) + native(vlan ? 10 : 0, 2) + native(port ? 1 : 0, 4) +
+               native(ipsgId, 4) + (address ? ip + Bytes(12, 0) : Bytes(16, 0)) + native(7, 2) +
+               native(vlan ? 11 : 0, 2) +
+               Bytes{1, rule, static_cast<uint8_t>(hasMac ? 0x30 : 0),
+                     static_cast<uint8_t>(address ? 0x20 : 0)} +
+               native(daiId, 4);
+    };
+    const struct {
+        const char *claim;
+        uint8_t items;
+        uint32_t kind;
+        uint8_t daiStarted;
+        Bytes record;
+    } rows[] = {
+        {"everything, IP source guard", 0xF0, IPSG, 0, record(true, true, true, true, 0x1111, 0x80, 0)},
+        {"no item at all", 0x00, IPSG, 1, record(false, false, false, false, 0x1111, 0x80, 0)},
+        {"IP and port", 0x90, IPSG, 0, record(false, false, true, true, 0x1111, 0x80, 0)},
+        {"MAC", 0x40, IPSG, 0, record(true, false, false, false, 0x1111, 0x80, 0)},
+        {"VLAN", 0x20, IPSG, 0, record(false, true, false, false, 0x1111, 0x80, 0)},
+        {"ARP inspection", 0xF0, DAI, 1, record(true, true, true, true, 0, 0x40, 0x2222)},
+        {"ARP inspection that was not started", 0xF0, DAI, 0, record(true, true, true, true, 0, 0, 0)},
+    };
+    for (const auto &row : rows) {
+        for (const uint32_t add : {1, 0}) {
+            SCOPED_TRACE(row.claim);
+            world.clear();
+            gDhcpsnoop.daiStarted = row.daiStarted;
+            uint8_t items = row.items;
+            debug(2);
+            EXPECT_EQ(dhcpsnoop_user_state_notify(user, add, &items, row.kind), 0);
+            const auto calls = world.all(Did::Call);
+            ASSERT_EQ(calls.size(), 1u);
+            EXPECT_EQ(calls[0]->text.substr(0, add == 1 ? 8 : 11), add == 1 ? "hw add 1" : "hw delete 1");
+            EXPECT_EQ(hex(calls[0]->data), hex(row.record));
+            // Kept: what is printed as check items are the rule flags.
+            EXPECT_EQ(
+                debug_texts(),
+                Lines{world_format("[DHCPSNOOP] %s user in hwapi: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip "
+                                   "10.0.0.50, checkitem 0x%x.\r\n",
+                                   add == 1 ? "Add" : "Delete", row.record[37])});
+            // Kept: a kind-2 record without ARP inspection carries 0, and so does the binding after an add.
+            if (add == 1 && row.kind == DAI) {
+                EXPECT_EQ(user->daiHwId, row.daiStarted == 1 ? 0x2222u : 0u);
+            }
+            user->daiHwId = 0x2222;
+        }
+    }
+
+    DhcpsnoopUserKey key6 = {
+        .ipType = 2, .reserved = {}, .ipAddr = {0x20, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9}};
+    DhcpsnoopUser *user6 = dhcpsnoop_user_table_add(&key6);
+    uint8_t items = 0x80;
+    world.clear();
+    dhcpsnoop_user_state_notify(user6, 1, &items, IPSG);
+    EXPECT_EQ(hex(world.all(Did::Call)[0]->data), hex(Bytes(16, 0) + Bytes(key6.ipAddr, key6.ipAddr + 16) +
+                                                      hex_bytes("00 00 00 00 02 80 00 80 00 00 00 00")));
+    EXPECT_TRUE(printed(
+        "[DHCPSNOOP] Add user in hwapi: port 0 ,vid 0 ,mac 00:00:00:00:00:00 ,ip 2001::9, checkitem 0x80.\r\n"));
+}
+
+TEST_F(Hardware, IdentifiersComeBackFromAnAddEvenAFailedOne)
+{
+    const struct {
+        uint32_t add, kind;
+        int32_t result;
+        uint32_t ipsgId, daiId;
+    } rows[] = {{1, IPSG, 0, 0x51, 4},
+                {1, IPSG, 9, 0x51, 4},
+                {1, DAI, 0, 3, 0x52},
+                {0, IPSG, 0, 3, 4},
+                {0, DAI, 0, 3, 4}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(world_format("add %u kind %u result %d", row.add, row.kind, row.result));
+        SetUp();
+        gDhcpsnoop.daiStarted = 1;
+        user->ipsgHwId = 3;
+        user->daiHwId = 4;
+        world.newIpsgHwId = 0x51;
+        world.newDaiHwId = 0x52;
+        if (row.result != 0)
+            world.refuse("hw", row.result);
+        debug(1);
+        uint8_t items = 0xF0;
+        EXPECT_EQ(dhcpsnoop_user_state_notify(user, row.add, &items, row.kind), row.result);
+        EXPECT_EQ(user->ipsgHwId, row.ipsgId);
+        EXPECT_EQ(user->daiHwId, row.daiId);
+        EXPECT_EQ(printed("[DHCPSNOOP] Add user info in hwapi failed!\r\n"), row.result != 0);
+    }
+}
+
+TEST_F(Hardware, StandbyUnitProgramsNothingButMarksItsEntries)
+{
+    world.role(DHCPSNOOP_ROLE_SLAVE);
+    world.ipsg[1] = {.items = 0x90};
+    dhcpsnoop_user_update_hw(user, 1);
+    EXPECT_EQ(world.calls(), Lines{});
+    EXPECT_EQ(user->hwFlags, 0x80);
+    EXPECT_EQ(user->ipsgCheckItems, 0x90);
+    dhcpsnoop_user_update_hw(user, 0);
+    EXPECT_EQ(world.calls(), Lines{});
+    EXPECT_EQ(user->hwFlags, 0);
+}
+
+TEST_F(Hardware, WhoseCheckItems)
+{
+    const struct {
+        const char *claim;
+        std::optional<WorldGuard> port, vlan;
+        bool vlanInterface;
+        uint8_t source, items; // source 0 = not installed
+        size_t questions;
+    } rows[] = {
+        {"the port's", WorldGuard{.items = 0x90}, WorldGuard{.items = 0x40}, true, 2, 0x90, 2},
+        {"the VLAN's when the port has none", std::nullopt, WorldGuard{.items = 0x40}, true, 1, 0x40, 3},
+        {"the VLAN's when the port is off", WorldGuard{.enabled = 0, .items = 0x90},
+         WorldGuard{.items = 0x40}, true, 1, 0x40, 3},
+        {"only 1 is on", WorldGuard{.enabled = 2, .items = 0x90}, WorldGuard{.enabled = 3, .items = 0x40},
+         true, 0, 0, 2},
+        {"a failing answer is off", WorldGuard{.enabled = 1, .items = 0x90, .result = 5}, std::nullopt, true,
+         0, 0, 2},
+        {"neither", std::nullopt, std::nullopt, true, 0, 0, 2},
+        {"a VLAN without interface is not asked", std::nullopt, WorldGuard{.items = 0x40}, false, 0, 0, 1},
+    };
+    for (const auto &row : rows) {
+        for (const uint32_t kind : {IPSG, DAI}) {
+            SCOPED_TRACE(world_format("%s, kind %u", row.claim, kind));
+            SetUp();
+            gDhcpsnoop.daiStarted = 1;
+            auto &guards = kind == IPSG ? world.ipsg : world.dai;
+            (kind == IPSG ? gDhcpsnoop.antiArpIfGet : gDhcpsnoop.ipsgIfGet) =
+                nullptr; // the other kind is off
+            if (row.port)
+                guards[1] = *row.port;
+            if (row.vlan)
+                guards[110] = *row.vlan;
+            if (!row.vlanInterface)
+                world.ports.erase(110);
+            dhcpsnoop_user_update_hw(user, 1);
+            const uint8_t bit = kind == IPSG ? 0x80 : 0x40;
+            EXPECT_EQ(user->hwFlags, row.source != 0 ? bit : 0);
+            EXPECT_EQ(kind == IPSG ? user->ipsgSource : user->daiSource, row.source);
+            EXPECT_EQ(kind == IPSG ? user->ipsgCheckItems : user->daiCheckItems, row.items);
+            EXPECT_EQ(kind == IPSG ? user->daiSource : user->ipsgSource, 0);
+            // The request goes to the binding's port even when the items are the VLAN's.
+            EXPECT_EQ(world.calls("hw add 1").size(), row.source != 0 ? 1u : 0u);
+            EXPECT_EQ(world.questions(kind == IPSG ? "ipsg" : "arp").size(), row.questions);
+            if (row.vlanInterface && row.source == 1) {
+                EXPECT_EQ(world.questions("qorIndexTrans"), Lines{"qorIndexTrans 1,1,1,1,10,3,0 7"});
+            }
+        }
+    }
+}
+
+TEST_F(Hardware, InstallAndWithdraw)
+{
+    world.ipsg[1] = {.items = 0x90};
+    world.dai[1] = {.items = 0x40};
+    gDhcpsnoop.daiStarted = 1;
+    dhcpsnoop_user_update_hw(user, 1);
+    ASSERT_EQ(world.calls("hw add").size(), 2u);
+    EXPECT_NE(world.calls("hw add")[0].find("rule 80"), std::string::npos); // IP source guard first
+    EXPECT_EQ(user->hwFlags, 0xC0);
+
+    // What is installed is not refreshed.
+    world.ipsg[1].items = 0x10;
+    dhcpsnoop_user_update_hw(user, 1);
+    EXPECT_EQ(world.calls("hw add").size(), 2u);
+    EXPECT_EQ(user->ipsgCheckItems, 0x90);
+
+    // A refused withdrawal leaves it installed; the other kind is withdrawn all the same.
+    world.refuse("hw delete", 1, 1);
+    dhcpsnoop_user_update_hw(user, 0);
+    EXPECT_EQ(user->hwFlags, 0x80);
+    EXPECT_TRUE(user->ipsgCheckItems == 0x90 && user->ipsgSource == 2 && user->daiCheckItems == 0 &&
+                user->daiSource == 0);
+    dhcpsnoop_user_update_hw(user, 0);
+    EXPECT_TRUE(user->hwFlags == 0 && user->ipsgCheckItems == 0 && user->ipsgSource == 0);
+    const size_t before = world.calls().size();
+    dhcpsnoop_user_update_hw(user, 0);
+    EXPECT_EQ(world.calls().size(), before);
+
+    // A refused install leaves it not installed.
+    world.refuse("hw add", 1, 1);
+    dhcpsnoop_user_update_hw(user, 1);
+    EXPECT_TRUE(user->hwFlags == 0x40 && user->ipsgCheckItems == 0 && user->ipsgSource == 0);
+}
+
+TEST_F(Hardware, Events)
+{
+    user->gateway = 0;
+    memcpy(&user->gateway, hex_bytes("0a 00 00 fe").data(), 4);
+    const struct {
+        const char *claim;
+        uint32_t add;
+        uint16_t event;
+        const char *word;
+    } rows[] = {
+        {"added", 1, 188, "add"}, {"deleted", 0, 189, "delete"}, {"only 1 is an addition", 2, 189, "add"}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.claim);
+        world.clear();
+        debug(1);
+        dhcpsnoop_user_notifier(user, row.add);
+        ASSERT_EQ(world.calls(), Lines{"qorNetlinkSend 16 0 72"});
+        const Bytes expected = native(0, 4) + native(51, 4) + native(72, 4) + native(row.event, 2) +
+                               Bytes(10, 0) + mac_bytes(MAC_CLIENT) + native(10, 2) + native(1, 4) +
+                               Bytes{10, 0, 0, 50} + Bytes(12, 0) + Bytes{10, 0, 0, 254} + Bytes(12, 0) +
+                               hex_bytes("00 00 01 00");
+        EXPECT_EQ(hex(world.all(Did::Call)[0]->data), hex(expected));
+        EXPECT_EQ(
+            debug_texts(),
+            (Lines{world_format("[DHCPSNOOP]  Send notify: event %u\r\n", row.event),
+                   world_format(
+                       "[DHCPSNOOP] Notify %s user: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, "
+                       "gateway 10.0.0.254.\r\n",
+                       row.word)}));
+    }
+    const struct {
+        const char *claim;
+        void (*change)(DhcpsnoopUser *);
+    } silent[] = {
+        {"no gateway", [](DhcpsnoopUser *u) { u->gateway = 0; }},
+        {"not dynamic", [](DhcpsnoopUser *u) { u->userType = 2; }},
+        {"IPv6", [](DhcpsnoopUser *u) { u->key.ipType = 2; }},
+    };
+    for (const auto &row : silent) {
+        SCOPED_TRACE(row.claim);
+        const DhcpsnoopUser before = *user;
+        row.change(user);
+        world.clear();
+        dhcpsnoop_user_notifier(user, 1);
+        EXPECT_EQ(world.calls(), Lines{});
+        *user = before;
+    }
+}
+
+TEST_F(Hardware, GroupsOnAnInterface)
+{
+    // Who is taken of: dynamic on port 1 in VLAN 10 (a), static there (b), dynamic on port 2 in VLAN 10 (c),
+    // IPv6 on port 1 in VLAN 20 (d), IP source guard on port 1 (e).
+    const struct {
+        const char *claim;
+        uint32_t ifIndex; // 0 = every binding
+        uint32_t ipTypes, userTypes;
+        const char *taken;
+    } rows[] = {
+        {"a port, dynamic IPv4", 1, 1, 1, "a"},
+        {"a port, static IPv4", 1, 1, 2, "b"},
+        {"a port, both", 1, 3, 3, "abd"},
+        {"IP source guard entries only when asked for", 1, 3, 7, "abde"},
+        {"a VLAN interface, by VLAN", 110, 3, 3, "abc"},
+        {"no interface: all", 0, 3, 3, "abcd"},
+        {"IPv6", 0, 2, 3, "d"},
+        {"no type at all", 0, 0, 3, ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.claim);
+        world.reset();
+        world.access(1, 10);
+        world.vlan_interface(110, 10);
+        snoop(1);
+        snoop(110);
+        const struct {
+            char name;
+            uint8_t ipType, userType;
+            uint32_t ifIndex;
+            uint16_t vid;
+        } bindings[] = {{'a', 1, 1, 1, 10},
+                        {'b', 1, 2, 1, 10},
+                        {'c', 1, 1, 2, 10},
+                        {'d', 2, 1, 1, 20},
+                        {'e', 1, 4, 1, 10}};
+        for (const auto &b : bindings) {
+            DhcpsnoopUserKey key = key4(HOST + static_cast<uint32_t>(b.name));
+            key.ipType = b.ipType;
+            DhcpsnoopUser *made = dhcpsnoop_user_table_add(&key);
+            made->userType = b.userType;
+            made->ifIndex = b.ifIndex;
+            made->vid = b.vid;
+            made->mac[0] = static_cast<uint8_t>(b.name);
+            made->hwFlags = 0x80;
+            made->ipsgCheckItems = 0x40;
+        }
+        debug(2);
+        dhcpsnoop_user_process_on_interface(dhcpsnoop_if_lookup(row.ifIndex), row.ipTypes, row.userTypes, 0);
+        std::string taken;
+        for (const WorldEntry *entry : world.all(Did::Call))
+            taken += static_cast<char>(entry->data[0]);
+        std::sort(taken.begin(), taken.end());
+        EXPECT_EQ(taken, row.taken);
+        EXPECT_EQ(debug_texts()[0],
+                  world_format("[DHCPSNOOP] Process user on interface %u, inet type %u, user type = %u, "
+                               "operate 0.\r\n",
+                               row.ifIndex, row.ipTypes, row.userTypes));
+        EXPECT_EQ(count_bindings(), 5u);
+        dhcpsnoop_user_process_on_interface(dhcpsnoop_if_lookup(row.ifIndex), row.ipTypes, row.userTypes, 2);
+        EXPECT_EQ(count_bindings(), 5u - taken.size());
+    }
+}
+
+TEST_F(Hardware, GroupsOnATrunk)
+{
+    world.ipsg[1] = {.items = 0x80};
+    world.ipsg[8] = {.items = 0x40};
+    debug(1);
+    // Kept: what the trunk has installed is not installed again for a member, and is withdrawn for one that
+    // leaves.
+    dhcpsnoop_user_process_on_trunk(1, 8, 1);
+    EXPECT_EQ(world.calls("hw add 8").size(), 1u); // not installed on the trunk: the member is
+    EXPECT_TRUE(user->hwFlags == 0 && user->ifIndex == 1);
+    EXPECT_TRUE(printed("[DHCPSNOOP] Process user on trunk interface 1, port 8, operate 1.\r\n"));
+    dhcpsnoop_user_update_hw(user, 1);
+    world.clear();
+    dhcpsnoop_user_process_on_trunk(1, 8, 1);
+    EXPECT_EQ(world.calls(), Lines{});
+    dhcpsnoop_user_process_on_trunk(1, 8, 0);
+    EXPECT_EQ(world.calls("hw delete 8").size(), 1u);
+    EXPECT_TRUE(user->hwFlags == 0x80 && user->ipsgCheckItems == 0x80);
+    dhcpsnoop_user_process_on_trunk(2, 8, 0);
+    EXPECT_EQ(world.calls().size(), 1u); // another trunk
+    dhcpsnoop_user_process_on_trunk(0, 9, 0);
+    EXPECT_EQ(world.calls("hw delete 9").size(), 1u); // 0 is every binding
+    dhcpsnoop_user_process_on_trunk(1, 8, 2);
+    EXPECT_EQ(count_bindings(), 0u);
+}
+
+} // namespace
