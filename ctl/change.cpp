@@ -214,8 +214,17 @@ ExitStatus bindingDelete(const Context &context, std::span<const std::string> ar
     return bindingAction(context, arguments, USER_ACTION_DELETE);
 }
 
-ExitStatus platformRelease([[maybe_unused]] const Context &context, std::span<const std::string>)
+// Under a daemon that runs, or hangs, this would open every port to rogue servers.
+ExitStatus platformRelease(const Context &context, std::span<const std::string>)
 {
+    bool runs = true;
+    try {
+        context.daemon.ask({FUNC_GLOBAL_GET, GLOBAL_ENABLE});
+    } catch (const NobodyListens &) {
+        runs = false;
+    }
+    if (runs)
+        throw CtlError(EXIT_REFUSED, "platform release: a daemon is running; stop it first");
 #ifdef DHCPSNOOPCTL_TRAP
     std::string report;
     bool clean = platform_linux::trap_release(report);

@@ -51,7 +51,7 @@ constexpr Command COMMANDS[] = {
     {"vlan", "VID SETTING VALUE", changeVlan, false,
      "make a setting of a VLAN (see below)"},
     {"snooping", "on|off", changeSnooping, false,
-     "snooping as a whole; off forgets every binding, server and interface setting"},
+     "the switch's mark (each interface has its own); off forgets interfaces, bindings, servers"},
     {"server-learning", "on|off", changeServerLearning, false,
      "remember the servers that answer"},
     {"hardware-notify", "on|off", changeHardwareNotify, false,

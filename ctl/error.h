@@ -28,3 +28,8 @@ struct UsageError : CtlError {
 struct NoDaemon : CtlError {
     explicit NoDaemon(const std::string &message) : CtlError(EXIT_NO_DAEMON, message) {}
 };
+
+// There is nobody at the socket, so no daemon runs.
+struct NobodyListens : NoDaemon {
+    using NoDaemon::NoDaemon;
+};

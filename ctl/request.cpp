@@ -118,7 +118,7 @@ using Clock = std::chrono::steady_clock;
     switch (error) {
     case ENOENT:
     case ECONNREFUSED:
-        throw NoDaemon("no daemon is listening on " + path);
+        throw NobodyListens("no daemon is listening on " + path);
     case EACCES:
     case EPERM:
         throw NoDaemon("not permitted to use " + path +

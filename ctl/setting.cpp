@@ -40,7 +40,7 @@ constexpr char OPTION_TEXT_ARGUMENTS[] =
 // clang-format off
 constexpr Setting GLOBAL_SETTINGS[] = {
     {.name = "snooping", .kind = Kind::Switch, .cmd = GLOBAL_ENABLE, .arguments = "on|off",
-     .help = "the whole switch's snooping; off forgets every binding, server and interface setting"},
+     .help = "the switch's mark (each interface has its own); off forgets interfaces, bindings, servers"},
     {.name = "enterprise-number", .kind = Kind::Number, .cmd = GLOBAL_ENTERPRISE, .arguments = "N",
      .help = "IANA private enterprise number put into options 82, 125 and 37",
      .most = UINT32_MAX},

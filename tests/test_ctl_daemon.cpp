@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
 
-#include "command.h"
+#include "ctl_run.h"
 #include "dhcpsnoop_main.h"
 #include "world.h"
 
@@ -16,37 +15,20 @@ namespace
 constexpr uint32_t PORT_A = 500000001, PORT_B = 500000002, VLAN_IF = 500000003, VLAN = 10;
 const std::string A = "500000001", B = "500000002", V = "500000003";
 
-struct Ran {
-    ExitStatus status;
-    std::string out, err;
-};
-
-Ran run(const Words &line)
+Bytes inDaemon(const Bytes &body)
 {
-    Daemon daemon([](const Bytes &body) {
-        Bytes buffer = body;
-        uint32_t length = dhcpsnoop_cmd_process(buffer.data(), static_cast<uint32_t>(buffer.size()));
-        EXPECT_LE(length, buffer.size());
-        buffer.resize(length);
-        return buffer;
-    });
-    std::ostringstream out, err;
-    ExitStatus status = runClient(line, daemon, out, err);
-    return {status, out.str(), err.str()};
+    Bytes buffer = body;
+    uint32_t length = dhcpsnoop_cmd_process(buffer.data(), static_cast<uint32_t>(buffer.size()));
+    EXPECT_LE(length, buffer.size());
+    buffer.resize(length);
+    return buffer;
 }
 
-Words split(const std::string &line)
-{
-    Words words;
-    std::istringstream stream(line);
-    for (std::string word; stream >> word;)
-        words.push_back(word);
-    return words;
-}
+Ran run(const std::string &line) { return ::run(line, inDaemon); }
 
 void must(const std::string &line)
 {
-    Ran ran = run(split(line));
+    Ran ran = run(line);
     EXPECT_EQ(ran.status, EXIT_DONE) << line << ": " << ran.err;
 }
 
@@ -114,7 +96,7 @@ TEST_F(CtlDaemon, EverySettingIsReadBackAsItWasMade)
     must("interface " + A + " snooping on");
     for (const char *setting : SETTINGS)
         must("interface " + A + ' ' + setting);
-    auto shown = nlohmann::json::parse(run({"show", "interface", A, "--json"}).out);
+    auto shown = nlohmann::json::parse(run("show interface " + A + " --json").out);
     EXPECT_EQ(shown, nlohmann::json::parse(R"({
         "interface": "500000001", "index": 500000001, "snooping": true, "version": "both", "trust": true,
         "option82": true, "option82-policy": "drop", "option82-mode": "9",
@@ -131,19 +113,19 @@ TEST_F(CtlDaemon, EverySettingIsReadBackAsItWasMade)
 TEST_F(CtlDaemon, ShownConfigurationRebuildsIt)
 {
     configure();
-    std::string before = run({"show", "config"}).out;
-    auto lines = nlohmann::json::parse(run({"show", "config", "--json"}).out).get<std::vector<Words>>();
-    std::string interfaces = run({"show", "interfaces", "--json"}).out, global = run({"show", "global"}).out;
+    std::string before = run("show config").out;
+    auto lines = nlohmann::json::parse(run("show config --json").out).get<std::vector<Words>>();
+    std::string interfaces = run("show interfaces --json").out, global = run("show global").out;
 
     start();
-    EXPECT_EQ(run({"show", "interfaces", "--json"}).out, "[]\n");
+    EXPECT_EQ(run("show interfaces --json").out, "[]\n");
     for (const Words &line : lines) {
-        Ran ran = run(line);
+        Ran ran = runWords(line, inDaemon);
         EXPECT_EQ(ran.status, EXIT_DONE) << joinQuoted(line) << ": " << ran.err;
     }
-    EXPECT_EQ(run({"show", "config"}).out, before);
-    EXPECT_EQ(run({"show", "interfaces", "--json"}).out, interfaces);
-    EXPECT_EQ(run({"show", "global"}).out, global);
+    EXPECT_EQ(run("show config").out, before);
+    EXPECT_EQ(run("show interfaces --json").out, interfaces);
+    EXPECT_EQ(run("show global").out, global);
     EXPECT_NE(before.find("dhcpsnoopctl binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound\n"),
               std::string::npos)
         << before;
@@ -156,14 +138,14 @@ TEST_F(CtlDaemon, SwitchingOffForgetsTheDetails)
     must("interface " + A + " option82 off");
     must("interface " + A + " option18 off");
     must("interface " + A + " option37 off");
-    std::string config = run({"show", "config"}).out;
+    std::string config = run("show config").out;
     for (const char *gone : {"option82 on", "option82-policy", "circuit-id template", "remote-id raw",
                              "subopt9", "option18", "interface-id", "option37", "remote-id6"})
         EXPECT_EQ(config.find("interface " + A + ' ' + gone), std::string::npos) << gone;
     start();
     must("interface " + A + " snooping on");
     must("interface " + A + " option82 on");
-    EXPECT_EQ(run({"show", "config"}).out.find("circuit-id"), std::string::npos)
+    EXPECT_EQ(run("show config").out.find("circuit-id"), std::string::npos)
         << "generated values are the initial ones";
 }
 
@@ -206,7 +188,7 @@ TEST_F(CtlDaemon, RefusalsAreExplained)
         start();
         for (const std::string &line : row.before)
             must(line);
-        Ran ran = run(split(row.line));
+        Ran ran = run(row.line);
         EXPECT_EQ(ran.status, EXIT_REFUSED);
         EXPECT_NE(ran.err.find(row.message), std::string::npos) << ran.err;
         EXPECT_EQ(ran.out, "");
@@ -217,9 +199,9 @@ TEST_F(CtlDaemon, VersionTakesTrustAwayAndSaysSo)
 {
     must("interface " + A + " snooping on");
     must("interface " + A + " trust on");
-    EXPECT_EQ(run({"interface", A, "version", "4"}).err, "") << "the same version is no change";
+    EXPECT_EQ(run("interface " + A + " version 4").err, "") << "the same version is no change";
     testing::internal::CaptureStdout(); // the daemon says it too
-    Ran ran = run({"interface", A, "version", "both"});
+    Ran ran = run("interface " + A + " version both");
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(ran.status, EXIT_DONE);
     EXPECT_NE(ran.err.find("took trust away; 'interface 500000001 trust on'"), std::string::npos) << ran.err;
@@ -240,7 +222,7 @@ TEST_F(CtlDaemon, BindingsAreListedInOrderAndWhole)
     const char *addresses[] = {"10.0.0.5", "10.0.0.10", "9.255.255.255", "2001:db8::2", "2001:db8::10"};
     for (const char *address : addresses)
         must(std::string("binding add ") + address + " unbound");
-    auto listed = nlohmann::json::parse(run({"show", "bindings", "--json"}).out);
+    auto listed = nlohmann::json::parse(run("show bindings --json").out);
     std::vector<std::string> order;
     for (const auto &binding : listed)
         order.push_back(binding["address"]);
@@ -249,13 +231,13 @@ TEST_F(CtlDaemon, BindingsAreListedInOrderAndWhole)
 
     must("binding delete 10.0.0.5");
     must("binding add 10.0.0.5 mac 02:00:00:00:00:05 vlan 10 interface " + A);
-    EXPECT_EQ(run(split("show bindings address 10.0.0.5 state bound --json")).out.find("\"lease\": null") ==
+    EXPECT_EQ(run("show bindings address 10.0.0.5 state bound --json").out.find("\"lease\": null") ==
                   std::string::npos,
               false);
     must("binding unbind 10.0.0.5");
-    EXPECT_EQ(run(split("show bindings state bound")).out,
+    EXPECT_EQ(run("show bindings state bound").out,
               "ADDRESS  MAC  VLAN  INTERFACE  TYPE  STATE  LEASE  LEFT\n");
-    EXPECT_EQ(run(split("show global")).out.find("bindings           5\n") == std::string::npos, false);
+    EXPECT_EQ(run("show global").out.find("bindings           5\n") == std::string::npos, false);
 }
 
 } // namespace
