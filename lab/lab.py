@@ -14,9 +14,7 @@ Needs root, and isolate.enter() before it: nothing here cleans up after itself m
 import contextlib
 import os
 import shutil
-import signal
 import socket
-import struct
 import subprocess
 import time
 
@@ -111,6 +109,7 @@ class Host:
         self.run("tc", "qdisc", "replace", "dev", device, "clsact")
         # Behind whatever the switch attaches, which takes the first preferences.
         self.run("tc", "filter", "add", "dev", device, direction, "pref", "50000", "bpf", "da", "object-pinned", path)
+        os.unlink(path)  # the filter holds the program
 
     def index(self, device):
         with self.inside():
@@ -138,7 +137,7 @@ class Process:
 
     def __init__(self, host, name, *arguments, env=None):
         self.name, self.output = name, f"{RUN}/{name}.log"
-        with open(self.output, "ab") as log:
+        with open(self.output, "wb") as log:
             self.popen = subprocess.Popen(host.command(*arguments), stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                                           env={**os.environ, **(env or {})})
 
@@ -170,31 +169,26 @@ class Client:
         self.host, self.device = host, device
         self.name = name or f"{program}-{host.name}-{device}"
         self.events = f"{RUN}/{self.name}.events"
-        self.leases = f"{RUN}/{self.name}.leases"
         self.program = program
-        for path in (self.events, self.leases):
-            open(path, "w").close()
+        open(self.events, "w").close()
         self.process = None
 
     def start(self):
-        arguments = {
-            "udhcpc": ["udhcpc", "-f", "-R", "-t", "5", "-T", "1", "-A", "1", "-i", self.device, "-s",
-                       f"{HERE}/client-script"],
-            "dhclient": [*self.dhclient(), "-d", "-cf", self.dhclient_conf(), self.device],
-        }[self.program]
+        """Both programs are told to try again soon."""
+        script = f"{HERE}/client-script"
+        if self.program == "udhcpc":
+            arguments = ["udhcpc", "-f", "-R", "-t", "5", "-T", "1", "-A", "1", "-s", script, "-i", self.device]
+        else:
+            conf = f"{RUN}/{self.name}.conf"
+            with open(conf, "w") as file:
+                file.write("timeout 20; retry 1; initial-interval 1; backoff-cutoff 1; initial-delay 0;\n")
+            arguments = [*self.dhclient(), "-d", "-cf", conf, self.device]
         self.process = Process(self.host, self.name, *arguments, env={"LAB_EVENTS": self.events})
         return self
 
     def dhclient(self):
         return ["dhclient", "-4", "-sf", f"{HERE}/client-script", "-e", f"LAB_EVENTS={self.events}", "-lf",
-                self.leases, "-pf", f"{RUN}/{self.name}.pid"]
-
-    def dhclient_conf(self):
-        """Makes it retry soon."""
-        path = f"{RUN}/{self.name}.conf"
-        with open(path, "w") as file:
-            file.write("timeout 20; retry 1; initial-interval 1; backoff-cutoff 1; initial-delay 0;\n")
-        return path
+                f"{RUN}/{self.name}.leases", "-pf", f"{RUN}/{self.name}.pid"]
 
     def history(self):
         """The client's events so far, as [event, address, …] lists."""
@@ -254,11 +248,12 @@ class Lab:
             server.vlan_device("eth0", vid, MACS["server"])
             server.ip(f"addr add 10.0.{vid}.1/24 dev vlan{vid}")
             server.run("ethtool", "-K", f"vlan{vid}", "tx", "on" if self.offload else "off")
-        self.start_dnsmasq(server, "vlan10", "vlan20", ranges=("10.0.10.100,10.0.10.199,255.255.255.0",
-                                                               "10.0.20.100,10.0.20.199,255.255.255.0"))
-        for number, (name, address) in enumerate(RELAY_SERVERS.items(), 1):
-            self.start_dnsmasq(self.hosts[name], "eth0",
-                               ranges=(f"10.0.30.{number}00,10.0.30.{number}49,255.255.255.0",))
+        self.start_dnsmasq(server, "--dhcp-authoritative", "--interface=vlan10", "--interface=vlan20",
+                           "--dhcp-range=10.0.10.100,10.0.10.199,255.255.255.0,120",
+                           "--dhcp-range=10.0.20.100,10.0.20.199,255.255.255.0,120")
+        for number, name in enumerate(RELAY_SERVERS, 1):
+            self.start_dnsmasq(self.hosts[name], "--interface=eth0",
+                               f"--dhcp-range=10.0.30.{number}00,10.0.30.{number}49,255.255.255.0,120")
 
     def add_host(self, name):
         self.hosts[name] = Host(name)
@@ -306,12 +301,10 @@ class Lab:
             host.ip(f"addr add {address}/24 dev eth0")
             host.ip("route add default via 192.0.2.1")
 
-    def start_dnsmasq(self, host, *devices, ranges):
-        arguments = [f"--interface={device}" for device in devices]
-        arguments += [f"--dhcp-range={addresses},120" for addresses in ranges]
+    def start_dnsmasq(self, host, *arguments):
         self.processes.append(Process(
             host, f"dnsmasq-{host.name}", "dnsmasq", "-k", "--conf-file=/dev/null", "--port=0", "--bind-interfaces",
-            "--dhcp-authoritative", "--no-ping", "--log-dhcp", "--log-facility=-", "--user=root", "--pid-file=",
+            "--no-ping", "--log-dhcp", "--log-facility=-", "--user=root", "--pid-file=",
             f"--dhcp-leasefile={RUN}/dnsmasq-{host.name}.leases", *arguments))
 
     def start_daemon(self, *arguments, conf=SWITCH_CONF):

@@ -1,0 +1,128 @@
+"""What scripts/lab shows: real clients get their leases through the daemon, a rogue server is refused.
+
+    demo.py BUILD demo|shell
+"""
+
+import json
+import os
+import subprocess
+import sys
+
+import isolate
+
+BUILD, MODE = os.path.realpath(sys.argv[1]), sys.argv[2]
+OUTSIDE_PID = isolate.enter([BUILD, os.path.dirname(os.path.realpath(__file__))])
+
+from lab import MACS, PORTS, RELAY_ADDRESS, RELAY_SERVERS, RUN, Client, Failure, Lab, wait_for
+from wire import Capture, Endpoint, from_server, is_dhcp
+
+ROGUE_ADDRESS, ROGUE_LEASE = "10.0.10.66", "10.0.10.250"
+ROGUE_REPLIES = 5  # of each kind
+
+
+def configure(lab):
+    """What an operator types on a new switch."""
+    commands = [f"interface {port} snooping on" for port, _, _ in PORTS]
+    commands += ["interface swp4 trust on", "interface swp6 trust on"]
+    commands += ["interface swp1 option82 on", "interface swp1 circuit-id template %N:vlan.%s",
+                 "interface swp1 subopt9 on"]
+    commands += [f"interface swp7 relay-address {RELAY_ADDRESS}"]
+    commands += [f"interface swp7 relay-server {address} add" for address in RELAY_SERVERS.values()]
+    for command in commands:
+        lab.ctl(*command.split())
+
+
+def get_leases(lab):
+    clients = (
+        ("pc1", "swp1", "VLAN 10", Client(lab.pc1)),
+        ("pc2", "swp2", "VLAN 20", Client(lab.pc2, program="dhclient")),
+        ("trunk", "swp3", "VLAN 10, tagged", Client(lab.trunk, "vlan10")),
+        ("trunk", "swp3", "VLAN 20, tagged", Client(lab.trunk, "vlan20", program="dhclient")),
+        ("pc3", "swp7", "VLAN 30, relayed", Client(lab.pc3)),
+    )
+    for *_, client in clients:
+        client.start()
+    for host, port, vlan, client in clients:
+        client.wait_lease()
+        bound = wait_for(f"event of {client.name}", lambda: [e for e in client.history() if e[0].lower() == "bound"])[0]
+        print(f"  {host:<6} {port}  {vlan:<16}  {client.program:<8}  {bound[1]:<12} from {bound[3]}, {bound[5]} s")
+
+
+def dropped(lab, port):
+    """Replies that the daemon refused there because the port is not trusted."""
+    return json.loads(lab.ctl("show", "interface", port, "--json").stdout)["dropped-untrusted"]
+
+
+def send_rogue_replies(lab):
+    """A DHCP server where none may be. It hears no DISCOVER, so it guesses: replies for pc1, which is asking anew."""
+    with Endpoint(lab.rogue) as rogue, Endpoint(lab.pc1) as pc1:
+        for _ in range(ROGUE_REPLIES):
+            for kind in ("offer", "ack"):
+                rogue.send(from_server(kind, MACS["pc1"], ROGUE_ADDRESS, ROGUE_LEASE, source_mac=MACS["rogue"]))
+        wait_for("count of the refused replies", lambda: dropped(lab, "swp5") == 2 * ROGUE_REPLIES)
+        reached = sum(is_dhcp(frame, yiaddr=ROGUE_LEASE) for frame in pc1.drain())
+    print(f"\nThe rogue server on swp5 sent {ROGUE_REPLIES} OFFERs and {ROGUE_REPLIES} ACKs to pc1; {reached} arrived.")
+    if reached:
+        raise Failure("a rogue server's reply reached a client")
+
+
+def as_text(value):
+    """Bytes in hexadecimal as the text that they are, when they are one."""
+    try:
+        text = bytes.fromhex(value).decode("ascii")
+    except ValueError:
+        return ""
+    return f"  ({text})" if len(text) > 2 and text.isprintable() else ""
+
+
+def show(lab, *arguments):
+    print(f"\n$ dhcpsnoopctl {' '.join(arguments)}\n{lab.ctl(*arguments).stdout.rstrip()}")
+
+
+def demo(lab):
+    print("The switch and who is on it:")
+    for port, model, host in PORTS:
+        print(f"  {port}  {model:<20}  {'relay1, relay2' if host == 'core' else host}")
+    lab.start_daemon()
+    configure(lab)
+    print("\nThe leases that the clients got:")
+    with Capture(lab.server) as capture:
+        get_leases(lab)
+    show(lab, "show", "bindings")
+    print("\nOption 82 in pc1's REQUEST as tshark reads it at the server:")
+    for line in capture.option82(f"dhcp.option.dhcp == 3 && dhcp.hw.mac_addr == {MACS['pc1']}"):
+        print(f"  {line}{as_text(line.split()[-1])}")
+    send_rogue_replies(lab)
+    show(lab, "show", "interface", "swp5")
+
+
+def shell(lab):
+    with open(f"{RUN}/bashrc", "w") as rc:
+        rc.write(f"PATH={lab.build}:{lab.build}/ctl:$PATH\nPS1='switch# '\n"
+                 "on() { local host=$1; shift; nsenter --net=/run/netns/$host -- \"$@\"; }\n")
+    print(f"""
+This is a shell on the switch, with dhcpsnoopctl in its path. "on pc1 tcpdump -ni eth0" runs a command on a host:
+{", ".join(name for name in lab.hosts if name != "core")}. What clients, servers and daemon print is in {RUN}.
+From another terminal: nsenter --target {OUTSIDE_PID} --all. Everything goes when this shell ends.""", flush=True)
+    subprocess.run(lab.switch.command("bash", "--rcfile", f"{RUN}/bashrc", *(["-i"] if sys.stdin.isatty() else [])),
+                   env={**os.environ, "BASH_ENV": f"{RUN}/bashrc"})
+
+
+def main():
+    try:
+        with Lab(BUILD) as lab:
+            try:
+                demo(lab)
+            except Failure:
+                if lab.daemon:
+                    print(f"\nThe daemon printed:\n{lab.daemon.log()[-4000:]}", file=sys.stderr)
+                raise
+            if MODE == "shell":
+                shell(lab)
+    except Failure as failure:
+        sys.exit(f"\nscripts/lab: {failure}")
+    except KeyboardInterrupt:
+        sys.exit(130)
+
+
+main()

@@ -1,0 +1,96 @@
+"""What the lab's tests share: a lab for each test case, a configured daemon for each test.
+
+A test file ends with `labtest.main()`; run alone it takes the build directory and unittest's arguments.
+"""
+
+import json
+import os
+import signal
+import sys
+import unittest
+
+import isolate
+
+BUILD = os.path.realpath(sys.argv.pop(1))
+isolate.enter([BUILD, os.path.dirname(os.path.realpath(__file__))])
+
+from lab import PORTS, TRUSTED, Client, Lab, wait_for
+from wire import Capture, Endpoint
+
+
+class LabTest(unittest.TestCase):
+    offload = True  # checksum offload at every link, as veth has it
+    daemon_arguments = ()
+
+    @classmethod
+    def setUpClass(cls):
+        cls.lab = Lab(BUILD, cls.offload)
+        cls.addClassCleanup(cls.lab.stop)
+        cls.lab.start()
+
+    def setUp(self):
+        self.clients = []
+        self.addCleanup(self.finish)
+        self.start_daemon()
+
+    def start_daemon(self):
+        """Every port snooped, the ports to the servers trusted."""
+        self.daemon = self.lab.start_daemon(*self.daemon_arguments)
+        for port, _, _ in PORTS:
+            self.ctl(f"interface {port} snooping on")
+        for port in TRUSTED:
+            self.ctl(f"interface {port} trust on")
+
+    def finish(self):
+        for client in self.clients:
+            client.process.popen.kill()
+            client.process.popen.wait()
+            client.host.ip(f"addr flush dev {client.device} scope global")
+        if self.lab.daemon is None:
+            return
+        alive, log = self.daemon.running(), self.daemon.log()
+        self.lab.stop_daemon()
+        self.lab.ctl("platform", "release", check=False)
+        self.assertTrue(alive, f"the daemon did not survive the test:\n{log[-4000:]}")
+        self.assertEqual(self.daemon.popen.returncode, -signal.SIGTERM, log[-4000:])
+
+    def ctl(self, line):
+        """One command of the client, by its words; gives what it printed."""
+        return self.lab.ctl(*line.split()).stdout
+
+    def show(self, line):
+        return json.loads(self.ctl(f"show {line} --json"))
+
+    def bindings(self):
+        """The bindings by address."""
+        return {binding["address"]: binding for binding in self.show("bindings")}
+
+    def binding(self, address):
+        """What of a binding does not change with the clock, or None."""
+        binding = self.bindings().get(address)
+        return binding and {name: value for name, value in binding.items() if name not in ("elapsed", "left")}
+
+    def counter(self, port, name):
+        return self.show(f"interface {port}")[name]
+
+    def client(self, host, device="eth0", program="udhcpc"):
+        client = Client(host, device, program)
+        self.clients.append(client)
+        return client.start()
+
+    def endpoint(self, host, device="eth0"):
+        endpoint = Endpoint(host, device)
+        self.addCleanup(endpoint.socket.close)
+        return endpoint
+
+    def capture(self, host, device="eth0"):
+        capture = Capture(host, device)
+        self.addCleanup(capture.stop)
+        return capture
+
+    def wait(self, what, condition, timeout=10.0):
+        return wait_for(what, condition, timeout)
+
+
+def main():
+    unittest.main(module="__main__", verbosity=2)
