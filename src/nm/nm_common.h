@@ -45,6 +45,7 @@ inline IfText if_name(uint32_t ifIndex)
 {
     IfText name = {};
     qorIfUnit2Name(ifIndex, name.text, sizeof name.text - 1);
+    name.text[sizeof name.text - 1] = '\0';
     return name;
 }
 
@@ -52,5 +53,6 @@ inline IfText if_description(uint32_t ifIndex)
 {
     IfText description = {};
     nmGetIfPartDescr(ifIndex, description.text, sizeof description.text - 1);
+    description.text[sizeof description.text - 1] = '\0';
     return description;
 }
