@@ -35,6 +35,13 @@ def total_length(frame, length):
     return frame[:16] + struct.pack('>H', length) + frame[18:]
 
 
+def filled(message, last, reply=False, size=2048, **bootp):
+    """A frame of that size whose options end with `last`, filler in front of it."""
+    room = size - 14 - 28 - 240 - 3 - len(last) - 1
+    filler = b''.join(option(43, bytes(n)) for n in [250] * (room // 252)) + bytes(room % 252)
+    return dhcp(message, filler + last, reply=reply, **bootp)
+
+
 def option(code, data=b''):
     return bytes([code, len(data)]) + data
 
@@ -80,6 +87,11 @@ def made(op, message, arrival, options, shape=0, tags=b'\0', picks=b'\0\0\0\0\0\
     return record + struct.pack('>H', len(options)) + options
 
 
+def world(what, arguments):
+    """A record that changes what the switch answers."""
+    return bytes([7, what]) + arguments
+
+
 def recv_seeds():
     prl = option(55, bytes([1, 3, 6, 15]))
     circuit, remote = option(1, b'\0\6\0\x0a\1\0\0\1'), option(2, b'\0\6' + PORT1_MAC)
@@ -97,6 +109,8 @@ def recv_seeds():
     bound = dhcp(ACK, ack + relay_info, reply=True, yiaddr=BOUND)
     release = dhcp(RELEASE, to_server, ciaddr=BOUND, ip=(BOUND, SERVER_IP))
     large = dhcp(DISCOVER, prl + option(43, bytes(250)) * 6 + option(43, bytes(190)))
+    # An IPv4 header of 60 bytes that begins 28 bytes before the end of the buffer, its total length wrapping.
+    at_the_end = bytes(2020) + b'\x4f\0' + struct.pack('>H', 65536 - 2020 + 40) + bytes(5) + b'\x11' + bytes(18)
     seeds = {
         'discover': bytes([TYPED]) + frame(discover, PORT1),
         'discover-template': bytes([TEMPLATE | SUBOPT9]) + frame(discover, PORT1, 1),
@@ -137,6 +151,16 @@ def recv_seeds():
         'wrapped-length': bytes([TYPED]) + frame(total_length(discover, 65535), PORT1),
         'wrapped-large': bytes([TYPED | SUBOPT9]) + frame(total_length(large, 65535), PORT1),
         'wrapped-ack': bytes([TYPED | GUARDS]) + frame(total_length(bound, 65524), PORT3),
+        'full-router-empty': bytes([TYPED]) + frame(filled(REQUEST, option(3)), PORT1),
+        'full-vendor-class': bytes([TYPED]) + frame(filled(REQUEST, option(60, b'\5\0\1\4')), PORT1),
+        'full-suboption': bytes([TYPED | APPEND | SUBOPT9]) +
+                          frame(total_length(filled(DISCOVER, option(82, b'\1\0\x09\xff')), 65535), PORT1),
+        'full-remote-id': bytes([TYPED]) + frame(filled(ACK, option(82, b'\2\x08\0'), True, yiaddr=BOUND), PORT3),
+        'wrapped-ack-large': bytes([TYPED | GUARDS]) +
+                             frame(total_length(filled(ACK, relay_info, True, 2040, yiaddr=BOUND), 65524), PORT3),
+        'members-too-many': bytes([OFF]) + world(8, b'\1' + struct.pack('>H', 299) + (bytes([0, 0, 0, 2]) * 75)[:299]) +
+                            frame(dhcp(OFFER, ack, [(Dot1Q, 20)], reply=True, yiaddr=FRESH), PORT4_VLAN20),
+        'odd-end-of-buffer': bytes([TYPED]) + odd_frame(at_the_end, PORT1, 1, 10, 0, 2020),
         'odd-length': bytes([TYPED]) + odd_frame(discover, PORT1, 9, 10, 0, 14, 0, 2048),
         'made-discover': bytes([TYPED | SUBOPT9]) + made(1, DISCOVER, PORT1, prl),
         'made-large': bytes([TYPED]) + made(1, DISCOVER, PORT1, prl, pads=1700),

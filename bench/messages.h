@@ -1,0 +1,24 @@
+// The four messages of an exchange as Ethernet frames: DHCP messages of 300 bytes, the least that BOOTP
+// relays pass on, in frames of 342.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+constexpr size_t DHCP_LENGTH = 300, FRAME_LENGTH = 14 + 20 + 8 + DHCP_LENGTH;
+
+enum class Message : uint8_t { discover = 1, offer = 2, request = 3, ack = 5 };
+
+struct Exchange {
+    uint32_t client = 0; // its number: addresses follow from it
+    uint32_t giaddr = 0; // replies go to this relay, at `relayMac`, instead of to the client
+    const uint8_t *relayMac = nullptr;
+    const uint8_t *serverMac = nullptr;
+};
+
+// Writes a frame of FRAME_LENGTH bytes with true checksums. `xid` tells it apart from all others.
+void write_message(uint8_t *frame, Message message, uint32_t xid, const Exchange &exchange);
+
+// The xid of a DHCP message in an Ethernet frame; false when it is none.
+bool read_xid(std::span<const uint8_t> frame, uint32_t *xid);

@@ -1,0 +1,236 @@
+#!/usr/bin/python3
+"""How fast the daemon moves DHCP frames between two ports, beside what can be had at all and beside a relay agent.
+
+    run.py BUILD [--rounds N] [--seconds S] [--smoke]
+
+Everything runs in namespaces of its own (lab/isolate.py): a switch with two ports, and the machine at their other
+ends, where bench_traffic plays clients and servers. In every round each subject gets the same traffic: 300-byte
+DISCOVER, OFFER, REQUEST and ACK messages of all clients in turn, always so many on their way that the subject never
+waits. What is compared is the processor time a frame takes, because the rates of a machine move from minute to minute;
+a subject's ratio is that of the loop's time in the same round over its own, and the table has the median of each.
+"""
+
+import argparse
+import json
+import os
+import statistics
+import subprocess
+import sys
+
+HERE = os.path.dirname(os.path.realpath(__file__))
+ROOT = os.path.dirname(HERE)
+sys.path.insert(0, f"{ROOT}/lab")
+
+import isolate  # noqa: E402
+import lab  # noqa: E402
+
+CLIENT_SIDE, SERVER_SIDE = "swp1", "swp2"  # the switch's ports
+CLIENTS, SERVERS = "clients", "servers"  # their other ends
+GIADDR, RELAY_SIDE, SERVER = "10.1.0.1", "10.2.0.1", "10.2.0.2"
+SWITCH_CONF = f"{lab.RUN}/switch.conf"
+
+
+class Subject:
+    """Something that forwards. Started anew in every round."""
+
+    def __init__(self, name, bindings=256):
+        self.name, self.bindings, self.rounds = name, bindings, []
+
+    def start(self, bench):
+        raise NotImplementedError
+
+    def stop(self, bench):
+        self.process.stop()
+
+    def traffic(self, bench):
+        return ()
+
+    def median(self, value):
+        return statistics.median(value(done) for done in self.rounds)
+
+
+class Loop(Subject):
+    def start(self, bench):
+        self.process = bench.process("loop", bench.binary("bench_loop"), CLIENT_SIDE, SERVER_SIDE)
+
+
+class Daemon(Subject):
+    def __init__(self, name, bindings, *commands):
+        super().__init__(name, bindings)
+        self.commands = commands
+
+    def start(self, bench):
+        self.process = bench.process("dhcpsnoop", bench.binary("dhcpsnoop"), "20", str(self.bindings + 64),
+                                     env={"DHCPSNOOP_SWITCH_CONF": SWITCH_CONF})
+        lab.wait_for("answer of the daemon",
+                     lambda: self.ctl(bench, "show interfaces", check=False).returncode == 0 or not self.process.running())
+        if not self.process.running():
+            raise lab.Failure(f"the daemon ended\n{self.process.log()}")
+        for command in (f"interface {CLIENT_SIDE} snooping on", f"interface {SERVER_SIDE} snooping on",
+                        f"interface {SERVER_SIDE} trust on", *self.commands):
+            self.ctl(bench, command)
+        learned = bench.traffic("--leases-only", "--rounds", "1", "--clients", self.bindings)
+        bound = len(json.loads(self.ctl(bench, "show bindings state bound --json").stdout))
+        if bound != self.bindings:
+            raise lab.Failure(f"{self.name}: {bound} bindings of {self.bindings}: {learned}")
+
+    def ctl(self, bench, command, check=True):
+        return bench.switch.run(bench.binary("ctl/dhcpsnoopctl"), *command.split(), check=check)
+
+    def stop(self, bench):
+        super().stop(bench)
+        self.ctl(bench, "platform release")
+
+
+class Relay(Subject):
+    """ISC's relay agent: clients on one of its networks, the server on the other."""
+
+    def start(self, bench):
+        bench.switch.ip(f"addr add {GIADDR}/16 dev {CLIENT_SIDE}")
+        bench.switch.ip(f"addr add {RELAY_SIDE}/16 dev {SERVER_SIDE}")
+        bench.switch.ip(f"neigh replace {SERVER} lladdr {bench.mac(bench.ends, SERVERS)} dev {SERVER_SIDE}")
+        # It reports every message; let that cost as little as it can.
+        self.process = bench.process("dhcrelay", "sh", "-c", 'exec "$0" "$@" 2>/dev/null', "dhcrelay", "-4", "-d", "--no-pid",
+                                     "-id", CLIENT_SIDE, "-iu", SERVER_SIDE, SERVER)
+        lab.wait_for("relay", lambda: bench.traffic("--rounds", "1", "--clients", 1, *self.traffic(bench))["forwarded"] == 4)
+
+    def stop(self, bench):
+        super().stop(bench)
+        for port in (CLIENT_SIDE, SERVER_SIDE):
+            bench.switch.ip(f"addr flush dev {port}")
+
+    def traffic(self, bench):
+        return "--relay", GIADDR, bench.mac(bench.switch, SERVER_SIDE)
+
+
+class Bench:
+    def __init__(self, build, rounds, seconds):
+        self.build, self.rounds, self.seconds = os.path.realpath(build), rounds, seconds
+        self.two_processors = len(os.sched_getaffinity(0)) > 1
+        os.makedirs(lab.RUN, exist_ok=True)
+        self.switch, self.ends = lab.Host("switch"), lab.Host("ends")
+        with open(SWITCH_CONF, "w") as conf:
+            conf.write(f"port {CLIENT_SIDE} access 10\nport {SERVER_SIDE} access 10\n")
+        for port, end in ((CLIENT_SIDE, CLIENTS), (SERVER_SIDE, SERVERS)):
+            self.ends.ip(f"link add {end} type veth peer name {port} netns {self.switch.name}")
+            for host, device in ((self.switch, port), (self.ends, end)):
+                host.sysctl(f"net/ipv6/conf/{device}/disable_ipv6", 1)
+                host.ip(f"link set {device} up")
+
+    def binary(self, name):
+        path = f"{self.build}/{name}" if os.path.exists(f"{self.build}/{name}") else f"{self.build}/bench/{name}"
+        if not os.path.exists(path):
+            raise lab.Failure(f"{self.build} holds no {name}: build first")
+        return path
+
+    def pinned(self, processor, *command):
+        return ["taskset", "-c", str(processor), *command] if self.two_processors else list(command)
+
+    def process(self, name, *command, env=None):
+        # The traffic has the first processor, the subject the second.
+        return lab.Process(self.switch, name, *self.pinned(1, *command), env=env)
+
+    def mac(self, host, device):
+        with host.inside():
+            return subprocess.run(["ip", "-o", "link", "show", device], check=True, text=True,
+                                  capture_output=True).stdout.split("link/ether ")[1].split()[0]
+
+    def traffic(self, *arguments):
+        done = self.ends.run(*self.pinned(0, self.binary("bench_traffic"), CLIENTS, SERVERS, *map(str, arguments)))
+        return json.loads(done.stdout)
+
+    def measure(self, subject):
+        subject.start(self)
+        try:
+            pid = subject.process.popen.pid
+            arguments = ("--clients", subject.bindings, "--seconds", self.seconds, *subject.traffic(self))
+            before = cpu_seconds(pid)
+            result = self.traffic(*arguments)
+            result["cpu"] = (cpu_seconds(pid) - before) / max(result["forwarded"], 1) * 1e6
+            result["rate"] = result["forwarded"] / result["seconds"] if result["seconds"] else 0
+            result.update(memory_kib(pid))
+            if not subject.process.running():
+                raise lab.Failure(f"{subject.name} ended\n{subject.process.log()}")
+            subject.rounds.append(result)
+        finally:
+            subject.stop(self)
+
+    def run(self, subjects):
+        for number in range(self.rounds):
+            for subject in subjects:
+                if sys.stderr.isatty():
+                    print(f"\r\033[Kround {number + 1}: {subject.name}, {subject.bindings} clients", end="\r", file=sys.stderr)
+                self.measure(subject)
+        loop = subjects[0]
+        for subject in subjects:
+            for own, bare in zip(subject.rounds, loop.rounds):
+                own["ratio"] = bare["cpu"] / own["cpu"]
+
+
+def cpu_seconds(pid):
+    """What a process of one thread has used so far, by the scheduler's own clock."""
+    with open(f"/proc/{pid}/schedstat") as file:
+        return int(file.read().split()[0]) / 1e9
+
+
+def memory_kib(pid):
+    with open(f"/proc/{pid}/status") as file:
+        fields = dict(line.split(":", 1) for line in file)
+    return {"rss": int(fields["VmRSS"].split()[0]), "anonymous": int(fields["RssAnon"].split()[0])}
+
+
+def table(subjects):
+    yield ("subject", "bindings", "us/frame", "of loop", "frames/s", "median us", "p99 us", "lost", "RSS KiB", "own KiB")
+    for subject in subjects:
+        median = subject.median
+        yield (subject.name, str(subject.bindings) if isinstance(subject, Daemon) else "-",
+               f"{median(lambda r: r['cpu']):.2f}", f"{median(lambda r: r['ratio']):.2f}",
+               f"{median(lambda r: r['rate']):,.0f}", str(median(lambda r: r["median_us"])),
+               str(median(lambda r: r["p99_us"])), str(sum(r["lost"] for r in subject.rounds)),
+               f"{median(lambda r: r['rss']):,.0f}", f"{median(lambda r: r['anonymous']):,.0f}")
+
+
+def show(rows):
+    rows = list(rows)
+    widths = [max(len(row[i]) for row in rows) for i in range(len(rows[0]))]
+    for row in rows:
+        print("  ".join(cell.ljust(width) if i == 0 else cell.rjust(width)
+                        for i, (cell, width) in enumerate(zip(row, widths))).rstrip())
+
+
+def smoke(subjects):
+    """Only that everything flows: a machine under load may lose a frame, not many."""
+    faults = [f"{subject.name}: {result}" for subject in subjects for result in subject.rounds
+              if result["forwarded"] < 1000 or result["lost"] > result["forwarded"] / 100]
+    if faults:
+        sys.exit("\n".join(faults))
+    print(f"{len(subjects)} subjects, " + ", ".join(f"{s.name} {s.rounds[0]['cpu']:.2f} us" for s in subjects))
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("build")
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--seconds", type=float, default=2.0)
+    parser.add_argument("--smoke", action="store_true", help="one short round, to see that everything flows")
+    options = parser.parse_args()
+    if options.smoke:
+        options.rounds, options.seconds = 1, 0.5
+
+    isolate.enter(keep=[options.build, ROOT])
+    option82 = (f"interface {CLIENT_SIDE} option82 on",)
+    subjects = [Loop("bare loop"), Daemon("dhcpsnoop", 256), Daemon("dhcpsnoop, option 82", 256, *option82),
+                Daemon("dhcpsnoop", 32768), Relay("dhcrelay")]
+    if options.smoke:
+        subjects.pop(3)
+    try:
+        Bench(options.build, options.rounds, options.seconds).run(subjects)
+    except lab.Failure as failure:
+        sys.exit(f"bench: {failure}")
+    if options.smoke:
+        smoke(subjects)
+    else:
+        show(table(subjects))
+
+
+main()
