@@ -34,7 +34,7 @@ namespace
 std::vector<std::string> logged; // what went to the system log, with its priority
 } // namespace
 
-extern "C" void __wrap_syslog(int priority, const char *format, ...)
+extern "C" __attribute__((format(printf, 2, 3))) void __wrap_syslog(int priority, const char *format, ...)
 {
     std::array<char, 2048> line;
     va_list arguments;
@@ -107,12 +107,22 @@ class Namespace : public NetnsTest
         return linux_test::describe(events);
     }
 
-    std::string ports(const char *command)
+    // The model after a command, which must be the same that a fresh look at the kernel gives.
+    std::string ports(const std::string &command, const char *toldThen = "")
     {
         run(command);
-        EXPECT_EQ(told(), "") << command;
+        EXPECT_EQ(told(), toldThen) << command;
+        SwitchModel fresh;
+        fresh.configure(switch_model().conf());
+        DaemonEvents events;
+        EXPECT_TRUE(events_dump(fresh, events));
+        EXPECT_EQ(linux_test::describe(model_ports()), linux_test::describe(fresh.ports())) << command;
+        EXPECT_TRUE(std::ranges::equal(model_ports(), fresh.ports()))
+            << command << ": numbers or addresses differ";
         return linux_test::describe(model_ports());
     }
+
+    bool has(const std::string &command) { return system((command + " >/dev/null 2>&1").c_str()) == 0; }
 
     int sock_ = -1;
 };
@@ -168,6 +178,62 @@ TEST_F(Namespace, ConfiguredPortsAppearWhenTheirDeviceDoes)
               "swp1: native 1, tagged 10,20, untagged 1, down, forwarding\nswp2: routed, down, forwarding\n");
 }
 
+TEST_F(Namespace, VlansOfABridge)
+{
+    open_event_socket();
+    if (!has("ip link add br0 type bridge vlan_filtering 1 mcast_snooping 0"))
+        GTEST_SKIP() << "this kernel has no VLAN-aware bridges";
+    EXPECT_EQ(
+        ports(
+            "ip link set br0 up && ip link add swp1 type veth peer name h1 && ip link set swp1 up master br0 && "
+            "ip link set h1 up"),
+        "swp1: native 1, tagged none, untagged 1, up, forwarding\n");
+    EXPECT_EQ(ports("bridge vlan add dev swp1 vid 10 pvid untagged && bridge vlan del dev swp1 vid 1 && "
+                    "bridge vlan add dev swp1 vid 20-29"),
+              "swp1: native 10, tagged 20-29, untagged 10, up, forwarding\n");
+    EXPECT_EQ(ports("bridge vlan add dev swp1 vid 2-4094"),
+              "swp1: native 0, tagged 2-4094, untagged none, up, forwarding\n");
+    EXPECT_EQ(
+        ports(
+            "bridge vlan del dev swp1 vid 2-4094 && bridge vlan add dev swp1 vid 1 pvid untagged && ip link set br0 type bridge vlan_default_pvid 5"),
+        "swp1: native 5, tagged none, untagged 5, up, forwarding\n")
+        << "of which no message tells";
+    EXPECT_EQ(ports("ip link set br0 type bridge vlan_filtering 0"),
+              "swp1: native 1, tagged none, untagged 1, up, forwarding\n");
+    EXPECT_EQ(ports("ip link set br0 type bridge vlan_filtering 1 vlan_protocol 802.1ad"),
+              "swp1: native 5, tagged none, untagged 5, up, forwarding, 802.1ad\n");
+    if (!has("ip link add link br0 name br0.5 type vlan id 5"))
+        GTEST_SKIP() << "this kernel has no 802.1Q devices";
+    EXPECT_EQ(ports("ip link set br0.5 up"),
+              "swp1: native 5, tagged none, untagged 5, up, forwarding, 802.1ad\n"
+              "br0.5 is vlan 5: native 5, up, forwarding, 802.1ad\n");
+    EXPECT_EQ(model_vlan_interface(5), if_nametoindex("br0.5"));
+    EXPECT_EQ(ports("ip link set br0 type bridge vlan_protocol 802.1Q && ip link del br0.5",
+                    (std::to_string(if_nametoindex("br0.5")) + " gone").c_str()),
+              "swp1: native 5, tagged none, untagged 5, up, forwarding\n");
+}
+
+TEST_F(Namespace, MembersOfABond)
+{
+    open_event_socket();
+    if (!has("ip link add bond0 type bond mode active-backup miimon 50"))
+        GTEST_SKIP() << "this kernel has no bonding";
+    run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up && ip link add swp1 type veth peer name h1 && "
+        "ip link set h1 up && ip link set bond0 up master br0");
+    ASSERT_EQ(told(), "");
+    const std::string port = std::to_string(if_nametoindex("swp1")),
+                      bond = std::to_string(if_nametoindex("bond0"));
+    const std::string joined = "port " + port + " joined, aggregate " + bond + " + " + port,
+                      left = "aggregate " + bond + " - " + port;
+    EXPECT_EQ(ports("ip link set swp1 master bond0", joined.c_str()),
+              "bond0 (aggregate): native 1, tagged none, untagged 1, up, forwarding\n");
+    EXPECT_EQ(ports("ip link set swp1 nomaster", left.c_str()),
+              "bond0 (aggregate): native 1, tagged none, untagged 1, down, disabled\n");
+    EXPECT_EQ(ports("ip link set swp1 down && ip link set swp1 master bond0", joined.c_str()),
+              "bond0 (aggregate): native 1, tagged none, untagged 1, up, forwarding\n");
+    EXPECT_EQ(ports("ip link del bond0", (left + ", " + bond + " gone").c_str()), "");
+}
+
 TEST_F(Namespace, WhatHappenedBeforeTheSocketJoinedIsTold)
 {
     run("ip link add pa type veth peer name pb && ip link add pc type veth peer name pd");
@@ -199,7 +265,7 @@ TEST_F(Namespace, LostMessagesAreMadeUpFor)
     run("for i in 1 2 3 4 5 6 7 8; do ip link set br0 up; ip link set br0 down; done; "
         "ip link del p1; ip link del p3; ip link set p2 master br0; ip link set p2 up; ip link set q2 up");
     EXPECT_EQ(told(), gone);
-    EXPECT_EQ(linux_test::describe(model_ports()), "p2: native 1, tagged none, untagged 1, up, disabled\n");
+    EXPECT_EQ(ports("true"), "p2: native 1, tagged none, untagged 1, up, disabled\n");
     EXPECT_FALSE(readable(0)) << "nothing is left that would keep the daemon awake";
 }
 

@@ -21,11 +21,12 @@ constexpr uint16_t IFLA_AGGADDPHY = 52;    // the port whose index is the value 
 constexpr uint16_t IFLA_AGGREMOVEPHY = 53; // it left
 
 constexpr uint16_t VLAN_LAST = 4094;
+constexpr size_t ATTRIBUTE_COUNT = IFLA_BR_VLAN_DEFAULT_PVID + 1; // the highest that is read, of any nest
 
 // The attributes of a message or of a nest by number, null where absent. Of one that is there twice, the
 // last.
-template <size_t count> struct Attributes {
-    std::array<const nlattr *, count> at{};
+struct Attributes {
+    std::array<const nlattr *, ATTRIBUTE_COUNT> at{};
 
     explicit Attributes(const nlmsghdr *message) { mnl_attr_parse(message, sizeof(ifinfomsg), store, this); }
     explicit Attributes(const nlattr *nest)
@@ -37,7 +38,7 @@ template <size_t count> struct Attributes {
     static int store(const nlattr *attribute, void *self)
     {
         const uint16_t type = mnl_attr_get_type(attribute);
-        if (type < count)
+        if (type < ATTRIBUTE_COUNT)
             static_cast<Attributes *>(self)->at[type] = attribute;
         return MNL_CB_OK;
     }
@@ -59,8 +60,6 @@ template <size_t count> struct Attributes {
     }
 };
 
-using LinkAttributes = Attributes<IFLA_AF_SPEC + 1>; // the highest that is read
-
 LinkKind kind_of(std::string_view name)
 {
     if (name == "bridge")
@@ -73,7 +72,7 @@ LinkKind kind_of(std::string_view name)
 // Their numbering is the same in the bridge family's IFLA_PROTINFO and in IFLA_INFO_SLAVE_DATA.
 void take_bridge_port(const nlattr *nest, Link &link)
 {
-    const Attributes<IFLA_BRPORT_NO + 1> port(nest);
+    const Attributes port(nest);
     if (port.fits(IFLA_BRPORT_STATE, 1) && port.get8(IFLA_BRPORT_STATE) <= BR_STATE_BLOCKING)
         link.stp = static_cast<StpState>(port.get8(IFLA_BRPORT_STATE));
     if (port.fits(IFLA_BRPORT_NO, 2))
@@ -122,7 +121,7 @@ int take_vlan(const nlattr *attribute, void *walkPtr)
 }
 
 // RTM_NEWLINK of family AF_UNSPEC over what was known of the device.
-void take_link(const LinkAttributes &attributes, uint32_t flags, Link &link)
+void take_link(const Attributes &attributes, uint32_t flags, Link &link)
 {
     link.up = (flags & IFF_UP) != 0 && (flags & IFF_LOWER_UP) != 0 && (flags & IFF_DORMANT) == 0;
     attributes.text(IFLA_IFNAME).copy(link.name, sizeof link.name - 1);
@@ -130,15 +129,15 @@ void take_link(const LinkAttributes &attributes, uint32_t flags, Link &link)
         mnl_attr_get_payload_len(attributes.at[IFLA_ADDRESS]) == sizeof link.mac)
         memcpy(link.mac, mnl_attr_get_payload(attributes.at[IFLA_ADDRESS]), sizeof link.mac);
 
-    const Attributes<IFLA_INFO_SLAVE_DATA + 1> info(attributes.at[IFLA_LINKINFO]);
+    const Attributes info(attributes.at[IFLA_LINKINFO]);
     link.kind = kind_of(info.text(IFLA_INFO_KIND));
     if (link.kind == LinkKind::bridge) {
-        const Attributes<IFLA_BR_VLAN_DEFAULT_PVID + 1> bridge(info.at[IFLA_INFO_DATA]);
+        const Attributes bridge(info.at[IFLA_INFO_DATA]);
         link.vlanFiltering = bridge.get8(IFLA_BR_VLAN_FILTERING) != 0;
         link.vlanProtocol = ntohs(bridge.get16(IFLA_BR_VLAN_PROTOCOL));
         link.defaultPvid = bridge.get16(IFLA_BR_VLAN_DEFAULT_PVID);
     } else if (link.kind == LinkKind::vlan) {
-        const Attributes<IFLA_VLAN_ID + 1> vlan(info.at[IFLA_INFO_DATA]);
+        const Attributes vlan(info.at[IFLA_INFO_DATA]);
         link.vlan = vlan.get16(IFLA_VLAN_ID);
         link.lower = attributes.get32(IFLA_LINK);
     }
@@ -154,7 +153,7 @@ void take_link(const LinkAttributes &attributes, uint32_t flags, Link &link)
 }
 
 // Of family AF_BRIDGE, for a port of a bridge. The message names all of its VLANs.
-void take_bridge_link(const LinkAttributes &attributes, Link &link)
+void take_bridge_link(const Attributes &attributes, Link &link)
 {
     link.master = attributes.get32(IFLA_MASTER);
     link.masterKind = LinkKind::bridge;
@@ -249,7 +248,7 @@ bool LinkTable::feed(std::span<const uint8_t> datagram, DaemonEvents &events)
         if (info->ifi_index <= 0)
             continue;
         const auto ifIndex = static_cast<uint32_t>(info->ifi_index);
-        const LinkAttributes attributes(message);
+        const Attributes attributes(message);
         const auto known = links_.find(ifIndex);
 
         if (info->ifi_family == AF_UNSPEC) {
