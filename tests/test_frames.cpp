@@ -4,6 +4,7 @@
 #include "netns_test.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -328,6 +329,29 @@ TEST_F(Frames, OfAnyLengthLeaveTheNextOneWhole)
         ASSERT_EQ(loop_.receive(v4_), static_cast<ssize_t>(whole.size()));
         EXPECT_EQ(hex(loop_.info()), hex(info(port_, 7, 0, 14)));
     }
+}
+
+// Members of an aggregate do not receive for themselves: the frame passes once more on the aggregate.
+TEST_F(Frames, OfAnAggregateComeFromIt)
+{
+    if (system("ip link add bond0 type bond mode balance-rr 2>/dev/null") != 0)
+        GTEST_SKIP() << "needs a kernel with bonding";
+    guard_port_remove(port_);
+    run("ip link set p1 down && ip link set p1 master bond0 && ip link set bond0 up && ip link set p1 up");
+    Port bond = modelPorts[port_];
+    modelPorts[port_].aggregate = bond.ifIndex = index("bond0");
+    modelPorts[bond.ifIndex] = bond;
+    ASSERT_EQ(guard_port_add(bond.ifIndex, 7), 0);
+    ASSERT_EQ(guard_trap_port(bond.ifIndex, 4, true), 0);
+    Wire from("c1");
+    Frame frame = discover();
+    frame.tags = {{0x8100, 10}};
+    from.send(frame.bytes());
+    const ssize_t length = loop_.receive(v4_);
+    ASSERT_EQ(length, static_cast<ssize_t>(frame.bytes().size()));
+    EXPECT_EQ(hex(loop_.frame(length)), hex(frame.bytes()));
+    EXPECT_EQ(hex(loop_.info()), hex(info(bond.ifIndex, 10, 0, 18)));
+    expect_nothing(v4_);
 }
 
 // A datagram whose own lengths lie about where it ends keeps its checksum field, whatever the device left to

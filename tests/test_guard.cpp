@@ -353,8 +353,10 @@ TEST_F(Guard, NeedsThreeCapabilities)
         return with_capabilities(NETWORK | BPF, [this, pinned] {
             std::string why, note;
             if (!guard_open(why, note) || guard_port_add(port_, 1) != 0 ||
-                guard_trap_port(port_, 4, true) != 0)
+                guard_trap_port(port_, 4, true) != 0) {
+                fprintf(stderr, "%s\n", why.c_str());
                 return 1;
+            }
             return note.empty() == pinned && (pinned || note.find("no bpffs at /run/dhcpsnoop/bpf") == 0) ? 0
                                                                                                           : 2;
         });

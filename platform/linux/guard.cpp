@@ -56,7 +56,8 @@ struct Guard {
 
 char libbpfSaid[256]; // the first complaint since it was last cleared
 
-int keep_first_warning(libbpf_print_level level, const char *format, va_list args)
+__attribute__((format(printf, 2, 0))) int keep_first_warning(libbpf_print_level level, const char *format,
+                                                             va_list args)
 {
     if (level == LIBBPF_WARN && libbpfSaid[0] == '\0') {
         vsnprintf(libbpfSaid, sizeof libbpfSaid, format, args);
@@ -68,7 +69,7 @@ int keep_first_warning(libbpf_print_level level, const char *format, va_list arg
 std::string refusal(const char *what, int error)
 {
     std::string text = std::string(what) + ": " + strerror(error);
-    if (error == EPERM || error == EACCES)
+    if (error == EPERM)
         text += " (it takes CAP_BPF, CAP_NET_ADMIN and CAP_NET_RAW in the initial user namespace)";
     else if (libbpfSaid[0] != '\0')
         text += std::string(" (") + libbpfSaid + ")";
