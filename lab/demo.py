@@ -21,15 +21,16 @@ ROGUE_REPLIES = 5  # of each kind
 
 
 def configure(lab):
-    """What an operator types on a new switch."""
     commands = [f"interface {port} snooping on" for port, _, _ in PORTS]
     commands += ["interface swp4 trust on", "interface swp6 trust on"]
     commands += ["interface swp1 option82 on", "interface swp1 circuit-id template %N:vlan.%s",
                  "interface swp1 subopt9 on"]
     commands += [f"interface swp7 relay-address {RELAY_ADDRESS}"]
     commands += [f"interface swp7 relay-server {address} add" for address in RELAY_SERVERS.values()]
+    print("\nWhat an operator types:")
     for command in commands:
         lab.ctl(*command.split())
+        print(f"  dhcpsnoopctl {command}")
 
 
 def get_leases(lab):

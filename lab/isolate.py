@@ -63,7 +63,8 @@ def hide(keep):
     mount("--make-rprivate", "/")
     saved = []
     for path in keep:
-        if path.startswith(tuple(d + "/" for d in HIDDEN)):
+        inside_another = any(path.startswith(other + "/") for other in keep)
+        if path.startswith(tuple(d + "/" for d in HIDDEN)) and not inside_another:
             saved.append((path, os.open(path, os.O_PATH | os.O_DIRECTORY)))
     for directory in HIDDEN:
         mount("-t", "tmpfs", "-o", "mode=1777" if directory == "/tmp" else "mode=755", "tmpfs", directory)

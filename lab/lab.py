@@ -307,10 +307,10 @@ class Lab:
             "--no-ping", "--log-dhcp", "--log-facility=-", "--user=root", "--pid-file=",
             f"--dhcp-leasefile={RUN}/dnsmasq-{host.name}.leases", *arguments))
 
-    def start_daemon(self, *arguments, conf=SWITCH_CONF):
-        """Starts the daemon in the switch and waits until it answers."""
-        self.daemon = Process(self.switch, "dhcpsnoop", self.binary("dhcpsnoop"), *arguments,
-                              env={"DHCPSNOOP_SWITCH_CONF": conf})
+    def start_daemon(self, *arguments, under=()):
+        """Starts the daemon in the switch, under another command if need be, and waits until it answers."""
+        self.daemon = Process(self.switch, "dhcpsnoop", *under, self.binary("dhcpsnoop"), *arguments,
+                              env={"DHCPSNOOP_SWITCH_CONF": SWITCH_CONF})
 
         def answers():
             if not self.daemon.running():

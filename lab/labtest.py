@@ -12,7 +12,7 @@ import unittest
 import isolate
 
 BUILD = os.path.realpath(sys.argv.pop(1))
-isolate.enter([BUILD, os.path.dirname(os.path.realpath(__file__))])
+isolate.enter([BUILD, os.path.dirname(os.path.dirname(os.path.realpath(__file__)))])
 
 from lab import PORTS, TRUSTED, Client, Lab, wait_for
 from wire import Capture, Endpoint
@@ -33,9 +33,9 @@ class LabTest(unittest.TestCase):
         self.addCleanup(self.finish)
         self.start_daemon()
 
-    def start_daemon(self):
+    def start_daemon(self, under=()):
         """Every port snooped, the ports to the servers trusted."""
-        self.daemon = self.lab.start_daemon(*self.daemon_arguments)
+        self.daemon = self.lab.start_daemon(*self.daemon_arguments, under=under)
         for port, _, _ in PORTS:
             self.ctl(f"interface {port} snooping on")
         for port in TRUSTED:

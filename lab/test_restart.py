@@ -3,7 +3,7 @@
 import labtest
 import signal
 
-from lab import MACS
+from lab import MACS, RELAY_ADDRESS, RELAY_SERVERS, ROOT
 from wire import exchange, from_client, is_dhcp
 
 
@@ -39,6 +39,23 @@ class Restart(labtest.LabTest):
         self.assertTrue(self.passes())
         self.ctl("interface swp1 snooping on")
         self.assertFalse(self.passes())
+
+
+class Confined(labtest.LabTest):
+    def start_daemon(self):
+        """With the capabilities that its systemd unit leaves it."""
+        with open(f"{ROOT}/packaging/dhcpsnoop.service") as unit:
+            (names,) = [line.split("=")[1] for line in unit if line.startswith("CapabilityBoundingSet=")]
+        left = ",".join("+" + name.removeprefix("CAP_").lower() for name in names.split())
+        super().start_daemon(under=("setpriv", "--no-new-privs", f"--bounding-set=-all,{left}"))
+
+    def test_lease(self):
+        """Packet sockets, traps and the relay socket: all that needs a privilege."""
+        exchange(self.endpoint(self.lab.pc1), MACS["pc1"])
+        self.ctl(f"interface swp7 relay-address {RELAY_ADDRESS}")
+        self.ctl(f"interface swp7 relay-server {RELAY_SERVERS['relay1']} add")
+        exchange(self.endpoint(self.lab.pc3), MACS["pc3"])
+        self.assertEqual({binding["state"] for binding in self.bindings().values()}, {"bound"})
 
 
 labtest.main()
