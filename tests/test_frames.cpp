@@ -331,6 +331,32 @@ TEST_F(Frames, OfAnyLengthLeaveTheNextOneWhole)
     }
 }
 
+// RFC 768: a sum of zero is sent as all ones, because zero says that there is none.
+TEST_F(Frames, WhoseChecksumIsZeroSayAllOnes)
+{
+    trap(true);
+    Wire from("c1");
+    Frame frame = discover();
+    frame.udpChecksum = 0;
+    frame.options = frame.options + Bytes(2);
+    const Bytes base = frame.bytes();
+    // The word in the options that brings the sum of pseudo-header and datagram to all ones.
+    const Bytes datagram(base.begin() + 34, base.end());
+    const uint16_t rest = internet_checksum(Bytes(base.begin() + 26, base.begin() + 34) + be16(17) +
+                                            be16(static_cast<uint32_t>(datagram.size())) + datagram);
+    frame.options.resize(frame.options.size() - 2);
+    frame.options = frame.options + be16(rest);
+    Bytes unfinished = frame.bytes();
+    ASSERT_EQ((base.size() - 42) % 2, 0u) << "the word stands at an even place";
+    wire_put16(unfinished.data() + 40, static_cast<uint16_t>(~internet_checksum(
+                                           Bytes(base.begin() + 26, base.begin() + 34) + be16(17) +
+                                           be16(static_cast<uint32_t>(datagram.size())))));
+    from.send_unfinished(unfinished, 34, 6);
+    const ssize_t length = loop_.receive(v4_);
+    ASSERT_GT(length, 42);
+    EXPECT_EQ(wire_get16(loop_.frame(length).data() + 40), 0xFFFF);
+}
+
 // Members of an aggregate do not receive for themselves: the frame passes once more on the aggregate.
 TEST_F(Frames, OfAnAggregateComeFromIt)
 {

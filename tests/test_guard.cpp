@@ -198,6 +198,58 @@ TEST_F(Guard, InheritsNothingThatHadEnded)
     EXPECT_TRUE(passes());
 }
 
+// Maps that an older daemon left in another shape are replaced, not died of.
+TEST_F(Guard, ReplacesMapsOfAnotherShape)
+{
+    run_and_kill([this] { start(); });
+    std::string directory;
+    std::istringstream(run("echo /run/dhcpsnoop/bpf/*-*")) >> directory;
+    const std::string path = directory + "/guard_state";
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    const int map = bpf_map_create(BPF_MAP_TYPE_ARRAY, "guard_state", 4, 4, 1, nullptr);
+    ASSERT_EQ(bpf_obj_pin(map, path.c_str()), 0) << strerror(errno);
+    close(map);
+    EXPECT_EQ(start(), "");
+    ASSERT_EQ(guard_trap_port(port_, 4, true), 0);
+    EXPECT_FALSE(passes());
+}
+
+// As many ports as share places in the map's hash table.
+TEST_F(Guard, InheritsTheTrapsOfManyPorts)
+{
+    run_and_kill([this] { start(); });
+    constexpr uint32_t COUNT = 3000, FIRST = 100000;
+    const auto with_map = [this](const std::function<void(int map)> &work) {
+        std::string directory;
+        std::istringstream(run("echo /run/dhcpsnoop/bpf/*-*")) >> directory;
+        const int map = bpf_obj_get((directory + "/guard_ports").c_str());
+        ASSERT_GE(map, 0) << directory;
+        work(map);
+        close(map);
+    };
+    with_map([](int map) {
+        const guard_port trapped = {
+            .native = 1, .trap = GUARD_TRAP_V4, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
+        for (uint32_t i = FIRST; i < FIRST + COUNT; i++)
+            ASSERT_EQ(bpf_map_update_elem(map, &i, &trapped, BPF_ANY), 0);
+    });
+    EXPECT_NE(start().find("on 3000 ports and VLANs"), std::string::npos);
+    with_map([](int map) {
+        for (uint32_t i = FIRST; i < FIRST + COUNT; i++) {
+            guard_port port = {};
+            ASSERT_EQ(bpf_map_lookup_elem(map, &i, &port), 0);
+            ASSERT_TRUE(port.trap == 0 && port.inherited == GUARD_TRAP_V4) << i;
+        }
+    });
+    guard_ports_complete();
+    with_map([this](int map) {
+        uint32_t key = 0, next = 0;
+        ASSERT_EQ(bpf_map_get_next_key(map, nullptr, &key), 0);
+        EXPECT_EQ(key, port_);
+        EXPECT_NE(bpf_map_get_next_key(map, &key, &next), 0) << "devices that are gone are forgotten";
+    });
+}
+
 // The number of a namespace that is gone is given to the next one; what is pinned under it is not.
 TEST_F(Guard, InheritsNothingFromANamespaceThatIsGone)
 {

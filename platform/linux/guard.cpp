@@ -1,7 +1,5 @@
-// Loads guard.bpf.c, attaches it to ports and writes its maps (guard.h), all through libbpf and one netlink
-// dump of a device's filters. Everything has a fixed name, handle, priority and path, so that the next run
-// finds it. Calls take the kernel 0.2 to 200 microseconds and are made when ports or settings change, never
-// per frame.
+// Loads guard.bpf.c, keeps it on the ports and writes its maps (guard.h). Calls take the kernel 4 to 300
+// microseconds and are made when ports or settings change, never per frame.
 #include "guard.h"
 
 #include <cerrno>
@@ -9,42 +7,25 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
 #include <net/if.h>
 #include <set>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 #include <vector>
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
-#include <libmnl/libmnl.h>
-#include <linux/magic.h>
-#include <linux/pkt_cls.h>
-#include <linux/pkt_sched.h>
-#include <linux/rtnetlink.h>
 
+#include "guard_filter.h"
 #include "guard_maps.h"
 #include "guard_object.h"
-#include "trap.h"
+#include "guard_pins.h"
 
 namespace platform_linux
 {
 namespace
 {
-
-// Where the classifier stands on a port. Priority 1 is the first that the kernel asks: a filter of somebody
-// else in front of it could accept DHCP frames past it.
-constexpr uint32_t FILTER_HANDLE = 0xD4CF, FILTER_PRIORITY = 1;
-constexpr char PROGRAM[] = "dhcpsnoop_guard"; // in the kernel too; the filter's name begins with it
-
-// A bpffs of our own: `ip netns exec` mounts a new /sys, which hides the usual one.
-constexpr char RUN_DIR[] = "/run/dhcpsnoop", PIN_ROOT[] = "/run/dhcpsnoop/bpf";
 
 constexpr uint16_t VLAN_MAX = 4094;
 
@@ -74,84 +55,6 @@ std::string refusal(const char *what, int error)
     else if (libbpfSaid[0] != '\0')
         text += std::string(" (") + libbpfSaid + ")";
     return text;
-}
-
-// The network namespace by its two names: the inode's number is used again when the namespace is gone, so
-// that what is left behind by namespaces stays bounded; the cookie is not, so that nobody takes it for his
-// own.
-struct Namespace {
-    uint64_t inode = 0, cookie = 0;
-};
-
-bool own_namespace(Namespace &own)
-{
-    struct stat inode;
-    const int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    socklen_t length = sizeof own.cookie;
-    const bool known = sock >= 0 &&
-                       getsockopt(sock, SOL_SOCKET, SO_NETNS_COOKIE, &own.cookie, &length) == 0 &&
-                       stat("/proc/self/ns/net", &inode) == 0;
-    const int error = errno;
-    if (sock >= 0)
-        close(sock);
-    if (known)
-        own.inode = inode.st_ino;
-    errno = error;
-    return known;
-}
-
-bool is_bpffs(const char *path)
-{
-    struct statfs found;
-    return statfs(path, &found) == 0 && static_cast<uint32_t>(found.f_type) == BPF_FS_MAGIC;
-}
-
-// The directory of this network namespace's maps, "" with the reason when there can be none.
-std::string pin_directory(const Namespace &own, std::string &why)
-{
-    mkdir(RUN_DIR, 0755);
-    mkdir(PIN_ROOT, 0700);
-    if (!is_bpffs(PIN_ROOT) &&
-        mount("bpf", PIN_ROOT, "bpf", MS_NOSUID | MS_NODEV | MS_NOEXEC, "mode=0700") != 0) {
-        why = std::string("no bpffs at ") + PIN_ROOT + " and none can be mounted: " + strerror(errno);
-        return "";
-    }
-    const std::string path =
-        std::string(PIN_ROOT) + "/" + std::to_string(own.inode) + "-" + std::to_string(GUARD_LAYOUT);
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-        why = path + ": " + strerror(errno);
-        return "";
-    }
-    return path;
-}
-
-// This namespace's, of every layout there ever was.
-std::vector<std::string> pinned_directories()
-{
-    std::vector<std::string> found;
-    Namespace own;
-    DIR *root = is_bpffs(PIN_ROOT) && own_namespace(own) ? opendir(PIN_ROOT) : nullptr;
-    const std::string prefix = std::to_string(own.inode) + "-";
-    for (const dirent *entry; root != nullptr && (entry = readdir(root)) != nullptr;) {
-        if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0)
-            found.push_back(std::string(PIN_ROOT) + "/" + entry->d_name);
-    }
-    if (root != nullptr)
-        closedir(root);
-    return found;
-}
-
-int remove_directory(const std::string &path)
-{
-    DIR *directory = opendir(path.c_str());
-    if (directory == nullptr)
-        return errno;
-    for (const dirent *entry; (entry = readdir(directory)) != nullptr;) {
-        if (entry->d_name[0] != '.')
-            unlinkat(dirfd(directory), entry->d_name, 0);
-    }
-    closedir(directory);
-    return rmdir(path.c_str()) == 0 ? 0 : errno;
 }
 
 // Trapped frames take their way through it.
@@ -188,6 +91,18 @@ uint64_t boottime()
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
+// All at once: an entry that is written moves within the map, and a walk that writes could meet it again for
+// ever.
+std::vector<uint32_t> port_keys()
+{
+    std::vector<uint32_t> keys;
+    uint32_t key = 0;
+    for (const uint32_t *previous = nullptr; bpf_map_get_next_key(guard.ports, previous, &key) == 0;
+         previous = &key)
+        keys.push_back(key);
+    return keys;
+}
+
 // What an earlier run trapped goes on for a while, until this run's configuration has set it again. Neither
 // letting it go at once would do (every restart opens a gap for rogue servers) nor keeping it for good (a
 // daemon without configuration would cut off DHCP). The kernel looks at the clock, so it ends even if this
@@ -201,21 +116,19 @@ uint32_t inherit_traps(guard_state state, uint64_t netnsCookie)
     state.netns_cookie = netnsCookie;
     bpf_map_update_elem(guard.state, &zero, &state, BPF_ANY);
 
-    uint32_t count = 0, key = 0;
+    uint32_t count = 0;
     const auto inherit = [&count, stillInherited](uint8_t &trap, uint8_t &inherited) {
         inherited = static_cast<uint8_t>((stillInherited ? inherited : 0) | trap);
         trap = 0;
         count += inherited != 0;
     };
-    for (const uint32_t *previous = nullptr; bpf_map_get_next_key(guard.ports, previous, &key) == 0;
-         previous = &key) {
+    for (const uint32_t ifIndex : port_keys()) {
         guard_port port = {};
-        if (bpf_map_lookup_elem(guard.ports, &key, &port) != 0)
-            continue;
+        bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
         inherit(port.trap, port.inherited);
-        bpf_map_update_elem(guard.ports, &key, &port, BPF_EXIST);
+        bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
     }
-    for (key = 0; key < GUARD_VLANS; key++) {
+    for (uint32_t key = 0; key < GUARD_VLANS; key++) {
         guard_vlan vlan = {};
         if (bpf_map_lookup_elem(guard.vlans, &key, &vlan) != 0 || (vlan.trap | vlan.inherited) == 0)
             continue;
@@ -225,116 +138,11 @@ uint32_t inherit_traps(guard_state state, uint64_t netnsCookie)
     return count;
 }
 
-// The filters at a device's clsact ingress and egress.
-struct Filters {
-    bool ours = false, others = false;
-};
-
-// Give the text of a filter's name attribute (TCA_BPF_NAME inside TCA_OPTIONS) to the pointer behind `data`.
-int take_name(const nlattr *option, void *data)
-{
-    if (mnl_attr_get_type(option) == TCA_BPF_NAME && mnl_attr_validate(option, MNL_TYPE_NUL_STRING) >= 0)
-        *static_cast<const char **>(data) = mnl_attr_get_str(option);
-    return MNL_CB_OK;
-}
-
-int take_options(const nlattr *attribute, void *data)
-{
-    return mnl_attr_get_type(attribute) == TCA_OPTIONS ? mnl_attr_parse_nested(attribute, take_name, data)
-                                                       : MNL_CB_OK;
-}
-
-int read_filter(const nlmsghdr *message, void *data)
-{
-    if (message->nlmsg_type != RTM_NEWTFILTER || mnl_nlmsg_get_payload_len(message) < sizeof(tcmsg))
-        return MNL_CB_OK;
-    const tcmsg *tc = static_cast<const tcmsg *>(mnl_nlmsg_get_payload(message));
-    if (tc->tcm_handle == 0) // the chain's own record, not a filter
-        return MNL_CB_OK;
-    const char *name = "";
-    mnl_attr_parse(message, sizeof *tc, take_options, &name);
-    Filters &filters = *static_cast<Filters *>(data);
-    const bool ours = tc->tcm_handle == FILTER_HANDLE && strncmp(name, PROGRAM, sizeof PROGRAM - 1) == 0;
-    (ours ? filters.ours : filters.others) = true;
-    return MNL_CB_OK;
-}
-
-bool list_filters(uint32_t ifIndex, Filters &filters)
-{
-    mnl_socket *netlink = mnl_socket_open(NETLINK_ROUTE);
-    if (netlink == nullptr)
-        return false;
-    bool complete = mnl_socket_bind(netlink, 0, MNL_SOCKET_AUTOPID) == 0;
-    alignas(nlmsghdr) char buffer[32768];
-    for (const uint32_t parent : {TC_H_MIN_INGRESS, TC_H_MIN_EGRESS}) {
-        nlmsghdr *request = mnl_nlmsg_put_header(buffer);
-        request->nlmsg_type = RTM_GETTFILTER;
-        request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-        request->nlmsg_seq = parent;
-        tcmsg *tc = static_cast<tcmsg *>(mnl_nlmsg_put_extra_header(request, sizeof(tcmsg)));
-        tc->tcm_ifindex = static_cast<int>(ifIndex);
-        tc->tcm_parent = TC_H_MAKE(TC_H_CLSACT, parent);
-        complete = complete && mnl_socket_sendto(netlink, request, request->nlmsg_len) > 0;
-        for (int more = MNL_CB_OK; complete && more > MNL_CB_STOP;) {
-            const ssize_t length = mnl_socket_recvfrom(netlink, buffer, sizeof buffer);
-            more = length < 0 ? MNL_CB_ERROR
-                              : mnl_cb_run(buffer, static_cast<size_t>(length), parent,
-                                           mnl_socket_get_portid(netlink), read_filter, &filters);
-            complete = more >= 0;
-        }
-    }
-    mnl_socket_close(netlink);
-    return complete;
-}
-
-bpf_tc_hook hook_of(uint32_t ifIndex, bpf_tc_attach_point point)
-{
-    bpf_tc_hook hook = {};
-    hook.sz = sizeof hook;
-    hook.ifindex = static_cast<int>(ifIndex);
-    hook.attach_point = point;
-    return hook;
-}
-
-bpf_tc_opts filter_opts()
-{
-    bpf_tc_opts opts = {};
-    opts.sz = sizeof opts;
-    opts.handle = FILTER_HANDLE;
-    opts.priority = FILTER_PRIORITY;
-    return opts;
-}
-
-// The classifier, and the queueing discipline when it was made for it and nobody else uses it now.
-int remove_from_device(uint32_t ifIndex, bool qdiscIsOurs)
-{
-    bpf_tc_hook hook = hook_of(ifIndex, BPF_TC_INGRESS);
-    const bpf_tc_opts opts = filter_opts();
-    const int error = -bpf_tc_detach(&hook, &opts);
-    Filters left;
-    if (error == 0 && qdiscIsOurs && list_filters(ifIndex, left) && !left.ours && !left.others) {
-        hook.attach_point = static_cast<bpf_tc_attach_point>(BPF_TC_INGRESS | BPF_TC_EGRESS);
-        return -bpf_tc_hook_destroy(&hook);
-    }
-    return error;
-}
-
-std::vector<uint32_t> device_indexes()
-{
-    std::vector<uint32_t> indexes;
-    struct if_nameindex *devices = if_nameindex();
-    for (const struct if_nameindex *device = devices; device != nullptr && device->if_index != 0; device++)
-        indexes.push_back(device->if_index);
-    if (devices != nullptr)
-        if_freenameindex(devices);
-    return indexes;
-}
-
 void forget_port(uint32_t ifIndex)
 {
     guard_port port = {};
     bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
-    remove_from_device(ifIndex, port.qdisc_is_ours != 0);
+    filter_detach(ifIndex, port.qdisc_is_ours != 0);
     bpf_map_delete_elem(guard.ports, &ifIndex);
 }
 
@@ -369,7 +177,7 @@ int load(const std::string &pins)
         return error;
     }
     guard.object = object;
-    guard.program = bpf_program__fd(bpf_object__find_program_by_name(object, PROGRAM));
+    guard.program = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_PROGRAM));
     guard.ports = bpf_object__find_map_fd_by_name(object, "guard_ports");
     guard.vlans = bpf_object__find_map_fd_by_name(object, "guard_vlans");
     guard.state = bpf_object__find_map_fd_by_name(object, "guard_state");
@@ -389,19 +197,19 @@ bool guard_open(std::string &why, std::string &note)
         return false;
     }
     Namespace own;
-    if (!own_namespace(own)) {
+    if (!namespace_own(own)) {
         why = refusal("the network namespace has no name", errno);
         return false;
     }
     std::string noPins;
-    std::string pins = pin_directory(own, noPins);
+    std::string pins = pins_directory(own, noPins);
     int error = load(pins);
     guard_state state = error == 0 ? state_read() : guard_state{};
     const bool foreign = state.netns_cookie != 0 && state.netns_cookie != own.cookie;
     if (!pins.empty() && (foreign || error == EINVAL)) { // EINVAL: maps of another shape
         guard_close();
-        const int kept = remove_directory(pins);
-        pins = kept == 0 ? pin_directory(own, noPins) : "";
+        const int kept = pins_remove(pins);
+        pins = kept == 0 ? pins_directory(own, noPins) : "";
         if (kept != 0)
             noPins = std::string("stale maps cannot be removed: ") + strerror(kept);
         state = {};
@@ -436,21 +244,18 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid)
     if (guard.added.count(ifIndex) == 0) {
         // An index that an earlier run left in the map is the same device only if the filter is still on it.
         Filters filters;
-        if (!list_filters(ifIndex, filters) || !filters.ours)
+        if (!filter_list(ifIndex, filters) || !filters.ours)
             port = {};
     }
     port.native = nativeVid;
-    bpf_tc_hook hook = hook_of(ifIndex, BPF_TC_INGRESS);
-    int error = -bpf_tc_hook_create(&hook);
+    // In the map first: the filter that it replaces may be trapping by it.
+    int error = -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
+    bool qdiscMade = false;
     if (error == 0)
+        error = filter_attach(ifIndex, guard.program, qdiscMade);
+    if (qdiscMade) {
         port.qdisc_is_ours = 1;
-    if (error == 0 || error == EEXIST)
-        error = -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
-    if (error == 0) {
-        bpf_tc_opts opts = filter_opts();
-        opts.prog_fd = guard.program;
-        opts.flags = BPF_TC_F_REPLACE;
-        error = -bpf_tc_attach(&hook, &opts);
+        bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
     }
     if (error == 0)
         guard.added.insert(ifIndex);
@@ -471,19 +276,14 @@ void guard_ports_complete()
         return;
     for (const uint32_t ifIndex : device_indexes()) {
         Filters filters;
-        if (guard.added.count(ifIndex) == 0 && list_filters(ifIndex, filters) && filters.ours)
+        if (guard.added.count(ifIndex) == 0 && filter_list(ifIndex, filters) && filters.ours)
             forget_port(ifIndex);
     }
     // What is left in the map belongs to devices that are gone.
-    std::vector<uint32_t> stale;
-    uint32_t key = 0;
-    for (const uint32_t *previous = nullptr; bpf_map_get_next_key(guard.ports, previous, &key) == 0;
-         previous = &key) {
-        if (guard.added.count(key) == 0)
-            stale.push_back(key);
+    for (const uint32_t ifIndex : port_keys()) {
+        if (guard.added.count(ifIndex) == 0)
+            bpf_map_delete_elem(guard.ports, &ifIndex);
     }
-    for (const uint32_t ifIndex : stale)
-        bpf_map_delete_elem(guard.ports, &ifIndex);
 }
 
 int guard_trap_port(uint32_t ifIndex, int family, bool on)
@@ -512,43 +312,6 @@ int guard_trap_vlan(uint16_t vid, int family, bool on)
     bpf_map_lookup_elem(guard.vlans, &key, &vlan);
     set_trap(vlan, bit, on);
     return -bpf_map_update_elem(guard.vlans, &key, &vlan, BPF_EXIST);
-}
-
-bool trap_release(std::string &report)
-{
-    bool complete = true;
-    const auto say = [&report, &complete](const std::string &what, int error) {
-        report += error == 0 ? what + " removed\n" : what + " not removed: " + strerror(error) + "\n";
-        complete = complete && error == 0;
-    };
-    libbpf_set_print(keep_first_warning);
-    const std::vector<std::string> directories = pinned_directories();
-    int ports = -1;
-    for (const std::string &directory : directories) {
-        if (ports < 0)
-            ports = bpf_obj_get((directory + "/guard_ports").c_str());
-    }
-    for (const uint32_t ifIndex : device_indexes()) {
-        char name[IF_NAMESIZE] = "";
-        Filters filters;
-        guard_port port = {};
-        if (if_indextoname(ifIndex, name) == nullptr)
-            continue;
-        if (!list_filters(ifIndex, filters)) {
-            say(std::string(name) + ": classifier", errno);
-            continue;
-        }
-        if (!filters.ours)
-            continue;
-        if (ports >= 0)
-            bpf_map_lookup_elem(ports, &ifIndex, &port);
-        say(std::string(name) + ": classifier", remove_from_device(ifIndex, port.qdisc_is_ours != 0));
-    }
-    if (ports >= 0)
-        close(ports);
-    for (const std::string &directory : directories)
-        say(directory, remove_directory(directory));
-    return complete;
 }
 
 } // namespace platform_linux

@@ -1,0 +1,30 @@
+// The classifier at a device's clsact ingress. It stands at a fixed handle and priority under a fixed name,
+// so that it is found again and replaced, never doubled. Results are 0 or an errno value.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace platform_linux
+{
+
+constexpr char GUARD_PROGRAM[] =
+    "dhcpsnoop_guard"; // the program's name in the kernel; the filter's begins with it
+
+// What stands at a device's clsact ingress and egress.
+struct Filters {
+    bool ours = false, others = false;
+};
+
+bool filter_list(uint32_t ifIndex, Filters &filters); // false when the kernel did not give all
+
+// Attaches the program, in place of an earlier run's. `qdiscMade` becomes true when the queueing discipline
+// had to be made for it.
+int filter_attach(uint32_t ifIndex, int program, bool &qdiscMade);
+
+// Detaches it, and removes the queueing discipline when that is ours and nobody else uses it now.
+int filter_detach(uint32_t ifIndex, bool qdiscIsOurs);
+
+std::vector<uint32_t> device_indexes(); // of this network namespace
+
+} // namespace platform_linux

@@ -1,0 +1,30 @@
+// Where the maps of a network namespace are pinned: a directory of a bpffs of our own, found again by the
+// next daemon of the namespace.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace platform_linux
+{
+
+// The network namespace by its two names: the inode's number is used again when the namespace is gone, so
+// that what is left behind by namespaces stays bounded; the cookie is not, so that nobody takes it for his
+// own.
+struct Namespace {
+    uint64_t inode = 0, cookie = 0;
+};
+
+// False, with errno, when the kernel does not tell.
+bool namespace_own(Namespace &own);
+
+// Makes the directory if need be, and mounts the bpffs. "" with the reason when there can be none.
+std::string pins_directory(const Namespace &own, std::string &why);
+
+// This namespace's directories, of every layout there ever was.
+std::vector<std::string> pins_all();
+
+int pins_remove(const std::string &directory); // 0 or an errno value
+
+} // namespace platform_linux
