@@ -406,7 +406,7 @@ const VlanCase VLAN_CASES[] = {
     {"ids that are none", {{0, 0}, {PVID, 4095}, {0, 65535}, {0, 3}}, "native 0, tagged 3, untagged none"},
     {"an end without begin", {{END, 8}}, "native 0, tagged 8, untagged none"},
     {"a begin without end", {{BEGIN, 8}, {0, 9}, {0, 12}}, "native 0, tagged 9,12, untagged none"},
-    {"a range backwards", {{BEGIN, 12}, {END, 10}}, "native 0, tagged none, untagged none"},
+    {"a range backwards", {{BEGIN, 12}, {END | PVID, 10}}, "native 0, tagged none, untagged none"},
     {"an end out of range", {{BEGIN, 12}, {END, 4095}, {0, 5}}, "native 0, tagged 5, untagged none"},
 };
 

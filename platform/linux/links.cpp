@@ -111,6 +111,8 @@ int take_vlan(const nlattr *attribute, void *walkPtr)
     if ((info.flags & BRIDGE_VLAN_INFO_RANGE_END) != 0 && walk->rangeBegin != 0)
         first = walk->rangeBegin;
     walk->rangeBegin = 0;
+    if (first > info.vid)
+        return MNL_CB_OK;
     for (uint16_t vid = first; vid <= info.vid; vid++) {
         walk->link->members.set(vid);
         walk->link->untagged.set(vid, (info.flags & BRIDGE_VLAN_INFO_UNTAGGED) != 0);
