@@ -1,3 +1,4 @@
+// sendmmsg and recvmmsg on an AF_PACKET socket.
 #include "link.h"
 
 #include <cerrno>

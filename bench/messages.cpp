@@ -1,3 +1,4 @@
+// RFC 2131 2, RFC 2132. Checksums are summed anew for each frame.
 #include "messages.h"
 
 #include <cstring>

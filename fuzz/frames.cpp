@@ -1,3 +1,5 @@
+// Three kinds of frames: made of small choices with true headers, mended to have true lengths, and as they
+// are.
 #include "frames.h"
 
 #include <algorithm>

@@ -1,8 +1,6 @@
 // Management requests of any content, several in a row, so that settings combine; frames in between.
 #include "session.h"
 
-constexpr int RECORDS_MAX = 48;
-
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     session_prepare();
@@ -11,21 +9,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
-    Input input(bytes, size);
-    session_begin(input.u8());
-    for (int i = 0; i < RECORDS_MAX && input.more(); i++) {
-        switch (input.u8() % 8) {
-        case 6:
-            session_frame(input);
-            break;
-        case 7:
-            session_world(input);
-            break;
-        default:
-            session_request(input);
-            break;
-        }
-    }
-    session_end();
+    static constexpr std::array<Record, 8> KINDS = {Record::request, Record::request, Record::request,
+                                                    Record::request, Record::request, Record::request,
+                                                    Record::frame,   Record::change};
+    session_run(bytes, size, KINDS);
     return 0;
 }

@@ -1,3 +1,5 @@
+// The tables are walked by the tests' own checker; what more must hold after any input, and of any frame, is
+// here.
 #include "invariants.h"
 
 #include <cstdarg>

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Writes fuzz/seeds/: inputs of the two fuzz targets, from frames that scapy builds and requests laid out by hand.
 
-How an input is read stands in fuzz_recv.cpp, fuzz_cmd.cpp, session.cpp and frames.cpp; when that changes, change
+How an input is read stands in session.cpp, frames.cpp, requests.cpp and changes.cpp; when that changes, change
 this and run it again. With --check, tshark must find nothing wrong with any of the frames.
 """
 import pathlib
@@ -87,8 +87,11 @@ def made(op, message, arrival, options, shape=0, tags=b'\0', picks=b'\0\0\0\0\0\
     return record + struct.pack('>H', len(options)) + options
 
 
-def world(what, arguments):
-    """A record that changes what the switch answers."""
+MEMBERS, SWITCH_TEXT = 8, 12  # changes.cpp
+
+
+def change(what, arguments):
+    """A record of something that the switch does."""
     return bytes([7, what]) + arguments
 
 
@@ -158,7 +161,8 @@ def recv_seeds():
         'full-remote-id': bytes([TYPED]) + frame(filled(ACK, option(82, b'\2\x08\0'), True, yiaddr=BOUND), PORT3),
         'wrapped-ack-large': bytes([TYPED | GUARDS]) +
                              frame(total_length(filled(ACK, relay_info, True, 2040, yiaddr=BOUND), 65524), PORT3),
-        'members-too-many': bytes([OFF]) + world(8, b'\1' + struct.pack('>H', 299) + (bytes([0, 0, 0, 2]) * 75)[:299]) +
+        'text-too-long': bytes([TEMPLATE]) + change(SWITCH_TEXT, b'\0\xff' + b'x' * 255) + frame(discover, PORT1),
+        'members-too-many': bytes([OFF]) + change(MEMBERS, b'\1' + struct.pack('>H', 299) + (bytes([0, 0, 0, 2]) * 75)[:299]) +
                             frame(dhcp(OFFER, ack, [(Dot1Q, 20)], reply=True, yiaddr=FRESH), PORT4_VLAN20),
         'odd-end-of-buffer': bytes([TYPED]) + odd_frame(at_the_end, PORT1, 1, 10, 0, 2020),
         'odd-length': bytes([TYPED]) + odd_frame(discover, PORT1, 9, 10, 0, 14, 0, 2048),
@@ -181,12 +185,12 @@ def request(func, cmd, index, data_type, data):
     count = 0 if func < 3 else len(index)
     body = (word(func) + word(0) + word(cmd) + bytes([1, count]) + items + bytes([3, data_type]) +
             struct.pack('>H', len(data)) + data)
-    return bytes([0, 2]) + struct.pack('>H', len(body)) + body  # session.cpp: a record with the request as it is
+    return bytes([0, 0, 1]) + struct.pack('>H', len(body)) + body  # a record with the request as it is
 
 
 def short(func, cmd, index, data):
     """A record of a request that the target makes: index and data by number."""
-    return bytes([0, 1, func, cmd, index]) + data + b'\0'
+    return bytes([0, 1, 0, func, cmd, index]) + data + b'\0'
 
 
 def cmd_seeds():
@@ -225,7 +229,7 @@ def cmd_seeds():
         'server-ip': [request(19, 1, server, *number(1)), request(17, 0, server, *room(12)), request(18, 0, server, *room(12)),
                       request(21, 1, server, *number(0)), request(20, 1, server, *number(6))],
         'odd': [request(22, 0, [0], *number(0)), request(2, 1, [0], 4, bytes(8)), request(7, 5, [1], 1, b''),
-                bytes([0, 2, 0, 0]), bytes([0, 2, 0, 25]) + bytes(25)],
+                bytes([0, 0, 1, 0, 0]), bytes([0, 0, 1, 0, 25]) + bytes(25)],
         'made': [short(5, 5, 0, b'\1\4abcd'), short(10, 9, 0x46, b'\0\4'), short(7, 6, 0, b'\1\x20' + bytes(32))],
     }
     presets = (OFF, TYPED | SUBOPT9, TEMPLATE | GUARDS, TYPED_TEXT | RELAYING)

@@ -1,3 +1,5 @@
+// The world is the same for every state. The daemon gets into each by its own interfaces, settings and
+// frames, but for what only another feature makes: an IP source guard binding and a DHCPv6 one.
 #include "prepare.h"
 
 #include <cstdlib>

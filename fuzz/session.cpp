@@ -1,3 +1,6 @@
+// Plays one input: restores the state that it chose, hands its frames and requests to the daemon with the
+// ends of every buffer watched, some of them twice over different remains on the stack, and checks what left
+// and what stayed.
 #include "session.h"
 
 #include <algorithm>
@@ -7,21 +10,22 @@
 #include <malloc.h>
 #include <sanitizer/asan_interface.h>
 
+#include "changes.h"
 #include "dhcpsnoop_main.h"
 #include "dhcpsnoop_msg.h"
-#include "frame.h"
 #include "frames.h"
+#include "input.h"
 #include "invariants.h"
 #include "management.h"
-#include "pools.h"
 #include "prepare.h"
-#include "request.h"
+#include "requests.h"
 #include "world.h"
 
 namespace
 {
 
 constexpr int64_t START_TIME = 1'000'000'000;
+constexpr int RECORDS_MAX = 48;
 constexpr size_t STACK_FILLED = 48 * 1024;
 
 Memory prepared[256];
@@ -168,81 +172,53 @@ void request_play(const Bytes &request)
     free(buffer);
 }
 
-// The index items as the function wants them.
-void index_take(Input &input, uint32_t func, Request *request)
+void begin(uint8_t preset)
 {
-    if (func <= FUNC_GLOBAL_GET) {
-        request->number(0).count(0);
-    } else if (func >= FUNC_USER_FIRST && func <= FUNC_USER_GET) {
-        const uint8_t which = input.u8();
-        Bytes address = be32(POOL_ADDRESSES[which % POOL_ADDRESSES.size()]);
-        if ((which & 0x40) != 0)
-            address = address + input.bytes(12);
-        request->key((which & 0x80) != 0 ? 2 : 1, address);
-        if (which == 0xFF)
-            request->bytes[29] = input.u8(); // an address type of no kind
-    } else if (func >= FUNC_VLAN_FIRST && func <= FUNC_VLAN_GET) {
-        request->number(input.pick(POOL_VIDS));
-    } else {
-        request->number(input.pick(POOL_INTERFACES));
-        if (func >= FUNC_SERVER_IP_FIRST)
-            request->number(input.pick(POOL_ADDRESSES));
+    if (worldChanged)
+        world = pristine;
+    worldChanged = refusing = false;
+    memory_restore(prepared[preset]);
+    world.role(prepared_role(preset));
+    // The lease scan remembers when it last ran. Twice, an hour apart: then that is the same for every input.
+    for (const int64_t before : {7200, 3600}) {
+        world.now = START_TIME - before;
+        dhcpsnoop_user_timer_check();
     }
+    world.now = START_TIME;
+    countsHold = true;
+    transcript = 0xCBF29CE484222325;
 }
 
-// A request of the right form, unless it says otherwise.
-Bytes request_take(Input &input)
+void frame_record(Input &input)
 {
-    constexpr std::array<uint8_t, 8> TYPES = {DATA_WORD,  DATA_BYTES, DATA_WORD, DATA_WORD_PAIR,
-                                              DATA_BYTES, 1,          3,         255};
-    const uint8_t func = input.u8();
-    Request request(func, input.u8());
-    index_take(input, func % FUNC_COUNT, &request);
-
-    const uint8_t type = input.pick(TYPES);
-    switch (type) {
-    case DATA_WORD: {
-        const uint8_t value = input.u8();
-        request.word(value == 0xFF ? input.u32() : value);
-        break;
-    }
-    case DATA_WORD_PAIR:
-        request.data(type, input.bytes(8));
-        break;
-    default:
-        request.data(type, input.bytes(input.u8()));
-        break;
-    }
-
-    const uint8_t extra = input.u8();
-    if ((extra & 0x80) != 0 && request.bytes.size() > extra % 0x80u)
-        request.bytes.resize(request.bytes.size() - extra % 0x80u); // cut short
-    else
-        request.bytes.resize(request.bytes.size() + extra);
-    return std::move(request.bytes);
+    const bool twice = (input.u8() & 1) != 0;
+    const uint32_t interface = frame_take(input, rxpkt, &frameWhole);
+    for (const auto &entry : world.ports)
+        frameWhole = frameWhole && entry.second.tpid != 0x0800; // tags that read as IPv4
+    const DhcpsnoopRxPkt received = *rxpkt;
+    record_open();
+    play(twice, [&] {
+        memcpy(rxpkt, &received, FRAME_END);
+        rxpkt->inIf = interface_entry(interface);
+        dhcpsnoop_recv(rxpkt);
+        record_open();
+        if (rxpkt->inIf != interface_entry(interface) || rxpkt->ifIndex != received.ifIndex ||
+            rxpkt->outerVid != received.outerVid || rxpkt->innerVid != received.innerVid ||
+            rxpkt->l2HdrLen != received.l2HdrLen || rxpkt->etherType != received.etherType ||
+            rxpkt->len != received.len || rxpkt->valid != 1)
+            fault("the record around a frame was written to");
+    });
+    ASAN_UNPOISON_MEMORY_REGION(rxpkt, sizeof *rxpkt);
+    frameWhole = false;
 }
 
-WorldPort &port_taken(Input &input)
+void request_record(Input &input)
 {
-    static WorldPort nowhere;
-    const auto found = world.ports.find(input.pick(POOL_INTERFACES));
-    return found != world.ports.end() ? found->second : nowhere;
-}
-
-std::string text_taken(Input &input)
-{
-    const Bytes bytes = input.bytes(input.u8());
-    return std::string(bytes.begin(), bytes.end());
-}
-
-DhcpsnoopOptionFormat format_taken(Input &input)
-{
-    DhcpsnoopOptionFormat format = {};
-    format.mode = input.u8() % 8;
-    const Bytes text = input.bytes(input.u16() % (sizeof format.text + 1));
-    format.len = static_cast<uint16_t>(text.size());
-    std::copy(text.begin(), text.end(), format.text);
-    return format;
+    const uint8_t kind = input.u8();
+    const Bytes request =
+        (kind & 2) != 0 ? input.bytes(input.u16() % (DHCPSNOOP_REQUEST_MAX + 1)) : request_take(input);
+    if (request.size() <= DHCPSNOOP_REQUEST_MAX)
+        play((kind & 1) != 0, [&] { request_play(request); });
 }
 
 } // namespace
@@ -300,153 +276,23 @@ void session_prepare()
     pristine.sent = on_sent;
 }
 
-void session_begin(uint8_t preset)
+void session_run(const uint8_t *bytes, size_t size, const std::array<Record, 8> &kinds)
 {
-    if (worldChanged)
-        world = pristine;
-    worldChanged = refusing = false;
-    // The lease scan remembers when it last ran: let that be the same for every input.
-    world.now = START_TIME - 86'400;
-    dhcpsnoop_user_timer_check();
-    world.now = START_TIME;
-
-    memory_restore(prepared[preset]);
-    world.role(prepared_role(preset));
-    countsHold = true;
-    transcript = 0xCBF29CE484222325;
+    Input input(bytes, size);
+    begin(input.u8());
+    for (int i = 0; i < RECORDS_MAX && input.more(); i++) {
+        switch (input.pick(kinds)) {
+        case Record::frame:
+            frame_record(input);
+            break;
+        case Record::request:
+            request_record(input);
+            break;
+        case Record::change:
+            worldChanged = true;
+            refusing = change_take(input) || refusing;
+            break;
+        }
+    }
+    invariants_check(countsHold);
 }
-
-void session_frame(Input &input)
-{
-    const bool twice = (input.u8() & 1) != 0;
-    const uint32_t interface = frame_take(input, rxpkt, &frameWhole);
-    for (const auto &entry : world.ports)
-        frameWhole = frameWhole && entry.second.tpid != 0x0800; // tags that read as IPv4
-    const DhcpsnoopRxPkt received = *rxpkt;
-    record_open();
-    play(twice, [&] {
-        memcpy(rxpkt, &received, FRAME_END);
-        rxpkt->inIf = interface_entry(interface);
-        dhcpsnoop_recv(rxpkt);
-        record_open();
-        if (rxpkt->inIf != interface_entry(interface) || rxpkt->ifIndex != received.ifIndex ||
-            rxpkt->outerVid != received.outerVid || rxpkt->innerVid != received.innerVid ||
-            rxpkt->l2HdrLen != received.l2HdrLen || rxpkt->etherType != received.etherType ||
-            rxpkt->len != received.len || rxpkt->valid != 1)
-            fault("the record around a frame was written to");
-    });
-    ASAN_UNPOISON_MEMORY_REGION(rxpkt, sizeof *rxpkt);
-    frameWhole = false;
-}
-
-void session_request(Input &input)
-{
-    const uint8_t kind = input.u8();
-    const Bytes request =
-        (kind & 2) != 0 ? input.bytes(input.u16() % (DHCPSNOOP_REQUEST_MAX + 1)) : request_take(input);
-    if (request.size() <= DHCPSNOOP_REQUEST_MAX)
-        play((kind & 1) != 0, [&] { request_play(request); });
-}
-
-void session_world(Input &input)
-{
-    worldChanged = true;
-    switch (input.u8() % 16) {
-    case 0:
-        world.now += input.u16();
-        if (world.hwScalars[54] != 0)
-            dhcpsnoop_user_timer_check();
-        break;
-    case 1: {
-        const uint8_t which = input.u8();
-        gDhcpsnoop.ipsgIfGet = (which & 1) != 0 ? ipsgIfGetApi : nullptr;
-        gDhcpsnoop.antiArpIfGet = (which & 2) != 0 ? arpAntiAttackIfGetApi : nullptr;
-        gDhcpsnoop.deftinstallCb = (which & 4) != 0 ? deftinstall_client_entry_callback : nullptr;
-        break;
-    }
-    case 2: {
-        auto &guards = (input.u8() & 1) != 0 ? world.ipsg : world.dai;
-        guards[input.pick(POOL_INTERFACES)] = {input.u8() % 3u, input.u8(), input.u8() % 4 == 0 ? -1 : 0};
-        break;
-    }
-    case 3: {
-        const uint8_t which = input.u8();
-        auto &data = (which & 1) != 0 ? world.bootFile : world.option125;
-        auto &length = (which & 1) != 0 ? world.bootFileLength : world.option125Length;
-        data = input.bytes(input.u16() % 300);
-        length.reset();
-        if ((which & 2) != 0)
-            length = input.u32(); // whatever was filled in
-        world.hookSetsLengths = (which & 4) != 0;
-        break;
-    }
-    case 4:
-        world.hostname = text_taken(input);
-        if (input.u8() == 0xFF)
-            world.hostname.reset();
-        break;
-    case 5:
-        port_taken(input).name = text_taken(input);
-        break;
-    case 6: {
-        WorldPort &port = port_taken(input);
-        port.tpid = input.pick(std::array<uint32_t, 6>{0, 0x8100, 0x88A8, 0x9100, 0x0800, 0xFFFFFFFF});
-        port.number = input.u32();
-        port.location.fill(input.u32());
-        break;
-    }
-    case 7: {
-        WorldPort &port = port_taken(input);
-        const uint8_t what = input.u8();
-        port.down = (what & 1) != 0;
-        if ((what & 2) != 0)
-            port.answer255 = static_cast<int8_t>(input.u8());
-        if ((what & 4) != 0)
-            port.answer258 = static_cast<int8_t>(input.u8());
-        if ((what & 8) != 0)
-            port.silent = {3, 5, 33, 45, 193, 417, 5400};
-        break;
-    }
-    case 8:
-        world.vlanMembers[input.pick(POOL_VIDS)] = input.bytes(input.u16() % 300);
-        break;
-    case 9:
-        world.role(static_cast<DhcpsnoopRole>(input.u8() % 3));
-        break;
-    case 10: {
-        static const std::array<const char *, 12> CALLS = {
-            "qorIfSetApi",   "hw add",          "hw delete",
-            "qorHwIfSync",   "qorHwScalarSync", "qorHwDhcpSnoopUserSync",
-            "qorIndexTrans", "qorVlanGetApi",   "qorIfGetApi",
-            "ipsgIfGetApi",  "frame",           "relay"};
-        const char *call = input.pick(CALLS);
-        world.refuse(call, static_cast<int8_t>(input.u8() | 1));
-        refusing = true;
-        break;
-    }
-    case 11: {
-        DhcpsnoopOptionFormat *const formats[] = {&gDhcpsnoop.circuitIdFmt, &gDhcpsnoop.remoteIdFmt,
-                                                  &gDhcpsnoop.interfaceIdFmt, &gDhcpsnoop.remoteId6Fmt};
-        const uint8_t which = input.u8();
-        *formats[which % 4] = format_taken(input);
-        break;
-    }
-    case 12:
-        world.scalarTexts[input.u8() % 2 == 0 ? 66 : 74] = text_taken(input);
-        break;
-    case 13:
-        gDhcpsnoop.debugFlags = input.u8() % 4;
-        break;
-    case 14:
-        gDhcpsnoop.serverLearn = input.u8() % 2;
-        gDhcpsnoop.enterpriseNum = input.u32();
-        gDhcpsnoop.daiStarted = input.u8() % 2;
-        break;
-    case 15:
-        world.newIpsgHwId = input.u32();
-        world.newDaiHwId = input.u32();
-        break;
-    }
-}
-
-void session_end() { invariants_check(countsHold); }

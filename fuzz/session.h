@@ -3,16 +3,17 @@
 // input and played until it ends.
 #pragma once
 
-#include "input.h"
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+// One record of an input: a frame handed to dhcpsnoop_recv, a request handed to dhcpsnoop_cmd_process, or
+// something that the switch does.
+enum class Record : uint8_t { frame, request, change };
 
 // Builds the world and all prepared states. Once, before the first session.
 void session_prepare();
 
-void session_begin(uint8_t preset);
-
-// Each takes one record from the input.
-void session_frame(Input &input);   // a frame, handed to dhcpsnoop_recv
-void session_request(Input &input); // a request, handed to dhcpsnoop_cmd_process
-void session_world(Input &input);   // something that the switch answers from now on, or time that passes
-
-void session_end(); // the invariants
+// The input's first byte chooses the state; then a byte each chooses the kind of the next record. Ends with
+// the invariants.
+void session_run(const uint8_t *bytes, size_t size, const std::array<Record, 8> &kinds);
