@@ -56,6 +56,18 @@ class Option82(labtest.LabTest):
         seen = self.seen("circuit-id template %N:%s/%c")
         self.assertEqual(seen[CIRCUIT_ID], hexes("swp1:10/0"))
 
+    def test_double_tagged(self):
+        """A provider's tag, 20, around the customer's, 5: both stay, and a template can name both."""
+        at_server, trunk = self.capture(self.lab.server), self.endpoint(self.lab.trunk)
+        self.ctl("interface swp3 option82 on")
+        self.ctl("interface swp3 circuit-id template %s.%c")
+        server = self.endpoint(self.lab.server)
+        discover = bytes(from_client("discover", MACS["trunk"], xid=205))
+        trunk.send(discover[:12] + bytes.fromhex("8100 0014 8100 0005") + discover[12:])
+        server.receive_dhcp("discover", xid=205)
+        seen = at_server.decode(["vlan.id", CIRCUIT_ID, "udp.checksum.status"])
+        self.assertEqual(seen, [{"vlan.id": "20,5", CIRCUIT_ID: hexes("20.5"), "udp.checksum.status": "1"}])
+
     def test_mode_template_is_not_stripped(self):
         """Kept: with mode 5 nothing tells whose option it is, so the client gets it."""
         self.seen("option82-mode template", "circuit-id template %N", strip=False)
