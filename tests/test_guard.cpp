@@ -154,6 +154,21 @@ TEST_F(Guard, RefusesWhatIsNoPortFamilyOrVlan)
     EXPECT_TRUE(passes());
 }
 
+TEST_F(Guard, ComesBackWhenItWasTakenOffThePort)
+{
+    ASSERT_EQ(guard_port_add(port_, 1), 0);
+    ASSERT_EQ(guard_trap_port(port_, 4, true), 0);
+    run("tc qdisc del dev p1 clsact");
+    EXPECT_TRUE(passes());
+    ASSERT_EQ(guard_trap_port(port_, 4, true), 0);
+    EXPECT_FALSE(passes());
+    run("tc qdisc del dev p1 clsact");
+    ASSERT_EQ(guard_port_add(port_, 1), 0);
+    EXPECT_FALSE(passes());
+    run("ip link del p1");
+    EXPECT_EQ(guard_trap_port(port_, 4, true), ENODEV);
+}
+
 // What a dead daemon trapped stays trapped, through its death and through the next one's start.
 TEST_F(Guard, OutlivesTheDaemon)
 {

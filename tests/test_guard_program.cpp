@@ -146,6 +146,7 @@ const ClassRow CLASS_ROWS[] = {
      [] {
          Frame f = discover();
          f.ihl = 4;
+         f.dstIp = 0x00440043;
          return f.bytes();
      }(),
      0},

@@ -296,6 +296,12 @@ int guard_trap_port(uint32_t ifIndex, int family, bool on)
         return EINVAL;
     if (guard.added.count(ifIndex) == 0 || bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
         return ENODEV;
+    if (on) { // nobody tells when somebody else has detached the classifier
+        const int error = guard_port_add(ifIndex, port.native);
+        if (error != 0)
+            return error;
+        bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
+    }
     set_trap(port, bit, on);
     return -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
 }
