@@ -192,7 +192,8 @@ Bytes exchangeOnce(const std::string &path, std::chrono::milliseconds timeout, c
     if (sock.get() < 0)
         throw NoDaemon(std::string("cannot create a socket: ") + std::strerror(errno));
     // A full queue of connections makes connect wait; the send timeout ends that too.
-    timeval limit = {timeout.count() / 1000, (timeout.count() % 1000) * 1000};
+    timeval limit = {static_cast<time_t>(timeout.count() / 1000),
+                     static_cast<suseconds_t>(timeout.count() % 1000 * 1000)};
     setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
     if (connect(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
         throwConnectError(path, errno);

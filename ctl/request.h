@@ -80,8 +80,8 @@ std::string resultText(uint32_t code);
 // Takes the body of a request to a daemon and brings the body of the reply; throws NoDaemon.
 using Exchange = std::function<Bytes(const Bytes &body)>;
 
-// Over the daemon's command socket, one connection for each request. By default it waits longer than the daemon
-// waits for another client that stalls, 10 seconds.
+// Over the daemon's command socket, one connection for each request. By default it waits longer than the
+// daemon waits for another client that stalls, 10 seconds.
 Exchange socketExchange(std::string path,
                         std::chrono::milliseconds timeout = std::chrono::milliseconds(15000));
 

@@ -189,7 +189,7 @@ std::optional<std::string> templateFault(std::string_view text)
         if (pos + 2 < text.size() && DELIMITERS.find(text[pos + 2]) == std::string_view::npos)
             return "after '" + std::string(text.substr(pos, 2)) + "' must come one of '" +
                    std::string(DELIMITERS) + "' or the end, not '" + text[pos + 2] + "'";
-        pos += 3;
+        pos += 2;
     }
     return std::nullopt;
 }
