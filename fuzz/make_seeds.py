@@ -68,14 +68,14 @@ def dhcp(message, options=b'', tags=(), reply=False, mac=CLIENT, src=None, ip=('
     return built
 
 
-def frame(data, arrival, twice=0):
-    """A record with the frame as it is."""
-    return bytes([0, twice, arrival << 4 | 3]) + struct.pack('>H', len(data)) + data
+def frame(data, arrival):
+    """A record with the frame as it is, played twice."""
+    return bytes([0, 1, arrival << 4 | 3]) + struct.pack('>H', len(data)) + data
 
 
 def odd_frame(data, arrival, if_index, outer, inner, l2, ether_type=0, length=0):
     """The same, with packet information of its own."""
-    return (bytes([0, 0, arrival << 4 | 7]) + struct.pack('>H', len(data)) + data +
+    return (bytes([0, 1, arrival << 4 | 7]) + struct.pack('>H', len(data)) + data +
             struct.pack('>IHHHBH', if_index, outer, inner, l2, ether_type, length))
 
 
@@ -116,7 +116,7 @@ def recv_seeds():
     at_the_end = bytes(2020) + b'\x4f\0' + struct.pack('>H', 65536 - 2020 + 40) + bytes(5) + b'\x11' + bytes(18)
     seeds = {
         'discover': bytes([TYPED]) + frame(discover, PORT1),
-        'discover-template': bytes([TEMPLATE | SUBOPT9]) + frame(discover, PORT1, 1),
+        'discover-template': bytes([TEMPLATE | SUBOPT9]) + frame(discover, PORT1),
         'discover-global-template': bytes([GLOBAL]) + frame(discover, PORT2),
         'discover-raw-text': bytes([RAW_TEXT]) + frame(discover, PORT1),
         'discover-relayed': bytes([TYPED | RELAYING]) + frame(dhcp(DISCOVER, prl, mac=CLIENT2), PORT5),
@@ -124,11 +124,11 @@ def recv_seeds():
         'discover-qinq': bytes([TYPED_TEXT]) + frame(dhcp(DISCOVER, prl, [(Dot1AD, 20), (Dot1Q, 7)]), PORT2),
         'discover-keep': bytes([TYPED | KEEP]) + frame(dhcp(DISCOVER, foreign), PORT1),
         'discover-drop': bytes([TYPED | DROP]) + frame(dhcp(DISCOVER, foreign), PORT1),
-        'discover-append': bytes([TYPED | APPEND | SUBOPT9]) + frame(dhcp(DISCOVER, foreign), PORT1, 1),
+        'discover-append': bytes([TYPED | APPEND | SUBOPT9]) + frame(dhcp(DISCOVER, foreign), PORT1),
         'discover-foreign-giaddr': bytes([TYPED | RELAYING]) + frame(dhcp(DISCOVER, giaddr='10.9.9.9'), PORT2),
         'offer-to-waiting': bytes([OFF | RELAYING]) +
                             frame(dhcp(OFFER, ack, reply=True, yiaddr=FRESH, giaddr=RELAY_IP, mac='02:00:00:00:01:01'), PORT3),
-        'offer-flooded': bytes([TYPED]) + frame(dhcp(OFFER, ack, reply=True, yiaddr=FRESH), PORT3, 1),
+        'offer-flooded': bytes([TYPED]) + frame(dhcp(OFFER, ack, reply=True, yiaddr=FRESH), PORT3),
         'offer-untrusted': bytes([TYPED | GUARDS]) + frame(dhcp(OFFER, ack, reply=True, yiaddr=FRESH), PORT1),
         'exchange': bytes([TYPED | GUARDS]) + frame(request, PORT1) + frame(acked, PORT3) + frame(release, PORT1),
         'exchange-vlan': bytes([TYPED | RELAYING]) + frame(dhcp(REQUEST, ip_option(50, FRESH), [(Dot1Q, 20)]), VLAN20) +
@@ -136,8 +136,8 @@ def recv_seeds():
         'renew': bytes([TYPED | GUARDS]) + frame(renew, PORT1) + frame(bound, PORT3),
         'renew-wrong-port': bytes([TYPED | GUARDS]) + frame(renew, PORT2_VLAN10),
         'source-mac': bytes([TYPED | GUARDS]) + frame(dhcp(DISCOVER, src=CLIENT2), PORT1),
-        'ack-strip-typed': bytes([TYPED]) + frame(bound, PORT3, 1),
-        'ack-boot-options': bytes([TYPED | GUARDS]) + frame(bound, PORT3, 1),
+        'ack-strip-typed': bytes([TYPED]) + frame(bound, PORT3),
+        'ack-boot-options': bytes([TYPED | GUARDS]) + frame(bound, PORT3),
         'ack-strip-raw': bytes([RAW]) + frame(dhcp(ACK, ack + option(82, circuit + option(2, PORT1_MAC)), reply=True,
                                                    yiaddr=BOUND), PORT3),
         'ack-strip-text': bytes([TYPED_TEXT]) + frame(dhcp(ACK, ack + option(82, option(2, b'\1\6remote')), reply=True,
@@ -165,6 +165,7 @@ def recv_seeds():
         'members-too-many': bytes([OFF]) + change(MEMBERS, b'\1' + struct.pack('>H', 299) + (bytes([0, 0, 0, 2]) * 75)[:299]) +
                             frame(dhcp(OFFER, ack, [(Dot1Q, 20)], reply=True, yiaddr=FRESH), PORT4_VLAN20),
         'odd-end-of-buffer': bytes([TYPED]) + odd_frame(at_the_end, PORT1, 1, 10, 0, 2020),
+        'odd-port': bytes([TYPED]) + odd_frame(discover, PORT1, 77, 10, 0, 14),
         'odd-length': bytes([TYPED]) + odd_frame(discover, PORT1, 9, 10, 0, 14, 0, 2048),
         'made-discover': bytes([TYPED | SUBOPT9]) + made(1, DISCOVER, PORT1, prl),
         'made-large': bytes([TYPED]) + made(1, DISCOVER, PORT1, prl, pads=1700),
@@ -223,6 +224,11 @@ def cmd_seeds():
         'user-set': [request(10, 9, fresh, *number(4)), request(10, 1, fresh, *number(10)), request(10, 2, fresh, *number(1)),
                      request(10, 4, fresh, *number(7)), request(10, 5, fresh, 0, mac_bytes(CLIENT)),
                      request(10, 9, fresh, *number(1)), request(11, 9, fresh, *number(2)), request(10, 9, fresh, *number(6))],
+        'user-short-mac': [request(10, 9, fresh, *number(4)), request(10, 5, fresh, 0, b'\2'), request(12, 5, fresh, *room(5))],
+        'if-long-texts': [request(5, cmd, [1], 0, b'\1\xc8' + b'x' * 200) for cmd in (5, 6, 7)] +
+                         [request(5, cmd, [1], *number(5)) for cmd in (4, 30, 31)] +
+                         [request(5, cmd, [1], 0, b'y' * 200) for cmd in (5, 6)] +
+                         [request(7, cmd, [1], *room(128)) for cmd in (5, 6)],
         'user-unbind': [request(10, 9, key, *number(2)), request(10, 9, static, *number(3)), request(10, 9, static, *number(6))],
         'vlan': [request(13, 0, [0], *number(0)), request(14, 0, [20], *number(0)), request(15, 1, [20], *number(9)),
                  request(16, 1, [20], *number(0)), request(15, 3, [20], *number(0)), request(15, 3, [20], *number(1))],
