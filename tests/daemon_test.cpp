@@ -17,7 +17,9 @@ DhcpsnoopIf *snoop(uint32_t ifIndex, uint32_t flags)
 
 DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
 {
-    DhcpsnoopRxPkt rx = {};
+    DhcpsnoopRxPkt rx;
+    memset(&rx, 0xEE, sizeof rx); // what stands behind the frame's buffer is not zero
+    memset(rx.data, 0, sizeof rx.data);
     rx.valid = 1;
     rx.len = static_cast<uint16_t>(frame.size());
     std::copy_n(frame.begin(), std::min(frame.size(), sizeof rx.data), rx.data);

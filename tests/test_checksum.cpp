@@ -111,8 +111,11 @@ TEST_F(Update, LengthsBeyondTheFrameAreNotFollowed)
 {
     Parsed parsed(Frame{});
     DhcpsnoopPktInfo &info = parsed.info;
-    info.udpLen = 5000;
-    EXPECT_EQ(dhcpsnoop_update_checksum(&info, 0, 0), 0);
+    for (const uint32_t udpLen : {2048u - 34 + 1, 5000u}) { // one byte beyond the buffer, and beyond any
+        info.udpLen = udpLen;
+        info.udpHdr[6] = 0xAA;
+        EXPECT_EQ(dhcpsnoop_update_checksum(&info, 0, 0), 0);
+    }
     EXPECT_EQ(info.udpHdr[6] << 8 | info.udpHdr[7], 0);
 
     Parsed small(Frame{});

@@ -15,11 +15,11 @@ class Exchange : public Daemon
     {
         world.reset();
         gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
-        for (const uint32_t ifIndex : {1, 2, 3})
+        for (const uint32_t ifIndex : {1u, 2u, 3u})
             world.access(ifIndex, 10);
         world.access(4, 20);
         world.ipsg[1] = {.items = 0xF0};
-        for (const uint32_t ifIndex : {1, 3, 4})
+        for (const uint32_t ifIndex : {1u, 3u, 4u})
             snoop(ifIndex, DHCPSNOOP_IF_OPTION82 | DHCPSNOOP_IF_CHECK_MAC | DHCPSNOOP_IF_CHECK_BINDING);
         snoop(2, DHCPSNOOP_IF_TRUSTED);
         dhcpsnoop_user_timer_check();

@@ -35,7 +35,7 @@ class Format : public Daemon
     // not be written.
     static Bytes expand(const Bytes &text, uint32_t room = 768, const DhcpsnoopPktInfo &from = info())
     {
-        const Bytes exact = text + text_bytes("%s%s");
+        const Bytes exact = text + text_bytes("s%s");
         Bytes out(1024, 0xEE);
         const uint32_t written =
             dhcpsnoop_format_print(&from, exact.data(), static_cast<uint32_t>(text.size()), out.data(), room);

@@ -216,11 +216,11 @@ TEST_F(Forward, WhoGetsIt)
 
 TEST_F(Forward, EveryPortInOrderButTheOneItCameFrom)
 {
-    for (const uint32_t ifIndex : {1, 2, 3, 4})
+    for (const uint32_t ifIndex : {1u, 2u, 3u, 4u})
         world.access(ifIndex, 10);
     world.vlan_interface(110, 10).vlans = {10};
     world.members(10, {4, 1, 9, 2});
-    for (const uint32_t ifIndex : {1, 2, 3, 4, 110})
+    for (const uint32_t ifIndex : {1u, 2u, 3u, 4u, 110u})
         snoop(ifIndex, DHCPSNOOP_IF_TRUSTED);
     const struct {
         const char *claim;

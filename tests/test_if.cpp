@@ -10,7 +10,7 @@ class Interface : public Daemon
     void SetUp() override
     {
         world.reset(3);
-        for (const uint32_t ifIndex : {10, 20, 30, 40})
+        for (const uint32_t ifIndex : {10u, 20u, 30u, 40u})
             world.access(ifIndex, 10);
     }
 
@@ -40,7 +40,7 @@ TEST_F(Interface, ListIsSortedAndEqualIndexesKeepTheirOrder)
 
 TEST_F(Interface, FullTableRefuses)
 {
-    for (const uint32_t ifIndex : {30, 10, 20})
+    for (const uint32_t ifIndex : {30u, 10u, 20u})
         ASSERT_EQ(dhcpsnoop_if_enable(ifIndex), 0u);
     world.clear();
     const std::string before = world_state();

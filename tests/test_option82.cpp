@@ -1,6 +1,5 @@
 // Option 82: what is built (RFC 3046 2, 3.1, 3.2; sub-option 9: RFC 4243 3), inserted, appended, compared,
-// stripped. Expected bytes are written out by hand after those layouts; the whole frame of the exchanges was
-// read back by tshark.
+// stripped. Expected bytes are written out by hand after those layouts, and tshark dissects such frames so.
 #include "daemon_test.h"
 
 namespace
@@ -115,7 +114,7 @@ TEST_F(Option82, IdentifiersInTheRoomTheyAreGiven)
     }
     put(&gDhcpsnoop.circuitIdFmt, 5, "%d");
     EXPECT_EQ(build(dhcpsnoop_build_subopt_circid, parsed, 8).size(), 8u);
-    for (const uint32_t room : {7, 2, 1, 0})
+    for (const uint32_t room : {7u, 2u, 1u, 0u})
         EXPECT_EQ(build(dhcpsnoop_build_subopt_circid, parsed, room).size(), 0u);
 }
 
@@ -265,9 +264,10 @@ Bytes wrapped(const Bytes &options)
 
 TEST_F(Option82, FrameWhoseLengthWrapsIsNotWrittenBehind)
 {
-    for (const Bytes &options : {opt(82, opt(9, {1})) + OPT_END, OPT_END}) {
+    for (const Bytes &options : {opt(82, opt(9, {1})) + OPT_END, OPT_END,
+                                 opt(82, opt(9, {1})) + Bytes(200, 0) + OPT_END}) {
         const Bytes frame = wrapped(options);
-        for (const uint32_t policy : {2, 3}) {
+        for (const uint32_t policy : {2u, 3u}) {
             ifp->flags |= DHCPSNOOP_IF_SUBOPT9;
             set_flag_field(ifp, DHCPSNOOP_IF_POLICY, policy);
             Parsed parsed(frame, ON7);
@@ -402,6 +402,7 @@ TEST_F(Option82, RemoteIdComparison)
         {"raw MAC", "02 06 02 00 00 00 01 07 00 00", "", 4, true},
         {"raw MAC read as typed", "02 06 02 00 00 00 01 07 00 00", "", 3, false},
         {"last byte differs", "02 06 02 00 00 00 01 08", "", 4, false},
+        {"any mode but 3 is read as raw", "02 06 02 00 00 00 01 07 00 00", "", 5, true},
         {"typed text", "02 05 01 03 61 62 63", "abc", 3, true},
         {"raw text", "02 03 61 62 63 00 00", "abc", 4, true},
         {"only the text's own length counts", "02 04 61 62 63 64", "abc", 4, true},

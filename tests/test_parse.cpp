@@ -232,6 +232,13 @@ TEST_F(Parse, LengthsThatLie)
     check_ladder(
         {{"the UDP header begins at the buffer's end", last, {.l2 = 2028, .etherType = 0x0800}, -1, ""}});
 
+    last[2037] = 6; // but what it holds is looked at
+    check_ladder({{"not UDP at the buffer's end",
+                   last,
+                   {.l2 = 2028, .etherType = 0x0800},
+                   -1,
+                   "[DHCPSNOOP] This is not a udp packet!\r\n"}});
+
     // More than the buffer claimed by the record counts as the buffer.
     DhcpsnoopRxPkt rx = rx_packet(full);
     rx.len = 65535;
@@ -263,8 +270,10 @@ TEST_F(Parse, WithoutFullParseOnlyHeaders)
     EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, 0), 0);
     EXPECT_EQ(info.udpHdr, rx.data + 34);
     EXPECT_TRUE(info.udpLenField == nullptr && info.dhcpMsg == nullptr && info.udpLen == 0);
+    EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, 2), 0); // anything but 1
+    EXPECT_EQ(info.udpLenField, nullptr);
     rx = rx_packet(Frame{.srcPort = 1, .dstPort = 1}.bytes());
-    EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, 2), -1);
+    EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, 0), -1);
 }
 
 TEST_F(Parse, VlanLineNamesASingleTagAsTheCustomers)
@@ -396,6 +405,7 @@ TEST_F(Parse, Options)
         {"the last of two", "52 04 01 00 01 00 ff", "opt82 @0 circuit @4 end @6", {}},
         {"an item longer than its option", "52 03 02 ff 00 ff", "opt82 @0 remote @2 end @5", {}},
         {"its header astride the option's end", "52 01 02 ff", "opt82 @0 remote @2 end @3", {}},
+        {"nor those of length 255", "52 05 03 ff 00 01 00 ff", "opt82 @0 end @7", {}},
         {"items of length 254 do not wrap", "52 03 01 fe 00 ff", "opt82 @0 circuit @2 end @5", {}},
     };
     for (const auto &row : rows) {

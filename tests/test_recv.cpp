@@ -108,6 +108,9 @@ TEST_F(Receive, TypesAndDirections)
         if (row.op != 1) {
             EXPECT_EQ(sent_summary(), "");
         }
+        DhcpsnoopIf *in = dhcpsnoop_if_lookup(1);
+        EXPECT_EQ(in->counters[DHCPSNOOP_DROP_UNTRUSTED], row.op == 2 ? 1u : 0u);
+        in->counters[DHCPSNOOP_DROP_UNTRUSTED] = 0;
     }
 }
 

@@ -14,7 +14,7 @@ class Server : public Daemon
     void SetUp() override
     {
         world.reset();
-        for (const uint32_t ifIndex : {1, 2, 3})
+        for (const uint32_t ifIndex : {1u, 2u, 3u})
             world.access(ifIndex, 10);
         world.access(4, 20);
         client = snoop(1);

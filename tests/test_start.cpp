@@ -136,6 +136,7 @@ TEST_F(Start, OptionFormats)
         const char *circuitId, *remoteId, *interfaceId, *remoteId6;
     } rows[] = {
         {"0 is the default mode", 0, "3 0 ", "3 0 ", "3 0 ", "3 0 "},
+        {"1 as it is", 1, "1 0 ", "1 0 ", "1 0 ", "1 0 "},
         {"3 as it is", 3, "3 0 ", "3 0 ", "3 0 ", "3 0 "},
         {"4 as it is, without text", 4, "4 0 ", "4 0 ", "4 0 ", "4 0 "},
         {"5 brings the templates", 5, "5 11 %s.%c.%d:%N", "5 2 %d", "5 11 %d %N:%s.%c", "5 11 %s.%c.%d:%N"},

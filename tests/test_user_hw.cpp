@@ -69,7 +69,7 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
         {"ARP inspection that was not started", 0xF0, DAI, 0, record(true, true, true, true, 0, 0, 0)},
     };
     for (const auto &row : rows) {
-        for (const uint32_t add : {1, 0}) {
+        for (const uint32_t add : {1u, 0u}) {
             SCOPED_TRACE(row.claim);
             world.clear();
             gDhcpsnoop.daiStarted = row.daiStarted;
