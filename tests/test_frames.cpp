@@ -3,16 +3,19 @@
 // must not come is everything that the switch would not have handed over.
 #include "netns_test.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <map>
+#include <random>
+#include <set>
 #include <unistd.h>
 
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -41,8 +44,11 @@ class Loop
   public:
     Loop() { std::memset(control_, 0xEE, sizeof control_); }
 
-    ssize_t receive(int sock)
+    // Waits for the socket as the loop's select does, but not for ever.
+    ssize_t receive(int sock, int milliseconds = 1000)
     {
+        pollfd wait = {sock, POLLIN, 0};
+        poll(&wait, 1, milliseconds);
         std::memset(buffer_, 0xEE, sizeof buffer_);
         return platform_frame_recv(sock, &message_);
     }
@@ -136,7 +142,7 @@ class Frames : public NetnsTest
     void expect_nothing(int sock)
     {
         errno = 0;
-        EXPECT_EQ(loop_.receive(sock), -1);
+        EXPECT_EQ(loop_.receive(sock, 20), -1);
         EXPECT_EQ(errno, EAGAIN);
     }
 
@@ -211,6 +217,33 @@ TEST_F(Frames, AreForwardedWithoutTrapAndNotTold)
         EXPECT_TRUE(to.receive().has_value());
         expect_nothing(v4_);
         expect_nothing(v6_);
+    }
+}
+
+// The trap of a VLAN goes by the outermost tag, also when the kernel has taken that out of the frame.
+TEST_F(Frames, OfATrappedVlanComeAndOthersDoNot)
+{
+    ASSERT_EQ(guard_trap_vlan(10, 4, true), 0);
+    Wire from("c1"), to("c2");
+    const struct {
+        std::vector<Tag> tags;
+        bool comes;
+    } rows[] = {
+        {{}, false},
+        {{{0x8100, 10}}, true},
+        {{{0x8100, 20}}, false},
+        {{{0x88A8, 10}, {0x8100, 20}}, true},
+        {{{0x88A8, 20}, {0x8100, 10}}, false},
+        {{{0x9100, 10}}, true},
+        {{{0x8100, 0xE000}}, false},
+    };
+    for (const auto &row : rows) {
+        Frame frame = discover();
+        frame.tags = row.tags;
+        SCOPED_TRACE(hex(frame.bytes()).substr(0, 70));
+        from.send(frame.bytes());
+        EXPECT_EQ(loop_.receive(v4_, row.comes ? 1000 : 20) > 0, row.comes);
+        EXPECT_EQ(to.receive().has_value(), !row.comes);
     }
 }
 
@@ -317,7 +350,7 @@ TEST_F(Frames, OfAnyLengthLeaveTheNextOneWhole)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
         from.send(row.frame);
-        const ssize_t length = loop_.receive(v4_);
+        const ssize_t length = loop_.receive(v4_, row.comes ? 1000 : 20);
         if (row.comes) {
             ASSERT_EQ(length, static_cast<ssize_t>(row.frame.size()));
             EXPECT_EQ(hex(loop_.frame(length)), hex(row.frame));
@@ -378,6 +411,39 @@ TEST_F(Frames, OfAnAggregateComeFromIt)
     EXPECT_EQ(hex(loop_.frame(length)), hex(frame.bytes()));
     EXPECT_EQ(hex(loop_.info()), hex(info(bond.ifIndex, 10, 0, 18)));
     expect_nothing(v4_);
+}
+
+// Frames of every kind of damage: what comes is what was sent, whole, and nothing else is touched.
+TEST_F(Frames, OfRandomBytesComeWholeOrNotAtAll)
+{
+    trap(true);
+    Wire from("c1");
+    std::mt19937 random(20); // always the same ones
+    const auto below = [&random](size_t limit) { return static_cast<size_t>(random() % limit); };
+    std::set<Bytes> sent; // a frame may come late
+    uint32_t came = 0;
+    const auto take = [this, &sent, &came](int milliseconds) {
+        for (const int sock : {v4_, v6_})
+            for (ssize_t length; (length = loop_.receive(sock, milliseconds)) >= 0; came++)
+                ASSERT_EQ(sent.count(loop_.frame(length)), 1u) << hex(loop_.frame(length));
+    };
+    for (uint32_t i = 0; i < 2000; i++) {
+        std::vector<Tag> tags(below(4), Tag{0x8100, 10});
+        Frame frame = discover();
+        frame.tags = tags;
+        const bool v6 = below(2) != 0;
+        Bytes bytes = v6 ? solicit(tags) : frame.bytes();
+        const size_t layer3 = 14 + 4 * tags.size();
+        for (size_t flips = below(4); flips > 0; flips--)
+            bytes[14 + below(layer3 + 48 - 14)] = static_cast<uint8_t>(below(256));
+        if (below(4) == 0)
+            bytes.resize(std::max<size_t>(layer3 + 1, below(bytes.size())));
+        sent.insert(bytes);
+        from.send(bytes);
+        take(0);
+    }
+    take(100);
+    EXPECT_GT(came, 500u);
 }
 
 // A datagram whose own lengths lie about where it ends keeps its checksum field, whatever the device left to
@@ -448,7 +514,8 @@ TEST_F(Frames, BeginWithTheTrap)
     uint8_t byte;
     ASSERT_GT(recv(sock, &byte, 1, MSG_PEEK), 0);
     ASSERT_EQ(platform_packet_info_enable(sock), 0);
-    expect_nothing(sock);
+    pollfd wait = {sock, POLLIN, 0};
+    EXPECT_EQ(poll(&wait, 1, 20), 0);
     int size = 0;
     socklen_t length = sizeof size;
     ASSERT_EQ(getsockopt(sock, SOL_SOCKET, SO_RCVBUF, &size, &length), 0);
@@ -459,6 +526,28 @@ TEST_F(Frames, BeginWithTheTrap)
     EXPECT_EQ(platform_packet_info_enable(arp), -1);
     EXPECT_EQ(errno, EINVAL);
     close(arp);
+}
+
+// Root may put anything on the loopback device.
+TEST_F(Frames, MadeUpOnTheLoopbackAreDropped)
+{
+    Wire loopback("lo");
+    const Bytes front = repeated(0, 12) + be16(0x88B5);
+    for (const Bytes &rest : {Bytes(), Bytes(6), Bytes(6) + discover().bytes(), repeated(0xFF, 6),
+                              repeated(0xFF, 6) + discover().bytes(), repeated(0xFF, 3000)}) {
+        loopback.send(front + rest);
+        expect_nothing(v4_);
+    }
+    Bytes port(6);
+    memcpy(port.data() + 2, &port_, 4);
+    for (const size_t length : {0u, 1u, 12u, 13u}) {
+        loopback.send(front + port + Bytes(length));
+        expect_nothing(v4_);
+    }
+    for (const char *tags : {"8100", "810000", "8100000a88a8", "8100000a88a8001481"}) {
+        loopback.send(front + port + Bytes(12) + hex_bytes(tags));
+        expect_nothing(v4_);
+    }
 }
 
 // A header without room for the packet information is refused before anything is written.

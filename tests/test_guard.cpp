@@ -181,6 +181,9 @@ TEST_F(Guard, OutlivesTheDaemon)
     guard_ports_complete();
     EXPECT_FALSE(passes()) << "taken over";
     EXPECT_EQ(filters("p1"), 1) << "and not doubled";
+    guard_close();
+    EXPECT_NE(start(), "");
+    EXPECT_FALSE(passes()) << "taken over once more while it holds";
 
     ASSERT_EQ(guard_trap_port(port_, 4, true), 0);
     ASSERT_EQ(guard_trap_port(port_, 4, false), 0);

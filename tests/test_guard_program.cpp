@@ -161,6 +161,7 @@ const ClassRow CLASS_ROWS[] = {
     {"the reserved flag", fragment(0x8000), 4},
     {"a first fragment", fragment(0x2000), 4},
     {"a later fragment that reads like ports", fragment(0x2001), 0},
+    {"a later fragment at 32 KiB", fragment(0x1000), 0},
     {"the last fragment of the largest datagram", fragment(0x1FFF), 0},
     {"cut in the ports", cut(v4().bytes(), 37), 0},
     {"cut behind the ports", cut(v4().bytes(), 38), 4},

@@ -138,6 +138,24 @@ TEST_F(RelaySocket, HandedOverOfAnotherPortIsReplaced)
               0);
 }
 
+TEST_F(RelaySocket, HandedOverForStreamsIsReplaced)
+{
+    EXPECT_EQ(in_child([] {
+                  close(0);
+                  const sockaddr_in own = address(INADDR_ANY, 67);
+                  if (socket(AF_INET, SOCK_STREAM, 0) != 0 ||
+                      bind(0, reinterpret_cast<const sockaddr *>(&own), sizeof own) != 0)
+                      return 1;
+                  int type = 0;
+                  socklen_t length = sizeof type;
+                  return platform_linux::relay_socket_start() == 0 && port_of(0) == 67 &&
+                                 getsockopt(0, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_DGRAM
+                             ? 0
+                             : 2;
+              }),
+              0);
+}
+
 TEST_F(RelaySocket, ThatMayNotBeBoundLeavesStandardInput)
 {
     EXPECT_EQ(in_child([] {

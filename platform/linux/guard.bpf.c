@@ -195,8 +195,7 @@ static __always_inline bool is_trapped(const struct guard_port *port, __u16 vid,
 static __always_inline int to_daemon(struct __sk_buff *skb, __u8 family)
 {
     struct guard_frame header = {.ifindex = skb->ifindex};
-    // Apart from the header: without CAP_PERFMON kernel 6.1 lets nobody write twice into 8 bytes of the
-    // stack.
+    // Apart from the header, for the reason given at struct chain.
     struct {
         __u8 addresses[2 * ETH_ALEN];
         __be32 tag;
