@@ -252,10 +252,16 @@ Binding readBinding(const Daemon &daemon, const UserKey &key)
 
 using BindingFilter = std::function<bool(const Binding &)>;
 
-std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wanted)
+// All bindings that are wanted, or only that of one address: each step of a list costs the daemon a walk over
+// all of its bindings.
+std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wanted,
+                                  const std::optional<UserKey> &only = std::nullopt)
 {
     std::vector<Binding> bindings;
-    for (std::optional<UserKey> key = nextUser(daemon, {}); key; key = nextUser(daemon, key))
+    auto next = [&](const std::optional<UserKey> &last) {
+        return only ? std::nullopt : nextUser(daemon, last);
+    };
+    for (std::optional<UserKey> key = only ? only : next({}); key; key = next(key))
         if (auto binding = ifStillThere([&] { return readBinding(daemon, *key); });
             binding && wanted(*binding))
             bindings.push_back(std::move(*binding));
@@ -319,8 +325,6 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
         return [mac = parseMac(word)](const Binding &b) {
             return std::equal(mac.begin(), mac.end(), b.mac.begin(), b.mac.end());
         };
-    if (name == "address")
-        return [key = parseUserKey(word)](const Binding &b) { return b.key == key; };
     if (name == "type")
         return [type = valueOf("type", USER_TYPES, word)](const Binding &b) { return b.type == type; };
     if (name == "state")
@@ -472,12 +476,18 @@ ExitStatus showBindings(const Context &context, std::span<const std::string> arg
     if (arguments.size() % 2 != 0)
         throw UsageError("show bindings: '" + arguments.back() + "' lacks its value");
     std::vector<BindingFilter> filters;
-    for (size_t i = 0; i < arguments.size(); i += 2)
-        filters.push_back(parseFilter(arguments[i], arguments[i + 1]));
-    std::vector<Binding> bindings = readBindings(context.daemon, [&](const Binding &binding) {
+    std::optional<UserKey> only;
+    for (size_t i = 0; i < arguments.size(); i += 2) {
+        if (arguments[i] == "address")
+            only = parseUserKey(arguments[i + 1]);
+        else
+            filters.push_back(parseFilter(arguments[i], arguments[i + 1]));
+    }
+    auto wanted = [&](const Binding &binding) {
         return std::all_of(filters.begin(), filters.end(),
-                           [&](const auto &filter) { return filter(binding); });
-    });
+                           [&](const BindingFilter &filter) { return filter(binding); });
+    };
+    std::vector<Binding> bindings = readBindings(context.daemon, wanted, only);
     if (context.json) {
         Json list = Json::array();
         for (const Binding &binding : bindings)
