@@ -23,13 +23,21 @@ uint32_t dhcpsnoop_user_hash_key(const DhcpsnoopUserKey *key)
     return sum % DHCPSNOOP_BUCKETS;
 }
 
+// Both lengths are constants, so that walking a long chain calls nothing.
+static bool same_address(const DhcpsnoopUserKey *a, const DhcpsnoopUserKey *b)
+{
+    if (a->ipType != b->ipType)
+        return false;
+    return a->ipType == DHCPSNOOP_IPV4 ? std::memcmp(a->ipAddr, b->ipAddr, 4) == 0
+                                       : std::memcmp(a->ipAddr, b->ipAddr, sizeof a->ipAddr) == 0;
+}
+
 DhcpsnoopUser *dhcpsnoop_user_lookup(const DhcpsnoopUserKey *key)
 {
     if (key == nullptr)
         return nullptr;
     for (auto *user : list_each<DhcpsnoopUser>(&gDhcpsnoop.userHash[dhcpsnoop_user_hash_key(key)])) {
-        if (user->key.ipType == key->ipType &&
-            std::memcmp(user->key.ipAddr, key->ipAddr, address_length(key->ipType)) == 0)
+        if (same_address(&user->key, key))
             return user;
     }
     return nullptr;
