@@ -62,7 +62,8 @@ std::string NetnsTest::run(const std::string &command)
     for (size_t got; (got = fread(piece, 1, sizeof piece, pipe)) > 0;)
         output.append(piece, got);
     const int status = pclose(pipe);
-    EXPECT_EQ(status, 0) << command << "\n" << output;
+    EXPECT_EQ(status, 0) << command << "\n"
+                         << output;
     return output;
 }
 

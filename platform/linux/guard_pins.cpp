@@ -56,7 +56,7 @@ std::string pins_directory(const Namespace &own, std::string &why)
         why = std::string("no bpffs at ") + PIN_ROOT + " and none can be mounted: " + strerror(errno);
         return "";
     }
-    const std::string path =
+    std::string path =
         std::string(PIN_ROOT) + "/" + std::to_string(own.inode) + "-" + std::to_string(GUARD_LAYOUT);
     if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
         why = path + ": " + strerror(errno);
