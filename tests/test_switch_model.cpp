@@ -406,6 +406,7 @@ const VlanCase VLAN_CASES[] = {
     {"ids that are none", {{0, 0}, {PVID, 4095}, {0, 65535}, {0, 3}}, "native 0, tagged 3, untagged none"},
     {"an end without begin", {{END, 8}}, "native 0, tagged 8, untagged none"},
     {"a begin without end", {{BEGIN, 8}, {0, 9}, {0, 12}}, "native 0, tagged 9,12, untagged none"},
+    {"a begin that something else follows", {{BEGIN, 8}, {0, 10}, {END, 12}}, "native 0, tagged 10,12, untagged none"},
     {"a range backwards", {{BEGIN, 12}, {END | PVID, 10}}, "native 0, tagged none, untagged none"},
     {"an end out of range", {{BEGIN, 12}, {END, 4095}, {0, 5}}, "native 0, tagged 5, untagged none"},
 };
@@ -467,6 +468,12 @@ const FeedCase FEED_CASES[] = {
      "port 3 joined, aggregate 9 + 3", "", true},
     {"from a bond into a bridge", BONDED, new_link(3, "p", nullptr, 2, "bridge"), "aggregate 8 - 3",
      "p: native 1, tagged none, untagged 1, up, disabled\n", true},
+    {"from bridge to bridge at one stroke: its VLANs are still to be told",
+     {new_bridge(2, true), new_bridge(4, true), new_link(3, "p", nullptr, 2, "bridge"), bridge_port(3, 2, {{PVID, 7}})},
+     new_link(3, "p", nullptr, 4, "bridge"),
+     "",
+     "p: native 0, tagged none, untagged none, up, disabled\n",
+     true},
     {"a dormant port is not up", PLAIN, new_link(3, "p", nullptr, 2, "bridge", UP | 0x20000), "",
      "p: native 1, tagged none, untagged 1, down, forwarding\n", true},
     {"carrier without being switched on", PLAIN, new_link(3, "p", nullptr, 2, "bridge", 0x10002), "",
@@ -502,6 +509,34 @@ TEST(Links, SeveralMessagesInOneDatagramAndOneThatIsNoMultipleOfFour)
     model.feed(datagram, events);
     EXPECT_EQ(linux_test::describe(model.ports()),
               std::string(PLAIN_PORT) + "r: native 1, tagged none, untagged 1, up, disabled\n");
+}
+
+TEST(Links, AMessageIsAsLongAsItSaysIfThatIsThere)
+{
+    struct Row {
+        const char *claim;
+        uint32_t says;
+        bool whole;
+        size_t left;
+    } const rows[] = {
+        {"less than a header", 15, false, 40},
+        {"a header", 16, true, 24},
+        {"padded to 4", 17, true, 20},
+        {"all there is", 40, true, 0},
+        {"without its padding", 39, true, 0},
+        {"more than there is", 41, false, 40},
+        {"2 GiB", 0x80000000, false, 40},
+        {"4 GiB", 0xFFFFFFFF, false, 40},
+    };
+    for (const Row &row : rows) {
+        Bytes bytes(40);
+        memcpy(bytes.data(), &row.says, sizeof row.says);
+        std::span<const uint8_t> rest(bytes);
+        EXPECT_EQ(next_message(rest) != nullptr, row.whole) << row.claim;
+        EXPECT_EQ(rest.size(), row.left) << row.claim;
+    }
+    std::span<const uint8_t> none;
+    EXPECT_EQ(next_message(none), nullptr);
 }
 
 TEST(Links, WhatACompleteDumpDoesNotNameIsGone)
@@ -551,6 +586,15 @@ TEST(Model, WatcherHearsWhatTheDataPlaneMustFollow)
     EXPECT_EQ(heard(GONE), "") << "it was no port any more";
     EXPECT_EQ(heard(new_link(9, "p", nullptr, 2, "bridge")), "p appeared 9; ")
         << "the same name under a new index";
+
+    // A dump of links, then one of VLANs: nobody hears of what is known by halves.
+    watched.clear();
+    model.dump_begin();
+    feed_all(model, {new_bridge(2, true), new_link(3, "p", nullptr, 2, "bridge"), bridge_port(3, 2, {{PVID, 7}})});
+    EXPECT_EQ(watched, "");
+    DaemonEvents events;
+    model.dump_end(true, events);
+    EXPECT_EQ(watched, "p appeared 3; q vanished 4; p vanished 9; ");
 }
 
 // Answers
@@ -564,7 +608,16 @@ const char *const CONF = "system 2\n"
                          "port blk access 10\n"
                          "port dwn access 10\n"
                          "vlan 10 interface v10\n";
-enum : uint32_t { BRIDGE = 2, ACC, TRK, RTD, AGG, MEM, BLK, DWN, V10, OTHER };
+enum : uint32_t { BRIDGE = 2,
+                  ACC,
+                  TRK,
+                  RTD,
+                  AGG,
+                  MEM,
+                  BLK,
+                  DWN,
+                  V10,
+                  OTHER };
 
 // The daemon's own model, which the answers are made from.
 class Answers : public testing::Test
