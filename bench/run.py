@@ -6,8 +6,11 @@
 Everything runs in namespaces of its own (lab/isolate.py): a switch with two ports, and the machine at their other
 ends, where bench_traffic plays clients and servers. In every round each subject gets the same traffic: 300-byte
 DISCOVER, OFFER, REQUEST and ACK messages of all clients in turn, always so many on their way that the subject never
-waits. What is compared is the processor time a frame takes, because the rates of a machine move from minute to minute;
-a subject's ratio is that of the loop's time in the same round over its own, and the table has the median of each.
+waits; then the same at 5,000 frames a second, for how long a frame takes ("median us", "p99 us").
+
+What is compared is the processor time of a frame, because the rates of a machine move from minute to minute. "of loop" is
+the loop's time in the same round over the subject's own. Every figure is the median of the rounds. "own KiB" is what is
+resident of the process and of no file.
 """
 
 import argparse
@@ -26,6 +29,7 @@ import lab  # noqa: E402
 
 CLIENT_SIDE, SERVER_SIDE = "swp1", "swp2"  # the switch's ports
 CLIENTS, SERVERS = "clients", "servers"  # their other ends
+PACE = 5000  # frames a second, far below what any subject can do
 GIADDR, RELAY_SIDE, SERVER = "10.1.0.1", "10.2.0.1", "10.2.0.2"
 SWITCH_CONF = f"{lab.RUN}/switch.conf"
 
@@ -52,6 +56,7 @@ class Subject:
 class Loop(Subject):
     def start(self, bench):
         self.process = bench.process("loop", bench.binary("bench_loop"), CLIENT_SIDE, SERVER_SIDE)
+        bench.wait_flow("loop")
 
 
 class Daemon(Subject):
@@ -92,7 +97,7 @@ class Relay(Subject):
         # It reports every message; let that cost as little as it can.
         self.process = bench.process("dhcrelay", "sh", "-c", 'exec "$0" "$@" 2>/dev/null', "dhcrelay", "-4", "-d", "--no-pid",
                                      "-id", CLIENT_SIDE, "-iu", SERVER_SIDE, SERVER)
-        lab.wait_for("relay", lambda: bench.traffic("--rounds", "1", "--clients", 1, *self.traffic(bench))["forwarded"] == 4)
+        bench.wait_flow("relay", *self.traffic(bench))
 
     def stop(self, bench):
         super().stop(bench)
@@ -100,7 +105,8 @@ class Relay(Subject):
             bench.switch.ip(f"addr flush dev {port}")
 
     def traffic(self, bench):
-        return "--relay", GIADDR, bench.mac(bench.switch, SERVER_SIDE)
+        # Its sockets hold fewer frames than the others'.
+        return "--relay", GIADDR, bench.mac(bench.switch, SERVER_SIDE), "--window", 48
 
 
 class Bench:
@@ -139,6 +145,10 @@ class Bench:
         done = self.ends.run(*self.pinned(0, self.binary("bench_traffic"), CLIENTS, SERVERS, *map(str, arguments)))
         return json.loads(done.stdout)
 
+    def wait_flow(self, what, *arguments):
+        lab.wait_for(f"traffic through the {what}",
+                     lambda: self.traffic("--rounds", 1, "--clients", 1, *arguments)["forwarded"] == 4)
+
     def measure(self, subject):
         subject.start(self)
         try:
@@ -148,6 +158,7 @@ class Bench:
             result = self.traffic(*arguments)
             result["cpu"] = (cpu_seconds(pid) - before) / max(result["forwarded"], 1) * 1e6
             result["rate"] = result["forwarded"] / result["seconds"] if result["seconds"] else 0
+            result["paced"] = self.traffic(*arguments, "--rate", PACE)
             result.update(memory_kib(pid))
             if not subject.process.running():
                 raise lab.Failure(f"{subject.name} ended\n{subject.process.log()}")
@@ -180,13 +191,14 @@ def memory_kib(pid):
 
 
 def table(subjects):
-    yield ("subject", "bindings", "us/frame", "of loop", "frames/s", "median us", "p99 us", "lost", "RSS KiB", "own KiB")
+    yield "subject", "bindings", "us/frame", "of loop", "frames/s", "median us", "p99 us", "lost", "RSS KiB", "own KiB"
     for subject in subjects:
         median = subject.median
         yield (subject.name, str(subject.bindings) if isinstance(subject, Daemon) else "-",
                f"{median(lambda r: r['cpu']):.2f}", f"{median(lambda r: r['ratio']):.2f}",
-               f"{median(lambda r: r['rate']):,.0f}", str(median(lambda r: r["median_us"])),
-               str(median(lambda r: r["p99_us"])), str(sum(r["lost"] for r in subject.rounds)),
+               f"{median(lambda r: r['rate']):,.0f}", f"{median(lambda r: r['paced']['median_us']):.0f}",
+               f"{median(lambda r: r['paced']['p99_us']):.0f}",
+               str(sum(r["lost"] + r["paced"]["lost"] for r in subject.rounds)),
                f"{median(lambda r: r['rss']):,.0f}", f"{median(lambda r: r['anonymous']):,.0f}")
 
 
@@ -199,9 +211,9 @@ def show(rows):
 
 
 def smoke(subjects):
-    """Only that everything flows: a machine under load may lose a frame, not many."""
+    """Only that everything flows: a machine under load may lose some."""
     faults = [f"{subject.name}: {result}" for subject in subjects for result in subject.rounds
-              if result["forwarded"] < 1000 or result["lost"] > result["forwarded"] / 100]
+              if result["forwarded"] < 100 or result["lost"] > result["forwarded"] / 10]
     if faults:
         sys.exit("\n".join(faults))
     print(f"{len(subjects)} subjects, " + ", ".join(f"{s.name} {s.rounds[0]['cpu']:.2f} us" for s in subjects))
@@ -230,6 +242,7 @@ def main():
     if options.smoke:
         smoke(subjects)
     else:
+        print(f"{options.rounds} rounds of {options.seconds:g} s")
         show(table(subjects))
 
 
