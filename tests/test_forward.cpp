@@ -148,6 +148,21 @@ TEST_F(Forward, TagsAsThePortWantsThem)
     }
 }
 
+TEST_F(Forward, TagCarriesTheWholeVlan)
+{
+    world.access(1, 10);
+    world.trunk(2, {4094});
+    world.members(4094, {2});
+    snoop(1);
+    snoop(2, DHCPSNOOP_IF_TRUSTED);
+    const Parsed parsed(Frame{}, {.outer = 4094});
+    for (const Sender *sender : SENDERS) {
+        world.clear();
+        sender->send(&parsed.info, 4094);
+        EXPECT_EQ(dissect(sent_frame()), dissect(Frame{.tags = {{0x8100, 4094}}}.bytes())) << sender->name;
+    }
+}
+
 TEST_F(Forward, NoRenumberingInTheFramesOwnVlan)
 {
     const Frame frame = {.tags = {{0x8100, 0xE00A}}};
@@ -349,9 +364,12 @@ TEST_F(Forward, MemberLists)
         size_t sent;
         bool text;
     } rows[] = {
-        {"no answer", std::nullopt, 0, true}, {"an empty list", 0, 0, false},
-        {"one member", 4, 1, false},          {"bytes that are no whole index", 7, 1, false},
-        {"a full list", 256, 64, false},      {"a platform that claims more than the room", 400, 64, false},
+        {"no answer", std::nullopt, 0, true},
+        {"an empty list", 0, 0, false},
+        {"one member", 4, 1, false},
+        {"bytes that are no whole index", 7, 1, false},
+        {"a full list", 256, 64, false},
+        {"a platform that claims more than the room", 400, 64, false},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);

@@ -215,6 +215,7 @@ TEST_F(Server, RelayUndo)
         {"other flags do not count", ACK, 0x7FFF, HOST, RELAY, SERVER, true, false},
         {"a second configured server", ACK, 0, HOST, RELAY, ip4(10, 7, 7, 7), true, false},
         {"a NAK is broadcast", NAK, 0, 0, RELAY, SERVER, true, true},
+        {"a NAK is broadcast even with an address", NAK, 0, HOST, RELAY, SERVER, true, true},
         {"an offer without address is broadcast", OFFER, 0, 0, RELAY, SERVER, true, true},
         {"another relay's reply stays as it is", ACK, 0x8000, HOST, RELAY + 1, SERVER, false, false},
         {"another server's reply stays as it is", ACK, 0x8000, HOST, RELAY, SERVER + 1, false, false},
@@ -368,11 +369,14 @@ TEST_F(Server, BootOptions)
          {"[DHCPSNOOP] Insert option67, len is 256.\r\n", "[DHCPSNOOP] option67 len is invalid!\r\n",
           "[DHCPSNOOP] Insert option125, len is 256.\r\n", "[DHCPSNOOP] option125 len is invalid!\r\n"}},
         {"a NAK gets none", NAK, true, text_bytes("b"), text_bytes("x"), {}, {}},
+        {"an offer to a waiting client gets none", OFFER, true, text_bytes("b"), text_bytes("x"), {}, {}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
         SetUp();
         make_binding(HOST, MAC_CLIENT, 1, 10);
+        const Parsed discover(Frame{});
+        dhcpsnoop_mac_user_add(&discover.info);
         client->flags |= DHCPSNOOP_IF_OPTION82;
         world.bootFile = row.bootFile;
         world.option125 = row.option125;
@@ -385,6 +389,7 @@ TEST_F(Server, BootOptions)
                              .dstPort = 68,
                              .op = 2,
                              .yiaddr = HOST,
+                             .giaddr = RELAY,
                              .options = opt_type(row.type) + opt_ip(54, SERVER) + own + OPT_END};
         receive(frame, ON2);
         Frame expected = frame; // option 82 is this port's own and goes

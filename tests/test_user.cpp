@@ -114,6 +114,7 @@ TEST_F(User, Learning)
               std::string(63, 'n') + ", vlan 10, leasetime 60.\r\n"});
     EXPECT_TRUE(printed(
         "[DHCPSNOOP] User information: interface 1, vid 10, mac 02:c1:00:00:00:01, ip 10.0.0.50.\r\n"));
+    EXPECT_EQ(world.questions("nmGetIfPartDescr"), Lines{"nmGetIfPartDescr 1 63"});
     EXPECT_EQ(world.calls(), Lines{}); // nothing is installed or announced yet
 
     EXPECT_EQ(dhcpsnoop_user_add(nullptr, nullptr, nullptr), 0);
@@ -539,6 +540,8 @@ TEST_F(User, MacUsers)
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), one);
     EXPECT_EQ(gDhcpsnoop.userFreeList.next, again);
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(high.data()), nullptr);
+    const Mac lastByte = {0, 0, 0, 0, 1, 2 + 63}; // the same bucket, five equal bytes
+    EXPECT_EQ(dhcpsnoop_mac_user_lookup(lastByte.data()), nullptr);
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(nullptr), nullptr);
     EXPECT_EQ(dhcpsnoop_mac_user_add(nullptr), nullptr);
     first.info.chaddr = nullptr;

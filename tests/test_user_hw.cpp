@@ -87,9 +87,7 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
                                    "10.0.0.50, checkitem 0x%x.\r\n",
                                    add == 1 ? "Add" : "Delete", row.record[37])});
             // Kept: a kind-2 record without ARP inspection carries 0, and so does the binding after an add.
-            if (add == 1 && row.kind == DAI) {
-                EXPECT_EQ(user->daiHwId, row.daiStarted == 1 ? 0x2222u : 0u);
-            }
+            EXPECT_EQ(user->daiHwId, add == 1 && row.kind == DAI && row.daiStarted == 0 ? 0u : 0x2222u);
             user->daiHwId = 0x2222;
         }
     }
@@ -226,6 +224,15 @@ TEST_F(Hardware, InstallAndWithdraw)
     const size_t before = world.calls().size();
     dhcpsnoop_user_update_hw(user, 0);
     EXPECT_EQ(world.calls().size(), before);
+
+    // A binding that is deleted is withdrawn, whichever of the two has it.
+    for (const uint8_t installed : {uint8_t{0x40}, uint8_t{0xC0}}) {
+        DhcpsnoopUser *other = make_binding(HOST + 1, MAC_CLIENT2, 1, 10);
+        other->hwFlags = installed;
+        world.clear();
+        dhcpsnoop_user_delete(other);
+        EXPECT_EQ(world.calls("hw delete 1").size(), installed == 0xC0 ? 2u : 1u);
+    }
 
     // A refused install leaves it not installed.
     world.refuse("hw add", 1, 1);
