@@ -11,20 +11,17 @@
 class Statistics
 {
   public:
-    explicit Statistics(Clock::time_point start) : start_(start), last_(start) {}
-
-    void forwarded(Clock::duration took, Clock::time_point now)
+    void forwarded(Clock::duration took)
     {
         forwarded_++;
-        last_ = now;
         const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(took).count();
         histogram_[std::min<size_t>(static_cast<size_t>(std::max<int64_t>(micros, 0)),
                                     histogram_.size() - 1)]++;
     }
+    void worked(Clock::duration time) { worked_ += time; }
 
     uint64_t forwarded() const { return forwarded_; }
-    // Up to the last frame that arrived.
-    double seconds() const { return std::chrono::duration<double>(last_ - start_).count(); }
+    double seconds() const { return std::chrono::duration<double>(worked_).count(); }
     // Microseconds that so many of a hundred frames took at most; the largest that is told apart is 100 ms.
     size_t percentile(double percent) const
     {
@@ -38,7 +35,7 @@ class Statistics
     }
 
   private:
-    Clock::time_point start_, last_;
+    Clock::duration worked_{};
     uint64_t forwarded_ = 0;
     std::vector<uint64_t> histogram_ = std::vector<uint64_t>(100'001);
 };

@@ -8,6 +8,8 @@
 //
 // --window   frames on their way at most (128): without --rate this is what paces
 // --rate     frames a second
+// --bursts   stop that process while a window full is sent, and let it work that off: it never waits for a
+// frame
 // --rounds   each client so many exchanges, instead of a time
 // --relay    replies go to this relay agent's address
 // --leases-only  REQUEST and ACK alone
@@ -19,6 +21,8 @@
 
 #include <arpa/inet.h>
 #include <sched.h>
+#include <signal.h>
+#include <sys/types.h>
 
 #include "link.h"
 #include "matcher.h"
@@ -37,13 +41,14 @@ struct Options {
     uint32_t giaddr = 0;
     uint8_t relayMac[6] = {};
     bool leasesOnly = false;
+    pid_t between = 0;
 };
 
 [[noreturn]] void usage()
 {
     fprintf(stderr,
             "usage: bench_traffic CLIENT-DEVICE SERVER-DEVICE [--clients N] [--seconds S | --rounds N] "
-            "[--window N] [--rate N] [--relay GIADDR MAC] [--leases-only]\n");
+            "[--window N] [--rate N] [--bursts PID] [--relay GIADDR MAC] [--leases-only]\n");
     exit(2);
 }
 
@@ -69,6 +74,8 @@ Options read_options(int argc, char **argv)
             options.rate = strtoull(value(), nullptr, 10);
         else if (word == "--leases-only")
             options.leasesOnly = true;
+        else if (word == "--bursts")
+            options.between = static_cast<pid_t>(atol(value()));
         else if (word == "--relay") {
             in_addr address = {};
             uint8_t *mac = options.relayMac;
@@ -127,56 +134,113 @@ class Exchanges
     uint64_t done_ = 0;
 };
 
+class Run
+{
+  public:
+    explicit Run(const Options &options)
+        : options_(options), clients_(options.clientDevice), servers_(options.serverDevice),
+          exchanges_(options, clients_, servers_), matcher_(options.window, PATIENCE)
+    {
+        if (options.rounds != 0)
+            wanted_ = options.rounds * options.clients;
+        else
+            end_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                      std::chrono::duration<double>(options.seconds));
+    }
+
+    // As many on their way as the window and the pace allow.
+    void steadily()
+    {
+        const Clock::time_point start = Clock::now();
+        Pacer pacer(options_.rate / exchanges_.frames_each(), start);
+        while (more() || matcher_.on_their_way() > 0) {
+            if (more())
+                send(pacer.allow(std::min(room(), EXCHANGES_AT_ONCE), Clock::now()));
+            receive();
+        }
+        statistics_.worked(Clock::now() - start);
+    }
+
+    // A window full while the process in between is stopped; then it works that off.
+    void in_bursts(pid_t between)
+    {
+        while (more()) {
+            signal_to(between, SIGSTOP);
+            send(room());
+            const Clock::time_point start = Clock::now();
+            signal_to(between, SIGCONT);
+            while (matcher_.on_their_way() > 0)
+                receive();
+            statistics_.worked(Clock::now() - start);
+        }
+    }
+
+    void print() const
+    {
+        printf(
+            "{\"forwarded\": %llu, \"lost\": %llu, \"unknown\": %llu, \"seconds\": %.6f, \"median_us\": %zu, "
+            "\"p99_us\": %zu}\n",
+            static_cast<unsigned long long>(statistics_.forwarded()),
+            static_cast<unsigned long long>(matcher_.lost()),
+            static_cast<unsigned long long>(matcher_.unknown()), statistics_.seconds(),
+            statistics_.percentile(50), statistics_.percentile(99));
+    }
+
+  private:
+    static constexpr uint64_t EXCHANGES_AT_ONCE = 16;
+    static constexpr auto PATIENCE = std::chrono::seconds(2); // for a machine that does other things too
+
+    bool more() const { return exchanges_.done() < wanted_ && Clock::now() < end_; }
+
+    uint64_t room() const
+    {
+        return std::min(matcher_.room() / exchanges_.frames_each(), wanted_ - exchanges_.done());
+    }
+
+    void send(uint64_t count) { exchanges_.send(count, matcher_, Clock::now()); }
+
+    void receive()
+    {
+        size_t received = 0;
+        for (Link *link : {&clients_, &servers_}) {
+            received += link->receive([this](std::span<const uint8_t> frame) {
+                uint32_t xid;
+                if (!read_xid(frame, &xid))
+                    return;
+                if (const auto took = matcher_.received(xid, Clock::now()))
+                    statistics_.forwarded(*took);
+            });
+        }
+        if (received == 0) {
+            matcher_.advance(Clock::now());
+            sched_yield(); // where there is one processor only, the other side needs it
+        }
+    }
+
+    static void signal_to(pid_t process, int number)
+    {
+        if (kill(process, number) != 0)
+            die("the process in between");
+    }
+
+    const Options &options_;
+    Link clients_, servers_;
+    Exchanges exchanges_;
+    Matcher matcher_;
+    Statistics statistics_;
+    Clock::time_point end_ = Clock::time_point::max();
+    uint64_t wanted_ = UINT64_MAX; // exchanges
+};
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    constexpr uint64_t EXCHANGES_AT_ONCE = 16;
-    const auto patience = std::chrono::seconds(2); // for a machine that does other things too
     const Options options = read_options(argc, argv);
-    static Link clients(options.clientDevice), servers(options.serverDevice);
-
-    const Clock::time_point start = Clock::now();
-    const Clock::time_point end = options.rounds != 0
-                                      ? Clock::time_point::max()
-                                      : start + std::chrono::duration_cast<Clock::duration>(
-                                                    std::chrono::duration<double>(options.seconds));
-    const uint64_t wanted = options.rounds != 0 ? options.rounds * options.clients : UINT64_MAX;
-    Matcher matcher(options.window, patience);
-    Statistics statistics(start);
-    Pacer pacer(options.rate / (options.leasesOnly ? 2 : 4), start);
-    Exchanges exchanges(options, clients, servers);
-
-    for (bool sending = true; sending || matcher.on_their_way() > 0;) {
-        Clock::time_point now = Clock::now();
-        sending = sending && now < end && exchanges.done() < wanted;
-        if (sending) {
-            const uint64_t fits = std::min(matcher.room() / exchanges.frames_each(), EXCHANGES_AT_ONCE);
-            const uint64_t count = pacer.allow(std::min(fits, wanted - exchanges.done()), now);
-            if (count > 0)
-                exchanges.send(count, matcher, now);
-        }
-
-        size_t received = 0;
-        for (Link *link : {&clients, &servers}) {
-            received += link->receive([&](std::span<const uint8_t> frame) {
-                uint32_t xid;
-                if (!read_xid(frame, &xid))
-                    return;
-                now = Clock::now();
-                if (const auto took = matcher.received(xid, now))
-                    statistics.forwarded(*took, now);
-            });
-        }
-        if (received == 0) {
-            matcher.advance(Clock::now());
-            sched_yield(); // where there is one processor only, the other side needs it
-        }
-    }
-    printf("{\"forwarded\": %llu, \"lost\": %llu, \"unknown\": %llu, \"seconds\": %.6f, \"median_us\": %zu, "
-           "\"p99_us\": %zu}\n",
-           static_cast<unsigned long long>(statistics.forwarded()),
-           static_cast<unsigned long long>(matcher.lost()),
-           static_cast<unsigned long long>(matcher.unknown()), statistics.seconds(),
-           statistics.percentile(50), statistics.percentile(99));
+    static Run run(options);
+    if (options.between != 0)
+        run.in_bursts(options.between);
+    else
+        run.steadily();
+    run.print();
 }
