@@ -135,6 +135,9 @@ class TrapRules : public ::testing::Test
 
     void TearDown() override
     {
+        for (const auto &[ifIndex, port] : ports)
+            for (const int family : {4, 6})
+                trap_set(ifIndex, family, false);
         for (const auto &[ifIndex, port] : std::map(ports))
             tell(ModelChange::vanished, port);
     }
@@ -192,6 +195,28 @@ TEST_F(TrapRules, OfAVlanInterfaceAreItsVlans)
     EXPECT_EQ(trap_set(10, 6, true), 0);
     EXPECT_EQ(trap_set(10, 4, false), 0);
     EXPECT_EQ(recorder.take(), "vlan 100 4 on\nvlan 100 6 on\nvlan 100 4 off\n");
+}
+
+// The daemon is told nothing when a port leaves a bridge and comes back: its rule must be there again.
+TEST_F(TrapRules, ComeBackWithTheirPort)
+{
+    ASSERT_EQ(trap_set(3, 4, true), 0);
+    ASSERT_EQ(trap_set(3, 6, true), 0);
+    ASSERT_EQ(trap_set(3, 4, false), 0);
+    ASSERT_EQ(trap_set(10, 4, true), 0);
+    const Port port = ports.at(3), vlan = ports.at(10);
+    tell(ModelChange::vanished, port);
+    tell(ModelChange::vanished, vlan);
+    recorder.take();
+    tell(ModelChange::appeared, port);
+    tell(ModelChange::appeared, vlan);
+    EXPECT_EQ(recorder.take(), "add 3 1\nport 3 6 on\nremove 10\nvlan 100 4 on\n");
+    tell(ModelChange::vanished, port);
+    EXPECT_EQ(trap_set(3, 6, false), 0);
+    recorder.take();
+    tell(ModelChange::appeared, port);
+    EXPECT_EQ(recorder.take(), "add 3 1\n") << "taken back while it was away";
+    EXPECT_EQ(trap_set(10, 4, false), 0);
 }
 
 // The device may go before the daemon takes its rule back: the VLAN must not stay cut off.

@@ -15,12 +15,13 @@ namespace platform_linux
 namespace
 {
 
-// The VLAN interfaces with a trap, so that it can be taken back when the device is gone already.
-struct VlanTrap {
-    uint16_t vid;
+// What the daemon has asked for, until it takes it back: it hears nothing of a port that leaves a bridge and
+// comes back, and counts on its rule still being there.
+struct Rule {
+    uint16_t vid; // of a VLAN interface, where the rule stands in the guard; 0 = none, or a port's rule
     bool v4, v6;
 };
-std::map<uint32_t, VlanTrap> vlanTraps;
+std::map<uint32_t, Rule> rules;
 
 // A member of an aggregate does not: its frames count where they come in once more, on the aggregate.
 bool receives_itself(const Port &port) { return port.kind != PortKind::vlanInterface && port.aggregate == 0; }
@@ -34,16 +35,36 @@ void follow(const Port &port)
     const int error = guard_port_add(port.ifIndex, port.nativeVid);
     if (error != 0 && error != ENODEV) // the kernel says next that it has gone
         platform_report(LOG_ERR, "%s: no DHCP trap can be had on it: %s", port.name, strerror(error));
+    const auto rule = rules.find(port.ifIndex);
+    if (rule == rules.end())
+        return;
+    if (rule->second.v4)
+        guard_trap_port(port.ifIndex, 4, true);
+    if (rule->second.v6)
+        guard_trap_port(port.ifIndex, 6, true);
 }
 
+// The VLAN of an interface that has gone must not stay cut off.
 void vlan_interface_gone(uint32_t ifIndex)
 {
-    const auto found = vlanTraps.find(ifIndex);
-    if (found == vlanTraps.end())
+    const auto rule = rules.find(ifIndex);
+    if (rule == rules.end() || rule->second.vid == 0)
         return;
-    guard_trap_vlan(found->second.vid, 4, false);
-    guard_trap_vlan(found->second.vid, 6, false);
-    vlanTraps.erase(found);
+    guard_trap_vlan(rule->second.vid, 4, false);
+    guard_trap_vlan(rule->second.vid, 6, false);
+    rule->second.vid = 0;
+}
+
+void vlan_interface_back(const Port &port)
+{
+    const auto rule = rules.find(port.ifIndex);
+    if (rule == rules.end())
+        return;
+    rule->second.vid = port.vlan;
+    if (rule->second.v4)
+        guard_trap_vlan(port.vlan, 4, true);
+    if (rule->second.v6)
+        guard_trap_vlan(port.vlan, 6, true);
 }
 
 void model_changed(ModelChange change, const Port &port, const Port *before)
@@ -56,6 +77,8 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
     if (change == ModelChange::appeared || before == nullptr || port.nativeVid != before->nativeVid ||
         port.aggregate != before->aggregate || port.up != before->up)
         follow(port);
+    if (change == ModelChange::appeared && port.kind == PortKind::vlanInterface)
+        vlan_interface_back(port);
 }
 
 } // namespace
@@ -80,19 +103,18 @@ int32_t trap_start()
 int32_t trap_set(uint32_t ifIndex, int family, bool on)
 {
     const Port *port = model_port(ifIndex);
-    const auto known = vlanTraps.find(ifIndex);
-    if (known == vlanTraps.end() && (port == nullptr || port->kind != PortKind::vlanInterface)) {
-        const int error = guard_trap_port(ifIndex, family, on);
-        return !on && error == ENODEV ? 0 : error;
-    }
-    const uint16_t vid = known != vlanTraps.end() ? known->second.vid : port->vlan;
-    const int error = guard_trap_vlan(vid, family, on);
-    if (error != 0)
+    const auto known = rules.find(ifIndex);
+    uint16_t vid = known != rules.end() ? known->second.vid : 0;
+    if (port != nullptr && port->kind == PortKind::vlanInterface)
+        vid = port->vlan;
+    const int error = vid != 0 ? guard_trap_vlan(vid, family, on) : guard_trap_port(ifIndex, family, on);
+    if (error != 0 && (on || error != ENODEV))
         return error;
-    VlanTrap &trap = vlanTraps.try_emplace(ifIndex, VlanTrap{vid, false, false}).first->second;
-    (family == 4 ? trap.v4 : trap.v6) = on;
-    if (!trap.v4 && !trap.v6)
-        vlanTraps.erase(ifIndex);
+    Rule &rule = rules.try_emplace(ifIndex, Rule{vid, false, false}).first->second;
+    rule.vid = vid;
+    (family == 4 ? rule.v4 : rule.v6) = on;
+    if (!rule.v4 && !rule.v6)
+        rules.erase(ifIndex);
     return 0;
 }
 
