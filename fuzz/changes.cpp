@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "dhcpsnoop_format.h"
 #include "dhcpsnoop_main.h"
 #include "pools.h"
 #include "world.h"
@@ -138,8 +139,11 @@ bool change_take(Input &input)
     case CHANGE_TEMPLATE: {
         DhcpsnoopOptionFormat *const formats[] = {&gDhcpsnoop.circuitIdFmt, &gDhcpsnoop.remoteIdFmt,
                                                   &gDhcpsnoop.interfaceIdFmt, &gDhcpsnoop.remoteId6Fmt};
-        const uint8_t which = input.u8();
-        *formats[which % 4] = format_taken(input);
+        DhcpsnoopOptionFormat &format = *formats[input.u8() % 4];
+        format = format_taken(input);
+        // Whoever offers a template to the daemon may have it checked first.
+        const Bytes text(format.text, format.text + format.len);
+        dhcpsnoop_format_check(text.data(), format.len);
         break;
     }
     case CHANGE_SWITCH_TEXT: {

@@ -87,7 +87,7 @@ def made(op, message, arrival, options, shape=0, tags=b'\0', picks=b'\0\0\0\0\0\
     return record + struct.pack('>H', len(options)) + options
 
 
-MEMBERS, SWITCH_TEXT = 8, 12  # changes.cpp
+PORT_STATE, MEMBERS, REFUSAL, SWITCH_TEXT = 7, 8, 10, 12  # changes.cpp
 
 
 def change(what, arguments):
@@ -162,6 +162,15 @@ def recv_seeds():
         'wrapped-ack-large': bytes([TYPED | GUARDS]) +
                              frame(total_length(filled(ACK, relay_info, True, 2040, yiaddr=BOUND), 65524), PORT3),
         'text-too-long': bytes([TEMPLATE]) + change(SWITCH_TEXT, b'\0\xff' + b'x' * 255) + frame(discover, PORT1),
+        'full-ack-boot': bytes([TYPED | GUARDS]) + frame(filled(ACK, relay_info, True, yiaddr=BOUND), PORT3),
+        'refused-frame': bytes([TYPED | GUARDS]) + change(REFUSAL, b'\x0a\xff') + frame(request, PORT1) + frame(acked, PORT3),
+        'refused-rule': bytes([TYPED | GUARDS]) + change(REFUSAL, b'\1\xff') + frame(request, PORT1) + frame(acked, PORT3),
+        'refused-members': bytes([OFF]) + change(REFUSAL, b'\7\xff') +
+                           frame(dhcp(OFFER, ack, [(Dot1Q, 20)], reply=True, yiaddr=FRESH), PORT4_VLAN20),
+        'port-down': bytes([OFF]) + change(PORT_STATE, b'\3\1') + frame(dhcp(DISCOVER, prl, [(Dot1Q, 20)]), VLAN20),
+        'pool-empty': bytes([OFF | RELAYING]) +
+                      b''.join(made(1, REQUEST, PORT1, ip_option(50, f'10.0.0.{n}'), picks=bytes([n % 2, 0, 0, 0, 0, 0, 0]))
+                               for n in range(110, 114)) + frame(dhcp(DISCOVER, mac='02:00:00:00:00:0f'), PORT2),
         'members-too-many': bytes([OFF]) + change(MEMBERS, b'\1' + struct.pack('>H', 299) + (bytes([0, 0, 0, 2]) * 75)[:299]) +
                             frame(dhcp(OFFER, ack, [(Dot1Q, 20)], reply=True, yiaddr=FRESH), PORT4_VLAN20),
         'odd-end-of-buffer': bytes([TYPED]) + odd_frame(at_the_end, PORT1, 1, 10, 0, 2020),

@@ -20,7 +20,7 @@
 namespace
 {
 
-constexpr uint16_t IF_COUNT = 10, USER_COUNT = 12, SERVER_COUNT = 2;
+constexpr uint16_t IF_COUNT = 10, USER_COUNT = 9, SERVER_COUNT = 2;
 
 struct Block {
     void *at;
