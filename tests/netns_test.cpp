@@ -73,6 +73,15 @@ void NetnsTest::veth(const std::string &one, const std::string &other)
     run("ip link set " + one + " up && ip link set " + other + " up");
 }
 
+void NetnsTest::bridge_of_two()
+{
+    run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up");
+    for (const std::string n : {"1", "2"}) {
+        veth("p" + n, "c" + n);
+        run("ip link set p" + n + " mtu 9000 master br0 && ip link set c" + n + " mtu 9000");
+    }
+}
+
 uint32_t NetnsTest::index(const std::string &device)
 {
     const uint32_t found = if_nametoindex(device.c_str());

@@ -21,6 +21,8 @@ class NetnsTest : public ::testing::Test
     std::string run(const std::string &command);
     // A pair of connected Ethernet devices, both up, without IPv6 of their own.
     void veth(const std::string &one, const std::string &other);
+    // Bridge br0 with the ports p1 and p2, whose other ends are c1 and c2. Jumbo frames pass.
+    void bridge_of_two();
     uint32_t index(const std::string &device);
     void sysctl(const std::string &path, const std::string &value);
 };

@@ -97,11 +97,7 @@ class Frames : public NetnsTest
         NetnsTest::SetUp();
         if (IsSkipped())
             return;
-        run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up");
-        for (const std::string n : {"1", "2"}) {
-            veth("p" + n, "c" + n);
-            run("ip link set p" + n + " mtu 9000 master br0 && ip link set c" + n + " mtu 9000");
-        }
+        bridge_of_two();
         port_ = index("p1");
         std::string why, note;
         if (!guard_open(why, note))

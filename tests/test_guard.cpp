@@ -35,11 +35,7 @@ class Guard : public NetnsTest
         NetnsTest::SetUp();
         if (IsSkipped())
             return;
-        run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up");
-        for (const std::string n : {"1", "2"}) {
-            veth("p" + n, "c" + n);
-            run("ip link set p" + n + " master br0");
-        }
+        bridge_of_two();
         port_ = index("p1");
         std::string why, note;
         if (!guard_open(why, note))
