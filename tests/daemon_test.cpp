@@ -27,9 +27,7 @@ DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
     rx.outerVid = arrival.outer;
     rx.innerVid = arrival.inner;
     size_t l2 = 12;
-    while (l2 + 4 <= frame.size() &&
-           ((frame[l2] == 0x81 && frame[l2 + 1] == 0) || (frame[l2] == 0x88 && frame[l2 + 1] == 0xA8) ||
-            (frame[l2] == 0x91 && frame[l2 + 1] == 0)))
+    while (l2 + 4 <= frame.size() && ((frame[l2] == 0x81 && frame[l2 + 1] == 0) || (frame[l2] == 0x88 && frame[l2 + 1] == 0xA8) || (frame[l2] == 0x91 && frame[l2 + 1] == 0)))
         l2 += 4;
     rx.l2HdrLen = arrival.l2.value_or(static_cast<uint16_t>(l2 + 2));
     const uint16_t own =

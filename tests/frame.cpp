@@ -168,14 +168,7 @@ Frame client_frame(uint8_t messageType, const Bytes &options)
 
 Frame server_frame(uint8_t messageType, const Bytes &options)
 {
-    return Frame{.src = MAC_SERVER,
-                 .srcIp = ip4(10, 0, 0, 1),
-                 .srcPort = 67,
-                 .dstPort = 68,
-                 .op = 2,
-                 .yiaddr = ip4(10, 0, 0, 100),
-                 .options = opt_type(messageType) + opt_ip(54, ip4(10, 0, 0, 1)) + opt_lease(3600) + options +
-                            OPT_END};
+    return Frame{.src = MAC_SERVER, .srcIp = ip4(10, 0, 0, 1), .srcPort = 67, .dstPort = 68, .op = 2, .yiaddr = ip4(10, 0, 0, 100), .options = opt_type(messageType) + opt_ip(54, ip4(10, 0, 0, 1)) + opt_lease(3600) + options + OPT_END};
 }
 
 Bytes options_of(const Bytes &frame)
@@ -246,7 +239,8 @@ std::string dissect(const Bytes &frame)
         out += text_of("cookie %08x\n", get32(dhcp, 236));
         size_t at = BOOTP_FIXED;
         while (at < dhcp.size() && dhcp[at] != 255) {
-            const size_t length = dhcp[at] == 0 ? 0 : at + 1 < dhcp.size() ? dhcp[at + 1] : 0;
+            const size_t length = dhcp[at] == 0 ? 0 : at + 1 < dhcp.size() ? dhcp[at + 1]
+                                                                           : 0;
             if (dhcp[at] == 0)
                 out += "pad\n";
             else

@@ -76,8 +76,7 @@ void drain(int sock, int wait)
     pollfd p{sock, POLLIN, 0};
     while (poll(&p, 1, wait) > 0) {
         const ssize_t length = recv(sock, datagram.data(), datagram.size(), 0);
-        if (length < 0 ||
-            mnl_cb_run(datagram.data(), static_cast<size_t>(length), 0, 0, print_message, nullptr) <= 0)
+        if (length < 0 || mnl_cb_run(datagram.data(), static_cast<size_t>(length), 0, 0, print_message, nullptr) <= 0)
             return;
     }
 }

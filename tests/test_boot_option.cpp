@@ -79,34 +79,24 @@ TEST_F(BootOption, BootFileName)
     const char *invalid = "option67 len is invalid!";
     const char *tooLong = "Packet len exceeds the max, don't insert option67!";
     const char *notLast = "option-82 is not the last option, don't insert option67!";
-    check(67, dhcpsnoop_insert_opt67,
-          {
-              {"over the end option", Frame{.options = opt_type(5) + OPT_END}, 3,
-               opt_type(5) + opt(67, b3) + OPT_END, ""},
-              {"padding behind the end is covered", Frame{.options = opt_type(5) + OPT_END + Bytes(2, 9)}, 3,
-               opt_type(5) + opt(67, b3) + OPT_END + Bytes(2, 0), ""},
-              {"before option 82", Frame{.options = opt_type(5) + OWN82 + OPT_END}, 3,
-               opt_type(5) + opt(67, b3) + OWN82 + OPT_END, ""},
-              {"before option 82 and what follows it",
-               Frame{.options = OWN82 + opt_type(5) + OPT_END + Bytes(2, 9)}, 3,
-               opt(67, b3) + OWN82 + opt_type(5) + OPT_END + Bytes(2, 9), ""},
-              {"already there", Frame{.options = opt(67, {1}) + OPT_END}, 3, NONE, ""},
-              {"no end option", Frame{.options = opt_type(5) + Bytes{0}}, 3, NONE, ""},
-              {"length 0", Frame{}, 0, NONE, invalid},
-              {"length 253", Frame{}, 253, opt_type(1) + opt(67, b253) + OPT_END, ""},
-              {"length 254", Frame{}, 254, NONE, invalid},
-              {"length 256, the room that nothing filled", Frame{}, 256, NONE, invalid},
-              {"a length that wraps", Frame{}, 0xFFFFFFFE, NONE, invalid},
-              {"up to a frame of 2048", reply_of(2043, OPT_END), 3,
-               Bytes(2043 - 283, 0) + opt(67, b3) + OPT_END, ""},
-              {"not to 2049", reply_of(2044, OPT_END), 3, NONE, tooLong},
-              {"up to a frame of 2048 before option 82", reply_of(2043, OWN82 + OPT_END), 3,
-               Bytes(2043 - 282 - 7, 0) + opt(67, b3) + OWN82 + OPT_END, ""},
-              {"256 bytes from option 82 on", Frame{.options = opt(82, Bytes(253, 1)) + OPT_END}, 3,
-               opt(67, b3) + opt(82, Bytes(253, 1)) + OPT_END, ""},
-              {"257 bytes from option 82 on", Frame{.options = opt(82, Bytes(253, 1)) + OPT_END + Bytes{0}},
-               3, NONE, notLast},
-          });
+    check(67, dhcpsnoop_insert_opt67, {
+                                          {"over the end option", Frame{.options = opt_type(5) + OPT_END}, 3, opt_type(5) + opt(67, b3) + OPT_END, ""},
+                                          {"padding behind the end is covered", Frame{.options = opt_type(5) + OPT_END + Bytes(2, 9)}, 3, opt_type(5) + opt(67, b3) + OPT_END + Bytes(2, 0), ""},
+                                          {"before option 82", Frame{.options = opt_type(5) + OWN82 + OPT_END}, 3, opt_type(5) + opt(67, b3) + OWN82 + OPT_END, ""},
+                                          {"before option 82 and what follows it", Frame{.options = OWN82 + opt_type(5) + OPT_END + Bytes(2, 9)}, 3, opt(67, b3) + OWN82 + opt_type(5) + OPT_END + Bytes(2, 9), ""},
+                                          {"already there", Frame{.options = opt(67, {1}) + OPT_END}, 3, NONE, ""},
+                                          {"no end option", Frame{.options = opt_type(5) + Bytes{0}}, 3, NONE, ""},
+                                          {"length 0", Frame{}, 0, NONE, invalid},
+                                          {"length 253", Frame{}, 253, opt_type(1) + opt(67, b253) + OPT_END, ""},
+                                          {"length 254", Frame{}, 254, NONE, invalid},
+                                          {"length 256, the room that nothing filled", Frame{}, 256, NONE, invalid},
+                                          {"a length that wraps", Frame{}, 0xFFFFFFFE, NONE, invalid},
+                                          {"up to a frame of 2048", reply_of(2043, OPT_END), 3, Bytes(2043 - 283, 0) + opt(67, b3) + OPT_END, ""},
+                                          {"not to 2049", reply_of(2044, OPT_END), 3, NONE, tooLong},
+                                          {"up to a frame of 2048 before option 82", reply_of(2043, OWN82 + OPT_END), 3, Bytes(2043 - 282 - 7, 0) + opt(67, b3) + OWN82 + OPT_END, ""},
+                                          {"256 bytes from option 82 on", Frame{.options = opt(82, Bytes(253, 1)) + OPT_END}, 3, opt(67, b3) + opt(82, Bytes(253, 1)) + OPT_END, ""},
+                                          {"257 bytes from option 82 on", Frame{.options = opt(82, Bytes(253, 1)) + OPT_END + Bytes{0}}, 3, NONE, notLast},
+                                      });
     dhcpsnoop_insert_opt67(nullptr, nullptr, 0);
 }
 
@@ -116,28 +106,21 @@ TEST_F(BootOption, VendorIdentifying)
     const char *invalid = "option125 len is invalid!";
     const char *tooLong = "Packet len exceeds the max, don't insert option125!";
     const char *notLast = "option-82 is not the last option, don't insert option125!";
-    check(125, dhcpsnoop_insert_opt125,
-          {
-              {"over the end option", Frame{.options = opt_type(5) + OPT_END}, 3,
-               opt_type(5) + option125(b3) + OPT_END, ""},
-              {"before option 82", Frame{.options = opt_type(5) + OWN82 + OPT_END}, 3,
-               opt_type(5) + option125(b3) + OWN82 + OPT_END, ""},
-              {"already there", Frame{.options = opt(125, {1}) + OPT_END}, 3, NONE, ""},
-              {"a boot file name does not count", Frame{.options = opt(67, {1}) + OPT_END}, 3,
-               opt(67, {1}) + option125(b3) + OPT_END, ""},
-              {"no end option", Frame{.options = opt_type(5) + Bytes{0}}, 3, NONE, ""},
-              {"length 0", Frame{}, 0, NONE, invalid},
-              {"length 246", Frame{}, 246, opt_type(1) + option125(b246) + OPT_END, ""},
-              {"length 247", Frame{}, 247, NONE, invalid},
-              {"a length that wraps", Frame{}, 0xFFFFFFF7, NONE, invalid},
-              {"up to a frame of 2048", reply_of(2036, OPT_END), 3,
-               Bytes(2036 - 283, 0) + option125(b3) + OPT_END, ""},
-              {"not to 2049", reply_of(2037, OPT_END), 3, NONE, tooLong},
-              {"256 bytes from option 82 on", Frame{.options = opt(82, Bytes(253, 1)) + OPT_END}, 3,
-               option125(b3) + opt(82, Bytes(253, 1)) + OPT_END, ""},
-              {"257 bytes from option 82 on", Frame{.options = opt(82, Bytes(253, 1)) + OPT_END + Bytes{0}},
-               3, NONE, notLast},
-          });
+    check(125, dhcpsnoop_insert_opt125, {
+                                            {"over the end option", Frame{.options = opt_type(5) + OPT_END}, 3, opt_type(5) + option125(b3) + OPT_END, ""},
+                                            {"before option 82", Frame{.options = opt_type(5) + OWN82 + OPT_END}, 3, opt_type(5) + option125(b3) + OWN82 + OPT_END, ""},
+                                            {"already there", Frame{.options = opt(125, {1}) + OPT_END}, 3, NONE, ""},
+                                            {"a boot file name does not count", Frame{.options = opt(67, {1}) + OPT_END}, 3, opt(67, {1}) + option125(b3) + OPT_END, ""},
+                                            {"no end option", Frame{.options = opt_type(5) + Bytes{0}}, 3, NONE, ""},
+                                            {"length 0", Frame{}, 0, NONE, invalid},
+                                            {"length 246", Frame{}, 246, opt_type(1) + option125(b246) + OPT_END, ""},
+                                            {"length 247", Frame{}, 247, NONE, invalid},
+                                            {"a length that wraps", Frame{}, 0xFFFFFFF7, NONE, invalid},
+                                            {"up to a frame of 2048", reply_of(2036, OPT_END), 3, Bytes(2036 - 283, 0) + option125(b3) + OPT_END, ""},
+                                            {"not to 2049", reply_of(2037, OPT_END), 3, NONE, tooLong},
+                                            {"256 bytes from option 82 on", Frame{.options = opt(82, Bytes(253, 1)) + OPT_END}, 3, option125(b3) + opt(82, Bytes(253, 1)) + OPT_END, ""},
+                                            {"257 bytes from option 82 on", Frame{.options = opt(82, Bytes(253, 1)) + OPT_END + Bytes{0}}, 3, NONE, notLast},
+                                        });
     dhcpsnoop_insert_opt125(nullptr, nullptr, 0);
 }
 
@@ -147,8 +130,7 @@ TEST_F(BootOption, BothBeforeOption82)
     const Bytes data(3, 'b');
     dhcpsnoop_insert_opt67(&parsed.info, data.data(), 3);
     dhcpsnoop_insert_opt125(&parsed.info, data.data(), 3);
-    EXPECT_EQ(hex(options_of(parsed.bytes())),
-              hex(opt_type(5) + opt(67, data) + option125(data) + OWN82 + OPT_END));
+    EXPECT_EQ(hex(options_of(parsed.bytes())), hex(opt_type(5) + opt(67, data) + option125(data) + OWN82 + OPT_END));
 }
 
 } // namespace

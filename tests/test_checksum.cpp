@@ -12,8 +12,7 @@ TEST(Checksum, Internet)
         int32_t length; // -100 = all
         uint16_t sum;
     } rows[] = {
-        {"RFC 1071 3: 0001 f203 f4f5 f6f7 add up to ddf2", hex_bytes("00 01 f2 03 f4 f5 f6 f7"), -100,
-         0x220D},
+        {"RFC 1071 3: 0001 f203 f4f5 f6f7 add up to ddf2", hex_bytes("00 01 f2 03 f4 f5 f6 f7"), -100, 0x220D},
         {"an IPv4 header of RFC 791's form, checked with an independent dissector",
          hex_bytes("45 00 00 73 00 00 40 00 40 11 00 00 c0 a8 00 01 c0 a8 00 c7"), -100, 0xB861},
         {"the same with its checksum in place adds up to zero",
@@ -52,8 +51,7 @@ TEST(Checksum, UdpLengthLimit)
 {
     Bytes ip = hex_bytes("45 00 00 00 00 00 00 00 40 11 00 00 0a 01 02 03 0a 09 08 07");
     Bytes longest = hex_bytes("00 44 00 43 07 f4 ab cd") + Bytes(2028, 7); // 2036
-    const uint16_t expected = internet_checksum(hex_bytes("0a 01 02 03 0a 09 08 07 00 11 07 f4") +
-                                                hex_bytes("00 44 00 43 07 f4 00 00") + Bytes(2028, 7));
+    const uint16_t expected = internet_checksum(hex_bytes("0a 01 02 03 0a 09 08 07 00 11 07 f4") + hex_bytes("00 44 00 43 07 f4 00 00") + Bytes(2028, 7));
     EXPECT_EQ(dhcpsnoop_get_udp_checksum(ip.data(), longest.data()), expected);
     Bytes tooLong = hex_bytes("00 44 00 43 07 f5 ab cd") + Bytes(2029, 7); // 2037
     EXPECT_EQ(dhcpsnoop_get_udp_checksum(ip.data(), tooLong.data()), 0);
@@ -80,12 +78,7 @@ TEST_F(Update, LengthsFollowTheMessage)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
-        const Frame frame = {.ipChecksum = 0x1111,
-                             .srcIp = ip4(10, 0, 0, 1),
-                             .dstIp = ip4(10, 0, 0, 2),
-                             .ipOptions = hex_bytes("94 04 00 00"),
-                             .udpChecksum = 0x2222,
-                             .options = hex_bytes("35 01 01 0c 05 61 62 63 64 65 ff")};
+        const Frame frame = {.ipChecksum = 0x1111, .srcIp = ip4(10, 0, 0, 1), .dstIp = ip4(10, 0, 0, 2), .ipOptions = hex_bytes("94 04 00 00"), .udpChecksum = 0x2222, .options = hex_bytes("35 01 01 0c 05 61 62 63 64 65 ff")};
         Parsed parsed(frame);
         DhcpsnoopPktInfo &info = parsed.info;
         const uint32_t frameLen = info.frameLen, ipBodyLen = info.ipBodyLen, udpLen = info.udpLen,

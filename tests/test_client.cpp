@@ -52,10 +52,9 @@ TEST_F(Client, ProtectionAgainstForgedHardwareAddress)
         EXPECT_EQ(sent_summary(), row.passes ? "2 292" : "");
         EXPECT_EQ(port->counters[DHCPSNOOP_DROP_SOURCE_MAC], row.passes ? 0u : 1u);
         EXPECT_EQ(count_bindings(), row.passes ? 1u : 0u);
-        EXPECT_EQ(
-            printed("[DHCPSNOOP] Source mac in pkt 02:c1:00:00:00:01 and client mac 02:c1:00:00:00:02 don't "
-                    "match,stop process!\r\n"),
-            !row.passes);
+        EXPECT_EQ(printed("[DHCPSNOOP] Source mac in pkt 02:c1:00:00:00:01 and client mac 02:c1:00:00:00:02 don't "
+                          "match,stop process!\r\n"),
+                  !row.passes);
     }
 }
 
@@ -79,38 +78,11 @@ TEST_F(Client, ProtectionOfBoundClients)
         {"with another MAC", 3, HOST, HOST, MAC_CLIENT2, {}, true, false},
         {"in another VLAN", 3, HOST, HOST, MAC_CLIENT, {.outer = 20}, true, false},
         {"from another port", 3, HOST, HOST, MAC_CLIENT, {.port = 3}, true, false},
-        {"of another client address",
-         3,
-         HOST,
-         HOST,
-         MAC_CLIENT,
-         {},
-         true,
-         true,
-         DHCPSNOOP_USER_DYNAMIC,
-         HOST + 9},
+        {"of another client address", 3, HOST, HOST, MAC_CLIENT, {}, true, true, DHCPSNOOP_USER_DYNAMIC, HOST + 9},
         {"a release that is right", 7, HOST, HOST, MAC_CLIENT, {}, true, true},
         {"a release with another MAC", 7, HOST, HOST, MAC_CLIENT2, {}, true, false},
-        {"a release without ciaddr",
-         7,
-         0,
-         HOST + 1,
-         MAC_CLIENT,
-         {},
-         true,
-         false,
-         DHCPSNOOP_USER_DYNAMIC,
-         HOST},
-        {"a first request is not checked",
-         3,
-         0,
-         0,
-         MAC_CLIENT2,
-         {},
-         false,
-         true,
-         DHCPSNOOP_USER_DYNAMIC,
-         HOST},
+        {"a release without ciaddr", 7, 0, HOST + 1, MAC_CLIENT, {}, true, false, DHCPSNOOP_USER_DYNAMIC, HOST},
+        {"a first request is not checked", 3, 0, 0, MAC_CLIENT2, {}, false, true, DHCPSNOOP_USER_DYNAMIC, HOST},
         {"a discover is not checked", 1, HOST, 0, MAC_CLIENT2, {}, false, true},
         {"a decline is not checked", 4, HOST, 0, MAC_CLIENT2, {}, false, true},
         {"an inform is not checked", 8, HOST, 0, MAC_CLIENT2, {}, false, true},
@@ -131,12 +103,7 @@ TEST_F(Client, ProtectionOfBoundClients)
             debug(1);
             const std::string before = world_state();
             const Bytes requested = row.requested != 0 ? opt_ip(50, row.requested) : Bytes{};
-            receive(Frame{.src = row.chaddr,
-                          .srcIp = row.srcIp,
-                          .ciaddr = row.ciaddr,
-                          .chaddr = row.chaddr,
-                          .options = opt_type(row.type) + requested + OPT_END},
-                    row.arrival);
+            receive(Frame{.src = row.chaddr, .srcIp = row.srcIp, .ciaddr = row.ciaddr, .chaddr = row.chaddr, .options = opt_type(row.type) + requested + OPT_END}, row.arrival);
             DhcpsnoopIf *in = dhcpsnoop_if_lookup(row.arrival.port);
             const bool passes = row.passes || !enabled;
             EXPECT_EQ(in->counters[DHCPSNOOP_DROP_BINDING], passes ? 0u : 1u);
@@ -153,7 +120,9 @@ TEST_F(Client, ProtectionOfBoundClients)
 
 TEST_F(Client, Bookkeeping)
 {
-    enum Had { nothing, dynamic, fixed };
+    enum Had { nothing,
+               dynamic,
+               fixed };
     constexpr uint8_t DISCOVER = 1, REQUEST = 3, DECLINE = 4, RELEASE = 7, INFORM = 8;
     const struct {
         const char *claim;
@@ -176,8 +145,7 @@ TEST_F(Client, Bookkeeping)
         {"relay: once only", true, false, true, nothing, DISCOVER, false, true, true},
         {"relay: not when a binding is known", true, false, false, dynamic, DISCOVER, true, false, true},
         {"relay: an inform waits too", true, false, false, nothing, INFORM, false, true, true},
-        {"relay: a request ends the waiting and is recorded", true, false, true, nothing, REQUEST, true,
-         false, true},
+        {"relay: a request ends the waiting and is recorded", true, false, true, nothing, REQUEST, true, false, true},
         {"relay: a request out of the blue", true, false, false, nothing, REQUEST, true, false, true},
         {"relay: a request of a bound client", true, false, false, dynamic, REQUEST, true, false, true},
         {"relay: a decline ends both", true, false, true, dynamic, DECLINE, false, false, true},
@@ -242,8 +210,7 @@ TEST_F(Client, RelayedToEveryServer)
     const Frame frame = client_frame(1);
     receive(frame);
     EXPECT_EQ(sent_summary(), ""); // nothing at layer 2
-    EXPECT_EQ(world.texts(Did::Relay),
-              (Lines{"relay 10.0.0.1 10.1.1.1:67 244", "relay 10.0.0.1 10.3.3.3:67 244"}));
+    EXPECT_EQ(world.texts(Did::Relay), (Lines{"relay 10.0.0.1 10.1.1.1:67 244", "relay 10.0.0.1 10.3.3.3:67 244"}));
     Frame expected = frame;
     expected.giaddr = ip4(10, 0, 0, 1);
     for (const WorldEntry *entry : world.all(Did::Relay))

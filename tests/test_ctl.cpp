@@ -256,17 +256,9 @@ TEST(CtlReply, IsCheckedBeforeItIsBelieved)
 // Every command survives a reply of the right frame whose other bytes, or whose length, are anything.
 TEST(CtlReply, AnyBytesEndInAnExitStatus)
 {
-    const char *lines[] = {"show interfaces",
-                           "show interface 16909060",
-                           "show vlans",
-                           "show servers",
-                           "show bindings --json",
-                           "show global",
-                           "show config",
-                           "show statistics",
-                           "interface 16909060 version both",
-                           "debug trace on",
-                           "binding add 10.0.0.5 unbound"};
+    const char *lines[] = {"show interfaces", "show interface 16909060", "show vlans", "show servers",
+                           "show bindings --json", "show global", "show config", "show statistics", "interface 16909060 version both",
+                           "debug trace on", "binding add 10.0.0.5 unbound"};
     uint32_t state = 1;
     auto random = [&] { return (state = state * 1664525 + 1013904223) >> 8; };
     for (int round = 0; round < 4000; round++) {
@@ -391,9 +383,7 @@ TEST(CtlShow, Configuration)
 
 TEST(CtlShow, TypedTextsAreNotBelieved)
 {
-    const std::pair<const char *, const char *> rows[] = {{"03000000", "no type and length"},
-                                                          {"03000001 01", "no length"},
-                                                          {"03000003 010278", "a length past the text"}};
+    const std::pair<const char *, const char *> rows[] = {{"03000000", "no type and length"}, {"03000001 01", "no length"}, {"03000003 010278", "a length past the text"}};
     for (auto [item, claim] : rows) {
         Answers answers = {{{{7, 30}, {"03020004 00000003"}}, {{7, 5}, {item}}}};
         Daemon daemon(answers);
@@ -433,9 +423,8 @@ TEST(CtlBinding, RefusedHalfwayLeavesNothingBehind)
     });
     EXPECT_EQ(ran.status, EXIT_REFUSED);
     EXPECT_NE(ran.err.find("NM_HW_REFUSED"), std::string::npos);
-    EXPECT_EQ(hexOf(ran.requests.back()),
-              body("0a", "09",
-                   "0103 00000101 000003000000 0000100a000005000000000000000000000000 03020004 00000006"));
+    EXPECT_EQ(hexOf(ran.requests.back()), body("0a", "09",
+                                               "0103 00000101 000003000000 0000100a000005000000000000000000000000 03020004 00000006"));
 
     ran = run("binding add 10.0.0.5 unbound", [](Bytes asked) {
         asked[12] = 0x03, asked[13] = 0xE8, asked[15] = 0x03;
@@ -463,12 +452,10 @@ TEST(CtlServers, ListIsReadAgainWhenItChangedUnderneath)
     // The first walk ends after one server, which is then gone; the second finds another.
     const std::vector<std::string> walk = {
         body("11", "00", "0102 020004 00000000 020004 00000000 03020004 00000007 03020004 0a000001"),
-        body("12", "00", "0102 020004 00000007 020004 0a000001 0300000c 000000000000000000000000",
-             "ffffffff"),
+        body("12", "00", "0102 020004 00000007 020004 0a000001 0300000c 000000000000000000000000", "ffffffff"),
         body("15", "01", "0102 020004 00000007 020004 0a000001 03020004 00000000", "03e80002"),
         body("11", "00", "0102 020004 00000000 020004 00000000 03020004 00000007 03020004 0a000002"),
-        body("12", "00", "0102 020004 00000007 020004 0a000002 0300000c 000000000000000000000000",
-             "ffffffff"),
+        body("12", "00", "0102 020004 00000007 020004 0a000002 0300000c 000000000000000000000000", "ffffffff"),
         body("15", "01", "0102 020004 00000007 020004 0a000002 03020004 00000000"),
     };
     Ran ran = run("show servers --json", replies(walk));
@@ -547,8 +534,7 @@ void sendFramed(int connection, uint32_t length, const Bytes &bytes)
     Bytes framed(sizeof(length) + bytes.size());
     std::memcpy(framed.data(), &length, sizeof(length));
     std::copy(bytes.begin(), bytes.end(), framed.begin() + sizeof(length));
-    EXPECT_EQ(send(connection, framed.data(), framed.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(framed.size()));
+    EXPECT_EQ(send(connection, framed.data(), framed.size(), MSG_NOSIGNAL), static_cast<ssize_t>(framed.size()));
 }
 
 // Answers that never stand still and never end.
@@ -608,8 +594,7 @@ TEST(CtlSocket, BadPeers)
 
 TEST(CtlSocket, NobodyListens)
 {
-    EXPECT_EQ(exchangeError("/tmp/ctl_test.nobody/socket"),
-              "no daemon is listening on /tmp/ctl_test.nobody/socket");
+    EXPECT_EQ(exchangeError("/tmp/ctl_test.nobody/socket"), "no daemon is listening on /tmp/ctl_test.nobody/socket");
     std::string path;
     {
         // A socket file that outlived its daemon.

@@ -155,16 +155,10 @@ TEST_F(Exchange, RelayToTwoServersAndBack)
 TEST_F(Exchange, RefusedByTheServer)
 {
     through(request(HOST));
-    Frame nak = {.src = MAC_SERVER,
-                 .srcIp = SERVER,
-                 .srcPort = 67,
-                 .dstPort = 68,
-                 .op = 2,
-                 .options = opt_type(6) + opt_ip(54, SERVER) + OPT_END};
+    Frame nak = {.src = MAC_SERVER, .srcIp = SERVER, .srcPort = 67, .dstPort = 68, .op = 2, .options = opt_type(6) + opt_ip(54, SERVER) + OPT_END};
     EXPECT_EQ(through(nak, FROM_SERVER), "1 292");
     EXPECT_EQ(count_bindings(), 0u);
-    EXPECT_EQ(world.texts(Did::Log),
-              Lines{"7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.100\r\n"});
+    EXPECT_EQ(world.texts(Did::Log), Lines{"7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.100\r\n"});
 }
 
 TEST_F(Exchange, DeclinedByTheClient)

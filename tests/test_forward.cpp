@@ -58,71 +58,16 @@ TEST_F(Forward, TagsAsThePortWantsThem)
         // A tag that is kept keeps its priority, unless flooding into another VLAN replaces the whole field.
         {"tagged to tagged", {in10}, false, false, 0, {in10}, {in10}, {in10}, {new30}, {new30}},
         // Router mode plays no part where the port is asked in any case.
-        {"tagged to a routed port that sends tagged",
-         {in10},
-         true,
-         false,
-         0,
-         {},
-         {in10},
-         {},
-         {new30},
-         {new30}},
-        {"untagged to a routed port that sends tagged",
-         {},
-         true,
-         false,
-         0,
-         {},
-         {new10},
-         {},
-         {new30},
-         {new30}},
-        {"the port's own TPID",
-         {},
-         false,
-         false,
-         0x9100,
-         {{0x9100, 10}},
-         {{0x9100, 10}},
-         {{0x9100, 30}},
-         {{0x9100, 30}},
-         {{0x9100, 30}}},
-        {"another TPID is no tag for the port",
-         {in10},
-         false,
-         false,
-         0x88A8,
-         {{0x88A8, 10}, in10},
-         {{0x88A8, 10}, in10},
-         {{0x88A8, 30}, in10},
-         {{0x88A8, 30}, in10},
-         {{0x88A8, 30}, in10}},
+        {"tagged to a routed port that sends tagged", {in10}, true, false, 0, {}, {in10}, {}, {new30}, {new30}},
+        {"untagged to a routed port that sends tagged", {}, true, false, 0, {}, {new10}, {}, {new30}, {new30}},
+        {"the port's own TPID", {}, false, false, 0x9100, {{0x9100, 10}}, {{0x9100, 10}}, {{0x9100, 30}}, {{0x9100, 30}}, {{0x9100, 30}}},
+        {"another TPID is no tag for the port", {in10}, false, false, 0x88A8, {{0x88A8, 10}, in10}, {{0x88A8, 10}, in10}, {{0x88A8, 30}, in10}, {{0x88A8, 30}, in10}, {{0x88A8, 30}, in10}},
         {"and is not removed", {in10}, false, true, 0x88A8, {in10}, {in10}, {in10}, {in10}, {in10}},
-        {"only the outer of two tags is removed",
-         {in10, inner},
-         false,
-         true,
-         0x8100,
-         {inner},
-         {inner},
-         {inner},
-         {inner},
-         {inner}},
-        {"only the outer of two tags is renumbered",
-         {in10, inner},
-         false,
-         false,
-         0,
-         {in10, inner},
-         {in10, inner},
-         {in10, inner},
-         {new30, inner},
-         {new30, inner}},
+        {"only the outer of two tags is removed", {in10, inner}, false, true, 0x8100, {inner}, {inner}, {inner}, {inner}, {inner}},
+        {"only the outer of two tags is renumbered", {in10, inner}, false, false, 0, {in10, inner}, {in10, inner}, {in10, inner}, {new30, inner}, {new30, inner}},
     };
     for (const auto &row : rows) {
-        const Tags *expected[] = {&row.toServer, &row.nptToServer, &row.toClient, &row.broadcast,
-                                  &row.nptToClient};
+        const Tags *expected[] = {&row.toServer, &row.nptToServer, &row.toClient, &row.broadcast, &row.nptToClient};
         for (size_t i = 0; i < std::size(SENDERS); i++) {
             SCOPED_TRACE(std::string(row.claim) + ", " + SENDERS[i]->name);
             SetUp();
@@ -192,10 +137,8 @@ TEST_F(Forward, WhoGetsIt)
         {"a trusted port of the VLAN", [](WorldPort &) {}, T, false, true, true, true, true},
         {"an untrusted port is for clients only", [](WorldPort &) {}, 0, false, false, false, true, true},
         {"a port that is not in use", [](WorldPort &) {}, T, true, false, false, true, false},
-        {"a port outside the VLAN", [](WorldPort &port) { port.vlans = {20}; }, T, false, false, false, true,
-         false},
-        {"refused with -1", [](WorldPort &port) { port.answer255 = -1; }, T, false, false, false, false,
-         false},
+        {"a port outside the VLAN", [](WorldPort &port) { port.vlans = {20}; }, T, false, false, false, true, false},
+        {"refused with -1", [](WorldPort &port) { port.answer255 = -1; }, T, false, false, false, false, false},
         // Kept: only -1 stops a unicast.
         {"refused with 2", [](WorldPort &port) { port.answer255 = 2; }, T, false, false, false, true, false},
         {"a routed port is asked by one sender only",
@@ -245,8 +188,7 @@ TEST_F(Forward, EveryPortInOrderButTheOneItCameFrom)
     } rows[] = {
         {"not the interface it is attributed to; a trusted VLAN interface is an egress too", TO_SERVER, 2,
          "1 286, 3 286, 4 286, 110 290"},
-        {"not the member port it came in on, and no VLAN interface", NPT_TO_SERVER, 110,
-         "1 286, 3 286, 4 286"},
+        {"not the member port it came in on, and no VLAN interface", NPT_TO_SERVER, 110, "1 286, 3 286, 4 286"},
         {"not the interface it is attributed to, and no VLAN interface", BROADCAST, 2, "1 286, 3 286, 4 286"},
         // Kept: every member gets the frame, the port it came in on and ports without snooping among them.
         {"every member in the list's order", NPT_TO_CLIENT, 2, "4 286, 1 286, 9 290, 2 286"},
@@ -401,8 +343,7 @@ TEST_F(Forward, RelayedByUdp)
     EXPECT_EQ(relays[0]->text, "relay 10.0.0.1 192.168.200.254:67 244"); // packet information in order
     EXPECT_EQ(relays[0]->socket, 0);
     EXPECT_EQ(hex(relays[0]->data), hex(frame.message()));
-    EXPECT_EQ(debug_texts(),
-              Lines{"[DHCPSNOOP] Send message from 10.0.0.1 to 192.168.200.254, length 244.\r\n"});
+    EXPECT_EQ(debug_texts(), Lines{"[DHCPSNOOP] Send message from 10.0.0.1 to 192.168.200.254, length 244.\r\n"});
 
     gDhcpsnoop.udpSock = 950;
     world.refuse("relay");

@@ -59,8 +59,7 @@ class Loop
     // The 25 bytes of the first control message of level SOL_PACKET; empty when there is none.
     Bytes info() const
     {
-        for (cmsghdr *c = CMSG_FIRSTHDR(&message_); c != nullptr;
-             c = CMSG_NXTHDR(const_cast<msghdr *>(&message_), c))
+        for (cmsghdr *c = CMSG_FIRSTHDR(&message_); c != nullptr; c = CMSG_NXTHDR(const_cast<msghdr *>(&message_), c))
             if (c->cmsg_level == SOL_PACKET)
                 return c->cmsg_len == CMSG_LEN(25) ? Bytes(CMSG_DATA(c), CMSG_DATA(c) + 25) : Bytes();
         return Bytes();
@@ -182,10 +181,8 @@ TEST_F(Frames, ComeAsTheyWereOnTheWire)
                                             whole.begin() + static_cast<long>(udp))
                                     : Bytes(whole.begin() + static_cast<long>(udp) - 8,
                                             whole.begin() + static_cast<long>(udp));
-            wire_put16(unfinished.data() + udp + 6, static_cast<uint16_t>(~internet_checksum(
-                                                        pseudo + be16(17) +
-                                                        Bytes(whole.begin() + static_cast<long>(udp) + 4,
-                                                              whole.begin() + static_cast<long>(udp) + 6))));
+            wire_put16(unfinished.data() + udp + 6,
+                       static_cast<uint16_t>(~internet_checksum(pseudo + be16(17) + Bytes(whole.begin() + static_cast<long>(udp) + 4, whole.begin() + static_cast<long>(udp) + 6))));
             for (const bool offload : {false, true}) {
                 SCOPED_TRACE(std::string(v6 ? "IPv6" : "IPv4") + (offload ? ", offload" : ""));
                 if (offload)
@@ -271,8 +268,9 @@ TEST_F(Frames, OfALocalProgramHaveATrueChecksum)
         const Bytes frame = loop_.frame(length);
         // RFC 768: the sum over pseudo-header and datagram, checksum included, is all ones.
         const Bytes datagram(frame.begin() + 34, frame.end());
-        EXPECT_EQ(internet_checksum(Bytes(frame.begin() + 26, frame.begin() + 34) + be16(17) +
-                                    be16(static_cast<uint32_t>(datagram.size())) + datagram),
+        EXPECT_EQ(internet_checksum(Bytes(frame.begin() + 26,
+                                          frame.begin() + 34) +
+                                    be16(17) + be16(static_cast<uint32_t>(datagram.size())) + datagram),
                   0);
     }
 }
@@ -377,9 +375,9 @@ TEST_F(Frames, WhoseChecksumIsZeroSayAllOnes)
     frame.options = frame.options + be16(rest);
     Bytes unfinished = frame.bytes();
     ASSERT_EQ((base.size() - 42) % 2, 0u) << "the word stands at an even place";
-    wire_put16(unfinished.data() + 40, static_cast<uint16_t>(~internet_checksum(
-                                           Bytes(base.begin() + 26, base.begin() + 34) + be16(17) +
-                                           be16(static_cast<uint32_t>(datagram.size())))));
+    wire_put16(unfinished.data() + 40, static_cast<uint16_t>(~internet_checksum(Bytes(base.begin() + 26,
+                                                                                      base.begin() + 34) +
+                                                                                be16(17) + be16(static_cast<uint32_t>(datagram.size())))));
     from.send_unfinished(unfinished, 34, 6);
     const ssize_t length = loop_.receive(v4_);
     ASSERT_GT(length, 42);
@@ -488,9 +486,8 @@ TEST_F(Frames, GoOutThroughTheSameSocket)
     address.sll_protocol = htons(ETH_P_IP);
     address.sll_ifindex = static_cast<int>(port_);
     address.sll_halen = 6;
-    ASSERT_EQ(
-        sendto(v4_, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof address),
-        static_cast<ssize_t>(frame.size()))
+    ASSERT_EQ(sendto(v4_, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof address),
+              static_cast<ssize_t>(frame.size()))
         << strerror(errno);
     const std::optional<Bytes> got = to.receive();
     ASSERT_TRUE(got.has_value());

@@ -203,8 +203,7 @@ const ClassRow CLASS_ROWS[] = {
     {"behind a long hop-by-hop header", v6(HOP_BY_HOP, extension(UDP, 3) + udp6()), 6},
     {"behind three kinds of header",
      v6(HOP_BY_HOP, extension(ROUTING) + extension(DESTINATION, 1) + extension(UDP, 2) + udp6()), 6},
-    {"behind an authentication header (RFC 4302: words less 2)",
-     v6(AH, Bytes{UDP, 4} + repeated(0, 22) + udp6()), 6},
+    {"behind an authentication header (RFC 4302: words less 2)", v6(AH, Bytes{UDP, 4} + repeated(0, 22) + udp6()), 6},
     {"behind a mobility header", v6(MOBILITY, extension(UDP) + udp6()), 6},
     {"TCP behind a hop-by-hop header", v6(HOP_BY_HOP, extension(TCP) + udp6()), 0},
     {"multicast listener report", v6(HOP_BY_HOP, extension(ICMPV6) + udp6()), 0},
@@ -261,8 +260,7 @@ class GuardProgram : public NetnsTest, public ::testing::WithParamInterface<cons
 
     void put(const char *map, uint32_t key, const void *value)
     {
-        ASSERT_EQ(bpf_map_update_elem(bpf_object__find_map_fd_by_name(object_, map), &key, value, BPF_ANY),
-                  0);
+        ASSERT_EQ(bpf_map_update_elem(bpf_object__find_map_fd_by_name(object_, map), &key, value, BPF_ANY), 0);
     }
 
     // The verdict on a frame that came in on port p1; `out` gets the frame as it leaves.
@@ -300,11 +298,7 @@ constexpr uint32_t PASSED = static_cast<uint32_t>(TC_ACT_UNSPEC), TAKEN = TC_ACT
 
 TEST_P(GuardProgram, TakesDhcpAndNothingElse)
 {
-    const guard_port port = {.native = 1,
-                             .trap = GUARD_TRAP_V4 | GUARD_TRAP_V6,
-                             .inherited = 0,
-                             .qdisc_is_ours = 0,
-                             .reserved = {}};
+    const guard_port port = {.native = 1, .trap = GUARD_TRAP_V4 | GUARD_TRAP_V6, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
     put("guard_ports", port_, &port);
     for (const ClassRow &row : CLASS_ROWS) {
         SCOPED_TRACE(row.claim);
@@ -318,11 +312,7 @@ TEST_P(GuardProgram, TakesDhcpAndNothingElse)
 TEST_P(GuardProgram, TrapsOneFamilyAlone)
 {
     for (const int family : {4, 6}) {
-        const guard_port port = {.native = 1,
-                                 .trap = family == 4 ? uint8_t{GUARD_TRAP_V4} : uint8_t{GUARD_TRAP_V6},
-                                 .inherited = 0,
-                                 .qdisc_is_ours = 0,
-                                 .reserved = {}};
+        const guard_port port = {.native = 1, .trap = family == 4 ? uint8_t{GUARD_TRAP_V4} : uint8_t{GUARD_TRAP_V6}, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
         put("guard_ports", port_, &port);
         for (const ClassRow &row : CLASS_ROWS) {
             SCOPED_TRACE(row.claim);
@@ -370,11 +360,7 @@ TEST_P(GuardProgram, TrapsWhereItIsTold)
     const uint64_t now = boottime();
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
-        const guard_port port = {.native = row.native,
-                                 .trap = row.port.trap,
-                                 .inherited = row.port.inherited,
-                                 .qdisc_is_ours = 0,
-                                 .reserved = {}};
+        const guard_port port = {.native = row.native, .trap = row.port.trap, .inherited = row.port.inherited, .qdisc_is_ours = 0, .reserved = {}};
         const guard_vlan vlan = {.trap = row.vlan.trap, .inherited = row.vlan.inherited, .reserved = {}};
         const guard_state holds = {now + 3600000000000u, 1}, over = {now, 1};
         put("guard_ports", port_, &port);

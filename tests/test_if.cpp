@@ -65,8 +65,7 @@ TEST_F(Interface, EntryIsZeroedWhenTakenAgain)
     dhcpsnoop_if_delete(nullptr);
     ASSERT_EQ(dhcpsnoop_if_add(10), ifp); // the head of the free list is taken
     EXPECT_EQ(Bytes(ifp->circuitId, ifp->circuitId + 128), Bytes(128, 0));
-    EXPECT_TRUE(ifp->relayAddr == 0 && ifp->serverIp[2] == 0 && ifp->counters[2] == 0 &&
-                ifp->remoteIdType == 0 && ifp->flags == 0);
+    EXPECT_TRUE(ifp->relayAddr == 0 && ifp->serverIp[2] == 0 && ifp->counters[2] == 0 && ifp->remoteIdType == 0 && ifp->flags == 0);
 }
 
 TEST_F(Interface, EnableAsksThePlatform)
@@ -217,37 +216,13 @@ TEST_F(Interface, VersionChange)
         bool trusted;
         Lines texts, calls;
     } rows[] = {
-        {"a trusted interface gains IPv6 and loses its trust",
-         1,
-         3,
-         3,
-         true,
-         {on6, notify(2, 1)},
-         {"qorIfSetApi 10 305 24"}},
+        {"a trusted interface gains IPv6 and loses its trust", 1, 3, 3, true, {on6, notify(2, 1)}, {"qorIfSetApi 10 305 24"}},
         {"it loses IPv4", 3, 2, 2, false, {off4[0], off4[1], notify(1, 0)}, {"qorIfSetApi 10 306 23"}},
-        {"one for the other, IPv4 first",
-         1,
-         2,
-         2,
-         false,
-         {off4[0], off4[1], notify(1, 0), on6, notify(2, 1)},
-         {"qorIfSetApi 10 306 23", "qorIfSetApi 10 305 24"}},
-        {"the other way round",
-         2,
-         1,
-         1,
-         true,
-         {on4, notify(1, 1), off6[0], off6[1], notify(2, 0)},
-         {"qorIfSetApi 10 305 23", "qorIfSetApi 10 306 24"}},
+        {"one for the other, IPv4 first", 1, 2, 2, false, {off4[0], off4[1], notify(1, 0), on6, notify(2, 1)}, {"qorIfSetApi 10 306 23", "qorIfSetApi 10 305 24"}},
+        {"the other way round", 2, 1, 1, true, {on4, notify(1, 1), off6[0], off6[1], notify(2, 0)}, {"qorIfSetApi 10 305 23", "qorIfSetApi 10 306 24"}},
         {"the same version touches nothing but clears the trust", 1, 1, 1, true, {}, {}},
         {"only two bits are stored", 1, 5, 1, false, {}, {}},
-        {"none at all",
-         3,
-         0,
-         0,
-         false,
-         {off4[0], off4[1], notify(1, 0), off6[0], off6[1], notify(2, 0)},
-         {"qorIfSetApi 10 306 23", "qorIfSetApi 10 306 24"}},
+        {"none at all", 3, 0, 0, false, {off4[0], off4[1], notify(1, 0), off6[0], off6[1], notify(2, 0)}, {"qorIfSetApi 10 306 23", "qorIfSetApi 10 306 24"}},
     };
     for (const auto &row : rows) {
         for (const int flags : {0, 2}) {
@@ -293,14 +268,7 @@ TEST_F(Interface, TrapCalls)
         {"a refused IPv6 is the result", 3, 1, 0, 6, 6, {add4, add6}, {add6Failed}},
         {"delete both", 3, 0, 0, 0, 0, {del4, del6}, {}},
         {"any other state deletes", 1, 2, 0, 0, 0, {del4}, {}},
-        {"an IPv4 failure goes on, and is forgotten when IPv6 succeeds",
-         3,
-         0,
-         4,
-         0,
-         0,
-         {del4, del6},
-         {deleteFailed}},
+        {"an IPv4 failure goes on, and is forgotten when IPv6 succeeds", 3, 0, 4, 0, 0, {del4, del6}, {deleteFailed}},
         {"both fail", 3, 0, 4, 6, 6, {del4, del6}, {deleteFailed, delete6Failed, failed}},
         {"IPv4 alone fails", 1, 0, 4, 0, 4, {del4}, {deleteFailed, failed}},
         {"IPv6 alone fails", 2, 0, 0, 6, 6, {del6}, {delete6Failed, failed}},

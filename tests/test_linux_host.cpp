@@ -130,12 +130,10 @@ class Namespace : public NetnsTest
 TEST_F(Namespace, PortsOfABridgeAppearMoveAndVanish)
 {
     open_event_socket();
-    EXPECT_EQ(
-        ports("ip link add br0 type bridge mcast_snooping 0 forward_delay 3000 && ip link set br0 up && "
-              "ip link add swp1 type veth peer name h1"),
-        "");
-    EXPECT_EQ(ports("ip link set swp1 master br0"),
-              "swp1: native 1, tagged none, untagged 1, down, disabled\n");
+    EXPECT_EQ(ports("ip link add br0 type bridge mcast_snooping 0 forward_delay 3000 && ip link set br0 up && "
+                    "ip link add swp1 type veth peer name h1"),
+              "");
+    EXPECT_EQ(ports("ip link set swp1 master br0"), "swp1: native 1, tagged none, untagged 1, down, disabled\n");
     EXPECT_EQ(ports("ip link set swp1 up"), "swp1: native 1, tagged none, untagged 1, down, disabled\n")
         << "without carrier";
     EXPECT_EQ(ports("ip link set h1 up"), "swp1: native 1, tagged none, untagged 1, up, forwarding\n");
@@ -171,8 +169,7 @@ TEST_F(Namespace, ConfiguredPortsAppearWhenTheirDeviceDoes)
     EXPECT_EQ(ports("ip link add swp2 type veth peer name v10 && ip link set v10 up"),
               "v10 is vlan 10: native 10, down, forwarding\nswp2: routed, down, forwarding\n");
     EXPECT_EQ(model_vlan_interface(10), if_nametoindex("v10"));
-    EXPECT_EQ(ports("ip link set v10 down && ip link set v10 name other"),
-              "swp2: routed, down, forwarding\n");
+    EXPECT_EQ(ports("ip link set v10 down && ip link set v10 name other"), "swp2: routed, down, forwarding\n");
     EXPECT_EQ(model_vlan_interface(10), 0u);
     EXPECT_EQ(ports("ip link set other name swp1"),
               "swp1: native 1, tagged 10,20, untagged 1, down, forwarding\nswp2: routed, down, forwarding\n");
@@ -183,20 +180,15 @@ TEST_F(Namespace, VlansOfABridge)
     open_event_socket();
     if (!has("ip link add br0 type bridge vlan_filtering 1 mcast_snooping 0"))
         GTEST_SKIP() << "this kernel has no VLAN-aware bridges";
-    EXPECT_EQ(
-        ports(
-            "ip link set br0 up && ip link add swp1 type veth peer name h1 && ip link set swp1 up master br0 && "
-            "ip link set h1 up"),
-        "swp1: native 1, tagged none, untagged 1, up, forwarding\n");
+    EXPECT_EQ(ports("ip link set br0 up && ip link add swp1 type veth peer name h1 && ip link set swp1 up master br0 && "
+                    "ip link set h1 up"),
+              "swp1: native 1, tagged none, untagged 1, up, forwarding\n");
     EXPECT_EQ(ports("bridge vlan add dev swp1 vid 10 pvid untagged && bridge vlan del dev swp1 vid 1 && "
                     "bridge vlan add dev swp1 vid 20-29"),
               "swp1: native 10, tagged 20-29, untagged 10, up, forwarding\n");
     EXPECT_EQ(ports("bridge vlan add dev swp1 vid 2-4094"),
               "swp1: native 0, tagged 2-4094, untagged none, up, forwarding\n");
-    EXPECT_EQ(
-        ports(
-            "bridge vlan del dev swp1 vid 2-4094 && bridge vlan add dev swp1 vid 1 pvid untagged && ip link set br0 type bridge vlan_default_pvid 5"),
-        "swp1: native 5, tagged none, untagged 5, up, forwarding\n")
+    EXPECT_EQ(ports("bridge vlan del dev swp1 vid 2-4094 && bridge vlan add dev swp1 vid 1 pvid untagged && ip link set br0 type bridge vlan_default_pvid 5"), "swp1: native 5, tagged none, untagged 5, up, forwarding\n")
         << "of which no message tells";
     EXPECT_EQ(ports("ip link set br0 type bridge vlan_filtering 0"),
               "swp1: native 1, tagged none, untagged 1, up, forwarding\n");
@@ -281,8 +273,8 @@ TEST_F(Namespace, OthersCannotTellTheDaemonAnything)
     LinkMessage message(RTM_NEWLINK, AF_UNSPEC, 3, 0x10003);
     message.text(IFLA_IFNAME, "p").number(IFLA_MASTER, 8).begin(IFLA_LINKINFO);
     message.text(IFLA_INFO_SLAVE_KIND, "bond").end();
-    EXPECT_EQ(sendto(other, message.bytes().data(), message.bytes().size(), 0,
-                     reinterpret_cast<sockaddr *>(&daemon), sizeof daemon),
+    EXPECT_EQ(sendto(other, message.bytes().data(), message.bytes().size(), 0, reinterpret_cast<sockaddr *>(&daemon),
+                     sizeof daemon),
               static_cast<ssize_t>(message.bytes().size()));
     close(other);
     EXPECT_TRUE(readable(0));
@@ -376,8 +368,7 @@ TEST(BoundedWriter, WholeLinesOrNoneWhenNobodyReads)
         EXPECT_GT(suppressed, 0u);
         EXPECT_GT(whole, 0u);
         EXPECT_EQ(whole + suppressed, COUNT);
-        EXPECT_TRUE(
-            text.ends_with("\ndhcpsnoop: " + std::to_string(suppressed) + " lines suppressed\nlast\n"))
+        EXPECT_TRUE(text.ends_with("\ndhcpsnoop: " + std::to_string(suppressed) + " lines suppressed\nlast\n"))
             << text.substr(text.size() - 100);
     }
     close(sockets[0]);
@@ -503,8 +494,7 @@ TEST(CrashReporter, SaysWhatAndWhereAndDiesOfIt)
         {"a wild pointer", [] { *nowhere = 1; }, SIGSEGV,
          "dhcpsnoop: killed by SIGSEGV at address 0x10, called from:\n"},
         {"an abort", [] { abort(); }, SIGABRT, "dhcpsnoop: killed by SIGABRT at address "},
-        {"a signal from outside", [] { kill(getpid(), SIGBUS); }, SIGBUS,
-         "dhcpsnoop: killed by SIGBUS at address "},
+        {"a signal from outside", [] { kill(getpid(), SIGBUS); }, SIGBUS, "dhcpsnoop: killed by SIGBUS at address "},
         {"a stack that ran out",
          [] {
              volatile char start = 0;

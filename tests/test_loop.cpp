@@ -100,8 +100,7 @@ TEST_F(Loop, ServesEachSourceOnceInOrder)
         ASSERT_EQ(world.received.size(), 2u);
         EXPECT_EQ(world.received[0].etherType, 0x0800);
         EXPECT_EQ(world.received[1].etherType, 0x86DD);
-        EXPECT_EQ(world.calls(),
-                  (Lines{"select data data6 cmd rt, 60 s", "accept", "platform_event_recv 2048 12"}));
+        EXPECT_EQ(world.calls(), (Lines{"select data data6 cmd rt, 60 s", "accept", "platform_event_recv 2048 12"}));
         EXPECT_EQ(world.arrivals[0].size(), 1u);
         EXPECT_EQ(world.arrivals[1].size(), 1u);
         EXPECT_EQ(world.events.size(), 1u);
@@ -330,10 +329,7 @@ TEST_F(Loop, InterfaceOfAFrame)
             for (const bool ipv6 : {false, true}) {
                 for (const int flags : {1, 2}) {
                     debug(flags);
-                    pass_with({.frame = Frame{}.bytes(),
-                               .control = {info_message(row.port, row.outer)},
-                               .ifIndex = row.port},
-                              ipv6);
+                    pass_with({.frame = Frame{}.bytes(), .control = {info_message(row.port, row.outer)}, .ifIndex = row.port}, ipv6);
                     ASSERT_EQ(world.received.size(), row.inIf != 0 ? 1u : 0u);
                     if (row.inIf != 0) {
                         EXPECT_EQ(world.received[0].inIf, dhcpsnoop_if_lookup(row.inIf));

@@ -17,21 +17,19 @@ std::vector<std::string> did;
 struct LoopEntered {
 };
 
-template <class Hook> std::string hook(Hook given, Hook expected)
+template <class Hook>
+std::string hook(Hook given, Hook expected)
 {
-    return given == nullptr ? "none" : given == expected ? "hook" : "wrong";
+    return given == nullptr ? "none" : given == expected ? "hook"
+                                                         : "wrong";
 }
 
 } // namespace
 
 int32_t dhcpsnoop_init_ex(uint16_t ifCount, uint16_t userCount, uint16_t serverCount, uint32_t optionMode,
-                          DhcpsnoopInstallHook deftinstallHook, DhcpsnoopIfHook ipsgHook,
-                          DhcpsnoopIfHook antiArpHook)
+                          DhcpsnoopInstallHook deftinstallHook, DhcpsnoopIfHook ipsgHook, DhcpsnoopIfHook antiArpHook)
 {
-    did.push_back("init " + std::to_string(ifCount) + " " + std::to_string(userCount) + " " +
-                  std::to_string(serverCount) + " " + std::to_string(optionMode) + " " +
-                  hook(ipsgHook, ipsgIfGetApi) + " " + hook(antiArpHook, arpAntiAttackIfGetApi) + " " +
-                  hook(deftinstallHook, deftinstall_client_entry_callback));
+    did.push_back("init " + std::to_string(ifCount) + " " + std::to_string(userCount) + " " + std::to_string(serverCount) + " " + std::to_string(optionMode) + " " + hook(ipsgHook, ipsgIfGetApi) + " " + hook(antiArpHook, arpAntiAttackIfGetApi) + " " + hook(deftinstallHook, deftinstall_client_entry_callback));
     return -1;
 }
 
@@ -67,9 +65,7 @@ TEST(Main, Arguments)
         {"words count as 0", {"abc", "x", "abc", "", "yes"}, "init 0 0 0 3 none none none"},
         {"digits up to the first other character", {"12abc", " 13", "1x"}, "init 12 13 0 3 hook none none"},
         {"sizes are taken as 16 bits", {"65536", "65537"}, "init 0 1 0 3 none none none"},
-        {"a number beyond every range still is one",
-         {"99999999999999999999", "-99999999999999999999", "99999999999999999999"},
-         "init 65535 0 0 3 hook none none"},
+        {"a number beyond every range still is one", {"99999999999999999999", "-99999999999999999999", "99999999999999999999"}, "init 65535 0 0 3 hook none none"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -84,8 +80,7 @@ TEST(Main, Arguments)
         signal(SIGPIPE, SIG_DFL);
         EXPECT_THROW(daemon_main(argc, argv.data()), LoopEntered);
         // Kept: the loop is entered whatever start-up gave.
-        EXPECT_EQ(did,
-                  (std::vector<std::string>{"crash reporter " + std::to_string(argc), row.init, "loop"}));
+        EXPECT_EQ(did, (std::vector<std::string>{"crash reporter " + std::to_string(argc), row.init, "loop"}));
         EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
     }
 }

@@ -172,8 +172,7 @@ TEST_F(NoAllocation, MixedTraffic)
     for (uint32_t func = 0; func < 23; func++)
         for (uint32_t cmd = 0; cmd < 40; cmd++)
             for (const uint8_t type : {uint8_t{0}, uint8_t{2}, uint8_t{4}})
-                requests.push_back(
-                    Request(func, cmd).number(1).key(1, {10, 0, 0, 7}).data(type, Bytes(4, 1)).bytes);
+                requests.push_back(Request(func, cmd).number(1).key(1, {10, 0, 0, 7}).data(type, Bytes(4, 1)).bytes);
     for (uint32_t func = 5; func < 8; func++)
         for (uint32_t cmd = 0; cmd < 40; cmd++)
             requests.push_back(Request(func, cmd).number(4).data(2, be32(cmd % 4)).bytes);

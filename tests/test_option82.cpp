@@ -57,8 +57,7 @@ TEST_F(Option82, Identifiers)
     } rows[] = {
         {"typed, generated: VLAN and location, or the MAC", 3, 4, "", "",
          hex_bytes("01 08 00 06 00 0a 01 02 07 03"), hex_bytes("02 08 00 06 02 00 00 00 01 07")},
-        {"raw, generated", 4, 3, "", "", hex_bytes("01 06 00 0a 01 02 07 03"),
-         hex_bytes("02 06 02 00 00 00 01 07")},
+        {"raw, generated", 4, 3, "", "", hex_bytes("01 06 00 0a 01 02 07 03"), hex_bytes("02 06 02 00 00 00 01 07")},
         {"typed text", 3, 4, "abc", "", hex_bytes("01 05 01 03 61 62 63"), hex_bytes("02 05 01 03 61 62 63")},
         {"raw text", 4, 3, "abc", "", hex_bytes("01 03 61 62 63"), hex_bytes("02 03 61 62 63")},
         {"the longest text", 3, 4, a128, "", hex_bytes("01 82 01 80") + text_bytes(a128),
@@ -129,10 +128,8 @@ TEST_F(Option82, VendorSubOption)
         Bytes withHeader;
     } rows[] = {
         {"switched off", false, "abc", "sw", NONE},
-        {"the interface's text", true, "abc", "sw",
-         Bytes{9, 10} + ENTERPRISE + hex_bytes("05 01 03 61 62 63")},
-        {"the host name when it has none", true, "", "sw",
-         Bytes{9, 9} + ENTERPRISE + hex_bytes("04 01 02 73 77")},
+        {"the interface's text", true, "abc", "sw", Bytes{9, 10} + ENTERPRISE + hex_bytes("05 01 03 61 62 63")},
+        {"the host name when it has none", true, "", "sw", Bytes{9, 9} + ENTERPRISE + hex_bytes("04 01 02 73 77")},
         {"a host name of 128", true, "", std::string(128, 'h'),
          Bytes{9, 135} + ENTERPRISE + Bytes{130, 1, 128} + a128},
         {"a longer one is cut", true, "", std::string(300, 'h'),
@@ -150,9 +147,7 @@ TEST_F(Option82, VendorSubOption)
         EXPECT_EQ(hex(buffer), hex(row.withHeader));
         buffer.assign(200, 0xEE);
         buffer.resize(dhcpsnoop_build_subopt9(buffer.data(), ifp, 2));
-        EXPECT_EQ(
-            hex(buffer),
-            hex(row.withHeader.empty() ? NONE : Bytes(row.withHeader.begin() + 2, row.withHeader.end())));
+        EXPECT_EQ(hex(buffer), hex(row.withHeader.empty() ? NONE : Bytes(row.withHeader.begin() + 2, row.withHeader.end())));
     }
     Bytes buffer(200, 0);
     EXPECT_EQ(dhcpsnoop_build_subopt9(buffer.data(), nullptr, 1), 0u);
@@ -176,14 +171,10 @@ TEST_F(Option82, ConstructionAndInsertion)
         std::string text;
     } rows[] = {
         {"circuit-id and remote-id", discover, [](DhcpsnoopIf *) {}, typed, ""},
-        {"behind them sub-option 9", discover, [](DhcpsnoopIf *p) { p->flags |= DHCPSNOOP_IF_SUBOPT9; },
-         Bytes{82, 37} + Bytes(typed.begin() + 2, typed.end()) + Bytes{9, 15} + ENTERPRISE +
-             hex_bytes("0a 01 08") + text_bytes("switch-1"),
-         ""},
+        {"behind them sub-option 9", discover, [](DhcpsnoopIf *p) { p->flags |= DHCPSNOOP_IF_SUBOPT9; }, Bytes{82, 37} + Bytes(typed.begin() + 2, typed.end()) + Bytes{9, 15} + ENTERPRISE + hex_bytes("0a 01 08") + text_bytes("switch-1"), ""},
         {"one identifier omitted", discover, [](DhcpsnoopIf *p) { p->circuitIdFmt = 1; },
          hex_bytes("52 0a 02 08 00 06 02 00 00 00 01 07"), ""},
-        {"nothing to insert", discover, [](DhcpsnoopIf *p) { p->circuitIdFmt = p->remoteIdFmt = 1; }, none,
-         empty},
+        {"nothing to insert", discover, [](DhcpsnoopIf *p) { p->circuitIdFmt = p->remoteIdFmt = 1; }, none, empty},
         {"255 bytes", discover,
          [](DhcpsnoopIf *p) {
              p->circuitIdFmt = p->remoteIdFmt = 4;
@@ -428,8 +419,7 @@ TEST_F(Option82, Stripping)
         {"last before the end", opt_type(5) + own + OPT_END, opt_type(5) + OPT_END, true},
         {"with padding behind the end", opt_type(5) + own + OPT_END + Bytes(9, 0),
          opt_type(5) + OPT_END + Bytes(9, 0), true},
-        {"between others", opt_type(5) + own + opt(12, {1}) + OPT_END, opt_type(5) + opt(12, {1}) + OPT_END,
-         true},
+        {"between others", opt_type(5) + own + opt(12, {1}) + OPT_END, opt_type(5) + opt(12, {1}) + OPT_END, true},
         {"first and only", own + OPT_END, OPT_END, true},
         {"empty", opt(82, {}) + OPT_END, OPT_END, true},
         {"without an end option", opt_type(5) + own + Bytes{0}, opt_type(5) + Bytes{0}, false},

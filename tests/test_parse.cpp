@@ -21,23 +21,7 @@ const std::string SVLAN = "[DHCPSNOOP] svlan 4096, cvlan 10.\r\n";
 TEST_F(Parse, EveryFieldOfAnOrdinaryFrame)
 {
     // An ACK with two tags, IP options and padding: nothing is where it is in the simplest frame.
-    const Frame frame = {.dst = MAC_CLIENT,
-                         .src = MAC_SERVER,
-                         .tags = {{0x88A8, 0x2064}, {0x8100, 0x0014}},
-                         .srcIp = ip4(10, 0, 0, 1),
-                         .dstIp = ip4(10, 0, 0, 100),
-                         .ipOptions = hex_bytes("94 04 00 00"),
-                         .srcPort = 67,
-                         .dstPort = 68,
-                         .op = 2,
-                         .ciaddr = ip4(10, 0, 0, 99),
-                         .yiaddr = ip4(10, 0, 0, 100),
-                         .giaddr = ip4(10, 9, 9, 9),
-                         .options = opt_type(5) + opt_ip(3, ip4(10, 0, 0, 254)) + opt_lease(7200) +
-                                    opt_ip(54, ip4(10, 0, 0, 1)) + opt(60, {1, 4, 0, 0, 1, 2}) +
-                                    opt(67, {'b'}) + opt(82, {1, 2, 'c', 'c', 2, 1, 'r', 9, 0}) +
-                                    opt(125, {0}) + OPT_END,
-                         .padding = Bytes(7, 0xEE)};
+    const Frame frame = {.dst = MAC_CLIENT, .src = MAC_SERVER, .tags = {{0x88A8, 0x2064}, {0x8100, 0x0014}}, .srcIp = ip4(10, 0, 0, 1), .dstIp = ip4(10, 0, 0, 100), .ipOptions = hex_bytes("94 04 00 00"), .srcPort = 67, .dstPort = 68, .op = 2, .ciaddr = ip4(10, 0, 0, 99), .yiaddr = ip4(10, 0, 0, 100), .giaddr = ip4(10, 9, 9, 9), .options = opt_type(5) + opt_ip(3, ip4(10, 0, 0, 254)) + opt_lease(7200) + opt_ip(54, ip4(10, 0, 0, 1)) + opt(60, {1, 4, 0, 0, 1, 2}) + opt(67, {'b'}) + opt(82, {1, 2, 'c', 'c', 2, 1, 'r', 9, 0}) + opt(125, {0}) + OPT_END, .padding = Bytes(7, 0xEE)};
     const Parsed parsed(frame, {.port = 1, .outer = 100, .inner = 20});
     ASSERT_EQ(parsed.result, 0);
     const DhcpsnoopPktInfo &info = parsed.info;
@@ -128,30 +112,14 @@ TEST_F(Parse, Ladder)
         "285!\r\n";
     check_ladder({
         {"a DISCOVER", Frame{}.bytes(), {}, 0, ""},
-        {"EtherType neither IPv4 nor IPv6",
-         Frame{.etherType = 0x0806}.bytes(),
-         {.l2 = 14, .etherType = 0x0806},
-         -1,
-         "[DHCPSNOOP] This is not a IPv4 or IPv6 packet, stop process!\r\n"},
+        {"EtherType neither IPv4 nor IPv6", Frame{.etherType = 0x0806}.bytes(), {.l2 = 14, .etherType = 0x0806}, -1, "[DHCPSNOOP] This is not a IPv4 or IPv6 packet, stop process!\r\n"},
         {"IP version 5", Frame{.ipVersion = 5}.bytes(), {}, -1, "[DHCPSNOOP] This is not a IPv4 packet!\r\n"},
         {"IP version 0", Frame{.ipVersion = 0}.bytes(), {}, -1, "[DHCPSNOOP] This is not a IPv4 packet!\r\n"},
-        {"header of 16 bytes",
-         Frame{.ihl = 4}.bytes(),
-         {},
-         -1,
-         "[DHCPSNOOP] IPv4 header len must be larger than 20!\r\n"},
+        {"header of 16 bytes", Frame{.ihl = 4}.bytes(), {}, -1, "[DHCPSNOOP] IPv4 header len must be larger than 20!\r\n"},
         {"header of 20 bytes", Frame{.ihl = 5}.bytes(), {}, 0, ""},
         {"header of 60 bytes", Frame{.ipOptions = Bytes(40, 1)}.bytes(), {}, 0, ""},
-        {"total length below the header",
-         Frame{.ipTotalLen = 19}.bytes(),
-         {},
-         -1,
-         "[DHCPSNOOP] Total len of ip must be larger than header len!\r\n"},
-        {"total length of just the header: no UDP datagram in it",
-         Frame{.ipTotalLen = 20}.bytes(),
-         {},
-         -1,
-         "[DHCPSNOOP] Udp len 252 must not exceed ip body len 0!\r\n"},
+        {"total length below the header", Frame{.ipTotalLen = 19}.bytes(), {}, -1, "[DHCPSNOOP] Total len of ip must be larger than header len!\r\n"},
+        {"total length of just the header: no UDP datagram in it", Frame{.ipTotalLen = 20}.bytes(), {}, -1, "[DHCPSNOOP] Udp len 252 must not exceed ip body len 0!\r\n"},
         {"one byte is missing", cut(Frame{}.bytes(), 1), {}, -1, shortText.c_str()},
         {"padding behind the datagram", Frame{.padding = Bytes(20, 0)}.bytes(), {}, 0, ""},
         {"not UDP", Frame{.protocol = 6}.bytes(), {}, -1, "[DHCPSNOOP] This is not a udp packet!\r\n"},
@@ -159,33 +127,13 @@ TEST_F(Parse, Ladder)
         {"ports 1234 to 68", Frame{.srcPort = 1234, .dstPort = 68}.bytes(), {}, 0, ""},
         {"ports 67 to 1234", Frame{.srcPort = 67, .dstPort = 1234}.bytes(), {}, 0, ""},
         {"ports 68 to 1234", Frame{.srcPort = 68, .dstPort = 1234}.bytes(), {}, 0, ""},
-        {"ports 66 to 69",
-         Frame{.srcPort = 66, .dstPort = 69}.bytes(),
-         {},
-         -1,
-         "[DHCPSNOOP] This is not a dhcp packet!\r\n"},
-        {"UDP length beyond the IP body",
-         Frame{.udpLen = 253}.bytes(),
-         {},
-         -1,
-         "[DHCPSNOOP] Udp len 253 must not exceed ip body len 252!\r\n"},
+        {"ports 66 to 69", Frame{.srcPort = 66, .dstPort = 69}.bytes(), {}, -1, "[DHCPSNOOP] This is not a dhcp packet!\r\n"},
+        {"UDP length beyond the IP body", Frame{.udpLen = 253}.bytes(), {}, -1, "[DHCPSNOOP] Udp len 253 must not exceed ip body len 252!\r\n"},
         {"UDP length short of the IP body", Frame{.udpLen = 251}.bytes(), {}, 0, ""},
-        {"a message of 239 bytes",
-         message_of(239),
-         {},
-         -1,
-         "[DHCPSNOOP] Message (len 247) is too short, stop process!\r\n"},
+        {"a message of 239 bytes", message_of(239), {}, -1, "[DHCPSNOOP] Message (len 247) is too short, stop process!\r\n"},
         {"a message of 240 bytes", message_of(240), {}, 0, ""},
-        {"UDP length 0",
-         Frame{.udpLen = 0}.bytes(),
-         {},
-         -1,
-         "[DHCPSNOOP] Message (len 0) is too short, stop process!\r\n"},
-        {"UDP length 7",
-         Frame{.udpLen = 7}.bytes(),
-         {},
-         -1,
-         "[DHCPSNOOP] Message (len 7) is too short, stop process!\r\n"},
+        {"UDP length 0", Frame{.udpLen = 0}.bytes(), {}, -1, "[DHCPSNOOP] Message (len 0) is too short, stop process!\r\n"},
+        {"UDP length 7", Frame{.udpLen = 7}.bytes(), {}, -1, "[DHCPSNOOP] Message (len 7) is too short, stop process!\r\n"},
         {"neither checksum is verified", Frame{.ipChecksum = 1, .udpChecksum = 2}.bytes(), {}, 0, ""},
         {"the cookie is not checked", Frame{.cookie = 0}.bytes(), {}, 0, ""},
     });
@@ -210,16 +158,8 @@ TEST_F(Parse, LengthsThatLie)
         {"IP total length that wraps, datagram beyond the frame", wrappedFar, {}, -1, ""},
         {"a layer-2 header that leaves no room for IP", ipEnd, {.l2 = 2029, .etherType = 0x0800}, -1, ""},
         {"a layer-2 header beyond the buffer", ipEnd, {.l2 = 65535, .etherType = 0x0800}, -1, ""},
-        {"one byte captured",
-         Bytes{0x45},
-         {.l2 = 14, .etherType = 0x0800},
-         -1,
-         "[DHCPSNOOP] This is not a IPv4 packet!\r\n"},
-        {"nothing captured, header at its start",
-         Bytes{},
-         {.l2 = 0, .etherType = 0x0800},
-         -1,
-         "[DHCPSNOOP] This is not a IPv4 packet!\r\n"},
+        {"one byte captured", Bytes{0x45}, {.l2 = 14, .etherType = 0x0800}, -1, "[DHCPSNOOP] This is not a IPv4 packet!\r\n"},
+        {"nothing captured, header at its start", Bytes{}, {.l2 = 0, .etherType = 0x0800}, -1, "[DHCPSNOOP] This is not a IPv4 packet!\r\n"},
     });
 
     // The last layer-2 header that leaves room: the IP header's 20 bytes end the buffer, the UDP header is
@@ -229,15 +169,10 @@ TEST_F(Parse, LengthsThatLie)
     last[2030] = 0xF8; // total length 63508 + 2028 = 65536
     last[2031] = 0x14;
     last[2037] = 17;
-    check_ladder(
-        {{"the UDP header begins at the buffer's end", last, {.l2 = 2028, .etherType = 0x0800}, -1, ""}});
+    check_ladder({{"the UDP header begins at the buffer's end", last, {.l2 = 2028, .etherType = 0x0800}, -1, ""}});
 
     last[2037] = 6; // but what it holds is looked at
-    check_ladder({{"not UDP at the buffer's end",
-                   last,
-                   {.l2 = 2028, .etherType = 0x0800},
-                   -1,
-                   "[DHCPSNOOP] This is not a udp packet!\r\n"}});
+    check_ladder({{"not UDP at the buffer's end", last, {.l2 = 2028, .etherType = 0x0800}, -1, "[DHCPSNOOP] This is not a udp packet!\r\n"}});
 
     // More than the buffer claimed by the record counts as the buffer.
     DhcpsnoopRxPkt rx = rx_packet(full);
@@ -280,8 +215,7 @@ TEST_F(Parse, VlanLineNamesASingleTagAsTheCustomers)
 {
     Parsed untagged(Frame{}, {.outer = 10});
     Parsed tagged(Frame{}, {.outer = 100, .inner = 7});
-    EXPECT_EQ(debug_texts(),
-              (Lines{"[DHCPSNOOP] svlan 4096, cvlan 10.\r\n", "[DHCPSNOOP] svlan 100, cvlan 7.\r\n"}));
+    EXPECT_EQ(debug_texts(), (Lines{"[DHCPSNOOP] svlan 4096, cvlan 10.\r\n", "[DHCPSNOOP] svlan 100, cvlan 7.\r\n"}));
     EXPECT_EQ(untagged.info.svlan, 10); // 4096 is only printed
     EXPECT_EQ(untagged.info.cvlan, 0);
 }
@@ -357,14 +291,8 @@ TEST_F(Parse, Options)
         {"lease of length 8", "33 08 00 00 0e 10 00 00 0e 10 ff", "end @10", {must4}},
         {"router: the first of two", "03 08 0a 00 00 01 0a 00 00 02 ff", "router a000001 end @10", {}},
         {"router of length 6", "03 06 0a 00 00 01 0a 00 ff", "end @8", {multiple}},
-        {"router of length 0 reads the 4 bytes that follow",
-         "03 00 35 01 05 ff",
-         "type 5 router 350105ff end @5",
-         {}},
-        {"router of length 0 at the end of the area",
-         "35 01 05 03 00 ff",
-         "type 5 router ff000000 end @5",
-         {}},
+        {"router of length 0 reads the 4 bytes that follow", "03 00 35 01 05 ff", "type 5 router 350105ff end @5", {}},
+        {"router of length 0 at the end of the area", "35 01 05 03 00 ff", "type 5 router ff000000 end @5", {}},
         {"requested address", "32 04 0a 01 01 05 ff", "end @6 client 0a 01 01 05", {}},
         {"requested address 0.0.0.0 is none", "32 04 00 00 00 00 ff", "end @6", {}},
         {"requested address of length 3", "32 03 0a 01 01 ff", "end @5", {must4}},
@@ -372,36 +300,18 @@ TEST_F(Parse, Options)
 
         {"vendor class", "3c 01 61 ff", "opt60 @0 end @3", {}},
         {"vendor class of length 0", "3c 00 ff", "end @2", {vendor}},
-        {"vendor class with item 1 of 4 bytes",
-         "3c 06 01 04 12 34 56 78 ff",
-         "opt60 @0 tag 12345678 end @8",
-         {}},
-        {"item 1 of 3 bytes ends the walk",
-         "3c 0b 01 03 12 34 56 01 04 00 00 00 09 ff",
-         "opt60 @0 end @13",
-         {}},
+        {"vendor class with item 1 of 4 bytes", "3c 06 01 04 12 34 56 78 ff", "opt60 @0 tag 12345678 end @8", {}},
+        {"item 1 of 3 bytes ends the walk", "3c 0b 01 03 12 34 56 01 04 00 00 00 09 ff", "opt60 @0 end @13", {}},
         {"item 1 behind another", "3c 09 07 01 00 01 04 00 00 00 09 ff", "opt60 @0 tag 9 end @11", {}},
-        {"the first item 1 counts",
-         "3c 0c 01 04 00 00 00 07 01 04 00 00 00 09 ff",
-         "opt60 @0 tag 7 end @14",
-         {}},
-        {"an item whose data lies behind the option",
-         "3c 02 01 04 ff 00 00 01",
-         "opt60 @0 tag ff000001 end @4",
-         {}},
+        {"the first item 1 counts", "3c 0c 01 04 00 00 00 07 01 04 00 00 00 09 ff", "opt60 @0 tag 7 end @14", {}},
+        {"an item whose data lies behind the option", "3c 02 01 04 ff 00 00 01", "opt60 @0 tag ff000001 end @4", {}},
         {"items of length 254 do not wrap", "3c 03 02 fe 00 ff", "opt60 @0 end @5", {}},
 
         {"boot file name of length 0", "43 00 ff", "opt67 @0 end @2", {}},
         {"vendor-identifying", "7d 00 ff", "opt125 @0 end @2", {}},
         {"relay information without sub-options", "52 00 ff", "opt82 @0 end @2", {}},
-        {"each sub-option",
-         "52 09 01 01 61 02 01 62 09 01 63 ff",
-         "opt82 @0 circuit @2 remote @5 sub9 @8 end @11",
-         {}},
-        {"in any order, others between",
-         "52 08 09 00 05 02 00 00 01 00 ff",
-         "opt82 @0 circuit @8 sub9 @2 end @10",
-         {}},
+        {"each sub-option", "52 09 01 01 61 02 01 62 09 01 63 ff", "opt82 @0 circuit @2 remote @5 sub9 @8 end @11", {}},
+        {"in any order, others between", "52 08 09 00 05 02 00 00 01 00 ff", "opt82 @0 circuit @8 sub9 @2 end @10", {}},
         {"the last of two", "52 04 01 00 01 00 ff", "opt82 @0 circuit @4 end @6", {}},
         {"an item longer than its option", "52 03 02 ff 00 ff", "opt82 @0 remote @2 end @5", {}},
         {"its header astride the option's end", "52 01 02 ff", "opt82 @0 remote @2 end @3", {}},
@@ -468,8 +378,7 @@ TEST_F(Parse, ClientAddress)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
-        const Parsed parsed(
-            Frame{.ciaddr = row.ciaddr, .yiaddr = row.yiaddr, .options = hex_bytes(row.options)});
+        const Parsed parsed(Frame{.ciaddr = row.ciaddr, .yiaddr = row.yiaddr, .options = hex_bytes(row.options)});
         EXPECT_EQ(world_hex(parsed.info.clientIp, 4), row.client);
     }
 }

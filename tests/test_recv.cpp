@@ -65,8 +65,7 @@ TEST_F(Receive, TypesAndDirections)
         const char *text;
         const char *next; // a line of the path it goes to
     } rows[] = {
-        {"offer", 2, opt_type(2) + OPT_END, "reply packet, type value 2(offer)",
-         "Port is untrust,stop process!"},
+        {"offer", 2, opt_type(2) + OPT_END, "reply packet, type value 2(offer)", "Port is untrust,stop process!"},
         {"request", 1, opt_type(3) + OPT_END, "request packet, type value 3(request)",
          "User do not exist, add it to user table."},
         {"decline", 1, opt_type(4) + OPT_END, "request packet, type value 4(decline)",
@@ -90,10 +89,8 @@ TEST_F(Receive, TypesAndDirections)
          "Send packet to server, inport 1, vid 10, len 286."},
         {"a DISCOVER with op 2 is a server's", 2, opt_type(1) + OPT_END,
          "reply packet, type value 1(discover)", "Port is untrust,stop process!"},
-        {"op 3 goes nowhere", 3, opt_type(1) + OPT_END, "reply packet, type value 1(discover)",
-         "Process pkt end."},
-        {"op 0 goes nowhere", 0, opt_type(1) + OPT_END, "reply packet, type value 1(discover)",
-         "Process pkt end."},
+        {"op 3 goes nowhere", 3, opt_type(1) + OPT_END, "reply packet, type value 1(discover)", "Process pkt end."},
+        {"op 0 goes nowhere", 0, opt_type(1) + OPT_END, "reply packet, type value 1(discover)", "Process pkt end."},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);

@@ -74,8 +74,7 @@ TEST_F(Server, Learning)
             receive(Frame{.op = 2, .options = row.options + OPT_END}, {.port = row.port, .outer = 10});
         EXPECT_EQ(dhcpsnoop_server_lookup(SERVER, 10, row.port) != nullptr, row.learned == 1);
         size_t count = 0;
-        for (const DhcpsnoopLink *at = gDhcpsnoop.serverList.next; at != &gDhcpsnoop.serverList;
-             at = at->next)
+        for (const DhcpsnoopLink *at = gDhcpsnoop.serverList.next; at != &gDhcpsnoop.serverList; at = at->next)
             count++;
         EXPECT_EQ(count, row.learned); // once only
     }
@@ -97,8 +96,7 @@ TEST_F(Server, WhereTheReplyGoes)
     const Row rows[] = {
         {"an ACK to the binding's port", ACK, true, false, true, 0, 10, unicast},
         {"in the binding's VLAN, whatever VLAN it came in", ACK, true, false, true, 0, 20, unicast},
-        {"the binding's port is not in use: flooded in the binding's VLAN", ACK, true, false, false, 0, 20,
-         "3"},
+        {"the binding's port is not in use: flooded in the binding's VLAN", ACK, true, false, false, 0, 20, "3"},
         {"an ACK without binding is flooded", ACK, false, false, true, 0, 10, flooded},
         {"an ACK without binding, waiting, not relayed", ACK, false, true, true, 0, 10, flooded},
         {"an ACK without binding, waiting, relayed", ACK, false, true, true, RELAY, 10, unicast},
@@ -135,12 +133,11 @@ TEST_F(Server, WhereTheReplyGoes)
             ports += world_format("%s%u", ports.empty() ? "" : " ", entry->port);
         EXPECT_EQ(ports, row.ports);
         const size_t length = frame.bytes().size();
-        EXPECT_EQ(printed(world_format("[DHCPSNOOP] Unicast packet to client,outport 1,vid 10,len %zu.\r\n",
-                                       length)),
+        EXPECT_EQ(printed(world_format("[DHCPSNOOP] Unicast packet to client,outport 1,vid 10,len %zu.\r\n", length)),
                   row.ports == unicast);
         const uint32_t vlan = *row.ports == '4' ? 20 : 10;
-        EXPECT_EQ(printed(world_format("[DHCPSNOOP] Broadcast packet to client,inport 2,vid %u,len %zu.\r\n",
-                                       vlan, length)),
+        EXPECT_EQ(printed(world_format("[DHCPSNOOP] Broadcast packet to client,inport 2,vid %u,len %zu.\r\n", vlan,
+                                       length)),
                   row.ports != unicast);
     }
 }
@@ -234,18 +231,7 @@ TEST_F(Server, RelayUndo)
         } else {
             make_binding(HOST, MAC_CLIENT, 1, 10);
         }
-        Frame frame = {.dst = {2, 0, 0, 0, 0, 9},
-                       .src = MAC_SERVER,
-                       .srcIp = SERVER,
-                       .dstIp = RELAY,
-                       .srcPort = 67,
-                       .dstPort = 67,
-                       .op = 2,
-                       .flags = row.flags,
-                       .yiaddr = row.yiaddr,
-                       .giaddr = row.giaddr,
-                       .options = opt_type(row.type) +
-                                  (row.serverId != 0 ? opt_ip(54, row.serverId) : Bytes{}) + OPT_END};
+        Frame frame = {.dst = {2, 0, 0, 0, 0, 9}, .src = MAC_SERVER, .srcIp = SERVER, .dstIp = RELAY, .srcPort = 67, .dstPort = 67, .op = 2, .flags = row.flags, .yiaddr = row.yiaddr, .giaddr = row.giaddr, .options = opt_type(row.type) + (row.serverId != 0 ? opt_ip(54, row.serverId) : Bytes{}) + OPT_END};
         receive(frame, ON2);
         if (row.undone) {
             frame.srcIp = RELAY;
@@ -296,8 +282,7 @@ TEST_F(Server, Option82OnTheWayBack)
         gDhcpsnoop.remoteIdFmt.mode = row.globalRemote;
         gDhcpsnoop.circuitIdFmt.mode = 3;
         receive(server_frame(ACK, row.option), ON2);
-        EXPECT_EQ(dissect(sent_frame()),
-                  dissect(server_frame(ACK, row.stripped ? Bytes{} : row.option).bytes()));
+        EXPECT_EQ(dissect(sent_frame()), dissect(server_frame(ACK, row.stripped ? Bytes{} : row.option).bytes()));
     }
 
     // A flooded reply keeps its option 82.
@@ -343,31 +328,11 @@ TEST_F(Server, BootOptions)
         Bytes added;
         Lines texts;
     } rows[] = {
-        {"both, the boot file first",
-         ACK,
-         true,
-         text_bytes("boot.bin"),
-         text_bytes("x"),
-         opt(67, text_bytes("boot.bin")) + inserted125(text_bytes("x")),
-         {"[DHCPSNOOP] Insert option67, len is 8.\r\n", "[DHCPSNOOP] Insert option125, len is 1.\r\n"}},
+        {"both, the boot file first", ACK, true, text_bytes("boot.bin"), text_bytes("x"), opt(67, text_bytes("boot.bin")) + inserted125(text_bytes("x")), {"[DHCPSNOOP] Insert option67, len is 8.\r\n", "[DHCPSNOOP] Insert option125, len is 1.\r\n"}},
         {"a length of 0 inserts nothing", ACK, true, Bytes{}, Bytes{}, {}, {}},
         // Kept: lengths that nothing filled in are still the room, and both insertions refuse them.
-        {"nothing filled in",
-         ACK,
-         true,
-         std::nullopt,
-         std::nullopt,
-         {},
-         {"[DHCPSNOOP] Insert option67, len is 256.\r\n", "[DHCPSNOOP] option67 len is invalid!\r\n",
-          "[DHCPSNOOP] Insert option125, len is 256.\r\n", "[DHCPSNOOP] option125 len is invalid!\r\n"}},
-        {"no hook",
-         ACK,
-         false,
-         text_bytes("b"),
-         text_bytes("x"),
-         {},
-         {"[DHCPSNOOP] Insert option67, len is 256.\r\n", "[DHCPSNOOP] option67 len is invalid!\r\n",
-          "[DHCPSNOOP] Insert option125, len is 256.\r\n", "[DHCPSNOOP] option125 len is invalid!\r\n"}},
+        {"nothing filled in", ACK, true, std::nullopt, std::nullopt, {}, {"[DHCPSNOOP] Insert option67, len is 256.\r\n", "[DHCPSNOOP] option67 len is invalid!\r\n", "[DHCPSNOOP] Insert option125, len is 256.\r\n", "[DHCPSNOOP] option125 len is invalid!\r\n"}},
+        {"no hook", ACK, false, text_bytes("b"), text_bytes("x"), {}, {"[DHCPSNOOP] Insert option67, len is 256.\r\n", "[DHCPSNOOP] option67 len is invalid!\r\n", "[DHCPSNOOP] Insert option125, len is 256.\r\n", "[DHCPSNOOP] option125 len is invalid!\r\n"}},
         {"a NAK gets none", NAK, true, text_bytes("b"), text_bytes("x"), {}, {}},
         {"an offer to a waiting client gets none", OFFER, true, text_bytes("b"), text_bytes("x"), {}, {}},
     };
@@ -383,14 +348,7 @@ TEST_F(Server, BootOptions)
         if (row.hook)
             gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback;
         debug(1);
-        const Frame frame = {.src = MAC_SERVER,
-                             .srcIp = SERVER,
-                             .srcPort = 67,
-                             .dstPort = 68,
-                             .op = 2,
-                             .yiaddr = HOST,
-                             .giaddr = RELAY,
-                             .options = opt_type(row.type) + opt_ip(54, SERVER) + own + OPT_END};
+        const Frame frame = {.src = MAC_SERVER, .srcIp = SERVER, .srcPort = 67, .dstPort = 68, .op = 2, .yiaddr = HOST, .giaddr = RELAY, .options = opt_type(row.type) + opt_ip(54, SERVER) + own + OPT_END};
         receive(frame, ON2);
         Frame expected = frame; // option 82 is this port's own and goes
         expected.options = opt_type(row.type) + opt_ip(54, SERVER) + row.added + OPT_END;

@@ -89,8 +89,7 @@ TEST_F(Start, PoolSizes)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
         world.reset_without_daemon();
-        ASSERT_EQ(dhcpsnoop_init_ex(row.given[0], row.given[1], row.given[2], 3, nullptr, nullptr, nullptr),
-                  0);
+        ASSERT_EQ(dhcpsnoop_init_ex(row.given[0], row.given[1], row.given[2], 3, nullptr, nullptr, nullptr), 0);
         EXPECT_EQ(gDhcpsnoop.ifMax, row.made[0]);
         EXPECT_EQ(gDhcpsnoop.userMax, row.made[1]);
         EXPECT_EQ(gDhcpsnoop.serverMax, row.made[2]);
@@ -105,15 +104,13 @@ TEST_F(Start, ShortFormHasTheDefaults)
     EXPECT_EQ(gDhcpsnoop.userMax, 6);
     EXPECT_EQ(gDhcpsnoop.serverMax, 256);
     EXPECT_EQ(gDhcpsnoop.circuitIdFmt.mode, 3);
-    EXPECT_TRUE(gDhcpsnoop.deftinstallCb == nullptr && gDhcpsnoop.ipsgIfGet == nullptr &&
-                gDhcpsnoop.antiArpIfGet == nullptr);
+    EXPECT_TRUE(gDhcpsnoop.deftinstallCb == nullptr && gDhcpsnoop.ipsgIfGet == nullptr && gDhcpsnoop.antiArpIfGet == nullptr);
 }
 
 TEST_F(Start, HooksAreStoredEachInItsPlace)
 {
-    ASSERT_EQ(
-        dhcpsnoop_init_ex(0, 0, 0, 3, deftinstall_client_entry_callback, ipsgIfGetApi, arpAntiAttackIfGetApi),
-        0);
+    ASSERT_EQ(dhcpsnoop_init_ex(0, 0, 0, 3, deftinstall_client_entry_callback, ipsgIfGetApi, arpAntiAttackIfGetApi),
+              0);
     EXPECT_EQ(gDhcpsnoop.deftinstallCb, deftinstall_client_entry_callback);
     EXPECT_EQ(gDhcpsnoop.ipsgIfGet, ipsgIfGetApi);
     EXPECT_EQ(gDhcpsnoop.antiArpIfGet, arpAntiAttackIfGetApi);
@@ -168,91 +165,26 @@ TEST_F(Start, FailureReleasesEverythingMade)
         const char *error; // perror's own part
         Lines undone;
     } rows[] = {
-        {"Kept: an early failure closes descriptor 0 twice and removes the path",
-         "OsixCreateMSem 9",
-         -1,
-         0,
-         "",
-         {ZERO, PATH, ZERO}},
+        {"Kept: an early failure closes descriptor 0 twice and removes the path", "OsixCreateMSem 9", -1, 0, "", {ZERO, PATH, ZERO}},
         {"no memory for interfaces", "", 0, 1, "", {SEM, ZERO, PATH, ZERO}},
         {"no memory for users", "", 0, 2, "", {SEM, ZERO, PATH, ZERO}},
         {"no memory for servers", "", 0, 3, "", {SEM, ZERO, PATH, ZERO}},
         {"no IPv4 socket", "socket AF_PACKET 3 0x0800", -1, 0, "", {SEM, ZERO, PATH, ZERO}},
-        {"no packet information on it",
-         "platform_packet_info_enable 900",
-         -1,
-         0,
-         "[DHCPSNOOP]dataSock setsockopt failed!\r\n: ",
-         {SEM, DATA, ZERO, PATH, ZERO}},
+        {"no packet information on it", "platform_packet_info_enable 900", -1, 0, "[DHCPSNOOP]dataSock setsockopt failed!\r\n: ", {SEM, DATA, ZERO, PATH, ZERO}},
         {"no IPv6 socket", "socket AF_PACKET 3 0x86dd", -1, 0, "", {SEM, DATA, ZERO, PATH, ZERO}},
-        {"no packet information on it",
-         "platform_packet_info_enable 901",
-         -1,
-         0,
-         "[DHCPSNOOP] data6_socket setsockopt failed\r\n: ",
-         {SEM, DATA, DATA6, ZERO, PATH, ZERO}},
-        {"no command socket: its -1 is not closed",
-         "socket AF_UNIX",
-         -1,
-         0,
-         "[DHCPSNOOP] Create cmd_socket ERROR!\r\n: ",
-         {SEM, DATA, DATA6, ZERO}},
-        {"a command socket of 0 counts as failure",
-         "socket AF_UNIX",
-         0,
-         0,
-         "[DHCPSNOOP] Create cmd_socket ERROR!\r\n: ",
-         {SEM, DATA, DATA6, ZERO, PATH, ZERO}},
-        {"command socket not bound",
-         "bind AF_UNIX",
-         -1,
-         0,
-         "[DHCPSNOOP] Bind cmd_socket failed!\r\n: ",
-         {SEM, DATA, DATA6, CMD, PATH, ZERO}},
-        {"command socket does not listen",
-         "listen",
-         -1,
-         0,
-         "[DHCPSNOOP] Listen cmdSock error\r\n: ",
-         {SEM, DATA, DATA6, CMD, PATH, ZERO}},
+        {"no packet information on it", "platform_packet_info_enable 901", -1, 0, "[DHCPSNOOP] data6_socket setsockopt failed\r\n: ", {SEM, DATA, DATA6, ZERO, PATH, ZERO}},
+        {"no command socket: its -1 is not closed", "socket AF_UNIX", -1, 0, "[DHCPSNOOP] Create cmd_socket ERROR!\r\n: ", {SEM, DATA, DATA6, ZERO}},
+        {"a command socket of 0 counts as failure", "socket AF_UNIX", 0, 0, "[DHCPSNOOP] Create cmd_socket ERROR!\r\n: ", {SEM, DATA, DATA6, ZERO, PATH, ZERO}},
+        {"command socket not bound", "bind AF_UNIX", -1, 0, "[DHCPSNOOP] Bind cmd_socket failed!\r\n: ", {SEM, DATA, DATA6, CMD, PATH, ZERO}},
+        {"command socket does not listen", "listen", -1, 0, "[DHCPSNOOP] Listen cmdSock error\r\n: ", {SEM, DATA, DATA6, CMD, PATH, ZERO}},
         {"no event socket", "socket AF_NETLINK", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH}},
-        {"an event socket of 0 counts as failure",
-         "socket AF_NETLINK",
-         0,
-         0,
-         "",
-         {SEM, DATA, DATA6, CMD, PATH, ZERO}},
+        {"an event socket of 0 counts as failure", "socket AF_NETLINK", 0, 0, "", {SEM, DATA, DATA6, CMD, PATH, ZERO}},
         {"event socket not bound", "bind AF_NETLINK", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 32 must be joined",
-         "platform_event_group_join 903 32",
-         -1,
-         0,
-         "",
-         {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 31 must be joined",
-         "platform_event_group_join 903 31",
-         -1,
-         0,
-         "",
-         {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 40 must be joined",
-         "platform_event_group_join 903 40",
-         -1,
-         0,
-         "",
-         {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 1 must be joined",
-         "platform_event_group_join 903 1",
-         -1,
-         0,
-         "",
-         {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 56 must be joined",
-         "platform_event_group_join 903 56",
-         -1,
-         0,
-         "",
-         {SEM, DATA, DATA6, CMD, PATH, RT}},
+        {"group 32 must be joined", "platform_event_group_join 903 32", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
+        {"group 31 must be joined", "platform_event_group_join 903 31", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
+        {"group 40 must be joined", "platform_event_group_join 903 40", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
+        {"group 1 must be joined", "platform_event_group_join 903 1", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
+        {"group 56 must be joined", "platform_event_group_join 903 56", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
         {"event socket stays blocking", "ioctl FIONBIO", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
     };
     for (const auto &row : rows) {
@@ -280,8 +212,7 @@ TEST_F(Start, FailureReleasesEverythingMade)
         EXPECT_EQ(debug_texts(), Lines{});
         EXPECT_EQ(gDhcpsnoop.cmdSock, -1);
         EXPECT_EQ(gDhcpsnoop.rtSock, -1);
-        EXPECT_TRUE(gDhcpsnoop.ifPool == nullptr && gDhcpsnoop.userPool == nullptr &&
-                    gDhcpsnoop.serverPool == nullptr);
+        EXPECT_TRUE(gDhcpsnoop.ifPool == nullptr && gDhcpsnoop.userPool == nullptr && gDhcpsnoop.serverPool == nullptr);
 
         // The loop runs all the same, and walks its tables.
         world.now += 1000;
@@ -318,9 +249,8 @@ TEST_F(Start, RelaySocketSendsFromPort67)
 {
     const int sock = dhcpsnoop_udp_socket_init();
     EXPECT_EQ(sock, 900);
-    EXPECT_EQ(world.calls(),
-              (Lines{"socket AF_INET 2 0", "setsockopt SO_BROADCAST 1", "setsockopt SO_REUSEADDR 1",
-                     "setsockopt SO_RCVBUF 1", "bind AF_INET 00000000:67 16"}));
+    EXPECT_EQ(world.calls(), (Lines{"socket AF_INET 2 0", "setsockopt SO_BROADCAST 1", "setsockopt SO_REUSEADDR 1",
+                                    "setsockopt SO_RCVBUF 1", "bind AF_INET 00000000:67 16"}));
 }
 
 TEST_F(Start, RelaySocketFailures)

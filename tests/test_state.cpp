@@ -24,8 +24,7 @@ TEST(Pool, IsCarvedIntoAFreeList)
         {"a count of 0 is one entry", 2 * LINKS, 0, 1, 2 * LINKS},
         {"an entry has room for its links at least", 1, 2, 2, LINKS},
         {"an entry of two links is not enlarged", LINKS, 2, 2, LINKS},
-        {"an odd size is rounded up so that the links stay aligned", LINKS + 1, 2, 2,
-         LINKS + alignof(DhcpsnoopLink)},
+        {"an odd size is rounded up so that the links stay aligned", LINKS + 1, 2, 2, LINKS + alignof(DhcpsnoopLink)},
     };
     for (const PoolRow &row : rows) {
         SCOPED_TRACE(row.claim);

@@ -57,15 +57,12 @@ const ConfCase CONF_CASES[] = {
      "port swp3 routed\n"
      "vlan 10 interface vlan10\n"
      "role slave\n",
-     nullptr,
-     "system 3 role slave; swp1 1 native 10 tagged; swp2 2 native 1 tagged 10 20 100 101 102 103; "
-     "swp3 3 routed native 0 tagged; vlan10 is vlan 10"},
+     nullptr, "system 3 role slave; swp1 1 native 10 tagged; swp2 2 native 1 tagged 10 20 100 101 102 103; "
+              "swp3 3 routed native 0 tagged; vlan10 is vlan 10"},
     {"ports are numbered as they stand", "port b access 1\nport a access 1\n", nullptr,
      "system 1 role none; a 2 native 1 tagged; b 1 native 1 tagged"},
-    {"a trunk without native VLAN has none", "port p trunk 5", nullptr,
-     "system 1 role none; p 1 native 0 tagged 5"},
-    {"first and last VLAN", "port p trunk 1-1,4094", nullptr,
-     "system 1 role none; p 1 native 0 tagged 1 4094"},
+    {"a trunk without native VLAN has none", "port p trunk 5", nullptr, "system 1 role none; p 1 native 0 tagged 5"},
+    {"first and last VLAN", "port p trunk 1-1,4094", nullptr, "system 1 role none; p 1 native 0 tagged 1 4094"},
     {"lines of another system's editor", "port p access 7\r\nrole master\r\n", nullptr,
      "system 1 role master; p 1 native 7 tagged"},
     {"tabs, and a comment that touches the word", "port\tp\taccess\t7#x", nullptr,
@@ -80,8 +77,7 @@ const ConfCase CONF_CASES[] = {
     {"a number that wraps", "port p access 4294967306",
      "f:1: VLAN '4294967306' is not a number from 1 to 4094", nullptr},
     {"a signed number", "port p access +7", "f:1: VLAN '+7' is not a number from 1 to 4094", nullptr},
-    {"a number with a tail", "vlan 10x interface v", "f:1: VLAN '10x' is not a number from 1 to 4094",
-     nullptr},
+    {"a number with a tail", "vlan 10x interface v", "f:1: VLAN '10x' is not a number from 1 to 4094", nullptr},
     {"an empty item", "port p trunk 1,,2", "f:1: VLAN '' is not a number from 1 to 4094", nullptr},
     {"a comma at the end", "port p trunk 1,", "f:1: VLAN '' is not a number from 1 to 4094", nullptr},
     {"a range without end", "port p trunk 1-", "f:1: VLAN '' is not a number from 1 to 4094", nullptr},
@@ -90,20 +86,15 @@ const ConfCase CONF_CASES[] = {
     {"native and tagged at once", "port p trunk 1-5 native 5",
      "f:1: VLAN 5 is native and in the list: the list is of tagged VLANs only", nullptr},
     {"a port without mode", "port p",
-     "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed",
-     nullptr},
+     "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed", nullptr},
     {"a word too many", "port p access 1 2",
-     "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed",
-     nullptr},
+     "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed", nullptr},
     {"native without VLAN", "port p trunk 1 native",
-     "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed",
-     nullptr},
+     "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed", nullptr},
     {"a list with blanks", "port p trunk 1, 2",
-     "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed",
-     nullptr},
+     "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed", nullptr},
     {"a port twice", "port p access 1\nport p access 2\n", "f:2: 'p' is a port already", nullptr},
-    {"a port as VLAN interface", "port p access 1\nvlan 1 interface p\n", "f:2: 'p' is a port already",
-     nullptr},
+    {"a port as VLAN interface", "port p access 1\nvlan 1 interface p\n", "f:2: 'p' is a port already", nullptr},
     {"a VLAN interface as port", "vlan 1 interface p\nport p routed\n",
      "f:2: 'p' is a VLAN's interface already", nullptr},
     {"a VLAN with two interfaces", "vlan 1 interface a\nvlan 1 interface b\n",
@@ -116,8 +107,7 @@ const ConfCase CONF_CASES[] = {
     {"a role that is none", "role primary", "f:1: expected: role none, role master or role slave", nullptr},
     {"two roles", "role none\nrole none\n", "f:2: the role is set already", nullptr},
     {"two systems", "system 1\nsystem 1\n", "f:2: the system number is set already", nullptr},
-    {"a system that does not fit its byte", "system 256", "f:1: system '256' is not a number from 1 to 255",
-     nullptr},
+    {"a system that does not fit its byte", "system 256", "f:1: system '256' is not a number from 1 to 255", nullptr},
 };
 
 TEST(SwitchConf, Rows)
@@ -399,9 +389,7 @@ const VlanCase VLAN_CASES[] = {
     {"each by itself", {{PVID | UNTAGGED, 1}, {0, 7}, {UNTAGGED, 9}}, "native 1, tagged 7, untagged 1,9"},
     {"a native VLAN that is sent tagged", {{PVID, 4}}, "native 4, tagged 4, untagged none"},
     {"a range", {{BEGIN, 10}, {END, 12}, {0, 20}}, "native 0, tagged 10-12,20, untagged none"},
-    {"an untagged range",
-     {{BEGIN | UNTAGGED, 10}, {END | UNTAGGED, 11}},
-     "native 0, tagged none, untagged 10-11"},
+    {"an untagged range", {{BEGIN | UNTAGGED, 10}, {END | UNTAGGED, 11}}, "native 0, tagged none, untagged 10-11"},
     {"all there are", {{BEGIN, 1}, {END, 4094}}, "native 0, tagged 1-4094, untagged none"},
     {"ids that are none", {{0, 0}, {PVID, 4095}, {0, 65535}, {0, 3}}, "native 0, tagged 3, untagged none"},
     {"an end without begin", {{END, 8}}, "native 0, tagged 8, untagged none"},
@@ -449,12 +437,7 @@ const FeedCase FEED_CASES[] = {
     {"leaving a bridge is not the end of a port", PLAIN, LEFT, "", "", true},
     {"leaving a bridge is not leaving a bond", BONDED, LEFT, "", "", true},
     {"a card that switches by itself is in no bridge", {new_link(3, "p")}, SWITCHING_CARD, "", "", true},
-    {"a bridge that names itself is not its own port",
-     {new_bridge(2, false)},
-     bridge_port(2, 2, {}),
-     "",
-     "",
-     true},
+    {"a bridge that names itself is not its own port", {new_bridge(2, false)}, bridge_port(2, 2, {}), "", "", true},
     {"a port name and another name, whose numbers the switch uses otherwise", {}, STOCK_NAMES, "", "", true},
     {"a port of a bridge that nobody told of", {}, bridge_port(3, 2, {}), "", "", false},
     {"the end of one that nobody told of", {}, LEFT, "", "", true},
@@ -468,12 +451,7 @@ const FeedCase FEED_CASES[] = {
      "port 3 joined, aggregate 9 + 3", "", true},
     {"from a bond into a bridge", BONDED, new_link(3, "p", nullptr, 2, "bridge"), "aggregate 8 - 3",
      "p: native 1, tagged none, untagged 1, up, disabled\n", true},
-    {"from bridge to bridge at one stroke: its VLANs are still to be told",
-     {new_bridge(2, true), new_bridge(4, true), new_link(3, "p", nullptr, 2, "bridge"), bridge_port(3, 2, {{PVID, 7}})},
-     new_link(3, "p", nullptr, 4, "bridge"),
-     "",
-     "p: native 0, tagged none, untagged none, up, disabled\n",
-     true},
+    {"from bridge to bridge at one stroke: its VLANs are still to be told", {new_bridge(2, true), new_bridge(4, true), new_link(3, "p", nullptr, 2, "bridge"), bridge_port(3, 2, {{PVID, 7}})}, new_link(3, "p", nullptr, 4, "bridge"), "", "p: native 0, tagged none, untagged none, up, disabled\n", true},
     {"a dormant port is not up", PLAIN, new_link(3, "p", nullptr, 2, "bridge", UP | 0x20000), "",
      "p: native 1, tagged none, untagged 1, down, forwarding\n", true},
     {"carrier without being switched on", PLAIN, new_link(3, "p", nullptr, 2, "bridge", 0x10002), "",
@@ -550,8 +528,7 @@ TEST(Links, WhatACompleteDumpDoesNotNameIsGone)
         model.feed(new_bridge(2, false).bytes(), events);
         model.feed(new_link(4, "q").bytes(), events);
         model.dump_end(complete, events);
-        EXPECT_EQ(linux_test::describe(events),
-                  complete ? "3 gone, aggregate 8 - 5, 5 gone" : "aggregate 8 - 4");
+        EXPECT_EQ(linux_test::describe(events), complete ? "3 gone, aggregate 8 - 5, 5 gone" : "aggregate 8 - 4");
         EXPECT_EQ(linux_test::describe(model.ports()), complete ? "" : PLAIN_PORT);
     }
 }
@@ -626,14 +603,9 @@ class Answers : public testing::Test
     void SetUp() override
     {
         configure(CONF);
-        feed_all(switch_model(),
-                 {new_bridge(BRIDGE, true, 0x88A8), new_link(ACC, "acc", nullptr, BRIDGE, "bridge"),
-                  bridge_port(ACC, BRIDGE, {{PVID | UNTAGGED, 77}}), new_link(TRK, "trk"),
-                  new_link(RTD, "rtd"), new_link(AGG, "agg", "bond"),
-                  new_link(MEM, "mem", nullptr, AGG, "bond"), new_link(BLK, "blk", nullptr, BRIDGE, "bridge"),
-                  bridge_port(BLK, BRIDGE, {}, BR_STATE_BLOCKING, 2),
-                  new_link(DWN, "dwn", nullptr, 0, nullptr, 0x3), new_link(V10, "v10"),
-                  new_link(OTHER, "other")});
+        feed_all(switch_model(), {new_bridge(BRIDGE, true, 0x88A8), new_link(ACC, "acc", nullptr, BRIDGE, "bridge"),
+                                  bridge_port(ACC, BRIDGE, {{PVID | UNTAGGED, 77}}), new_link(TRK, "trk"), new_link(RTD, "rtd"),
+                                  new_link(AGG, "agg", "bond"), new_link(MEM, "mem", nullptr, AGG, "bond"), new_link(BLK, "blk", nullptr, BRIDGE, "bridge"), bridge_port(BLK, BRIDGE, {}, BR_STATE_BLOCKING, 2), new_link(DWN, "dwn", nullptr, 0, nullptr, 0x3), new_link(V10, "v10"), new_link(OTHER, "other")});
     }
 
     void TearDown() override { empty(); }
@@ -761,9 +733,8 @@ TEST_F(Answers, WithTwoBridgesAVlanIsThatOfItsInterface)
         message.begin(IFLA_LINKINFO).text(IFLA_INFO_KIND, "vlan").begin(IFLA_INFO_DATA);
         return message.attribute(IFLA_VLAN_ID, &vid, 2).end().end();
     };
-    feed_all(switch_model(),
-             {new_bridge(20, false), new_bridge(30, false), new_link(21, "a", nullptr, 20, "bridge"),
-              new_link(31, "b", nullptr, 30, "bridge"), bridge_port(21, 20, {}), bridge_port(31, 30, {})});
+    feed_all(switch_model(), {new_bridge(20, false), new_bridge(30, false), new_link(21, "a", nullptr, 20, "bridge"),
+                              new_link(31, "b", nullptr, 30, "bridge"), bridge_port(21, 20, {}), bridge_port(31, 30, {})});
     int32_t result;
     EXPECT_EQ(vlan_ports(1, 256, &result), (std::vector<uint32_t>{21, 31}));
     feed_all(switch_model(), {vlanDevice(32, 30, 1)});

@@ -69,15 +69,13 @@ void guard_ports_complete() { recorder.journal.push_back("complete"); }
 
 int guard_trap_port(uint32_t ifIndex, int family, bool on)
 {
-    recorder.journal.push_back("port" + numbers({ifIndex, static_cast<uint32_t>(family)}) +
-                               (on ? " on" : " off"));
+    recorder.journal.push_back("port" + numbers({ifIndex, static_cast<uint32_t>(family)}) + (on ? " on" : " off"));
     return ports.count(ifIndex) != 0 && ports.at(ifIndex).aggregate == 0 ? 0 : ENODEV;
 }
 
 int guard_trap_vlan(uint16_t vid, int family, bool on)
 {
-    recorder.journal.push_back("vlan" + numbers({vid, static_cast<uint32_t>(family)}) +
-                               (on ? " on" : " off"));
+    recorder.journal.push_back("vlan" + numbers({vid, static_cast<uint32_t>(family)}) + (on ? " on" : " off"));
     return 0;
 }
 
@@ -253,8 +251,7 @@ TEST_F(TrapRules, ThatCannotBeHadOnAPortAreSaid)
     Port port = a_port(6, PortKind::port, 9);
     std::string("swp6").copy(port.name, sizeof port.name);
     tell(ModelChange::appeared, port);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("swp6: no DHCP trap can be had on it"),
-              std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("swp6: no DHCP trap can be had on it"), std::string::npos);
     recorder.addResult = ENODEV;
     testing::internal::CaptureStderr();
     tell(ModelChange::appeared, port);

@@ -23,11 +23,7 @@ class User : public Daemon
     // A client's request for an address, learned directly.
     static int32_t learn(uint32_t address, const Mac &mac, const Arrival &arrival = {})
     {
-        Parsed parsed(Frame{.src = mac,
-                            .chaddr = mac,
-                            .options = opt_type(3) + opt_ip(54, ip4(10, 0, 0, 1)) +
-                                       opt(60, hex_bytes("01 04 00 00 00 63")) + OPT_END},
-                      arrival);
+        Parsed parsed(Frame{.src = mac, .chaddr = mac, .options = opt_type(3) + opt_ip(54, ip4(10, 0, 0, 1)) + opt(60, hex_bytes("01 04 00 00 00 63")) + OPT_END}, arrival);
         parsed.info.rxTime = static_cast<uint32_t>(world.now);
         const DhcpsnoopUserKey key = key4(address);
         return dhcpsnoop_user_add(&key, dhcpsnoop_user_lookup(&key), &parsed.info);
@@ -35,8 +31,7 @@ class User : public Daemon
 
     static DhcpsnoopUser *acknowledge(uint32_t address, const Bytes &options)
     {
-        Parsed parsed(Frame{.op = 2, .yiaddr = address, .options = opt_type(5) + options + OPT_END},
-                      {.port = 1});
+        Parsed parsed(Frame{.op = 2, .yiaddr = address, .options = opt_type(5) + options + OPT_END}, {.port = 1});
         parsed.info.rxTime = static_cast<uint32_t>(world.now);
         uint8_t data[2][256] = {};
         QorBuffer option125 = {data[0], 256}, bootFile = {data[1], 256};
@@ -108,12 +103,9 @@ TEST_F(User, Learning)
     EXPECT_EQ(user->serverId, ip4(10, 0, 0, 1));
     EXPECT_EQ(user->hwFlags, 0);
     EXPECT_EQ(port->curUser, 1);
-    EXPECT_EQ(
-        world.texts(Did::Log),
-        Lines{"7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface " +
-              std::string(63, 'n') + ", vlan 10, leasetime 60.\r\n"});
-    EXPECT_TRUE(printed(
-        "[DHCPSNOOP] User information: interface 1, vid 10, mac 02:c1:00:00:00:01, ip 10.0.0.50.\r\n"));
+    EXPECT_EQ(world.texts(Did::Log),
+              Lines{"7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface " + std::string(63, 'n') + ", vlan 10, leasetime 60.\r\n"});
+    EXPECT_TRUE(printed("[DHCPSNOOP] User information: interface 1, vid 10, mac 02:c1:00:00:00:01, ip 10.0.0.50.\r\n"));
     EXPECT_EQ(world.questions("nmGetIfPartDescr"), Lines{"nmGetIfPartDescr 1 63"});
     EXPECT_EQ(world.calls(), Lines{}); // nothing is installed or announced yet
 
@@ -141,38 +133,10 @@ TEST_F(User, PlaceTrustAndCounts)
         {"in a VLAN without VLAN interface", 0, 0, false, {.outer = 20}, "if 1 vid 20", 1, 0},
         {"on a trusted port", T, 0, false, {.outer = 10}, "", 0, 0},
         {"the VLAN's trust does not count", 0, T, false, {.outer = 10}, "if 1 vid 10", 1, 1},
-        {"on a VLAN interface, from a port without entry",
-         0,
-         0,
-         true,
-         {.port = 2, .outer = 20, .inIf = 110},
-         "if 2 vid 10",
-         0,
-         1},
-        {"on a trusted VLAN interface",
-         0,
-         T,
-         true,
-         {.port = 2, .outer = 20, .inIf = 110},
-         "if 2 vid 10",
-         0,
-         1},
-        {"on a VLAN interface, from a port with one",
-         0,
-         0,
-         true,
-         {.port = 1, .outer = 20, .inIf = 110},
-         "if 1 vid 10",
-         1,
-         1},
-        {"on a VLAN interface, from a trusted port",
-         T,
-         0,
-         true,
-         {.port = 1, .outer = 20, .inIf = 110},
-         "",
-         0,
-         0},
+        {"on a VLAN interface, from a port without entry", 0, 0, true, {.port = 2, .outer = 20, .inIf = 110}, "if 2 vid 10", 0, 1},
+        {"on a trusted VLAN interface", 0, T, true, {.port = 2, .outer = 20, .inIf = 110}, "if 2 vid 10", 0, 1},
+        {"on a VLAN interface, from a port with one", 0, 0, true, {.port = 1, .outer = 20, .inIf = 110}, "if 1 vid 10", 1, 1},
+        {"on a VLAN interface, from a trusted port", T, 0, true, {.port = 1, .outer = 20, .inIf = 110}, "", 0, 0},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -185,9 +149,8 @@ TEST_F(User, PlaceTrustAndCounts)
         EXPECT_EQ(user == nullptr ? "" : world_format("if %u vid %u", user->ifIndex, user->vid), row.place);
         EXPECT_EQ(port->curUser, row.portCount);
         EXPECT_EQ(vlan->curUser, row.vlanCount);
-        EXPECT_EQ(
-            printed("[DHCPSNOOP] Received Boot-Request message on trust port, don't record user entry!\r\n"),
-            user == nullptr);
+        EXPECT_EQ(printed("[DHCPSNOOP] Received Boot-Request message on trust port, don't record user entry!\r\n"),
+                  user == nullptr);
         dhcpsnoop_user_delete(binding(HOST));
         EXPECT_TRUE(port->curUser == 0 && vlan->curUser == 0);
 
@@ -217,28 +180,10 @@ TEST_F(User, KnownClientAsksAgain)
     } rows[] = {
         {"nothing changed", 1, MAC_CLIENT, {}, true, false, "User entry is already exist!"},
         {"another MAC", 1, MAC_CLIENT2, {}, false, true, "User information is changed, delete it!"},
-        {"another VLAN",
-         1,
-         MAC_CLIENT,
-         {.outer = 20},
-         false,
-         true,
-         "User information is changed, delete it!"},
+        {"another VLAN", 1, MAC_CLIENT, {.outer = 20}, false, true, "User information is changed, delete it!"},
         {"another port", 1, MAC_CLIENT, {.port = 2}, false, true, "User information is changed, delete it!"},
-        {"a static entry is never displaced",
-         2,
-         MAC_CLIENT2,
-         {},
-         false,
-         false,
-         "Static user is already exist, return!"},
-        {"nor an IP source guard entry",
-         4,
-         MAC_CLIENT2,
-         {},
-         false,
-         false,
-         "Static user is already exist, return!"},
+        {"a static entry is never displaced", 2, MAC_CLIENT2, {}, false, false, "Static user is already exist, return!"},
+        {"nor an IP source guard entry", 4, MAC_CLIENT2, {}, false, false, "Static user is already exist, return!"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -337,10 +282,8 @@ TEST_F(User, AcknowledgementBinds)
     ASSERT_EQ(world.calls().size(), 3u);
     EXPECT_EQ(world.calls()[0].substr(0, 11), "hw delete 1");
     EXPECT_EQ(world.calls()[1], "qorNetlinkSend 16 0 72");
-    EXPECT_EQ(world.calls()[2],
-              "deftinstall ip 00000000 tag 00000000 mac 02 c1 00 00 00 01 one 0 add 0, null null");
-    EXPECT_EQ(world.texts(Did::Log),
-              Lines{"7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n"});
+    EXPECT_EQ(world.calls()[2], "deftinstall ip 00000000 tag 00000000 mac 02 c1 00 00 00 01 one 0 add 0, null null");
+    EXPECT_EQ(world.texts(Did::Log), Lines{"7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n"});
     EXPECT_TRUE(printed("[DHCPSNOOP] Delete the user entry: ip is 10.0.0.50.\r\n"));
 }
 
@@ -357,15 +300,7 @@ TEST_F(User, AcknowledgementOfWhat)
         bool announced;
         const char *text;
     } rows[] = {
-        {"no lease option: the provisional lease stays",
-         HOST,
-         1,
-         {},
-         true,
-         60,
-         4,
-         false,
-         "User entry is already exist, update the entry information."},
+        {"no lease option: the provisional lease stays", HOST, 1, {}, true, 60, 4, false, "User entry is already exist, update the entry information."},
         {"a lease of 0 is none", HOST, 1, opt_lease(0), true, 60, 4, false,
          "User entry is already exist, update the entry information."},
         {"an endless lease", HOST, 1, opt_lease(0xFFFFFFFF), true, 0xFFFFFFFF, 1, false,
@@ -434,9 +369,8 @@ TEST_F(User, DeletionOfWhat)
         dhcpsnoop_user_delete(user);
         EXPECT_EQ(count_bindings(), 0u);
         const char *address = row.ipType == 1 ? "10.0.0.50" : "a00:32::";
-        EXPECT_EQ(
-            world.texts(Did::Log),
-            Lines{world_format("7 1 [DHCPSNOOP] Delete %s dhcpsnoop entry: ip %s\r\n", row.word, address)});
+        EXPECT_EQ(world.texts(Did::Log), Lines{world_format("7 1 [DHCPSNOOP] Delete %s dhcpsnoop entry: ip %s\r\n",
+                                                            row.word, address)});
         EXPECT_EQ(world.calls("qorNetlinkSend").size(), row.announced ? 1u : 0u);
         EXPECT_EQ(world.calls("deftinstall").size(), row.announced ? 1u : 0u);
         EXPECT_EQ(port->curUser, row.counted ? 2 : 3);
@@ -456,12 +390,7 @@ TEST_F(User, Query)
 {
     DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 1, 10);
     make_binding(HOST + 1, MAC_CLIENT2, 2, 20);
-    const DhcpsnoopUserQuery right = {.ipAddr = {10, 0, 0, 50},
-                                      .ifIndex = 1,
-                                      .mac = {2, 0xC1, 0, 0, 0, 1},
-                                      .vid = 10,
-                                      .ipType = 1,
-                                      .mask = 0xF0};
+    const DhcpsnoopUserQuery right = {.ipAddr = {10, 0, 0, 50}, .ifIndex = 1, .mac = {2, 0xC1, 0, 0, 0, 1}, .vid = 10, .ipType = 1, .mask = 0xF0};
     const struct {
         const char *claim;
         void (*change)(DhcpsnoopUserQuery &);
@@ -529,8 +458,7 @@ TEST_F(User, MacUsers)
         second(Frame{.chaddr = b});
     first.info.rxTime = 1234;
     DhcpsnoopMacUser *one = dhcpsnoop_mac_user_add(&first.info), *two = dhcpsnoop_mac_user_add(&second.info);
-    EXPECT_TRUE(one->ageTime == 120 && one->seenTime == 1234 && one->serverId == 77 && one->ifIndex == 1 &&
-                one->vid == 10);
+    EXPECT_TRUE(one->ageTime == 120 && one->seenTime == 1234 && one->serverId == 77 && one->ifIndex == 1 && one->vid == 10);
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), one);
     EXPECT_EQ(dhcpsnoop_mac_user_lookup(b.data()), two);
     // Duplicates are the caller's affair; the newest is found.

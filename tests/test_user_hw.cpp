@@ -81,11 +81,10 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
             EXPECT_EQ(calls[0]->text.substr(0, add == 1 ? 8 : 11), add == 1 ? "hw add 1" : "hw delete 1");
             EXPECT_EQ(hex(calls[0]->data), hex(row.record));
             // Kept: what is printed as check items are the rule flags.
-            EXPECT_EQ(
-                debug_texts(),
-                Lines{world_format("[DHCPSNOOP] %s user in hwapi: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip "
-                                   "10.0.0.50, checkitem 0x%x.\r\n",
-                                   add == 1 ? "Add" : "Delete", row.record[37])});
+            EXPECT_EQ(debug_texts(),
+                      Lines{world_format("[DHCPSNOOP] %s user in hwapi: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip "
+                                         "10.0.0.50, checkitem 0x%x.\r\n",
+                                         add == 1 ? "Add" : "Delete", row.record[37])});
             // Kept: a kind-2 record without ARP inspection carries 0, and so does the binding after an add.
             EXPECT_EQ(user->daiHwId, add == 1 && row.kind == DAI && row.daiStarted == 0 ? 0u : 0x2222u);
             user->daiHwId = 0x2222;
@@ -100,8 +99,7 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
     dhcpsnoop_user_state_notify(user6, 1, &items, IPSG);
     EXPECT_EQ(hex(world.all(Did::Call)[0]->data), hex(Bytes(16, 0) + Bytes(key6.ipAddr, key6.ipAddr + 16) +
                                                       hex_bytes("00 00 00 00 02 80 00 80 00 00 00 00")));
-    EXPECT_TRUE(printed(
-        "[DHCPSNOOP] Add user in hwapi: port 0 ,vid 0 ,mac 00:00:00:00:00:00 ,ip 2001::9, checkitem 0x80.\r\n"));
+    EXPECT_TRUE(printed("[DHCPSNOOP] Add user in hwapi: port 0 ,vid 0 ,mac 00:00:00:00:00:00 ,ip 2001::9, checkitem 0x80.\r\n"));
 }
 
 TEST_F(Hardware, IdentifiersComeBackFromAnAddEvenAFailedOne)
@@ -217,8 +215,7 @@ TEST_F(Hardware, InstallAndWithdraw)
     world.refuse("hw delete", 1, 1);
     dhcpsnoop_user_update_hw(user, 0);
     EXPECT_EQ(user->hwFlags, 0x80);
-    EXPECT_TRUE(user->ipsgCheckItems == 0x90 && user->ipsgSource == 2 && user->daiCheckItems == 0 &&
-                user->daiSource == 0);
+    EXPECT_TRUE(user->ipsgCheckItems == 0x90 && user->ipsgSource == 2 && user->daiCheckItems == 0 && user->daiSource == 0);
     dhcpsnoop_user_update_hw(user, 0);
     EXPECT_TRUE(user->hwFlags == 0 && user->ipsgCheckItems == 0 && user->ipsgSource == 0);
     const size_t before = world.calls().size();
@@ -262,13 +259,10 @@ TEST_F(Hardware, Events)
                                Bytes{10, 0, 0, 50} + Bytes(12, 0) + Bytes{10, 0, 0, 254} + Bytes(12, 0) +
                                hex_bytes("00 00 01 00");
         EXPECT_EQ(hex(world.all(Did::Call)[0]->data), hex(expected));
-        EXPECT_EQ(
-            debug_texts(),
-            (Lines{world_format("[DHCPSNOOP]  Send notify: event %u\r\n", row.event),
-                   world_format(
-                       "[DHCPSNOOP] Notify %s user: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, "
-                       "gateway 10.0.0.254.\r\n",
-                       row.word)}));
+        EXPECT_EQ(debug_texts(), (Lines{world_format("[DHCPSNOOP]  Send notify: event %u\r\n", row.event),
+                                        world_format("[DHCPSNOOP] Notify %s user: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, "
+                                                     "gateway 10.0.0.254.\r\n",
+                                                     row.word)}));
     }
     const struct {
         const char *claim;

@@ -368,12 +368,9 @@ int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
     const char *operation = request->operation == 0x3E800DF ? "add" : "delete";
     if (request->operation != 0x3E800DF && request->operation != 0x3E800E0)
         abort();
-    const std::string line = call_line(
-        "hw %s %u: mac %s vid %u if %u ipsg %u addr %s attr %u orig %u type %u rule %02x macValid %02x kind %02x "
-        "dai %u",
-        operation, ifIndex, call_hex(record, 6).c_str(), native16(record + 6), native32(record + 8),
-        native32(record + 12), call_hex(record + 16, 16).c_str(), native16(record + 32),
-        native16(record + 34), record[36], record[37], record[38], record[39], native32(record + 40));
+    const std::string line = call_line("hw %s %u: mac %s vid %u if %u ipsg %u addr %s attr %u orig %u type %u rule %02x macValid %02x kind %02x "
+                                       "dai %u",
+                                       operation, ifIndex, call_hex(record, 6).c_str(), native16(record + 6), native32(record + 8), native32(record + 12), call_hex(record + 16, 16).c_str(), native16(record + 32), native16(record + 34), record[36], record[37], record[38], record[39], native32(record + 40));
     const int32_t result = did(line, Bytes(record, record + 44));
     if (request->operation == 0x3E800DF) {
         if (world.newIpsgHwId)
@@ -513,9 +510,7 @@ int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint
     WorldScope scope;
     Bytes bytes;
     const std::string text = sync_value(value, (mode & 0x80000000) != 0, &bytes);
-    return did(call_line("qorHwDhcpSnoopUserSync %s 0x%x %s 0x%x",
-                         call_hex(static_cast<const uint8_t *>(key), 20).c_str(), code, text.c_str(), mode),
-               bytes);
+    return did(call_line("qorHwDhcpSnoopUserSync %s 0x%x %s 0x%x", call_hex(static_cast<const uint8_t *>(key), 20).c_str(), code, text.c_str(), mode), bytes);
 }
 
 int32_t qorHwCardGet(const uint32_t *where, uint32_t property, void *answer)
@@ -586,9 +581,8 @@ int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, 
                                  ? "null null"
                                  : world_format("%u %u", option125->length, bootFile->length);
     Bytes unset(record->unset, record->unset + sizeof record->unset);
-    did(call_line("deftinstall ip %08x tag %08x mac %s one %u add %u, %s", record->clientIp,
-                  record->vendorTag, call_hex(record->mac, 6).c_str(), record->one, record->add,
-                  room.c_str()),
+    did(call_line("deftinstall ip %08x tag %08x mac %s one %u add %u, %s", record->clientIp, record->vendorTag,
+                  call_hex(record->mac, 6).c_str(), record->one, record->add, room.c_str()),
         unset);
     offer(option125, world.option125, world.option125Length);
     offer(bootFile, world.bootFile, world.bootFileLength);

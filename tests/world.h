@@ -87,17 +87,17 @@ struct World {
     uint32_t selfSystem = 1;
     std::map<uint32_t, WorldGuard> ipsg, dai; // by interface index
     std::optional<uint32_t> newIpsgHwId,
-        newDaiHwId;                           // the hardware writes these into a record that it installs
-    std::optional<Bytes> bootFile, option125; // what the auto-provisioning hook fills in
-    bool hookSetsLengths = false;             // it sets the length to 0 where it has nothing
+        newDaiHwId;                                          // the hardware writes these into a record that it installs
+    std::optional<Bytes> bootFile, option125;                // what the auto-provisioning hook fills in
+    bool hookSetsLengths = false;                            // it sets the length to 0 where it has nothing
     std::optional<uint32_t> bootFileLength, option125Length; // instead of the filled length
     std::map<uint32_t, int32_t> cardAnswers, slotAnswers;    // by property
     int32_t trunkQueryResult = 0;                            // qorIfGetApi 65536285
     std::optional<uint8_t> trunkQueryCount;
 
     // ---- the kernel's side
-    bool fakeSockets = true; // socket() gives descriptors of this world, from 900 on; else the kernel's
-    std::deque<WorldArrival> arrivals[2]; // by data socket: 0 the first one that is asked (IPv4), 1 IPv6
+    bool fakeSockets = true;                      // socket() gives descriptors of this world, from 900 on; else the kernel's
+    std::deque<WorldArrival> arrivals[2];         // by data socket: 0 the first one that is asked (IPv4), 1 IPv6
     std::deque<std::pair<Bytes, ssize_t>> events; // platform_event_recv: datagram and result
     std::set<int> readable;                       // what the next select marks, once
     std::optional<int> selectResult;              // instead of the count of marked descriptors

@@ -74,9 +74,7 @@ std::string world_check_tables(bool counts)
         uint32_t dynamic = 0;
         for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
             for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket))
-                if (user->userType == DHCPSNOOP_USER_DYNAMIC &&
-                    (ifp->isVlanIf == 1 ? user->vid == dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID)
-                                        : user->ifIndex == ifp->ifIndex))
+                if (user->userType == DHCPSNOOP_USER_DYNAMIC && (ifp->isVlanIf == 1 ? user->vid == dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID) : user->ifIndex == ifp->ifIndex))
                     dynamic++;
         if (counts && dynamic != ifp->curUser)
             faults +=
@@ -106,14 +104,9 @@ std::string world_state()
     WorldScope scope;
     std::string state;
     for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        state += world_format(
-            "interface %u max %u cur %u s21 %u vlanIf %u flags %08x types %u %u %u %u fmt %u %u %u "
-            "%u drops %u %u %u relay %08x servers %08x %08x %08x mac %s\n",
-            ifp->ifIndex, ifp->maxUser, ifp->curUser, ifp->setting21, ifp->isVlanIf, ifp->flags,
-            ifp->interfaceIdType, ifp->remoteId6Type, ifp->circuitIdType, ifp->remoteIdType,
-            ifp->interfaceIdFmt, ifp->remoteId6Fmt, ifp->circuitIdFmt, ifp->remoteIdFmt, ifp->counters[0],
-            ifp->counters[1], ifp->counters[2], ifp->relayAddr, ifp->serverIp[0], ifp->serverIp[1],
-            ifp->serverIp[2], world_hex(ifp->mac, 6).c_str());
+        state += world_format("interface %u max %u cur %u s21 %u vlanIf %u flags %08x types %u %u %u %u fmt %u %u %u "
+                              "%u drops %u %u %u relay %08x servers %08x %08x %08x mac %s\n",
+                              ifp->ifIndex, ifp->maxUser, ifp->curUser, ifp->setting21, ifp->isVlanIf, ifp->flags, ifp->interfaceIdType, ifp->remoteId6Type, ifp->circuitIdType, ifp->remoteIdType, ifp->interfaceIdFmt, ifp->remoteId6Fmt, ifp->circuitIdFmt, ifp->remoteIdFmt, ifp->counters[0], ifp->counters[1], ifp->counters[2], ifp->relayAddr, ifp->serverIp[0], ifp->serverIp[1], ifp->serverIp[2], world_hex(ifp->mac, 6).c_str());
         const struct {
             const char *name;
             const uint8_t *text;
@@ -129,19 +122,12 @@ std::string world_state()
     }
     for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
         for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket))
-            state += world_format(
-                "binding %u %s vid %u/%u if %u lease %u from %u hw %02x type %u state %u mark %02x attr %u mac %s "
-                "ids %u %u gw %08x tag %08x source %u %u items %02x %02x server %08x\n",
-                user->key.ipType, world_hex(user->key.ipAddr, 16).c_str(), user->vid, user->origVid,
-                user->ifIndex, user->leaseTime, user->leaseStart, user->hwFlags, user->userType,
-                user->bindState, user->macMark, user->userAttr, world_hex(user->mac, 6).c_str(),
-                user->ipsgHwId, user->daiHwId, user->gateway, user->vendorTag, user->ipsgSource,
-                user->daiSource, user->ipsgCheckItems, user->daiCheckItems, user->serverId);
+            state += world_format("binding %u %s vid %u/%u if %u lease %u from %u hw %02x type %u state %u mark %02x attr %u mac %s "
+                                  "ids %u %u gw %08x tag %08x source %u %u items %02x %02x server %08x\n",
+                                  user->key.ipType, world_hex(user->key.ipAddr, 16).c_str(), user->vid, user->origVid, user->ifIndex, user->leaseTime, user->leaseStart, user->hwFlags, user->userType, user->bindState, user->macMark, user->userAttr, world_hex(user->mac, 6).c_str(), user->ipsgHwId, user->daiHwId, user->gateway, user->vendorTag, user->ipsgSource, user->daiSource, user->ipsgCheckItems, user->daiCheckItems, user->serverId);
     for (DhcpsnoopLink &bucket : gDhcpsnoop.macUserHash)
         for (const DhcpsnoopMacUser *user : list_each<DhcpsnoopMacUser>(&bucket))
-            state += world_format("waiting %s vid %u if %u age %u seen %u server %08x\n",
-                                  world_hex(user->mac, 6).c_str(), user->vid, user->ifIndex, user->ageTime,
-                                  user->seenTime, user->serverId);
+            state += world_format("waiting %s vid %u if %u age %u seen %u server %08x\n", world_hex(user->mac, 6).c_str(), user->vid, user->ifIndex, user->ageTime, user->seenTime, user->serverId);
     for (const DhcpsnoopServer *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
         state += world_format("server %08x if %u vid %u\n", server->serverIp, server->ifIndex, server->vid);
     state += format_line("circuitIdFmt", gDhcpsnoop.circuitIdFmt);

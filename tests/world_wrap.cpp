@@ -78,8 +78,7 @@ std::string address_text(const struct sockaddr *address, socklen_t length)
 
 std::string dotted(uint32_t address)
 {
-    return world_format("%u.%u.%u.%u", address >> 24, (address >> 16) & 255, (address >> 8) & 255,
-                        address & 255);
+    return world_format("%u.%u.%u.%u", address >> 24, (address >> 16) & 255, (address >> 8) & 255, address & 255);
 }
 
 } // namespace
@@ -194,8 +193,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...)
         return -1;
     }
     WorldScope scope;
-    return did(
-        world_format("ioctl %s %d", request == FIONBIO ? "FIONBIO" : "?", *static_cast<int *>(argument)));
+    return did(world_format("ioctl %s %d", request == FIONBIO ? "FIONBIO" : "?", *static_cast<int *>(argument)));
 }
 
 int __wrap_close(int fd)
@@ -257,8 +255,7 @@ int __wrap_select(int nfds, fd_set *readSet, fd_set *, fd_set *, struct timeval 
             highest = entry.fd > highest ? entry.fd : highest;
         }
     }
-    line += world_format(", %ld s%s", static_cast<long>(timeout->tv_sec),
-                         nfds == highest + 1 ? "" : ", wrong count");
+    line += world_format(", %ld s%s", static_cast<long>(timeout->tv_sec), nfds == highest + 1 ? "" : ", wrong count");
     world.enter({.did = Did::Call, .text = line});
     timeout->tv_sec = 0; // as Linux does
     if (world.selectResult && *world.selectResult < 0) {
@@ -287,19 +284,13 @@ ssize_t __wrap_sendto(int fd, const void *bytes, size_t count, int flags, const 
     struct sockaddr_ll ll = {};
     memcpy(&ll, address, length < sizeof ll ? length : sizeof ll);
     if (!world.recording && world.sent != nullptr)
-        world.sent(Did::Frame, static_cast<const uint8_t *>(bytes), count,
-                   static_cast<uint32_t>(ll.sll_ifindex));
+        world.sent(Did::Frame, static_cast<const uint8_t *>(bytes), count, static_cast<uint32_t>(ll.sll_ifindex));
     if (world.quiet())
         return static_cast<ssize_t>(count);
     const auto *first = static_cast<const uint8_t *>(bytes);
     const auto *firstAddress = reinterpret_cast<const uint8_t *>(address);
     const std::string line = world_format("frame %d %zu", ll.sll_ifindex, count);
-    world.enter({.did = Did::Frame,
-                 .text = line,
-                 .data = Bytes(first, first + count),
-                 .port = static_cast<uint32_t>(ll.sll_ifindex),
-                 .socket = fd,
-                 .address = Bytes(firstAddress, firstAddress + length)});
+    world.enter({.did = Did::Frame, .text = line, .data = Bytes(first, first + count), .port = static_cast<uint32_t>(ll.sll_ifindex), .socket = fd, .address = Bytes(firstAddress, firstAddress + length)});
     if (world.refused(line)) {
         errno = WORLD_EPERM;
         return -1;
@@ -336,8 +327,7 @@ ssize_t __wrap_sendmsg(int fd, const struct msghdr *msg, int flags)
         memcpy(&header, control, sizeof header);
         memcpy(&info, control + CMSG_LEN(0), sizeof info);
     }
-    if (header.cmsg_level != IPPROTO_IP || header.cmsg_type != IP_PKTINFO ||
-        header.cmsg_len != CMSG_LEN(sizeof info) || info.ipi_ifindex != 0 || info.ipi_addr.s_addr != 0)
+    if (header.cmsg_level != IPPROTO_IP || header.cmsg_type != IP_PKTINFO || header.cmsg_len != CMSG_LEN(sizeof info) || info.ipi_ifindex != 0 || info.ipi_addr.s_addr != 0)
         note += ", bad packet information";
     entry.from = ntohl(info.ipi_spec_dst.s_addr);
     entry.text = "relay " + dotted(entry.from) + " " + dotted(entry.to) +
