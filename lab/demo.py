@@ -89,9 +89,10 @@ def demo(lab):
     print("\nThe leases that the clients got:")
     with Capture(lab.server) as capture:
         get_leases(lab)
+        option82 = capture.option82(f"dhcp.option.dhcp == 3 && dhcp.hw.mac_addr == {MACS['pc1']}")
     show(lab, "show", "bindings")
     print("\nOption 82 in pc1's REQUEST as tshark reads it at the server:")
-    for line in capture.option82(f"dhcp.option.dhcp == 3 && dhcp.hw.mac_addr == {MACS['pc1']}"):
+    for line in option82:
         print(f"  {line}{as_text(line.split()[-1])}")
     send_rogue_replies(lab)
     show(lab, "show", "interface", "swp5")

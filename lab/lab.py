@@ -51,7 +51,7 @@ class Failure(Exception):
     """Something of the lab that must work did not."""
 
 
-def wait_for(what, condition, timeout=10.0):
+def wait_for(what, condition, timeout=20.0):
     """Polls until `condition()` is true and gives its value."""
     end = time.monotonic() + timeout
     while not (value := condition()):
@@ -198,7 +198,7 @@ class Client:
     def count(self, *events):
         return sum(event[0] in events for event in self.history())
 
-    def wait_lease(self, timeout=15.0):
+    def wait_lease(self, timeout=30.0):
         """Waits until the client has an address and gives it."""
         return wait_for(f"lease of {self.name}", lambda: self.host.address(self.device), timeout)
 

@@ -85,10 +85,10 @@ class LabTest(unittest.TestCase):
 
     def capture(self, host, device="eth0"):
         capture = Capture(host, device)
-        self.addCleanup(capture.stop)
+        self.addCleanup(capture.socket.close)
         return capture
 
-    def wait(self, what, condition, timeout=10.0):
+    def wait(self, what, condition, timeout=20.0):
         return wait_for(what, condition, timeout)
 
 

@@ -34,7 +34,7 @@ class Demonstration(unittest.TestCase):
 
     def test_demo(self):
         demo = self.start("demo")
-        printed, _ = demo.communicate(timeout=100)
+        printed, _ = demo.communicate(timeout=300)
         self.assertEqual(demo.returncode, 0, printed)
         for line in (r"  pc1 +swp1 +VLAN 10 +udhcpc +10\.0\.10\.\d+ +from 10\.0\.10\.1, 120 s",
                      r"  pc3 +swp7 +VLAN 30, relayed +udhcpc +10\.0\.30\.\d+ +from 192\.0\.2\.1[12], 120 s",

@@ -3,7 +3,6 @@
 import logging
 import random
 import select
-import signal
 import socket
 import struct
 import subprocess
@@ -14,12 +13,13 @@ from scapy.config import conf
 from scapy.layers.dhcp import BOOTP, DHCP
 from scapy.layers.inet import IP, UDP
 from scapy.layers.l2 import Dot1Q, Ether
+from scapy.utils import RawPcapWriter
 
-from lab import RUN, Failure, Process, wait_for
+from lab import RUN, Failure
 
 conf.verb = 0
 SOL_PACKET, PACKET_AUXDATA, PACKET_IGNORE_OUTGOING, ETH_P_ALL = 263, 8, 23, 3
-TP_STATUS_VLAN_VALID = 1 << 4
+TP_STATUS_VLAN_VALID, SO_RCVBUFFORCE = 1 << 4, 33
 BROADCAST = "ff:ff:ff:ff:ff:ff"
 TYPES = {"discover": 1, "offer": 2, "request": 3, "decline": 4, "ack": 5, "nak": 6, "release": 7, "inform": 8}
 
@@ -47,6 +47,10 @@ class Endpoint:
 
     def next(self, timeout):
         """The next frame that arrived, or None."""
+        data = self.next_bytes(timeout)
+        return None if data is None else Ether(data)
+
+    def next_bytes(self, timeout):
         if not select.select([self.socket], [], [], max(0, timeout))[0]:
             return None
         data, control, _, _ = self.socket.recvmsg(65536, socket.CMSG_SPACE(20))
@@ -55,7 +59,7 @@ class Endpoint:
                 status, _, _, _, _, tci, tpid = struct.unpack("=IIIHHHH", payload)
                 if status & TP_STATUS_VLAN_VALID:
                     data = data[:12] + struct.pack("!HH", tpid or 0x8100, tci) + data[12:]
-        return Ether(data)
+        return data
 
     def drain(self):
         """Everything that has arrived and was not read yet."""
@@ -64,7 +68,7 @@ class Endpoint:
             frames.append(frame)
         return frames
 
-    def receive(self, what, match, timeout=5.0):
+    def receive(self, what, match, timeout=10.0):
         """The first frame for which `match(frame)` holds."""
         end = time.monotonic() + timeout
         while (frame := self.next(end - time.monotonic())) is not None:
@@ -72,7 +76,7 @@ class Endpoint:
                 return frame
         raise Failure(f"{self.name} saw no {what} within {timeout:g} s")
 
-    def receive_dhcp(self, kind, timeout=5.0, **fields):
+    def receive_dhcp(self, kind, timeout=10.0, **fields):
         return self.receive(f"DHCP {kind} with {fields}", lambda frame: is_dhcp(frame, kind, **fields), timeout)
 
 
@@ -115,31 +119,27 @@ def from_server(kind, mac, server, address, *extra, lease=600, source_mac, to=(B
                    yiaddr=address, **{"flags": 0x8000, **fields})
 
 
-class Capture:
-    """tcpdump at a host's device into a file, for the independent decoder."""
+class Capture(Endpoint):
+    """What arrives at a host's device, for the independent decoder."""
 
-    def __init__(self, host, device="eth0", name=None):
-        self.file = f"{RUN}/{name or f'{host.name}-{device}'}.pcap"
-        self.tcpdump = Process(host, f"tcpdump-{host.name}-{device}", "tcpdump", "-Z", "root", "-i", device, "-U",
-                               "--immediate-mode", "-w", self.file, "udp port 67 or udp port 68 or vlan")
-        wait_for("capture", lambda: "listening on" in self.tcpdump.log() or not self.tcpdump.running())
-        if not self.tcpdump.running():
-            raise Failure(self.tcpdump.log())
+    def __init__(self, host, device="eth0"):
+        super().__init__(host, device)
+        self.socket.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 4 << 20)
+        self.file = f"{RUN}/{host.name}-{device}.pcap"
+        self.frames = []
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.stop()
-
-    def stop(self):
-        if self.tcpdump.running():
-            self.tcpdump.signal(signal.SIGINT)
-            self.tcpdump.popen.wait(5)
+    def save(self):
+        """Everything so far: the kernel has queued it, so that nothing is missed and nothing is waited for."""
+        while (frame := self.next_bytes(0)) is not None:
+            self.frames.append(frame)
+        with RawPcapWriter(self.file, linktype=1) as writer:
+            writer.write_header(None)
+            for frame in self.frames:
+                writer.write_packet(frame)
 
     def decode(self, fields, where="dhcp"):
-        """The fields of every captured frame that the display filter `where` selects, as a list of dicts of text."""
-        self.stop()
+        """The fields of every frame so far that the display filter `where` selects, as a list of dicts of text."""
+        self.save()
         arguments = ["tshark", "-r", self.file, "-Y", where, "-o", "udp.check_checksum:TRUE", "-o",
                      "ip.check_checksum:TRUE", "-T", "fields", "-E", "separator=/t", "-E", "occurrence=a"]
         for field in fields:
@@ -149,9 +149,9 @@ class Capture:
 
     def option82(self, where="dhcp"):
         """tshark's tree of option 82 in the first frame that `where` selects, as indented lines."""
-        self.stop()
-        done = subprocess.run(["tshark", "-r", self.file, "-Y", where, "-c", "100000", "-O", "dhcp"], text=True,
-                              capture_output=True, check=True)
+        self.save()
+        done = subprocess.run(["tshark", "-r", self.file, "-Y", where, "-O", "dhcp"], text=True, capture_output=True,
+                              check=True)
         tree = []
         for line in done.stdout.splitlines():
             indent = len(line) - len(line.lstrip())
