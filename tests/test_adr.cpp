@@ -43,13 +43,8 @@ TEST(Codec, NeverLeavesTheMessage)
 {
     const auto getShort = [](AdrMsg *m) -> uint32_t { return adr_getushort(m); };
     const auto afterOne = [](AdrMsg *m) -> uint32_t { uint8_t byte = 0; adr_getushort(m); return adr_getchar(m, &byte, 1) != nullptr || byte; };
-    const struct {
-        const char *claim;
-        uint32_t at; // of a message of 30 bytes, all 0xFF
-        uint32_t (*read)(AdrMsg *);
-        uint32_t value, position;
-        bool overrun;
-    } rows[] = {
+    // From there in a message of 30 bytes, all 0xFF; the value read, the position then, whether it did not fit.
+    const std::tuple<const char *, uint32_t, uint32_t (*)(AdrMsg *), uint32_t, uint32_t, bool> rows[] = {
         {"the last four bytes", 26, adr_getuint32, 0xFFFFFFFF, 30, false},
         {"one byte too few for a word", 27, adr_getuint32, 0, 30, true},
         {"the last two bytes", 28, getShort, 0xFFFF, 30, false},
@@ -62,15 +57,15 @@ TEST(Codec, NeverLeavesTheMessage)
         {"a position at the end", 20, [](AdrMsg *m) { return adr_pos(m, 30), 0u; }, 0, 30, false},
         {"a position beyond the end", 20, [](AdrMsg *m) { return adr_pos(m, 31), 0u; }, 0, 20, true},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, at, read, value, position, overrun] : rows) {
+        SCOPED_TRACE(claim);
         Bytes bytes(30, 0xFF);
         AdrMsg msg;
         adr_start(&msg, bytes.data(), 30);
-        adr_pos(&msg, row.at);
-        EXPECT_EQ(row.read(&msg), row.value);
-        EXPECT_EQ(adr_count(&msg), row.position);
-        EXPECT_EQ(msg.overrun, row.overrun);
+        adr_pos(&msg, at);
+        EXPECT_EQ(read(&msg), value);
+        EXPECT_EQ(adr_count(&msg), position);
+        EXPECT_EQ(msg.overrun, overrun);
     }
 }
 

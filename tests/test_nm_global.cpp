@@ -42,12 +42,8 @@ class Global : public Daemon
 
 TEST_F(Global, Numbers)
 {
-    const struct {
-        const char *claim;
-        uint32_t cmd, before, value;
-        Lines calls;
-        uint32_t after;
-    } rows[] = {
+    // Command, stored before, value, calls, stored after.
+    const std::tuple<const char *, uint32_t, uint32_t, uint32_t, Lines, uint32_t> rows[] = {
         {"on", 1, 0, 1, {"qorHwScalarSync null 0x40001 1 0x3"}, 1},
         {"on where it is on", 1, 1, 1, {}, 1},
         {"off where it is off", 1, 0, 0, {}, 0},
@@ -58,23 +54,19 @@ TEST_F(Global, Numbers)
         {"server learning that is on", 16, 1, 0x101, {"qorHwScalarSync null 0x40010 257 0x3"}, 1},
         {"the debug flags, all of the byte", 20, 0x42, 0x1F0, {}, 0xF0},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, cmd, before, given, calls, after] : rows) {
+        SCOPED_TRACE(claim);
         prepare();
-        uint8_t *bytes[21] = {};
-        bytes[1] = &gDhcpsnoop.globalEnable;
-        bytes[4] = &gDhcpsnoop.hwNotifyEnable;
-        bytes[16] = &gDhcpsnoop.serverLearn;
-        bytes[20] = &gDhcpsnoop.debugFlags;
-        gDhcpsnoop.enterpriseNum = row.before;
-        if (bytes[row.cmd] != nullptr)
-            *bytes[row.cmd] = static_cast<uint8_t>(row.before);
-        EXPECT_EQ(set(row.cmd, row.value), 0);
-        EXPECT_EQ(world.calls(), row.calls);
+        const std::map<uint32_t, uint8_t *> bytes = {{1, &gDhcpsnoop.globalEnable}, {4, &gDhcpsnoop.hwNotifyEnable}, {16, &gDhcpsnoop.serverLearn}, {20, &gDhcpsnoop.debugFlags}};
+        gDhcpsnoop.enterpriseNum = before;
+        if (cmd != 2)
+            *bytes.at(cmd) = static_cast<uint8_t>(before);
+        EXPECT_EQ(set(cmd, given), 0);
+        EXPECT_EQ(world.calls(), calls);
         uint32_t value = 0;
-        EXPECT_EQ(dhcpSnoopGetApi(nullptr, row.cmd, &value), 0);
-        EXPECT_EQ(value, row.after);
-        EXPECT_EQ(bytes[row.cmd] != nullptr ? *bytes[row.cmd] : gDhcpsnoop.enterpriseNum, row.after);
+        EXPECT_EQ(dhcpSnoopGetApi(nullptr, cmd, &value), 0);
+        EXPECT_EQ(value, after);
+        EXPECT_EQ(cmd != 2 ? *bytes.at(cmd) : gDhcpsnoop.enterpriseNum, after);
     }
 }
 
@@ -153,13 +145,10 @@ TEST_F(Global, HardwareNotificationInstallsOrWithdraws)
 
 TEST_F(Global, ClearingStatistics)
 {
-    world.access(6, 10);
-    snoop(6);
-    for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
-        ifp->counters[0] = ifp->counters[1] = ifp->counters[2] = ifp->relayAddr = 5;
+    DhcpsnoopIf *ifp = dhcpsnoop_if_lookup(5);
+    ifp->counters[0] = ifp->counters[1] = ifp->counters[2] = ifp->relayAddr = 5;
     EXPECT_EQ(dhcpSnoopSetApi(nullptr, 17, nullptr), 0);
-    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
-        EXPECT_EQ(ifp->counters[0] + ifp->counters[1] + ifp->counters[2] + ifp->relayAddr, 5u);
+    EXPECT_EQ(ifp->counters[0] + ifp->counters[1] + ifp->counters[2] + ifp->relayAddr, 5u);
     EXPECT_EQ(world.calls(), Lines{});
 }
 
@@ -174,15 +163,12 @@ TEST_F(Global, SourceAndModeGoToThePlatform)
 
 TEST_F(Global, DebugFlagsBitByBit)
 {
-    const struct {
-        uint32_t mask, op;
-        int32_t result;
-        uint8_t after; // 0x42 before
-    } rows[] = {{0xF01, 1, 0, 0x43}, {0x142, 2, 0, 0x00}, {0x03, 2, 0, 0x40}, {0x03, 0, -1, 0x42}, {0x03, 3, -1, 0x42}};
-    for (const auto &row : rows) {
+    // Mask, operation, result, the flags after; 0x42 before.
+    const std::tuple<uint32_t, uint32_t, int32_t, uint8_t> rows[] = {{0xF01, 1, 0, 0x43}, {0x142, 2, 0, 0x00}, {0x03, 2, 0, 0x40}, {0x03, 0, -1, 0x42}, {0x03, 3, -1, 0x42}};
+    for (const auto &[mask, operation, result, after] : rows) {
         gDhcpsnoop.debugFlags = 0x42;
-        EXPECT_EQ(dhcpSnoop_debug_set(row.mask, row.op), row.result);
-        EXPECT_EQ(gDhcpsnoop.debugFlags, row.after);
+        EXPECT_EQ(dhcpSnoop_debug_set(mask, operation), result);
+        EXPECT_EQ(gDhcpsnoop.debugFlags, after);
     }
 }
 
