@@ -72,13 +72,9 @@ TEST(Codec, NeverLeavesTheMessage)
 TEST(Codec, WritesItemsOrNothing)
 {
     const uint32_t words[2] = {0x01020304, 0xA0B0C0D0};
-    const struct {
-        const char *claim;
-        uint32_t at, type, length;
-        const void *value; // null: "abcd" at 22 of the message itself
-        bool written, overrun;
-        const char *tail; // from `at` on
-    } rows[] = {
+    // From there in a message of 30 bytes; type, length, value (null: "abcd" at 22 of the message itself); whether it is written,
+    // whether it did not fit, the message from there on.
+    const std::tuple<const char *, uint32_t, uint32_t, uint32_t, const void *, bool, bool, const char *> rows[] = {
         {"bytes", 24, 0, 2, "xy", true, false, "03 00 00 02 78 79"},
         {"bytes that stand where the item begins", 22, 0, 4, nullptr, true, false, "03 00 00 04 61 62 63 64"},
         {"a word", 22, 2, 4, words, true, false, "03 02 00 04 01 02 03 04"},
@@ -89,19 +85,19 @@ TEST(Codec, WritesItemsOrNothing)
         {"a type there is not", 22, 3, 4, words, false, false, "ff ff ff ff ff ff ff ff"},
         {"a length that is none of a short", 22, 0, 0x10000, words, false, false, "ff ff ff ff ff ff ff ff"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, at, type, length, value, written, overrun, tail] : rows) {
+        SCOPED_TRACE(claim);
         Bytes bytes(30, 0xFF);
-        if (row.value == nullptr)
+        if (value == nullptr)
             memcpy(bytes.data() + 22, "abcd", 4);
         AdrMsg msg;
         adr_start(&msg, bytes.data(), 30);
-        adr_pos(&msg, row.at);
-        EXPECT_EQ(adr_encodedata(&msg, row.type, row.length, row.value != nullptr ? row.value : bytes.data() + 22) == 0, row.written);
-        EXPECT_EQ(msg.overrun, row.overrun);
-        EXPECT_EQ(adr_count(&msg), row.written ? 30 : row.at);
-        EXPECT_EQ(world_hex(bytes.data() + row.at, 30 - row.at), row.tail);
-        EXPECT_EQ(bytes[row.at - 1], 0xFF);
+        adr_pos(&msg, at);
+        EXPECT_EQ(adr_encodedata(&msg, type, length, value != nullptr ? value : bytes.data() + 22) == 0, written);
+        EXPECT_EQ(msg.overrun, overrun);
+        EXPECT_EQ(adr_count(&msg), written ? 30 : at);
+        EXPECT_EQ(world_hex(bytes.data() + at, 30 - at), tail);
+        EXPECT_EQ(bytes[at - 1], 0xFF);
     }
 }
 

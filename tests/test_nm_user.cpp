@@ -247,34 +247,31 @@ TEST_F(Bindings, CreatedOnesAreStaticAndEmpty)
 
 TEST_F(Bindings, BindInstallsAllChecks)
 {
-    const struct {
-        const char *claim, *refused; // rules of this attribute; "" = of both
-        int times;
-        uint8_t hwFlags, ipsgItems, daiItems;
-    } rows[] = {
+    // Rules of this attribute refused ("" = of both) so often; installed, and the checks, then. The bits go, what else stood in
+    // the byte stays.
+    const std::tuple<const char *, const char *, int, uint8_t, uint8_t, uint8_t> rows[] = {
         {"both", "", 0, 0xC0, 0xF5, 0xFA},
-        // The bits go, what else stood in the byte stays.
         {"IP source guard refused", "", 1, 0x40, 0x05, 0xFA},
         {"ARP inspection refused", "0 addr 0a 00 0a 01 00 00 00 00 00 00 00 00 00 00 00 00 attr 0 orig 10 type 1 rule 40", 1, 0x80, 0xF5, 0x0A},
         {"both refused", "", 2, 0x00, 0x05, 0x0A},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, refused, times, hwFlags, ipsgItems, daiItems] : rows) {
+        SCOPED_TRACE(claim);
         prepare();
         gDhcpsnoop.daiStarted = 1;
         DhcpsnoopUser *user = make();
         user->ipsgCheckItems = 0x85;
         user->daiCheckItems = 0x0A;
-        world.refuse(std::string("hw add 5: mac 02 00 00 00 00 01 vid 10 if 5 ipsg ") + row.refused, -1, row.times);
+        world.refuse(std::string("hw add 5: mac 02 00 00 00 00 01 vid 10 if 5 ipsg ") + refused, -1, times);
         world.now += 7;
         EXPECT_EQ(act(1), 0); // whatever came of the two
         const Lines rules = world.calls("hw add 5");
         ASSERT_EQ(rules.size(), 2u);
         EXPECT_NE(rules[0].find(" rule 80 "), std::string::npos) << rules[0];
         EXPECT_NE(rules[1].find(" rule 40 "), std::string::npos) << rules[1];
-        EXPECT_EQ(user->hwFlags, row.hwFlags);
-        EXPECT_EQ(user->ipsgCheckItems, row.ipsgItems);
-        EXPECT_EQ(user->daiCheckItems, row.daiItems);
+        EXPECT_EQ(user->hwFlags, hwFlags);
+        EXPECT_EQ(user->ipsgCheckItems, ipsgItems);
+        EXPECT_EQ(user->daiCheckItems, daiItems);
         EXPECT_EQ(user->leaseStart, static_cast<uint32_t>(world.now));
         EXPECT_EQ(user->leaseTime, 60u); // and it expires, if it did before
         EXPECT_EQ(world.texts(Did::Log), Lines{"7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.10.1, mac 02:00:00:00:00:01, interface swp5, vlan 10.\r\n"});
@@ -283,43 +280,37 @@ TEST_F(Bindings, BindInstallsAllChecks)
 
 TEST_F(Bindings, UnbindWithdraws)
 {
-    const struct {
-        const char *claim;
-        uint8_t type, hwFlags;
-        const char *refused; // of the two rules, only the second carries the MAC
-        int32_t result;
-        uint8_t hwFlagsAfter;
-        size_t rules;
-        uint32_t users, usersAfter; // on the port and in the VLAN
-    } rows[] = {
+    // Type, installed, what is refused (of the two rules, only the second carries the MAC), result, installed then, rules
+    // withdrawn, users on the port and in the VLAN before and then.
+    const std::tuple<const char *, uint8_t, uint8_t, const char *, int32_t, uint8_t, size_t, uint16_t, uint16_t> rows[] = {
         {"installed for nothing; a count that is 0 stays", 1, 0x00, "", 0, 0x00, 0, 0, 0},
         {"installed for both", 1, 0xC0, "", 0, 0x00, 2, 3, 2},
         {"a static one is not counted", 2, 0x40, "", 0, 0x00, 1, 3, 3},
         {"IP source guard refused: its result, and nothing else is done", 1, 0xC0, "hw delete", 7, 0xC0, 1, 3, 3},
         {"ARP inspection refused", 1, 0xC0, "hw delete 5: mac 02 00 00 00 00 01", 7, 0x40, 2, 3, 3},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, type, hwFlags, refused, result, hwFlagsAfter, rules, users, usersAfter] : rows) {
+        SCOPED_TRACE(claim);
         prepare();
         gDhcpsnoop.daiStarted = 1;
-        DhcpsnoopUser *user = make(row.type, 1);
-        port_->curUser = vlan_->curUser = static_cast<uint16_t>(row.users);
-        user->hwFlags = row.hwFlags;
+        DhcpsnoopUser *user = make(type, 1);
+        port_->curUser = vlan_->curUser = users;
+        user->hwFlags = hwFlags;
         user->ipsgCheckItems = 0x80;
         user->daiCheckItems = 0x40;
-        if (row.refused[0] != '\0')
-            world.refuse(row.refused, row.result);
+        if (refused[0] != '\0')
+            world.refuse(refused, result);
         const uint32_t start = user->leaseStart;
         world.now += 100;
-        EXPECT_EQ(act(2), row.result);
+        EXPECT_EQ(act(2), result);
         // Only what was installed is withdrawn, and what to check stays.
-        EXPECT_EQ(world.calls("hw delete").size(), row.rules);
-        EXPECT_EQ(user->hwFlags, row.hwFlagsAfter);
+        EXPECT_EQ(world.calls("hw delete").size(), rules);
+        EXPECT_EQ(user->hwFlags, hwFlagsAfter);
         EXPECT_EQ(user->ipsgCheckItems | user->daiCheckItems, 0xC0);
-        EXPECT_EQ(port_->curUser, row.usersAfter);
-        EXPECT_EQ(vlan_->curUser, row.usersAfter);
-        const bool unbound = row.result == 0;
-        EXPECT_TRUE(unbound ? user->userType == 2 && user->bindState == 2 : user->userType == row.type && user->bindState == 1);
+        EXPECT_EQ(port_->curUser, usersAfter);
+        EXPECT_EQ(vlan_->curUser, usersAfter);
+        const bool unbound = result == 0;
+        EXPECT_TRUE(unbound ? user->userType == 2 && user->bindState == 2 : user->userType == type && user->bindState == 1);
         EXPECT_EQ(user->leaseTime, unbound ? 0xFFFFFFFF : 60u);
         EXPECT_EQ(user->leaseStart, unbound ? static_cast<uint32_t>(world.now) : start);
     }
