@@ -22,6 +22,22 @@ void dhcpsnoop_user_delete(DhcpsnoopUser *user); // null is ignored
 // 0 when some entry matches, else -1. Takes the lock itself.
 extern "C" int32_t dhcpsnoop_user_get(const DhcpsnoopUserQuery *query);
 
+// A feature that enforces bindings: its rule kind, its bit of hwFlags, its hook, and the members that keep
+// whose check items are in force and which.
+struct DhcpsnoopFeature {
+    uint32_t kind;
+    uint8_t installed;
+    DhcpsnoopIfHook DhcpsnoopGlobal::*hook;
+    uint8_t DhcpsnoopUser::*source;
+    uint8_t DhcpsnoopUser::*checkItems;
+};
+constexpr DhcpsnoopFeature DHCPSNOOP_FEATURE_IPSG = {DHCPSNOOP_RULE_IPSG, DHCPSNOOP_HW_IPSG,
+                                                     &DhcpsnoopGlobal::ipsgIfGet, &DhcpsnoopUser::ipsgSource,
+                                                     &DhcpsnoopUser::ipsgCheckItems};
+constexpr DhcpsnoopFeature DHCPSNOOP_FEATURE_DAI = {DHCPSNOOP_RULE_DAI, DHCPSNOOP_HW_DAI,
+                                                    &DhcpsnoopGlobal::antiArpIfGet, &DhcpsnoopUser::daiSource,
+                                                    &DhcpsnoopUser::daiCheckItems};
+
 // Propagation. Operate codes: 0 withdraw, 1 install, 2 withdraw and delete.
 void dhcpsnoop_user_notifier(const DhcpsnoopUser *user, uint32_t add);
 int32_t dhcpsnoop_user_state_notify(DhcpsnoopUser *user, uint32_t add, uint8_t *items, uint32_t kind);

@@ -23,20 +23,8 @@ static constexpr uint32_t HOOK_ENABLED = 1, HOOK_CHECK_ITEMS = 2;
 
 static constexpr uint32_t OPERATE_INSTALL = 1, OPERATE_DELETE = 2;
 
-// The two features that enforce bindings, in the order in which they are served.
-struct Feature {
-    uint32_t kind;
-    uint8_t installed;
-    DhcpsnoopIfHook DhcpsnoopGlobal::*hook;
-    uint8_t DhcpsnoopUser::*source;
-    uint8_t DhcpsnoopUser::*checkItems;
-};
-static constexpr Feature FEATURES[] = {
-    {DHCPSNOOP_RULE_IPSG, DHCPSNOOP_HW_IPSG, &DhcpsnoopGlobal::ipsgIfGet,    &DhcpsnoopUser::ipsgSource,
-     &DhcpsnoopUser::ipsgCheckItems},
-    {DHCPSNOOP_RULE_DAI,  DHCPSNOOP_HW_DAI,  &DhcpsnoopGlobal::antiArpIfGet, &DhcpsnoopUser::daiSource,
-     &DhcpsnoopUser::daiCheckItems },
-};
+static constexpr DhcpsnoopFeature FEATURES[] = {DHCPSNOOP_FEATURE_IPSG,
+                                                DHCPSNOOP_FEATURE_DAI}; // in the order served
 
 void dhcpsnoop_user_notifier(const DhcpsnoopUser *user, uint32_t add)
 {
@@ -140,7 +128,7 @@ static bool feature_enabled(DhcpsnoopIfHook hook, uint32_t ifIndex, uint8_t *ite
 }
 
 // The port's setting rules over that of its VLAN.
-static void install(DhcpsnoopUser *user, const Feature &feature)
+static void install(DhcpsnoopUser *user, const DhcpsnoopFeature &feature)
 {
     const DhcpsnoopIfHook hook = gDhcpsnoop.*feature.hook;
     if (hook == nullptr)
@@ -166,7 +154,7 @@ static void install(DhcpsnoopUser *user, const Feature &feature)
     user->*feature.checkItems = items;
 }
 
-static void withdraw(DhcpsnoopUser *user, const Feature &feature)
+static void withdraw(DhcpsnoopUser *user, const DhcpsnoopFeature &feature)
 {
     if ((user->hwFlags & feature.installed) == 0)
         return;
@@ -179,7 +167,7 @@ static void withdraw(DhcpsnoopUser *user, const Feature &feature)
 
 void dhcpsnoop_user_update_hw(DhcpsnoopUser *user, uint32_t add)
 {
-    for (const Feature &feature : FEATURES) {
+    for (const DhcpsnoopFeature &feature : FEATURES) {
         if (add != 0)
             install(user, feature);
         else

@@ -1,0 +1,135 @@
+// Cards, slots and subsystems that come and go: a unit that came up gets a full copy of the tables, the
+// static bindings of a card are installed again, the dynamic ones of a card that is gone are deleted. Kept:
+// the words that say which one are the first of the received datagram, not the message's payload.
+#include "dhcpsnoop_main.h"
+
+#include "debug.h"
+#include "dhcpsnoop_sync.h"
+#include "dhcpsnoop_user.h"
+#include "event.h"
+#include "list.h"
+
+// qorHwScalarGet.
+static constexpr uint32_t SCALAR_NOT_MASTER = 53, SCALAR_NOT_SLAVE = 54, SCALAR_STACK = 45;
+// qorHwCardGet and qorHwSlotGet: whether it is known, and what it is to us.
+static constexpr uint32_t CARD_KNOWN = 49152043, CARD_KIND = 49152042;
+static constexpr uint32_t SLOT_KNOWN = 32768049, SLOT_KIND = 32768042;
+// qorIndexTrans: an interface index to its location words.
+static constexpr uint32_t TRANS_LOCATION = 6;
+static constexpr uint32_t LOCATION_SYSTEM = 0, LOCATION_SLOT = 1, LOCATION_CARD = 6;
+
+static constexpr uint32_t ALL_REQUEST = 1;
+static constexpr uint32_t DESTINATION_CARD = 1, DESTINATION_SUBSYSTEM = 2;
+
+struct Place {
+    uint32_t words[4]; // system, slot, card, and one that only the platform reads
+};
+
+static Place place_take(const Event &event)
+{
+    Place place;
+    std::memcpy(place.words, event.datagram, sizeof place.words);
+    return place;
+}
+
+static bool on_card(const DhcpsnoopUser *user, const Place &place, bool whole_slot)
+{
+    uint32_t location[7] = {};
+    if (qorIndexTrans(&user->ifIndex, TRANS_LOCATION, location) != 0)
+        return false;
+    return location[LOCATION_SYSTEM] == place.words[0] && location[LOCATION_SLOT] == place.words[1] &&
+           (whole_slot || location[LOCATION_CARD] == place.words[2]);
+}
+
+static bool hardware_is_ours(void)
+{
+    return qorHwScalarGet(0, SCALAR_NOT_SLAVE, nullptr) != 0 || qorHwScalarGet(0, SCALAR_STACK, nullptr) != 0;
+}
+
+static void static_users_install(const Place &place, bool wholeSlot)
+{
+    if (!hardware_is_ours())
+        return;
+    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
+        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
+            if (user->userType == DHCPSNOOP_USER_STATIC &&
+                (user->hwFlags & (DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI)) != 0 &&
+                on_card(user, place, wholeSlot))
+                dhcpsnoop_user_update_hw(user, 1);
+        }
+    }
+}
+
+static void dynamic_users_delete(const Place &place, bool wholeSlot)
+{
+    if (!hardware_is_ours())
+        return;
+    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
+        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
+            if (user->userType == DHCPSNOOP_USER_DYNAMIC && on_card(user, place, wholeSlot))
+                dhcpsnoop_user_delete(user);
+        }
+    }
+}
+
+// Nothing is done about a card or slot of another system, or one the platform does not know.
+static bool card_known(const Place &place)
+{
+    alignas(8) uint8_t answer[256] = {};
+    return place.words[0] == qorSelfSysIndex() && qorHwCardGet(place.words, CARD_KNOWN, answer) == 0;
+}
+
+static bool slot_known(const Place &place)
+{
+    alignas(8) uint8_t answer[256] = {};
+    return place.words[0] == qorSelfSysIndex() && qorHwSlotGet(place.words, SLOT_KNOWN, answer) == 0;
+}
+
+void event_card_up(const Event &event)
+{
+    const Place place = place_take(event);
+    if (!card_known(place))
+        return;
+    if (qorHwCardGet(place.words, CARD_KIND, nullptr) != 0)
+        dhcpsnoop_sync_all_send((place.words[0] << 16) | (place.words[1] << 11) | (place.words[2] << 8) |
+                                    DESTINATION_CARD,
+                                ALL_REQUEST);
+    else
+        static_users_install(place, false);
+}
+
+void event_card_down(const Event &event)
+{
+    const Place place = place_take(event);
+    if (card_known(place) && qorHwCardGet(place.words, CARD_KIND, nullptr) == 0)
+        dynamic_users_delete(place, false);
+}
+
+// Kept: for slots the second answer reads the other way round.
+void event_slot_up(const Event &event)
+{
+    const Place place = place_take(event);
+    if (!slot_known(place))
+        return;
+    if (qorHwSlotGet(place.words, SLOT_KIND, nullptr) == 0)
+        dhcpsnoop_sync_all_send((place.words[0] << 16) | (place.words[1] << 11) | DESTINATION_CARD,
+                                ALL_REQUEST);
+    else
+        static_users_install(place, true);
+}
+
+void event_slot_down(const Event &event)
+{
+    const Place place = place_take(event);
+    if (slot_known(place) && qorHwSlotGet(place.words, SLOT_KIND, nullptr) != 0)
+        dynamic_users_delete(place, true);
+}
+
+void event_subsystem_up(const Event &event)
+{
+    const uint32_t subsystem = place_take(event).words[0];
+    DEBUG_EVENT("[DHCPSNOOP] Receive subsystem:%lu RTM_SUBSYSTEM_UP!\r\n",
+                static_cast<unsigned long>(subsystem));
+    if (subsystem != qorSelfSysIndex() && qorHwScalarGet(0, SCALAR_NOT_MASTER, nullptr) == 0)
+        dhcpsnoop_sync_all_send((subsystem << 16) | DESTINATION_SUBSYSTEM, ALL_REQUEST);
+}
