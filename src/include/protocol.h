@@ -19,6 +19,12 @@ constexpr uint32_t IPV4_HEADER_MIN = 20, IPV4_HEADER_MAX = 60;
 // IPv6 (RFC 8200 3)
 constexpr uint32_t IPV6_PAYLOAD_LEN = 4, IPV6_NEXT_HEADER = 6, IPV6_SRC = 8, IPV6_DST = 24,
                    IPV6_HEADER_LEN = 40;
+constexpr uint8_t IP_PROTO_HOPOPTS = 0, IP_PROTO_ROUTING = 43, IP_PROTO_FRAGMENT = 44, IP_PROTO_DSTOPTS = 60;
+
+// Kinds of an IPv6 address, as the Linux kernel numbers them.
+constexpr uint32_t IPV6_ADDR_ANY = 0, IPV6_ADDR_UNICAST = 0x1, IPV6_ADDR_MULTICAST = 0x2,
+                   IPV6_ADDR_LOOPBACK = 0x10, IPV6_ADDR_LINKLOCAL = 0x20, IPV6_ADDR_SITELOCAL = 0x40,
+                   IPV6_ADDR_COMPATV4 = 0x80, IPV6_ADDR_MAPPED = 0x1000, IPV6_ADDR_RESERVED = 0x2000;
 
 // UDP (RFC 768)
 constexpr uint8_t IP_PROTO_UDP = 17;
@@ -54,8 +60,23 @@ enum DhcpMessageType : uint32_t {
     DHCP_INFORM,
 };
 
-// DHCPv6 message types that decide a frame's direction (RFC 8415 7.3)
-constexpr uint32_t DHCP6_ADVERTISE = 2, DHCP6_REPLY = 7, DHCP6_RECONFIGURE = 10;
+// DHCPv6 (RFC 8415 7.2, 7.3, 8, 21; option 37: RFC 4649)
+constexpr uint16_t DHCP6_CLIENT_PORT = 546, DHCP6_SERVER_PORT = 547;
+constexpr uint32_t DHCP6_OPTIONS = 4; // the option area follows type and transaction id
+enum Dhcp6MessageType : uint32_t {
+    DHCP6_SOLICIT = 1,
+    DHCP6_ADVERTISE = 2,
+    DHCP6_REQUEST = 3,
+    DHCP6_REPLY = 7,
+    DHCP6_RELEASE = 8,
+    DHCP6_DECLINE = 9,
+    DHCP6_RECONFIGURE = 10,
+    DHCP6_RELAY_FORW = 12,
+    DHCP6_RELAY_REPL = 13,
+};
+constexpr uint16_t DHCP6_OPT_IA_NA = 3, DHCP6_OPT_IA_TA = 4, DHCP6_OPT_IAADDR = 5, DHCP6_OPT_STATUS_CODE = 13,
+                   DHCP6_OPT_INTERFACE_ID = 18, DHCP6_OPT_REMOTE_ID = 37;
+constexpr uint32_t DHCP6_OPT_CODE = 0, DHCP6_OPT_LEN = 2, DHCP6_OPT_DATA = 4, DHCP6_OPT_HEADER_LEN = 4;
 
 // An option as it stands: code, length, data. The pointer is to the code.
 constexpr uint32_t OPT_LEN = 1, OPT_DATA = 2, OPT_HEADER_LEN = 2;

@@ -6,6 +6,9 @@
 int32_t dhcp6snoop_packet_parse(DhcpsnoopPktInfo *info, uint32_t fullParse); // 0 accepted, -1 rejected
 uint32_t ipv6_addr_type(const uint8_t address[16]);
 uint16_t dhcp6snoop_get_udp_checksum(const DhcpsnoopPktInfo *info);
+// Finds the top-level options again after the message was edited.
+void dhcp6snoop_options_find(DhcpsnoopPktInfo *info);
+// The first option of the code in an area of at least 4 readable bytes; null when there is none.
 uint8_t *dhcp6snoop_get_opt(uint8_t *area, uint32_t code, uint32_t length);
 
 uint32_t dhcp6snoop_construct_opt18(const DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t size);
