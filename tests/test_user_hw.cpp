@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "event_message.h"
+
 namespace
 {
 
@@ -26,18 +28,6 @@ class Hardware : public Daemon
     DhcpsnoopUser *user = nullptr;
 };
 
-// A record's bytes on this build: numbers in host order.
-Bytes native(uint32_t value, size_t size)
-{
-    Bytes bytes(size);
-    const auto half = static_cast<uint16_t>(value);
-    if (size == 2)
-        memcpy(bytes.data(), &half, 2);
-    else
-        memcpy(bytes.data(), &value, 4);
-    return bytes;
-}
-
 TEST_F(Hardware, RecordByCheckItemsAndKind)
 {
     user->origVid = 11; // told apart from vid here only
@@ -46,12 +36,11 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
     const Bytes mac = mac_bytes(MAC_CLIENT), none6(6, 0), ip = {10, 0, 0, 50};
     const auto record = [&](bool hasMac, bool vlan, bool port, bool address, uint32_t ipsgId, uint8_t rule,
                             uint32_t daiId) {
-        return (hasMac ? mac : none6) + native(vlan ? 10 : 0, 2) + native(port ? 1 : 0, 4) +
-               native(ipsgId, 4) + (address ? ip + Bytes(12, 0) : Bytes(16, 0)) + native(7, 2) +
-               native(vlan ? 11 : 0, 2) +
+        return (hasMac ? mac : none6) + host16(vlan ? 10 : 0) + host32(port ? 1 : 0) + host32(ipsgId) +
+               (address ? ip + Bytes(12, 0) : Bytes(16, 0)) + host16(7) + host16(vlan ? 11 : 0) +
                Bytes{1, rule, static_cast<uint8_t>(hasMac ? 0x30 : 0),
                      static_cast<uint8_t>(address ? 0x20 : 0)} +
-               native(daiId, 4);
+               host32(daiId);
     };
     const struct {
         const char *claim;
@@ -254,10 +243,9 @@ TEST_F(Hardware, Events)
         debug(1);
         dhcpsnoop_user_notifier(user, row.add);
         ASSERT_EQ(world.calls(), Lines{"qorNetlinkSend 16 0 72"});
-        const Bytes expected = native(0, 4) + native(51, 4) + native(72, 4) + native(row.event, 2) +
-                               Bytes(10, 0) + mac_bytes(MAC_CLIENT) + native(10, 2) + native(1, 4) +
-                               Bytes{10, 0, 0, 50} + Bytes(12, 0) + Bytes{10, 0, 0, 254} + Bytes(12, 0) +
-                               hex_bytes("00 00 01 00");
+        const Bytes expected = host32(0) + host32(51) + host32(72) + host16(row.event) + Bytes(10, 0) +
+                               mac_bytes(MAC_CLIENT) + host16(10) + host32(1) + Bytes{10, 0, 0, 50} +
+                               Bytes(12, 0) + Bytes{10, 0, 0, 254} + Bytes(12, 0) + hex_bytes("00 00 01 00");
         EXPECT_EQ(hex(world.all(Did::Call)[0]->data), hex(expected));
         EXPECT_EQ(debug_texts(), (Lines{world_format("[DHCPSNOOP]  Send notify: event %u\r\n", row.event),
                                         world_format("[DHCPSNOOP] Notify %s user: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, "

@@ -52,8 +52,16 @@ void fill(QorBuffer *buffer, const void *data, size_t count)
 __attribute__((format(printf, 1, 0))) std::string formatted(const char *format, va_list arguments)
 {
     char text[4096];
-    vsnprintf(text, sizeof text, format, arguments);
-    return text;
+    va_list again;
+    va_copy(again, arguments);
+    const auto length = static_cast<size_t>(vsnprintf(text, sizeof text, format, arguments));
+    std::string whole = text;
+    if (length >= sizeof text) { // a record of a kilobyte and more, in hexadecimal
+        whole.resize(length);
+        vsnprintf(whole.data(), length + 1, format, again);
+    }
+    va_end(again);
+    return whole;
 }
 
 // The line of a call. Empty while nobody reads it: writing it out is most of what a call of this world costs.
@@ -83,6 +91,8 @@ void note(const std::string &line)
 // Journals the call and gives its result.
 int32_t did(const std::string &line, Bytes data = {})
 {
+    if (!world.recording && world.sent != nullptr && !data.empty())
+        world.sent(Did::Call, data.data(), data.size(), 0);
     world.enter({.did = Did::Call, .text = line, .data = std::move(data)});
     return world.refused(line).value_or(0);
 }

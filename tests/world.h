@@ -110,8 +110,8 @@ struct World {
     std::vector<std::string> asked;       // calls that change nothing, as lines such as "qorIfGetApi 5 33"
     std::vector<DhcpsnoopRxPkt> received; // what the daemon took in, as it was handed on
     bool recording = true;                // false: no journal, for load and fuzzing
-    // Sees what is sent (Frame, Relay) while nothing is recorded; `port` is a frame's egress, a datagram's
-    // server.
+    // Sees what is sent (Frame, Relay) and what records the platform is handed (Call) while nothing is
+    // recorded; `port` is a frame's egress, a datagram's server.
     void (*sent)(Did did, const uint8_t *bytes, size_t count, uint32_t port) = nullptr;
 
     // An empty world at the next start time, and a freshly started daemon in it. Start times of successive

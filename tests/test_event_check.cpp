@@ -1,0 +1,506 @@
+// Events about enforcement: check items that change on a port or VLAN, ARP inspection that starts and stops,
+// users to be announced again.
+#include "daemon_test.h"
+#include "event_message.h"
+
+namespace
+{
+
+constexpr uint16_t DAI_START = 123, DAI_STOP = 124, USERS_UPDATE = 190, IPSG_CHANGE = 198, DAI_CHANGE = 199;
+constexpr uint32_t PORT = 1, OTHER = 2, VLAN_IF = 110;
+constexpr uint32_t HOST = ip4(10, 0, 0, 50);
+
+void deliver(Bytes datagram)
+{
+    dhcpsnoop_notify_recv(datagram.data(), static_cast<int32_t>(datagram.size()));
+}
+
+Bytes items_message(uint16_t type, uint32_t ifIndex, uint8_t items)
+{
+    return event_message(type, host32(ifIndex) + Bytes{items});
+}
+
+// What went to the hardware: operation, port, the items that its record carries, the rule.
+std::string hardware()
+{
+    std::string text;
+    for (const WorldEntry *entry : world.all(Did::Call)) {
+        const Bytes &record = entry->data;
+        if (!entry->text.starts_with("hw ")) {
+            text += entry->text + "; ";
+            continue;
+        }
+        const auto carried = [&](size_t at, size_t size, uint32_t item) {
+            return record[at] != 0 || record[at + size - 1] != 0 ? item : 0;
+        };
+        const uint32_t items =
+            carried(39, 1, 0x80) | carried(38, 1, 0x40) | carried(6, 2, 0x20) | carried(8, 4, 0x10);
+        text += entry->text.substr(0, entry->text.find(':')) +
+                world_format(" items %02x rule %02x; ", items, record[37]);
+    }
+    return text;
+}
+
+// One kind of enforcement as a binding records it.
+struct Mark {
+    bool installed;
+    uint8_t source, items;
+    bool operator==(const Mark &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &out, const Mark &mark)
+{
+    return out << world_format("%s, source %u, items %02x", mark.installed ? "installed" : "not installed",
+                               mark.source, mark.items);
+}
+
+class Enforcement : public Daemon
+{
+  protected:
+    void SetUp() override
+    {
+        world.reset();
+        world.access(PORT, 10);
+        world.access(OTHER, 10);
+        world.vlan_interface(VLAN_IF, 10);
+        user = make_binding(HOST, MAC_CLIENT, PORT, 10);
+    }
+
+    void mark(bool dai, const Mark &mark)
+    {
+        (dai ? user->daiSource : user->ipsgSource) = mark.source;
+        (dai ? user->daiCheckItems : user->ipsgCheckItems) = mark.items;
+        if (mark.installed)
+            user->hwFlags |= dai ? DHCPSNOOP_HW_DAI : DHCPSNOOP_HW_IPSG;
+    }
+
+    Mark marked(bool dai) const
+    {
+        return {(user->hwFlags & (dai ? DHCPSNOOP_HW_DAI : DHCPSNOOP_HW_IPSG)) != 0,
+                dai ? user->daiSource : user->ipsgSource, dai ? user->daiCheckItems : user->ipsgCheckItems};
+    }
+
+    DhcpsnoopUser *user = nullptr;
+};
+
+TEST_F(Enforcement, CheckItemsChange)
+{
+    const Mark none = {false, 0, 0};
+    const struct {
+        const char *claim;
+        uint32_t ifIndex; // the event's
+        uint8_t items;
+        Mark before;
+        const char *hardware; // RR = the rule
+        Mark after;
+        const char *refused = nullptr;
+        void (*prepare)(DhcpsnoopUser *) = nullptr;
+    } rows[] = {
+        // a port's setting
+        {"a port's: installed", PORT, 0x90, none, "hw add 1 items 90 rule RR; ", {true, 2, 0x90}},
+        {"a port's: the port's is replaced",
+         PORT,
+         0x90,
+         {true, 2, 0xF0},
+         "hw delete 1 items f0 rule RR; hw add 1 items 90 rule RR; ",
+         {true, 2, 0x90}},
+        {"a port's: even by the same",
+         PORT,
+         0x40,
+         {true, 2, 0x40},
+         "hw delete 1 items 40 rule RR; hw add 1 items 40 rule RR; ",
+         {true, 2, 0x40}},
+        {"a port's: the VLAN's is replaced",
+         PORT,
+         0x90,
+         {true, 1, 0x40},
+         "hw delete 1 items 40 rule RR; hw add 1 items 90 rule RR; ",
+         {true, 2, 0x90}},
+        {"a port's: without any item the port's is withdrawn",
+         PORT,
+         0x00,
+         {true, 2, 0x90},
+         "hw delete 1 items 90 rule RR; ",
+         none},
+        // Kept: no item on a port does not withdraw what the VLAN installed.
+        {"a port's: without any item the VLAN's stays", PORT, 0x00, {true, 1, 0x90}, "", {true, 1, 0x90}},
+        {"a port's: without any item nothing is installed", PORT, 0x00, none, "", none},
+        {"other bits are no items", PORT, 0x0F, {true, 2, 0x90}, "hw delete 1 items 90 rule RR; ", none},
+        {"one item is enough", PORT, 0x1F, none, "hw add 1 items 10 rule RR; ", {true, 2, 0x1F}},
+        // a VLAN's
+        {"a VLAN's: installed, on the binding's port",
+         VLAN_IF,
+         0x90,
+         none,
+         "hw add 1 items 90 rule RR; ",
+         {true, 1, 0x90}},
+        {"a VLAN's: the VLAN's is replaced",
+         VLAN_IF,
+         0x20,
+         {true, 1, 0x40},
+         "hw delete 1 items 40 rule RR; hw add 1 items 20 rule RR; ",
+         {true, 1, 0x20}},
+        {"a VLAN's: the port's stays", VLAN_IF, 0x90, {true, 2, 0x40}, "", {true, 2, 0x40}},
+        {"a VLAN's: without any item the VLAN's is withdrawn",
+         VLAN_IF,
+         0x00,
+         {true, 1, 0x90},
+         "hw delete 1 items 90 rule RR; ",
+         none},
+        {"a VLAN's: without any item the port's stays", VLAN_IF, 0x00, {true, 2, 0x90}, "", {true, 2, 0x90}},
+        // marks as the peer unit sends them: installed, whose items it was not said
+        {"installed by nobody known: a port's change leaves it", PORT, 0x90, {true, 0, 0}, "", {true, 0, 0}},
+        {"installed by nobody known: a VLAN's too", VLAN_IF, 0x90, {true, 0, 0}, "", {true, 0, 0}},
+        {"a source without an installation keeps one away",
+         PORT,
+         0x90,
+         {false, 1, 0x40},
+         "",
+         {false, 1, 0x40}},
+        // refusals
+        {"a refused withdrawal leaves what was",
+         PORT,
+         0x90,
+         {true, 2, 0xF0},
+         "hw delete 1 items f0 rule RR; ",
+         {true, 2, 0xF0},
+         "hw delete"},
+        {"a refused installation leaves nothing",
+         PORT,
+         0x90,
+         {true, 2, 0xF0},
+         "hw delete 1 items f0 rule RR; hw add 1 items 90 rule RR; ",
+         none,
+         "hw add"},
+        // who is meant
+        {"static bindings are not", PORT, 0x90, none, "", none, nullptr,
+         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
+        {"those of IP source guard are not", PORT, 0x90, none, "", none, nullptr,
+         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_IPSG; }},
+        {"those not bound yet are not", PORT, 0x90, none, "", none, nullptr,
+         [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; }},
+        {"nor are they withdrawn",
+         PORT,
+         0x00,
+         {true, 2, 0x90},
+         "",
+         {true, 2, 0x90},
+         nullptr,
+         [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; }},
+        {"a port's: not those of another port", PORT, 0x90, none, "", none, nullptr,
+         [](DhcpsnoopUser *u) { u->ifIndex = OTHER; }},
+        {"a port's: in whatever VLAN",
+         PORT,
+         0x90,
+         none,
+         "hw add 1 items 90 rule RR; ",
+         {true, 2, 0x90},
+         nullptr,
+         [](DhcpsnoopUser *u) { u->vid = 20; }},
+        {"a VLAN's: not those of another VLAN", VLAN_IF, 0x90, none, "", none, nullptr,
+         [](DhcpsnoopUser *u) { u->vid = 20; }},
+        {"a VLAN's: on whatever port",
+         VLAN_IF,
+         0x90,
+         none,
+         "hw add 2 items 90 rule RR; ",
+         {true, 1, 0x90},
+         nullptr,
+         [](DhcpsnoopUser *u) { u->ifIndex = OTHER; }},
+        {"IPv6 as well",
+         PORT,
+         0x80,
+         none,
+         "hw add 1 items 80 rule RR; ",
+         {true, 2, 0x80},
+         nullptr,
+         [](DhcpsnoopUser *u) { u->key.ipType = DHCPSNOOP_IPV6; }},
+        {"an interface that the switch does not know is a port",
+         77,
+         0x90,
+         none,
+         "hw add 77 items 90 rule RR; ",
+         {true, 2, 0x90},
+         nullptr,
+         [](DhcpsnoopUser *u) { u->ifIndex = 77; }},
+    };
+    for (const auto &row : rows) {
+        for (const bool dai : {false, true}) {
+            for (const uint8_t started : {uint8_t{0}, uint8_t{1}}) {
+                SCOPED_TRACE(
+                    world_format("%s; %s, started %u", row.claim, dai ? "ARP inspection" : "IPSG", started));
+                SetUp();
+                gDhcpsnoop.daiStarted = started;
+                mark(dai, row.before);
+                mark(!dai, {true, 2, 0x50}); // never touched
+                if (row.prepare != nullptr)
+                    row.prepare(user);
+                if (row.refused != nullptr)
+                    world.refuse(row.refused);
+                deliver(items_message(dai ? DAI_CHANGE : IPSG_CHANGE, row.ifIndex, row.items));
+                std::string expected = row.hardware;
+                for (size_t at; (at = expected.find("RR")) != std::string::npos;)
+                    expected.replace(at, 2, !dai ? "80" : started == 1 ? "40" : "00");
+                EXPECT_EQ(hardware(), expected);
+                EXPECT_EQ(marked(dai), row.after);
+                EXPECT_EQ(marked(!dai), (Mark{true, 2, 0x50}));
+                user->key.ipType = DHCPSNOOP_IPV4; // its bucket's
+            }
+        }
+    }
+}
+
+TEST_F(Enforcement, StandbyUnitMarksWhatItDoesNotProgram)
+{
+    world.role(DHCPSNOOP_ROLE_SLAVE);
+    deliver(items_message(IPSG_CHANGE, PORT, 0x90));
+    deliver(items_message(DAI_START, PORT, 0x40));
+    EXPECT_EQ(hardware(), "");
+    EXPECT_EQ(marked(false), (Mark{true, 2, 0x90}));
+    EXPECT_EQ(marked(true), (Mark{true, 2, 0x40}));
+    deliver(items_message(IPSG_CHANGE, PORT, 0));
+    deliver(event_message(DAI_STOP));
+    EXPECT_EQ(hardware(), "");
+    EXPECT_EQ(user->hwFlags, 0);
+}
+
+TEST_F(Enforcement, TextsOfAChange)
+{
+    const Lines port = {"[DHCPSNOOP] Check all user-bind entries on interface 1.\r\n"},
+                vlan = {"[DHCPSNOOP] Check all user-bind entries on vlan 10.\r\n"};
+    user->userType = DHCPSNOOP_USER_STATIC; // nothing else is printed
+    const struct {
+        const char *claim;
+        uint16_t type;
+        uint32_t ifIndex;
+        uint8_t items;
+        Lines texts;
+    } rows[] = {
+        {"IP source guard on a port",
+         IPSG_CHANGE,
+         PORT,
+         0x90,
+         {"[DHCPSNOOP] Interface index is 1, check item is 0x90.\r\n", port[0],
+          "[DHCPSNOOP] RTM_IPSG_CHANGEDCHECKITEM p_param->item = 144\n\r"}},
+        {"IP source guard on a VLAN, no item",
+         IPSG_CHANGE,
+         VLAN_IF,
+         0x05,
+         {"[DHCPSNOOP] Interface index is 110, check item is 0x5.\r\n", vlan[0],
+          "[DHCPSNOOP] RTM_IPSG_CHANGEDCHECKITEM p_param->item = 5\n\r",
+          "[DHCPSNOOP] Delete user-bind entries on hardware.\r\n"}},
+        {"ARP inspection on a port, no item",
+         DAI_CHANGE,
+         PORT,
+         0,
+         {"[DHCPSNOOP] Receive RTM_ANTIARP_DAICHANGEDCHECKITEM message.\r\n",
+          "[DHCPSNOOP] Interface index is 1, check item is 0x0.\r\n", port[0],
+          "[DHCPSNOOP] RTM_ANTIARP_DAICHANGEDCHECKITEM p_param->item = 0\n\r",
+          "[DHCPSNOOP] Delete user-bind entries on hardware.\r\n"}},
+        {"ARP inspection on a VLAN",
+         DAI_CHANGE,
+         VLAN_IF,
+         0xF0,
+         {"[DHCPSNOOP] Receive RTM_ANTIARP_DAICHANGEDCHECKITEM message.\r\n",
+          "[DHCPSNOOP] Interface index is 110, check item is 0xf0.\r\n", vlan[0],
+          "[DHCPSNOOP] RTM_ANTIARP_DAICHANGEDCHECKITEM p_param->item = 240\n\r"}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.claim);
+        world.clear();
+        debug(2);
+        deliver(items_message(row.type, row.ifIndex, row.items));
+        EXPECT_EQ(debug_texts(), row.texts);
+    }
+}
+
+TEST_F(Enforcement, PayloadsCutShort)
+{
+    const struct {
+        const char *claim;
+        uint16_t type;
+        size_t shortest; // payload that means something
+        Lines texts;     // of a shorter one
+    } rows[] = {
+        {"IPSG_CHANGEDCHECKITEM", IPSG_CHANGE, 5, {}},
+        {"DAICHANGEDCHECKITEM",
+         DAI_CHANGE,
+         5,
+         {"[DHCPSNOOP] Receive RTM_ANTIARP_DAICHANGEDCHECKITEM message.\r\n"}},
+        {"DAISTART", DAI_START, 5, {"[DHCPSNOOP] Receive RTM_SYSTEM_DAISTART message.\r\n"}},
+        {"UPDATEDHCPSNOOPUSER", USERS_UPDATE, 4, {}},
+    };
+    user->gateway = 1;
+    for (const auto &row : rows) {
+        for (size_t length = 0; length <= row.shortest; length++) {
+            SCOPED_TRACE(world_format("%s, %zu bytes", row.claim, length));
+            world.clear();
+            user->hwFlags = user->daiSource = user->ipsgSource = 0;
+            const std::string before = world_state();
+            debug(1);
+            Bytes payload = host32(row.type == USERS_UPDATE ? 10 : PORT) + Bytes{0x90};
+            payload.resize(length);
+            // The bytes that are missing stand behind the message.
+            deliver(event_message(row.type, payload) + Bytes(15, 0x11));
+            debug(0);
+            if (length < row.shortest) {
+                EXPECT_EQ(debug_texts(), row.texts);
+                EXPECT_EQ(world_state(), before);
+                EXPECT_EQ(world.calls(), Lines{});
+                EXPECT_EQ(world.asked, Lines{});
+            } else {
+                EXPECT_EQ(world.calls().size(), 1u);
+            }
+        }
+    }
+}
+
+TEST_F(Enforcement, ArpInspectionStarts)
+{
+    const Mark none = {false, 0, 0};
+    const struct {
+        const char *claim;
+        Mark before;
+        const char *hardware;
+        Mark after;
+        const char *refused = nullptr;
+        void (*prepare)(DhcpsnoopUser *) = nullptr;
+    } rows[] = {
+        {"a dynamic binding, with the event's items", none, "hw add 1 items 90 rule 40; ", {true, 2, 0x90}},
+        {"before a server acknowledged it, too",
+         none,
+         "hw add 1 items 90 rule 40; ",
+         {true, 2, 0x90},
+         nullptr,
+         [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; }},
+        {"what is installed is left", {true, 1, 0x40}, "", {true, 1, 0x40}},
+        {"items that were left over are replaced",
+         {false, 1, 0x40},
+         "hw add 1 items 90 rule 40; ",
+         {true, 2, 0x90}},
+        {"a static binding, with its own items",
+         {false, 0, 0x60},
+         "hw add 1 items 60 rule 40; ",
+         {true, 0, 0x60},
+         nullptr,
+         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
+        {"a static binding that is installed",
+         {true, 0, 0x60},
+         "",
+         {true, 0, 0x60},
+         nullptr,
+         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
+        {"not those of IP source guard", none, "", none, nullptr,
+         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_IPSG; }},
+        {"not those of another port", none, "", none, nullptr, [](DhcpsnoopUser *u) { u->ifIndex = OTHER; }},
+        {"a refusal leaves it as it was",
+         {false, 1, 0x40},
+         "hw add 1 items 90 rule 40; ",
+         {false, 1, 0x40},
+         "hw add"},
+        {"a static binding's refusal",
+         {false, 0, 0x60},
+         "hw add 1 items 60 rule 40; ",
+         {false, 0, 0x60},
+         "hw add",
+         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.claim);
+        SetUp();
+        mark(true, row.before);
+        mark(false, {true, 2, 0x50});
+        if (row.prepare != nullptr)
+            row.prepare(user);
+        if (row.refused != nullptr)
+            world.refuse(row.refused);
+        deliver(items_message(DAI_START, PORT, 0x90));
+        EXPECT_EQ(hardware(), row.hardware);
+        EXPECT_EQ(marked(true), row.after);
+        EXPECT_EQ(marked(false), (Mark{true, 2, 0x50}));
+        EXPECT_EQ(gDhcpsnoop.daiStarted, 1);
+    }
+
+    // It is by port: a VLAN interface's index means nobody, though it starts.
+    SetUp();
+    debug(1);
+    deliver(items_message(DAI_START, VLAN_IF, 0x90));
+    EXPECT_EQ(hardware(), "");
+    EXPECT_EQ(gDhcpsnoop.daiStarted, 1);
+    EXPECT_EQ(debug_texts(), Lines{"[DHCPSNOOP] Receive RTM_SYSTEM_DAISTART message.\r\n"});
+}
+
+TEST_F(Enforcement, ArpInspectionStops)
+{
+    gDhcpsnoop.daiStarted = 1;
+    mark(true, {true, 2, 0x90});
+    mark(false, {true, 2, 0x50});
+    DhcpsnoopUser *fixed = make_binding(HOST + 1, MAC_CLIENT2, OTHER, 20);
+    fixed->userType = DHCPSNOOP_USER_STATIC;
+    fixed->hwFlags = DHCPSNOOP_HW_DAI;
+    fixed->daiCheckItems = 0x40;
+    DhcpsnoopUser *idle = make_binding(HOST + 2, MAC_CLIENT2, OTHER, 20);
+    idle->daiCheckItems = 0x20; // not installed: not touched
+
+    world.refuse("hw delete 2", 5, 1);
+    deliver(event_message(DAI_STOP));
+    EXPECT_EQ(hardware(), "hw delete 1 items 90 rule 40; hw delete 2 items 40 rule 40; ");
+    EXPECT_EQ(marked(true), (Mark{false, 0, 0}));
+    EXPECT_EQ(marked(false), (Mark{true, 2, 0x50}));
+    EXPECT_TRUE(fixed->hwFlags == DHCPSNOOP_HW_DAI && fixed->daiCheckItems == 0x40); // was refused
+    EXPECT_EQ(idle->daiCheckItems, 0x20);
+    EXPECT_EQ(gDhcpsnoop.daiStarted, 0); // all the same
+
+    // The next one tries again; the rule is one that inspection is not running for.
+    world.clear();
+    debug(2);
+    deliver(event_message(DAI_STOP));
+    EXPECT_EQ(hardware(), "hw delete 2 items 40 rule 00; ");
+    EXPECT_EQ(fixed->hwFlags, 0);
+    EXPECT_EQ(debug_texts()[0], "[DHCPSNOOP] Receive RTM_SYSTEM_DAISTOP message.\r\n");
+}
+
+TEST_F(Enforcement, UsersAreAnnouncedAgain)
+{
+    const struct {
+        const char *claim;
+        uint32_t vid; // the event's
+        bool announced;
+        void (*prepare)(DhcpsnoopUser *) = nullptr;
+    } rows[] = {
+        {"a dynamic binding with a gateway", 10, true},
+        // Kept: bound or not.
+        {"before a server acknowledged it, too", 10, true,
+         [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; }},
+        {"not without a gateway", 10, false, [](DhcpsnoopUser *u) { u->gateway = 0; }},
+        {"not a static one", 10, false, [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
+        {"not IPv6", 10, false, [](DhcpsnoopUser *u) { u->key.ipType = DHCPSNOOP_IPV6; }},
+        {"not of another VLAN", 11, false},
+        {"nor of one that only ends alike", 0x1000A, false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.claim);
+        SetUp();
+        const Bytes gateway = be32(ip4(10, 0, 0, 1));
+        memcpy(&user->gateway, gateway.data(), gateway.size());
+        if (row.prepare != nullptr)
+            row.prepare(user);
+        debug(1);
+        deliver(event_message(USERS_UPDATE, host32(row.vid)));
+        EXPECT_EQ(
+            debug_texts()[0],
+            world_format("[DHCPSNOOP] Receive RTM_DHCPSNOOP_UPDATEDHCPSNOOPUSER message. Vlan is %u.\r\n",
+                         row.vid));
+        ASSERT_EQ(world.calls(), row.announced ? Lines{"qorNetlinkSend 16 0 72"} : Lines{});
+        if (row.announced) {
+            const Bytes &record = world.all(Did::Call)[0]->data;
+            EXPECT_EQ(hex(Bytes(record.begin() + 12, record.begin() + 14)), hex(host16(188)));
+            EXPECT_EQ(hex(Bytes(record.begin() + 24, record.end())),
+                      hex(mac_bytes(MAC_CLIENT) + host16(10) + host32(PORT) + be32(HOST) + Bytes(12, 0) +
+                          gateway + Bytes(14, 0) + Bytes{1, 0}));
+        }
+        user->key.ipType = DHCPSNOOP_IPV4;
+    }
+}
+
+} // namespace
