@@ -41,6 +41,8 @@ DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
 
 void receive(const Frame &frame, const Arrival &arrival) { receive(frame.bytes(), arrival); }
 
+void receive(const Frame6 &frame, const Arrival &arrival) { receive(frame.bytes(), arrival); }
+
 void receive(const Bytes &frame, const Arrival &arrival)
 {
     DhcpsnoopRxPkt rx = rx_packet(frame, arrival);
@@ -92,9 +94,24 @@ DhcpsnoopUserKey key4(uint32_t address)
     return key;
 }
 
+DhcpsnoopUserKey key6(const char *address)
+{
+    DhcpsnoopUserKey key = {};
+    key.ipType = DHCPSNOOP_IPV6;
+    const Ip6 bytes = ip6(address);
+    std::copy(bytes.begin(), bytes.end(), key.ipAddr);
+    return key;
+}
+
 DhcpsnoopUser *binding(uint32_t address)
 {
     const DhcpsnoopUserKey key = key4(address);
+    return dhcpsnoop_user_lookup(&key);
+}
+
+DhcpsnoopUser *binding(const char *address)
+{
+    const DhcpsnoopUserKey key = key6(address);
     return dhcpsnoop_user_lookup(&key);
 }
 
@@ -116,7 +133,11 @@ size_t count_waiting() { return count(gDhcpsnoop.macUserHash); }
 
 DhcpsnoopUser *make_binding(uint32_t address, const Mac &mac, uint32_t ifIndex, uint16_t vid)
 {
-    const DhcpsnoopUserKey key = key4(address);
+    return make_binding(key4(address), mac, ifIndex, vid);
+}
+
+DhcpsnoopUser *make_binding(const DhcpsnoopUserKey &key, const Mac &mac, uint32_t ifIndex, uint16_t vid)
+{
     DhcpsnoopUser *user = dhcpsnoop_user_table_add(&key);
     if (user == nullptr)
         return nullptr;

@@ -87,11 +87,13 @@ DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival = {});
 
 // The frame goes through dhcpsnoop_recv.
 void receive(const Frame &frame, const Arrival &arrival = {});
+void receive(const Frame6 &frame, const Arrival &arrival = {});
 void receive(const Bytes &frame, const Arrival &arrival = {});
 
 // A frame parsed and kept, for calling a function below dhcpsnoop_recv. The frame buffer is the record's.
 struct Parsed {
     explicit Parsed(const Frame &frame, const Arrival &arrival = {}) : Parsed(frame.bytes(), arrival) {}
+    explicit Parsed(const Frame6 &frame, const Arrival &arrival = {}) : Parsed(frame.bytes(), arrival) {}
     explicit Parsed(const Bytes &frame, const Arrival &arrival = {});
     Parsed(const Parsed &) = delete;
     Parsed &operator=(const Parsed &) = delete;
@@ -117,11 +119,14 @@ inline Lines debug_texts() { return world.texts(Did::Debug); }
 bool printed(const std::string &text);
 
 DhcpsnoopUserKey key4(uint32_t address);
+DhcpsnoopUserKey key6(const char *address);
 DhcpsnoopUser *binding(uint32_t address); // null when there is none
+DhcpsnoopUser *binding(const char *address);
 size_t count_bindings();
 size_t count_waiting(); // MAC users
 
 // A dynamic binding made directly in the table, and counted.
+DhcpsnoopUser *make_binding(const DhcpsnoopUserKey &key, const Mac &mac, uint32_t ifIndex, uint16_t vid);
 DhcpsnoopUser *make_binding(uint32_t address, const Mac &mac, uint32_t ifIndex, uint16_t vid);
 
 void set_flag_field(DhcpsnoopIf *ifp, DhcpsnoopFlagField field, uint32_t value);

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <arpa/inet.h>
+
 namespace
 {
 
@@ -50,13 +52,58 @@ std::string dotted(const Bytes &bytes, size_t at)
     return text_of("%u.%u.%u.%u", bytes.at(at), bytes.at(at + 1), bytes.at(at + 2), bytes.at(at + 3));
 }
 
-// Where the IPv4 header begins: behind addresses, tags and EtherType.
+// Where the IP header begins: behind addresses, tags and EtherType.
 size_t ip_offset(const Bytes &frame)
 {
     size_t at = 12;
-    while (at + 4 <= frame.size() && get16(frame, at) != 0x0800)
+    while (at + 4 <= frame.size() && get16(frame, at) != 0x0800 && get16(frame, at) != 0x86DD)
         at += 4;
     return at + 2;
+}
+
+// Over the pseudo-header of RFC 8200 8.1; `addresses` is source and destination.
+uint16_t udp6_sum(const Bytes &addresses, const Bytes &datagram)
+{
+    return internet_checksum(addresses + be32(static_cast<uint32_t>(datagram.size())) + be32(17) + datagram);
+}
+
+std::string options6_text(const Bytes &area, const std::string &indent)
+{
+    std::string out;
+    size_t at = 0;
+    for (; at + 4 <= area.size(); at += 4 + get16(area, at + 2)) {
+        const uint32_t code = get16(area, at), length = get16(area, at + 2);
+        const Bytes data = slice(area, at + 4, length);
+        const size_t fixed = code == 3 ? 12 : code == 4 ? 4 : code == 5 ? 24 : data.size();
+        out += indent + text_of("option %u length %u: ", code, length) + hex(slice(data, 0, fixed)) + "\n" +
+               options6_text(slice(data, fixed, data.size()), indent + "  ");
+    }
+    const Bytes rest = slice(area, at, area.size());
+    return rest.empty() ? out : out + indent + "rest " + hex(rest) + "\n";
+}
+
+// From the IPv6 header on.
+std::string dissect6(const Bytes &packet)
+{
+    const size_t end = packet.size() < 48 ? packet.size() : 40 + get16(packet, 4);
+    if (packet.size() < 48 || packet[6] != 17 || end < 48)
+        return "IPv6 without UDP: " + hex(packet) + "\n";
+    const Bytes datagram = slice(packet, 40, end - 40);
+    const size_t udpLen = get16(datagram, 4);
+    const bool good = udp6_sum(slice(packet, 8, 32), slice(datagram, 0, udpLen)) == 0;
+    std::string out = text_of("ip6 %08x length %u next %u hops %u\n", get32(packet, 0), get16(packet, 4),
+                              packet[6], packet[7]) +
+                      "ip6 from " + hex(slice(packet, 8, 16)) + " to " + hex(slice(packet, 24, 16)) + "\n" +
+                      text_of("udp %u to %u length %zu checksum %s\n", get16(datagram, 0), get16(datagram, 2),
+                              udpLen, good ? "good" : text_of("bad %04x", get16(datagram, 6)).c_str());
+    const Bytes message = slice(datagram, 8, udpLen < 8 ? 0 : udpLen - 8);
+    out +=
+        "message " + hex(slice(message, 0, 4)) + "\n" + options6_text(slice(message, 4, message.size()), "");
+    if (udpLen < datagram.size())
+        out += "behind the datagram " + hex(slice(datagram, udpLen, datagram.size())) + "\n";
+    if (end < packet.size())
+        out += "padding " + hex(slice(packet, end, packet.size())) + "\n";
+    return out;
 }
 
 size_t dhcp_offset(const Bytes &frame)
@@ -171,6 +218,68 @@ Frame server_frame(uint8_t messageType, const Bytes &options)
     return Frame{.src = MAC_SERVER, .srcIp = ip4(10, 0, 0, 1), .srcPort = 67, .dstPort = 68, .op = 2, .yiaddr = ip4(10, 0, 0, 100), .options = opt_type(messageType) + opt_ip(54, ip4(10, 0, 0, 1)) + opt_lease(3600) + options + OPT_END};
 }
 
+Ip6 ip6(const char *text)
+{
+    Ip6 address = {};
+    if (inet_pton(AF_INET6, text, address.data()) != 1)
+        abort();
+    return address;
+}
+
+Bytes opt6(uint16_t code, const Bytes &data, std::optional<uint16_t> length)
+{
+    return be16(code) + be16(length.value_or(static_cast<uint16_t>(data.size()))) + data;
+}
+
+Bytes status6(uint16_t code, std::string_view text) { return opt6(13, be16(code) + text_bytes(text)); }
+
+Bytes iaaddr(const char *address, uint32_t valid, const Bytes &options)
+{
+    const Ip6 bytes = ip6(address);
+    return opt6(5, Bytes(bytes.begin(), bytes.end()) + be32(valid / 2) + be32(valid) + options);
+}
+
+Bytes ia_na(const Bytes &options, uint32_t iaid) { return opt6(3, be32(iaid) + be32(0) + be32(0) + options); }
+
+Bytes ia_ta(const Bytes &options, uint32_t iaid) { return opt6(4, be32(iaid) + options); }
+
+Bytes Frame6::bytes() const
+{
+    Bytes body = Bytes{type} + Bytes{static_cast<uint8_t>(xid >> 16)} + be16(xid & 0xFFFF) + options;
+    if (message)
+        body = *message;
+    Bytes udp = be16(srcPort) + be16(dstPort) + be32(0) + body;
+    put16(udp, 4, udpLen.value_or(static_cast<uint16_t>(udp.size())));
+    const Bytes addresses = Bytes(srcIp.begin(), srcIp.end()) + Bytes(dstIp.begin(), dstIp.end());
+    uint16_t sum = udp6_sum(addresses, udp);
+    if (sum == 0)
+        sum = 0xFFFF; // RFC 8200 8.1
+    put16(udp, 6, udpChecksum.value_or(sum));
+
+    Bytes frame = mac_bytes(dst) + mac_bytes(src);
+    for (const Tag &tag : tags)
+        frame = frame + be16(tag.tpid) + be16(tag.tci);
+    const size_t payload = extension.size() + udp.size() + slack.size();
+    return frame + be16(etherType) + be32(0x60000000) +
+           be16(payloadLen.value_or(static_cast<uint16_t>(payload))) + Bytes{nextHeader, hopLimit} +
+           addresses + extension + udp + slack + padding;
+}
+
+Frame6 client6(uint8_t type, const Bytes &options) { return Frame6{.type = type, .options = options}; }
+
+Frame6 server6(uint8_t type, const Bytes &options)
+{
+    return Frame6{.dst = MAC_CLIENT,
+                  .src = MAC_SERVER,
+                  .hopLimit = 64,
+                  .srcIp = ip6("fe80::5eff:fe00:1"),
+                  .dstIp = ip6("fe80::c1ff:fe00:1"),
+                  .srcPort = 547,
+                  .dstPort = 546,
+                  .type = type,
+                  .options = options};
+}
+
 Bytes options_of(const Bytes &frame)
 {
     const size_t dhcp = dhcp_offset(frame);
@@ -200,6 +309,8 @@ std::string dissect(const Bytes &frame)
     const size_t ip = ip_offset(frame);
     for (size_t at = 12; at + 6 <= ip; at += 4)
         out += text_of("tag %04x %04x\n", get16(frame, at), get16(frame, at + 2));
+    if (ip <= frame.size() && get16(frame, ip - 2) == 0x86DD)
+        return out + dissect6(slice(frame, ip, frame.size()));
     const size_t udp = ip + 20 <= frame.size() ? ip + (frame[ip] & 15u) * 4 : frame.size();
     if (udp + 8 > frame.size())
         return out + "not IPv4: " + hex(slice(frame, 12, frame.size())) + "\n";

@@ -91,11 +91,57 @@ Frame client_frame(uint8_t messageType, const Bytes &options = {});
 // A server's broadcast reply to client 1: server 10.0.0.1, offered address 10.0.0.100, one hour.
 Frame server_frame(uint8_t messageType, const Bytes &options = {});
 
+// ---- DHCPv6 (RFC 8415; option 37: RFC 4649)
+
+using Ip6 = std::array<uint8_t, 16>;
+Ip6 ip6(const char *text);
+
+constexpr Mac MAC_DHCP6_SERVERS = {0x33, 0x33, 0x00, 0x01, 0x00, 0x02};
+
+Bytes opt6(uint16_t code, const Bytes &data, std::optional<uint16_t> length = {});
+Bytes status6(uint16_t code, std::string_view text = "");
+Bytes iaaddr(const char *address, uint32_t valid, const Bytes &options = {});
+Bytes ia_na(const Bytes &options, uint32_t iaid = 7);
+Bytes ia_ta(const Bytes &options, uint32_t iaid = 9);
+
+// A default one is a valid SOLICIT of client 1 without options.
+struct Frame6 {
+    Mac dst = MAC_DHCP6_SERVERS;
+    Mac src = MAC_CLIENT;
+    std::vector<Tag> tags = {};
+    uint16_t etherType = 0x86DD;
+    // IPv6 (RFC 8200)
+    std::optional<uint16_t> payloadLen = {};
+    uint8_t nextHeader = 17;
+    uint8_t hopLimit = 1;
+    Ip6 srcIp = ip6("fe80::c1ff:fe00:1");
+    Ip6 dstIp = ip6("ff02::1:2");
+    Bytes extension = {}; // between IPv6 and UDP header
+    // UDP
+    uint16_t srcPort = 546;
+    uint16_t dstPort = 547;
+    std::optional<uint16_t> udpLen = {};
+    std::optional<uint16_t> udpChecksum = {};
+    // DHCPv6 (RFC 8415 8)
+    uint8_t type = 1;
+    uint32_t xid = 0x10A2B3;
+    Bytes options = {};
+    std::optional<Bytes> message = {}; // instead of type, transaction id and options
+    Bytes slack = {};                  // behind the UDP datagram, inside the IPv6 payload
+    Bytes padding = {};                // behind the IPv6 payload
+
+    Bytes bytes() const;
+};
+
+Frame6 client6(uint8_t type, const Bytes &options = {});
+// To client 1, by unicast.
+Frame6 server6(uint8_t type, const Bytes &options = {});
+
 // The RFC 1071 sum by the simplest means, for expectations.
 uint16_t internet_checksum(const Bytes &bytes);
 
 // Every byte of an Ethernet frame as text, a line for each field, checksums judged. `tags` are what stands
-// between the addresses and the EtherType 0x0800.
+// between the addresses and the EtherType 0x0800 or 0x86DD.
 std::string dissect(const Bytes &frame);
 
 // The data of the first option of that code in the frame's DHCP message, found by an own walk; none when it
