@@ -275,6 +275,8 @@ TEST_F(Path6, IaOptions)
          fixed + "; " + host + "; " + bound2},
         {"an IA_NA shorter than its fixed part", 7, opt6(3, Bytes(11, 0)), all},
         {"an IA_NA of 0", 7, opt6(3, {}), all},
+        {"what stands behind it is not its own", 7, opt6(3, {}) + opt6(1, Bytes(8, 0)) + gone, all},
+        {"nor behind an IA_TA of 0", 7, opt6(4, {}) + opt6(1, {}) + gone, all},
         {"an IA_TA shorter than its fixed part", 7, opt6(4, Bytes(3, 0)), all},
         {"IA_TA read as such, not with 12 fixed bytes", 7, opt6(4, Bytes(4, 0) + gone), fixed + "; " + host2},
         {"an IA that claims more than there is", 7, opt6(3, Bytes(12, 0) + gone, 65535),
@@ -337,6 +339,14 @@ TEST_F(Path6, AddressesOfOneIa)
     // Three addresses, then a fourth behind the IA's end that its overstated length still reaches.
     const auto address = [](int n) { return iaaddr(world_format("2001:db8::%d", n).c_str(), 60); };
     through(client6(3, ia_na(address(1) + address(2) + address(3)) + address(4)));
+    EXPECT_EQ(count_bindings(), 4u);
+    // The same with two: it reaches no further than another option of that size.
+    SetUp();
+    const Bytes other = opt6(1, Bytes(24, 0));
+    through(client6(3, ia_na(address(1) + address(2)) + other + address(4)));
+    EXPECT_EQ(count_bindings(), 2u);
+    SetUp();
+    through(client6(3, ia_na(address(1) + address(2) + address(3)) + other + address(4)));
     EXPECT_EQ(count_bindings(), 4u);
     // With one address the area ends with it.
     SetUp();
@@ -414,6 +424,10 @@ TEST_F(Path6, ClientsPortByItsOption)
             EXPECT_EQ(dissect(entry->data).find("bad"), std::string::npos);
     }
     dhcpsnoop_if_lookup(1)->flags |= BOTH;
+    // Its last byte stands behind the message.
+    Frame6 cut = server6(2, opt6(18, Bytes(id1.begin(), id1.end() - 1), 20));
+    cut.padding = {id1.back()};
+    EXPECT_EQ(through(cut, FROM_SERVER), "1 89, 3 89");
     // A template of what the frame alone tells cannot be rebuilt for a reply.
     gDhcpsnoop.interfaceIdFmt = {5, 2, "%y"};
     world.ports[1].number = 77;
