@@ -74,7 +74,9 @@ std::string options6_text(const Bytes &area, const std::string &indent)
     for (; at + 4 <= area.size(); at += 4 + get16(area, at + 2)) {
         const uint32_t code = get16(area, at), length = get16(area, at + 2);
         const Bytes data = slice(area, at + 4, length);
-        const size_t fixed = code == 3 ? 12 : code == 4 ? 4 : code == 5 ? 24 : data.size();
+        const size_t fixed = code == 3 ? 12 : code == 4 ? 4
+                                          : code == 5   ? 24
+                                                        : data.size();
         out += indent + text_of("option %u length %u: ", code, length) + hex(slice(data, 0, fixed)) + "\n" +
                options6_text(slice(data, fixed, data.size()), indent + "  ");
     }

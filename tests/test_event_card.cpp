@@ -73,7 +73,10 @@ class Places : public Daemon
 
 TEST_F(Places, CardsAndSlots)
 {
-    enum class Does { Nothing, Copy, Install, Delete };
+    enum class Does { Nothing,
+                      Copy,
+                      Install,
+                      Delete };
     const struct {
         const char *claim;
         uint16_t type;

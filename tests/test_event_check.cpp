@@ -240,7 +240,8 @@ TEST_F(Enforcement, CheckItemsChange)
                 deliver(items_message(dai ? DAI_CHANGE : IPSG_CHANGE, row.ifIndex, row.items));
                 std::string expected = row.hardware;
                 for (size_t at; (at = expected.find("RR")) != std::string::npos;)
-                    expected.replace(at, 2, !dai ? "80" : started == 1 ? "40" : "00");
+                    expected.replace(at, 2, !dai ? "80" : started == 1 ? "40"
+                                                                       : "00");
                 EXPECT_EQ(hardware(), expected);
                 EXPECT_EQ(marked(dai), row.after);
                 EXPECT_EQ(marked(!dai), (Mark{true, 2, 0x50}));

@@ -319,7 +319,7 @@ TEST_F(Parse6, AtMostSixtyFourIas)
         const Parsed parsed(client6(1, options + opt6(18, {1})));
         ASSERT_EQ(parsed.info.iaCount, std::min(count, 64u));
         EXPECT_EQ(parsed.info.iaOpts[parsed.info.iaCount - 1][7], std::min(count, 64u) - 1); // its IAID
-        EXPECT_NE(parsed.info.interfaceIdOpt, nullptr); // the walk goes on
+        EXPECT_NE(parsed.info.interfaceIdOpt, nullptr);                                      // the walk goes on
     }
 }
 

@@ -45,7 +45,8 @@ class Path6 : public Daemon
 };
 
 // A message through the daemon; what it sent.
-template <class Message> std::string through(const Message &frame, const Arrival &arrival = {})
+template <class Message>
+std::string through(const Message &frame, const Arrival &arrival = {})
 {
     world.clear();
     receive(frame, arrival);

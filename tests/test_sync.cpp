@@ -117,8 +117,12 @@ TEST_F(Sync, Role)
         const char *word;
         size_t questions;
     } rows[] = {
-        {0, 1, 1, "Master", 1}, {0, 0, 1, "Master", 1}, {1, 0, 2, "Slave", 2},
-        {7, 0, 2, "Slave", 2},  {1, 1, 0, "None", 2},   {0xFFFFFFFF, 9, 0, "None", 2},
+        {0, 1, 1, "Master", 1},
+        {0, 0, 1, "Master", 1},
+        {1, 0, 2, "Slave", 2},
+        {7, 0, 2, "Slave", 2},
+        {1, 1, 0, "None", 2},
+        {0xFFFFFFFF, 9, 0, "None", 2},
     };
     const char *const words[] = {"None", "Master", "Slave"};
     for (const auto &row : rows) {
