@@ -23,12 +23,12 @@ class Path6 : public Daemon
         world.reset();
         gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
         gDhcpsnoop.enterpriseNum = 32473;
-        for (const uint32_t ifIndex : {1, 2, 3})
+        for (const uint32_t ifIndex : {1u, 2u, 3u})
             world.access(ifIndex, 10);
         world.access(4, 20);
         world.ports[1].location = {0x111, 0x122, 0x133, 4, 5, 6, 0x177};
         world.ipsg[1] = {.items = 0xF0};
-        for (const uint32_t ifIndex : {1, 3, 4})
+        for (const uint32_t ifIndex : {1u, 3u, 4u})
             set_flag_field(snoop(ifIndex, BOTH), DHCPSNOOP_IF_VERSION, 3);
         set_flag_field(snoop(2, DHCPSNOOP_IF_TRUSTED), DHCPSNOOP_IF_VERSION, 3);
         dhcpsnoop_user_timer_check();
