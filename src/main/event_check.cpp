@@ -145,27 +145,26 @@ void event_dai_start(const Event &event)
         return;
     const uint32_t ifIndex = event_get32(event.message + BODY_WORD);
     const uint8_t items = event.message[BODY_ITEMS];
-    const DhcpsnoopFeature &feature = DHCPSNOOP_FEATURE_DAI;
 
     gDhcpsnoop.daiStarted = 1;
     each_user([&](DhcpsnoopUser *user) {
-        if (user->ifIndex != ifIndex || installed(user, feature))
+        if (user->ifIndex != ifIndex || installed(user, DHCPSNOOP_FEATURE_DAI))
             return;
         if (user->userType == DHCPSNOOP_USER_DYNAMIC)
-            install(user, feature, items, DHCPSNOOP_SOURCE_PORT);
+            install(user, DHCPSNOOP_FEATURE_DAI, items, DHCPSNOOP_SOURCE_PORT);
         else if (user->userType == DHCPSNOOP_USER_STATIC &&
-                 dhcpsnoop_user_state_notify(user, INSTALL, &user->daiCheckItems, feature.kind) == 0)
-            user->hwFlags |= feature.installed;
+                 dhcpsnoop_user_state_notify(user, INSTALL, &user->daiCheckItems,
+                                             DHCPSNOOP_FEATURE_DAI.kind) == 0)
+            user->hwFlags |= DHCPSNOOP_FEATURE_DAI.installed;
     });
 }
 
 void event_dai_stop(const Event &)
 {
     DEBUG_EVENT("[DHCPSNOOP] Receive RTM_SYSTEM_DAISTOP message.\r\n");
-    const DhcpsnoopFeature &feature = DHCPSNOOP_FEATURE_DAI;
     each_user([&](DhcpsnoopUser *user) {
-        if (installed(user, feature))
-            withdraw(user, feature);
+        if (installed(user, DHCPSNOOP_FEATURE_DAI))
+            withdraw(user, DHCPSNOOP_FEATURE_DAI);
     });
     gDhcpsnoop.daiStarted = 0;
 }
