@@ -353,6 +353,12 @@ TEST_F(Path6, AddressesOfOneIa)
     SetUp();
     through(client6(3, ia_na(address(1)) + address(2)));
     EXPECT_EQ(count_bindings(), 1u);
+    // The first address counts whatever the IA says of its own length, if that is more than its fixed part.
+    for (const int inner : {0, 1, 3}) {
+        SetUp();
+        through(client6(3, opt6(3, Bytes(12, 0) + address(1), static_cast<uint16_t>(12 + inner))));
+        EXPECT_EQ(count_bindings(), inner == 0 ? 0u : 1u);
+    }
     // As many as a frame holds.
     SetUp();
     Bytes many;

@@ -34,8 +34,10 @@ static uint32_t left_in_frame(const DhcpsnoopPktInfo *info, const uint8_t *p)
 
 static uint8_t *find_option(const DhcpsnoopPktInfo *info, Area area, uint32_t code)
 {
-    area.size = std::min(area.size, left_in_frame(info, area.start));
-    return area.size < DHCP6_OPT_HEADER_LEN ? nullptr : dhcp6snoop_get_opt(area.start, code, area.size);
+    const uint32_t left = left_in_frame(info, area.start);
+    if (left < DHCP6_OPT_HEADER_LEN)
+        return nullptr;
+    return dhcp6snoop_get_opt(area.start, code, std::min(area.size, left));
 }
 
 // True when the area has a Status Code option that is long enough.
