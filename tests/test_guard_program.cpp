@@ -362,7 +362,9 @@ TEST_P(GuardProgram, TrapsWhereItIsTold)
         SCOPED_TRACE(row.claim);
         const guard_port port = {.native = row.native, .trap = row.port.trap, .inherited = row.port.inherited, .qdisc_is_ours = 0, .reserved = {}};
         const guard_vlan vlan = {.trap = row.vlan.trap, .inherited = row.vlan.inherited, .reserved = {}};
-        const guard_state holds = {now + 3600000000000u, 1}, over = {now, 1};
+        guard_state holds = {}, over = {};
+        holds.inherited_until = now + 3600000000000u;
+        over.inherited_until = now;
         put("guard_ports", port_, &port);
         put("guard_vlans", 10, &vlan);
         put("guard_state", 0, &holds);

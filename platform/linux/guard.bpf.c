@@ -40,6 +40,41 @@ struct {
     __uint(pinning, LIBBPF_PIN_BY_NAME);
 } guard_state SEC(".maps");
 
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(max_entries, GUARD_PORTS_MAX);
+    __uint(map_flags, BPF_F_NO_PREALLOC);
+    __type(key, __u32);
+    __type(value, struct guard_items);
+    __uint(pinning, LIBBPF_PIN_BY_NAME);
+} guard_port_items SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(max_entries, GUARD_VLANS);
+    __type(key, __u32);
+    __type(value, struct guard_items);
+    __uint(pinning, LIBBPF_PIN_BY_NAME);
+} guard_vlan_items SEC(".maps");
+
+// Sized by the daemon for its bindings, and all of it there from the start: an update never waits for memory.
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(max_entries, 512);
+    __type(key, struct guard_binding_key);
+    __type(value, struct guard_binding);
+    __uint(pinning, LIBBPF_PIN_BY_NAME);
+} guard_bindings SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_HASH);
+    __uint(max_entries, GUARD_PORTS_MAX);
+    __uint(map_flags, BPF_F_NO_PREALLOC);
+    __type(key, __u32);
+    __type(value, struct guard_refused);
+    __uint(pinning, LIBBPF_PIN_BY_NAME);
+} guard_refused SEC(".maps");
+
 enum {
     TAGS_LEFT = 2,     // tags in the bytes, behind the one that the kernel may have taken out
     VID_MASK = 0x0FFF, // of a tag control field

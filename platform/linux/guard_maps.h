@@ -1,12 +1,13 @@
-/* What guard.bpf.c shares with guard.cpp and frames.cpp: the values of the pinned maps and what stands before
- * a trapped frame, in the host's byte order where nothing else is said. A change of the map values takes a
- * new GUARD_LAYOUT, so that a newer daemon never reads an older one's maps. */
+/* What guard.bpf.c shares with guard.cpp, frames.cpp and dhcpsnoopctl: the values of the pinned maps and what
+ * stands before a trapped frame, in the host's byte order where nothing else is said. A change of the map
+ * values takes a new GUARD_LAYOUT, so that a newer daemon never reads an older one's maps. The maps bear
+ * their values' names and are pinned under them; each says who writes it. */
 #ifndef DHCPSNOOP_GUARD_MAPS_H
 #define DHCPSNOOP_GUARD_MAPS_H
 
 #include <linux/types.h>
 
-#define GUARD_LAYOUT 1
+#define GUARD_LAYOUT 2
 #define GUARD_PORTS_MAX 4096
 #define GUARD_VLANS 4096
 
@@ -14,7 +15,7 @@
 #define GUARD_TRAP_V4 1
 #define GUARD_TRAP_V6 2
 
-/* Map guard_ports, by interface index. */
+/* Map guard_ports, by interface index: the ports on which the classifier stands. The daemon writes it. */
 struct guard_port {
     __u16 native;       /* VLAN of untagged and priority-tagged frames; 0 = none */
     __u8 trap;          /* set by the running daemon */
@@ -23,16 +24,73 @@ struct guard_port {
     __u8 reserved[3];
 };
 
-/* Map guard_vlans, by VLAN id. */
+/* Map guard_vlans, by VLAN id. The daemon writes it. */
 struct guard_vlan {
     __u8 trap, inherited;
     __u8 reserved[2];
 };
 
-/* Map guard_state, one element. */
+/* Map guard_state, one element. The daemon writes it. */
 struct guard_state {
-    __u64 inherited_until; /* nanoseconds of CLOCK_BOOTTIME */
+    __u64 inherited_until; /* of traps: nanoseconds of CLOCK_BOOTTIME */
     __u64 netns_cookie;    /* of the network namespace that the maps are about; 0 = new maps */
+    __u64 bindings_until;  /* of bindings that an earlier run installed: nanoseconds of CLOCK_BOOTTIME */
+    __u32 run;             /* of the daemon: 1, 2, ... as the maps were taken over */
+    __u16 masks[4];        /* by GUARD_IPV4, ...: bit `mask >> 4` is set when some binding has that mask */
+    __u32 reserved;
+};
+
+/* Check items, the bits of a guard_items byte and of a binding's mask. */
+#define GUARD_CHECK_ADDRESS 0x80
+#define GUARD_CHECK_MAC 0x40
+#define GUARD_CHECK_VLAN 0x20
+#define GUARD_CHECK_PORT 0x10
+
+/* Maps guard_port_items, a hash by interface index, and guard_vlan_items, an array by VLAN id: where IP source
+ * guard and ARP inspection stand, by the check items that bindings are to be installed with; 0 = off there,
+ * as is a port without an element. What is on for a port counts for it in place of its VLAN's, each of the
+ * two for itself. dhcpsnoopctl writes them, also while no daemon runs; the daemon takes a port's element
+ * away when the device has gone. */
+struct guard_items {
+    __u8 ip, arp;
+    __u8 reserved[2];
+};
+
+/* Kinds of bindings. */
+#define GUARD_IPV4 1 /* IP source guard */
+#define GUARD_IPV6 2
+#define GUARD_ARP 3 /* ARP inspection */
+
+/* Map guard_bindings: who may send. A frame passes when some binding agrees with it in all that its mask
+ * names; what it does not name is zero. The daemon writes it. */
+struct guard_binding_key {
+    __u32 ifindex;
+    __u16 vid;     /* the outermost tag's, or the port's native VLAN */
+    __u8 kind;     /* GUARD_IPV4, ... */
+    __u8 mask;     /* check items */
+    __u8 mac[6];   /* Ethernet source; in ARP the sender's too */
+    __u8 pad[2];
+    __u8 addr[16]; /* network order, IPv4 in the first 4 */
+};
+
+struct guard_binding {
+    __u32 references; /* bindings of the daemon that come to this */
+    __u32 run;        /* that installed it; an earlier one's counts until guard_state.bindings_until */
+};
+
+/* Why a frame was refused. */
+enum guard_reason {
+    GUARD_REFUSED_IPV4, /* no binding has its source */
+    GUARD_REFUSED_IPV6,
+    GUARD_REFUSED_ARP,       /* no binding has its sender */
+    GUARD_REFUSED_MALFORMED, /* cut short, or no header that one could go by */
+    GUARD_REASONS
+};
+
+/* Map guard_refused, a per-CPU hash by interface index: frames refused on a port since it became one. The
+ * classifier counts, the daemon makes a port's element and takes it away with the port. */
+struct guard_refused {
+    __u64 frames[GUARD_REASONS];
 };
 
 /* A trapped frame leaves its port for the loopback device behind this header, whole and with its outermost
