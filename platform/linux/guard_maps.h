@@ -46,14 +46,15 @@ struct guard_state {
 #define GUARD_CHECK_VLAN 0x20
 #define GUARD_CHECK_PORT 0x10
 
-/* Maps guard_port_items, a hash by interface index, and guard_vlan_items, an array by VLAN id: where IP source
- * guard and ARP inspection stand, by the check items that bindings are to be installed with; 0 = off there,
- * as is a port without an element. What is on for a port counts for it in place of its VLAN's, each of the
- * two for itself. dhcpsnoopctl writes them, also while no daemon runs; the daemon takes a port's element
+/* Maps guard_port_items, a hash by interface index, and guard_vlan_items, an array by VLAN id: where IP
+ * source guard and ARP inspection stand, by the check items that bindings are to be installed with; 0 = off
+ * there, as is a port without an element. What is on for a port counts for it in place of its VLAN's, each of
+ * the two for itself. dhcpsnoopctl writes them, also while no daemon runs; the daemon takes a port's element
  * away when the device has gone. */
 struct guard_items {
     __u8 ip, arp;
-    __u8 reserved[2];
+    __u8 ip_pending, arp_pending; /* the items that come next, once the daemon has installed its bindings with
+                                   * them; 0 = none. The classifier goes by those above alone */
 };
 
 /* Kinds of bindings. */
@@ -65,10 +66,10 @@ struct guard_items {
  * names; what it does not name is zero. The daemon writes it. */
 struct guard_binding_key {
     __u32 ifindex;
-    __u16 vid;     /* the outermost tag's, or the port's native VLAN */
-    __u8 kind;     /* GUARD_IPV4, ... */
-    __u8 mask;     /* check items */
-    __u8 mac[6];   /* Ethernet source; in ARP the sender's too */
+    __u16 vid;   /* the outermost tag's, or the port's native VLAN */
+    __u8 kind;   /* GUARD_IPV4, ... */
+    __u8 mask;   /* check items */
+    __u8 mac[6]; /* Ethernet source; in ARP the sender's too */
     __u8 pad[2];
     __u8 addr[16]; /* network order, IPv4 in the first 4 */
 };
