@@ -6,6 +6,7 @@
 
 #include "dhcpsnoop_format.h"
 #include "dhcpsnoop_main.h"
+#include "event_message.h"
 #include "pools.h"
 #include "world.h"
 
@@ -29,6 +30,10 @@ enum Change : uint8_t {
     CHANGE_TRACE,
     CHANGE_SWITCHES,
     CHANGE_HARDWARE_IDS,
+    CHANGE_SYSTEM,
+    CHANGE_PLACE,
+    CHANGE_CARDS,
+    CHANGE_AGGREGATE,
     CHANGES
 };
 
@@ -162,6 +167,27 @@ bool change_take(Input &input)
     case CHANGE_HARDWARE_IDS:
         world.newIpsgHwId = input.u32();
         world.newDaiHwId = input.u32();
+        break;
+    case CHANGE_SYSTEM: // one that a datagram names by its first word, the length of its first message
+        world.selfSystem = 16 + input.u8() % 32;
+        break;
+    case CHANGE_PLACE: // on a slot that the second word names: the type of the first message and its flags
+        port_taken(input).location = {
+            world.selfSystem, host32_at(host16(input.pick(EVENT_TYPES)) + host16(0), 0), 1, 0, 1, 1,
+            input.u8() % 4u};
+        break;
+    case CHANGE_CARDS: {
+        constexpr std::array<uint32_t, 2> CARD = {49152043, 49152042}, SLOT = {32768049, 32768042};
+        const uint8_t which = input.u8();
+        const auto answer = static_cast<int8_t>(input.u8());
+        world.cardAnswers[CARD[which % 2]] = answer;
+        world.slotAnswers[SLOT[which % 2]] = answer;
+        world.hwScalars[45] = which / 2 % 2;
+        break;
+    }
+    case CHANGE_AGGREGATE:
+        world.trunkQueryResult = static_cast<int8_t>(input.u8());
+        world.trunkQueryCount = input.u8();
         break;
     }
     return false;

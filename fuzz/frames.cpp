@@ -102,6 +102,86 @@ Bytes frame_synthesized(Input &input, bool *whole)
     return frame.bytes();
 }
 
+// The options that a byte for each chooses: addresses in IAs, status codes, what the daemon itself inserts.
+Bytes options6(Input &input, int depth)
+{
+    Bytes area;
+    for (uint8_t count = input.u8() % 6; count > 0; count--) {
+        const uint8_t kind = input.u8();
+        std::optional<uint16_t> length;
+        if ((kind & 0x80) != 0)
+            length = input.u16();
+        Bytes data;
+        uint16_t code = 0;
+        switch (kind & 7) {
+        case 0:
+        case 1:
+            code = (kind & 7) == 0 ? 3 : 4;
+            data = Bytes((kind & 7) == 0 ? 12 : 4, 0);
+            break;
+        case 2: {
+            code = 5;
+            const Ip6 address = ip6(input.pick(POOL_ADDRESSES6));
+            data = Bytes(address.begin(), address.end()) + be32(300) + be32(input.u8() * 60u);
+            break;
+        }
+        case 3:
+            code = 13;
+            data = be16(input.u8() % 8);
+            break;
+        case 4:
+        case 5: {
+            code = (kind & 7) == 4 ? 18 : 37;
+            const auto vid = static_cast<uint8_t>(input.pick(POOL_VIDS)), port = input.u8();
+            data = (code == 37 ? be32(gDhcpsnoop.enterpriseNum) : Bytes{}) +
+                   Bytes{1, 6, 0, 6, 0, vid, 1, 0, 0, port} + Bytes{2, 8, 0, 6, 2, 0, 0, 0, 1, port};
+            break;
+        }
+        default:
+            code = input.u16();
+            data = input.bytes(input.u8());
+            break;
+        }
+        if ((kind & 7) < 3 && depth > 0)
+            data = data + options6(input, depth - 1);
+        area = area + opt6(code, data, length);
+    }
+    return area;
+}
+
+Bytes frame6_synthesized(Input &input, bool *whole)
+{
+    const uint8_t type = input.u8();
+    Frame6 frame = input.u8() % 2 == 0 ? client6(type) : server6(type);
+    frame.tags.resize(input.u8() % 3);
+    for (Tag &tag : frame.tags)
+        tag = {input.pick(std::array<uint16_t, 2>{0x8100, 0x88A8}), input.pick(POOL_VIDS)};
+    frame.src = input.pick(POOL_MACS);
+    const uint8_t shape = input.u8();
+    if ((shape & 1) != 0)
+        frame.options = opt6(1, Bytes(input.u16() % DHCPSNOOP_FRAME_MAX, 0));
+    frame.options = frame.options + options6(input, 2);
+    if ((shape & 2) != 0)
+        frame.padding.assign(input.u8(), 0xFF);
+    if ((shape & 4) != 0) {
+        frame.slack.assign(input.u8(), 0xFF);
+        *whole = false;
+    }
+    if ((shape & 8) != 0) {
+        const size_t length = UDP_HEADER + 4 + frame.options.size();
+        frame.udpLen = static_cast<uint16_t>(length + static_cast<size_t>(static_cast<int8_t>(input.u8())));
+        frame.payloadLen =
+            static_cast<uint16_t>(length + static_cast<size_t>(static_cast<int8_t>(input.u8())));
+        *whole = false;
+    }
+    if ((shape & 16) != 0) {
+        frame.nextHeader = input.pick(std::array<uint8_t, 5>{0, 43, 44, 60, 6});
+        frame.extension = input.bytes(input.u8());
+        *whole = false;
+    }
+    return frame.bytes();
+}
+
 // The input's bytes, with as much of the IPv4 and UDP headers put right as it asks for.
 Bytes frame_mended(Input &input)
 {
@@ -136,9 +216,12 @@ uint32_t frame_take(Input &input, DhcpsnoopRxPkt *rx, bool *whole)
     Bytes frame;
     switch (kind & 3) {
     case 0:
-    case 1:
         *whole = true;
         frame = frame_synthesized(input, whole);
+        break;
+    case 1:
+        *whole = true;
+        frame = frame6_synthesized(input, whole);
         break;
     case 2:
         frame = frame_mended(input);
@@ -160,7 +243,7 @@ uint32_t frame_take(Input &input, DhcpsnoopRxPkt *rx, bool *whole)
     rx->outerVid = arrival.vid;
     rx->innerVid = 0;
     rx->l2HdrLen = static_cast<uint16_t>(l2_length(frame));
-    rx->etherType = 0x0800;
+    rx->etherType = get16(frame, rx->l2HdrLen - 2u) == 0x86DD ? 0x86DD : 0x0800;
     if ((kind & 4) != 0) {
         // Packet information of any content.
         rx->ifIndex = input.u32();

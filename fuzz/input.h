@@ -48,6 +48,15 @@ class Input
         return values[u8() % Count];
     }
 
+    // A length that is true, or a little off, or anything.
+    uint32_t length(size_t truth)
+    {
+        const uint8_t lie = u8();
+        if (lie < 0xE0)
+            return static_cast<uint32_t>(truth);
+        return lie == 0xFF ? u32() : static_cast<uint32_t>(truth + lie - 0xF0);
+    }
+
   private:
     const uint8_t *at_;
     size_t left_;

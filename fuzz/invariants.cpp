@@ -61,15 +61,35 @@ void check_interfaces()
     }
 }
 
-// Where the IPv4 header begins, behind at most three tags.
-size_t ipv4_offset(const uint8_t *frame, size_t count)
+// Where the IP header begins, behind at most three tags.
+size_t ip_offset(const uint8_t *frame, size_t count)
 {
+    const auto is_ip = [frame](size_t at) {
+        return get16(frame + at) == 0x0800 || get16(frame + at) == 0x86DD;
+    };
     size_t at = 12;
-    while (at + 2 <= count && at <= 12 + 3 * TAG_LEN && get16(frame + at) != 0x0800)
+    while (at + 2 <= count && at <= 12 + 3 * TAG_LEN && !is_ip(at))
         at += TAG_LEN;
-    if (at + 2 + 20 > count || get16(frame + at) != 0x0800)
-        fault("a sent frame without an IPv4 header");
+    if (at + 2 + 20 > count || !is_ip(at))
+        fault("a sent frame without an IP header");
     return at + 2;
+}
+
+void check_udp(const Bytes &addresses, const uint8_t *udp, size_t length)
+{
+    if (get16(udp + 4) != length)
+        fault("a sent frame has a UDP length of %u in %zu bytes", get16(udp + 4), length);
+    if (get16(udp + 6) == 0)
+        return;
+    if (internet_checksum(addresses + Bytes{0, 17, udp[4], udp[5]} + Bytes(udp, udp + length)) != 0)
+        fault("a sent frame has a wrong UDP checksum");
+}
+
+void check_ipv6(const uint8_t *ip, size_t rest)
+{
+    if (rest < 48 || get16(ip + 4) != rest - 40)
+        fault("a sent frame says another length of IPv6 payload than the %zu bytes that are there", rest);
+    check_udp(Bytes(ip + 8, ip + 40), ip + 40, rest - 40);
 }
 
 } // namespace
@@ -100,22 +120,17 @@ void invariants_check_frame(const uint8_t *frame, size_t count, bool whole)
         fault("a frame of %zu bytes was sent", count);
     if (!whole)
         return;
-    const uint8_t *ip = frame + ipv4_offset(frame, count);
-    const auto rest = static_cast<size_t>(frame + count - ip);
+    const size_t offset = ip_offset(frame, count);
+    const uint8_t *ip = frame + offset;
+    const size_t rest = count - offset;
+    if (get16(ip - 2) == 0x86DD) {
+        check_ipv6(ip, rest);
+        return;
+    }
     const size_t header = (ip[0] & 15u) * 4, total = get16(ip + 2);
     if (header < 20 || header + 8 > rest || total != rest)
         fault("a sent frame says %zu bytes of IPv4 header, %zu in all; %zu are there", header, total, rest);
     if (internet_checksum(Bytes(ip, ip + header)) != 0)
         fault("a sent frame has a wrong IPv4 header checksum");
-    const uint8_t *udp = ip + header;
-    const size_t length = get16(udp + 4);
-    if (length != total - header)
-        fault("a sent frame has a UDP length of %zu in %zu bytes", length, total - header);
-    if (get16(udp + 6) == 0)
-        return;
-    Bytes summed(ip + 12, ip + 20);
-    summed.insert(summed.end(), {0, 17, udp[4], udp[5]});
-    summed.insert(summed.end(), udp, udp + length);
-    if (internet_checksum(summed) != 0)
-        fault("a sent frame has a wrong UDP checksum");
+    check_udp(Bytes(ip + 12, ip + 20), ip + header, total - header);
 }

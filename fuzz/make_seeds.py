@@ -1,16 +1,18 @@
 #!/usr/bin/python3
-"""Writes fuzz/seeds/: inputs of the two fuzz targets, from frames that scapy builds and requests laid out by hand.
+"""Writes fuzz/seeds/: inputs of the fuzz targets, from frames that scapy builds and requests, events and records laid out by
+hand.
 
-How an input is read stands in session.cpp, frames.cpp, requests.cpp and changes.cpp; when that changes, change
+How an input is read stands in session.cpp and in frames, requests, events, peer and changes.cpp; when that changes, change
 this and run it again. With --check, tshark must find nothing wrong with any of the frames.
 """
 import pathlib
+import socket
 import struct
 import subprocess
 import sys
 import tempfile
 
-from scapy.all import BOOTP, IP, UDP, Dot1AD, Dot1Q, Ether, Raw, wrpcap
+from scapy.all import BOOTP, IP, UDP, Dot1AD, Dot1Q, Ether, IPv6, Raw, wrpcap
 
 HERE = pathlib.Path(__file__).parent
 CLIENT, CLIENT2, SERVER = '02:c1:00:00:00:01', '02:c1:00:00:00:02', '02:5e:00:00:00:01'
@@ -87,7 +89,76 @@ def made(op, message, arrival, options, shape=0, tags=b'\0', picks=b'\0\0\0\0\0\
     return record + struct.pack('>H', len(options)) + options
 
 
-PORT_STATE, MEMBERS, REFUSAL, SWITCH_TEXT = 7, 8, 10, 12  # changes.cpp
+def dhcp6(message, options=b'', server=False, tags=(), mac=CLIENT, sound=True):
+    ether = Ether(src=SERVER if server else mac, dst=mac if server else '33:33:00:01:00:02')
+    for kind, vid in tags:
+        ether = ether / kind(vlan=vid)
+    ports = (547, 546) if server else (546, 547)
+    addresses = ('fe80::5eff:fe00:1', 'fe80::c1ff:fe00:1') if server else ('fe80::c1ff:fe00:1', 'ff02::1:2')
+    built = bytes(ether / IPv6(src=addresses[0], dst=addresses[1]) / UDP(sport=ports[0], dport=ports[1]) /
+                  Raw(bytes([message, 0x10, 0xA2, 0xB3]) + options))
+    if sound:
+        frames.append(built)
+    return built
+
+
+def option6(code, data=b'', length=None):
+    return struct.pack('>HH', code, len(data) if length is None else length) + data
+
+
+def iaaddr(address, valid, options=b''):
+    return option6(5, socket.inet_pton(socket.AF_INET6, address) + struct.pack('>II', valid // 2, valid) + options)
+
+
+def recv6_seeds():
+    """DHCPv6 on the ports of prepare.cpp."""
+    solicit, advertise, request, confirm, renew, rebind, reply, release, decline, reconfigure, inform = range(1, 12)
+    one, two = iaaddr('2001:db8::100', 3600), iaaddr('2001:db8::101', 600)
+    ia = option6(3, bytes(12) + one + two)
+    temporary = option6(4, bytes(4) + iaaddr('2001:db8::1', 60))
+    status = option6(13, b'\0\2none')
+    client_id = option6(1, b'\0\3\0\1' + mac_bytes(CLIENT))
+    port1 = b'\1\6\0\6\0\x0a\1\0\0\1\2\x08\0\6' + PORT1_MAC
+    inserted = option6(18, port1) + option6(37, struct.pack('>I', 32473) + port1)
+    cut = dhcp6(reply, ia + inserted, True)
+    extension = cut[:20] + b'\0' + cut[21:54] + b'\x11\0\1\4\0\0\0\0' + cut[54:]
+    ask = frame(dhcp6(request, client_id + ia + temporary), PORT1)
+    return {
+        'six-solicit': bytes([TYPED]) + frame(dhcp6(solicit, client_id + option6(3, bytes(12))), PORT1),
+        'six-solicit-tagged': bytes([TYPED_TEXT]) + frame(dhcp6(solicit, ia, tags=[(Dot1Q, 20)]), PORT2),
+        'six-solicit-template': bytes([TEMPLATE]) + frame(dhcp6(solicit, ia), PORT1),
+        'six-solicit-long-option': bytes([GLOBAL]) + frame(dhcp6(solicit, ia), PORT1),
+        'six-solicit-carries-both': bytes([TYPED]) + frame(dhcp6(solicit, ia + inserted), PORT1),
+        'six-on-vlan': bytes([RAW | GUARDS]) + frame(dhcp6(request, ia, tags=[(Dot1Q, 20)]), VLAN20),
+        'six-exchange': bytes([TYPED | GUARDS]) + ask + frame(dhcp6(reply, ia + inserted, True), PORT3) +
+                        frame(dhcp6(release, ia), PORT1),
+        'six-advertise': bytes([TYPED]) + frame(dhcp6(advertise, inserted + ia, True), PORT3),
+        'six-advertise-flooded': bytes([OFF]) + frame(dhcp6(advertise, ia, True), PORT3),
+        'six-reply-refused': bytes([TYPED]) + ask + frame(dhcp6(reply, option6(3, bytes(12) + status + one), True), PORT3),
+        'six-reply-failed-address': bytes([TYPED]) + ask +
+                                    frame(dhcp6(reply, option6(3, bytes(12) + iaaddr('2001:db8::100', 60, status) + two), True), PORT3),
+        'six-reply-untrusted': bytes([TYPED]) + frame(dhcp6(reply, ia, True), PORT2),
+        'six-renew': bytes([TYPED]) + frame(dhcp6(renew, ia), PORT1) + frame(dhcp6(rebind, ia), PORT1) +
+                     frame(dhcp6(confirm, ia), PORT1),
+        'six-decline': bytes([TYPED]) + ask + frame(dhcp6(decline, ia), PORT1),
+        'six-reconfigure': bytes([TYPED]) + frame(dhcp6(reconfigure, option6(19, b'\5'), True), PORT4_VLAN20) +
+                           frame(dhcp6(inform), PORT2),
+        'six-relayed': bytes([TYPED]) + frame(dhcp6(12, bytes(34)), PORT1),
+        'six-extension': bytes([TYPED]) + frame(extension, PORT3),
+        'six-option-overruns': bytes([TYPED]) + frame(dhcp6(reply, ia + option6(18, port1, 65532), True), PORT3),
+        'six-ia-overruns': bytes([TYPED]) + frame(dhcp6(request, option6(3, bytes(12) + one, 65535)), PORT1),
+        'six-address-overruns': bytes([TYPED]) + frame(dhcp6(request, option6(3, bytes(12) + option6(5, bytes(30), 65535))), PORT1),
+        'six-ia-short': bytes([TYPED]) + frame(dhcp6(request, option6(3, bytes(11)) + option6(4, bytes(3)), sound=False), PORT1),
+        'six-payload-short': bytes([TYPED]) + frame(cut[:18] + b'\0\x0b' + cut[20:58] + b'\0\x0b' + cut[60:], PORT3),
+        'six-udp-short': bytes([TYPED]) + frame(cut[:58] + b'\0\0' + cut[60:], PORT3),
+        'six-full': bytes([TYPED]) + frame(dhcp6(reply, option6(1, bytes(1900)) + inserted, True), PORT3),
+        'six-in-four': bytes([TYPED]) + odd_frame(cut, PORT1, 1, 10, 0, 14, 0),
+        'six-made': bytes([TYPED]) + bytes([0, 0, PORT1 << 4 | 1, 3, 0, 0, 0, 0, 1, 0, 2, 2, 0, 1, 0, 0, 0]),
+    }
+
+
+PORT_STATE, MEMBERS, ROLE, REFUSAL, SWITCH_TEXT, TRACE = 7, 8, 9, 10, 12, 13  # changes.cpp
+SYSTEM, PLACE, CARDS, AGGREGATE = 16, 17, 18, 19
 
 
 def change(what, arguments):
@@ -181,7 +252,7 @@ def recv_seeds():
         'made-append-large': bytes([TYPED | APPEND | SUBOPT9]) + made(1, DISCOVER, PORT1, foreign, pads=1640),
         'made-ack': bytes([TYPED | GUARDS]) + made(2, ACK, PORT3, ack + relay_info, picks=b'\0\2\0\1\0\x08\0'),
     }
-    return seeds
+    return seeds | recv6_seeds()
 
 
 def word(value):
@@ -251,13 +322,115 @@ def cmd_seeds():
     return {name: bytes([presets[i % len(presets)]]) + b''.join(records) for i, (name, records) in enumerate(groups.items())}
 
 
+# prepare.cpp: interfaces; pools.h: bindings. Events and records from the peer are in this machine's order.
+PORT, OTHER_PORT, VLAN_IF, UNKNOWN_IF = 1, 2, 20, 77
+NEWLINK, DELLINK, CARD_UP, CARD_DOWN, SLOT_UP, SLOT_DOWN, SUBSYSTEM_UP = 16, 17, 87, 88, 90, 91, 93
+DAI_START, DAI_STOP, USERS_UPDATE, IPSG_CHANGE, DAI_CHANGE = 123, 124, 190, 198, 199
+JOINED, CONFIGURED, PORT_ADDED, PORT_REMOVED = 38, 49, 52, 53
+
+
+def raw(data, record=0):
+    """A record with a datagram or packet as it is, played twice."""
+    return bytes([record, 3]) + struct.pack('>H', len(data)) + data
+
+
+def message(kind, payload=b'', length=None, card=0):
+    return struct.pack('=IHHII', 16 + len(payload) if length is None else length, kind, 0, card, 0) + payload
+
+
+def attribute(kind, value=b'', length=None):
+    return struct.pack('=HH', 4 + len(value) if length is None else length, kind) + value
+
+
+def link(kind, if_index, attributes=b''):
+    return message(kind, struct.pack('=HHIII', 0, 1, if_index, 0, 0) + attributes)
+
+
+def items(kind, if_index, check_items):
+    return message(kind, struct.pack('=IB', if_index, check_items))
+
+
+def notify_seeds():
+    member = struct.pack('=I', OTHER_PORT)
+    pad = bytes(3)
+    # This system is 16, port 1 lies on the slot that a type names, what cards and slots answer.
+    system = change(SYSTEM, b'\0')
+
+    def place(kind, answer):
+        types = (NEWLINK, DELLINK, CARD_UP, CARD_DOWN, SLOT_UP, SLOT_DOWN)
+        return system + change(PLACE, bytes([0, types.index(kind), 0])) + change(CARDS, bytes([1, answer])) + raw(message(kind))
+
+    seeds = {
+        'links': [raw(link(NEWLINK, PORT, attribute(CONFIGURED)) + link(DELLINK, PORT) + link(NEWLINK, PORT)),
+                  raw(link(DELLINK, VLAN_IF) + link(DELLINK, UNKNOWN_IF))],
+        'joined': [raw(link(NEWLINK, PORT, attribute(JOINED) + attribute(PORT_ADDED, member) + attribute(JOINED) +
+                            attribute(PORT_REMOVED, member)))],
+        'members': [raw(link(NEWLINK, PORT, attribute(PORT_ADDED, member) + attribute(PORT_REMOVED, member))),
+                    change(AGGREGATE, b'\0\2'), raw(link(NEWLINK, PORT, attribute(PORT_ADDED, member)))],
+        'odd-attributes': [raw(link(NEWLINK, PORT, attribute(3, b'n') + pad + attribute(PORT_ADDED, b'\2') + pad +
+                                    attribute(JOINED, length=0xFFFF))),
+                           raw(link(NEWLINK, PORT, attribute(JOINED, length=3))),
+                           raw(link(NEWLINK, PORT, attribute(JOINED, length=8)) + message(5))],
+        'odd-lengths': [raw(message(5, length=0xFFFFFFFD)), raw(message(5, length=15)),
+                        raw(message(5, b'x') + pad + message(6, length=17)), raw(link(DELLINK, PORT)[:31]), raw(b'')],
+        'items': [raw(b''.join(items(IPSG_CHANGE, if_index, check) + pad for if_index in (PORT, VLAN_IF, UNKNOWN_IF)
+                               for check in (0x90, 0, 0x0F, 0xF0))),
+                  raw(b''.join(items(DAI_CHANGE, if_index, check) + pad for if_index in (PORT, VLAN_IF)
+                               for check in (0x40, 0)))],
+        'dai': [raw(items(DAI_START, PORT, 0xF0) + pad + message(DAI_STOP) + message(DAI_STOP))],
+        'refused': [change(REFUSAL, b'\2\1'), raw(items(IPSG_CHANGE, PORT, 0) + pad + message(DAI_STOP))],
+        'users': [raw(message(USERS_UPDATE, struct.pack('=I', 10)) + message(USERS_UPDATE, b'\x0a\0\0'))],
+        'card-up': [place(CARD_UP, 0), place(CARD_UP, 1)],
+        'card-down': [place(CARD_DOWN, 0)],
+        'slot-up': [place(SLOT_UP, 0), place(SLOT_UP, 1)],
+        'slot-down': [place(SLOT_DOWN, 1)],
+        'subsystem': [raw(message(SUBSYSTEM_UP))],
+        'made': [bytes([0, 1, 2, NEWLINK % 12, 0, 0, 1, 2, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0])],
+    }
+    presets = (TYPED | GUARDS, OFF | GUARDS | RELAYING, TYPED)
+    return {name: bytes([presets[i % len(presets)]]) + b''.join(records) for i, (name, records) in enumerate(seeds.items())}
+
+
+def user_record(add, address, length=56, ip_type=1, user_type=1, if_index=PORT, vid=10):
+    return (struct.pack('=BBH', 1, add, length) + bytes([ip_type, 0, 0, 0]) + bytes(map(int, address.split('.'))) + bytes(12) +
+            struct.pack('=HHIIIBBBBH', vid, vid, if_index, 3600, 1000000000, 0xC0, user_type, 1, 0x30, 7) +
+            mac_bytes(CLIENT) + struct.pack('=II', 1, 2))
+
+
+def server_record(add, address, length=12, if_index=PORT, vid=10):
+    return struct.pack('=BBHIIHH', 2, add, length, *struct.unpack('>I', bytes(map(int, address.split('.')))), if_index, vid, 0)
+
+
+def sync_seeds():
+    fresh = [f'10.0.1.{n}' for n in range(23)]
+    seeds = {
+        'full-copy': [raw(b''.join(user_record(1, address) for address in fresh) + server_record(1, SERVER_IP)),
+                      raw(user_record(1, '10.0.2.1') + server_record(1, '10.0.0.2') + server_record(1, '10.0.0.3'))],
+        'changes': [raw(user_record(1, FRESH)), raw(user_record(1, FRESH, if_index=OTHER_PORT, vid=20)), raw(user_record(0, FRESH)),
+                    raw(server_record(1, SERVER_IP)), raw(server_record(0, SERVER_IP)), raw(user_record(0, '10.9.9.9'))],
+        'known': [raw(user_record(1, BOUND, user_type=2) + user_record(0, BOUND) + user_record(0, REQUESTED))],
+        'types': [raw(user_record(1, FRESH, ip_type=2) + user_record(1, FRESH, ip_type=9, user_type=4) + user_record(2, FRESH))],
+        'odd-lengths': [raw(user_record(1, FRESH, 0xFFFF) + user_record(1, BOUND)), raw(user_record(1, FRESH, 0xFFFC)),
+                        raw(user_record(1, FRESH, 0)), raw(struct.pack('=BBH', 3, 1, 5) + bytes(5) + user_record(1, FRESH))],
+        'short': [raw(user_record(1, FRESH)[:59]), raw(user_record(0, BOUND)[:23]), raw(user_record(0, BOUND)[:24]),
+                  raw(server_record(1, SERVER_IP)[:15]), raw(b'\1\1\0'), raw(b'')],
+        'dumped': [change(TRACE, b'\3'), raw(user_record(1, FRESH, 0xFFFF)), raw(server_record(1, SERVER_IP, 0xFFFF))],
+        'master': [change(ROLE, b'\1'), raw(user_record(1, FRESH)), change(ROLE, b'\2'), raw(user_record(1, FRESH)), change(ROLE, b'\1'),
+                   raw(link(DELLINK, PORT), 5)],
+        'events': [raw(user_record(1, FRESH)), raw(items(IPSG_CHANGE, PORT, 0x90) + bytes(3) + message(DAI_STOP), 5)],
+        'made': [bytes([0, 1, 3] + [0, 1, 5, 0, 0, 0] + [0] * 7 + [3, 1, 5, 0, 0, 0])],
+    }
+    presets = (TYPED | GUARDS, OFF | GUARDS | RELAYING, TYPED)
+    return {name: bytes([presets[i % len(presets)]]) + b''.join(records) for i, (name, records) in enumerate(seeds.items())}
+
+
 def check():
     with tempfile.TemporaryDirectory() as directory:
         capture = pathlib.Path(directory) / 'seeds.pcap'
         wrpcap(str(capture), [Ether(built) for built in frames])
         faults = subprocess.run(
             ['tshark', '-r', capture, '-o', 'ip.check_checksum:TRUE', '-o', 'udp.check_checksum:TRUE', '-Y',
-             '!dhcp || _ws.malformed || ip.checksum.status == "Bad" || udp.checksum.status == "Bad"'],
+             '!(dhcp || dhcpv6) || _ws.malformed || ip.checksum.status == "Bad" || udp.checksum.status == "Bad"'],
             check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
     if faults:
         sys.exit('tshark finds fault with:\n' + faults)
@@ -265,7 +438,8 @@ def check():
 
 
 def main():
-    for target, seeds in (('fuzz_recv', recv_seeds()), ('fuzz_cmd', cmd_seeds())):
+    for target, seeds in (('fuzz_recv', recv_seeds()), ('fuzz_cmd', cmd_seeds()), ('fuzz_notify', notify_seeds()),
+                          ('fuzz_sync', sync_seeds())):
         directory = HERE / 'seeds' / target
         directory.mkdir(parents=True, exist_ok=True)
         for old in directory.iterdir():

@@ -35,7 +35,14 @@ constexpr std::array<uint32_t, 12> POOL_ADDRESSES = {
     0xFFFFFFFF,
 };
 
+// The second is bound.
+constexpr std::array<const char *, 6> POOL_ADDRESSES6 = {
+    "2001:db8::100", "2001:db8::1", "2001:db8::101", "::", "fe80::1", "ff02::1:2"};
+
 constexpr std::array<uint16_t, 8> POOL_VIDS = {10, 20, 30, 0, 1, 4094, 4095, 0xE00A};
 
 // Ports, VLAN interfaces, one that the switch does not know, and the ends of the range.
 constexpr std::array<uint32_t, 13> POOL_INTERFACES = {1, 2, 3, 4, 5, 6, 7, 8, 20, 30, 77, 0, 0xFFFFFFFF};
+
+// Those that the daemon has a handler for.
+constexpr std::array<uint16_t, 12> EVENT_TYPES = {16, 17, 87, 88, 90, 91, 93, 123, 124, 190, 198, 199};

@@ -221,6 +221,37 @@ void option82_on(uint32_t variant, uint32_t policy, bool subopt9)
     }
 }
 
+// DHCPv6 options in the same ways as option 82, and as a template of nothing.
+void options6_on(uint32_t variant)
+{
+    if (variant == 0)
+        return;
+    for (const uint32_t ifIndex : {1u, 2u, 5u, 20u}) {
+        if_number(ifIndex, IF_OPTION18, 1);
+        if_number(ifIndex, IF_OPTION37, 1);
+        constexpr std::array<uint32_t, 8> MODES = {DHCPSNOOP_FORMAT_TYPED,
+                                                   DHCPSNOOP_FORMAT_TYPED,
+                                                   DHCPSNOOP_FORMAT_RAW,
+                                                   DHCPSNOOP_FORMAT_TYPED,
+                                                   DHCPSNOOP_FORMAT_RAW,
+                                                   1,
+                                                   0,
+                                                   2};
+        if_number(ifIndex, IF_INTERFACE_ID_FORMAT, MODES[variant]);
+        if_number(ifIndex, IF_REMOTE_ID6_FORMAT, variant == 7 ? 6 : MODES[variant]);
+        if (variant < 3 || variant > 5)
+            continue;
+        const Bytes text = variant == 5 ? text_bytes("%d.%i %s%c") : typed(text_bytes("text six"));
+        if_text(ifIndex, IF_INTERFACE_ID, text);
+        if_text(ifIndex, IF_REMOTE_ID6, text);
+    }
+    if (variant == 6) {
+        gDhcpsnoop.interfaceIdFmt = {DHCPSNOOP_FORMAT_TEMPLATE, 255, {}};
+        memset(gDhcpsnoop.interfaceIdFmt.text, 'z', 255);
+        gDhcpsnoop.remoteId6Fmt = {2, 8, "%i.%s.%d"};
+    }
+}
+
 void guards_on()
 {
     for (const uint32_t ifIndex : {1u, 2u}) {
@@ -312,12 +343,15 @@ void prepare_daemon(uint8_t preset)
 {
     for (const uint32_t ifIndex : {1u, 2u, 3u, 4u, 5u, 6u, 20u, 30u})
         if_number(ifIndex, IF_ENABLE, 1);
+    for (const uint32_t ifIndex : {1u, 2u, 3u, 4u, 5u, 6u, 20u, 30u})
+        if_number(ifIndex, IF_VERSION, DHCPSNOOP_IPV4 | DHCPSNOOP_IPV6);
     for (const uint32_t ifIndex : {3u, 4u, 6u})
         if_number(ifIndex, IF_TRUST, 1);
     bindings_make();
     if ((preset & 0x40) != 0)
         relaying_on();
     option82_on(preset & 7, preset >> 3 & 3, (preset & 0x20) != 0);
+    options6_on(preset & 7);
     if ((preset & 0x80) != 0)
         guards_on();
 }

@@ -20,9 +20,12 @@ void prepare_world();
 
 // Brings the started daemon into one of 256 states: interfaces, bindings of every kind, waiting clients, and
 // by the bits of `preset`
-//   0-2  how option 82 is built: off, typed, raw, typed text, raw text, template, the global template, odd
-//   modes 3-4  what becomes of a client's own option 82 5    sub-option 9 6    relaying interfaces 7
-//   everything that guards: checks, limits, hooks, learning, the master's role, and the trace
+//   0-2  how option 82 and DHCPv6's options 18 and 37 are built: off, typed, raw, typed text, raw text,
+//        template, the global template, odd modes
+//   3-4  what becomes of a client's own option 82
+//   5    sub-option 9
+//   6    relaying interfaces
+//   7    everything that guards: checks, limits, hooks, learning, the master's role, and the trace
 void prepare_daemon(uint8_t preset);
 DhcpsnoopRole prepared_role(uint8_t preset); // the world's, while that state is prepared and used
 

@@ -1,6 +1,6 @@
-// Plays one input: restores the state that it chose, hands its frames and requests to the daemon with the
-// ends of every buffer watched, some of them twice over different remains on the stack, and checks what left
-// and what stayed.
+// Plays one input: restores the state that it chose, hands its records to the daemon with the ends of every
+// buffer watched, some of them twice over different remains on the stack, and checks what left and what
+// stayed.
 #include "session.h"
 
 #include <algorithm>
@@ -8,15 +8,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <malloc.h>
+#include <memory>
 #include <sanitizer/asan_interface.h>
 
 #include "changes.h"
 #include "dhcpsnoop_main.h"
 #include "dhcpsnoop_msg.h"
+#include "dhcpsnoop_sync.h"
+#include "events.h"
 #include "frames.h"
 #include "input.h"
 #include "invariants.h"
 #include "management.h"
+#include "peer.h"
 #include "prepare.h"
 #include "requests.h"
 #include "world.h"
@@ -34,6 +38,7 @@ bool worldChanged;     // by a record
 bool refusing;         // the switch refuses some calls
 bool countsHold;       // nothing has moved bindings between interfaces behind the counts
 bool frameWhole;       // what is sent now must have true headers
+bool standbyActs;      // what happens now happens on a standby unit
 uint64_t transcript;   // of all that was sent and replied
 DhcpsnoopRxPkt *rxpkt; // on the heap, so that its ends are watched
 
@@ -48,6 +53,10 @@ void on_sent(Did did, const uint8_t *bytes, size_t count, uint32_t port)
 {
     transcript_add(reinterpret_cast<const uint8_t *>(&port), sizeof port);
     transcript_add(bytes, count);
+    // Rules for the hardware and records for the peer have other lengths than what a standby unit may tell.
+    constexpr size_t EVENT_LEN = 72, INSTALL_UNSET_LEN = 12;
+    if (did == Did::Call && standbyActs && count != EVENT_LEN && count != INSTALL_UNSET_LEN)
+        fault("a standby unit hands over a record of %zu bytes", count);
     if (did == Did::Frame)
         invariants_check_frame(bytes, count, frameWhole);
     else if (did == Did::Relay && (count < 240 || count > DHCPSNOOP_FRAME_MAX))
@@ -172,6 +181,41 @@ void request_play(const Bytes &request)
     free(buffer);
 }
 
+// On the heap in its own size, so that its ends are watched.
+std::unique_ptr<uint8_t[]> exact_copy(const Bytes &bytes)
+{
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[bytes.size()]);
+    std::copy(bytes.begin(), bytes.end(), copy.get());
+    return copy;
+}
+
+void event_play(const Bytes &datagram, int32_t length)
+{
+    const auto buffer = exact_copy(datagram);
+    if (dhcpsnoop_notify_recv(buffer.get(), length) != 0)
+        fault("a datagram of events is answered");
+    if (!std::equal(datagram.begin(), datagram.end(), buffer.get()))
+        fault("a datagram of events was written to");
+}
+
+void packet_play(const Bytes &packet, bool unpointed)
+{
+    standbyActs = dhcpsnoop_running_role_get() == DHCPSNOOP_ROLE_SLAVE;
+    // Bindings of every type are counted when they come, dynamic ones when they go.
+    countsHold = countsHold && !standbyActs;
+    const Memory before = memory_save();
+    const auto buffer = exact_copy(packet);
+    QorBuffer transfer = {unpointed ? nullptr : buffer.get(), static_cast<uint32_t>(packet.size())};
+
+    dhcpsnoop_sync_pkt_recv(&transfer);
+
+    if (!std::equal(packet.begin(), packet.end(), buffer.get()) || transfer.length != packet.size())
+        fault("a packet from the peer was written to");
+    if ((!standbyActs || unpointed) && !memory_tables_equal(before))
+        fault("a packet that is not for this unit changed the tables");
+    standbyActs = false;
+}
+
 void begin(uint8_t preset)
 {
     if (worldChanged)
@@ -219,6 +263,25 @@ void request_record(Input &input)
         (kind & 2) != 0 ? input.bytes(input.u16() % (DHCPSNOOP_REQUEST_MAX + 1)) : request_take(input);
     if (request.size() <= DHCPSNOOP_REQUEST_MAX)
         play((kind & 1) != 0, [&] { request_play(request); });
+}
+
+void event_record(Input &input)
+{
+    const uint8_t kind = input.u8();
+    const Bytes datagram =
+        (kind & 2) != 0 ? input.bytes(input.u16() % DHCPSNOOP_FRAME_MAX) : events_take(input);
+    auto length = static_cast<int32_t>(datagram.size());
+    if ((kind & 4) != 0) // of a receive that failed, or gave less
+        length = std::min<int32_t>(length, static_cast<int8_t>(input.u8()));
+    play((kind & 1) != 0, [&] { event_play(datagram, length); });
+}
+
+void packet_record(Input &input)
+{
+    const uint8_t kind = input.u8();
+    const Bytes packet =
+        (kind & 2) != 0 ? input.bytes(input.u16() % DHCPSNOOP_FRAME_MAX) : packet_take(input);
+    play((kind & 1) != 0, [&] { packet_play(packet, (kind & 0xF0) == 0xF0); });
 }
 
 } // namespace
@@ -276,10 +339,12 @@ void session_prepare()
     pristine.sent = on_sent;
 }
 
-void session_run(const uint8_t *bytes, size_t size, const std::array<Record, 8> &kinds)
+void session_run(const uint8_t *bytes, size_t size, const std::array<Record, 8> &kinds, bool standby)
 {
     Input input(bytes, size);
     begin(input.u8());
+    if (standby)
+        world.role(DHCPSNOOP_ROLE_SLAVE);
     for (int i = 0; i < RECORDS_MAX && input.more(); i++) {
         switch (input.pick(kinds)) {
         case Record::frame:
@@ -287,6 +352,12 @@ void session_run(const uint8_t *bytes, size_t size, const std::array<Record, 8> 
             break;
         case Record::request:
             request_record(input);
+            break;
+        case Record::event:
+            event_record(input);
+            break;
+        case Record::packet:
+            packet_record(input);
             break;
         case Record::change:
             worldChanged = true;

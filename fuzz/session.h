@@ -7,13 +7,14 @@
 #include <cstddef>
 #include <cstdint>
 
-// One record of an input: a frame handed to dhcpsnoop_recv, a request handed to dhcpsnoop_cmd_process, or
-// something that the switch does.
-enum class Record : uint8_t { frame, request, change };
+// One record of an input: a frame handed to dhcpsnoop_recv, a request handed to dhcpsnoop_cmd_process, a
+// datagram of events handed to dhcpsnoop_notify_recv, a packet from the peer unit handed to
+// dhcpsnoop_sync_pkt_recv, or something that the switch does.
+enum class Record : uint8_t { frame, request, event, packet, change };
 
 // Builds the world and all prepared states. Once, before the first session.
 void session_prepare();
 
 // The input's first byte chooses the state; then a byte each chooses the kind of the next record. Ends with
-// the invariants.
-void session_run(const uint8_t *bytes, size_t size, const std::array<Record, 8> &kinds);
+// the invariants. `standby`: on a standby unit, until the input says otherwise.
+void session_run(const uint8_t *bytes, size_t size, const std::array<Record, 8> &kinds, bool standby = false);

@@ -242,6 +242,23 @@ TEST_F(Option6, LengthsBeyondAByte)
     }
 }
 
+// Kept: a sum of zero stays 0, though receivers discard such a datagram.
+TEST_F(Option6, AChecksumOfZero)
+{
+    const Bytes inserted = opt6(18, PORT1);
+    Frame6 frame = client6(1);
+    // The sum with the option behind it, as the value of another: that makes it all ones, its complement 0.
+    frame.options = opt6(8, {0, 0}) + inserted;
+    const Bytes whole = frame.bytes();
+    const Bytes elapsed = opt6(8, Bytes(whole.begin() + 60, whole.begin() + 62));
+    port->flags &= ~DHCPSNOOP_IF_OPTION37;
+    Parsed parsed(client6(1, elapsed));
+    dhcp6snoop_construct_client_opt(&parsed.info);
+    frame.options = elapsed + inserted;
+    frame.udpChecksum = 0;
+    EXPECT_EQ(hex(parsed.bytes()), hex(frame.bytes()));
+}
+
 TEST_F(Option6, InsertsOnlyWhatFits)
 {
     const Bytes option(30, 7);

@@ -109,7 +109,8 @@ uint32_t dhcp6snoop_construct_opt37(const DhcpsnoopPktInfo *info, uint8_t *buffe
     return DHCP6_OPT_HEADER_LEN + length;
 }
 
-// Kept: dhcpLen is not changed by an insert or a strip.
+// Kept: dhcpLen is not changed by an insert or a strip. RFC 8200 8.1 sends a sum of zero as all ones; here it
+// stays 0, as in IPv4, and the receiver discards the datagram.
 static uint16_t lengths_write(DhcpsnoopPktInfo *info)
 {
     wire_put16(info->ipTotLen, info->ipBodyLen);
