@@ -146,6 +146,7 @@ def recv6_seeds():
         'six-relayed': bytes([TYPED]) + frame(dhcp6(12, bytes(34)), PORT1),
         'six-extension': bytes([TYPED]) + frame(extension, PORT3),
         'six-option-overruns': bytes([TYPED]) + frame(dhcp6(reply, ia + option6(18, port1, 65532), True), PORT3),
+        'six-strip-overruns': bytes([TYPED]) + frame(dhcp6(reply, inserted + option6(1, bytes(2), 65535), True, sound=False), PORT3),
         'six-ia-overruns': bytes([TYPED]) + frame(dhcp6(request, option6(3, bytes(12) + one, 65535)), PORT1),
         'six-address-overruns': bytes([TYPED]) + frame(dhcp6(request, option6(3, bytes(12) + option6(5, bytes(30), 65535))), PORT1),
         'six-ia-short': bytes([TYPED]) + frame(dhcp6(request, option6(3, bytes(11)) + option6(4, bytes(3)), sound=False), PORT1),
@@ -369,7 +370,7 @@ def notify_seeds():
                     change(AGGREGATE, b'\0\2'), raw(link(NEWLINK, PORT, attribute(PORT_ADDED, member)))],
         'odd-attributes': [raw(link(NEWLINK, PORT, attribute(3, b'n') + pad + attribute(PORT_ADDED, b'\2') + pad +
                                     attribute(JOINED, length=0xFFFF))),
-                           raw(link(NEWLINK, PORT, attribute(JOINED, length=3))),
+                           raw(link(NEWLINK, PORT, attribute(PORT_ADDED))), raw(link(NEWLINK, PORT, attribute(JOINED, length=3))),
                            raw(link(NEWLINK, PORT, attribute(JOINED, length=8)) + message(5))],
         'odd-lengths': [raw(message(5, length=0xFFFFFFFD)), raw(message(5, length=15)),
                         raw(message(5, b'x') + pad + message(6, length=17)), raw(link(DELLINK, PORT)[:31]), raw(b'')],
