@@ -9,9 +9,11 @@
 #include <sys/utsname.h>
 #include <utility>
 
+#include "guard_config.h"
 #include "logging.h"
 #include "model.h"
 #include "platform.h"
+#include "subscribers.h"
 #include "switch_model.h"
 #include "trap.h"
 
@@ -56,6 +58,8 @@ constexpr uint32_t SENDS_UNTAGGED = 258; // sysIFGet: 1 = without a tag
 
 constexpr uint32_t HW_MASTER = 53, HW_SLAVE = 54, HW_STANDALONE = 45; // 0 = yes for the first two
 constexpr uint32_t HW_SYNC_PEER = 0x40013;                            // a packet for the peer unit
+
+constexpr uint32_t EVENT_KIND = 16; // qorNetlinkSend: the daemon's events
 
 constexpr uint32_t GUARD_ENABLED = 1, GUARD_ITEMS = 2; // the hooks' calls
 
@@ -312,22 +316,30 @@ int32_t qorHwCardGet(const uint32_t *, uint32_t, void *) { return ENODEV; }
 
 int32_t qorHwSlotGet(const uint32_t *, uint32_t, void *) { return ENODEV; }
 
-// Nobody can subscribe to the daemon's events yet: not sent.
-int32_t qorNetlinkSend(uint32_t, uint32_t, const void *, uint32_t) { return ENOTCONN; }
+int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length)
+{
+    EventRecord event;
+    if (kind != EVENT_KIND || destination != 0 || record == nullptr || length != sizeof event)
+        return EINVAL;
+    memcpy(&event, record, sizeof event);
+    return subscribers_publish(event);
+}
 
 namespace
 {
-// No port or VLAN can be guarded yet, so none is.
-int32_t not_guarded(uint32_t ifIndex, uint32_t call, void *reply)
+int32_t guard_answer(GuardFeature feature, uint32_t ifIndex, uint32_t call, void *reply)
 {
-    if (model_port(ifIndex) == nullptr)
+    const Port *port = model_port(ifIndex);
+    if (port == nullptr)
         return ENODEV;
     if (reply == nullptr)
         return EINVAL;
+    const bool isVlan = port->kind == PortKind::vlanInterface;
+    const uint8_t items = guard_wanted(guard_config_get({isVlan, isVlan ? port->vlan : ifIndex}), feature);
     if (call == GUARD_ENABLED)
-        *static_cast<uint32_t *>(reply) = 0;
+        *static_cast<uint32_t *>(reply) = items != 0 ? 1 : 0;
     else if (call == GUARD_ITEMS)
-        *static_cast<uint8_t *>(reply) = 0;
+        *static_cast<uint8_t *>(reply) = items;
     else
         return EINVAL;
     return 0;
@@ -336,12 +348,12 @@ int32_t not_guarded(uint32_t ifIndex, uint32_t call, void *reply)
 
 int32_t ipsgIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
 {
-    return not_guarded(ifIndex, call, reply);
+    return guard_answer(GuardFeature::ipSourceGuard, ifIndex, call, reply);
 }
 
 int32_t arpAntiAttackIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
 {
-    return not_guarded(ifIndex, call, reply);
+    return guard_answer(GuardFeature::arpInspection, ifIndex, call, reply);
 }
 
 // No auto-provisioning on this platform: nothing to insert.

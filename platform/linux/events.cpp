@@ -12,7 +12,9 @@
 #include <linux/rtnetlink.h>
 #include <memory>
 #include <sys/time.h>
+#include <utility>
 
+#include "guard_events.h"
 #include "logging.h"
 #include "platform.h"
 
@@ -29,8 +31,9 @@ constexpr int DRAIN_MAX = 65536;         // datagrams thrown away before a dump
 
 alignas(nlmsghdr) std::array<uint8_t, DATAGRAM_MAX> datagram;
 DaemonEvents queue;
-bool awake = false;    // an acknowledgement was asked for and not read yet
-bool outdated = false; // the model needs a dump
+bool awake = false;         // an acknowledgement was asked for and not read yet
+bool outdated = false;      // the model needs a dump
+bool guardOutdated = false; // the guard's configuration, or what it stands on, may have changed
 
 struct SocketCloser {
     void operator()(mnl_socket *sock) const { mnl_socket_close(sock); }
@@ -92,7 +95,7 @@ void drain(int sock)
 // An empty request that asks for its acknowledgement, which anyone may send: select wakes for it.
 void stay_readable(int sock)
 {
-    if (queue.empty() || awake)
+    if ((queue.empty() && !guard_events_wait()) || awake)
         return;
     nlmsghdr request{};
     request.nlmsg_len = sizeof request;
@@ -109,6 +112,18 @@ void refresh()
     outdated = !events_dump(switch_model(), queue);
     if (outdated)
         platform_report(LOG_WARNING, "the kernel's links cannot be listed: %s", strerror(errno));
+    guardOutdated = true; // what was lost may have said so
+}
+
+void follow_guard()
+{
+    if (std::exchange(guardOutdated, false))
+        guard_events_follow(queue);
+}
+
+void model_changed(ModelChange change, const Port &, const Port *)
+{
+    guardOutdated = guardOutdated || change != ModelChange::changed;
 }
 
 // False when the socket has nothing more, or an error that stays.
@@ -131,7 +146,10 @@ bool read_datagram(int sock)
     } else if (length < 0) {
         return false;
     } else if (sender.nl_pid != 0) {
-        return true;
+        // Only those who may administer the network can send to the socket, and still nothing that they say
+        // is passed on.
+        guardOutdated =
+            is_guard_announcement({datagram.data(), static_cast<size_t>(length)}) || guardOutdated;
     } else if ((message.msg_flags & MSG_TRUNC) != 0) {
         outdated = true;
     } else {
@@ -143,6 +161,7 @@ bool read_datagram(int sock)
     }
     if (outdated)
         refresh();
+    follow_guard();
     return true;
 }
 
@@ -180,18 +199,24 @@ int32_t platform_event_group_join(int sock, uint32_t group)
         return 0;
     if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER) < 0)
         setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
+    model_watch(model_changed);
     // What changed between the first dump and this moment was told to nobody.
     refresh();
+    follow_guard();
     stay_readable(sock);
     return 0;
 }
 
 ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr *from, socklen_t *fromLength)
 {
+    // The daemon asks again when it has handled what it was given last.
+    if (queue.empty())
+        guard_events_handled();
     for (int i = 0; i < READS_PER_CALL && queue.empty(); i++)
         if (!read_datagram(sock))
             break;
     if (queue.empty()) {
+        guard_events_handled();
         errno = EAGAIN;
         return -1;
     }

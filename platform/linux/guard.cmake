@@ -28,8 +28,8 @@ if(BPF_CLANG AND BPF_STRIP)
     DEPENDS ${guard_objects})
 endif()
 
-# Without the switch model, for dhcpsnoopctl (trap_release) and for tests that put a recorder in its place.
-add_library(dhcpsnoop_trap STATIC guard.cpp guard_filter.cpp guard_object.cpp guard_pins.cpp trap_release.cpp)
+# Without the switch model, for dhcpsnoopctl (trap_release, guard_config) and for tests that put a recorder in its place.
+add_library(dhcpsnoop_trap STATIC guard.cpp guard_config.cpp guard_filter.cpp guard_object.cpp guard_pins.cpp trap_release.cpp)
 target_include_directories(dhcpsnoop_trap PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(dhcpsnoop_trap PUBLIC PkgConfig::LIBMNL PkgConfig::LIBBPF PRIVATE dhcpsnoop_core_flags)
 target_compile_definitions(dhcpsnoop_trap PRIVATE GUARD_OBJECT_DIR="${CMAKE_CURRENT_BINARY_DIR}")

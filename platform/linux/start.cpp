@@ -12,6 +12,7 @@
 #include "events.h"
 #include "logging.h"
 #include "platform.h"
+#include "subscribers.h"
 #include "switch_model.h"
 #include "trap.h"
 
@@ -122,6 +123,9 @@ bool platform_linux_start()
     if (!load_model())
         return false;
     report_absent();
+    if (const int error = subscribers_open(event_socket_path()); error != 0)
+        platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
+                        strerror(error));
     return trap_start() == 0 && relay_socket_start() == 0;
 }
 

@@ -1,0 +1,230 @@
+// The guard's configuration in the pinned maps (guard_config.h). Of a place's element the two features'
+// bytes are written together, so that a client that is overtaken by the daemon, or by another client, must
+// look at what stands there in the end.
+#include "guard_config.h"
+
+#include <cerrno>
+#include <cstring>
+#include <libmnl/libmnl.h>
+#include <linux/rtnetlink.h>
+#include <memory>
+#include <unistd.h>
+#include <vector>
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+
+#include "guard_pins.h"
+
+namespace platform_linux
+{
+namespace
+{
+
+constexpr uint32_t EVENT_GROUP = 31; // of those that the daemon joins
+
+struct Maps {
+    int ports = -1, portItems = -1, vlanItems = -1, refused = -1;
+    bool open() const { return ports >= 0; }
+} maps;
+
+int map_open(const std::string &directory, const char *name)
+{
+    return bpf_obj_get((directory + "/" + name).c_str());
+}
+
+// The inode number is that of a namespace that is gone, perhaps.
+bool is_of(const std::string &directory, const Namespace &own)
+{
+    const uint32_t zero = 0;
+    guard_state state = {};
+    const int map = map_open(directory, "guard_state");
+    const bool read = map >= 0 && bpf_map_lookup_elem(map, &zero, &state) == 0;
+    const int error = errno;
+    if (map >= 0)
+        close(map);
+    errno = error;
+    if (read && state.netns_cookie != own.cookie)
+        errno = ENOENT;
+    return read && state.netns_cookie == own.cookie;
+}
+
+std::vector<uint32_t> keys_of(int map)
+{
+    std::vector<uint32_t> keys;
+    uint32_t key = 0;
+    for (const uint32_t *last = nullptr; bpf_map_get_next_key(map, last, &key) == 0; last = &key)
+        keys.push_back(key);
+    return keys;
+}
+
+bool any(const guard_items &items)
+{
+    return (items.ip | items.arp | items.ip_pending | items.arp_pending) != 0;
+}
+
+struct Bytes {
+    uint8_t guard_items::*inForce, guard_items::*pending;
+};
+
+Bytes bytes_of(GuardFeature feature)
+{
+    if (feature == GuardFeature::ipSourceGuard)
+        return {&guard_items::ip, &guard_items::ip_pending};
+    return {&guard_items::arp, &guard_items::arp_pending};
+}
+
+struct SocketCloser {
+    void operator()(mnl_socket *sock) const { mnl_socket_close(sock); }
+};
+
+} // namespace
+
+bool guard_config_open(std::string &why)
+{
+    if (maps.open())
+        return true;
+    Namespace own;
+    std::string found;
+    int error = ENOENT;
+    if (!namespace_own(own)) {
+        error = errno;
+    } else {
+        for (const std::string &directory : pins_all()) {
+            if (!directory.ends_with("-" + std::to_string(GUARD_LAYOUT)))
+                continue;
+            if (is_of(directory, own))
+                found = directory;
+            else
+                error = errno;
+        }
+    }
+    if (!found.empty()) {
+        maps = {map_open(found, "guard_ports"), map_open(found, "guard_port_items"),
+                map_open(found, "guard_vlan_items"), map_open(found, "guard_refused")};
+        if (maps.ports >= 0 && maps.portItems >= 0 && maps.vlanItems >= 0 && maps.refused >= 0)
+            return true;
+        error = errno;
+        guard_config_close();
+    }
+    why = error == ENOENT ? "no daemon of this network namespace has left a guard in the kernel"
+                          : std::string("the guard's maps cannot be opened: ") + strerror(error);
+    return false;
+}
+
+void guard_config_close()
+{
+    for (const int map : {maps.ports, maps.portItems, maps.vlanItems, maps.refused})
+        if (map >= 0)
+            close(map);
+    maps = Maps();
+}
+
+guard_items guard_config_get(const GuardPlace &place)
+{
+    guard_items items = {};
+    if (bpf_map_lookup_elem(place.isVlan ? maps.vlanItems : maps.portItems, &place.number, &items) != 0)
+        items = {};
+    return items;
+}
+
+std::map<GuardPlace, guard_items> guard_config_all()
+{
+    std::map<GuardPlace, guard_items> all;
+    if (!maps.open())
+        return all;
+    const auto take = [&all](const GuardPlace &place) {
+        const guard_items items = guard_config_get(place);
+        if (any(items))
+            all[place] = items;
+    };
+    for (const uint32_t ifIndex : keys_of(maps.portItems))
+        take({false, ifIndex});
+    for (uint32_t vid = 1; vid < GUARD_VLANS; vid++)
+        take({true, vid});
+    return all;
+}
+
+int guard_config_set(const GuardPlace &place, const guard_items &items)
+{
+    if (!maps.open())
+        return EOPNOTSUPP;
+    if (place.isVlan)
+        return -bpf_map_update_elem(maps.vlanItems, &place.number, &items, BPF_ANY);
+    if (any(items))
+        return -bpf_map_update_elem(maps.portItems, &place.number, &items, BPF_ANY);
+    const int error = -bpf_map_delete_elem(maps.portItems, &place.number);
+    return error == ENOENT ? 0 : error;
+}
+
+uint8_t guard_wanted(const guard_items &items, GuardFeature feature)
+{
+    const Bytes bytes = bytes_of(feature);
+    const uint8_t wanted = guard_pending(items, feature) ? items.*bytes.pending : items.*bytes.inForce;
+    return wanted & GUARD_CHECK_ALL;
+}
+
+bool guard_pending(const guard_items &items, GuardFeature feature)
+{
+    return (items.*bytes_of(feature).pending & GUARD_CHECK_ALL) != 0;
+}
+
+// Other items where the guard stands already are pending too: those in force go on until then.
+void guard_switch(guard_items &items, GuardFeature feature, uint8_t wanted)
+{
+    const Bytes bytes = bytes_of(feature);
+    items.*bytes.pending = wanted;
+    if (wanted == 0)
+        items.*bytes.inForce = 0;
+}
+
+void guard_settle(guard_items &items, GuardFeature feature)
+{
+    const Bytes bytes = bytes_of(feature);
+    if (guard_pending(items, feature))
+        items.*bytes.inForce = items.*bytes.pending;
+    items.*bytes.pending = 0;
+}
+
+std::map<uint32_t, GuardRefusals> guard_ports_refusals()
+{
+    std::map<uint32_t, GuardRefusals> ports;
+    const int cpus = libbpf_num_possible_cpus();
+    if (!maps.open() || cpus <= 0)
+        return ports;
+    std::vector<guard_refused> each(static_cast<size_t>(cpus));
+    for (const uint32_t ifIndex : keys_of(maps.ports)) {
+        GuardRefusals &sum = ports[ifIndex] = {};
+        if (bpf_map_lookup_elem(maps.refused, &ifIndex, each.data()) != 0)
+            continue;
+        for (const guard_refused &one : each)
+            for (size_t reason = 0; reason < sum.size(); reason++)
+                sum[reason] += one.frames[reason];
+    }
+    return ports;
+}
+
+int guard_config_announce(const GuardPlace &place, GuardFeature feature, uint8_t wanted)
+{
+    struct {
+        nlmsghdr header;
+        uint32_t ifIndex;
+        uint8_t items;
+        uint8_t reserved[3];
+    } message = {};
+    message.header.nlmsg_len = sizeof message;
+    message.header.nlmsg_type = feature == GuardFeature::ipSourceGuard ? EVENT_IP_ITEMS : EVENT_ARP_ITEMS;
+    message.ifIndex = place.isVlan ? 0 : place.number;
+    message.items = wanted;
+    sockaddr_nl group = {};
+    group.nl_family = AF_NETLINK;
+    group.nl_groups = 1u << (EVENT_GROUP - 1);
+    const std::unique_ptr<mnl_socket, SocketCloser> sock(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
+    if (!sock)
+        return errno;
+    const ssize_t sent = sendto(mnl_socket_get_fd(sock.get()), &message, sizeof message, 0,
+                                reinterpret_cast<const sockaddr *>(&group), sizeof group);
+    return sent < 0 ? errno : 0;
+}
+
+} // namespace platform_linux

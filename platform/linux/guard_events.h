@@ -1,0 +1,49 @@
+// What the daemon is told of the guard's configuration: check items that changed on a port or VLAN, ARP
+// inspection started and stopped. The messages are made of the configuration and of nothing else, whoever
+// announces that it has changed; what the daemon was told last is remembered, so that a start, a lost
+// announcement or a port that comes late need no case of their own.
+#pragma once
+
+#include <map>
+
+#include "links.h"
+#include "model.h"
+
+namespace platform_linux
+{
+
+// Check items that are to stand at an interface; a VLAN by its VLAN interface.
+struct GuardedInterface {
+    uint8_t ip, arp;
+    uint16_t vlan; // 0 = a port
+    bool operator==(const GuardedInterface &) const = default;
+};
+using GuardedInterfaces = std::map<uint32_t, GuardedInterface>; // by index
+
+class GuardEvents
+{
+  public:
+    // Appends what the daemon must be told to come from what it was told last to `wanted`. `ports` are those
+    // that there are: of others the daemon knows already that they have gone.
+    void follow(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports, DaemonEvents &events);
+
+    const GuardedInterfaces &told() const { return told_; }
+
+  private:
+    GuardedInterfaces told_;
+};
+
+// The daemon's own configuration: reads it, and appends to `events`.
+void guard_events_follow(DaemonEvents &events);
+
+// All that was appended has been handled by the daemon, its bindings are installed: what was pending comes
+// into force. Does nothing when nothing was.
+void guard_events_handled();
+// Whether that is due.
+bool guard_events_wait();
+
+// A datagram of a sender other than the kernel: whether it announces a change of the configuration. Its
+// content counts for nothing else.
+bool is_guard_announcement(std::span<const uint8_t> datagram);
+
+} // namespace platform_linux

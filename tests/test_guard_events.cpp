@@ -1,0 +1,162 @@
+// What the daemon is told of the guard's configuration: the messages that lead from one configuration to the
+// next, and what announcements of others can do.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "guard_config.h"
+#include "guard_events.h"
+
+using namespace platform_linux;
+
+namespace
+{
+
+// Ports 7 and 8 in VLAN 10, port 9 in none; 110 is VLAN 10's interface, 120 VLAN 20's.
+std::map<uint32_t, Port> box()
+{
+    std::map<uint32_t, Port> ports;
+    for (const uint32_t ifIndex : {7u, 8u, 9u}) {
+        ports[ifIndex] = {};
+        ports[ifIndex].members.set(10, ifIndex != 9);
+    }
+    for (const uint16_t vid : {uint16_t{10}, uint16_t{20}}) {
+        Port &port = ports[100u + vid] = {};
+        port.kind = PortKind::vlanInterface;
+        port.vlan = vid;
+        port.members.set(vid);
+    }
+    return ports;
+}
+
+std::string text(const DaemonEvents &events)
+{
+    std::string all;
+    for (const DaemonEvent &event : events) {
+        uint32_t length = 0, ifIndex = 0;
+        uint16_t type = 0;
+        memcpy(&length, event.bytes.data(), sizeof length);
+        memcpy(&type, event.bytes.data() + 4, sizeof type);
+        memcpy(&ifIndex, event.bytes.data() + 16, sizeof ifIndex);
+        char one[64];
+        snprintf(one, sizeof one, type == 124 ? "%s%u" : "%s%u %u:%x", all.empty() ? "" : ", ", type, ifIndex,
+                 event.bytes[20]);
+        EXPECT_EQ(length, event.length);
+        EXPECT_EQ(event.length, type == 124 ? 16u : 24u);
+        all += one;
+    }
+    return all;
+}
+
+struct Step {
+    const char *claim;
+    GuardedInterfaces wanted;
+    const char *events; // "type index:items"
+};
+
+void play(const std::vector<Step> &steps, const std::map<uint32_t, Port> &ports = box())
+{
+    GuardEvents guard;
+    for (const Step &step : steps) {
+        DaemonEvents events;
+        guard.follow(step.wanted, ports, events);
+        EXPECT_EQ(text(events), step.events) << step.claim;
+        EXPECT_EQ(guard.told(), step.wanted) << step.claim;
+    }
+}
+
+const GuardedInterface IP = {0x80, 0, 0}, IP_MAC = {0xC0, 0, 0}, ARP = {0, 0x80, 0};
+const GuardedInterface VLAN10_IP = {0x80, 0, 10}, VLAN10_ARP = {0, 0xC0, 10}, VLAN20_IP = {0x80, 0, 20};
+
+TEST(GuardEvents, IpSourceGuard)
+{
+    play({
+        {"nothing is said of nothing", {}, ""},
+        {"a port", {{7, IP}}, "198 7:80"},
+        {"nothing twice", {{7, IP}}, ""},
+        {"other items", {{7, IP_MAC}}, "198 7:c0"},
+        {"VLANs by their interfaces", {{7, IP_MAC}, {110, VLAN10_IP}, {120, VLAN20_IP}}, "198 110:80, 198 120:80"},
+        {"a port that falls back to the VLAN that it is in", {{110, VLAN10_IP}, {120, VLAN20_IP}}, "198 7:0, 198 110:80"},
+        {"a port that is in neither", {{9, IP}, {110, VLAN10_IP}, {120, VLAN20_IP}}, "198 9:80"},
+        {"and goes", {{110, VLAN10_IP}, {120, VLAN20_IP}}, "198 9:0"},
+        {"VLANs off", {}, "198 110:0, 198 120:0"},
+    });
+}
+
+TEST(GuardEvents, ArpInspection)
+{
+    play({
+        {"the first port starts it", {{7, ARP}}, "123 7:80"},
+        {"the next may have its VLAN's bindings: they are replaced", {{7, ARP}, {8, ARP}}, "199 8:80, 123 8:80"},
+        {"other items", {{7, {0, 0xF0, 0}}, {8, ARP}}, "199 7:f0"},
+        {"a VLAN's", {{7, {0, 0xF0, 0}}, {8, ARP}, {110, VLAN10_ARP}}, "199 110:c0"},
+        {"two that fall back to one VLAN", {{110, VLAN10_ARP}}, "199 7:0, 199 8:0, 199 110:c0"},
+        {"the last stops it", {{7, IP}}, "124, 198 7:80"},
+        {"a VLAN first: the start alone installs on ports only", {{7, IP}, {110, VLAN10_ARP}}, "123 110:c0, 199 110:c0"},
+        {"both features in one step", {{7, {0, 0x80, 0}}, {110, VLAN10_ARP}}, "198 7:0, 199 7:80, 123 7:80"},
+    });
+}
+
+TEST(GuardEvents, OfWhatHasGoneTheDaemonIsToldByItsLinkMessage)
+{
+    GuardEvents guard;
+    DaemonEvents events;
+    std::map<uint32_t, Port> ports = box();
+    guard.follow({{7, {0x80, 0x80, 0}}, {8, IP}}, ports, events);
+    events.clear();
+    ports.erase(7);
+    guard.follow({{8, IP}}, ports, events);
+    EXPECT_EQ(text(events), "124");
+    events.clear();
+    ports[7] = box()[7];
+    guard.follow({{7, IP}, {8, IP}}, ports, events);
+    EXPECT_EQ(text(events), "198 7:80") << "a port that is back begins anew";
+}
+
+TEST(GuardEvents, Announcements)
+{
+    struct Row {
+        const char *claim;
+        uint32_t length;
+        uint16_t type;
+        size_t size;
+        bool counts;
+    } const rows[] = {
+        {"check items", 24, 198, 24, true},
+        {"without padding", 21, 199, 21, true},
+        {"without items", 20, 198, 24, false},
+        {"ARP inspection's start", 24, 123, 24, true},
+        {"its stop, which has no body", 16, 124, 16, true},
+        {"longer than the datagram", 25, 198, 24, false},
+        {"a length above 2 GiB", 0xFFFFFFF0, 198, 24, false},
+        {"shorter than a header", 15, 124, 24, false},
+        {"cut off", 16, 124, 15, false},
+        {"nothing", 0, 0, 0, false},
+        {"a link message", 32, 16, 32, false},
+        {"the daemon's own events", 24, 188, 24, false},
+        {"a card", 24, 87, 24, false},
+    };
+    for (const Row &row : rows) {
+        alignas(4) std::array<uint8_t, 64> bytes{};
+        memcpy(bytes.data(), &row.length, sizeof row.length);
+        memcpy(bytes.data() + 4, &row.type, sizeof row.type);
+        EXPECT_EQ(is_guard_announcement({bytes.data(), row.size}), row.counts) << row.claim;
+    }
+}
+
+TEST(GuardEvents, ItemsComeIntoForceWhenTheyAreSettled)
+{
+    guard_items items = {0x80, 0x40, 0, 0};
+    guard_switch(items, GuardFeature::ipSourceGuard, 0xF0);
+    EXPECT_EQ(items.ip, 0x80) << "what is in force goes on";
+    EXPECT_EQ(guard_wanted(items, GuardFeature::ipSourceGuard), 0xF0);
+    guard_settle(items, GuardFeature::arpInspection);
+    EXPECT_EQ(items.arp, 0x40) << "nothing was pending";
+    guard_settle(items, GuardFeature::ipSourceGuard);
+    EXPECT_EQ(items.ip, 0xF0);
+    guard_switch(items, GuardFeature::ipSourceGuard, 0x40);
+    guard_switch(items, GuardFeature::ipSourceGuard, 0);
+    EXPECT_TRUE(items.ip == 0 && items.ip_pending == 0) << "off at once";
+}
+
+} // namespace
