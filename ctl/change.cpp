@@ -3,9 +3,6 @@
 #include <ostream>
 
 #include "command.h"
-#ifdef DHCPSNOOPCTL_TRAP
-#include "trap.h"
-#endif
 
 namespace
 {
@@ -212,25 +209,4 @@ ExitStatus bindingUnbind(const Context &context, std::span<const std::string> ar
 ExitStatus bindingDelete(const Context &context, std::span<const std::string> arguments)
 {
     return bindingAction(context, arguments, USER_ACTION_DELETE);
-}
-
-// Under a daemon that runs, or hangs, this would open every port to rogue servers.
-ExitStatus platformRelease(const Context &context, std::span<const std::string>)
-{
-    bool runs = true;
-    try {
-        context.daemon.ask({FUNC_GLOBAL_GET, GLOBAL_ENABLE});
-    } catch (const NobodyListens &) {
-        runs = false;
-    }
-    if (runs)
-        throw CtlError(EXIT_REFUSED, "platform release: a daemon is running; stop it first");
-#ifdef DHCPSNOOPCTL_TRAP
-    std::string report;
-    bool clean = platform_linux::trap_release(report);
-    (clean ? context.out : context.err) << report;
-    return clean ? EXIT_DONE : EXIT_REFUSED;
-#else
-    throw CtlError(EXIT_REFUSED, "platform release: this client was built without the Linux platform");
-#endif
 }

@@ -25,6 +25,9 @@ ExitStatus complete(const Context &context, std::span<const std::string> argumen
 constexpr char BINDING_FILTERS[] =
     "[interface IF] [vlan VID] [mac MAC] [address ADDRESS] [type dynamic|static] [state STATE]";
 
+constexpr char CHECK_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [off]";
+constexpr char CHECK_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [off]";
+
 constexpr char BINDING_VALUES[] = "ADDRESS [mac MAC] [vlan VID] [interface IF] [attribute N] [unbound]";
 
 // Rows of two lines are aligned by hand.
@@ -42,6 +45,8 @@ constexpr Command COMMANDS[] = {
      "who holds which address where"},
     {"show statistics", "", showStatistics, true,
      "what was dropped, by interface"},
+    {"show guard", "", showGuard, true,
+     "where IP source guard and ARP inspection stand, and what they refused"},
     {"show global", "", showGlobal, true,
      "settings of the whole switch"},
     {"show config", "", showConfig, true,
@@ -66,6 +71,16 @@ constexpr Command COMMANDS[] = {
      "take it out of force; it becomes static"},
     {"binding delete", "ADDRESS", bindingDelete, false,
      "forget it"},
+    {"guard interface", CHECK_ITEMS_IF, guardInterface, false,
+     "IP source guard on a port: what of a packet must agree with a binding"},
+    {"guard vlan", CHECK_ITEMS_VLAN, guardVlan, false,
+     "the same in a VLAN, on ports that have no setting of their own"},
+    {"arp-inspection interface", CHECK_ITEMS_IF, arpInterface, false,
+     "ARP inspection on a port: what of an ARP sender must agree with a binding"},
+    {"arp-inspection vlan", CHECK_ITEMS_VLAN, arpVlan, false,
+     "the same in a VLAN, on ports that have no setting of their own"},
+    {"monitor", "", monitor, true,
+     "bindings as they are added and deleted, one line each, until interrupted"},
     {"clear statistics", "", clearStatistics, false,
      "set the drop counters of every interface to 0"},
     {"debug", "trace|dump on|off", changeDebug, false,
@@ -210,7 +225,8 @@ void printUsage(std::ostream &out)
     out << "\nIn a template stand for a property of the request, its port or the switch:\n";
     for (const Conversion &row : CONVERSIONS)
         printRow(out, std::string("%") + row.letter, row.help);
-    out << "\nEvery show takes --json. DHCPSNOOP_SOCKET names another socket than " << DHCPSNOOP_SOCKET_PATH
+    out << "\nEvery show takes --json, and so does monitor. DHCPSNOOP_SOCKET names another socket than "
+        << DHCPSNOOP_SOCKET_PATH
         << ".\nExit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon that answers.\n";
 }
 

@@ -57,7 +57,17 @@ ExitStatus bindingAdd(const Context &, std::span<const std::string>);
 ExitStatus bindingBind(const Context &, std::span<const std::string>);
 ExitStatus bindingUnbind(const Context &, std::span<const std::string>);
 ExitStatus bindingDelete(const Context &, std::span<const std::string>);
+
+// platform.cpp, guard.cpp, monitor.cpp; without the Linux platform no_platform.cpp
 ExitStatus platformRelease(const Context &, std::span<const std::string>);
+ExitStatus guardInterface(const Context &, std::span<const std::string>);
+ExitStatus guardVlan(const Context &, std::span<const std::string>);
+ExitStatus arpInterface(const Context &, std::span<const std::string>);
+ExitStatus arpVlan(const Context &, std::span<const std::string>);
+ExitStatus showGuard(const Context &, std::span<const std::string>);
+ExitStatus monitor(const Context &, std::span<const std::string>);
+// The commands that make what is configured of the guard.
+void guardCommands(std::vector<Words> &lines);
 
 // What `debug` switches, by bit of the debug flags.
 constexpr Choice DEBUG_FLAGS[] = {

@@ -94,23 +94,6 @@ constexpr ResultName RESULT_NAMES[] = {
     {NM_END,         "NM_END",         "nothing more, or the VLAN has no interface"                  },
 };
 
-class Socket
-{
-  public:
-    explicit Socket(int descriptor) : descriptor_(descriptor) {}
-    ~Socket()
-    {
-        if (descriptor_ >= 0)
-            close(descriptor_);
-    }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-    int get() const { return descriptor_; }
-
-  private:
-    int descriptor_;
-};
-
 using Clock = std::chrono::steady_clock;
 
 [[noreturn]] void throwConnectError(const std::string &path, int error)
@@ -181,23 +164,13 @@ void checkPeer(int descriptor, const std::string &path)
 // One request and its reply on a connection of their own.
 Bytes exchangeOnce(const std::string &path, std::chrono::milliseconds timeout, const Bytes &body)
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof(address.sun_path))
-        throw UsageError("the socket's path is empty or too long: '" + path + "'");
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-
     Clock::time_point deadline = Clock::now() + timeout;
     Socket sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (sock.get() < 0)
-        throw NoDaemon(std::string("cannot create a socket: ") + std::strerror(errno));
     // A full queue of connections makes connect wait; the send timeout ends that too.
     timeval limit = {static_cast<time_t>(timeout.count() / 1000),
                      static_cast<suseconds_t>(timeout.count() % 1000 * 1000)};
     setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    if (connect(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
-        throwConnectError(path, errno);
-    checkPeer(sock.get(), path);
+    connectTo(sock, path);
 
     // In one piece: the daemon takes the body with a single receive.
     uint32_t length = static_cast<uint32_t>(body.size());
@@ -219,6 +192,26 @@ Bytes exchangeOnce(const std::string &path, std::chrono::milliseconds timeout, c
 }
 
 } // namespace
+
+Socket::~Socket()
+{
+    if (descriptor_ >= 0)
+        close(descriptor_);
+}
+
+void connectTo(const Socket &sock, const std::string &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(address.sun_path))
+        throw UsageError("the socket's path is empty or too long: '" + path + "'");
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    if (sock.get() < 0)
+        throw NoDaemon(std::string("cannot create a socket: ") + std::strerror(errno));
+    if (connect(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
+        throwConnectError(path, errno);
+    checkPeer(sock.get(), path);
+}
 
 Bytes encodeRequest(const Request &request)
 {
@@ -338,6 +331,16 @@ Reply Daemon::demand(const Request &request, const std::string &what) const
     if (reply.result() != NM_OK)
         throw Refusal(reply.result(), what);
     return reply;
+}
+
+bool isDaemonRunning(const Daemon &daemon)
+{
+    try {
+        daemon.ask({FUNC_GLOBAL_GET, GLOBAL_ENABLE});
+        return true;
+    } catch (const NobodyListens &) {
+        return false;
+    }
 }
 
 Exchange socketExchange(std::string path, std::chrono::milliseconds timeout)

@@ -80,6 +80,23 @@ std::string resultText(uint32_t code);
 // Takes the body of a request to a daemon and brings the body of the reply; throws NoDaemon.
 using Exchange = std::function<Bytes(const Bytes &body)>;
 
+// A descriptor that is closed at the end of its life.
+class Socket
+{
+  public:
+    explicit Socket(int descriptor) : descriptor_(descriptor) {}
+    ~Socket();
+    Socket(const Socket &) = delete;
+    Socket &operator=(const Socket &) = delete;
+    int get() const { return descriptor_; }
+
+  private:
+    int descriptor_;
+};
+
+// Connects to a socket that the daemon, root or the caller serves; throws NoDaemon.
+void connectTo(const Socket &sock, const std::string &path);
+
 // Over the daemon's command socket, one connection for each request. By default it waits longer than the
 // daemon waits for another client that stalls, 10 seconds.
 Exchange socketExchange(std::string path,
@@ -99,6 +116,9 @@ class Daemon
   private:
     Exchange exchange_;
 };
+
+// Whether anybody listens at the daemon's socket; throws NoDaemon when it does and cannot be asked.
+bool isDaemonRunning(const Daemon &daemon);
 
 // The daemon's socket, or the one that the environment variable DHCPSNOOP_SOCKET names.
 std::string daemonSocketPath();

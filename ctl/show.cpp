@@ -3,13 +3,10 @@
 #include <algorithm>
 #include <functional>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <ostream>
 
-#include "command.h"
-
-using Json = nlohmann::ordered_json;
+#include "table.h"
 
 namespace
 {
@@ -46,26 +43,6 @@ uint32_t valueOf(const std::string &what, std::span<const Choice> choices, const
     }
     throw UsageError(what + " must be one of " + words + ", not '" + word + "'");
 }
-
-// Rows of equal length, the first one the heading; an empty word is shown as "-".
-void printTable(std::ostream &out, const std::vector<Words> &rows)
-{
-    std::vector<size_t> widths(rows[0].size());
-    for (const Words &row : rows)
-        for (size_t i = 0; i < row.size(); i++)
-            widths[i] = std::max(widths[i], row[i].size());
-    for (const Words &row : rows) {
-        for (size_t i = 0; i < row.size(); i++) {
-            std::string word = row[i].empty() ? "-" : row[i];
-            out << word;
-            if (i + 1 < row.size())
-                out << std::string(widths[i] + 2 - word.size(), ' ');
-        }
-        out << '\n';
-    }
-}
-
-void printJson(const Context &context, const Json &json) { context.out << json.dump(2) << '\n'; }
 
 // All indexes (or VLAN ids) that First and Next give. They must rise, or a daemon could keep us for ever.
 std::vector<uint32_t> listIndexes(const Daemon &daemon, DhcpsnoopFunc first, DhcpsnoopFunc next,
@@ -371,6 +348,25 @@ Words bindingCommand(const Binding &binding)
 
 } // namespace
 
+void printTable(std::ostream &out, const std::vector<Words> &rows)
+{
+    std::vector<size_t> widths(rows[0].size());
+    for (const Words &row : rows)
+        for (size_t i = 0; i < row.size(); i++)
+            widths[i] = std::max(widths[i], row[i].size());
+    for (const Words &row : rows) {
+        for (size_t i = 0; i < row.size(); i++) {
+            std::string word = row[i].empty() ? "-" : row[i];
+            out << word;
+            if (i + 1 < row.size())
+                out << std::string(widths[i] + 2 - word.size(), ' ');
+        }
+        out << '\n';
+    }
+}
+
+void printJson(const Context &context, const Json &json) { context.out << json.dump(2) << '\n'; }
+
 ExitStatus showInterfaces(const Context &context, std::span<const std::string>)
 {
     std::vector<InterfaceView> views = readInterfaces(context.daemon);
@@ -582,6 +578,7 @@ ExitStatus showConfig(const Context &context, std::span<const std::string>)
     for (const Binding &binding :
          readBindings(context.daemon, [](const Binding &b) { return b.type == TYPE_STATIC; }))
         lines.push_back(bindingCommand(binding));
+    guardCommands(lines);
     if (context.json) {
         printJson(context, lines);
         return EXIT_DONE;

@@ -1,0 +1,256 @@
+// IP source guard and ARP inspection: where they stand is written into the kernel's maps, of which the daemon
+// is told; with no daemon running it finds them at its start.
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <thread>
+
+#include "command.h"
+#include "guard_config.h"
+#include "table.h"
+
+using namespace platform_linux;
+
+namespace
+{
+
+constexpr Choice CHECK_ITEMS[] = {
+    {"ip",   GUARD_CHECK_ADDRESS},
+    {"mac",  GUARD_CHECK_MAC    },
+    {"vlan", GUARD_CHECK_VLAN   },
+    {"port", GUARD_CHECK_PORT   }
+};
+
+constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed"};
+static_assert(std::size(REASONS) == GUARD_REASONS);
+
+// Longer than the daemon waits for a client that stalls.
+constexpr std::chrono::seconds PATIENCE(15);
+constexpr std::chrono::milliseconds LOOK_AGAIN(2);
+
+const char *commandWord(GuardFeature feature)
+{
+    return feature == GuardFeature::ipSourceGuard ? "guard" : "arp-inspection";
+}
+
+Words placeWords(const GuardPlace &place)
+{
+    if (place.isVlan)
+        return {"vlan", std::to_string(place.number)};
+    return {"interface", interfaceText(place.number)};
+}
+
+Words itemWords(uint8_t items)
+{
+    Words words;
+    for (const Choice &item : CHECK_ITEMS)
+        if ((items & item.value) != 0)
+            words.push_back(item.word);
+    return words;
+}
+
+// 0 is "off".
+uint8_t parseItems(std::span<const std::string> words)
+{
+    if (words.size() == 1 && words[0] == "off")
+        return 0;
+    uint32_t items = 0;
+    for (const std::string &word : words) {
+        const Choice *found = nullptr;
+        for (const Choice &item : CHECK_ITEMS)
+            found = word == item.word ? &item : found;
+        if (!found)
+            throw UsageError("'" + word + "' is no check item (ip, mac, vlan, port; or off alone)");
+        items |= found->value;
+    }
+    if (items == 0)
+        throw UsageError("which check items? (ip, mac, vlan, port; or off)");
+    return static_cast<uint8_t>(items);
+}
+
+void openConfig(const std::string &what)
+{
+    std::string why;
+    if (!guard_config_open(why))
+        throw CtlError(EXIT_REFUSED, what + ": " + why);
+}
+
+void checkPlace(const Context &context, const GuardPlace &place, const std::string &what, bool daemonRuns)
+{
+    if (!place.isVlan && !guard_ports_refusals().contains(place.number))
+        throw CtlError(EXIT_REFUSED, what + ": no port of the switch (see dhcpsnoopctl show guard)");
+    // Part of the reply is the only thing that tells whether the daemon can name the VLAN.
+    if (place.isVlan && daemonRuns &&
+        context.daemon.ask({FUNC_VLAN_GET, VLAN_ENABLE, place.number}).result() == NM_END)
+        throw CtlError(EXIT_REFUSED, what + ": the VLAN has no interface in the switch model, by which the "
+                                            "daemon could be told of it");
+}
+
+// Writes until it stands: the daemon, putting something else in force, may have written in between.
+void switchGuard(const Context &context, const GuardPlace &place, GuardFeature feature, uint8_t wanted,
+                 const std::string &what, bool daemonRuns)
+{
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    bool announced = false;
+    for (;;) {
+        guard_items items = guard_config_get(place);
+        const bool pending = guard_pending(items, feature);
+        if (guard_wanted(items, feature) != wanted || (pending && !announced)) {
+            guard_switch(items, feature, wanted);
+            int error = guard_config_set(place, items);
+            error = error == 0 ? guard_config_announce(place, feature, wanted) : error;
+            if (error != 0)
+                throw CtlError(EXIT_REFUSED, what + ": " + std::strerror(error));
+            announced = true;
+        } else if (!pending) {
+            return;
+        } else if (!daemonRuns) {
+            context.err << "dhcpsnoopctl: note: no daemon listens; it comes into force when one runs\n";
+            return;
+        }
+        if (std::chrono::steady_clock::now() > end)
+            throw CtlError(EXIT_REFUSED, what + ": not in force yet, the daemon has not taken it in (its "
+                                                "log may say why)");
+        std::this_thread::sleep_for(LOOK_AGAIN);
+    }
+}
+
+ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace &place,
+                  std::span<const std::string> words)
+{
+    const uint8_t wanted = parseItems(words);
+    Words name = placeWords(place);
+    name.insert(name.begin(), commandWord(feature));
+    const std::string what = joinQuoted(name);
+    const bool daemonRuns = isDaemonRunning(context.daemon);
+    openConfig(what);
+    if (wanted != 0)
+        checkPlace(context, place, what, daemonRuns);
+    switchGuard(context, place, feature, wanted, what, daemonRuns);
+    return EXIT_DONE;
+}
+
+ExitStatus changeInterfaceGuard(const Context &context, GuardFeature feature,
+                                std::span<const std::string> arguments)
+{
+    if (arguments.empty())
+        throw UsageError("which interface?");
+    return change(context, feature, {false, parseInterface(arguments[0])}, arguments.subspan(1));
+}
+
+ExitStatus changeVlanGuard(const Context &context, GuardFeature feature,
+                           std::span<const std::string> arguments)
+{
+    if (arguments.empty())
+        throw UsageError("which VLAN?");
+    return change(context, feature, {true, parseRange("VLAN", arguments[0], 1, 4094)}, arguments.subspan(1));
+}
+
+std::string itemsText(const guard_items &items, GuardFeature feature)
+{
+    std::string text;
+    for (const std::string &word : itemWords(guard_wanted(items, feature)))
+        text += (text.empty() ? "" : ",") + word;
+    if (guard_pending(items, feature))
+        text += "(pending)";
+    return text.empty() ? "off" : text;
+}
+
+// In force and, when something is, what is pending.
+void addItems(Json &json, const guard_items &items)
+{
+    const std::tuple<const char *, uint8_t, GuardFeature> features[] = {
+        {"ip",  items.ip,  GuardFeature::ipSourceGuard},
+        {"arp", items.arp, GuardFeature::arpInspection}
+    };
+    for (const auto &[key, inForce, feature] : features) {
+        json[key] = itemWords(inForce);
+        json[std::string(key) + "-pending"] =
+            guard_pending(items, feature) ? Json(itemWords(guard_wanted(items, feature))) : Json(nullptr);
+    }
+}
+
+} // namespace
+
+ExitStatus guardInterface(const Context &context, std::span<const std::string> arguments)
+{
+    return changeInterfaceGuard(context, GuardFeature::ipSourceGuard, arguments);
+}
+
+ExitStatus guardVlan(const Context &context, std::span<const std::string> arguments)
+{
+    return changeVlanGuard(context, GuardFeature::ipSourceGuard, arguments);
+}
+
+ExitStatus arpInterface(const Context &context, std::span<const std::string> arguments)
+{
+    return changeInterfaceGuard(context, GuardFeature::arpInspection, arguments);
+}
+
+ExitStatus arpVlan(const Context &context, std::span<const std::string> arguments)
+{
+    return changeVlanGuard(context, GuardFeature::arpInspection, arguments);
+}
+
+ExitStatus showGuard(const Context &context, std::span<const std::string>)
+{
+    openConfig("show guard");
+    std::map<GuardPlace, guard_items> places = guard_config_all();
+    std::map<uint32_t, GuardRefusals> refusals = guard_ports_refusals();
+    for (const auto &[ifIndex, refused] : refusals)
+        places.try_emplace({false, ifIndex});
+
+    Json interfaces = Json::array(), vlans = Json::array();
+    std::vector<Words> rows = {
+        {"PLACE", "IP-SOURCE-GUARD", "ARP-INSPECTION", "REFUSED-IPV4", "REFUSED-IPV6", "REFUSED-ARP",
+         "MALFORMED"}
+    };
+    for (const auto &[place, items] : places) {
+        Words row = {place.isVlan ? "vlan " + std::to_string(place.number) : interfaceText(place.number),
+                     itemsText(items, GuardFeature::ipSourceGuard),
+                     itemsText(items, GuardFeature::arpInspection)};
+        Json json;
+        if (place.isVlan) {
+            json["vlan"] = place.number;
+            addItems(json, items);
+            row.resize(rows[0].size());
+            vlans.push_back(json);
+        } else {
+            json["interface"] = interfaceText(place.number);
+            json["index"] = place.number;
+            addItems(json, items);
+            for (size_t reason = 0; reason < GUARD_REASONS; reason++) {
+                const uint64_t frames = refusals[place.number][reason];
+                row.push_back(std::to_string(frames));
+                json["refused"][REASONS[reason]] = frames;
+            }
+            interfaces.push_back(json);
+        }
+        rows.push_back(row);
+    }
+    if (context.json)
+        printJson(context, {
+                               {"interfaces", interfaces},
+                               {"vlans",      vlans     }
+        });
+    else
+        printTable(context.out, rows);
+    return EXIT_DONE;
+}
+
+void guardCommands(std::vector<Words> &lines)
+{
+    std::string why;
+    if (!guard_config_open(why))
+        return;
+    for (const auto &[place, items] : guard_config_all())
+        for (const GuardFeature feature : GUARD_FEATURES) {
+            Words line = {commandWord(feature)};
+            for (const Words &words : {placeWords(place), itemWords(guard_wanted(items, feature))})
+                line.insert(line.end(), words.begin(), words.end());
+            if (guard_wanted(items, feature) != 0)
+                lines.push_back(line);
+        }
+}

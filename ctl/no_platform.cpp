@@ -1,0 +1,21 @@
+// In place of what the client does with the Linux platform, where it is built without it.
+#include "command.h"
+
+namespace
+{
+
+[[noreturn]] void refuse()
+{
+    throw CtlError(EXIT_REFUSED, "this client was built without the Linux platform");
+}
+
+} // namespace
+
+ExitStatus platformRelease(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus guardInterface(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus guardVlan(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus arpInterface(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus arpVlan(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus showGuard(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus monitor(const Context &, std::span<const std::string>) { refuse(); }
+void guardCommands(std::vector<Words> &) {}

@@ -1,0 +1,12 @@
+// How what a command shows is printed: a table of words, or JSON.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "command.h"
+
+using Json = nlohmann::ordered_json;
+
+// Rows of equal length, the first one the heading; an empty word is shown as "-".
+void printTable(std::ostream &out, const std::vector<Words> &rows);
+void printJson(const Context &context, const Json &json);

@@ -1,0 +1,85 @@
+"""The guard's configuration: from the client into the kernel and to the daemon, and back out of show."""
+
+import re
+
+import labtest
+
+from lab import SWITCH_CONF
+
+EVENT = re.compile(r"Receive RTM_SYSTEM_(DAISTART|DAISTOP)|RTM_(IPSG|ANTIARP)_\w+ p_param->item = (\d+)")
+
+
+class GuardConfig(labtest.LabTest):
+    daemon_arguments = ("20", "256", "1", "1")  # with IP source guard and ARP inspection
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.lab.switch.ip("link add vlan20 type bridge")  # any device will do as a name and an index
+        cls.lab.switch.ip("link set vlan20 up")
+        with open(SWITCH_CONF, "a") as conf:
+            conf.write("vlan 20 interface vlan20\n")
+
+    def start_daemon(self, under=()):
+        super().start_daemon(under)
+        self.ctl("debug trace on")
+
+    def events(self):
+        """What the daemon was told of check items: DAISTART, DAISTOP, IPSG and ANTIARP with the items."""
+        return " ".join(start or f"{kind} {int(items):#x}" for start, kind, items in EVENT.findall(self.daemon.log()))
+
+    def items(self, key):
+        return {place.get("interface", place.get("vlan")): ",".join(place[key])
+                for places in self.show("guard").values() for place in places if place[key]}
+
+    def refusal(self, line):
+        done = self.lab.ctl(*line.split(), check=False)
+        self.assertEqual(done.returncode, 1, done.stderr)
+        return done.stderr
+
+    def test_switched_on_and_off(self):
+        told = ""
+        for line, event in (
+                ("guard interface swp1 ip mac", "IPSG 0xc0"),
+                ("guard vlan 20 ip", "IPSG 0x80"),
+                ("guard interface swp1 ip mac vlan port", "IPSG 0xf0"),
+                ("guard interface swp1 port vlan mac ip", ""),
+                ("arp-inspection interface swp1 ip", "DAISTART"),
+                ("arp-inspection interface swp2 mac", "ANTIARP 0x40 DAISTART"),
+                ("arp-inspection vlan 20 ip mac", "ANTIARP 0xc0"),
+                ("arp-inspection interface swp1 off", "ANTIARP 0x0"),
+                ("arp-inspection interface swp2 off", "ANTIARP 0x0 ANTIARP 0xc0"),  # falls back to its VLAN
+                ("arp-inspection vlan 20 off", "DAISTOP"),
+                ("guard interface swp1 off", "IPSG 0x0")):
+            self.ctl(line)
+            told = f"{told} {event}".strip()
+            self.wait(f"'{event}' after {line}", lambda expected=told: self.events() == expected)
+        self.assertEqual(self.items("ip"), {20: "ip"})
+        self.assertEqual(self.items("arp"), {})
+        self.assertIn("dhcpsnoopctl guard vlan 20 ip\n", self.ctl("show config"))
+
+    def test_a_daemon_that_starts_is_told(self):
+        for line in ("guard vlan 20 ip", "arp-inspection interface swp1 ip mac"):
+            self.ctl(line)
+        self.lab.stop_daemon()
+        done = self.lab.ctl("guard", "interface", "swp3", "ip", "port")
+        self.assertIn("no daemon listens", done.stderr)
+        self.assertEqual((self.items("ip"), self.items("ip-pending")), ({20: "ip"}, {"swp3": "ip,port"}))
+        self.daemon = self.lab.start_daemon(*self.daemon_arguments)
+        self.wait("guard in force", lambda: self.items("ip") == {20: "ip", "swp3": "ip,port"})
+        self.assertEqual(self.items("arp"), {"swp1": "ip,mac"})
+
+    def test_a_daemon_without_the_feature(self):
+        self.lab.stop_daemon()
+        self.lab.ctl("guard", "interface", "swp1", "ip")
+        self.daemon = self.lab.start_daemon()
+        self.wait("warning", lambda: "IP source guard is configured, but" in self.daemon.log())
+        self.assertEqual(self.items("ip"), {}, "nobody would install bindings")
+
+    def test_what_is_refused(self):
+        self.assertIn("guard vlan 10: the VLAN has no interface", self.refusal("guard vlan 10 ip"))
+        self.assertIn("guard interface lo: no port of the switch", self.refusal("guard interface lo ip"))
+        self.assertEqual(self.items("ip"), {})
+
+
+labtest.main()
