@@ -1,7 +1,9 @@
 // Bindings and relay servers as management lists, reads and changes them.
 #include "daemon_test.h"
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 
 #include "dhcpsnoop_nm.h"
 
@@ -87,6 +89,59 @@ TEST_F(Bindings, AreListedByKey)
     EXPECT_EQ(dhcpSnoopUserGetFirst(nullptr), -1);
     EXPECT_EQ(dhcpSnoopUserGetNext(&key, nullptr), -1);
     EXPECT_EQ(dhcpSnoopUserGetNext(nullptr, &key), -1);
+}
+
+// Every tenth host keeps its address while the others, between any two steps of a list, come and go.
+TEST_F(Bindings, AListDuringTrafficLosesAndRepeatsNothingThatStayed)
+{
+    constexpr uint32_t HOSTS = 400, BASE = ip4(10, 0, 0, 1), SERVER = ip4(10, 0, 9, 9);
+    constexpr Arrival FROM_SERVER = {.port = 2};
+    world.reset(0, HOSTS);
+    world.access(1, 10);
+    world.access(2, 10);
+    snoop(1);
+    snoop(2, DHCPSNOOP_IF_TRUSTED);
+    const auto address_of = [](uint32_t host) { return BASE + host * 7; };
+    const auto play = [&](uint32_t host) {
+        Frame frame = client_frame(3, opt_ip(50, address_of(host)) + opt_ip(54, SERVER));
+        frame.src = frame.chaddr = {2, 0, 0, 0, static_cast<uint8_t>(host >> 8), static_cast<uint8_t>(host)};
+        if (binding(address_of(host)) != nullptr) {
+            frame.options = opt_type(7) + opt_ip(54, SERVER) + OPT_END; // RELEASE
+            frame.ciaddr = frame.srcIp = address_of(host);
+            receive(frame);
+        } else {
+            receive(frame);
+            Frame ack = server_frame(5);
+            ack.chaddr = frame.chaddr;
+            ack.yiaddr = address_of(host);
+            receive(ack, FROM_SERVER);
+        }
+        world.clear();
+    };
+    for (uint32_t host = 0; host < HOSTS; host += 2)
+        play(host);
+    ASSERT_EQ(count_bindings(), HOSTS / 2);
+
+    for (uint32_t round = 0, random = 1; round < 5; round++) {
+        std::vector<uint32_t> listed;
+        DhcpsnoopUserKey key;
+        for (int32_t result = dhcpSnoopUserGetFirst(&key); result == 0; result = dhcpSnoopUserGetNext(&key, &key)) {
+            ASSERT_LT(listed.size(), size_t{HOSTS});
+            listed.push_back(uint32_t{key.ipAddr[0]} << 24 | uint32_t{key.ipAddr[1]} << 16 | uint32_t{key.ipAddr[2]} << 8 | key.ipAddr[3]);
+            const uint32_t host = (listed.back() - BASE) / 7;
+            ASSERT_EQ(listed.back(), address_of(host));
+            EXPECT_NE(binding(listed.back()), nullptr) << "listed what is not there";
+            for (int i = 0; i < 3; i++) {
+                random = random * 1103515245 + 12345;
+                if (const uint32_t other = (i == 0 ? host : random >> 16) % HOSTS; other % 10 != 0)
+                    play(other);
+            }
+        }
+        EXPECT_EQ(std::adjacent_find(listed.begin(), listed.end(), std::greater_equal<>()), listed.end());
+        for (uint32_t host = 0; host < HOSTS; host += 10)
+            EXPECT_TRUE(std::binary_search(listed.begin(), listed.end(), address_of(host))) << host;
+        EXPECT_GT(listed.size(), size_t{HOSTS / 10});
+    }
 }
 
 TEST_F(Bindings, Numbers)

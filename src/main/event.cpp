@@ -166,6 +166,7 @@ int32_t dhcpsnoop_notify_recv(uint8_t *buffer, int32_t length)
         const uint32_t messageLength = event_get32(message + LENGTH);
         if (messageLength < EVENT_HEADER_LEN || messageLength > static_cast<uint32_t>(left))
             return 0;
+        // Kept: never negative, as the loop's condition has it.
         const int32_t payload = left - static_cast<int32_t>(EVENT_HEADER_LEN);
         if (payload < 0) {
             DEBUG_EVENT("[DHCPSNOOP] Malformed netlink message: rtnetlink len=%d plen=%d\r\n", messageLength,

@@ -32,13 +32,13 @@ static Place place_take(const Event &event)
     return place;
 }
 
-static bool on_card(const DhcpsnoopUser *user, const Place &place, bool whole_slot)
+static bool on_card(const DhcpsnoopUser *user, const Place &place, bool wholeSlot)
 {
     uint32_t location[7] = {};
     if (qorIndexTrans(&user->ifIndex, TRANS_LOCATION, location) != 0)
         return false;
     return location[LOCATION_SYSTEM] == place.words[0] && location[LOCATION_SLOT] == place.words[1] &&
-           (whole_slot || location[LOCATION_CARD] == place.words[2]);
+           (wholeSlot || location[LOCATION_CARD] == place.words[2]);
 }
 
 static bool hardware_is_ours(void)

@@ -7,7 +7,6 @@
 #include <ctime>
 
 #include "debug.h"
-#include "dhcpsnoop_if.h"
 #include "dhcpsnoop_user.h"
 #include "list.h"
 
@@ -84,12 +83,6 @@ static int32_t withdraw(DhcpsnoopUser *user, uint8_t *items, uint32_t kind, uint
     return rc;
 }
 
-static void count_down(DhcpsnoopIf *ifp)
-{
-    if (ifp != nullptr && ifp->curUser != 0)
-        ifp->curUser--;
-}
-
 static int32_t unbind(DhcpsnoopUser *user, uint32_t action)
 {
     int32_t rc = withdraw(user, &user->ipsgCheckItems, DHCPSNOOP_RULE_IPSG, DHCPSNOOP_HW_IPSG);
@@ -100,10 +93,8 @@ static int32_t unbind(DhcpsnoopUser *user, uint32_t action)
         return rc;
 
     // Only dynamic bindings are counted, and this one is none from now on.
-    if (user->userType == DHCPSNOOP_USER_DYNAMIC) {
-        count_down(dhcpsnoop_if_lookup(user->ifIndex));
-        count_down(dhcpsnoop_if_lookup_by_vid(user->vid));
-    }
+    if (user->userType == DHCPSNOOP_USER_DYNAMIC)
+        dhcpsnoop_user_count_down(user);
     user->userType = DHCPSNOOP_USER_STATIC;
     user->leaseTime = DHCPSNOOP_LEASE_FOREVER;
     user->leaseStart = now();

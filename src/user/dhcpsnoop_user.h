@@ -19,6 +19,9 @@ int32_t dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *existing,
 DhcpsnoopUser *dhcpsnoop_user_update(const DhcpsnoopPktInfo *info, QorBuffer *option125, QorBuffer *bootFile);
 void dhcpsnoop_user_delete(DhcpsnoopUser *user); // null is ignored
 
+// One dynamic binding less on its port and its VLAN's interface, where these snoop.
+void dhcpsnoop_user_count_down(const DhcpsnoopUser *user);
+
 // 0 when some entry matches, else -1. Takes the lock itself.
 extern "C" int32_t dhcpsnoop_user_get(const DhcpsnoopUserQuery *query);
 

@@ -79,6 +79,12 @@ static void count_down(DhcpsnoopIf *ifp)
         ifp->curUser--;
 }
 
+void dhcpsnoop_user_count_down(const DhcpsnoopUser *user)
+{
+    count_down(dhcpsnoop_if_lookup(user->ifIndex));
+    count_down(dhcpsnoop_if_lookup_by_vid(user->vid));
+}
+
 static void log_added(const DhcpsnoopUser *user)
 {
     char description[64] = {};
@@ -227,10 +233,8 @@ void dhcpsnoop_user_delete(DhcpsnoopUser *user)
         dhcpsnoop_user_notifier(user, 0);
         install_hook_deleted(user);
     }
-    if (dynamic) {
-        count_down(dhcpsnoop_if_lookup(user->ifIndex));
-        count_down(dhcpsnoop_if_lookup_by_vid(user->vid));
-    }
+    if (dynamic)
+        dhcpsnoop_user_count_down(user);
     if (dhcpsnoop_running_role_get() == DHCPSNOOP_ROLE_MASTER)
         dhcpsnoop_sync_user_send(user, 0);
 
