@@ -30,8 +30,7 @@ DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
     while (l2 + 4 <= frame.size() && ((frame[l2] == 0x81 && frame[l2 + 1] == 0) || (frame[l2] == 0x88 && frame[l2 + 1] == 0xA8) || (frame[l2] == 0x91 && frame[l2 + 1] == 0)))
         l2 += 4;
     rx.l2HdrLen = arrival.l2.value_or(static_cast<uint16_t>(l2 + 2));
-    const uint16_t own =
-        l2 + 2 <= frame.size() ? static_cast<uint16_t>(frame[l2] << 8 | frame[l2 + 1]) : uint16_t{0};
+    const uint16_t own = l2 + 2 <= frame.size() ? static_cast<uint16_t>(frame[l2] << 8 | frame[l2 + 1]) : uint16_t{0};
     rx.etherType = arrival.etherType.value_or(own);
     rx.inIf = dhcpsnoop_if_lookup(arrival.inIf.value_or(arrival.port));
     if (rx.inIf == nullptr)
@@ -54,14 +53,6 @@ Parsed::Parsed(const Bytes &frame, const Arrival &arrival) : rx(rx_packet(frame,
     result = dhcpsnoop_packet_parse(&rx, &info, 1);
 }
 
-std::string sent_frames()
-{
-    std::string text;
-    for (const WorldEntry *entry : world.all(Did::Frame))
-        text += world_format("to port %u:\n", entry->port) + dissect(entry->data);
-    return text;
-}
-
 std::string sent_summary()
 {
     std::string text;
@@ -79,29 +70,21 @@ Bytes sent_frame()
 
 bool printed(const std::string &text)
 {
-    for (const std::string &line : debug_texts())
-        if (line == text)
-            return true;
-    return false;
+    const Lines texts = debug_texts();
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-DhcpsnoopUserKey key4(uint32_t address)
+static DhcpsnoopUserKey key_of(uint8_t ipType, const void *address, size_t size)
 {
     DhcpsnoopUserKey key = {};
-    key.ipType = DHCPSNOOP_IPV4;
-    const uint32_t network = htonl(address);
-    memcpy(key.ipAddr, &network, sizeof network);
+    key.ipType = ipType;
+    memcpy(key.ipAddr, address, size);
     return key;
 }
 
-DhcpsnoopUserKey key6(const char *address)
-{
-    DhcpsnoopUserKey key = {};
-    key.ipType = DHCPSNOOP_IPV6;
-    const Ip6 bytes = ip6(address);
-    std::copy(bytes.begin(), bytes.end(), key.ipAddr);
-    return key;
-}
+DhcpsnoopUserKey key4(uint32_t address) { return key_of(DHCPSNOOP_IPV4, be32(address).data(), 4); }
+
+DhcpsnoopUserKey key6(const char *address) { return key_of(DHCPSNOOP_IPV6, ip6(address).data(), 16); }
 
 DhcpsnoopUser *binding(uint32_t address)
 {

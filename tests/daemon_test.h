@@ -28,49 +28,28 @@ struct Arrival {
     std::optional<uint32_t> inIf = {};      // else the interface of `port`, else of the VLAN
 };
 
-// Everything printed to standard output while it lives.
-class Printed
+// Everything printed while it lives.
+template <void (*CAPTURE)(), std::string (*CAPTURED)()>
+class Capture
 {
   public:
-    Printed() { testing::internal::CaptureStdout(); }
-    ~Printed() { text(); }
-    Printed(const Printed &) = delete;
-    Printed &operator=(const Printed &) = delete;
+    Capture() { CAPTURE(); }
+    ~Capture() { text(); }
+    Capture(const Capture &) = delete;
+    Capture &operator=(const Capture &) = delete;
     const std::string &text()
     {
-        if (!done_) {
-            fflush(stdout);
-            text_ = testing::internal::GetCapturedStdout();
-            done_ = true;
-        }
-        return text_;
+        fflush(stdout);
+        if (!text_)
+            text_ = CAPTURED();
+        return *text_;
     }
 
   private:
-    std::string text_;
-    bool done_ = false;
+    std::optional<std::string> text_;
 };
-
-class PrintedError
-{
-  public:
-    PrintedError() { testing::internal::CaptureStderr(); }
-    ~PrintedError() { text(); }
-    PrintedError(const PrintedError &) = delete;
-    PrintedError &operator=(const PrintedError &) = delete;
-    const std::string &text()
-    {
-        if (!done_) {
-            text_ = testing::internal::GetCapturedStderr();
-            done_ = true;
-        }
-        return text_;
-    }
-
-  private:
-    std::string text_;
-    bool done_ = false;
-};
+using Printed = Capture<testing::internal::CaptureStdout, testing::internal::GetCapturedStdout>;
+using PrintedError = Capture<testing::internal::CaptureStderr, testing::internal::GetCapturedStderr>;
 
 class Daemon : public testing::Test
 {
@@ -105,8 +84,6 @@ struct Parsed {
     int32_t result;
 };
 
-// The frames sent since the last clear(): "port: dissection" of each, in order.
-std::string sent_frames();
 // "2 342, 3 346": egress port and length of each frame, in order.
 std::string sent_summary();
 // The only frame sent; a failure when there is not exactly one.

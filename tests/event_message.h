@@ -40,8 +40,7 @@ inline Bytes event_message(uint16_t type, const Bytes &payload = {}, std::option
 // Interface-information header: family, device type, index, flags, change mask; then attributes.
 inline Bytes link_message(uint16_t type, uint32_t ifIndex, const Bytes &attributes = {})
 {
-    return event_message(type,
-                         Bytes{0, 0} + host16(1) + host32(ifIndex) + host32(0) + host32(0) + attributes);
+    return event_message(type, Bytes{0, 0} + host16(1) + host32(ifIndex) + host32(0) + host32(0) + attributes);
 }
 
 // A link attribute as it stands, without the padding behind it.

@@ -1,8 +1,6 @@
 #include "frame.h"
 
 #include <cctype>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 
 #include <arpa/inet.h>
@@ -20,8 +18,6 @@ void put16(Bytes &bytes, size_t at, uint32_t value)
 
 uint32_t get16(const Bytes &bytes, size_t at) { return uint32_t{bytes.at(at)} << 8 | bytes.at(at + 1); }
 
-uint32_t get32(const Bytes &bytes, size_t at) { return get16(bytes, at) << 16 | get16(bytes, at + 2); }
-
 Bytes slice(const Bytes &bytes, size_t from, size_t count)
 {
     if (from >= bytes.size())
@@ -33,32 +29,7 @@ Bytes slice(const Bytes &bytes, size_t from, size_t count)
 
 uint16_t udp_sum(uint32_t srcIp, uint32_t dstIp, const Bytes &datagram)
 {
-    return internet_checksum(be32(srcIp) + be32(dstIp) + Bytes{0, 17} +
-                             be16(static_cast<uint32_t>(datagram.size())) + datagram);
-}
-
-__attribute__((format(printf, 1, 2))) std::string text_of(const char *format, ...)
-{
-    char text[256];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    return text;
-}
-
-std::string dotted(const Bytes &bytes, size_t at)
-{
-    return text_of("%u.%u.%u.%u", bytes.at(at), bytes.at(at + 1), bytes.at(at + 2), bytes.at(at + 3));
-}
-
-// Where the IP header begins: behind addresses, tags and EtherType.
-size_t ip_offset(const Bytes &frame)
-{
-    size_t at = 12;
-    while (at + 4 <= frame.size() && get16(frame, at) != 0x0800 && get16(frame, at) != 0x86DD)
-        at += 4;
-    return at + 2;
+    return internet_checksum(be32(srcIp) + be32(dstIp) + Bytes{0, 17} + be16(static_cast<uint32_t>(datagram.size())) + datagram);
 }
 
 // Over the pseudo-header of RFC 8200 8.1; `addresses` is source and destination.
@@ -67,50 +38,12 @@ uint16_t udp6_sum(const Bytes &addresses, const Bytes &datagram)
     return internet_checksum(addresses + be32(static_cast<uint32_t>(datagram.size())) + be32(17) + datagram);
 }
 
-std::string options6_text(const Bytes &area, const std::string &indent)
-{
-    std::string out;
-    size_t at = 0;
-    for (; at + 4 <= area.size(); at += 4 + get16(area, at + 2)) {
-        const uint32_t code = get16(area, at), length = get16(area, at + 2);
-        const Bytes data = slice(area, at + 4, length);
-        const size_t fixed = code == 3 ? 12 : code == 4 ? 4
-                                          : code == 5   ? 24
-                                                        : data.size();
-        out += indent + text_of("option %u length %u: ", code, length) + hex(slice(data, 0, fixed)) + "\n" +
-               options6_text(slice(data, fixed, data.size()), indent + "  ");
-    }
-    const Bytes rest = slice(area, at, area.size());
-    return rest.empty() ? out : out + indent + "rest " + hex(rest) + "\n";
-}
-
-// From the IPv6 header on.
-std::string dissect6(const Bytes &packet)
-{
-    const size_t end = packet.size() < 48 ? packet.size() : 40 + get16(packet, 4);
-    if (packet.size() < 48 || packet[6] != 17 || end < 48)
-        return "IPv6 without UDP: " + hex(packet) + "\n";
-    const Bytes datagram = slice(packet, 40, end - 40);
-    const size_t udpLen = get16(datagram, 4);
-    const bool good = udp6_sum(slice(packet, 8, 32), slice(datagram, 0, udpLen)) == 0;
-    std::string out = text_of("ip6 %08x length %u next %u hops %u\n", get32(packet, 0), get16(packet, 4),
-                              packet[6], packet[7]) +
-                      "ip6 from " + hex(slice(packet, 8, 16)) + " to " + hex(slice(packet, 24, 16)) + "\n" +
-                      text_of("udp %u to %u length %zu checksum %s\n", get16(datagram, 0), get16(datagram, 2),
-                              udpLen, good ? "good" : text_of("bad %04x", get16(datagram, 6)).c_str());
-    const Bytes message = slice(datagram, 8, udpLen < 8 ? 0 : udpLen - 8);
-    out +=
-        "message " + hex(slice(message, 0, 4)) + "\n" + options6_text(slice(message, 4, message.size()), "");
-    if (udpLen < datagram.size())
-        out += "behind the datagram " + hex(slice(datagram, udpLen, datagram.size())) + "\n";
-    if (end < packet.size())
-        out += "padding " + hex(slice(packet, end, packet.size())) + "\n";
-    return out;
-}
-
+// Where the IPv4 packet's BOOTP message begins, behind any tags.
 size_t dhcp_offset(const Bytes &frame)
 {
-    const size_t ip = ip_offset(frame);
+    size_t ip = 14;
+    while (get16(frame, ip - 2) != 0x0800)
+        ip += 4;
     return ip + (frame.at(ip) & 15u) * 4 + 8;
 }
 
@@ -155,9 +88,9 @@ Bytes hex_bytes(std::string_view text)
 std::string hex(const Bytes &bytes)
 {
     std::string text;
-    for (size_t i = 0; i < bytes.size(); i++)
-        text += text_of(i == 0 ? "%02x" : " %02x", bytes[i]);
-    return text;
+    for (const uint8_t byte : bytes)
+        text += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15], ' '};
+    return text.substr(0, text.size() - !text.empty());
 }
 
 Bytes opt(uint8_t code, const Bytes &data) { return Bytes{code, static_cast<uint8_t>(data.size())} + data; }
@@ -262,8 +195,7 @@ Bytes Frame6::bytes() const
     for (const Tag &tag : tags)
         frame = frame + be16(tag.tpid) + be16(tag.tci);
     const size_t payload = extension.size() + udp.size() + slack.size();
-    return frame + be16(etherType) + be32(0x60000000) +
-           be16(payloadLen.value_or(static_cast<uint16_t>(payload))) + Bytes{nextHeader, hopLimit} +
+    return frame + be16(etherType) + be32(0x60000000) + be16(payloadLen.value_or(static_cast<uint16_t>(payload))) + Bytes{nextHeader, hopLimit} +
            addresses + extension + udp + slack + padding;
 }
 
@@ -305,71 +237,10 @@ std::optional<Bytes> option_of(const Bytes &frame, uint8_t code)
     return std::nullopt;
 }
 
-std::string dissect(const Bytes &frame)
+std::string dump(const Bytes &frame)
 {
-    std::string out = "dst " + hex(slice(frame, 0, 6)) + "\nsrc " + hex(slice(frame, 6, 6)) + "\n";
-    const size_t ip = ip_offset(frame);
-    for (size_t at = 12; at + 6 <= ip; at += 4)
-        out += text_of("tag %04x %04x\n", get16(frame, at), get16(frame, at + 2));
-    if (ip <= frame.size() && get16(frame, ip - 2) == 0x86DD)
-        return out + dissect6(slice(frame, ip, frame.size()));
-    const size_t udp = ip + 20 <= frame.size() ? ip + (frame[ip] & 15u) * 4 : frame.size();
-    if (udp + 8 > frame.size())
-        return out + "not IPv4: " + hex(slice(frame, 12, frame.size())) + "\n";
-
-    const Bytes header = slice(frame, ip, udp - ip);
-    out += text_of("ip %02x tos %02x length %u id %04x frag %04x ttl %u protocol %u checksum %s\n", header[0],
-                   header[1], get16(header, 2), get16(header, 4), get16(header, 6), header[8], header[9],
-                   internet_checksum(header) == 0 ? "good" : text_of("bad %04x", get16(header, 10)).c_str());
-    out += "ip from " + dotted(header, 12) + " to " + dotted(header, 16) + "\n";
-    if (header.size() > 20)
-        out += "ip options " + hex(slice(header, 20, header.size())) + "\n";
-
-    const size_t end = ip + get16(header, 2) < frame.size() ? ip + get16(header, 2) : frame.size();
-    const Bytes datagram = slice(frame, udp, end - udp);
-    if (datagram.size() < 8)
-        return out + "rest " + hex(slice(frame, udp, frame.size())) + "\n";
-    const size_t udpLen = get16(datagram, 4);
-    std::string sum = "none";
-    if (get16(datagram, 6) != 0) {
-        const uint16_t remainder = udp_sum(get32(header, 12), get32(header, 16), slice(datagram, 0, udpLen));
-        sum = remainder == 0 ? "good" : text_of("bad %04x", get16(datagram, 6));
-    }
-    out += text_of("udp %u to %u length %zu checksum %s\n", get16(datagram, 0), get16(datagram, 2), udpLen,
-                   sum.c_str());
-    const Bytes dhcp = slice(datagram, 8, udpLen < 8 ? 0 : udpLen - 8);
-    if (dhcp.size() < BOOTP_FIXED) {
-        out += "payload " + hex(dhcp) + "\n";
-    } else {
-        out += text_of("op %u htype %u hlen %u hops %u xid %08x secs %u flags %04x\n", dhcp[0], dhcp[1],
-                       dhcp[2], dhcp[3], get32(dhcp, 4), get16(dhcp, 8), get16(dhcp, 10));
-        out += "ciaddr " + dotted(dhcp, 12) + " yiaddr " + dotted(dhcp, 16) + " siaddr " + dotted(dhcp, 20) +
-               " giaddr " + dotted(dhcp, 24) + "\n";
-        out += "chaddr " + hex(slice(dhcp, 28, 16)) + "\n";
-        const Bytes names = slice(dhcp, 44, 192);
-        if (names != repeated(0, 192))
-            out += "sname and file " + hex(names) + "\n";
-        out += text_of("cookie %08x\n", get32(dhcp, 236));
-        size_t at = BOOTP_FIXED;
-        while (at < dhcp.size() && dhcp[at] != 255) {
-            const size_t length = dhcp[at] == 0 ? 0 : at + 1 < dhcp.size() ? dhcp[at + 1]
-                                                                           : 0;
-            if (dhcp[at] == 0)
-                out += "pad\n";
-            else
-                out += text_of("option %u length %zu: ", dhcp[at], length) +
-                       hex(slice(dhcp, at + 2, length)) + "\n";
-            at += dhcp[at] == 0 ? 1 : 2 + length;
-        }
-        if (at < dhcp.size())
-            out += "end\n";
-        if (at + 1 < dhcp.size())
-            out += "behind the end " + hex(slice(dhcp, at + 1, dhcp.size())) + "\n";
-    }
-    const Bytes slack = slice(datagram, udpLen, datagram.size());
-    if (!slack.empty())
-        out += "behind the datagram " + hex(slack) + "\n";
-    if (end < frame.size())
-        out += "padding " + hex(slice(frame, end, frame.size())) + "\n";
-    return out;
+    std::string text;
+    for (size_t at = 0; at < frame.size(); at += 16)
+        text += std::to_string(at) + ": " + hex(slice(frame, at, 16)) + "\n";
+    return text;
 }

@@ -1,7 +1,6 @@
 // Frames for tests, built field by field with code of their own: a default Frame is a valid broadcast
 // DHCPDISCOVER of client 1, and a test names only what it is about. Lengths and checksums are computed from
-// what the frame holds unless the test sets them. dissect() writes any frame out for comparison: a difference
-// shows as a line.
+// what the frame holds unless the test sets them.
 #pragma once
 
 #include <array>
@@ -140,9 +139,8 @@ Frame6 server6(uint8_t type, const Bytes &options = {});
 // The RFC 1071 sum by the simplest means, for expectations.
 uint16_t internet_checksum(const Bytes &bytes);
 
-// Every byte of an Ethernet frame as text, a line for each field, checksums judged. `tags` are what stands
-// between the addresses and the EtherType 0x0800 or 0x86DD.
-std::string dissect(const Bytes &frame);
+// A frame as lines of 16 bytes, for comparison: a difference shows as a line.
+std::string dump(const Bytes &frame);
 
 // The data of the first option of that code in the frame's DHCP message, found by an own walk; none when it
 // is absent.

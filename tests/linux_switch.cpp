@@ -126,13 +126,11 @@ std::string describe(const std::map<uint32_t, platform_linux::Port> &ports)
     std::string text;
     for (const auto &[ifIndex, port] : ports) {
         text += port.name;
-        text += port.kind == PortKind::vlanInterface ? " is vlan " + std::to_string(port.vlan)
-                : port.kind == PortKind::aggregate   ? " (aggregate)"
-                                                     : "";
+        text += port.kind == PortKind::vlanInterface ? " is vlan " + std::to_string(port.vlan) : port.kind == PortKind::aggregate ? " (aggregate)"
+                                                                                                                                  : "";
         text += port.routed ? ": routed" : ": native " + std::to_string(port.nativeVid);
         if (port.kind != PortKind::vlanInterface && !port.routed)
-            text += ", tagged " + vlan_list(port.members & ~port.untagged) + ", untagged " +
-                    vlan_list(port.untagged);
+            text += ", tagged " + vlan_list(port.members & ~port.untagged) + ", untagged " + vlan_list(port.untagged);
         text += port.up ? ", up" : ", down";
         text += std::string(", ") + STATES[static_cast<size_t>(port.stp)];
         text += port.tpid != 0x8100 ? ", 802.1ad" : "";

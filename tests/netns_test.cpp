@@ -18,8 +18,6 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "world.h"
-
 // virtio_net_hdr, whose own header is not C++.
 struct VnetHeader {
     uint8_t flags, gsoType;
@@ -27,25 +25,13 @@ struct VnetHeader {
 };
 static constexpr uint8_t NEEDS_CHECKSUM = 1;
 
-// The one thing of the fake world that frame.cpp uses; the rest of it would stand in for the kernel.
-std::string world_format(const char *format, ...)
-{
-    char text[1024];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    return text;
-}
-
 void NetnsTest::SetUp()
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root, for namespaces and eBPF";
     if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0)
         GTEST_SKIP() << "needs namespaces of its own: " << strerror(errno);
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0)
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 || mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0)
         GTEST_SKIP() << "needs mounts of its own: " << strerror(errno);
     sysctl("net/ipv6/conf/default/disable_ipv6", "1");
 }

@@ -21,8 +21,7 @@ const Bytes NONE, OWN82 = opt(82, opt(2, {1, 2}));
 Bytes option125(const Bytes &data)
 {
     const auto length = static_cast<uint8_t>(data.size());
-    return Bytes{125, static_cast<uint8_t>(length + 7)} + be32(32473) +
-           Bytes{static_cast<uint8_t>(length + 2), 4, length} + data;
+    return Bytes{125, static_cast<uint8_t>(length + 7)} + be32(32473) + Bytes{static_cast<uint8_t>(length + 2), 4, length} + data;
 }
 
 Frame reply_of(size_t frameLength, const Bytes &end)
@@ -38,8 +37,7 @@ struct Row {
     const char *text;
 };
 
-void check(uint32_t number, void (*insert)(DhcpsnoopPktInfo *, const uint8_t *, uint32_t),
-           const std::vector<Row> &rows)
+void check(uint32_t number, void (*insert)(DhcpsnoopPktInfo *, const uint8_t *, uint32_t), const std::vector<Row> &rows)
 {
     for (const Row &row : rows) {
         SCOPED_TRACE(world_format("option %u, %s", number, row.claim));
@@ -48,8 +46,7 @@ void check(uint32_t number, void (*insert)(DhcpsnoopPktInfo *, const uint8_t *, 
         const DhcpsnoopRxPkt before = parsed.rx;
         world.clear();
         insert(&parsed.info, data.data(), row.length);
-        Lines texts = {world_format("[DHCPSNOOP] Insert option%u, len is %d.\r\n", number,
-                                    static_cast<int>(row.length))};
+        Lines texts = {world_format("[DHCPSNOOP] Insert option%u, len is %d.\r\n", number, static_cast<int>(row.length))};
         if (*row.text != '\0')
             texts.push_back(std::string("[DHCPSNOOP] ") + row.text + "\r\n");
         EXPECT_EQ(debug_texts(), texts);
@@ -59,7 +56,7 @@ void check(uint32_t number, void (*insert)(DhcpsnoopPktInfo *, const uint8_t *, 
         }
         Frame expected = row.frame;
         expected.options = row.options;
-        EXPECT_EQ(dissect(parsed.bytes()), dissect(expected.bytes()));
+        EXPECT_EQ(dump(parsed.bytes()), dump(expected.bytes()));
 
         // The pointers followed, so that a strip afterwards finds option 82 and leaves the inserted option.
         if (parsed.info.opt82 != nullptr) {

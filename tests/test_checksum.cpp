@@ -15,8 +15,7 @@ TEST(Checksum, Internet)
         {"RFC 1071 3: 0001 f203 f4f5 f6f7 add up to ddf2", hex_bytes("00 01 f2 03 f4 f5 f6 f7"), -100, 0x220D},
         {"an IPv4 header of RFC 791's form, checked with an independent dissector",
          hex_bytes("45 00 00 73 00 00 40 00 40 11 00 00 c0 a8 00 01 c0 a8 00 c7"), -100, 0xB861},
-        {"the same with its checksum in place adds up to zero",
-         hex_bytes("45 00 00 73 00 00 40 00 40 11 b8 61 c0 a8 00 01 c0 a8 00 c7"), -100, 0},
+        {"the same with its checksum in place adds up to zero", hex_bytes("45 00 00 73 00 00 40 00 40 11 b8 61 c0 a8 00 01 c0 a8 00 c7"), -100, 0},
         {"a last odd byte is the high byte of a word", hex_bytes("12 34 56"), -100, 0x97CB},
         {"one byte", hex_bytes("01"), -100, 0xFEFF},
         {"no bytes", {}, -100, 0xFFFF},
@@ -95,7 +94,7 @@ TEST_F(Update, LengthsFollowTheMessage)
         expected.ipChecksum.reset();
         expected.udpChecksum.reset();
         expected.options.resize(expected.options.size() + static_cast<size_t>(row.change), 0);
-        EXPECT_EQ(dissect(parsed.bytes()), dissect(expected.bytes()));
+        EXPECT_EQ(dump(parsed.bytes()), dump(expected.bytes()));
         EXPECT_EQ(sum, info.udpHdr[6] << 8 | info.udpHdr[7]);
     }
 }
@@ -115,7 +114,7 @@ TEST_F(Update, LengthsBeyondTheFrameAreNotFollowed)
     const uint32_t before = small.info.frameLen;
     dhcpsnoop_update_checksum(&small.info, 10'000, 0); // more than there is
     EXPECT_EQ(small.info.frameLen, before);
-    EXPECT_EQ(dissect(small.bytes()), dissect(Frame{}.bytes()));
+    EXPECT_EQ(dump(small.bytes()), dump(Frame{}.bytes()));
     EXPECT_EQ(dhcpsnoop_update_checksum(nullptr, 0, 0), 0);
 }
 

@@ -52,8 +52,7 @@ TEST_F(Client, ProtectionAgainstForgedHardwareAddress)
         EXPECT_EQ(sent_summary(), row.passes ? "2 292" : "");
         EXPECT_EQ(port->counters[DHCPSNOOP_DROP_SOURCE_MAC], row.passes ? 0u : 1u);
         EXPECT_EQ(count_bindings(), row.passes ? 1u : 0u);
-        EXPECT_EQ(printed("[DHCPSNOOP] Source mac in pkt 02:c1:00:00:00:01 and client mac 02:c1:00:00:00:02 don't "
-                          "match,stop process!\r\n"),
+        EXPECT_EQ(printed("[DHCPSNOOP] Source mac in pkt 02:c1:00:00:00:01 and client mac 02:c1:00:00:00:02 don't match,stop process!\r\n"),
                   !row.passes);
     }
 }
@@ -120,9 +119,7 @@ TEST_F(Client, ProtectionOfBoundClients)
 
 TEST_F(Client, Bookkeeping)
 {
-    enum Had { nothing,
-               dynamic,
-               fixed };
+    enum Had { nothing, dynamic, fixed };
     constexpr uint8_t DISCOVER = 1, REQUEST = 3, DECLINE = 4, RELEASE = 7, INFORM = 8;
     const struct {
         const char *claim;
@@ -130,31 +127,29 @@ TEST_F(Client, Bookkeeping)
         bool waiting; // a MAC-user entry is there
         Had had;
         uint8_t type;
-        bool bound, waits, passes; // afterwards
+        bool bound, waits; // afterwards
     } rows[] = {
-        {"a discover leaves no trace", false, false, false, nothing, DISCOVER, false, false, true},
-        {"a request is recorded", false, false, false, nothing, REQUEST, true, false, true},
-        {"a repeated request", false, false, false, dynamic, REQUEST, true, false, true},
-        {"a decline deletes", false, false, false, dynamic, DECLINE, false, false, true},
-        {"a release deletes", false, false, false, dynamic, RELEASE, false, false, true},
-        {"but not a static binding", false, false, false, fixed, RELEASE, true, false, true},
-        {"an inform changes nothing", false, false, false, dynamic, INFORM, true, false, true},
-        {"a MAC user is left alone without relay", false, false, true, dynamic, RELEASE, false, true, true},
+        {"a discover leaves no trace", false, false, false, nothing, DISCOVER, false, false},
+        {"a request is recorded", false, false, false, nothing, REQUEST, true, false},
+        {"a repeated request", false, false, false, dynamic, REQUEST, true, false},
+        {"a decline deletes", false, false, false, dynamic, DECLINE, false, false},
+        {"a release deletes", false, false, false, dynamic, RELEASE, false, false},
+        {"but not a static binding", false, false, false, fixed, RELEASE, true, false},
+        {"an inform changes nothing", false, false, false, dynamic, INFORM, true, false},
+        {"a MAC user is left alone without relay", false, false, true, dynamic, RELEASE, false, true},
 
-        {"relay: a discover waits for its reply", true, false, false, nothing, DISCOVER, false, true, true},
-        {"relay: once only", true, false, true, nothing, DISCOVER, false, true, true},
-        {"relay: not when a binding is known", true, false, false, dynamic, DISCOVER, true, false, true},
-        {"relay: an inform waits too", true, false, false, nothing, INFORM, false, true, true},
-        {"relay: a request ends the waiting and is recorded", true, false, true, nothing, REQUEST, true, false, true},
-        {"relay: a request out of the blue", true, false, false, nothing, REQUEST, true, false, true},
-        {"relay: a request of a bound client", true, false, false, dynamic, REQUEST, true, false, true},
-        {"relay: a decline ends both", true, false, true, dynamic, DECLINE, false, false, true},
-        {"relay: a release ends both", true, false, true, dynamic, RELEASE, false, false, true},
-        {"relay: a release spares the static binding", true, false, true, fixed, RELEASE, true, false, true},
-        {"relay: a release out of the blue", true, false, false, nothing, RELEASE, false, false, true},
-        {"relay: a release of a bound client", true, false, false, dynamic, RELEASE, false, false, true},
-        {"another relay's message does not wait", true, true, false, nothing, DISCOVER, false, false, true},
-        {"another relay's request is recorded", true, true, true, nothing, REQUEST, true, true, true},
+        {"relay: a discover waits for its reply", true, false, false, nothing, DISCOVER, false, true},
+        {"relay: once only", true, false, true, nothing, DISCOVER, false, true},
+        {"relay: not when a binding is known", true, false, false, dynamic, DISCOVER, true, false},
+        {"relay: an inform waits too", true, false, false, nothing, INFORM, false, true},
+        {"relay: a request ends the waiting and is recorded", true, false, true, nothing, REQUEST, true, false},
+        {"relay: a request out of the blue", true, false, false, nothing, REQUEST, true, false},
+        {"relay: a decline ends both", true, false, true, dynamic, DECLINE, false, false},
+        {"relay: a release ends both", true, false, true, dynamic, RELEASE, false, false},
+        {"relay: a release spares the static binding", true, false, true, fixed, RELEASE, true, false},
+        {"relay: a release of a bound client", true, false, false, dynamic, RELEASE, false, false},
+        {"another relay's message does not wait", true, true, false, nothing, DISCOVER, false, false},
+        {"another relay's request is recorded", true, true, true, nothing, REQUEST, true, true},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -166,10 +161,8 @@ TEST_F(Client, Bookkeeping)
             dhcpsnoop_mac_user_add(&earlier.info);
         }
         if (row.had != nothing)
-            make_binding(HOST, MAC_CLIENT, 1, 10)->userType =
-                row.had == dynamic ? DHCPSNOOP_USER_DYNAMIC : DHCPSNOOP_USER_STATIC;
-        receive(Frame{.giaddr = row.giaddr ? ip4(10, 9, 9, 9) : 0,
-                      .options = opt_type(row.type) + opt_ip(50, HOST) + OPT_END});
+            make_binding(HOST, MAC_CLIENT, 1, 10)->userType = row.had == dynamic ? DHCPSNOOP_USER_DYNAMIC : DHCPSNOOP_USER_STATIC;
+        receive(Frame{.giaddr = row.giaddr ? ip4(10, 9, 9, 9) : 0, .options = opt_type(row.type) + opt_ip(50, HOST) + OPT_END});
         EXPECT_EQ(count_bindings(), row.bound ? 1u : 0u);
         EXPECT_EQ(count_waiting(), row.waits ? 1u : 0u);
         const bool relayed = row.relay && !row.giaddr;
@@ -230,8 +223,7 @@ TEST_F(Client, RelayedWithOption82)
     port->flags |= DHCPSNOOP_IF_OPTION82;
     receive(client_frame(1));
     ASSERT_EQ(world.all(Did::Relay).size(), 2u);
-    Frame expected =
-        client_frame(1, hex_bytes("52 14 01 08 00 06 00 0a 01 00 00 01 02 08 00 06 02 00 00 00 01 01"));
+    Frame expected = client_frame(1, hex_bytes("52 14 01 08 00 06 00 0a 01 00 00 01 02 08 00 06 02 00 00 00 01 01"));
     expected.giaddr = ip4(10, 0, 0, 1);
     EXPECT_EQ(hex(world.all(Did::Relay)[0]->data), hex(expected.message()));
 }

@@ -310,8 +310,7 @@ TEST(CtlSetting, WordsReadBack)
 
 TEST(CtlSetting, WordsForAShell)
 {
-    EXPECT_EQ(joinQuoted({"%s.%c", "a b", "it's", "", "$(id)", "a\\b", "*"}),
-              "%s.%c 'a b' 'it'\\''s' '' '$(id)' 'a\\b' '*'");
+    EXPECT_EQ(joinQuoted({"%s.%c", "a b", "it's", "", "$(id)", "a\\b", "*"}), "%s.%c 'a b' 'it'\\''s' '' '$(id)' 'a\\b' '*'");
 }
 
 TEST(CtlBinding, RefusedHalfwayLeavesNothingBehind)

@@ -44,8 +44,7 @@ Lines unknown(uint16_t type) { return {world_format("[DHCPSNOOP] Unknown rtm typ
 int32_t deliver(Bytes datagram, std::optional<int32_t> length = {})
 {
     const Bytes before = datagram;
-    const int32_t result =
-        dhcpsnoop_notify_recv(datagram.data(), length.value_or(static_cast<int32_t>(datagram.size())));
+    const int32_t result = dhcpsnoop_notify_recv(datagram.data(), length.value_or(static_cast<int32_t>(datagram.size())));
     EXPECT_EQ(datagram, before);
     return result;
 }
@@ -92,24 +91,12 @@ TEST_F(Events, Walk)
         {"a length field of nearly 4 GB", event_message(5, {}, 0xFFFFFFFD), {}, {}},
         {"a length field of 2 GB", event_message(5, {}, 0x80000010), {}, {}},
         {"two messages, in order", first + second, {}, unknown(5) + unknown(6)},
-        {"the next message stands at a multiple of 4",
-         odd + Bytes(3, 0) + second,
-         {},
-         unknown(7) + unknown(6)},
+        {"the next message stands at a multiple of 4", odd + Bytes(3, 0) + second, {}, unknown(7) + unknown(6)},
         {"padding may be missing at the end", odd, {}, unknown(7)},
         {"padding may be cut short at the end", odd + Bytes(2, 0), {}, unknown(7)},
-        {"15 bytes behind a message are none",
-         first + Bytes(second.begin(), second.end() - 1),
-         {},
-         unknown(5)},
-        {"a second that is too long does not undo the first",
-         first + event_message(6, {}, 17),
-         {},
-         unknown(5)},
-        {"a second that is too short ends the walk",
-         first + event_message(6, {}, 4) + second,
-         {},
-         unknown(5)},
+        {"15 bytes behind a message are none", first + Bytes(second.begin(), second.end() - 1), {}, unknown(5)},
+        {"a second that is too long does not undo the first", first + event_message(6, {}, 17), {}, unknown(5)},
+        {"a second that is too short ends the walk", first + event_message(6, {}, 4) + second, {}, unknown(5)},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -135,46 +122,22 @@ TEST_F(Events, Links)
         Lines texts;
         Lines gone; // "port", "vlan": the interfaces that are not there any more
     } rows[] = {
-        {"a port that goes is switched off",
-         link_message(DELLINK, PORT),
-         DEL + about("RTM_DELLINK", PORT) + off(PORT),
-         {"port"}},
-        {"a VLAN interface that goes is",
-         link_message(DELLINK, VLAN_IF),
-         DEL + about("RTM_DELLINK", VLAN_IF) + off(VLAN_IF),
-         {"vlan"}},
+        {"a port that goes is switched off", link_message(DELLINK, PORT), DEL + about("RTM_DELLINK", PORT) + off(PORT), {"port"}},
+        {"a VLAN interface that goes is", link_message(DELLINK, VLAN_IF), DEL + about("RTM_DELLINK", VLAN_IF) + off(VLAN_IF), {"vlan"}},
         {"one without snooping is nobody's business", link_message(DELLINK, OTHER), DEL, {}},
-        {"a message that ends before its header does, DELLINK",
-         event_message(DELLINK, Bytes{0, 0, 0, 0} + host32(PORT) + Bytes(7, 0)),
-         DEL,
-         {}},
-        {"a message that ends before its header does, NEWLINK",
-         event_message(NEWLINK, Bytes{0, 0, 0, 0} + host32(PORT) + Bytes(7, 0)),
-         NEW,
-         {}},
+        {"a message that ends before its header does, DELLINK", event_message(DELLINK, Bytes{0, 0, 0, 0} + host32(PORT) + Bytes(7, 0)), DEL, {}},
+        {"a message that ends before its header does, NEWLINK", event_message(NEWLINK, Bytes{0, 0, 0, 0} + host32(PORT) + Bytes(7, 0)), NEW, {}},
         {"a header alone, NEWLINK", event_message(NEWLINK), NEW, {}},
         {"a header alone, DELLINK", event_message(DELLINK), DEL, {}},
         {"no attribute", whole, NEW, {}},
-        {"joining an aggregate switches off",
-         link_message(NEWLINK, PORT, link_attribute(JOINED)),
-         NEW + about("IFLA_PHYJOINAGG", PORT) + off(PORT),
-         {"port"}},
-        {"attributes of an interface without snooping are not read",
-         link_message(NEWLINK, OTHER, link_attribute(JOINED) + link_attribute(3)),
-         NEW,
-         {}},
+        {"joining an aggregate switches off", link_message(NEWLINK, PORT, link_attribute(JOINED)), NEW + about("IFLA_PHYJOINAGG", PORT) + off(PORT), {"port"}},
+        {"attributes of an interface without snooping are not read", link_message(NEWLINK, OTHER, link_attribute(JOINED) + link_attribute(3)), NEW, {}},
         {"joining twice switches off once",
          link_message(NEWLINK, PORT, link_attribute(JOINED) + link_attribute(JOINED)),
          NEW + about("IFLA_PHYJOINAGG", PORT) + off(PORT) + about("IFLA_PHYJOINAGG", PORT),
          {"port"}},
-        {"configuration is only reported",
-         link_message(NEWLINK, PORT, link_attribute(CONFIGURED)),
-         NEW + about("IFLA_SYNCCFG", PORT),
-         {}},
-        {"others are reported by number",
-         link_message(NEWLINK, PORT, link_attribute(3, text_bytes("swp1"))),
-         NEW + Lines{"[DHCPSNOOP] Unknown event 3!\r\n"},
-         {}},
+        {"configuration is only reported", link_message(NEWLINK, PORT, link_attribute(CONFIGURED)), NEW + about("IFLA_SYNCCFG", PORT), {}},
+        {"others are reported by number", link_message(NEWLINK, PORT, link_attribute(3, text_bytes("swp1"))), NEW + Lines{"[DHCPSNOOP] Unknown event 3!\r\n"}, {}},
         {"an attribute of 5 bytes takes 8",
          link_message(NEWLINK, PORT, link_attribute(3, {9}) + Bytes(3, 0) + link_attribute(CONFIGURED)),
          NEW + Lines{"[DHCPSNOOP] Unknown event 3!\r\n"} + about("IFLA_SYNCCFG", PORT),
@@ -184,29 +147,16 @@ TEST_F(Events, Links)
          NEW + about("IFLA_SYNCCFG", PORT) + Lines{"[DHCPSNOOP] Unknown event 3!\r\n"},
          {}},
         {"3 bytes are no attribute", link_message(NEWLINK, PORT, {4, 0, 38}), NEW, {}},
-        {"an attribute shorter than its header ends the walk",
-         link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 3) + link_attribute(JOINED)),
-         NEW,
-         {}},
+        {"an attribute shorter than its header ends the walk", link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 3) + link_attribute(JOINED)), NEW, {}},
         {"an attribute of length 0 ends the walk",
          link_message(NEWLINK, PORT, link_attribute(CONFIGURED) + link_attribute(JOINED, {}, 0)),
          NEW + about("IFLA_SYNCCFG", PORT),
          {}},
-        {"an attribute longer than the message ends the walk",
-         link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 5)),
-         NEW,
-         {}},
-        {"an attribute of 64 KB ends the walk",
-         link_message(NEWLINK, PORT, link_attribute(JOINED, Bytes(4, 0), 0xFFFF)),
-         NEW,
-         {}},
-        {"the next message is no attribute of this one",
-         link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 8)) + event_message(5),
-         NEW + unknown(5),
-         {}},
+        {"an attribute longer than the message ends the walk", link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 5)), NEW, {}},
+        {"an attribute of 64 KB ends the walk", link_message(NEWLINK, PORT, link_attribute(JOINED, Bytes(4, 0), 0xFFFF)), NEW, {}},
+        {"the next message is no attribute of this one", link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 8)) + event_message(5), NEW + unknown(5), {}},
         {"nor is anything behind a message that is only a header's",
-         event_message(NEWLINK, Bytes(4, 0) + host32(PORT) + Bytes(8, 0)) + host32(16 << 16 | 16) +
-             host16(JOINED) + Bytes(10, 0),
+         event_message(NEWLINK, Bytes(4, 0) + host32(PORT) + Bytes(8, 0)) + host32(16 << 16 | 16) + host16(JOINED) + Bytes(10, 0),
          NEW,
          {}},
         {"two links, in order",
@@ -277,8 +227,7 @@ TEST_F(Events, MembersOfAnAggregate)
     EXPECT_EQ(debug_texts()[1], about("IFLA_AGGADDPHY", TRUNK)[0]);
     EXPECT_EQ(debug_texts()[2], "[DHCPSNOOP] Process user on trunk interface 8, port 2, operate 1.\r\n");
     ASSERT_EQ(world.calls("hw ").size(), 1u);
-    EXPECT_TRUE(
-        world.calls()[0].starts_with("hw add 2: mac 00 00 00 00 00 00 vid 0 if 0 ipsg 0 addr 0a 00 00 33"));
+    EXPECT_TRUE(world.calls()[0].starts_with("hw add 2: mac 00 00 00 00 00 00 vid 0 if 0 ipsg 0 addr 0a 00 00 33"));
     EXPECT_EQ(world.questions("qorIfGetApi"), Lines{"qorIfGetApi 8 65536285"});
     debug(0);
     EXPECT_EQ(world_state(), before);
@@ -325,8 +274,7 @@ TEST_F(Events, ThePlatformMaySayThatMembersDoNotFollow)
             world.trunkQueryResult = row.result;
             world.trunkQueryCount = row.count;
             deliver(link_message(NEWLINK, TRUNK, link_attribute(attribute, host32(OTHER))));
-            EXPECT_EQ(world.calls(attribute == PORT_ADDED ? "hw add 2" : "hw delete 2").size(),
-                      row.follows ? 1u : 0u);
+            EXPECT_EQ(world.calls(attribute == PORT_ADDED ? "hw add 2" : "hw delete 2").size(), row.follows ? 1u : 0u);
         }
     }
 }
@@ -342,13 +290,10 @@ TEST_F(Events, AttributesAfterTheInterfaceIsGone)
     } rows[] = {
         // Kept: adding a port goes by the index alone.
         {"a port added to it is processed", joined + link_attribute(PORT_ADDED, member),
-         about("IFLA_AGGADDPHY", TRUNK) +
-             Lines{"[DHCPSNOOP] Process user on trunk interface 8, port 2, operate 1.\r\n"} +
-             Lines{"[DHCPSNOOP] Add user in hwapi: port 2 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.53, "
-                   "checkitem 0x80.\r\n"},
+         about("IFLA_AGGADDPHY", TRUNK) + Lines{"[DHCPSNOOP] Process user on trunk interface 8, port 2, operate 1.\r\n"} +
+             Lines{"[DHCPSNOOP] Add user in hwapi: port 2 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.53, checkitem 0x80.\r\n"},
          1},
-        {"one removed from it is not", joined + link_attribute(PORT_REMOVED, member),
-         about("IFLA_AGGREMOVEPHY", TRUNK), 0},
+        {"one removed from it is not", joined + link_attribute(PORT_REMOVED, member), about("IFLA_AGGREMOVEPHY", TRUNK), 0},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -374,8 +319,7 @@ TEST_F(Events, MemberIndexThatIsNotThere)
             world.clear();
             debug(1);
             deliver(link_message(NEWLINK, TRUNK, link_attribute(attribute, Bytes(bytes, 2))));
-            EXPECT_EQ(debug_texts(),
-                      NEW + about(attribute == PORT_ADDED ? "IFLA_AGGADDPHY" : "IFLA_AGGREMOVEPHY", TRUNK));
+            EXPECT_EQ(debug_texts(), NEW + about(attribute == PORT_ADDED ? "IFLA_AGGADDPHY" : "IFLA_AGGREMOVEPHY", TRUNK));
             EXPECT_EQ(world.questions("qorIfGetApi"), Lines{});
             EXPECT_EQ(world.calls(), Lines{});
         }
@@ -418,10 +362,8 @@ TEST_F(Events, HandlersAreBoundTwice)
             {"the argument 0", row.message, 0, false},
             {"the argument negative", row.message, -1, false},
             {"the message one short", cut(row.message), payload, false},
-            {"the message's length below a header's",
-             host32(3) + Bytes(row.message.begin() + 4, row.message.end()), payload, false},
-            {"the message's length enormous",
-             host32(0xFFFFFFFF) + Bytes(row.message.begin() + 4, row.message.end()), payload, true},
+            {"the message's length below a header's", host32(3) + Bytes(row.message.begin() + 4, row.message.end()), payload, false},
+            {"the message's length enormous", host32(0xFFFFFFFF) + Bytes(row.message.begin() + 4, row.message.end()), payload, true},
         };
         for (const auto &length : lengths) {
             SCOPED_TRACE(world_format("%s, %s", row.claim, length.claim));
@@ -440,8 +382,7 @@ TEST_F(Events, SendingGivesThePlatformsResult)
     EXPECT_EQ(dhcpsnoop_notify_send(body.data(), 188), 0);
     world.refuse("qorNetlinkSend 16 0 72", 17, 1);
     EXPECT_EQ(dhcpsnoop_notify_send(body.data(), 0x12345), 17);
-    EXPECT_EQ(hex(world.all(Did::Call)[1]->data),
-              hex(host32(0) + host32(51) + host32(72) + host16(0x2345) + Bytes(10, 0) + body));
+    EXPECT_EQ(hex(world.all(Did::Call)[1]->data), hex(host32(0) + host32(51) + host32(72) + host16(0x2345) + Bytes(10, 0) + body));
 }
 
 } // namespace

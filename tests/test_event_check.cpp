@@ -20,7 +20,7 @@ Bytes items_message(uint16_t type, uint32_t ifIndex, uint8_t items)
     return event_message(type, host32(ifIndex) + Bytes{items});
 }
 
-// What went to the hardware: operation, port, the items that its record carries, the rule.
+// What went to the hardware: "+" (add) or "-" (delete) with the port, the items that its record carries, the rule.
 std::string hardware()
 {
     std::string text;
@@ -33,13 +33,23 @@ std::string hardware()
         const auto carried = [&](size_t at, size_t size, uint32_t item) {
             return record[at] != 0 || record[at + size - 1] != 0 ? item : 0;
         };
-        const uint32_t items =
-            carried(39, 1, 0x80) | carried(38, 1, 0x40) | carried(6, 2, 0x20) | carried(8, 4, 0x10);
-        text += entry->text.substr(0, entry->text.find(':')) +
-                world_format(" items %02x rule %02x; ", items, record[37]);
+        const uint32_t items = carried(39, 1, 0x80) | carried(38, 1, 0x40) | carried(6, 2, 0x20) | carried(8, 4, 0x10);
+        const std::string call = entry->text.substr(0, entry->text.find(':')); // "hw add 1"
+        text += (call[3] == 'a' ? "+" : "-") + call.substr(call.rfind(' ') + 1) + world_format(" %02x %02x; ", items, record[37]);
     }
     return text;
 }
+
+// What sets a row's binding apart.
+using Prepare = void (*)(DhcpsnoopUser *);
+constexpr Prepare fixed = [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; };
+constexpr Prepare guarded = [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_IPSG; };
+constexpr Prepare unbound = [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; };
+constexpr Prepare elsewhere = [](DhcpsnoopUser *u) { u->ifIndex = OTHER; };
+constexpr Prepare vlan20 = [](DhcpsnoopUser *u) { u->vid = 20; };
+constexpr Prepare ipv6 = [](DhcpsnoopUser *u) { u->key.ipType = DHCPSNOOP_IPV6; };
+constexpr Prepare port77 = [](DhcpsnoopUser *u) { u->ifIndex = 77; };
+constexpr Prepare noGateway = [](DhcpsnoopUser *u) { u->gateway = 0; };
 
 // One kind of enforcement as a binding records it.
 struct Mark {
@@ -50,8 +60,7 @@ struct Mark {
 
 std::ostream &operator<<(std::ostream &out, const Mark &mark)
 {
-    return out << world_format("%s, source %u, items %02x", mark.installed ? "installed" : "not installed",
-                               mark.source, mark.items);
+    return out << world_format("%s, source %u, items %02x", mark.installed ? "installed" : "not installed", mark.source, mark.items);
 }
 
 class Enforcement : public Daemon
@@ -94,141 +103,48 @@ TEST_F(Enforcement, CheckItemsChange)
         const char *hardware; // RR = the rule
         Mark after;
         const char *refused = nullptr;
-        void (*prepare)(DhcpsnoopUser *) = nullptr;
+        Prepare prepare = nullptr;
     } rows[] = {
         // a port's setting
-        {"a port's: installed", PORT, 0x90, none, "hw add 1 items 90 rule RR; ", {true, 2, 0x90}},
-        {"a port's: the port's is replaced",
-         PORT,
-         0x90,
-         {true, 2, 0xF0},
-         "hw delete 1 items f0 rule RR; hw add 1 items 90 rule RR; ",
-         {true, 2, 0x90}},
-        {"a port's: even by the same",
-         PORT,
-         0x40,
-         {true, 2, 0x40},
-         "hw delete 1 items 40 rule RR; hw add 1 items 40 rule RR; ",
-         {true, 2, 0x40}},
-        {"a port's: the VLAN's is replaced",
-         PORT,
-         0x90,
-         {true, 1, 0x40},
-         "hw delete 1 items 40 rule RR; hw add 1 items 90 rule RR; ",
-         {true, 2, 0x90}},
-        {"a port's: without any item the port's is withdrawn",
-         PORT,
-         0x00,
-         {true, 2, 0x90},
-         "hw delete 1 items 90 rule RR; ",
-         none},
+        {"a port's: installed", PORT, 0x90, none, "+1 90 RR; ", {true, 2, 0x90}},
+        {"a port's: the port's is replaced", PORT, 0x90, {true, 2, 0xF0}, "-1 f0 RR; +1 90 RR; ", {true, 2, 0x90}},
+        {"a port's: even by the same", PORT, 0x40, {true, 2, 0x40}, "-1 40 RR; +1 40 RR; ", {true, 2, 0x40}},
+        {"a port's: the VLAN's is replaced", PORT, 0x90, {true, 1, 0x40}, "-1 40 RR; +1 90 RR; ", {true, 2, 0x90}},
+        {"a port's: without any item the port's is withdrawn", PORT, 0x00, {true, 2, 0x90}, "-1 90 RR; ", none},
         // Kept: no item on a port does not withdraw what the VLAN installed.
         {"a port's: without any item the VLAN's stays", PORT, 0x00, {true, 1, 0x90}, "", {true, 1, 0x90}},
         {"a port's: without any item nothing is installed", PORT, 0x00, none, "", none},
-        {"other bits are no items", PORT, 0x0F, {true, 2, 0x90}, "hw delete 1 items 90 rule RR; ", none},
-        {"one item is enough", PORT, 0x1F, none, "hw add 1 items 10 rule RR; ", {true, 2, 0x1F}},
+        {"other bits are no items", PORT, 0x0F, {true, 2, 0x90}, "-1 90 RR; ", none},
+        {"one item is enough", PORT, 0x1F, none, "+1 10 RR; ", {true, 2, 0x1F}},
         // a VLAN's
-        {"a VLAN's: installed, on the binding's port",
-         VLAN_IF,
-         0x90,
-         none,
-         "hw add 1 items 90 rule RR; ",
-         {true, 1, 0x90}},
-        {"a VLAN's: the VLAN's is replaced",
-         VLAN_IF,
-         0x20,
-         {true, 1, 0x40},
-         "hw delete 1 items 40 rule RR; hw add 1 items 20 rule RR; ",
-         {true, 1, 0x20}},
+        {"a VLAN's: installed, on the binding's port", VLAN_IF, 0x90, none, "+1 90 RR; ", {true, 1, 0x90}},
+        {"a VLAN's: the VLAN's is replaced", VLAN_IF, 0x20, {true, 1, 0x40}, "-1 40 RR; +1 20 RR; ", {true, 1, 0x20}},
         {"a VLAN's: the port's stays", VLAN_IF, 0x90, {true, 2, 0x40}, "", {true, 2, 0x40}},
-        {"a VLAN's: without any item the VLAN's is withdrawn",
-         VLAN_IF,
-         0x00,
-         {true, 1, 0x90},
-         "hw delete 1 items 90 rule RR; ",
-         none},
+        {"a VLAN's: without any item the VLAN's is withdrawn", VLAN_IF, 0x00, {true, 1, 0x90}, "-1 90 RR; ", none},
         {"a VLAN's: without any item the port's stays", VLAN_IF, 0x00, {true, 2, 0x90}, "", {true, 2, 0x90}},
         // marks as the peer unit sends them: installed, whose items it was not said
         {"installed by nobody known: a port's change leaves it", PORT, 0x90, {true, 0, 0}, "", {true, 0, 0}},
         {"installed by nobody known: a VLAN's too", VLAN_IF, 0x90, {true, 0, 0}, "", {true, 0, 0}},
-        {"a source without an installation keeps one away",
-         PORT,
-         0x90,
-         {false, 1, 0x40},
-         "",
-         {false, 1, 0x40}},
+        {"a source without an installation keeps one away", PORT, 0x90, {false, 1, 0x40}, "", {false, 1, 0x40}},
         // refusals
-        {"a refused withdrawal leaves what was",
-         PORT,
-         0x90,
-         {true, 2, 0xF0},
-         "hw delete 1 items f0 rule RR; ",
-         {true, 2, 0xF0},
-         "hw delete"},
-        {"a refused installation leaves nothing",
-         PORT,
-         0x90,
-         {true, 2, 0xF0},
-         "hw delete 1 items f0 rule RR; hw add 1 items 90 rule RR; ",
-         none,
-         "hw add"},
+        {"a refused withdrawal leaves what was", PORT, 0x90, {true, 2, 0xF0}, "-1 f0 RR; ", {true, 2, 0xF0}, "hw delete"},
+        {"a refused installation leaves nothing", PORT, 0x90, {true, 2, 0xF0}, "-1 f0 RR; +1 90 RR; ", none, "hw add"},
         // who is meant
-        {"static bindings are not", PORT, 0x90, none, "", none, nullptr,
-         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
-        {"those of IP source guard are not", PORT, 0x90, none, "", none, nullptr,
-         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_IPSG; }},
-        {"those not bound yet are not", PORT, 0x90, none, "", none, nullptr,
-         [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; }},
-        {"nor are they withdrawn",
-         PORT,
-         0x00,
-         {true, 2, 0x90},
-         "",
-         {true, 2, 0x90},
-         nullptr,
-         [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; }},
-        {"a port's: not those of another port", PORT, 0x90, none, "", none, nullptr,
-         [](DhcpsnoopUser *u) { u->ifIndex = OTHER; }},
-        {"a port's: in whatever VLAN",
-         PORT,
-         0x90,
-         none,
-         "hw add 1 items 90 rule RR; ",
-         {true, 2, 0x90},
-         nullptr,
-         [](DhcpsnoopUser *u) { u->vid = 20; }},
-        {"a VLAN's: not those of another VLAN", VLAN_IF, 0x90, none, "", none, nullptr,
-         [](DhcpsnoopUser *u) { u->vid = 20; }},
-        {"a VLAN's: on whatever port",
-         VLAN_IF,
-         0x90,
-         none,
-         "hw add 2 items 90 rule RR; ",
-         {true, 1, 0x90},
-         nullptr,
-         [](DhcpsnoopUser *u) { u->ifIndex = OTHER; }},
-        {"IPv6 as well",
-         PORT,
-         0x80,
-         none,
-         "hw add 1 items 80 rule RR; ",
-         {true, 2, 0x80},
-         nullptr,
-         [](DhcpsnoopUser *u) { u->key.ipType = DHCPSNOOP_IPV6; }},
-        {"an interface that the switch does not know is a port",
-         77,
-         0x90,
-         none,
-         "hw add 77 items 90 rule RR; ",
-         {true, 2, 0x90},
-         nullptr,
-         [](DhcpsnoopUser *u) { u->ifIndex = 77; }},
+        {"static bindings are not", PORT, 0x90, none, "", none, nullptr, fixed},
+        {"those of IP source guard are not", PORT, 0x90, none, "", none, nullptr, guarded},
+        {"those not bound yet are not", PORT, 0x90, none, "", none, nullptr, unbound},
+        {"nor are they withdrawn", PORT, 0x00, {true, 2, 0x90}, "", {true, 2, 0x90}, nullptr, unbound},
+        {"a port's: not those of another port", PORT, 0x90, none, "", none, nullptr, elsewhere},
+        {"a port's: in whatever VLAN", PORT, 0x90, none, "+1 90 RR; ", {true, 2, 0x90}, nullptr, vlan20},
+        {"a VLAN's: not those of another VLAN", VLAN_IF, 0x90, none, "", none, nullptr, vlan20},
+        {"a VLAN's: on whatever port", VLAN_IF, 0x90, none, "+2 90 RR; ", {true, 1, 0x90}, nullptr, elsewhere},
+        {"IPv6 as well", PORT, 0x80, none, "+1 80 RR; ", {true, 2, 0x80}, nullptr, ipv6},
+        {"an interface that the switch does not know is a port", 77, 0x90, none, "+77 90 RR; ", {true, 2, 0x90}, nullptr, port77},
     };
     for (const auto &row : rows) {
         for (const bool dai : {false, true}) {
             for (const uint8_t started : {uint8_t{0}, uint8_t{1}}) {
-                SCOPED_TRACE(
-                    world_format("%s; %s, started %u", row.claim, dai ? "ARP inspection" : "IPSG", started));
+                SCOPED_TRACE(world_format("%s; %s, started %u", row.claim, dai ? "ARP inspection" : "IPSG", started));
                 SetUp();
                 gDhcpsnoop.daiStarted = started;
                 mark(dai, row.before);
@@ -324,10 +240,7 @@ TEST_F(Enforcement, PayloadsCutShort)
         Lines texts;     // of a shorter one
     } rows[] = {
         {"IPSG_CHANGEDCHECKITEM", IPSG_CHANGE, 5, {}},
-        {"DAICHANGEDCHECKITEM",
-         DAI_CHANGE,
-         5,
-         {"[DHCPSNOOP] Receive RTM_ANTIARP_DAICHANGEDCHECKITEM message.\r\n"}},
+        {"DAICHANGEDCHECKITEM", DAI_CHANGE, 5, {"[DHCPSNOOP] Receive RTM_ANTIARP_DAICHANGEDCHECKITEM message.\r\n"}},
         {"DAISTART", DAI_START, 5, {"[DHCPSNOOP] Receive RTM_SYSTEM_DAISTART message.\r\n"}},
         {"UPDATEDHCPSNOOPUSER", USERS_UPDATE, 4, {}},
     };
@@ -365,46 +278,18 @@ TEST_F(Enforcement, ArpInspectionStarts)
         const char *hardware;
         Mark after;
         const char *refused = nullptr;
-        void (*prepare)(DhcpsnoopUser *) = nullptr;
+        Prepare prepare = nullptr;
     } rows[] = {
-        {"a dynamic binding, with the event's items", none, "hw add 1 items 90 rule 40; ", {true, 2, 0x90}},
-        {"before a server acknowledged it, too",
-         none,
-         "hw add 1 items 90 rule 40; ",
-         {true, 2, 0x90},
-         nullptr,
-         [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; }},
+        {"a dynamic binding, with the event's items", none, "+1 90 40; ", {true, 2, 0x90}},
+        {"before a server acknowledged it, too", none, "+1 90 40; ", {true, 2, 0x90}, nullptr, unbound},
         {"what is installed is left", {true, 1, 0x40}, "", {true, 1, 0x40}},
-        {"items that were left over are replaced",
-         {false, 1, 0x40},
-         "hw add 1 items 90 rule 40; ",
-         {true, 2, 0x90}},
-        {"a static binding, with its own items",
-         {false, 0, 0x60},
-         "hw add 1 items 60 rule 40; ",
-         {true, 0, 0x60},
-         nullptr,
-         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
-        {"a static binding that is installed",
-         {true, 0, 0x60},
-         "",
-         {true, 0, 0x60},
-         nullptr,
-         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
-        {"not those of IP source guard", none, "", none, nullptr,
-         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_IPSG; }},
-        {"not those of another port", none, "", none, nullptr, [](DhcpsnoopUser *u) { u->ifIndex = OTHER; }},
-        {"a refusal leaves it as it was",
-         {false, 1, 0x40},
-         "hw add 1 items 90 rule 40; ",
-         {false, 1, 0x40},
-         "hw add"},
-        {"a static binding's refusal",
-         {false, 0, 0x60},
-         "hw add 1 items 60 rule 40; ",
-         {false, 0, 0x60},
-         "hw add",
-         [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
+        {"items that were left over are replaced", {false, 1, 0x40}, "+1 90 40; ", {true, 2, 0x90}},
+        {"a static binding, with its own items", {false, 0, 0x60}, "+1 60 40; ", {true, 0, 0x60}, nullptr, fixed},
+        {"a static binding that is installed", {true, 0, 0x60}, "", {true, 0, 0x60}, nullptr, fixed},
+        {"not those of IP source guard", none, "", none, nullptr, guarded},
+        {"not those of another port", none, "", none, nullptr, elsewhere},
+        {"a refusal leaves it as it was", {false, 1, 0x40}, "+1 90 40; ", {false, 1, 0x40}, "hw add"},
+        {"a static binding's refusal", {false, 0, 0x60}, "+1 60 40; ", {false, 0, 0x60}, "hw add", fixed},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -436,19 +321,19 @@ TEST_F(Enforcement, ArpInspectionStops)
     gDhcpsnoop.daiStarted = 1;
     mark(true, {true, 2, 0x90});
     mark(false, {true, 2, 0x50});
-    DhcpsnoopUser *fixed = make_binding(HOST + 1, MAC_CLIENT2, OTHER, 20);
-    fixed->userType = DHCPSNOOP_USER_STATIC;
-    fixed->hwFlags = DHCPSNOOP_HW_DAI;
-    fixed->daiCheckItems = 0x40;
+    DhcpsnoopUser *still = make_binding(HOST + 1, MAC_CLIENT2, OTHER, 20);
+    still->userType = DHCPSNOOP_USER_STATIC;
+    still->hwFlags = DHCPSNOOP_HW_DAI;
+    still->daiCheckItems = 0x40;
     DhcpsnoopUser *idle = make_binding(HOST + 2, MAC_CLIENT2, OTHER, 20);
     idle->daiCheckItems = 0x20; // not installed: not touched
 
     world.refuse("hw delete 2", 5, 1);
     deliver(event_message(DAI_STOP));
-    EXPECT_EQ(hardware(), "hw delete 1 items 90 rule 40; hw delete 2 items 40 rule 40; ");
+    EXPECT_EQ(hardware(), "-1 90 40; -2 40 40; ");
     EXPECT_EQ(marked(true), (Mark{false, 0, 0}));
     EXPECT_EQ(marked(false), (Mark{true, 2, 0x50}));
-    EXPECT_TRUE(fixed->hwFlags == DHCPSNOOP_HW_DAI && fixed->daiCheckItems == 0x40); // was refused
+    EXPECT_TRUE(still->hwFlags == DHCPSNOOP_HW_DAI && still->daiCheckItems == 0x40); // was refused
     EXPECT_EQ(idle->daiCheckItems, 0x20);
     EXPECT_EQ(gDhcpsnoop.daiStarted, 0); // all the same
 
@@ -456,8 +341,8 @@ TEST_F(Enforcement, ArpInspectionStops)
     world.clear();
     debug(2);
     deliver(event_message(DAI_STOP));
-    EXPECT_EQ(hardware(), "hw delete 2 items 40 rule 00; ");
-    EXPECT_EQ(fixed->hwFlags, 0);
+    EXPECT_EQ(hardware(), "-2 40 00; ");
+    EXPECT_EQ(still->hwFlags, 0);
     EXPECT_EQ(debug_texts()[0], "[DHCPSNOOP] Receive RTM_SYSTEM_DAISTOP message.\r\n");
 }
 
@@ -467,15 +352,14 @@ TEST_F(Enforcement, UsersAreAnnouncedAgain)
         const char *claim;
         uint32_t vid; // the event's
         bool announced;
-        void (*prepare)(DhcpsnoopUser *) = nullptr;
+        Prepare prepare = nullptr;
     } rows[] = {
         {"a dynamic binding with a gateway", 10, true},
         // Kept: bound or not.
-        {"before a server acknowledged it, too", 10, true,
-         [](DhcpsnoopUser *u) { u->bindState = DHCPSNOOP_BIND_REQUESTED; }},
-        {"not without a gateway", 10, false, [](DhcpsnoopUser *u) { u->gateway = 0; }},
-        {"not a static one", 10, false, [](DhcpsnoopUser *u) { u->userType = DHCPSNOOP_USER_STATIC; }},
-        {"not IPv6", 10, false, [](DhcpsnoopUser *u) { u->key.ipType = DHCPSNOOP_IPV6; }},
+        {"before a server acknowledged it, too", 10, true, unbound},
+        {"not without a gateway", 10, false, noGateway},
+        {"not a static one", 10, false, fixed},
+        {"not IPv6", 10, false, ipv6},
         {"not of another VLAN", 11, false},
         {"nor of one that only ends alike", 0x1000A, false},
     };
@@ -488,17 +372,13 @@ TEST_F(Enforcement, UsersAreAnnouncedAgain)
             row.prepare(user);
         debug(1);
         deliver(event_message(USERS_UPDATE, host32(row.vid)));
-        EXPECT_EQ(
-            debug_texts()[0],
-            world_format("[DHCPSNOOP] Receive RTM_DHCPSNOOP_UPDATEDHCPSNOOPUSER message. Vlan is %u.\r\n",
-                         row.vid));
+        EXPECT_EQ(debug_texts()[0], world_format("[DHCPSNOOP] Receive RTM_DHCPSNOOP_UPDATEDHCPSNOOPUSER message. Vlan is %u.\r\n", row.vid));
         ASSERT_EQ(world.calls(), row.announced ? Lines{"qorNetlinkSend 16 0 72"} : Lines{});
         if (row.announced) {
             const Bytes &record = world.all(Did::Call)[0]->data;
             EXPECT_EQ(hex(Bytes(record.begin() + 12, record.begin() + 14)), hex(host16(188)));
             EXPECT_EQ(hex(Bytes(record.begin() + 24, record.end())),
-                      hex(mac_bytes(MAC_CLIENT) + host16(10) + host32(PORT) + be32(HOST) + Bytes(12, 0) +
-                          gateway + Bytes(14, 0) + Bytes{1, 0}));
+                      hex(mac_bytes(MAC_CLIENT) + host16(10) + host32(PORT) + be32(HOST) + Bytes(12, 0) + gateway + Bytes(14, 0) + Bytes{1, 0}));
         }
         user->key.ipType = DHCPSNOOP_IPV4;
     }

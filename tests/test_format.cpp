@@ -37,8 +37,7 @@ class Format : public Daemon
     {
         const Bytes exact = text + text_bytes("s%s");
         Bytes out(1024, 0xEE);
-        const uint32_t written =
-            dhcpsnoop_format_print(&from, exact.data(), static_cast<uint32_t>(text.size()), out.data(), room);
+        const uint32_t written = dhcpsnoop_format_print(&from, exact.data(), static_cast<uint32_t>(text.size()), out.data(), room);
         EXPECT_LE(written, 255u);
         for (size_t i = written; i < out.size(); i++)
             EXPECT_EQ(out[i], 0xEE) << "written behind the " << written << " bytes";
@@ -109,8 +108,7 @@ TEST_F(Format, EndOfTheTemplate)
 {
     const struct {
         const char *claim;
-        Bytes text;
-        Bytes output;
+        Bytes text, output;
     } rows[] = {
         {"a NUL ends the output", text_bytes("ab") + NUL + text_bytes("cd"), text_bytes("ab")},
         {"a NUL after a conversion", text_bytes("%s") + NUL + text_bytes("%c"), text_bytes("10")},
@@ -119,8 +117,7 @@ TEST_F(Format, EndOfTheTemplate)
          text_bytes("%1") + NUL + text_bytes("ab"), text_bytes("%1") + NUL + text_bytes("ab")},
         {"the search for it stops at a NUL: the rest is the run, conversions too",
          text_bytes("%1") + NUL + text_bytes("%s"), text_bytes("%1") + NUL + text_bytes("%s")},
-        {"a percent sign before a NUL", text_bytes("%") + NUL + text_bytes("x"),
-         text_bytes("%") + NUL + text_bytes("x")},
+        {"a percent sign before a NUL", text_bytes("%") + NUL + text_bytes("x"), text_bytes("%") + NUL + text_bytes("x")},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -154,8 +151,7 @@ TEST_F(Format, RoomAndTheLimitOf255)
         // Kept: the room is compared with the length before the run.
         {"a run passes the room", "a%1234567", 2, text_bytes("a%1234567")},
         {"but does not begin behind it", "ab%1234567", 2, text_bytes("ab")},
-        {"a run of 255 passes a room of 1", "%1" + std::string(253, 'x'), 1,
-         text_bytes("%1" + std::string(253, 'x'))},
+        {"a run of 255 passes a room of 1", "%1" + std::string(253, 'x'), 1, text_bytes("%1" + std::string(253, 'x'))},
         {"a run of 256 does not", "%1" + std::string(254, 'x'), 768, NONE},
     };
     for (const auto &row : rows) {

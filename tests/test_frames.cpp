@@ -78,6 +78,25 @@ Bytes info(uint32_t port, uint32_t outer, uint32_t inner, uint8_t headerLength)
     return be32(port) + repeated(0, 16) + be16(outer) + be16(inner) + Bytes{headerLength};
 }
 
+// What a UDP checksum is over beside the datagram: addresses, protocol, length (RFC 768; RFC 8200 8.1 adds up to the same).
+Bytes pseudo_header(const Bytes &frame, size_t udp, bool v6 = false)
+{
+    const auto at = frame.begin() + static_cast<ptrdiff_t>(udp);
+    return Bytes(at - (v6 ? 32 : 8), at) + be16(17) + be16(static_cast<uint32_t>(frame.size() - udp));
+}
+
+uint16_t udp_sum(const Bytes &frame)
+{
+    return internet_checksum(pseudo_header(frame, 34) + Bytes(frame.begin() + 34, frame.end()));
+}
+
+// The checksum left to the device: its field has the pseudo-header's sum.
+Bytes unfinished(Bytes frame, size_t udp, bool v6 = false)
+{
+    wire_put16(frame.data() + udp + 6, static_cast<uint16_t>(~internet_checksum(pseudo_header(frame, udp, v6))));
+    return frame;
+}
+
 // A SOLICIT (RFC 8415) from fe80::1; its checksum is scapy's.
 Bytes solicit(std::vector<Tag> tags)
 {
@@ -170,23 +189,14 @@ TEST_F(Frames, ComeAsTheyWereOnTheWire)
         SCOPED_TRACE(row.claim);
         Frame frame = discover();
         frame.tags = row.tags;
-        const Bytes expectedInfo =
-            info(port_, row.outer, row.inner, static_cast<uint8_t>(14 + 4 * row.tags.size()));
+        const Bytes expectedInfo = info(port_, row.outer, row.inner, static_cast<uint8_t>(14 + 4 * row.tags.size()));
         for (const bool v6 : {false, true}) {
             const Bytes whole = v6 ? solicit(row.tags) : frame.bytes();
-            // With and without a checksum left to the device, whose field then has the pseudo-header's sum.
             const size_t udp = 14 + 4 * row.tags.size() + (v6 ? 40 : 20);
-            Bytes unfinished = whole;
-            const Bytes pseudo = v6 ? Bytes(whole.begin() + static_cast<long>(udp) - 32,
-                                            whole.begin() + static_cast<long>(udp))
-                                    : Bytes(whole.begin() + static_cast<long>(udp) - 8,
-                                            whole.begin() + static_cast<long>(udp));
-            wire_put16(unfinished.data() + udp + 6,
-                       static_cast<uint16_t>(~internet_checksum(pseudo + be16(17) + Bytes(whole.begin() + static_cast<long>(udp) + 4, whole.begin() + static_cast<long>(udp) + 6))));
             for (const bool offload : {false, true}) {
                 SCOPED_TRACE(std::string(v6 ? "IPv6" : "IPv4") + (offload ? ", offload" : ""));
                 if (offload)
-                    from.send_unfinished(unfinished, udp, 6);
+                    from.send_unfinished(unfinished(whole, udp, v6), udp, 6);
                 else
                     from.send(whole);
                 const ssize_t length = loop_.receive(v6 ? v6_ : v4_);
@@ -218,25 +228,20 @@ TEST_F(Frames, OfATrappedVlanComeAndOthersDoNot)
 {
     ASSERT_EQ(guard_trap_vlan(10, 4, true), 0);
     Wire from("c1"), to("c2");
-    const struct {
-        std::vector<Tag> tags;
-        bool comes;
-    } rows[] = {
-        {{}, false},
-        {{{0x8100, 10}}, true},
-        {{{0x8100, 20}}, false},
-        {{{0x88A8, 10}, {0x8100, 20}}, true},
-        {{{0x88A8, 20}, {0x8100, 10}}, false},
-        {{{0x9100, 10}}, true},
-        {{{0x8100, 0xE000}}, false},
-    };
-    for (const auto &row : rows) {
-        Frame frame = discover();
-        frame.tags = row.tags;
-        SCOPED_TRACE(hex(frame.bytes()).substr(0, 70));
+    const std::vector<Tag> come[] = {{{0x8100, 10}}, {{0x88A8, 10}, {0x8100, 20}}, {{0x9100, 10}}};
+    const std::vector<Tag> pass[] = {{}, {{0x8100, 20}}, {{0x88A8, 20}, {0x8100, 10}}, {{0x8100, 0xE000}}};
+    Frame frame = discover();
+    for (const auto &tags : come) {
+        frame.tags = tags;
         from.send(frame.bytes());
-        EXPECT_EQ(loop_.receive(v4_, row.comes ? 1000 : 20) > 0, row.comes);
-        EXPECT_EQ(to.receive().has_value(), !row.comes);
+        EXPECT_GT(loop_.receive(v4_), 0) << hex(frame.bytes()).substr(0, 70);
+        EXPECT_FALSE(to.receive().has_value());
+    }
+    for (const auto &tags : pass) {
+        frame.tags = tags;
+        from.send(frame.bytes());
+        expect_nothing(v4_);
+        EXPECT_TRUE(to.receive().has_value()) << hex(frame.bytes()).substr(0, 70);
     }
 }
 
@@ -259,19 +264,12 @@ TEST_F(Frames, OfALocalProgramHaveATrueChecksum)
         address.sin_port = htons(67);
         address.sin_addr.s_addr = INADDR_BROADCAST;
         const Bytes message = discover().message();
-        ASSERT_EQ(sendto(sock, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&address),
-                         sizeof address),
+        ASSERT_EQ(sendto(sock, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof address),
                   static_cast<ssize_t>(message.size()));
         close(sock);
         const ssize_t length = loop_.receive(v4_);
         ASSERT_EQ(length, static_cast<ssize_t>(42 + message.size()));
-        const Bytes frame = loop_.frame(length);
-        // RFC 768: the sum over pseudo-header and datagram, checksum included, is all ones.
-        const Bytes datagram(frame.begin() + 34, frame.end());
-        EXPECT_EQ(internet_checksum(Bytes(frame.begin() + 26,
-                                          frame.begin() + 34) +
-                                    be16(17) + be16(static_cast<uint32_t>(datagram.size())) + datagram),
-                  0);
+        EXPECT_EQ(udp_sum(loop_.frame(length)), 0); // RFC 768: with the checksum in its place the sum is all ones
     }
 }
 
@@ -283,17 +281,17 @@ TEST_F(Frames, OfPortsAndVlansThatDoNotReceiveAreDropped)
     foreign.tags = {{0x8100, 30}};
     from.send(foreign.bytes());
     expect_nothing(v4_);
-    Port &port = modelPorts[port_];
-    port.stp = StpState::blocking;
-    from.send(discover().bytes());
-    expect_nothing(v4_);
-    port.stp = StpState::forwarding;
-    port.aggregate = 99;
-    from.send(discover().bytes());
-    expect_nothing(v4_);
-    port.aggregate = 0;
-    from.send(discover().bytes());
-    EXPECT_GT(loop_.receive(v4_), 0);
+    const struct {
+        StpState stp;
+        uint32_t aggregate;
+        bool comes;
+    } rows[] = {{StpState::blocking, 0, false}, {StpState::forwarding, 99, false}, {StpState::forwarding, 0, true}};
+    for (const auto &row : rows) {
+        modelPorts[port_].stp = row.stp;
+        modelPorts[port_].aggregate = row.aggregate;
+        from.send(discover().bytes());
+        EXPECT_EQ(loop_.receive(v4_, row.comes ? 1000 : 20) > 0, row.comes);
+    }
     modelPorts.clear();
     from.send(discover().bytes());
     expect_nothing(v4_);
@@ -367,18 +365,11 @@ TEST_F(Frames, WhoseChecksumIsZeroSayAllOnes)
     frame.udpChecksum = 0;
     frame.options = frame.options + Bytes(2);
     const Bytes base = frame.bytes();
-    // The word in the options that brings the sum of pseudo-header and datagram to all ones.
-    const Bytes datagram(base.begin() + 34, base.end());
-    const uint16_t rest = internet_checksum(Bytes(base.begin() + 26, base.begin() + 34) + be16(17) +
-                                            be16(static_cast<uint32_t>(datagram.size())) + datagram);
-    frame.options.resize(frame.options.size() - 2);
-    frame.options = frame.options + be16(rest);
-    Bytes unfinished = frame.bytes();
     ASSERT_EQ((base.size() - 42) % 2, 0u) << "the word stands at an even place";
-    wire_put16(unfinished.data() + 40, static_cast<uint16_t>(~internet_checksum(Bytes(base.begin() + 26,
-                                                                                      base.begin() + 34) +
-                                                                                be16(17) + be16(static_cast<uint32_t>(datagram.size())))));
-    from.send_unfinished(unfinished, 34, 6);
+    // The word in the options that brings the sum of pseudo-header and datagram to all ones.
+    frame.options.resize(frame.options.size() - 2);
+    frame.options = frame.options + be16(udp_sum(base));
+    from.send_unfinished(unfinished(frame.bytes(), 34), 34, 6);
     const ssize_t length = loop_.receive(v4_);
     ASSERT_GT(length, 42);
     EXPECT_EQ(wire_get16(loop_.frame(length).data() + 40), 0xFFFF);
@@ -486,8 +477,7 @@ TEST_F(Frames, GoOutThroughTheSameSocket)
     address.sll_protocol = htons(ETH_P_IP);
     address.sll_ifindex = static_cast<int>(port_);
     address.sll_halen = 6;
-    ASSERT_EQ(sendto(v4_, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof address),
-              static_cast<ssize_t>(frame.size()))
+    ASSERT_EQ(sendto(v4_, frame.data(), frame.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof address), static_cast<ssize_t>(frame.size()))
         << strerror(errno);
     const std::optional<Bytes> got = to.receive();
     ASSERT_TRUE(got.has_value());

@@ -78,24 +78,16 @@ TEST_F(Interface, EnableAsksThePlatform)
         uint32_t vid;
         const char *text;
     } rows[] = {
-        {"a port in bridge mode", [](WorldPort &) {}, "02 00 00 00 01 0a", false, false, 0,
-         "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
-        {"in router mode", [](WorldPort &port) { port.workMode = 1; }, "02 00 00 00 01 0a", true, false, 0,
-         "[DHCPSNOOP] Dhcpsnoop interface work mode router.\r\n"},
+        {"a port in bridge mode", [](WorldPort &) {}, "02 00 00 00 01 0a", false, false, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
+        {"in router mode", [](WorldPort &port) { port.workMode = 1; }, "02 00 00 00 01 0a", true, false, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode router.\r\n"},
         {"a mode word of 2 is called router, but the bit is clear",
          [](WorldPort &port) { port.workMode = 2; }, "02 00 00 00 01 0a", false, false, 0,
          "[DHCPSNOOP] Dhcpsnoop interface work mode router.\r\n"},
         {"a VLAN interface",
-         [](WorldPort &port) {
-             port.isVlanIf = true;
-             port.vid = 4094;
-         },
+         [](WorldPort &port) { port.isVlanIf = true, port.vid = 4094; },
          "02 00 00 00 01 0a", false, true, 4094, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
         {"only 12 bits of its VLAN are taken",
-         [](WorldPort &port) {
-             port.isVlanIf = true;
-             port.vid = 0xF00A;
-         },
+         [](WorldPort &port) { port.isVlanIf = true, port.vid = 0xF00A; },
          "02 00 00 00 01 0a", false, true, 10, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
         {"nothing answered: bridge mode, no VLAN interface, MAC zero",
          [](WorldPort &port) {
@@ -196,10 +188,8 @@ TEST_F(Interface, LookupByVlan)
 TEST_F(Interface, VersionChange)
 {
     const std::string changed = "Interface trust state is changed!\n\r";
-    const std::string on6 =
-        "[DHCPSNOOP] Process user on interface 10, inet type 2, user type = 2, operate 1.\r\n";
-    const std::string on4 =
-        "[DHCPSNOOP] Process user on interface 10, inet type 1, user type = 2, operate 1.\r\n";
+    const std::string on6 = "[DHCPSNOOP] Process user on interface 10, inet type 2, user type = 2, operate 1.\r\n";
+    const std::string on4 = "[DHCPSNOOP] Process user on interface 10, inet type 1, user type = 2, operate 1.\r\n";
     const std::string off4[] = {
         "[DHCPSNOOP] Process user on interface 10, inet type 1, user type = 1, operate 2.\r\n",
         "[DHCPSNOOP] Process user on interface 10, inet type 1, user type = 2, operate 0.\r\n"};
@@ -207,8 +197,7 @@ TEST_F(Interface, VersionChange)
         "[DHCPSNOOP] Process user on interface 10, inet type 2, user type = 1, operate 2.\r\n",
         "[DHCPSNOOP] Process user on interface 10, inet type 2, user type = 2, operate 0.\r\n"};
     const auto notify = [](uint32_t version, uint32_t state) {
-        return world_format("[DHCPSNOOP] Notify interface state to hwapi: unit 10, verion %u, state %u.\r\n",
-                            version, state);
+        return world_format("[DHCPSNOOP] Notify interface state to hwapi: unit 10, verion %u, state %u.\r\n", version, state);
     };
     const struct {
         const char *claim;
@@ -256,8 +245,7 @@ TEST_F(Interface, TrapCalls)
     const struct {
         const char *claim;
         uint32_t version, state;
-        int32_t result4, result6;
-        int32_t result;
+        int32_t result4, result6, result;
         Lines calls, texts;
     } rows[] = {
         {"add IPv4", 1, 1, 0, 0, 0, {add4}, {}},
@@ -285,9 +273,7 @@ TEST_F(Interface, TrapCalls)
             }
             EXPECT_EQ(dhcpsnoop_if_state_notify(10, row.version, row.state), row.result);
             EXPECT_EQ(world.calls(), row.calls);
-            Lines texts = {
-                world_format("[DHCPSNOOP] Notify interface state to hwapi: unit 10, verion %u, state %u.\r\n",
-                             row.version, row.state)};
+            Lines texts = {world_format("[DHCPSNOOP] Notify interface state to hwapi: unit 10, verion %u, state %u.\r\n", row.version, row.state)};
             texts.insert(texts.end(), row.texts.begin(), row.texts.end());
             EXPECT_EQ(debug_texts(), flags == 0 ? Lines{} : texts);
         }

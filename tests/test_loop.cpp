@@ -64,11 +64,9 @@ TEST_F(Loop, WatchesItsFourSocketsForSixtySeconds)
         const char *line;
     } rows[] = {
         {"all four", 900, 901, 902, 903, "select data data6 cmd rt, 60 s"},
-        {"closed ones are left out", -1, 901, -1, 903, "select data6 rt, 60 s"},
         {"descriptor 0 is not watched", 0, 0, 0, 903, "select rt, 60 s"},
         {"none at all", -1, -1, -1, -1, "select, 60 s"},
-        {"a descriptor that does not fit the set is left out", FD_SETSIZE, FD_SETSIZE + 70, 902, 1 << 20,
-         "select cmd, 60 s"},
+        {"a descriptor that does not fit the set is left out", FD_SETSIZE, FD_SETSIZE + 70, 902, 1 << 20, "select cmd, 60 s"},
         {"the last that fits", FD_SETSIZE - 1, -1, -1, -1, "select data, 60 s"},
     };
     for (const auto &row : rows) {
@@ -133,21 +131,17 @@ TEST_F(Loop, SelectResult)
 
 TEST_F(Loop, LeaseScanByRole)
 {
-    const struct {
-        DhcpsnoopRole role;
-        bool scans;
-    } rows[] = {{DHCPSNOOP_ROLE_NONE, true}, {DHCPSNOOP_ROLE_MASTER, true}, {DHCPSNOOP_ROLE_SLAVE, false}};
-    for (const auto &row : rows) {
+    for (const DhcpsnoopRole role : {DHCPSNOOP_ROLE_NONE, DHCPSNOOP_ROLE_MASTER, DHCPSNOOP_ROLE_SLAVE}) {
         for (const int result : {0, -1}) {
-            SCOPED_TRACE(world_format("role %d, select %d", row.role, result));
-            in_child([&row, result] {
+            SCOPED_TRACE(world_format("role %d, select %d", role, result));
+            in_child([role, result] {
                 make_binding(ip4(10, 0, 0, 9), MAC_CLIENT, 1, 10)->leaseTime = 60;
                 world.now += 60;
-                world.role(row.role);
+                world.role(role);
                 world.selectResult = result;
                 PrintedError error;
                 dhcpsnoop_main_pass();
-                EXPECT_EQ(count_bindings(), row.scans ? 0u : 1u);
+                EXPECT_EQ(count_bindings(), role == DHCPSNOOP_ROLE_SLAVE ? 1u : 0u);
             });
         }
     }
@@ -160,22 +154,15 @@ TEST_F(Loop, FrameBecomesARecord)
         pass_with({.frame = frame, .control = {info_message(1, 100, 20, 22)}, .ifIndex = 77});
         ASSERT_EQ(world.received.size(), 1u);
         const DhcpsnoopRxPkt &rx = world.received[0];
-        EXPECT_EQ(rx.valid, 1);
-        EXPECT_EQ(rx.len, frame.size());
+        EXPECT_TRUE(rx.valid == 1 && rx.len == frame.size() && rx.inIf == dhcpsnoop_if_lookup(1));
         EXPECT_EQ(hex(Bytes(rx.data, rx.data + frame.size())), hex(frame));
-        EXPECT_EQ(rx.inIf, dhcpsnoop_if_lookup(1));
         EXPECT_EQ(rx.ifIndex, 1u); // IPv4: the packet information's
-        EXPECT_EQ(rx.outerVid, 100);
-        EXPECT_EQ(rx.innerVid, 20);
-        EXPECT_EQ(rx.l2HdrLen, 22);
-        EXPECT_EQ(rx.etherType, 0x0800);
+        EXPECT_TRUE(rx.outerVid == 100 && rx.innerVid == 20 && rx.l2HdrLen == 22 && rx.etherType == 0x0800);
 
         pass_with({.frame = frame, .control = {info_message(1, 0xFFF, 0, 255)}, .ifIndex = 77}, true);
         ASSERT_EQ(world.received.size(), 1u);
         EXPECT_EQ(world.received[0].ifIndex, 77u); // IPv6: the link-layer address's
-        EXPECT_EQ(world.received[0].outerVid, 0xFFF);
-        EXPECT_EQ(world.received[0].l2HdrLen, 255);
-        EXPECT_EQ(world.received[0].etherType, 0x86DD);
+        EXPECT_TRUE(world.received[0].outerVid == 0xFFF && world.received[0].l2HdrLen == 255 && world.received[0].etherType == 0x86DD);
     });
 }
 
@@ -273,33 +260,19 @@ TEST_F(Loop, FrameWithoutInformationIsDroppedUntilSomeWasSeen)
     });
 }
 
+// Kept: the information last seen serves the frames that come without any; and after one frame without control data
+// there is no room for any, so that every later frame is taken with the information seen before.
 TEST_F(Loop, InformationLastSeenServesFramesThatBringNone)
 {
-    // Kept: the information last seen serves the frames that come without any.
     in_child([] {
         world.access(2, 20);
         snoop(2);
-        pass_with({.frame = Frame{}.bytes(), .control = {info_message(2, 20)}});
-        pass_with({.frame = Frame{}.bytes(), .control = {{1, 29, Bytes(16, 0)}}});
-        ASSERT_EQ(world.received.size(), 1u);
-        EXPECT_EQ(world.received[0].ifIndex, 2u);
-        EXPECT_EQ(world.received[0].outerVid, 20);
-    });
-}
-
-TEST_F(Loop, MessageHeaderIsNotResetBetweenFrames)
-{
-    // Kept: after one frame without control data there is no room for any, so that every later frame is taken
-    // with the information seen before.
-    in_child([] {
-        world.access(2, 20);
-        snoop(2);
-        pass_with({.frame = Frame{}.bytes(), .control = {info_message(2, 20)}});
-        pass_with({.frame = Frame{}.bytes()});
-        pass_with({.frame = Frame{}.bytes(), .control = {info_message(1, 10)}});
-        ASSERT_EQ(world.received.size(), 1u);
-        EXPECT_EQ(world.received[0].ifIndex, 2u);
-        EXPECT_EQ(world.received[0].outerVid, 20);
+        const std::vector<WorldControl> controls[] = {{info_message(2, 20)}, {{1, 29, Bytes(16, 0)}}, {}, {info_message(1, 10)}};
+        for (const auto &control : controls) {
+            pass_with({.frame = Frame{}.bytes(), .control = control});
+            ASSERT_EQ(world.received.size(), 1u);
+            EXPECT_TRUE(world.received[0].ifIndex == 2 && world.received[0].outerVid == 20);
+        }
     });
 }
 
@@ -316,8 +289,7 @@ TEST_F(Loop, InterfaceOfAFrame)
         {"the port's own entry", 1, 30, false, 1, "", ""},
         {"the VLAN interface of a port without snooping", 5, 30, false, 130, "", ""},
         {"a VLAN interface without snooping: dropped silently", 5, 40, false, 0, "", ""},
-        {"no VLAN interface", 5, 50, false, 0, "[DHCPSNOOP]: qor index trans error!\r\n",
-         "[DHCPSNOOP] qor index trans error!\r\n"},
+        {"no VLAN interface", 5, 50, false, 0, "[DHCPSNOOP]: qor index trans error!\r\n", "[DHCPSNOOP] qor index trans error!\r\n"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -344,8 +316,7 @@ TEST_F(Loop, InterfaceOfAFrame)
             }
             // Only the VLAN and the 3 stand in the question.
             if (row.port == 5) {
-                EXPECT_EQ(world.questions("qorIndexTrans"),
-                          Lines{world_format("qorIndexTrans 0,0,0,0,%u,3,0 7", row.outer)});
+                EXPECT_EQ(world.questions("qorIndexTrans"), Lines{world_format("qorIndexTrans 0,0,0,0,%u,3,0 7", row.outer)});
             }
         });
     }

@@ -437,11 +437,8 @@ TEST_F(Bindings, LearnedServersAreShown)
     dhcpsnoop_server_add(0xC0A8FFFE, 4094, 100);
     Printed out;
     dhcpsnoop_fake_server_show();
-    EXPECT_EQ(out.text(),
-              "\n\r IpAddr            Vid       Interface   "
-              "\n\r 192.168.255.254   4094      vlan10      "
-              "\n\r 10.0.10.1         10        swp5        "
-              "\n\r");
+    EXPECT_EQ(out.text(), "\n\r IpAddr            Vid       Interface   \n\r 192.168.255.254   4094      vlan10      "
+                          "\n\r 10.0.10.1         10        swp5        \n\r");
 }
 
 } // namespace

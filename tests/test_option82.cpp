@@ -23,6 +23,14 @@ class Option82 : public Daemon
         *length = static_cast<uint8_t>(text.size());
         memcpy(slot, text.data(), text.size());
     }
+    // Raw identifiers of these texts; no remote-id for an empty one.
+    static void raw(DhcpsnoopIf *p, std::string_view circuitId, std::string_view remoteId)
+    {
+        p->circuitIdFmt = 4;
+        p->remoteIdFmt = remoteId.empty() ? 1 : 4;
+        put(p->circuitId, &p->circuitIdLen, circuitId);
+        put(p->remoteId, &p->remoteIdLen, remoteId);
+    }
     static void put(DhcpsnoopOptionFormat *format, uint16_t mode, std::string_view text)
     {
         format->mode = mode;
@@ -55,28 +63,19 @@ TEST_F(Option82, Identifiers)
         std::string_view other; // the global one
         Bytes circuitId, remoteId;
     } rows[] = {
-        {"typed, generated: VLAN and location, or the MAC", 3, 4, "", "",
-         hex_bytes("01 08 00 06 00 0a 01 02 07 03"), hex_bytes("02 08 00 06 02 00 00 00 01 07")},
+        {"typed, generated: VLAN and location, or the MAC", 3, 4, "", "", hex_bytes("01 08 00 06 00 0a 01 02 07 03"), hex_bytes("02 08 00 06 02 00 00 00 01 07")},
         {"raw, generated", 4, 3, "", "", hex_bytes("01 06 00 0a 01 02 07 03"), hex_bytes("02 06 02 00 00 00 01 07")},
-        {"typed text", 3, 4, "abc", "", hex_bytes("01 05 01 03 61 62 63"), hex_bytes("02 05 01 03 61 62 63")},
         {"raw text", 4, 3, "abc", "", hex_bytes("01 03 61 62 63"), hex_bytes("02 03 61 62 63")},
-        {"the longest text", 3, 4, a128, "", hex_bytes("01 82 01 80") + text_bytes(a128),
-         hex_bytes("02 82 01 80") + text_bytes(a128)},
-        {"template of the interface", 5, 3, "%s-%N", "x", hex_bytes("01 07 31 30 2d 73 77 70 37"),
-         hex_bytes("02 07 31 30 2d 73 77 70 37")},
-        {"the global template when the interface has no mode", 0, 5, "own", "%s", hex_bytes("01 02 31 30"),
-         hex_bytes("02 02 31 30")},
+        {"the longest text", 3, 4, a128, "", hex_bytes("01 82 01 80") + text_bytes(a128), hex_bytes("02 82 01 80") + text_bytes(a128)},
+        {"template of the interface", 5, 3, "%s-%N", "x", hex_bytes("01 07 31 30 2d 73 77 70 37"), hex_bytes("02 07 31 30 2d 73 77 70 37")},
+        {"the global template when the interface has no mode", 0, 5, "own", "%s", hex_bytes("01 02 31 30"), hex_bytes("02 02 31 30")},
         {"an empty template omits the sub-option, whatever the global one", 5, 5, "", "%s", NONE, NONE},
         {"a template that yields nothing omits it", 5, 3, std::string_view("\0", 1), "", NONE, NONE},
-        {"the global mode 3, generated", 0, 3, "", "", hex_bytes("01 08 00 06 00 0a 01 02 07 03"),
-         hex_bytes("02 08 00 06 02 00 00 00 01 07")},
+        {"the global mode 3, generated", 0, 3, "", "", hex_bytes("01 08 00 06 00 0a 01 02 07 03"), hex_bytes("02 08 00 06 02 00 00 00 01 07")},
         // Kept: whichever record the mode came from, the text is the interface's own.
-        {"the global mode 3 with the interface's text", 0, 3, "own", "", hex_bytes("01 05 01 03 6f 77 6e"),
-         hex_bytes("02 05 01 03 6f 77 6e")},
-        {"the global mode 4 never takes the global text", 0, 4, "", "glob",
-         hex_bytes("01 06 00 0a 01 02 07 03"), hex_bytes("02 06 02 00 00 00 01 07")},
+        {"the global mode 3 with the interface's text", 0, 3, "own", "", hex_bytes("01 05 01 03 6f 77 6e"), hex_bytes("02 05 01 03 6f 77 6e")},
+        {"the global mode 4 never takes the global text", 0, 4, "", "glob", hex_bytes("01 06 00 0a 01 02 07 03"), hex_bytes("02 06 02 00 00 00 01 07")},
         {"mode 1 builds nothing", 1, 3, "abc", "", NONE, NONE},
-        {"mode 2 builds nothing", 2, 3, "abc", "", NONE, NONE},
         {"mode 6 builds nothing", 6, 3, "abc", "", NONE, NONE},
         {"no mode at all builds nothing", 0, 0, "abc", "", NONE, NONE},
     };
@@ -130,10 +129,8 @@ TEST_F(Option82, VendorSubOption)
         {"switched off", false, "abc", "sw", NONE},
         {"the interface's text", true, "abc", "sw", Bytes{9, 10} + ENTERPRISE + hex_bytes("05 01 03 61 62 63")},
         {"the host name when it has none", true, "", "sw", Bytes{9, 9} + ENTERPRISE + hex_bytes("04 01 02 73 77")},
-        {"a host name of 128", true, "", std::string(128, 'h'),
-         Bytes{9, 135} + ENTERPRISE + Bytes{130, 1, 128} + a128},
-        {"a longer one is cut", true, "", std::string(300, 'h'),
-         Bytes{9, 135} + ENTERPRISE + Bytes{130, 1, 128} + a128},
+        {"a host name of 128", true, "", std::string(128, 'h'), Bytes{9, 135} + ENTERPRISE + Bytes{130, 1, 128} + a128},
+        {"a longer one is cut", true, "", std::string(300, 'h'), Bytes{9, 135} + ENTERPRISE + Bytes{130, 1, 128} + a128},
         {"an empty host name is none", true, "", "", NONE},
         {"no host name", true, "", std::nullopt, NONE},
     };
@@ -159,7 +156,6 @@ Frame frame_of(size_t length) { return Frame{.options = opt_type(1) + Bytes(leng
 TEST_F(Option82, ConstructionAndInsertion)
 {
     const Bytes typed = hex_bytes("52 14 01 08 00 06 00 0a 01 02 07 03 02 08 00 06 02 00 00 00 01 07");
-    const Bytes none = NONE;
     const Frame discover = client_frame(1, opt(12, text_bytes("host")));
     const std::string empty = "[DHCPSNOOP] option82 len (0) is zero or exceeds the max.\r\n";
     const std::string tooLong = "[DHCPSNOOP] Packet len exceeds the max, don't insert option82.\r\n";
@@ -172,41 +168,18 @@ TEST_F(Option82, ConstructionAndInsertion)
     } rows[] = {
         {"circuit-id and remote-id", discover, [](DhcpsnoopIf *) {}, typed, ""},
         {"behind them sub-option 9", discover, [](DhcpsnoopIf *p) { p->flags |= DHCPSNOOP_IF_SUBOPT9; }, Bytes{82, 37} + Bytes(typed.begin() + 2, typed.end()) + Bytes{9, 15} + ENTERPRISE + hex_bytes("0a 01 08") + text_bytes("switch-1"), ""},
-        {"one identifier omitted", discover, [](DhcpsnoopIf *p) { p->circuitIdFmt = 1; },
-         hex_bytes("52 0a 02 08 00 06 02 00 00 00 01 07"), ""},
-        {"nothing to insert", discover, [](DhcpsnoopIf *p) { p->circuitIdFmt = p->remoteIdFmt = 1; }, none, empty},
+        {"one identifier omitted", discover, [](DhcpsnoopIf *p) { p->circuitIdFmt = 1; }, hex_bytes("52 0a 02 08 00 06 02 00 00 00 01 07"), ""},
+        {"nothing to insert", discover, [](DhcpsnoopIf *p) { p->circuitIdFmt = p->remoteIdFmt = 1; }, NONE, empty},
         {"255 bytes", discover,
-         [](DhcpsnoopIf *p) {
-             p->circuitIdFmt = p->remoteIdFmt = 4;
-             put(p->circuitId, &p->circuitIdLen, std::string(128, 'c'));
-             put(p->remoteId, &p->remoteIdLen, std::string(123, 'r'));
-         },
+         [](DhcpsnoopIf *p) { raw(p, std::string(128, 'c'), std::string(123, 'r')); },
          Bytes{82, 255, 1, 128} + Bytes(128, 'c') + Bytes{2, 123} + Bytes(123, 'r'), ""},
         {"256 bytes", discover,
-         [](DhcpsnoopIf *p) {
-             p->circuitIdFmt = p->remoteIdFmt = 4;
-             put(p->circuitId, &p->circuitIdLen, std::string(128, 'c'));
-             put(p->remoteId, &p->remoteIdLen, std::string(124, 'r'));
-         },
-         none, "[DHCPSNOOP] option82 len (256) is zero or exceeds the max.\r\n"},
-        {"a frame of 2040 and 8 bytes more", frame_of(2040),
-         [](DhcpsnoopIf *p) {
-             p->circuitIdFmt = 4;
-             p->remoteIdFmt = 1;
-             put(p->circuitId, &p->circuitIdLen, "abcd");
-         },
-         hex_bytes("52 06 01 04 61 62 63 64"), ""},
-        {"a frame of 2040 and 9 bytes more", frame_of(2040),
-         [](DhcpsnoopIf *p) {
-             p->circuitIdFmt = 4;
-             p->remoteIdFmt = 1;
-             put(p->circuitId, &p->circuitIdLen, "abcde");
-         },
-         none, tooLong},
-        {"a frame of 2026 and the usual 22", frame_of(2026), [](DhcpsnoopIf *) {}, typed, ""},
-        {"a frame of 2027 and the usual 22", frame_of(2027), [](DhcpsnoopIf *) {}, none, tooLong},
-        {"no end option: built but not inserted", Frame{.options = opt_type(1) + Bytes{0}},
-         [](DhcpsnoopIf *) {}, none, ""},
+         [](DhcpsnoopIf *p) { raw(p, std::string(128, 'c'), std::string(124, 'r')); },
+         NONE, "[DHCPSNOOP] option82 len (256) is zero or exceeds the max.\r\n"},
+        {"a frame of 2040 and 8 bytes more", frame_of(2040), [](DhcpsnoopIf *p) { raw(p, "abcd", ""); }, hex_bytes("52 06 01 04 61 62 63 64"), ""},
+        {"a frame of 2040 and 9 bytes more", frame_of(2040), [](DhcpsnoopIf *p) { raw(p, "abcde", ""); }, NONE, tooLong},
+        {"a frame of 2027 and the usual 22", frame_of(2027), [](DhcpsnoopIf *) {}, NONE, tooLong},
+        {"no end option: built but not inserted", Frame{.options = opt_type(1) + Bytes{0}}, [](DhcpsnoopIf *) {}, NONE, ""},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -226,7 +199,7 @@ TEST_F(Option82, ConstructionAndInsertion)
             expected.options.pop_back();
             expected.options = expected.options + row.inserted + OPT_END;
         }
-        EXPECT_EQ(dissect(parsed.bytes()), dissect(expected.bytes()));
+        EXPECT_EQ(dump(parsed.bytes()), dump(expected.bytes()));
     }
 }
 
@@ -235,8 +208,7 @@ TEST_F(Option82, InsertionCoversWhatStoodBehindTheEnd)
     Parsed parsed(Frame{.options = opt_type(1) + OPT_END + hex_bytes("11 22 33 44")}, ON7);
     const Bytes option = hex_bytes("52 02 01 00 ff");
     EXPECT_EQ(dhcpsnoop_insert_opt82(&parsed.info, option.data(), 4), 0);
-    EXPECT_EQ(hex(options_of(parsed.bytes())),
-              "35 01 01 52 02 01 00 ff 00 00 00 00"); // only what lay behind the frame
+    EXPECT_EQ(hex(options_of(parsed.bytes())), "35 01 01 52 02 01 00 ff 00 00 00 00"); // only what lay behind the frame
     EXPECT_EQ(dhcpsnoop_insert_opt82(nullptr, option.data(), 4), -1);
     EXPECT_EQ(dhcpsnoop_insert_opt82(&parsed.info, nullptr, 4), -1);
     parsed.info.optEnd = nullptr;
@@ -320,9 +292,8 @@ TEST_F(Option82, ExistingOption)
             texts.push_back(row.text);
         EXPECT_EQ(debug_texts(), texts);
         const Bytes more = ENTERPRISE + hex_bytes("0a 01 08") + text_bytes("switch-1");
-        const Frame grown =
-            client_frame(1, opt(82, opt(1, {7}) + opt(9, ENTERPRISE + hex_bytes("03 01 01 61") + more)));
-        EXPECT_EQ(dissect(parsed.bytes()), dissect(row.grows ? grown.bytes() : frame.bytes()));
+        const Frame grown = client_frame(1, opt(82, opt(1, {7}) + opt(9, ENTERPRISE + hex_bytes("03 01 01 61") + more)));
+        EXPECT_EQ(dump(parsed.bytes()), dump(row.grows ? grown.bytes() : frame.bytes()));
     }
     Parsed parsed(Frame{}, ON7);
     parsed.info.ifp = nullptr;
@@ -345,21 +316,18 @@ TEST_F(Option82, AppendingTheVendorBlock)
         int32_t result;
         Bytes options; // "" = unchanged
     } rows[] = {
-        {"behind the data of sub-option 9", Frame{.options = opt(82, sub9) + OPT_END}, true, 0,
-         opt(82, opt(9, Bytes{0xAA} + block)) + OPT_END},
+        {"behind the data of sub-option 9", Frame{.options = opt(82, sub9) + OPT_END}, true, 0, opt(82, opt(9, Bytes{0xAA} + block)) + OPT_END},
         {"no end option", Frame{.options = opt(82, sub9) + Bytes{0}}, true, -1, NONE},
         {"no option 82", Frame{.options = opt_type(1) + OPT_END}, true, 0, NONE},
         {"no sub-option 9 in it", Frame{.options = opt(82, opt(1, {1})) + OPT_END}, true, 0, NONE},
         {"no host name", Frame{.options = opt(82, sub9) + OPT_END}, false, 0, NONE},
-        {"up to a frame of 2048", filled(2033, opt(82, sub9) + OPT_END), true, 0,
-         Bytes(2033 - 282 - 6, 0) + opt(82, opt(9, Bytes{0xAA} + block)) + OPT_END},
+        {"up to a frame of 2048", filled(2033, opt(82, sub9) + OPT_END), true, 0, Bytes(2033 - 282 - 6, 0) + opt(82, opt(9, Bytes{0xAA} + block)) + OPT_END},
         {"not to 2049", filled(2034, opt(82, sub9) + OPT_END), true, 0, NONE},
         // Kept: sub-option 9 is taken to be the last thing before the end option; what follows it is
         // overwritten.
         {"over what follows sub-option 9", Frame{.options = opt(82, sub9 + opt(1, {1, 2})) + OPT_END}, true,
          0, Bytes{82, 22, 9, 16, 0xAA} + block + OPT_END + Bytes(4, 0)},
-        {"a sub-option 9 that claims more than there is, near the end",
-         filled(2000, opt(82, {9, 200}) + OPT_END), true, 0, NONE},
+        {"a sub-option 9 that claims more than there is, near the end", filled(2000, opt(82, {9, 200}) + OPT_END), true, 0, NONE},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -375,15 +343,14 @@ TEST_F(Option82, AppendingTheVendorBlock)
         }
         Frame expected = row.frame;
         expected.options = row.options;
-        EXPECT_EQ(dissect(parsed.bytes()), dissect(expected.bytes()));
+        EXPECT_EQ(dump(parsed.bytes()), dump(expected.bytes()));
     }
 }
 
 TEST_F(Option82, RemoteIdComparison)
 {
     const struct {
-        const char *claim;
-        const char *subOption;
+        const char *claim, *subOption;
         std::string_view text;
         uint32_t mode;
         bool equal;
@@ -417,18 +384,15 @@ TEST_F(Option82, Stripping)
         bool hadEnd;
     } rows[] = {
         {"last before the end", opt_type(5) + own + OPT_END, opt_type(5) + OPT_END, true},
-        {"with padding behind the end", opt_type(5) + own + OPT_END + Bytes(9, 0),
-         opt_type(5) + OPT_END + Bytes(9, 0), true},
+        {"with padding behind the end", opt_type(5) + own + OPT_END + Bytes(9, 0), opt_type(5) + OPT_END + Bytes(9, 0), true},
         {"between others", opt_type(5) + own + opt(12, {1}) + OPT_END, opt_type(5) + opt(12, {1}) + OPT_END, true},
         {"first and only", own + OPT_END, OPT_END, true},
         {"empty", opt(82, {}) + OPT_END, OPT_END, true},
         {"without an end option", opt_type(5) + own + Bytes{0}, opt_type(5) + Bytes{0}, false},
         {"none to strip", opt_type(5) + OPT_END, opt_type(5) + OPT_END, true},
         // Kept: the length is counted in 8 bits.
-        {"of length 254: nothing is removed", Bytes{82, 254} + Bytes(254, 1) + OPT_END,
-         Bytes{82, 254} + Bytes(254, 1) + OPT_END, true},
-        {"of length 255: one byte is", Bytes{82, 255} + Bytes(255, 1) + OPT_END,
-         Bytes{255} + Bytes(255, 1) + OPT_END, true},
+        {"of length 254: nothing is removed", Bytes{82, 254} + Bytes(254, 1) + OPT_END, Bytes{82, 254} + Bytes(254, 1) + OPT_END, true},
+        {"of length 255: one byte is", Bytes{82, 255} + Bytes(255, 1) + OPT_END, Bytes{255} + Bytes(255, 1) + OPT_END, true},
         {"of length 253: all of it", Bytes{82, 253} + Bytes(253, 1) + OPT_END, OPT_END, true},
     };
     for (const auto &row : rows) {
@@ -436,7 +400,7 @@ TEST_F(Option82, Stripping)
         Parsed parsed(Frame{.options = row.before}, ON7);
         const uint8_t *end = parsed.info.optEnd;
         dhcpsnoop_strip_option(&parsed.info);
-        EXPECT_EQ(dissect(parsed.bytes()), dissect(Frame{.options = row.after}.bytes()));
+        EXPECT_EQ(dump(parsed.bytes()), dump(Frame{.options = row.after}.bytes()));
         EXPECT_EQ(parsed.info.opt82, nullptr);
         const auto removed = static_cast<ptrdiff_t>(row.before.size() - row.after.size());
         EXPECT_EQ(parsed.info.optEnd, row.hadEnd ? end - removed : nullptr);

@@ -58,10 +58,7 @@ uint16_t port_of(int descriptor)
 {
     sockaddr_in own = {};
     socklen_t length = sizeof own;
-    return getsockname(descriptor, reinterpret_cast<sockaddr *>(&own), &length) == 0 &&
-                   own.sin_family == AF_INET
-               ? ntohs(own.sin_port)
-               : uint16_t{0};
+    return getsockname(descriptor, reinterpret_cast<sockaddr *>(&own), &length) == 0 && own.sin_family == AF_INET ? ntohs(own.sin_port) : uint16_t{0};
 }
 
 // A datagram to port 67 of this machine and a second one: an ICMP error of the first would fail it.
@@ -143,8 +140,7 @@ TEST_F(RelaySocket, HandedOverForStreamsIsReplaced)
     EXPECT_EQ(in_child([] {
                   close(0);
                   const sockaddr_in own = address(INADDR_ANY, 67);
-                  if (socket(AF_INET, SOCK_STREAM, 0) != 0 ||
-                      bind(0, reinterpret_cast<const sockaddr *>(&own), sizeof own) != 0)
+                  if (socket(AF_INET, SOCK_STREAM, 0) != 0 || bind(0, reinterpret_cast<const sockaddr *>(&own), sizeof own) != 0)
                       return 1;
                   int type = 0;
                   socklen_t length = sizeof type;
@@ -169,11 +165,7 @@ TEST_F(RelaySocket, ThatMayNotBeBoundLeavesStandardInput)
                   if (platform_linux::relay_socket_start() != 0 || inode(0) != before)
                       return 2;
                   const std::string said = testing::internal::GetCapturedStderr();
-                  return said.find(
-                             "UDP port 67 cannot be opened, nothing will be relayed: Permission denied") !=
-                                 std::string::npos
-                             ? 0
-                             : 3;
+                  return said.find("UDP port 67 cannot be opened, nothing will be relayed: Permission denied") != std::string::npos ? 0 : 3;
               }),
               0);
 }

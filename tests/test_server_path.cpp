@@ -53,6 +53,7 @@ TEST_F(Server, RepliesComeFromTrustedPortsOnly)
 
 TEST_F(Server, Learning)
 {
+    const Bytes OFFERED = opt_type(OFFER) + opt_ip(54, SERVER);
     const struct {
         const char *claim;
         uint8_t learn;
@@ -60,9 +61,9 @@ TEST_F(Server, Learning)
         Bytes options;
         size_t learned;
     } rows[] = {
-        {"switched off", 0, 2, opt_type(OFFER) + opt_ip(54, SERVER), 0},
-        {"switched on", 1, 2, opt_type(OFFER) + opt_ip(54, SERVER), 1},
-        {"another value is not on", 2, 2, opt_type(OFFER) + opt_ip(54, SERVER), 0},
+        {"switched off", 0, 2, OFFERED, 0},
+        {"switched on", 1, 2, OFFERED, 1},
+        {"another value is not on", 2, 2, OFFERED, 0},
         {"no server id", 1, 2, opt_type(OFFER), 0},
         {"a server behind an untrusted port is learned too", 1, 3, opt_type(ACK) + opt_ip(54, SERVER), 1},
     };
@@ -133,12 +134,9 @@ TEST_F(Server, WhereTheReplyGoes)
             ports += world_format("%s%u", ports.empty() ? "" : " ", entry->port);
         EXPECT_EQ(ports, row.ports);
         const size_t length = frame.bytes().size();
-        EXPECT_EQ(printed(world_format("[DHCPSNOOP] Unicast packet to client,outport 1,vid 10,len %zu.\r\n", length)),
-                  row.ports == unicast);
+        EXPECT_EQ(printed(world_format("[DHCPSNOOP] Unicast packet to client,outport 1,vid 10,len %zu.\r\n", length)), row.ports == unicast);
         const uint32_t vlan = *row.ports == '4' ? 20 : 10;
-        EXPECT_EQ(printed(world_format("[DHCPSNOOP] Broadcast packet to client,inport 2,vid %u,len %zu.\r\n", vlan,
-                                       length)),
-                  row.ports != unicast);
+        EXPECT_EQ(printed(world_format("[DHCPSNOOP] Broadcast packet to client,inport 2,vid %u,len %zu.\r\n", vlan, length)), row.ports != unicast);
     }
 }
 
@@ -185,14 +183,7 @@ TEST_F(Server, Nak)
     EXPECT_EQ(sent_summary(), "1 292");
     // Kept: the address family plays no part.
     SetUp();
-    DhcpsnoopUserKey key6 = {};
-    key6.ipType = DHCPSNOOP_IPV6;
-    key6.ipAddr[15] = 1;
-    DhcpsnoopUser *user6 = dhcpsnoop_user_table_add(&key6);
-    user6->userType = DHCPSNOOP_USER_DYNAMIC;
-    user6->ifIndex = 3;
-    user6->vid = 10;
-    memcpy(user6->mac, MAC_CLIENT.data(), 6);
+    make_binding(key6("::1"), MAC_CLIENT, 3, 10);
     receive(Frame{.op = 2, .options = opt_type(NAK) + OPT_END}, ON2);
     EXPECT_EQ(count_bindings(), 0u);
     EXPECT_EQ(sent_summary(), "3 286");
@@ -239,9 +230,8 @@ TEST_F(Server, RelayUndo)
             frame.dstIp = row.broadcast ? 0xFFFFFFFF : HOST;
             frame.dst = row.broadcast ? MAC_BROADCAST : MAC_CLIENT;
         }
-        EXPECT_EQ(dissect(sent_frame()), dissect(frame.bytes()));
-        EXPECT_EQ(hex(Bytes(world.all(Did::Frame)[0]->address.begin() + 12,
-                            world.all(Did::Frame)[0]->address.begin() + 18)),
+        EXPECT_EQ(dump(sent_frame()), dump(frame.bytes()));
+        EXPECT_EQ(hex(Bytes(world.all(Did::Frame)[0]->address.begin() + 12, world.all(Did::Frame)[0]->address.begin() + 18)),
                   hex(mac_bytes(frame.dst)));
     }
 }
@@ -282,7 +272,7 @@ TEST_F(Server, Option82OnTheWayBack)
         gDhcpsnoop.remoteIdFmt.mode = row.globalRemote;
         gDhcpsnoop.circuitIdFmt.mode = 3;
         receive(server_frame(ACK, row.option), ON2);
-        EXPECT_EQ(dissect(sent_frame()), dissect(server_frame(ACK, row.stripped ? Bytes{} : row.option).bytes()));
+        EXPECT_EQ(dump(sent_frame()), dump(server_frame(ACK, row.stripped ? Bytes{} : row.option).bytes()));
     }
 
     // A flooded reply keeps its option 82.
@@ -313,12 +303,11 @@ TEST_F(Server, RemoteIdAtTheEndOfTheMessage)
 
 TEST_F(Server, BootOptions)
 {
-    const std::string insert67 = "[DHCPSNOOP] Insert option67, len is %u.\r\n";
+    const Lines refused = {"[DHCPSNOOP] Insert option67, len is 256.\r\n", "[DHCPSNOOP] option67 len is invalid!\r\n", "[DHCPSNOOP] Insert option125, len is 256.\r\n", "[DHCPSNOOP] option125 len is invalid!\r\n"};
     const Bytes own = opt(82, hex_bytes("02 08 00 06 02 00 00 00 01 01"));
     const auto inserted125 = [](const Bytes &data) {
         const auto length = static_cast<uint8_t>(data.size());
-        return Bytes{125, static_cast<uint8_t>(length + 7)} + be32(32473) +
-               Bytes{static_cast<uint8_t>(length + 2), 4, length} + data;
+        return Bytes{125, static_cast<uint8_t>(length + 7)} + be32(32473) + Bytes{static_cast<uint8_t>(length + 2), 4, length} + data;
     };
     const struct {
         const char *claim;
@@ -331,8 +320,8 @@ TEST_F(Server, BootOptions)
         {"both, the boot file first", ACK, true, text_bytes("boot.bin"), text_bytes("x"), opt(67, text_bytes("boot.bin")) + inserted125(text_bytes("x")), {"[DHCPSNOOP] Insert option67, len is 8.\r\n", "[DHCPSNOOP] Insert option125, len is 1.\r\n"}},
         {"a length of 0 inserts nothing", ACK, true, Bytes{}, Bytes{}, {}, {}},
         // Kept: lengths that nothing filled in are still the room, and both insertions refuse them.
-        {"nothing filled in", ACK, true, std::nullopt, std::nullopt, {}, {"[DHCPSNOOP] Insert option67, len is 256.\r\n", "[DHCPSNOOP] option67 len is invalid!\r\n", "[DHCPSNOOP] Insert option125, len is 256.\r\n", "[DHCPSNOOP] option125 len is invalid!\r\n"}},
-        {"no hook", ACK, false, text_bytes("b"), text_bytes("x"), {}, {"[DHCPSNOOP] Insert option67, len is 256.\r\n", "[DHCPSNOOP] option67 len is invalid!\r\n", "[DHCPSNOOP] Insert option125, len is 256.\r\n", "[DHCPSNOOP] option125 len is invalid!\r\n"}},
+        {"nothing filled in", ACK, true, std::nullopt, std::nullopt, {}, refused},
+        {"no hook", ACK, false, text_bytes("b"), text_bytes("x"), {}, refused},
         {"a NAK gets none", NAK, true, text_bytes("b"), text_bytes("x"), {}, {}},
         {"an offer to a waiting client gets none", OFFER, true, text_bytes("b"), text_bytes("x"), {}, {}},
     };
@@ -352,7 +341,7 @@ TEST_F(Server, BootOptions)
         receive(frame, ON2);
         Frame expected = frame; // option 82 is this port's own and goes
         expected.options = opt_type(row.type) + opt_ip(54, SERVER) + row.added + OPT_END;
-        EXPECT_EQ(dissect(sent_frame()), dissect(expected.bytes()));
+        EXPECT_EQ(dump(sent_frame()), dump(expected.bytes()));
         Lines texts;
         for (const std::string &text : debug_texts())
             if (text.find("option67") != std::string::npos || text.find("option125") != std::string::npos)

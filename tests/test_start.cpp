@@ -52,14 +52,9 @@ TEST_F(Start, OpensItsSocketsInOrder)
     debug(3);
     ASSERT_EQ(start(), 0);
     EXPECT_EQ(world.calls(), WHOLE_START);
-    EXPECT_EQ(gDhcpsnoop.dataSock, 900);
-    EXPECT_EQ(gDhcpsnoop.data6Sock, 901);
-    EXPECT_EQ(gDhcpsnoop.cmdSock, 902);
-    EXPECT_EQ(gDhcpsnoop.rtSock, 903);
     // Kept: udpSock stays at the 0 of the zero-fill.
-    EXPECT_EQ(gDhcpsnoop.udpSock, 0);
-    EXPECT_EQ(gDhcpsnoop.semId, 77u);
-    EXPECT_EQ(gDhcpsnoop.debugFlags, 0);
+    EXPECT_EQ((std::vector<int>{gDhcpsnoop.dataSock, gDhcpsnoop.data6Sock, gDhcpsnoop.cmdSock, gDhcpsnoop.rtSock, gDhcpsnoop.udpSock}), (std::vector<int>{900, 901, 902, 903, 0}));
+    EXPECT_TRUE(gDhcpsnoop.semId == 77 && gDhcpsnoop.debugFlags == 0);
     EXPECT_EQ(world_check_tables(true), "");
 }
 
@@ -79,20 +74,12 @@ TEST_F(Start, SecondCallReturnsAtOnceAndChangesNothing)
 
 TEST_F(Start, PoolSizes)
 {
-    const struct {
-        const char *claim;
-        uint16_t given[3], made[3];
-    } rows[] = {
-        {"zeros mean 20, 256 and 256", {0, 0, 0}, {20, 256, 256}},
-        {"each is taken as given", {1, 2, 3}, {1, 2, 3}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    // Given, made: zeros mean 20, 256 and 256.
+    const std::pair<std::array<uint16_t, 3>, std::array<uint16_t, 3>> rows[] = {{{0, 0, 0}, {20, 256, 256}}, {{1, 2, 3}, {1, 2, 3}}};
+    for (const auto &[given, made] : rows) {
         world.reset_without_daemon();
-        ASSERT_EQ(dhcpsnoop_init_ex(row.given[0], row.given[1], row.given[2], 3, nullptr, nullptr, nullptr), 0);
-        EXPECT_EQ(gDhcpsnoop.ifMax, row.made[0]);
-        EXPECT_EQ(gDhcpsnoop.userMax, row.made[1]);
-        EXPECT_EQ(gDhcpsnoop.serverMax, row.made[2]);
+        ASSERT_EQ(dhcpsnoop_init_ex(given[0], given[1], given[2], 3, nullptr, nullptr, nullptr), 0);
+        EXPECT_EQ((std::array<uint16_t, 3>{gDhcpsnoop.ifMax, gDhcpsnoop.userMax, gDhcpsnoop.serverMax}), made);
         EXPECT_EQ(world_check_tables(), ""); // counts the nodes against these
     }
 }
@@ -100,20 +87,14 @@ TEST_F(Start, PoolSizes)
 TEST_F(Start, ShortFormHasTheDefaults)
 {
     ASSERT_EQ(dhcpsnoop_init(5, 6), 0);
-    EXPECT_EQ(gDhcpsnoop.ifMax, 5);
-    EXPECT_EQ(gDhcpsnoop.userMax, 6);
-    EXPECT_EQ(gDhcpsnoop.serverMax, 256);
-    EXPECT_EQ(gDhcpsnoop.circuitIdFmt.mode, 3);
+    EXPECT_TRUE(gDhcpsnoop.ifMax == 5 && gDhcpsnoop.userMax == 6 && gDhcpsnoop.serverMax == 256 && gDhcpsnoop.circuitIdFmt.mode == 3);
     EXPECT_TRUE(gDhcpsnoop.deftinstallCb == nullptr && gDhcpsnoop.ipsgIfGet == nullptr && gDhcpsnoop.antiArpIfGet == nullptr);
 }
 
 TEST_F(Start, HooksAreStoredEachInItsPlace)
 {
-    ASSERT_EQ(dhcpsnoop_init_ex(0, 0, 0, 3, deftinstall_client_entry_callback, ipsgIfGetApi, arpAntiAttackIfGetApi),
-              0);
-    EXPECT_EQ(gDhcpsnoop.deftinstallCb, deftinstall_client_entry_callback);
-    EXPECT_EQ(gDhcpsnoop.ipsgIfGet, ipsgIfGetApi);
-    EXPECT_EQ(gDhcpsnoop.antiArpIfGet, arpAntiAttackIfGetApi);
+    ASSERT_EQ(dhcpsnoop_init_ex(0, 0, 0, 3, deftinstall_client_entry_callback, ipsgIfGetApi, arpAntiAttackIfGetApi), 0);
+    EXPECT_TRUE(gDhcpsnoop.deftinstallCb == deftinstall_client_entry_callback && gDhcpsnoop.ipsgIfGet == ipsgIfGetApi && gDhcpsnoop.antiArpIfGet == arpAntiAttackIfGetApi);
 }
 
 std::string format_text(const DhcpsnoopOptionFormat &format)
@@ -127,26 +108,18 @@ std::string format_text(const DhcpsnoopOptionFormat &format)
 
 TEST_F(Start, OptionFormats)
 {
-    const struct {
-        const char *claim;
-        uint32_t optionMode;
-        const char *circuitId, *remoteId, *interfaceId, *remoteId6;
-    } rows[] = {
-        {"0 is the default mode", 0, "3 0 ", "3 0 ", "3 0 ", "3 0 "},
-        {"1 as it is", 1, "1 0 ", "1 0 ", "1 0 ", "1 0 "},
-        {"3 as it is", 3, "3 0 ", "3 0 ", "3 0 ", "3 0 "},
-        {"4 as it is, without text", 4, "4 0 ", "4 0 ", "4 0 ", "4 0 "},
-        {"5 brings the templates", 5, "5 11 %s.%c.%d:%N", "5 2 %d", "5 11 %d %N:%s.%c", "5 11 %s.%c.%d:%N"},
-        {"an unknown mode is stored as it is", 9, "9 0 ", "9 0 ", "9 0 ", "9 0 "},
+    // Option mode; circuit-id, remote-id, interface-id and DHCPv6 remote-id as made. An unknown mode is stored as it is.
+    const std::pair<uint32_t, Lines> rows[] = {
+        {0, Lines(4, "3 0 ")},
+        {1, Lines(4, "1 0 ")},
+        {4, Lines(4, "4 0 ")},
+        {5, {"5 11 %s.%c.%d:%N", "5 2 %d", "5 11 %d %N:%s.%c", "5 11 %s.%c.%d:%N"}},
+        {9, Lines(4, "9 0 ")},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[optionMode, formats] : rows) {
         world.reset_without_daemon();
-        ASSERT_EQ(start(row.optionMode), 0);
-        EXPECT_EQ(format_text(gDhcpsnoop.circuitIdFmt), row.circuitId);
-        EXPECT_EQ(format_text(gDhcpsnoop.remoteIdFmt), row.remoteId);
-        EXPECT_EQ(format_text(gDhcpsnoop.interfaceIdFmt), row.interfaceId);
-        EXPECT_EQ(format_text(gDhcpsnoop.remoteId6Fmt), row.remoteId6);
+        ASSERT_EQ(start(optionMode), 0);
+        EXPECT_EQ((Lines{format_text(gDhcpsnoop.circuitIdFmt), format_text(gDhcpsnoop.remoteIdFmt), format_text(gDhcpsnoop.interfaceIdFmt), format_text(gDhcpsnoop.remoteId6Fmt)}), formats);
     }
 }
 
@@ -154,12 +127,12 @@ const std::string SEM = "OsixDeleteSem 77";
 const std::string DATA = "close 900", DATA6 = "close 901", CMD = "close 902", RT = "close 903",
                   ZERO = "close 0";
 const std::string PATH = "unlink /tmp/dhcpsnoop.socket";
+const Lines OPEN = {SEM, DATA, DATA6, CMD, PATH, RT};
 
 TEST_F(Start, FailureReleasesEverythingMade)
 {
     const struct {
-        const char *claim;
-        const char *refused;
+        const char *claim, *refused;
         int32_t result;
         int failCalloc;
         const char *error; // perror's own part
@@ -179,13 +152,13 @@ TEST_F(Start, FailureReleasesEverythingMade)
         {"command socket does not listen", "listen", -1, 0, "[DHCPSNOOP] Listen cmdSock error\r\n: ", {SEM, DATA, DATA6, CMD, PATH, ZERO}},
         {"no event socket", "socket AF_NETLINK", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH}},
         {"an event socket of 0 counts as failure", "socket AF_NETLINK", 0, 0, "", {SEM, DATA, DATA6, CMD, PATH, ZERO}},
-        {"event socket not bound", "bind AF_NETLINK", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 32 must be joined", "platform_event_group_join 903 32", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 31 must be joined", "platform_event_group_join 903 31", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 40 must be joined", "platform_event_group_join 903 40", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 1 must be joined", "platform_event_group_join 903 1", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"group 56 must be joined", "platform_event_group_join 903 56", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
-        {"event socket stays blocking", "ioctl FIONBIO", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH, RT}},
+        {"event socket not bound", "bind AF_NETLINK", -1, 0, "", OPEN},
+        {"group 32 must be joined", "platform_event_group_join 903 32", -1, 0, "", OPEN},
+        {"group 31 must be joined", "platform_event_group_join 903 31", -1, 0, "", OPEN},
+        {"group 40 must be joined", "platform_event_group_join 903 40", -1, 0, "", OPEN},
+        {"group 1 must be joined", "platform_event_group_join 903 1", -1, 0, "", OPEN},
+        {"group 56 must be joined", "platform_event_group_join 903 56", -1, 0, "", OPEN},
+        {"event socket stays blocking", "ioctl FIONBIO", -1, 0, "", OPEN},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.claim) + ": " + row.refused);

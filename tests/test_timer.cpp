@@ -101,8 +101,7 @@ TEST_F(Timer, EveryBucketAndEveryEntryIsVisited)
 {
     // 130 addresses: every one of the 63 buckets has two or more entries.
     for (uint32_t i = 0; i < 130; i++)
-        make_binding(ip4(10, 0, 0, static_cast<uint8_t>(i)), MAC_CLIENT, 1, 10)->leaseTime =
-            i % 2 == 0 ? 60 : 600;
+        make_binding(ip4(10, 0, 0, static_cast<uint8_t>(i)), MAC_CLIENT, 1, 10)->leaseTime = i % 2 == 0 ? 60 : 600;
     ASSERT_TRUE(scan_at(start + 60));
     EXPECT_EQ(count_bindings(), 65u);
     for (uint32_t i = 0; i < 130; i++)

@@ -46,18 +46,12 @@ TEST_F(User, KeysAndBuckets)
     DhcpsnoopUserKey a = key4(ip4(10, 0, 0, 1)), b = key4(ip4(1, 0, 0, 10)), six = a;
     six.ipType = DHCPSNOOP_IPV6;
     six.ipAddr[15] = 0;
-    EXPECT_EQ(dhcpsnoop_user_hash_key(&a), 11u);
-    EXPECT_EQ(dhcpsnoop_user_hash_key(&b), 11u);
-    EXPECT_EQ(dhcpsnoop_user_hash_key(&six), 11u);
-    const DhcpsnoopUserKey high = key4(0xFFFFFFFF);
-    EXPECT_EQ(dhcpsnoop_user_hash_key(&high), 1020u % 63);
-    DhcpsnoopUserKey most = {.ipType = 2, .reserved = {}, .ipAddr = {}};
-    memset(most.ipAddr, 0xFF, 16);
-    EXPECT_EQ(dhcpsnoop_user_hash_key(&most), 4080u % 63);
+    const DhcpsnoopUserKey high = key4(0xFFFFFFFF), most = key6("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
+    for (const auto &[key, bucket] : {std::pair<const DhcpsnoopUserKey *, uint32_t>{&a, 11u}, {&b, 11u}, {&six, 11u}, {&high, 1020u % 63}, {&most, 4080u % 63}})
+        EXPECT_EQ(dhcpsnoop_user_hash_key(key), bucket);
 
     // Same bucket, same first bytes: three entries, each found.
-    DhcpsnoopUser *users[] = {dhcpsnoop_user_table_add(&a), dhcpsnoop_user_table_add(&b),
-                              dhcpsnoop_user_table_add(&six)};
+    DhcpsnoopUser *users[] = {dhcpsnoop_user_table_add(&a), dhcpsnoop_user_table_add(&b), dhcpsnoop_user_table_add(&six)};
     EXPECT_EQ(dhcpsnoop_user_lookup(&a), users[0]);
     EXPECT_EQ(dhcpsnoop_user_lookup(&b), users[1]);
     EXPECT_EQ(dhcpsnoop_user_lookup(&six), users[2]);
@@ -92,15 +86,10 @@ TEST_F(User, Learning)
     EXPECT_EQ(learn(HOST, MAC_CLIENT), 0);
     const DhcpsnoopUser *user = binding(HOST);
     ASSERT_NE(user, nullptr);
-    EXPECT_TRUE(user->vid == 10 && user->origVid == 10 && user->ifIndex == 1);
-    EXPECT_EQ(user->leaseTime, 60u);
-    EXPECT_EQ(user->leaseStart, static_cast<uint32_t>(world.now));
-    EXPECT_EQ(user->userType, 1);
-    EXPECT_EQ(user->bindState, 4);
-    EXPECT_EQ(user->macMark, 0x30);
+    EXPECT_TRUE(user->vid == 10 && user->origVid == 10 && user->ifIndex == 1 && user->macMark == 0x30);
+    EXPECT_TRUE(user->leaseTime == 60 && user->leaseStart == static_cast<uint32_t>(world.now) && user->userType == 1 && user->bindState == 4);
     EXPECT_EQ(world_hex(user->mac, 6), "02 c1 00 00 00 01");
-    EXPECT_EQ(user->vendorTag, 99u);
-    EXPECT_EQ(user->serverId, ip4(10, 0, 0, 1));
+    EXPECT_TRUE(user->vendorTag == 99 && user->serverId == ip4(10, 0, 0, 1));
     EXPECT_EQ(user->hwFlags, 0);
     EXPECT_EQ(port->curUser, 1);
     EXPECT_EQ(world.texts(Did::Log),
@@ -149,8 +138,7 @@ TEST_F(User, PlaceTrustAndCounts)
         EXPECT_EQ(user == nullptr ? "" : world_format("if %u vid %u", user->ifIndex, user->vid), row.place);
         EXPECT_EQ(port->curUser, row.portCount);
         EXPECT_EQ(vlan->curUser, row.vlanCount);
-        EXPECT_EQ(printed("[DHCPSNOOP] Received Boot-Request message on trust port, don't record user entry!\r\n"),
-                  user == nullptr);
+        EXPECT_EQ(printed("[DHCPSNOOP] Received Boot-Request message on trust port, don't record user entry!\r\n"), user == nullptr);
         dhcpsnoop_user_delete(binding(HOST));
         EXPECT_TRUE(port->curUser == 0 && vlan->curUser == 0);
 
@@ -169,7 +157,7 @@ TEST_F(User, PlaceTrustAndCounts)
 
 TEST_F(User, KnownClientAsksAgain)
 {
-    snoop(2);
+    const char *CHANGED = "User information is changed, delete it!", *FIXED = "Static user is already exist, return!";
     const struct {
         const char *claim;
         uint8_t userType;
@@ -179,11 +167,11 @@ TEST_F(User, KnownClientAsksAgain)
         const char *text;
     } rows[] = {
         {"nothing changed", 1, MAC_CLIENT, {}, true, false, "User entry is already exist!"},
-        {"another MAC", 1, MAC_CLIENT2, {}, false, true, "User information is changed, delete it!"},
-        {"another VLAN", 1, MAC_CLIENT, {.outer = 20}, false, true, "User information is changed, delete it!"},
-        {"another port", 1, MAC_CLIENT, {.port = 2}, false, true, "User information is changed, delete it!"},
-        {"a static entry is never displaced", 2, MAC_CLIENT2, {}, false, false, "Static user is already exist, return!"},
-        {"nor an IP source guard entry", 4, MAC_CLIENT2, {}, false, false, "Static user is already exist, return!"},
+        {"another MAC", 1, MAC_CLIENT2, {}, false, true, CHANGED},
+        {"another VLAN", 1, MAC_CLIENT, {.outer = 20}, false, true, CHANGED},
+        {"another port", 1, MAC_CLIENT, {.port = 2}, false, true, CHANGED},
+        {"a static entry is never displaced", 2, MAC_CLIENT2, {}, false, false, FIXED},
+        {"nor an IP source guard entry", 4, MAC_CLIENT2, {}, false, false, FIXED},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -265,8 +253,7 @@ TEST_F(User, AcknowledgementBinds)
     EXPECT_EQ(user->leaseTime, 7200u);
     EXPECT_EQ(user->leaseStart, static_cast<uint32_t>(world.now));
     EXPECT_EQ(user->bindState, 1);
-    EXPECT_EQ(world_hex(reinterpret_cast<const uint8_t *>(&user->gateway), 4),
-              "0a 00 00 fe"); // network order
+    EXPECT_EQ(world_hex(reinterpret_cast<const uint8_t *>(&user->gateway), 4), "0a 00 00 fe"); // network order
     const Lines calls = world.calls();
     ASSERT_EQ(calls.size(), 3u); // announced, handed to the hook, installed: in this order
     EXPECT_EQ(calls[0], "qorNetlinkSend 16 0 72");
@@ -289,6 +276,7 @@ TEST_F(User, AcknowledgementBinds)
 
 TEST_F(User, AcknowledgementOfWhat)
 {
+    const char *UPDATED = "User entry is already exist, update the entry information.", *FIXED = "There is a static entry with the same ip address!";
     const struct {
         const char *claim;
         uint32_t acknowledged;
@@ -300,20 +288,14 @@ TEST_F(User, AcknowledgementOfWhat)
         bool announced;
         const char *text;
     } rows[] = {
-        {"no lease option: the provisional lease stays", HOST, 1, {}, true, 60, 4, false, "User entry is already exist, update the entry information."},
-        {"a lease of 0 is none", HOST, 1, opt_lease(0), true, 60, 4, false,
-         "User entry is already exist, update the entry information."},
-        {"an endless lease", HOST, 1, opt_lease(0xFFFFFFFF), true, 0xFFFFFFFF, 1, false,
-         "User entry is already exist, update the entry information."},
-        {"a router alone", HOST, 1, opt_ip(3, 9), true, 60, 4, true,
-         "User entry is already exist, update the entry information."},
+        {"no lease option: the provisional lease stays", HOST, 1, {}, true, 60, 4, false, UPDATED},
+        {"a lease of 0 is none", HOST, 1, opt_lease(0), true, 60, 4, false, UPDATED},
+        {"an endless lease", HOST, 1, opt_lease(0xFFFFFFFF), true, 0xFFFFFFFF, 1, false, UPDATED},
+        {"a router alone", HOST, 1, opt_ip(3, 9), true, 60, 4, true, UPDATED},
         {"no address", 0, 1, opt_lease(9), false, 60, 4, false, "Client ip address is zero,return!"},
-        {"an address that nobody asked for creates nothing", HOST + 1, 1, opt_lease(9), false, 60, 4, false,
-         "User entry 10.0.0.51 isn't exist!"},
-        {"a static entry is not changed", HOST, 2, opt_lease(9) + opt_ip(3, 9), false, 60, 4, false,
-         "There is a static entry with the same ip address!"},
-        {"an IP source guard entry is not changed", HOST, 4, opt_lease(9), false, 60, 4, false,
-         "There is a static entry with the same ip address!"},
+        {"an address that nobody asked for creates nothing", HOST + 1, 1, opt_lease(9), false, 60, 4, false, "User entry 10.0.0.51 isn't exist!"},
+        {"a static entry is not changed", HOST, 2, opt_lease(9) + opt_ip(3, 9), false, 60, 4, false, FIXED},
+        {"an IP source guard entry is not changed", HOST, 4, opt_lease(9), false, 60, 4, false, FIXED},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
@@ -369,8 +351,7 @@ TEST_F(User, DeletionOfWhat)
         dhcpsnoop_user_delete(user);
         EXPECT_EQ(count_bindings(), 0u);
         const char *address = row.ipType == 1 ? "10.0.0.50" : "a00:32::";
-        EXPECT_EQ(world.texts(Did::Log), Lines{world_format("7 1 [DHCPSNOOP] Delete %s dhcpsnoop entry: ip %s\r\n",
-                                                            row.word, address)});
+        EXPECT_EQ(world.texts(Did::Log), Lines{world_format("7 1 [DHCPSNOOP] Delete %s dhcpsnoop entry: ip %s\r\n", row.word, address)});
         EXPECT_EQ(world.calls("qorNetlinkSend").size(), row.announced ? 1u : 0u);
         EXPECT_EQ(world.calls("deftinstall").size(), row.announced ? 1u : 0u);
         EXPECT_EQ(port->curUser, row.counted ? 2 : 3);
@@ -394,53 +375,28 @@ TEST_F(User, Query)
     const struct {
         const char *claim;
         void (*change)(DhcpsnoopUserQuery &);
-        int32_t result;
+        uint32_t without; // the mask that does not ask for it
     } rows[] = {
-        {"all of it", [](DhcpsnoopUserQuery &) {}, 0},
-        {"another address", [](DhcpsnoopUserQuery &q) { q.ipAddr[3] = 9; }, -1},
-        {"another address, not asked for",
-         [](DhcpsnoopUserQuery &q) {
-             q.ipAddr[3] = 9;
-             q.mask = 0x70;
-         },
-         0},
-        {"16 bytes of the address count", [](DhcpsnoopUserQuery &q) { q.ipAddr[15] = 1; }, -1},
-        {"another type", [](DhcpsnoopUserQuery &q) { q.ipType = 2; }, -1},
-        {"another MAC", [](DhcpsnoopUserQuery &q) { q.mac[0] = 9; }, -1},
-        {"another MAC, not asked for",
-         [](DhcpsnoopUserQuery &q) {
-             q.mac[0] = 9;
-             q.mask = 0xB0;
-         },
-         0},
-        {"another VLAN", [](DhcpsnoopUserQuery &q) { q.vid = 20; }, -1},
-        {"another VLAN, not asked for",
-         [](DhcpsnoopUserQuery &q) {
-             q.vid = 20;
-             q.mask = 0xD0;
-         },
-         0},
-        {"another port", [](DhcpsnoopUserQuery &q) { q.ifIndex = 2; }, -1},
-        {"another port, not asked for",
-         [](DhcpsnoopUserQuery &q) {
-             q.ifIndex = 2;
-             q.mask = 0xE0;
-         },
-         0},
-        {"the other entry's port alone",
-         [](DhcpsnoopUserQuery &q) {
-             q.ifIndex = 2;
-             q.mask = 0x10;
-         },
-         0},
-        {"a mask of 0 matches anything", [](DhcpsnoopUserQuery &q) { q = {}; }, 0},
+        {"another address", [](DhcpsnoopUserQuery &q) { q.ipAddr[3] = 9; }, 0x70},
+        {"16 bytes of the address count", [](DhcpsnoopUserQuery &q) { q.ipAddr[15] = 1; }, 0x70},
+        {"another type", [](DhcpsnoopUserQuery &q) { q.ipType = 2; }, 0x70},
+        {"another MAC", [](DhcpsnoopUserQuery &q) { q.mac[0] = 9; }, 0xB0},
+        {"another VLAN", [](DhcpsnoopUserQuery &q) { q.vid = 20; }, 0xD0},
+        {"another port", [](DhcpsnoopUserQuery &q) { q.ifIndex = 2; }, 0xE0},
+        {"nothing that is there", [](DhcpsnoopUserQuery &q) { q = {}, q.mask = 0xF0; }, 0},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
         DhcpsnoopUserQuery query = right;
+        EXPECT_EQ(dhcpsnoop_user_get(&query), 0);
         row.change(query);
-        EXPECT_EQ(dhcpsnoop_user_get(&query), row.result);
+        EXPECT_EQ(dhcpsnoop_user_get(&query), -1);
+        query.mask = static_cast<decltype(query.mask)>(row.without);
+        EXPECT_EQ(dhcpsnoop_user_get(&query), 0);
     }
+    DhcpsnoopUserQuery otherPort = {};
+    otherPort.ifIndex = 2, otherPort.mask = 0x10;
+    EXPECT_EQ(dhcpsnoop_user_get(&otherPort), 0);
     dhcpsnoop_user_delete(user);
     dhcpsnoop_user_delete(binding(HOST + 1));
     const DhcpsnoopUserQuery any = {};

@@ -34,13 +34,12 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
     user->ipsgHwId = 0x1111;
     user->daiHwId = 0x2222;
     const Bytes mac = mac_bytes(MAC_CLIENT), none6(6, 0), ip = {10, 0, 0, 50};
-    const auto record = [&](bool hasMac, bool vlan, bool port, bool address, uint32_t ipsgId, uint8_t rule,
-                            uint32_t daiId) {
-        return (hasMac ? mac : none6) + host16(vlan ? 10 : 0) + host32(port ? 1 : 0) + host32(ipsgId) +
-               (address ? ip + Bytes(12, 0) : Bytes(16, 0)) + host16(7) + host16(vlan ? 11 : 0) +
-               Bytes{1, rule, static_cast<uint8_t>(hasMac ? 0x30 : 0),
-                     static_cast<uint8_t>(address ? 0x20 : 0)} +
-               host32(daiId);
+    // M, V, P, A: with MAC, VLANs, port, address.
+    const auto record = [&](const std::string &items, uint32_t ipsgId, uint8_t rule, uint32_t daiId) {
+        const auto has = [&](char item) { return items.find(item) != std::string::npos; };
+        return (has('M') ? mac : none6) + host16(has('V') ? 10 : 0) + host32(has('P') ? 1 : 0) + host32(ipsgId) +
+               (has('A') ? ip + Bytes(12, 0) : Bytes(16, 0)) + host16(7) + host16(has('V') ? 11 : 0) +
+               Bytes{1, rule, static_cast<uint8_t>(has('M') ? 0x30 : 0), static_cast<uint8_t>(has('A') ? 0x20 : 0)} + host32(daiId);
     };
     const struct {
         const char *claim;
@@ -49,13 +48,13 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
         uint8_t daiStarted;
         Bytes record;
     } rows[] = {
-        {"everything, IP source guard", 0xF0, IPSG, 0, record(true, true, true, true, 0x1111, 0x80, 0)},
-        {"no item at all", 0x00, IPSG, 1, record(false, false, false, false, 0x1111, 0x80, 0)},
-        {"IP and port", 0x90, IPSG, 0, record(false, false, true, true, 0x1111, 0x80, 0)},
-        {"MAC", 0x40, IPSG, 0, record(true, false, false, false, 0x1111, 0x80, 0)},
-        {"VLAN", 0x20, IPSG, 0, record(false, true, false, false, 0x1111, 0x80, 0)},
-        {"ARP inspection", 0xF0, DAI, 1, record(true, true, true, true, 0, 0x40, 0x2222)},
-        {"ARP inspection that was not started", 0xF0, DAI, 0, record(true, true, true, true, 0, 0, 0)},
+        {"everything, IP source guard", 0xF0, IPSG, 0, record("MVPA", 0x1111, 0x80, 0)},
+        {"no item at all", 0x00, IPSG, 1, record("", 0x1111, 0x80, 0)},
+        {"IP and port", 0x90, IPSG, 0, record("PA", 0x1111, 0x80, 0)},
+        {"MAC", 0x40, IPSG, 0, record("M", 0x1111, 0x80, 0)},
+        {"VLAN", 0x20, IPSG, 0, record("V", 0x1111, 0x80, 0)},
+        {"ARP inspection", 0xF0, DAI, 1, record("MVPA", 0, 0x40, 0x2222)},
+        {"ARP inspection that was not started", 0xF0, DAI, 0, record("MVPA", 0, 0, 0)},
     };
     for (const auto &row : rows) {
         for (const uint32_t add : {1u, 0u}) {
@@ -70,18 +69,16 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
             EXPECT_EQ(calls[0]->text.substr(0, add == 1 ? 8 : 11), add == 1 ? "hw add 1" : "hw delete 1");
             EXPECT_EQ(hex(calls[0]->data), hex(row.record));
             // Kept: what is printed as check items are the rule flags.
-            EXPECT_EQ(debug_texts(),
-                      Lines{world_format("[DHCPSNOOP] %s user in hwapi: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip "
-                                         "10.0.0.50, checkitem 0x%x.\r\n",
-                                         add == 1 ? "Add" : "Delete", row.record[37])});
+            EXPECT_EQ(debug_texts(), Lines{world_format("[DHCPSNOOP] %s user in hwapi: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip "
+                                                        "10.0.0.50, checkitem 0x%x.\r\n",
+                                                        add == 1 ? "Add" : "Delete", row.record[37])});
             // Kept: a kind-2 record without ARP inspection carries 0, and so does the binding after an add.
             EXPECT_EQ(user->daiHwId, add == 1 && row.kind == DAI && row.daiStarted == 0 ? 0u : 0x2222u);
             user->daiHwId = 0x2222;
         }
     }
 
-    DhcpsnoopUserKey key6 = {
-        .ipType = 2, .reserved = {}, .ipAddr = {0x20, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9}};
+    DhcpsnoopUserKey key6 = {.ipType = 2, .reserved = {}, .ipAddr = {0x20, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9}};
     DhcpsnoopUser *user6 = dhcpsnoop_user_table_add(&key6);
     uint8_t items = 0x80;
     world.clear();
@@ -97,11 +94,7 @@ TEST_F(Hardware, IdentifiersComeBackFromAnAddEvenAFailedOne)
         uint32_t add, kind;
         int32_t result;
         uint32_t ipsgId, daiId;
-    } rows[] = {{1, IPSG, 0, 0x51, 4},
-                {1, IPSG, 9, 0x51, 4},
-                {1, DAI, 0, 3, 0x52},
-                {0, IPSG, 0, 3, 4},
-                {0, DAI, 0, 3, 4}};
+    } rows[] = {{1, IPSG, 0, 0x51, 4}, {1, IPSG, 9, 0x51, 4}, {1, DAI, 0, 3, 0x52}, {0, IPSG, 0, 3, 4}, {0, DAI, 0, 3, 4}};
     for (const auto &row : rows) {
         SCOPED_TRACE(world_format("add %u kind %u result %d", row.add, row.kind, row.result));
         SetUp();
@@ -145,12 +138,9 @@ TEST_F(Hardware, WhoseCheckItems)
     } rows[] = {
         {"the port's", WorldGuard{.items = 0x90}, WorldGuard{.items = 0x40}, true, 2, 0x90, 2},
         {"the VLAN's when the port has none", std::nullopt, WorldGuard{.items = 0x40}, true, 1, 0x40, 3},
-        {"the VLAN's when the port is off", WorldGuard{.enabled = 0, .items = 0x90},
-         WorldGuard{.items = 0x40}, true, 1, 0x40, 3},
-        {"only 1 is on", WorldGuard{.enabled = 2, .items = 0x90}, WorldGuard{.enabled = 3, .items = 0x40},
-         true, 0, 0, 2},
-        {"a failing answer is off", WorldGuard{.enabled = 1, .items = 0x90, .result = 5}, std::nullopt, true,
-         0, 0, 2},
+        {"the VLAN's when the port is off", WorldGuard{.enabled = 0, .items = 0x90}, WorldGuard{.items = 0x40}, true, 1, 0x40, 3},
+        {"only 1 is on", WorldGuard{.enabled = 2, .items = 0x90}, WorldGuard{.enabled = 3, .items = 0x40}, true, 0, 0, 2},
+        {"a failing answer is off", WorldGuard{.enabled = 1, .items = 0x90, .result = 5}, std::nullopt, true, 0, 0, 2},
         {"neither", std::nullopt, std::nullopt, true, 0, 0, 2},
         {"a VLAN without interface is not asked", std::nullopt, WorldGuard{.items = 0x40}, false, 0, 0, 1},
     };
@@ -160,8 +150,7 @@ TEST_F(Hardware, WhoseCheckItems)
             SetUp();
             gDhcpsnoop.daiStarted = 1;
             auto &guards = kind == IPSG ? world.ipsg : world.dai;
-            (kind == IPSG ? gDhcpsnoop.antiArpIfGet : gDhcpsnoop.ipsgIfGet) =
-                nullptr; // the other kind is off
+            (kind == IPSG ? gDhcpsnoop.antiArpIfGet : gDhcpsnoop.ipsgIfGet) = nullptr; // the other kind is off
             if (row.port)
                 guards[1] = *row.port;
             if (row.vlan)
@@ -325,10 +314,8 @@ TEST_F(Hardware, GroupsOnAnInterface)
             taken += static_cast<char>(entry->data[0]);
         std::sort(taken.begin(), taken.end());
         EXPECT_EQ(taken, row.taken);
-        EXPECT_EQ(debug_texts()[0],
-                  world_format("[DHCPSNOOP] Process user on interface %u, inet type %u, user type = %u, "
-                               "operate 0.\r\n",
-                               row.ifIndex, row.ipTypes, row.userTypes));
+        EXPECT_EQ(debug_texts()[0], world_format("[DHCPSNOOP] Process user on interface %u, inet type %u, user type = %u, operate 0.\r\n",
+                                                 row.ifIndex, row.ipTypes, row.userTypes));
         EXPECT_EQ(count_bindings(), 5u);
         dhcpsnoop_user_process_on_interface(dhcpsnoop_if_lookup(row.ifIndex), row.ipTypes, row.userTypes, 2);
         EXPECT_EQ(count_bindings(), 5u - taken.size());

@@ -20,16 +20,10 @@ int worldDepth = 0;
 namespace
 {
 
-uint32_t native32(const uint8_t *p)
+template <class Number>
+Number native(const uint8_t *p)
 {
-    uint32_t value;
-    memcpy(&value, p, sizeof value);
-    return value;
-}
-
-uint16_t native16(const uint8_t *p)
-{
-    uint16_t value;
+    Number value;
     memcpy(&value, p, sizeof value);
     return value;
 }
@@ -40,13 +34,14 @@ WorldPort *port_of(uint32_t ifIndex)
     return found == world.ports.end() ? nullptr : &found->second;
 }
 
-void fill(QorBuffer *buffer, const void *data, size_t count)
+int32_t fill(QorBuffer *buffer, const void *data, size_t count)
 {
     if (count > buffer->length)
         count = buffer->length;
     if (count > 0)
         memcpy(buffer->data, data, count);
     buffer->length = static_cast<uint32_t>(count);
+    return 0;
 }
 
 __attribute__((format(printf, 1, 0))) std::string formatted(const char *format, va_list arguments)
@@ -81,11 +76,12 @@ std::string call_hex(const uint8_t *bytes, size_t count)
     return world.quiet() ? std::string() : world_hex(bytes, count);
 }
 
-// A call that changes nothing.
-void note(const std::string &line)
+// A call that changes nothing: its result when it is refused.
+std::optional<int32_t> asked(const std::string &line)
 {
     if (world.recording)
         world.asked.push_back(line);
+    return world.refused(line);
 }
 
 // Journals the call and gives its result.
@@ -110,13 +106,10 @@ std::string sync_value(const void *value, bool isText, Bytes *data)
     return "{" + call_hex(bytes, text->length) + "}";
 }
 
-int32_t guard_answer(const char *who, std::map<uint32_t, WorldGuard> &guards, uint32_t ifIndex, uint32_t call,
-                     void *reply)
+int32_t guard_answer(const char *who, std::map<uint32_t, WorldGuard> &guards, uint32_t ifIndex, uint32_t call, void *reply)
 {
     WorldScope scope;
-    const std::string line = call_line("%s %u %u", who, ifIndex, call);
-    note(line);
-    if (const auto refusal = world.refused(line))
+    if (const auto refusal = asked(call_line("%s %u %u", who, ifIndex, call)))
         return *refusal;
     const auto found = guards.find(ifIndex);
     if (found == guards.end())
@@ -130,14 +123,11 @@ int32_t guard_answer(const char *who, std::map<uint32_t, WorldGuard> &guards, ui
     return 0;
 }
 
-int32_t place_answer(const char *who, std::map<uint32_t, int32_t> &answers, const uint32_t *where,
-                     uint32_t property, const void *answer)
+int32_t place_answer(const char *who, std::map<uint32_t, int32_t> &answers, const uint32_t *where, uint32_t property, const void *answer)
 {
     WorldScope scope;
-    const std::string line = call_line("%s %u.%u.%u.%u %u%s", who, where[0], where[1], where[2], where[3],
-                                       property, answer == nullptr ? " null" : "");
-    note(line);
-    if (const auto refusal = world.refused(line))
+    if (const auto refusal = asked(call_line("%s %u.%u.%u.%u %u%s", who, where[0], where[1], where[2], where[3],
+                                             property, answer == nullptr ? " null" : "")))
         return *refusal;
     const auto found = answers.find(property);
     return found == answers.end() ? 0 : found->second;
@@ -271,23 +261,15 @@ std::vector<std::string> World::texts(Did kind) const
     return found;
 }
 
-std::vector<std::string> World::calls(const std::string &prefix) const
+static std::vector<std::string> that_begin_with(const std::string &prefix, std::vector<std::string> lines)
 {
-    std::vector<std::string> found;
-    for (const WorldEntry *entry : all(Did::Call))
-        if (entry->text.starts_with(prefix))
-            found.push_back(entry->text);
-    return found;
+    std::erase_if(lines, [&](const std::string &line) { return !line.starts_with(prefix); });
+    return lines;
 }
 
-std::vector<std::string> World::questions(const std::string &prefix) const
-{
-    std::vector<std::string> found;
-    for (const std::string &line : asked)
-        if (line.starts_with(prefix))
-            found.push_back(line);
-    return found;
-}
+std::vector<std::string> World::calls(const std::string &prefix) const { return that_begin_with(prefix, texts(Did::Call)); }
+
+std::vector<std::string> World::questions(const std::string &prefix) const { return that_begin_with(prefix, asked); }
 
 void World::enter(WorldEntry entry)
 {
@@ -322,9 +304,7 @@ void qorCatchSegFault(int argc, char **)
 int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
 {
     WorldScope scope;
-    const std::string line = call_line("qorIfGetApi %u %u", ifIndex, attribute);
-    note(line);
-    if (const auto refusal = world.refused(line))
+    if (const auto refusal = asked(call_line("qorIfGetApi %u %u", ifIndex, attribute)))
         return *refusal;
     if (attribute == 65536285) {
         auto *request = static_cast<QorNestedGet *>(value);
@@ -337,34 +317,17 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
     const WorldPort *port = port_of(ifIndex);
     if (port == nullptr || port->silent.contains(attribute))
         return -1;
-    auto *word = static_cast<uint32_t *>(value);
-    switch (attribute) {
-    case 3:
-        fill(static_cast<QorBuffer *>(value), port->name.data(), port->name.size());
-        return 0;
-    case 5:
-        *word = port->number;
-        return 0;
-    case 33:
-        fill(static_cast<QorBuffer *>(value), port->mac.data(), port->mac.size());
-        return 0;
-    case 45:
-        *word = port->tpid;
-        return 0;
-    case 193:
-        *word = port->workMode;
-        return 0;
-    case 417:
-        *word = port->isVlanIf ? 1 : 0;
-        return 0;
-    case 5400:
-        if (!port->isVlanIf)
-            return -1;
-        *word = port->vid;
-        return 0;
-    default:
-        return -1;
-    }
+    if (attribute == 3)
+        return fill(static_cast<QorBuffer *>(value), port->name.data(), port->name.size());
+    if (attribute == 33)
+        return fill(static_cast<QorBuffer *>(value), port->mac.data(), port->mac.size());
+    const struct {
+        uint32_t attribute, word;
+    } words[] = {{5, port->number}, {45, port->tpid}, {193, port->workMode}, {417, port->isVlanIf}, {port->isVlanIf ? 5400 : ~0u, port->vid}};
+    for (const auto &answer : words)
+        if (answer.attribute == attribute)
+            return *static_cast<uint32_t *>(value) = answer.word, 0;
+    return -1;
 }
 
 int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
@@ -380,7 +343,7 @@ int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
         abort();
     const std::string line = call_line("hw %s %u: mac %s vid %u if %u ipsg %u addr %s attr %u orig %u type %u rule %02x macValid %02x kind %02x "
                                        "dai %u",
-                                       operation, ifIndex, call_hex(record, 6).c_str(), native16(record + 6), native32(record + 8), native32(record + 12), call_hex(record + 16, 16).c_str(), native16(record + 32), native16(record + 34), record[36], record[37], record[38], record[39], native32(record + 40));
+                                       operation, ifIndex, call_hex(record, 6).c_str(), native<uint16_t>(record + 6), native<uint32_t>(record + 8), native<uint32_t>(record + 12), call_hex(record + 16, 16).c_str(), native<uint16_t>(record + 32), native<uint16_t>(record + 34), record[36], record[37], record[38], record[39], native<uint32_t>(record + 40));
     const int32_t result = did(line, Bytes(record, record + 44));
     if (request->operation == 0x3E800DF) {
         if (world.newIpsgHwId)
@@ -394,7 +357,7 @@ int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
 int32_t qorIfUnit2Name(uint32_t ifIndex, char *name, uint32_t size)
 {
     WorldScope scope;
-    note(call_line("qorIfUnit2Name %u", ifIndex));
+    asked(call_line("qorIfUnit2Name %u", ifIndex));
     const WorldPort *port = port_of(ifIndex);
     if (port == nullptr)
         return -1;
@@ -407,12 +370,10 @@ int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
     WorldScope scope;
     std::string line;
     if (kind == 7)
-        line = call_line("qorIndexTrans %u,%u,%u,%u,%u,%u,%u 7", from[0], from[1], from[2], from[3], from[4],
-                         from[5], from[6]);
+        line = call_line("qorIndexTrans %u,%u,%u,%u,%u,%u,%u 7", from[0], from[1], from[2], from[3], from[4], from[5], from[6]);
     else
         line = call_line("qorIndexTrans %u %u", from[0], kind);
-    note(line);
-    if (const auto refusal = world.refused(line))
+    if (const auto refusal = asked(line))
         return *refusal;
     if (kind == 6) {
         const WorldPort *port = port_of(from[0]);
@@ -433,9 +394,7 @@ int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
 int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
 {
     WorldScope scope;
-    const std::string line = call_line("qorVlanGetApi %u %u %u", vid, attribute, list->length);
-    note(line);
-    if (const auto refusal = world.refused(line))
+    if (const auto refusal = asked(call_line("qorVlanGetApi %u %u %u", vid, attribute, list->length)))
         return *refusal;
     const auto found = world.vlanMembers.find(vid);
     if (found == world.vlanMembers.end())
@@ -450,7 +409,7 @@ int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
 int32_t qorScalarGetApi(uint32_t unit, uint32_t attribute, QorBuffer *text)
 {
     WorldScope scope;
-    note(call_line("qorScalarGetApi %u %u", unit, attribute));
+    asked(call_line("qorScalarGetApi %u %u", unit, attribute));
     const auto found = world.scalarTexts.find(attribute);
     if (found == world.scalarTexts.end())
         return -1;
@@ -466,7 +425,7 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
 {
     WorldScope scope;
     const auto *query = static_cast<SysIfQuery *>(buffer);
-    note(call_line("sysIFGet %u %u vid %u", ifIndex, attribute, query->vid));
+    asked(call_line("sysIFGet %u %u vid %u", ifIndex, attribute, query->vid));
     const WorldPort *port = port_of(ifIndex);
     if (port == nullptr)
         return attribute == 255 ? 1 : 0;
@@ -478,7 +437,7 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
 int32_t nmGetIfPartDescr(uint32_t ifIndex, char *buffer, uint32_t size)
 {
     WorldScope scope;
-    note(call_line("nmGetIfPartDescr %u %u", ifIndex, size));
+    asked(call_line("nmGetIfPartDescr %u %u", ifIndex, size));
     const WorldPort *port = port_of(ifIndex);
     if (port == nullptr)
         return -1;
@@ -492,7 +451,7 @@ const char *nmGetHostname(void) { return world.hostname ? world.hostname->c_str(
 uint32_t qorHwScalarGet(uint32_t unit, uint32_t scalar, void *)
 {
     WorldScope scope;
-    note(call_line("qorHwScalarGet %u %u", unit, scalar));
+    asked(call_line("qorHwScalarGet %u %u", unit, scalar));
     const auto found = world.hwScalars.find(scalar);
     return found == world.hwScalars.end() ? 0 : found->second;
 }
@@ -502,9 +461,7 @@ int32_t qorHwScalarSync(void *source, uint32_t code, void *data, uint32_t mode)
     WorldScope scope;
     Bytes bytes;
     const std::string value = sync_value(data, (mode & 0x80000000) != 0, &bytes);
-    return did(call_line("qorHwScalarSync %s 0x%x %s 0x%x", source == nullptr ? "null" : "source", code,
-                         value.c_str(), mode),
-               bytes);
+    return did(call_line("qorHwScalarSync %s 0x%x %s 0x%x", source == nullptr ? "null" : "source", code, value.c_str(), mode), bytes);
 }
 
 int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t mode)
@@ -536,10 +493,9 @@ int32_t qorHwSlotGet(const uint32_t *where, uint32_t property, void *answer)
 void zlog_dispatch_logging(int32_t module, int32_t level, const char *format, ...)
 {
     WorldScope scope;
-    char text[4096];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
+    std::string text = formatted(format, arguments);
     va_end(arguments);
     world.enter({.did = Did::Log, .text = world_format("%d %d ", module, level) + text});
 }
@@ -547,12 +503,11 @@ void zlog_dispatch_logging(int32_t module, int32_t level, const char *format, ..
 void NM_DEBUG_OUTPUT(const char *format, ...)
 {
     WorldScope scope;
-    char text[4096];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
+    std::string text = formatted(format, arguments);
     va_end(arguments);
-    world.enter({.did = Did::Debug, .text = text});
+    world.enter({.did = Did::Debug, .text = std::move(text)});
 }
 
 int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length)
@@ -572,8 +527,7 @@ int32_t arpAntiAttackIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
     return guard_answer("arpAntiAttackIfGetApi", world.dai, ifIndex, call, reply);
 }
 
-int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, QorBuffer *option125,
-                                          QorBuffer *bootFile)
+int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, QorBuffer *option125, QorBuffer *bootFile)
 {
     WorldScope scope;
     const auto offer = [](QorBuffer *buffer, const std::optional<Bytes> &what,
@@ -587,9 +541,7 @@ int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, 
         if (length)
             buffer->length = *length;
     };
-    const std::string room = option125 == nullptr && bootFile == nullptr
-                                 ? "null null"
-                                 : world_format("%u %u", option125->length, bootFile->length);
+    const std::string room = option125 == nullptr && bootFile == nullptr ? "null null" : world_format("%u %u", option125->length, bootFile->length);
     Bytes unset(record->unset, record->unset + sizeof record->unset);
     did(call_line("deftinstall ip %08x tag %08x mac %s one %u add %u, %s", record->clientIp, record->vendorTag,
                   call_hex(record->mac, 6).c_str(), record->one, record->add, room.c_str()),

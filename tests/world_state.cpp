@@ -10,8 +10,7 @@ namespace
 {
 
 // Walks a list by hand, both ways; adds each node's address to `seen` (a node met twice is a fault).
-std::string walk(const char *name, const DhcpsnoopLink *head, std::set<const void *> &seen, size_t limit,
-                 size_t *count)
+std::string walk(const char *name, const DhcpsnoopLink *head, std::set<const void *> &seen, size_t limit, size_t *count)
 {
     size_t length = 0;
     for (const DhcpsnoopLink *at = head->next; at != head; at = at->next) {
@@ -39,8 +38,7 @@ std::string in_pool(const char *name, const void *pool, const std::set<const voi
 
 std::string format_line(const char *name, const DhcpsnoopOptionFormat &format)
 {
-    return world_format("%s %u %u ", name, format.mode, format.len) +
-           world_hex(format.text, sizeof format.text) + "\n";
+    return world_format("%s %u %u ", name, format.mode, format.len) + world_hex(format.text, sizeof format.text) + "\n";
 }
 
 } // namespace
@@ -77,8 +75,7 @@ std::string world_check_tables(bool counts)
                 if (user->userType == DHCPSNOOP_USER_DYNAMIC && (ifp->isVlanIf == 1 ? user->vid == dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID) : user->ifIndex == ifp->ifIndex))
                     dynamic++;
         if (counts && dynamic != ifp->curUser)
-            faults +=
-                world_format("interface %u counts %u users of %u\n", ifp->ifIndex, ifp->curUser, dynamic);
+            faults += world_format("interface %u counts %u users of %u\n", ifp->ifIndex, ifp->curUser, dynamic);
     }
     for (uint32_t i = 0; i < DHCPSNOOP_BUCKETS; i++) {
         for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&gDhcpsnoop.userHash[i])) {
@@ -117,8 +114,7 @@ std::string world_state()
                      {"interfaceId", ifp->interfaceId, ifp->interfaceIdLen},
                      {"remoteId6", ifp->remoteId6, ifp->remoteId6Len}};
         for (const auto &text : texts)
-            state += world_format("  %s %u ", text.name, text.length) +
-                     world_hex(text.text, DHCPSNOOP_TEXT_MAX) + "\n";
+            state += world_format("  %s %u ", text.name, text.length) + world_hex(text.text, DHCPSNOOP_TEXT_MAX) + "\n";
     }
     for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
         for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket))
@@ -134,9 +130,8 @@ std::string world_state()
     state += format_line("remoteIdFmt", gDhcpsnoop.remoteIdFmt);
     state += format_line("interfaceIdFmt", gDhcpsnoop.interfaceIdFmt);
     state += format_line("remoteId6Fmt", gDhcpsnoop.remoteId6Fmt);
-    state +=
-        world_format("global %u %u %u debug %02x enterprise %u dai %u role %u\n", gDhcpsnoop.globalEnable,
-                     gDhcpsnoop.hwNotifyEnable, gDhcpsnoop.serverLearn, gDhcpsnoop.debugFlags,
-                     gDhcpsnoop.enterpriseNum, gDhcpsnoop.daiStarted, gDhcpsnoop.runningRole);
+    state += world_format("global %u %u %u debug %02x enterprise %u dai %u role %u\n", gDhcpsnoop.globalEnable,
+                          gDhcpsnoop.hwNotifyEnable, gDhcpsnoop.serverLearn, gDhcpsnoop.debugFlags,
+                          gDhcpsnoop.enterpriseNum, gDhcpsnoop.daiStarted, gDhcpsnoop.runningRole);
     return state;
 }

@@ -37,24 +37,14 @@ int did(const std::string &line)
 
 const char *domain_name(int domain)
 {
-    return domain == AF_PACKET    ? "AF_PACKET"
-           : domain == AF_UNIX    ? "AF_UNIX"
-           : domain == AF_INET    ? "AF_INET"
-           : domain == AF_NETLINK ? "AF_NETLINK"
-                                  : "?";
+    const std::map<int, const char *> names = {{AF_PACKET, "AF_PACKET"}, {AF_UNIX, "AF_UNIX"}, {AF_INET, "AF_INET"}, {AF_NETLINK, "AF_NETLINK"}};
+    return names.contains(domain) ? names.at(domain) : "?";
 }
 
 std::string option_name(int level, int option)
 {
-    if (level == SOL_SOCKET && option == SO_BROADCAST)
-        return "SO_BROADCAST";
-    if (level == SOL_SOCKET && option == SO_REUSEADDR)
-        return "SO_REUSEADDR";
-    if (level == SOL_SOCKET && option == SO_RCVBUF)
-        return "SO_RCVBUF";
-    if (level == SOL_SOCKET && option == SO_RCVLOWAT)
-        return "SO_RCVLOWAT";
-    return world_format("%d %d", level, option);
+    const std::map<int, const char *> names = {{SO_BROADCAST, "SO_BROADCAST"}, {SO_REUSEADDR, "SO_REUSEADDR"}, {SO_RCVBUF, "SO_RCVBUF"}, {SO_RCVLOWAT, "SO_RCVLOWAT"}};
+    return level == SOL_SOCKET && names.contains(option) ? names.at(option) : world_format("%d %d", level, option);
 }
 
 std::string address_text(const struct sockaddr *address, socklen_t length)
@@ -132,8 +122,7 @@ int __wrap_socket(int domain, int type, int protocol)
         return __real_socket(domain, type, protocol);
     WorldScope scope;
     std::string line = world_format("socket %s %d ", domain_name(domain), type & 0xF);
-    line += domain == AF_PACKET ? world_format("0x%04x", ntohs(static_cast<uint16_t>(protocol)))
-                                : world_format("%d", protocol);
+    line += domain == AF_PACKET ? world_format("0x%04x", ntohs(static_cast<uint16_t>(protocol))) : world_format("%d", protocol);
     world.enter({.did = Did::Call, .text = line});
     if (const auto refusal = world.refused(line)) {
         errno = WORLD_EPERM;
@@ -275,8 +264,7 @@ int __wrap_select(int nfds, fd_set *readSet, fd_set *, fd_set *, struct timeval 
     return world.selectResult.value_or(marked);
 }
 
-ssize_t __wrap_sendto(int fd, const void *bytes, size_t count, int flags, const struct sockaddr *address,
-                      socklen_t length)
+ssize_t __wrap_sendto(int fd, const void *bytes, size_t count, int flags, const struct sockaddr *address, socklen_t length)
 {
     if (!is_ours(fd))
         return __real_sendto(fd, bytes, count, flags, address, length);
@@ -306,8 +294,7 @@ ssize_t __wrap_sendmsg(int fd, const struct msghdr *msg, int flags)
     struct sockaddr_in to = {};
     memcpy(&to, msg->msg_name, msg->msg_namelen < sizeof to ? msg->msg_namelen : sizeof to);
     if (!world.recording && world.sent != nullptr && msg->msg_iovlen == 1)
-        world.sent(Did::Relay, static_cast<const uint8_t *>(msg->msg_iov[0].iov_base),
-                   msg->msg_iov[0].iov_len, ntohl(to.sin_addr.s_addr));
+        world.sent(Did::Relay, static_cast<const uint8_t *>(msg->msg_iov[0].iov_base), msg->msg_iov[0].iov_len, ntohl(to.sin_addr.s_addr));
     if (world.quiet())
         return 0;
     WorldEntry entry = {.did = Did::Relay, .text = {}, .socket = fd};
@@ -330,8 +317,7 @@ ssize_t __wrap_sendmsg(int fd, const struct msghdr *msg, int flags)
     if (header.cmsg_level != IPPROTO_IP || header.cmsg_type != IP_PKTINFO || header.cmsg_len != CMSG_LEN(sizeof info) || info.ipi_ifindex != 0 || info.ipi_addr.s_addr != 0)
         note += ", bad packet information";
     entry.from = ntohl(info.ipi_spec_dst.s_addr);
-    entry.text = "relay " + dotted(entry.from) + " " + dotted(entry.to) +
-                 world_format(":%u %zu", ntohs(to.sin_port), entry.data.size()) + note;
+    entry.text = "relay " + dotted(entry.from) + " " + dotted(entry.to) + world_format(":%u %zu", ntohs(to.sin_port), entry.data.size()) + note;
     const std::string line = entry.text;
     const auto count = static_cast<ssize_t>(entry.data.size());
     world.enter(std::move(entry));
