@@ -95,10 +95,7 @@ LinkMessage &LinkMessage::attribute(uint16_t type, const void *value, size_t siz
     return end();
 }
 
-LinkMessage &LinkMessage::text(uint16_t type, const char *value)
-{
-    return attribute(type, value, strlen(value) + 1);
-}
+LinkMessage &LinkMessage::text(uint16_t type, const char *value) { return attribute(type, value, strlen(value) + 1); }
 
 std::vector<Recorded> read_recording(const char *name)
 {

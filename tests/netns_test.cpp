@@ -75,10 +75,7 @@ uint32_t NetnsTest::index(const std::string &device)
     return found;
 }
 
-void NetnsTest::sysctl(const std::string &path, const std::string &value)
-{
-    std::ofstream("/proc/sys/" + path) << value;
-}
+void NetnsTest::sysctl(const std::string &path, const std::string &value) { std::ofstream("/proc/sys/" + path) << value; }
 
 Wire::Wire(const std::string &device) : sock_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)))
 {

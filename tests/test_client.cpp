@@ -33,27 +33,22 @@ class Client : public Daemon
 
 TEST_F(Client, ProtectionAgainstForgedHardwareAddress)
 {
-    const struct {
-        const char *claim;
-        uint32_t flags;
-        Mac chaddr;
-        bool passes;
-    } rows[] = {
+    // claim, flags, chaddr, passes
+    const std::tuple<const char *, uint32_t, Mac, bool> rows[] = {
         {"equal", DHCPSNOOP_IF_CHECK_MAC, MAC_CLIENT, true},
         {"different", DHCPSNOOP_IF_CHECK_MAC, MAC_CLIENT2, false},
         {"different, not checked", 0, MAC_CLIENT2, true},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, flags, chaddr, passes] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         debug(1);
-        port->flags |= row.flags;
-        receive(Frame{.chaddr = row.chaddr, .options = opt_type(3) + opt_ip(50, HOST) + OPT_END});
-        EXPECT_EQ(sent_summary(), row.passes ? "2 292" : "");
-        EXPECT_EQ(port->counters[DHCPSNOOP_DROP_SOURCE_MAC], row.passes ? 0u : 1u);
-        EXPECT_EQ(count_bindings(), row.passes ? 1u : 0u);
-        EXPECT_EQ(printed("[DHCPSNOOP] Source mac in pkt 02:c1:00:00:00:01 and client mac 02:c1:00:00:00:02 don't match,stop process!\r\n"),
-                  !row.passes);
+        port->flags |= flags;
+        receive(Frame{.chaddr = chaddr, .options = opt_type(3) + opt_ip(50, HOST) + OPT_END});
+        EXPECT_EQ(sent_summary(), passes ? "2 292" : "");
+        EXPECT_EQ(port->counters[DHCPSNOOP_DROP_SOURCE_MAC], passes ? 0u : 1u);
+        EXPECT_EQ(count_bindings(), passes ? 1u : 0u);
+        EXPECT_EQ(printed("[DHCPSNOOP] Source mac in pkt 02:c1:00:00:00:01 and client mac 02:c1:00:00:00:02 don't match,stop process!\r\n"), !passes);
     }
 }
 
@@ -119,16 +114,12 @@ TEST_F(Client, ProtectionOfBoundClients)
 
 TEST_F(Client, Bookkeeping)
 {
-    enum Had { nothing, dynamic, fixed };
+    enum Had { nothing,
+               dynamic,
+               fixed };
     constexpr uint8_t DISCOVER = 1, REQUEST = 3, DECLINE = 4, RELEASE = 7, INFORM = 8;
-    const struct {
-        const char *claim;
-        bool relay, giaddr;
-        bool waiting; // a MAC-user entry is there
-        Had had;
-        uint8_t type;
-        bool bound, waits; // afterwards
-    } rows[] = {
+    // claim, relay, giaddr, waiting (a MAC-user entry is there), had, type, bound, waits (afterwards)
+    const std::tuple<const char *, bool, bool, bool, Had, uint8_t, bool, bool> rows[] = {
         {"a discover leaves no trace", false, false, false, nothing, DISCOVER, false, false},
         {"a request is recorded", false, false, false, nothing, REQUEST, true, false},
         {"a repeated request", false, false, false, dynamic, REQUEST, true, false},
@@ -151,21 +142,21 @@ TEST_F(Client, Bookkeeping)
         {"another relay's message does not wait", true, true, false, nothing, DISCOVER, false, false},
         {"another relay's request is recorded", true, true, true, nothing, REQUEST, true, true},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, relay, giaddr, waiting, had, type, bound, waits] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
-        if (row.relay)
+        if (relay)
             relaying();
-        if (row.waiting) {
+        if (waiting) {
             const Parsed earlier(Frame{});
             dhcpsnoop_mac_user_add(&earlier.info);
         }
-        if (row.had != nothing)
-            make_binding(HOST, MAC_CLIENT, 1, 10)->userType = row.had == dynamic ? DHCPSNOOP_USER_DYNAMIC : DHCPSNOOP_USER_STATIC;
-        receive(Frame{.giaddr = row.giaddr ? ip4(10, 9, 9, 9) : 0, .options = opt_type(row.type) + opt_ip(50, HOST) + OPT_END});
-        EXPECT_EQ(count_bindings(), row.bound ? 1u : 0u);
-        EXPECT_EQ(count_waiting(), row.waits ? 1u : 0u);
-        const bool relayed = row.relay && !row.giaddr;
+        if (had != nothing)
+            make_binding(HOST, MAC_CLIENT, 1, 10)->userType = had == dynamic ? DHCPSNOOP_USER_DYNAMIC : DHCPSNOOP_USER_STATIC;
+        receive(Frame{.giaddr = giaddr ? ip4(10, 9, 9, 9) : 0, .options = opt_type(type) + opt_ip(50, HOST) + OPT_END});
+        EXPECT_EQ(count_bindings(), bound ? 1u : 0u);
+        EXPECT_EQ(count_waiting(), waits ? 1u : 0u);
+        const bool relayed = relay && !giaddr;
         EXPECT_EQ(world.all(Did::Relay).size(), relayed ? 2u : 0u);
         EXPECT_EQ(world.all(Did::Frame).size(), relayed ? 0u : 1u);
     }

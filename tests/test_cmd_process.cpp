@@ -86,11 +86,8 @@ TEST_F(Command, Functions)
 TEST_F(Command, Refused)
 {
     const Request good = Request(7, 18).number(5).word(0);
-    const struct {
-        const char *claim;
-        Bytes request;
-        const char *text; // with either debug bit, or with the information bit only when it begins with '!'; null: none
-    } rows[] = {
+    // claim, request, text (with either debug bit, or with the information bit only when it begins with '!'; null: none)
+    const std::tuple<const char *, Bytes, const char *> rows[] = {
         {"25 bytes", cut(good, 25), "lenRx 25 err!"},
         {"a func word of another type", changed(good, 1, 0), "decode func word failed!"},
         {"a command word with another marker", changed(good, 16, 3), "decode command word failed!"},
@@ -105,17 +102,17 @@ TEST_F(Command, Refused)
         {"an end in the index", cut(good, 32), nullptr},
         {"an end in the word", cut(good, 40), nullptr},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        const bool informationOnly = row.text != nullptr && row.text[0] == '!';
-        const Lines lines = row.text == nullptr ? Lines{} : Lines{std::string("[DHCPSNOOP] Command process: ") + (row.text + (informationOnly ? 1 : 0)) + "\r\n"};
+    for (const auto &[claim, request, text] : rows) {
+        SCOPED_TRACE(claim);
+        const bool informationOnly = text != nullptr && text[0] == '!';
+        const Lines lines = text == nullptr ? Lines{} : Lines{std::string("[DHCPSNOOP] Command process: ") + (text + (informationOnly ? 1 : 0)) + "\r\n"};
         const std::string before = world_state();
         for (const int flags : {0, 1, 2}) {
             world.clear();
             debug(flags);
-            const Reply reply = ask(row.request);
+            const Reply reply = ask(request);
             EXPECT_EQ(reply.length, 0u);
-            EXPECT_EQ(reply.bytes, row.request);
+            EXPECT_EQ(reply.bytes, request);
             EXPECT_EQ(debug_texts(), flags == 1 || (flags == 2 && !informationOnly) ? lines : Lines{});
             EXPECT_EQ(world.calls(), Lines{});
         }

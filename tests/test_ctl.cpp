@@ -294,9 +294,10 @@ TEST(CtlShow, TypedTextsAreNotBelieved)
     }
 }
 
-// Values go to words and come back, whatever their bytes are.
+// Values go to words and come back, whatever their bytes are; a shell reads the words as they are.
 TEST(CtlSetting, WordsReadBack)
 {
+    EXPECT_EQ(joinQuoted({"%s.%c", "a b", "it's", "", "$(id)", "a\\b", "*"}), "%s.%c 'a b' 'it'\\''s' '' '$(id)' 'a\\b' '*'");
     const Setting &circuit = *findSetting(INTERFACE_SCOPE, "circuit-id"), &text = *findSetting(INTERFACE_SCOPE, "subopt9-text");
     const OptionText values[] = {
         {FORMAT_TYPED, TYPE_TEXT, unhex("61")}, {FORMAT_TYPED, TYPE_GENERATED, {}}, {FORMAT_TYPED, TYPE_TEXT, {}}, {FORMAT_RAW, 200, unhex("00ff0a")}, {FORMAT_TEMPLATE, 0, unhex("25 73 2e 00 ff")}, {FORMAT_TEMPLATE, 0, unhex("67656e657261746564")}, {FORMAT_GLOBAL, 0, {}}, {6, 0, unhex("2067656e")}, {1, 0, Bytes(128, 0x27)}};
@@ -306,11 +307,6 @@ TEST(CtlSetting, WordsReadBack)
         words = valueWords(text, value.text);
         EXPECT_EQ(std::get<Bytes>(parseValue(text, words)), value.text) << joinQuoted(words);
     }
-}
-
-TEST(CtlSetting, WordsForAShell)
-{
-    EXPECT_EQ(joinQuoted({"%s.%c", "a b", "it's", "", "$(id)", "a\\b", "*"}), "%s.%c 'a b' 'it'\\''s' '' '$(id)' 'a\\b' '*'");
 }
 
 TEST(CtlBinding, RefusedHalfwayLeavesNothingBehind)

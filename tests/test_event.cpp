@@ -74,12 +74,8 @@ TEST_F(Events, Walk)
 {
     const Bytes first = event_message(5), second = event_message(6);
     const Bytes odd = event_message(7, {0xEE}); // 17 bytes
-    const struct {
-        const char *claim;
-        Bytes datagram;
-        std::optional<int32_t> length;
-        Lines texts;
-    } rows[] = {
+    // claim, datagram, length, texts
+    const std::tuple<const char *, Bytes, std::optional<int32_t>, Lines> rows[] = {
         {"nothing", {}, {}, {}},
         {"a failed receive", first, -1, {}},
         {"no whole header", Bytes(first.begin(), first.end() - 1), {}, {}},
@@ -98,14 +94,14 @@ TEST_F(Events, Walk)
         {"a second that is too long does not undo the first", first + event_message(6, {}, 17), {}, unknown(5)},
         {"a second that is too short ends the walk", first + event_message(6, {}, 4) + second, {}, unknown(5)},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, datagram, length, texts] : rows) {
+        SCOPED_TRACE(claim);
         const std::string before = world_state();
         for (const int flags : {1, 2}) {
             world.clear();
             debug(flags);
-            EXPECT_EQ(deliver(row.datagram, row.length), 0);
-            EXPECT_EQ(debug_texts(), row.texts);
+            EXPECT_EQ(deliver(datagram, length), 0);
+            EXPECT_EQ(debug_texts(), texts);
         }
         debug(0);
         EXPECT_EQ(world_state(), before);
@@ -252,29 +248,25 @@ TEST_F(Events, MembersOfAnAggregate)
 
 TEST_F(Events, ThePlatformMaySayThatMembersDoNotFollow)
 {
-    const struct {
-        const char *claim;
-        int32_t result;
-        std::optional<uint8_t> count; // as the platform leaves it; none = as it was, 1
-        bool follows;
-    } rows[] = {
+    // claim, result, count (as the platform leaves it; none = as it was, 1), follows
+    const std::tuple<const char *, int32_t, std::optional<uint8_t>, bool> rows[] = {
         {"it leaves the count alone", 0, {}, true},
         {"it counts none", 0, 0, true},
         {"it counts two", 0, 2, false},
         {"it counts 255", 0, 255, false},
         {"it does not know", -1, 2, true},
     };
-    for (const auto &row : rows) {
+    for (const auto &[claim, result, count, follows] : rows) {
         for (const uint16_t attribute : {PORT_ADDED, PORT_REMOVED}) {
-            SCOPED_TRACE(world_format("%s, attribute %u", row.claim, attribute));
+            SCOPED_TRACE(world_format("%s, attribute %u", claim, attribute));
             SetUp();
             world.ipsg[OTHER] = {.items = 0x80};
             if (attribute == PORT_REMOVED)
                 binding(ON_TRUNK)->hwFlags = DHCPSNOOP_HW_IPSG;
-            world.trunkQueryResult = row.result;
-            world.trunkQueryCount = row.count;
+            world.trunkQueryResult = result;
+            world.trunkQueryCount = count;
             deliver(link_message(NEWLINK, TRUNK, link_attribute(attribute, host32(OTHER))));
-            EXPECT_EQ(world.calls(attribute == PORT_ADDED ? "hw add 2" : "hw delete 2").size(), row.follows ? 1u : 0u);
+            EXPECT_EQ(world.calls(attribute == PORT_ADDED ? "hw add 2" : "hw delete 2").size(), follows ? 1u : 0u);
         }
     }
 }
@@ -282,12 +274,8 @@ TEST_F(Events, ThePlatformMaySayThatMembersDoNotFollow)
 TEST_F(Events, AttributesAfterTheInterfaceIsGone)
 {
     const Bytes joined = link_attribute(JOINED), member = host32(OTHER);
-    const struct {
-        const char *claim;
-        Bytes attributes;
-        Lines texts; // behind those of the interface's end
-        size_t calls;
-    } rows[] = {
+    // claim, attributes, texts (behind those of the interface's end), calls
+    const std::tuple<const char *, Bytes, Lines, size_t> rows[] = {
         // Kept: adding a port goes by the index alone.
         {"a port added to it is processed", joined + link_attribute(PORT_ADDED, member),
          about("IFLA_AGGADDPHY", TRUNK) + Lines{"[DHCPSNOOP] Process user on trunk interface 8, port 2, operate 1.\r\n"} +
@@ -295,15 +283,15 @@ TEST_F(Events, AttributesAfterTheInterfaceIsGone)
          1},
         {"one removed from it is not", joined + link_attribute(PORT_REMOVED, member), about("IFLA_AGGREMOVEPHY", TRUNK), 0},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, attributes, texts, calls] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         world.ipsg[OTHER] = {.items = 0x80};
         make_binding(ip4(10, 0, 0, 53), MAC_CLIENT, TRUNK, 10)->userType = DHCPSNOOP_USER_STATIC;
         debug(2);
-        deliver(link_message(NEWLINK, TRUNK, row.attributes));
-        EXPECT_EQ(debug_texts(), NEW + about("IFLA_PHYJOINAGG", TRUNK) + off(TRUNK) + row.texts);
-        EXPECT_EQ(world.calls("hw ").size(), row.calls);
+        deliver(link_message(NEWLINK, TRUNK, attributes));
+        EXPECT_EQ(debug_texts(), NEW + about("IFLA_PHYJOINAGG", TRUNK) + off(TRUNK) + texts);
+        EXPECT_EQ(world.calls("hw ").size(), calls);
         EXPECT_EQ(dhcpsnoop_if_lookup(TRUNK), nullptr);
     }
 }

@@ -11,15 +11,9 @@ constexpr uint32_t CARD_KNOWN = 49152043, CARD_KIND = 49152042, SLOT_KNOWN = 327
 constexpr uint32_t CARD = 3, FURTHER = 0x55;
 constexpr uint32_t HERE = 1, OTHER_CARD = 2, OTHER_SLOT = 3, OTHER_SYSTEM = 4, UNKNOWN = 99;
 
-Bytes place_message(uint16_t type)
-{
-    return host32(16) + host16(type) + host16(0) + host32(CARD) + host32(FURTHER);
-}
+Bytes place_message(uint16_t type) { return host32(16) + host16(type) + host16(0) + host32(CARD) + host32(FURTHER); }
 
-void deliver(Bytes datagram)
-{
-    dhcpsnoop_notify_recv(datagram.data(), static_cast<int32_t>(datagram.size()));
-}
+void deliver(Bytes datagram) { dhcpsnoop_notify_recv(datagram.data(), static_cast<int32_t>(datagram.size())); }
 
 constexpr uint32_t FIXED = ip4(10, 0, 1, 0), DYNAMIC = ip4(10, 0, 2, 0); // + the port
 
@@ -72,7 +66,10 @@ class Places : public Daemon
 
 TEST_F(Places, CardsAndSlots)
 {
-    enum Does : uint8_t { Nothing, Copy, Install, Delete };
+    enum Does : uint8_t { Nothing,
+                          Copy,
+                          Install,
+                          Delete };
     const struct {
         const char *claim;
         uint16_t type;

@@ -10,10 +10,7 @@ constexpr uint16_t DAI_START = 123, DAI_STOP = 124, USERS_UPDATE = 190, IPSG_CHA
 constexpr uint32_t PORT = 1, OTHER = 2, VLAN_IF = 110;
 constexpr uint32_t HOST = ip4(10, 0, 0, 50);
 
-void deliver(Bytes datagram)
-{
-    dhcpsnoop_notify_recv(datagram.data(), static_cast<int32_t>(datagram.size()));
-}
+void deliver(Bytes datagram) { dhcpsnoop_notify_recv(datagram.data(), static_cast<int32_t>(datagram.size())); }
 
 Bytes items_message(uint16_t type, uint32_t ifIndex, uint8_t items)
 {
@@ -186,13 +183,8 @@ TEST_F(Enforcement, TextsOfAChange)
     const Lines port = {"[DHCPSNOOP] Check all user-bind entries on interface 1.\r\n"},
                 vlan = {"[DHCPSNOOP] Check all user-bind entries on vlan 10.\r\n"};
     user->userType = DHCPSNOOP_USER_STATIC; // nothing else is printed
-    const struct {
-        const char *claim;
-        uint16_t type;
-        uint32_t ifIndex;
-        uint8_t items;
-        Lines texts;
-    } rows[] = {
+    // claim, type, ifIndex, items, texts
+    const std::tuple<const char *, uint16_t, uint32_t, uint8_t, Lines> rows[] = {
         {"IP source guard on a port",
          IPSG_CHANGE,
          PORT,
@@ -222,43 +214,39 @@ TEST_F(Enforcement, TextsOfAChange)
           "[DHCPSNOOP] Interface index is 110, check item is 0xf0.\r\n", vlan[0],
           "[DHCPSNOOP] RTM_ANTIARP_DAICHANGEDCHECKITEM p_param->item = 240\n\r"}},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, type, ifIndex, items, texts] : rows) {
+        SCOPED_TRACE(claim);
         world.clear();
         debug(2);
-        deliver(items_message(row.type, row.ifIndex, row.items));
-        EXPECT_EQ(debug_texts(), row.texts);
+        deliver(items_message(type, ifIndex, items));
+        EXPECT_EQ(debug_texts(), texts);
     }
 }
 
 TEST_F(Enforcement, PayloadsCutShort)
 {
-    const struct {
-        const char *claim;
-        uint16_t type;
-        size_t shortest; // payload that means something
-        Lines texts;     // of a shorter one
-    } rows[] = {
+    // claim, type, shortest (payload that means something), texts (of a shorter one)
+    const std::tuple<const char *, uint16_t, size_t, Lines> rows[] = {
         {"IPSG_CHANGEDCHECKITEM", IPSG_CHANGE, 5, {}},
         {"DAICHANGEDCHECKITEM", DAI_CHANGE, 5, {"[DHCPSNOOP] Receive RTM_ANTIARP_DAICHANGEDCHECKITEM message.\r\n"}},
         {"DAISTART", DAI_START, 5, {"[DHCPSNOOP] Receive RTM_SYSTEM_DAISTART message.\r\n"}},
         {"UPDATEDHCPSNOOPUSER", USERS_UPDATE, 4, {}},
     };
     user->gateway = 1;
-    for (const auto &row : rows) {
-        for (size_t length = 0; length <= row.shortest; length++) {
-            SCOPED_TRACE(world_format("%s, %zu bytes", row.claim, length));
+    for (const auto &[claim, type, shortest, texts] : rows) {
+        for (size_t length = 0; length <= shortest; length++) {
+            SCOPED_TRACE(world_format("%s, %zu bytes", claim, length));
             world.clear();
             user->hwFlags = user->daiSource = user->ipsgSource = 0;
             const std::string before = world_state();
             debug(1);
-            Bytes payload = host32(row.type == USERS_UPDATE ? 10 : PORT) + Bytes{0x90};
+            Bytes payload = host32(type == USERS_UPDATE ? 10 : PORT) + Bytes{0x90};
             payload.resize(length);
             // The bytes that are missing stand behind the message.
-            deliver(event_message(row.type, payload) + Bytes(15, 0x11));
+            deliver(event_message(type, payload) + Bytes(15, 0x11));
             debug(0);
-            if (length < row.shortest) {
-                EXPECT_EQ(debug_texts(), row.texts);
+            if (length < shortest) {
+                EXPECT_EQ(debug_texts(), texts);
                 EXPECT_EQ(world_state(), before);
                 EXPECT_EQ(world.calls(), Lines{});
                 EXPECT_EQ(world.asked, Lines{});

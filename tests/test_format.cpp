@@ -128,12 +128,8 @@ TEST_F(Format, EndOfTheTemplate)
 TEST_F(Format, RoomAndTheLimitOf255)
 {
     const std::string a253(253, 'a'), a254(254, 'a'), a255(255, 'a'), a256(256, 'a');
-    const struct {
-        const char *claim;
-        std::string text;
-        uint32_t room;
-        Bytes output;
-    } rows[] = {
+    // claim, text, room, output
+    const std::tuple<const char *, std::string, uint32_t, Bytes> rows[] = {
         {"no room", "abc", 0, NONE},
         {"ordinary bytes up to the room", "abc", 2, text_bytes("ab")},
         {"6 bytes do not fit into 3", "%d", 3, NONE},
@@ -154,9 +150,9 @@ TEST_F(Format, RoomAndTheLimitOf255)
         {"a run of 255 passes a room of 1", "%1" + std::string(253, 'x'), 1, text_bytes("%1" + std::string(253, 'x'))},
         {"a run of 256 does not", "%1" + std::string(254, 'x'), 768, NONE},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        EXPECT_EQ(hex(expand(text_bytes(row.text), row.room)), hex(row.output));
+    for (const auto &[claim, text, room, output] : rows) {
+        SCOPED_TRACE(claim);
+        EXPECT_EQ(hex(expand(text_bytes(text), room)), hex(output));
     }
 }
 
@@ -188,11 +184,8 @@ TEST_F(Format, WithoutAnInterface)
 
 TEST_F(Format, Check)
 {
-    const struct {
-        const char *claim;
-        Bytes text;
-        int32_t result;
-    } rows[] = {
+    // claim, text, result
+    const std::tuple<const char *, Bytes, int32_t> rows[] = {
         {"nothing", NONE, 0},
         {"no conversion", text_bytes("abc"), 0},
         {"a conversion at the end needs its terminator counted", text_bytes("%s"), -1},
@@ -211,10 +204,10 @@ TEST_F(Format, Check)
         {"nor delimiters", text_bytes("%s\xA0"), -1},
         {"the last of a long one", Bytes(125, 'a') + text_bytes("%s:"), 0},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        const Bytes exact = row.text + text_bytes("%x");
-        EXPECT_EQ(dhcpsnoop_format_check(exact.data(), static_cast<uint32_t>(row.text.size())), row.result);
+    for (const auto &[claim, text, result] : rows) {
+        SCOPED_TRACE(claim);
+        const Bytes exact = text + text_bytes("%x");
+        EXPECT_EQ(dhcpsnoop_format_check(exact.data(), static_cast<uint32_t>(text.size())), result);
     }
 }
 

@@ -111,12 +111,8 @@ TEST_F(Forward, WhoGetsIt)
 {
     // Port 1 is where the frame came in, attributed to it or to the VLAN interface of VLAN 10.
     constexpr uint32_t T = DHCPSNOOP_IF_TRUSTED;
-    const struct {
-        const char *claim;
-        void (*change)(WorldPort &);
-        uint32_t flags;
-        bool disabled, toServer, nptToServer, toClient, broadcast;
-    } rows[] = {
+    // claim, change, flags, disabled, toServer, nptToServer, toClient, broadcast
+    const std::tuple<const char *, void (*)(WorldPort &), uint32_t, bool, bool, bool, bool, bool> rows[] = {
         {"a trusted port of the VLAN", [](WorldPort &) {}, T, false, true, true, true, true},
         {"an untrusted port is for clients only", [](WorldPort &) {}, 0, false, false, false, true, true},
         {"a port that is not in use", [](WorldPort &) {}, T, true, false, false, true, false},
@@ -127,16 +123,16 @@ TEST_F(Forward, WhoGetsIt)
         {"a routed port is asked by one sender only", [](WorldPort &port) { port.workMode = 1, port.answer255 = -1; }, T, false, true, false, true, true},
         {"a VLAN interface", [](WorldPort &port) { port.isVlanIf = true, port.vid = 20; }, T, false, true, false, true, false},
     };
-    for (const auto &row : rows) {
-        const bool expected[] = {row.toServer, row.nptToServer, row.toClient, row.broadcast};
+    for (const auto &[claim, change, flags, disabled, toServer, nptToServer, toClient, broadcast] : rows) {
+        const bool expected[] = {toServer, nptToServer, toClient, broadcast};
         for (size_t i = 0; i < std::size(expected); i++) {
-            SCOPED_TRACE(std::string(row.claim) + ", " + SENDERS[i]->name);
+            SCOPED_TRACE(std::string(claim) + ", " + SENDERS[i]->name);
             SetUp();
             world.access(1, 10);
-            row.change(world.access(2, 10));
+            change(world.access(2, 10));
             snoop(1, DHCPSNOOP_IF_TRUSTED);
-            DhcpsnoopIf *ifp = snoop(2, row.flags);
-            if (row.disabled)
+            DhcpsnoopIf *ifp = snoop(2, flags);
+            if (disabled)
                 ifp->flags &= ~DHCPSNOOP_IF_IN_USE;
             const Parsed parsed(Frame{});
             SENDERS[i]->send(&parsed.info, 10);
@@ -268,12 +264,8 @@ TEST_F(Forward, MemberLists)
 {
     world.access(1, 10);
     snoop(1);
-    const struct {
-        const char *claim;
-        std::optional<size_t> bytes;
-        size_t sent;
-        bool text;
-    } rows[] = {
+    // claim, bytes, sent, text
+    const std::tuple<const char *, std::optional<size_t>, size_t, bool> rows[] = {
         {"no answer", std::nullopt, 0, true},
         {"an empty list", 0, 0, false},
         {"one member", 4, 1, false},
@@ -281,18 +273,18 @@ TEST_F(Forward, MemberLists)
         {"a full list", 256, 64, false},
         {"a platform that claims more than the room", 400, 64, false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, bytes, sent, text] : rows) {
+        SCOPED_TRACE(claim);
         world.clear();
         world.vlanMembers.clear();
-        if (row.bytes)
-            world.vlanMembers[10] = Bytes(*row.bytes, 1);
+        if (bytes)
+            world.vlanMembers[10] = Bytes(*bytes, 1);
         debug(1);
         const Parsed parsed(Frame{});
         world.clear();
         dhcpsnoop_npt_send_to_client(&parsed.info, 10);
-        EXPECT_EQ(world.all(Did::Frame).size(), row.sent);
-        EXPECT_EQ(printed("[DHCPSNOOP] No member in vlan 10.\r\n"), row.text);
+        EXPECT_EQ(world.all(Did::Frame).size(), sent);
+        EXPECT_EQ(printed("[DHCPSNOOP] No member in vlan 10.\r\n"), text);
     }
 }
 

@@ -85,10 +85,7 @@ Bytes pseudo_header(const Bytes &frame, size_t udp, bool v6 = false)
     return Bytes(at - (v6 ? 32 : 8), at) + be16(17) + be16(static_cast<uint32_t>(frame.size() - udp));
 }
 
-uint16_t udp_sum(const Bytes &frame)
-{
-    return internet_checksum(pseudo_header(frame, 34) + Bytes(frame.begin() + 34, frame.end()));
-}
+uint16_t udp_sum(const Bytes &frame) { return internet_checksum(pseudo_header(frame, 34) + Bytes(frame.begin() + 34, frame.end())); }
 
 // The checksum left to the device: its field has the pseudo-header's sum.
 Bytes unfinished(Bytes frame, size_t udp, bool v6 = false)
@@ -167,11 +164,8 @@ class Frames : public NetnsTest
 
 TEST_F(Frames, ComeAsTheyWereOnTheWire)
 {
-    const struct {
-        const char *claim;
-        std::vector<Tag> tags;
-        uint16_t outer, inner; // expected
-    } rows[] = {
+    // claim, tags, outer, inner (expected)
+    const std::tuple<const char *, std::vector<Tag>, uint16_t, uint16_t> rows[] = {
         {"untagged, its native VLAN", {}, 7, 0},
         {"priority tag, its native VLAN", {{0x8100, 0xE000}}, 7, 0},
         {"802.1Q", {{0x8100, 0x600A}}, 10, 0},
@@ -185,14 +179,14 @@ TEST_F(Frames, ComeAsTheyWereOnTheWire)
     };
     trap(true);
     Wire from("c1"), to("c2");
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, tags, outer, inner] : rows) {
+        SCOPED_TRACE(claim);
         Frame frame = discover();
-        frame.tags = row.tags;
-        const Bytes expectedInfo = info(port_, row.outer, row.inner, static_cast<uint8_t>(14 + 4 * row.tags.size()));
+        frame.tags = tags;
+        const Bytes expectedInfo = info(port_, outer, inner, static_cast<uint8_t>(14 + 4 * tags.size()));
         for (const bool v6 : {false, true}) {
-            const Bytes whole = v6 ? solicit(row.tags) : frame.bytes();
-            const size_t udp = 14 + 4 * row.tags.size() + (v6 ? 40 : 20);
+            const Bytes whole = v6 ? solicit(tags) : frame.bytes();
+            const size_t udp = 14 + 4 * tags.size() + (v6 ? 40 : 20);
             for (const bool offload : {false, true}) {
                 SCOPED_TRACE(std::string(v6 ? "IPv6" : "IPv4") + (offload ? ", offload" : ""));
                 if (offload)
@@ -281,16 +275,13 @@ TEST_F(Frames, OfPortsAndVlansThatDoNotReceiveAreDropped)
     foreign.tags = {{0x8100, 30}};
     from.send(foreign.bytes());
     expect_nothing(v4_);
-    const struct {
-        StpState stp;
-        uint32_t aggregate;
-        bool comes;
-    } rows[] = {{StpState::blocking, 0, false}, {StpState::forwarding, 99, false}, {StpState::forwarding, 0, true}};
-    for (const auto &row : rows) {
-        modelPorts[port_].stp = row.stp;
-        modelPorts[port_].aggregate = row.aggregate;
+    // stp, aggregate, comes
+    const std::tuple<StpState, uint32_t, bool> rows[] = {{StpState::blocking, 0, false}, {StpState::forwarding, 99, false}, {StpState::forwarding, 0, true}};
+    for (const auto &[stp, aggregate, comes] : rows) {
+        modelPorts[port_].stp = stp;
+        modelPorts[port_].aggregate = aggregate;
         from.send(discover().bytes());
-        EXPECT_EQ(loop_.receive(v4_, row.comes ? 1000 : 20) > 0, row.comes);
+        EXPECT_EQ(loop_.receive(v4_, comes ? 1000 : 20) > 0, comes);
     }
     modelPorts.clear();
     from.send(discover().bytes());
@@ -324,11 +315,8 @@ TEST_F(Frames, OfAnyLengthLeaveTheNextOneWhole)
         frame.padding = repeated(0xAA, length - frame.bytes().size());
         return frame.bytes();
     };
-    const struct {
-        const char *claim;
-        Bytes frame;
-        bool comes;
-    } rows[] = {
+    // claim, frame, comes
+    const std::tuple<const char *, Bytes, bool> rows[] = {
         {"ports and nothing else", Bytes(whole.begin(), whole.begin() + 38), true},
         {"the longest", of_length(2048, false), true},
         {"the longest, tagged", of_length(2048, true), true},
@@ -339,13 +327,13 @@ TEST_F(Frames, OfAnyLengthLeaveTheNextOneWhole)
         {"cut in the IP header", Bytes(whole.begin(), whole.begin() + 23), false},
         {"an Ethernet header alone", Bytes(whole.begin(), whole.begin() + 14), false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        from.send(row.frame);
-        const ssize_t length = loop_.receive(v4_, row.comes ? 1000 : 20);
-        if (row.comes) {
-            ASSERT_EQ(length, static_cast<ssize_t>(row.frame.size()));
-            EXPECT_EQ(hex(loop_.frame(length)), hex(row.frame));
+    for (const auto &[claim, frame, comes] : rows) {
+        SCOPED_TRACE(claim);
+        from.send(frame);
+        const ssize_t length = loop_.receive(v4_, comes ? 1000 : 20);
+        if (comes) {
+            ASSERT_EQ(length, static_cast<ssize_t>(frame.size()));
+            EXPECT_EQ(hex(loop_.frame(length)), hex(frame));
         } else {
             EXPECT_EQ(length, -1);
             EXPECT_EQ(errno, EAGAIN);

@@ -70,14 +70,8 @@ TEST_F(Interface, EntryIsZeroedWhenTakenAgain)
 
 TEST_F(Interface, EnableAsksThePlatform)
 {
-    const struct {
-        const char *claim;
-        void (*change)(WorldPort &);
-        const char *mac;
-        bool router, vlanIf;
-        uint32_t vid;
-        const char *text;
-    } rows[] = {
+    // claim, change, mac, router, vlanIf, vid, text
+    const std::tuple<const char *, void (*)(WorldPort &), const char *, bool, bool, uint32_t, const char *> rows[] = {
         {"a port in bridge mode", [](WorldPort &) {}, "02 00 00 00 01 0a", false, false, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
         {"in router mode", [](WorldPort &port) { port.workMode = 1; }, "02 00 00 00 01 0a", true, false, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode router.\r\n"},
         {"a mode word of 2 is called router, but the bit is clear",
@@ -103,13 +97,13 @@ TEST_F(Interface, EnableAsksThePlatform)
          },
          "02 00 00 00 01 0a", false, true, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, change, mac, router, vlanIf, vid, text] : rows) {
+        SCOPED_TRACE(claim);
         world.reset();
-        row.change(world.access(10, 10));
+        change(world.access(10, 10));
         debug(1);
         ASSERT_EQ(dhcpsnoop_if_enable(10), 0u);
-        EXPECT_EQ(debug_texts()[1], row.text);
+        EXPECT_EQ(debug_texts()[1], text);
         EXPECT_EQ(world.calls(), Lines{"qorIfSetApi 10 305 23"}); // DHCPv4 is trapped, DHCPv6 not
         const DhcpsnoopIf *ifp = dhcpsnoop_if_lookup(10);
         ASSERT_NE(ifp, nullptr);
@@ -117,10 +111,10 @@ TEST_F(Interface, EnableAsksThePlatform)
         EXPECT_EQ(ifp->flags >> 23 & 3, 1u);            // IPv4
         EXPECT_EQ(ifp->flags >> 21 & 3, 2u);            // policy: keep
         EXPECT_EQ(ifp->flags >> 29 & 1, 0u);            // not trusted
-        EXPECT_EQ(ifp->flags >> 1 & 1, row.router ? 1u : 0u);
-        EXPECT_EQ(ifp->flags >> 2 & 0xFFF, row.vid);
-        EXPECT_EQ(ifp->isVlanIf, row.vlanIf ? 1 : 0);
-        EXPECT_EQ(world_hex(ifp->mac, 6), row.mac);
+        EXPECT_EQ(ifp->flags >> 1 & 1, router ? 1u : 0u);
+        EXPECT_EQ(ifp->flags >> 2 & 0xFFF, vid);
+        EXPECT_EQ(ifp->isVlanIf, vlanIf ? 1 : 0);
+        EXPECT_EQ(world_hex(ifp->mac, 6), mac);
         EXPECT_EQ(ifp->setting21, 100);
         EXPECT_EQ(ifp->maxUser, 32768);
         EXPECT_EQ(ifp->curUser, 0);
@@ -199,12 +193,8 @@ TEST_F(Interface, VersionChange)
     const auto notify = [](uint32_t version, uint32_t state) {
         return world_format("[DHCPSNOOP] Notify interface state to hwapi: unit 10, verion %u, state %u.\r\n", version, state);
     };
-    const struct {
-        const char *claim;
-        uint32_t from, to, stored;
-        bool trusted;
-        Lines texts, calls;
-    } rows[] = {
+    // claim, from, to, stored, trusted, texts, calls
+    const std::tuple<const char *, uint32_t, uint32_t, uint32_t, bool, Lines, Lines> rows[] = {
         {"a trusted interface gains IPv6 and loses its trust", 1, 3, 3, true, {on6, notify(2, 1)}, {"qorIfSetApi 10 305 24"}},
         {"it loses IPv4", 3, 2, 2, false, {off4[0], off4[1], notify(1, 0)}, {"qorIfSetApi 10 306 23"}},
         {"one for the other, IPv4 first", 1, 2, 2, false, {off4[0], off4[1], notify(1, 0), on6, notify(2, 1)}, {"qorIfSetApi 10 306 23", "qorIfSetApi 10 305 24"}},
@@ -213,22 +203,22 @@ TEST_F(Interface, VersionChange)
         {"only two bits are stored", 1, 5, 1, false, {}, {}},
         {"none at all", 3, 0, 0, false, {off4[0], off4[1], notify(1, 0), off6[0], off6[1], notify(2, 0)}, {"qorIfSetApi 10 306 23", "qorIfSetApi 10 306 24"}},
     };
-    for (const auto &row : rows) {
+    for (const auto &[claim, from, to, stored, trusted, texts, calls] : rows) {
         for (const int flags : {0, 2}) {
-            SCOPED_TRACE(row.claim);
+            SCOPED_TRACE(claim);
             world.reset();
             world.access(10, 10);
-            DhcpsnoopIf *ifp = snoop(10, row.trusted ? DHCPSNOOP_IF_TRUSTED : 0);
-            set_flag_field(ifp, DHCPSNOOP_IF_VERSION, row.from);
+            DhcpsnoopIf *ifp = snoop(10, trusted ? DHCPSNOOP_IF_TRUSTED : 0);
+            set_flag_field(ifp, DHCPSNOOP_IF_VERSION, from);
             const uint32_t others = ifp->flags & ~(3u << 23) & ~DHCPSNOOP_IF_TRUSTED;
             debug(flags);
             Printed out;
-            EXPECT_EQ(dhcpsnoop_if_version_set(ifp, row.to), 0u);
+            EXPECT_EQ(dhcpsnoop_if_version_set(ifp, to), 0u);
             // Kept: printed whatever the debug flags.
-            EXPECT_EQ(out.text(), row.trusted ? changed : "");
-            EXPECT_EQ(ifp->flags, others | row.stored << 23);
-            EXPECT_EQ(debug_texts(), flags == 0 ? Lines{} : row.texts);
-            EXPECT_EQ(world.calls(), row.calls);
+            EXPECT_EQ(out.text(), trusted ? changed : "");
+            EXPECT_EQ(ifp->flags, others | stored << 23);
+            EXPECT_EQ(debug_texts(), flags == 0 ? Lines{} : texts);
+            EXPECT_EQ(world.calls(), calls);
         }
     }
 }

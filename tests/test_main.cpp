@@ -42,21 +42,15 @@ void dhcpsnoop_main(void)
 void qorCatchSegFault(int argc, char **) { did.push_back("crash reporter " + std::to_string(argc)); }
 int32_t ipsgIfGetApi(uint32_t, uint32_t, void *) { return -1; }
 int32_t arpAntiAttackIfGetApi(uint32_t, uint32_t, void *) { return -1; }
-int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *, QorBuffer *, QorBuffer *)
-{
-    return 0;
-}
+int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *, QorBuffer *, QorBuffer *) { return 0; }
 
 namespace
 {
 
 TEST(Main, Arguments)
 {
-    const struct {
-        const char *claim;
-        std::vector<const char *> arguments;
-        const char *init;
-    } rows[] = {
+    // claim, arguments, init
+    const std::tuple<const char *, std::vector<const char *>, const char *> rows[] = {
         {"none at all count as 0", {}, "init 0 0 0 3 none none none"},
         {"sizes", {"30", "1024"}, "init 30 1024 0 3 none none none"},
         {"a third installs only the IP source guard hook", {"0", "0", "1"}, "init 0 0 0 3 hook none none"},
@@ -67,10 +61,10 @@ TEST(Main, Arguments)
         {"sizes are taken as 16 bits", {"65536", "65537"}, "init 0 1 0 3 none none none"},
         {"a number beyond every range still is one", {"99999999999999999999", "-99999999999999999999", "99999999999999999999"}, "init 65535 0 0 3 hook none none"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, arguments, init] : rows) {
+        SCOPED_TRACE(claim);
         std::vector<std::string> words = {"dhcpsnoop"};
-        words.insert(words.end(), row.arguments.begin(), row.arguments.end());
+        words.insert(words.end(), arguments.begin(), arguments.end());
         std::vector<char *> argv;
         for (std::string &word : words)
             argv.push_back(word.data());
@@ -80,7 +74,7 @@ TEST(Main, Arguments)
         signal(SIGPIPE, SIG_DFL);
         EXPECT_THROW(daemon_main(argc, argv.data()), LoopEntered);
         // Kept: the loop is entered whatever start-up gave.
-        EXPECT_EQ(did, (std::vector<std::string>{"crash reporter " + std::to_string(argc), row.init, "loop"}));
+        EXPECT_EQ(did, (std::vector<std::string>{"crash reporter " + std::to_string(argc), init, "loop"}));
         EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
     }
 }

@@ -74,14 +74,8 @@ class Settings : public Daemon
 
 TEST_F(Settings, Numbers)
 {
-    const struct {
-        const char *claim;
-        uint32_t flags, cmd, value; // flags: beside those of a fresh interface
-        int32_t result;
-        bool offered;
-        uint32_t flagsAfter;
-        const char *textsAfter;
-    } rows[] = {
+    // claim, flags, cmd, value (flags: beside those of a fresh interface), result, offered, flagsAfter, textsAfter
+    const std::tuple<const char *, uint32_t, uint32_t, uint32_t, int32_t, bool, uint32_t, const char *> rows[] = {
         {"another version takes the trust away", TRUST, 2, 2, 0, true, (FRESH ^ 0x01800000), "c3 r3 s i3 R3"},
         {"the same version is not set, so the trust stays", TRUST, 2, 1, 0, false, FRESH | TRUST, "c3 r3 s i3 R3"},
         {"a value is compared whole, its low bits stored", 0, 2, 5, 0, true, FRESH, "c3 r3 s i3 R3"},
@@ -105,15 +99,15 @@ TEST_F(Settings, Numbers)
         {"option 18's format", OPTION18, 32, 0, 0, true, FRESH | OPTION18, "c3 r3 s -0 R3"},
         {"option 37's format", OPTION37, 33, 4, 0, true, FRESH | OPTION37, "c3 r3 s i3 -4"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        prepare(row.flags);
+    for (const auto &[claim, flags, cmd, value, result, offered, flagsAfter, textsAfter] : rows) {
+        SCOPED_TRACE(claim);
+        prepare(flags);
         Printed out; // of the trust that goes with a version
-        EXPECT_EQ(set(row.cmd, row.value), row.result);
-        const std::string call = world_format("qorHwIfSync 5 0x%x %u 0x3", 0x402c000 + row.cmd, row.value);
-        EXPECT_EQ(world.calls("qorHw"), row.offered ? Lines{call} : Lines{});
-        EXPECT_EQ(ifp_->flags, row.flagsAfter);
-        EXPECT_EQ(texts(), row.textsAfter);
+        EXPECT_EQ(set(cmd, value), result);
+        const std::string call = world_format("qorHwIfSync 5 0x%x %u 0x3", 0x402c000 + cmd, value);
+        EXPECT_EQ(world.calls("qorHw"), offered ? Lines{call} : Lines{});
+        EXPECT_EQ(ifp_->flags, flagsAfter);
+        EXPECT_EQ(texts(), textsAfter);
     }
 }
 

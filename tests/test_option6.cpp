@@ -60,14 +60,8 @@ Bytes built(Build build, const DhcpsnoopPktInfo &info)
 TEST_F(Option6, Construction)
 {
     const std::string empty;
-    const struct {
-        const char *claim;
-        uint8_t format;
-        std::string text; // the interface's
-        uint16_t mode;
-        std::string globalText;
-        Bytes data; // of both options
-    } rows[] = {
+    // claim, format, text (the interface's), mode, globalText, data (of both options)
+    const std::tuple<const char *, uint8_t, std::string, uint16_t, std::string, Bytes> rows[] = {
         {"default data", 0, empty, 3, "%s", PORT1},
         {"own format 3 instead of a global template", 3, empty, 5, "%s", PORT1},
         {"own format 4", 4, empty, 3, empty, PORT1},
@@ -87,15 +81,15 @@ TEST_F(Option6, Construction)
         {"the global template by mode 5", 0, "own", 5, "g%s", text_bytes("g10")},
         {"a template of 255 bytes", 0, empty, 5, std::string(255, 'y'), Bytes(255, 'y')},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        interface_id(row.format, row.text);
-        remote_id(row.format, row.text);
-        global(gDhcpsnoop.interfaceIdFmt, row.mode, row.globalText);
-        global(gDhcpsnoop.remoteId6Fmt, row.mode, row.globalText);
+    for (const auto &[claim, format, text, mode, globalText, data] : rows) {
+        SCOPED_TRACE(claim);
+        interface_id(format, text);
+        remote_id(format, text);
+        global(gDhcpsnoop.interfaceIdFmt, mode, globalText);
+        global(gDhcpsnoop.remoteId6Fmt, mode, globalText);
         const Parsed parsed(client6(1));
-        EXPECT_EQ(hex(built(dhcp6snoop_construct_opt18, parsed.info)), hex(opt6(18, row.data)));
-        EXPECT_EQ(hex(built(dhcp6snoop_construct_opt37, parsed.info)), hex(opt6(37, be32(ENTERPRISE) + row.data)));
+        EXPECT_EQ(hex(built(dhcp6snoop_construct_opt18, parsed.info)), hex(opt6(18, data)));
+        EXPECT_EQ(hex(built(dhcp6snoop_construct_opt37, parsed.info)), hex(opt6(37, be32(ENTERPRISE) + data)));
     }
     // Each option has settings of its own.
     interface_id(4, "eighteen");
@@ -141,47 +135,34 @@ TEST_F(Option6, TheLocationIsTheReceivingInterfacesOwn)
 // The frame's length, the option and 2048.
 TEST_F(Option6, RoomInTheFrame)
 {
-    const struct {
-        Build build;
-        uint32_t frameLen, length;
-        const std::string *text;
-    } rows[] = {
+    // build, frameLen, length, text
+    const std::tuple<Build, uint32_t, uint32_t, const std::string *> rows[] = {
         {dhcp6snoop_construct_opt18, 2048 - 24, 24, nullptr},
         {dhcp6snoop_construct_opt18, 2048 - 23, 0, &TOO_LONG18},
         {dhcp6snoop_construct_opt18, 2030, 0, &TOO_LONG18},
         {dhcp6snoop_construct_opt37, 2048 - 28, 28, nullptr},
         {dhcp6snoop_construct_opt37, 2048 - 27, 0, &TOO_LONG37},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.frameLen);
+    for (const auto &[build, frameLen, length, text] : rows) {
+        SCOPED_TRACE(frameLen);
         Parsed parsed(client6(1));
-        parsed.info.frameLen = row.frameLen;
+        parsed.info.frameLen = frameLen;
         world.clear();
-        EXPECT_EQ(built(row.build, parsed.info).size(), row.length);
-        EXPECT_EQ(debug_texts(), row.text == nullptr ? Lines{} : Lines{*row.text});
+        EXPECT_EQ(built(build, parsed.info).size(), length);
+        EXPECT_EQ(debug_texts(), text == nullptr ? Lines{} : Lines{*text});
     }
 }
 
-std::string construct18(int length)
-{
-    return world_format("[DHCPSNOOP] Construct option18, option len %d.\r\n", length);
-}
-std::string construct37(int length)
-{
-    return world_format("[DHCPSNOOP] Construct option37, option len %d.\r\n", length);
-}
+std::string construct18(int length) { return world_format("[DHCPSNOOP] Construct option18, option len %d.\r\n", length); }
+std::string construct37(int length) { return world_format("[DHCPSNOOP] Construct option37, option len %d.\r\n", length); }
 const std::string INSERT18 = "[DHCPSNOOP] Insert option18 to packet.\r\n";
 const std::string INSERT37 = "[DHCPSNOOP] Insert option37 to packet.\r\n";
 
 TEST_F(Option6, ClientMessages)
 {
     constexpr uint32_t both = DHCPSNOOP_IF_OPTION18 | DHCPSNOOP_IF_OPTION37;
-    const struct {
-        const char *claim, *frame;
-        uint32_t flags;
-        const char *expected;
-        Lines texts;
-    } rows[] = {
+    // claim, frame, flags, expected, texts
+    const std::tuple<const char *, const char *, uint32_t, const char *, Lines> rows[] = {
         {"both", SOLICIT, both, SOLICIT_18_37, {construct18(24), INSERT18, construct37(28), INSERT37}},
         {"37 alone", SOLICIT, DHCPSNOOP_IF_OPTION37, SOLICIT_37, {construct37(28), INSERT37}},
         {"neither", SOLICIT, 0, SOLICIT, {}},
@@ -189,16 +170,16 @@ TEST_F(Option6, ClientMessages)
         {"both are there", SOLICIT_18_37, both, SOLICIT_18_37, {}},
         {"behind two IAs", REQUEST, both, REQUEST_18_37, {construct18(24), INSERT18, construct37(28), INSERT37}},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        port->flags = (port->flags & ~both) | row.flags;
-        Parsed parsed(hex_bytes(row.frame));
+    for (const auto &[claim, frame, flags, expected, texts] : rows) {
+        SCOPED_TRACE(claim);
+        port->flags = (port->flags & ~both) | flags;
+        Parsed parsed(hex_bytes(frame));
         const uint32_t dhcpLen = parsed.info.dhcpLen;
         world.clear();
         dhcp6snoop_construct_client_opt(&parsed.info);
-        EXPECT_EQ(dump(parsed.bytes()), dump(hex_bytes(row.expected)));
-        EXPECT_EQ(hex(parsed.bytes()), hex(hex_bytes(row.expected)));
-        EXPECT_EQ(debug_texts(), row.texts);
+        EXPECT_EQ(dump(parsed.bytes()), dump(hex_bytes(expected)));
+        EXPECT_EQ(hex(parsed.bytes()), hex(hex_bytes(expected)));
+        EXPECT_EQ(debug_texts(), texts);
         EXPECT_EQ(parsed.info.ipBodyLen, parsed.info.frameLen - 54);
         EXPECT_EQ(parsed.info.udpLen, parsed.info.ipBodyLen);
         EXPECT_EQ(parsed.info.dhcpLen, dhcpLen); // Kept: it does not follow

@@ -55,14 +55,8 @@ Bytes build(Builder builder, const Parsed &parsed, uint32_t room = 768)
 TEST_F(Option82, Identifiers)
 {
     const std::string a128(128, 'a');
-    const struct {
-        const char *claim;
-        uint8_t mode;           // the interface's
-        uint16_t globalMode;    //
-        std::string_view text;  // the interface's
-        std::string_view other; // the global one
-        Bytes circuitId, remoteId;
-    } rows[] = {
+    // claim, mode (the interface's), globalMode, text (the interface's), other (the global one), circuitId, remoteId
+    const std::tuple<const char *, uint8_t, uint16_t, std::string_view, std::string_view, Bytes, Bytes> rows[] = {
         {"typed, generated: VLAN and location, or the MAC", 3, 4, "", "", hex_bytes("01 08 00 06 00 0a 01 02 07 03"), hex_bytes("02 08 00 06 02 00 00 00 01 07")},
         {"raw, generated", 4, 3, "", "", hex_bytes("01 06 00 0a 01 02 07 03"), hex_bytes("02 06 02 00 00 00 01 07")},
         {"raw text", 4, 3, "abc", "", hex_bytes("01 03 61 62 63"), hex_bytes("02 03 61 62 63")},
@@ -79,16 +73,16 @@ TEST_F(Option82, Identifiers)
         {"mode 6 builds nothing", 6, 3, "abc", "", NONE, NONE},
         {"no mode at all builds nothing", 0, 0, "abc", "", NONE, NONE},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        ifp->circuitIdFmt = ifp->remoteIdFmt = row.mode;
-        put(ifp->circuitId, &ifp->circuitIdLen, row.text);
-        put(ifp->remoteId, &ifp->remoteIdLen, row.text);
-        put(&gDhcpsnoop.circuitIdFmt, row.globalMode, row.other);
-        put(&gDhcpsnoop.remoteIdFmt, row.globalMode, row.other);
+    for (const auto &[claim, mode, globalMode, text, other, circuitId, remoteId] : rows) {
+        SCOPED_TRACE(claim);
+        ifp->circuitIdFmt = ifp->remoteIdFmt = mode;
+        put(ifp->circuitId, &ifp->circuitIdLen, text);
+        put(ifp->remoteId, &ifp->remoteIdLen, text);
+        put(&gDhcpsnoop.circuitIdFmt, globalMode, other);
+        put(&gDhcpsnoop.remoteIdFmt, globalMode, other);
         const Parsed parsed(Frame{}, ON7);
-        EXPECT_EQ(hex(build(dhcpsnoop_build_subopt_circid, parsed)), hex(row.circuitId));
-        EXPECT_EQ(hex(build(dhcpsnoop_build_subopt_remoteid, parsed)), hex(row.remoteId));
+        EXPECT_EQ(hex(build(dhcpsnoop_build_subopt_circid, parsed)), hex(circuitId));
+        EXPECT_EQ(hex(build(dhcpsnoop_build_subopt_remoteid, parsed)), hex(remoteId));
     }
 }
 
@@ -119,13 +113,8 @@ TEST_F(Option82, IdentifiersInTheRoomTheyAreGiven)
 TEST_F(Option82, VendorSubOption)
 {
     const Bytes a128 = Bytes(128, 'h');
-    const struct {
-        const char *claim;
-        bool enabled;
-        std::string_view text;
-        std::optional<std::string> hostname;
-        Bytes withHeader;
-    } rows[] = {
+    // claim, enabled, text, hostname, withHeader
+    const std::tuple<const char *, bool, std::string_view, std::optional<std::string>, Bytes> rows[] = {
         {"switched off", false, "abc", "sw", NONE},
         {"the interface's text", true, "abc", "sw", Bytes{9, 10} + ENTERPRISE + hex_bytes("05 01 03 61 62 63")},
         {"the host name when it has none", true, "", "sw", Bytes{9, 9} + ENTERPRISE + hex_bytes("04 01 02 73 77")},
@@ -134,17 +123,17 @@ TEST_F(Option82, VendorSubOption)
         {"an empty host name is none", true, "", "", NONE},
         {"no host name", true, "", std::nullopt, NONE},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        ifp->flags = row.enabled ? ifp->flags | 1u << 27 : ifp->flags & ~(1u << 27);
-        put(ifp->subopt9, &ifp->subopt9Len, row.text);
-        world.hostname = row.hostname;
+    for (const auto &[claim, enabled, text, hostname, withHeader] : rows) {
+        SCOPED_TRACE(claim);
+        ifp->flags = enabled ? ifp->flags | 1u << 27 : ifp->flags & ~(1u << 27);
+        put(ifp->subopt9, &ifp->subopt9Len, text);
+        world.hostname = hostname;
         Bytes buffer(200, 0xEE);
         buffer.resize(dhcpsnoop_build_subopt9(buffer.data(), ifp, 1));
-        EXPECT_EQ(hex(buffer), hex(row.withHeader));
+        EXPECT_EQ(hex(buffer), hex(withHeader));
         buffer.assign(200, 0xEE);
         buffer.resize(dhcpsnoop_build_subopt9(buffer.data(), ifp, 2));
-        EXPECT_EQ(hex(buffer), hex(row.withHeader.empty() ? NONE : Bytes(row.withHeader.begin() + 2, row.withHeader.end())));
+        EXPECT_EQ(hex(buffer), hex(withHeader.empty() ? NONE : Bytes(withHeader.begin() + 2, withHeader.end())));
     }
     Bytes buffer(200, 0);
     EXPECT_EQ(dhcpsnoop_build_subopt9(buffer.data(), nullptr, 1), 0u);
@@ -159,13 +148,8 @@ TEST_F(Option82, ConstructionAndInsertion)
     const Frame discover = client_frame(1, opt(12, text_bytes("host")));
     const std::string empty = "[DHCPSNOOP] option82 len (0) is zero or exceeds the max.\r\n";
     const std::string tooLong = "[DHCPSNOOP] Packet len exceeds the max, don't insert option82.\r\n";
-    const struct {
-        const char *claim;
-        Frame frame;
-        void (*set)(DhcpsnoopIf *);
-        Bytes inserted; // "" = the frame goes on as it was
-        std::string text;
-    } rows[] = {
+    // claim, frame, set, inserted ("" = the frame goes on as it was), text
+    const std::tuple<const char *, Frame, void (*)(DhcpsnoopIf *), Bytes, std::string> rows[] = {
         {"circuit-id and remote-id", discover, [](DhcpsnoopIf *) {}, typed, ""},
         {"behind them sub-option 9", discover, [](DhcpsnoopIf *p) { p->flags |= DHCPSNOOP_IF_SUBOPT9; }, Bytes{82, 37} + Bytes(typed.begin() + 2, typed.end()) + Bytes{9, 15} + ENTERPRISE + hex_bytes("0a 01 08") + text_bytes("switch-1"), ""},
         {"one identifier omitted", discover, [](DhcpsnoopIf *p) { p->circuitIdFmt = 1; }, hex_bytes("52 0a 02 08 00 06 02 00 00 00 01 07"), ""},
@@ -181,23 +165,23 @@ TEST_F(Option82, ConstructionAndInsertion)
         {"a frame of 2027 and the usual 22", frame_of(2027), [](DhcpsnoopIf *) {}, NONE, tooLong},
         {"no end option: built but not inserted", Frame{.options = opt_type(1) + Bytes{0}}, [](DhcpsnoopIf *) {}, NONE, ""},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, frame, set, inserted, text] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
-        row.set(ifp);
+        set(ifp);
         debug(1);
-        Parsed parsed(row.frame, ON7);
+        Parsed parsed(frame, ON7);
         world.clear();
         EXPECT_EQ(dhcpsnoop_process_option82(&parsed.info), 0);
         Lines texts = {"[DHCPSNOOP] Process option82 in client packet, mode is 3.\r\n",
                        "[DHCPSNOOP] option82 isn't exist, construct and insert it to the pkt.\r\n"};
-        if (!row.text.empty())
-            texts.push_back(row.text);
+        if (!text.empty())
+            texts.push_back(text);
         EXPECT_EQ(debug_texts(), texts);
-        Frame expected = row.frame;
-        if (!row.inserted.empty()) {
+        Frame expected = frame;
+        if (!inserted.empty()) {
             expected.options.pop_back();
-            expected.options = expected.options + row.inserted + OPT_END;
+            expected.options = expected.options + inserted + OPT_END;
         }
         EXPECT_EQ(dump(parsed.bytes()), dump(expected.bytes()));
     }
@@ -252,15 +236,8 @@ TEST_F(Option82, ExistingOption)
     const std::string keep = "[DHCPSNOOP] Keep the pkt, send to server directly.\r\n";
     const std::string drop = "[DHCPSNOOP] Drop the pkt with option82!\r\n";
     const std::string append = "[DHCPSNOOP] Append hostname & ip addres to the pkt.\r\n";
-    const struct {
-        const char *claim;
-        uint32_t policy, mode;  // of the interface
-        uint16_t globalCircuit; // mode
-        uint32_t printed;
-        int32_t result;
-        std::string text;
-        bool grows;
-    } rows[] = {
+    // claim, policy, mode (of the interface), globalCircuit (mode), printed, result, text, grows
+    const std::tuple<const char *, uint32_t, uint32_t, uint16_t, uint32_t, int32_t, std::string, bool> rows[] = {
         {"policy 0 keeps", 0, 3, 3, 3, 0, keep, false},
         {"policy 1 drops", 1, 3, 3, 3, -1, drop, false},
         {"policy 2 keeps", 2, 3, 3, 3, 0, keep, false},
@@ -272,28 +249,28 @@ TEST_F(Option82, ExistingOption)
         {"without a mode the global circuit-id's", 1, 0, 4, 4, -1, drop, false},
         {"which may be outside 3 to 5", 1, 0, 1, 1, 0, "", false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, policy, mode, globalCircuit, printed, result, text, grows] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         ifp->flags |= DHCPSNOOP_IF_SUBOPT9;
-        set_flag_field(ifp, DHCPSNOOP_IF_POLICY, row.policy);
-        set_flag_field(ifp, DHCPSNOOP_IF_MODE, row.mode);
-        gDhcpsnoop.circuitIdFmt.mode = row.globalCircuit;
+        set_flag_field(ifp, DHCPSNOOP_IF_POLICY, policy);
+        set_flag_field(ifp, DHCPSNOOP_IF_MODE, mode);
+        gDhcpsnoop.circuitIdFmt.mode = globalCircuit;
         gDhcpsnoop.remoteIdFmt.mode = 99;
         debug(1);
         const Frame frame = client_frame(1, own);
         Parsed parsed(frame, ON7);
         world.clear();
-        EXPECT_EQ(dhcpsnoop_process_option82(&parsed.info), row.result);
+        EXPECT_EQ(dhcpsnoop_process_option82(&parsed.info), result);
         Lines texts = {
-            world_format("[DHCPSNOOP] Process option82 in client packet, mode is %u.\r\n", row.printed),
+            world_format("[DHCPSNOOP] Process option82 in client packet, mode is %u.\r\n", printed),
             "[DHCPSNOOP] option82 is already exist!\r\n"};
-        if (!row.text.empty())
-            texts.push_back(row.text);
+        if (!text.empty())
+            texts.push_back(text);
         EXPECT_EQ(debug_texts(), texts);
         const Bytes more = ENTERPRISE + hex_bytes("0a 01 08") + text_bytes("switch-1");
         const Frame grown = client_frame(1, opt(82, opt(1, {7}) + opt(9, ENTERPRISE + hex_bytes("03 01 01 61") + more)));
-        EXPECT_EQ(dump(parsed.bytes()), dump(row.grows ? grown.bytes() : frame.bytes()));
+        EXPECT_EQ(dump(parsed.bytes()), dump(grows ? grown.bytes() : frame.bytes()));
     }
     Parsed parsed(Frame{}, ON7);
     parsed.info.ifp = nullptr;
@@ -349,12 +326,8 @@ TEST_F(Option82, AppendingTheVendorBlock)
 
 TEST_F(Option82, RemoteIdComparison)
 {
-    const struct {
-        const char *claim, *subOption;
-        std::string_view text;
-        uint32_t mode;
-        bool equal;
-    } rows[] = {
+    // claim, subOption, text, mode, equal
+    const std::tuple<const char *, const char *, std::string_view, uint32_t, bool> rows[] = {
         {"typed MAC", "02 08 00 06 02 00 00 00 01 07", "", 3, true},
         {"the type and length bytes are not looked at", "02 08 77 88 02 00 00 00 01 07", "", 3, true},
         {"raw MAC", "02 06 02 00 00 00 01 07 00 00", "", 4, true},
@@ -367,10 +340,10 @@ TEST_F(Option82, RemoteIdComparison)
         {"another text", "02 03 61 62 64 00 00", "abc", 4, false},
         {"the MAC does not count when there is a text", "02 06 02 00 00 00 01 07", "abc", 4, false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        put(ifp->remoteId, &ifp->remoteIdLen, row.text);
-        EXPECT_EQ(dhcpsnoop_remote_id_cmp(hex_bytes(row.subOption).data(), ifp, row.mode) == 0, row.equal);
+    for (const auto &[claim, subOption, text, mode, equal] : rows) {
+        SCOPED_TRACE(claim);
+        put(ifp->remoteId, &ifp->remoteIdLen, text);
+        EXPECT_EQ(dhcpsnoop_remote_id_cmp(hex_bytes(subOption).data(), ifp, mode) == 0, equal);
     }
     EXPECT_NE(dhcpsnoop_remote_id_cmp(nullptr, ifp, 3), 0);
 }
@@ -378,11 +351,8 @@ TEST_F(Option82, RemoteIdComparison)
 TEST_F(Option82, Stripping)
 {
     const Bytes own = opt(82, opt(1, {7, 8, 9}));
-    const struct {
-        const char *claim;
-        Bytes before, after;
-        bool hadEnd;
-    } rows[] = {
+    // claim, before, after, hadEnd
+    const std::tuple<const char *, Bytes, Bytes, bool> rows[] = {
         {"last before the end", opt_type(5) + own + OPT_END, opt_type(5) + OPT_END, true},
         {"with padding behind the end", opt_type(5) + own + OPT_END + Bytes(9, 0), opt_type(5) + OPT_END + Bytes(9, 0), true},
         {"between others", opt_type(5) + own + opt(12, {1}) + OPT_END, opt_type(5) + opt(12, {1}) + OPT_END, true},
@@ -395,15 +365,15 @@ TEST_F(Option82, Stripping)
         {"of length 255: one byte is", Bytes{82, 255} + Bytes(255, 1) + OPT_END, Bytes{255} + Bytes(255, 1) + OPT_END, true},
         {"of length 253: all of it", Bytes{82, 253} + Bytes(253, 1) + OPT_END, OPT_END, true},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        Parsed parsed(Frame{.options = row.before}, ON7);
+    for (const auto &[claim, before, after, hadEnd] : rows) {
+        SCOPED_TRACE(claim);
+        Parsed parsed(Frame{.options = before}, ON7);
         const uint8_t *end = parsed.info.optEnd;
         dhcpsnoop_strip_option(&parsed.info);
-        EXPECT_EQ(dump(parsed.bytes()), dump(Frame{.options = row.after}.bytes()));
+        EXPECT_EQ(dump(parsed.bytes()), dump(Frame{.options = after}.bytes()));
         EXPECT_EQ(parsed.info.opt82, nullptr);
-        const auto removed = static_cast<ptrdiff_t>(row.before.size() - row.after.size());
-        EXPECT_EQ(parsed.info.optEnd, row.hadEnd ? end - removed : nullptr);
+        const auto removed = static_cast<ptrdiff_t>(before.size() - after.size());
+        EXPECT_EQ(parsed.info.optEnd, hadEnd ? end - removed : nullptr);
     }
     dhcpsnoop_strip_option(nullptr);
 }

@@ -310,11 +310,8 @@ TEST_F(Parse, AtTheEndOfTheBuffer)
 
 TEST_F(Parse, ClientAddress)
 {
-    const struct {
-        const char *claim;
-        uint32_t ciaddr, yiaddr;
-        const char *options, *client;
-    } rows[] = {
+    // claim, ciaddr, yiaddr, options, client
+    const std::tuple<const char *, uint32_t, uint32_t, const char *, const char *> rows[] = {
         {"none", 0, 0, "35 01 01 ff", "00 00 00 00"},
         {"yiaddr", 0, ip4(10, 0, 0, 2), "35 01 05 ff", "0a 00 00 02"},
         {"yiaddr over ciaddr", ip4(10, 0, 0, 1), ip4(10, 0, 0, 2), "35 01 05 ff", "0a 00 00 02"},
@@ -323,10 +320,10 @@ TEST_F(Parse, ClientAddress)
         {"0.0.0.1 is an address", 0, 0, "32 04 00 00 00 01 ff", "00 00 00 01"},
         {"the last requested address", 0, 0, "32 04 0a 00 00 07 32 04 0a 00 00 08 ff", "0a 00 00 08"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        const Parsed parsed(Frame{.ciaddr = row.ciaddr, .yiaddr = row.yiaddr, .options = hex_bytes(row.options)});
-        EXPECT_EQ(world_hex(parsed.info.clientIp, 4), row.client);
+    for (const auto &[claim, ciaddr, yiaddr, options, client] : rows) {
+        SCOPED_TRACE(claim);
+        const Parsed parsed(Frame{.ciaddr = ciaddr, .yiaddr = yiaddr, .options = hex_bytes(options)});
+        EXPECT_EQ(world_hex(parsed.info.clientIp, 4), client);
     }
 }
 

@@ -208,11 +208,8 @@ TEST_F(Parse6, Options)
         int interfaceId, remoteId; // offsets in the option area, -1 = none
         std::vector<int> ias;
     };
-    const struct {
-        const char *claim;
-        Bytes options;
-        Found found;
-    } rows[] = {
+    // claim, options, found
+    const std::tuple<const char *, Bytes, Found> rows[] = {
         {"none", {}, {0, -1, -1, {}}},
         {"the last status counts", status6(2) + status6(3), {3, -1, -1, {}}},
         {"a status of one byte does not", status6(2) + opt6(13, {9}) + ELAPSED, {2, -1, -1, {}}},
@@ -231,20 +228,20 @@ TEST_F(Parse6, Options)
         {"a status whose code is not there", opt6(13, {}, 2), {0, -1, -1, {}}},
         {"a status of which one byte is there", opt6(13, {7}, 2), {0, -1, -1, {}}},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        const Parsed parsed(client6(1, row.options));
+    for (const auto &[claim, options, found] : rows) {
+        SCOPED_TRACE(claim);
+        const Parsed parsed(client6(1, options));
         ASSERT_EQ(parsed.result, 0);
         const uint8_t *area = parsed.rx.data + 66;
         const auto at = [area](const uint8_t *option) {
             return option == nullptr ? -1 : static_cast<int>(option - area);
         };
-        EXPECT_EQ(parsed.info.statusCode, row.found.status);
-        EXPECT_EQ(at(parsed.info.interfaceIdOpt), row.found.interfaceId);
-        EXPECT_EQ(at(parsed.info.remoteIdOpt), row.found.remoteId);
-        ASSERT_EQ(parsed.info.iaCount, row.found.ias.size());
-        for (size_t i = 0; i < row.found.ias.size(); i++)
-            EXPECT_EQ(at(parsed.info.iaOpts[i]), row.found.ias[i]);
+        EXPECT_EQ(parsed.info.statusCode, found.status);
+        EXPECT_EQ(at(parsed.info.interfaceIdOpt), found.interfaceId);
+        EXPECT_EQ(at(parsed.info.remoteIdOpt), found.remoteId);
+        ASSERT_EQ(parsed.info.iaCount, found.ias.size());
+        for (size_t i = 0; i < found.ias.size(); i++)
+            EXPECT_EQ(at(parsed.info.iaOpts[i]), found.ias[i]);
     }
 }
 

@@ -138,12 +138,8 @@ TEST_F(Path6, ThroughATrunk)
 TEST_F(Path6, LearnedFromWhichMessages)
 {
     const char *const ASKED = "01 00 state 4 lease 60 port 1", *const BOUND = "01 00 state 1 lease 3600 port 1";
-    const struct {
-        const char *claim;
-        uint8_t type;
-        bool bound;        // before
-        std::string after; // the binding of HOST
-    } rows[] = {
+    // claim, type, bound (before), after (the binding of HOST)
+    const std::tuple<const char *, uint8_t, bool, std::string> rows[] = {
         {"SOLICIT asks", 1, false, ASKED},
         {"REQUEST asks", 3, false, ASKED},
         {"CONFIRM", 4, false, ""},
@@ -157,18 +153,18 @@ TEST_F(Path6, LearnedFromWhichMessages)
         {"RELEASE", 8, true, ""},
         {"DECLINE", 9, true, ""},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, type, bound, after] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
-        if (row.bound)
+        if (bound)
             obtain();
-        const uint32_t start = row.bound ? binding(HOST)->leaseStart : 0;
+        const uint32_t start = bound ? binding(HOST)->leaseStart : 0;
         world.now += 5;
-        const Frame6 message = client6(row.type, ia_na(iaaddr(HOST, 7200)));
+        const Frame6 message = client6(type, ia_na(iaaddr(HOST, 7200)));
         EXPECT_EQ(through(message), "2 162"); // forwarded in any case
-        EXPECT_EQ(bindings(), row.after);
-        if (row.bound && !row.after.empty()) {
-            EXPECT_EQ(binding(HOST)->leaseStart, row.type == 3 ? start + 5 : start);
+        EXPECT_EQ(bindings(), after);
+        if (bound && !after.empty()) {
+            EXPECT_EQ(binding(HOST)->leaseStart, type == 3 ? start + 5 : start);
         }
     }
 }
@@ -228,12 +224,8 @@ TEST_F(Path6, IaOptions)
                       host2 = "; 01 01 state 4 lease 60 port 1", bound2 = "; 01 01 state 1 lease 900 port 1";
     const std::string all = fixed + host + host2, bound = fixed + host + bound2, only2 = fixed + host2; // bound: HOST2, too
     const Bytes ok2 = iaaddr(HOST2, 900), gone = iaaddr(HOST, 0);
-    const struct {
-        const char *claim;
-        uint8_t type;
-        Bytes options;
-        std::string after;
-    } rows[] = {
+    // claim, type, options, after
+    const std::tuple<const char *, uint8_t, Bytes, std::string> rows[] = {
         {"REPLY binds", 7, ia_na(ok2), bound},
         {"ADVERTISE does not", 2, ia_na(ok2), all},
         {"in an IA_TA", 7, ia_ta(ok2), bound},
@@ -278,18 +270,18 @@ TEST_F(Path6, IaOptions)
         {"an option of 65535 in front", 7, ia_na(opt6(1, {1, 2}, 65535) + ok2), all},
         {"a step of 65536 does not come round", 7, ia_na(opt6(1, {1, 2}, 65532) + ok2), all},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, type, options, after] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         obtain();
         through(client6(3, ia_na(iaaddr(HOST2, 60))));
         make_binding(key6("2001:db8::1"), MAC_CLIENT2, 1, 10)->userType = DHCPSNOOP_USER_STATIC;
         dhcpsnoop_if_lookup(1)->curUser--;
         ASSERT_EQ(bindings(), all);
-        const bool fromServer = row.type == 2 || row.type == 7;
-        through(fromServer ? server6(row.type, row.options) : client6(row.type, row.options), fromServer ? FROM_SERVER : Arrival{});
+        const bool fromServer = type == 2 || type == 7;
+        through(fromServer ? server6(type, options) : client6(type, options), fromServer ? FROM_SERVER : Arrival{});
         EXPECT_FALSE(world.all(Did::Frame).empty()); // it is forwarded whatever it says
-        EXPECT_EQ(bindings(), row.after);
+        EXPECT_EQ(bindings(), after);
     }
 }
 
@@ -329,11 +321,8 @@ TEST_F(Path6, AddressesOfOneIa)
     Bytes many;
     for (int n = 1; n <= 60; n++)
         many = many + address(n);
-    const struct {
-        const char *claim;
-        Bytes options;
-        size_t learned;
-    } rows[] = {
+    // claim, options, learned
+    const std::tuple<const char *, Bytes, size_t> rows[] = {
         {"a fourth behind the end of three, which the overstated length still reaches", ia_na(address(1) + address(2) + address(3)) + address(4), 4},
         {"also behind another option of that size", ia_na(address(1) + address(2) + address(3)) + other + address(4), 4},
         {"of two it reaches no further than such an option", ia_na(address(1) + address(2)) + other + address(4), 2},
@@ -344,11 +333,11 @@ TEST_F(Path6, AddressesOfOneIa)
         {"a byte more", claims(1), 1},
         {"less than an option's header more", claims(3), 1},
     };
-    for (const auto &row : rows) {
+    for (const auto &[claim, options, learned] : rows) {
         SetUp();
         dhcpsnoop_if_lookup(1)->maxUser = 100;
-        through(client6(3, row.options));
-        EXPECT_EQ(count_bindings(), row.learned) << row.claim;
+        through(client6(3, options));
+        EXPECT_EQ(count_bindings(), learned) << claim;
     }
 }
 
@@ -369,12 +358,8 @@ TEST_F(Path6, ClientsPortByItsOption)
     const auto thirtySeven = [](const Bytes &id) { return opt6(37, be32(32473) + id); };
     Bytes otherVlan = id1;
     otherVlan[5] = 20;
-    const struct {
-        const char *claim;
-        Bytes options;
-        uint32_t flags; // of port 1
-        std::string sent;
-    } rows[] = {
+    // claim, options, flags (of port 1), sent
+    const std::tuple<const char *, Bytes, uint32_t, std::string> rows[] = {
         {"18 of port 1", eighteen(id1), BOTH, "1 66"},
         {"18 of port 3", eighteen(id3), BOTH, "3 66"},
         {"37 of port 3", thirtySeven(id3), BOTH, "3 66"},
@@ -393,11 +378,11 @@ TEST_F(Path6, ClientsPortByItsOption)
         {"a port that asks for 37 alone", eighteen(id1) + thirtySeven(id1), DHCPSNOOP_IF_OPTION37, "1 90"},
         {"a port that asks for 18 alone", eighteen(id1) + thirtySeven(id1), DHCPSNOOP_IF_OPTION18, "1 94"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, options, flags, sent] : rows) {
+        SCOPED_TRACE(claim);
         DhcpsnoopIf *port = dhcpsnoop_if_lookup(1);
-        port->flags = (port->flags & ~BOTH) | row.flags;
-        EXPECT_EQ(through(server6(2, row.options), FROM_SERVER), row.sent);
+        port->flags = (port->flags & ~BOTH) | flags;
+        EXPECT_EQ(through(server6(2, options), FROM_SERVER), sent);
     }
     dhcpsnoop_if_lookup(1)->flags |= BOTH;
     // Its last byte stands behind the message.

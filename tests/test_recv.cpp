@@ -60,7 +60,7 @@ TEST_F(Receive, TypesAndDirections)
 {
     const char *SENT = "Send packet to server, inport 1, vid 10, len 286.", *REFUSED = "Port is untrust,stop process!";
     const struct {
-        uint8_t op, type; // 0 = no message type
+        uint8_t op, type;        // 0 = no message type
         const char *text, *next; // a line of the path it goes to
     } rows[] = {
         {2, 2, "reply packet, type value 2(offer)", REFUSED},
@@ -102,12 +102,8 @@ TEST_F(Receive, FamilyMustBeSnooped)
 {
     const std::string v4 = "[DHCPSNOOP] Interface version IPv6 and packet type IPv4 mismatch!\r\n";
     const std::string v6 = "[DHCPSNOOP] Interface version IPv4 and packet type IPv6 mismatch!\r\n";
-    const struct {
-        const char *claim;
-        uint32_t version;
-        uint16_t etherType; // by the socket it came from
-        std::string mismatch;
-    } rows[] = {
+    // claim, version, etherType (by the socket it came from), mismatch
+    const std::tuple<const char *, uint32_t, uint16_t, std::string> rows[] = {
         {"IPv4 on IPv4", 1, 0x0800, ""},
         {"IPv4 on both", 3, 0x0800, ""},
         {"IPv4 on IPv6 only", 2, 0x0800, v4},
@@ -116,18 +112,18 @@ TEST_F(Receive, FamilyMustBeSnooped)
         {"from the IPv6 socket on IPv4 only", 1, 0x86DD, v6},
         {"from the IPv6 socket on neither", 0, 0x86DD, "[DHCPSNOOP] Interface version IPv6 and packet type IPv6 mismatch!\r\n"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, version, etherType, mismatch] : rows) {
+        SCOPED_TRACE(claim);
         world.clear();
         debug(1);
-        set_flag_field(dhcpsnoop_if_lookup(1), DHCPSNOOP_IF_VERSION, row.version);
+        set_flag_field(dhcpsnoop_if_lookup(1), DHCPSNOOP_IF_VERSION, version);
         const std::string before = world_state();
-        receive(Frame{.options = opt_type(3) + opt_ip(50, ip4(10, 0, 0, 50)) + OPT_END}, {.etherType = row.etherType});
-        const bool dropped = !row.mismatch.empty();
+        receive(Frame{.options = opt_type(3) + opt_ip(50, ip4(10, 0, 0, 50)) + OPT_END}, {.etherType = etherType});
+        const bool dropped = !mismatch.empty();
         EXPECT_EQ(sent_summary(), dropped ? "" : "2 292");
         EXPECT_EQ(printed("[DHCPSNOOP] Process pkt end.\r\n"), !dropped);
         if (dropped) {
-            EXPECT_EQ(debug_texts().back(), row.mismatch);
+            EXPECT_EQ(debug_texts().back(), mismatch);
             EXPECT_EQ(world_state(), before);
         }
         dhcpsnoop_user_delete(binding(ip4(10, 0, 0, 50)));

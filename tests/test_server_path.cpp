@@ -54,30 +54,25 @@ TEST_F(Server, RepliesComeFromTrustedPortsOnly)
 TEST_F(Server, Learning)
 {
     const Bytes OFFERED = opt_type(OFFER) + opt_ip(54, SERVER);
-    const struct {
-        const char *claim;
-        uint8_t learn;
-        uint32_t port;
-        Bytes options;
-        size_t learned;
-    } rows[] = {
+    // claim, learn, port, options, learned
+    const std::tuple<const char *, uint8_t, uint32_t, Bytes, size_t> rows[] = {
         {"switched off", 0, 2, OFFERED, 0},
         {"switched on", 1, 2, OFFERED, 1},
         {"another value is not on", 2, 2, OFFERED, 0},
         {"no server id", 1, 2, opt_type(OFFER), 0},
         {"a server behind an untrusted port is learned too", 1, 3, opt_type(ACK) + opt_ip(54, SERVER), 1},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, learn, port, options, learned] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
-        gDhcpsnoop.serverLearn = row.learn;
+        gDhcpsnoop.serverLearn = learn;
         for (int i = 0; i < 2; i++)
-            receive(Frame{.op = 2, .options = row.options + OPT_END}, {.port = row.port, .outer = 10});
-        EXPECT_EQ(dhcpsnoop_server_lookup(SERVER, 10, row.port) != nullptr, row.learned == 1);
+            receive(Frame{.op = 2, .options = options + OPT_END}, {.port = port, .outer = 10});
+        EXPECT_EQ(dhcpsnoop_server_lookup(SERVER, 10, port) != nullptr, learned == 1);
         size_t count = 0;
         for (const DhcpsnoopLink *at = gDhcpsnoop.serverList.next; at != &gDhcpsnoop.serverList; at = at->next)
             count++;
-        EXPECT_EQ(count, row.learned); // once only
+        EXPECT_EQ(count, learned); // once only
     }
 }
 
@@ -191,13 +186,8 @@ TEST_F(Server, Nak)
 
 TEST_F(Server, RelayUndo)
 {
-    const struct {
-        const char *claim;
-        uint8_t type;
-        uint16_t flags;
-        uint32_t yiaddr, giaddr, serverId;
-        bool undone, broadcast;
-    } rows[] = {
+    // claim, type, flags, yiaddr, giaddr, serverId, undone, broadcast
+    const std::tuple<const char *, uint8_t, uint16_t, uint32_t, uint32_t, uint32_t, bool, bool> rows[] = {
         {"to the client's address", ACK, 0, HOST, RELAY, SERVER, true, false},
         {"with the broadcast flag", ACK, 0x8000, HOST, RELAY, SERVER, true, true},
         {"other flags do not count", ACK, 0x7FFF, HOST, RELAY, SERVER, true, false},
@@ -210,25 +200,25 @@ TEST_F(Server, RelayUndo)
         // Kept: a free slot equals a reply without server id.
         {"a reply without server id equals a free slot", ACK, 0, HOST, RELAY, 0, true, false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, type, flags, yiaddr, giaddr, serverId, undone, broadcast] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         client->relayAddr = RELAY;
         client->serverIp[1] = SERVER;
         client->serverIp[2] = ip4(10, 7, 7, 7);
-        if (row.type == OFFER) {
+        if (type == OFFER) {
             const Parsed parsed(Frame{});
             dhcpsnoop_mac_user_add(&parsed.info);
         } else {
             make_binding(HOST, MAC_CLIENT, 1, 10);
         }
-        Frame frame = {.dst = {2, 0, 0, 0, 0, 9}, .src = MAC_SERVER, .srcIp = SERVER, .dstIp = RELAY, .srcPort = 67, .dstPort = 67, .op = 2, .flags = row.flags, .yiaddr = row.yiaddr, .giaddr = row.giaddr, .options = opt_type(row.type) + (row.serverId != 0 ? opt_ip(54, row.serverId) : Bytes{}) + OPT_END};
+        Frame frame = {.dst = {2, 0, 0, 0, 0, 9}, .src = MAC_SERVER, .srcIp = SERVER, .dstIp = RELAY, .srcPort = 67, .dstPort = 67, .op = 2, .flags = flags, .yiaddr = yiaddr, .giaddr = giaddr, .options = opt_type(type) + (serverId != 0 ? opt_ip(54, serverId) : Bytes{}) + OPT_END};
         receive(frame, ON2);
-        if (row.undone) {
+        if (undone) {
             frame.srcIp = RELAY;
             frame.dstPort = 68;
-            frame.dstIp = row.broadcast ? 0xFFFFFFFF : HOST;
-            frame.dst = row.broadcast ? MAC_BROADCAST : MAC_CLIENT;
+            frame.dstIp = broadcast ? 0xFFFFFFFF : HOST;
+            frame.dst = broadcast ? MAC_BROADCAST : MAC_CLIENT;
         }
         EXPECT_EQ(dump(sent_frame()), dump(frame.bytes()));
         EXPECT_EQ(hex(Bytes(world.all(Did::Frame)[0]->address.begin() + 12, world.all(Did::Frame)[0]->address.begin() + 18)),
@@ -241,14 +231,8 @@ TEST_F(Server, Option82OnTheWayBack)
     const Bytes typed = opt(82, hex_bytes("01 01 63 02 08 00 06 02 00 00 00 01 01"));
     const Bytes raw = opt(82, hex_bytes("01 01 63 02 06 02 00 00 00 01 01"));
     const Bytes foreign = opt(82, hex_bytes("02 08 00 06 02 00 00 00 09 09"));
-    const struct {
-        const char *claim;
-        Bytes option;
-        bool enabled;
-        uint32_t mode;         // of the interface
-        uint16_t globalRemote; // mode
-        bool stripped;
-    } rows[] = {
+    // claim, option, enabled, mode (of the interface), globalRemote (mode), stripped
+    const std::tuple<const char *, Bytes, bool, uint32_t, uint16_t, bool> rows[] = {
         {"typed, own", typed, true, 3, 4, true},
         {"raw, own", raw, true, 4, 3, true},
         {"typed read as raw", typed, true, 4, 3, false},
@@ -262,17 +246,17 @@ TEST_F(Server, Option82OnTheWayBack)
         {"no remote-id", opt(82, {1, 1, 'c'}), true, 3, 3, false},
         {"a remote-id cut short", opt(82, hex_bytes("02 08 00 06 02 00 00 00 01")), true, 3, 3, false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, option, enabled, mode, globalRemote, stripped] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         make_binding(HOST, MAC_CLIENT, 1, 10);
-        if (row.enabled)
+        if (enabled)
             client->flags |= DHCPSNOOP_IF_OPTION82;
-        set_flag_field(client, DHCPSNOOP_IF_MODE, row.mode);
-        gDhcpsnoop.remoteIdFmt.mode = row.globalRemote;
+        set_flag_field(client, DHCPSNOOP_IF_MODE, mode);
+        gDhcpsnoop.remoteIdFmt.mode = globalRemote;
         gDhcpsnoop.circuitIdFmt.mode = 3;
-        receive(server_frame(ACK, row.option), ON2);
-        EXPECT_EQ(dump(sent_frame()), dump(server_frame(ACK, row.stripped ? Bytes{} : row.option).bytes()));
+        receive(server_frame(ACK, option), ON2);
+        EXPECT_EQ(dump(sent_frame()), dump(server_frame(ACK, stripped ? Bytes{} : option).bytes()));
     }
 
     // A flooded reply keeps its option 82.

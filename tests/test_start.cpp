@@ -19,10 +19,7 @@ class Start : public testing::Test
     }
     void TearDown() override { world.reset_without_daemon(); }
 
-    static int32_t start(uint32_t optionMode = 3)
-    {
-        return dhcpsnoop_init_ex(4, 8, 2, optionMode, nullptr, nullptr, nullptr);
-    }
+    static int32_t start(uint32_t optionMode = 3) { return dhcpsnoop_init_ex(4, 8, 2, optionMode, nullptr, nullptr, nullptr); }
 };
 
 const Lines WHOLE_START = {
@@ -228,28 +225,25 @@ TEST_F(Start, RelaySocketSendsFromPort67)
 
 TEST_F(Start, RelaySocketFailures)
 {
-    const struct {
-        const char *refused, *text;
-        size_t calls;
-        bool closed;
-    } rows[] = {
+    // refused, text, calls, closed
+    const std::tuple<const char *, const char *, size_t, bool> rows[] = {
         {"socket AF_INET", "[DHCPSNOOP] Create server socket ERROR,errno 0x1!\r\n", 1, false},
         {"setsockopt SO_BROADCAST", "[DHCPSNOOP] Set socket BROADCAST option ERROR,errno 0x1!\r\n", 3, true},
         {"setsockopt SO_REUSEADDR", "[DHCPSNOOP] Set socket REUSEPORT option ERROR,errno 0x1!\r\n", 4, true},
         {"setsockopt SO_RCVBUF", "[DHCPSNOOP] Set socket SO_RCVBUF option ERROR,errno 0x1!\r\n", 5, true},
         {"bind AF_INET", "[DHCPSNOOP] Udp socket bind ERROR, errorno 0x1!\r\n", 6, true},
     };
-    for (const auto &row : rows) {
+    for (const auto &[refused, text, calls, closed] : rows) {
         for (const int flags : {0, 1, 2, 3}) {
-            SCOPED_TRACE(world_format("%s, flags %u", row.refused, flags));
+            SCOPED_TRACE(world_format("%s, flags %u", refused, flags));
             world.reset_without_daemon();
             world.clear();
             debug(flags);
-            world.refuse(row.refused);
+            world.refuse(refused);
             EXPECT_EQ(dhcpsnoop_udp_socket_init(), -1);
-            EXPECT_EQ(debug_texts(), flags == 0 ? Lines{} : Lines{row.text});
-            EXPECT_EQ(world.calls().size(), row.calls);
-            EXPECT_EQ(world.calls().back() == "close 900", row.closed);
+            EXPECT_EQ(debug_texts(), flags == 0 ? Lines{} : Lines{text});
+            EXPECT_EQ(world.calls().size(), calls);
+            EXPECT_EQ(world.calls().back() == "close 900", closed);
         }
     }
 }

@@ -206,11 +206,8 @@ TEST_F(Sync, Packets)
 
 TEST_F(Sync, FullCopies)
 {
-    const struct {
-        const char *claim;
-        uint32_t users, guarded, servers, request; // guarded: bindings of IP source guard
-        std::vector<size_t> lengths;
-    } rows[] = {
+    // claim, users, guarded, servers, request (guarded: bindings of IP source guard), lengths
+    const std::tuple<const char *, uint32_t, uint32_t, uint32_t, uint32_t, std::vector<size_t>> rows[] = {
         {"nothing to send", 0, 0, 0, 1, {}},
         {"not requested", 1, 0, 1, 0, {}},
         {"only 1 is a request", 1, 0, 1, 2, {}},
@@ -224,33 +221,33 @@ TEST_F(Sync, FullCopies)
         {"88 servers", 0, 0, 88, 1, {1392, 16}},
         {"both over several", 24, 1, 90, 1, {1380, 1388, 112}},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, users, guarded, servers, request, lengths] : rows) {
+        SCOPED_TRACE(claim);
         start(DHCPSNOOP_ROLE_NONE);
         // Consecutive addresses stand in consecutive buckets, which are sent in order.
         Bytes expected;
-        for (uint32_t i = 0; i < row.users; i++) {
+        for (uint32_t i = 0; i < users; i++) {
             const Carried numbered = {.userAttr = static_cast<uint16_t>(i)};
             carry(make_binding(ip4(63, 0, 0, 0) + i, MAC_CLIENT, PORT, 10), numbered);
             expected = expected + user_record(ADD, ip4(63, 0, 0, 0) + i, numbered);
         }
-        for (uint32_t i = 0; i < row.guarded; i++)
+        for (uint32_t i = 0; i < guarded; i++)
             make_binding(ip4(10, 0, 0, 0) + i, MAC_CLIENT, PORT, 10)->userType = DHCPSNOOP_USER_IPSG;
-        for (uint32_t i = 0; i < row.servers; i++)
+        for (uint32_t i = 0; i < servers; i++)
             dhcpsnoop_server_add(SERVER + i, 10, PORT);
-        for (uint32_t i = row.servers; i-- > 0;) // newest first
+        for (uint32_t i = servers; i-- > 0;) // newest first
             expected = expected + server_record(ADD, SERVER + i, PORT, 10);
         world.clear();
 
-        dhcpsnoop_sync_all_send(0x00050002, row.request);
+        dhcpsnoop_sync_all_send(0x00050002, request);
         Bytes all;
         Lines lines;
-        for (const size_t length : row.lengths)
+        for (const size_t length : lengths)
             lines.push_back(world_format("%zu 0x80050002", length));
         EXPECT_EQ(sent(), lines);
         for (const WorldEntry *entry : world.all(Did::Call))
             all = all + entry->data;
-        EXPECT_EQ(hex(all), hex(row.lengths.empty() ? Bytes{} : expected));
+        EXPECT_EQ(hex(all), hex(lengths.empty() ? Bytes{} : expected));
     }
 }
 
@@ -441,24 +438,21 @@ TEST_F(Sync, RecordsOfAnyLength)
 
 TEST_F(Sync, DumpsStayWithinTheRecord)
 {
-    const struct {
-        const char *claim;
-        Bytes packet;
-        size_t bytes; // of packet and record body
-    } rows[] = {
+    // claim, packet, bytes (of packet and record body)
+    const std::tuple<const char *, Bytes, size_t> rows[] = {
         {"an addition that says 64 KB", user_record(ADD, HOST, {}, 0xFFFF), 60 + 56},
         {"an addition that says 3", user_record(ADD, HOST, {}, 3), 60 + 3},
         {"a server that says 64 KB", server_record(ADD, SERVER, PORT, 10, 0xFFFF), 16 + 12},
         {"an unknown type", header(9, 1, 0xFFFF) + Bytes(4, 1), 8},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, packet, bytes] : rows) {
+        SCOPED_TRACE(claim);
         start();
         debug(2);
         Printed dumped;
-        deliver(row.packet);
+        deliver(packet);
         const std::string text = dumped.text();
-        EXPECT_EQ(std::count(text.begin(), text.end(), ' '), static_cast<ptrdiff_t>(2 * row.bytes));
+        EXPECT_EQ(std::count(text.begin(), text.end(), ' '), static_cast<ptrdiff_t>(2 * bytes));
     }
 }
 

@@ -51,13 +51,8 @@ TEST_F(Timer, ClockSetBackScansAtOnceAndTakesUpTheNewTime)
 
 TEST_F(Timer, Expiry)
 {
-    const struct {
-        const char *claim;
-        uint8_t userType;
-        uint32_t leaseTime;
-        int64_t age; // at the scan
-        bool expires;
-    } rows[] = {
+    // claim, userType, leaseTime, age (at the scan), expires
+    const std::tuple<const char *, uint8_t, uint32_t, int64_t, bool> rows[] = {
         {"one second left", DHCPSNOOP_USER_DYNAMIC, 3600, 3599, false},
         {"the lease is over at its end", DHCPSNOOP_USER_DYNAMIC, 3600, 3600, true},
         {"a provisional lease at the first scan", DHCPSNOOP_USER_DYNAMIC, 60, 60, true},
@@ -69,16 +64,16 @@ TEST_F(Timer, Expiry)
         {"a lease of 0 is over at once", DHCPSNOOP_USER_DYNAMIC, 0, 0, true},
         {"but not before it starts", DHCPSNOOP_USER_DYNAMIC, 0, -1, false},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, userType, leaseTime, age, expires] : rows) {
+        SCOPED_TRACE(claim);
         world.reset();
         DhcpsnoopUser *user = make_binding(ip4(10, 0, 0, 5), MAC_CLIENT, 1, 10);
-        user->userType = row.userType;
-        user->leaseTime = row.leaseTime;
-        user->leaseStart = static_cast<uint32_t>(world.now - row.age);
+        user->userType = userType;
+        user->leaseTime = leaseTime;
+        user->leaseStart = static_cast<uint32_t>(world.now - age);
         ASSERT_TRUE(scan_at(world.now));
-        EXPECT_EQ(binding(ip4(10, 0, 0, 5)) == nullptr, row.expires);
-        EXPECT_EQ(printed("[DHCPSNOOP] User time out, mac:02:c1:00:00:00:01.\r\n"), row.expires);
+        EXPECT_EQ(binding(ip4(10, 0, 0, 5)) == nullptr, expires);
+        EXPECT_EQ(printed("[DHCPSNOOP] User time out, mac:02:c1:00:00:00:01.\r\n"), expires);
         EXPECT_EQ(world_check_tables(), "");
     }
 }

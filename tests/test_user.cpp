@@ -158,14 +158,8 @@ TEST_F(User, PlaceTrustAndCounts)
 TEST_F(User, KnownClientAsksAgain)
 {
     const char *CHANGED = "User information is changed, delete it!", *FIXED = "Static user is already exist, return!";
-    const struct {
-        const char *claim;
-        uint8_t userType;
-        Mac mac;
-        Arrival arrival;
-        bool refreshed, replaced;
-        const char *text;
-    } rows[] = {
+    // claim, userType, mac, arrival, refreshed, replaced, text
+    const std::tuple<const char *, uint8_t, Mac, Arrival, bool, bool, const char *> rows[] = {
         {"nothing changed", 1, MAC_CLIENT, {}, true, false, "User entry is already exist!"},
         {"another MAC", 1, MAC_CLIENT2, {}, false, true, CHANGED},
         {"another VLAN", 1, MAC_CLIENT, {.outer = 20}, false, true, CHANGED},
@@ -173,24 +167,24 @@ TEST_F(User, KnownClientAsksAgain)
         {"a static entry is never displaced", 2, MAC_CLIENT2, {}, false, false, FIXED},
         {"nor an IP source guard entry", 4, MAC_CLIENT2, {}, false, false, FIXED},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, userType, mac, arrival, refreshed, replaced, text] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         snoop(2);
         DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 1, 10);
-        user->userType = row.userType;
+        user->userType = userType;
         const uint32_t before = user->leaseStart;
         world.now += 100;
         debug(1);
-        EXPECT_EQ(learn(HOST, row.mac, row.arrival), 0);
-        EXPECT_TRUE(printed(std::string("[DHCPSNOOP] ") + row.text + "\r\n"));
+        EXPECT_EQ(learn(HOST, mac, arrival), 0);
+        EXPECT_TRUE(printed(std::string("[DHCPSNOOP] ") + text + "\r\n"));
         user = binding(HOST);
         ASSERT_NE(user, nullptr);
-        EXPECT_EQ(user->leaseTime, row.replaced ? 60u : 3600u);
-        EXPECT_EQ(user->bindState, row.replaced ? 4 : 1);
-        EXPECT_EQ(user->leaseStart, before + (row.refreshed || row.replaced ? 100 : 0));
-        EXPECT_EQ(world.texts(Did::Log).size(), row.replaced ? 2u : 0u);
-        EXPECT_EQ(world_check_tables(row.userType == 1), "");
+        EXPECT_EQ(user->leaseTime, replaced ? 60u : 3600u);
+        EXPECT_EQ(user->bindState, replaced ? 4 : 1);
+        EXPECT_EQ(user->leaseStart, before + (refreshed || replaced ? 100 : 0));
+        EXPECT_EQ(world.texts(Did::Log).size(), replaced ? 2u : 0u);
+        EXPECT_EQ(world_check_tables(userType == 1), "");
     }
 }
 
@@ -277,17 +271,8 @@ TEST_F(User, AcknowledgementBinds)
 TEST_F(User, AcknowledgementOfWhat)
 {
     const char *UPDATED = "User entry is already exist, update the entry information.", *FIXED = "There is a static entry with the same ip address!";
-    const struct {
-        const char *claim;
-        uint32_t acknowledged;
-        uint8_t userType;
-        Bytes options;
-        bool updated;
-        uint32_t leaseTime;
-        uint8_t bindState;
-        bool announced;
-        const char *text;
-    } rows[] = {
+    // claim, acknowledged, userType, options, updated, leaseTime, bindState, announced, text
+    const std::tuple<const char *, uint32_t, uint8_t, Bytes, bool, uint32_t, uint8_t, bool, const char *> rows[] = {
         {"no lease option: the provisional lease stays", HOST, 1, {}, true, 60, 4, false, UPDATED},
         {"a lease of 0 is none", HOST, 1, opt_lease(0), true, 60, 4, false, UPDATED},
         {"an endless lease", HOST, 1, opt_lease(0xFFFFFFFF), true, 0xFFFFFFFF, 1, false, UPDATED},
@@ -297,23 +282,23 @@ TEST_F(User, AcknowledgementOfWhat)
         {"a static entry is not changed", HOST, 2, opt_lease(9) + opt_ip(3, 9), false, 60, 4, false, FIXED},
         {"an IP source guard entry is not changed", HOST, 4, opt_lease(9), false, 60, 4, false, FIXED},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, acknowledged, userType, options, updated, leaseTime, bindState, announced, text] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         learn(HOST, MAC_CLIENT);
         DhcpsnoopUser *user = binding(HOST);
-        user->userType = row.userType;
+        user->userType = userType;
         const uint32_t start = user->leaseStart;
         world.now += 50;
         world.clear();
         debug(1);
-        EXPECT_EQ(acknowledge(row.acknowledged, row.options), row.updated ? user : nullptr);
-        EXPECT_EQ(user->leaseTime, row.leaseTime);
-        EXPECT_EQ(user->bindState, row.bindState);
-        EXPECT_EQ(user->leaseStart != start, row.bindState == 1);
-        EXPECT_EQ(user->gateway != 0, row.announced);
-        EXPECT_EQ(world.calls("qorNetlinkSend").size(), row.announced ? 1u : 0u);
-        EXPECT_TRUE(printed(std::string("[DHCPSNOOP] ") + row.text + "\r\n"));
+        EXPECT_EQ(acknowledge(acknowledged, options), updated ? user : nullptr);
+        EXPECT_EQ(user->leaseTime, leaseTime);
+        EXPECT_EQ(user->bindState, bindState);
+        EXPECT_EQ(user->leaseStart != start, bindState == 1);
+        EXPECT_EQ(user->gateway != 0, announced);
+        EXPECT_EQ(world.calls("qorNetlinkSend").size(), announced ? 1u : 0u);
+        EXPECT_TRUE(printed(std::string("[DHCPSNOOP] ") + text + "\r\n"));
         EXPECT_EQ(count_bindings(), 1u);
     }
     EXPECT_EQ(dhcpsnoop_user_update(nullptr, nullptr, nullptr), nullptr);
@@ -372,11 +357,8 @@ TEST_F(User, Query)
     DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 1, 10);
     make_binding(HOST + 1, MAC_CLIENT2, 2, 20);
     const DhcpsnoopUserQuery right = {.ipAddr = {10, 0, 0, 50}, .ifIndex = 1, .mac = {2, 0xC1, 0, 0, 0, 1}, .vid = 10, .ipType = 1, .mask = 0xF0};
-    const struct {
-        const char *claim;
-        void (*change)(DhcpsnoopUserQuery &);
-        uint32_t without; // the mask that does not ask for it
-    } rows[] = {
+    // claim, change, without (the mask that does not ask for it)
+    const std::tuple<const char *, void (*)(DhcpsnoopUserQuery &), uint32_t> rows[] = {
         {"another address", [](DhcpsnoopUserQuery &q) { q.ipAddr[3] = 9; }, 0x70},
         {"16 bytes of the address count", [](DhcpsnoopUserQuery &q) { q.ipAddr[15] = 1; }, 0x70},
         {"another type", [](DhcpsnoopUserQuery &q) { q.ipType = 2; }, 0x70},
@@ -385,13 +367,13 @@ TEST_F(User, Query)
         {"another port", [](DhcpsnoopUserQuery &q) { q.ifIndex = 2; }, 0xE0},
         {"nothing that is there", [](DhcpsnoopUserQuery &q) { q = {}, q.mask = 0xF0; }, 0},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, change, without] : rows) {
+        SCOPED_TRACE(claim);
         DhcpsnoopUserQuery query = right;
         EXPECT_EQ(dhcpsnoop_user_get(&query), 0);
-        row.change(query);
+        change(query);
         EXPECT_EQ(dhcpsnoop_user_get(&query), -1);
-        query.mask = static_cast<decltype(query.mask)>(row.without);
+        query.mask = static_cast<decltype(query.mask)>(without);
         EXPECT_EQ(dhcpsnoop_user_get(&query), 0);
     }
     DhcpsnoopUserQuery otherPort = {};

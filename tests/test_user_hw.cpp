@@ -90,27 +90,24 @@ TEST_F(Hardware, RecordByCheckItemsAndKind)
 
 TEST_F(Hardware, IdentifiersComeBackFromAnAddEvenAFailedOne)
 {
-    const struct {
-        uint32_t add, kind;
-        int32_t result;
-        uint32_t ipsgId, daiId;
-    } rows[] = {{1, IPSG, 0, 0x51, 4}, {1, IPSG, 9, 0x51, 4}, {1, DAI, 0, 3, 0x52}, {0, IPSG, 0, 3, 4}, {0, DAI, 0, 3, 4}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(world_format("add %u kind %u result %d", row.add, row.kind, row.result));
+    // add, kind, result, ipsgId, daiId
+    const std::tuple<uint32_t, uint32_t, int32_t, uint32_t, uint32_t> rows[] = {{1, IPSG, 0, 0x51, 4}, {1, IPSG, 9, 0x51, 4}, {1, DAI, 0, 3, 0x52}, {0, IPSG, 0, 3, 4}, {0, DAI, 0, 3, 4}};
+    for (const auto &[add, kind, result, ipsgId, daiId] : rows) {
+        SCOPED_TRACE(world_format("add %u kind %u result %d", add, kind, result));
         SetUp();
         gDhcpsnoop.daiStarted = 1;
         user->ipsgHwId = 3;
         user->daiHwId = 4;
         world.newIpsgHwId = 0x51;
         world.newDaiHwId = 0x52;
-        if (row.result != 0)
-            world.refuse("hw", row.result);
+        if (result != 0)
+            world.refuse("hw", result);
         debug(1);
         uint8_t items = 0xF0;
-        EXPECT_EQ(dhcpsnoop_user_state_notify(user, row.add, &items, row.kind), row.result);
-        EXPECT_EQ(user->ipsgHwId, row.ipsgId);
-        EXPECT_EQ(user->daiHwId, row.daiId);
-        EXPECT_EQ(printed("[DHCPSNOOP] Add user info in hwapi failed!\r\n"), row.result != 0);
+        EXPECT_EQ(dhcpsnoop_user_state_notify(user, add, &items, kind), result);
+        EXPECT_EQ(user->ipsgHwId, ipsgId);
+        EXPECT_EQ(user->daiHwId, daiId);
+        EXPECT_EQ(printed("[DHCPSNOOP] Add user info in hwapi failed!\r\n"), result != 0);
     }
 }
 
@@ -219,27 +216,23 @@ TEST_F(Hardware, Events)
 {
     user->gateway = 0;
     memcpy(&user->gateway, hex_bytes("0a 00 00 fe").data(), 4);
-    const struct {
-        const char *claim;
-        uint32_t add;
-        uint16_t event;
-        const char *word;
-    } rows[] = {
+    // claim, add, event, word
+    const std::tuple<const char *, uint32_t, uint16_t, const char *> rows[] = {
         {"added", 1, 188, "add"}, {"deleted", 0, 189, "delete"}, {"only 1 is an addition", 2, 189, "add"}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, add, event, word] : rows) {
+        SCOPED_TRACE(claim);
         world.clear();
         debug(1);
-        dhcpsnoop_user_notifier(user, row.add);
+        dhcpsnoop_user_notifier(user, add);
         ASSERT_EQ(world.calls(), Lines{"qorNetlinkSend 16 0 72"});
-        const Bytes expected = host32(0) + host32(51) + host32(72) + host16(row.event) + Bytes(10, 0) +
+        const Bytes expected = host32(0) + host32(51) + host32(72) + host16(event) + Bytes(10, 0) +
                                mac_bytes(MAC_CLIENT) + host16(10) + host32(1) + Bytes{10, 0, 0, 50} +
                                Bytes(12, 0) + Bytes{10, 0, 0, 254} + Bytes(12, 0) + hex_bytes("00 00 01 00");
         EXPECT_EQ(hex(world.all(Did::Call)[0]->data), hex(expected));
-        EXPECT_EQ(debug_texts(), (Lines{world_format("[DHCPSNOOP]  Send notify: event %u\r\n", row.event),
+        EXPECT_EQ(debug_texts(), (Lines{world_format("[DHCPSNOOP]  Send notify: event %u\r\n", event),
                                         world_format("[DHCPSNOOP] Notify %s user: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, "
                                                      "gateway 10.0.0.254.\r\n",
-                                                     row.word)}));
+                                                     word)}));
     }
     const struct {
         const char *claim;

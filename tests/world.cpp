@@ -60,15 +60,16 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char *format, 
 }
 
 // The line of a call. Empty while nobody reads it: writing it out is most of what a call of this world costs.
+#define LINE_OF(line, format)                                                              \
+    va_list arguments;                                                                     \
+    va_start(arguments, format);                                                           \
+    const std::string line = world.quiet() ? std::string() : formatted(format, arguments); \
+    va_end(arguments)
+
 __attribute__((format(printf, 1, 2))) std::string call_line(const char *format, ...)
 {
-    if (world.quiet())
-        return {};
-    va_list arguments;
-    va_start(arguments, format);
-    std::string text = formatted(format, arguments);
-    va_end(arguments);
-    return text;
+    LINE_OF(line, format);
+    return line;
 }
 
 std::string call_hex(const uint8_t *bytes, size_t count)
@@ -77,8 +78,10 @@ std::string call_hex(const uint8_t *bytes, size_t count)
 }
 
 // A call that changes nothing: its result when it is refused.
-std::optional<int32_t> asked(const std::string &line)
+__attribute__((format(printf, 1, 2))) std::optional<int32_t> asked(const char *format, ...)
 {
+    WorldScope scope;
+    LINE_OF(line, format);
     if (world.recording)
         world.asked.push_back(line);
     return world.refused(line);
@@ -91,6 +94,13 @@ int32_t did(const std::string &line, Bytes data = {})
         world.sent(Did::Call, data.data(), data.size(), 0);
     world.enter({.did = Did::Call, .text = line, .data = std::move(data)});
     return world.refused(line).value_or(0);
+}
+
+__attribute__((format(printf, 1, 2))) int32_t called(const char *format, ...)
+{
+    WorldScope scope;
+    LINE_OF(line, format);
+    return did(line);
 }
 
 // The value a synchronisation call carries: text where the mode says so, else a number.
@@ -108,8 +118,7 @@ std::string sync_value(const void *value, bool isText, Bytes *data)
 
 int32_t guard_answer(const char *who, std::map<uint32_t, WorldGuard> &guards, uint32_t ifIndex, uint32_t call, void *reply)
 {
-    WorldScope scope;
-    if (const auto refusal = asked(call_line("%s %u %u", who, ifIndex, call)))
+    if (const auto refusal = asked("%s %u %u", who, ifIndex, call))
         return *refusal;
     const auto found = guards.find(ifIndex);
     if (found == guards.end())
@@ -125,9 +134,7 @@ int32_t guard_answer(const char *who, std::map<uint32_t, WorldGuard> &guards, ui
 
 int32_t place_answer(const char *who, std::map<uint32_t, int32_t> &answers, const uint32_t *where, uint32_t property, const void *answer)
 {
-    WorldScope scope;
-    if (const auto refusal = asked(call_line("%s %u.%u.%u.%u %u%s", who, where[0], where[1], where[2], where[3],
-                                             property, answer == nullptr ? " null" : "")))
+    if (const auto refusal = asked("%s %u.%u.%u.%u %u%s", who, where[0], where[1], where[2], where[3], property, answer == nullptr ? " null" : ""))
         return *refusal;
     const auto found = answers.find(property);
     return found == answers.end() ? 0 : found->second;
@@ -287,24 +294,15 @@ uint32_t OsixCreateMSem(uint32_t options)
     return world.refused(line) ? 0 : 77;
 }
 
-int32_t OsixDeleteSem(uint32_t semId)
-{
-    WorldScope scope;
-    return did(call_line("OsixDeleteSem %u", semId));
-}
+int32_t OsixDeleteSem(uint32_t semId) { return called("OsixDeleteSem %u", semId); }
 
 int32_t errnoGet(void) { return errno; }
 
-void qorCatchSegFault(int argc, char **)
-{
-    WorldScope scope;
-    did(call_line("qorCatchSegFault %d", argc));
-}
+void qorCatchSegFault(int argc, char **) { called("qorCatchSegFault %d", argc); }
 
 int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
 {
-    WorldScope scope;
-    if (const auto refusal = asked(call_line("qorIfGetApi %u %u", ifIndex, attribute)))
+    if (const auto refusal = asked("qorIfGetApi %u %u", ifIndex, attribute))
         return *refusal;
     if (attribute == 65536285) {
         auto *request = static_cast<QorNestedGet *>(value);
@@ -356,8 +354,7 @@ int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
 
 int32_t qorIfUnit2Name(uint32_t ifIndex, char *name, uint32_t size)
 {
-    WorldScope scope;
-    asked(call_line("qorIfUnit2Name %u", ifIndex));
+    asked("qorIfUnit2Name %u", ifIndex);
     const WorldPort *port = port_of(ifIndex);
     if (port == nullptr)
         return -1;
@@ -368,12 +365,9 @@ int32_t qorIfUnit2Name(uint32_t ifIndex, char *name, uint32_t size)
 int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
 {
     WorldScope scope;
-    std::string line;
-    if (kind == 7)
-        line = call_line("qorIndexTrans %u,%u,%u,%u,%u,%u,%u 7", from[0], from[1], from[2], from[3], from[4], from[5], from[6]);
-    else
-        line = call_line("qorIndexTrans %u %u", from[0], kind);
-    if (const auto refusal = asked(line))
+    const auto refusal = kind == 7 ? asked("qorIndexTrans %u,%u,%u,%u,%u,%u,%u 7", from[0], from[1], from[2], from[3], from[4], from[5], from[6])
+                                   : asked("qorIndexTrans %u %u", from[0], kind);
+    if (refusal)
         return *refusal;
     if (kind == 6) {
         const WorldPort *port = port_of(from[0]);
@@ -393,8 +387,7 @@ int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
 
 int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
 {
-    WorldScope scope;
-    if (const auto refusal = asked(call_line("qorVlanGetApi %u %u %u", vid, attribute, list->length)))
+    if (const auto refusal = asked("qorVlanGetApi %u %u %u", vid, attribute, list->length))
         return *refusal;
     const auto found = world.vlanMembers.find(vid);
     if (found == world.vlanMembers.end())
@@ -408,8 +401,7 @@ int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
 
 int32_t qorScalarGetApi(uint32_t unit, uint32_t attribute, QorBuffer *text)
 {
-    WorldScope scope;
-    asked(call_line("qorScalarGetApi %u %u", unit, attribute));
+    asked("qorScalarGetApi %u %u", unit, attribute);
     const auto found = world.scalarTexts.find(attribute);
     if (found == world.scalarTexts.end())
         return -1;
@@ -425,7 +417,7 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
 {
     WorldScope scope;
     const auto *query = static_cast<SysIfQuery *>(buffer);
-    asked(call_line("sysIFGet %u %u vid %u", ifIndex, attribute, query->vid));
+    asked("sysIFGet %u %u vid %u", ifIndex, attribute, query->vid);
     const WorldPort *port = port_of(ifIndex);
     if (port == nullptr)
         return attribute == 255 ? 1 : 0;
@@ -436,8 +428,7 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
 
 int32_t nmGetIfPartDescr(uint32_t ifIndex, char *buffer, uint32_t size)
 {
-    WorldScope scope;
-    asked(call_line("nmGetIfPartDescr %u %u", ifIndex, size));
+    asked("nmGetIfPartDescr %u %u", ifIndex, size);
     const WorldPort *port = port_of(ifIndex);
     if (port == nullptr)
         return -1;
@@ -450,8 +441,7 @@ const char *nmGetHostname(void) { return world.hostname ? world.hostname->c_str(
 
 uint32_t qorHwScalarGet(uint32_t unit, uint32_t scalar, void *)
 {
-    WorldScope scope;
-    asked(call_line("qorHwScalarGet %u %u", unit, scalar));
+    asked("qorHwScalarGet %u %u", unit, scalar);
     const auto found = world.hwScalars.find(scalar);
     return found == world.hwScalars.end() ? 0 : found->second;
 }
@@ -551,11 +541,7 @@ int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, 
     return 0;
 }
 
-int32_t platform_packet_info_enable(int sock)
-{
-    WorldScope scope;
-    return did(call_line("platform_packet_info_enable %d", sock));
-}
+int32_t platform_packet_info_enable(int sock) { return called("platform_packet_info_enable %d", sock); }
 
 // As the kernel would: control data only as far as the message header has room for it.
 ssize_t platform_frame_recv(int sock, struct msghdr *msg)
@@ -603,11 +589,7 @@ ssize_t platform_frame_recv(int sock, struct msghdr *msg)
     return arrival.result.value_or(static_cast<ssize_t>(copied));
 }
 
-int32_t platform_event_group_join(int sock, uint32_t group)
-{
-    WorldScope scope;
-    return did(call_line("platform_event_group_join %d %u", sock, group));
-}
+int32_t platform_event_group_join(int sock, uint32_t group) { return called("platform_event_group_join %d %u", sock, group); }
 
 ssize_t platform_event_recv(int, void *buffer, size_t size, struct sockaddr *, socklen_t *fromLength)
 {

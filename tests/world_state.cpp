@@ -1,6 +1,7 @@
 // What the daemon holds, checked and written out.
 #include "world.h"
 
+#include <numeric>
 #include <set>
 
 #include "dhcpsnoop_user.h"
@@ -77,21 +78,16 @@ std::string world_check_tables(bool counts)
         if (counts && dynamic != ifp->curUser)
             faults += world_format("interface %u counts %u users of %u\n", ifp->ifIndex, ifp->curUser, dynamic);
     }
+    const auto sum_of = [](const uint8_t *bytes, size_t size) { return std::accumulate(bytes, bytes + size, 0u); };
     for (uint32_t i = 0; i < DHCPSNOOP_BUCKETS; i++) {
         for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&gDhcpsnoop.userHash[i])) {
-            uint32_t sum = 0;
-            for (uint32_t k = 0; k < (user->key.ipType == 1 ? 4u : 16u); k++)
-                sum += user->key.ipAddr[k];
+            const uint32_t sum = sum_of(user->key.ipAddr, user->key.ipType == 1 ? 4 : 16);
             if (sum % DHCPSNOOP_BUCKETS != i)
                 faults += world_format("userHash: a binding of bucket %u in bucket %u\n", sum % 63, i);
         }
-        for (const DhcpsnoopMacUser *user : list_each<DhcpsnoopMacUser>(&gDhcpsnoop.macUserHash[i])) {
-            uint32_t sum = 0;
-            for (const uint8_t byte : user->mac)
-                sum += byte;
-            if (sum % DHCPSNOOP_BUCKETS != i)
-                faults += world_format("macUserHash: a MAC of bucket %u in bucket %u\n", sum % 63, i);
-        }
+        for (const DhcpsnoopMacUser *user : list_each<DhcpsnoopMacUser>(&gDhcpsnoop.macUserHash[i]))
+            if (sum_of(user->mac, 6) % DHCPSNOOP_BUCKETS != i)
+                faults += world_format("macUserHash: a MAC of bucket %u in bucket %u\n", sum_of(user->mac, 6) % 63, i);
     }
     return faults;
 }

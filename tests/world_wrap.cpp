@@ -26,8 +26,14 @@ namespace
 bool is_ours(int fd) { return fd >= WORLD_FIRST_SOCKET || fd == 0; }
 
 // Journals the call of the kernel and gives its result, errno set when refused.
-int did(const std::string &line)
+__attribute__((format(printf, 1, 2))) int called(const char *format, ...)
 {
+    WorldScope scope;
+    char line[512];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
     world.enter({.did = Did::Call, .text = line});
     const auto refusal = world.refused(line);
     if (refusal && *refusal < 0)
@@ -136,26 +142,17 @@ int __wrap_bind(int fd, const struct sockaddr *address, socklen_t length)
     if (!is_ours(fd))
         return __real_bind(fd, address, length);
     WorldScope scope;
-    std::string line = "bind " + address_text(address, length);
-    if (address->sa_family == AF_UNIX)
-        line += world_format(" mode %04o", 0777 & ~static_cast<unsigned>(world.umask));
-    return did(line);
+    const std::string mode = address->sa_family != AF_UNIX ? "" : world_format(" mode %04o", 0777 & ~static_cast<unsigned>(world.umask));
+    return called("bind %s%s", address_text(address, length).c_str(), mode.c_str());
 }
 
-int __wrap_listen(int fd, int backlog)
-{
-    if (!is_ours(fd))
-        return __real_listen(fd, backlog);
-    WorldScope scope;
-    return did(world_format("listen %d", backlog));
-}
+int __wrap_listen(int fd, int backlog) { return is_ours(fd) ? called("listen %d", backlog) : __real_listen(fd, backlog); }
 
 int __wrap_accept(int fd, struct sockaddr *address, socklen_t *length)
 {
     if (!is_ours(fd))
         return __real_accept(fd, address, length);
-    WorldScope scope;
-    did("accept");
+    called("accept");
     errno = EAGAIN;
     return -1;
 }
@@ -168,7 +165,7 @@ int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_
     int number = -1;
     if (length == sizeof number)
         memcpy(&number, value, sizeof number);
-    return did(world_format("setsockopt %s %d", option_name(level, option).c_str(), number));
+    return called("setsockopt %s %d", option_name(level, option).c_str(), number);
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...)
@@ -177,29 +174,18 @@ int __wrap_ioctl(int fd, unsigned long request, ...)
     va_start(arguments, request);
     void *argument = va_arg(arguments, void *);
     va_end(arguments);
-    if (!is_ours(fd)) {
-        errno = ENOTTY; // only the daemon's event socket is driven this way
-        return -1;
-    }
-    WorldScope scope;
-    return did(world_format("ioctl %s %d", request == FIONBIO ? "FIONBIO" : "?", *static_cast<int *>(argument)));
+    if (is_ours(fd))
+        return called("ioctl %s %d", request == FIONBIO ? "FIONBIO" : "?", *static_cast<int *>(argument));
+    errno = ENOTTY; // only the daemon's event socket is driven this way
+    return -1;
 }
 
-int __wrap_close(int fd)
-{
-    if (!is_ours(fd))
-        return __real_close(fd);
-    WorldScope scope;
-    return did(world_format("close %d", fd));
-}
+int __wrap_close(int fd) { return is_ours(fd) ? called("close %d", fd) : __real_close(fd); }
 
-int __wrap_unlink(const char *path)
-{
-    if (!world.fakeSockets || strcmp(path, DHCPSNOOP_SOCKET_PATH) != 0)
-        return __real_unlink(path);
-    WorldScope scope;
-    return did(world_format("unlink %s", path));
-}
+// A path of the world's, not of the file system.
+static bool is_ours(const char *path) { return world.fakeSockets && strcmp(path, DHCPSNOOP_SOCKET_PATH) == 0; }
+
+int __wrap_unlink(const char *path) { return is_ours(path) ? called("unlink %s", path) : __real_unlink(path); }
 
 mode_t __wrap_umask(mode_t mask)
 {
@@ -208,21 +194,9 @@ mode_t __wrap_umask(mode_t mask)
     return world.fakeSockets ? before : __real_umask(mask);
 }
 
-int __wrap_fchmod(int fd, mode_t mode)
-{
-    if (!is_ours(fd))
-        return __real_fchmod(fd, mode);
-    WorldScope scope;
-    return did(world_format("fchmod %04o", static_cast<unsigned>(mode)));
-}
+int __wrap_fchmod(int fd, mode_t mode) { return is_ours(fd) ? called("fchmod %04o", mode) : __real_fchmod(fd, mode); }
 
-int __wrap_chmod(const char *path, mode_t mode)
-{
-    if (!world.fakeSockets || strcmp(path, DHCPSNOOP_SOCKET_PATH) != 0)
-        return __real_chmod(path, mode);
-    WorldScope scope;
-    return did(world_format("chmod %s %04o", path, static_cast<unsigned>(mode)));
-}
+int __wrap_chmod(const char *path, mode_t mode) { return is_ours(path) ? called("chmod %s %04o", path, mode) : __real_chmod(path, mode); }
 
 // Marks what is readable in this world. The line has the watched descriptors by name and the time-out.
 int __wrap_select(int nfds, fd_set *readSet, fd_set *, fd_set *, struct timeval *timeout)
