@@ -14,14 +14,14 @@ volatile bool counting;
 volatile unsigned long allocations;
 } // namespace
 
+// The sanitizer is the allocator; it reports what passes through it.
+#if defined(__SANITIZE_ADDRESS__)
 static void count_one()
 {
     if (counting && worldDepth == 0)
         allocations = allocations + 1;
 }
 
-// The sanitizer is the allocator; it reports what passes through it.
-#if defined(__SANITIZE_ADDRESS__)
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void *, size_t), void (*)(const volatile void *));
 static bool hook_allocations()
 {
