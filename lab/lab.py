@@ -44,6 +44,7 @@ RELAY_SERVERS = {"relay1": "192.0.2.11", "relay2": "192.0.2.12"}
 MACS = {"pc1": "02:00:00:00:01:01", "pc2": "02:00:00:00:02:01", "pc3": "02:00:00:00:03:01",
         "trunk": "02:00:00:00:04:01", "server": "02:00:00:00:05:01", "rogue": "02:00:00:00:06:66",
         "core": "02:00:00:00:07:01", "relay1": "02:00:00:00:07:11", "relay2": "02:00:00:00:07:12"}
+SUBNETS6 = {10: ("2001:db8:10",), 20: ("2001:db8:20", "2001:db8:120")}  # a client gets an address of each
 TRUNK_CLIENTS = {"vlan10": "02:00:00:00:04:10", "vlan20": "02:00:00:00:04:20"}
 
 
@@ -213,6 +214,11 @@ class Client:
     def stop(self):
         self.process.stop()
 
+    def kill(self):
+        """Ends the client at once: it says nothing to anybody."""
+        self.process.popen.kill()
+        self.process.popen.wait()
+
 
 class Lab:
     """The topology with its servers. The daemon is started and stopped apart from it."""
@@ -247,10 +253,14 @@ class Lab:
         for vid in (10, 20):
             server.vlan_device("eth0", vid, MACS["server"])
             server.ip(f"addr add 10.0.{vid}.1/24 dev vlan{vid}")
+            for subnet in SUBNETS6[vid]:
+                server.ip(f"addr add {subnet}::1/64 dev vlan{vid}")
             server.run("ethtool", "-K", f"vlan{vid}", "tx", "on" if self.offload else "off")
         self.start_dnsmasq(server, "--dhcp-authoritative", "--interface=vlan10", "--interface=vlan20",
                            "--dhcp-range=10.0.10.100,10.0.10.199,255.255.255.0,120",
-                           "--dhcp-range=10.0.20.100,10.0.20.199,255.255.255.0,120")
+                           "--dhcp-range=10.0.20.100,10.0.20.199,255.255.255.0,120",
+                           *(f"--dhcp-range={subnet}::100,{subnet}::1ff,64,120"
+                             for subnets in SUBNETS6.values() for subnet in subnets))
         for number, name in enumerate(RELAY_SERVERS, 1):
             self.start_dnsmasq(self.hosts[name], "--interface=eth0",
                                f"--dhcp-range=10.0.30.{number}00,10.0.30.{number}49,255.255.255.0,120")

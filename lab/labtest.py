@@ -14,6 +14,7 @@ import isolate
 BUILD = os.path.realpath(sys.argv.pop(1))
 isolate.enter([BUILD, os.path.dirname(os.path.dirname(os.path.realpath(__file__)))])
 
+from dhcpv6 import Client6
 from lab import PORTS, TRUSTED, Client, Lab, wait_for
 from wire import Capture, Endpoint
 
@@ -43,8 +44,7 @@ class LabTest(unittest.TestCase):
 
     def finish(self):
         for client in self.clients:
-            client.process.popen.kill()
-            client.process.popen.wait()
+            client.kill()
             client.host.ip(f"addr flush dev {client.device} scope global")
         if self.lab.daemon is None:
             return
@@ -75,6 +75,11 @@ class LabTest(unittest.TestCase):
 
     def client(self, host, device="eth0", program="udhcpc"):
         client = Client(host, device, program)
+        self.clients.append(client)
+        return client.start()
+
+    def client6(self, host, device="eth0", program="dhclient", **options):
+        client = Client6(host, device, program, **options)
         self.clients.append(client)
         return client.start()
 
