@@ -44,6 +44,9 @@ ExitStatus showGlobal(const Context &, std::span<const std::string>);
 ExitStatus showStatistics(const Context &, std::span<const std::string>);
 ExitStatus showConfig(const Context &, std::span<const std::string>);
 
+// The static bindings that are bound.
+std::vector<UserKey> staticsInForce(const Daemon &daemon);
+
 // change.cpp
 ExitStatus changeInterface(const Context &, std::span<const std::string>);
 ExitStatus changeVlan(const Context &, std::span<const std::string>);

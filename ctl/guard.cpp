@@ -88,6 +88,23 @@ void checkPlace(const Context &context, const GuardPlace &place, const std::stri
                                             "daemon could be told of it");
 }
 
+bool isInspecting()
+{
+    for (const auto &[place, items] : guard_config_all())
+        if (guard_wanted(items, GuardFeature::arpInspection) != 0)
+            return true;
+    return false;
+}
+
+// When ARP inspection stops the daemon forgets the check items of its static bindings for it. Bound once more
+// before it starts again, they are installed by all items as ever.
+void bindStatics(const Daemon &daemon)
+{
+    for (const UserKey &key : staticsInForce(daemon))
+        daemon.ask(
+            {FUNC_USER_SET, USER_ACTION, key, USER_ACTION_BIND}); // gone or changed meanwhile: no matter
+}
+
 // Writes until it stands: the daemon, putting something else in force, may have written in between.
 void switchGuard(const Context &context, const GuardPlace &place, GuardFeature feature, uint8_t wanted,
                  const std::string &what, bool daemonRuns)
@@ -128,6 +145,8 @@ ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace
     openConfig(what);
     if (wanted != 0)
         checkPlace(context, place, what, daemonRuns);
+    if (wanted != 0 && daemonRuns && feature == GuardFeature::arpInspection && !isInspecting())
+        bindStatics(context.daemon);
     switchGuard(context, place, feature, wanted, what, daemonRuns);
     return EXIT_DONE;
 }

@@ -294,7 +294,7 @@ Json bindingJson(const Binding &binding)
 
 BindingFilter parseFilter(const std::string &name, const std::string &word)
 {
-    if (name == "interface")
+    if (name == "interface" || name == "port")
         return [index = parseInterface(word)](const Binding &b) { return b.ifIndex == index; };
     if (name == "vlan")
         return [vlan = parseRange("vlan", word, 1, 4094)](const Binding &b) { return b.vlan == vlan; };
@@ -465,6 +465,15 @@ ExitStatus showServers(const Context &context, std::span<const std::string>)
     else
         printTable(context.out, rows);
     return EXIT_DONE;
+}
+
+std::vector<UserKey> staticsInForce(const Daemon &daemon)
+{
+    std::vector<UserKey> keys;
+    for (const Binding &binding : readBindings(
+             daemon, [](const Binding &b) { return b.type == TYPE_STATIC && b.state == STATE_BOUND; }))
+        keys.push_back(binding.key);
+    return keys;
 }
 
 ExitStatus showBindings(const Context &context, std::span<const std::string> arguments)

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "guard_events.h"
+#include "guard_follow.h"
 #include "logging.h"
 #include "platform.h"
 
@@ -95,7 +96,7 @@ void drain(int sock)
 // An empty request that asks for its acknowledgement, which anyone may send: select wakes for it.
 void stay_readable(int sock)
 {
-    if ((queue.empty() && !guard_events_wait()) || awake)
+    if ((queue.empty() && !guard_follow_pending()) || awake)
         return;
     nlmsghdr request{};
     request.nlmsg_len = sizeof request;
@@ -118,7 +119,7 @@ void refresh()
 void follow_guard()
 {
     if (std::exchange(guardOutdated, false))
-        guard_events_follow(queue);
+        guard_follow(queue);
 }
 
 void model_changed(ModelChange change, const Port &, const Port *)
@@ -211,12 +212,12 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
 {
     // The daemon asks again when it has handled what it was given last.
     if (queue.empty())
-        guard_events_handled();
+        guard_follow_handled();
     for (int i = 0; i < READS_PER_CALL && queue.empty(); i++)
         if (!read_datagram(sock))
             break;
     if (queue.empty()) {
-        guard_events_handled();
+        guard_follow_handled();
         errno = EAGAIN;
         return -1;
     }

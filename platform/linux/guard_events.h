@@ -33,15 +33,6 @@ class GuardEvents
     GuardedInterfaces told_;
 };
 
-// The daemon's own configuration: reads it, and appends to `events`.
-void guard_events_follow(DaemonEvents &events);
-
-// All that was appended has been handled by the daemon, its bindings are installed: what was pending comes
-// into force. Does nothing when nothing was.
-void guard_events_handled();
-// Whether that is due.
-bool guard_events_wait();
-
 // A datagram of a sender other than the kernel: whether it announces a change of the configuration. Its
 // content counts for nothing else.
 bool is_guard_announcement(std::span<const uint8_t> datagram);
