@@ -425,6 +425,30 @@ def sync_seeds():
     return {name: bytes([presets[i % len(presets)]]) + b''.join(records) for i, (name, records) in enumerate(seeds.items())}
 
 
+def translate_seeds():
+    """The recorded link messages of a real kernel: from each command on, as many as one input holds."""
+    groups = []
+    for line in (HERE.parent / 'tests' / 'data' / 'links-6.1.txt').read_text().splitlines():
+        if line.startswith('$'):
+            groups.append((line[2:], []))
+        elif not line.startswith('#'):
+            groups[-1][1].append(bytes.fromhex(line))
+    seeds = {}
+    for start in range(0, len(groups), 4):
+        data = bytes([start % 3])
+        for command, messages in groups[start:]:
+            piece = b''.join(b'\0' + struct.pack('>H', len(one)) + one for one in messages)
+            if command == 'dump':
+                piece = b'\5' + piece + b'\6\1'
+            if len(data) + len(piece) > 8000:
+                break
+            data += piece + b'\7\x80\xc8\x88'  # and the first three interfaces guarded
+        seeds[f'recorded-{start:02}'] = data
+    announcement = struct.pack('=IHHIIIB3x', 24, 198, 0, 0, 1, 3, 0x80)
+    seeds['announced'] = b'\0\0' + struct.pack('>H', len(announcement)) + announcement
+    return seeds
+
+
 def check():
     with tempfile.TemporaryDirectory() as directory:
         capture = pathlib.Path(directory) / 'seeds.pcap'
@@ -440,7 +464,7 @@ def check():
 
 def main():
     for target, seeds in (('fuzz_recv', recv_seeds()), ('fuzz_cmd', cmd_seeds()), ('fuzz_notify', notify_seeds()),
-                          ('fuzz_sync', sync_seeds())):
+                          ('fuzz_sync', sync_seeds()), ('fuzz_translate', translate_seeds())):
         directory = HERE / 'seeds' / target
         directory.mkdir(parents=True, exist_ok=True)
         for old in directory.iterdir():
