@@ -169,7 +169,7 @@ std::string take_traps() { return std::exchange(traps, {}); }
 // The data plane's recorder.
 namespace platform_linux
 {
-int32_t trap_start() { return 0; }
+int32_t trap_start(uint32_t) { return 0; }
 
 int32_t trap_set(uint32_t ifIndex, int family, bool on)
 {

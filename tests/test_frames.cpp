@@ -115,7 +115,7 @@ class Frames : public NetnsTest
         bridge_of_two();
         port_ = index("p1");
         std::string why, note;
-        if (!guard_open(why, note))
+        if (!guard_open(8, why, note))
             GTEST_SKIP() << "needs eBPF: " << why;
         modelPorts.clear();
         Port port = {};

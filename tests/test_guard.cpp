@@ -27,6 +27,8 @@ using namespace platform_linux;
 namespace
 {
 
+constexpr uint32_t ROOM = 8; // for bindings
+
 class Guard : public NetnsTest
 {
   protected:
@@ -38,7 +40,7 @@ class Guard : public NetnsTest
         bridge_of_two();
         port_ = index("p1");
         std::string why, note;
-        if (!guard_open(why, note))
+        if (!guard_open(ROOM, why, note))
             GTEST_SKIP() << "needs eBPF: " << why;
         EXPECT_EQ(note, "");
     }
@@ -49,7 +51,7 @@ class Guard : public NetnsTest
     std::string start()
     {
         std::string why, note;
-        EXPECT_TRUE(guard_open(why, note)) << why;
+        EXPECT_TRUE(guard_open(ROOM, why, note)) << why;
         EXPECT_EQ(guard_port_add(port_, 1), 0);
         return note;
     }
@@ -302,7 +304,7 @@ TEST_F(Guard, LeavesDevicesThatAreNoPortsAnyMore)
         guard_trap_port(port_, 4, true);
     });
     std::string why, note;
-    ASSERT_TRUE(guard_open(why, note)) << why;
+    ASSERT_TRUE(guard_open(ROOM, why, note)) << why;
     ASSERT_EQ(guard_port_add(index("p2"), 1), 0);
     guard_ports_complete();
     EXPECT_TRUE(passes());
@@ -355,7 +357,7 @@ TEST_F(Guard, KeepsToItsNamespace)
         std::string why, note, report;
         if (unshare(CLONE_NEWNET) != 0)
             _exit(10);
-        if (!guard_open(why, note) || !note.empty())
+        if (!guard_open(ROOM, why, note) || !note.empty())
             _exit(11);
         _exit(trap_release(report) && report.find("removed") != std::string::npos ? 0 : 12);
     }
@@ -392,7 +394,7 @@ TEST_F(Guard, SaysWhyThereIsNoTrap)
             NETWORK,
             [this] {
                 std::string why, note;
-                if (guard_open(why, note))
+                if (guard_open(ROOM, why, note))
                     return 1;
                 if (why !=
                     "bpf(2): Operation not permitted (it takes CAP_BPF, CAP_NET_ADMIN and CAP_NET_RAW in the "
@@ -418,7 +420,7 @@ TEST_F(Guard, NeedsThreeCapabilities)
     const auto works = [this](bool pinned) {
         return with_capabilities(NETWORK | BPF, [this, pinned] {
             std::string why, note;
-            if (!guard_open(why, note) || guard_port_add(port_, 1) != 0 ||
+            if (!guard_open(ROOM, why, note) || guard_port_add(port_, 1) != 0 ||
                 guard_trap_port(port_, 4, true) != 0) {
                 fprintf(stderr, "%s\n", why.c_str());
                 return 1;

@@ -47,9 +47,9 @@ std::string numbers(std::initializer_list<uint32_t> values)
 namespace platform_linux
 {
 
-bool guard_open(std::string &why, std::string &note)
+bool guard_open(uint32_t bindings, std::string &why, std::string &note)
 {
-    recorder.journal.push_back("open");
+    recorder.journal.push_back("open" + numbers({bindings}));
     why = recorder.possible ? "" : "said by the recorder";
     note = "";
     return recorder.possible;
@@ -78,6 +78,12 @@ int guard_trap_vlan(uint16_t vid, int family, bool on)
     recorder.journal.push_back("vlan" + numbers({vid, static_cast<uint32_t>(family)}) + (on ? " on" : " off"));
     return 0;
 }
+
+int guard_binding_add(const guard_binding_key &) { return 0; }
+
+int guard_binding_remove(const guard_binding_key &) { return 0; }
+
+void guard_bindings_complete() {}
 
 const Port *model_port(uint32_t ifIndex)
 {
@@ -128,7 +134,7 @@ class TrapRules : public ::testing::Test
         ports[4].aggregate = 5;
         ports[5] = a_port(5, PortKind::aggregate, 7);
         ports[10] = a_port(10, PortKind::vlanInterface, 100);
-        EXPECT_EQ(trap_start(), 0);
+        EXPECT_EQ(trap_start(300), 0);
     }
 
     void TearDown() override
@@ -143,7 +149,7 @@ class TrapRules : public ::testing::Test
 
 TEST_F(TrapRules, StandOnPortsThatReceiveThemselves)
 {
-    EXPECT_EQ(recorder.take(), "open\nadd 3 1\nremove 4\nadd 5 7\nremove 10\ncomplete\n");
+    EXPECT_EQ(recorder.take(), "open 600\nadd 3 1\nremove 4\nadd 5 7\nremove 10\ncomplete\n");
 }
 
 TEST_F(TrapRules, FollowTheModel)
@@ -238,9 +244,9 @@ TEST_F(TrapRules, AreSaidToBeImpossible)
     recorder.possible = false;
     watchers.clear();
     testing::internal::CaptureStderr();
-    EXPECT_EQ(trap_start(), 0) << "the daemon runs all the same";
+    EXPECT_EQ(trap_start(300), 0) << "the daemon runs all the same";
     EXPECT_NE(testing::internal::GetCapturedStderr().find("said by the recorder"), std::string::npos);
-    EXPECT_EQ(recorder.take(), "open\n");
+    EXPECT_EQ(recorder.take(), "open 600\n");
     EXPECT_TRUE(watchers.empty());
 }
 

@@ -9,6 +9,7 @@
 #include <sys/utsname.h>
 #include <utility>
 
+#include "bindings.h"
 #include "guard_config.h"
 #include "logging.h"
 #include "model.h"
@@ -163,11 +164,10 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
     }
 }
 
-// Bindings (IF_SET_BINDING) are refused: this platform has nothing yet that enforces them.
 int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
 {
     if (command == IF_SET_BINDING)
-        return EOPNOTSUPP;
+        return binding_set(ifIndex, static_cast<const QorIfRequest *>(value));
     if ((command != IF_TRAP_ADD && command != IF_TRAP_DELETE) || value == nullptr)
         return EINVAL;
     switch (*static_cast<uint32_t *>(value)) {

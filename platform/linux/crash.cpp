@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "platform.h"
+#include "start.h"
 
 namespace
 {
@@ -74,8 +75,9 @@ void report_crash(int number, siginfo_t *info, void *)
 }
 } // namespace
 
-void qorCatchSegFault(int, char **)
+void qorCatchSegFault(int argc, char **argv)
 {
+    platform_linux::arguments_take(argc, argv);
     // The first call loads the unwinder, which allocates.
     void *frame;
     backtrace(&frame, 1);

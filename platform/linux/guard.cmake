@@ -15,7 +15,7 @@ foreach(order el eb)
         -ffile-prefix-map=${CMAKE_CURRENT_SOURCE_DIR}/= -I/usr/include/${CMAKE_LIBRARY_ARCHITECTURE}
         -c ${CMAKE_CURRENT_SOURCE_DIR}/guard.bpf.c -o ${object}
       COMMAND ${BPF_STRIP} -g ${object}
-      DEPENDS guard.bpf.c guard_maps.h VERBATIM)
+      DEPENDS guard.bpf.c guard_frame.bpf.h guard_source.bpf.h guard_maps.h VERBATIM)
   else()
     add_custom_command(OUTPUT ${object}
       COMMAND ${CMAKE_COMMAND} -E copy ${CMAKE_CURRENT_SOURCE_DIR}/bpf/guard.bpf${order}.o ${object}
@@ -29,7 +29,8 @@ if(BPF_CLANG AND BPF_STRIP)
 endif()
 
 # Without the switch model, for dhcpsnoopctl (trap_release, guard_config) and for tests that put a recorder in its place.
-add_library(dhcpsnoop_trap STATIC guard.cpp guard_config.cpp guard_filter.cpp guard_object.cpp guard_pins.cpp trap_release.cpp)
+add_library(dhcpsnoop_trap STATIC guard.cpp guard_bindings.cpp guard_config.cpp guard_filter.cpp guard_object.cpp guard_pins.cpp
+  trap_release.cpp)
 target_include_directories(dhcpsnoop_trap PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(dhcpsnoop_trap PUBLIC PkgConfig::LIBMNL PkgConfig::LIBBPF PRIVATE dhcpsnoop_core_flags)
 target_compile_definitions(dhcpsnoop_trap PRIVATE GUARD_OBJECT_DIR="${CMAKE_CURRENT_BINARY_DIR}")

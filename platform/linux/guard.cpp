@@ -2,11 +2,11 @@
 // microseconds and are made when ports or settings change, never per frame.
 #include "guard.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <net/if.h>
 #include <set>
 #include <sys/ioctl.h>
@@ -17,6 +17,7 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 
+#include "guard_bindings.h"
 #include "guard_filter.h"
 #include "guard_maps.h"
 #include "guard_object.h"
@@ -31,8 +32,9 @@ constexpr uint16_t VLAN_MAX = 4094;
 
 struct Guard {
     bpf_object *object = nullptr; // null: closed, or no eBPF here
-    int program = -1, ports = -1, vlans = -1, state = -1;
-    std::set<uint32_t> added; // ports on which the classifier stands
+    int program = -1, ports = -1, vlans = -1, state = -1, portItems = -1, bindings = -1, refused = -1;
+    std::set<uint32_t> added;  // ports on which the classifier stands
+    std::set<uint32_t> parted; // devices that were ports and are still there
 } guard;
 
 char libbpfSaid[256]; // the first complaint since it was last cleared
@@ -84,21 +86,13 @@ guard_state state_read()
     return state;
 }
 
-uint64_t boottime()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
 // All at once: an entry that is written moves within the map, and a walk that writes could meet it again for
 // ever.
-std::vector<uint32_t> port_keys()
+std::vector<uint32_t> device_keys(int map)
 {
     std::vector<uint32_t> keys;
     uint32_t key = 0;
-    for (const uint32_t *previous = nullptr; bpf_map_get_next_key(guard.ports, previous, &key) == 0;
-         previous = &key)
+    for (const uint32_t *previous = nullptr; bpf_map_get_next_key(map, previous, &key) == 0; previous = &key)
         keys.push_back(key);
     return keys;
 }
@@ -110,7 +104,7 @@ std::vector<uint32_t> port_keys()
 uint32_t inherit_traps(guard_state state, uint64_t netnsCookie)
 {
     const uint32_t zero = 0;
-    const uint64_t now = boottime();
+    const uint64_t now = guard_clock();
     const bool stillInherited = now < state.inherited_until;
     state.inherited_until = now + uint64_t{GUARD_INHERIT_SECONDS} * 1000000000u;
     state.netns_cookie = netnsCookie;
@@ -122,7 +116,7 @@ uint32_t inherit_traps(guard_state state, uint64_t netnsCookie)
         trap = 0;
         count += inherited != 0;
     };
-    for (const uint32_t ifIndex : port_keys()) {
+    for (const uint32_t ifIndex : device_keys(guard.ports)) {
         guard_port port = {};
         bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
         inherit(port.trap, port.inherited);
@@ -138,12 +132,32 @@ uint32_t inherit_traps(guard_state state, uint64_t netnsCookie)
     return count;
 }
 
+// What belongs to the device for as long as it exists.
+void forget_device(uint32_t ifIndex)
+{
+    bpf_map_delete_elem(guard.portItems, &ifIndex);
+    guard.parted.erase(ifIndex);
+}
+
 void forget_port(uint32_t ifIndex)
 {
     guard_port port = {};
+    char name[IF_NAMESIZE];
     bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
     filter_detach(ifIndex, port.qdisc_is_ours != 0);
     bpf_map_delete_elem(guard.ports, &ifIndex);
+    bpf_map_delete_elem(guard.refused, &ifIndex);
+    if (if_indextoname(ifIndex, name) != nullptr)
+        guard.parted.insert(ifIndex);
+    else
+        forget_device(ifIndex);
+}
+
+int count_from_zero(uint32_t ifIndex)
+{
+    const std::vector<guard_refused> zero(static_cast<size_t>(libbpf_num_possible_cpus()));
+    const int error = -bpf_map_update_elem(guard.refused, &ifIndex, zero.data(), BPF_NOEXIST);
+    return error == EEXIST ? 0 : error;
 }
 
 uint8_t family_bit(int family)
@@ -157,8 +171,27 @@ template <typename Entry> void set_trap(Entry &entry, uint8_t bit, bool on)
     entry.inherited = static_cast<uint8_t>(entry.inherited & ~bit);
 }
 
+// A map keeps its size: the bindings of one that is too small move into a larger one. `old` is the small one
+// then, its pin gone, else -1.
+uint32_t room_for_bindings(const std::string &pins, uint32_t wanted, int &old)
+{
+    const std::string path = pins + "/guard_bindings";
+    bpf_map_info info = {};
+    uint32_t length = sizeof info;
+    old = pins.empty() ? -1 : bpf_obj_get(path.c_str());
+    if (old >= 0 && bpf_obj_get_info_by_fd(old, &info, &length) == 0 && info.max_entries < wanted &&
+        info.key_size == sizeof(guard_binding_key) && info.value_size == sizeof(guard_binding)) {
+        unlink(path.c_str());
+        return wanted;
+    }
+    if (old >= 0)
+        close(old);
+    old = -1;
+    return std::max(wanted, info.max_entries);
+}
+
 // Opens and loads the classifier with the maps pinned in `pins` ("": not pinned). An errno value, 0 = loaded.
-int load(const std::string &pins)
+int load(const std::string &pins, uint32_t bindings)
 {
     bpf_object_open_opts opts = {};
     opts.sz = sizeof opts;
@@ -171,8 +204,15 @@ int load(const std::string &pins)
         bpf_map *map;
         bpf_object__for_each_map(map, object) bpf_map__set_pin_path(map, nullptr);
     }
+    int old = -1;
+    bpf_map__set_max_entries(bpf_object__find_map_by_name(object, "guard_bindings"),
+                             room_for_bindings(pins, bindings, old));
     const int error = -bpf_object__load(object);
     if (error != 0) {
+        if (old >= 0) {
+            bpf_obj_pin(old, (pins + "/guard_bindings").c_str());
+            close(old);
+        }
         bpf_object__close(object);
         return error;
     }
@@ -181,12 +221,19 @@ int load(const std::string &pins)
     guard.ports = bpf_object__find_map_fd_by_name(object, "guard_ports");
     guard.vlans = bpf_object__find_map_fd_by_name(object, "guard_vlans");
     guard.state = bpf_object__find_map_fd_by_name(object, "guard_state");
+    guard.portItems = bpf_object__find_map_fd_by_name(object, "guard_port_items");
+    guard.bindings = bpf_object__find_map_fd_by_name(object, "guard_bindings");
+    guard.refused = bpf_object__find_map_fd_by_name(object, "guard_refused");
+    if (old >= 0) {
+        guard_bindings_copy(old, guard.bindings);
+        close(old);
+    }
     return 0;
 }
 
 } // namespace
 
-bool guard_open(std::string &why, std::string &note)
+bool guard_open(uint32_t bindings, std::string &why, std::string &note)
 {
     guard_close();
     libbpf_set_print(keep_first_warning);
@@ -203,7 +250,7 @@ bool guard_open(std::string &why, std::string &note)
     }
     std::string noPins;
     std::string pins = pins_directory(own, noPins);
-    int error = load(pins);
+    int error = load(pins, bindings);
     guard_state state = error == 0 ? state_read() : guard_state{};
     const bool foreign = state.netns_cookie != 0 && state.netns_cookie != own.cookie;
     if (!pins.empty() && (foreign || error == EINVAL)) { // EINVAL: maps of another shape
@@ -213,23 +260,31 @@ bool guard_open(std::string &why, std::string &note)
         if (kept != 0)
             noPins = std::string("stale maps cannot be removed: ") + strerror(kept);
         state = {};
-        error = load(pins);
+        error = load(pins, bindings);
     }
     if (error != 0) {
         why = refusal("bpf(2)", error);
         return false;
     }
-    const uint32_t inherited = inherit_traps(state, own.cookie);
-    if (inherited != 0)
-        note = "traps of an earlier run on " + std::to_string(inherited) + " ports and VLANs hold for " +
+    const uint32_t traps = inherit_traps(state, own.cookie);
+    const uint32_t inherited = guard_bindings_open(guard.bindings, guard.state);
+    if (traps != 0)
+        note = "traps of an earlier run on " + std::to_string(traps) + " ports and VLANs hold for " +
                std::to_string(GUARD_INHERIT_SECONDS) + " s unless they are set again";
-    else if (pins.empty())
-        note = noPins + "; after a restart of the daemon DHCP passes until it is configured again";
+    if (inherited != 0)
+        note += std::string(note.empty() ? "" : "; ") + std::to_string(inherited) +
+                " bindings of an earlier run count for " +
+                std::to_string(GUARD_INHERIT_BINDINGS_SECONDS / 3600) + " h unless something else is learned";
+    if (note.empty() && pins.empty())
+        note =
+            noPins +
+            "; after a restart of the daemon DHCP passes and nothing is guarded until it is configured again";
     return true;
 }
 
 void guard_close()
 {
+    guard_bindings_close();
     if (guard.object != nullptr)
         bpf_object__close(guard.object);
     guard = Guard();
@@ -244,12 +299,18 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid)
     if (guard.added.count(ifIndex) == 0) {
         // An index that an earlier run left in the map is the same device only if the filter is still on it.
         Filters filters;
-        if (!filter_list(ifIndex, filters) || !filters.ours)
+        if (!filter_list(ifIndex, filters) || !filters.ours) {
             port = {};
+            bpf_map_delete_elem(guard.refused, &ifIndex);
+            if (guard.parted.erase(ifIndex) == 0)
+                forget_device(ifIndex);
+        }
     }
     port.native = nativeVid;
     // In the map first: the filter that it replaces may be trapping by it.
     int error = -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
+    if (error == 0)
+        error = count_from_zero(ifIndex);
     bool qdiscMade = false;
     if (error == 0)
         error = filter_attach(ifIndex, guard.program, qdiscMade);
@@ -280,9 +341,15 @@ void guard_ports_complete()
             forget_port(ifIndex);
     }
     // What is left in the map belongs to devices that are gone.
-    for (const uint32_t ifIndex : port_keys()) {
-        if (guard.added.count(ifIndex) == 0)
+    for (const uint32_t ifIndex : device_keys(guard.ports)) {
+        if (guard.added.count(ifIndex) == 0) {
             bpf_map_delete_elem(guard.ports, &ifIndex);
+            bpf_map_delete_elem(guard.refused, &ifIndex);
+        }
+    }
+    for (const uint32_t ifIndex : device_keys(guard.portItems)) {
+        if (guard.added.count(ifIndex) == 0 && guard.parted.count(ifIndex) == 0)
+            forget_device(ifIndex);
     }
 }
 

@@ -35,8 +35,8 @@ struct guard_state {
     __u64 inherited_until; /* of traps: nanoseconds of CLOCK_BOOTTIME */
     __u64 netns_cookie;    /* of the network namespace that the maps are about; 0 = new maps */
     __u64 bindings_until;  /* of bindings that an earlier run installed: nanoseconds of CLOCK_BOOTTIME */
+    __u64 masks;           /* of all bindings: bit 16 * kind + mask / 16 when there is one like that */
     __u32 run;             /* of the daemon: 1, 2, ... as the maps were taken over */
-    __u16 masks[4];        /* by GUARD_IPV4, ...: bit `mask >> 4` is set when some binding has that mask */
     __u32 reserved;
 };
 

@@ -1,5 +1,6 @@
 #include "start.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -30,6 +31,11 @@ constexpr Capability CAPABILITIES[] = {
     {CAP_NET_ADMIN, "CAP_NET_ADMIN (traps on the ports)",      false},
     {CAP_BPF,       "CAP_BPF (the program that traps frames)", true },
 };
+
+// The daemon's second argument: how many bindings it has room for, read as it does.
+constexpr int USER_COUNT_ARGUMENT = 2;
+constexpr uint16_t BINDINGS_DEFAULT = 256;
+uint16_t bindings = BINDINGS_DEFAULT;
 
 // A descriptor below 3 that is free would be given to a packet socket, which then gets what is printed.
 void claim_standard_descriptors()
@@ -112,6 +118,13 @@ std::string missing_capabilities()
     return missing;
 }
 
+void arguments_take(int argc, char **argv)
+{
+    const long value = argc > USER_COUNT_ARGUMENT ? strtol(argv[USER_COUNT_ARGUMENT], nullptr, 10) : 0;
+    const auto count = static_cast<uint16_t>(std::clamp<long>(value, INT32_MIN, INT32_MAX));
+    bindings = count != 0 ? count : BINDINGS_DEFAULT;
+}
+
 bool platform_linux_start()
 {
     claim_standard_descriptors();
@@ -126,7 +139,7 @@ bool platform_linux_start()
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
-    return trap_start() == 0 && relay_socket_start() == 0;
+    return trap_start(bindings) == 0 && relay_socket_start() == 0;
 }
 
 } // namespace platform_linux

@@ -11,6 +11,10 @@ namespace platform_linux
 // start-up.
 bool platform_linux_start();
 
+// Before the start: what of the daemon's arguments is the platform's too. The only call that gets them is
+// qorCatchSegFault.
+void arguments_take(int argc, char **argv);
+
 // The capabilities that the daemon needs and does not have, as "CAP_NET_RAW (packet sockets), …"; empty when
 // it has all.
 std::string missing_capabilities();

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 
+#include "bindings.h"
 #include "guard.h"
 #include "logging.h"
 #include "model.h"
@@ -83,12 +84,13 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
 
 } // namespace
 
-int32_t trap_start()
+int32_t trap_start(uint32_t bindings)
 {
     std::string why, note;
-    if (!guard_open(why, note)) {
-        platform_report(LOG_ERR, "no DHCP trap can be had here, snooping cannot be switched on: %s",
-                        why.c_str());
+    if (!guard_open(bindings * RULES_OF_A_BINDING, why, note)) {
+        platform_report(
+            LOG_ERR, "no DHCP trap can be had here, snooping cannot be switched on and no port guarded: %s",
+            why.c_str());
         return 0;
     }
     if (!note.empty())
@@ -97,6 +99,7 @@ int32_t trap_start()
         follow(port);
     guard_ports_complete();
     model_watch(model_changed);
+    bindings_start(bindings);
     return 0;
 }
 

@@ -1,0 +1,237 @@
+// From the 44-byte record to a rule of the guard and back (bindings.h). All room is made at the start:
+// bindings come and go with frames.
+#include "bindings.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "guard.h"
+#include "logging.h"
+#include "model.h"
+
+namespace platform_linux
+{
+namespace
+{
+
+constexpr uint32_t NONE = UINT32_MAX;
+
+// A handle is a rule's place, from 1, and how often the place has been given away, so that a spent one is
+// known.
+constexpr uint32_t PLACE_BITS = 18, PLACE_MASK = (1u << PLACE_BITS) - 1;
+constexpr uint32_t BINDINGS_MAX = UINT16_MAX;
+static_assert(BINDINGS_MAX * RULES_OF_A_BINDING < PLACE_MASK);
+
+struct Rule {
+    guard_binding_key key;
+    uint32_t ifIndex; // the port that it was asked for on; 0 = none in particular
+    uint32_t handle;  // 0 = free
+    uint32_t next;    // in its chain, or of the free ones
+    uint32_t uses;    // how often the place was given away
+    bool installed;   // not while its port is away
+};
+
+std::vector<Rule> rules;
+std::vector<uint32_t> chains; // by content; a power of two of them
+uint32_t firstFree = NONE;
+bool fullReported = false;
+
+uint32_t &chain_of(uint32_t ifIndex, const guard_binding_key &key)
+{
+    uint32_t words[sizeof key / 4], hash = ifIndex;
+    memcpy(words, &key, sizeof words);
+    for (const uint32_t word : words)
+        hash = (hash ^ word) * 0x9E3779B1u;
+    return chains[hash >> 7 & (chains.size() - 1)];
+}
+
+Rule *find(uint32_t handle)
+{
+    const uint32_t place = (handle & PLACE_MASK) - 1;
+    return handle != 0 && place < rules.size() && rules[place].handle == handle ? &rules[place] : nullptr;
+}
+
+Rule *find(uint32_t ifIndex, const guard_binding_key &key)
+{
+    for (uint32_t place = chain_of(ifIndex, key); place != NONE; place = rules[place].next) {
+        if (rules[place].ifIndex == ifIndex && memcmp(&rules[place].key, &key, sizeof key) == 0)
+            return &rules[place];
+    }
+    return nullptr;
+}
+
+Rule *take(uint32_t ifIndex, const guard_binding_key &key)
+{
+    if (firstFree == NONE)
+        return nullptr;
+    const uint32_t place = firstFree;
+    Rule &rule = rules[place];
+    firstFree = rule.next;
+    uint32_t &chain = chain_of(ifIndex, key);
+    rule = {key, ifIndex, ++rule.uses << PLACE_BITS | (place + 1), chain, rule.uses, false};
+    chain = place;
+    return &rule;
+}
+
+void give_back(Rule &rule)
+{
+    const auto place = static_cast<uint32_t>(&rule - rules.data());
+    uint32_t *link = &chain_of(rule.ifIndex, rule.key);
+    while (*link != place)
+        link = &rules[*link].next;
+    *link = rule.next;
+    rule.handle = 0;
+    rule.next = firstFree;
+    firstFree = place;
+}
+
+bool is_guarded_itself(const Port &port) { return port.aggregate == 0; }
+
+void suspend(uint32_t ifIndex)
+{
+    for (Rule &rule : rules) {
+        if (rule.handle == 0 || rule.ifIndex != ifIndex || !rule.installed)
+            continue;
+        guard_binding_remove(rule.key);
+        rule.installed = false;
+    }
+}
+
+void resume(const Port &port)
+{
+    uint32_t refused = 0;
+    for (Rule &rule : rules) {
+        if (rule.handle == 0 || rule.ifIndex != port.ifIndex || rule.installed)
+            continue;
+        rule.installed = guard_binding_add(rule.key) == 0;
+        refused += rule.installed ? 0 : 1;
+    }
+    if (refused != 0)
+        platform_report(LOG_ERR, "%s: %u of its bindings cannot be installed again", port.name, refused);
+}
+
+void model_changed(ModelChange change, const Port &port, const Port *)
+{
+    if (change == ModelChange::vanished || !is_guarded_itself(port))
+        suspend(port.ifIndex);
+    else
+        resume(port);
+}
+
+// The record names what is checked by giving it. A binding of a VLAN interface holds on the ports of its
+// VLAN.
+guard_binding_key key_of(const QorUserRecord &record, bool arp, const Port *port)
+{
+    guard_binding_key key = {};
+    key.kind = arp ? GUARD_ARP : record.ipType == DHCPSNOOP_IPV6 ? GUARD_IPV6 : GUARD_IPV4;
+    if (record.addrKind != 0) {
+        key.mask |= GUARD_CHECK_ADDRESS;
+        memcpy(key.addr, record.addr, record.ipType == DHCPSNOOP_IPV6 ? sizeof key.addr : 4);
+    }
+    if (record.macValid != 0) {
+        key.mask |= GUARD_CHECK_MAC;
+        memcpy(key.mac, record.mac, sizeof key.mac);
+    }
+    const bool ofVlan = port != nullptr && port->kind == PortKind::vlanInterface && record.ifIndex != 0;
+    if (record.vid != 0 || ofVlan) {
+        key.mask |= GUARD_CHECK_VLAN;
+        key.vid = ofVlan ? port->vlan : record.vid;
+    }
+    if (record.ifIndex != 0 && !ofVlan) {
+        key.mask |= GUARD_CHECK_PORT;
+        key.ifindex = record.ifIndex;
+    }
+    return key;
+}
+
+int32_t report_full(int error)
+{
+    if (error == ENOSPC && !fullReported)
+        platform_report(
+            LOG_ERR, "no room for another binding in the guard: its host stays cut off where it is guarded");
+    fullReported = fullReported || error == ENOSPC;
+    return error;
+}
+
+void remove(Rule &rule)
+{
+    if (rule.installed)
+        guard_binding_remove(rule.key);
+    give_back(rule);
+}
+
+int32_t add(uint32_t ifIndex, const guard_binding_key &key, Rule *known, uint32_t &handle)
+{
+    if (known != nullptr && known->ifIndex == ifIndex && memcmp(&known->key, &key, sizeof key) == 0) {
+        handle = known->handle;
+        return 0;
+    }
+    // The new before the old: no packet is lost in between.
+    const int error = guard_binding_add(key);
+    if (error != 0)
+        return report_full(error);
+    if (known != nullptr)
+        remove(*known);
+    Rule *rule = take(ifIndex, key);
+    if (rule == nullptr) {
+        guard_binding_remove(key);
+        return report_full(ENOSPC);
+    }
+    rule->installed = true;
+    handle = rule->handle;
+    return 0;
+}
+
+} // namespace
+
+void bindings_start(uint32_t bindings)
+{
+    rules.assign(size_t{std::min(bindings, BINDINGS_MAX)} * RULES_OF_A_BINDING, Rule{});
+    size_t count = 1;
+    while (count < rules.size())
+        count *= 2;
+    chains.assign(count, NONE);
+    firstFree = NONE;
+    fullReported = false;
+    for (auto place = static_cast<uint32_t>(rules.size()); place-- != 0;) {
+        rules[place].next = firstFree;
+        firstFree = place;
+    }
+    model_watch(model_changed);
+}
+
+int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
+{
+    if (request == nullptr || request->record == nullptr ||
+        (request->operation != QOR_USER_ADD && request->operation != QOR_USER_DELETE))
+        return EINVAL;
+    if (chains.empty())
+        return EOPNOTSUPP;
+    auto &record = *static_cast<QorUserRecord *>(request->record);
+    // Without a flag it is for an ARP inspection that the daemon takes for stopped. It is installed all the
+    // same, as the kernel checks ARP only where it was told to: the daemon will not give it again when
+    // inspection starts. Such a record has no handle in it, so that it is found by what it says.
+    const bool unnamed = (record.ruleFlags & (DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI)) == 0;
+    const bool arp = (record.ruleFlags & DHCPSNOOP_HW_IPSG) == 0;
+    uint32_t &handle = arp ? record.daiHwId : record.ipsgHwId;
+    const Port *port = model_port(ifIndex);
+    const guard_binding_key key = key_of(record, arp, port);
+    Rule *known = unnamed ? find(ifIndex, key) : find(handle);
+
+    if (request->operation == QOR_USER_DELETE) {
+        // The daemon withdraws an aggregate's binding for a port that leaves it, with the aggregate's handle.
+        if (known != nullptr && known->ifIndex == ifIndex)
+            remove(*known);
+        return 0;
+    }
+    handle = known != nullptr ? known->handle : 0;
+    if (port == nullptr && ifIndex != 0)
+        return ENODEV;
+    if ((arp && record.ipType == DHCPSNOOP_IPV6) || (port != nullptr && !is_guarded_itself(*port)))
+        return 0;
+    return add(ifIndex, key, known, handle);
+}
+
+} // namespace platform_linux

@@ -1,0 +1,29 @@
+// The daemon's bindings as rules of the guard: what of a binding record is checked, on which port, and which
+// rule of the kernel each of them is behind. bindings.cpp knows the model (model.h) and drives guard.h,
+// behind which a recorder stands in tests.
+#pragma once
+
+#include <cstdint>
+
+#include "platform.h"
+
+namespace platform_linux
+{
+
+constexpr uint32_t RULES_OF_A_BINDING = 2; // IP source guard and ARP inspection
+
+// Once, after the guard is open and the model is loaded: makes room for the rules of so many bindings.
+void bindings_start(uint32_t bindings);
+
+// Adds or deletes the record of a request for port `ifIndex`. An add writes a handle into the record's
+// identifier of its kind; the same binding given once more with that handle stays installed once, as the
+// record says now. A delete takes what the handle stands for, nothing for 0 or one that is spent, and is 0
+// then too.
+//
+// A member of an aggregate is not guarded itself: accepted, nothing is installed. So is an IPv6 binding for
+// ARP inspection. Rules of a port that is away, or has become such a member, come back with it. EINVAL: no
+// record of a binding, or one that checks nothing; ENODEV: no such port; ENOSPC: no room; EOPNOTSUPP: no
+// eBPF.
+int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request);
+
+} // namespace platform_linux

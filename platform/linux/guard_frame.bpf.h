@@ -1,0 +1,168 @@
+// What kind of frame it is: the tags around its packet, and whether that is DHCP. Part of guard.bpf.c. IEEE
+// 802.1Q, RFC 791, RFC 8200, RFC 768; ports of RFC 2131 and RFC 8415; fragments as RFC 7610.
+#ifndef DHCPSNOOP_GUARD_FRAME_H
+#define DHCPSNOOP_GUARD_FRAME_H
+
+#include <stdbool.h>
+
+#include <linux/bpf.h>
+#include <linux/if_ether.h>
+#include <linux/in.h>
+#include <linux/in6.h>
+
+#include <bpf/bpf_endian.h>
+#include <bpf/bpf_helpers.h>
+
+// Of what is read into, or written in parts: without CAP_PERFMON kernel 6.1 lets nobody write a part of an
+// 8-byte word of the stack that a register was stored in.
+#define OWN_WORDS __attribute__((aligned(8)))
+
+enum {
+    TAGS_LEFT = 2,     // tags in the bytes, behind the one that the kernel may have taken out
+    VID_MASK = 0x0FFF, // of a tag control field
+    IPV4_HEADER = 20,
+    IPV4_FRAGMENT_OFFSET = 0x1FFF,
+    IPV6_HEADER = 40,
+    IPV6_HEADERS = 16, // extension headers walked; RFC 8200 4.1 knows no packet with more than 7
+    AUTHENTICATION = 51,
+    MOBILITY = 135,
+    HOST_IDENTITY = 139,
+    SHIM6 = 140,
+    DHCP_SERVER = 67,   // and 68 for clients
+    DHCP6_CLIENT = 546, // and 547 for servers
+};
+
+// What a frame has to do with DHCP.
+enum {
+    DHCP = 1,
+    DHCP_TO_SERVER = 2, // to a server's port for certain: passes the guard where it is not trapped
+};
+
+static __always_inline bool load(const struct __sk_buff *skb, __u32 offset, void *to, __u32 size)
+{
+    return bpf_skb_load_bytes(skb, offset, to, size) == 0;
+}
+
+static __always_inline bool is_tag(__u16 type)
+{
+    return type == ETH_P_8021Q || type == ETH_P_8021AD || type == ETH_P_QINQ1;
+}
+
+// Where a frame's packet begins.
+struct network {
+    __u32 at;
+    __u16 type; // EtherType behind the tags; that of a tag when there are too many, or one is cut
+    __u16 vid;  // of the outermost tag; 0 = none
+};
+
+static __always_inline struct network behind_tags(const struct __sk_buff *skb)
+{
+    bool tagged = skb->vlan_present;
+    struct network network = {ETH_HLEN, bpf_ntohs((__be16)skb->protocol), 0};
+
+    if (tagged)
+        network.vid = skb->vlan_tci & VID_MASK;
+    for (int i = 0; i < TAGS_LEFT; i++) {
+        OWN_WORDS __be16 tag[2];
+
+        if (!is_tag(network.type) || !load(skb, network.at, tag, sizeof tag))
+            break;
+        if (!tagged)
+            network.vid = bpf_ntohs(tag[0]) & VID_MASK;
+        tagged = true;
+        network.type = bpf_ntohs(tag[1]);
+        network.at += sizeof tag;
+    }
+    return network;
+}
+
+// Either port, as the daemon's parser has it: a reply from a server's odd source port counts too.
+static __always_inline __u64 dhcp_ports(const struct __sk_buff *skb, __u32 udp, __u16 lower, __u16 server)
+{
+    OWN_WORDS __be16 port[2];
+
+    if (!load(skb, udp, port, sizeof port))
+        return 0;
+    __u16 source = bpf_ntohs(port[0]), destination = bpf_ntohs(port[1]);
+    if (destination == server)
+        return DHCP | DHCP_TO_SERVER;
+    return source == lower || source == lower + 1 || destination == lower || destination == lower + 1;
+}
+
+// A fragment counts when it is the first one: without it nobody puts the datagram together.
+static __always_inline __u64 dhcp_v4(const struct __sk_buff *skb, __u32 ip)
+{
+    OWN_WORDS __u8 header[10]; // up to the protocol
+
+    if (!load(skb, ip, header, sizeof header) || header[0] >> 4 != 4 || header[9] != IPPROTO_UDP)
+        return 0;
+    __u32 headerLength = (header[0] & 15) * 4;
+    if (headerLength < IPV4_HEADER || (((header[6] << 8) | header[7]) & IPV4_FRAGMENT_OFFSET))
+        return 0;
+    return dhcp_ports(skb, ip + headerLength, DHCP_SERVER, DHCP_SERVER);
+}
+
+// A walk along an IPv6 packet's header chain, in words of 8 bytes as OWN_WORDS.
+struct chain {
+    const struct __sk_buff *skb;
+    __u64 at, end; // the next header, and where the packet's own length ends it
+    __u64 next;    // its kind
+    __u64 dhcp;
+};
+
+// One header of the chain; 1 ends the walk.
+static long walk_header(__attribute__((unused)) __u32 index, void *context)
+{
+    struct chain *chain = context;
+    OWN_WORDS __u8 extension[4];
+
+    switch (chain->next) {
+    case IPPROTO_UDP:
+        if (chain->at + 4 <= chain->end)
+            chain->dhcp = dhcp_ports(chain->skb, (__u32)chain->at, DHCP6_CLIENT, DHCP6_CLIENT + 1);
+        return 1;
+    case IPPROTO_HOPOPTS:
+    case IPPROTO_ROUTING:
+    case IPPROTO_FRAGMENT:
+    case IPPROTO_DSTOPTS:
+    case AUTHENTICATION:
+    case MOBILITY:
+    case HOST_IDENTITY:
+    case SHIM6:
+        break;
+    default:
+        chain->dhcp = 0;
+        return 1;
+    }
+    if (chain->at + 8 > chain->end || !load(chain->skb, (__u32)chain->at, extension, sizeof extension))
+        return 1;
+    if (chain->next == IPPROTO_FRAGMENT) {
+        if (extension[2] || extension[3] & 0xF8) { // not the first
+            chain->dhcp = 0;
+            return 1;
+        }
+        chain->at += 8;
+    } else if (chain->next == AUTHENTICATION) {
+        chain->at += (extension[1] + 2) * 4;
+    } else {
+        chain->at += (extension[1] + 1) * 8;
+    }
+    chain->next = extension[0];
+    return 0;
+}
+
+// By the whole header chain. One that does not end inside the packet could hide the UDP header in its second
+// fragment, behind what is here only padding: it is taken for DHCP (RFC 7610 5).
+static __always_inline __u64 dhcp_v6(const struct __sk_buff *skb, __u32 ip)
+{
+    OWN_WORDS __u8 header[8]; // up to the hop limit
+
+    if (!load(skb, ip, header, sizeof header) || header[0] >> 4 != 6)
+        return 0;
+    __u32 payload = ip + IPV6_HEADER;
+    struct chain chain = {skb, payload, payload + ((header[4] << 8) | header[5]), header[6], DHCP};
+    bpf_loop(IPV6_HEADERS, walk_header, &chain, 0);
+    return chain.dhcp;
+}
+
+#endif

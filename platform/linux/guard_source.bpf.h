@@ -1,0 +1,198 @@
+// IP source guard and ARP inspection: which packets of a guarded port go on. Part of guard.bpf.c, after its
+// maps. RFC 791, RFC 8200, RFC 4861, RFC 826, RFC 5227.
+#ifndef DHCPSNOOP_GUARD_SOURCE_H
+#define DHCPSNOOP_GUARD_SOURCE_H
+
+#include "guard_frame.bpf.h"
+#include "guard_maps.h"
+
+enum {
+    ND_HOP_LIMIT = 255, // RFC 4861: nobody takes neighbour discovery with another
+    ND_FIRST = 133,     // router solicitation
+    ND_LAST = 137,      // redirect
+    ARP_LENGTH = 28,    // for IPv4 on Ethernet
+    ARP_ETHERNET = 1,
+    ARP_REQUEST = 1,
+    MASKS_WITH_MAC = 0xF0F0, // of one kind's bits in guard_state.masks
+};
+
+// What a packet claims to be. In words of 8 bytes as OWN_WORDS.
+struct source {
+    __u64 kind; // of the bindings that it needs: GUARD_IPV4, ...
+    __u64 mac;  // as the words of a guard_binding_key, and so the address
+    __u64 address[2];
+    __u64 without; // bindings that are out of the question, as one kind's bits in guard_state.masks
+};
+
+// What it needs: a binding that agrees with its source, or nothing; or a guard_reason to refuse it at once.
+enum { BINDING = GUARD_REASONS, NOTHING };
+
+static __always_inline __u32 need_of_v4(const struct __sk_buff *skb, __u32 ip, struct source *source)
+{
+    OWN_WORDS __u8 header[IPV4_HEADER];
+
+    if (!load(skb, ip, header, sizeof header))
+        return GUARD_REFUSED_MALFORMED;
+    __u32 length = (header[0] & 15) * 4;
+    if (header[0] >> 4 != 4 || length < IPV4_HEADER || ip + length > skb->len)
+        return GUARD_REFUSED_MALFORMED;
+    source->kind = GUARD_IPV4;
+    load(skb, ip + 12, source->address, 4);
+    return BINDING;
+}
+
+static __always_inline __u32 need_of_v6(const struct __sk_buff *skb, __u32 ip, struct source *source)
+{
+    OWN_WORDS __u8 header[IPV6_HEADER];
+    OWN_WORDS __u8 type;
+
+    if (!load(skb, ip, header, sizeof header) || header[0] >> 4 != 6)
+        return GUARD_REFUSED_MALFORMED;
+    source->kind = GUARD_IPV6;
+    load(skb, ip + 8, source->address, sizeof source->address);
+    if (!source->address[0] && !source->address[1]) // duplicate address detection
+        return NOTHING;
+    if (header[8] == 0xFE && (header[9] & 0xC0) == 0x80) // fe80::/10
+        return NOTHING;
+    if (header[6] == IPPROTO_ICMPV6 && header[7] == ND_HOP_LIMIT &&
+        load(skb, ip + IPV6_HEADER, &type, sizeof type) && type >= ND_FIRST && type <= ND_LAST)
+        return NOTHING;
+    return BINDING;
+}
+
+// A binding that names the MAC wants it as the Ethernet source too.
+static __always_inline __u32 need_of_arp(const struct __sk_buff *skb, __u32 arp, struct source *source)
+{
+    __u64 sender = 0;
+    OWN_WORDS __be16 head[4];
+
+    if (!load(skb, arp, head, sizeof head) || arp + ARP_LENGTH > skb->len ||
+        head[0] != bpf_htons(ARP_ETHERNET) || head[1] != bpf_htons(ETH_P_IP) ||
+        head[2] != bpf_htons(ETH_ALEN << 8 | 4))
+        return GUARD_REFUSED_MALFORMED;
+    source->kind = GUARD_ARP;
+    load(skb, arp + 8, &sender, ETH_ALEN);
+    load(skb, arp + 14, source->address, 4);
+    if (sender != source->mac)
+        source->without = MASKS_WITH_MAC;
+    if (head[3] == bpf_htons(ARP_REQUEST) && !source->address[0]) // a probe
+        return NOTHING;
+    return BINDING;
+}
+
+// The first word of a guard_binding_key.
+static __always_inline __u64 place(__u64 ifindex, __u64 vid, __u64 kind, __u64 mask)
+{
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    return ifindex | vid << 32 | kind << 48 | mask << 56;
+#else
+    return ifindex << 32 | vid << 16 | kind << 8 | mask;
+#endif
+}
+
+// The search for a binding that agrees with a source, in words of 8 bytes too.
+struct search {
+    const struct source *source;
+    const struct guard_state *state;
+    __u64 ifindex, vid;
+    __u64 masks; // not tried yet: bit 15 is the next
+    __u64 found;
+};
+
+// The bindings of one mask; 1 ends the search.
+static long try_mask(__u32 index, void *context)
+{
+    struct search *search = context;
+    const struct source *source = search->source;
+    __u64 mask = (15 - index) << 4;
+    bool used = search->masks & 0x8000;
+
+    search->masks = search->masks << 1 & 0xFFFF;
+    if (used) {
+        __u64 key[4] = {
+            place(mask & GUARD_CHECK_PORT ? search->ifindex : 0, mask & GUARD_CHECK_VLAN ? search->vid : 0,
+                  source->kind, mask),
+            mask & GUARD_CHECK_MAC ? source->mac : 0,
+            mask & GUARD_CHECK_ADDRESS ? source->address[0] : 0,
+            mask & GUARD_CHECK_ADDRESS ? source->address[1] : 0,
+        };
+        _Static_assert(sizeof key == sizeof(struct guard_binding_key), "");
+        const struct guard_binding *binding = bpf_map_lookup_elem(&guard_bindings, key);
+        search->found = binding && (binding->run == search->state->run ||
+                                    bpf_ktime_get_boot_ns() < search->state->bindings_until);
+    }
+    return search->found || !search->masks;
+}
+
+// One look-up for each mask that some binding has, the fullest first; as a rule there is one.
+static __always_inline bool is_bound(const struct source *source, __u32 ifindex, __u32 vid)
+{
+    __u32 zero = 0;
+    const struct guard_state *state = bpf_map_lookup_elem(&guard_state, &zero);
+
+    if (!state)
+        return false;
+    struct search search = {source, state, ifindex, vid, 0, 0};
+    search.masks = state->masks >> 16 * source->kind & 0xFFFF & ~source->without;
+    bpf_loop(16, try_mask, &search, 0);
+    return search.found;
+}
+
+static __always_inline __u32 word_of(struct guard_items items)
+{
+    __u32 word;
+    _Static_assert(sizeof word == sizeof items, "");
+    __builtin_memcpy(&word, &items, sizeof word);
+    return word;
+}
+
+// Is one of the features on whose items are not 0 in `wanted`?
+static __always_inline bool is_guarded(__u32 ifindex, __u32 vid, __u32 wanted)
+{
+    const struct guard_items *port = bpf_map_lookup_elem(&guard_port_items, &ifindex);
+
+    if (port && word_of(*port) & wanted)
+        return true;
+    const struct guard_items *vlan = bpf_map_lookup_elem(&guard_vlan_items, &vid);
+    return vlan && word_of(*vlan) & wanted;
+}
+
+// May the packet go on? One that may not is counted.
+static __always_inline bool may_pass(const struct __sk_buff *skb, struct network network, __u32 vid)
+{
+    __u32 ifindex = skb->ifindex, need;
+    struct source source = {};
+
+    // Behind too many tags there could be either.
+    __u32 wanted = word_of((struct guard_items){.ip = 0xFF, .arp = 0xFF});
+    if (network.type == ETH_P_ARP)
+        wanted = word_of((struct guard_items){.arp = 0xFF});
+    else if (!is_tag(network.type))
+        wanted = word_of((struct guard_items){.ip = 0xFF});
+    if (!is_guarded(ifindex, vid, wanted))
+        return true;
+    load(skb, ETH_ALEN, &source.mac, ETH_ALEN);
+    if (network.type == ETH_P_IP)
+        need = need_of_v4(skb, network.at, &source);
+    else if (network.type == ETH_P_IPV6)
+        need = need_of_v6(skb, network.at, &source);
+    else if (network.type == ETH_P_ARP)
+        need = need_of_arp(skb, network.at, &source);
+    else
+        need = GUARD_REFUSED_MALFORMED;
+    if (need == NOTHING)
+        return true;
+    if (need == BINDING) {
+        if (is_bound(&source, ifindex, vid))
+            return true;
+        need = (__u32)source.kind - GUARD_IPV4 + GUARD_REFUSED_IPV4;
+    }
+    struct guard_refused *refused = bpf_map_lookup_elem(&guard_refused, &ifindex);
+    if (refused) { // no index that varies: without CAP_PERFMON the kernel lets nobody compute such an address
+        for (__u32 reason = 0; reason < GUARD_REASONS; reason++)
+            refused->frames[reason] += need == reason;
+    }
+    return false;
+}
+
+#endif
