@@ -12,7 +12,7 @@ namespace platform_linux
 // Takes over what is in the maps and makes it that of an earlier run: it counts until
 // GUARD_INHERIT_BINDINGS_SECONDS from now, what was an earlier run's already and whose time is over goes.
 // Gives the number of bindings that go on. Both descriptors stay the caller's and are used until the close.
-uint32_t guard_bindings_open(int bindings, int state);
+uint32_t guard_bindings_open(int map, int state);
 
 void guard_bindings_close();
 
