@@ -47,16 +47,29 @@ uint32_t &chain_of(uint32_t ifIndex, const guard_binding_key &key)
     return chains[hash >> 7 & (chains.size() - 1)];
 }
 
-Rule *find(uint32_t handle)
+bool says(const Rule &rule, uint32_t ifIndex, const guard_binding_key &key)
+{
+    return rule.ifIndex == ifIndex && memcmp(&rule.key, &key, sizeof key) == 0;
+}
+
+// A handle may be the peer unit's, which came with its binding: it is believed when the rule is one of the
+// same host on the same port. Whether that is still a port, and of which VLAN, may have changed since.
+Rule *find(uint32_t handle, uint32_t ifIndex, const guard_binding_key &key)
 {
     const uint32_t place = (handle & PLACE_MASK) - 1;
-    return handle != 0 && place < rules.size() && rules[place].handle == handle ? &rules[place] : nullptr;
+    if (handle == 0 || place >= rules.size() || rules[place].handle != handle)
+        return nullptr;
+    Rule &rule = rules[place];
+    const bool same = rule.ifIndex == ifIndex && rule.key.kind == key.kind &&
+                      memcmp(rule.key.mac, key.mac, sizeof key.mac) == 0 &&
+                      memcmp(rule.key.addr, key.addr, sizeof key.addr) == 0;
+    return same ? &rule : nullptr;
 }
 
 Rule *find(uint32_t ifIndex, const guard_binding_key &key)
 {
     for (uint32_t place = chain_of(ifIndex, key); place != NONE; place = rules[place].next) {
-        if (rules[place].ifIndex == ifIndex && memcmp(&rules[place].key, &key, sizeof key) == 0)
+        if (says(rules[place], ifIndex, key))
             return &rules[place];
     }
     return nullptr;
@@ -164,10 +177,8 @@ void remove(Rule &rule)
 
 int32_t add(uint32_t ifIndex, const guard_binding_key &key, Rule *known, uint32_t &handle)
 {
-    if (known != nullptr && known->ifIndex == ifIndex && memcmp(&known->key, &key, sizeof key) == 0) {
-        handle = known->handle;
+    if (known != nullptr && says(*known, ifIndex, key))
         return 0;
-    }
     // The new before the old: no packet is lost in between.
     const int error = guard_binding_add(key);
     if (error != 0)
@@ -218,11 +229,11 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
     uint32_t &handle = arp ? record.daiHwId : record.ipsgHwId;
     const Port *port = model_port(ifIndex);
     const guard_binding_key key = key_of(record, arp, port);
-    Rule *known = unnamed ? find(ifIndex, key) : find(handle);
+    Rule *known = unnamed ? find(ifIndex, key) : find(handle, ifIndex, key);
 
     if (request->operation == QOR_USER_DELETE) {
-        // The daemon withdraws an aggregate's binding for a port that leaves it, with the aggregate's handle.
-        if (known != nullptr && known->ifIndex == ifIndex)
+        // Nothing: the daemon withdraws an aggregate's binding for a port that leaves it, too.
+        if (known != nullptr)
             remove(*known);
         return 0;
     }

@@ -17,8 +17,8 @@ void bindings_start(uint32_t bindings);
 
 // Adds or deletes the record of a request for port `ifIndex`. An add writes a handle into the record's
 // identifier of its kind; the same binding given once more with that handle stays installed once, as the
-// record says now. A delete takes what the handle stands for, nothing for 0 or one that is spent, and is 0
-// then too.
+// record says now. A delete takes what the handle stands for, nothing for 0, one that is spent or one of
+// another host's binding, and is 0 then too.
 //
 // A member of an aggregate is not guarded itself: accepted, nothing is installed. So is an IPv6 binding for
 // ARP inspection. Rules of a port that is away, or has become such a member, come back with it. EINVAL: no
