@@ -13,6 +13,7 @@ import isolate
 BUILD, MODE = os.path.realpath(sys.argv[1]), sys.argv[2]
 OUTSIDE_PID = isolate.enter([BUILD, os.path.dirname(os.path.realpath(__file__))])
 
+from dhcpv6 import Client6
 from lab import MACS, PORTS, RELAY_ADDRESS, RELAY_SERVERS, RUN, Client, Failure, Lab, wait_for
 from wire import Capture, Endpoint, from_server, is_dhcp
 
@@ -22,9 +23,12 @@ ROGUE_REPLIES = 5  # of each kind
 
 def configure(lab):
     commands = [f"interface {port} snooping on" for port, _, _ in PORTS]
+    commands += [f"interface {port} version both" for port in ("swp1", "swp2", "swp3", "swp4", "swp5")]
     commands += ["interface swp4 trust on", "interface swp6 trust on"]
     commands += ["interface swp1 option82 on", "interface swp1 circuit-id template %N:vlan.%s",
                  "interface swp1 subopt9 on"]
+    commands += ["interface swp1 option18 on", "interface swp1 interface-id template %N:vlan.%s",
+                 "interface swp1 option37 on", "interface swp1 remote-id6 text rack-12"]
     commands += [f"interface swp7 relay-address {RELAY_ADDRESS}"]
     commands += [f"interface swp7 relay-server {address} add" for address in RELAY_SERVERS.values()]
     print("\nWhat an operator types:")
@@ -36,7 +40,9 @@ def configure(lab):
 def get_leases(lab):
     clients = (
         ("pc1", "swp1", "VLAN 10", Client(lab.pc1)),
+        ("pc1", "swp1", "VLAN 10", Client6(lab.pc1)),
         ("pc2", "swp2", "VLAN 20", Client(lab.pc2, program="dhclient")),
+        ("pc2", "swp2", "VLAN 20", Client6(lab.pc2, program="dhcpcd")),
         ("trunk", "swp3", "VLAN 10, tagged", Client(lab.trunk, "vlan10")),
         ("trunk", "swp3", "VLAN 20, tagged", Client(lab.trunk, "vlan20", program="dhclient")),
         ("pc3", "swp7", "VLAN 30, relayed", Client(lab.pc3)),
@@ -44,9 +50,14 @@ def get_leases(lab):
     for *_, client in clients:
         client.start()
     for host, port, vlan, client in clients:
+        place = f"  {host:<6} {port}  {vlan:<16}  {client.program:<8}"
+        if isinstance(client, Client6):
+            for address in sorted(client.wait_leases(2 if host == "pc2" else 1)):
+                print(f"{place}  {address}")
+            continue
         client.wait_lease()
         bound = wait_for(f"event of {client.name}", lambda: [e for e in client.history() if e[0].lower() == "bound"])[0]
-        print(f"  {host:<6} {port}  {vlan:<16}  {client.program:<8}  {bound[1]:<12} from {bound[3]}, {bound[5]} s")
+        print(f"{place}  {bound[1]:<12} from {bound[3]}, {bound[5]} s")
 
 
 def dropped(lab, port):
@@ -89,11 +100,15 @@ def demo(lab):
     print("\nThe leases that the clients got:")
     with Capture(lab.server) as capture:
         get_leases(lab)
-        option82 = capture.option82(f"dhcp.option.dhcp == 3 && dhcp.hw.mac_addr == {MACS['pc1']}")
+        option82 = capture.option("dhcp", "Option: (82)", f"dhcp.option.dhcp == 3 && dhcp.hw.mac_addr == {MACS['pc1']}")
+        request6 = f"dhcpv6.msgtype == 3 && eth.src == {MACS['pc1']}"
+        options6 = [line for heading in ("Interface-Id", "Remote Identifier")
+                    for line in capture.option("dhcpv6", heading, request6)]
     show(lab, "show", "bindings")
-    print("\nOption 82 in pc1's REQUEST as tshark reads it at the server:")
-    for line in option82:
-        print(f"  {line}{as_text(line.split()[-1])}")
+    for what, lines in (("Option 82", option82), ("Options 18 and 37", options6)):
+        print(f"\n{what} in pc1's REQUEST as tshark reads {'it' if lines is option82 else 'them'} at the server:")
+        for line in lines:
+            print(f"  {line}{as_text(line.split()[-1])}")
     send_rogue_replies(lab)
     show(lab, "show", "interface", "swp5")
 

@@ -39,6 +39,10 @@ class Demonstration(unittest.TestCase):
         for line in (r"  pc1 +swp1 +VLAN 10 +udhcpc +10\.0\.10\.\d+ +from 10\.0\.10\.1, 120 s",
                      r"  pc3 +swp7 +VLAN 30, relayed +udhcpc +10\.0\.30\.\d+ +from 192\.0\.2\.1[12], 120 s",
                      r"10\.0\.20\.\d+ +02:00:00:00:02:01 +20 +swp2 +dynamic +bound",
+                     r"  pc1 +swp1 +VLAN 10 +dhclient +2001:db8:10::",
+                     r"2001:db8:120::\w+ +02:00:00:00:02:01 +20 +swp2 +dynamic +bound",
+                     r" +Interface-ID: 737770313a766c616e2e3130  \(swp1:vlan\.10\)",
+                     r" +Remote-ID: 7261636b2d3132  \(rack-12\)",
                      r" +Agent Circuit ID: 737770313a766c616e2e3130  \(swp1:vlan\.10\)",
                      r"The rogue server on swp5 sent 5 OFFERs and 5 ACKs to pc1; 0 arrived\.",
                      r"dropped-untrusted +10"):

@@ -147,10 +147,10 @@ class Capture(Endpoint):
         done = subprocess.run(arguments, text=True, capture_output=True, check=True)
         return [dict(zip(fields, line.split("\t"))) for line in done.stdout.splitlines()]
 
-    def option82(self, where="dhcp"):
-        """tshark's tree of option 82 in the first frame that `where` selects, as indented lines."""
+    def option(self, protocol, heading, where):
+        """tshark's tree of an option in the first frame that `where` selects, as indented lines, from the line with `heading`."""
         self.save()
-        done = subprocess.run(["tshark", "-r", self.file, "-Y", where, "-O", "dhcp"], text=True, capture_output=True,
+        done = subprocess.run(["tshark", "-r", self.file, "-Y", where, "-O", protocol], text=True, capture_output=True,
                               check=True)
         tree = []
         for line in done.stdout.splitlines():
@@ -159,7 +159,7 @@ class Capture(Endpoint):
                 if indent <= tree[0][0]:
                     break
                 tree.append((indent, line.strip()))
-            elif "Option: (82)" in line:
+            elif heading in line:
                 tree.append((indent, line.strip()))
         return [" " * (indent - tree[0][0]) + text for indent, text in tree]
 
