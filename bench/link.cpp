@@ -23,7 +23,7 @@ void die(const std::string &what)
     exit(1);
 }
 
-int open_packet_socket(const char *device)
+int open_packet_socket(const char *device, uint16_t etherType)
 {
     const int sock = socket(AF_PACKET, SOCK_RAW, 0); // takes nothing before it is bound
     if (sock < 0)
@@ -35,7 +35,7 @@ int open_packet_socket(const char *device)
         die("SO_RCVBUFFORCE");
     sockaddr_ll address = {};
     address.sll_family = AF_PACKET;
-    address.sll_protocol = htons(ETH_P_IP);
+    address.sll_protocol = htons(etherType);
     if (device != nullptr && (address.sll_ifindex = static_cast<int>(if_nametoindex(device))) == 0)
         die(device);
     if (bind(sock, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
@@ -43,7 +43,8 @@ int open_packet_socket(const char *device)
     return sock;
 }
 
-Link::Link(const std::string &device) : socket_(open_packet_socket(device.c_str()))
+Link::Link(const std::string &device, uint16_t etherType)
+    : socket_(open_packet_socket(device.c_str(), etherType))
 {
     ifreq request = {};
     device.copy(request.ifr_name, IFNAMSIZ - 1);

@@ -12,16 +12,16 @@ constexpr size_t FRAME_ROOM = 2048;
 
 [[noreturn]] void die(const std::string &what); // with errno's text
 
-// A raw socket for IPv4 frames that come in, never those that go out, on `device` or, when that is null, on
-// every device. Its receive buffer takes 4 MiB.
-int open_packet_socket(const char *device);
+// A raw socket for frames of that EtherType that come in, never those that go out, on `device` or, when that
+// is null, on every device. Its receive buffer takes 4 MiB.
+int open_packet_socket(const char *device, uint16_t etherType);
 
 class Link
 {
   public:
     static constexpr size_t BATCH = 64;
 
-    explicit Link(const std::string &device);
+    Link(const std::string &device, uint16_t etherType);
     Link(const Link &) = delete;
     Link &operator=(const Link &) = delete;
 

@@ -26,7 +26,7 @@ int main(int argc, char **argv)
                second = static_cast<int>(if_nametoindex(argv[2]));
     if (first == 0 || second == 0)
         die("device");
-    const int sock = open_packet_socket(nullptr);
+    const int sock = open_packet_socket(nullptr, ETH_P_IP);
     const int on = 1;
     if (setsockopt(sock, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on) != 0)
         die("PACKET_AUXDATA");

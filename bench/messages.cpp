@@ -1,4 +1,4 @@
-// RFC 2131 2, RFC 2132. Checksums are summed anew for each frame.
+// RFC 2131 2, RFC 2132, RFC 8415. Checksums are summed anew for each frame.
 #include "messages.h"
 
 #include <cstring>
@@ -100,5 +100,77 @@ bool read_xid(std::span<const uint8_t> frame, uint32_t *xid)
         wire_get32(frame.data() + DHCP + DHCP_MAGIC) != 0x63825363)
         return false;
     *xid = wire_get32(frame.data() + XID);
+    return true;
+}
+
+static constexpr size_t UDP6 = IP + IPV6_HEADER_LEN, DHCP6 = UDP6 + UDP_HEADER_LEN;
+static constexpr size_t IA = DHCP6 + DHCP6_OPTIONS, IAID = IA + DHCP6_OPT_HEADER_LEN;
+static constexpr size_t IA_ADDRESS = IA + DHCP6_OPT_HEADER_LEN + 12;
+static constexpr uint16_t PAYLOAD6 = FRAME_LENGTH - UDP6, USER_CLASS = 15;
+
+static uint8_t *put_header6(uint8_t *at, uint16_t code, size_t length)
+{
+    wire_put16(at, code);
+    wire_put16(at + DHCP6_OPT_LEN, static_cast<uint32_t>(length));
+    return at + DHCP6_OPT_HEADER_LEN;
+}
+
+static void put_address(uint8_t *at, uint32_t prefix, uint32_t host)
+{
+    wire_put32(at, prefix);
+    wire_put32(at + 12, host);
+}
+
+void write_message6(uint8_t *frame, Message message, uint32_t xid, const Exchange &exchange)
+{
+    constexpr uint32_t LINK_LOCAL = 0xFE800000, GLOBAL = 0x20010DB8, SERVER = 1;
+    const bool reply = message == Message::offer || message == Message::ack;
+    const bool asks = message == Message::discover;
+    uint8_t mac[ETH_ADDR_LEN] = {0x02, 0xC1};
+    wire_put32(mac + 2, exchange.client);
+
+    memset(frame, 0, FRAME_LENGTH);
+    memcpy(frame + ETH_DST, reply ? mac : reinterpret_cast<const uint8_t *>("\x33\x33\0\1\0\2"),
+           ETH_ADDR_LEN);
+    memcpy(frame + ETH_SRC, reply ? exchange.serverMac : mac, ETH_ADDR_LEN);
+    wire_put16(frame + ETH_TYPE, ETHER_TYPE_IPV6);
+    frame[IP] = 0x60;
+    wire_put16(frame + IP + IPV6_PAYLOAD_LEN, PAYLOAD6);
+    frame[IP + IPV6_NEXT_HEADER] = IP_PROTO_UDP;
+    frame[IP + IPV6_NEXT_HEADER + 1] = reply ? 64 : 1;
+    put_address(frame + IP + IPV6_SRC, LINK_LOCAL, reply ? SERVER : CLIENTS + exchange.client);
+    if (reply)
+        put_address(frame + IP + IPV6_DST, LINK_LOCAL, CLIENTS + exchange.client);
+    else
+        put_address(frame + IP + IPV6_DST, 0xFF020000, 0x00010002);
+    wire_put16(frame + UDP6 + UDP_SRC_PORT, reply ? DHCP6_SERVER_PORT : DHCP6_CLIENT_PORT);
+    wire_put16(frame + UDP6 + UDP_DST_PORT, reply ? DHCP6_CLIENT_PORT : DHCP6_SERVER_PORT);
+    wire_put16(frame + UDP6 + UDP_LENGTH, PAYLOAD6);
+
+    const uint8_t types[] = {0, DHCP6_SOLICIT, DHCP6_ADVERTISE, DHCP6_REQUEST, 0, DHCP6_REPLY};
+    frame[DHCP6] = types[static_cast<size_t>(message)];
+    put_header6(frame + IA, DHCP6_OPT_IA_NA, asks ? 12 : 12 + DHCP6_OPT_HEADER_LEN + 24);
+    wire_put32(frame + IAID, xid);
+    uint8_t *at = frame + IA_ADDRESS;
+    if (!asks) {
+        at = put_header6(at, DHCP6_OPT_IAADDR, 24);
+        put_address(at, GLOBAL, CLIENTS + exchange.client);
+        wire_put32(at + 16, LEASE);
+        wire_put32(at + 20, LEASE);
+        at += 24;
+    }
+    put_header6(at, USER_CLASS, static_cast<size_t>(frame + FRAME_LENGTH - at) - DHCP6_OPT_HEADER_LEN);
+
+    const uint32_t pseudo = sum_words(frame + IP + IPV6_SRC, 32, IP_PROTO_UDP + PAYLOAD6);
+    const uint16_t sum = folded(sum_words(frame + UDP6, PAYLOAD6, pseudo));
+    wire_put16(frame + UDP6 + UDP_CHECKSUM, sum != 0 ? sum : 0xFFFF);
+}
+
+bool read_xid6(std::span<const uint8_t> frame, uint32_t *xid)
+{
+    if (frame.size() < FRAME_LENGTH || wire_get16(frame.data() + ETH_TYPE) != ETHER_TYPE_IPV6 ||
+        frame[IP + IPV6_NEXT_HEADER] != IP_PROTO_UDP || wire_get16(frame.data() + IA) != DHCP6_OPT_IA_NA)
+        return false;
+    *xid = wire_get32(frame.data() + IAID);
     return true;
 }

@@ -1,5 +1,5 @@
 // The four messages of an exchange as Ethernet frames: DHCP messages of 300 bytes, the least that BOOTP
-// relays pass on, in frames of 342.
+// relays pass on, in frames of 342; or DHCPv6's four, filled up to the same length.
 #pragma once
 
 #include <cstddef>
@@ -17,8 +17,11 @@ struct Exchange {
     const uint8_t *serverMac = nullptr;
 };
 
-// Writes a frame of FRAME_LENGTH bytes with true checksums. `xid` tells it apart from all others.
+// Writes a frame of FRAME_LENGTH bytes with true checksums. `xid` tells it apart from all others; in DHCPv6,
+// where SOLICIT, ADVERTISE, REQUEST and REPLY stand for the four, it is the IAID.
 void write_message(uint8_t *frame, Message message, uint32_t xid, const Exchange &exchange);
+void write_message6(uint8_t *frame, Message message, uint32_t xid, const Exchange &exchange);
 
-// The xid of a DHCP message in an Ethernet frame; false when it is none.
+// The xid of such a message in an Ethernet frame; false when it is none.
 bool read_xid(std::span<const uint8_t> frame, uint32_t *xid);
+bool read_xid6(std::span<const uint8_t> frame, uint32_t *xid);

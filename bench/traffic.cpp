@@ -4,7 +4,7 @@
 //
 //   bench_traffic CLIENT-DEVICE SERVER-DEVICE [--clients N] [--seconds S | --rounds N] [--window N] [--rate
 //   N]
-//                 [--relay GIADDR MAC] [--leases-only]
+//                 [--relay GIADDR MAC] [--leases-only] [--ipv6]
 //
 // --window   frames on their way at most (128): without --rate this is what paces
 // --rate     frames a second
@@ -13,6 +13,7 @@
 // --rounds   each client so many exchanges, instead of a time
 // --relay    replies go to this relay agent's address
 // --leases-only  REQUEST and ACK alone
+// --ipv6     SOLICIT, ADVERTISE, REQUEST and REPLY instead
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,6 +21,7 @@
 #include <string_view>
 
 #include <arpa/inet.h>
+#include <linux/if_ether.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/types.h>
@@ -40,7 +42,7 @@ struct Options {
     double seconds = 1;
     uint32_t giaddr = 0;
     uint8_t relayMac[6] = {};
-    bool leasesOnly = false;
+    bool leasesOnly = false, ipv6 = false;
     pid_t between = 0;
 };
 
@@ -48,7 +50,7 @@ struct Options {
 {
     fprintf(stderr,
             "usage: bench_traffic CLIENT-DEVICE SERVER-DEVICE [--clients N] [--seconds S | --rounds N] "
-            "[--window N] [--rate N] [--bursts PID] [--relay GIADDR MAC] [--leases-only]\n");
+            "[--window N] [--rate N] [--bursts PID] [--relay GIADDR MAC] [--leases-only] [--ipv6]\n");
     exit(2);
 }
 
@@ -74,6 +76,8 @@ Options read_options(int argc, char **argv)
             options.rate = strtoull(value(), nullptr, 10);
         else if (word == "--leases-only")
             options.leasesOnly = true;
+        else if (word == "--ipv6")
+            options.ipv6 = true;
         else if (word == "--bursts")
             options.between = static_cast<pid_t>(atol(value()));
         else if (word == "--relay") {
@@ -121,7 +125,8 @@ class Exchanges
         for (uint64_t i = 0; i < count; i++) {
             exchange_.client = static_cast<uint32_t>((done_ + i) % options_.clients);
             for (size_t which = options_.leasesOnly ? 1 : 0; which < 2; which++) {
-                write_message(frame, messages[which], matcher.sent(now), exchange_);
+                (options_.ipv6 ? write_message6 : write_message)(frame, messages[which], matcher.sent(now),
+                                                                 exchange_);
                 link.send(frame);
             }
         }
@@ -138,8 +143,9 @@ class Run
 {
   public:
     explicit Run(const Options &options)
-        : options_(options), clients_(options.clientDevice), servers_(options.serverDevice),
-          exchanges_(options, clients_, servers_), matcher_(options.window, PATIENCE)
+        : options_(options), clients_(options.clientDevice, ether_type(options)),
+          servers_(options.serverDevice, ether_type(options)), exchanges_(options, clients_, servers_),
+          matcher_(options.window, PATIENCE)
     {
         if (options.rounds != 0)
             wanted_ = options.rounds * options.clients;
@@ -190,6 +196,8 @@ class Run
     static constexpr uint64_t EXCHANGES_AT_ONCE = 16;
     static constexpr auto PATIENCE = std::chrono::seconds(2); // for a machine that does other things too
 
+    static uint16_t ether_type(const Options &options) { return options.ipv6 ? ETH_P_IPV6 : ETH_P_IP; }
+
     bool more() const { return exchanges_.done() < wanted_ && Clock::now() < end_; }
 
     uint64_t room() const
@@ -205,7 +213,7 @@ class Run
         for (Link *link : {&clients_, &servers_}) {
             received += link->receive([this](std::span<const uint8_t> frame) {
                 uint32_t xid;
-                if (!read_xid(frame, &xid))
+                if (!(options_.ipv6 ? read_xid6 : read_xid)(frame, &xid))
                     return;
                 if (const auto took = matcher_.received(xid, Clock::now()))
                     statistics_.forwarded(*took);
