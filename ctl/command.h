@@ -72,6 +72,10 @@ ExitStatus monitor(const Context &, std::span<const std::string>);
 // The commands that make what is configured of the guard.
 void guardCommands(std::vector<Words> &lines);
 
+// redundancy.cpp
+ExitStatus showRedundancy(const Context &, std::span<const std::string>);
+ExitStatus changeRole(const Context &, std::span<const std::string>);
+
 // What `debug` switches, by bit of the debug flags.
 constexpr Choice DEBUG_FLAGS[] = {
     {"trace", 0x01},

@@ -14,6 +14,7 @@
 #include "logging.h"
 #include "model.h"
 #include "platform.h"
+#include "redundancy.h"
 #include "subscribers.h"
 #include "switch_model.h"
 #include "trap.h"
@@ -166,6 +167,9 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
 
 int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
 {
+    if (int32_t result = 0; command == IF_SET_BINDING && value != nullptr &&
+                            redundancy_decides(*static_cast<const QorIfRequest *>(value), result))
+        return result;
     if (command == IF_SET_BINDING)
         return binding_set(ifIndex, static_cast<const QorIfRequest *>(value));
     if ((command != IF_TRAP_ADD && command != IF_TRAP_DELETE) || value == nullptr)
@@ -288,7 +292,7 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
 
 uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
 {
-    const DhcpsnoopRole role = switch_model().role();
+    const DhcpsnoopRole role = redundancy_role();
     switch (scalar) {
     case HW_MASTER:
         return role == DHCPSNOOP_ROLE_MASTER ? 0 : 1;
@@ -300,16 +304,21 @@ uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
     }
 }
 
-// There is no link to a peer unit yet: its packets are not sent. Settings need no more than the daemon's own
-// state.
-int32_t qorHwScalarSync(void *, uint32_t code, void *, uint32_t)
+// Settings need no more than the daemon's own state.
+int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
 {
-    return code == HW_SYNC_PEER ? ENOTCONN : 0;
+    if (code != HW_SYNC_PEER)
+        return 0;
+    return data != nullptr ? redundancy_sync(*static_cast<const QorBuffer *>(data)) : EINVAL;
 }
 
 int32_t qorHwIfSync(uint32_t, uint32_t, void *, uint32_t) { return 0; }
 
-int32_t qorHwDhcpSnoopUserSync(const void *, uint32_t, void *, uint32_t) { return 0; }
+int32_t qorHwDhcpSnoopUserSync(const void *, uint32_t, void *, uint32_t)
+{
+    redundancy_binding_changed();
+    return 0;
+}
 
 // A box without cards and slots: nothing is in any of them.
 int32_t qorHwCardGet(const uint32_t *, uint32_t, void *) { return ENODEV; }

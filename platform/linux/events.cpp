@@ -18,6 +18,7 @@
 #include "guard_follow.h"
 #include "logging.h"
 #include "platform.h"
+#include "redundancy.h"
 
 namespace platform_linux
 {
@@ -205,6 +206,7 @@ int32_t platform_event_group_join(int sock, uint32_t group)
     refresh();
     follow_guard();
     stay_readable(sock);
+    redundancy_event_socket(sock);
     return 0;
 }
 
@@ -213,6 +215,7 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
     // The daemon asks again when it has handled what it was given last.
     if (queue.empty())
         guard_follow_handled();
+    redundancy_events(queue);
     for (int i = 0; i < READS_PER_CALL && queue.empty(); i++)
         if (!read_datagram(sock))
             break;

@@ -13,6 +13,7 @@
 #include "events.h"
 #include "logging.h"
 #include "platform.h"
+#include "redundancy.h"
 #include "subscribers.h"
 #include "switch_model.h"
 #include "trap.h"
@@ -139,7 +140,7 @@ bool platform_linux_start()
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
-    return trap_start(bindings) == 0 && relay_socket_start() == 0;
+    return trap_start(bindings) == 0 && relay_socket_start() == 0 && redundancy_start();
 }
 
 } // namespace platform_linux

@@ -1,0 +1,160 @@
+"""Two control units, and a restart, lose no binding. LAB_RESTARTS sets how often a unit is killed (5)."""
+
+import labtest
+import os
+import random
+import time
+import unittest
+
+from lab import RUN, wait_for
+from units import PEERS, Pair, Traffic
+
+SETTINGS = ("interface swp1 snooping on", "interface swp2 snooping on", "interface swp2 trust on",
+            "interface swp1 max-users 1000")
+RESTARTS = int(os.environ.get("LAB_RESTARTS", "5"))
+
+
+class UnitsTest(unittest.TestCase):
+    def setUp(self):
+        self.pair = Pair(labtest.BUILD)
+        self.addCleanup(self.pair.stop)
+        self.traffic = Traffic()
+        self.left, self.right = self.pair.left, self.pair.right
+
+    def at(self, unit):
+        return self.pair.hosts[f"c-{unit.name}"], self.pair.hosts[f"s-{unit.name}"]
+
+    def assert_complete(self, unit, older=1.0):
+        """Every acknowledged binding that is older than a second is there."""
+        bindings, now = unit.bindings(), time.monotonic()
+        missing = [address for address, (mac, when) in self.traffic.acknowledged.items()
+                   if now - when > older and bindings.get(address) != (mac, "swp1", 10)]
+        self.assertEqual(missing, [])
+
+
+class Redundancy(UnitsTest):
+    def start(self, left="master", right="slave"):
+        for unit, role in ((self.left, left), (self.right, right)):
+            unit.configure(role, "journal off", *self.pair.peer_lines(unit.name))
+            unit.start(*SETTINGS)
+        for unit in (self.left, self.right):
+            wait_for("link", lambda: unit.show("redundancy")["link"] == "up")
+
+    def wait_equal(self):
+        wait_for("equal bindings", lambda: self.left.bindings() == self.right.bindings())
+        self.assertTrue(self.left.bindings())
+
+    def test_failover(self):
+        self.start()
+        self.traffic.run(*self.at(self.left), 200)
+        self.wait_equal()
+        self.left.kill()
+        before = time.monotonic()
+        self.right.ctl("role master")
+        self.assert_complete(self.right, older=before - time.monotonic())
+        self.assertEqual(self.right.show("redundancy")["role"], "master")
+        # Every host goes on with the address that it has, and new ones are learned.
+        self.traffic.run(*self.at(self.right), 60)
+        self.assert_complete(self.right)
+        # The other unit comes back as the standby.
+        self.left.configure("slave", "journal off", *self.pair.peer_lines("left"))
+        self.left.start(*SETTINGS)
+        self.wait_equal()
+
+    def test_partition(self):
+        self.start()
+        self.traffic.run(*self.at(self.left), 40)
+        self.wait_equal()
+        self.right.ip("link set peer0 down")
+        self.traffic.run(*self.at(self.left), 40, first=40)
+        # One binding goes meanwhile: it must go on the other side too.
+        self.left.ctl("binding delete 10.0.10.2")
+        self.right.ip("link set peer0 up")
+        wait_for("equal bindings", lambda: self.left.bindings() == self.right.bindings(), timeout=60)
+        self.assertEqual(len(self.right.bindings()), 79)
+        self.assertNotIn("10.0.10.2", self.right.bindings())
+
+    def test_static(self):
+        """Management's bindings, of which the daemon sends no record of their own."""
+        self.start()
+        self.left.ctl("binding add 10.0.10.77 mac 02:00:00:00:00:77 vlan 10 interface swp1")
+        wait_for("static binding", lambda: "10.0.10.77" in self.right.bindings())
+        self.left.ctl("binding delete 10.0.10.77")
+        wait_for("no static binding", lambda: "10.0.10.77" not in self.right.bindings())
+
+    def test_other_name(self):
+        """A certificate of the same authority, but not the one that is expected."""
+        for unit, role in ((self.left, "master"), (self.right, "slave")):
+            lines = self.pair.peer_lines(unit.name)
+            unit.configure(role, "journal off", *(line.replace("peer right", "peer nobody") for line in lines))
+            unit.start(*SETTINGS)
+        wait_for("refusal", lambda: "certificate" in self.left.show("redundancy")["trouble"] or "")
+        self.assertEqual([unit.show("redundancy")["link"] for unit in (self.left, self.right)], ["down", "down"])
+
+    def test_stranger(self):
+        """Who has no certificate of the authority gets no link and disturbs none."""
+        self.start()
+        stranger = self.left.run("openssl", "s_client", "-connect", f"{PEERS['right'][0]}:4747", check=False, input="",
+                                 timeout=20)
+        self.assertNotEqual(stranger.returncode, 0, stranger.stdout)
+        self.traffic.run(*self.at(self.left), 5)
+        self.wait_equal()
+
+
+class Journal(UnitsTest):
+    def start(self, *settings):
+        self.left.configure("none", f"journal {RUN}/journal")
+        self.left.start(*(settings or SETTINGS))
+
+    def test_killed(self):
+        seed = int(os.environ.get("LAB_SEED", "1"))
+        chance = random.Random(seed)
+        self.start()
+        done = 0
+        for _ in range(RESTARTS):
+            exchanges = chance.randrange(1, 40)
+            self.traffic.run(*self.at(self.left), exchanges, rate=chance.choice((20, 100)), first=done)
+            done += exchanges
+            time.sleep(chance.choice((0, 0.01, 0.5)))
+            self.left.kill()
+            self.left.start(*SETTINGS)
+            self.assert_complete(self.left)
+
+    def test_renumbered(self):
+        """A binding waits for its port, which comes back with another index."""
+        self.start()
+        self.traffic.run(*self.at(self.left), 3)
+        wait_for("records on the disk", lambda: self.left.show("redundancy")["journalRecords"] >= 3)
+        self.left.kill()
+        clients = self.pair.hosts["c-left"]
+        index = self.left.index("swp1")
+        self.traffic.forget(clients)
+        clients.ip("link del eth0")
+        self.start(*SETTINGS[1:3])
+        self.assertEqual(self.left.bindings(), {})
+        self.assertEqual(self.left.show("redundancy")["withoutPort"], 3)
+        self.pair.connect(clients, self.left, "swp1", "02:00:00:00:01:01")
+        self.assertNotEqual(self.left.index("swp1"), index)
+        wait_for("bindings of the port", lambda: len(self.left.bindings()) == 3)
+        self.assert_complete(self.left, older=0)
+        self.assertEqual(self.left.show("redundancy")["withoutPort"], 0)
+
+    def test_damaged(self):
+        """A torn end and a flipped bit cost a record each."""
+        self.start()
+        self.traffic.run(*self.at(self.left), 10)
+        wait_for("records on the disk", lambda: self.left.show("redundancy")["journalRecords"] >= 10)
+        self.left.kill()
+        with open(f"{RUN}/journal", "r+b") as journal:
+            content = bytearray(journal.read())
+            content[3 * 72 + 20] ^= 1
+            journal.seek(0)
+            journal.write(content)
+            journal.truncate(len(content) - 10)
+        self.start()
+        self.assertEqual(self.left.show("redundancy")["journalDamaged"], 2)
+        self.assertIn("2 damaged records left out", self.left.daemon.log())
+        self.assertGreaterEqual(len(self.left.bindings()), 8)
+
+
+labtest.main()

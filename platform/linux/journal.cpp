@@ -1,0 +1,261 @@
+#include "journal.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <zlib.h>
+
+#include "logging.h"
+#include "wire.h"
+
+namespace platform_linux
+{
+namespace
+{
+constexpr std::array<uint8_t, 4> MARK = {'D', 'S', 'J', '1'};
+constexpr size_t CRC_OFFSET = JOURNAL_SLOT - 4;
+constexpr size_t READ_PIECE = 1 << 16;
+constexpr size_t BUFFER_MAX = 1 << 20; // beyond, what is held is written anew instead
+constexpr uint64_t SLACK = 1 << 20;    // a small journal is not worth writing anew
+constexpr int LOCK_TRIES = 50;         // of 20 ms: a daemon that was killed may still be ending
+
+uint32_t checksum(const uint8_t *slot)
+{
+    return static_cast<uint32_t>(crc32(crc32(0, nullptr, 0), slot, CRC_OFFSET));
+}
+
+std::array<uint8_t, JOURNAL_SLOT> slot_make(const UnitRecord &record, uint32_t now)
+{
+    std::array<uint8_t, JOURNAL_SLOT> slot{};
+    std::copy(MARK.begin(), MARK.end(), slot.begin());
+    const UnitBytes bytes = unit_encode(record, now);
+    std::copy(bytes.begin(), bytes.end(), slot.begin() + MARK.size());
+    wire_put32(&slot[CRC_OFFSET], checksum(slot.data()));
+    return slot;
+}
+
+std::optional<UnitRecord> slot_read(const uint8_t *slot, uint32_t now)
+{
+    if (memcmp(slot, MARK.data(), MARK.size()) != 0 || wire_get32(slot + CRC_OFFSET) != checksum(slot))
+        return {};
+    return unit_decode(std::span<const uint8_t, UNIT_RECORD_LEN>(slot + MARK.size(), UNIT_RECORD_LEN), now,
+                       UnitClock::own);
+}
+
+bool write_all(int fd, const uint8_t *bytes, size_t count)
+{
+    while (count > 0) {
+        const ssize_t done = ::write(fd, bytes, count);
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done <= 0)
+            return false;
+        bytes += done;
+        count -= static_cast<size_t>(done);
+    }
+    return true;
+}
+
+// The new name must be on the disk too.
+void sync_directory(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    fsync(fd);
+    close(fd);
+}
+} // namespace
+
+void JournalReader::gap_end()
+{
+    damaged_ += (gap_ + JOURNAL_SLOT - 1) / JOURNAL_SLOT;
+    gap_ = 0;
+}
+
+void JournalReader::feed(std::span<const uint8_t> piece)
+{
+    rest_.insert(rest_.end(), piece.begin(), piece.end());
+    size_t at = 0;
+    while (rest_.size() - at >= JOURNAL_SLOT) {
+        if (const auto record = slot_read(&rest_[at], now_)) {
+            gap_end();
+            records_++;
+            take_(*record);
+            at += JOURNAL_SLOT;
+            continue;
+        }
+        // The next record begins where the next mark does.
+        const auto next = std::search(rest_.begin() + static_cast<ptrdiff_t>(at) + 1, rest_.end(),
+                                      MARK.begin(), MARK.end());
+        // A mark may begin in the last bytes of the piece.
+        const size_t found = next != rest_.end() ? static_cast<size_t>(next - rest_.begin())
+                                                 : std::max(rest_.size() - MARK.size() + 1, at + 1);
+        gap_ += found - at;
+        at = found;
+    }
+    rest_.erase(rest_.begin(), rest_.begin() + static_cast<ptrdiff_t>(at));
+}
+
+void JournalReader::finish()
+{
+    gap_ += rest_.size();
+    rest_.clear();
+    gap_end();
+}
+
+Journal::~Journal()
+{
+    for (const int fd : {fd_, lock_})
+        if (fd >= 0)
+            close(fd);
+}
+
+bool Journal::open(const std::string &path, uint32_t now, UnitTable &table, std::string &error)
+{
+    const auto give_up = [&](const std::string &what) {
+        error = what + ": " + strerror(errno);
+        if (lock_ >= 0)
+            close(lock_);
+        lock_ = -1;
+        return false;
+    };
+    path_ = path;
+    const std::string lockPath = path + ".lock";
+    lock_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (lock_ < 0)
+        return give_up(lockPath);
+    for (int i = 0; flock(lock_, LOCK_EX | LOCK_NB) != 0; i++) {
+        if (i == LOCK_TRIES)
+            return give_up(path + " is another daemon's");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (fd < 0)
+        return give_up(path);
+
+    JournalReader reader(now, [&table](const UnitRecord &record) { table.apply(record); });
+    std::vector<uint8_t> piece(READ_PIECE);
+    ssize_t got = 0;
+    while ((got = read(fd, piece.data(), piece.size())) > 0 || (got < 0 && errno == EINTR))
+        if (got > 0)
+            reader.feed({piece.data(), static_cast<size_t>(got)});
+    if (got < 0) {
+        const bool result = give_up(path);
+        close(fd);
+        return result;
+    }
+    reader.finish();
+    fd_ = fd;
+    records_ = reader.records();
+    damaged_ = reader.damaged();
+    struct stat status = {};
+    if (fstat(fd, &status) == 0) {
+        size_ = static_cast<uint64_t>(status.st_size);
+        rewritten_ = static_cast<uint32_t>(status.st_mtim.tv_sec);
+    }
+    if (damaged_ != 0) {
+        platform_report(LOG_WARNING, "%s: %llu damaged records left out, %llu read", path.c_str(),
+                        static_cast<unsigned long long>(damaged_), static_cast<unsigned long long>(records_));
+        // A torn end would go on tearing what is written behind it.
+        rewrite(table, now);
+    }
+    return true;
+}
+
+void Journal::append(const UnitRecord &record, uint32_t now)
+{
+    if (fd_ < 0 || buffer_.size() >= BUFFER_MAX)
+        return;
+    const auto slot = slot_make(record, now);
+    buffer_.insert(buffer_.end(), slot.begin(), slot.end());
+}
+
+void Journal::failure(const char *what)
+{
+    if (!failed_)
+        platform_report(LOG_ERR, "%s: %s: %s; bindings are not kept until this is over", path_.c_str(), what,
+                        strerror(errno));
+    failed_ = true;
+}
+
+bool Journal::flush()
+{
+    if (buffer_.empty())
+        return true;
+    if (!write_all(fd_, buffer_.data(), buffer_.size()))
+        return false;
+    size_ += buffer_.size();
+    records_ += buffer_.size() / JOURNAL_SLOT;
+    buffer_.clear();
+    dirty_ = true;
+    return true;
+}
+
+bool Journal::rewrite(UnitTable &table, uint32_t now)
+{
+    const std::string path = path_ + ".new";
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (fd < 0)
+        return false;
+    std::vector<uint8_t> bytes;
+    bytes.reserve(table.held().size() * JOURNAL_SLOT);
+    for (const auto &[key, held] : table.held()) {
+        const auto slot = slot_make(held.record, now);
+        bytes.insert(bytes.end(), slot.begin(), slot.end());
+    }
+    if (!write_all(fd, bytes.data(), bytes.size()) || fdatasync(fd) != 0 ||
+        rename(path.c_str(), path_.c_str()) != 0) {
+        const int error = errno;
+        close(fd);
+        unlink(path.c_str());
+        errno = error;
+        return false;
+    }
+    sync_directory(path_);
+    close(fd_);
+    fd_ = fd;
+    size_ = bytes.size();
+    records_ = table.held().size();
+    rewritten_ = now;
+    buffer_.clear(); // is in the table
+    dirty_ = false;
+    return true;
+}
+
+void Journal::write(UnitTable &table, uint32_t now, bool sync)
+{
+    if (fd_ < 0)
+        return;
+    const bool overgrown = size_ > SLACK && size_ > 2 * table.held().size() * JOURNAL_SLOT;
+    if (failed_ || overgrown || buffer_.size() >= BUFFER_MAX) {
+        if (!rewrite(table, now)) {
+            failure("cannot be written anew");
+            buffer_.clear();
+            return;
+        }
+        if (failed_)
+            platform_report(LOG_NOTICE, "%s: is written again", path_.c_str());
+        failed_ = false;
+        return;
+    }
+    if (!flush()) {
+        failure("cannot be written");
+        return;
+    }
+    if (sync && dirty_) {
+        if (fdatasync(fd_) != 0)
+            failure("cannot be written to the disk");
+        dirty_ = false;
+    }
+}
+
+} // namespace platform_linux

@@ -1,0 +1,115 @@
+// The link to the peer unit: TCP with TLS 1.3, each side shows the certificate that the other expects.
+// Nothing here waits; what the peer is too slow for is left out and counted. A peer that says nothing is
+// given up, and the connection is made again.
+#pragma once
+
+#include <functional>
+#include <list>
+#include <memory>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <string>
+#include <vector>
+
+#include "clock.h"
+#include "peer_frame.h"
+#include "redundancy_conf.h"
+
+namespace platform_linux
+{
+
+class PeerLink
+{
+  public:
+    struct Handlers {
+        std::function<DhcpsnoopRole()> role;          // ours, for the first message
+        std::function<void()> up, down;               // the peer said hello; it is gone
+        std::function<void(const PeerFrame &)> frame; // from a peer that is up
+    };
+
+    PeerLink(PeerConf conf, Handlers handlers) : conf_(std::move(conf)), handlers_(std::move(handlers)) {}
+    ~PeerLink();
+    PeerLink(const PeerLink &) = delete;
+    PeerLink &operator=(const PeerLink &) = delete;
+
+    // Reads certificate, key and authority. False with what is wrong.
+    bool start(std::string &error);
+
+    // Puts a message in line. False when the peer is not up, or so slow that there is no room.
+    bool send(PeerMessage type, std::span<const uint8_t> payload = {});
+
+    // Tells it our role, which has changed.
+    bool send_role();
+
+    // Nothing is in line any more.
+    bool is_idle() const { return current_ != nullptr && current_->out.empty(); }
+
+    // While its records cannot be taken in, they stay with the peer.
+    void hold(bool held);
+
+    std::string address() const { return (conf_.listens ? "listen " : "connect ") + conf_.addressText; }
+    bool is_up() const { return current_ != nullptr; }
+    DhcpsnoopRole peer_role() const { return peerRole_; }   // while it is up
+    const std::string &trouble() const { return trouble_; } // why it is not up, as far as known
+
+    void watch(std::vector<pollfd> &descriptors) const;
+    Ticks deadline() const;
+    // `descriptors` as watch made them, with what has come.
+    void serve(const std::vector<pollfd> &descriptors, Ticks now);
+
+  private:
+    struct SslFree {
+        void operator()(SSL *ssl) const { SSL_free(ssl); }
+    };
+    struct ContextFree {
+        void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
+    };
+    struct Connection {
+        explicit Connection(int descriptor) : fd(descriptor) {}
+        ~Connection();
+        Connection(const Connection &) = delete;
+        Connection &operator=(const Connection &) = delete;
+
+        int fd;
+        std::unique_ptr<SSL, SslFree> ssl;
+        bool connecting = false; // TCP's own handshake
+        bool secured = false;    // TLS's is done
+        bool replaced = false;   // by a newer one of the peer's
+        bool wantsWrite = false, hasMore = false;
+        PeerFrameReader reader;
+        std::vector<uint8_t> out;
+        size_t sent = 0; // of `out`
+        DhcpsnoopRole toldRole = DHCPSNOOP_ROLE_NONE;
+        Ticks heard = 0, moved = 0, since = 0; // last byte in, out; made
+    };
+
+    bool listen_now(Ticks now);
+    void accept_all(Ticks now);
+    void connect_now(Ticks now);
+    bool make_tls(Connection &connection, bool accepting);
+    // Each of these gives false, with trouble_ set, for a connection that is no good any more.
+    bool progress(Connection &connection, short events, Ticks now);
+    bool shake_hands(Connection &connection, Ticks now);
+    bool read_some(Connection &connection, Ticks now);
+    bool write_some(Connection &connection, Ticks now);
+    bool take(Connection &connection, const PeerFrame &frame);
+    bool is_late(const Connection &connection, Ticks now);
+    bool tls_failed(Connection &connection, int result, const char *doing);
+    bool put_hello(Connection &connection);
+    bool put(Connection &connection, PeerMessage type, std::span<const uint8_t> payload);
+    void drop(Connection *connection, Ticks now);
+    void say(const std::string &trouble);
+
+    PeerConf conf_;
+    Handlers handlers_;
+    std::unique_ptr<SSL_CTX, ContextFree> context_;
+    int listener_ = -1;
+    std::list<Connection> connections_;
+    Connection *current_ = nullptr; // whose peer said hello
+    DhcpsnoopRole peerRole_ = DHCPSNOOP_ROLE_NONE;
+    bool held_ = false;
+    Ticks retryAt_ = 0, backoff_ = 0;
+    std::string trouble_, said_;
+};
+
+} // namespace platform_linux

@@ -1,0 +1,188 @@
+#include "redundancy.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <thread>
+
+#include "logging.h"
+#include "management.h"
+#include "switch_model.h"
+#include "unit_thread.h"
+
+namespace platform_linux
+{
+namespace
+{
+constexpr uint16_t RTM_SUBSYSTEM_UP = 93;
+
+UnitShared *shared = nullptr; // as long as the process lives; null while the thread does not run
+bool copyOpen = false;        // the daemon was asked for a full copy by the last event
+
+void ports_changed(ModelChange, const Port &, const Port *)
+{
+    {
+        const std::scoped_lock lock(shared->portsMutex);
+        shared->ports.clear();
+        for (const auto &[ifIndex, port] : model_ports())
+            shared->ports.emplace(port.name, ifIndex);
+    }
+    shared->portsVersion++;
+    shared->wake();
+}
+
+const char *port_name(uint32_t ifIndex, char (&room)[IFNAMSIZ])
+{
+    room[0] = 0;
+    if (const Port *port = model_port(ifIndex))
+        return port->name;
+    if (ifIndex != 0) // waits for its port on the other side, where there is none either
+        snprintf(room, sizeof room, "#%u", ifIndex);
+    return room;
+}
+
+void push(const Change &change)
+{
+    if (shared->changes.push(change))
+        shared->wake();
+}
+
+bool read_conf(RedundancyConf &conf)
+{
+    const char *path = getenv(REDUNDANCY_CONF_ENV);
+    const bool named = path != nullptr && *path != 0;
+    std::string error;
+    switch (redundancy_conf_read(named ? path : REDUNDANCY_CONF_PATH, conf, error)) {
+    case ConfFile::read:
+        return true;
+    case ConfFile::absent:
+        if (!named)
+            return true;
+        error = std::string(path) + ": " + strerror(ENOENT);
+        break;
+    case ConfFile::wrong:
+        break;
+    }
+    platform_report(LOG_ERR, "%s", error.c_str());
+    return false;
+}
+
+bool directory_exists(const std::string &file)
+{
+    struct stat status = {};
+    return stat(file.substr(0, file.rfind('/')).c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+} // namespace
+
+bool redundancy_start()
+{
+    RedundancyConf conf;
+    if (!read_conf(conf))
+        return false;
+    shared = new UnitShared;
+    shared->wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    const char *control = getenv(CONTROL_ENV);
+    auto *thread = new UnitThread(*shared, switch_model().role(), DHCPSNOOP_SOCKET_PATH);
+    if (conf.peer && !thread->open_peer(*conf.peer))
+        return false;
+    const std::string journal = conf.journal.value_or(directory_exists(JOURNAL_PATH) ? JOURNAL_PATH : "");
+    if (!journal.empty())
+        thread->open_journal(journal);
+    thread->open_control(control != nullptr && *control != 0 ? control : CONTROL_PATH);
+    model_watch(ports_changed);
+    ports_changed(ModelChange::changed, {}, nullptr);
+    thread->begin();
+    std::thread([thread] { thread->run(); }).detach();
+    return true;
+}
+
+DhcpsnoopRole redundancy_role()
+{
+    return shared != nullptr ? shared->daemonRole.load() : switch_model().role();
+}
+
+int32_t redundancy_sync(const QorBuffer &packet)
+{
+    if (shared == nullptr || !shared->recording)
+        return ENOTCONN;
+    const auto *bytes = static_cast<const uint8_t *>(packet.data);
+    char room[IFNAMSIZ];
+    for (uint32_t at = 0; at + sizeof(SyncHeader) <= packet.length;) {
+        SyncHeader header;
+        memcpy(&header, bytes + at, sizeof header);
+        const uint32_t size = static_cast<uint32_t>(sizeof header) + header.length;
+        if (size > packet.length - at)
+            return EINVAL;
+        Change change{Change::Kind::record, {}};
+        if (header.type == SYNC_USER && size == sizeof(SyncUserRecord)) {
+            SyncUserRecord user;
+            memcpy(&user, bytes + at, sizeof user);
+            change.record = unit_from_user(user, port_name(user.ifIndex, room));
+            push(change);
+        } else if (header.type == SYNC_SERVER && size == sizeof(SyncServerRecord)) {
+            SyncServerRecord server;
+            memcpy(&server, bytes + at, sizeof server);
+            change.record = unit_from_server(server, port_name(server.ifIndex, room));
+            push(change);
+        }
+        at += size;
+    }
+    return 0;
+}
+
+void redundancy_binding_changed()
+{
+    if (shared == nullptr || !shared->recording)
+        return;
+    shared->bindingChanged = true;
+    shared->wake();
+}
+
+bool redundancy_decides(const QorIfRequest &request, int32_t &result)
+{
+    const bool add = request.operation == QOR_USER_ADD;
+    const Enforcement now = shared != nullptr ? shared->enforcement.load() : Enforcement::normal;
+    const bool refused = add ? now == Enforcement::refuseAdds : now == Enforcement::refuseDeletes;
+    result = refused ? EBUSY : 0;
+    return refused || (!add && now == Enforcement::ignoreDeletes);
+}
+
+void redundancy_event_socket(int sock)
+{
+    if (shared != nullptr)
+        shared->eventSocket = sock;
+}
+
+void redundancy_events(DaemonEvents &events)
+{
+    if (shared == nullptr)
+        return;
+    const bool master = redundancy_role() == DHCPSNOOP_ROLE_MASTER;
+    if (copyOpen) { // whose event has been served whole by now
+        copyOpen = false;
+        Change end{Change::Kind::copyEnd, {}};
+        end.record.add = master;
+        push(end);
+    }
+    if (!master || !shared->copyWanted.exchange(false))
+        return;
+    // The daemon takes the datagram's first word, its length, for the number of the unit that came up, which
+    // must not be its own.
+    DaemonEvent event{};
+    nlmsghdr header{};
+    header.nlmsg_len = sizeof header;
+    if (header.nlmsg_len == qorSelfSysIndex())
+        header.nlmsg_len += 4;
+    header.nlmsg_type = RTM_SUBSYSTEM_UP;
+    memcpy(event.bytes.data(), &header, sizeof header);
+    event.length = header.nlmsg_len;
+    events.push_front(event);
+    copyOpen = true;
+    push({Change::Kind::copyBegin, {}});
+    shared->wake_daemon(); // for the end
+}
+
+} // namespace platform_linux

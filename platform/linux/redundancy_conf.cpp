@@ -1,0 +1,160 @@
+#include "redundancy_conf.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace platform_linux
+{
+namespace
+{
+constexpr size_t FILE_MAX_BYTES = 1 << 16;
+constexpr uint32_t PORT_LAST = 65535;
+constexpr std::string_view BLANKS = " \t\r";
+
+struct FileCloser {
+    void operator()(FILE *file) const { fclose(file); }
+};
+
+std::string printable(std::string_view text)
+{
+    std::string out = "'";
+    for (const char c : text)
+        out += c >= ' ' && c <= '~' ? c : '?';
+    return out + "'";
+}
+
+std::string_view trim(std::string_view text)
+{
+    const size_t first = text.find_first_not_of(BLANKS);
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+// "192.0.2.1:4747" or "[2001:db8::1]:4747". Names are not looked up: that could wait for ever.
+bool take_address(std::string_view text, sockaddr_in6 &address)
+{
+    const size_t colon = text.rfind(':');
+    if (colon == std::string_view::npos)
+        return false;
+    std::string host(text.substr(0, colon));
+    const std::string_view port = text.substr(colon + 1);
+    uint32_t number = 0;
+    const auto [end, failure] = std::from_chars(port.data(), port.data() + port.size(), number);
+    if (failure != std::errc() || end != port.data() + port.size() || number == 0 || number > PORT_LAST)
+        return false;
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    else
+        host = "::ffff:" + host;
+    address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(static_cast<uint16_t>(number));
+    return inet_pton(AF_INET6, host.c_str(), &address.sin6_addr) == 1;
+}
+
+struct Lines {
+    PeerConf peer{};
+    bool address = false;
+    std::optional<std::string> journal;
+};
+
+// Empty, or what is wrong.
+std::string take_line(std::string_view word, std::string_view value, Lines &lines)
+{
+    if (word == "listen" || word == "connect") {
+        if (lines.address)
+            return "the peer's address is set already: one unit listens, the other connects";
+        if (!take_address(value, lines.peer.address))
+            return "expected: " + std::string(word) + " ADDRESS:PORT, an IPv6 address in [brackets]";
+        lines.address = true;
+        lines.peer.listens = word == "listen";
+        lines.peer.addressText = value;
+        return {};
+    }
+    if (word == "journal") {
+        if (lines.journal)
+            return "the journal is set already";
+        if (value != "off" && !value.starts_with('/'))
+            return "expected: journal /FILE, or journal off";
+        lines.journal = value == "off" ? "" : value;
+        return {};
+    }
+    std::string *text = word == "certificate" ? &lines.peer.certificate
+                        : word == "key"       ? &lines.peer.key
+                        : word == "authority" ? &lines.peer.authority
+                        : word == "peer"      ? &lines.peer.name
+                                              : nullptr;
+    if (text == nullptr)
+        return printable(word) + " is none of listen, connect, certificate, key, authority, peer and journal";
+    if (!text->empty())
+        return "the " + std::string(word) + " is set already";
+    if (value.empty() || value.find_first_of(BLANKS) != std::string_view::npos)
+        return "expected: " + std::string(word) + (word == "peer" ? " NAME" : " /FILE");
+    if (word != "peer" && !value.starts_with('/'))
+        return printable(value) + " is no absolute path";
+    *text = value;
+    return {};
+}
+} // namespace
+
+bool redundancy_conf_parse(std::string_view name, std::string_view text, RedundancyConf &conf,
+                           std::string &error)
+{
+    conf = {};
+    Lines lines;
+    uint32_t number = 0;
+    for (size_t begin = 0; begin < text.size();) {
+        const size_t end = std::min(text.find('\n', begin), text.size());
+        std::string_view line = text.substr(begin, end - begin);
+        begin = end + 1;
+        number++;
+        line = trim(line.substr(0, line.find('#')));
+        if (line.empty())
+            continue;
+        const size_t blank = std::min(line.find_first_of(BLANKS), line.size());
+        const std::string wrong = take_line(line.substr(0, blank), trim(line.substr(blank)), lines);
+        if (!wrong.empty()) {
+            error = std::string(name) + ":" + std::to_string(number) + ": " + wrong;
+            return false;
+        }
+    }
+    const PeerConf &peer = lines.peer;
+    const bool any =
+        !peer.certificate.empty() || !peer.key.empty() || !peer.authority.empty() || !peer.name.empty();
+    const bool all =
+        !peer.certificate.empty() && !peer.key.empty() && !peer.authority.empty() && !peer.name.empty();
+    if (lines.address != any || any != all) {
+        error = std::string(name) + ":" + std::to_string(number) +
+                ": a peer takes all of listen or connect, certificate, key, authority and peer";
+        return false;
+    }
+    conf.journal = lines.journal;
+    if (lines.address)
+        conf.peer = peer;
+    return true;
+}
+
+ConfFile redundancy_conf_read(const char *path, RedundancyConf &conf, std::string &error)
+{
+    const std::unique_ptr<FILE, FileCloser> file(fopen(path, "re"));
+    if (!file && errno == ENOENT)
+        return ConfFile::absent;
+    if (!file) {
+        error = std::string(path) + ": " + strerror(errno);
+        return ConfFile::wrong;
+    }
+    std::string text(FILE_MAX_BYTES + 1, '\0');
+    text.resize(fread(text.data(), 1, text.size(), file.get()));
+    if (ferror(file.get()) != 0 || text.size() > FILE_MAX_BYTES) {
+        error = std::string(path) + ": " + (ferror(file.get()) != 0 ? strerror(errno) : "longer than 64 KiB");
+        return ConfFile::wrong;
+    }
+    return redundancy_conf_parse(path, text, conf, error) ? ConfFile::read : ConfFile::wrong;
+}
+
+} // namespace platform_linux

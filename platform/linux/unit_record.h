@@ -1,0 +1,65 @@
+// A binding or server as it travels to the peer unit and as it lies in the journal. It names its port,
+// because two machines, and two starts of one, number their ports differently, and carries nothing of the
+// data plane, which each unit has for itself.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <net/if.h>
+#include <optional>
+#include <span>
+
+#include "sync_record.h"
+
+namespace platform_linux
+{
+
+struct UnitRecord {
+    uint8_t type; // SYNC_USER, SYNC_SERVER
+    bool add;     // else of what follows only the address counts, and of a server its port and VLAN
+    uint8_t ipType;
+    uint8_t userType, bindState, macMark;
+    uint16_t userAttr;
+    uint8_t address[16]; // network order, IPv4 in the first 4, the rest zero
+    char port[IFNAMSIZ]; // zero behind the name; empty = none
+    uint16_t vid, origVid;
+    uint32_t leaseTime, leaseStart; // as DhcpsnoopUser, by this machine's clock
+    uint8_t mac[6];
+
+    bool operator==(const UnitRecord &) const = default;
+    // A dynamic binding whose time is over.
+    bool expired(uint32_t now) const
+    {
+        return type == SYNC_USER && add && userType == DHCPSNOOP_USER_DYNAMIC &&
+               leaseTime != DHCPSNOOP_LEASE_FOREVER && static_cast<int32_t>(now - leaseStart) >= 0 &&
+               now - leaseStart >= leaseTime;
+    }
+};
+
+// What tells records apart: type, address and, of a server, port and VLAN.
+using UnitKey = std::array<uint8_t, 36>;
+UnitKey unit_key(const UnitRecord &record);
+
+constexpr size_t UNIT_RECORD_LEN = 64;
+using UnitBytes = std::array<uint8_t, UNIT_RECORD_LEN>;
+
+// In network order, with the clock's present reading.
+UnitBytes unit_encode(const UnitRecord &record, uint32_t now);
+
+enum class UnitClock : uint8_t {
+    own,   // the journal's: real time went on since, unless the clock was set back behind the record
+    peers, // the other unit's, which may go wrong: a lease is as old as it was there
+};
+
+// None when it is no record that unit_encode makes.
+std::optional<UnitRecord> unit_decode(std::span<const uint8_t, UNIT_RECORD_LEN> bytes, uint32_t now,
+                                      UnitClock clock);
+
+// From and to the daemon's own form. The data plane's marks come out clear: the unit that takes the binding
+// over has programmed nothing yet.
+UnitRecord unit_from_user(const SyncUserRecord &user, const char *port);
+UnitRecord unit_from_server(const SyncServerRecord &server, const char *port);
+SyncUserRecord unit_to_user(const UnitRecord &record, uint32_t ifIndex);
+SyncServerRecord unit_to_server(const UnitRecord &record, uint32_t ifIndex);
+
+} // namespace platform_linux
