@@ -15,6 +15,14 @@ DhcpsnoopIf *snoop(uint32_t ifIndex, uint32_t flags)
     return ifp;
 }
 
+void DaemonOnPort1::SetUp()
+{
+    world.reset();
+    world.access(1, 10);
+    snoop(1);
+    debug(1);
+}
+
 DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
 {
     DhcpsnoopRxPkt rx;

@@ -58,6 +58,13 @@ class Daemon : public testing::Test
     void TearDown() override { EXPECT_EQ(world_check_tables(), ""); }
 };
 
+// Port 1 in VLAN 10 is snooped, and the traces are on.
+class DaemonOnPort1 : public Daemon
+{
+  protected:
+    void SetUp() override;
+};
+
 // Switches snooping on for an interface of the world; `flags` (DHCPSNOOP_IF_…) are added. Its traces in the
 // journal are cleared.
 DhcpsnoopIf *snoop(uint32_t ifIndex, uint32_t flags = 0);

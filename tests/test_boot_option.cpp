@@ -4,17 +4,7 @@
 namespace
 {
 
-class BootOption : public Daemon
-{
-  protected:
-    void SetUp() override
-    {
-        world.reset();
-        world.access(1, 10);
-        snoop(1);
-        debug(1);
-    }
-};
+using BootOption = DaemonOnPort1;
 
 const Bytes NONE, OWN82 = opt(82, opt(2, {1, 2}));
 

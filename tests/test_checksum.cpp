@@ -57,9 +57,7 @@ TEST(Checksum, UdpLengthLimit)
     EXPECT_EQ(hex(Bytes(tooLong.begin(), tooLong.begin() + 8)), "00 44 00 43 07 f5 ab cd");
 }
 
-class Update : public Daemon
-{
-};
+using Update = Daemon;
 
 TEST_F(Update, LengthsFollowTheMessage)
 {

@@ -111,75 +111,49 @@ TEST_F(Events, Walk)
 
 TEST_F(Events, Links)
 {
-    const Bytes whole = link_message(NEWLINK, PORT);
-    const struct {
-        const char *claim;
-        Bytes datagram;
-        Lines texts;
-        Lines gone; // "port", "vlan": the interfaces that are not there any more
-    } rows[] = {
-        {"a port that goes is switched off", link_message(DELLINK, PORT), DEL + about("RTM_DELLINK", PORT) + off(PORT), {"port"}},
-        {"a VLAN interface that goes is", link_message(DELLINK, VLAN_IF), DEL + about("RTM_DELLINK", VLAN_IF) + off(VLAN_IF), {"vlan"}},
-        {"one without snooping is nobody's business", link_message(DELLINK, OTHER), DEL, {}},
-        {"a message that ends before its header does, DELLINK", event_message(DELLINK, Bytes{0, 0, 0, 0} + host32(PORT) + Bytes(7, 0)), DEL, {}},
-        {"a message that ends before its header does, NEWLINK", event_message(NEWLINK, Bytes{0, 0, 0, 0} + host32(PORT) + Bytes(7, 0)), NEW, {}},
-        {"a header alone, NEWLINK", event_message(NEWLINK), NEW, {}},
-        {"a header alone, DELLINK", event_message(DELLINK), DEL, {}},
-        {"no attribute", whole, NEW, {}},
-        {"joining an aggregate switches off", link_message(NEWLINK, PORT, link_attribute(JOINED)), NEW + about("IFLA_PHYJOINAGG", PORT) + off(PORT), {"port"}},
-        {"attributes of an interface without snooping are not read", link_message(NEWLINK, OTHER, link_attribute(JOINED) + link_attribute(3)), NEW, {}},
-        {"joining twice switches off once",
-         link_message(NEWLINK, PORT, link_attribute(JOINED) + link_attribute(JOINED)),
-         NEW + about("IFLA_PHYJOINAGG", PORT) + off(PORT) + about("IFLA_PHYJOINAGG", PORT),
-         {"port"}},
-        {"configuration is only reported", link_message(NEWLINK, PORT, link_attribute(CONFIGURED)), NEW + about("IFLA_SYNCCFG", PORT), {}},
-        {"others are reported by number", link_message(NEWLINK, PORT, link_attribute(3, text_bytes("swp1"))), NEW + Lines{"[DHCPSNOOP] Unknown event 3!\r\n"}, {}},
-        {"an attribute of 5 bytes takes 8",
-         link_message(NEWLINK, PORT, link_attribute(3, {9}) + Bytes(3, 0) + link_attribute(CONFIGURED)),
-         NEW + Lines{"[DHCPSNOOP] Unknown event 3!\r\n"} + about("IFLA_SYNCCFG", PORT),
-         {}},
-        {"without padding at the end of the message",
-         link_message(NEWLINK, PORT, link_attribute(CONFIGURED) + link_attribute(3, {9})),
-         NEW + about("IFLA_SYNCCFG", PORT) + Lines{"[DHCPSNOOP] Unknown event 3!\r\n"},
-         {}},
-        {"3 bytes are no attribute", link_message(NEWLINK, PORT, {4, 0, 38}), NEW, {}},
-        {"an attribute shorter than its header ends the walk", link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 3) + link_attribute(JOINED)), NEW, {}},
-        {"an attribute of length 0 ends the walk",
-         link_message(NEWLINK, PORT, link_attribute(CONFIGURED) + link_attribute(JOINED, {}, 0)),
-         NEW + about("IFLA_SYNCCFG", PORT),
-         {}},
-        {"an attribute longer than the message ends the walk", link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 5)), NEW, {}},
-        {"an attribute of 64 KB ends the walk", link_message(NEWLINK, PORT, link_attribute(JOINED, Bytes(4, 0), 0xFFFF)), NEW, {}},
-        {"the next message is no attribute of this one", link_message(NEWLINK, PORT, link_attribute(JOINED, {}, 8)) + event_message(5), NEW + unknown(5), {}},
-        {"nor is anything behind a message that is only a header's",
-         event_message(NEWLINK, Bytes(4, 0) + host32(PORT) + Bytes(8, 0)) + host32(16 << 16 | 16) + host16(JOINED) + Bytes(10, 0),
-         NEW,
-         {}},
-        {"two links, in order",
-         link_message(NEWLINK, TRUNK, link_attribute(CONFIGURED)) + link_message(DELLINK, PORT),
-         NEW + about("IFLA_SYNCCFG", TRUNK) + DEL + about("RTM_DELLINK", PORT) + off(PORT),
-         {"port"}},
-        {"what the first switched off is not there for the second",
-         link_message(DELLINK, PORT) + link_message(NEWLINK, PORT, link_attribute(CONFIGURED)),
-         DEL + about("RTM_DELLINK", PORT) + off(PORT) + NEW,
-         {"port"}},
+    const auto link = [](const Bytes &attributes) { return link_message(NEWLINK, PORT, attributes); };
+    const auto gone = [](uint32_t ifIndex) { return DEL + about("RTM_DELLINK", ifIndex) + off(ifIndex); };
+    const Lines again = about("IFLA_PHYJOINAGG", PORT), joined = NEW + again + off(PORT);
+    const Lines config = about("IFLA_SYNCCFG", PORT), other = {"[DHCPSNOOP] Unknown event 3!\r\n"};
+    const Bytes short8 = Bytes{0, 0, 0, 0} + host32(PORT) + Bytes(7, 0); // a byte less than the header
+    // claim, datagram, texts, the interface that is not there any more
+    const std::tuple<const char *, Bytes, Lines, uint32_t> rows[] = {
+        {"a port that goes is switched off", link_message(DELLINK, PORT), gone(PORT), PORT},
+        {"a VLAN interface that goes is", link_message(DELLINK, VLAN_IF), gone(VLAN_IF), VLAN_IF},
+        {"one without snooping is nobody's business", link_message(DELLINK, OTHER), DEL, 0},
+        {"a message that ends before its header does, DELLINK", event_message(DELLINK, short8), DEL, 0},
+        {"a message that ends before its header does, NEWLINK", event_message(NEWLINK, short8), NEW, 0},
+        {"a header alone, NEWLINK", event_message(NEWLINK), NEW, 0},
+        {"a header alone, DELLINK", event_message(DELLINK), DEL, 0},
+        {"no attribute", link({}), NEW, 0},
+        {"joining an aggregate switches off", link(link_attribute(JOINED)), joined, PORT},
+        {"attributes of an interface without snooping are not read", link_message(NEWLINK, OTHER, link_attribute(JOINED) + link_attribute(3)), NEW, 0},
+        {"joining twice switches off once", link(link_attribute(JOINED) + link_attribute(JOINED)), joined + again, PORT},
+        {"configuration is only reported", link(link_attribute(CONFIGURED)), NEW + config, 0},
+        {"others are reported by number", link(link_attribute(3, text_bytes("swp1"))), NEW + other, 0},
+        {"an attribute of 5 bytes takes 8", link(link_attribute(3, {9}) + Bytes(3, 0) + link_attribute(CONFIGURED)), NEW + other + config, 0},
+        {"without padding at the end of the message", link(link_attribute(CONFIGURED) + link_attribute(3, {9})), NEW + config + other, 0},
+        {"3 bytes are no attribute", link({4, 0, 38}), NEW, 0},
+        {"an attribute shorter than its header ends the walk", link(link_attribute(JOINED, {}, 3) + link_attribute(JOINED)), NEW, 0},
+        {"an attribute of length 0 ends the walk", link(link_attribute(CONFIGURED) + link_attribute(JOINED, {}, 0)), NEW + config, 0},
+        {"an attribute longer than the message ends the walk", link(link_attribute(JOINED, {}, 5)), NEW, 0},
+        {"an attribute of 64 KB ends the walk", link(link_attribute(JOINED, Bytes(4, 0), 0xFFFF)), NEW, 0},
+        {"the next message is no attribute of this one", link(link_attribute(JOINED, {}, 8)) + event_message(5), NEW + unknown(5), 0},
+        {"nor is anything behind a message that is only a header's", event_message(NEWLINK, Bytes(4, 0) + host32(PORT) + Bytes(8, 0)) + host32(16 << 16 | 16) + host16(JOINED) + Bytes(10, 0), NEW, 0},
+        {"two links, in order", link_message(NEWLINK, TRUNK, link_attribute(CONFIGURED)) + link_message(DELLINK, PORT), NEW + about("IFLA_SYNCCFG", TRUNK) + gone(PORT), PORT},
+        {"what the first switched off is not there for the second", link_message(DELLINK, PORT) + link(link_attribute(CONFIGURED)), gone(PORT) + NEW, PORT},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, datagram, texts, vanished] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         const std::string before = world_state();
         debug(2); // the traces of tables stay out
-        deliver(row.datagram);
-        EXPECT_EQ(debug_texts(), row.texts);
+        deliver(datagram);
+        EXPECT_EQ(debug_texts(), texts);
         debug(0);
-        Lines gone;
-        if (dhcpsnoop_if_lookup(PORT) == nullptr)
-            gone.push_back("port");
-        if (dhcpsnoop_if_lookup(VLAN_IF) == nullptr)
-            gone.push_back("vlan");
-        EXPECT_EQ(gone, row.gone);
-        EXPECT_NE(dhcpsnoop_if_lookup(TRUNK), nullptr);
-        if (row.gone.empty()) {
+        for (const uint32_t ifIndex : {PORT, VLAN_IF, TRUNK})
+            EXPECT_EQ(dhcpsnoop_if_lookup(ifIndex) == nullptr, ifIndex == vanished);
+        if (vanished == 0) {
             EXPECT_EQ(world_state(), before);
             EXPECT_EQ(world.calls(), Lines{});
         }

@@ -137,21 +137,6 @@ TEST_F(Exchange, RelayToTwoServersAndBack)
     EXPECT_EQ(binding(HOST)->serverId, SECOND);
 }
 
-TEST_F(Exchange, Released)
-{
-    obtain();
-    // By somebody else first: counted, dropped, nothing happens.
-    Frame forged = unicast(client_frame(7, opt_ip(54, SERVER)));
-    forged.src = forged.chaddr = MAC_CLIENT2;
-    EXPECT_EQ(through(forged, {.port = 3}), "");
-    EXPECT_EQ(dhcpsnoop_if_lookup(3)->counters[DHCPSNOOP_DROP_BINDING], 1u);
-    EXPECT_EQ(binding(HOST)->bindState, 1);
-
-    EXPECT_EQ(through(unicast(client_frame(7, opt_ip(54, SERVER)))), "2 314");
-    EXPECT_EQ(count_bindings(), 0u);
-    EXPECT_EQ(dhcpsnoop_if_lookup(1)->curUser, 0);
-}
-
 TEST_F(Exchange, RenewedAndRebound)
 {
     obtain();
@@ -189,19 +174,6 @@ TEST_F(Exchange, RogueServer)
     // The unanswered request goes at the next scan.
     pass_time(60);
     EXPECT_EQ(count_bindings(), 0u);
-}
-
-TEST_F(Exchange, ClientMovesToAnotherPort)
-{
-    obtain();
-    dhcpsnoop_if_lookup(3)->maxUser = 1;
-    EXPECT_EQ(through(request(HOST), {.port = 3}), "2 320");
-    EXPECT_EQ(world.calls("hw delete 1").size(), 1u); // withdrawn where it was
-    EXPECT_EQ(binding(HOST)->ifIndex, 3u);
-    EXPECT_EQ(binding(HOST)->leaseTime, 60u);
-    EXPECT_EQ(dhcpsnoop_if_lookup(1)->curUser, 0);
-    EXPECT_EQ(dhcpsnoop_if_lookup(3)->curUser, 1);
-    EXPECT_EQ(through(server_frame(5), FROM_SERVER), "3 298");
 }
 
 TEST_F(Exchange, OnAVlanInterface)

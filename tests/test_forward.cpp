@@ -6,9 +6,7 @@
 namespace
 {
 
-class Forward : public Daemon
-{
-};
+using Forward = Daemon;
 
 // The five raw senders. Each is called for a frame that came in on port 1 in VLAN 10; towards clients it is
 // to leave in VLAN `vid`.

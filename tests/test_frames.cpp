@@ -239,34 +239,6 @@ TEST_F(Frames, OfATrappedVlanComeAndOthersDoNot)
     }
 }
 
-// The kernel itself leaves the checksum of a local program's datagrams to a veth device.
-TEST_F(Frames, OfALocalProgramHaveATrueChecksum)
-{
-    trap(true);
-    run("ip addr add 192.0.2.1/24 dev c1");
-    for (const std::string offload : {"on", "off"}) {
-        SCOPED_TRACE("tx-checksumming " + offload);
-        run("ethtool -K c1 tx " + offload);
-        const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const int on = 1;
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(68);
-        ASSERT_EQ(setsockopt(sock, SOL_SOCKET, SO_BROADCAST, &on, sizeof on), 0);
-        ASSERT_EQ(setsockopt(sock, SOL_SOCKET, SO_BINDTODEVICE, "c1", 2), 0);
-        ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-        address.sin_port = htons(67);
-        address.sin_addr.s_addr = INADDR_BROADCAST;
-        const Bytes message = discover().message();
-        ASSERT_EQ(sendto(sock, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&address), sizeof address),
-                  static_cast<ssize_t>(message.size()));
-        close(sock);
-        const ssize_t length = loop_.receive(v4_);
-        ASSERT_EQ(length, static_cast<ssize_t>(42 + message.size()));
-        EXPECT_EQ(udp_sum(loop_.frame(length)), 0); // RFC 768: with the checksum in its place the sum is all ones
-    }
-}
-
 TEST_F(Frames, OfPortsAndVlansThatDoNotReceiveAreDropped)
 {
     trap(true);

@@ -4,17 +4,7 @@
 namespace
 {
 
-class Parse : public Daemon
-{
-  protected:
-    void SetUp() override
-    {
-        world.reset();
-        world.access(1, 10);
-        snoop(1);
-        debug(1);
-    }
-};
+using Parse = DaemonOnPort1;
 
 const std::string SVLAN = "[DHCPSNOOP] svlan 4096, cvlan 10.\r\n";
 

@@ -10,17 +10,7 @@
 namespace
 {
 
-class Parse6 : public Daemon
-{
-  protected:
-    void SetUp() override
-    {
-        world.reset();
-        world.access(1, 10);
-        snoop(1);
-        debug(1);
-    }
-};
+using Parse6 = DaemonOnPort1;
 
 const Bytes ELAPSED = opt6(8, {0, 0});
 

@@ -169,14 +169,6 @@ TEST_F(Path6, LearnedFromWhichMessages)
     }
 }
 
-TEST_F(Path6, ClientMovesToAnotherPort)
-{
-    obtain();
-    through(client6(3, ia_na(iaaddr(HOST, 60))), {.port = 3});
-    EXPECT_EQ(world.calls("hw delete 1").size(), 1u);
-    EXPECT_EQ(bindings(), "01 00 state 4 lease 60 port 3");
-}
-
 TEST_F(Path6, RenewedAndRebound)
 {
     obtain();
@@ -471,21 +463,6 @@ TEST_F(Path6, Texts)
     through(server6(2), FROM_SERVER);
     EXPECT_TRUE(printed("[DHCPSNOOP] Broadcast packet to client.\r\n"));
     EXPECT_TRUE(printed("[DHCPSNOOP] Vlan 10 is disable!\r\n"));
-}
-
-TEST_F(Path6, IpVersionsSideBySide)
-{
-    set_flag_field(dhcpsnoop_if_lookup(3), DHCPSNOOP_IF_VERSION, DHCPSNOOP_IPV4);
-    EXPECT_EQ(through(client6(1), {.port = 3}), "");
-    EXPECT_EQ(through(client_frame(1), {.port = 3}), "2 286");
-    set_flag_field(dhcpsnoop_if_lookup(3), DHCPSNOOP_IF_VERSION, DHCPSNOOP_IPV6);
-    EXPECT_EQ(through(client6(1), {.port = 3}), "2 118");
-    EXPECT_EQ(through(client_frame(1), {.port = 3}), "");
-    // One host with both.
-    obtain();
-    through(client_frame(3, opt_ip(50, ip4(10, 0, 0, 100))));
-    EXPECT_EQ(count_bindings(), 2u);
-    EXPECT_EQ(dhcpsnoop_if_lookup(1)->curUser, 2);
 }
 
 // A frame of one version on the other's socket: the version nibble chose the parser, the socket the path.

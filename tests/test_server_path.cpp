@@ -79,7 +79,7 @@ TEST_F(Server, Learning)
 TEST_F(Server, WhereTheReplyGoes)
 {
     const char *unicast = "1", *flooded = "1 3"; // the members of VLAN 10 but port 2
-    struct Row {
+    const struct {
         const char *claim;
         uint8_t type;
         bool binding, waiting;
@@ -88,8 +88,7 @@ TEST_F(Server, WhereTheReplyGoes)
         uint16_t outer;  // VLAN it came in
         const char *ports;
         uint16_t clientVlan = 10;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"an ACK to the binding's port", ACK, true, false, true, 0, 10, unicast},
         {"in the binding's VLAN, whatever VLAN it came in", ACK, true, false, true, 0, 20, unicast},
         {"the binding's port is not in use: flooded in the binding's VLAN", ACK, true, false, false, 0, 20, "3"},
@@ -108,7 +107,7 @@ TEST_F(Server, WhereTheReplyGoes)
         {"a NAK never asks who waits", NAK, false, true, true, RELAY, 10, flooded},
         {"a NAK whose port is not in use", NAK, true, false, false, 0, 10, "3"},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
         SetUp();
         world.ports[2].vlans = {10, 20};
@@ -146,27 +145,22 @@ TEST_F(Server, FloodedToTheMembersOfAVlanInterface)
 
 TEST_F(Server, Nak)
 {
-    struct Row {
-        const char *claim;
-        uint32_t bindingServer, naking;
-        uint8_t userType;
-        bool deleted, unicast;
-    };
-    const Row rows[] = {
+    // claim, bindingServer, naking, userType, deleted, unicast
+    const std::tuple<const char *, uint32_t, uint32_t, uint8_t, bool, bool> rows[] = {
         {"of the server of the binding", SERVER, SERVER, DHCPSNOOP_USER_DYNAMIC, true, true},
         {"of another server: kept but delivered", SERVER, SERVER + 1, DHCPSNOOP_USER_DYNAMIC, false, true},
         {"neither names a server", 0, 0, DHCPSNOOP_USER_DYNAMIC, true, true},
         {"a static binding is not looked at", SERVER, SERVER, DHCPSNOOP_USER_STATIC, false, false},
     };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.claim);
+    for (const auto &[claim, bindingServer, naking, userType, deleted, unicast] : rows) {
+        SCOPED_TRACE(claim);
         SetUp();
         DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 1, 10);
-        user->serverId = row.bindingServer;
-        user->userType = row.userType;
-        receive(Frame{.op = 2, .options = opt_type(NAK) + opt_ip(54, row.naking) + OPT_END}, ON2);
-        EXPECT_EQ(binding(HOST) == nullptr, row.deleted);
-        EXPECT_EQ(sent_summary(), row.unicast ? "1 292" : "1 292, 3 292");
+        user->serverId = bindingServer;
+        user->userType = userType;
+        receive(Frame{.op = 2, .options = opt_type(NAK) + opt_ip(54, naking) + OPT_END}, ON2);
+        EXPECT_EQ(binding(HOST) == nullptr, deleted);
+        EXPECT_EQ(sent_summary(), unicast ? "1 292" : "1 292, 3 292");
     }
 
     // Only the first dynamic binding of the MAC is considered, in the order of the buckets.

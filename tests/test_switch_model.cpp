@@ -416,12 +416,8 @@ TEST(Links, SeveralMessagesInOneDatagramAndOneThatIsNoMultipleOfFour)
 
 TEST(Links, AMessageIsAsLongAsItSaysIfThatIsThere)
 {
-    struct Row {
-        const char *claim;
-        uint32_t says;
-        bool whole;
-        size_t left;
-    } const rows[] = {
+    // claim, says, whole, left
+    const std::tuple<const char *, uint32_t, bool, size_t> rows[] = {
         {"less than a header", 15, false, 40},
         {"a header", 16, true, 24},
         {"padded to 4", 17, true, 20},
@@ -431,12 +427,12 @@ TEST(Links, AMessageIsAsLongAsItSaysIfThatIsThere)
         {"2 GiB", 0x80000000, false, 40},
         {"4 GiB", 0xFFFFFFFF, false, 40},
     };
-    for (const Row &row : rows) {
+    for (const auto &[claim, says, whole, left] : rows) {
         Bytes bytes(40);
-        memcpy(bytes.data(), &row.says, sizeof row.says);
+        memcpy(bytes.data(), &says, sizeof says);
         std::span<const uint8_t> rest(bytes);
-        EXPECT_EQ(next_message(rest) != nullptr, row.whole) << row.claim;
-        EXPECT_EQ(rest.size(), row.left) << row.claim;
+        EXPECT_EQ(next_message(rest) != nullptr, whole) << claim;
+        EXPECT_EQ(rest.size(), left) << claim;
     }
     std::span<const uint8_t> none;
     EXPECT_EQ(next_message(none), nullptr);
@@ -555,11 +551,8 @@ TEST_F(Answers, ModelOfTheFile)
 
 TEST_F(Answers, WhichFramesLeaveAndHow)
 {
-    struct Row {
-        const char *claim;
-        uint32_t ifIndex, vid;
-        int32_t forwards, untagged;
-    } const rows[] = {
+    // claim, ifIndex, vid, forwards, untagged
+    const std::tuple<const char *, uint32_t, uint32_t, int32_t, int32_t> rows[] = {
         {"an access port, its VLAN", ACC, 10, 0, 1},
         {"another VLAN", ACC, 20, -1, 0},
         {"a trunk, tagged", TRK, 20, 0, 0},
@@ -578,21 +571,17 @@ TEST_F(Answers, WhichFramesLeaveAndHow)
         {"no port of the switch", OTHER, 10, -1, -1},
         {"no device", 4711, 10, -1, -1},
     };
-    for (const Row &row : rows) {
-        SysIfQuery query{row.vid, {}};
-        EXPECT_EQ(sysIFGet(row.ifIndex, 255, &query), row.forwards) << row.claim;
-        EXPECT_EQ(sysIFGet(row.ifIndex, 258, &query), row.untagged) << row.claim;
+    for (const auto &[claim, ifIndex, vid, forwards, untagged] : rows) {
+        SysIfQuery query{vid, {}};
+        EXPECT_EQ(sysIFGet(ifIndex, 255, &query), forwards) << claim;
+        EXPECT_EQ(sysIFGet(ifIndex, 258, &query), untagged) << claim;
     }
 }
 
 TEST_F(Answers, WhichFramesMayComeIn)
 {
-    struct Row {
-        const char *claim;
-        uint32_t ifIndex;
-        uint16_t vid;
-        bool receives;
-    } const rows[] = {
+    // claim, ifIndex, vid, receives
+    const std::tuple<const char *, uint32_t, uint16_t, bool> rows[] = {
         {"its VLAN", ACC, 10, true},
         {"a foreign VLAN", ACC, 20, false},
         {"routed: any", RTD, 0, true},
@@ -601,8 +590,8 @@ TEST_F(Answers, WhichFramesMayComeIn)
         {"a member of an aggregate", MEM, 10, false},
         {"no VLAN there is", TRK, 4096, false},
     };
-    for (const Row &row : rows)
-        EXPECT_EQ(model_port(row.ifIndex)->receives(row.vid), row.receives) << row.claim;
+    for (const auto &[claim, ifIndex, vid, receives] : rows)
+        EXPECT_EQ(model_port(ifIndex)->receives(vid), receives) << claim;
 }
 
 std::vector<uint32_t> vlan_ports(uint32_t vid, uint32_t room, int32_t *result)
@@ -665,12 +654,12 @@ TEST_F(Answers, WithTwoBridgesAVlanIsThatOfItsInterface)
 
 TEST_F(Answers, NumbersOfAnInterface)
 {
-    struct Row {
+    const struct {
         const char *claim;
         uint32_t ifIndex, attribute;
         int32_t result; // 1 = refused
         uint32_t value;
-    } const rows[] = {
+    } rows[] = {
         {"number in the file", TRK, 5, 0, 2},
         {"number of a VLAN interface", V10, 5, 0, 10},
         {"tags of a provider bridge", ACC, 45, 0, 0x88A8},
@@ -684,7 +673,7 @@ TEST_F(Answers, NumbersOfAnInterface)
         {"not asked for by the daemon", ACC, 4, 1, 0x5A5A5A5A},
         {"no port", OTHER, 5, 1, 0x5A5A5A5A},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         uint32_t value = 0x5A5A5A5A;
         EXPECT_EQ(qorIfGetApi(row.ifIndex, row.attribute, &value) != 0, row.result != 0) << row.claim;
         EXPECT_EQ(value, row.value) << row.claim;
@@ -749,15 +738,15 @@ TEST_F(Answers, HostName)
 
 TEST_F(Answers, Locations)
 {
-    struct Row {
+    const struct {
         uint32_t ifIndex;
         uint32_t words[7];
-    } const rows[] = {
+    } rows[] = {
         {TRK, {2, 0, 2, 0, 2, 1, 0}},
         {AGG, {2, 0, 4, 0, 4, 2, 0}},
         {V10, {2, 0, 10, 0, 10, 3, 0}},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         uint32_t words[7];
         memset(words, 0xEE, sizeof words);
         EXPECT_EQ(qorIndexTrans(&row.ifIndex, 6, words), 0);
@@ -796,11 +785,11 @@ TEST_F(Answers, Traps)
 
 TEST_F(Answers, Roles)
 {
-    struct Row {
+    const struct {
         const char *text;
         uint32_t master, slave, standalone; // 0 or not
-    } const rows[] = {{"role none", 1, 1, 1}, {"role master", 0, 1, 1}, {"role slave", 1, 0, 0}};
-    for (const Row &row : rows) {
+    } rows[] = {{"role none", 1, 1, 1}, {"role master", 0, 1, 1}, {"role slave", 1, 0, 0}};
+    for (const auto &row : rows) {
         configure(row.text);
         EXPECT_EQ(qorHwScalarGet(0, 53, nullptr), row.master) << row.text;
         EXPECT_EQ(qorHwScalarGet(0, 54, nullptr), row.slave) << row.text;

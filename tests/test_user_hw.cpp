@@ -111,19 +111,6 @@ TEST_F(Hardware, IdentifiersComeBackFromAnAddEvenAFailedOne)
     }
 }
 
-TEST_F(Hardware, StandbyUnitProgramsNothingButMarksItsEntries)
-{
-    world.role(DHCPSNOOP_ROLE_SLAVE);
-    world.ipsg[1] = {.items = 0x90};
-    dhcpsnoop_user_update_hw(user, 1);
-    EXPECT_EQ(world.calls(), Lines{});
-    EXPECT_EQ(user->hwFlags, 0x80);
-    EXPECT_EQ(user->ipsgCheckItems, 0x90);
-    dhcpsnoop_user_update_hw(user, 0);
-    EXPECT_EQ(world.calls(), Lines{});
-    EXPECT_EQ(user->hwFlags, 0);
-}
-
 TEST_F(Hardware, WhoseCheckItems)
 {
     const struct {

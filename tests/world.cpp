@@ -284,14 +284,24 @@ void World::enter(WorldEntry entry)
         journal.push_back(std::move(entry));
 }
 
+// A platform that says how much there would have been.
+template <class Answers>
+static int32_t whole_answer(const Answers &answers, uint32_t key, QorBuffer *buffer)
+{
+    const auto found = answers.find(key);
+    if (found == answers.end())
+        return -1;
+    fill(buffer, found->second.data(), found->second.size());
+    buffer->length = static_cast<uint32_t>(found->second.size());
+    return 0;
+}
+
 extern "C" {
 
 uint32_t OsixCreateMSem(uint32_t options)
 {
-    WorldScope scope;
-    const std::string line = call_line("OsixCreateMSem %u", options);
-    world.enter({.did = Did::Call, .text = line});
-    return world.refused(line) ? 0 : 77;
+    const int32_t refused = called("OsixCreateMSem %u", options);
+    return refused != 0 ? 0 : 77;
 }
 
 int32_t OsixDeleteSem(uint32_t semId) { return called("OsixDeleteSem %u", semId); }
@@ -387,28 +397,14 @@ int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
 
 int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
 {
-    if (const auto refusal = asked("qorVlanGetApi %u %u %u", vid, attribute, list->length))
-        return *refusal;
-    const auto found = world.vlanMembers.find(vid);
-    if (found == world.vlanMembers.end())
-        return -1;
-    const uint32_t room = list->length;
-    fill(list, found->second.data(), found->second.size());
-    if (found->second.size() > room) // a platform that says how much there would have been
-        list->length = static_cast<uint32_t>(found->second.size());
-    return 0;
+    const auto refusal = asked("qorVlanGetApi %u %u %u", vid, attribute, list->length);
+    return refusal ? *refusal : whole_answer(world.vlanMembers, vid, list);
 }
 
 int32_t qorScalarGetApi(uint32_t unit, uint32_t attribute, QorBuffer *text)
 {
     asked("qorScalarGetApi %u %u", unit, attribute);
-    const auto found = world.scalarTexts.find(attribute);
-    if (found == world.scalarTexts.end())
-        return -1;
-    fill(text, found->second.data(), found->second.size());
-    if (found->second.size() > text->length)
-        text->length = static_cast<uint32_t>(found->second.size());
-    return 0;
+    return whole_answer(world.scalarTexts, attribute, text);
 }
 
 uint32_t qorSelfSysIndex(void) { return world.selfSystem; }
