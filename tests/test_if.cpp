@@ -70,32 +70,16 @@ TEST_F(Interface, EntryIsZeroedWhenTakenAgain)
 
 TEST_F(Interface, EnableAsksThePlatform)
 {
-    // claim, change, mac, router, vlanIf, vid, text
+    const char *const MAC = "02 00 00 00 01 0a";
+    // claim, change, MAC, router, vlanIf, vid, the mode that is told
     const std::tuple<const char *, void (*)(WorldPort &), const char *, bool, bool, uint32_t, const char *> rows[] = {
-        {"a port in bridge mode", [](WorldPort &) {}, "02 00 00 00 01 0a", false, false, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
-        {"in router mode", [](WorldPort &port) { port.workMode = 1; }, "02 00 00 00 01 0a", true, false, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode router.\r\n"},
-        {"a mode word of 2 is called router, but the bit is clear",
-         [](WorldPort &port) { port.workMode = 2; }, "02 00 00 00 01 0a", false, false, 0,
-         "[DHCPSNOOP] Dhcpsnoop interface work mode router.\r\n"},
-        {"a VLAN interface",
-         [](WorldPort &port) { port.isVlanIf = true, port.vid = 4094; },
-         "02 00 00 00 01 0a", false, true, 4094, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
-        {"only 12 bits of its VLAN are taken",
-         [](WorldPort &port) { port.isVlanIf = true, port.vid = 0xF00A; },
-         "02 00 00 00 01 0a", false, true, 10, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
-        {"nothing answered: bridge mode, no VLAN interface, MAC zero",
-         [](WorldPort &port) {
-             port.isVlanIf = true;
-             port.workMode = 1;
-             port.silent = {33, 193, 417, 5400};
-         },
-         "00 00 00 00 00 00", false, false, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
-        {"a VLAN interface whose VLAN is not answered",
-         [](WorldPort &port) {
-             port.isVlanIf = true;
-             port.silent = {5400};
-         },
-         "02 00 00 00 01 0a", false, true, 0, "[DHCPSNOOP] Dhcpsnoop interface work mode bridge.\r\n"},
+        {"a port in bridge mode", [](WorldPort &) {}, MAC, false, false, 0, "bridge"},
+        {"in router mode", [](WorldPort &p) { p.workMode = 1; }, MAC, true, false, 0, "router"},
+        {"a mode word of 2 is called router, but the bit is clear", [](WorldPort &p) { p.workMode = 2; }, MAC, false, false, 0, "router"},
+        {"a VLAN interface", [](WorldPort &p) { p.isVlanIf = true, p.vid = 4094; }, MAC, false, true, 4094, "bridge"},
+        {"only 12 bits of its VLAN are taken", [](WorldPort &p) { p.isVlanIf = true, p.vid = 0xF00A; }, MAC, false, true, 10, "bridge"},
+        {"nothing answered: bridge mode, no VLAN interface, MAC zero", [](WorldPort &p) { p.isVlanIf = true, p.workMode = 1, p.silent = {33, 193, 417, 5400}; }, "00 00 00 00 00 00", false, false, 0, "bridge"},
+        {"a VLAN interface whose VLAN is not answered", [](WorldPort &p) { p.isVlanIf = true, p.silent = {5400}; }, MAC, false, true, 0, "bridge"},
     };
     for (const auto &[claim, change, mac, router, vlanIf, vid, text] : rows) {
         SCOPED_TRACE(claim);
@@ -103,21 +87,15 @@ TEST_F(Interface, EnableAsksThePlatform)
         change(world.access(10, 10));
         debug(1);
         ASSERT_EQ(dhcpsnoop_if_enable(10), 0u);
-        EXPECT_EQ(debug_texts()[1], text);
+        EXPECT_EQ(debug_texts()[1], world_format("[DHCPSNOOP] Dhcpsnoop interface work mode %s.\r\n", text));
         EXPECT_EQ(world.calls(), Lines{"qorIfSetApi 10 305 23"}); // DHCPv4 is trapped, DHCPv6 not
         const DhcpsnoopIf *ifp = dhcpsnoop_if_lookup(10);
         ASSERT_NE(ifp, nullptr);
-        EXPECT_EQ(ifp->flags & 0x80000000, 0x80000000); // in use
-        EXPECT_EQ(ifp->flags >> 23 & 3, 1u);            // IPv4
-        EXPECT_EQ(ifp->flags >> 21 & 3, 2u);            // policy: keep
-        EXPECT_EQ(ifp->flags >> 29 & 1, 0u);            // not trusted
-        EXPECT_EQ(ifp->flags >> 1 & 1, router ? 1u : 0u);
-        EXPECT_EQ(ifp->flags >> 2 & 0xFFF, vid);
+        // In use, IPv4, policy 2 (keep), not trusted; router mode and VLAN as answered.
+        EXPECT_EQ(ifp->flags, 0x80000000 | 1u << 23 | 2u << 21 | vid << 2 | (router ? 2u : 0u));
         EXPECT_EQ(ifp->isVlanIf, vlanIf ? 1 : 0);
         EXPECT_EQ(world_hex(ifp->mac, 6), mac);
-        EXPECT_EQ(ifp->setting21, 100);
-        EXPECT_EQ(ifp->maxUser, 32768);
-        EXPECT_EQ(ifp->curUser, 0);
+        EXPECT_TRUE(ifp->setting21 == 100 && ifp->maxUser == 32768 && ifp->curUser == 0);
     }
 }
 
@@ -182,14 +160,9 @@ TEST_F(Interface, LookupByVlan)
 TEST_F(Interface, VersionChange)
 {
     const std::string changed = "Interface trust state is changed!\n\r";
-    const std::string on6 = "[DHCPSNOOP] Process user on interface 10, inet type 2, user type = 2, operate 1.\r\n";
-    const std::string on4 = "[DHCPSNOOP] Process user on interface 10, inet type 1, user type = 2, operate 1.\r\n";
-    const std::string off4[] = {
-        "[DHCPSNOOP] Process user on interface 10, inet type 1, user type = 1, operate 2.\r\n",
-        "[DHCPSNOOP] Process user on interface 10, inet type 1, user type = 2, operate 0.\r\n"};
-    const std::string off6[] = {
-        "[DHCPSNOOP] Process user on interface 10, inet type 2, user type = 1, operate 2.\r\n",
-        "[DHCPSNOOP] Process user on interface 10, inet type 2, user type = 2, operate 0.\r\n"};
+    const auto process = [](uint32_t inet, const char *rest) { return world_format("[DHCPSNOOP] Process user on interface 10, inet type %u, user type = %s.\r\n", inet, rest); };
+    const std::string on4 = process(1, "2, operate 1"), on6 = process(2, "2, operate 1");
+    const std::string off4[] = {process(1, "1, operate 2"), process(1, "2, operate 0")}, off6[] = {process(2, "1, operate 2"), process(2, "2, operate 0")};
     const auto notify = [](uint32_t version, uint32_t state) {
         return world_format("[DHCPSNOOP] Notify interface state to hwapi: unit 10, verion %u, state %u.\r\n", version, state);
     };

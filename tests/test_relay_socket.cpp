@@ -124,32 +124,21 @@ TEST_F(RelaySocket, HandedOverIsKept)
               0);
 }
 
-TEST_F(RelaySocket, HandedOverOfAnotherPortIsReplaced)
+TEST_F(RelaySocket, HandedOverOfAnotherKindIsReplaced)
 {
-    EXPECT_EQ(in_child([] {
-                  const int handed = udp(6767);
-                  if (dup2(handed, 0) != 0 || close(handed) != 0)
-                      return 1;
-                  return platform_linux::relay_socket_start() == 0 && port_of(0) == 67 ? 0 : 2;
-              }),
-              0);
-}
-
-TEST_F(RelaySocket, HandedOverForStreamsIsReplaced)
-{
-    EXPECT_EQ(in_child([] {
-                  close(0);
-                  const sockaddr_in own = address(INADDR_ANY, 67);
-                  if (socket(AF_INET, SOCK_STREAM, 0) != 0 || bind(0, reinterpret_cast<const sockaddr *>(&own), sizeof own) != 0)
-                      return 1;
-                  int type = 0;
-                  socklen_t length = sizeof type;
-                  return platform_linux::relay_socket_start() == 0 && port_of(0) == 67 &&
-                                 getsockopt(0, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_DGRAM
-                             ? 0
-                             : 2;
-              }),
-              0);
+    for (const auto &[type, port] : {std::pair{SOCK_DGRAM, uint16_t{6767}}, {SOCK_STREAM, uint16_t{67}}})
+        EXPECT_EQ(in_child([type = type, port = port] {
+                      close(0);
+                      const sockaddr_in own = address(INADDR_ANY, port);
+                      if (socket(AF_INET, type, 0) != 0 || bind(0, reinterpret_cast<const sockaddr *>(&own), sizeof own) != 0)
+                          return 1;
+                      int now = 0;
+                      socklen_t length = sizeof now;
+                      const bool replaced = platform_linux::relay_socket_start() == 0 && port_of(0) == 67;
+                      return replaced && getsockopt(0, SOL_SOCKET, SO_TYPE, &now, &length) == 0 && now == SOCK_DGRAM ? 0 : 2;
+                  }),
+                  0)
+            << port;
 }
 
 TEST_F(RelaySocket, ThatMayNotBeBoundLeavesStandardInput)

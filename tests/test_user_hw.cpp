@@ -266,24 +266,12 @@ TEST_F(Hardware, GroupsOnAnInterface)
         world.vlan_interface(110, 10);
         snoop(1);
         snoop(110);
-        const struct {
-            char name;
-            uint8_t ipType, userType;
-            uint32_t ifIndex;
-            uint16_t vid;
-        } bindings[] = {{'a', 1, 1, 1, 10},
-                        {'b', 1, 2, 1, 10},
-                        {'c', 1, 1, 2, 10},
-                        {'d', 2, 1, 1, 20},
-                        {'e', 1, 4, 1, 10}};
-        for (const auto &b : bindings) {
-            DhcpsnoopUserKey key = key4(HOST + static_cast<uint32_t>(b.name));
-            key.ipType = b.ipType;
-            DhcpsnoopUser *made = dhcpsnoop_user_table_add(&key);
-            made->userType = b.userType;
-            made->ifIndex = b.ifIndex;
-            made->vid = b.vid;
-            made->mac[0] = static_cast<uint8_t>(b.name);
+        const std::tuple<char, uint8_t, uint8_t, uint32_t, uint16_t> bindings[] = {{'a', 1, 1, 1, 10}, {'b', 1, 2, 1, 10}, {'c', 1, 1, 2, 10}, {'d', 2, 1, 1, 20}, {'e', 1, 4, 1, 10}};
+        for (const auto &[name, ipType, userType, ifIndex, vid] : bindings) {
+            DhcpsnoopUserKey key = key4(HOST + static_cast<uint32_t>(name));
+            key.ipType = ipType;
+            DhcpsnoopUser *made = make_binding(key, {static_cast<uint8_t>(name)}, ifIndex, vid);
+            made->userType = userType;
             made->hwFlags = 0x80;
             made->ipsgCheckItems = 0x40;
         }
