@@ -469,8 +469,10 @@ TEST_F(Sync, TakeOver)
     dhcpsnoop_user_delete(binding(HOST + 1));
     // Its rules are withdrawn from hardware by this unit, and the new standby hears of it.
     EXPECT_EQ(world.calls("hw delete 1").size(), 2u);
-    ASSERT_EQ(world.calls("qorHwScalarSync").size(), 1u);
     EXPECT_EQ(hex(world.all(Did::Call).back()->data), hex(delete_record(HOST + 1)));
+    dhcpsnoop_server_add(SERVER, 20, 2);
+    ASSERT_EQ(world.calls("qorHwScalarSync").size(), 2u);
+    EXPECT_EQ(hex(world.all(Did::Call).back()->data), hex(server_record(ADD, SERVER, 2, 20)));
 }
 
 } // namespace
