@@ -128,6 +128,9 @@ const std::pair<std::string, const char *> USAGE[] = {
     {"vlan 4095 snooping on", "from 1 to 4094"},
     {"binding add 10.0.0.5 mac 02:00:00:00:00:01", "mac, vlan and interface are needed"},
     {"show bindings vlan", "'vlan' lacks its value"},
+    {"guard interface 7", "which check items?"},
+    {"guard vlan 10 ip off", "'off' is no check item"},
+    {"arp-inspection vlan 4095 ip", "from 1 to 4094"},
 };
 
 TEST(CtlUsage, WrongLinesAreRefusedBeforeAnythingIsAsked)
