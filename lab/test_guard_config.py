@@ -4,7 +4,7 @@ import re
 
 import labtest
 
-from lab import SWITCH_CONF
+from lab import MACS, SWITCH_CONF
 
 EVENT = re.compile(r"Receive RTM_SYSTEM_(DAISTART|DAISTOP)|RTM_(IPSG|ANTIARP)_\w+ p_param->item = (\d+)")
 
@@ -75,6 +75,28 @@ class GuardConfig(labtest.LabTest):
         self.daemon = self.lab.start_daemon()
         self.wait("warning", lambda: "IP source guard is configured, but" in self.daemon.log())
         self.assertEqual(self.items("ip"), {}, "nobody would install bindings")
+
+    def test_static_bindings_outlive_a_stop_of_arp_inspection(self):
+        host, address = self.lab.pc1, "10.0.10.50"
+        host.ip(f"addr add {address}/24 dev eth0")
+        self.addCleanup(host.ip, f"addr del {address}/24 dev eth0")
+
+        def answered():
+            host.ip("neigh flush dev eth0")
+            return host.run("ping", "-c", "1", "-W", "1", "10.0.10.1", check=False).returncode == 0
+
+        self.ctl(f"binding add {address} mac {MACS['pc1']} vlan 10 interface swp1")
+        for _ in range(2):
+            self.ctl("arp-inspection interface swp1 ip mac")
+            self.assertTrue(answered(), self.daemon.log()[-3000:])
+            self.ctl("arp-inspection interface swp1 off")
+            self.wait("stop", lambda: self.events().endswith("DAISTOP"))
+        self.ctl("arp-inspection interface swp1 ip mac")
+        self.ctl(f"binding delete {address}")
+        self.assertFalse(answered())
+        refused = {place["interface"]: place["refused"]["arp"] for place in self.show("guard")["interfaces"]}
+        self.assertGreater(refused.pop("swp1"), 0)
+        self.assertEqual(set(refused.values()), {0})
 
     def test_what_is_refused(self):
         self.assertIn("guard vlan 10: the VLAN has no interface", self.refusal("guard vlan 10 ip"))

@@ -31,12 +31,14 @@ struct Rule {
     uint32_t next;    // in its chain, or of the free ones
     uint32_t uses;    // how often the place was given away
     bool installed;   // not while its port is away
+    bool withdrawn;   // by the daemon, during a hold
 };
 
 std::vector<Rule> rules;
 std::vector<uint32_t> chains; // by content; a power of two of them
 uint32_t firstFree = NONE;
 bool fullReported = false;
+bool holding = false;
 
 uint32_t &chain_of(uint32_t ifIndex, const guard_binding_key &key)
 {
@@ -83,7 +85,7 @@ Rule *take(uint32_t ifIndex, const guard_binding_key &key)
     Rule &rule = rules[place];
     firstFree = rule.next;
     uint32_t &chain = chain_of(ifIndex, key);
-    rule = {key, ifIndex, ++rule.uses << PLACE_BITS | (place + 1), chain, rule.uses, false};
+    rule = {key, ifIndex, ++rule.uses << PLACE_BITS | (place + 1), chain, rule.uses, false, false};
     chain = place;
     return &rule;
 }
@@ -116,7 +118,7 @@ void resume(const Port &port)
 {
     uint32_t refused = 0;
     for (Rule &rule : rules) {
-        if (rule.handle == 0 || rule.ifIndex != port.ifIndex || rule.installed)
+        if (rule.handle == 0 || rule.ifIndex != port.ifIndex || rule.installed || rule.withdrawn)
             continue;
         rule.installed = guard_binding_add(rule.key) == 0;
         refused += rule.installed ? 0 : 1;
@@ -175,16 +177,29 @@ void remove(Rule &rule)
     give_back(rule);
 }
 
+void remove_withdrawn()
+{
+    for (Rule &rule : rules)
+        if (rule.handle != 0 && rule.withdrawn)
+            remove(rule);
+}
+
 int32_t add(uint32_t ifIndex, const guard_binding_key &key, Rule *known, uint32_t &handle)
 {
-    if (known != nullptr && says(*known, ifIndex, key))
+    if (known != nullptr && says(*known, ifIndex, key)) {
+        known->withdrawn = false;
         return 0;
+    }
     // The new before the old: no packet is lost in between.
-    const int error = guard_binding_add(key);
+    int error = guard_binding_add(key);
+    if (error == 0 && known != nullptr)
+        remove(*known);
+    if (holding && (error == ENOSPC || firstFree == NONE)) {
+        remove_withdrawn(); // those that are held are in the way
+        error = error == ENOSPC ? guard_binding_add(key) : error;
+    }
     if (error != 0)
         return report_full(error);
-    if (known != nullptr)
-        remove(*known);
     Rule *rule = take(ifIndex, key);
     if (rule == nullptr) {
         guard_binding_remove(key);
@@ -205,12 +220,19 @@ void bindings_start(uint32_t bindings)
         count *= 2;
     chains.assign(count, NONE);
     firstFree = NONE;
-    fullReported = false;
+    fullReported = holding = false;
     for (auto place = static_cast<uint32_t>(rules.size()); place-- != 0;) {
         rules[place].next = firstFree;
         firstFree = place;
     }
     model_watch(model_changed);
+}
+
+void bindings_hold(bool on)
+{
+    if (holding && !on)
+        remove_withdrawn();
+    holding = on;
 }
 
 int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
@@ -233,7 +255,9 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
 
     if (request->operation == QOR_USER_DELETE) {
         // Nothing: the daemon withdraws an aggregate's binding for a port that leaves it, too.
-        if (known != nullptr)
+        if (known != nullptr && holding)
+            known->withdrawn = true;
+        else if (known != nullptr)
             remove(*known);
         return 0;
     }

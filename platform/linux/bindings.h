@@ -26,4 +26,8 @@ void bindings_start(uint32_t bindings);
 // eBPF.
 int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request);
 
+// While it is on, what is deleted stays in force until it is off again, unless it was added once more: where
+// check items change, the daemon withdraws a binding before it installs it anew.
+void bindings_hold(bool on);
+
 } // namespace platform_linux

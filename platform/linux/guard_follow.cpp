@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "bindings.h"
 #include "guard_config.h"
 #include "guard_events.h"
 #include "logging.h"
@@ -25,7 +26,7 @@ constexpr FeatureText FEATURE_TEXTS[] = {
 };
 
 GuardEvents daemonsEvents;
-bool due = false; // something pending has been told
+bool due = false; // the daemon has something to handle, or something is pending that it was told already
 
 // Without its interface a VLAN has no name by which the daemon could be told of it.
 uint32_t interface_of(const GuardPlace &place)
@@ -65,7 +66,12 @@ void follow_config(DaemonEvents &events)
             due = due || guard_pending(items, feature);
     }
     report_unreachable(unreachable);
+    const size_t before = events.size();
     daemonsEvents.follow(wanted, model_ports(), events);
+    if (events.size() == before)
+        return;
+    due = true;
+    bindings_hold(true);
 }
 
 // A daemon that was started without a feature installs nothing when it learns a binding: put in force, the
@@ -99,6 +105,7 @@ void guard_follow_handled()
     if (!due)
         return;
     due = false;
+    bindings_hold(false);
     for (const auto &[place, before] : guard_config_all()) {
         const auto told = daemonsEvents.told().find(interface_of(place));
         if (told == daemonsEvents.told().end())

@@ -7,7 +7,8 @@
 namespace platform_linux
 {
 
-// The daemon's own configuration: reads it, and appends to `events`.
+// The daemon's own configuration: reads it, and appends to `events`. Bindings that the daemon withdraws in
+// handling them stay in force until it has handled them all.
 void guard_follow(DaemonEvents &events);
 
 // All that was appended has been handled by the daemon, its bindings are installed: what was pending comes
