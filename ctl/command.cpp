@@ -25,7 +25,7 @@ ExitStatus complete(const Context &context, std::span<const std::string> argumen
 constexpr char BINDING_FILTERS[] =
     "[interface IF] [vlan VID] [mac MAC] [address ADDRESS] [type dynamic|static] [state STATE]";
 
-constexpr char CHECK_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [off]";
+constexpr char CHECK_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [off] [exempt]";
 constexpr char CHECK_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [off]";
 
 constexpr char BINDING_VALUES[] = "ADDRESS [mac MAC] [vlan VID] [interface IF] [attribute N] [unbound]";

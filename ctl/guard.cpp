@@ -22,6 +22,7 @@ constexpr Choice CHECK_ITEMS[] = {
     {"vlan", GUARD_CHECK_VLAN   },
     {"port", GUARD_CHECK_PORT   }
 };
+constexpr char EXEMPT[] = "exempt"; // a port from its VLANs' settings;
 
 constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed"};
 static_assert(std::size(REASONS) == GUARD_REASONS);
@@ -45,6 +46,8 @@ Words placeWords(const GuardPlace &place)
 Words itemWords(uint8_t items)
 {
     Words words;
+    if (items == GUARD_EXEMPT)
+        words.push_back(EXEMPT);
     for (const Choice &item : CHECK_ITEMS)
         if ((items & item.value) != 0)
             words.push_back(item.word);
@@ -56,13 +59,15 @@ uint8_t parseItems(std::span<const std::string> words)
 {
     if (words.size() == 1 && words[0] == "off")
         return 0;
+    if (words.size() == 1 && words[0] == EXEMPT)
+        return GUARD_EXEMPT;
     uint32_t items = 0;
     for (const std::string &word : words) {
         const Choice *found = nullptr;
         for (const Choice &item : CHECK_ITEMS)
             found = word == item.word ? &item : found;
         if (!found)
-            throw UsageError("'" + word + "' is no check item (ip, mac, vlan, port; or off alone)");
+            throw UsageError("'" + word + "' is no check item (ip, mac, vlan, port; or off or exempt alone)");
         items |= found->value;
     }
     if (items == 0)
@@ -91,7 +96,7 @@ void checkPlace(const Context &context, const GuardPlace &place, const std::stri
 bool isInspecting()
 {
     for (const auto &[place, items] : guard_config_all())
-        if (guard_wanted(items, GuardFeature::arpInspection) != 0)
+        if (guard_checked(items, GuardFeature::arpInspection) != 0)
             return true;
     return false;
 }
@@ -138,6 +143,8 @@ ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace
                   std::span<const std::string> words)
 {
     const uint8_t wanted = parseItems(words);
+    if (place.isVlan && wanted == GUARD_EXEMPT)
+        throw UsageError("ports are exempt from what their VLANs have, not VLANs");
     Words name = placeWords(place);
     name.insert(name.begin(), commandWord(feature));
     const std::string what = joinQuoted(name);
@@ -145,7 +152,8 @@ ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace
     openConfig(what);
     if (wanted != 0)
         checkPlace(context, place, what, daemonRuns);
-    if (wanted != 0 && daemonRuns && feature == GuardFeature::arpInspection && !isInspecting())
+    if ((wanted & GUARD_CHECK_ALL) != 0 && daemonRuns && feature == GuardFeature::arpInspection &&
+        !isInspecting())
         bindStatics(context.daemon);
     switchGuard(context, place, feature, wanted, what, daemonRuns);
     return EXIT_DONE;

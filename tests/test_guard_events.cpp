@@ -157,6 +157,11 @@ TEST(GuardEvents, ItemsComeIntoForceWhenTheyAreSettled)
     guard_switch(items, GuardFeature::ipSourceGuard, 0x40);
     guard_switch(items, GuardFeature::ipSourceGuard, 0);
     EXPECT_TRUE(items.ip == 0 && items.ip_pending == 0) << "off at once";
+    guard_switch(items, GuardFeature::ipSourceGuard, GUARD_EXEMPT);
+    EXPECT_TRUE(items.ip == 0x01 && items.ip_pending == 0) << "exempt at once";
+    EXPECT_EQ(guard_checked(items, GuardFeature::ipSourceGuard), 0) << "which is off for the daemon";
+    guard_switch(items, GuardFeature::ipSourceGuard, 0x80);
+    EXPECT_EQ(items.ip, 0x01) << "goes on until the items are in force";
 }
 
 } // namespace

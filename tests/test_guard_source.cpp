@@ -286,6 +286,11 @@ TEST_P(GuardSource, StandsWhereItIsTold)
         {"in another VLAN", {0, 0}, {VLAN, 0}, tagged(UDP6, tag20), PASSED},
         {"inspection in the VLAN", {0, 0}, {0, VLAN}, REPLY, REFUSED},
         {"each feature in its own place", {MAC, 0}, {0, VLAN}, REPLY, REFUSED},
+        {"an exempt port", {GUARD_EXEMPT, 0}, {VLAN, 0}, UDP6, PASSED},
+        {"exempt from the other feature", {0, GUARD_EXEMPT}, {VLAN, 0}, UDP6, REFUSED},
+        {"exempt from inspection", {0, GUARD_EXEMPT}, {VLAN, VLAN}, REPLY, PASSED},
+        {"exempt from one, too many tags", {GUARD_EXEMPT, 0}, {VLAN, VLAN}, tagged(UDP4, tag10 + tag20 + tag20), REFUSED},
+        {"exempt from both, too many tags", {GUARD_EXEMPT, GUARD_EXEMPT}, {VLAN, VLAN}, tagged(UDP4, tag10 + tag20 + tag20), PASSED},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);

@@ -344,7 +344,7 @@ int32_t guard_answer(GuardFeature feature, uint32_t ifIndex, uint32_t call, void
     if (reply == nullptr)
         return EINVAL;
     const bool isVlan = port->kind == PortKind::vlanInterface;
-    const uint8_t items = guard_wanted(guard_config_get({isVlan, isVlan ? port->vlan : ifIndex}), feature);
+    const uint8_t items = guard_checked(guard_config_get({isVlan, isVlan ? port->vlan : ifIndex}), feature);
     if (call == GUARD_ENABLED)
         *static_cast<uint32_t *>(reply) = items != 0 ? 1 : 0;
     else if (call == GUARD_ITEMS)

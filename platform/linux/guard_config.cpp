@@ -161,7 +161,7 @@ uint8_t guard_wanted(const guard_items &items, GuardFeature feature)
 {
     const Bytes bytes = bytes_of(feature);
     const uint8_t wanted = guard_pending(items, feature) ? items.*bytes.pending : items.*bytes.inForce;
-    return wanted & GUARD_CHECK_ALL;
+    return wanted & (GUARD_CHECK_ALL | GUARD_EXEMPT);
 }
 
 bool guard_pending(const guard_items &items, GuardFeature feature)
@@ -173,9 +173,10 @@ bool guard_pending(const guard_items &items, GuardFeature feature)
 void guard_switch(guard_items &items, GuardFeature feature, uint8_t wanted)
 {
     const Bytes bytes = bytes_of(feature);
-    items.*bytes.pending = wanted;
-    if (wanted == 0)
-        items.*bytes.inForce = 0;
+    const bool checks = (wanted & GUARD_CHECK_ALL) != 0;
+    items.*bytes.pending = checks ? wanted : uint8_t{0};
+    if (!checks)
+        items.*bytes.inForce = wanted;
 }
 
 void guard_settle(guard_items &items, GuardFeature feature)

@@ -17,9 +17,6 @@ namespace platform_linux
 enum class GuardFeature : uint8_t { ipSourceGuard, arpInspection };
 constexpr GuardFeature GUARD_FEATURES[] = {GuardFeature::ipSourceGuard, GuardFeature::arpInspection};
 
-constexpr uint8_t GUARD_CHECK_ALL =
-    GUARD_CHECK_ADDRESS | GUARD_CHECK_MAC | GUARD_CHECK_VLAN | GUARD_CHECK_PORT;
-
 // A port by its interface index, or a VLAN by its id (1 to 4094).
 struct GuardPlace {
     bool isVlan;
@@ -39,8 +36,13 @@ std::map<GuardPlace, guard_items> guard_config_all();
 // 0 or an errno value.
 int guard_config_set(const GuardPlace &place, const guard_items &items);
 
-// Check items as they are to be, in force or not yet; 0 = off.
+// Check items as they are to be, in force or not yet; 0 = off, GUARD_EXEMPT alone = exempt.
 uint8_t guard_wanted(const guard_items &items, GuardFeature feature);
+// The same for the daemon, which knows of no exemption: 0 = off or exempt.
+inline uint8_t guard_checked(const guard_items &items, GuardFeature feature)
+{
+    return guard_wanted(items, feature) & GUARD_CHECK_ALL;
+}
 bool guard_pending(const guard_items &items, GuardFeature feature);
 void guard_switch(guard_items &items, GuardFeature feature, uint8_t wanted);
 // What is pending is in force.

@@ -57,8 +57,8 @@ void follow_config(DaemonEvents &events)
             unreachable.insert(place.number);
         if (ifIndex == 0)
             continue;
-        const GuardedInterface guarded = {guard_wanted(items, GuardFeature::ipSourceGuard),
-                                          guard_wanted(items, GuardFeature::arpInspection),
+        const GuardedInterface guarded = {guard_checked(items, GuardFeature::ipSourceGuard),
+                                          guard_checked(items, GuardFeature::arpInspection),
                                           static_cast<uint16_t>(place.isVlan ? place.number : 0)};
         if (guarded.ip != 0 || guarded.arp != 0)
             wanted[ifIndex] = guarded;
@@ -115,7 +115,7 @@ void guard_follow_handled()
         for (const GuardFeature feature : GUARD_FEATURES) {
             const uint8_t known = feature == GuardFeature::ipSourceGuard ? told->second.ip : told->second.arp;
             // Changed again meanwhile: that is announced too.
-            if (!guard_pending(items, feature) || guard_wanted(items, feature) != known ||
+            if (!guard_pending(items, feature) || guard_checked(items, feature) != known ||
                 !daemon_serves(feature))
                 continue;
             guard_settle(items, feature);

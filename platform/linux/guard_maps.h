@@ -45,6 +45,8 @@ struct guard_state {
 #define GUARD_CHECK_MAC 0x40
 #define GUARD_CHECK_VLAN 0x20
 #define GUARD_CHECK_PORT 0x10
+#define GUARD_CHECK_ALL 0xF0
+#define GUARD_EXEMPT 0x01 /* alone, in a port's guard_items byte: the port does not follow its VLANs' */
 
 /* Maps guard_port_items, a hash by interface index, and guard_vlan_items, an array by VLAN id: where IP
  * source guard and ARP inspection stand, by the check items that bindings are to be installed with; 0 = off

@@ -150,11 +150,15 @@ static __always_inline __u32 word_of(struct guard_items items)
 static __always_inline bool is_guarded(__u32 ifindex, __u32 vid, __u32 wanted)
 {
     const struct guard_items *port = bpf_map_lookup_elem(&guard_port_items, &ifindex);
+    __u32 exempt = 0;
 
-    if (port && word_of(*port) & wanted)
-        return true;
+    if (port) {
+        if (word_of(*port) & wanted)
+            return true;
+        exempt = word_of(*port) & word_of((struct guard_items){.ip = GUARD_EXEMPT, .arp = GUARD_EXEMPT});
+    }
     const struct guard_items *vlan = bpf_map_lookup_elem(&guard_vlan_items, &vid);
-    return vlan && word_of(*vlan) & wanted;
+    return vlan && word_of(*vlan) & wanted & ~(exempt * 0xFF); // each byte's bit, all over the byte
 }
 
 // May the packet go on? One that may not is counted.
@@ -164,11 +168,11 @@ static __always_inline bool may_pass(const struct __sk_buff *skb, struct network
     struct source source = {};
 
     // Behind too many tags there could be either.
-    __u32 wanted = word_of((struct guard_items){.ip = 0xFF, .arp = 0xFF});
+    __u32 wanted = word_of((struct guard_items){.ip = GUARD_CHECK_ALL, .arp = GUARD_CHECK_ALL});
     if (network.type == ETH_P_ARP)
-        wanted = word_of((struct guard_items){.arp = 0xFF});
+        wanted = word_of((struct guard_items){.arp = GUARD_CHECK_ALL});
     else if (!is_tag(network.type))
-        wanted = word_of((struct guard_items){.ip = 0xFF});
+        wanted = word_of((struct guard_items){.ip = GUARD_CHECK_ALL});
     if (!is_guarded(ifindex, vid, wanted))
         return true;
     load(skb, ETH_ALEN, &source.mac, ETH_ALEN);
