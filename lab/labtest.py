@@ -22,6 +22,7 @@ from wire import Capture, Endpoint
 class LabTest(unittest.TestCase):
     offload = True  # checksum offload at every link, as veth has it
     daemon_arguments = ()
+    version = "4"
 
     @classmethod
     def setUpClass(cls):
@@ -39,6 +40,8 @@ class LabTest(unittest.TestCase):
         self.daemon = self.lab.start_daemon(*self.daemon_arguments, under=under)
         for port, _, _ in PORTS:
             self.ctl(f"interface {port} snooping on")
+            if self.version != "4":
+                self.ctl(f"interface {port} version {self.version}")
         for port in TRUSTED:
             self.ctl(f"interface {port} trust on")
 
@@ -87,6 +90,12 @@ class LabTest(unittest.TestCase):
         endpoint = Endpoint(host, device)
         self.addCleanup(endpoint.socket.close)
         return endpoint
+
+    def detect_duplicates(self, host):
+        """Addresses of the host are tentative until nobody claims them, as anywhere outside the lab."""
+        for name in ("accept_dad", "dad_transmits"):
+            host.sysctl(f"net/ipv6/conf/eth0/{name}", 1)
+            self.addCleanup(host.sysctl, f"net/ipv6/conf/eth0/{name}", 0)
 
     def capture(self, host, device="eth0"):
         capture = Capture(host, device)

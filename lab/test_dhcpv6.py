@@ -7,7 +7,7 @@ import labtest
 
 from dhcpv6 import (DHCP6OptIA_NA, DHCP6OptIAAddress, DHCP6OptServerId, IPv6, TYPES, addresses, exchange, from_client,
                     from_server, ia_na, is_dhcp6, link_local, receive)
-from lab import MACS, PORTS, TRUNK_CLIENTS, TRUSTED
+from lab import MACS, TRUNK_CLIENTS
 from scapy.layers.dhcp6 import DHCP6OptIfaceId, DHCP6OptReconfMsg, DHCP6OptRemoteID, DHCP6OptStatusCode, DUID_LL
 from scapy.layers.l2 import Ether
 from wire import outer_vid
@@ -23,22 +23,11 @@ CLIENTS = (
 
 
 class Six(labtest.LabTest):
-    def start_daemon(self, under=()):
-        self.daemon = self.lab.start_daemon()
-        for port, _, _ in PORTS:
-            self.ctl(f"interface {port} snooping on")
-            self.ctl(f"interface {port} version both")
-        for port in TRUSTED:
-            self.ctl(f"interface {port} trust on")
+    version = "both"
 
     def server_says(self, *words):
         """Is there a line in the server's log with all these words?"""
         return any(all(word in line for word in words) for line in self.lab.processes[0].log().splitlines())
-
-    def detect_duplicates(self, host):
-        for name in ("accept_dad", "dad_transmits"):
-            host.sysctl(f"net/ipv6/conf/eth0/{name}", 1)
-            self.addCleanup(host.sysctl, f"net/ipv6/conf/eth0/{name}", 0)
 
 
 class Leases(Six):
