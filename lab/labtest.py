@@ -102,6 +102,17 @@ class LabTest(unittest.TestCase):
         self.addCleanup(capture.socket.close)
         return capture
 
+    def arrives(self, frame, sender, receiver):
+        """Does it reach the receiver? A frame that nobody guards, sent behind it, tells when to stop waiting."""
+        wanted = bytes(frame)
+        head = 16 if wanted[12:14] == b"\x81\x00" else 12
+        with self.endpoint(self.lab.hosts[sender]) as source, self.endpoint(self.lab.hosts[receiver]) as sink:
+            source.send(frame)
+            source.send(wanted[:head] + b"\x88\xb6" + bytes(46))
+            seen = []
+            sink.receive("marker", lambda got: seen.append(bytes(got)) or b"\x88\xb6" in seen[-1][12:18])
+        return any(wanted[head:] in got for got in seen)
+
     def wait(self, what, condition, timeout=20.0):
         return wait_for(what, condition, timeout)
 

@@ -273,7 +273,7 @@ bool guard_open(uint32_t bindings, std::string &why, std::string &note)
                std::to_string(GUARD_INHERIT_SECONDS) + " s unless they are set again";
     if (inherited != 0)
         note += std::string(note.empty() ? "" : "; ") + std::to_string(inherited) +
-                " bindings of an earlier run count for " +
+                " binding rules of an earlier run count for " +
                 std::to_string(GUARD_INHERIT_BINDINGS_SECONDS / 3600) + " h unless something else is learned";
     if (note.empty() && pins.empty())
         note =

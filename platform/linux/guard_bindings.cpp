@@ -25,7 +25,8 @@ struct Bindings {
     int map = -1, state = -1;
     guard_state now = {};
     uint32_t uses[MASK_BITS] = {}; // keys in the map, by bit of guard_state.masks
-    // Of an earlier run, as they were taken over: by address, and by MAC. What has gone since is still here.
+    uint32_t inherited = 0;        // keys in the map that are an earlier run's
+    // Those, as they were taken over: by address, and by MAC. What has gone since is still here.
     std::vector<guard_binding_key> byAddress, byMac;
 } bindings;
 
@@ -102,6 +103,7 @@ bool drop_inherited(const guard_binding_key &key)
         bpf_map_delete_elem(bindings.map, &key) != 0)
         return false;
     discount_key(key);
+    bindings.inherited--;
     return true;
 }
 
@@ -109,6 +111,8 @@ bool drop_inherited(const guard_binding_key &key)
 // over. So is what it let pass with fewer items of the same host.
 void drop_contradictions(const guard_binding_key &key)
 {
+    if (bindings.inherited == 0)
+        return;
     if (key.mask & GUARD_CHECK_ADDRESS) {
         const auto [first, last] =
             std::equal_range(bindings.byAddress.begin(), bindings.byAddress.end(), key, address_before);
@@ -128,14 +132,14 @@ void drop_contradictions(const guard_binding_key &key)
     }
     for (uint32_t items = 0x10; items < key.mask; items += 0x10) {
         const auto mask = static_cast<uint8_t>(items);
-        if ((mask & key.mask) == mask)
+        if ((mask & key.mask) == mask && bindings.uses[16u * key.kind + items / 16] != 0)
             drop_inherited(reduced(key, mask));
     }
 }
 
 bool drop_any_inherited()
 {
-    while (!bindings.byMac.empty()) {
+    while (bindings.inherited != 0 && !bindings.byMac.empty()) {
         const bool dropped = drop_inherited(bindings.byMac.back());
         bindings.byMac.pop_back();
         if (dropped)
@@ -187,6 +191,7 @@ uint32_t guard_bindings_open(int map, int state)
         bindings.byAddress.push_back(key);
     }
     bindings.byMac = bindings.byAddress;
+    bindings.inherited = static_cast<uint32_t>(bindings.byMac.size());
     std::sort(bindings.byAddress.begin(), bindings.byAddress.end(), address_before);
     std::sort(bindings.byMac.begin(), bindings.byMac.end(), mac_before);
     // The time first: between the two a frame of a bound host must not find neither.
@@ -194,7 +199,7 @@ uint32_t guard_bindings_open(int map, int state)
     state_write();
     bindings.now.run++;
     state_write();
-    return static_cast<uint32_t>(bindings.byMac.size());
+    return bindings.inherited;
 }
 
 void guard_bindings_close() { bindings = Bindings(); }
@@ -230,6 +235,8 @@ int guard_binding_add(const guard_binding_key &key)
         error = -bpf_map_update_elem(bindings.map, &key, &binding, BPF_ANY);
     if (error != 0 && !known)
         discount_key(key);
+    if (error == 0 && known)
+        bindings.inherited--;
     if (error == 0)
         drop_contradictions(key);
     return error == E2BIG ? ENOSPC : error;
