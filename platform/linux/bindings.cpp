@@ -62,9 +62,11 @@ Rule *find(uint32_t handle, uint32_t ifIndex, const guard_binding_key &key)
     if (handle == 0 || place >= rules.size() || rules[place].handle != handle)
         return nullptr;
     Rule &rule = rules[place];
-    const bool same = rule.ifIndex == ifIndex && rule.key.kind == key.kind &&
-                      memcmp(rule.key.mac, key.mac, sizeof key.mac) == 0 &&
-                      memcmp(rule.key.addr, key.addr, sizeof key.addr) == 0;
+    const uint8_t both = rule.key.mask & key.mask; // other items than before are the same binding's
+    const bool same =
+        rule.ifIndex == ifIndex && rule.key.kind == key.kind &&
+        (!(both & GUARD_CHECK_MAC) || memcmp(rule.key.mac, key.mac, sizeof key.mac) == 0) &&
+        (!(both & GUARD_CHECK_ADDRESS) || memcmp(rule.key.addr, key.addr, sizeof key.addr) == 0);
     return same ? &rule : nullptr;
 }
 
