@@ -1,4 +1,4 @@
-"""What scripts/lab shows: real clients get their leases through the daemon, a rogue server is refused.
+"""What scripts/lab shows: real clients get their leases through the daemon, a rogue server and a spoofing host are refused.
 
     demo.py BUILD demo|shell
 """
@@ -15,10 +15,13 @@ OUTSIDE_PID = isolate.enter([BUILD, os.path.dirname(os.path.realpath(__file__))]
 
 from dhcpv6 import Client6
 from lab import MACS, PORTS, RELAY_ADDRESS, RELAY_SERVERS, RUN, Client, Failure, Lab, wait_for
-from wire import Capture, Endpoint, from_server, is_dhcp
+from scapy.layers.inet import IP, UDP
+from scapy.layers.l2 import ARP, Ether
+from wire import BROADCAST, Capture, Endpoint, from_server, is_dhcp
 
 ROGUE_ADDRESS, ROGUE_LEASE = "10.0.10.66", "10.0.10.250"
 ROGUE_REPLIES = 5  # of each kind
+GATEWAY, FORGED, FORGERIES = "10.0.10.1", "10.0.10.66", 5
 
 
 def configure(lab):
@@ -78,6 +81,33 @@ def send_rogue_replies(lab):
         raise Failure("a rogue server's reply reached a client")
 
 
+def forge_sources(lab):
+    """pc1 turns bad: it sends from an address that is not its own, and answers ARP for its gateway."""
+    own = next(binding["address"] for binding in json.loads(lab.ctl("show", "bindings", "--json").stdout)
+               if binding["mac"] == MACS["pc1"] and "." in binding["address"])
+    to_all = Ether(src=MACS["pc1"], dst=BROADCAST)
+    kinds = (("packets from its own address", to_all / IP(src=own, dst=GATEWAY) / UDP(dport=9) / b"own", FORGERIES),
+             (f"packets from {FORGED}", to_all / IP(src=FORGED, dst=GATEWAY) / UDP(dport=9) / b"forged", 0),
+             (f"ARP replies for {GATEWAY}", to_all / ARP(op=2, hwsrc=MACS["pc1"], psrc=GATEWAY, pdst=ROGUE_ADDRESS), 0))
+    print("\nWith IP source guard and ARP inspection on swp1:")
+    for command in ("guard interface swp1 ip mac vlan port", "arp-inspection interface swp1 ip mac vlan port"):
+        lab.ctl(*command.split())
+        print(f"  dhcpsnoopctl {command}")
+    print(f"pc1 sent {FORGERIES} of each, so many arrived at its neighbour:")
+    with Endpoint(lab.rogue) as neighbour, Endpoint(lab.pc1) as pc1:
+        for _, frame, _ in kinds:
+            for _ in range(FORGERIES):
+                pc1.send(frame)
+        pc1.send(bytes(to_all)[:12] + b"\x88\xb6" + bytes(46))  # nobody guards this; behind it nothing follows
+        seen = []
+        neighbour.receive("the last frame", lambda frame: seen.append(bytes(frame)) or frame.type == 0x88B6)
+    for what, frame, expected in kinds:
+        arrived = sum(got.startswith(bytes(frame)) for got in seen)
+        print(f"  {what:<30} {arrived}")
+        if arrived != expected:
+            raise Failure(f"{arrived} {what} arrived, not {expected}")
+
+
 def as_text(value):
     """Bytes in hexadecimal as the text that they are, when they are one."""
     try:
@@ -95,7 +125,7 @@ def demo(lab):
     print("The switch and who is on it:")
     for port, model, host in PORTS:
         print(f"  {port}  {model:<20}  {'relay1, relay2' if host == 'core' else host}")
-    lab.start_daemon()
+    lab.start_daemon("20", "256", "1", "1")  # interfaces, bindings, with IP source guard and ARP inspection
     configure(lab)
     print("\nThe leases that the clients got:")
     with Capture(lab.server) as capture:
@@ -111,6 +141,8 @@ def demo(lab):
             print(f"  {line}{as_text(line.split()[-1])}")
     send_rogue_replies(lab)
     show(lab, "show", "interface", "swp5")
+    forge_sources(lab)
+    show(lab, "show", "guard")
 
 
 def shell(lab):
