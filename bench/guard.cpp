@@ -220,8 +220,9 @@ int main(int argc, char **argv)
     must(guard_port_add(port, 1), "port");
     if (!guard_config_open(why))
         die(why);
-    Link from("c1");
-    const Link to("c2");
+    constexpr uint16_t NONE = 0x88B5; // neither of them is to receive
+    Link from("c1", NONE);
+    const Link to("c2", NONE);
     printf("{\n");
     for (const Kind kind : {IPV4, IPV6, ARP})
         for (const uint32_t bindings : {1000u, MOST})
