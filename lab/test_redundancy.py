@@ -32,6 +32,17 @@ class UnitsTest(unittest.TestCase):
         self.assertEqual(missing, [])
 
 
+    def assert_enforced(self, unit):
+        """Every bound host gets through, a forged address does not."""
+        numbers = range(len(self.traffic.frames))
+        bound = [self.traffic.frames[number][1] for number in numbers
+                 if self.traffic.frames[number][1] in self.traffic.acknowledged]
+        packets = [self.traffic.packet(number) for number in numbers
+                   if self.traffic.frames[number][1] in self.traffic.acknowledged]
+        forged = [self.traffic.packet(number, "10.0.10.250") for number in (0, 1)]
+        self.assertEqual(self.traffic.arrive(*self.at(unit), [*packets, *forged]), bound)
+
+
 class Redundancy(UnitsTest):
     def start(self, left="master", right="slave"):
         for unit, role in ((self.left, left), (self.right, right)):
@@ -46,12 +57,17 @@ class Redundancy(UnitsTest):
 
     def test_failover(self):
         self.start()
+        for unit in (self.left, self.right):
+            unit.ctl("guard interface swp1 ip mac port")
         self.traffic.run(*self.at(self.left), 200)
         self.wait_equal()
+        self.assert_enforced(self.left)
+        self.traffic.run(*self.at(self.left), 40)  # renewals; the last ones are under way
         self.left.kill()
         before = time.monotonic()
         self.right.ctl("role master")
-        self.assert_complete(self.right, older=before - time.monotonic())
+        self.assert_enforced(self.right)
+        self.assert_complete(self.right, older=time.monotonic() - before)
         self.assertEqual(self.right.show("redundancy")["role"], "master")
         # Every host goes on with the address that it has, and new ones are learned.
         self.traffic.run(*self.at(self.right), 60)
@@ -60,6 +76,11 @@ class Redundancy(UnitsTest):
         self.left.configure("slave", "journal off", *self.pair.peer_lines("left"))
         self.left.start(*SETTINGS)
         self.wait_equal()
+        # And takes over again: the one that goes withdraws, the one that comes installs.
+        self.right.ctl("role slave")
+        self.assertEqual(self.traffic.arrive(*self.at(self.right), [self.traffic.packet(1)]), [])
+        self.left.ctl("role master")
+        self.assert_enforced(self.left)
 
     def test_partition(self):
         self.start()
@@ -110,6 +131,7 @@ class Journal(UnitsTest):
         seed = int(os.environ.get("LAB_SEED", "1"))
         chance = random.Random(seed)
         self.start()
+        self.left.ctl("guard interface swp1 ip mac port")
         done = 0
         for _ in range(RESTARTS):
             exchanges = chance.randrange(1, 40)
@@ -119,6 +141,7 @@ class Journal(UnitsTest):
             self.left.kill()
             self.left.start(*SETTINGS)
             self.assert_complete(self.left)
+            self.assert_enforced(self.left)
 
     def test_renumbered(self):
         """A binding waits for its port, which comes back with another index."""

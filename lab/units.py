@@ -13,7 +13,9 @@ import subprocess
 import time
 
 from lab import RUN, Failure, Host, Process, wait_for
-from wire import from_client, from_server
+from scapy.layers.inet import IP, UDP
+from scapy.layers.l2 import Ether
+from wire import BROADCAST, from_client, from_server
 
 PEERS = {"left": ("192.0.2.1", "connect", "right"), "right": ("192.0.2.2", "listen", "left")}
 SERVER = ("10.0.10.1", "02:00:00:00:05:01")
@@ -146,6 +148,25 @@ class Traffic:
         self.acknowledged[address] = (mac, time.monotonic())
         return True
 
+    def packet(self, number, address=None):
+        """A UDP packet of a client, with its own source address or a forged one."""
+        mac, own = self.frames[number % len(self.frames)][:2]
+        return bytes(Ether(src=mac, dst=BROADCAST) / IP(src=address or own, dst="10.0.10.255") / UDP(sport=9, dport=9))
+
+    def arrive(self, clients, server, packets):
+        """The source addresses of those packets that come through to the server, each as often as it does."""
+        near, far = self.socket(clients), self.socket(server)
+        for packet in packets:
+            near.send(packet)
+        # Not IP, so it always passes; it cannot overtake.
+        marker = bytes.fromhex("ffffffffffff" + "020000000101" + "88b5") + os.urandom(46)
+        near.send(marker)
+        sources = []
+        while (frame := far.recv(2048)) != marker:
+            if frame[12:14] == b"\x08\x00" and frame[34:36] == b"\x00\x09":
+                sources.append(socket.inet_ntoa(frame[26:30]))
+        return sources
+
     @staticmethod
     def await_frame(sock, xid, op):
         try:
@@ -175,10 +196,14 @@ class Pair:
         self.left, self.right = self.units.values()
         self.hosts = {}
         for name, unit in self.units.items():
+            unit.ip("link add br0 type bridge mcast_snooping 0")
+            for table in ("iptables", "ip6tables", "arptables"):
+                unit.sysctl(f"net/bridge/bridge-nf-call-{table}", 0)
             for port, end in (("swp1", f"c-{name}"), ("swp2", f"s-{name}")):
                 host = self.hosts[end] = Host(end)
                 mac = SERVER[1] if port == "swp2" else "02:00:00:00:01:01"
                 self.connect(host, unit, port, mac)
+            unit.ip("link set br0 up")
         subprocess.run("ip link add peer0 netns left type veth peer name peer0 netns right".split(), check=True)
         for name, unit in self.units.items():
             unit.ip(f"addr add {PEERS[name][0]}/30 dev peer0")
@@ -188,6 +213,7 @@ class Pair:
     def connect(host, unit, port, mac):
         host.ip(f"link add eth0 address {mac} type veth peer name {port} netns {unit.name}")
         host.ip("link set eth0 up")
+        unit.ip(f"link set {port} master br0")
         unit.ip(f"link set {port} up")
 
     def peer_lines(self, name):
