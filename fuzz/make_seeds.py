@@ -11,6 +11,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import zlib
 
 from scapy.all import BOOTP, IP, UDP, Dot1AD, Dot1Q, Ether, IPv6, Raw, wrpcap
 
@@ -449,6 +450,31 @@ def translate_seeds():
     return seeds
 
 
+def unit_record(kind=1, add=1, ip=1, user=1, address='0a000a02', port=b'swp1', vid=10, lease=3600):
+    """A record as it travels and lies in the journal (unit_record.cpp)."""
+    return struct.pack('>4B16s16sHHIIIBBH6s2x', kind, add, ip, user, bytes.fromhex(address), port, vid, vid, lease, 1699999000,
+                       1700000000, 1, 0x30, 0, bytes.fromhex('02c100000001'))
+
+
+def journal_seeds():
+    """fuzz_journal.cpp: what the input is and how it is cut, then the bytes."""
+    records = [unit_record(), unit_record(add=0, user=0, port=b'', lease=0), unit_record(kind=2, user=0, address='0a000001'),
+               unit_record(ip=2, address='20010db8' + '00' * 11 + '01'), unit_record(user=2, port=b'', lease=0xFFFFFFFF)]
+    slots = [slot + struct.pack('>I', zlib.crc32(slot)) for slot in (b'DSJ1' + record for record in records)]
+    message = lambda kind, payload=b'': b'DSNP' + struct.pack('>BBH', 1, kind, len(payload)) + payload
+    stream = [message(1, b'\1\0\0\0'), message(3), *(message(2, record) for record in records),
+              message(4, struct.pack('>I', len(records))), message(5), message(6)]
+    return {
+        'journal': b'\x3f' + b''.join(slots),
+        'torn': b'\x07' + slots[0] + slots[1][:40],
+        'flipped': b'\x3f' + slots[0][:30] + b'?' + slots[0][31:] + slots[1],
+        'sums': b'\x47' + b''.join(slots),
+        'stream': b'\xbf' + b''.join(stream),
+        'stream-bytewise': b'\x80' + b''.join(stream),
+        'stream-length': b'\x88' + message(2, records[0])[:6] + b'\xff\xff' + records[0],
+    }
+
+
 def check():
     with tempfile.TemporaryDirectory() as directory:
         capture = pathlib.Path(directory) / 'seeds.pcap'
@@ -464,7 +490,8 @@ def check():
 
 def main():
     for target, seeds in (('fuzz_recv', recv_seeds()), ('fuzz_cmd', cmd_seeds()), ('fuzz_notify', notify_seeds()),
-                          ('fuzz_sync', sync_seeds()), ('fuzz_translate', translate_seeds())):
+                          ('fuzz_sync', sync_seeds()), ('fuzz_translate', translate_seeds()),
+                          ('fuzz_journal', journal_seeds())):
         directory = HERE / 'seeds' / target
         directory.mkdir(parents=True, exist_ok=True)
         for old in directory.iterdir():
