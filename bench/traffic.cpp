@@ -185,11 +185,11 @@ class Run
     {
         printf(
             "{\"forwarded\": %llu, \"lost\": %llu, \"unknown\": %llu, \"seconds\": %.6f, \"median_us\": %zu, "
-            "\"p99_us\": %zu}\n",
+            "\"p99_us\": %zu, \"max_us\": %zu}\n",
             static_cast<unsigned long long>(statistics_.forwarded()),
             static_cast<unsigned long long>(matcher_.lost()),
             static_cast<unsigned long long>(matcher_.unknown()), statistics_.seconds(),
-            statistics_.percentile(50), statistics_.percentile(99));
+            statistics_.percentile(50), statistics_.percentile(99), statistics_.percentile(100));
     }
 
   private:

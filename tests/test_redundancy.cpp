@@ -228,7 +228,7 @@ TEST_F(JournalFile, KeepsWhatWasWrittenAndStaysSmall)
     ASSERT_TRUE(journal.open(path_, WRITTEN, table, error)) << error;
     UnitRecord record = numbered(1);
     ASSERT_TRUE(table.apply(record));
-    journal.append(record, WRITTEN);
+    journal.append(unit_encode(record, WRITTEN));
     journal.write(table, WRITTEN, false); // not on the disk, but no longer the process's
     UnitTable other;
     Journal second;
@@ -239,17 +239,17 @@ TEST_F(JournalFile, KeepsWhatWasWrittenAndStaysSmall)
     for (uint32_t i = 0; i < 100'000; i++) {
         record.leaseStart = WRITTEN + i;
         table.apply(record);
-        journal.append(record, WRITTEN + i);
+        journal.append(unit_encode(record, WRITTEN + i));
         if (i % 100 == 0)
             journal.write(table, WRITTEN + i, false);
         ASSERT_LT(std::filesystem::file_size(path_), size_t{3} << 20);
     }
     EXPECT_TRUE(table.apply(numbered(2)));
-    journal.append(numbered(2), WRITTEN);
+    journal.append(unit_encode(numbered(2), WRITTEN));
     UnitRecord gone = numbered(2);
     gone.add = false;
     EXPECT_TRUE(table.apply(gone));
-    journal.append(gone, WRITTEN);
+    journal.append(unit_encode(gone, WRITTEN));
     journal.write(table, WRITTEN, true);
     EXPECT_FALSE(journal.is_dirty());
     owner.reset();
@@ -273,7 +273,7 @@ TEST_F(JournalFile, GoesOnBehindATornEnd)
         EXPECT_EQ(journal.damaged(), 2U);
         EXPECT_EQ(table.held().size(), 1U);
         table.apply(numbered(5));
-        journal.append(numbered(5), WRITTEN);
+        journal.append(unit_encode(numbered(5), WRITTEN));
         journal.write(table, WRITTEN, true);
     }
     EXPECT_EQ(reopened().held().size(), 2U);
@@ -306,16 +306,16 @@ TEST(ChangeQueue, CountsWhatFindsNoRoom)
 {
     ChangeQueue queue(2);
     const Change change{Change::Kind::record, numbered(1)};
-    EXPECT_TRUE(queue.push(change)) << "the taker waits";
-    EXPECT_FALSE(queue.push(change)) << "it is awake already";
-    queue.push(change);
+    EXPECT_TRUE(queue.push({&change, 1})) << "the taker waits";
+    EXPECT_FALSE(queue.push({&change, 1})) << "it is awake already";
+    queue.push({&change, 1});
     const auto taken = queue.take();
     EXPECT_EQ(taken.changes.size(), 2U);
     EXPECT_EQ(taken.dropped, 1U);
-    EXPECT_FALSE(queue.push(change)) << "it looks again before it waits";
+    EXPECT_FALSE(queue.push({&change, 1})) << "it looks again before it waits";
     EXPECT_EQ(queue.take().changes.size(), 1U);
     EXPECT_EQ(queue.take().changes.size(), 0U);
-    EXPECT_TRUE(queue.push(change));
+    EXPECT_TRUE(queue.push({&change, 1}));
 }
 
 // ---- the peer's stream

@@ -2,11 +2,13 @@
 // other side holds the lock only to exchange two pointers, and what does not fit is counted and left out.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <span>
+#include <utility>
 
 #include "unit_record.h"
 
@@ -30,13 +32,13 @@ class ChangeQueue
     }
 
     // True when the other side waits for something to take and must be woken.
-    bool push(const Change &change)
+    bool push(std::span<const Change> changes)
     {
         const std::scoped_lock lock(mutex_);
-        if (used_ == capacity_)
-            dropped_++;
-        else
-            filling_[used_++] = change;
+        const size_t fit = std::min(changes.size(), capacity_ - used_);
+        std::copy_n(changes.begin(), fit, filling_.get() + used_);
+        used_ += fit;
+        dropped_ += changes.size() - fit;
         const bool wake = waiting_;
         waiting_ = false;
         return wake;

@@ -30,11 +30,10 @@ uint32_t checksum(const uint8_t *slot)
     return static_cast<uint32_t>(crc32(crc32(0, nullptr, 0), slot, CRC_OFFSET));
 }
 
-std::array<uint8_t, JOURNAL_SLOT> slot_make(const UnitRecord &record, uint32_t now)
+std::array<uint8_t, JOURNAL_SLOT> slot_make(const UnitBytes &bytes)
 {
     std::array<uint8_t, JOURNAL_SLOT> slot{};
     std::copy(MARK.begin(), MARK.end(), slot.begin());
-    const UnitBytes bytes = unit_encode(record, now);
     std::copy(bytes.begin(), bytes.end(), slot.begin() + MARK.size());
     wire_put32(&slot[CRC_OFFSET], checksum(slot.data()));
     return slot;
@@ -171,11 +170,11 @@ bool Journal::open(const std::string &path, uint32_t now, UnitTable &table, std:
     return true;
 }
 
-void Journal::append(const UnitRecord &record, uint32_t now)
+void Journal::append(const UnitBytes &record)
 {
     if (fd_ < 0 || buffer_.size() >= BUFFER_MAX)
         return;
-    const auto slot = slot_make(record, now);
+    const auto slot = slot_make(record);
     buffer_.insert(buffer_.end(), slot.begin(), slot.end());
 }
 
@@ -209,7 +208,7 @@ bool Journal::rewrite(UnitTable &table, uint32_t now)
     std::vector<uint8_t> bytes;
     bytes.reserve(table.held().size() * JOURNAL_SLOT);
     for (const auto &[key, held] : table.held()) {
-        const auto slot = slot_make(held.record, now);
+        const auto slot = slot_make(unit_encode(held.record, now));
         bytes.insert(bytes.end(), slot.begin(), slot.end());
     }
     if (!write_all(fd, bytes.data(), bytes.size()) || fdatasync(fd) != 0 ||

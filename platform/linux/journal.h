@@ -50,7 +50,7 @@ class Journal
     // False with `error`; every other call is then safe.
     bool open(const std::string &path, uint32_t now, UnitTable &table, std::string &error);
 
-    void append(const UnitRecord &record, uint32_t now);
+    void append(const UnitBytes &record);
 
     // What was appended goes to the kernel at once and to the disk when `sync` is set; written anew when more
     // than half of it is out of date or the last write failed. Reports a failure once, and when it is over.

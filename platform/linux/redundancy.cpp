@@ -1,5 +1,6 @@
 #include "redundancy.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -44,11 +45,13 @@ const char *port_name(uint32_t ifIndex, char (&room)[IFNAMSIZ])
     return room;
 }
 
-void push(const Change &change)
+void push(std::span<const Change> changes)
 {
-    if (shared->changes.push(change))
+    if (shared->changes.push(changes))
         shared->wake();
 }
+
+void push(const Change &change) { push(std::span(&change, 1)); }
 
 bool read_conf(RedundancyConf &conf)
 {
@@ -110,26 +113,31 @@ int32_t redundancy_sync(const QorBuffer &packet)
         return ENOTCONN;
     const auto *bytes = static_cast<const uint8_t *>(packet.data);
     char room[IFNAMSIZ];
+    std::array<Change, 32> changes; // a full copy's packet has fewer
+    size_t count = 0;
     for (uint32_t at = 0; at + sizeof(SyncHeader) <= packet.length;) {
         SyncHeader header;
         memcpy(&header, bytes + at, sizeof header);
         const uint32_t size = static_cast<uint32_t>(sizeof header) + header.length;
         if (size > packet.length - at)
-            return EINVAL;
-        Change change{Change::Kind::record, {}};
+            break;
+        changes[count].kind = Change::Kind::record;
         if (header.type == SYNC_USER && size == sizeof(SyncUserRecord)) {
             SyncUserRecord user;
             memcpy(&user, bytes + at, sizeof user);
-            change.record = unit_from_user(user, port_name(user.ifIndex, room));
-            push(change);
+            changes[count++].record = unit_from_user(user, port_name(user.ifIndex, room));
         } else if (header.type == SYNC_SERVER && size == sizeof(SyncServerRecord)) {
             SyncServerRecord server;
             memcpy(&server, bytes + at, sizeof server);
-            change.record = unit_from_server(server, port_name(server.ifIndex, room));
-            push(change);
+            changes[count++].record = unit_from_server(server, port_name(server.ifIndex, room));
         }
         at += size;
+        if (count == changes.size()) {
+            push(changes);
+            count = 0;
+        }
     }
+    push(std::span(changes).first(count));
     return 0;
 }
 

@@ -130,7 +130,8 @@ void UnitThread::begin()
     }
     for (UnitRecord &record : over) {
         record.add = false;
-        keep(record);
+        table_.apply(record);
+        note(record);
     }
     replayed_ = !toDaemon_.empty();
     if (replayed_ || parked != 0 || !over.empty())
@@ -141,11 +142,10 @@ void UnitThread::begin()
 
 // ---- the daemon's records
 
-void UnitThread::send_record(const UnitRecord &record)
+void UnitThread::send_record(const UnitBytes &bytes)
 {
     if (role_ != DHCPSNOOP_ROLE_MASTER || !link_ || !link_->is_up())
         return;
-    const UnitBytes bytes = unit_encode(record, wall_clock());
     if (!peerBehind_ && link_->send(PeerMessage::record, bytes)) {
         sent_++;
         return;
@@ -155,10 +155,11 @@ void UnitThread::send_record(const UnitRecord &record)
     copyForPeer_ = false;
 }
 
-void UnitThread::keep(const UnitRecord &record)
+// Into the journal, what the table has taken in or forgotten.
+void UnitThread::note(const UnitRecord &record)
 {
-    if (table_.apply(record))
-        journal_.append(record, wall_clock());
+    if (journal_.is_open())
+        journal_.append(unit_encode(record, wall_clock()));
 }
 
 void UnitThread::take_copy_end(bool complete)
@@ -171,7 +172,7 @@ void UnitThread::take_copy_end(bool complete)
     }
     const std::vector<UnitRecord> gone = table_.copy_end();
     for (const UnitRecord &record : gone)
-        journal_.append(record, wall_clock());
+        note(record);
     if (replayed_ && !gone.empty())
         platform_report(LOG_WARNING,
                         "the daemon has not taken %zu of the journal's records: is its table too small?",
@@ -187,13 +188,20 @@ void UnitThread::take_copy_end(bool complete)
     lastCopyCount_ = copyCount_;
 }
 
+void UnitThread::take_record(const UnitRecord &record)
+{
+    const UnitBytes bytes = unit_encode(record, wall_clock());
+    if (table_.apply(record))
+        journal_.append(bytes);
+    send_record(bytes);
+    copyCount_++;
+}
+
 void UnitThread::take_change(const Change &change, Ticks now)
 {
     switch (change.kind) {
     case Change::Kind::record:
-        keep(change.record);
-        send_record(change.record);
-        copyCount_++;
+        take_record(change.record);
         break;
     case Change::Kind::copyBegin:
         table_.copy_begin();
@@ -409,7 +417,7 @@ void UnitThread::bring(const UnitRecord &record)
 {
     const bool parked = record.add && !port_index(record.port);
     if (table_.apply(record, parked))
-        journal_.append(record, wall_clock());
+        note(record);
     if (!parked)
         toDaemon_.push_back(record);
 }
@@ -444,7 +452,7 @@ void UnitThread::peer_copy_end(const PeerFrame &frame)
         return;
     }
     for (const UnitRecord &record : table_.copy_end()) {
-        journal_.append(record, wall_clock());
+        note(record);
         toDaemon_.push_back(record);
     }
     lastCopy_ = wall_clock();
@@ -568,7 +576,7 @@ void UnitThread::turn()
     if (now >= expireAt_) {
         expireAt_ = now + EXPIRE_PERIOD;
         for (const UnitRecord &record : table_.expire_parked(wall_clock()))
-            journal_.append(record, wall_clock());
+            note(record);
     }
     write_journal(now);
     if (link_)

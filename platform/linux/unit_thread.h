@@ -66,6 +66,7 @@ class UnitThread
 
   private:
     void drain(Ticks now);
+    void take_record(const UnitRecord &record);
     void take_change(const Change &change, Ticks now);
     void take_copy_end(bool complete);
     void advance();
@@ -80,8 +81,8 @@ class UnitThread
     void peer_record(const PeerFrame &frame);
     void peer_copy_end(const PeerFrame &frame);
     void request_copy();
-    void send_record(const UnitRecord &record);
-    void keep(const UnitRecord &record);
+    void send_record(const UnitBytes &bytes);
+    void note(const UnitRecord &record);
     void bring(const UnitRecord &record);
     void look_for_ports();
     void control(const std::string &request, ControlSocket::Answer answer);
