@@ -3,6 +3,7 @@
 import labtest
 import os
 import random
+import signal
 import time
 import unittest
 
@@ -96,6 +97,16 @@ class Redundancy(UnitsTest):
         wait_for("equal bindings", lambda: self.left.bindings() == self.right.bindings(), timeout=60)
         self.assertEqual(len(self.right.bindings()), 79)
         self.assertNotIn("10.0.10.2", self.right.bindings())
+
+    def test_stopped_peer(self):
+        """A peer that takes nothing holds no frame up, and has everything once it goes on."""
+        self.start()
+        self.traffic.run(*self.at(self.left), 5)
+        self.wait_equal()
+        self.right.daemon.signal(signal.SIGSTOP)
+        self.traffic.run(*self.at(self.left), 200, rate=100)
+        self.right.daemon.signal(signal.SIGCONT)
+        self.wait_equal()
 
     def test_static(self):
         """Management's bindings, of which the daemon sends no record of their own."""

@@ -1,0 +1,142 @@
+// The part of the platform's thread that leads the daemon from one role to another, and gives it records
+// while it is a standby.
+#include "unit_thread.h"
+
+#include <cstring>
+
+#include "management.h"
+
+namespace platform_linux
+{
+namespace
+{
+constexpr size_t PACKET_MAX = 1400; // of records for the daemon, as it makes them itself
+constexpr uint32_t ON = 1, OFF = 0;
+} // namespace
+
+void UnitThread::deliver()
+{
+    uint8_t packet[PACKET_MAX];
+    size_t used = 0;
+    while (!toDaemon_.empty()) {
+        const UnitRecord &record = toDaemon_.front();
+        const auto ifIndex = port_index(record.port);
+        const size_t size = record.type == SYNC_USER ? sizeof(SyncUserRecord) : sizeof(SyncServerRecord);
+        if (used + size > sizeof packet)
+            break;
+        if (record.type == SYNC_USER && (ifIndex || !record.add)) {
+            const SyncUserRecord user = unit_to_user(record, ifIndex.value_or(0));
+            memcpy(packet + used, &user, size);
+            used += size;
+        } else if (record.type == SYNC_SERVER && ifIndex) {
+            const SyncServerRecord server = unit_to_server(record, *ifIndex);
+            memcpy(packet + used, &server, size);
+            used += size;
+        }
+        toDaemon_.pop_front();
+    }
+    if (used == 0)
+        return;
+    busy_ = true;
+    daemon_.set_bytes(GLOBAL_SYNC_PACKET, {packet, used}, [this](bool) { busy_ = false; });
+}
+
+// All bindings are withdrawn, and none is added any more before the daemon is a standby: what it forgets as
+// such it would not withdraw. The setting acts when it changes only, so it is set first.
+void UnitThread::stand_by()
+{
+    busy_ = true;
+    shared_.enforcement = Enforcement::refuseAdds;
+    daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [](bool) {});
+    daemon_.set_number(GLOBAL_HW_NOTIFY, OFF, [this](bool) {
+        shared_.daemonRole = DHCPSNOOP_ROLE_SLAVE;
+        shared_.enforcement = Enforcement::normal;
+        busy_ = false;
+    });
+}
+
+// Installs what is not installed: all bindings of a unit that stood by, whose marks are false and cleared
+// first; those that were delivered for a port that came, beside others that stay as they are. The setting
+// acts when it changes only, so it is set first, to no effect.
+void UnitThread::take_over(DhcpsnoopRole target)
+{
+    const Enforcement clearing = marked_ ? Enforcement::ignoreDeletes : Enforcement::refuseDeletes;
+    const bool empty = fresh_ && !replayed_;
+    if (!empty)
+        shared_.enforcement = Enforcement::refuseAdds;
+    shared_.daemonRole = target;
+    marked_ = false;
+    copyNeeded_ = copyNeeded_ || shared_.recording;
+    if (empty)
+        return;
+    busy_ = true;
+    daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [this, clearing](bool) {
+        shared_.enforcement = clearing;
+        daemon_.set_number(GLOBAL_HW_NOTIFY, OFF, [this](bool) {
+            shared_.enforcement = Enforcement::normal;
+            daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [this](bool) { busy_ = false; });
+        });
+    });
+}
+
+void UnitThread::settle()
+{
+    for (const ControlSocket::Answer &answer : waiting_)
+        answer("ok");
+    waiting_.clear();
+    if (announced_ == role_)
+        return;
+    announced_ = role_;
+    if (!link_ || !link_->is_up())
+        return;
+    link_->send_role();
+    request_copy();
+}
+
+// One step towards the role that is wanted, when none is under way.
+void UnitThread::advance()
+{
+    while (!busy_) {
+        const DhcpsnoopRole target = daemon_role();
+        const DhcpsnoopRole now = shared_.daemonRole;
+        if (!toDaemon_.empty() && (now == DHCPSNOOP_ROLE_SLAVE || target != DHCPSNOOP_ROLE_SLAVE)) {
+            shared_.daemonRole = DHCPSNOOP_ROLE_SLAVE; // for a moment: a port came whose bindings waited
+            deliver();
+        } else if (now != target) {
+            if (target == DHCPSNOOP_ROLE_SLAVE)
+                stand_by();
+            else if (now == DHCPSNOOP_ROLE_SLAVE)
+                take_over(target);
+            else
+                shared_.daemonRole = target;
+            fresh_ = false;
+        } else {
+            fresh_ = false;
+            marked_ = marked_ || now == DHCPSNOOP_ROLE_SLAVE;
+            settle();
+            break;
+        }
+    }
+}
+
+void UnitThread::look_for_ports()
+{
+    const uint32_t version = shared_.portsVersion;
+    if (version == portsVersion_)
+        return;
+    {
+        const std::scoped_lock lock(shared_.portsMutex);
+        ports_ = shared_.ports;
+    }
+    portsVersion_ = version;
+    if (fresh_)
+        return;
+    for (auto &[key, held] : table_.held()) {
+        if (!held.parked || !port_index(held.record.port))
+            continue;
+        held.parked = false;
+        toDaemon_.push_back(held.record);
+    }
+}
+
+} // namespace platform_linux
