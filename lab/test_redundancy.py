@@ -7,8 +7,8 @@ import signal
 import time
 import unittest
 
-from lab import RUN, wait_for
-from units import PEERS, Pair, Traffic
+from lab import RUN, Host, wait_for
+from units import PEERS, PORTS, Pair, Traffic
 
 SETTINGS = ("interface swp1 snooping on", "interface swp2 snooping on", "interface swp2 trust on",
             "interface swp1 max-users 1000")
@@ -175,6 +175,49 @@ class Journal(UnitsTest):
         wait_for("bindings of the port", lambda: len(self.left.bindings()) == 3)
         self.assert_complete(self.left, time.monotonic() + 1)
         self.assertEqual(self.left.show("redundancy")["withoutPort"], 0)
+
+    def test_static_before_the_guard(self):
+        """A machine that came up again: the static binding is back, then its port is guarded."""
+        self.start()
+        mac, address = self.traffic.frames[0][:2]
+        self.left.ctl(f"binding add {address} mac {mac} vlan 10 interface swp1")
+        time.sleep(1.5)  # management's changes come by full copies, at most one a second
+        self.left.kill()
+        self.left.ctl("platform release")
+        self.left.start(*SETTINGS)
+        self.left.ctl("guard interface swp1 ip mac port")
+        packets = [self.traffic.packet(number) for number in (0, 1)]
+        self.assertEqual(self.traffic.arrive(*self.at(self.left), packets), [address])
+
+    def test_learned_while_a_port_comes(self):
+        """The daemon is a standby for a moment, for the bindings that waited; what it learns then is enforced too."""
+        PORTS["swp3"] = "access 10"
+        self.addCleanup(PORTS.pop, "swp3")
+        others = self.pair.hosts["c3"] = Host("c3")
+        self.pair.connect(others, self.left, "swp3", "02:00:00:00:01:03")
+        settings = (*SETTINGS, "interface swp3 snooping on", "interface swp3 max-users 1000")
+        self.start(*settings)
+        self.left.ctl("guard interface swp3 ip mac port")
+        clients, server = self.at(self.left)
+        self.traffic.run(clients, server, 100, rate=200)
+        wait_for("records", lambda: self.left.show("redundancy")["journalRecords"] >= 100)
+        self.left.kill()
+        self.traffic.forget(clients)
+        clients.ip("link del eth0")
+        self.left.start(*settings[1:3], *settings[4:])
+        self.assertEqual(self.left.show("redundancy")["withoutPort"], 100)
+        new = [self.traffic.frames[number] for number in range(150, 170)]
+        for frame in new:
+            self.traffic.socket(others).send(frame[3])
+        with self.left.stalled():  # requests are long on their way
+            time.sleep(0.2)
+            self.pair.connect(clients, self.left, "swp1", "02:00:00:00:01:01")
+            for frame in new:
+                self.traffic.socket(server).send(frame[4])
+                time.sleep(0.06)
+        wait_for("bindings", lambda: len(self.left.bindings()) == 120)
+        packets = [self.traffic.packet(number) for number in (*range(150, 170), 190)]
+        wait_for("enforcement", lambda: self.traffic.arrive(others, server, packets) == [frame[1] for frame in new])
 
     def test_damaged(self):
         """A torn end and a flipped bit cost a record each."""

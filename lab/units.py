@@ -4,12 +4,14 @@
     hosts         c-left, c-right, s-left, s-right: the other ends of swp1 and swp2
 """
 
+import contextlib
 import json
 import os
 import shutil
 import signal
 import socket
 import subprocess
+import threading
 import time
 
 from lab import RUN, Failure, Host, Process, wait_for
@@ -86,6 +88,27 @@ class Unit(Host):
     def kill(self):
         self.daemon.signal(signal.SIGKILL)
         self.daemon.popen.wait()
+
+    @contextlib.contextmanager
+    def stalled(self):
+        """Meanwhile two clients in turn keep the daemon waiting for their request, 50 ms each."""
+        path, done = f"/proc/{self.holder.pid}/root/tmp/dhcpsnoop.socket", threading.Event()
+
+        def stall():
+            while not done.is_set():
+                with socket.socket(socket.AF_UNIX) as client:
+                    client.connect(path)
+                    time.sleep(0.05)
+
+        threads = [threading.Thread(target=stall) for _ in range(2)]
+        for thread in threads:
+            thread.start()
+        try:
+            yield
+        finally:
+            done.set()
+            for thread in threads:
+                thread.join()
 
     def ctl(self, line, check=True):
         return self.run(f"{self.bin}/dhcpsnoopctl", *line.split(), check=check)

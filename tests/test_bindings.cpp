@@ -192,6 +192,28 @@ TEST_F(Bindings, FollowTheirPort)
     EXPECT_EQ(take(), "") << "withdrawn while it was away";
 }
 
+TEST_F(Bindings, HeldGoUnlessGivenAgain)
+{
+    QorUserRecord kept = record(0xF0), forgotten = record(0x80);
+    ASSERT_EQ(add(3, kept), 0);
+    ASSERT_EQ(add(3, forgotten), 0);
+    take();
+    bindings_hold_all();
+    ASSERT_EQ(add(3, kept), 0);
+    EXPECT_EQ(take(), "") << "all in force";
+    bindings_hold(false);
+    EXPECT_EQ(take(), "- 1 80 if0 vid0 000000000000 0a000a05\n");
+
+    bindings_hold_all();
+    watcher(ModelChange::vanished, ports.at(3), nullptr);
+    watcher(ModelChange::appeared, ports.at(3), nullptr);
+    EXPECT_EQ(take(), "-" + FULL) << "may be no more";
+    ASSERT_EQ(add(3, kept), 0);
+    EXPECT_EQ(take(), "+" + FULL);
+    bindings_hold(false);
+    EXPECT_EQ(take(), "");
+}
+
 // A static binding may be of a VLAN's interface, or of no port at all.
 TEST_F(Bindings, HoldInAVlanOrEverywhere)
 {

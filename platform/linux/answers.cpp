@@ -60,6 +60,7 @@ constexpr uint32_t SENDS_UNTAGGED = 258; // sysIFGet: 1 = without a tag
 
 constexpr uint32_t HW_MASTER = 53, HW_SLAVE = 54, HW_STANDALONE = 45; // 0 = yes for the first two
 constexpr uint32_t HW_SYNC_PEER = 0x40013;                            // a packet for the peer unit
+constexpr uint32_t HW_SYNC_NOTIFY = 0x40004;                          // the setting hardware-notify changes
 
 constexpr uint32_t EVENT_KIND = 16; // qorNetlinkSend: the daemon's events
 
@@ -307,6 +308,8 @@ uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
 // Settings need no more than the daemon's own state.
 int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
 {
+    if (code == HW_SYNC_NOTIFY)
+        redundancy_hw_notify();
     if (code != HW_SYNC_PEER)
         return 0;
     return data != nullptr ? redundancy_sync(*static_cast<const QorBuffer *>(data)) : EINVAL;

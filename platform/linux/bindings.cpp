@@ -190,7 +190,9 @@ int32_t add(uint32_t ifIndex, const guard_binding_key &key, Rule *known, uint32_
 {
     if (known != nullptr && says(*known, ifIndex, key)) {
         known->withdrawn = false;
-        return 0;
+        const int error = known->installed ? 0 : guard_binding_add(key); // its port came back while it was
+        known->installed = error == 0;
+        return report_full(error);
     }
     // The new before the old: no packet is lost in between.
     int error = guard_binding_add(key);
@@ -235,6 +237,13 @@ void bindings_hold(bool on)
     if (holding && !on)
         remove_withdrawn();
     holding = on;
+}
+
+void bindings_hold_all()
+{
+    holding = true;
+    for (Rule &rule : rules)
+        rule.withdrawn = rule.handle != 0;
 }
 
 int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)

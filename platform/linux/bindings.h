@@ -30,4 +30,8 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request);
 // check items change, the daemon withdraws a binding before it installs it anew.
 void bindings_hold(bool on);
 
+// Begins such a hold as if everything had been deleted in it: when it ends, only what was added since is
+// left.
+void bindings_hold_all();
+
 } // namespace platform_linux

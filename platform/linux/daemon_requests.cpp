@@ -18,6 +18,7 @@ namespace
 constexpr Ticks RETRY = 20;        // the daemon has not come up yet, or its backlog is full
 constexpr Ticks PATIENCE = 20'000; // longer than the daemon waits for a client that stalls
 constexpr size_t RESULT_OFFSET = 4 + 12;
+constexpr uint8_t GLOBAL_INDEX[] = {0, DATA_WORD, 0, 4, 0, 0, 0, 0}; // none counted, yet one word of it
 
 // A path that somebody else has taken over would have his daemon fed with our records.
 bool is_ourselves(int connection)
@@ -59,14 +60,16 @@ DaemonRequests::~DaemonRequests()
         close(connection_);
 }
 
-void DaemonRequests::add(uint32_t attribute, uint8_t type, std::span<const uint8_t> value, Done done)
+void DaemonRequests::add(uint32_t function, uint32_t attribute, std::span<const uint8_t> index, uint8_t type,
+                         std::span<const uint8_t> value, Done done)
 {
     std::vector<uint8_t> bytes(4);
-    for (const uint32_t word : {static_cast<uint32_t>(FUNC_GLOBAL_SET), 0U, attribute})
+    for (const uint32_t word : {function, 0U, attribute})
         put_word_item(bytes, word);
-    // No index counted, yet one word of it; then the data item's header.
-    const uint8_t index[] = {1, 0, DATA_WORD, 0, 4, 0, 0, 0, 0, 3, type};
-    bytes.insert(bytes.end(), std::begin(index), std::end(index));
+    bytes.push_back(1);
+    bytes.insert(bytes.end(), index.begin(), index.end());
+    bytes.push_back(3);
+    bytes.push_back(type);
     uint8_t length[2];
     wire_put16(length, static_cast<uint32_t>(value.size()));
     bytes.insert(bytes.end(), std::begin(length), std::end(length));
@@ -82,12 +85,22 @@ void DaemonRequests::set_number(uint32_t attribute, uint32_t value, Done done)
 {
     uint8_t word[4];
     wire_put32(word, value);
-    add(attribute, DATA_WORD, word, std::move(done));
+    add(FUNC_GLOBAL_SET, attribute, GLOBAL_INDEX, DATA_WORD, word, std::move(done));
 }
 
 void DaemonRequests::set_bytes(uint32_t attribute, std::span<const uint8_t> bytes, Done done)
 {
-    add(attribute, DATA_BYTES, bytes, std::move(done));
+    add(FUNC_GLOBAL_SET, attribute, GLOBAL_INDEX, DATA_BYTES, bytes, std::move(done));
+}
+
+void DaemonRequests::bind(uint8_t ipType, std::span<const uint8_t, 16> address, Done done)
+{
+    uint8_t index[1 + 4 + 6 + 3 + 16] = {3, DATA_BYTES, 0, 1, ipType,     DATA_BYTES, 0,
+                                         3, 0,          0, 0, DATA_BYTES, 0,          16};
+    std::copy(address.begin(), address.end(), std::end(index) - 16);
+    uint8_t word[4];
+    wire_put32(word, USER_ACTION_BIND);
+    add(FUNC_USER_SET, USER_ACTION, index, DATA_WORD, word, std::move(done));
 }
 
 void DaemonRequests::give_up(Ticks now)

@@ -29,6 +29,9 @@ class DaemonRequests
     void set_number(uint32_t attribute, uint32_t value, Done done);
     void set_bytes(uint32_t attribute, std::span<const uint8_t> bytes, Done done);
 
+    // Binds a binding once more: installed by all check items, whatever its port has.
+    void bind(uint8_t ipType, std::span<const uint8_t, 16> address, Done done);
+
     size_t waiting() const { return queue_.size(); }
 
     // What to wait for, -1 in `fd` for nothing; when, at the latest, serve is to be called.
@@ -41,7 +44,8 @@ class DaemonRequests
         std::vector<uint8_t> bytes; // framing length and body
         Done done;
     };
-    void add(uint32_t attribute, uint8_t type, std::span<const uint8_t> value, Done done);
+    void add(uint32_t function, uint32_t attribute, std::span<const uint8_t> index, uint8_t type,
+             std::span<const uint8_t> value, Done done);
     void send(Ticks now);
     void give_up(Ticks now);
 

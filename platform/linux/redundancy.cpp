@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <thread>
 
+#include "bindings.h"
 #include "logging.h"
 #include "management.h"
 #include "switch_model.h"
@@ -153,9 +154,17 @@ bool redundancy_decides(const QorIfRequest &request, int32_t &result)
 {
     const bool add = request.operation == QOR_USER_ADD;
     const Enforcement now = shared != nullptr ? shared->enforcement.load() : Enforcement::normal;
-    const bool refused = add ? now == Enforcement::refuseAdds : now == Enforcement::refuseDeletes;
+    const bool refused = add && now != Enforcement::normal;
     result = refused ? EBUSY : 0;
-    return refused || (!add && now == Enforcement::ignoreDeletes);
+    return refused || (!add && now == Enforcement::clearMarks);
+}
+
+// What is installed stays in force, to be taken over by what is installed anew. The rest goes: its bindings
+// were deleted while the daemon was a standby, and so did not take it out.
+void redundancy_hw_notify()
+{
+    if (shared != nullptr && shared->enforcement == Enforcement::clearMarks)
+        bindings_hold_all();
 }
 
 void redundancy_event_socket(int sock)
@@ -168,6 +177,8 @@ void redundancy_events(DaemonEvents &events)
 {
     if (shared == nullptr)
         return;
+    if (events.empty() && shared->holdOver.exchange(false)) // else the guard's events are under way
+        bindings_hold(false);
     const bool master = redundancy_role() == DHCPSNOOP_ROLE_MASTER;
     if (copyOpen) { // whose event has been served whole by now
         copyOpen = false;

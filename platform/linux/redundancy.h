@@ -26,14 +26,16 @@ void redundancy_binding_changed();
 // How the daemon's bindings reach the data plane while a change of role is under way.
 enum class Enforcement : uint8_t {
     normal,
-    refuseAdds,    // nothing is installed any more
-    ignoreDeletes, // nothing is installed, only the daemon's marks go
-    refuseDeletes, // the daemon's marks stay, and so does what they stand for
+    refuseAdds, // nothing is installed any more
+    clearMarks, // nor taken out: only the daemon's marks go
 };
 
 // A binding is to be added or deleted: true when the data plane is not to be asked, and `result` is the
 // answer.
 bool redundancy_decides(const QorIfRequest &request, int32_t &result);
+
+// The daemon withdraws or installs all its bindings, by its setting; told before it begins.
+void redundancy_hw_notify();
 
 // The daemon's event socket is there; and it is about to be read: may put an event in front of `events`.
 void redundancy_event_socket(int sock);

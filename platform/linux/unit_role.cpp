@@ -32,6 +32,8 @@ void UnitThread::deliver()
             const SyncServerRecord server = unit_to_server(record, *ifIndex);
             memcpy(packet + used, &server, size);
             used += size;
+        } else if (const auto it = table_.held().find(unit_key(record)); it != table_.held().end()) {
+            it->second.parked = record.add; // its port has gone again
         }
         toDaemon_.pop_front();
     }
@@ -55,27 +57,41 @@ void UnitThread::stand_by()
     });
 }
 
-// Installs what is not installed: all bindings of a unit that stood by, whose marks are false and cleared
-// first; those that were delivered for a port that came, beside others that stay as they are. The setting
-// acts when it changes only, so it is set first, to no effect.
+// Installs all bindings. As a standby, if only for a moment, the daemon took for installed what it learned
+// and forgot without withdrawing, so its marks are cleared first, while what is in force stays: what is
+// installed anew takes it over, the rest goes when all is done. The setting acts when it changes only, so it
+// is set first, to no effect.
 void UnitThread::take_over(DhcpsnoopRole target)
 {
-    const Enforcement clearing = marked_ ? Enforcement::ignoreDeletes : Enforcement::refuseDeletes;
     const bool empty = fresh_ && !replayed_;
     if (!empty)
         shared_.enforcement = Enforcement::refuseAdds;
     shared_.daemonRole = target;
-    marked_ = false;
     copyNeeded_ = copyNeeded_ || shared_.recording;
     if (empty)
         return;
     busy_ = true;
-    daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [this, clearing](bool) {
-        shared_.enforcement = clearing;
-        daemon_.set_number(GLOBAL_HW_NOTIFY, OFF, [this](bool) {
-            shared_.enforcement = Enforcement::normal;
-            daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [this](bool) { busy_ = false; });
-        });
+    daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [this](bool) {
+        shared_.enforcement = Enforcement::clearMarks;
+        daemon_.set_number(GLOBAL_HW_NOTIFY, OFF, [this](bool) { install(); });
+    });
+}
+
+// Static bindings are bound once more: they are in force whether their port is guarded yet or not, because
+// the daemon does not come back to them when it is.
+void UnitThread::install()
+{
+    shared_.enforcement = Enforcement::normal;
+    for (const auto &[key, held] : table_.held()) {
+        const UnitRecord &record = held.record;
+        if (record.type == SYNC_USER && record.userType == DHCPSNOOP_USER_STATIC &&
+            record.bindState == DHCPSNOOP_BIND_BOUND && !held.parked)
+            daemon_.bind(record.ipType, record.address, [](bool) {}); // gone meanwhile: no matter
+    }
+    daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [this](bool) {
+        busy_ = false;
+        shared_.holdOver = true;
+        shared_.wake_daemon();
     });
 }
 
@@ -112,7 +128,6 @@ void UnitThread::advance()
             fresh_ = false;
         } else {
             fresh_ = false;
-            marked_ = marked_ || now == DHCPSNOOP_ROLE_SLAVE;
             settle();
             break;
         }

@@ -34,6 +34,7 @@ struct UnitShared {
     std::atomic<bool> recording = false; // somebody wants the daemon's records
     std::atomic<DhcpsnoopRole> daemonRole = DHCPSNOOP_ROLE_SLAVE;
     std::atomic<Enforcement> enforcement = Enforcement::normal;
+    std::atomic<bool> holdOver = false;       // what the daemon's new role did not install again may go
     std::atomic<bool> copyWanted = false;     // asked of the daemon, not begun
     std::atomic<bool> bindingChanged = false; // by management
     std::atomic<int> eventSocket = -1;
@@ -73,6 +74,7 @@ class UnitThread
     void deliver();
     void stand_by();
     void take_over(DhcpsnoopRole target);
+    void install();
     void settle();
     void ask_for_copy(Ticks now);
     void peer_up();
@@ -96,7 +98,6 @@ class UnitThread
     DhcpsnoopRole announced_; // what the peer knows
     bool fresh_ = true;       // the daemon has not had a role yet
     bool replayed_ = false;   // and has records of the journal
-    bool marked_ = true;      // the daemon may mark bindings as installed that are not: it stood by
     bool busy_ = false;       // a request to the daemon is under way
     UnitTable table_;
     Journal journal_;
