@@ -121,6 +121,7 @@ TEST_F(GuardBindings, EndWhenTheNextRunSaysOtherwise)
         {"the MAC is on another port", old, key_of(6, 1, 10, 4), false},
         {"the MAC is on another port of another VLAN", old, key_of(6, 1, 20, 4), true},
         {"the MAC has one more address", old, key_of(6, 1, 10, 3), true},
+        {"one more address, with more items", key_of(5, 1, 10, 0), key_of(6, 1, 10, 3), true},
         {"somebody else", old, key_of(6, 2, 10, 3), true},
         {"the host, without its address", key_of(0, 1, 10, 3), old, false},
         {"the host's port alone", key_of(0, 0, 0, 3), old, false},

@@ -125,7 +125,7 @@ void drop_contradictions(const guard_binding_key &key)
         const auto [first, last] =
             std::equal_range(bindings.byMac.begin(), bindings.byMac.end(), key, mac_before);
         for (auto old = first; old != last; ++old) {
-            if (have(GUARD_CHECK_MAC | GUARD_CHECK_PORT, *old, key) && old->ifindex != key.ifindex &&
+            if (have(GUARD_CHECK_PORT, *old, key) && old->ifindex != key.ifindex &&
                 !(have(GUARD_CHECK_VLAN, *old, key) && old->vid != key.vid))
                 drop_inherited(*old);
         }
