@@ -46,6 +46,13 @@ Bytes tagged(const Bytes &bytes, const Bytes &tags)
     return Bytes(bytes.begin(), type) + tags + Bytes(type, bytes.end());
 }
 
+// The same packet as IEEE 802.2 has it (RFC 1042).
+Bytes snap(const Bytes &bytes)
+{
+    const Bytes front(bytes.begin(), bytes.begin() + TYPE), rest(bytes.begin() + TYPE, bytes.end());
+    return front + be16(static_cast<uint32_t>(rest.size() + 6)) + hex_bytes("aaaa03000000") + rest;
+}
+
 Bytes first(const Bytes &bytes, size_t length) { return Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(length)); }
 
 class GuardSource : public GuardProgram
@@ -248,6 +255,11 @@ TEST_P(GuardSource, LetsPassWhatItMust)
         {"a bound source behind two tags", tagged(UDP4, hex_bytes("88a8000a 81000014")), FREE},
         {"another behind two tags", tagged(with(UDP4, IP_ADDRESS + 3, {6}), hex_bytes("88a8000a 81000014")), V4},
         {"three tags", tagged(UDP4, hex_bytes("8100000a 8100000a 8100000a")), MALFORMED},
+        {"IPv4 in a SNAP frame", snap(UDP4), MALFORMED},
+        {"ARP in a SNAP frame, tagged", tagged(snap(REQUEST), hex_bytes("8100000a")), MALFORMED},
+        {"IPv6 in a SNAP frame of another organisation", with(snap(UDP6), NETWORK + 3, hex_bytes("0000f8")), MALFORMED},
+        {"another protocol in a SNAP frame", with(snap(UDP4), NETWORK + 6, hex_bytes("2000")), FREE},
+        {"another 802.2 frame", with(snap(UDP4), NETWORK, hex_bytes("4242")), FREE},
         {"cut in the tag", first(tagged(UDP4, hex_bytes("8100000a")), NETWORK + 3), MALFORMED},
     };
     for (const auto &[claim, frame, reason] : rows) {
@@ -303,14 +315,23 @@ TEST_P(GuardSource, StandsWhereItIsTold)
     }
 }
 
-// The daemon gets a trapped frame whatever the guard thinks of its source.
+// The daemon gets a trapped frame whatever the guard thinks of its source, if it is for a client or a server.
 TEST_P(GuardSource, ComesAfterTheTrap)
 {
     const guard_port trapped = {.native = 10, .trap = GUARD_TRAP_V4 | GUARD_TRAP_V6, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
     put("guard_ports", port_, &trapped);
-    for (const Bytes &frame : {discover().bytes(), SOLICIT})
+    const size_t v4 = NETWORK + 20, v6 = NETWORK + 40;
+    const Bytes reply = hex_bytes("11110044"), reply6 = hex_bytes("11110222"), from68 = hex_bytes("00440035"),
+                from546 = hex_bytes("02220035");
+    for (const Bytes &frame : {discover().bytes(), SOLICIT, with(UDP4, v4, reply), with(UDP6, v6, reply6)})
         EXPECT_EQ(verdict(frame), TAKEN);
     EXPECT_EQ(refused(), (std::array<uint64_t, GUARD_REASONS>{}));
+    // From a client's port to another service: a disguise.
+    for (const Bytes &frame : {with(UDP4, v4, from68), with(UDP6, v6, from546)})
+        EXPECT_EQ(verdict(frame), REFUSED);
+    EXPECT_EQ(refused(), (std::array<uint64_t, GUARD_REASONS>{1, 1, 0, 0}));
+    bind(host5(GUARD_IPV4, ADDRESS));
+    EXPECT_EQ(verdict(with(UDP4, v4, from68)), TAKEN) << "from a bound source";
 }
 
 INSTANTIATE_TEST_SUITE_P(Built, GuardSource, ::testing::Values(GUARD_BUILT_OBJECT));

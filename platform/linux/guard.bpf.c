@@ -121,10 +121,10 @@ int dhcpsnoop_guard(struct __sk_buff *skb)
 
     switch (network.type) {
     case ETH_P_IP:
-        dhcp = dhcp_v4(skb, network.at);
+        dhcp = network.snap ? 0 : dhcp_v4(skb, network.at);
         break;
     case ETH_P_IPV6:
-        dhcp = dhcp_v6(skb, network.at);
+        dhcp = network.snap ? 0 : dhcp_v6(skb, network.at);
         break;
     case ETH_P_ARP:
     case ETH_P_8021Q:
@@ -139,9 +139,9 @@ int dhcpsnoop_guard(struct __sk_buff *skb)
         return TC_ACT_UNSPEC;
     __u32 vid = network.vid ? network.vid : port->native;
     __u8 family = network.type == ETH_P_IP ? GUARD_TRAP_V4 : GUARD_TRAP_V6;
-    if (dhcp && is_trapped(port, vid, family))
-        return to_daemon(skb, family);
-    if (dhcp & DHCP_TO_SERVER || may_pass(skb, network, vid))
-        return TC_ACT_UNSPEC;
-    return TC_ACT_SHOT;
+    bool trapped = dhcp && is_trapped(port, vid, family);
+    bool free = trapped ? !(dhcp & DHCP_ELSEWHERE) : dhcp & DHCP_TO_SERVER;
+    if (!free && !may_pass(skb, network, vid))
+        return TC_ACT_SHOT;
+    return trapped ? to_daemon(skb, family) : TC_ACT_UNSPEC;
 }

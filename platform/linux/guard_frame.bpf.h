@@ -1,5 +1,5 @@
 // What kind of frame it is: the tags around its packet, and whether that is DHCP. Part of guard.bpf.c. IEEE
-// 802.1Q, RFC 791, RFC 8200, RFC 768; ports of RFC 2131 and RFC 8415; fragments as RFC 7610.
+// 802.1Q, RFC 1042, RFC 791, RFC 8200, RFC 768; ports of RFC 2131 and RFC 8415; fragments as RFC 7610.
 #ifndef DHCPSNOOP_GUARD_FRAME_H
 #define DHCPSNOOP_GUARD_FRAME_H
 
@@ -36,6 +36,7 @@ enum {
 enum {
     DHCP = 1,
     DHCP_TO_SERVER = 2, // to a server's port for certain: passes the guard where it is not trapped
+    DHCP_ELSEWHERE = 4, // by its source port alone, to some other service: trapped it does not pass the guard
 };
 
 static __always_inline bool load(const struct __sk_buff *skb, __u32 offset, void *to, __u32 size)
@@ -53,12 +54,13 @@ struct network {
     __u32 at;
     __u16 type; // EtherType behind the tags; that of a tag when there are too many, or one is cut
     __u16 vid;  // of the outermost tag; 0 = none
+    bool snap;  // the packet is in an IEEE 802.2 SNAP frame, and `type` is what that says
 };
 
 static __always_inline struct network behind_tags(const struct __sk_buff *skb)
 {
     bool tagged = skb->vlan_present;
-    struct network network = {ETH_HLEN, bpf_ntohs((__be16)skb->protocol), 0};
+    struct network network = {ETH_HLEN, bpf_ntohs((__be16)skb->protocol), 0, false};
 
     if (tagged)
         network.vid = skb->vlan_tci & VID_MASK;
@@ -73,6 +75,14 @@ static __always_inline struct network behind_tags(const struct __sk_buff *skb)
         network.type = bpf_ntohs(tag[1]);
         network.at += sizeof tag;
     }
+    if (network.type < ETH_P_802_3_MIN) { // a length
+        OWN_WORDS __u8 snap[8];
+
+        if (load(skb, network.at, snap, sizeof snap) && snap[0] == 0xAA && snap[1] == 0xAA) {
+            network.type = (__u16)(snap[6] << 8 | snap[7]);
+            network.snap = true;
+        }
+    }
     return network;
 }
 
@@ -86,7 +96,9 @@ static __always_inline __u64 dhcp_ports(const struct __sk_buff *skb, __u32 udp, 
     __u16 source = bpf_ntohs(port[0]), destination = bpf_ntohs(port[1]);
     if (destination == server)
         return DHCP | DHCP_TO_SERVER;
-    return source == lower || source == lower + 1 || destination == lower || destination == lower + 1;
+    if (destination == lower || destination == lower + 1)
+        return DHCP;
+    return source == lower || source == lower + 1 ? DHCP | DHCP_ELSEWHERE : 0;
 }
 
 // A fragment counts when it is the first one: without it nobody puts the datagram together.

@@ -176,7 +176,9 @@ static __always_inline bool may_pass(const struct __sk_buff *skb, struct network
     if (!is_guarded(ifindex, vid, wanted))
         return true;
     load(skb, ETH_ALEN, &source.mac, ETH_ALEN);
-    if (network.type == ETH_P_IP)
+    if (network.snap) // no client of ours sends so, and some hosts take it
+        need = GUARD_REFUSED_MALFORMED;
+    else if (network.type == ETH_P_IP)
         need = need_of_v4(skb, network.at, &source);
     else if (network.type == ETH_P_IPV6)
         need = need_of_v6(skb, network.at, &source);
