@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <bpf/bpf.h>
@@ -170,6 +172,19 @@ TEST_F(GuardBindings, HaveTheRoomTheyWereGiven)
     EXPECT_TRUE(counts(key_of(5, 5, 10, 3)));
     restart(2);
     EXPECT_TRUE(counts(key_of(7, 7, 10, 3))) << "and never into less";
+}
+
+TEST_F(GuardBindings, AreOneDaemons)
+{
+    ASSERT_EQ(pins_all().size(), 1u);
+    const int other = open(pins_all()[0].c_str(), O_RDONLY);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
+    EXPECT_FALSE(guard_claim());
+    close(other);
+    EXPECT_TRUE(guard_claim());
+    const int late = open(pins_all()[0].c_str(), O_RDONLY);
+    EXPECT_NE(flock(late, LOCK_EX | LOCK_NB), 0);
+    close(late);
 }
 
 // The check items of a port are its device's: they survive the port, not the device.

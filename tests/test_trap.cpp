@@ -17,6 +17,7 @@ namespace
 
 struct Recorder {
     bool possible = true;
+    bool alone = true; // no other daemon
     int addResult = 0;
     std::vector<std::string> journal;
 
@@ -46,6 +47,8 @@ std::string numbers(std::initializer_list<uint32_t> values)
 
 namespace platform_linux
 {
+
+bool guard_claim() { return recorder.alone; }
 
 bool guard_open(uint32_t bindings, std::string &why, std::string &note)
 {
@@ -248,6 +251,9 @@ TEST_F(TrapRules, AreSaidToBeImpossible)
     EXPECT_NE(testing::internal::GetCapturedStderr().find("said by the recorder"), std::string::npos);
     EXPECT_EQ(recorder.take(), "open 600\n");
     EXPECT_TRUE(watchers.empty());
+    recorder.alone = false;
+    EXPECT_EQ(trap_start(300), EBUSY);
+    EXPECT_EQ(recorder.take(), "") << "what another daemon has is left alone";
 }
 
 TEST_F(TrapRules, ThatCannotBeHadOnAPortAreSaid)

@@ -233,6 +233,8 @@ int load(const std::string &pins, uint32_t bindings)
 
 } // namespace
 
+bool guard_claim() { return pins_claim(); }
+
 bool guard_open(uint32_t bindings, std::string &why, std::string &note)
 {
     guard_close();
@@ -257,6 +259,7 @@ bool guard_open(uint32_t bindings, std::string &why, std::string &note)
         guard_close();
         const int kept = pins_remove(pins);
         pins = kept == 0 ? pins_directory(own, noPins) : "";
+        pins_claim_again();
         if (kept != 0)
             noPins = std::string("stale maps cannot be removed: ") + strerror(kept);
         state = {};

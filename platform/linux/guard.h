@@ -21,6 +21,11 @@ constexpr uint32_t GUARD_INHERIT_SECONDS = 60;
 // days, when a client renews.
 constexpr uint32_t GUARD_INHERIT_BINDINGS_SECONDS = 24 * 60 * 60;
 
+// From now on this process alone may change the maps of its network namespace: false when another one that
+// runs does. A second daemon would take traps and bindings from the first, and leave it without. Without a
+// bpffs nothing is shared, and it is true.
+bool guard_claim();
+
 // Loads the program and takes over the maps of an earlier run, or makes them, with room for so many bindings
 // at least. False when eBPF cannot be had here: `why` says what was refused; every other call is then safe
 // and answers EOPNOTSUPP. `note` says what an operator should know of a start that succeeded (what was

@@ -4,11 +4,14 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
+#include <utility>
 
 #include <linux/magic.h>
 
@@ -21,6 +24,10 @@ namespace
 
 // `ip netns exec` mounts a new /sys, which hides the usual bpffs.
 constexpr char RUN_DIR[] = "/run/dhcpsnoop", PIN_ROOT[] = "/run/dhcpsnoop/bpf";
+
+constexpr int CLAIM_TRIES = 50; // a daemon that was just killed may be ending still
+constexpr useconds_t CLAIM_PAUSE_USEC = 20000;
+int claim = -1; // the directory, locked
 
 bool is_bpffs(const char *path)
 {
@@ -78,6 +85,32 @@ std::vector<std::string> pins_all()
     if (root != nullptr)
         closedir(root);
     return found;
+}
+
+bool pins_claim()
+{
+    Namespace own;
+    std::string why;
+    if (claim >= 0 || !namespace_own(own))
+        return true;
+    const std::string directory = pins_directory(own, why);
+    claim = directory.empty() ? -1 : open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int tries = 0; claim >= 0 && flock(claim, LOCK_EX | LOCK_NB) != 0; tries++) {
+        if (tries == CLAIM_TRIES || errno != EWOULDBLOCK) {
+            close(std::exchange(claim, -1));
+            return false;
+        }
+        usleep(CLAIM_PAUSE_USEC);
+    }
+    return true;
+}
+
+void pins_claim_again()
+{
+    if (claim < 0)
+        return;
+    close(std::exchange(claim, -1));
+    pins_claim();
 }
 
 int pins_remove(const std::string &directory)

@@ -25,6 +25,11 @@ std::string pins_directory(const Namespace &own, std::string &why);
 // This namespace's directories, of every layout there ever was.
 std::vector<std::string> pins_all();
 
+// Locks this namespace's directory for as long as the process lives. False when another process has it; true
+// where there is none.
+bool pins_claim();
+void pins_claim_again(); // the directory has been made anew
+
 int pins_remove(const std::string &directory); // 0 or an errno value
 
 } // namespace platform_linux

@@ -137,10 +137,12 @@ bool platform_linux_start()
     if (!load_model())
         return false;
     report_absent();
+    if (trap_start(bindings) != 0) // before anything is taken that another daemon may have
+        return false;
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
-    return trap_start(bindings) == 0 && relay_socket_start() == 0 && redundancy_start();
+    return relay_socket_start() == 0 && redundancy_start();
 }
 
 } // namespace platform_linux

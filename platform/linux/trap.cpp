@@ -87,6 +87,10 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
 int32_t trap_start(uint32_t bindings)
 {
     std::string why, note;
+    if (!guard_claim()) {
+        platform_report(LOG_ERR, "another daemon runs in this network namespace");
+        return EBUSY;
+    }
     if (!guard_open(bindings * RULES_OF_A_BINDING, why, note)) {
         platform_report(
             LOG_ERR, "no DHCP trap can be had here, snooping cannot be switched on and no port guarded: %s",
