@@ -158,6 +158,26 @@ TEST_F(GuardBindings, OfARunBeforeEndWithTheirTime)
     EXPECT_FALSE(counts(key_of(5, 1, 10, 3)));
 }
 
+// However often the daemon is started: one that nobody installs again does not get its time anew.
+TEST_F(GuardBindings, OfARunBeforeHaveTheirTimeOnce)
+{
+    const guard_binding_key ending = key_of(5, 1, 10, 3), fresh = key_of(6, 2, 10, 3);
+    ASSERT_EQ(guard_binding_add(ending), 0);
+    restart();
+    EXPECT_NE(restart(), "");
+    EXPECT_TRUE(counts(ending));
+    const int fd = map("guard_bindings");
+    guard_binding binding = {};
+    ASSERT_EQ(bpf_map_lookup_elem(fd, &ending, &binding), 0);
+    binding.references -= GUARD_INHERIT_BINDINGS_SECONDS + 1; // as if so much had gone by
+    ASSERT_EQ(bpf_map_update_elem(fd, &ending, &binding, BPF_ANY), 0);
+    close(fd);
+    ASSERT_EQ(guard_binding_add(fresh), 0);
+    restart();
+    EXPECT_FALSE(counts(ending));
+    EXPECT_TRUE(counts(fresh));
+}
+
 TEST_F(GuardBindings, HaveTheRoomTheyWereGiven)
 {
     for (uint8_t host = 1; host <= 4; host++)

@@ -20,6 +20,7 @@ namespace
 {
 
 constexpr uint32_t MASK_BITS = 64; // of guard_state.masks
+constexpr uint64_t NANOSECONDS = 1000000000;
 
 struct Bindings {
     int map = -1, state = -1;
@@ -165,7 +166,7 @@ uint64_t guard_clock()
 {
     timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+    return static_cast<uint64_t>(now.tv_sec) * NANOSECONDS + static_cast<uint64_t>(now.tv_nsec);
 }
 
 uint32_t guard_bindings_open(int map, int state)
@@ -177,12 +178,17 @@ uint32_t guard_bindings_open(int map, int state)
     bpf_map_lookup_elem(state, &zero, &bindings.now);
     const uint64_t now = guard_clock();
     const bool stillInherited = now < bindings.now.bindings_until;
+    // However often daemons start: what none of them installs again has its time from its own run's end.
+    const auto until = static_cast<uint32_t>(now / NANOSECONDS + GUARD_INHERIT_BINDINGS_SECONDS);
     bindings.now.masks = 0;
     for (const guard_binding_key &key : all_keys(map)) {
         guard_binding binding = {};
         if (bpf_map_lookup_elem(map, &key, &binding) != 0)
             continue;
-        if (binding.run != bindings.now.run && !stillInherited) {
+        if (binding.run == bindings.now.run) {
+            binding.references = until;
+            bpf_map_update_elem(map, &key, &binding, BPF_EXIST);
+        } else if (!stillInherited || binding.references <= now / NANOSECONDS) {
             bpf_map_delete_elem(map, &key);
             continue;
         }
@@ -195,7 +201,7 @@ uint32_t guard_bindings_open(int map, int state)
     std::sort(bindings.byAddress.begin(), bindings.byAddress.end(), address_before);
     std::sort(bindings.byMac.begin(), bindings.byMac.end(), mac_before);
     // The time first: between the two a frame of a bound host must not find neither.
-    bindings.now.bindings_until = now + uint64_t{GUARD_INHERIT_BINDINGS_SECONDS} * 1000000000u;
+    bindings.now.bindings_until = now + uint64_t{GUARD_INHERIT_BINDINGS_SECONDS} * NANOSECONDS;
     state_write();
     bindings.now.run++;
     state_write();

@@ -77,7 +77,8 @@ struct guard_binding_key {
 };
 
 struct guard_binding {
-    __u32 references; /* bindings of the daemon that come to this */
+    __u32 references; /* bindings of the daemon that come to this; an earlier run's: until which second of
+                       * CLOCK_BOOTTIME the next daemon takes it over */
     __u32 run;        /* that installed it; an earlier one's counts until guard_state.bindings_until */
 };
 
