@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "bindings.h"
 #include "guard.h"
 #include "model.h"
 #include "trap.h"
@@ -82,9 +83,17 @@ int guard_trap_vlan(uint16_t vid, int family, bool on)
     return 0;
 }
 
-int guard_binding_add(const guard_binding_key &) { return 0; }
+int guard_binding_add(const guard_binding_key &key)
+{
+    recorder.journal.push_back("bind" + numbers({key.ifindex}));
+    return 0;
+}
 
-int guard_binding_remove(const guard_binding_key &) { return 0; }
+int guard_binding_remove(const guard_binding_key &key)
+{
+    recorder.journal.push_back("unbind" + numbers({key.ifindex}));
+    return 0;
+}
 
 void guard_bindings_complete() {}
 
@@ -227,6 +236,24 @@ TEST_F(TrapRules, ComeBackWithTheirPort)
 }
 
 // The device may go before the daemon takes its rule back: the VLAN must not stay cut off.
+// Or a host with a binding would lose what it sends in between.
+TEST_F(TrapRules, StandOnPortsWhoseBindingsAreThere)
+{
+    QorUserRecord record = {};
+    record.ipType = DHCPSNOOP_IPV4;
+    record.ruleFlags = DHCPSNOOP_HW_IPSG;
+    record.ifIndex = 3;
+    const QorIfRequest add = {QOR_USER_ADD, &record, {0, 0}}, remove = {QOR_USER_DELETE, &record, {0, 0}};
+    ASSERT_EQ(binding_set(3, &add), 0);
+    const Port port = ports.at(3);
+    recorder.take();
+    tell(ModelChange::vanished, port);
+    EXPECT_EQ(recorder.take(), "remove 3\nunbind 3\n");
+    tell(ModelChange::appeared, port);
+    EXPECT_EQ(recorder.take(), "bind 3\nadd 3 1\n");
+    EXPECT_EQ(binding_set(3, &remove), 0);
+}
+
 TEST_F(TrapRules, OfAVlanInterfaceGoWithIt)
 {
     ASSERT_EQ(trap_set(10, 4, true), 0);

@@ -116,25 +116,12 @@ void suspend(uint32_t ifIndex)
     }
 }
 
-void resume(const Port &port)
-{
-    uint32_t refused = 0;
-    for (Rule &rule : rules) {
-        if (rule.handle == 0 || rule.ifIndex != port.ifIndex || rule.installed || rule.withdrawn)
-            continue;
-        rule.installed = guard_binding_add(rule.key) == 0;
-        refused += rule.installed ? 0 : 1;
-    }
-    if (refused != 0)
-        platform_report(LOG_ERR, "%s: %u of its bindings cannot be installed again", port.name, refused);
-}
-
 void model_changed(ModelChange change, const Port &port, const Port *)
 {
     if (change == ModelChange::vanished || !is_guarded_itself(port))
         suspend(port.ifIndex);
     else
-        resume(port);
+        bindings_resume(port);
 }
 
 // The record names what is checked by giving it. A binding of a VLAN interface holds on the ports of its
@@ -230,6 +217,19 @@ void bindings_start(uint32_t bindings)
         firstFree = place;
     }
     model_watch(model_changed);
+}
+
+void bindings_resume(const Port &port)
+{
+    uint32_t refused = 0;
+    for (Rule &rule : rules) {
+        if (rule.handle == 0 || rule.ifIndex != port.ifIndex || rule.installed || rule.withdrawn)
+            continue;
+        rule.installed = guard_binding_add(rule.key) == 0;
+        refused += rule.installed ? 0 : 1;
+    }
+    if (refused != 0)
+        platform_report(LOG_ERR, "%s: %u of its bindings cannot be installed again", port.name, refused);
 }
 
 void bindings_hold(bool on)

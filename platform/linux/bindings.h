@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "model.h"
 #include "platform.h"
 
 namespace platform_linux
@@ -25,6 +26,10 @@ void bindings_start(uint32_t bindings);
 // record of a binding, or one that checks nothing; ENODEV: no such port; ENOSPC: no room; EOPNOTSUPP: no
 // eBPF.
 int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request);
+
+// Installs the rules of a port that is back. They follow the model by themselves, but are to be there before
+// the port is guarded again.
+void bindings_resume(const Port &port);
 
 // While it is on, what is deleted stays in force until it is off again, unless it was added once more: where
 // check items change, the daemon withdraws a binding before it installs it anew.

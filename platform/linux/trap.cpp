@@ -33,6 +33,7 @@ void follow(const Port &port)
         guard_port_remove(port.ifIndex);
         return;
     }
+    bindings_resume(port);
     const int error = guard_port_add(port.ifIndex, port.nativeVid);
     if (error != 0 && error != ENODEV) // the kernel says next that it has gone
         platform_report(LOG_ERR, "%s: no DHCP trap can be had on it: %s", port.name, strerror(error));
