@@ -279,6 +279,16 @@ TEST_F(JournalFile, GoesOnBehindATornEnd)
     EXPECT_EQ(reopened().held().size(), 2U);
 }
 
+TEST_F(JournalFile, KeepsWhatIsNoJournal)
+{
+    std::ofstream(path_) << "another version's, or the operator's";
+    EXPECT_EQ(reopened().held().size(), 0U);
+    std::string kept;
+    std::getline(std::ifstream(path_ + ".damaged"), kept);
+    EXPECT_EQ(kept, "another version's, or the operator's");
+    EXPECT_EQ(std::filesystem::file_size(path_), 0U);
+}
+
 // ---- the table and the queue
 
 TEST(UnitTable, ForgetsWhatAFullCopyHasNot)

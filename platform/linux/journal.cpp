@@ -164,8 +164,13 @@ bool Journal::open(const std::string &path, uint32_t now, UnitTable &table, std:
     if (damaged_ != 0) {
         platform_report(LOG_WARNING, "%s: %llu damaged records left out, %llu read", path.c_str(),
                         static_cast<unsigned long long>(damaged_), static_cast<unsigned long long>(records_));
+        // Perhaps it is no journal, or one of another version. It is not ours to destroy.
+        const std::string kept = path + ".damaged";
+        if (records_ == 0 && rename(path.c_str(), kept.c_str()) == 0)
+            platform_report(LOG_WARNING, "%s: kept as %s", path.c_str(), kept.c_str());
         // A torn end would go on tearing what is written behind it.
-        rewrite(table, now);
+        if (!rewrite(table, now))
+            failure("cannot be written anew");
     }
     return true;
 }
