@@ -98,6 +98,29 @@ class Redundancy(UnitsTest):
         self.assertEqual(len(self.right.bindings()), 79)
         self.assertNotIn("10.0.10.2", self.right.bindings())
 
+    def test_deleted_without_port(self):
+        """What waits on the standby for its port goes with the master's binding, too."""
+        PORTS["swp3"] = "access 10"
+        self.addCleanup(PORTS.pop, "swp3")
+        self.left.ip("link add swp3 type veth peer name other3")
+        self.start()
+        self.left.ctl("binding add 10.0.10.99 mac 02:00:00:00:00:99 vlan 10 interface swp3")
+        wait_for("a binding without its port", lambda: self.right.show("redundancy")["withoutPort"] == 1)
+        self.right.ip("link set peer0 down")
+        self.left.ctl("binding delete 10.0.10.99")
+        self.right.ip("link set peer0 up")
+        wait_for("none", lambda: self.right.show("redundancy")["withoutPort"] == 0, timeout=60)
+
+    def test_single_becomes_master(self):
+        """It has made records all along, for its journal: the standby needs those from before."""
+        for unit, role, journal in ((self.left, "none", f"{RUN}/journal"), (self.right, "slave", "off")):
+            unit.configure(role, f"journal {journal}", *self.pair.peer_lines(unit.name))
+            unit.start(*SETTINGS)
+        wait_for("link", lambda: self.left.show("redundancy")["link"] == "up")
+        self.traffic.run(*self.at(self.left), 5)
+        self.left.ctl("role master")
+        self.wait_equal()
+
     def test_stopped_peer(self):
         """A peer that takes nothing holds no frame up, and has everything once it goes on."""
         self.start()

@@ -75,8 +75,8 @@ void UnitThread::control(const std::string &request, ControlSocket::Answer answe
     }
     if (*role != role_)
         platform_report(LOG_NOTICE, "role changes from %s to %s", role_text(role_), role_text(*role));
-    if (*role == DHCPSNOOP_ROLE_SLAVE && role_ != *role)
-        copyOpen_ = copyAsked_ = copyNeeded_ = false; // ours
+    if (role_ != *role && (role_ == DHCPSNOOP_ROLE_SLAVE || *role == DHCPSNOOP_ROLE_SLAVE))
+        copyOpen_ = copyAsked_ = copyNeeded_ = false; // of the other direction
     role_ = *role;
     waiting_.push_back(std::move(answer));
 }

@@ -71,7 +71,7 @@ void UnitThread::peer_copy_end(const PeerFrame &frame)
         request_copy();
         return;
     }
-    for (const UnitRecord &record : table_.copy_end()) {
+    for (const UnitRecord &record : table_.copy_end(true)) {
         note(record);
         toDaemon_.push_back(record);
     }

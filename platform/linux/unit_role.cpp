@@ -103,6 +103,7 @@ void UnitThread::settle()
     if (announced_ == role_)
         return;
     announced_ = role_;
+    copyNeeded_ = copyNeeded_ || role_ == DHCPSNOOP_ROLE_MASTER;
     if (!link_ || !link_->is_up())
         return;
     link_->send_role();

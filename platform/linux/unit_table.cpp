@@ -38,9 +38,10 @@ template <class Which> std::vector<UnitRecord> UnitTable::forget(Which which)
     return gone;
 }
 
-std::vector<UnitRecord> UnitTable::copy_end()
+std::vector<UnitRecord> UnitTable::copy_end(bool parkedToo)
 {
-    return forget([this](const Held &held) { return !held.parked && held.copy != copy_; });
+    return forget(
+        [this, parkedToo](const Held &held) { return (parkedToo || !held.parked) && held.copy != copy_; });
 }
 
 std::vector<UnitRecord> UnitTable::expire_parked(uint32_t now)

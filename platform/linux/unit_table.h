@@ -34,9 +34,9 @@ class UnitTable
     bool apply(const UnitRecord &record, bool parked = false);
 
     // Around a full copy that is applied in between: copy_end gives a delete record for each that it had not,
-    // parked ones excepted, and forgets them.
+    // and forgets them. Parked ones only if asked to: the daemon's own copy cannot have them.
     void copy_begin() { copy_++; }
-    std::vector<UnitRecord> copy_end();
+    std::vector<UnitRecord> copy_end(bool parkedToo = false);
 
     // A delete record for each parked binding whose lease has ended; forgets them.
     std::vector<UnitRecord> expire_parked(uint32_t now);

@@ -154,6 +154,8 @@ void UnitThread::note(const UnitRecord &record)
 
 void UnitThread::take_copy_end(bool complete)
 {
+    if (!copyOpen_ || role_ == DHCPSNOOP_ROLE_SLAVE)
+        return; // begun in another role: one that is open now is the peer's
     copyOpen_ = false;
     copyAsked_ = false;
     if (copyBroken_ || !complete) {
@@ -194,6 +196,8 @@ void UnitThread::take_change(const Change &change, Ticks now)
         take_record(change.record);
         break;
     case Change::Kind::copyBegin:
+        if (role_ == DHCPSNOOP_ROLE_SLAVE)
+            break;
         table_.copy_begin();
         copyOpen_ = true;
         copyBroken_ = false;
@@ -254,7 +258,8 @@ void UnitThread::write_journal(Ticks now)
 {
     if (!journal_.is_open())
         return;
-    if (journal_.has_failed() ? now < dirtySince_ + JOURNAL_RETRY : !journal_.is_dirty()) {
+    const bool waits = dirtySince_ != NEVER && now < dirtySince_ + JOURNAL_RETRY;
+    if (journal_.has_failed() ? waits : !journal_.is_dirty()) {
         if (!journal_.has_failed())
             dirtySince_ = NEVER;
         return;
