@@ -140,11 +140,14 @@ class Redundancy(UnitsTest):
         wait_for("no static binding", lambda: "10.0.10.77" not in self.right.bindings())
 
     def test_other_name(self):
-        """A certificate of the same authority, but not the one that is expected."""
+        """A certificate of the same authority, but not the one that is expected; a key that everybody can read."""
+        os.chmod(f"{RUN}/tls/left.key", 0o644)
         for unit, role in ((self.left, "master"), (self.right, "slave")):
             lines = self.pair.peer_lines(unit.name)
             unit.configure(role, "journal off", *(line.replace("peer right", "peer nobody") for line in lines))
             unit.start(*SETTINGS)
+        self.assertNotIn("others may read", self.right.daemon.log())
+        self.assertIn("left.key: others may read or write the key", self.left.daemon.log())
         wait_for("refusal", lambda: "certificate" in self.left.show("redundancy")["trouble"] or "")
         self.assertEqual([unit.show("redundancy")["link"] for unit in (self.left, self.right)], ["down", "down"])
 

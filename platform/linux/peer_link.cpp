@@ -7,6 +7,7 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "logging.h"
@@ -67,6 +68,9 @@ bool PeerLink::start(std::string &error)
     if (SSL_CTX_use_PrivateKey_file(context, conf_.key.c_str(), SSL_FILETYPE_PEM) != 1 ||
         SSL_CTX_check_private_key(context) != 1)
         return wrong(conf_.key);
+    struct stat status = {};
+    if (stat(conf_.key.c_str(), &status) == 0 && (status.st_mode & (S_IRWXO | S_IWGRP)) != 0)
+        platform_report(LOG_WARNING, "%s: others may read or write the key: chmod 600", conf_.key.c_str());
     if (SSL_CTX_load_verify_locations(context, conf_.authority.c_str(), nullptr) != 1)
         return wrong(conf_.authority);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
