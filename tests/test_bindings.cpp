@@ -212,6 +212,15 @@ TEST_F(Bindings, HeldGoUnlessGivenAgain)
     EXPECT_EQ(take(), "+" + FULL);
     bindings_hold(false);
     EXPECT_EQ(take(), "");
+
+    bindings_hold(true);
+    QorUserRecord looser = record(0x80);
+    looser.ipsgHwId = kept.ipsgHwId;
+    ASSERT_EQ(remove(3, kept), 0);
+    ASSERT_EQ(add(3, looser), 0);
+    EXPECT_EQ(take(), "+ 1 80 if0 vid0 000000000000 0a000a05\n") << "beside the old one, by which the port still goes";
+    bindings_hold(false);
+    EXPECT_EQ(take(), "-" + FULL);
 }
 
 // A static binding may be of a VLAN's interface, or of no port at all.

@@ -150,14 +150,22 @@ TEST_P(GuardSource, GoesByTheItemsOfTheBinding)
     for (const auto &[claim, kind, frame, otherAddress, otherSender] : kinds) {
         for (unsigned mask = 0x10; mask <= 0xF0; mask += 0x10) {
             SCOPED_TRACE(std::string(claim) + " " + std::to_string(mask));
-            const guard_binding_key key = host5(kind, static_cast<uint8_t>(mask));
+            const auto items = static_cast<uint8_t>(mask);
+            const guard_binding_key key = host5(kind, items);
             bind(key);
+            for (const uint32_t port : {port_, other_})
+                guard(port, items, items);
             EXPECT_EQ(verdict(frame), PASSED);
             EXPECT_EQ(verdict(tagged(frame, hex_bytes("8100000a"))), PASSED) << "its VLAN, tagged";
             EXPECT_EQ(verdict(otherAddress), mask & ADDRESS ? REFUSED : PASSED) << "address";
             EXPECT_EQ(verdict(otherSender), mask & MAC ? REFUSED : PASSED) << "MAC";
             EXPECT_EQ(verdict(tagged(frame, tag20)), mask & VLAN ? REFUSED : PASSED) << "VLAN";
             EXPECT_EQ(verdict(frame, nullptr, other_), mask & PORT ? REFUSED : PASSED) << "port";
+            for (const uint8_t more : {ADDRESS, MAC, VLAN, PORT}) {
+                guard(port_, items | more, items | more);
+                EXPECT_EQ(verdict(frame), mask & more ? PASSED : REFUSED) << "where " << unsigned{more} << " is checked too";
+            }
+            guard(port_, items, items);
             unbind(key);
             EXPECT_EQ(verdict(frame), REFUSED) << "no binding";
         }

@@ -183,7 +183,9 @@ int32_t add(uint32_t ifIndex, const guard_binding_key &key, Rule *known, uint32_
     }
     // The new before the old: no packet is lost in between.
     int error = guard_binding_add(key);
-    if (error == 0 && known != nullptr)
+    if (error == 0 && known != nullptr && holding)
+        known->withdrawn = true;
+    else if (error == 0 && known != nullptr)
         remove(*known);
     if (holding && (error == ENOSPC || firstFree == NONE)) {
         remove_withdrawn(); // those that are held are in the way

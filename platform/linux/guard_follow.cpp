@@ -105,7 +105,6 @@ void guard_follow_handled()
     if (!due)
         return;
     due = false;
-    bindings_hold(false);
     for (const auto &[place, before] : guard_config_all()) {
         const auto told = daemonsEvents.told().find(interface_of(place));
         if (told == daemonsEvents.told().end())
@@ -125,6 +124,7 @@ void guard_follow_handled()
             platform_report(LOG_ERR, "the guard cannot be put in force on %s %u: %s",
                             place.isVlan ? "VLAN" : "interface", place.number, strerror(error));
     }
+    bindings_hold(false); // no sooner: what was in force counts no binding that names less
 }
 
 } // namespace platform_linux

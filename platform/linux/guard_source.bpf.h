@@ -124,8 +124,25 @@ static long try_mask(__u32 index, void *context)
     return search->found || !search->masks;
 }
 
-// One look-up for each mask that some binding has, the fullest first; as a rule there is one.
-static __always_inline bool is_bound(const struct source *source, __u32 ifindex, __u32 vid)
+// The masks that name all of these check items, as one kind's bits in guard_state.masks.
+static __always_inline __u64 masks_with(__u32 items)
+{
+    __u64 masks = 0xFFFF;
+
+    if (items & GUARD_CHECK_ADDRESS)
+        masks &= 0xFF00;
+    if (items & GUARD_CHECK_MAC)
+        masks &= MASKS_WITH_MAC;
+    if (items & GUARD_CHECK_VLAN)
+        masks &= 0xCCCC;
+    if (items & GUARD_CHECK_PORT)
+        masks &= 0xAAAA;
+    return masks;
+}
+
+// One look-up for each mask that some binding has, the fullest first; as a rule there is one. A binding that
+// names less than is checked here is of a place that checks less, and does not count.
+static __always_inline bool is_bound(const struct source *source, __u32 ifindex, __u32 vid, __u32 items)
 {
     __u32 zero = 0;
     const struct guard_state *state = bpf_map_lookup_elem(&guard_state, &zero);
@@ -133,7 +150,7 @@ static __always_inline bool is_bound(const struct source *source, __u32 ifindex,
     if (!state)
         return false;
     struct search search = {source, state, ifindex, vid, 0, 0};
-    search.masks = state->masks >> 16 * source->kind & 0xFFFF & ~source->without;
+    search.masks = state->masks >> 16 * source->kind & masks_with(items) & ~source->without;
     bpf_loop(16, try_mask, &search, 0);
     return search.found;
 }
@@ -146,19 +163,22 @@ static __always_inline __u32 word_of(struct guard_items items)
     return word;
 }
 
-// Is one of the features on whose items are not 0 in `wanted`?
-static __always_inline bool is_guarded(__u32 ifindex, __u32 vid, __u32 wanted)
+// What is checked here, of the features whose items are not 0 in `wanted`; 0 = nothing.
+static __always_inline __u32 items_checked(__u32 ifindex, __u32 vid, __u32 wanted)
 {
     const struct guard_items *port = bpf_map_lookup_elem(&guard_port_items, &ifindex);
-    __u32 exempt = 0;
+    __u32 exempt = 0, items = 0;
 
     if (port) {
-        if (word_of(*port) & wanted)
-            return true;
+        items = word_of(*port) & wanted;
         exempt = word_of(*port) & word_of((struct guard_items){.ip = GUARD_EXEMPT, .arp = GUARD_EXEMPT});
     }
-    const struct guard_items *vlan = bpf_map_lookup_elem(&guard_vlan_items, &vid);
-    return vlan && word_of(*vlan) & wanted & ~(exempt * 0xFF); // each byte's bit, all over the byte
+    if (!items) {
+        const struct guard_items *vlan = bpf_map_lookup_elem(&guard_vlan_items, &vid);
+        if (vlan)
+            items = word_of(*vlan) & wanted & ~(exempt * 0xFF); // each byte's bit, all over the byte
+    }
+    return items | items >> 8 | items >> 16 | items >> 24; // whichever byte they stand in
 }
 
 // May the packet go on? One that may not is counted.
@@ -173,7 +193,8 @@ static __always_inline bool may_pass(const struct __sk_buff *skb, struct network
         wanted = word_of((struct guard_items){.arp = GUARD_CHECK_ALL});
     else if (!is_tag(network.type))
         wanted = word_of((struct guard_items){.ip = GUARD_CHECK_ALL});
-    if (!is_guarded(ifindex, vid, wanted))
+    __u32 items = items_checked(ifindex, vid, wanted);
+    if (!items)
         return true;
     load(skb, ETH_ALEN, &source.mac, ETH_ALEN);
     if (network.snap) // no client of ours sends so, and some hosts take it
@@ -189,7 +210,7 @@ static __always_inline bool may_pass(const struct __sk_buff *skb, struct network
     if (need == NOTHING)
         return true;
     if (need == BINDING) {
-        if (is_bound(&source, ifindex, vid))
+        if (is_bound(&source, ifindex, vid, items))
             return true;
         need = (__u32)source.kind - GUARD_IPV4 + GUARD_REFUSED_IPV4;
     }
