@@ -95,8 +95,6 @@ int guard_binding_remove(const guard_binding_key &key)
     return 0;
 }
 
-void guard_bindings_complete() {}
-
 const Port *model_port(uint32_t ifIndex)
 {
     const auto found = ports.find(ifIndex);

@@ -61,7 +61,4 @@ int guard_binding_add(const guard_binding_key &key);
 // ENOENT when this run has not added it.
 int guard_binding_remove(const guard_binding_key &key);
 
-// This run has installed every binding that there is: what is left of an earlier run's ends now.
-void guard_bindings_complete();
-
 } // namespace platform_linux

@@ -265,11 +265,4 @@ int guard_binding_remove(const guard_binding_key &key)
     return error;
 }
 
-void guard_bindings_complete()
-{
-    while (drop_any_inherited()) {
-    }
-    bindings.byAddress.clear();
-}
-
 } // namespace platform_linux
