@@ -1,23 +1,14 @@
 #include "redundancy_conf.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <cstring>
-#include <memory>
 
 namespace platform_linux
 {
 namespace
 {
-constexpr size_t FILE_MAX_BYTES = 1 << 16;
 constexpr uint32_t PORT_LAST = 65535;
 constexpr std::string_view BLANKS = " \t\r";
-
-struct FileCloser {
-    void operator()(FILE *file) const { fclose(file); }
-};
 
 std::string printable(std::string_view text)
 {
@@ -141,19 +132,10 @@ bool redundancy_conf_parse(std::string_view name, std::string_view text, Redunda
 
 ConfFile redundancy_conf_read(const char *path, RedundancyConf &conf, std::string &error)
 {
-    const std::unique_ptr<FILE, FileCloser> file(fopen(path, "re"));
-    if (!file && errno == ENOENT)
-        return ConfFile::absent;
-    if (!file) {
-        error = std::string(path) + ": " + strerror(errno);
-        return ConfFile::wrong;
-    }
-    std::string text(FILE_MAX_BYTES + 1, '\0');
-    text.resize(fread(text.data(), 1, text.size(), file.get()));
-    if (ferror(file.get()) != 0 || text.size() > FILE_MAX_BYTES) {
-        error = std::string(path) + ": " + (ferror(file.get()) != 0 ? strerror(errno) : "longer than 64 KiB");
-        return ConfFile::wrong;
-    }
+    std::string text;
+    const ConfFile file = conf_file_read(path, text, error);
+    if (file != ConfFile::read)
+        return file;
     return redundancy_conf_parse(path, text, conf, error) ? ConfFile::read : ConfFile::wrong;
 }
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "switch_conf.h"
+#include "conf_file.h"
 
 namespace platform_linux
 {

@@ -1,10 +1,6 @@
 #include "switch_conf.h"
 
-#include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <cstring>
-#include <memory>
 #include <vector>
 
 namespace platform_linux
@@ -13,7 +9,6 @@ namespace
 {
 constexpr uint32_t VLAN_LAST = 4094;
 constexpr uint32_t SYSTEM_LAST = 255; // goes into circuit-ids as one byte
-constexpr size_t FILE_MAX_BYTES = 1 << 20;
 constexpr std::string_view BLANKS = " \t\r";
 
 using Words = std::vector<std::string_view>;
@@ -157,10 +152,6 @@ std::string take_role(const Words &words, SwitchConf &conf)
     return {};
 }
 
-struct FileCloser {
-    void operator()(FILE *file) const { fclose(file); }
-};
-
 } // namespace
 
 bool switch_conf_parse(std::string_view name, std::string_view text, SwitchConf &conf, std::string &error)
@@ -203,19 +194,10 @@ bool switch_conf_parse(std::string_view name, std::string_view text, SwitchConf 
 
 ConfFile switch_conf_read(const char *path, SwitchConf &conf, std::string &error)
 {
-    const std::unique_ptr<FILE, FileCloser> file(fopen(path, "re"));
-    if (!file && errno == ENOENT)
-        return ConfFile::absent;
-    if (!file) {
-        error = std::string(path) + ": " + strerror(errno);
-        return ConfFile::wrong;
-    }
-    std::string text(FILE_MAX_BYTES + 1, '\0');
-    text.resize(fread(text.data(), 1, text.size(), file.get()));
-    if (ferror(file.get()) != 0 || text.size() > FILE_MAX_BYTES) {
-        error = std::string(path) + ": " + (ferror(file.get()) != 0 ? strerror(errno) : "longer than 1 MiB");
-        return ConfFile::wrong;
-    }
+    std::string text;
+    const ConfFile file = conf_file_read(path, text, error);
+    if (file != ConfFile::read)
+        return file;
     return switch_conf_parse(path, text, conf, error) ? ConfFile::read : ConfFile::wrong;
 }
 

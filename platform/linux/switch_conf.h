@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "conf_file.h"
 #include "dhcpsnoop.h"
 #include "model.h"
 
@@ -32,8 +33,6 @@ struct SwitchConf {
 
 // False with "name:line: what is wrong" in `error`; `conf` is then of no use.
 bool switch_conf_parse(std::string_view name, std::string_view text, SwitchConf &conf, std::string &error);
-
-enum class ConfFile : uint8_t { read, absent, wrong };
 
 // The file at `path`; `error` names it when it cannot be read or is wrong.
 ConfFile switch_conf_read(const char *path, SwitchConf &conf, std::string &error);
