@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -64,6 +65,10 @@ void tell(Subscriber &subscriber, const EventRecord &record)
 void accept_and_tell(const EventRecord &record)
 {
     for (int i = 0; i < BACKLOG; i++) {
+        // As a rule nobody is there, and accept makes a socket before it finds out.
+        pollfd waiting = {listener, POLLIN, 0};
+        if (poll(&waiting, 1, 0) != 1)
+            return;
         const int sock = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (sock < 0 && errno == ECONNABORTED)
             continue;
