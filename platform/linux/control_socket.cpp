@@ -45,7 +45,10 @@ bool ControlSocket::open(const std::string &path, std::string &error)
     listener_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (listener_ < 0)
         return wrong();
-    unlink(path.c_str());
+    // Only a socket: the path may have been mistyped.
+    struct stat there = {};
+    if (lstat(path.c_str(), &there) == 0 && S_ISSOCK(there.st_mode))
+        unlink(path.c_str());
     // Nobody can connect before it listens, so the mode is right by then.
     if (bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || listen(listener_, CLIENTS_MAX) != 0)
