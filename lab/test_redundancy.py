@@ -1,5 +1,6 @@
 """Two control units, and a restart, lose no binding. LAB_RESTARTS sets how often a unit is killed (5)."""
 
+import glob
 import labtest
 import os
 import random
@@ -7,7 +8,7 @@ import signal
 import time
 import unittest
 
-from lab import RUN, Host, wait_for
+from lab import RUN, Failure, Host, wait_for
 from units import PEERS, PORTS, Pair, Traffic
 
 SETTINGS = ("interface swp1 snooping on", "interface swp2 snooping on", "interface swp2 trust on",
@@ -150,6 +151,25 @@ class Redundancy(UnitsTest):
         self.assertIn("left.key: others may read or write the key", self.left.daemon.log())
         wait_for("refusal", lambda: "certificate" in self.left.show("redundancy")["trouble"] or "")
         self.assertEqual([unit.show("redundancy")["link"] for unit in (self.left, self.right)], ["down", "down"])
+
+    def test_module(self):
+        """TLS comes with a peer and not before; when it cannot be had, the daemon says so and does not run without it."""
+        modules = glob.glob(f"{RUN}/usr/lib/**/dhcpsnoop_tls.so", recursive=True)
+        self.assertEqual(len(modules), 1)
+
+        def libraries():
+            with open(f"/proc/{self.left.daemon.popen.pid}/maps") as maps:
+                return {line.split("/")[-1].split(".so")[0] for line in maps if ".so" in line}
+
+        for peer in (False, True):
+            self.left.configure("master", "journal off", *(self.pair.peer_lines("left") if peer else ()))
+            self.left.start()
+            self.assertEqual({"dhcpsnoop_tls", "libssl", "libcrypto"} & libraries(),
+                             {"dhcpsnoop_tls", "libssl", "libcrypto"} if peer else set())
+            self.left.daemon.stop()
+        os.unlink(modules[0])
+        with self.assertRaisesRegex(Failure, "a peer needs TLS: dhcpsnoop_tls.so"):
+            self.left.start()
 
     def test_stranger(self):
         """Who has no certificate of the authority gets no link and disturbs none."""

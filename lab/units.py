@@ -46,10 +46,8 @@ class Unit(Host):
 
     def __init__(self, name, build):
         self.name, self.daemon = name, None
-        self.bin = f"{RUN}/bin"
-        os.makedirs(self.bin, exist_ok=True)
-        for binary in ("dhcpsnoop", "ctl/dhcpsnoopctl"):
-            shutil.copy2(f"{build}/{binary}", self.bin)
+        self.bin = f"{RUN}/usr/sbin"
+        subprocess.run(["cmake", "--install", build, "--prefix", f"{RUN}/usr"], check=True, capture_output=True)
         os.makedirs("/run/dhcpsnoop", exist_ok=True)
         mounts = "mount -t tmpfs tmpfs /tmp && mount -t tmpfs tmpfs /run/dhcpsnoop && mkdir /run/dhcpsnoop/bpf && " \
                  "mount -t bpf bpf /run/dhcpsnoop/bpf && echo && exec sleep infinity"

@@ -1,6 +1,7 @@
 // The command socket with real clients: framing, refusals, time limits.
 #include "daemon_test.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -18,9 +19,9 @@ namespace
 
 Bytes framed(uint32_t length, const Bytes &body)
 {
-    Bytes bytes(sizeof length);
+    Bytes bytes(sizeof length + body.size());
     memcpy(bytes.data(), &length, sizeof length);
-    bytes.insert(bytes.end(), body.begin(), body.end());
+    std::ranges::copy(body, bytes.begin() + sizeof length);
     return bytes;
 }
 

@@ -4,8 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <netinet/tcp.h>
-#include <openssl/err.h>
-#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,14 +24,6 @@ constexpr size_t OUT_MAX = 16 << 20;   // more than the largest full copy
 constexpr size_t OUT_KEPT = 1 << 20;   // of room that was needed once
 constexpr size_t READS_PER_TURN = 8;   // of 16 KiB, a TLS record
 
-std::string tls_error()
-{
-    const unsigned long code = ERR_get_error();
-    ERR_clear_error();
-    const char *reason = ERR_reason_error_string(code);
-    return code == 0 ? strerror(errno) : reason != nullptr ? reason : "error " + std::to_string(code);
-}
-
 void set_option(int fd, int level, int option, int value)
 {
     setsockopt(fd, level, option, &value, sizeof value);
@@ -42,7 +32,7 @@ void set_option(int fd, int level, int option, int value)
 
 PeerLink::Connection::~Connection()
 {
-    ssl.reset();
+    tls.reset();
     if (fd >= 0)
         close(fd);
 }
@@ -55,29 +45,11 @@ PeerLink::~PeerLink()
 
 bool PeerLink::start(std::string &error)
 {
-    context_.reset(SSL_CTX_new(TLS_method()));
-    SSL_CTX *context = context_.get();
-    const auto wrong = [&error](const std::string &what) {
-        error = what + ": " + tls_error();
-        return false;
-    };
-    if (context == nullptr || SSL_CTX_set_min_proto_version(context, TLS1_3_VERSION) != 1)
-        return wrong("TLS 1.3 cannot be had");
-    if (SSL_CTX_use_certificate_chain_file(context, conf_.certificate.c_str()) != 1)
-        return wrong(conf_.certificate);
-    if (SSL_CTX_use_PrivateKey_file(context, conf_.key.c_str(), SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_check_private_key(context) != 1)
-        return wrong(conf_.key);
+    tls_ = tls_load(conf_, error);
     struct stat status = {};
     if (stat(conf_.key.c_str(), &status) == 0 && (status.st_mode & (S_IRWXO | S_IWGRP)) != 0)
         platform_report(LOG_WARNING, "%s: others may read or write the key: chmod 600", conf_.key.c_str());
-    if (SSL_CTX_load_verify_locations(context, conf_.authority.c_str(), nullptr) != 1)
-        return wrong(conf_.authority);
-    SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
-    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_num_tickets(context, 0);
-    SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-    return true;
+    return tls_ != nullptr;
 }
 
 void PeerLink::say(const std::string &trouble)
@@ -91,17 +63,9 @@ void PeerLink::say(const std::string &trouble)
 
 bool PeerLink::make_tls(Connection &connection, bool accepting)
 {
-    SSL *ssl = SSL_new(context_.get());
-    connection.ssl.reset(ssl);
-    if (ssl == nullptr || SSL_set_fd(ssl, connection.fd) != 1 || SSL_set1_host(ssl, conf_.name.c_str()) != 1)
-        return false;
-    SSL_set_hostflags(ssl, X509_CHECK_FLAG_NO_WILDCARDS);
-    if (accepting)
-        SSL_set_accept_state(ssl);
-    else
-        SSL_set_connect_state(ssl);
     set_option(connection.fd, IPPROTO_TCP, TCP_NODELAY, 1);
-    return true;
+    connection.tls = tls_->session(connection.fd, accepting);
+    return connection.tls != nullptr;
 }
 
 bool PeerLink::listen_now(Ticks now)
@@ -195,26 +159,14 @@ void PeerLink::hold(bool held)
     held_ = held;
 }
 
-bool PeerLink::tls_failed(Connection &connection, int result, const char *doing)
+bool PeerLink::tls_failed(Connection &connection, TlsResult result, const char *doing)
 {
-    switch (SSL_get_error(connection.ssl.get(), result)) {
-    case SSL_ERROR_WANT_READ:
-        return false;
-    case SSL_ERROR_WANT_WRITE:
-        connection.wantsWrite = true;
-        return false;
-    case SSL_ERROR_ZERO_RETURN:
+    connection.wantsWrite = connection.wantsWrite || result == TlsResult::wantsWrite;
+    if (result == TlsResult::closed)
         say("the peer has closed the connection");
-        return true;
-    default:
-        break;
-    }
-    const long verified = SSL_get_verify_result(connection.ssl.get());
-    say(std::string(doing) + ": " +
-        (verified != X509_V_OK ? std::string("its certificate: ") + X509_verify_cert_error_string(verified)
-                               : tls_error()));
-    ERR_clear_error();
-    return true;
+    else if (result == TlsResult::failed)
+        say(std::string(doing) + ": " + connection.tls->trouble());
+    return result == TlsResult::closed || result == TlsResult::failed;
 }
 
 bool PeerLink::shake_hands(Connection &connection, Ticks now)
@@ -229,9 +181,8 @@ bool PeerLink::shake_hands(Connection &connection, Ticks now)
         }
         connection.connecting = false;
     }
-    errno = 0;
-    const int result = SSL_do_handshake(connection.ssl.get());
-    if (result != 1)
+    const TlsResult result = connection.tls->shake_hands();
+    if (result != TlsResult::done)
         return !tls_failed(connection, result, "no TLS with it");
     connection.secured = true;
     connection.heard = connection.moved = now;
@@ -277,12 +228,12 @@ bool PeerLink::read_some(Connection &connection, Ticks now)
     uint8_t bytes[16384];
     connection.hasMore = false;
     for (size_t i = 0; i < READS_PER_TURN && !held_; i++) {
-        errno = 0;
-        const int got = SSL_read(connection.ssl.get(), bytes, sizeof bytes);
-        if (got <= 0)
-            return !tls_failed(connection, got, "reading from it");
+        size_t count = 0;
+        const TlsResult result = connection.tls->read(bytes, count);
+        if (result != TlsResult::done)
+            return !tls_failed(connection, result, "reading from it");
         connection.heard = now;
-        std::span<const uint8_t> rest(bytes, static_cast<size_t>(got));
+        std::span<const uint8_t> rest(bytes, count);
         while (const auto frame = connection.reader.next(rest))
             if (!take(connection, *frame))
                 return false;
@@ -300,13 +251,12 @@ bool PeerLink::write_some(Connection &connection, Ticks now)
     if (connection.out.empty() && now - connection.moved >= ALIVE_PERIOD)
         put(connection, PeerMessage::alive, {});
     while (connection.sent < connection.out.size()) {
-        errno = 0;
         const size_t left = std::min<size_t>(connection.out.size() - connection.sent, 1 << 20);
-        const int done =
-            SSL_write(connection.ssl.get(), &connection.out[connection.sent], static_cast<int>(left));
-        if (done <= 0)
-            return !tls_failed(connection, done, "writing to it");
-        connection.sent += static_cast<size_t>(done);
+        size_t count = 0;
+        const TlsResult result = connection.tls->write({&connection.out[connection.sent], left}, count);
+        if (result != TlsResult::done)
+            return !tls_failed(connection, result, "writing to it");
+        connection.sent += count;
         connection.moved = now;
         if (connection.sent > OUT_KEPT) {
             connection.out.erase(connection.out.begin(),

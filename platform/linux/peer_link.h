@@ -6,7 +6,6 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <openssl/ssl.h>
 #include <poll.h>
 #include <string>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "clock.h"
 #include "peer_frame.h"
 #include "redundancy_conf.h"
+#include "tls.h"
 
 namespace platform_linux
 {
@@ -58,12 +58,6 @@ class PeerLink
     void serve(const std::vector<pollfd> &descriptors, Ticks now);
 
   private:
-    struct SslFree {
-        void operator()(SSL *ssl) const { SSL_free(ssl); }
-    };
-    struct ContextFree {
-        void operator()(SSL_CTX *context) const { SSL_CTX_free(context); }
-    };
     struct Connection {
         explicit Connection(int descriptor) : fd(descriptor) {}
         ~Connection();
@@ -71,7 +65,7 @@ class PeerLink
         Connection &operator=(const Connection &) = delete;
 
         int fd;
-        std::unique_ptr<SSL, SslFree> ssl;
+        std::unique_ptr<TlsSession> tls;
         bool connecting = false; // TCP's own handshake
         bool secured = false;    // TLS's is done
         bool replaced = false;   // by a newer one of the peer's
@@ -94,7 +88,7 @@ class PeerLink
     bool write_some(Connection &connection, Ticks now);
     bool take(Connection &connection, const PeerFrame &frame);
     bool is_late(const Connection &connection, Ticks now);
-    bool tls_failed(Connection &connection, int result, const char *doing);
+    bool tls_failed(Connection &connection, TlsResult result, const char *doing);
     bool put_hello(Connection &connection);
     bool put(Connection &connection, PeerMessage type, std::span<const uint8_t> payload);
     void drop(Connection *connection, Ticks now);
@@ -102,7 +96,7 @@ class PeerLink
 
     PeerConf conf_;
     Handlers handlers_;
-    std::unique_ptr<SSL_CTX, ContextFree> context_;
+    std::unique_ptr<Tls> tls_;
     int listener_ = -1;
     std::list<Connection> connections_;
     Connection *current_ = nullptr; // whose peer said hello

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <thread>
@@ -86,20 +87,21 @@ bool redundancy_start()
     RedundancyConf conf;
     if (!read_conf(conf))
         return false;
-    shared = new UnitShared;
-    shared->wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    const char *control = getenv(CONTROL_ENV);
-    auto *thread = new UnitThread(*shared, switch_model().role(), DHCPSNOOP_SOCKET_PATH);
+    auto state = std::make_unique<UnitShared>();
+    state->wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    auto thread = std::make_unique<UnitThread>(*state, switch_model().role(), DHCPSNOOP_SOCKET_PATH);
     if (conf.peer && !thread->open_peer(*conf.peer))
         return false;
+    shared = state.release();
     const std::string journal = conf.journal.value_or(directory_exists(JOURNAL_PATH) ? JOURNAL_PATH : "");
     if (!journal.empty())
         thread->open_journal(journal);
+    const char *control = getenv(CONTROL_ENV);
     thread->open_control(control != nullptr && *control != 0 ? control : CONTROL_PATH);
     model_watch(ports_changed);
     ports_changed(ModelChange::changed, {}, nullptr);
     thread->begin();
-    std::thread([thread] { thread->run(); }).detach();
+    std::thread([unit = thread.release()] { unit->run(); }).detach();
     return true;
 }
 
