@@ -81,6 +81,8 @@ constexpr Command COMMANDS[] = {
      "ARP inspection on a port: what of an ARP sender must agree with a binding"},
     {"arp-inspection vlan", CHECK_ITEMS_VLAN, arpVlan, false,
      "the same in a VLAN, on ports that have no setting of their own"},
+    {"load", "FILE [wait SECONDS]", load, false,
+     "the lines of a file as commands, as show config prints them; - is standard input"},
     {"monitor", "", monitor, true,
      "bindings as they are added and deleted, one line each, until interrupted"},
     {"clear statistics", "", clearStatistics, false,
@@ -258,6 +260,26 @@ Words completions(const Words &before)
     return next;
 }
 
+bool mayBeLoaded(const Words &line)
+{
+    const Command *command = findCommand(line);
+    return command && !command->shows && command->run != load && command->run != complete &&
+           command->run != showUsage;
+}
+
+ExitStatus runCommand(const Words &line, Context context)
+{
+    const Command *command = findCommand(line);
+    if (!command)
+        throw UsageError("unknown command '" + joinQuoted(line) + "' (see dhcpsnoopctl help)");
+    Words arguments(line.begin() + static_cast<ptrdiff_t>(splitWords(command->words).size()), line.end());
+    context.json = command->shows && std::erase(arguments, "--json") > 0;
+    if (!*command->arguments && !arguments.empty())
+        throw UsageError(std::string(command->words) + " takes nothing more, but there is '" + arguments[0] +
+                         "'");
+    return command->run(context, arguments);
+}
+
 ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out, std::ostream &err)
 {
     try {
@@ -265,15 +287,7 @@ ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out,
             printUsage(err);
             return EXIT_USAGE;
         }
-        const Command *command = findCommand(line);
-        if (!command)
-            throw UsageError("unknown command '" + joinQuoted(line) + "' (see dhcpsnoopctl help)");
-        Words arguments(line.begin() + static_cast<ptrdiff_t>(splitWords(command->words).size()), line.end());
-        bool json = command->shows && std::erase(arguments, "--json") > 0;
-        if (!*command->arguments && !arguments.empty())
-            throw UsageError(std::string(command->words) + " takes nothing more, but there is '" +
-                             arguments[0] + "'");
-        ExitStatus status = command->run({daemon, json, out, err}, arguments);
+        const ExitStatus status = runCommand(line, {daemon, false, out, err});
         if (!out.flush()) {
             err << "dhcpsnoopctl: the output could not be written\n";
             return EXIT_REFUSED;

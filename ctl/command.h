@@ -30,6 +30,12 @@ std::span<const Command> commands();
 // Runs one command line (without the program's name) and says on `err` why it failed.
 ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out, std::ostream &err);
 
+// The same with what is wrong thrown, as CtlError.
+ExitStatus runCommand(const Words &line, Context context);
+
+// Whether the line is one that a file may have: a command that makes a setting or a binding.
+bool mayBeLoaded(const Words &line);
+
 void printUsage(std::ostream &out);
 // The words that may come after `before`, sorted by nothing but their tables.
 Words completions(const Words &before);
@@ -60,6 +66,9 @@ ExitStatus bindingAdd(const Context &, std::span<const std::string>);
 ExitStatus bindingBind(const Context &, std::span<const std::string>);
 ExitStatus bindingUnbind(const Context &, std::span<const std::string>);
 ExitStatus bindingDelete(const Context &, std::span<const std::string>);
+
+// load.cpp
+ExitStatus load(const Context &, std::span<const std::string>);
 
 // platform.cpp, guard.cpp, monitor.cpp; without the Linux platform no_platform.cpp
 ExitStatus platformRelease(const Context &, std::span<const std::string>);

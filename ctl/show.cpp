@@ -578,7 +578,10 @@ ExitStatus showConfig(const Context &context, std::span<const std::string>)
     std::vector<Words> lines;
     for (const Setting &setting : GLOBAL_SCOPE.settings)
         if (canBeSet(setting) && setting.kind != Kind::Clear) {
-            Words line = valueWords(setting, getValue(context.daemon, globalTarget(), setting));
+            const Value value = getValue(context.daemon, globalTarget(), setting);
+            if (isInitial(setting, value))
+                continue;
+            Words line = valueWords(setting, value);
             line.insert(line.begin(), setting.name);
             lines.push_back(line);
         }

@@ -3,7 +3,7 @@
 import labtest
 import signal
 
-from lab import MACS, RELAY_ADDRESS, RELAY_SERVERS, ROOT
+from lab import MACS, RELAY_ADDRESS, RELAY_SERVERS, ROOT, RUN, Process, wait_for
 from wire import exchange, from_client, is_dhcp
 
 
@@ -26,6 +26,28 @@ class Restart(labtest.LabTest):
         self.assertFalse(self.passes())
         self.start_daemon()
         exchange(self.endpoint(self.lab.pc1), MACS["pc1"])
+
+    def test_settings(self):
+        """What was saved is made again by a `load` that waits for the daemon and a port."""
+        for setting in ("option82 on", "circuit-id template %s.%c"):
+            self.ctl(f"interface swp1 {setting}")
+        self.ctl("interface swp2 max-users 7")
+        config = self.ctl("show config")
+        with open(f"{RUN}/settings", "w") as file:
+            file.write(config)
+        self.lab.stop_daemon()
+        self.assertEqual(self.lab.ctl("load", f"{RUN}/settings", check=False).returncode, 3)
+        load = Process(self.lab.switch, "load", self.lab.binary("dhcpsnoopctl"), "load", f"{RUN}/settings", "wait", "20")
+        self.addCleanup(load.stop)
+        self.lab.switch.ip("link set swp2 down")
+        self.lab.switch.ip("link set swp2 name later")
+        self.daemon = self.lab.start_daemon(*self.daemon_arguments)
+        wait_for("the other settings", lambda: "interface swp1" in self.ctl("show config"))
+        self.assertNotIn("swp2", self.ctl("show config"))
+        self.lab.switch.ip("link set later name swp2")
+        self.lab.switch.ip("link set swp2 up")
+        self.assertEqual(load.popen.wait(20), 0, load.log())
+        self.assertEqual(self.ctl("show config"), config)
 
     def test_release(self):
         """`platform release` gives the ports back to the kernel."""

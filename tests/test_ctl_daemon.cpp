@@ -2,7 +2,10 @@
 // socket: what is set is shown, what is shown rebuilds, and what the daemon refuses is explained.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include "ctl_run.h"
 #include "dhcpsnoop_main.h"
@@ -13,6 +16,7 @@ namespace
 
 // Indexes that have no name in any network namespace: two ports and the VLAN interface of VLAN 10.
 constexpr uint32_t PORT_A = 500000001, PORT_B = 500000002, VLAN_IF = 500000003;
+const std::string NEW_CONFIG = "dhcpsnoopctl enterprise-number 32473\n"; // of a daemon just started
 const std::string A = "interface 500000001 ", B = "interface 500000002 ";
 
 Bytes inDaemon(const Bytes &body)
@@ -30,6 +34,15 @@ void must(const std::string &line)
 {
     Ran ran = run(line);
     EXPECT_EQ(ran.status, EXIT_DONE) << line << ": " << ran.err;
+}
+
+Ran loadText(const std::string &text, const std::string &options = "", const Exchange &exchange = inDaemon)
+{
+    const std::string name = testing::TempDir() + "load-" + std::to_string(getpid());
+    std::ofstream(name) << text;
+    Ran ran = ::run("load " + name + options, exchange);
+    std::filesystem::remove(name);
+    return ran;
 }
 
 class CtlDaemon : public testing::Test
@@ -87,18 +100,56 @@ TEST_F(CtlDaemon, ShownConfigurationRebuildsIt)
 {
     configure();
     std::string before = run("show config").out;
-    auto lines = nlohmann::json::parse(run("show config --json").out).get<std::vector<Words>>();
     std::string interfaces = run("show interfaces --json").out, global = run("show global").out;
     start();
     EXPECT_EQ(run("show interfaces --json").out, "[]\n");
-    for (const Words &line : lines) {
-        Ran ran = runWords(line, inDaemon);
-        EXPECT_EQ(ran.status, EXIT_DONE) << joinQuoted(line) << ": " << ran.err;
-    }
+    must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound"); // as from a journal
+    Ran loaded = loadText("# settings\n\n" + before);
+    EXPECT_EQ(loaded.status, EXIT_DONE) << loaded.err;
     EXPECT_EQ(run("show config").out, before);
     EXPECT_EQ(run("show interfaces --json").out, interfaces);
     EXPECT_EQ(run("show global").out, global);
     EXPECT_NE(before.find("dhcpsnoopctl binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound\n"), std::string::npos) << before;
+}
+
+// All other lines are done; each that was not is told with its place.
+TEST_F(CtlDaemon, LinesThatCannotBeLoaded)
+{
+    const std::tuple<const char *, ExitStatus, const char *> rows[] = {
+        {"interface 500000001 trust on", EXIT_REFUSED, ":2: interface 500000001 trust: refused, NM_NO_ENTRY"},
+        {"interface swp77 snooping on", EXIT_USAGE, ":2: "},
+        {"interface 500000002 remote-id text 'x", EXIT_USAGE, ":2: a quote is not closed"},
+        {"interface 500000002 remote-id text $(id)", EXIT_USAGE, ":2: "},
+        {"snooping on; snooping off", EXIT_USAGE, ":2: "},
+        {"load /dev/null", EXIT_USAGE, ":2: 'load /dev/null' is no command"},
+        {"monitor", EXIT_USAGE, ":2: 'monitor' is no command"},
+        {"dhcpsnoopctl", EXIT_USAGE, ":2: '' is no command"},
+    };
+    for (const auto &[line, status, message] : rows) {
+        SCOPED_TRACE(line);
+        start();
+        Ran ran = loadText(std::string("interface 500000002 snooping on\n") + line + "\nserver-learning on\n");
+        EXPECT_EQ(ran.status, status);
+        EXPECT_NE(ran.err.find(message), std::string::npos) << ran.err;
+        const bool understood = ran.requests.size() > 0; // else nothing is done at all
+        EXPECT_EQ(run("show config").out,
+                  understood ? NEW_CONFIG + "dhcpsnoopctl server-learning on\ndhcpsnoopctl interface 500000002 snooping on\n" : NEW_CONFIG);
+    }
+}
+
+TEST_F(CtlDaemon, LoadTriesAgain)
+{
+    int attempts = 0;
+    const auto late = [&](const Bytes &body) {
+        if (++attempts < 3)
+            throw NoDaemon("not yet");
+        return inDaemon(body);
+    };
+    Ran ran = loadText("server-learning on\n", " wait 10", late);
+    EXPECT_EQ(ran.status, EXIT_DONE) << ran.err;
+    EXPECT_EQ(run("show config").out, NEW_CONFIG + "dhcpsnoopctl server-learning on\n");
+    attempts = 0;
+    EXPECT_EQ(loadText("server-learning on\n", "", late).status, EXIT_NO_DAEMON);
 }
 
 // What the daemon forgets with a switch, the client must not give back.
