@@ -394,6 +394,23 @@ TEST(Logging, OneLineWithoutControlCharacters)
     EXPECT_LT(logged[0].size(), 1100u);
 }
 
+// Under systemd both ways end in the journal.
+TEST(Logging, ReportedOnceToTheJournal)
+{
+    for (const bool isJournal : {false, true}) {
+        testing::internal::CaptureStderr();
+        struct stat status = {};
+        fstat(STDERR_FILENO, &status);
+        const auto stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino + (isJournal ? 0 : 1));
+        setenv("JOURNAL_STREAM", stream.c_str(), 1);
+        logged.clear();
+        platform_report(LOG_WARNING, "disk %d", 1);
+        unsetenv("JOURNAL_STREAM");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), isJournal ? "" : "dhcpsnoop: disk 1\n");
+        EXPECT_EQ(logged, (std::vector<std::string>{std::to_string(LOG_DAEMON | LOG_WARNING) + " disk 1"}));
+    }
+}
+
 // Child processes: what they print and how they end.
 
 struct Ended {

@@ -5,10 +5,13 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <poll.h>
+#include <string>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform.h"
@@ -36,6 +39,16 @@ ssize_t write_stdout(void *, const char *data, size_t size)
 {
     standardOutput.write(data, size);
     return static_cast<ssize_t>(size); // an error would make stdio keep and repeat the text
+}
+
+// Standard error is the journal, to which the system log goes as well (systemd.exec(5), JOURNAL_STREAM).
+bool stderr_is_journal()
+{
+    const char *stream = getenv("JOURNAL_STREAM");
+    struct stat status = {};
+    if (stream == nullptr || fstat(STDERR_FILENO, &status) != 0)
+        return false;
+    return std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) == stream;
 }
 
 // One line: no line ends, nothing that a terminal could act upon.
@@ -152,7 +165,8 @@ void platform_report(int priority, const char *format, ...)
     std::array<char, LOG_LINE_MAX> line;
     vsnprintf(line.data(), line.size(), format, arguments);
     va_end(arguments);
-    fprintf(stderr, "%s: %s\n", IDENTITY, line.data());
+    if (!stderr_is_journal())
+        fprintf(stderr, "%s: %s\n", IDENTITY, line.data());
     syslog(LOG_DAEMON | priority, "%s", line.data());
 }
 

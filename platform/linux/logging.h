@@ -12,7 +12,8 @@ namespace platform_linux
 // Puts the bounded writer behind stdout, for printf and NM_DEBUG_OUTPUT alike, and opens the system log.
 void logging_start();
 
-// One line of the platform's own, to standard error and the system log; `priority` as syslog's.
+// One line of the platform's own, to the system log and, unless that is where it goes as well, standard
+// error; `priority` as syslog's.
 __attribute__((format(printf, 2, 3))) void platform_report(int priority, const char *format, ...);
 
 // Lines out of `fd`, whole or not at all. A line that comes too fast or would have to wait is left out, and

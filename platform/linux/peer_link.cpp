@@ -316,8 +316,10 @@ void PeerLink::watch(std::vector<pollfd> &descriptors) const
         const bool writes =
             connection.connecting || connection.wantsWrite || connection.sent < connection.out.size();
         const bool reads = !connection.connecting && !(held_ && &connection == current_);
-        descriptors.push_back(
-            {connection.fd, static_cast<short>((reads ? POLLIN : 0) | (writes ? POLLOUT : 0)), 0});
+        // One that hung up would end every wait, asked for or not.
+        if (reads || writes)
+            descriptors.push_back(
+                {connection.fd, static_cast<short>((reads ? POLLIN : 0) | (writes ? POLLOUT : 0)), 0});
     }
 }
 
