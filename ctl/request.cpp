@@ -94,6 +94,9 @@ constexpr ResultName RESULT_NAMES[] = {
     {NM_END,         "NM_END",         "nothing more, or the VLAN has no interface"                  },
 };
 
+// Below, a code without a name is what the platform answered the daemon, on Linux an errno value.
+constexpr uint32_t RESULTS_OF_OUR_OWN = 0x1000;
+
 using Clock = std::chrono::steady_clock;
 
 [[noreturn]] void throwConnectError(const std::string &path, int error)
@@ -313,10 +316,12 @@ ServerKey Reply::serverKey()
 std::string resultText(uint32_t code)
 {
     char number[16];
-    std::snprintf(number, sizeof(number), code < 0x1000 ? "%u" : "0x%X", code);
+    std::snprintf(number, sizeof(number), code < RESULTS_OF_OUR_OWN ? "%u" : "0x%X", code);
     for (const ResultName &row : RESULT_NAMES)
         if (row.code == code)
             return std::string(row.name) + " (" + number + "): " + row.meaning;
+    if (code < RESULTS_OF_OUR_OWN)
+        return std::string("result ") + number + " of the platform: " + std::strerror(static_cast<int>(code));
     return std::string("result ") + number + ": no name is known for it";
 }
 

@@ -1,6 +1,7 @@
 // The tables of settings, and what is done by kind: words to a value and back, a value to requests and back.
 #include "setting.h"
 
+#include <cerrno>
 #include <nlohmann/json.hpp>
 
 namespace
@@ -288,6 +289,8 @@ std::string hint(const Target &target, const Setting &setting, uint32_t code)
     std::string command = joinQuoted(target.words());
     if (code == NM_NO_ENTRY)
         return " (is snooping off there? '" + command + " snooping on' comes first)";
+    if (code == ENODEV)
+        return " (is it no port of the switch, nor the interface of a VLAN?)";
     if (code == NM_BAD_COMMAND && setting.needs)
         return " ('" + command + ' ' + setting.needs + " on' comes first)";
     if (code == NM_BAD_COMMAND && setting.kind == Kind::Servers)

@@ -67,6 +67,23 @@ std::vector<uint32_t> listInterfaces(const Daemon &daemon)
     return listIndexes(daemon, FUNC_IF_FIRST, FUNC_IF_NEXT, "interfaces");
 }
 
+// Ascending. The daemon goes through its VLANs in the order of their interfaces' indexes and skips one that
+// is lower than the last it gave, so those in between are asked for one by one.
+std::vector<uint32_t> listVlans(const Daemon &daemon)
+{
+    constexpr uint32_t VID_MAX = 4094;
+    const std::vector<uint32_t> given = listIndexes(daemon, FUNC_VLAN_FIRST, FUNC_VLAN_NEXT, "VLANs");
+    const uint32_t last = given.empty() ? 0 : given.back();
+    if (last > VID_MAX)
+        throw NoDaemon("malformed reply: " + std::to_string(last) + " is no VLAN");
+    std::vector<uint32_t> vlans;
+    for (uint32_t vid = 1; vid <= last; vid++)
+        if (std::binary_search(given.begin(), given.end(), vid) ||
+            daemon.ask({FUNC_VLAN_GET, VLAN_ENABLE, vid}).result() == NM_OK)
+            vlans.push_back(vid);
+    return vlans;
+}
+
 std::optional<UserKey> nextUser(const Daemon &daemon, const std::optional<UserKey> &last)
 {
     Reply reply = daemon.ask(
@@ -329,8 +346,11 @@ void interfaceCommands(const InterfaceView &view, std::vector<Words> &lines)
     }
 }
 
-Words bindingCommand(const Binding &binding)
+// "binding add" puts only a whole binding in force; one that was bound without some part is bound by itself.
+void bindingCommands(const Binding &binding, std::vector<Words> &lines)
 {
+    const bool bound = binding.state == STATE_BOUND;
+    const bool whole = hasMac(binding) && binding.vlan != 0 && binding.ifIndex != 0;
     Words line = {"binding", "add", userKeyText(binding.key)};
     auto add = [&](const char *key, const std::string &word) { line.insert(line.end(), {key, word}); };
     if (hasMac(binding))
@@ -341,9 +361,11 @@ Words bindingCommand(const Binding &binding)
         add("interface", interfaceText(binding.ifIndex));
     if (binding.attribute != 0)
         add("attribute", std::to_string(binding.attribute));
-    if (binding.state != STATE_BOUND)
+    if (!bound || !whole)
         line.push_back("unbound");
-    return line;
+    lines.push_back(line);
+    if (bound && !whole)
+        lines.push_back({"binding", "bind", userKeyText(binding.key)});
 }
 
 } // namespace
@@ -427,7 +449,7 @@ ExitStatus showVlans(const Context &context, std::span<const std::string>)
         {"VLAN", "MAX-USERS"}
     };
     const Setting &maxUsers = *findSetting(VLAN_SCOPE, "max-users");
-    for (uint32_t vid : listIndexes(context.daemon, FUNC_VLAN_FIRST, FUNC_VLAN_NEXT, "VLANs")) {
+    for (uint32_t vid : listVlans(context.daemon)) {
         Target target = {VLAN_SCOPE, vid, std::to_string(vid)};
         auto most = ifStillThere([&] { return getValue(context.daemon, target, maxUsers); });
         if (!most)
@@ -589,7 +611,7 @@ ExitStatus showConfig(const Context &context, std::span<const std::string>)
         interfaceCommands(view, lines);
     for (const Binding &binding :
          readBindings(context.daemon, [](const Binding &b) { return b.type == TYPE_STATIC; }))
-        lines.push_back(bindingCommand(binding));
+        bindingCommands(binding, lines);
     guardCommands(lines);
     if (context.json) {
         printJson(context, lines);

@@ -76,6 +76,8 @@ void configure()
     must("vlan 10 max-users 7");
     must("binding add 10.0.0.5 mac 02:00:00:00:00:05 vlan 10 " + A + "attribute 3");
     must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound");
+    must("binding add 10.0.0.6 mac 02:00:00:00:00:07 unbound"); // in force without VLAN and interface
+    must("binding bind 10.0.0.6");
 }
 
 TEST_F(CtlDaemon, EverySettingIsReadBackAsItWasMade)
@@ -100,7 +102,7 @@ TEST_F(CtlDaemon, ShownConfigurationRebuildsIt)
 {
     configure();
     std::string before = run("show config").out;
-    std::string interfaces = run("show interfaces --json").out, global = run("show global").out;
+    std::string interfaces = run("show interfaces --json").out, global = run("show global").out, bindings = run("show bindings").out;
     start();
     EXPECT_EQ(run("show interfaces --json").out, "[]\n");
     must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound"); // as from a journal
@@ -109,6 +111,7 @@ TEST_F(CtlDaemon, ShownConfigurationRebuildsIt)
     EXPECT_EQ(run("show config").out, before);
     EXPECT_EQ(run("show interfaces --json").out, interfaces);
     EXPECT_EQ(run("show global").out, global);
+    EXPECT_EQ(run("show bindings").out, bindings);
     EXPECT_NE(before.find("dhcpsnoopctl binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound\n"), std::string::npos) << before;
 }
 
@@ -174,10 +177,12 @@ TEST_F(CtlDaemon, RefusalsAreExplained)
         {{A + "snooping on", A + "server 10.0.0.1 add", A + "server 10.0.0.2 add", A + "server 10.0.0.3 add"}, A + "server 10.0.0.4 add", "(are all three in use?)"},
         {{}, "vlan 99 snooping on", "NM_END (0xFFFFFFFF): nothing more, or the VLAN has no interface"},
         {{"binding add 10.0.0.5 unbound"}, "binding add 10.0.0.5 unbound", "NM_EXISTS"},
+        {{}, B + "snooping on", "result 19 of the platform: No such device (is it no port of the switch"},
     };
     for (const auto &[before, line, message] : rows) {
         SCOPED_TRACE(line);
         start();
+        world.refuse("qorIfSetApi 500000002 305", 19);
         for (const std::string &first : before)
             must(first);
         Ran ran = run(line);
@@ -185,6 +190,15 @@ TEST_F(CtlDaemon, RefusalsAreExplained)
         EXPECT_NE(ran.err.find(message), std::string::npos) << ran.err;
         EXPECT_EQ(ran.out, "");
     }
+}
+
+TEST_F(CtlDaemon, EveryVlanIsShownWhateverTheOrderOfTheInterfaces)
+{
+    world.vlan_interface(VLAN_IF + 1, 20);
+    world.vlan_interface(VLAN_IF + 2, 5);
+    for (const char *vid : {"5", "10", "20"})
+        must("vlan " + std::string(vid) + " snooping on");
+    EXPECT_EQ(run("show vlans").out, "VLAN  MAX-USERS\n5     32768\n10    32768\n20    32768\n");
 }
 
 TEST_F(CtlDaemon, VersionTakesTrustAwayAndSaysSo)
