@@ -5,6 +5,7 @@ import labtest
 import os
 import random
 import signal
+import threading
 import time
 import unittest
 
@@ -235,8 +236,8 @@ class Journal(UnitsTest):
         packets = [self.traffic.packet(number) for number in (0, 1)]
         self.assertEqual(self.traffic.arrive(*self.at(self.left), packets), [address])
 
-    def test_learned_while_a_port_comes(self):
-        """The daemon is a standby for a moment, for the bindings that waited; what it learns then is enforced too."""
+    def start_without_port(self, learn):
+        """100 bindings wait for swp1; a host at swp3, which is guarded, may have more by then."""
         PORTS["swp3"] = "access 10"
         self.addCleanup(PORTS.pop, "swp3")
         others = self.pair.hosts["c3"] = Host("c3")
@@ -246,12 +247,18 @@ class Journal(UnitsTest):
         self.left.ctl("guard interface swp3 ip mac port")
         clients, server = self.at(self.left)
         self.traffic.run(clients, server, 100, rate=200)
-        wait_for("records", lambda: self.left.show("redundancy")["journalRecords"] >= 100)
+        learn(others, server)
+        wait_for("records", lambda: self.left.show("redundancy")["journalRecords"] >= len(self.traffic.acknowledged))
         self.left.kill()
         self.traffic.forget(clients)
         clients.ip("link del eth0")
         self.left.start(*settings[1:3], *settings[4:])
         self.assertEqual(self.left.show("redundancy")["withoutPort"], 100)
+        return others, clients, server
+
+    def test_learned_while_a_port_comes(self):
+        """The daemon is a standby for a moment, for the bindings that waited; what it learns then is enforced too."""
+        others, clients, server = self.start_without_port(lambda *_: None)
         new = [self.traffic.frames[number] for number in range(150, 170)]
         for frame in new:
             self.traffic.socket(others).send(frame[3])
@@ -264,6 +271,30 @@ class Journal(UnitsTest):
         wait_for("bindings", lambda: len(self.left.bindings()) == 120)
         packets = [self.traffic.packet(number) for number in (*range(150, 170), 190)]
         wait_for("enforcement", lambda: self.traffic.arrive(others, server, packets) == [frame[1] for frame in new])
+
+    def test_check_items_change_while_a_port_comes(self):
+        """What the daemon withdraws for them meanwhile, and cannot install, stays in force until it can."""
+        others, clients, _ = self.start_without_port(lambda *ends: self.traffic.run(*ends, 5, first=150))
+        wait_for("bindings", lambda: len(self.left.bindings()) == 5)
+        packets, done = [self.traffic.packet(number) for number in range(150, 155)], threading.Event()
+
+        def send():
+            while not done.wait(0.001):
+                for packet in packets:
+                    self.traffic.socket(others).send(packet)
+
+        sender = threading.Thread(target=send)
+        sender.start()
+        with self.left.stalled():
+            time.sleep(0.2)
+            self.pair.connect(clients, self.left, "swp1", "02:00:00:00:01:01")
+            for items in ("ip mac vlan", "ip mac vlan port") * 5:
+                self.left.ctl(f"guard interface swp3 {items}")
+        done.set()
+        sender.join()
+        self.assertEqual(len(self.left.bindings()), 105)
+        refused = {place["interface"]: place["refused"] for place in self.left.show("guard")["interfaces"]}
+        self.assertEqual(refused["swp3"]["ipv4"], 0)
 
     def test_damaged(self):
         """A torn end and a flipped bit cost a record each."""

@@ -16,7 +16,7 @@ using namespace platform_linux;
 namespace
 {
 std::string journal;
-int addResult = 0;
+int refusals = 0; // so many more adds find no room
 std::map<uint32_t, Port> ports;
 ModelWatcher watcher = nullptr;
 
@@ -32,7 +32,7 @@ int note(const char *what, const guard_binding_key &key)
     char text[32];
     snprintf(text, sizeof text, "%s %u %02x if%u vid%u ", what, key.kind, key.mask, key.ifindex, key.vid);
     journal += text + digits(key.mac, 6) + " " + digits(key.addr, key.kind == GUARD_IPV6 ? 16 : 4) + "\n";
-    return *what == '+' ? addResult : 0;
+    return *what == '+' && refusals > 0 && refusals-- > 0 ? ENOSPC : 0;
 }
 } // namespace
 
@@ -56,7 +56,7 @@ class Bindings : public ::testing::Test
     void SetUp() override
     {
         ports.clear();
-        addResult = 0;
+        refusals = 0;
         for (const uint32_t ifIndex : {3u, 4u, 5u, 6u})
             ports[ifIndex].ifIndex = ifIndex;
         ports[4].aggregate = 5;
@@ -200,8 +200,10 @@ TEST_F(Bindings, HeldGoUnlessGivenAgain)
     take();
     bindings_hold_all();
     ASSERT_EQ(add(3, kept), 0);
-    EXPECT_EQ(take(), "") << "all in force";
-    bindings_hold(false);
+    bindings_hold(Hold::checkItems, true);
+    bindings_hold(Hold::checkItems, false);
+    EXPECT_EQ(take(), "") << "all in force, also when check items change meanwhile";
+    bindings_hold(Hold::takeOver, false);
     EXPECT_EQ(take(), "- 1 80 if0 vid0 000000000000 0a000a05\n");
 
     bindings_hold_all();
@@ -210,17 +212,38 @@ TEST_F(Bindings, HeldGoUnlessGivenAgain)
     EXPECT_EQ(take(), "-" + FULL) << "may be no more";
     ASSERT_EQ(add(3, kept), 0);
     EXPECT_EQ(take(), "+" + FULL);
-    bindings_hold(false);
+    bindings_hold(Hold::takeOver, false);
     EXPECT_EQ(take(), "");
 
-    bindings_hold(true);
+    bindings_hold(Hold::checkItems, true);
     QorUserRecord looser = record(0x80);
     looser.ipsgHwId = kept.ipsgHwId;
     ASSERT_EQ(remove(3, kept), 0);
     ASSERT_EQ(add(3, looser), 0);
     EXPECT_EQ(take(), "+ 1 80 if0 vid0 000000000000 0a000a05\n") << "beside the old one, by which the port still goes";
-    bindings_hold(false);
+    bindings_hold_all();
+    bindings_hold(Hold::takeOver, false);
+    EXPECT_EQ(take(), "") << "nor when a role is taken over meanwhile";
+    ASSERT_EQ(add(3, looser), 0);
+    bindings_hold(Hold::checkItems, false);
     EXPECT_EQ(take(), "-" + FULL);
+}
+
+TEST_F(Bindings, HeldMakeRoom)
+{
+    QorUserRecord made = record(0xF0);
+    ASSERT_EQ(add(3, made), 0);
+    take();
+    QorUserRecord looser = record(0x80);
+    looser.ipsgHwId = made.ipsgHwId;
+    const std::string rule = " 1 80 if0 vid0 000000000000 0a000a05\n";
+    bindings_hold(Hold::checkItems, true);
+    refusals = 1;
+    ASSERT_EQ(add(3, looser), 0);
+    EXPECT_EQ(take(), "+" + rule + "-" + FULL + "+" + rule) << "what it replaces, too";
+    bindings_hold(Hold::checkItems, false);
+    EXPECT_EQ(remove(3, looser), 0);
+    EXPECT_EQ(take(), "-" + rule) << "and nothing is left";
 }
 
 // A static binding may be of a VLAN's interface, or of no port at all.
@@ -240,13 +263,12 @@ TEST_F(Bindings, ThatCannotBeInstalledLeaveNothing)
     QorUserRecord made = record(0xF0), other = record(0x80);
     ASSERT_EQ(add(3, made), 0);
     const uint32_t handle = made.ipsgHwId;
-    addResult = ENOSPC;
+    refusals = 2;
     other.ipsgHwId = handle;
     testing::internal::CaptureStderr();
     EXPECT_EQ(add(3, other), ENOSPC);
     EXPECT_EQ(add(3, other), ENOSPC);
     EXPECT_EQ(other.ipsgHwId, handle) << "the rule there was stays, and its handle";
-    addResult = 0;
     for (int i = 0; i < 3; i++) {
         QorUserRecord more = record(0xF0);
         EXPECT_EQ(add(3, more), 0);

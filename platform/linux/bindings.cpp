@@ -38,7 +38,9 @@ std::vector<Rule> rules;
 std::vector<uint32_t> chains; // by content; a power of two of them
 uint32_t firstFree = NONE;
 bool fullReported = false;
-bool holding = false;
+uint8_t holds = 0; // those that are on, as Hold
+
+bool holding() { return holds != 0; }
 
 uint32_t &chain_of(uint32_t ifIndex, const guard_binding_key &key)
 {
@@ -183,11 +185,11 @@ int32_t add(uint32_t ifIndex, const guard_binding_key &key, Rule *known, uint32_
     }
     // The new before the old: no packet is lost in between.
     int error = guard_binding_add(key);
-    if (error == 0 && known != nullptr && holding)
+    if (known != nullptr && holding() && (error == 0 || error == ENOSPC))
         known->withdrawn = true;
     else if (error == 0 && known != nullptr)
         remove(*known);
-    if (holding && (error == ENOSPC || firstFree == NONE)) {
+    if (holding() && (error == ENOSPC || firstFree == NONE)) {
         remove_withdrawn(); // those that are held are in the way
         error = error == ENOSPC ? guard_binding_add(key) : error;
     }
@@ -213,7 +215,8 @@ void bindings_start(uint32_t bindings)
         count *= 2;
     chains.assign(count, NONE);
     firstFree = NONE;
-    fullReported = holding = false;
+    fullReported = false;
+    holds = 0;
     for (auto place = static_cast<uint32_t>(rules.size()); place-- != 0;) {
         rules[place].next = firstFree;
         firstFree = place;
@@ -234,16 +237,18 @@ void bindings_resume(const Port &port)
         platform_report(LOG_ERR, "%s: %u of its bindings cannot be installed again", port.name, refused);
 }
 
-void bindings_hold(bool on)
+void bindings_hold(Hold hold, bool on)
 {
-    if (holding && !on)
+    const auto bit = static_cast<uint8_t>(hold);
+    const bool before = holding();
+    holds = static_cast<uint8_t>(on ? holds | bit : holds & ~bit);
+    if (before && !holding())
         remove_withdrawn();
-    holding = on;
 }
 
 void bindings_hold_all()
 {
-    holding = true;
+    bindings_hold(Hold::takeOver, true);
     for (Rule &rule : rules)
         rule.withdrawn = rule.handle != 0;
 }
@@ -268,7 +273,7 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
 
     if (request->operation == QOR_USER_DELETE) {
         // Nothing: the daemon withdraws an aggregate's binding for a port that leaves it, too.
-        if (known != nullptr && holding)
+        if (known != nullptr && holding())
             known->withdrawn = true;
         else if (known != nullptr)
             remove(*known);

@@ -31,11 +31,17 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request);
 // the port is guarded again.
 void bindings_resume(const Port &port);
 
-// While it is on, what is deleted stays in force until it is off again, unless it was added once more: where
-// check items change, the daemon withdraws a binding before it installs it anew.
-void bindings_hold(bool on);
+// Why what is deleted stays in force for a while. Each ends for itself.
+enum class Hold : uint8_t {
+    checkItems = 1, // where they change, the daemon withdraws a binding before it installs it anew
+    takeOver = 2,   // so it does with all when it gets a role
+};
 
-// Begins such a hold as if everything had been deleted in it: when it ends, only what was added since is
+// While a hold is on, what is deleted stays in force until none is on any more, unless it was added once
+// more.
+void bindings_hold(Hold hold, bool on);
+
+// Begins Hold::takeOver as if everything had been deleted in it: when it ends, only what was added since is
 // left.
 void bindings_hold_all();
 

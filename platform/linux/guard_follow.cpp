@@ -11,6 +11,7 @@
 #include "guard_events.h"
 #include "logging.h"
 #include "platform.h"
+#include "redundancy.h"
 
 namespace platform_linux
 {
@@ -71,7 +72,7 @@ void follow_config(DaemonEvents &events)
     if (events.size() == before)
         return;
     due = true;
-    bindings_hold(true);
+    bindings_hold(Hold::checkItems, true);
 }
 
 // A daemon that was started without a feature installs nothing when it learns a binding: put in force, the
@@ -102,7 +103,7 @@ bool guard_follow_pending() { return due; }
 
 void guard_follow_handled()
 {
-    if (!due)
+    if (!due || redundancy_role_changes())
         return;
     due = false;
     for (const auto &[place, before] : guard_config_all()) {
@@ -124,7 +125,7 @@ void guard_follow_handled()
             platform_report(LOG_ERR, "the guard cannot be put in force on %s %u: %s",
                             place.isVlan ? "VLAN" : "interface", place.number, strerror(error));
     }
-    bindings_hold(false); // no sooner: what was in force counts no binding that names less
+    bindings_hold(Hold::checkItems, false); // no sooner: what was in force counts no binding that names less
 }
 
 } // namespace platform_linux

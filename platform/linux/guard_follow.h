@@ -12,7 +12,8 @@ namespace platform_linux
 void guard_follow(DaemonEvents &events);
 
 // All that was appended has been handled by the daemon, its bindings are installed: what was pending comes
-// into force. Does nothing when nothing was.
+// into force. Does nothing when nothing was, nor while a change of role is under way, in which bindings are
+// installed at its end only: to be called again then.
 void guard_follow_handled();
 // Whether that is due.
 bool guard_follow_pending();

@@ -23,6 +23,7 @@ namespace
 constexpr uint16_t RTM_SUBSYSTEM_UP = 93;
 
 UnitShared *shared = nullptr; // as long as the process lives; null while the thread does not run
+bool reinstalling = false;    // all bindings, under Hold::takeOver
 bool copyOpen = false;        // the daemon was asked for a full copy by the last event
 
 void ports_changed(ModelChange, const Port &, const Port *)
@@ -165,8 +166,15 @@ bool redundancy_decides(const QorIfRequest &request, int32_t &result)
 // were deleted while the daemon was a standby, and so did not take it out.
 void redundancy_hw_notify()
 {
-    if (shared != nullptr && shared->enforcement == Enforcement::clearMarks)
-        bindings_hold_all();
+    if (shared == nullptr || shared->enforcement != Enforcement::clearMarks)
+        return;
+    reinstalling = true;
+    bindings_hold_all();
+}
+
+bool redundancy_role_changes()
+{
+    return reinstalling || (shared != nullptr && shared->enforcement != Enforcement::normal);
 }
 
 void redundancy_event_socket(int sock)
@@ -179,8 +187,10 @@ void redundancy_events(DaemonEvents &events)
 {
     if (shared == nullptr)
         return;
-    if (events.empty() && shared->holdOver.exchange(false)) // else the guard's events are under way
-        bindings_hold(false);
+    if (shared->holdOver.exchange(false)) {
+        reinstalling = false;
+        bindings_hold(Hold::takeOver, false);
+    }
     const bool master = redundancy_role() == DHCPSNOOP_ROLE_MASTER;
     if (copyOpen) { // whose event has been served whole by now
         copyOpen = false;

@@ -34,6 +34,10 @@ enum class Enforcement : uint8_t {
 // answer.
 bool redundancy_decides(const QorIfRequest &request, int32_t &result);
 
+// A change of role is under way: what the daemon withdraws or means to install now is in the data plane, as
+// it is to be, at its end only. The event socket becomes readable then.
+bool redundancy_role_changes();
+
 // The daemon withdraws or installs all its bindings, by its setting; told before it begins.
 void redundancy_hw_notify();
 

@@ -43,6 +43,13 @@ void UnitThread::deliver()
     daemon_.set_bytes(GLOBAL_SYNC_PACKET, {packet, used}, [this](bool) { busy_ = false; });
 }
 
+// No change of role is under way any more, which something may have waited for.
+void UnitThread::enforce()
+{
+    shared_.enforcement = Enforcement::normal;
+    shared_.wake_daemon();
+}
+
 // All bindings are withdrawn, and none is added any more before the daemon is a standby: what it forgets as
 // such it would not withdraw. The setting acts when it changes only, so it is set first.
 void UnitThread::stand_by()
@@ -52,7 +59,7 @@ void UnitThread::stand_by()
     daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [](bool) {});
     daemon_.set_number(GLOBAL_HW_NOTIFY, OFF, [this](bool) {
         shared_.daemonRole = DHCPSNOOP_ROLE_SLAVE;
-        shared_.enforcement = Enforcement::normal;
+        enforce();
         busy_ = false;
     });
 }
@@ -64,8 +71,7 @@ void UnitThread::stand_by()
 void UnitThread::take_over(DhcpsnoopRole target)
 {
     const bool empty = fresh_ && !replayed_;
-    if (!empty)
-        shared_.enforcement = Enforcement::refuseAdds;
+    shared_.enforcement = empty ? Enforcement::normal : Enforcement::refuseAdds;
     shared_.daemonRole = target;
     copyNeeded_ = copyNeeded_ || shared_.recording;
     if (empty)
@@ -117,7 +123,9 @@ void UnitThread::advance()
         const DhcpsnoopRole target = daemon_role();
         const DhcpsnoopRole now = shared_.daemonRole;
         if (!toDaemon_.empty() && (now == DHCPSNOOP_ROLE_SLAVE || target != DHCPSNOOP_ROLE_SLAVE)) {
-            shared_.daemonRole = DHCPSNOOP_ROLE_SLAVE; // for a moment: a port came whose bindings waited
+            if (target != DHCPSNOOP_ROLE_SLAVE) // for a moment: a port came whose bindings waited
+                shared_.enforcement = Enforcement::refuseAdds;
+            shared_.daemonRole = DHCPSNOOP_ROLE_SLAVE;
             deliver();
         } else if (now != target) {
             if (target == DHCPSNOOP_ROLE_SLAVE)
@@ -129,6 +137,8 @@ void UnitThread::advance()
             fresh_ = false;
         } else {
             fresh_ = false;
+            if (shared_.enforcement != Enforcement::normal)
+                enforce();
             settle();
             break;
         }

@@ -72,6 +72,7 @@ class UnitThread
     void take_copy_end(bool complete);
     void advance();
     void deliver();
+    void enforce();
     void stand_by();
     void take_over(DhcpsnoopRole target);
     void install();
