@@ -2,13 +2,12 @@
 // anywhere, guard configurations that follow one another. Whatever comes in, what the daemon is handed is one
 // of six messages, whole, and tells a story that holds together: nobody joins twice, leaves what he is not in
 // or goes while he is in it, and in the end the story is the model's.
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <linux/rtnetlink.h>
 #include <map>
 
+#include "fault.h"
 #include "guard_config.h"
 #include "guard_events.h"
 #include "input.h"
@@ -24,17 +23,6 @@ constexpr const char *CONFS[] = {
     "port swp1 access 10\nport swp2 trunk 10,20 native 1\nport swp3 routed\nvlan 10 interface v10\n",
     "port swp1 access 1\nport bond0 trunk 1-4094\nvlan 1 interface br0\nvlan 5 interface br0.5\nrole master\n",
 };
-
-[[noreturn]] __attribute__((format(printf, 1, 2))) void fault(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    fputs("FAULT: ", stderr);
-    vfprintf(stderr, format, arguments);
-    fputc('\n', stderr);
-    va_end(arguments);
-    abort();
-}
 
 template <class Value> Value get(const DaemonEvent &event, size_t offset)
 {

@@ -2,14 +2,12 @@
 // here.
 #include "invariants.h"
 
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <string>
 
 #include "dhcpsnoop.h"
+#include "fault.h"
 #include "frame.h"
 #include "list.h"
 #include "world.h"
@@ -93,17 +91,6 @@ void check_ipv6(const uint8_t *ip, size_t rest)
 }
 
 } // namespace
-
-void fault(const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    fputs("FAULT: ", stderr);
-    vfprintf(stderr, format, arguments);
-    fputc('\n', stderr);
-    va_end(arguments);
-    abort();
-}
 
 void invariants_check(bool counts)
 {

@@ -1,11 +1,8 @@
-// What must hold after every input, whatever it did. A fault is written to standard error and ends the run.
+// What must hold after every input, whatever it did.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-
-// Ends the run with this text.
-[[noreturn]] __attribute__((format(printf, 1, 2))) void fault(const char *format, ...);
 
 // The daemon's tables: every node on exactly one list and linked both ways, pools conserved, interfaces
 // ascending, keys unique, lengths within their texts. With `counts`, also that the user count of every

@@ -16,6 +16,7 @@
 #include "dhcpsnoop_msg.h"
 #include "dhcpsnoop_sync.h"
 #include "events.h"
+#include "fault.h"
 #include "frames.h"
 #include "input.h"
 #include "invariants.h"

@@ -15,7 +15,7 @@ BUILD = os.path.realpath(sys.argv.pop(1))
 isolate.enter([BUILD, os.path.dirname(os.path.dirname(os.path.realpath(__file__)))])
 
 from dhcpv6 import Client6
-from lab import PORTS, TRUSTED, Client, Lab, wait_for
+from lab import PORTS, SWITCH_CONF, TRUSTED, Client, Lab, wait_for
 from wire import Capture, Endpoint
 
 
@@ -29,6 +29,14 @@ class LabTest(unittest.TestCase):
         cls.lab = Lab(BUILD, cls.offload)
         cls.addClassCleanup(cls.lab.stop)
         cls.lab.start()
+
+    @classmethod
+    def give_vlan_interface(cls):
+        """VLAN 20 gets one, vlan20."""
+        cls.lab.switch.ip("link add vlan20 type bridge")  # any device will do as a name and an index
+        cls.lab.switch.ip("link set vlan20 up")
+        with open(SWITCH_CONF, "a") as conf:
+            conf.write("vlan 20 interface vlan20\n")
 
     def setUp(self):
         self.clients = []

@@ -5,7 +5,7 @@ import subprocess
 
 import labtest
 
-from lab import MACS, SWITCH_CONF
+from lab import MACS
 
 EVENT = re.compile(r"Receive RTM_SYSTEM_(DAISTART|DAISTOP)|RTM_(IPSG|ANTIARP)_\w+ p_param->item = (\d+)")
 
@@ -16,10 +16,7 @@ class GuardConfig(labtest.LabTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.lab.switch.ip("link add vlan20 type bridge")  # any device will do as a name and an index
-        cls.lab.switch.ip("link set vlan20 up")
-        with open(SWITCH_CONF, "a") as conf:
-            conf.write("vlan 20 interface vlan20\n")
+        cls.give_vlan_interface()
 
     def start_daemon(self, under=()):
         super().start_daemon(under)

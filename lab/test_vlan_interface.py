@@ -2,17 +2,14 @@
 
 import labtest
 
-from lab import SWITCH_CONF, TRUSTED
+from lab import TRUSTED
 
 
 class VlanInterface(labtest.LabTest):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.lab.switch.ip("link add vlan20 type bridge")  # any device will do as a name and an index
-        cls.lab.switch.ip("link set vlan20 up")
-        with open(SWITCH_CONF, "a") as conf:
-            conf.write("vlan 20 interface vlan20\n")
+        cls.give_vlan_interface()
 
     def start_daemon(self):
         self.daemon = self.lab.start_daemon()

@@ -94,19 +94,11 @@ void drain(int sock)
     awake = false;
 }
 
-// An empty request that asks for its acknowledgement, which anyone may send: select wakes for it.
+// select wakes for what has not been handed over yet.
 void stay_readable(int sock)
 {
-    if ((queue.empty() && !guard_follow_pending()) || awake)
-        return;
-    nlmsghdr request{};
-    request.nlmsg_len = sizeof request;
-    request.nlmsg_type = NLMSG_NOOP;
-    request.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    awake = sendto(sock, &request, sizeof request, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&kernel),
-                   sizeof kernel) == static_cast<ssize_t>(sizeof request);
+    if ((!queue.empty() || guard_follow_pending()) && !awake)
+        awake = events_wake(sock);
 }
 
 void refresh()
@@ -168,6 +160,19 @@ bool read_datagram(int sock)
 }
 
 } // namespace
+
+// By an empty request that asks for its acknowledgement, which anyone may send.
+bool events_wake(int sock)
+{
+    nlmsghdr request{};
+    request.nlmsg_len = sizeof request;
+    request.nlmsg_type = NLMSG_NOOP;
+    request.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    return sendto(sock, &request, sizeof request, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&kernel),
+                  sizeof kernel) == static_cast<ssize_t>(sizeof request);
+}
 
 bool events_dump(SwitchModel &model, DaemonEvents &events)
 {

@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <linux/netlink.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "dhcpsnoop_user.h"
+#include "events.h"
 #include "logging.h"
 #include "wire.h"
 
@@ -30,19 +29,11 @@ void UnitShared::wake() const
     [[maybe_unused]] const ssize_t written = write(wakeup, &one, sizeof one); // full is awake too
 }
 
-// An empty request that asks for its acknowledgement, as events.cpp sends it.
 void UnitShared::wake_daemon() const
 {
-    nlmsghdr request{};
-    request.nlmsg_len = sizeof request;
-    request.nlmsg_type = NLMSG_NOOP;
-    request.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
     const int sock = eventSocket;
     if (sock >= 0)
-        sendto(sock, &request, sizeof request, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&kernel),
-               sizeof kernel);
+        events_wake(sock);
 }
 
 UnitThread::UnitThread(UnitShared &shared, DhcpsnoopRole role, std::string daemonSocket)
