@@ -225,7 +225,10 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
         if (!read_datagram(sock))
             break;
     if (queue.empty()) {
+        redundancy_events(queue); // what woke us for it may just have been read
         guard_follow_handled();
+    }
+    if (queue.empty()) {
         errno = EAGAIN;
         return -1;
     }
