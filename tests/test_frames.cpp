@@ -270,9 +270,24 @@ TEST_F(Frames, OfARoutedPortHaveNoVlan)
     ASSERT_EQ(guard_port_add(port_, 0), 0);
     trap(true);
     Wire from("c1");
-    from.send(discover().bytes());
-    ASSERT_GT(loop_.receive(v4_), 0);
-    EXPECT_EQ(hex(loop_.info()), hex(info(port_, 0, 0, 14)));
+    // claim, tags, comes
+    const std::tuple<const char *, std::vector<Tag>, bool> rows[] = {
+        {"untagged", {}, true},
+        {"priority tag", {{0x8100, 0xE000}}, true},
+        {"in a VLAN that others have", {{0x8100, 10}}, false},
+    };
+    Frame frame = discover();
+    for (const auto &[claim, tags, comes] : rows) {
+        SCOPED_TRACE(claim);
+        frame.tags = tags;
+        from.send(frame.bytes());
+        if (!comes) {
+            expect_nothing(v4_);
+            continue;
+        }
+        ASSERT_GT(loop_.receive(v4_), 0);
+        EXPECT_EQ(hex(loop_.info()), hex(info(port_, 0, 0, static_cast<uint8_t>(14 + 4 * tags.size()))));
+    }
 }
 
 TEST_F(Frames, OfAnyLengthLeaveTheNextOneWhole)

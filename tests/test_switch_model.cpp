@@ -584,7 +584,8 @@ TEST_F(Answers, WhichFramesMayComeIn)
     const std::tuple<const char *, uint32_t, uint16_t, bool> rows[] = {
         {"its VLAN", ACC, 10, true},
         {"a foreign VLAN", ACC, 20, false},
-        {"routed: any", RTD, 0, true},
+        {"routed: no VLAN", RTD, 0, true},
+        {"routed: a VLAN of others", RTD, 10, false},
         {"what comes in through a port that is down says that it is not", DWN, 10, true},
         {"blocked", BLK, 10, false},
         {"a member of an aggregate", MEM, 10, false},

@@ -39,13 +39,13 @@ struct Port {
 
     bool operator==(const Port &) const = default;
 
-    // May a frame that came in here belong to `vid`? Neither `up` nor a disabled state counts: what came in
-    // proves that the port works, and the kernel may say so later. A member of an aggregate does not receive
-    // for itself.
+    // May a frame that came in here belong to `vid`, 0 for no VLAN? Neither `up` nor a disabled state counts:
+    // what came in proves that the port works, and the kernel may say so later. A member of an aggregate does
+    // not receive for itself, and nothing leads from a routed port into a VLAN.
     bool receives(uint16_t vid) const
     {
         return aggregate == 0 && (stp == StpState::forwarding || stp == StpState::disabled) &&
-               (routed || (vid < 4096 && members[vid]));
+               (routed ? vid == 0 : vid < 4096 && members[vid]);
     }
 
     // May a frame of `vid` be sent here?
