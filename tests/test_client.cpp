@@ -285,12 +285,19 @@ TEST_F(Client, FrameOfTheOtherFamilyInAnIpv4EtherType)
     EXPECT_EQ(count_bindings(), 0u);
 
     relaying();
+    debug(1);
     parsed.info.msgType = 1;
     const DhcpsnoopRxPkt before = parsed.rx;
-    path();
-    EXPECT_EQ(world.all(Did::Relay).size(), 0u);
-    EXPECT_EQ(memcmp(&before, &parsed.rx, sizeof before), 0);
-    EXPECT_EQ(count_waiting(), 0u);
+    for (const bool known : {false, true}) { // its address, 0.0.0.0: then it gets as far as the relaying
+        SCOPED_TRACE(known);
+        if (known)
+            make_binding(0, MAC_CLIENT, 1, 10);
+        path();
+        EXPECT_EQ(world.all(Did::Relay).size(), 0u);
+        EXPECT_EQ(memcmp(&before, &parsed.rx, sizeof before), 0);
+        EXPECT_EQ(count_waiting(), 0u);
+        EXPECT_EQ(printed("[DHCPSNOOP] Failed to add mac user entry, stop process!\r\n"), !known);
+    }
 
     dhcpsnoop_client_packet_recv(nullptr);
     parsed.info.ifp = nullptr;

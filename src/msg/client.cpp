@@ -22,6 +22,10 @@ static bool source_mac_matches(const DhcpsnoopPktInfo *info)
     return false;
 }
 
+// An IPv4 frame whose IP header says version 6 comes here too; its message may be shorter than a BOOTP
+// header, and then has neither the ciaddr to check nor the giaddr to write.
+static bool has_bootp_header(const DhcpsnoopPktInfo *info) { return info->dhcpLen >= DHCP_MESSAGE_MIN; }
+
 // A renewal or rebinding carries its address in ciaddr; a first request does not and is not checked.
 static bool binding_check_applies(const DhcpsnoopPktInfo *info)
 {
@@ -89,6 +93,8 @@ static bool bindings_follow(const DhcpsnoopPktInfo *info, const DhcpsnoopUserKey
 // Only the DHCP message leaves: the kernel builds its own headers, so those of the frame are not mended.
 static void relay(const DhcpsnoopPktInfo *info)
 {
+    if (!has_bootp_header(info))
+        return;
     const uint32_t relayAddr = info->ifp->relayAddr;
     wire_put32(info->dhcpMsg + DHCP_GIADDR, relayAddr);
     DEBUG_TRACE("[DHCPSNOOP] Giaddr is zero, set giaddr to %s.\r\n", ipv4_text(relayAddr).text);
@@ -117,11 +123,9 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
     std::memcpy(key.ipAddr, info->clientIp, sizeof info->clientIp);
     DhcpsnoopUser *user = dhcpsnoop_user_lookup(&key);
 
-    // An IPv4 frame whose IP header says version 6 comes here too; its message may be shorter than a BOOTP
-    // header, and then has neither the giaddr to write nor the ciaddr to check.
     const bool readsCiaddr =
         (info->ifp->flags & DHCPSNOOP_IF_CHECK_BINDING) != 0 && info->msgType == DHCP_REQUEST;
-    if (info->dhcpLen < DHCP_MESSAGE_MIN && (relaying(info) || readsCiaddr))
+    if (readsCiaddr && !has_bootp_header(info))
         return;
     if (!binding_matches(info, user, place))
         return;
