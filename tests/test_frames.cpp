@@ -123,6 +123,7 @@ class Frames : public NetnsTest
         port.stp = StpState::forwarding;
         port.up = true;
         port.nativeVid = 7;
+        port.tpid = ETH_P_8021Q;
         port.members.set(7).set(10).set(20);
         modelPorts[port_] = port;
         ASSERT_EQ(guard_port_add(port_, 7), 0);
@@ -164,28 +165,32 @@ class Frames : public NetnsTest
 
 TEST_F(Frames, ComeAsTheyWereOnTheWire)
 {
-    // claim, tags, outer, inner (expected)
-    const std::tuple<const char *, std::vector<Tag>, uint16_t, uint16_t> rows[] = {
-        {"untagged, its native VLAN", {}, 7, 0},
-        {"priority tag, its native VLAN", {{0x8100, 0xE000}}, 7, 0},
-        {"802.1Q", {{0x8100, 0x600A}}, 10, 0},
-        {"S-tag", {{0x88A8, 0x100A}}, 10, 0},
-        {"old S-tag, which stays in the frame", {{0x9100, 10}}, 10, 0},
-        {"S-tag and C-tag", {{0x88A8, 10}, {0x8100, 0xF014}}, 10, 20},
-        {"two C-tags", {{0x8100, 20}, {0x8100, 10}}, 20, 10},
-        {"old S-tag and C-tag", {{0x9100, 10}, {0x8100, 300}}, 10, 300},
-        {"priority tag and C-tag", {{0x8100, 0x2000}, {0x8100, 20}}, 7, 20},
-        {"three tags", {{0x88A8, 10}, {0x88A8, 20}, {0x8100, 30}}, 10, 20},
+    // claim, tags, outer, inner, first tag control field (expected)
+    const std::tuple<const char *, std::vector<Tag>, uint16_t, uint16_t, uint16_t> rows[] = {
+        {"untagged, its native VLAN", {}, 7, 0, 0},
+        {"priority tag, which gets the native VLAN's id", {{0x8100, 0xE000}}, 7, 0, 0xE007},
+        {"a priority tag that no port of the switch knows", {{0x88A8, 0xE000}}, 7, 0, 0xE000},
+        {"802.1Q", {{0x8100, 0x600A}}, 10, 0, 0x600A},
+        {"S-tag", {{0x88A8, 0x100A}}, 10, 0, 0x100A},
+        {"old S-tag, which stays in the frame", {{0x9100, 10}}, 10, 0, 10},
+        {"S-tag and C-tag", {{0x88A8, 10}, {0x8100, 0xF014}}, 10, 20, 10},
+        {"two C-tags", {{0x8100, 20}, {0x8100, 10}}, 20, 10, 20},
+        {"old S-tag and C-tag", {{0x9100, 10}, {0x8100, 300}}, 10, 300, 10},
+        {"priority tag and C-tag", {{0x8100, 0x2000}, {0x8100, 20}}, 7, 20, 0x2007},
+        {"three tags", {{0x88A8, 10}, {0x88A8, 20}, {0x8100, 30}}, 10, 20, 10},
     };
     trap(true);
     Wire from("c1"), to("c2");
-    for (const auto &[claim, tags, outer, inner] : rows) {
+    for (const auto &[claim, tags, outer, inner, tci] : rows) {
         SCOPED_TRACE(claim);
         Frame frame = discover();
         frame.tags = tags;
         const Bytes expectedInfo = info(port_, outer, inner, static_cast<uint8_t>(14 + 4 * tags.size()));
         for (const bool v6 : {false, true}) {
             const Bytes whole = v6 ? solicit(tags) : frame.bytes();
+            Bytes expected = whole;
+            if (!tags.empty())
+                wire_put16(expected.data() + 14, tci);
             const size_t udp = 14 + 4 * tags.size() + (v6 ? 40 : 20);
             for (const bool offload : {false, true}) {
                 SCOPED_TRACE(std::string(v6 ? "IPv6" : "IPv4") + (offload ? ", offload" : ""));
@@ -195,7 +200,7 @@ TEST_F(Frames, ComeAsTheyWereOnTheWire)
                     from.send(whole);
                 const ssize_t length = loop_.receive(v6 ? v6_ : v4_);
                 ASSERT_EQ(length, static_cast<ssize_t>(whole.size()));
-                EXPECT_EQ(hex(loop_.frame(length)), hex(whole));
+                EXPECT_EQ(hex(loop_.frame(length)), hex(expected));
                 EXPECT_EQ(hex(loop_.info()), hex(expectedInfo));
                 EXPECT_EQ(loop_.source(), static_cast<int>(port_));
                 expect_nothing(v4_);

@@ -1,8 +1,8 @@
 // The daemon's packet sockets on a stock kernel: a trapped frame comes from the classifier by way of the
 // loopback device, behind the header of guard_maps.h, and goes to the loop as the switch would have handed it
-// over, whole, with a true UDP checksum and the packet information. A frame that the switch would not have
-// taken (no port of ours, a VLAN that the port does not receive, longer than the loop's buffer) is answered
-// -1, which the loop drops in silence.
+// over, whole, with a true UDP checksum, its VLAN in a priority tag, and the packet information. A frame that
+// the switch would not have taken (no port of ours, a VLAN that the port does not receive, longer than the
+// loop's buffer) is answered -1, which the loop drops in silence.
 #include "platform.h"
 
 #include <algorithm>
@@ -176,6 +176,9 @@ ssize_t platform_frame_recv(int sock, struct msghdr *msg)
     const uint16_t outer = tags.outer != 0 ? tags.outer : port->nativeVid;
     if (!port->receives(outer))
         return no_frame(EAGAIN);
+    // A priority tag that left a tagged port as it is would say that port's native VLAN.
+    if (tags.outer == 0 && wire_get16(frame + ETH_TYPE) == port->tpid)
+        wire_put16(frame + VLAN_TCI, wire_get16(frame + VLAN_TCI) | uint32_t{outer});
     if (left_to_offload(&inner))
         complete_udp_checksum(frame + tags.headerLength, length - tags.headerLength);
 
