@@ -60,7 +60,12 @@ ExitStatus changeSetting(const Context &context, const Target &target, std::span
     const Setting *trust = nullptr;
     if (&target.scope == &INTERFACE_SCOPE && setting->cmd == IF_VERSION)
         trust = findSetting(INTERFACE_SCOPE, "trust");
-    bool trusted = trust && getValue(context.daemon, target, *trust) == Value(1u);
+    // A refusal is left for the setting that was asked for.
+    bool trusted = false;
+    if (trust) {
+        Reply before = context.daemon.ask({FUNC_IF_GET, IF_TRUST, target.index});
+        trusted = before.result() == NM_OK && before.word() == 1;
+    }
     setValue(context.daemon, target, *setting, value);
     if (trusted && getValue(context.daemon, target, *trust) == Value(0u))
         context.err << "dhcpsnoopctl: note: the change of version took trust away; '"

@@ -262,6 +262,23 @@ std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wan
     return bindings;
 }
 
+// The static ones. Their type is asked for first: a switch has few of them, and thousands of others that need
+// not be read.
+std::vector<Binding> readStatics(const Daemon &daemon)
+{
+    std::vector<Binding> statics;
+    for (std::optional<UserKey> key = nextUser(daemon, {}); key; key = nextUser(daemon, key)) {
+        const Request type = {FUNC_USER_GET, USER_TYPE, *key};
+        const std::string what = "binding " + userKeyText(*key);
+        if (ifStillThere([&] { return daemon.demand(type, what).word(); }) != TYPE_STATIC)
+            continue;
+        if (auto binding = ifStillThere([&] { return readBinding(daemon, *key); });
+            binding && binding->type == TYPE_STATIC)
+            statics.push_back(std::move(*binding));
+    }
+    return statics;
+}
+
 bool hasMac(const Binding &binding)
 {
     return std::any_of(binding.mac.begin(), binding.mac.end(), [](uint8_t byte) { return byte != 0; });
@@ -492,9 +509,9 @@ ExitStatus showServers(const Context &context, std::span<const std::string>)
 std::vector<UserKey> staticsInForce(const Daemon &daemon)
 {
     std::vector<UserKey> keys;
-    for (const Binding &binding : readBindings(
-             daemon, [](const Binding &b) { return b.type == TYPE_STATIC && b.state == STATE_BOUND; }))
-        keys.push_back(binding.key);
+    for (const Binding &binding : readStatics(daemon))
+        if (binding.state == STATE_BOUND)
+            keys.push_back(binding.key);
     return keys;
 }
 
@@ -609,8 +626,7 @@ ExitStatus showConfig(const Context &context, std::span<const std::string>)
         }
     for (const InterfaceView &view : readInterfaces(context.daemon))
         interfaceCommands(view, lines);
-    for (const Binding &binding :
-         readBindings(context.daemon, [](const Binding &b) { return b.type == TYPE_STATIC; }))
+    for (const Binding &binding : readStatics(context.daemon))
         bindingCommands(binding, lines);
     guardCommands(lines);
     if (context.json) {

@@ -172,6 +172,7 @@ TEST_F(CtlDaemon, RefusalsAreExplained)
         // lines before, the line, a part of what is said
         {{}, A + "trust on", "NM_NO_ENTRY (0x3E80002): no such entry or interface (is snooping off there?"},
         {{}, "show " + A, "NM_NO_ENTRY (0x3E80002)"},
+        {{}, A + "version both", "interface 500000001 version: refused, NM_NO_ENTRY"},
         {{A + "snooping on"}, A + "circuit-id text x", "option82 on' comes first)"},
         {{A + "snooping on"}, A + "interface-id text x", "option18 on' comes first)"},
         {{A + "snooping on", A + "server 10.0.0.1 add", A + "server 10.0.0.2 add", A + "server 10.0.0.3 add"}, A + "server 10.0.0.4 add", "(are all three in use?)"},
