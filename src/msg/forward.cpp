@@ -187,6 +187,8 @@ void dhcpsnoop_send_to_client(const DhcpsnoopPktInfo *info, const DhcpsnoopIf *e
     if (!router_mode(egress) && port_query(egress->ifIndex, SYS_IF_EXCLUDED, vid) == -1)
         return;
 
+    // Kept: a tag that stays keeps its VLAN even when that is not the client's (a server's reply to our
+    // relay); the floods renumber it.
     PortTagging port = {port_tpid(egress->ifIndex), true, vid, false};
     if (!router_mode(egress))
         port.untagged = port_query(egress->ifIndex, SYS_IF_UNTAGGED, vid) != 0;
