@@ -10,10 +10,11 @@ from lab import MACS, TRUNK_CLIENTS
 from scapy.layers.inet import IP, UDP
 from scapy.layers.inet6 import IPv6
 from scapy.layers.l2 import ARP, Dot1Q, Ether
-from wire import BOOTP, BROADCAST, exchange
+from wire import BOOTP, BROADCAST, exchange, from_client
 
 ITEMS = "ip mac vlan port"
 OTHER_MAC, OTHER, STATIC, STATIC6 = "02:00:00:00:99:99", "10.0.10.250", "10.0.10.77", "2001:db8:10::77"
+ASKED = "10.0.10.79"  # of another server, which is not there
 PORT = 4242  # of UDP
 
 
@@ -76,15 +77,19 @@ class Guard(labtest.LabTest):
         self.ctl(f"binding add {STATIC} mac {rogue} vlan 10 interface swp5")
         self.ctl(f"binding add {STATIC6} mac {pc1} vlan 10 interface swp1")
         self.ctl(f"binding add 10.0.10.78 mac {trunk} vlan 10 interface swp3")
+        self.endpoint(self.lab.pc1).send(from_client("request", pc1, ("requested_addr", ASKED), ("server_id", "10.0.10.66")))
+        self.wait("provisional binding", lambda: ASKED in self.ctl("show bindings"))
         rows = (
             ("a lease's address", ipv4(pc1, self.address), "pc1", "rogue", True),
             ("a forged address", ipv4(pc1, OTHER), "pc1", "rogue", False),
+            ("an address that was only asked for", ipv4(pc1, ASKED), "pc1", "rogue", False),
             ("a forged MAC", ipv4(OTHER_MAC, self.address), "pc1", "rogue", False),
             ("on another port", ipv4(pc1, self.address), "rogue", "pc1", False),
             ("a static binding's address", ipv4(rogue, STATIC), "rogue", "pc1", True),
             ("in its VLAN, tagged", ipv4(trunk, "10.0.10.78", vlan=10), "trunk", "rogue", True),
             ("in another VLAN", ipv4(trunk, "10.0.10.78", vlan=20), "trunk", "pc2", False),
             ("its own ARP", arp(pc1, self.address), "pc1", "rogue", True),
+            ("ARP for an address that was only asked for", arp(pc1, ASKED), "pc1", "rogue", False),
             ("ARP for the gateway", arp(pc1, "10.0.10.1"), "pc1", "rogue", False),
             ("ARP for another's MAC", arp(pc1, self.address, OTHER_MAC), "pc1", "rogue", False),
             ("ARP for a neighbour, from its port", arp(rogue, self.address), "rogue", "pc1", False),
@@ -102,7 +107,7 @@ class Guard(labtest.LabTest):
         for claim, frame, sender, receiver, passes in rows:
             with self.subTest(claim):
                 self.assertEqual(self.arrives(frame, sender, receiver), passes)
-        self.assertEqual(self.refused("swp1"), {"ipv4": 2, "arp": 2, "ipv6": 1})
+        self.assertEqual(self.refused("swp1"), {"ipv4": 3, "arp": 3, "ipv6": 1})
         self.assertEqual(self.refused("swp5"), {"ipv4": 1, "arp": 1, "ipv6": 1})
         with self.subTest("a deleted binding"):
             self.ctl(f"binding delete {STATIC}")

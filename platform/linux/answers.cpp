@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "bindings.h"
+#include "dhcpsnoop_user.h"
 #include "guard_config.h"
 #include "logging.h"
 #include "model.h"
@@ -122,6 +123,28 @@ int32_t get_nested(const Port &port, QorNestedGet *get)
     get->count = get->answer != nullptr && get->count != 0 ? 1 : 0;
     return 0;
 }
+
+// When check items or the role change, the daemon installs what a client has only asked for with the rest;
+// whoever asks could send from any address then. Told by the address, where that is checked.
+bool is_only_asked_for(const QorUserRecord &record)
+{
+    DhcpsnoopUserKey key = {record.ipType, {}, {}};
+    memcpy(key.ipAddr, record.addr, sizeof key.ipAddr);
+    const DhcpsnoopUser *user = record.addrKind != 0 ? dhcpsnoop_user_lookup(&key) : nullptr;
+    return user != nullptr && user->userType == DHCPSNOOP_USER_DYNAMIC &&
+           user->bindState == DHCPSNOOP_BIND_REQUESTED;
+}
+
+int32_t set_binding(uint32_t ifIndex, const QorIfRequest *request)
+{
+    if (int32_t result = 0; request != nullptr && redundancy_decides(*request, result))
+        return result;
+    if (request != nullptr && request->record != nullptr && request->operation == QOR_USER_ADD &&
+        bindings_held() && is_only_asked_for(*static_cast<const QorUserRecord *>(request->record)))
+        return EBUSY;
+    return binding_set(ifIndex, request);
+}
+
 } // namespace
 
 int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
@@ -168,11 +191,8 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
 
 int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
 {
-    if (int32_t result = 0; command == IF_SET_BINDING && value != nullptr &&
-                            redundancy_decides(*static_cast<const QorIfRequest *>(value), result))
-        return result;
     if (command == IF_SET_BINDING)
-        return binding_set(ifIndex, static_cast<const QorIfRequest *>(value));
+        return set_binding(ifIndex, static_cast<const QorIfRequest *>(value));
     if ((command != IF_TRAP_ADD && command != IF_TRAP_DELETE) || value == nullptr)
         return EINVAL;
     switch (*static_cast<uint32_t *>(value)) {
