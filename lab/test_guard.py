@@ -118,6 +118,21 @@ class Guard(labtest.LabTest):
             self.ctl("guard interface swp1 off")
             self.assertTrue(self.arrives(ipv4(pc1, OTHER), "pc1", "rogue"))
 
+    def test_asked_for_and_informed(self):
+        """A server's answer without a lease acknowledges nothing; management may."""
+        pc1, mac = self.lab.pc1, MACS["pc1"]
+        self.ctl(f"guard interface swp1 {ITEMS}")
+        pc1.ip(f"addr add {ASKED}/24 dev eth0")
+        self.addCleanup(pc1.ip, f"addr del {ASKED}/24 dev eth0")
+        host = self.endpoint(pc1)
+        host.send(from_client("request", mac, ("requested_addr", ASKED), ("server_id", "10.0.10.66")))
+        self.wait("provisional binding", lambda: ASKED in self.ctl("show bindings"))
+        host.send(from_client("inform", mac, ciaddr=ASKED, xid=7))
+        host.receive_dhcp("ack", xid=7)
+        self.assertFalse(self.arrives(ipv4(mac, ASKED), "pc1", "rogue"))
+        self.ctl(f"binding bind {ASKED}")
+        self.assertTrue(self.arrives(ipv4(mac, ASKED), "pc1", "rogue"))
+
     def stream(self):
         """pc1's own packets and forged ones; with what arrives at another host."""
         return (Stream(self.endpoint(self.lab.pc1), lambda text: ipv4(MACS["pc1"], self.address, text),

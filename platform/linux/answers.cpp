@@ -9,8 +9,8 @@
 #include <sys/utsname.h>
 #include <utility>
 
+#include "acknowledged.h"
 #include "bindings.h"
-#include "dhcpsnoop_user.h"
 #include "guard_config.h"
 #include "logging.h"
 #include "model.h"
@@ -124,23 +124,12 @@ int32_t get_nested(const Port &port, QorNestedGet *get)
     return 0;
 }
 
-// When check items or the role change, the daemon installs what a client has only asked for with the rest;
-// whoever asks could send from any address then. Told by the address, where that is checked.
-bool is_only_asked_for(const QorUserRecord &record)
-{
-    DhcpsnoopUserKey key = {record.ipType, {}, {}};
-    memcpy(key.ipAddr, record.addr, sizeof key.ipAddr);
-    const DhcpsnoopUser *user = record.addrKind != 0 ? dhcpsnoop_user_lookup(&key) : nullptr;
-    return user != nullptr && user->userType == DHCPSNOOP_USER_DYNAMIC &&
-           user->bindState == DHCPSNOOP_BIND_REQUESTED;
-}
-
 int32_t set_binding(uint32_t ifIndex, const QorIfRequest *request)
 {
     if (int32_t result = 0; request != nullptr && redundancy_decides(*request, result))
         return result;
     if (request != nullptr && request->record != nullptr && request->operation == QOR_USER_ADD &&
-        bindings_held() && is_only_asked_for(*static_cast<const QorUserRecord *>(request->record)))
+        is_only_asked_for(*static_cast<const QorUserRecord *>(request->record)))
         return EBUSY;
     return binding_set(ifIndex, request);
 }
@@ -337,8 +326,9 @@ int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
 
 int32_t qorHwIfSync(uint32_t, uint32_t, void *, uint32_t) { return 0; }
 
-int32_t qorHwDhcpSnoopUserSync(const void *, uint32_t, void *, uint32_t)
+int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t)
 {
+    management_acts(*static_cast<const DhcpsnoopUserKey *>(key), code, static_cast<const uint32_t *>(value));
     redundancy_binding_changed();
     return 0;
 }

@@ -40,6 +40,8 @@ uint32_t firstFree = NONE;
 bool fullReported = false;
 uint8_t holds = 0; // those that are on, as Hold
 
+bool holding() { return holds != 0; }
+
 uint32_t &chain_of(uint32_t ifIndex, const guard_binding_key &key)
 {
     uint32_t words[sizeof key / 4], hash = ifIndex;
@@ -183,11 +185,11 @@ int32_t add(uint32_t ifIndex, const guard_binding_key &key, Rule *known, uint32_
     }
     // The new before the old: no packet is lost in between.
     int error = guard_binding_add(key);
-    if (known != nullptr && bindings_held() && (error == 0 || error == ENOSPC))
+    if (known != nullptr && holding() && (error == 0 || error == ENOSPC))
         known->withdrawn = true;
     else if (error == 0 && known != nullptr)
         remove(*known);
-    if (bindings_held() && (error == ENOSPC || firstFree == NONE)) {
+    if (holding() && (error == ENOSPC || firstFree == NONE)) {
         remove_withdrawn(); // those that are held are in the way
         error = error == ENOSPC ? guard_binding_add(key) : error;
     }
@@ -235,14 +237,12 @@ void bindings_resume(const Port &port)
         platform_report(LOG_ERR, "%s: %u of its bindings cannot be installed again", port.name, refused);
 }
 
-bool bindings_held() { return holds != 0; }
-
 void bindings_hold(Hold hold, bool on)
 {
     const auto bit = static_cast<uint8_t>(hold);
-    const bool before = bindings_held();
+    const bool before = holding();
     holds = static_cast<uint8_t>(on ? holds | bit : holds & ~bit);
-    if (before && !bindings_held())
+    if (before && !holding())
         remove_withdrawn();
 }
 
@@ -273,7 +273,7 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
 
     if (request->operation == QOR_USER_DELETE) {
         // Nothing: the daemon withdraws an aggregate's binding for a port that leaves it, too.
-        if (known != nullptr && bindings_held())
+        if (known != nullptr && holding())
             known->withdrawn = true;
         else if (known != nullptr)
             remove(*known);

@@ -40,8 +40,6 @@ enum class Hold : uint8_t {
 // While a hold is on, what is deleted stays in force until none is on any more, unless it was added once
 // more.
 void bindings_hold(Hold hold, bool on);
-// Whether any is on.
-bool bindings_held();
 
 // Begins Hold::takeOver as if everything had been deleted in it: when it ends, only what was added since is
 // left.
