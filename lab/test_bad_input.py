@@ -6,7 +6,7 @@ import os
 import socket
 import struct
 
-from lab import RUN, SOCKET
+from lab import RUN, SOCKET, SWITCH_CONF
 
 NOBODY = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--inh-caps=-all")
 
@@ -119,6 +119,18 @@ class BadStart(labtest.LabTest):
         status, printed = self.ends(conf=RUN)  # a directory
         self.assertNotEqual(status, 0)
         self.assertIn(RUN, printed)
+
+    def test_command_socket_taken(self):
+        """A daemon that cannot serve ends, or nobody would start it again."""
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(SOCKET)
+        os.mkdir(SOCKET)
+        try:
+            status, printed = self.ends(conf=SWITCH_CONF)
+        finally:
+            os.rmdir(SOCKET)
+        self.assertEqual(status, 1)
+        self.assertRegex(printed, "Bind cmd_socket failed!\\s*: Address already in use\n.*start-up failed, the daemon ends")
 
     def test_not_root(self):
         status, printed = self.ends(*NOBODY, conf="/nonexistent")

@@ -577,7 +577,7 @@ TEST(Start, NamesTheCapabilitiesItLacks)
               "(the program that traps frames): start as root, or grant what is missing\n");
 }
 
-TEST_F(Namespace, StartLoadsTheModelBeforeAnythingElse)
+TEST_F(Namespace, StartLoadsTheModelBeforeAnythingElseAndEndsWhenTheRestFails)
 {
     run("ip link add br0 type bridge && ip link add swp1 type veth peer name h1 && ip link set swp1 master br0");
     const std::string path = testing::TempDir() + "switch.conf." + std::to_string(getpid());
@@ -588,14 +588,17 @@ TEST_F(Namespace, StartLoadsTheModelBeforeAnythingElse)
             setenv("DHCPSNOOP_SWITCH_CONF", path.c_str(), 1);
             const uint32_t first = OsixCreateMSem(9), second = OsixCreateMSem(9);
             const bool ok = first != 0 && second != first && model_ports().size() == 1 &&
-                            model_ports().begin()->second.nativeVid == 10 && OsixDeleteSem(first) == 0 &&
-                            fcntl(STDIN_FILENO, F_GETFD) >= 0;
-            _exit(ok ? 0 : 1);
+                            model_ports().begin()->second.nativeVid == 10 && fcntl(STDIN_FILENO, F_GETFD) >= 0;
+            errno = EADDRINUSE; // a step of start-up after this one failed
+            if (ok)
+                OsixDeleteSem(first);
+            _exit(0);
         },
         STDERR_FILENO);
     unlink(path.c_str());
-    EXPECT_EQ(WEXITSTATUS(ended.status), 0) << ended.output;
-    EXPECT_EQ(ended.output, "dhcpsnoop: configured, but not there yet: swp2 v10\n");
+    EXPECT_EQ(WEXITSTATUS(ended.status), EXIT_FAILURE) << ended.output;
+    EXPECT_EQ(ended.output, "dhcpsnoop: configured, but not there yet: swp2 v10\n"
+                            "dhcpsnoop: start-up failed, the daemon ends (if nothing above says why: Address already in use)\n");
 }
 
 } // namespace

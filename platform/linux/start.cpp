@@ -158,6 +158,16 @@ uint32_t OsixCreateMSem(uint32_t)
     return ++handle;
 }
 
-int32_t OsixDeleteSem(uint32_t semId) { return semId != 0 ? 0 : EINVAL; }
+// Called when start-up failed, and only then, before anything else is undone. The core would go on into a
+// loop without sockets: a process that does nothing and that no service manager would start again.
+int32_t OsixDeleteSem(uint32_t semId)
+{
+    if (semId == 0)
+        return EINVAL;
+    // Some steps have told why, and errno is of the telling then; the others are silent.
+    platform_linux::platform_report(
+        LOG_ERR, "start-up failed, the daemon ends (if nothing above says why: %s)", strerror(errno));
+    _exit(EXIT_FAILURE); // the platform's thread runs, and uses what exit would destroy
+}
 
 int32_t errnoGet() { return errno; }
