@@ -53,6 +53,9 @@ ExitStatus showConfig(const Context &, std::span<const std::string>);
 // The static bindings that are bound.
 std::vector<UserKey> staticsInForce(const Daemon &daemon);
 
+// Whether `show config` has this line for a binding that there is.
+bool isThereAlready(const Words &bindingAdd, const Daemon &daemon);
+
 // change.cpp
 ExitStatus changeInterface(const Context &, std::span<const std::string>);
 ExitStatus changeVlan(const Context &, std::span<const std::string>);
@@ -78,8 +81,8 @@ ExitStatus arpInterface(const Context &, std::span<const std::string>);
 ExitStatus arpVlan(const Context &, std::span<const std::string>);
 ExitStatus showGuard(const Context &, std::span<const std::string>);
 ExitStatus monitor(const Context &, std::span<const std::string>);
-// The commands that make what is configured of the guard.
-void guardCommands(std::vector<Words> &lines);
+// The commands that make what is configured of the guard; a note when that cannot be read.
+void guardCommands(const Context &context, std::vector<Words> &lines);
 
 // redundancy.cpp
 ExitStatus showRedundancy(const Context &, std::span<const std::string>);

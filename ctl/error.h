@@ -25,6 +25,10 @@ struct UsageError : CtlError {
     explicit UsageError(const std::string &message) : CtlError(EXIT_USAGE, message) {}
 };
 
+struct NoInterface : UsageError {
+    using UsageError::UsageError;
+};
+
 struct NoDaemon : CtlError {
     explicit NoDaemon(const std::string &message) : CtlError(EXIT_NO_DAEMON, message) {}
 };

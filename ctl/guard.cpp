@@ -267,11 +267,13 @@ ExitStatus showGuard(const Context &context, std::span<const std::string>)
     return EXIT_DONE;
 }
 
-void guardCommands(std::vector<Words> &lines)
+void guardCommands(const Context &context, std::vector<Words> &lines)
 {
     std::string why;
-    if (!guard_config_open(why))
+    if (!guard_config_open(why)) {
+        context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
         return;
+    }
     for (const auto &[place, items] : guard_config_all())
         for (const GuardFeature feature : GUARD_FEATURES) {
             Words line = {commandWord(feature)};

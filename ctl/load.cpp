@@ -2,6 +2,7 @@
 #include <chrono>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <thread>
 #include <wordexp.h>
 
@@ -60,29 +61,36 @@ std::vector<Line> readLines(std::istream &file, const std::string &name)
     return lines;
 }
 
-// Makes what it can and leaves the rest in `lines`, with what is wrong with it.
-ExitStatus makeAll(const Context &context, const std::string &name, std::vector<Line> &lines,
-                   std::vector<std::string> &errors)
+// What is wrong, by line.
+using Errors = std::map<size_t, CtlError>;
+
+// One pass: makes what it can, and leaves in `lines` what may be possible later.
+void makeAll(const Context &context, std::vector<Line> &lines, Errors &errors)
 {
-    ExitStatus status = EXIT_DONE;
+    bool daemonRuns = true;
     std::erase_if(lines, [&](const Line &line) {
-        if (status == EXIT_NO_DAEMON)
-            return false;
+        errors.erase(line.number);
         try {
-            runCommand(line.words, context);
-            return true;
+            if (daemonRuns)
+                runCommand(line.words, context);
+            return daemonRuns;
+        } catch (const NoDaemon &error) {
+            errors.emplace(line.number, error);
+            daemonRuns = false;
+        } catch (const NoInterface &error) {
+            errors.emplace(line.number, error);
         } catch (const Refusal &refusal) {
-            if (refusal.code == NM_EXISTS) // a static binding that the journal brought back
+            // A static binding that the journal brought back is no error.
+            if (refusal.code == NM_EXISTS && isThereAlready(line.words, context.daemon))
                 return true;
-            status = refusal.status();
-            errors.push_back(placeOf(name, line.number) + refusal.what());
+            errors.emplace(line.number, refusal);
+            return refusal.code == NM_EXISTS;
         } catch (const CtlError &error) {
-            status = error.status();
-            errors.push_back(placeOf(name, line.number) + error.what());
+            errors.emplace(line.number, error);
+            return error.status() == EXIT_USAGE;
         }
         return false;
     });
-    return status;
 }
 
 } // namespace
@@ -102,16 +110,14 @@ ExitStatus load(const Context &context, std::span<const std::string> arguments)
             throw UsageError(name + ": cannot be opened");
     }
     std::vector<Line> lines = readLines(name == "-" ? std::cin : file, name);
+    Errors errors;
     for (;;) {
-        std::vector<std::string> errors;
-        const ExitStatus status = makeAll(context, name, lines, errors);
-        if (status == EXIT_DONE)
-            return status;
-        if (std::chrono::steady_clock::now() + RETRY > until) {
-            for (const std::string &error : errors)
-                context.err << "dhcpsnoopctl: " << error << '\n';
-            return status;
-        }
+        makeAll(context, lines, errors);
+        if (lines.empty() || std::chrono::steady_clock::now() + RETRY > until)
+            break;
         std::this_thread::sleep_for(RETRY);
     }
+    for (const auto &[number, error] : errors)
+        context.err << "dhcpsnoopctl: " << placeOf(name, number) << error.what() << '\n';
+    return errors.empty() ? EXIT_DONE : errors.begin()->second.status();
 }

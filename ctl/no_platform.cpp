@@ -18,4 +18,4 @@ ExitStatus arpInterface(const Context &, std::span<const std::string>) { refuse(
 ExitStatus arpVlan(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus showGuard(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus monitor(const Context &, std::span<const std::string>) { refuse(); }
-void guardCommands(std::vector<Words> &) {}
+void guardCommands(const Context &, std::vector<Words> &) {}

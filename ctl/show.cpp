@@ -612,6 +612,16 @@ ExitStatus showStatistics(const Context &context, std::span<const std::string>)
     return EXIT_DONE;
 }
 
+bool isThereAlready(const Words &bindingAdd, const Daemon &daemon)
+{
+    std::vector<Words> lines;
+    const auto isStatic = [](const Binding &binding) { return binding.type == TYPE_STATIC; };
+    if (bindingAdd.size() > 2 && bindingAdd[0] == "binding")
+        for (const Binding &binding : readBindings(daemon, isStatic, parseUserKey(bindingAdd[2])))
+            bindingCommands(binding, lines);
+    return !lines.empty() && lines[0] == bindingAdd;
+}
+
 ExitStatus showConfig(const Context &context, std::span<const std::string>)
 {
     std::vector<Words> lines;
@@ -628,7 +638,7 @@ ExitStatus showConfig(const Context &context, std::span<const std::string>)
         interfaceCommands(view, lines);
     for (const Binding &binding : readStatics(context.daemon))
         bindingCommands(binding, lines);
-    guardCommands(lines);
+    guardCommands(context, lines);
     if (context.json) {
         printJson(context, lines);
         return EXIT_DONE;

@@ -129,8 +129,8 @@ uint32_t parseInterface(const std::string &word)
         return index;
     std::optional<uint32_t> number = parseNumber(word);
     if (!number || *number == 0)
-        throw UsageError("there is no interface '" + word +
-                         "' here (give a name in this network namespace, or an index)");
+        throw NoInterface("there is no interface '" + word +
+                          "' here (give a name in this network namespace, or an index)");
     return *number;
 }
 

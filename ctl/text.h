@@ -25,7 +25,7 @@ std::string userKeyText(const UserKey &key);
 std::array<uint8_t, 6> parseMac(const std::string &word);
 std::string macText(const Bytes &mac);
 
-// A port's name as this network namespace has it, or its index, known here or not.
+// A port's name as this network namespace has it, or its index, known here or not. Throws NoInterface.
 uint32_t parseInterface(const std::string &word);
 std::string interfaceText(uint32_t ifIndex); // the name when there is one that can be typed, else the index
 

@@ -106,8 +106,10 @@ TEST_F(CtlDaemon, ShownConfigurationRebuildsIt)
     start();
     EXPECT_EQ(run("show interfaces --json").out, "[]\n");
     must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound"); // as from a journal
-    Ran loaded = loadText("# settings\n\n" + before);
-    EXPECT_EQ(loaded.status, EXIT_DONE) << loaded.err;
+    for (const char *claim : {"new", "there already"}) {
+        Ran loaded = loadText("# settings\n\n" + before);
+        EXPECT_EQ(loaded.status, EXIT_DONE) << claim << ": " << loaded.err;
+    }
     EXPECT_EQ(run("show config").out, before);
     EXPECT_EQ(run("show interfaces --json").out, interfaces);
     EXPECT_EQ(run("show global").out, global);
@@ -127,6 +129,7 @@ TEST_F(CtlDaemon, LinesThatCannotBeLoaded)
         {"load /dev/null", EXIT_USAGE, ":2: 'load /dev/null' is no command"},
         {"monitor", EXIT_USAGE, ":2: 'monitor' is no command"},
         {"dhcpsnoopctl", EXIT_USAGE, ":2: '' is no command"},
+        {"interface 500000002 trust maybe", EXIT_USAGE, ":2: "},
     };
     for (const auto &[line, status, message] : rows) {
         SCOPED_TRACE(line);
@@ -153,6 +156,13 @@ TEST_F(CtlDaemon, LoadTriesAgain)
     EXPECT_EQ(run("show config").out, NEW_CONFIG + "dhcpsnoopctl server-learning on\n");
     attempts = 0;
     EXPECT_EQ(loadText("server-learning on\n", "", late).status, EXIT_NO_DAEMON);
+    // But not what will not be otherwise then.
+    must("binding add 10.0.0.9 mac 02:00:00:00:00:09 unbound");
+    for (const char *line : {"binding add 10.0.0.9 unbound", "interface 500000002 trust maybe"}) {
+        ran = loadText(line, " wait 60");
+        EXPECT_NE(ran.status, EXIT_DONE) << line;
+        EXPECT_LT(ran.requests.size(), 20u) << line;
+    }
 }
 
 // What the daemon forgets with a switch, the client must not give back.
