@@ -205,8 +205,11 @@ void UnitThread::take_change(const Change &change, Ticks now)
 
 void UnitThread::drain(Ticks now)
 {
+    if (moreChanges_ && now < takeAt_)
+        return;
     const ChangeQueue::Taken taken = shared_.changes.take();
     moreChanges_ = !taken.changes.empty();
+    takeAt_ = now + GATHER;
     for (const Change &change : taken.changes)
         take_change(change, now);
     if (taken.dropped != 0) {
@@ -283,7 +286,7 @@ void UnitThread::turn()
     if (link_)
         deadline = std::min(deadline, link_->deadline());
     if (moreChanges_)
-        deadline = std::min(deadline, now + GATHER);
+        deadline = std::min(deadline, takeAt_);
     if (dirtySince_ != NEVER)
         deadline = std::min(deadline, dirtySince_ + (journal_.has_failed() ? JOURNAL_RETRY : SYNC_AFTER));
     if (copyAsked_ || copyNeeded_ || peerBehind_)

@@ -119,7 +119,8 @@ class UnitThread
     uint32_t lastCopy_ = 0, lastCopyCount_ = 0; // when, by the wall clock; 0 = never
     uint64_t sent_ = 0, received_ = 0, dropped_ = 0;
     Ticks dirtySince_ = NEVER, expireAt_ = 0;
-    bool moreChanges_ = false; // may come before the queue is looked at again
+    bool moreChanges_ = false; // may come, and are not told, before the queue is looked at again
+    Ticks takeAt_ = 0;         // when it is then
 };
 
 } // namespace platform_linux
