@@ -110,7 +110,7 @@ class BadStart(labtest.LabTest):
                 with open(path, "w") as conf:
                     conf.write(f"port swp0 access 1\n{line}\n")
                 status, printed = self.ends(conf=path)
-                self.assertNotEqual(status, 0)
+                self.assertEqual(status, os.EX_CONFIG)
                 self.assertIn(f"{path}:2: ", printed)
                 self.assertIn(text, printed.split(f"{path}:2: ")[1].splitlines()[0])
                 self.assertFalse(os.path.exists(SOCKET))

@@ -17,6 +17,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include "events.h"
@@ -548,7 +549,7 @@ TEST(Start, RefusesAWrongModelFile)
         },
         STDERR_FILENO);
     unlink(path.c_str());
-    EXPECT_EQ(WEXITSTATUS(ended.status), EXIT_FAILURE);
+    EXPECT_EQ(WEXITSTATUS(ended.status), EX_CONFIG);
     EXPECT_EQ(ended.output, "dhcpsnoop: " + path + ":2: 'swp1' is a port already\n");
 
     const Ended absent = run_child(
@@ -557,7 +558,7 @@ TEST(Start, RefusesAWrongModelFile)
             OsixCreateMSem(9);
         },
         STDERR_FILENO);
-    EXPECT_EQ(WEXITSTATUS(absent.status), EXIT_FAILURE) << "a file that was named is not optional";
+    EXPECT_EQ(WEXITSTATUS(absent.status), EX_CONFIG) << "a file that was named is not optional";
     EXPECT_EQ(absent.output, "dhcpsnoop: /nonexistent/switch.conf: No such file or directory\n");
 }
 

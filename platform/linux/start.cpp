@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/syscall.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include "events.h"
@@ -46,7 +47,8 @@ void claim_standard_descriptors()
             return;
 }
 
-bool load_model()
+// As platform_linux_start.
+int load_model()
 {
     const char *path = getenv(SWITCH_CONF_ENV);
     const bool named = path != nullptr && *path != 0;
@@ -59,19 +61,19 @@ bool load_model()
     case ConfFile::absent:
         if (named) {
             platform_report(LOG_ERR, "%s: %s", path, strerror(ENOENT));
-            return false;
+            return EX_CONFIG;
         }
         break;
     case ConfFile::wrong:
         platform_report(LOG_ERR, "%s", error.c_str());
-        return false;
+        return EX_CONFIG;
     }
     DaemonEvents told; // nothing has changed yet that the daemon knows of
     if (!events_dump(switch_model(), told)) {
         platform_report(LOG_ERR, "the kernel's links cannot be listed: %s", strerror(errno));
-        return false;
+        return EXIT_FAILURE;
     }
-    return true;
+    return 0;
 }
 
 void report_absent()
@@ -126,23 +128,25 @@ void arguments_take(int argc, char **argv)
     bindings = count != 0 ? count : BINDINGS_DEFAULT;
 }
 
-bool platform_linux_start()
+int platform_linux_start()
 {
     claim_standard_descriptors();
     logging_start();
     if (const std::string missing = missing_capabilities(); !missing.empty()) {
         platform_report(LOG_ERR, "missing %s: start as root, or grant what is missing", missing.c_str());
-        return false;
+        return EXIT_FAILURE;
     }
-    if (!load_model())
-        return false;
+    if (const int status = load_model(); status != 0)
+        return status;
     report_absent();
     if (trap_start(bindings) != 0) // before anything is taken that another daemon may have
-        return false;
+        return EXIT_FAILURE;
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
-    return relay_socket_start() == 0 && redundancy_start();
+    if (relay_socket_start() != 0)
+        return EXIT_FAILURE;
+    return redundancy_start() ? 0 : EX_CONFIG;
 }
 
 } // namespace platform_linux
@@ -152,8 +156,8 @@ uint32_t OsixCreateMSem(uint32_t)
 {
     static bool started = false;
     static uint32_t handle = 0;
-    if (!started && !platform_linux::platform_linux_start())
-        exit(EXIT_FAILURE); // main would go on into a loop without sockets
+    if (const int status = started ? 0 : platform_linux::platform_linux_start(); status != 0)
+        exit(status); // main would go on into a loop without sockets
     started = true;
     return ++handle;
 }

@@ -6,10 +6,11 @@
 namespace platform_linux
 {
 
-// Logging, the switch model, the trap and the relay socket, in that order. False when the daemon must not
-// run; why is on standard error and in the system log. Called by the daemon's first platform call of
-// start-up.
-bool platform_linux_start();
+// Logging, the switch model, the trap and the relay socket, in that order. 0, or the exit status when the
+// daemon must not run: EX_CONFIG (sysexits.h) where a file is wrong, which another attempt would not mend,
+// else EXIT_FAILURE. Why is on standard error and in the system log. Called by the daemon's first platform
+// call of start-up.
+int platform_linux_start();
 
 // Before the start: what of the daemon's arguments is the platform's too. The only call that gets them is
 // qorCatchSegFault.
