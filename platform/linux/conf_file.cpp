@@ -25,8 +25,12 @@ ConfFile conf_file_read(const char *path, std::string &text, std::string &error)
         error = std::string(path) + ": " + strerror(errno);
         return ConfFile::wrong;
     }
-    text.assign(FILE_MAX_BYTES + 1, '\0');
-    text.resize(fread(text.data(), 1, text.size(), file.get()));
+    // Not at once: the heap would keep the room for the largest.
+    char piece[4096];
+    size_t count = 0;
+    text.clear();
+    while (text.size() <= FILE_MAX_BYTES && (count = fread(piece, 1, sizeof piece, file.get())) != 0)
+        text.append(piece, count);
     if (ferror(file.get()) != 0 || text.size() > FILE_MAX_BYTES) {
         error = std::string(path) + ": " + (ferror(file.get()) != 0 ? strerror(errno) : "longer than 1 MiB");
         return ConfFile::wrong;
