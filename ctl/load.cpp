@@ -64,6 +64,17 @@ std::vector<Line> readLines(std::istream &file, const std::string &name)
 // What is wrong, by line.
 using Errors = std::map<size_t, CtlError>;
 
+// A static binding that is there already, as the journal brings it back, is no error.
+void makeOne(const Context &context, const Words &words)
+{
+    try {
+        runCommand(words, context);
+    } catch (const Refusal &refusal) {
+        if (refusal.code != NM_EXISTS || !isThereAlready(words, context.daemon))
+            throw;
+    }
+}
+
 // One pass: makes what it can, and leaves in `lines` what may be possible later.
 void makeAll(const Context &context, std::vector<Line> &lines, Errors &errors)
 {
@@ -72,7 +83,7 @@ void makeAll(const Context &context, std::vector<Line> &lines, Errors &errors)
         errors.erase(line.number);
         try {
             if (daemonRuns)
-                runCommand(line.words, context);
+                makeOne(context, line.words);
             return daemonRuns;
         } catch (const NoDaemon &error) {
             errors.emplace(line.number, error);
@@ -80,9 +91,6 @@ void makeAll(const Context &context, std::vector<Line> &lines, Errors &errors)
         } catch (const NoInterface &error) {
             errors.emplace(line.number, error);
         } catch (const Refusal &refusal) {
-            // A static binding that the journal brought back is no error.
-            if (refusal.code == NM_EXISTS && isThereAlready(line.words, context.daemon))
-                return true;
             errors.emplace(line.number, refusal);
             return refusal.code == NM_EXISTS;
         } catch (const CtlError &error) {
