@@ -222,7 +222,11 @@ TEST_F(User, PoolIsSharedWithMacUsers)
     set_up(2);
     debug(1);
     const Parsed parsed(Frame{});
-    DhcpsnoopMacUser *waiting = dhcpsnoop_mac_user_add(&parsed.info);
+    ASSERT_EQ(learn(HOST, MAC_CLIENT), 0);
+    dhcpsnoop_user_delete(binding(HOST));
+    DhcpsnoopMacUser *waiting = dhcpsnoop_mac_user_add(&parsed.info); // in the node of that binding
+    const Bytes rest(sizeof(DhcpsnoopUser) - sizeof *waiting);
+    EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(waiting + 1), reinterpret_cast<uint8_t *>(waiting) + sizeof(DhcpsnoopUser)), rest);
     EXPECT_EQ(learn(HOST, MAC_CLIENT), 0);
     EXPECT_EQ(learn(HOST + 1, MAC_CLIENT), -1);
     EXPECT_EQ(debug_texts().back(), "[DHCPSNOOP] Can't allocate memory for user entry!\r\n");

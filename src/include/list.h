@@ -2,6 +2,7 @@
 // never linked has null links: such a head counts as empty, such an entry is not unlinked.
 #pragma once
 
+#include <cstring>
 #include <new>
 
 #include "dhcpsnoop.h"
@@ -34,14 +35,15 @@ inline void list_unlink(DhcpsnoopLink *entry)
     entry->next = entry->prev = nullptr;
 }
 
-// The first node of a free list as a new, zeroed entry that is on no list; null when there is none. Nodes
-// serve entries of different types in turn, so the entry is made anew.
-template <class Entry> Entry *list_take(DhcpsnoopLink *freeList)
+// The first node of a free list as a new entry that is on no list; null when there is none. A node serves
+// entries of different types in turn, so all of it is zeroed, also behind an entry that is shorter.
+template <class Entry, class Node = Entry> Entry *list_take(DhcpsnoopLink *freeList)
 {
     if (list_empty(freeList))
         return nullptr;
     DhcpsnoopLink *node = freeList->next;
     list_unlink(node);
+    std::memset(static_cast<void *>(node), 0, sizeof(Node));
     return ::new (static_cast<void *>(node)) Entry{};
 }
 

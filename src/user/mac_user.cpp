@@ -19,7 +19,7 @@ DhcpsnoopMacUser *dhcpsnoop_mac_user_add(const DhcpsnoopPktInfo *info)
 {
     if (info == nullptr || info->ifp == nullptr || info->chaddr == nullptr)
         return nullptr;
-    auto *added = list_take<DhcpsnoopMacUser>(&gDhcpsnoop.userFreeList);
+    auto *added = list_take<DhcpsnoopMacUser, DhcpsnoopUser>(&gDhcpsnoop.userFreeList);
     if (added == nullptr) {
         DEBUG_TRACE("[DHCPSNOOP] Can't allocate memory for mac user entry!\r\n");
         return nullptr;
