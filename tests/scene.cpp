@@ -1,0 +1,193 @@
+#include "scene.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace
+{
+
+DhcpsnoopIf *port(uint32_t ifIndex = 1) { return dhcpsnoop_if_lookup(ifIndex); }
+
+void bind_host(uint8_t type = DHCPSNOOP_USER_DYNAMIC)
+{
+    make_binding(HOST, MAC_CLIENT, 1, 10)->userType = type;
+    if (type != DHCPSNOOP_USER_DYNAMIC)
+        port()->curUser--;
+}
+
+void relay()
+{
+    port()->relayAddr = RELAY;
+    port()->serverIp[0] = ip4(10, 1, 1, 1);
+    port()->serverIp[2] = ip4(10, 3, 3, 3);
+}
+
+void wait_for_reply()
+{
+    const Parsed earlier(Frame{});
+    dhcpsnoop_mac_user_add(&earlier.info);
+}
+
+const Word WORDS[] = {
+    {"port3", [] { snoop(3); }},
+    {"vlan-if", [] { snoop(110); }},
+    {"mac-check", [] { port()->flags |= DHCPSNOOP_IF_CHECK_MAC; }},
+    {"option82", [] { port()->flags |= DHCPSNOOP_IF_OPTION82; }},
+    {"check", [] { for (const uint32_t ifIndex : {1u, 3u}) if (port(ifIndex) != nullptr) port(ifIndex)->flags |= DHCPSNOOP_IF_CHECK_BINDING; }},
+    {"82-drop", [] { set_flag_field(port(), DHCPSNOOP_IF_POLICY, 1); }},
+    {"relay", relay},
+    {"no-users", [] { port()->maxUser = 0; }},
+    {"waiting", wait_for_reply},
+    {"bound", [] { bind_host(); }},
+    {"static", [] { bind_host(DHCPSNOOP_USER_STATIC); }},
+    {"ipsg", [] { bind_host(DHCPSNOOP_USER_IPSG); }},
+    {"unreachable", [] { world.refuse("relay 10.0.0.254 10.1.1.1"); }},
+    {"learning", [] { gDhcpsnoop.serverLearn = 1; }},
+    {"master", [] { world.role(DHCPSNOOP_ROLE_MASTER); }},
+    {"slave", [] { world.role(DHCPSNOOP_ROLE_SLAVE); }},
+    {"guarded", [] { gDhcpsnoop.ipsgIfGet = ipsgIfGetApi, world.ipsg[1] = {.items = 0xF0}; }}, // IP source guard on port 1
+};
+
+std::string last_octets(const uint8_t *address, uint32_t ipType)
+{
+    return ipType == DHCPSNOOP_IPV6 ? world_format(":%x", address[14] << 8 | address[15]) : world_format(".%u", address[3]);
+}
+
+// A call of qorIfSetApi that adds or deletes a rule, by its record.
+std::string rule(const WorldEntry &call)
+{
+    const Bytes &record = call.data;
+    const auto carried = [&](size_t at, size_t size, int item) { return record[at] != 0 || record[at + size - 1] != 0 ? item : 0; };
+    const int items = carried(39, 1, 0x80) | carried(38, 1, 0x40) | carried(6, 2, 0x20) | carried(8, 4, 0x10);
+    const std::string to = call.text.substr(0, call.text.find(':')); // "hw add 1"
+    return std::string("hw ") + (to[3] == 'a' ? '+' : '-') + to.substr(to.rfind(' ') + 1) + " " + last_octets(&record[16], record[36]) + world_format(" %02x/%02x", items, record[37]);
+}
+
+std::string joined(const Lines &lines)
+{
+    std::string text;
+    for (const std::string &line : lines)
+        text += (text.empty() ? "" : ", ") + line;
+    return text;
+}
+
+} // namespace
+
+void prepare(const std::string &words, std::span<const Word> own)
+{
+    std::set<std::string> wanted;
+    std::istringstream list(words);
+    for (std::string word; list >> word;)
+        wanted.insert(word);
+    world.reset(0, wanted.contains("one-node") ? 1 : 0);
+    wanted.erase("one-node"); // 1 node for bindings and waiting clients
+    for (const uint32_t ifIndex : {1u, 3u})
+        world.access(ifIndex, 10);
+    world.vlan_interface(110, 10);
+    world.trunk(2, {10, 20}, 10);
+    snoop(1);
+    snoop(2, DHCPSNOOP_IF_TRUSTED);
+    for (const std::span<const Word> table : {own, std::span<const Word>(WORDS)})
+        for (const Word &word : table)
+            if (wanted.erase(word.word) != 0)
+                word.effect();
+    EXPECT_TRUE(wanted.empty()) << "unknown word " << *wanted.begin();
+    world.clear();
+    debug(1);
+}
+
+std::string calls_summary()
+{
+    Lines lines;
+    for (const WorldEntry *call : world.all(Did::Call))
+        lines.push_back(call->text.starts_with("hw ") ? rule(*call) : call->text);
+    return joined(lines);
+}
+
+std::string held()
+{
+    Lines lines;
+    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
+        for (const auto *user : list_each<DhcpsnoopUser>(&bucket)) {
+            constexpr const char *TYPES[] = {"untyped ", "", "static ", "type3 ", "ipsg "};
+            const bool bound = user->bindState == DHCPSNOOP_BIND_BOUND, asked = user->bindState == DHCPSNOOP_BIND_REQUESTED;
+            std::string line = last_octets(user->key.ipAddr, user->key.ipType) + " " + TYPES[user->userType % 5];
+            line += bound ? "bound" : asked ? "asked"
+                                            : world_format("state %u", user->bindState);
+            line += world_format(" %u/%u", user->ifIndex, user->vid);
+            line += user->origVid == user->vid ? "" : world_format("/%u", user->origVid);
+            line += user->leaseTime == (bound ? 3600 : 60) ? "" : world_format(" %us", user->leaseTime);
+            const int64_t age = world.now - user->leaseStart;
+            line += age == 0 ? "" : world_format(" %ds ago", static_cast<int>(age));
+            line += memcmp(user->mac, MAC_CLIENT.data(), 6) == 0 ? "" : world_format(" of %02x", user->mac[5]);
+            line += user->hwFlags == 0 ? "" : world_format(" hw %02x", user->hwFlags);
+            line += user->serverId == 0 ? "" : world_format(" by .%u", user->serverId & 0xFF);
+            lines.push_back(line);
+        }
+    std::sort(lines.begin(), lines.end());
+    std::string text;
+    for (const std::string &line : lines)
+        text += " | " + line;
+    return text;
+}
+
+std::string outcome()
+{
+    Lines done;
+    for (const std::string &text : {sent_summary(), joined(world.texts(Did::Relay)), calls_summary()})
+        if (!text.empty())
+            done.push_back(text);
+    std::string text = joined(done) + held();
+    text += count_waiting() == 0 ? "" : world_format(" | waits %zu", count_waiting());
+    for (const auto *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
+        text += world_format(" | server .%u %u/%u", server->serverIp & 0xFF, server->ifIndex, server->vid);
+    for (const auto *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
+        constexpr const char *DROPS[] = {"untrusted", "mac", "binding"};
+        for (int i = 0; i < 3; i++)
+            text += ifp->counters[i] == 0 ? "" : world_format(" | %u drops %s %u", ifp->ifIndex, DROPS[i], ifp->counters[i]);
+    }
+    return text;
+}
+
+std::string unsaid(const std::string &texts)
+{
+    std::istringstream list(texts);
+    for (std::string text; std::getline(list, text, '|');) {
+        const bool unwanted = text.starts_with("!");
+        if (printed("[DHCPSNOOP] " + text.substr(unwanted ? 1 : 0) + "\r\n") == unwanted)
+            return text;
+    }
+    return "";
+}
+
+Bytes Message::options() const { return opt_type(type) + (!from_server() ? (address != 0 ? opt_ip(50, address) : Bytes{}) : Bytes{}) + more; }
+
+Frame Message::frame() const
+{
+    const Bytes area = options() + OPT_END;
+    if (from_server())
+        return {.src = MAC_SERVER, .srcIp = SERVER, .srcPort = 67, .dstPort = 68, .op = 2, .ciaddr = ciaddr, .yiaddr = address, .giaddr = giaddr, .chaddr = chaddr, .options = area};
+    return {.src = forged ? MAC_CLIENT : chaddr, .srcIp = srcIp, .ciaddr = ciaddr, .giaddr = giaddr, .chaddr = chaddr, .options = area};
+}
+
+void Message::receive() const
+{
+    world.now += after;
+    if (after != 0)
+        dhcpsnoop_user_timer_check();
+    ::receive(frame(), arrival.value_or(Arrival{.port = from_server() ? 2u : 1u}));
+}
+
+void check_rows(std::span<const Row> rows, std::span<const Word> own)
+{
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.claim);
+        if (row.before != THEN)
+            prepare(row.before, own);
+        world.clear();
+        row.message.receive();
+        EXPECT_EQ(outcome(), row.outcome);
+        EXPECT_EQ(unsaid(row.said), "");
+        EXPECT_EQ(world_check_tables(true), "");
+    }
+}
