@@ -7,7 +7,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include "subscribers.h"
+#include "event_record.h"
 #include "table.h"
 
 namespace

@@ -5,6 +5,7 @@
 #include <linux/rtnetlink.h>
 #include <utility>
 
+#include "relay_socket.h"
 #include "trap.h"
 
 namespace linux_test

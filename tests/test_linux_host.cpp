@@ -20,12 +20,12 @@
 #include <sysexits.h>
 #include <unistd.h>
 
-#include "events.h"
+#include "event_socket.h"
 #include "linux_switch.h"
 #include "logging.h"
 #include "netns_test.h"
 #include "platform.h"
-#include "start.h"
+#include "platform_start.h"
 
 using namespace platform_linux;
 using namespace linux_test;

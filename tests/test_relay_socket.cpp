@@ -15,7 +15,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "trap.h"
+#include "relay_socket.h"
 
 namespace
 {

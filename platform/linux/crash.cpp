@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "platform.h"
-#include "start.h"
+#include "platform_start.h"
 
 namespace
 {

@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include "dhcpsnoop_user.h"
-#include "events.h"
 #include "logging.h"
+#include "wake.h"
 #include "wire.h"
 
 namespace platform_linux
@@ -33,7 +33,7 @@ void UnitShared::wake_daemon() const
 {
     const int sock = eventSocket;
     if (sock >= 0)
-        events_wake(sock);
+        wake_event_socket(sock);
 }
 
 UnitThread::UnitThread(UnitShared &shared, DhcpsnoopRole role, std::string daemonSocket)

@@ -11,7 +11,6 @@
 #include "guard_events.h"
 #include "logging.h"
 #include "platform.h"
-#include "redundancy.h"
 
 namespace platform_linux
 {
@@ -103,7 +102,7 @@ bool guard_follow_pending() { return due; }
 
 void guard_follow_handled()
 {
-    if (!due || redundancy_role_changes())
+    if (!due)
         return;
     due = false;
     for (const auto &[place, before] : guard_config_all()) {

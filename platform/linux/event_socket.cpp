@@ -1,7 +1,7 @@
 // The daemon's event socket: the kernel's datagrams in, one message of the switch's numbering a call out.
 // What a datagram makes more of is delivered before the next one is read; an acknowledgement that the socket
 // asks the kernel for keeps it readable until then. RFC 3549, rtnetlink(7).
-#include "events.h"
+#include "event_socket.h"
 
 #include <algorithm>
 #include <array>
@@ -19,6 +19,7 @@
 #include "logging.h"
 #include "platform.h"
 #include "redundancy.h"
+#include "wake.h"
 
 namespace platform_linux
 {
@@ -98,7 +99,7 @@ void drain(int sock)
 void stay_readable(int sock)
 {
     if ((!queue.empty() || guard_follow_pending()) && !awake)
-        awake = events_wake(sock);
+        awake = wake_event_socket(sock);
 }
 
 void refresh()
@@ -113,6 +114,14 @@ void follow_guard()
 {
     if (std::exchange(guardOutdated, false))
         guard_follow(queue);
+}
+
+// The daemon has handled all that it was given. While a change of role is under way, bindings are installed
+// at its end only.
+void guard_handled()
+{
+    if (!redundancy_role_changes())
+        guard_follow_handled();
 }
 
 void model_changed(ModelChange change, const Port &, const Port *)
@@ -161,19 +170,6 @@ bool read_datagram(int sock)
 
 } // namespace
 
-// By an empty request that asks for its acknowledgement, which anyone may send.
-bool events_wake(int sock)
-{
-    nlmsghdr request{};
-    request.nlmsg_len = sizeof request;
-    request.nlmsg_type = NLMSG_NOOP;
-    request.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    return sendto(sock, &request, sizeof request, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&kernel),
-                  sizeof kernel) == static_cast<ssize_t>(sizeof request);
-}
-
 bool events_dump(SwitchModel &model, DaemonEvents &events)
 {
     const std::unique_ptr<mnl_socket, SocketCloser> sock(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
@@ -219,14 +215,14 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
 {
     // The daemon asks again when it has handled what it was given last.
     if (queue.empty())
-        guard_follow_handled();
+        guard_handled();
     redundancy_events(queue);
     for (int i = 0; i < READS_PER_CALL && queue.empty(); i++)
         if (!read_datagram(sock))
             break;
     if (queue.empty()) {
         redundancy_events(queue); // what woke us for it may just have been read
-        guard_follow_handled();
+        guard_handled();
     }
     if (queue.empty()) {
         errno = EAGAIN;

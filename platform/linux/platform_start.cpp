@@ -1,4 +1,4 @@
-#include "start.h"
+#include "platform_start.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,10 +11,11 @@
 #include <sysexits.h>
 #include <unistd.h>
 
-#include "events.h"
+#include "event_socket.h"
 #include "logging.h"
 #include "platform.h"
 #include "redundancy.h"
+#include "relay_socket.h"
 #include "subscribers.h"
 #include "switch_model.h"
 #include "trap.h"

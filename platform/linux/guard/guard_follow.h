@@ -12,8 +12,7 @@ namespace platform_linux
 void guard_follow(DaemonEvents &events);
 
 // All that was appended has been handled by the daemon, its bindings are installed: what was pending comes
-// into force. Does nothing when nothing was, nor while a change of role is under way, in which bindings are
-// installed at its end only: to be called again then.
+// into force. Does nothing when nothing was. Not to be called while a change of role is under way.
 void guard_follow_handled();
 // Whether that is due.
 bool guard_follow_pending();

@@ -205,7 +205,7 @@ void redundancy_events(DaemonEvents &events)
     DaemonEvent event{};
     nlmsghdr header{};
     header.nlmsg_len = sizeof header;
-    if (header.nlmsg_len == qorSelfSysIndex())
+    if (header.nlmsg_len == switch_model().system())
         header.nlmsg_len += 4;
     header.nlmsg_type = RTM_SUBSYSTEM_UP;
     memcpy(event.bytes.data(), &header, sizeof header);

@@ -11,7 +11,4 @@ namespace platform_linux
 // errno, when the kernel does not answer; the model is then as it was but for what the dump brought.
 bool events_dump(SwitchModel &model, DaemonEvents &events);
 
-// Makes the daemon's event socket readable, from any thread. False when it has no room.
-bool events_wake(int sock);
-
 } // namespace platform_linux

@@ -1,6 +1,5 @@
 // The DHCP trap of the switch's ports: while it is on for a port or VLAN, the kernel does not forward the
 // DHCP frames of one family that come in there; they reach the daemon through its packet sockets instead.
-// Also descriptor 0, through which the daemon relays.
 //
 // trap.cpp knows the model (model.h) and drives guard.h, behind which a recorder stands in tests.
 // trap_release is alone in the library dhcpsnoop_trap together with guard.h, for dhcpsnoopctl.
@@ -23,11 +22,6 @@ int32_t trap_start(uint32_t bindings);
 // an errno value: ENODEV no such port, EOPNOTSUPP no eBPF here, or why the classifier could not be attached.
 // Off for an index that is not there (any more) is 0.
 int32_t trap_set(uint32_t ifIndex, int family, bool on);
-
-// Makes descriptor 0 a UDP socket bound to port 67 that receives nothing: the one handed over as standard
-// input, or one of our own. Always 0: without the right to bind the port it says so and standard input stays
-// as it was, so that every relayed request reports a send error. Called before the daemon's start-up.
-int32_t relay_socket_start();
 
 // Removes all that any daemon of this network namespace left in the kernel: the classifier from every device,
 // the clsact queueing disciplines made for it and the pinned maps. `report` gets one line for each thing

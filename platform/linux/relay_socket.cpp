@@ -1,6 +1,6 @@
 // Descriptor 0 before the daemon's start-up: the UDP socket through which relayed requests leave. Nothing is
 // ever received from it: servers answer to the relay address, and those answers come as trapped frames.
-#include "trap.h"
+#include "relay_socket.h"
 
 #include <cerrno>
 #include <cstring>
