@@ -16,8 +16,8 @@ struct Word {
 };
 
 // A new daemon with ports 1 and 3 in VLAN 10, VLAN interface 110 of it, and trunk 2 (native VLAN 10, also 20). Ports 1 and
-// 2 (trusted, the servers') are snooped. Then the words' effects, in the order of `own` and of the table in scene.cpp. A word
-// that neither knows is a failure. The journal is empty afterwards, the traces are on.
+// 2 (trusted, the servers') are snooped. Then the effects of the words, one after the other, from `own` or from the table in
+// scene.cpp; an unknown word is a failure. The journal is empty afterwards, the traces are on.
 void prepare(const std::string &words, std::span<const Word> own = {});
 
 // "2 292, hw +1 .50 f0/80 | .50 bound 1/10 | waits 1 | server .1 2/10 | 1 drops mac 1": frames (port, length), relayed
@@ -45,7 +45,8 @@ struct Message {
     uint32_t address = HOST; // option 50 of a client, yiaddr of a server; 0: none
     Bytes more = {};         // further options
     std::optional<Arrival> arrival = {};
-    uint32_t after = 0; // seconds that pass first
+    uint32_t after = 0;                     // seconds that pass first
+    uint32_t server = SERVER, lease = 3600; // options 54 (0: none) and 51 of a server's message
 
     bool from_server() const { return type == OFFER || type == ACK || type == NAK; }
     Bytes options() const; // without the end option
