@@ -1,7 +1,5 @@
-// Which bindings may open the guard: those that a server has acknowledged with a lease, and those that
-// management binds. The daemon itself installs what a client has only asked for too: when a server answers
-// without a lease (an INFORM, RFC 2131 4.3.5), when ARP inspection starts, and with all that there are.
-// Whoever asks a server that is not there could send from any address then.
+// Which bindings the guard takes. A client that asks for an address gets a binding of 60 seconds in the
+// daemon before any server has answered: installed, it would open the guard to whoever asks.
 #pragma once
 
 #include "platform.h"
@@ -9,11 +7,9 @@
 namespace platform_linux
 {
 
-// Of a record that is to be added. Told by its address: false where that is not checked.
+// The record, which the daemon is about to install, is of a dynamic binding that no server has acknowledged
+// and management does not bind, and it checks the address. False for a record without an address: its binding
+// cannot be told.
 bool is_only_asked_for(const QorUserRecord &record);
-
-// Management does something with a binding; told before the daemon does it. One that it binds is added
-// whatever its state, once for each of the two features.
-void management_acts(const DhcpsnoopUserKey &key, uint32_t code, const uint32_t *action);
 
 } // namespace platform_linux

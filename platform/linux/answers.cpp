@@ -326,9 +326,8 @@ int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
 
 int32_t qorHwIfSync(uint32_t, uint32_t, void *, uint32_t) { return 0; }
 
-int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t)
+int32_t qorHwDhcpSnoopUserSync(const void *, uint32_t, void *, uint32_t)
 {
-    management_acts(*static_cast<const DhcpsnoopUserKey *>(key), code, static_cast<const uint32_t *>(value));
     redundancy_binding_changed();
     return 0;
 }

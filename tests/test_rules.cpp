@@ -1,0 +1,427 @@
+// The trap rules and the rules of bindings between the switch model and the classifier: where they stand, what becomes of them
+// when ports and VLAN interfaces come and go. The classifier and the log are recorders, the model a handful of ports.
+#include <cerrno>
+#include <cstdarg>
+#include <span>
+#include <sstream>
+
+#include "acknowledged.h"
+#include "bindings.h"
+#include "daemon_test.h"
+#include "dhcpsnoop_nm.h"
+#include "guard.h"
+#include "logging.h"
+#include "management.h"
+#include "model.h"
+#include "trap.h"
+
+using namespace platform_linux;
+
+namespace
+{
+
+struct Recorder {
+    bool possible = true, alone = true; // alone: no other daemon
+    int addResult = 0, full = 0;        // full: so many more rules of bindings find no room
+    std::string journal = "";           // what was asked of the classifier, and what was said
+} recorder;
+
+std::map<uint32_t, Port> ports, gone;
+std::vector<ModelWatcher> watchers;
+
+template <class... Words>
+int asked(int result, const Words &...words)
+{
+    std::ostringstream line;
+    line << (recorder.journal.empty() ? "" : ", ");
+    const char *blank = "";
+    ((line << std::exchange(blank, " ") << words), ...);
+    recorder.journal += line.str();
+    return result;
+}
+
+std::string digits(const uint8_t *bytes, size_t count)
+{
+    std::string text = hex(Bytes(bytes, bytes + count));
+    std::erase(text, ' ');
+    return text;
+}
+
+// "+1 f0 3/10 020000000005 0a000a05": kind, check items, port, VLAN, MAC, address.
+int rule(const char *what, const guard_binding_key &key)
+{
+    const std::string mac = digits(key.mac, 6), address = digits(key.addr, key.kind == GUARD_IPV6 ? 16 : 4);
+    asked(0, world_format("%s%u %02x %u/%u %s %s", what, key.kind, key.mask, key.ifindex, key.vid, mac.c_str(), address.c_str()));
+    return *what == '+' && recorder.full > 0 && recorder.full-- > 0 ? ENOSPC : 0;
+}
+
+} // namespace
+
+namespace platform_linux
+{
+
+bool guard_claim() { return recorder.alone; }
+bool guard_open(uint32_t bindings, std::string &why, std::string &)
+{
+    why = recorder.possible ? "" : "said by the recorder";
+    return asked(recorder.possible, "open", bindings) != 0;
+}
+void guard_close() { asked(0, "close"); }
+int guard_port_add(uint32_t ifIndex, uint16_t nativeVid) { return asked(recorder.addResult, "add", ifIndex, nativeVid); }
+void guard_port_remove(uint32_t ifIndex) { asked(0, "remove", ifIndex); }
+void guard_ports_complete() { asked(0, "complete"); }
+int guard_trap_port(uint32_t ifIndex, int family, bool on)
+{
+    return asked(ports.count(ifIndex) != 0 && ports.at(ifIndex).aggregate == 0 ? 0 : ENODEV, "port", ifIndex, family, on ? "on" : "off");
+}
+int guard_trap_vlan(uint16_t vid, int family, bool on) { return asked(0, "vlan", vid, family, on ? "on" : "off"); }
+int guard_binding_add(const guard_binding_key &key) { return rule("+", key); }
+int guard_binding_remove(const guard_binding_key &key) { return rule("-", key); }
+const Port *model_port(uint32_t ifIndex) { return ports.count(ifIndex) == 0 ? nullptr : &ports.at(ifIndex); }
+const std::map<uint32_t, Port> &model_ports() { return ports; }
+void model_watch(ModelWatcher watcher) { watchers.push_back(watcher); }
+void platform_report(int, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    char line[256];
+    vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    asked(0, "\"" + std::string(line) + "\"");
+}
+
+} // namespace platform_linux
+
+namespace
+{
+
+Port a_port(uint32_t ifIndex, PortKind kind, uint16_t vlan, uint32_t aggregate = 0)
+{
+    Port port = {};
+    port.ifIndex = ifIndex;
+    port.kind = kind;
+    port.up = true;
+    port.aggregate = aggregate;
+    std::string("swp" + std::to_string(ifIndex)).copy(port.name, sizeof port.name);
+    (kind == PortKind::vlanInterface ? port.vlan : port.nativeVid) = vlan;
+    return port;
+}
+
+void tell(ModelChange change, const Port &port, const Port *before = nullptr)
+{
+    if (change == ModelChange::vanished)
+        gone[port.ifIndex] = port, ports.erase(port.ifIndex);
+    else
+        ports[port.ifIndex] = port;
+    for (const ModelWatcher watcher : watchers)
+        watcher(change, port, before);
+}
+
+// The model's steps: "native 6 20", "member 6 5" (of an aggregate), "stp 6", "gone 6", "back 6"; native of a new port: it appears.
+void move(const std::string &verb, uint32_t ifIndex, uint32_t value)
+{
+    if (verb == "gone") {
+        tell(ModelChange::vanished, Port(ports.at(ifIndex)));
+    } else if (verb == "back" || ports.count(ifIndex) == 0) {
+        tell(ModelChange::appeared, verb == "back" ? gone.at(ifIndex) : a_port(ifIndex, PortKind::port, static_cast<uint16_t>(value)));
+    } else {
+        const Port before = ports.at(ifIndex);
+        Port port = before;
+        if (verb == "native")
+            port.nativeVid = static_cast<uint16_t>(value);
+        else if (verb == "member")
+            port.aggregate = value;
+        else if (verb == "stp")
+            port.stp = StpState::blocking;
+        tell(ModelChange::changed, port, &before);
+    }
+}
+
+// The daemon's records by their names, as it keeps them between two requests.
+std::map<std::string, QorUserRecord> records;
+
+// The record of 10.0.10.5 (v6: 2001:db8::5) on port `ifIndex`, filled in by its check items.
+void fill(QorUserRecord &record, uint32_t items, uint32_t ifIndex, const std::string &words)
+{
+    const bool v6 = words.find("v6") != std::string::npos;
+    const uint32_t handle = record.ipsgHwId, daiHandle = record.daiHwId;
+    record = {};
+    record.ipsgHwId = handle;
+    record.daiHwId = daiHandle;
+    record.ipType = v6 ? DHCPSNOOP_IPV6 : DHCPSNOOP_IPV4;
+    record.ruleFlags = words.find("dai") != std::string::npos ? DHCPSNOOP_HW_DAI : words.find("unstarted") != std::string::npos ? 0
+                                                                                                                                : DHCPSNOOP_HW_IPSG;
+    if ((items & GUARD_CHECK_MAC) != 0) {
+        memcpy(record.mac, "\2\0\0\0\0\5", 6);
+        record.macValid = 0x30;
+    }
+    if ((items & GUARD_CHECK_VLAN) != 0)
+        record.vid = record.origVid = 10;
+    if ((items & GUARD_CHECK_PORT) != 0)
+        record.ifIndex = ifIndex;
+    if ((items & GUARD_CHECK_ADDRESS) != 0) {
+        const Bytes address = v6 ? hex_bytes("20010db8000000000000000000000005") : hex_bytes("0a000a05");
+        memcpy(record.addr, address.data(), address.size());
+        record.addrKind = v6 ? 0x80 : 0x20;
+    }
+}
+
+// One step: "start", a move of the model, "on 3 4" and "off 3 4" (the daemon's trap of a family), "add a 3 f0" and "delete a 3"
+// (a record and its port; with "v6", "dai" or "unstarted" behind it), "hold 1", "release 1", "hold-all", "full 2". Gives
+// what the classifier was asked and what was said, then the result if it is not 0.
+std::string play(const std::string &step)
+{
+    std::istringstream words(step);
+    std::string verb, name;
+    uint32_t ifIndex = 0, value = 0;
+    words >> verb;
+    recorder.journal.clear();
+    int result = 0;
+    if (verb == "add" || verb == "delete") {
+        words >> name >> ifIndex >> std::hex >> value;
+        if (verb == "add")
+            fill(records[name], value, ifIndex, step);
+        const QorIfRequest request = {verb == "add" ? QOR_USER_ADD : QOR_USER_DELETE, &records[name], {0, 0}};
+        result = binding_set(ifIndex, &request);
+        return recorder.journal + (result != 0 ? "; " + std::to_string(result) : "");
+    }
+    words >> ifIndex >> value;
+    if (verb == "start") {
+        watchers.clear();
+        records.clear();
+        // Ports 3 and 4 (4 in the aggregate 5), VLAN interface 10 of VLAN 100.
+        ports = {{3, a_port(3, PortKind::port, 1)}, {4, a_port(4, PortKind::port, 1, 5)}, {5, a_port(5, PortKind::aggregate, 7)}, {10, a_port(10, PortKind::vlanInterface, 100)}};
+        result = trap_start(2);
+    } else if (verb == "on" || verb == "off") {
+        result = trap_set(ifIndex, static_cast<int>(value), verb == "on");
+    } else if (verb == "hold" || verb == "release") {
+        bindings_hold(static_cast<Hold>(ifIndex), verb == "hold");
+    } else if (verb == "hold-all") {
+        bindings_hold_all();
+    } else if (verb == "full") {
+        recorder.full = static_cast<int>(ifIndex);
+    } else {
+        move(verb, ifIndex, value);
+    }
+    return recorder.journal + (result != 0 ? "; " + std::to_string(result) : "");
+}
+
+struct Step {
+    const char *claim, *step;
+    std::string outcome;
+};
+
+void check(std::span<const Step> steps)
+{
+    recorder = {};
+    for (const Step &row : steps)
+        EXPECT_EQ(play(row.step), row.outcome) << row.claim;
+}
+
+#define FULL "1 f0 3/10 020000000005 0a000a05"
+#define ADDRESS "1 80 0/0 000000000000 0a000a05"
+#define NO_ROOM "\"no room for another binding in the guard: its host stays cut off where it is guarded\""
+const std::string START = "open 4, add 3 1, remove 4, add 5 7, remove 10, complete";
+
+TEST(TrapRules, Steps)
+{
+    const Step STEPS[] = {
+        {"on ports that receive themselves", "start", START},
+        {"a new port", "native 6 9", "add 6 9"},
+        {"nothing of its concern", "stp 6", ""},
+        {"another native VLAN", "native 6 20", "add 6 20"},
+        {"into an aggregate", "member 6 5", "remove 6"},
+        {"out of it", "member 6 0", "add 6 20"},
+        {"gone", "gone 6", "remove 6"},
+        {"a port's rule is its own", "on 3 4", "port 3 4 on"},
+        {"an aggregate's too", "on 5 6", "port 5 6 on"},
+        {"the other family", "on 3 6", "port 3 6 on"},
+        {"taken back", "off 3 4", "port 3 4 off"},
+        {"a member of an aggregate", "on 4 4", "port 4 4 on; 19"},
+        {"an absent port", "on 99 4", "port 99 4 on; 19"},
+        {"an absent port is off", "off 99 4", "port 99 4 off"},
+        {"a VLAN interface's is its VLAN's", "on 10 6", "vlan 100 6 on"},
+        {"of each family", "on 10 4", "vlan 100 4 on"},
+        {"", "off 10 6", "vlan 100 6 off"},
+        // The daemon hears nothing of a port that leaves a bridge and comes back: its rule must be there again.
+        {"a port goes", "gone 3", "remove 3"},
+        {"and comes back", "back 3", "add 3 1, port 3 6 on"},
+        {"and goes", "gone 3", "remove 3"},
+        {"its rule is taken back while it is away", "off 3 6", "port 3 6 off"},
+        {"and it comes back without", "back 3", "add 3 1"},
+        // The device may go before the daemon takes its rule back: the VLAN must not stay cut off.
+        {"a VLAN interface goes", "gone 10", "remove 10, vlan 100 4 off, vlan 100 6 off"},
+        {"and comes back", "back 10", "remove 10, vlan 100 4 on"},
+        {"and goes", "gone 10", "remove 10, vlan 100 4 off, vlan 100 6 off"},
+        {"its rule is taken back while it is away", "off 10 4", "port 10 4 off"},
+        {"and it comes back without", "back 10", "remove 10"},
+        {"", "on 10 4", "vlan 100 4 on"},
+        {"", "off 10 4", "vlan 100 4 off"},
+        {"", "off 5 6", "port 5 6 off"},
+        // A host with a binding would lose its packets between the coming of the port and of the binding.
+        {"a port with a binding", "add a 3 f0", "+" FULL},
+        {"goes", "gone 3", "remove 3, -" FULL},
+        {"and comes back", "back 3", "+" FULL ", add 3 1"},
+    };
+    check(STEPS);
+    recorder.addResult = EBUSY;
+    EXPECT_EQ(play("native 6 9"), "add 6 9, \"swp6: no DHCP trap can be had on it: Device or resource busy\"");
+    recorder.addResult = ENODEV;
+    EXPECT_EQ(play("native 6 8"), "add 6 8") << "gone again already";
+    recorder = {.possible = false};
+    EXPECT_NE(play("start").find("open 4, \"no DHCP trap can be had here"), std::string::npos) << "the daemon runs all the same";
+    EXPECT_TRUE(watchers.empty());
+    recorder = {.alone = false};
+    EXPECT_EQ(play("start"), "\"another daemon runs in this network namespace\"; " + std::to_string(EBUSY));
+}
+
+TEST(BindingRules, Steps)
+{
+    const Step STEPS[] = {
+        {"", "start", START},
+        // the record names the check items by giving their values
+        {"all items", "add a 3 f0", "+" FULL},
+        {"", "delete a 3", "-" FULL},
+        {"the address alone", "add a 3 80", "+" ADDRESS},
+        {"", "delete a 3", "-" ADDRESS},
+        {"the MAC alone", "add a 3 40", "+1 40 0/0 020000000005 00000000"},
+        {"", "delete a 3", "-1 40 0/0 020000000005 00000000"},
+        {"the VLAN alone", "add a 3 20", "+1 20 0/10 000000000000 00000000"},
+        {"", "delete a 3", "-1 20 0/10 000000000000 00000000"},
+        {"the port alone", "add a 3 10", "+1 10 3/0 000000000000 00000000"},
+        {"", "delete a 3", "-1 10 3/0 000000000000 00000000"},
+        {"IPv6", "add a 3 f0 v6", "+2 f0 3/10 020000000005 20010db8000000000000000000000005"},
+        {"", "delete a 3", "-2 f0 3/10 020000000005 20010db8000000000000000000000005"},
+        {"ARP inspection", "add a 3 f0 dai", "+3 f0 3/10 020000000005 0a000a05"},
+        {"", "delete a 3", "-3 f0 3/10 020000000005 0a000a05"},
+        {"ARP inspection not started", "add a 3 f0 unstarted", "+3 f0 3/10 020000000005 0a000a05"},
+        {"given again: found by its content", "add again 3 f0 unstarted", ""},
+        {"", "delete a 3", "-3 f0 3/10 020000000005 0a000a05"},
+        {"no ARP for IPv6", "add a 3 f0 v6 dai", ""},
+        {"a static binding of a VLAN interface", "add a 10 d0", "+1 e0 0/100 020000000005 0a000a05"},
+        {"", "delete a 10", "-1 e0 0/100 020000000005 0a000a05"},
+        {"of no port", "add a 0 e0", "+1 e0 0/10 020000000005 0a000a05"},
+        {"", "delete a 0", "-1 e0 0/10 020000000005 0a000a05"},
+        {"a member of an aggregate is not guarded itself", "add a 4 f0", ""},
+        {"an absent port", "add a 99 f0", "; 19"},
+        // handles
+        {"two bindings of one content", "add b 3 10", "+1 10 3/0 000000000000 00000000"},
+        {"are two rules", "add c 3 10", "+1 10 3/0 000000000000 00000000"},
+        {"a record that was never added", "delete never 3", ""},
+        {"withdrawn for another port, with the handle of this port", "delete b 5", ""},
+        {"one of them", "delete b 3", "-1 10 3/0 000000000000 00000000"},
+        {"a spent handle", "delete b 3", ""},
+        {"the place is given to another", "add d 3 f0", "+" FULL},
+        {"a spent handle of that place", "delete b 3", ""},
+        {"the other one", "delete c 3", "-1 10 3/0 000000000000 00000000"},
+        {"unchanged", "add d 3 f0", ""},
+        {"with other items, without a gap", "add d 3 80", "+" ADDRESS ", -" FULL},
+        {"and back", "add d 3 f0", "+" FULL ", -" ADDRESS},
+        // ports
+        {"into an aggregate", "member 3 5", "remove 3, -" FULL},
+        {"withdrawn meanwhile", "delete d 3", ""},
+        {"out of it", "member 3 0", "add 3 1"},
+        // holds: 1 while check items change, 2 while a role is taken over
+        {"", "add kept 3 f0", "+" FULL},
+        {"", "add lost 3 80", "+" ADDRESS},
+        {"all in force", "hold-all", ""},
+        {"", "add kept 3 f0", ""},
+        {"check items change meanwhile", "hold 1", ""},
+        {"", "release 1", ""},
+        {"only rules that were given again stay", "release 2", "-" ADDRESS},
+        {"", "hold-all", ""},
+        {"a port goes meanwhile", "gone 3", "remove 3, -" FULL},
+        {"its rules may be no more", "back 3", "add 3 1"},
+        {"", "add kept 3 f0", "+" FULL},
+        {"", "release 2", ""},
+        {"", "hold 1", ""},
+        {"", "delete kept 3", ""},
+        {"beside the old rule, by which the port still goes", "add kept 3 80", "+" ADDRESS},
+        {"a role is taken over meanwhile", "hold-all", ""},
+        {"", "release 2", ""},
+        {"", "add kept 3 80", ""},
+        {"", "release 1", "-" FULL},
+        {"", "hold 1", ""},
+        {"", "full 1", ""},
+        {"held rules make room, and the replaced one too", "add kept 3 f0", "+" FULL ", -" ADDRESS ", +" FULL},
+        {"", "release 1", ""},
+        // no room
+        {"", "full 2", ""},
+        {"said once", "add kept 3 80", "+" ADDRESS ", " NO_ROOM "; 28"},
+        {"", "add kept 3 80", "+" ADDRESS "; 28"},
+        {"the old rule and its handle stay", "delete kept 3", "-" FULL},
+        {"four rules of two bindings", "add a 3 10", "+1 10 3/0 000000000000 00000000"},
+        {"", "add b 3 10", "+1 10 3/0 000000000000 00000000"},
+        {"", "add c 3 10", "+1 10 3/0 000000000000 00000000"},
+        {"", "add d 3 10", "+1 10 3/0 000000000000 00000000"},
+        {"a fifth", "add e 3 80", "+" ADDRESS ", -" ADDRESS "; 28"},
+        {"", "gone 3", "remove 3, -1 10 3/0 000000000000 00000000, -1 10 3/0 000000000000 00000000, -1 10 3/0 000000000000 00000000, -1 10 3/0 000000000000 00000000"},
+        {"", "full 1", ""},
+        {"refused on the way back", "back 3", "+1 10 3/0 000000000000 00000000, +1 10 3/0 000000000000 00000000, +1 10 3/0 000000000000 00000000, +1 10 3/0 000000000000 00000000, "
+                                              "\"swp3: 1 of its bindings cannot be installed again\", add 3 1, +1 10 3/0 000000000000 00000000"},
+    };
+    check(STEPS);
+    QorUserRecord record = {};
+    QorIfRequest wrong = {305, &record, {0, 0}};
+    EXPECT_EQ(binding_set(3, &wrong), EINVAL);
+    wrong = {QOR_USER_ADD, nullptr, {0, 0}};
+    EXPECT_EQ(binding_set(3, &wrong), EINVAL);
+    EXPECT_EQ(binding_set(3, nullptr), EINVAL);
+}
+
+// The daemon installs bindings that no server has acknowledged too. The guard takes them from management only.
+TEST(BindingRules, OfAddressesThatWereOnlyAskedFor)
+{
+    static std::string taken;
+    constexpr uint32_t HOST = ip4(10, 0, 0, 50);
+    const struct {
+        const char *claim, *steps, *taken; // in the last step, a letter for each record that the daemon gives: yes or no
+    } rows[] = {
+        {"asked for", "asked install", "nn"},
+        {"bound", "bound install", "yy"},
+        {"static", "static install", "yy"},
+        {"bound by management", "asked bind", "yy"},
+        {"management binds an address that is not there, then it is asked for", "bind asked install", "nn"},
+        {"management binds on a standby unit, then it is asked for anew", "standby asked bind master asked install", "nn"},
+        {"by its MAC alone a binding cannot be told", "asked install-mac", "yy"},
+    };
+    for (const auto &row : rows) {
+        world.reset();
+        world.access(1, 10);
+        gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
+        gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
+        world.recording = false;
+        world.sent = [](Did, const uint8_t *bytes, size_t count, uint32_t) {
+            QorUserRecord record;
+            if (count == sizeof record) {
+                memcpy(&record, bytes, count);
+                taken += is_only_asked_for(record) ? 'n' : 'y';
+            }
+        };
+        std::istringstream steps(row.steps);
+        for (std::string step; steps >> step;) {
+            taken.clear();
+            DhcpsnoopUser *user = binding(HOST);
+            uint32_t action = USER_ACTION_BIND;
+            const DhcpsnoopUserKey key = key4(HOST);
+            if (step == "bind")
+                dhcpSnoopUserSetApi(&key, USER_ACTION, &action);
+            else if (step == "standby" || step == "master")
+                world.role(step == "standby" ? DHCPSNOOP_ROLE_SLAVE : DHCPSNOOP_ROLE_MASTER);
+            else if (step == "install" || step == "install-mac") {
+                world.ipsg[1].items = world.dai[1].items = step == "install" ? GUARD_CHECK_ALL : GUARD_CHECK_MAC;
+                dhcpsnoop_user_update_hw(user, 1);
+            } else {
+                dhcpsnoop_user_delete(user);
+                user = make_binding(HOST, MAC_CLIENT, 1, 10);
+                user->userType = step == "static" ? DHCPSNOOP_USER_STATIC : DHCPSNOOP_USER_DYNAMIC;
+                user->bindState = step == "asked" ? DHCPSNOOP_BIND_REQUESTED : DHCPSNOOP_BIND_BOUND;
+            }
+        }
+        EXPECT_EQ(taken, row.taken) << row.claim;
+        world.recording = true;
+        world.sent = nullptr;
+    }
+}
+
+} // namespace
