@@ -7,7 +7,7 @@
 
 #include "dhcp6snoop_msg.h"
 #include "dhcpsnoop_if.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_if_table.h"
 #include "dhcpsnoop_msg.h"
 #include "dhcpsnoop_user.h"
 #include "frame.h"

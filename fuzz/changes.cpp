@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "dhcpsnoop_format.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_timer.h"
 #include "event_message.h"
 #include "pools.h"
 #include "world.h"

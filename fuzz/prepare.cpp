@@ -6,8 +6,7 @@
 #include <cstring>
 #include <malloc.h>
 
-#include "dhcpsnoop_if.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_if_table.h"
 #include "dhcpsnoop_msg.h"
 #include "dhcpsnoop_nm.h"
 #include "dhcpsnoop_user.h"

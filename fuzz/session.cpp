@@ -12,9 +12,11 @@
 #include <sanitizer/asan_interface.h>
 
 #include "changes.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_cmd.h"
+#include "dhcpsnoop_event.h"
 #include "dhcpsnoop_msg.h"
 #include "dhcpsnoop_sync.h"
+#include "dhcpsnoop_timer.h"
 #include "events.h"
 #include "fault.h"
 #include "frames.h"

@@ -10,9 +10,17 @@
 #include "frame.h"
 #include "world.h"
 
+#include "dhcpsnoop_cmd.h"
+#include "dhcpsnoop_event.h"
 #include "dhcpsnoop_if.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_if_table.h"
+#include "dhcpsnoop_loop.h"
 #include "dhcpsnoop_msg.h"
+#include "dhcpsnoop_notify.h"
+#include "dhcpsnoop_server.h"
+#include "dhcpsnoop_start.h"
+#include "dhcpsnoop_state.h"
+#include "dhcpsnoop_timer.h"
 #include "dhcpsnoop_user.h"
 #include "list.h"
 

@@ -1,6 +1,6 @@
 #include "request.h"
 
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_cmd.h"
 
 namespace
 {

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "ctl_run.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_cmd.h"
 #include "world.h"
 
 namespace

@@ -11,7 +11,7 @@
 #include <linux/if_packet.h>
 #include <sys/socket.h>
 
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_start.h"
 #include "dhcpsnoop_user.h"
 
 World world;

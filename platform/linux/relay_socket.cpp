@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_start.h"
 #include "logging.h"
 #include "protocol.h"
 

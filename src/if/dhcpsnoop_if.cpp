@@ -1,5 +1,5 @@
-// The table of interfaces with snooping switched on: the entries, their traps in hardware, and what switching
-// them on, off or over to another IP version does to the bindings behind them.
+// Snooping switched on, off or over to another IP version on an interface: its entry, its traps in hardware
+// and the bindings of its clients.
 #include "dhcpsnoop_if.h"
 
 #include <cstdio>
@@ -7,8 +7,8 @@
 #include <initializer_list>
 
 #include "debug.h"
+#include "dhcpsnoop_if_table.h"
 #include "dhcpsnoop_user.h"
-#include "list.h"
 #include "management.h"
 
 // qorIfGetApi: what it asks for.
@@ -23,52 +23,6 @@ static constexpr uint32_t POLICY_DEFAULT = 2;
 
 // Operations of dhcpsnoop_user_process_on_interface.
 static constexpr uint32_t WITHDRAW = 0, INSTALL = 1, WITHDRAW_AND_DELETE = 2;
-
-DhcpsnoopIf *dhcpsnoop_if_lookup(uint32_t ifIndex)
-{
-    for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        if (ifp->ifIndex == ifIndex)
-            return ifp;
-    }
-    return nullptr;
-}
-
-DhcpsnoopIf *dhcpsnoop_if_lookup_by_vid(uint32_t vid)
-{
-    for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        if (ifp->isVlanIf == 1 && dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID) == (vid & 0xFFFF))
-            return ifp;
-    }
-    return nullptr;
-}
-
-DhcpsnoopIf *dhcpsnoop_if_add(uint32_t ifIndex)
-{
-    DhcpsnoopIf *added = list_take<DhcpsnoopIf>(&gDhcpsnoop.ifFreeList);
-    if (added == nullptr) {
-        DEBUG_TRACE("[DHCPSNOOP] Failed to allocate memory for interface %ld.\r\n",
-                    static_cast<long>(ifIndex));
-        return nullptr;
-    }
-    added->ifIndex = ifIndex;
-
-    DhcpsnoopLink *after = &gDhcpsnoop.ifList;
-    for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        if (ifp->ifIndex > ifIndex)
-            break;
-        after = ifp;
-    }
-    list_insert_after(after, added);
-    return added;
-}
-
-void dhcpsnoop_if_delete(DhcpsnoopIf *ifp)
-{
-    if (ifp == nullptr || !list_linked(ifp))
-        return;
-    list_unlink(ifp);
-    list_insert_after(&gDhcpsnoop.ifFreeList, ifp);
-}
 
 static int32_t trap(uint32_t ifIndex, uint32_t command, uint32_t protocol)
 {

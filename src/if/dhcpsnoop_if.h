@@ -1,12 +1,7 @@
-// The table of interfaces with snooping switched on.
+// Snooping on an interface. Its entries are found in dhcpsnoop_if_table.h.
 #pragma once
 
 #include "dhcpsnoop.h"
-
-DhcpsnoopIf *dhcpsnoop_if_lookup(uint32_t ifIndex);
-DhcpsnoopIf *dhcpsnoop_if_lookup_by_vid(uint32_t vid); // the VLAN interface of that VLAN (low 16 bits)
-DhcpsnoopIf *dhcpsnoop_if_add(uint32_t ifIndex);       // zeroed and in its place; null when none is free
-void dhcpsnoop_if_delete(DhcpsnoopIf *ifp);            // null is ignored
 
 // 0, 12 when no entry is free, or the error of the hardware trap.
 uint32_t dhcpsnoop_if_enable(uint32_t ifIndex);

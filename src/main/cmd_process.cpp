@@ -1,7 +1,7 @@
 // One management request: decoded, executed by the entry point of its function, and rewritten in place as the
 // reply of the same length with the result word and, for a read, the data item overwritten. Nothing outside
 // the request is read or written, whatever it claims about itself.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_cmd.h"
 
 #include <cstdio>
 #include <iterator>

@@ -2,7 +2,7 @@
 // connection closed. A client that is slow is waited for, but not for ever; one that asks for more than a
 // request can be gets no answer. The length that frames a request and a reply is in host order; what stands
 // in them is cmd_process's business.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_cmd.h"
 
 #include <cstdio>
 

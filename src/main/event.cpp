@@ -1,16 +1,14 @@
 // Platform events: a datagram of netlink messages is walked, each message handed to the handler of its type;
 // links and aggregates are followed here. Malformed messages end the walk silently, unknown ones are reported
 // and passed over.
-#include "dhcpsnoop_main.h"
-
-#include <algorithm>
+#include "dhcpsnoop_event.h"
 
 #include "debug.h"
 #include "dhcpsnoop_if.h"
+#include "dhcpsnoop_if_table.h"
 #include "dhcpsnoop_user.h"
-#include "event.h"
+#include "event_handlers.h"
 
-static constexpr uint32_t LENGTH = 0, TYPE = 4;
 static constexpr uint32_t LINK_IFINDEX = 20, LINK_ATTRIBUTES = 32;
 static constexpr int32_t LINK_HEADER_LEN = 16; // between the message's header and its attributes
 
@@ -28,12 +26,6 @@ static constexpr uint32_t IF_ATTR_NESTED = 65536285, NESTED_MEMBERS = 65536223;
 static constexpr uint32_t TRUNK_WITHDRAW = 0, TRUNK_INSTALL = 1;
 
 static uint32_t align4(uint32_t length) { return (length + 3) & ~3u; }
-
-int32_t event_payload_length(const uint8_t *message, int32_t length)
-{
-    const auto whole = static_cast<int64_t>(event_get32(message + LENGTH));
-    return static_cast<int32_t>(std::min<int64_t>(length, whole - EVENT_HEADER_LEN));
-}
 
 // The platform is asked first; what it answers stops the work only when it leaves another count than 0 or 1.
 static bool members_follow(uint32_t aggregate)
@@ -109,21 +101,16 @@ void dhcpsnoop_dellink_process(uint8_t *message, int32_t length)
     dhcpsnoop_if_disable(ifp);
 }
 
-static int32_t payload_length(const Event &event)
-{
-    return static_cast<int32_t>(event.length - EVENT_HEADER_LEN);
-}
-
 static void event_new_link(const Event &event)
 {
     DEBUG_EVENT("[DHCPSNOOP] Receive RTM_NEWLINK message.\r\n");
-    dhcpsnoop_newlink_process(event.message, payload_length(event));
+    dhcpsnoop_newlink_process(event.message, event_payload_length(event));
 }
 
 static void event_del_link(const Event &event)
 {
     DEBUG_EVENT("[DHCPSNOOP] Receive RTM_DELLINK message.\r\n");
-    dhcpsnoop_dellink_process(event.message, payload_length(event));
+    dhcpsnoop_dellink_process(event.message, event_payload_length(event));
 }
 
 struct EventType {
@@ -148,7 +135,7 @@ static constexpr EventType EVENT_TYPES[] = {
 
 static void event_dispatch(const Event &event)
 {
-    const uint16_t type = event_get16(event.message + TYPE);
+    const uint16_t type = event_get16(event.message + EVENT_TYPE);
     for (const EventType &known : EVENT_TYPES) {
         if (known.type == type) {
             known.handle(event);
@@ -163,7 +150,7 @@ int32_t dhcpsnoop_notify_recv(uint8_t *buffer, int32_t length)
     uint8_t *message = buffer;
     int32_t left = length;
     while (left >= static_cast<int32_t>(EVENT_HEADER_LEN)) {
-        const uint32_t messageLength = event_get32(message + LENGTH);
+        const uint32_t messageLength = event_get32(message + EVENT_LENGTH);
         if (messageLength < EVENT_HEADER_LEN || messageLength > static_cast<uint32_t>(left))
             return 0;
         // Kept: never negative, as the loop's condition has it.

@@ -1,13 +1,13 @@
 // Cards, slots and subsystems that come and go: a unit that came up gets a full copy of the tables, the
 // static bindings of a card are installed again, the dynamic ones of a card that is gone are deleted. Kept:
 // the words that say which one are the first of the received datagram, not the message's payload.
-#include "dhcpsnoop_main.h"
+#include "event_handlers.h"
 
 #include "debug.h"
 #include "dhcpsnoop_sync.h"
 #include "dhcpsnoop_user.h"
-#include "event.h"
 #include "list.h"
+#include "platform.h"
 
 // qorHwScalarGet.
 static constexpr uint32_t SCALAR_NOT_MASTER = 53, SCALAR_NOT_SLAVE = 54, SCALAR_STACK = 45;

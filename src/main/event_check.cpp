@@ -1,11 +1,11 @@
 // Changes of the check items of IP source guard and ARP inspection, ARP inspection's start and stop, and the
 // request to announce users again. A refusal by the hardware leaves a binding's marks as they were; the next
 // event tries again.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_event.h"
 
 #include "debug.h"
 #include "dhcpsnoop_user.h"
-#include "event.h"
+#include "event_handlers.h"
 #include "list.h"
 
 // qorIfGetApi: VLAN of a VLAN interface; not answered for anything else.
@@ -122,26 +122,21 @@ void dhcpsnoop_daichangeitem_process(uint8_t *message, int32_t length)
     change_apply(change, DHCPSNOOP_FEATURE_DAI);
 }
 
-static int32_t payload_length(const Event &event)
-{
-    return static_cast<int32_t>(event.length - EVENT_HEADER_LEN);
-}
-
 void event_ipsg_change(const Event &event)
 {
-    dhcpsnoop_ipsgchangeitem_process(event.message, payload_length(event));
+    dhcpsnoop_ipsgchangeitem_process(event.message, event_payload_length(event));
 }
 
 void event_dai_change(const Event &event)
 {
     DEBUG_EVENT("[DHCPSNOOP] Receive RTM_ANTIARP_DAICHANGEDCHECKITEM message.\r\n");
-    dhcpsnoop_daichangeitem_process(event.message, payload_length(event));
+    dhcpsnoop_daichangeitem_process(event.message, event_payload_length(event));
 }
 
 void event_dai_start(const Event &event)
 {
     DEBUG_EVENT("[DHCPSNOOP] Receive RTM_SYSTEM_DAISTART message.\r\n");
-    if (payload_length(event) < CHECK_LEN)
+    if (event_payload_length(event) < CHECK_LEN)
         return;
     const uint32_t ifIndex = event_get32(event.message + BODY_WORD);
     const uint8_t items = event.message[BODY_ITEMS];

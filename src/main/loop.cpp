@@ -1,7 +1,7 @@
 // The loop: one select over the four sockets, the lease scan, then at most one unit of work from each source
 // in turn. A frame is received into a fixed buffer, attributed to an interface with snooping, and handed on;
 // nothing is queued, retried or allocated, and no error ends the loop.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_loop.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -13,9 +13,12 @@
 #include <sys/uio.h>
 
 #include "debug.h"
-#include "dhcpsnoop_if.h"
+#include "dhcpsnoop_cmd.h"
+#include "dhcpsnoop_event.h"
+#include "dhcpsnoop_if_table.h"
 #include "dhcpsnoop_msg.h"
 #include "dhcpsnoop_sync.h"
+#include "dhcpsnoop_timer.h"
 #include "protocol.h"
 #include "wire.h"
 

@@ -1,11 +1,11 @@
 // The program: up to five numbers on the command line, start-up, and the loop.
-#include "dhcpsnoop_main.h"
-
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
 
-#include "dhcpsnoop.h"
+#include "dhcpsnoop_loop.h"
+#include "dhcpsnoop_start.h"
+#include "platform.h"
 
 // A missing argument, or one without digits, is 0; one out of range is taken at the range's end.
 static int32_t number_argument(int argc, char **argv, int index)

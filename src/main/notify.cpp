@@ -1,5 +1,5 @@
 // Events about bindings, published to other features of the platform.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_notify.h"
 
 #include <cstring>
 

@@ -1,5 +1,5 @@
 // The DHCP servers that were heard answering, newest first. When the pool is used up, the newest makes room.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_server.h"
 
 #include "dhcpsnoop_sync.h"
 #include "list.h"

@@ -1,6 +1,6 @@
 // Start-up and shutdown: arguments' meaning, pools, defaults and the four sockets that the loop serves.
 // Any failure releases everything made before it. Nothing is opened later.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_start.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "debug.h"
+#include "dhcpsnoop_state.h"
 #include "list.h"
 #include "management.h"
 #include "protocol.h"

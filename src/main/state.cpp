@@ -1,6 +1,6 @@
 // The global state record, the pools its tables draw from, and the place of the lock.
 // All memory of the daemon is allocated here, once, at start-up.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_state.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 // The lease scan: at most once a minute, dynamic bindings whose lease has run out and clients that waited too
 // long for a reply are removed. Static and IP source guard bindings never expire.
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_timer.h"
 
 #include <ctime>
 

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "debug.h"
-#include "frame.h"
+#include "frame_edit.h"
 #include "protocol.h"
 #include "wire.h"
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "frame.h"
+#include "frame_edit.h"
 #include "protocol.h"
 #include "wire.h"
 

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "debug.h"
-#include "dhcpsnoop_if.h"
+#include "dhcpsnoop_if_table.h"
 #include "dhcpsnoop_user.h"
 #include "protocol.h"
 #include "wire.h"

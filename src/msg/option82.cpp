@@ -8,7 +8,7 @@
 
 #include "debug.h"
 #include "dhcpsnoop_format.h"
-#include "frame.h"
+#include "frame_edit.h"
 #include "protocol.h"
 #include "wire.h"
 

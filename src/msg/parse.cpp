@@ -8,7 +8,7 @@
 
 #include "debug.h"
 #include "dhcp6snoop_msg.h"
-#include "frame.h"
+#include "frame_edit.h"
 #include "protocol.h"
 #include "wire.h"
 

@@ -5,10 +5,10 @@
 #include <cstring>
 
 #include "debug.h"
-#include "dhcpsnoop_if.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_if_table.h"
+#include "dhcpsnoop_server.h"
 #include "dhcpsnoop_user.h"
-#include "frame.h"
+#include "frame_edit.h"
 #include "list.h"
 #include "protocol.h"
 #include "wire.h"

@@ -7,7 +7,7 @@
 
 #include "debug.h"
 #include "dhcpsnoop_msg.h"
-#include "frame.h"
+#include "frame_edit.h"
 #include "protocol.h"
 #include "wire.h"
 

@@ -7,11 +7,11 @@
 #include <cstring>
 
 #include "debug.h"
-#include "dhcpsnoop_if.h"
+#include "dhcpsnoop_if_table.h"
 #include "dhcpsnoop_msg.h"
 #include "dhcpsnoop_sync.h"
 #include "dhcpsnoop_user.h"
-#include "frame.h"
+#include "frame_edit.h"
 #include "list.h"
 #include "protocol.h"
 #include "wire.h"

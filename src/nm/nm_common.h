@@ -2,8 +2,8 @@
 // for messages.
 #pragma once
 
-#include "dhcpsnoop_main.h"
 #include "dhcpsnoop_nm.h"
+#include "dhcpsnoop_state.h"
 
 // Held for a whole walk or change, platform calls included.
 class TableLock

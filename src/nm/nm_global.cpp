@@ -5,6 +5,7 @@
 
 #include "debug.h"
 #include "dhcpsnoop_if.h"
+#include "dhcpsnoop_server.h"
 #include "dhcpsnoop_sync.h"
 #include "dhcpsnoop_user.h"
 #include "list.h"

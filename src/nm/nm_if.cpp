@@ -9,6 +9,7 @@
 
 #include "debug.h"
 #include "dhcpsnoop_if.h"
+#include "dhcpsnoop_if_table.h"
 #include "list.h"
 
 static constexpr uint32_t IF_SYNC = 0x402C000; // qorHwIfSync code of an interface setting, plus its number

@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "debug.h"
-#include "dhcpsnoop_if.h"
+#include "dhcpsnoop_if_table.h"
 #include "list.h"
 
 // The slot that holds the address, null when none does. A free slot holds address 0.

@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "debug.h"
-#include "dhcpsnoop_if.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_if_table.h"
+#include "dhcpsnoop_server.h"
 #include "dhcpsnoop_user.h"
 #include "sync_record.h"
 

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "debug.h"
-#include "dhcpsnoop_if.h"
-#include "dhcpsnoop_main.h"
+#include "dhcpsnoop_if_table.h"
+#include "dhcpsnoop_state.h"
 #include "dhcpsnoop_sync.h"
 #include "list.h"
 #include "wire.h"

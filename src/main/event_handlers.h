@@ -1,11 +1,14 @@
-// What the event handlers share. Events are netlink messages in host order.
+// The message of an event as its handlers read it, in host order, and the handlers of event_check.cpp and
+// event_card.cpp.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 
 #include "dhcpsnoop.h"
 
 constexpr uint32_t EVENT_HEADER_LEN = 16; // length, type, flags, sequence, port id
+constexpr uint32_t EVENT_LENGTH = 0, EVENT_TYPE = 4;
 
 // One message of a datagram. Everything read from it is bounded by `length`.
 struct Event {
@@ -29,9 +32,17 @@ inline uint16_t event_get16(const uint8_t *p)
     return value;
 }
 
-// The message's length as a handler of dhcpsnoop_main.h is told it: what follows the header. A handler called
-// with more than the header says is bounded by the header.
-int32_t event_payload_length(const uint8_t *message, int32_t length);
+inline int32_t event_payload_length(const Event &event)
+{
+    return static_cast<int32_t>(event.length - EVENT_HEADER_LEN);
+}
+
+// For a handler that is called with a message and a payload length: never more than the header says.
+inline int32_t event_payload_length(const uint8_t *message, int32_t length)
+{
+    const auto whole = static_cast<int64_t>(event_get32(message + EVENT_LENGTH));
+    return static_cast<int32_t>(std::min<int64_t>(length, whole - EVENT_HEADER_LEN));
+}
 
 void event_dai_start(const Event &event);
 void event_dai_stop(const Event &event);

@@ -1,5 +1,5 @@
 // Bounds and in-place edits of the frame being processed.
-#include "frame.h"
+#include "frame_edit.h"
 
 #include <cstring>
 
