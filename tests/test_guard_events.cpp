@@ -48,69 +48,47 @@ std::string text(const DaemonEvents &events)
     return all;
 }
 
-struct Step {
-    const char *claim;
-    GuardedInterfaces wanted;
-    const char *events; // "type index:items"
-};
-
-void play(const std::vector<Step> &steps, const std::map<uint32_t, Port> &ports = box())
-{
-    GuardEvents guard;
-    for (const Step &step : steps) {
-        DaemonEvents events;
-        guard.follow(step.wanted, ports, events);
-        EXPECT_EQ(text(events), step.events) << step.claim;
-        EXPECT_EQ(guard.told(), step.wanted) << step.claim;
-    }
-}
-
 const GuardedInterface IP = {0x80, 0, 0}, IP_MAC = {0xC0, 0, 0}, ARP = {0, 0x80, 0};
 const GuardedInterface VLAN10_IP = {0x80, 0, 10}, VLAN10_ARP = {0, 0xC0, 10}, VLAN20_IP = {0x80, 0, 20};
 
-TEST(GuardEvents, IpSourceGuard)
+TEST(GuardEvents, Steps)
 {
-    play({
+    const struct {
+        const char *claim;
+        GuardedInterfaces wanted;
+        const char *events; // "type index:items"
+        uint32_t absent = 0;
+    } steps[] = {
         {"nothing is said of nothing", {}, ""},
         {"a port", {{7, IP}}, "198 7:80"},
         {"nothing twice", {{7, IP}}, ""},
         {"other items", {{7, IP_MAC}}, "198 7:c0"},
         {"VLANs by their interfaces", {{7, IP_MAC}, {110, VLAN10_IP}, {120, VLAN20_IP}}, "198 110:80, 198 120:80"},
-        {"a port that falls back to the VLAN that it is in", {{110, VLAN10_IP}, {120, VLAN20_IP}}, "198 7:0, 198 110:80"},
+        {"a port that falls back to its VLAN", {{110, VLAN10_IP}, {120, VLAN20_IP}}, "198 7:0, 198 110:80"},
         {"a port that is in neither", {{9, IP}, {110, VLAN10_IP}, {120, VLAN20_IP}}, "198 9:80"},
         {"and goes", {{110, VLAN10_IP}, {120, VLAN20_IP}}, "198 9:0"},
         {"VLANs off", {}, "198 110:0, 198 120:0"},
-    });
-}
-
-TEST(GuardEvents, ArpInspection)
-{
-    play({
-        {"the first port starts it", {{7, ARP}}, "123 7:80"},
+        {"the first port starts ARP inspection", {{7, ARP}}, "123 7:80"},
         {"the next may have its VLAN's bindings: they are replaced", {{7, ARP}, {8, ARP}}, "199 8:80, 123 8:80"},
         {"other items", {{7, {0, 0xF0, 0}}, {8, ARP}}, "199 7:f0"},
         {"a VLAN's", {{7, {0, 0xF0, 0}}, {8, ARP}, {110, VLAN10_ARP}}, "199 110:c0"},
         {"two that fall back to one VLAN", {{110, VLAN10_ARP}}, "199 7:0, 199 8:0, 199 110:c0"},
-        {"the last stops it", {{7, IP}}, "124, 198 7:80"},
+        {"the last stops it", {{7, IP}}, "198 7:80, 124"},
         {"a VLAN first: the start alone installs on ports only", {{7, IP}, {110, VLAN10_ARP}}, "123 110:c0, 199 110:c0"},
         {"both features in one step", {{7, {0, 0x80, 0}}, {110, VLAN10_ARP}}, "198 7:0, 199 7:80, 123 7:80"},
-    });
-}
-
-TEST(GuardEvents, OfWhatHasGoneTheDaemonIsToldByItsLinkMessage)
-{
+        {"both on a port", {{7, {0x80, 0x80, 0}}}, "198 7:80, 199 110:0"},
+        {"the daemon learns from the link message that a port has gone", {}, "124", 7},
+        {"a port that is back begins anew", {{7, IP}}, "198 7:80"},
+    };
     GuardEvents guard;
-    DaemonEvents events;
-    std::map<uint32_t, Port> ports = box();
-    guard.follow({{7, {0x80, 0x80, 0}}, {8, IP}}, ports, events);
-    events.clear();
-    ports.erase(7);
-    guard.follow({{8, IP}}, ports, events);
-    EXPECT_EQ(text(events), "124");
-    events.clear();
-    ports[7] = box()[7];
-    guard.follow({{7, IP}, {8, IP}}, ports, events);
-    EXPECT_EQ(text(events), "198 7:80") << "a port that is back begins anew";
+    for (const auto &step : steps) {
+        DaemonEvents events;
+        std::map<uint32_t, Port> ports = box();
+        ports.erase(step.absent);
+        guard.follow(step.wanted, ports, events);
+        EXPECT_EQ(text(events), step.events) << step.claim;
+        EXPECT_EQ(guard.told(), step.wanted) << step.claim;
+    }
 }
 
 TEST(GuardEvents, Announcements)

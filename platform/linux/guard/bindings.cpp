@@ -56,28 +56,31 @@ bool says(const Rule &rule, uint32_t ifIndex, const guard_binding_key &key)
     return rule.ifIndex == ifIndex && memcmp(&rule.key, &key, sizeof key) == 0;
 }
 
-// A handle may be the peer unit's, which came with its binding: it is believed when the rule is one of the
-// same host on the same port. Whether that is still a port, and of which VLAN, may have changed since.
-Rule *find(uint32_t handle, uint32_t ifIndex, const guard_binding_key &key)
+// Other check items than before are the same binding's. Whether its port is a port still, and of which VLAN,
+// may have changed since.
+bool same_host(const Rule &rule, uint32_t ifIndex, const guard_binding_key &key)
+{
+    const uint8_t both = rule.key.mask & key.mask;
+    return rule.ifIndex == ifIndex && rule.key.kind == key.kind &&
+           (!(both & GUARD_CHECK_MAC) || memcmp(rule.key.mac, key.mac, sizeof key.mac) == 0) &&
+           (!(both & GUARD_CHECK_ADDRESS) || memcmp(rule.key.addr, key.addr, sizeof key.addr) == 0);
+}
+
+// Null for a spent handle, and for another host's: the handle may be the peer unit's, which came with its
+// binding.
+Rule *find_handle(uint32_t handle, uint32_t ifIndex, const guard_binding_key &key)
 {
     const uint32_t place = (handle & PLACE_MASK) - 1;
     if (handle == 0 || place >= rules.size() || rules[place].handle != handle)
         return nullptr;
-    Rule &rule = rules[place];
-    const uint8_t both = rule.key.mask & key.mask; // other items than before are the same binding's
-    const bool same =
-        rule.ifIndex == ifIndex && rule.key.kind == key.kind &&
-        (!(both & GUARD_CHECK_MAC) || memcmp(rule.key.mac, key.mac, sizeof key.mac) == 0) &&
-        (!(both & GUARD_CHECK_ADDRESS) || memcmp(rule.key.addr, key.addr, sizeof key.addr) == 0);
-    return same ? &rule : nullptr;
+    return same_host(rules[place], ifIndex, key) ? &rules[place] : nullptr;
 }
 
-Rule *find(uint32_t ifIndex, const guard_binding_key &key)
+Rule *find_content(uint32_t ifIndex, const guard_binding_key &key)
 {
-    for (uint32_t place = chain_of(ifIndex, key); place != NONE; place = rules[place].next) {
+    for (uint32_t place = chain_of(ifIndex, key); place != NONE; place = rules[place].next)
         if (says(rules[place], ifIndex, key))
             return &rules[place];
-    }
     return nullptr;
 }
 
@@ -168,6 +171,15 @@ void remove(Rule &rule)
     give_back(rule);
 }
 
+// During a hold it stays in force, to its end or until it is given again.
+void retire(Rule &rule)
+{
+    if (holding())
+        rule.withdrawn = true;
+    else
+        remove(rule);
+}
+
 void remove_withdrawn()
 {
     for (Rule &rule : rules)
@@ -175,34 +187,38 @@ void remove_withdrawn()
             remove(rule);
 }
 
-int32_t add(uint32_t ifIndex, const guard_binding_key &key, Rule *known, uint32_t &handle)
+// The rule that is there already; its port may have come back while it was withdrawn.
+int32_t install_again(Rule &rule)
 {
-    if (known != nullptr && says(*known, ifIndex, key)) {
-        known->withdrawn = false;
-        const int error = known->installed ? 0 : guard_binding_add(key); // its port came back while it was
-        known->installed = error == 0;
-        return report_full(error);
-    }
-    // The new before the old: no packet is lost in between.
-    int error = guard_binding_add(key);
-    if (known != nullptr && holding() && (error == 0 || error == ENOSPC))
-        known->withdrawn = true;
-    else if (error == 0 && known != nullptr)
-        remove(*known);
-    if (holding() && (error == ENOSPC || firstFree == NONE)) {
-        remove_withdrawn(); // those that are held are in the way
-        error = error == ENOSPC ? guard_binding_add(key) : error;
-    }
-    if (error != 0)
-        return report_full(error);
+    rule.withdrawn = false;
+    const int error = rule.installed ? 0 : guard_binding_add(rule.key);
+    rule.installed = error == 0;
+    return error;
+}
+
+// Gives the rule, which the classifier has, its place. ENOSPC takes it out again.
+int32_t keep(uint32_t ifIndex, const guard_binding_key &key, uint32_t &handle)
+{
     Rule *rule = take(ifIndex, key);
     if (rule == nullptr) {
         guard_binding_remove(key);
-        return report_full(ENOSPC);
+        return ENOSPC;
     }
     rule->installed = true;
     handle = rule->handle;
     return 0;
+}
+
+int32_t install(uint32_t ifIndex, const guard_binding_key &key, Rule *replaced, uint32_t &handle)
+{
+    int error = guard_binding_add(key); // the new before the old: no packet is lost in between
+    if (replaced != nullptr && (error == 0 || (error == ENOSPC && holding())))
+        retire(*replaced);
+    if (holding() && (error == ENOSPC || firstFree == NONE)) {
+        remove_withdrawn(); // the held rules are in the way
+        error = error == ENOSPC ? guard_binding_add(key) : error;
+    }
+    return error != 0 ? error : keep(ifIndex, key, handle);
 }
 
 } // namespace
@@ -261,22 +277,19 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
     if (chains.empty())
         return EOPNOTSUPP;
     auto &record = *static_cast<QorUserRecord *>(request->record);
-    // Without a flag it is for an ARP inspection that the daemon takes for stopped. It is installed all the
-    // same, as the kernel checks ARP only where it was told to: the daemon will not give it again when
-    // inspection starts. Such a record has no handle in it, so that it is found by what it says.
+    // Without a flag it is for ARP inspection, which the daemon takes for stopped. It is installed all the
+    // same: the daemon does not give it again when inspection starts. It carries no handle; look it up by
+    // content.
     const bool unnamed = (record.ruleFlags & (DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI)) == 0;
     const bool arp = (record.ruleFlags & DHCPSNOOP_HW_IPSG) == 0;
     uint32_t &handle = arp ? record.daiHwId : record.ipsgHwId;
     const Port *port = model_port(ifIndex);
     const guard_binding_key key = key_of(record, arp, port);
-    Rule *known = unnamed ? find(ifIndex, key) : find(handle, ifIndex, key);
+    Rule *known = unnamed ? find_content(ifIndex, key) : find_handle(handle, ifIndex, key);
 
     if (request->operation == QOR_USER_DELETE) {
-        // Nothing: the daemon withdraws an aggregate's binding for a port that leaves it, too.
-        if (known != nullptr && holding())
-            known->withdrawn = true;
-        else if (known != nullptr)
-            remove(*known);
+        if (known != nullptr) // else the daemon withdraws an aggregate's binding for a port that leaves it
+            retire(*known);
         return 0;
     }
     handle = known != nullptr ? known->handle : 0;
@@ -284,7 +297,8 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
         return ENODEV;
     if ((arp && record.ipType == DHCPSNOOP_IPV6) || (port != nullptr && !is_guarded_itself(*port)))
         return 0;
-    return add(ifIndex, key, known, handle);
+    const bool unchanged = known != nullptr && says(*known, ifIndex, key);
+    return report_full(unchanged ? install_again(*known) : install(ifIndex, key, known, handle));
 }
 
 } // namespace platform_linux

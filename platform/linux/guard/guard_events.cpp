@@ -3,9 +3,9 @@
 // are told once more then.
 #include "guard_events.h"
 
+#include <algorithm>
 #include <cstring>
-#include <set>
-#include <utility>
+#include <vector>
 
 #include "guard_config.h"
 
@@ -38,64 +38,89 @@ GuardedInterface at(const GuardedInterfaces &interfaces, uint32_t ifIndex)
     return found != interfaces.end() ? found->second : GuardedInterface{};
 }
 
-bool inspecting(const GuardedInterfaces &interfaces)
+// Check items of one feature, GuardedInterface::ip or ::arp.
+using Items = uint8_t GuardedInterface::*;
+
+bool anywhere(const GuardedInterfaces &interfaces, Items items)
 {
-    for (const auto &[ifIndex, guarded] : interfaces)
-        if (guarded.arp != 0)
-            return true;
-    return false;
+    return std::ranges::any_of(interfaces, [items](const auto &entry) { return entry.second.*items != 0; });
 }
 
 struct Change {
-    GuardedInterface before, now;
+    uint32_t ifIndex;
+    bool isVlan;
+    uint8_t before, now;
 };
 
+// Of ports and VLAN interfaces that are there, ascending by index.
+std::vector<Change> changes_of(Items items, const GuardedInterfaces &told, const GuardedInterfaces &wanted,
+                               const std::map<uint32_t, Port> &ports)
+{
+    std::vector<Change> changes;
+    for (const auto &[ifIndex, port] : ports) {
+        const GuardedInterface before = at(told, ifIndex), now = at(wanted, ifIndex);
+        if (before.*items != now.*items)
+            changes.push_back({ifIndex, before.vlan != 0 || now.vlan != 0, before.*items, now.*items});
+    }
+    return changes;
+}
+
+// The VLANs whose items count for a port again after its own have gone.
+void tell_fallbacks(Items items, uint16_t type, const std::vector<Change> &changes,
+                    const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
+                    DaemonEvents &events)
+{
+    const auto falls_back_to = [&](uint16_t vid) {
+        return std::ranges::any_of(changes, [&](const Change &change) {
+            const Port &port = ports.at(change.ifIndex);
+            return change.now == 0 && port.kind != PortKind::vlanInterface && port.members[vid];
+        });
+    };
+    for (const auto &[vlanIndex, guarded] : wanted)
+        if (guarded.vlan != 0 && guarded.*items != 0 && falls_back_to(guarded.vlan))
+            tell(events, type, vlanIndex, guarded.*items);
+}
+
 } // namespace
+
+void GuardEvents::follow_ip(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
+                            DaemonEvents &events) const
+{
+    const std::vector<Change> changes = changes_of(&GuardedInterface::ip, told_, wanted, ports);
+    for (const Change &change : changes)
+        tell(events, EVENT_IP_ITEMS, change.ifIndex, change.now);
+    tell_fallbacks(&GuardedInterface::ip, EVENT_IP_ITEMS, changes, wanted, ports, events);
+}
+
+void GuardEvents::follow_arp(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
+                             DaemonEvents &events) const
+{
+    bool started = anywhere(told_, &GuardedInterface::arp);
+    if (started && !anywhere(wanted, &GuardedInterface::arp)) {
+        tell(events, EVENT_ARP_STOP);
+        return;
+    }
+    const std::vector<Change> changes = changes_of(&GuardedInterface::arp, told_, wanted, ports);
+    for (const Change &change : changes) {
+        const bool switchedOn = change.before == 0;
+        // The start installs bindings that are not installed, on ports only. Items that change replace those
+        // that are.
+        if (switchedOn && !change.isVlan && started)
+            tell(events, EVENT_ARP_ITEMS, change.ifIndex, change.now);
+        if (switchedOn && (!change.isVlan || !started))
+            tell(events, EVENT_ARP_START, change.ifIndex, change.now);
+        if (!switchedOn || change.isVlan)
+            tell(events, EVENT_ARP_ITEMS, change.ifIndex, change.now);
+        started = true;
+    }
+    tell_fallbacks(&GuardedInterface::arp, EVENT_ARP_ITEMS, changes, wanted, ports, events);
+}
 
 void GuardEvents::follow(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
                          DaemonEvents &events)
 {
-    bool started = inspecting(told_);
-    const bool stops = started && !inspecting(wanted);
-    if (stops)
-        tell(events, EVENT_ARP_STOP);
-
-    std::map<uint32_t, Change> changes; // ports and VLAN interfaces, ascending
-    for (const GuardedInterfaces *side : {&std::as_const(told_), &wanted})
-        for (const auto &[ifIndex, guarded] : *side)
-            if (at(told_, ifIndex) != at(wanted, ifIndex) && ports.contains(ifIndex))
-                changes[ifIndex] = {at(told_, ifIndex), at(wanted, ifIndex)};
-
-    std::set<uint32_t> againIp, againArp; // VLAN interfaces whose bindings a port falls back to
-    for (const auto &[ifIndex, change] : changes) {
-        const auto &[before, now] = change;
-        if (before.ip != now.ip)
-            tell(events, EVENT_IP_ITEMS, ifIndex, now.ip);
-        if (before.arp != now.arp && !stops) {
-            const bool isVlan = now.vlan != 0 || before.vlan != 0;
-            // The start installs what is not installed, on ports only; items that change replace what is.
-            if (before.arp == 0 && !isVlan && started)
-                tell(events, EVENT_ARP_ITEMS, ifIndex, now.arp);
-            if (before.arp == 0 && (!isVlan || !started))
-                tell(events, EVENT_ARP_START, ifIndex, now.arp);
-            if (before.arp != 0 || isVlan)
-                tell(events, EVENT_ARP_ITEMS, ifIndex, now.arp);
-            started = true;
-        }
-        const Port &port = ports.at(ifIndex);
-        for (const auto &[vlanIndex, guarded] : wanted) {
-            if (guarded.vlan == 0 || port.kind == PortKind::vlanInterface || !port.members[guarded.vlan])
-                continue;
-            if (before.ip != 0 && now.ip == 0 && guarded.ip != 0)
-                againIp.insert(vlanIndex);
-            if (before.arp != 0 && now.arp == 0 && guarded.arp != 0)
-                againArp.insert(vlanIndex);
-        }
-    }
-    for (const uint32_t vlanIndex : againIp)
-        tell(events, EVENT_IP_ITEMS, vlanIndex, at(wanted, vlanIndex).ip);
-    for (const uint32_t vlanIndex : againArp)
-        tell(events, EVENT_ARP_ITEMS, vlanIndex, at(wanted, vlanIndex).arp);
+    follow_ip(wanted, ports, events);
+    follow_arp(wanted, ports, events);
     told_ = wanted;
 }
 

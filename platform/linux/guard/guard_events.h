@@ -30,6 +30,11 @@ class GuardEvents
     const GuardedInterfaces &told() const { return told_; }
 
   private:
+    void follow_ip(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
+                   DaemonEvents &events) const;
+    void follow_arp(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
+                    DaemonEvents &events) const;
+
     GuardedInterfaces told_;
 };
 
