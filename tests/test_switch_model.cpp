@@ -105,11 +105,18 @@ TEST(SwitchConf, FileThatCannotBeRead)
 {
     SwitchConf conf;
     std::string error;
-    EXPECT_EQ(switch_conf_read("/nonexistent/switch.conf", conf, error), ConfFile::absent);
-    EXPECT_EQ(switch_conf_read("/tmp", conf, error), ConfFile::wrong);
-    EXPECT_EQ(error, "/tmp: Is a directory");
-    EXPECT_EQ(switch_conf_read("/dev/zero", conf, error), ConfFile::wrong);
-    EXPECT_EQ(error, "/dev/zero: longer than 1 MiB");
+    // claim, file, error
+    const std::tuple<const char *, const char *, const char *> rows[] = {
+        {"a file that was named is not optional", "/nonexistent/switch.conf", "/nonexistent/switch.conf: No such file or directory"},
+        {"a directory", "/tmp", "/tmp: Is a directory"},
+        {"without end", "/dev/zero", "/dev/zero: longer than 1 MiB"},
+    };
+    for (const auto &[claim, file, expected] : rows) {
+        setenv("DHCPSNOOP_SWITCH_CONF", file, 1);
+        EXPECT_EQ(switch_conf_read(conf, error), ConfFile::wrong) << claim;
+        EXPECT_EQ(error, expected) << claim;
+    }
+    unsetenv("DHCPSNOOP_SWITCH_CONF");
 }
 
 // Recorded link messages

@@ -51,19 +51,13 @@ void claim_standard_descriptors()
 // As platform_linux_start.
 int load_model()
 {
-    const char *path = getenv(SWITCH_CONF_ENV);
-    const bool named = path != nullptr && *path != 0;
     SwitchConf conf;
     std::string error;
-    switch (switch_conf_read(named ? path : SWITCH_CONF_PATH, conf, error)) {
+    switch (switch_conf_read(conf, error)) {
     case ConfFile::read:
         switch_model().configure(std::move(conf));
         break;
     case ConfFile::absent:
-        if (named) {
-            platform_report(LOG_ERR, "%s: %s", path, strerror(ENOENT));
-            return EX_CONFIG;
-        }
         break;
     case ConfFile::wrong:
         platform_report(LOG_ERR, "%s", error.c_str());

@@ -2,15 +2,14 @@
 // the next event, which they then get as their first. So the daemon's loop need not know of the socket.
 #include "subscribers.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <poll.h>
-#include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include <utility>
+
+#include "private_listener.h"
 
 namespace platform_linux
 {
@@ -22,11 +21,11 @@ constexpr int BACKLOG = 4096;
 constexpr int SEND_BUFFER = 1 << 20; // some 1300 records; the default holds a fifth
 
 struct Subscriber {
-    int sock = -1;
+    Fd sock;
     uint64_t lost = 0; // since the last record that it took
 };
 
-int listener = -1;
+Fd listener;
 std::array<Subscriber, SUBSCRIBERS_MAX> subscribers;
 
 bool put(int sock, const EventRecord &record)
@@ -37,12 +36,6 @@ bool put(int sock, const EventRecord &record)
 
 bool is_full() { return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM || errno == EINTR; }
 
-void drop(Subscriber &subscriber)
-{
-    close(subscriber.sock);
-    subscriber = Subscriber();
-}
-
 void tell(Subscriber &subscriber, const EventRecord &record)
 {
     if (subscriber.lost != 0) {
@@ -51,49 +44,38 @@ void tell(Subscriber &subscriber, const EventRecord &record)
         gap.length = sizeof gap;
         gap.event = EVENT_LOST;
         gap.lost = subscriber.lost;
-        if (put(subscriber.sock, gap))
+        if (put(subscriber.sock.get(), gap))
             subscriber.lost = 0;
     }
-    if (subscriber.lost == 0 && put(subscriber.sock, record))
+    if (subscriber.lost == 0 && put(subscriber.sock.get(), record))
         return;
     if (is_full())
         subscriber.lost++;
     else
-        drop(subscriber);
+        subscriber = Subscriber();
 }
 
 void accept_and_tell(const EventRecord &record)
 {
     for (int i = 0; i < BACKLOG; i++) {
         // As a rule nobody is there, and accept makes a socket before it finds out.
-        pollfd waiting = {listener, POLLIN, 0};
+        pollfd waiting = {listener.get(), POLLIN, 0};
         if (poll(&waiting, 1, 0) != 1)
             return;
-        const int sock = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (sock < 0 && errno == ECONNABORTED)
+        Fd sock(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (!sock && errno == ECONNABORTED)
             continue;
-        if (sock < 0)
+        if (!sock)
             return;
-        Subscriber *place = nullptr;
-        for (Subscriber &subscriber : subscribers)
-            place = place == nullptr && subscriber.sock < 0 ? &subscriber : place;
-        if (place == nullptr) {
-            close(sock);
+        Subscriber *place =
+            std::ranges::find_if(subscribers, [](const Subscriber &other) { return !other.sock; });
+        if (place == subscribers.end())
             continue;
-        }
-        if (setsockopt(sock, SOL_SOCKET, SO_SNDBUFFORCE, &SEND_BUFFER, sizeof SEND_BUFFER) < 0)
-            setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER);
-        place->sock = sock;
+        if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUFFORCE, &SEND_BUFFER, sizeof SEND_BUFFER) < 0)
+            setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER);
+        place->sock = std::move(sock);
         tell(*place, record); // frees the place again when nobody is there any more
     }
-}
-
-// One level, as /run/dhcpsnoop may have to be made.
-void make_directory(const char *path)
-{
-    const char *slash = strrchr(path, '/');
-    if (slash != nullptr && slash != path)
-        mkdir(std::string(path, slash).c_str(), 0755);
 }
 
 } // namespace
@@ -101,47 +83,22 @@ void make_directory(const char *path)
 int subscribers_open(const char *path)
 {
     subscribers_close();
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof address.sun_path)
-        return ENAMETOOLONG;
-    memcpy(address.sun_path, path, strlen(path));
-    make_directory(path);
-
-    listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listener < 0)
-        return errno;
-    // Only a socket: the path may have been mistyped.
-    struct stat there;
-    if (lstat(path, &there) == 0 && S_ISSOCK(there.st_mode))
-        unlink(path);
-    // The mode is narrowed before the path exists, so nobody else ever finds it open.
-    const mode_t before = umask(0177);
-    int error = bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ? errno : 0;
-    umask(before);
-    if (error == 0 && listen(listener, BACKLOG) != 0)
-        error = errno;
-    if (error != 0)
-        subscribers_close();
-    return error;
+    listener = private_listener(path, BACKLOG);
+    return listener ? 0 : errno;
 }
 
 void subscribers_close()
 {
-    for (Subscriber &subscriber : subscribers)
-        if (subscriber.sock >= 0)
-            drop(subscriber);
-    if (listener >= 0)
-        close(listener);
-    listener = -1;
+    subscribers = {};
+    listener.reset();
 }
 
 int subscribers_publish(const EventRecord &record)
 {
-    if (listener < 0)
+    if (!listener)
         return ENOTCONN;
     for (Subscriber &subscriber : subscribers)
-        if (subscriber.sock >= 0)
+        if (subscriber.sock)
             tell(subscriber, record);
     accept_and_tell(record);
     return 0;

@@ -1,6 +1,7 @@
 #include "switch_conf.h"
 
 #include <charconv>
+#include <utility>
 #include <vector>
 
 namespace platform_linux
@@ -9,29 +10,8 @@ namespace
 {
 constexpr uint32_t VLAN_LAST = 4094;
 constexpr uint32_t SYSTEM_LAST = 255; // goes into circuit-ids as one byte
-constexpr std::string_view BLANKS = " \t\r";
 
 using Words = std::vector<std::string_view>;
-
-std::string quoted(std::string_view word)
-{
-    std::string text = "'";
-    for (char c : word)
-        text += c >= ' ' && c <= '~' ? c : '?';
-    return text + "'";
-}
-
-Words split(std::string_view line)
-{
-    Words words;
-    line = line.substr(0, line.find('#'));
-    for (size_t begin = line.find_first_not_of(BLANKS); begin != std::string_view::npos;) {
-        const size_t end = line.find_first_of(BLANKS, begin);
-        words.push_back(line.substr(begin, end == std::string_view::npos ? end : end - begin));
-        begin = line.find_first_not_of(BLANKS, end);
-    }
-    return words;
-}
 
 // Each of the following gives an empty text, or what is wrong.
 
@@ -39,7 +19,8 @@ std::string take_number(std::string_view word, std::string_view what, uint32_t l
 {
     const auto [end, failure] = std::from_chars(word.data(), word.data() + word.size(), number);
     if (failure != std::errc() || end != word.data() + word.size() || number == 0 || number > last)
-        return std::string(what) + " " + quoted(word) + " is not a number from 1 to " + std::to_string(last);
+        return std::string(what) + " " + conf_quoted(word) + " is not a number from 1 to " +
+               std::to_string(last);
     return {};
 }
 
@@ -66,7 +47,7 @@ std::string take_vlan_list(std::string_view list, VlanSet &vlans)
             if (std::string error = take_vlan(item.substr(dash + 1), last); !error.empty())
                 return error;
         if (last < first)
-            return "VLAN range " + quoted(item) + " runs backwards";
+            return "VLAN range " + conf_quoted(item) + " runs backwards";
         for (uint16_t vid = first; vid <= last; vid++)
             vlans.set(vid);
         begin = comma + 1;
@@ -78,16 +59,17 @@ std::string take_vlan_list(std::string_view list, VlanSet &vlans)
 std::string check_device(std::string_view name, const SwitchConf &conf)
 {
     if (name.size() >= IFNAMSIZ)
-        return quoted(name) + " is longer than a device name can be (" + std::to_string(IFNAMSIZ - 1) + ")";
+        return conf_quoted(name) + " is longer than a device name can be (" + std::to_string(IFNAMSIZ - 1) +
+               ")";
     if (name == "." || name == ".." || name.find_first_of("/:") != std::string_view::npos)
-        return quoted(name) + " is not a device name";
+        return conf_quoted(name) + " is not a device name";
     for (char c : name)
         if (c <= ' ' || c > '~')
-            return quoted(name) + " is not a device name";
+            return conf_quoted(name) + " is not a device name";
     if (conf.ports.contains(name))
-        return quoted(name) + " is a port already";
+        return conf_quoted(name) + " is a port already";
     if (conf.vlanInterfaces.contains(name))
-        return quoted(name) + " is a VLAN's interface already";
+        return conf_quoted(name) + " is a VLAN's interface already";
     return {};
 }
 
@@ -134,7 +116,7 @@ std::string take_vlan_interface(const Words &words, SwitchConf &conf)
         return error;
     for (const auto &[name, other] : conf.vlanInterfaces)
         if (other == vid)
-            return "VLAN " + std::to_string(vid) + " has the interface " + quoted(name) + " already";
+            return "VLAN " + std::to_string(vid) + " has the interface " + conf_quoted(name) + " already";
     conf.vlanInterfaces.emplace(words[3], vid);
     return {};
 }
@@ -152,53 +134,39 @@ std::string take_role(const Words &words, SwitchConf &conf)
     return {};
 }
 
+// The model of the file, filled line by line.
+ConfReader reader(SwitchConf &conf)
+{
+    conf = {};
+    return {[&conf, systemSeen = false, roleSeen = false](const ConfLine &line) mutable -> std::string {
+        const Words &words = line.words;
+        if (words[0] == "port")
+            return take_port(words, conf);
+        if (words[0] == "vlan")
+            return take_vlan_interface(words, conf);
+        if (words[0] == "system") {
+            if (words.size() != 2)
+                return "expected: system NUMBER";
+            return std::exchange(systemSeen, true)
+                       ? "the system number is set already"
+                       : take_number(words[1], "system", SYSTEM_LAST, conf.system);
+        }
+        if (words[0] == "role")
+            return std::exchange(roleSeen, true) ? "the role is set already" : take_role(words, conf);
+        return conf_quoted(words[0]) + " is none of port, vlan, system and role";
+    }};
+}
+
 } // namespace
 
 bool switch_conf_parse(std::string_view name, std::string_view text, SwitchConf &conf, std::string &error)
 {
-    conf = {};
-    bool systemSeen = false, roleSeen = false;
-    uint32_t line = 0;
-    for (size_t begin = 0; begin < text.size();) {
-        const size_t end = std::min(text.find('\n', begin), text.size());
-        const Words words = split(text.substr(begin, end - begin));
-        begin = end + 1;
-        line++;
-        if (words.empty())
-            continue;
-        std::string wrong;
-        if (words[0] == "port") {
-            wrong = take_port(words, conf);
-        } else if (words[0] == "vlan") {
-            wrong = take_vlan_interface(words, conf);
-        } else if (words[0] == "system") {
-            if (words.size() != 2)
-                wrong = "expected: system NUMBER";
-            else
-                wrong = systemSeen ? "the system number is set already"
-                                   : take_number(words[1], "system", SYSTEM_LAST, conf.system);
-            systemSeen = true;
-        } else if (words[0] == "role") {
-            wrong = roleSeen ? "the role is set already" : take_role(words, conf);
-            roleSeen = true;
-        } else {
-            wrong = quoted(words[0]) + " is none of port, vlan, system and role";
-        }
-        if (!wrong.empty()) {
-            error = std::string(name) + ":" + std::to_string(line) + ": " + wrong;
-            return false;
-        }
-    }
-    return true;
+    return conf_parse(name, text, reader(conf), error);
 }
 
-ConfFile switch_conf_read(const char *path, SwitchConf &conf, std::string &error)
+ConfFile switch_conf_read(SwitchConf &conf, std::string &error)
 {
-    std::string text;
-    const ConfFile file = conf_file_read(path, text, error);
-    if (file != ConfFile::read)
-        return file;
-    return switch_conf_parse(path, text, conf, error) ? ConfFile::read : ConfFile::wrong;
+    return conf_file_read(SWITCH_CONF_ENV, SWITCH_CONF_PATH, reader(conf), error);
 }
 
 } // namespace platform_linux

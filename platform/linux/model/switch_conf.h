@@ -1,5 +1,4 @@
-// The switch model file: text in, the switch that it describes or the first error out. It opens nothing but
-// the file.
+// The switch model file: text in, the switch that it describes or the first error out.
 #pragma once
 
 #include <cstdint>
@@ -31,10 +30,10 @@ struct SwitchConf {
     std::map<std::string, uint16_t, std::less<>> vlanInterfaces; // device name to VLAN
 };
 
-// False with "name:line: what is wrong" in `error`; `conf` is then of no use.
+// False with "name:line: error" in `error`; `conf` is then of no use.
 bool switch_conf_parse(std::string_view name, std::string_view text, SwitchConf &conf, std::string &error);
 
-// The file at `path`; `error` names it when it cannot be read or is wrong.
-ConfFile switch_conf_read(const char *path, SwitchConf &conf, std::string &error);
+// The file that SWITCH_CONF_ENV names, else that at SWITCH_CONF_PATH.
+ConfFile switch_conf_read(SwitchConf &conf, std::string &error);
 
 } // namespace platform_linux

@@ -56,26 +56,6 @@ void push(std::span<const Change> changes)
 
 void push(const Change &change) { push(std::span(&change, 1)); }
 
-bool read_conf(RedundancyConf &conf)
-{
-    const char *path = getenv(REDUNDANCY_CONF_ENV);
-    const bool named = path != nullptr && *path != 0;
-    std::string error;
-    switch (redundancy_conf_read(named ? path : REDUNDANCY_CONF_PATH, conf, error)) {
-    case ConfFile::read:
-        return true;
-    case ConfFile::absent:
-        if (!named)
-            return true;
-        error = std::string(path) + ": " + strerror(ENOENT);
-        break;
-    case ConfFile::wrong:
-        break;
-    }
-    platform_report(LOG_ERR, "%s", error.c_str());
-    return false;
-}
-
 bool directory_exists(const std::string &file)
 {
     struct stat status = {};
@@ -86,8 +66,11 @@ bool directory_exists(const std::string &file)
 bool redundancy_start()
 {
     RedundancyConf conf;
-    if (!read_conf(conf))
+    std::string error;
+    if (redundancy_conf_read(conf, error) == ConfFile::wrong) {
+        platform_report(LOG_ERR, "%s", error.c_str());
         return false;
+    }
     auto state = std::make_unique<UnitShared>();
     state->wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     auto thread = std::make_unique<UnitThread>(*state, switch_model().role(), DHCPSNOOP_SOCKET_PATH);

@@ -8,23 +8,6 @@ namespace platform_linux
 namespace
 {
 constexpr uint32_t PORT_LAST = 65535;
-constexpr std::string_view BLANKS = " \t\r";
-
-std::string printable(std::string_view text)
-{
-    std::string out = "'";
-    for (const char c : text)
-        out += c >= ' ' && c <= '~' ? c : '?';
-    return out + "'";
-}
-
-std::string_view trim(std::string_view text)
-{
-    const size_t first = text.find_first_not_of(BLANKS);
-    if (first == std::string_view::npos)
-        return {};
-    return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
-}
 
 // "192.0.2.1:4747" or "[2001:db8::1]:4747". Names are not looked up: that could wait for ever.
 bool take_address(std::string_view text, sockaddr_in6 &address)
@@ -55,8 +38,9 @@ struct Lines {
 };
 
 // Empty, or what is wrong.
-std::string take_line(std::string_view word, std::string_view value, Lines &lines)
+std::string take_line(const ConfLine &line, Lines &lines)
 {
+    const std::string_view word = line.words[0], value = line.value;
     if (word == "listen" || word == "connect") {
         if (lines.address)
             return "the peer's address is set already: one unit listens, the other connects";
@@ -81,62 +65,53 @@ std::string take_line(std::string_view word, std::string_view value, Lines &line
                         : word == "peer"      ? &lines.peer.name
                                               : nullptr;
     if (text == nullptr)
-        return printable(word) + " is none of listen, connect, certificate, key, authority, peer and journal";
+        return conf_quoted(word) +
+               " is none of listen, connect, certificate, key, authority, peer and journal";
     if (!text->empty())
         return "the " + std::string(word) + " is set already";
-    if (value.empty() || value.find_first_of(BLANKS) != std::string_view::npos)
+    if (line.words.size() != 2)
         return "expected: " + std::string(word) + (word == "peer" ? " NAME" : " /FILE");
     if (word != "peer" && !value.starts_with('/'))
-        return printable(value) + " is no absolute path";
+        return conf_quoted(value) + " is no absolute path";
     *text = value;
     return {};
+}
+
+// After the last line.
+std::string take_all(const Lines &lines, RedundancyConf &conf)
+{
+    const PeerConf &peer = lines.peer;
+    const bool any =
+        !peer.certificate.empty() || !peer.key.empty() || !peer.authority.empty() || !peer.name.empty();
+    const bool all =
+        !peer.certificate.empty() && !peer.key.empty() && !peer.authority.empty() && !peer.name.empty();
+    if (lines.address != any || any != all)
+        return "a peer takes all of listen or connect, certificate, key, authority and peer";
+    conf.journal = lines.journal;
+    if (lines.address)
+        conf.peer = peer;
+    return {};
+}
+
+ConfReader reader(Lines &lines, RedundancyConf &conf)
+{
+    conf = {};
+    return {[&lines](const ConfLine &line) { return take_line(line, lines); },
+            [&lines, &conf] { return take_all(lines, conf); }};
 }
 } // namespace
 
 bool redundancy_conf_parse(std::string_view name, std::string_view text, RedundancyConf &conf,
                            std::string &error)
 {
-    conf = {};
     Lines lines;
-    uint32_t number = 0;
-    for (size_t begin = 0; begin < text.size();) {
-        const size_t end = std::min(text.find('\n', begin), text.size());
-        std::string_view line = text.substr(begin, end - begin);
-        begin = end + 1;
-        number++;
-        line = trim(line.substr(0, line.find('#')));
-        if (line.empty())
-            continue;
-        const size_t blank = std::min(line.find_first_of(BLANKS), line.size());
-        const std::string wrong = take_line(line.substr(0, blank), trim(line.substr(blank)), lines);
-        if (!wrong.empty()) {
-            error = std::string(name) + ":" + std::to_string(number) + ": " + wrong;
-            return false;
-        }
-    }
-    const PeerConf &peer = lines.peer;
-    const bool any =
-        !peer.certificate.empty() || !peer.key.empty() || !peer.authority.empty() || !peer.name.empty();
-    const bool all =
-        !peer.certificate.empty() && !peer.key.empty() && !peer.authority.empty() && !peer.name.empty();
-    if (lines.address != any || any != all) {
-        error = std::string(name) + ":" + std::to_string(number) +
-                ": a peer takes all of listen or connect, certificate, key, authority and peer";
-        return false;
-    }
-    conf.journal = lines.journal;
-    if (lines.address)
-        conf.peer = peer;
-    return true;
+    return conf_parse(name, text, reader(lines, conf), error);
 }
 
-ConfFile redundancy_conf_read(const char *path, RedundancyConf &conf, std::string &error)
+ConfFile redundancy_conf_read(RedundancyConf &conf, std::string &error)
 {
-    std::string text;
-    const ConfFile file = conf_file_read(path, text, error);
-    if (file != ConfFile::read)
-        return file;
-    return redundancy_conf_parse(path, text, conf, error) ? ConfFile::read : ConfFile::wrong;
+    Lines lines;
+    return conf_file_read(REDUNDANCY_CONF_ENV, REDUNDANCY_CONF_PATH, reader(lines, conf), error);
 }
 
 } // namespace platform_linux

@@ -34,6 +34,6 @@ struct RedundancyConf {
 // As switch_conf_parse and switch_conf_read.
 bool redundancy_conf_parse(std::string_view name, std::string_view text, RedundancyConf &conf,
                            std::string &error);
-ConfFile redundancy_conf_read(const char *path, RedundancyConf &conf, std::string &error);
+ConfFile redundancy_conf_read(RedundancyConf &conf, std::string &error);
 
 } // namespace platform_linux

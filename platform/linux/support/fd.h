@@ -12,7 +12,8 @@ namespace platform_linux
 class Fd
 {
   public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
     Fd(Fd &&other) noexcept : fd_(other.release()) {}
     Fd &operator=(Fd &&other) noexcept
     {
@@ -37,7 +38,7 @@ class Fd
     }
 
   private:
-    int fd_;
+    int fd_ = -1;
 };
 
 } // namespace platform_linux
