@@ -40,7 +40,7 @@ void printUsage(std::ostream &out);
 // The words that may come after `before`, sorted by nothing but their tables.
 Words completions(const Words &before);
 
-// show.cpp
+// show.cpp, binding_view.cpp, show_config.cpp
 ExitStatus showInterfaces(const Context &, std::span<const std::string>);
 ExitStatus showInterface(const Context &, std::span<const std::string>);
 ExitStatus showVlans(const Context &, std::span<const std::string>);
@@ -49,12 +49,6 @@ ExitStatus showBindings(const Context &, std::span<const std::string>);
 ExitStatus showGlobal(const Context &, std::span<const std::string>);
 ExitStatus showStatistics(const Context &, std::span<const std::string>);
 ExitStatus showConfig(const Context &, std::span<const std::string>);
-
-// The static bindings that are bound.
-std::vector<UserKey> staticsInForce(const Daemon &daemon);
-
-// Whether `show config` has this line for a binding that there is.
-bool isThereAlready(const Words &bindingAdd, const Daemon &daemon);
 
 // change.cpp
 ExitStatus changeInterface(const Context &, std::span<const std::string>);

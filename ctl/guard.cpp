@@ -7,6 +7,7 @@
 #include <ostream>
 #include <thread>
 
+#include "binding_view.h"
 #include "command.h"
 #include "guard_config.h"
 #include "table.h"
@@ -257,14 +258,12 @@ ExitStatus showGuard(const Context &context, std::span<const std::string>)
         }
         rows.push_back(row);
     }
-    if (context.json)
-        printJson(context, {
-                               {"interfaces", interfaces},
-                               {"vlans",      vlans     }
-        });
-    else
-        printTable(context.out, rows);
-    return EXIT_DONE;
+    return print(context,
+                 Json{
+                     {"interfaces", interfaces},
+                     {"vlans",      vlans     }
+    },
+                 rows);
 }
 
 void guardCommands(const Context &context, std::vector<Words> &lines)

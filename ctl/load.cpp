@@ -6,6 +6,7 @@
 #include <thread>
 #include <wordexp.h>
 
+#include "binding_view.h"
 #include "command.h"
 #include "text.h"
 

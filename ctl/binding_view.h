@@ -1,0 +1,14 @@
+// The daemon's bindings as the client shows them, and as commands that recreate the static ones.
+#pragma once
+
+#include "listing.h"
+#include "table.h"
+
+// Appends the commands that recreate all static bindings.
+void staticCommands(const Daemon &daemon, std::vector<Words> &lines);
+
+// The static bindings that are bound.
+std::vector<UserKey> staticsInForce(const Daemon &daemon);
+
+// Whether this line of `show config` stands for a binding that there is.
+bool isThereAlready(const Words &bindingAdd, const Daemon &daemon);

@@ -1,0 +1,29 @@
+// An interface as the client shows it: all of its settings, read at once.
+#pragma once
+
+#include <map>
+
+#include "listing.h"
+#include "table.h"
+
+struct InterfaceView {
+    uint32_t ifIndex;
+    std::string name;
+    std::map<std::string, Value> values;          // by name of the setting
+    std::optional<std::vector<uint32_t>> servers; // null: the daemon cannot say
+};
+
+// `servers` are those of all interfaces.
+InterfaceView readInterface(const Daemon &daemon, uint32_t ifIndex,
+                            const std::optional<std::vector<ServerKey>> &servers);
+std::vector<InterfaceView> readInterfaces(const Daemon &daemon);
+
+uint32_t number(const InterfaceView &view, const char *name);
+// A setting as one word.
+std::string shown(const InterfaceView &view, const char *name);
+Words relayServers(const InterfaceView &view);
+
+Json interfaceJson(const InterfaceView &view);
+
+// Appends the commands that recreate the interface. A setting whose switch is off has its initial value then.
+void interfaceCommands(const InterfaceView &view, std::vector<Words> &lines);
