@@ -1,7 +1,5 @@
-// Requests to the daemon and its replies: a request goes out as one length in host order and one body of
-// big-endian items, and what comes back is that body with the result, and for reads the value, written over
-// it. Never reads outside a reply, believes no length in it, and never waits longer than the time it was
-// given.
+// A request goes out behind its length in one piece, and its reply has the same length. Nothing outside a
+// reply is read, no length in it is believed, and waiting ends after the time that is given.
 #include "request.h"
 
 #include <cerrno>
@@ -14,66 +12,8 @@
 #include <unistd.h>
 #include <utility>
 
-#include "adr.h"
-
 namespace
 {
-
-constexpr uint32_t WORD_HEADER = 0x00020004; // marker 0, type 2, length 4 of the three leading words
-constexpr uint32_t INDEX_HEADER_AT = 24;
-constexpr uint8_t INDEX_HEADER = 1, DATA_HEADER = 3;
-constexpr size_t ITEM_HEADER_SIZE = 3, DATA_HEADER_SIZE = 4;
-
-struct IndexItem {
-    uint8_t type; // DATA_WORD or DATA_BYTES
-    Bytes value;
-};
-
-Bytes wordBytes(uint32_t word)
-{
-    Bytes out(4);
-    AdrMsg msg = {out.data(), 4, 0, false};
-    adr_int32(&msg, static_cast<int32_t>(word));
-    return out;
-}
-
-struct Index {
-    uint8_t count; // as the request says it
-    std::vector<IndexItem> items;
-};
-
-Index indexItems(const RequestIndex &index)
-{
-    if (const auto *word = std::get_if<uint32_t>(&index))
-        return {1, {{DATA_WORD, wordBytes(*word)}}};
-    if (const auto *server = std::get_if<ServerKey>(&index))
-        return {
-            2, {{DATA_WORD, wordBytes(server->ifIndex)}, {DATA_WORD, wordBytes(server->address)}}
-        };
-    if (const auto *user = std::get_if<UserKey>(&index))
-        return {
-            3,
-            {{DATA_BYTES, {user->ipType}},
-              {DATA_BYTES, {0, 0, 0}},
-              {DATA_BYTES, {user->ipAddr.begin(), user->ipAddr.end()}}}
-        };
-    // Kept: a global request counts no index item and yet carries one, which the daemon reads and ignores.
-    return {0, {{DATA_WORD, wordBytes(0)}}};
-}
-
-size_t indexSize(const RequestIndex &index)
-{
-    size_t size = 0;
-    for (const IndexItem &item : indexItems(index).items)
-        size += ITEM_HEADER_SIZE + item.value.size();
-    return size;
-}
-
-size_t requestSize(const Request &request)
-{
-    const auto *bytes = std::get_if<Bytes>(&request.value);
-    return DHCPSNOOP_REQUEST_MIN + indexSize(request.index) + DATA_HEADER_SIZE + (bytes ? bytes->size() : 4);
-}
 
 struct ResultName {
     uint32_t code;
@@ -176,16 +116,14 @@ Bytes exchangeOnce(const std::string &path, std::chrono::milliseconds timeout, c
     connectTo(sock, path);
 
     // In one piece: the daemon takes the body with a single receive.
-    uint32_t length = static_cast<uint32_t>(body.size());
-    Bytes framed(sizeof(length) + body.size());
-    std::memcpy(framed.data(), &length, sizeof(length));
-    std::memcpy(framed.data() + sizeof(length), body.data(), body.size());
+    const Bytes framed = adr_request_frame(body);
     ssize_t sent = send(sock.get(), framed.data(), framed.size(), MSG_NOSIGNAL);
     if (sent < 0)
         throw NoDaemon(std::string("sending the request failed: ") + std::strerror(errno));
     if (static_cast<size_t>(sent) != framed.size())
         throw NoDaemon("the daemon did not take the whole request");
 
+    uint32_t length = 0;
     receiveAll(sock.get(), &length, sizeof(length), deadline);
     if (length > DHCPSNOOP_REQUEST_MAX)
         throw NoDaemon("malformed reply: a length of " + std::to_string(length) + " bytes");
@@ -216,72 +154,24 @@ void connectTo(const Socket &sock, const std::string &path)
     checkPeer(sock.get(), path);
 }
 
-Bytes encodeRequest(const Request &request)
-{
-    Index index = indexItems(request.index);
-    Bytes body(requestSize(request));
-    if (body.size() > DHCPSNOOP_REQUEST_MAX)
-        throw UsageError("the value is too long for a request");
-
-    AdrMsg msg;
-    adr_start(&msg, body.data(), static_cast<uint32_t>(body.size()));
-    for (uint32_t word : {uint32_t{request.func}, uint32_t{0}, request.cmd}) {
-        adr_int32(&msg, static_cast<int32_t>(WORD_HEADER));
-        adr_int32(&msg, static_cast<int32_t>(word));
-    }
-    body[INDEX_HEADER_AT] = INDEX_HEADER;
-    body[INDEX_HEADER_AT + 1] = index.count;
-    uint32_t at = DHCPSNOOP_REQUEST_MIN;
-    for (const IndexItem &item : index.items) {
-        body[at] = item.type;
-        body[at + 2] = static_cast<uint8_t>(item.value.size()); // at most 16
-        std::memcpy(&body[at + ITEM_HEADER_SIZE], item.value.data(), item.value.size());
-        at += static_cast<uint32_t>(ITEM_HEADER_SIZE + item.value.size());
-    }
-    adr_pos(&msg, at);
-    int32_t failed;
-    if (const auto *bytes = std::get_if<Bytes>(&request.value))
-        failed = adr_encodedata(&msg, DATA_BYTES, static_cast<uint32_t>(bytes->size()), bytes->data());
-    else
-        failed = adr_encodedata(&msg, DATA_WORD, 4, &std::get<uint32_t>(request.value));
-    if (failed)
-        throw UsageError("the request cannot be encoded");
-    return body;
-}
-
-Reply::Reply(const Request &request, Bytes body)
-    : body_(std::move(body)), position_(DHCPSNOOP_REQUEST_MIN + indexSize(request.index))
+Reply::Reply(const Request &request, Bytes body) : body_(std::move(body)), rest_()
 {
     if (body_.empty())
         throw CtlError(EXIT_REFUSED, "the daemon could not decode the request (empty reply); "
                                      "client and daemon may be of different versions");
-    AdrMsg msg;
-    uint32_t func = 0, cmd = 0;
-    if (body_.size() != requestSize(request) ||
-        adr_start(&msg, body_.data(), static_cast<uint32_t>(body_.size())) != 0 ||
-        adr_decodefunc(&msg, &func) != 0 || adr_decoderetcode(&msg, &result_) != 0 ||
-        adr_decodecmd(&msg, &cmd) != 0 || func != request.func || cmd != request.cmd)
+    if (!adr_reply_decode(&rest_, request, body_, result_))
         throw NoDaemon("malformed reply: it does not belong to the request");
 }
 
 // The value of the next data item.
 Bytes Reply::item(uint8_t type)
 {
-    AdrMsg msg;
-    uint8_t header = 0, found = 0;
-    adr_start(&msg, body_.data(), static_cast<uint32_t>(body_.size()));
-    adr_pos(&msg, static_cast<uint32_t>(position_));
-    adr_getchar(&msg, &header, 1);
-    adr_getchar(&msg, &found, 1);
-    uint16_t length = adr_getushort(&msg);
-    if (msg.overrun || header != DATA_HEADER || found != type)
-        throw NoDaemon("malformed reply: the value is not there");
-    size_t begin = adr_count(&msg);
-    adr_offset(&msg, length);
-    if (msg.overrun)
-        throw NoDaemon("malformed reply: the value is longer than the reply");
-    position_ = begin + length;
-    return {body_.begin() + static_cast<ptrdiff_t>(begin), body_.begin() + static_cast<ptrdiff_t>(position_)};
+    uint32_t length = 0;
+    const uint8_t *value = adr_decodedata(&rest_, type, &length);
+    if (value == nullptr)
+        throw NoDaemon(length == 0 ? "malformed reply: the value is not there"
+                                   : "malformed reply: the value is longer than the reply");
+    return {value, value + length};
 }
 
 uint32_t Reply::word()
@@ -328,6 +218,14 @@ std::string resultText(uint32_t code)
 Refusal::Refusal(uint32_t resultCode, const std::string &what, const std::string &note)
     : CtlError(EXIT_REFUSED, what + ": refused, " + resultText(resultCode) + note), code(resultCode)
 {
+}
+
+Reply Daemon::ask(const Request &request) const
+{
+    const Bytes body = adr_request_encode(request);
+    if (body.empty())
+        throw UsageError("the value is too long for a request");
+    return Reply(request, exchange_(body));
 }
 
 Reply Daemon::demand(const Request &request, const std::string &what) const

@@ -1,50 +1,24 @@
-// Requests to the daemon and its replies: the bytes of a request, what a reply must look like to be believed,
-// and one exchange over the command socket. The daemon is not trusted to be ours or of this version: whatever
-// comes back is checked before it is read, and waiting ends.
+// Requests to the daemon and its replies: one exchange over the command socket, and the values of a reply.
+// The daemon need not be ours or of this version: every reply is checked before it is read, and waiting ends.
 #pragma once
 
-#include <array>
 #include <chrono>
-#include <compare>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
-#include <variant>
-#include <vector>
 
+#include "adr_request.h"
 #include "error.h"
-#include "management.h"
 
-using Bytes = std::vector<uint8_t>;
-
-struct UserKey {
-    uint8_t ipType = 0;               // 1 IPv4, 2 IPv6
-    std::array<uint8_t, 16> ipAddr{}; // network order, IPv4 in the first 4, the rest zero
-    auto operator<=>(const UserKey &) const = default;
-};
-
-struct ServerKey {
-    uint32_t ifIndex = 0, address = 0; // the address is numeric: 10.1.2.3 is 0x0A010203
-    bool operator==(const ServerKey &) const = default;
-};
-
-// What a request is about: nothing (global), an interface index or VLAN id, a relay server, a binding.
-using RequestIndex = std::variant<std::monostate, uint32_t, ServerKey, UserKey>;
-
-// A number travels as a word. Bytes are a text to be set, or the room for what the daemon is to fill in.
-struct Request {
-    DhcpsnoopFunc func;
-    uint32_t cmd = 0;
-    RequestIndex index = {};
-    std::variant<uint32_t, Bytes> value = 0u;
-};
+using Bytes = AdrBytes;
+using UserKey = AdrUserKey;
+using ServerKey = AdrServerKey;
+using RequestIndex = AdrIndex;
+using Request = AdrRequest;
 
 // Room that a request must bring for the key that a First or Next writes over its data item.
 constexpr size_t USER_KEY_ROOM = 28, SERVER_KEY_ROOM = 12;
-
-// The body; the 4-byte length before it is not part of it.
-Bytes encodeRequest(const Request &request);
 
 // A reply as the daemon wrote it over the request. The constructor throws NoDaemon when it cannot be the
 // answer to `request`, and so do the readers when the item asked for is not there; a reply of length 0, by
@@ -53,6 +27,7 @@ class Reply
 {
   public:
     Reply(const Request &request, Bytes body);
+    Reply(Reply &&) = default;
 
     uint32_t result() const { return result_; } // NM_OK or a result code
     uint32_t word();
@@ -64,7 +39,7 @@ class Reply
     Bytes item(uint8_t type);
 
     Bytes body_;
-    size_t position_; // of the next data item
+    AdrMsg rest_; // in it, at the next data item
     uint32_t result_ = 0;
 };
 
@@ -108,7 +83,7 @@ class Daemon
     explicit Daemon(Exchange exchange) : exchange_(std::move(exchange)) {}
 
     // Throws NoDaemon; a refusal is the reply's result.
-    Reply ask(const Request &request) const { return Reply(request, exchange_(encodeRequest(request))); }
+    Reply ask(const Request &request) const;
 
     // The same, with a refusal thrown as such. `what` names the request in its message.
     Reply demand(const Request &request, const std::string &what) const;

@@ -5,13 +5,8 @@
 
 #include <cstring>
 
+#include "management.h"
 #include "wire.h"
-
-static constexpr uint32_t MESSAGE_MIN = 26; // three words, index header, number of index items
-
-static constexpr uint8_t WORD_MARKER = 0, DATA_HEADER = 3;
-static constexpr uint32_t TYPE_BYTES = 0, TYPE_WORD = 2, TYPE_WORD_PAIR = 4;
-static constexpr uint32_t ITEM_HEADER_LEN = 4; // marker, type, 16-bit length
 
 static uint32_t room(const AdrMsg *msg) { return msg->size - msg->pos; }
 
@@ -30,18 +25,17 @@ static uint8_t *take(AdrMsg *msg, uint32_t count)
 
 static int32_t decode_word(AdrMsg *msg, uint32_t *value)
 {
-    static constexpr uint8_t header[ITEM_HEADER_LEN] = {WORD_MARKER, TYPE_WORD, 0, 4};
-    const uint8_t *word = take(msg, ITEM_HEADER_LEN + 4);
-    if (word == nullptr || std::memcmp(word, header, sizeof header) != 0)
+    const uint8_t *word = take(msg, 8);
+    if (word == nullptr || wire_get32(word) != ADR_WORD_HEADER)
         return -1;
-    *value = wire_get32(word + ITEM_HEADER_LEN);
+    *value = wire_get32(word + 4);
     return 0;
 }
 
 int32_t adr_start(AdrMsg *msg, uint8_t *buffer, uint32_t size)
 {
     *msg = {buffer, size, 0, false};
-    return size < MESSAGE_MIN ? -1 : 0;
+    return size < DHCPSNOOP_REQUEST_MIN ? -1 : 0;
 }
 
 int32_t adr_decodefunc(AdrMsg *msg, uint32_t *func) { return decode_word(msg, func); }
@@ -97,28 +91,37 @@ void adr_int32(AdrMsg *msg, int32_t value)
 int32_t adr_encodedata(AdrMsg *msg, uint32_t type, uint32_t length, const void *value)
 {
     const bool known =
-        type == TYPE_BYTES || (type == TYPE_WORD && length == 4) || (type == TYPE_WORD_PAIR && length == 8);
+        type == DATA_BYTES || (type == DATA_WORD && length == 4) || (type == DATA_WORD_PAIR && length == 8);
     if (!known || length > UINT16_MAX)
         return -1;
-    if (room(msg) < ITEM_HEADER_LEN || room(msg) - ITEM_HEADER_LEN < length) {
+    if (room(msg) < ADR_DATA_ITEM_HEADER_LEN || room(msg) - ADR_DATA_ITEM_HEADER_LEN < length) {
         msg->overrun = true;
         return -1;
     }
 
     // The value first: it may stand where the header is about to be.
     uint8_t *item = msg->base + msg->pos;
-    if (type == TYPE_BYTES) {
+    if (type == DATA_BYTES) {
         if (length != 0)
-            std::memmove(item + ITEM_HEADER_LEN, value, length);
+            std::memmove(item + ADR_DATA_ITEM_HEADER_LEN, value, length);
     } else {
         uint32_t words[2];
         std::memcpy(words, value, length);
         for (uint32_t i = 0; i < length / 4; i++)
-            wire_put32(item + ITEM_HEADER_LEN + 4 * i, words[i]);
+            wire_put32(item + ADR_DATA_ITEM_HEADER_LEN + 4 * i, words[i]);
     }
-    item[0] = DATA_HEADER;
+    item[0] = ADR_DATA_HEADER;
     item[1] = static_cast<uint8_t>(type);
     wire_put16(item + 2, length);
-    msg->pos += ITEM_HEADER_LEN + length;
+    msg->pos += ADR_DATA_ITEM_HEADER_LEN + length;
     return 0;
+}
+
+const uint8_t *adr_decodedata(AdrMsg *msg, uint8_t type, uint32_t *length)
+{
+    const uint8_t *header = take(msg, ADR_DATA_ITEM_HEADER_LEN);
+    if (header == nullptr || header[0] != ADR_DATA_HEADER || header[1] != type)
+        return nullptr;
+    *length = wire_get16(header + 2);
+    return take(msg, *length);
 }

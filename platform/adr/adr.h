@@ -13,6 +13,11 @@
 
 #include <cstdint>
 
+constexpr uint32_t ADR_RESULT_POSITION = 12, ADR_INDEX_POSITION = 24;
+constexpr int32_t ADR_WORD_HEADER = 0x00020004; // marker 0, type word, length 4
+constexpr uint8_t ADR_INDEX_HEADER = 1, ADR_DATA_HEADER = 3;
+constexpr uint32_t ADR_INDEX_ITEM_HEADER_LEN = 3, ADR_DATA_ITEM_HEADER_LEN = 4;
+
 extern "C" {
 
 struct AdrMsg {
@@ -38,4 +43,7 @@ void adr_int32(AdrMsg *msg, int32_t value);
 // Writes a data item: header 3, type, length, value. Words of type 2 and 4 are taken in host order. `value`
 // may stand in the message itself. 0, or non-zero with nothing written when it does not fit.
 int32_t adr_encodedata(AdrMsg *msg, uint32_t type, uint32_t length, const void *value);
+// Takes a data item of `type`: its value, `length` bytes in the message. Null when there is none, or when the
+// message ends before `length`.
+const uint8_t *adr_decodedata(AdrMsg *msg, uint8_t type, uint32_t *length);
 }

@@ -11,9 +11,6 @@
 #include "dhcpsnoop_nm.h"
 #include "management.h"
 
-static constexpr uint8_t INDEX_HEADER = 1, DATA_HEADER = 3;
-static constexpr uint32_t RESULT_POSITION = 12;
-static constexpr uint32_t INDEX_ITEM_HEADER_LEN = 3, DATA_ITEM_HEADER_LEN = 4;
 static constexpr uint32_t EMPTY_ANSWER_LEN = 22;
 
 struct Request {
@@ -40,24 +37,24 @@ struct Request {
 
 static void index_number(Request *request)
 {
-    adr_offset(&request->msg, INDEX_ITEM_HEADER_LEN);
+    adr_offset(&request->msg, ADR_INDEX_ITEM_HEADER_LEN);
     request->number = static_cast<uint32_t>(adr_getint32(&request->msg));
 }
 
 static void index_user_key(Request *request)
 {
-    adr_offset(&request->msg, INDEX_ITEM_HEADER_LEN);
+    adr_offset(&request->msg, ADR_INDEX_ITEM_HEADER_LEN);
     adr_getchar(&request->msg, &request->key.ipType, sizeof request->key.ipType);
-    adr_offset(&request->msg, INDEX_ITEM_HEADER_LEN);
+    adr_offset(&request->msg, ADR_INDEX_ITEM_HEADER_LEN);
     adr_getchar(&request->msg, request->key.reserved, sizeof request->key.reserved);
-    adr_offset(&request->msg, INDEX_ITEM_HEADER_LEN);
+    adr_offset(&request->msg, ADR_INDEX_ITEM_HEADER_LEN);
     adr_getchar(&request->msg, request->key.ipAddr, sizeof request->key.ipAddr);
 }
 
 static void index_pair(Request *request)
 {
     for (uint32_t &word : request->pair) {
-        adr_offset(&request->msg, INDEX_ITEM_HEADER_LEN);
+        adr_offset(&request->msg, ADR_INDEX_ITEM_HEADER_LEN);
         word = adr_getuint32(&request->msg);
     }
 }
@@ -110,7 +107,7 @@ static bool reply_number(Request *request)
 
 static bool room_for(const Request *request, uint32_t items, uint32_t valueBytes)
 {
-    return request->msg.size - adr_count(&request->msg) >= items * DATA_ITEM_HEADER_LEN + valueBytes;
+    return request->msg.size - adr_count(&request->msg) >= items * ADR_DATA_ITEM_HEADER_LEN + valueBytes;
 }
 
 static bool reply_key(Request *request)
@@ -239,7 +236,7 @@ static bool decode_index(Request *request)
 {
     uint8_t header = 0, indexNum = 0;
     adr_getchar(&request->msg, &header, 1);
-    if (header != INDEX_HEADER) {
+    if (header != ADR_INDEX_HEADER) {
         DEBUG_EVENT("[DHCPSNOOP] Command process: decode index header failed!\r\n");
         return false;
     }
@@ -262,7 +259,7 @@ static bool decode_data(Request *request)
 {
     uint8_t header = 0;
     adr_getchar(&request->msg, &header, 1);
-    if (header != DATA_HEADER) {
+    if (header != ADR_DATA_HEADER) {
         DEBUG_EVENT("[DHCPSNOOP] Command process: decode data charVal %d err!\r\n", header);
         return false;
     }
@@ -312,7 +309,7 @@ static void execute(Request *request, uint32_t dataPosition)
         if (!function.reply(request))
             result = NM_BAD_LENGTH;
     }
-    adr_pos(&request->msg, RESULT_POSITION);
+    adr_pos(&request->msg, ADR_RESULT_POSITION);
     adr_int32(&request->msg, result);
 }
 

@@ -4,14 +4,21 @@
 
 #include <cstring>
 
-#include "management.h"
-
 namespace platform_linux
 {
 namespace
 {
 constexpr size_t PACKET_MAX = 1400; // of records for the daemon, as it makes them itself
-constexpr uint32_t ON = 1, OFF = 0;
+const AdrRequest ON = {FUNC_GLOBAL_SET, GLOBAL_HW_NOTIFY, {}, 1U};
+const AdrRequest OFF = {FUNC_GLOBAL_SET, GLOBAL_HW_NOTIFY, {}, 0U};
+
+AdrRequest bind_again(const UnitRecord &record)
+{
+    return {
+        FUNC_USER_SET, USER_ACTION, AdrUserKey{record.ipType, std::to_array(record.address)},
+        USER_ACTION_BIND
+    };
+}
 } // namespace
 
 void UnitThread::deliver()
@@ -40,7 +47,8 @@ void UnitThread::deliver()
     if (used == 0)
         return;
     busy_ = true;
-    daemon_.set_bytes(GLOBAL_SYNC_PACKET, {packet, used}, [this](bool) { busy_ = false; });
+    daemon_.ask({FUNC_GLOBAL_SET, GLOBAL_SYNC_PACKET, {}, AdrBytes(packet, packet + used)},
+                [this] { busy_ = false; });
 }
 
 // No change of role is under way any more, which something may have waited for.
@@ -56,8 +64,8 @@ void UnitThread::stand_by()
 {
     busy_ = true;
     shared_.enforcement = Enforcement::refuseAdds;
-    daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [](bool) {});
-    daemon_.set_number(GLOBAL_HW_NOTIFY, OFF, [this](bool) {
+    daemon_.ask(ON, [] {});
+    daemon_.ask(OFF, [this] {
         shared_.daemonRole = DHCPSNOOP_ROLE_SLAVE;
         enforce();
         busy_ = false;
@@ -77,9 +85,9 @@ void UnitThread::take_over(DhcpsnoopRole target)
     if (empty)
         return;
     busy_ = true;
-    daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [this](bool) {
+    daemon_.ask(ON, [this] {
         shared_.enforcement = Enforcement::clearMarks;
-        daemon_.set_number(GLOBAL_HW_NOTIFY, OFF, [this](bool) { install(); });
+        daemon_.ask(OFF, [this] { install(); });
     });
 }
 
@@ -92,9 +100,9 @@ void UnitThread::install()
         const UnitRecord &record = held.record;
         if (record.type == SYNC_USER && record.userType == DHCPSNOOP_USER_STATIC &&
             record.bindState == DHCPSNOOP_BIND_BOUND && !held.parked)
-            daemon_.bind(record.ipType, record.address, [](bool) {}); // gone meanwhile: no matter
+            daemon_.ask(bind_again(record), [] {}); // no matter when it has gone meanwhile
     }
-    daemon_.set_number(GLOBAL_HW_NOTIFY, ON, [this](bool) {
+    daemon_.ask(ON, [this] {
         busy_ = false;
         shared_.holdOver = true;
         shared_.wake_daemon();
