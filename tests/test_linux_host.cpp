@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -16,34 +15,22 @@
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <sysexits.h>
 #include <unistd.h>
 
 #include "event_socket.h"
 #include "linux_switch.h"
+#include "bounded_writer.h"
 #include "logging.h"
 #include "netns_test.h"
 #include "platform.h"
 #include "platform_start.h"
+#include "report.h"
 
 using namespace platform_linux;
 using namespace linux_test;
-
-namespace
-{
-std::vector<std::string> logged; // what went to the system log, with its priority
-} // namespace
-
-extern "C" __attribute__((format(printf, 2, 3))) void __wrap_syslog(int priority, const char *format, ...)
-{
-    std::array<char, 2048> line;
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(line.data(), line.size(), format, arguments);
-    va_end(arguments);
-    logged.push_back(std::to_string(priority) + " " + line.data());
-}
 
 namespace
 {
@@ -383,32 +370,104 @@ TEST(BoundedWriter, ADescriptorThatIsClosedLosesLinesOnly)
     EXPECT_EQ(writer.suppressed(), 2u);
 }
 
+// In place of the system log: its socket, which is read only by all(). RFC 3164 5.4; time and process are checked here.
+class SystemLog
+{
+  public:
+    SystemLog()
+    {
+        restart();
+        report_start(path_.c_str());
+    }
+    ~SystemLog()
+    {
+        close(sock_);
+        unlink(path_.c_str());
+    }
+
+    void restart()
+    {
+        close(sock_);
+        unlink(path_.c_str());
+        sockaddr_un address = {AF_UNIX, {}};
+        path_.copy(address.sun_path, sizeof address.sun_path - 1);
+        sock_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(bind(sock_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    }
+
+    // "30 text|28 text": priority and text of each line; "(30 text) x 10" for lines that repeat.
+    std::string all() const
+    {
+        std::vector<std::pair<std::string, size_t>> lines;
+        std::array<char, 4096> line;
+        for (ssize_t length; (length = recv(sock_, line.data(), line.size() - 1, MSG_DONTWAIT)) >= 0;) {
+            line[static_cast<size_t>(length)] = 0;
+            char stamp[16] = "", ident[64] = "";
+            int priority = 0, at = 0;
+            EXPECT_EQ(sscanf(line.data(), "<%d>%15c %63s%n", &priority, stamp, ident, &at), 3) << line.data();
+            tm then = {};
+            const time_t now = time(nullptr);
+            localtime_r(&now, &then);
+            EXPECT_NE(strptime(stamp, "%b %e %T", &then), nullptr) << stamp;
+            EXPECT_TRUE(now - mktime(&then) >= 0 && now - mktime(&then) < 60) << stamp;
+            EXPECT_EQ(ident, "dhcpsnoop[" + std::to_string(getpid()) + "]:");
+            const std::string text = std::to_string(priority) + (line.data() + at);
+            if (lines.empty() || lines.back().first != text)
+                lines.emplace_back(text, 0);
+            lines.back().second++;
+        }
+        std::string text;
+        for (const auto &[what, count] : lines)
+            text += (text.empty() ? "" : "|") + (count == 1 ? what : "(" + what + ") x " + std::to_string(count));
+        return text;
+    }
+
+  private:
+    std::string path_ = testing::TempDir() + "log." + std::to_string(getpid());
+    int sock_ = -1;
+};
+
 TEST(Logging, OneLineWithoutControlCharacters)
 {
-    logged.clear();
+    const SystemLog log;
     zlog_dispatch_logging(7, 1, "Add %s\r\n", "10.0.0.1 \x1b[31m on\nswp1");
-    ASSERT_EQ(logged.size(), 1u);
-    EXPECT_EQ(logged[0], std::to_string(LOG_DAEMON | LOG_INFO) + " Add 10.0.0.1  [31m on swp1");
-    logged.clear();
+    EXPECT_EQ(log.all(), "30 Add 10.0.0.1  [31m on swp1");
     zlog_dispatch_logging(7, 1, "%s", std::string(3000, 'y').c_str());
-    ASSERT_EQ(logged.size(), 1u);
-    EXPECT_LT(logged[0].size(), 1100u);
+    EXPECT_EQ(log.all(), "30 " + std::string(1023, 'y'));
+}
+
+// A flood far past what the socket's queue holds ends at once; what was lost is said when there is room again.
+TEST(Logging, ALogThatDoesNotReadStopsNothing)
+{
+    SystemLog log;
+    alarm(20); // a call that waits would wait for ever
+    for (int i = 0; i < 5000; i++)
+        zlog_dispatch_logging(7, 1, "flood\r\n");
+    alarm(0);
+    size_t passed = 0;
+    const std::string before = log.all();
+    ASSERT_EQ(sscanf(before.c_str(), "(30 flood) x %zu", &passed), 1) << before;
+    zlog_dispatch_logging(7, 1, "next\r\n");
+    EXPECT_EQ(log.all(), "28 " + std::to_string(5000 - passed) + " lines suppressed|30 next");
+    log.restart();
+    zlog_dispatch_logging(7, 1, "last\r\n");
+    EXPECT_EQ(log.all(), "30 last");
 }
 
 // Under systemd both ways end in the journal.
 TEST(Logging, ReportedOnceToTheJournal)
 {
+    const SystemLog log;
     for (const bool isJournal : {false, true}) {
         testing::internal::CaptureStderr();
         struct stat status = {};
         fstat(STDERR_FILENO, &status);
         const auto stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino + (isJournal ? 0 : 1));
         setenv("JOURNAL_STREAM", stream.c_str(), 1);
-        logged.clear();
         platform_report(LOG_WARNING, "disk %d", 1);
         unsetenv("JOURNAL_STREAM");
         EXPECT_EQ(testing::internal::GetCapturedStderr(), isJournal ? "" : "dhcpsnoop: disk 1\n");
-        EXPECT_EQ(logged, (std::vector<std::string>{std::to_string(LOG_DAEMON | LOG_WARNING) + " disk 1"}));
+        EXPECT_EQ(log.all(), "28 disk 1");
     }
 }
 
@@ -533,6 +592,35 @@ TEST(CrashReporter, SaysWhatAndWhereAndDiesOfIt)
             << row.claim << ended.status;
         EXPECT_TRUE(ended.output.starts_with(row.text)) << row.claim << ": " << ended.output;
         EXPECT_GT(std::ranges::count(ended.output, '\n'), 1) << row.claim << ": no call in " << ended.output;
+    }
+}
+
+TEST(Start, Arguments)
+{
+    const struct {
+        const char *claim;
+        std::vector<const char *> arguments;
+        int status; // 99: the daemon would start
+        const char *said;
+    } rows[] = {
+        {"five numbers", {"0", "256", "1", "1", "0"}, 99, ""},
+        {"a number below zero", {"0", "0", "0", "0", "-1"}, 99, ""},
+        {"help", {"--help"}, 0, "usage: dhcpsnoop ["},
+        {"help, behind numbers", {"0", "256", "--help"}, 0, "usage: dhcpsnoop ["},
+        {"version", {"--version"}, 0, "dhcpsnoop 0."},
+        {"another option", {"--verbose"}, EX_USAGE, "dhcpsnoop: unknown option '--verbose'; try 'dhcpsnoop --help'\n"},
+        {"a dash alone", {"-"}, EX_USAGE, "dhcpsnoop: unknown option '-'; try 'dhcpsnoop --help'\n"},
+    };
+    for (const auto &row : rows) {
+        std::vector<char *> argv = {const_cast<char *>("dhcpsnoop")};
+        for (const char *argument : row.arguments)
+            argv.push_back(const_cast<char *>(argument));
+        const Ended ended = run_child([&argv] {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            qorCatchSegFault(static_cast<int>(argv.size()), argv.data());
+        }, STDERR_FILENO);
+        EXPECT_EQ(WEXITSTATUS(ended.status), row.status) << row.claim;
+        EXPECT_TRUE(ended.output.starts_with(row.said) && (*row.said != 0 || ended.output.empty())) << row.claim << ": " << ended.output;
     }
 }
 

@@ -10,7 +10,7 @@
 #include "daemon_test.h"
 #include "dhcpsnoop_nm.h"
 #include "guard.h"
-#include "logging.h"
+#include "report.h"
 #include "management.h"
 #include "model.h"
 #include "trap.h"

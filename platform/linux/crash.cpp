@@ -25,6 +25,7 @@ constexpr CrashSignal SIGNALS[] = {
 };
 constexpr int FRAMES_MAX = 64;
 constexpr int HANDLER_FRAMES = 1; // the handler itself
+constexpr unsigned REPORT_SECONDS = 2;
 
 std::array<char, 65536> handlerStack; // a stack that overflowed is no place to report it from
 
@@ -55,6 +56,8 @@ struct Line {
 
 void report_crash(int number, siginfo_t *info, void *)
 {
+    alarm(REPORT_SECONDS); // standard error may have a reader that stopped: the report ends then, and the
+                           // process
     Line line;
     line.add("dhcpsnoop: killed by ");
     for (const CrashSignal &signal : SIGNALS)

@@ -16,9 +16,9 @@
 
 #include "guard_events.h"
 #include "guard_follow.h"
-#include "logging.h"
 #include "platform.h"
 #include "redundancy.h"
+#include "report.h"
 #include "wake.h"
 
 namespace platform_linux

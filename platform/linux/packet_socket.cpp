@@ -16,9 +16,9 @@
 
 #include "dhcpsnoop_msg.h"
 #include "guard_maps.h"
-#include "logging.h"
 #include "model.h"
 #include "protocol.h"
+#include "report.h"
 #include "wire.h"
 
 namespace platform_linux

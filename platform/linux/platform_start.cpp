@@ -1,12 +1,15 @@
 #include "platform_start.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <string_view>
 #include <sys/syscall.h>
 #include <sysexits.h>
 #include <unistd.h>
@@ -16,6 +19,7 @@
 #include "platform.h"
 #include "redundancy.h"
 #include "relay_socket.h"
+#include "report.h"
 #include "subscribers.h"
 #include "switch_model.h"
 #include "trap.h"
@@ -39,6 +43,20 @@ constexpr Capability CAPABILITIES[] = {
 constexpr int USER_COUNT_ARGUMENT = 2;
 constexpr uint16_t BINDINGS_DEFAULT = 256;
 uint16_t bindings = BINDINGS_DEFAULT;
+
+constexpr const char *USAGE = R"(usage: dhcpsnoop [INTERFACES [BINDINGS [GUARD [ARP [PROVISIONING]]]]]
+       dhcpsnoop --help | --version
+
+The DHCP snooping daemon. It runs in the foreground.
+
+  INTERFACES    number of interfaces that can have snooping; 0: 20
+  BINDINGS      number of bindings and waiting clients; 0: 256
+  GUARD         1: IP source guard can be used
+  ARP           1: ARP inspection can be used
+  PROVISIONING  1: ask for options 67 and 125 (never given on this platform)
+
+dhcpsnoopctl configures it. The switch is described in /etc/dhcpsnoop/switch.conf.
+)";
 
 // A descriptor below 3 that is free would be given to a packet socket, which then gets what is printed.
 void claim_standard_descriptors()
@@ -118,6 +136,17 @@ std::string missing_capabilities()
 
 void arguments_take(int argc, char **argv)
 {
+    for (int i = 1; i < argc; i++) {
+        const std::string_view argument = argv[i];
+        if (!argument.starts_with('-') || isdigit(static_cast<unsigned char>(argv[i][1])) != 0)
+            continue; // a number, as the daemon reads it
+        if (argument == "--help" || argument == "--version") {
+            fputs(argument == "--help" ? USAGE : "dhcpsnoop " DHCPSNOOP_VERSION "\n", stdout);
+            exit(EXIT_SUCCESS);
+        }
+        fprintf(stderr, "dhcpsnoop: unknown option '%s'; try 'dhcpsnoop --help'\n", argv[i]);
+        exit(EX_USAGE);
+    }
     const long value = argc > USER_COUNT_ARGUMENT ? strtol(argv[USER_COUNT_ARGUMENT], nullptr, 10) : 0;
     const auto count = static_cast<uint16_t>(std::clamp<long>(value, INT32_MIN, INT32_MAX));
     bindings = count != 0 ? count : BINDINGS_DEFAULT;

@@ -12,7 +12,8 @@ namespace platform_linux
 // call of start-up.
 int platform_linux_start();
 
-// Before the start: what of the daemon's arguments is the platform's too. The only call that gets them is
+// Before the start: keeps the second argument, the number of bindings. Ends the process after `--help` and
+// `--version`, and for any other option with EX_USAGE. The only call that gets the arguments is
 // qorCatchSegFault.
 void arguments_take(int argc, char **argv);
 

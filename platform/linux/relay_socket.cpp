@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 #include "dhcpsnoop_start.h"
-#include "logging.h"
 #include "protocol.h"
+#include "report.h"
 
 namespace platform_linux
 {

@@ -9,7 +9,7 @@
 #include "bindings.h"
 #include "guard_config.h"
 #include "guard_events.h"
-#include "logging.h"
+#include "report.h"
 #include "platform.h"
 
 namespace platform_linux

@@ -8,7 +8,7 @@
 
 #include "bindings.h"
 #include "guard.h"
-#include "logging.h"
+#include "report.h"
 #include "model.h"
 
 namespace platform_linux

@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include "logging.h"
+#include "report.h"
 #include "wire.h"
 
 namespace platform_linux

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "logging.h"
+#include "report.h"
 
 namespace platform_linux
 {

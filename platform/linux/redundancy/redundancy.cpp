@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "bindings.h"
-#include "logging.h"
+#include "report.h"
 #include "management.h"
 #include "switch_model.h"
 #include "unit_thread.h"

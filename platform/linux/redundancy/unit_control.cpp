@@ -1,7 +1,7 @@
 // The part of the platform's thread that answers dhcpsnoopctl.
 #include "unit_thread.h"
 
-#include "logging.h"
+#include "report.h"
 
 namespace platform_linux
 {

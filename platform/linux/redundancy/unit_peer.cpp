@@ -1,7 +1,7 @@
 // The part of the platform's thread that takes in what the peer unit sends.
 #include "unit_thread.h"
 
-#include "logging.h"
+#include "report.h"
 #include "wire.h"
 
 namespace platform_linux

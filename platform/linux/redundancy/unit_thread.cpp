@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "dhcpsnoop_user.h"
-#include "logging.h"
+#include "report.h"
 #include "wake.h"
 #include "wire.h"
 

@@ -1,20 +1,11 @@
-// Where the platform's and the daemon's texts go. Standard output is written without ever waiting for whoever
-// reads it, at a bounded rate; what is left out is counted.
+// A descriptor written without ever waiting for its reader, at a bounded rate.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <syslog.h>
 
 namespace platform_linux
 {
-
-// Puts the bounded writer behind stdout, for printf and NM_DEBUG_OUTPUT alike, and opens the system log.
-void logging_start();
-
-// One line of the platform's own, to the system log and, unless that is where it goes as well, standard
-// error; `priority` as syslog's.
-__attribute__((format(printf, 2, 3))) void platform_report(int priority, const char *format, ...);
 
 // Lines out of `fd`, whole or not at all. A line that comes too fast or would have to wait is left out, and
 // the next one that passes is preceded by "dhcpsnoop: N lines suppressed". Carriage returns are dropped: the
