@@ -65,8 +65,8 @@ Binding readBinding(const Daemon &daemon, const UserKey &key)
 
 using BindingFilter = std::function<bool(const Binding &)>;
 
-// All bindings that are wanted, or only that of one address: each step of a list costs the daemon a walk over
-// all of its bindings.
+// All wanted bindings, or only that of one address. Each step of a list costs the daemon a walk over all
+// bindings.
 std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wanted,
                                   const std::optional<UserKey> &only = std::nullopt)
 {
@@ -81,8 +81,7 @@ std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wan
     return bindings;
 }
 
-// The static ones. Their type is asked for first: a switch has few of them, and thousands of others that need
-// not be read.
+// The static bindings. The type is asked for first, because a switch has few of them among thousands.
 std::vector<Binding> readStatics(const Daemon &daemon)
 {
     std::vector<Binding> statics;
@@ -162,7 +161,8 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
     throw UsageError("bindings cannot be chosen by '" + name + "'");
 }
 
-// "binding add" puts only a whole binding in force; one that was bound without some part is bound by itself.
+// "binding add" puts only a complete binding in force. An incomplete binding in force takes a "binding bind"
+// as well.
 void bindingCommands(const Binding &binding, std::vector<Words> &lines)
 {
     const bool bound = binding.state == STATE_BOUND;

@@ -1,4 +1,4 @@
-// Commands that change: one setting, one relay server or one binding at a time.
+// Commands that change one setting, one relay server or one binding.
 #include <algorithm>
 #include <ostream>
 
@@ -60,7 +60,7 @@ ExitStatus changeSetting(const Context &context, const Target &target, std::span
     const Setting *trust = nullptr;
     if (&target.scope == &INTERFACE_SCOPE && setting->cmd == IF_VERSION)
         trust = findSetting(INTERFACE_SCOPE, "trust");
-    // A refusal is left for the setting that was asked for.
+    // A refusal here is ignored: the wanted setting reports its own.
     bool trusted = false;
     if (trust) {
         Reply before = context.daemon.ask({FUNC_IF_GET, IF_TRUST, target.index});
@@ -144,7 +144,7 @@ ExitStatus changeDebug(const Context &context, std::span<const std::string> argu
     return EXIT_DONE;
 }
 
-// A binding is made, filled in and put in force; when one of this is refused it is removed again.
+// Creates a binding, fills it in and puts it in force. A refusal of any step removes it again.
 ExitStatus bindingAdd(const Context &context, std::span<const std::string> arguments)
 {
     if (arguments.empty())
@@ -194,7 +194,8 @@ ExitStatus bindingAdd(const Context &context, std::span<const std::string> argum
         try {
             set(USER_ACTION, USER_ACTION_DELETE);
         } catch (const CtlError &error) {
-            context.err << "dhcpsnoopctl: what was made of it could not be removed: " << error.what() << '\n';
+            context.err << "dhcpsnoopctl: the unfinished binding could not be removed: " << error.what()
+                        << '\n';
         }
         throw;
     }

@@ -1,5 +1,4 @@
-// The client's commands as one table, which is also its usage and its completion, and the functions behind
-// it.
+// The table of commands, which is also usage and completion, and the functions behind it.
 #pragma once
 
 #include <iosfwd>
@@ -7,18 +6,18 @@
 
 #include "setting.h"
 
-// What a command works with. Results go to `out`, everything else to `err`.
+// The surroundings of a command. Results go to `out`, diagnosis to `err`.
 struct Context {
     const Daemon &daemon;
-    bool json; // wanted of a command that shows
+    bool json; // for commands that show
     std::ostream &out, &err;
 };
 
 // `arguments` follow the words of the command. Gives the exit status, or throws CtlError.
 using Run = ExitStatus (*)(const Context &context, std::span<const std::string> arguments);
 
-// Small letters and words between bars in `arguments` are typed as they stand; IF, SETTING, VALUE and other
-// capitals are what the user puts in; square brackets may be left out.
+// In `arguments` small letters are typed as they stand; capitals (IF, SETTING) are the user's values; parts
+// in square brackets are optional.
 struct Command {
     const char *words, *arguments;
     Run run;
@@ -27,17 +26,17 @@ struct Command {
 };
 std::span<const Command> commands();
 
-// Runs one command line (without the program's name) and says on `err` why it failed.
+// Runs a command line (without the program's name) and reports a failure on `err`.
 ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out, std::ostream &err);
 
-// The same with what is wrong thrown, as CtlError.
+// The same; a failure is thrown as CtlError.
 ExitStatus runCommand(const Words &line, Context context);
 
-// Whether the line is one that a file may have: a command that makes a setting or a binding.
+// Whether a file for `load` may have the line: it changes a setting or a binding.
 bool mayBeLoaded(const Words &line);
 
 void printUsage(std::ostream &out);
-// The words that may come after `before`, sorted by nothing but their tables.
+// The possible words after `before`, in the order of their tables.
 Words completions(const Words &before);
 
 // show.cpp, binding_view.cpp, show_config.cpp
@@ -75,14 +74,14 @@ ExitStatus arpInterface(const Context &, std::span<const std::string>);
 ExitStatus arpVlan(const Context &, std::span<const std::string>);
 ExitStatus showGuard(const Context &, std::span<const std::string>);
 ExitStatus monitor(const Context &, std::span<const std::string>);
-// The commands that make what is configured of the guard; a note when that cannot be read.
+// Appends the commands that recreate the guard's configuration; a note when it cannot be read.
 void guardCommands(const Context &context, std::vector<Words> &lines);
 
 // redundancy.cpp
 ExitStatus showRedundancy(const Context &, std::span<const std::string>);
 ExitStatus changeRole(const Context &, std::span<const std::string>);
 
-// What `debug` switches, by bit of the debug flags.
+// Words of `debug`, by bit of the debug flags.
 constexpr Choice DEBUG_FLAGS[] = {
     {"trace", 0x01},
     {"dump",  0x02}

@@ -1,4 +1,4 @@
-// How the client ends when a command cannot be done: the exit status, and the line for standard error.
+// Failures of a command: the exit status, and the line for standard error.
 #pragma once
 
 #include <stdexcept>
@@ -6,9 +6,9 @@
 
 enum ExitStatus : int {
     EXIT_DONE = 0,
-    EXIT_REFUSED = 1,   // the daemon (or the platform) said no, or the output could not be written
+    EXIT_REFUSED = 1,   // the daemon or the platform refused, or the output could not be written
     EXIT_USAGE = 2,     // the command line is wrong; nothing was asked of the daemon
-    EXIT_NO_DAEMON = 3, // nobody listens, may not be asked, or does not answer sensibly
+    EXIT_NO_DAEMON = 3, // no daemon, no right to ask it, or a malformed answer
 };
 
 class CtlError : public std::runtime_error
@@ -33,7 +33,7 @@ struct NoDaemon : CtlError {
     explicit NoDaemon(const std::string &message) : CtlError(EXIT_NO_DAEMON, message) {}
 };
 
-// There is nobody at the socket, so no daemon runs.
+// Nobody listens at the socket: no daemon runs.
 struct NobodyListens : NoDaemon {
     using NoDaemon::NoDaemon;
 };

@@ -1,5 +1,5 @@
-// IP source guard and ARP inspection: where they stand is written into the kernel's maps, of which the daemon
-// is told; with no daemon running it finds them at its start.
+// IP source guard and ARP inspection. The settings are written into the kernel's maps and announced to the
+// daemon. A daemon that starts later reads them there.
 #include <array>
 #include <chrono>
 #include <cstring>
@@ -23,7 +23,7 @@ constexpr Choice CHECK_ITEMS[] = {
     {"vlan", GUARD_CHECK_VLAN   },
     {"port", GUARD_CHECK_PORT   }
 };
-constexpr char EXEMPT[] = "exempt"; // a port from its VLANs' settings;
+constexpr char EXEMPT[] = "exempt"; // from the VLANs' settings;
 
 constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed"};
 static_assert(std::size(REASONS) == GUARD_REASONS);
@@ -87,7 +87,7 @@ void checkPlace(const Context &context, const GuardPlace &place, const std::stri
 {
     if (!place.isVlan && !guard_ports_refusals().contains(place.number))
         throw CtlError(EXIT_REFUSED, what + ": no port of the switch (see dhcpsnoopctl show guard)");
-    // Part of the reply is the only thing that tells whether the daemon can name the VLAN.
+    // Only a part of the reply tells whether the daemon can name the VLAN.
     if (place.isVlan && daemonRuns &&
         context.daemon.ask({FUNC_VLAN_GET, VLAN_ENABLE, place.number}).result() == NM_END)
         throw CtlError(EXIT_REFUSED, what + ": the VLAN has no interface in the switch model, by which the "
@@ -102,16 +102,16 @@ bool isInspecting()
     return false;
 }
 
-// When ARP inspection stops the daemon forgets the check items of its static bindings for it. Bound once more
-// before it starts again, they are installed by all items as ever.
+// When ARP inspection stops, the daemon forgets the check items of its static bindings for it. Binding them
+// again before inspection starts installs them by all items.
 void bindStatics(const Daemon &daemon)
 {
     for (const UserKey &key : staticsInForce(daemon))
         daemon.ask(
-            {FUNC_USER_SET, USER_ACTION, key, USER_ACTION_BIND}); // gone or changed meanwhile: no matter
+            {FUNC_USER_SET, USER_ACTION, key, USER_ACTION_BIND}); // a refusal means that it went meanwhile
 }
 
-// Writes until it stands: the daemon, putting something else in force, may have written in between.
+// Writes until the value stays: the daemon may have written in between, to put another setting in force.
 void switchGuard(const Context &context, const GuardPlace &place, GuardFeature feature, uint8_t wanted,
                  const std::string &what, bool daemonRuns)
 {
@@ -145,7 +145,7 @@ ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace
 {
     const uint8_t wanted = parseItems(words);
     if (place.isVlan && wanted == GUARD_EXEMPT)
-        throw UsageError("ports are exempt from what their VLANs have, not VLANs");
+        throw UsageError("only a port can be exempt, not a VLAN");
     Words name = placeWords(place);
     name.insert(name.begin(), commandWord(feature));
     const std::string what = joinQuoted(name);
@@ -186,7 +186,7 @@ std::string itemsText(const guard_items &items, GuardFeature feature)
     return text.empty() ? "off" : text;
 }
 
-// In force and, when something is, what is pending.
+// The items in force, and the pending items if any.
 void addItems(Json &json, const guard_items &items)
 {
     const std::tuple<const char *, uint8_t, GuardFeature> features[] = {

@@ -56,8 +56,8 @@ std::vector<uint32_t> listInterfaces(const Daemon &daemon)
     return listIndexes(daemon, FUNC_IF_FIRST, FUNC_IF_NEXT, "interfaces");
 }
 
-// Ascending. The daemon goes through its VLANs in the order of their interfaces' indexes and skips one that
-// is lower than the last it gave, so those in between are asked for one by one.
+// Ascending. The daemon lists VLANs in the order of their interfaces' indexes and skips a VLAN below its last
+// answer. The VLANs in between are therefore asked for one by one.
 std::vector<uint32_t> listVlans(const Daemon &daemon)
 {
     constexpr uint32_t VID_MAX = 4094;

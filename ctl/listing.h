@@ -1,4 +1,4 @@
-// Walks over the daemon's lists, which it gives entry by entry. What vanishes while it is read is left out.
+// Walks over the daemon's lists, which it gives entry by entry. An entry that vanishes meanwhile is left out.
 #pragma once
 
 #include <optional>
@@ -17,7 +17,7 @@ std::optional<UserKey> nextUser(const Daemon &daemon, const std::optional<UserKe
 std::vector<ServerKey> listServers(const Daemon &daemon);
 std::optional<std::vector<ServerKey>> listServersIfKnown(const Daemon &daemon);
 
-// What `read` gives, or nothing when the entry is gone.
+// The result of `read`, or nothing when the entry is gone.
 template <class Read> auto ifStillThere(Read read) -> std::optional<decltype(read())>
 {
     try {

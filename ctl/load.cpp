@@ -1,4 +1,4 @@
-// load: the lines of a file, as `show config` prints them, each as a command.
+// load: runs the lines of a file as commands, in the form that `show config` prints.
 #include <chrono>
 #include <fstream>
 #include <iostream>
@@ -23,7 +23,7 @@ struct Line {
 
 std::string placeOf(const std::string &file, size_t line) { return file + ':' + std::to_string(line) + ": "; }
 
-// The words that a shell would make of it.
+// Splits a line into words as a shell does.
 Words splitLine(const std::string &text, const std::string &where)
 {
     wordexp_t expansion;
@@ -62,10 +62,10 @@ std::vector<Line> readLines(std::istream &file, const std::string &name)
     return lines;
 }
 
-// What is wrong, by line.
+// Errors by line.
 using Errors = std::map<size_t, CtlError>;
 
-// A static binding that is there already, as the journal brings it back, is no error.
+// A static binding that exists already (the journal brings it back) is no error.
 void makeOne(const Context &context, const Words &words)
 {
     try {
@@ -76,7 +76,7 @@ void makeOne(const Context &context, const Words &words)
     }
 }
 
-// One pass: makes what it can, and leaves in `lines` what may be possible later.
+// One pass: runs every line, and leaves in `lines` those that may succeed later.
 void makeAll(const Context &context, std::vector<Line> &lines, Errors &errors)
 {
     bool daemonRuns = true;

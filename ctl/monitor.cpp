@@ -1,4 +1,4 @@
-// Prints the daemon's events as they come, one line each, until a signal or the daemon's end.
+// Prints the daemon's events, one line each, until a signal or the daemon's end.
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
@@ -17,7 +17,7 @@ using platform_linux::EventRecord;
 
 volatile std::sig_atomic_t stopped;
 
-// While it lives SIGINT and SIGTERM come in during wait() only, and end it.
+// During its lifetime SIGINT and SIGTERM are delivered in wait() only, and end it.
 class StopSignals
 {
   public:
@@ -46,7 +46,7 @@ class StopSignals
     StopSignals(const StopSignals &) = delete;
     StopSignals &operator=(const StopSignals &) = delete;
 
-    // Until the descriptor can be read, or a signal came.
+    // Returns when the descriptor is readable or a signal came.
     void wait(int descriptor) const
     {
         pollfd readable = {descriptor, POLLIN, 0};
@@ -134,6 +134,6 @@ ExitStatus monitor(const Context &context, std::span<const std::string>)
             throw NoDaemon("malformed event of " + std::to_string(length) + " bytes");
         printEvent(context, record);
         if (!context.out)
-            return EXIT_REFUSED; // runClient says that it could not be written
+            return EXIT_REFUSED; // runClient reports the failed write
     }
 }

@@ -1,4 +1,4 @@
-// In place of what the client does with the Linux platform, where it is built without it.
+// Stands in for the commands of the Linux platform in builds without it.
 #include "command.h"
 
 namespace

@@ -1,4 +1,5 @@
-// The tables of settings, and what is done by kind: words to a value and back, a value to requests and back.
+// The tables of settings, and the conversions by kind: words to a value and back, a value to requests and
+// back.
 #include "setting.h"
 
 #include <cerrno>
@@ -14,7 +15,7 @@ constexpr Choice VERSIONS[] = {
     {"none", 0}
 };
 
-// 2 is what a new interface has, and means the same as 0.
+// 2 is the value of a new interface, and means the same as 0.
 constexpr uint32_t POLICY_INITIAL = 2;
 constexpr Choice POLICIES[] = {
     {"keep",   0             },
@@ -212,7 +213,7 @@ OptionText parseOptionText(const Setting &setting, std::span<const std::string> 
         value.text = parseTextWords(setting, words);
     else if (words.size() == 1 && words[0] != "generated")
         throwExpected(setting);
-    // Templates given in hexadecimal are taken as they are: that is how one that the check refuses is set.
+    // A template in hexadecimal is not checked, so that any can be set.
     if (isTemplate && words[0] != "hex") {
         if (auto fault = templateFault(std::string(value.text.begin(), value.text.end())))
             throw UsageError(std::string(setting.name) + ": the template '" + words.back() +

@@ -1,6 +1,5 @@
-// The settings that can be made and read, as one table for each thing that has them (the switch, an
-// interface, a VLAN): how each is called, what it takes, how it travels. Everything that deals with settings
-// reads these tables: the commands, the usage, the completion, and what `show config` prints.
+// The settings of the switch, of an interface and of a VLAN, a table each: name, kind of value, attribute
+// number. Commands, usage, completion and `show config` are made from these tables.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -14,13 +13,13 @@
 enum class Kind : uint8_t {
     Switch,     // on | off
     Number,     // least … most
-    Choice,     // a word; a number from least to most too when most is not 0
+    Choice,     // a word, or a number from least to most if most is not 0
     Address,    // IPv4 or off
     Text,       // plain bytes
-    OptionText, // a format, and bytes whose form on the way depends on it
+    OptionText, // a format, and bytes whose encoding depends on it
     Counter,    // read only
-    Clear,      // an action: the word, no value
-    Servers,    // the relay servers of an interface, each a pair of its own on the way
+    Clear,      // an action without value
+    Servers,    // the relay servers of an interface, a request for each
 };
 
 struct Choice {
@@ -32,17 +31,17 @@ struct Setting {
     const char *name;
     Kind kind;
     uint32_t cmd;
-    const char *arguments; // as the usage shows them
+    const char *arguments; // for the usage
     const char *help;
-    const char *needs = nullptr; // the switch setting that must be on; else the daemon refuses
-    uint32_t initial = 0;        // what it is when its entry is new, or when what it needs is switched on
+    const char *needs = nullptr; // a setting of kind Switch that must be on, or the daemon refuses
+    uint32_t initial = 0;        // value in a new entry, and after `needs` was switched on
     uint32_t least = 0, most = 0;
     std::span<const Choice> choices = {};
     uint32_t formatCmd = 0; // OptionText
     const char *alias = nullptr;
 };
 
-// What has settings. `noun` is the word before its name on the command line; empty for the switch itself.
+// An owner of settings. `noun` is the word before its name on the command line; empty for the switch.
 struct Scope {
     const char *noun;
     DhcpsnoopFunc set, get;
@@ -50,7 +49,7 @@ struct Scope {
 };
 extern const Scope GLOBAL_SCOPE, INTERFACE_SCOPE, VLAN_SCOPE;
 
-// One switch, interface or VLAN. `name` is as the operator writes it; empty for the switch.
+// The switch, an interface or a VLAN. `name` is the operator's word; empty for the switch.
 struct Target {
     const Scope &scope;
     RequestIndex index;
@@ -60,7 +59,7 @@ struct Target {
 Target globalTarget();
 Target interfaceTarget(uint32_t ifIndex);
 
-// Option texts: how the bytes are used, and the type byte that the typed and raw formats carry along.
+// Option texts: the use of the bytes, and the type byte of the typed and raw formats.
 constexpr uint32_t FORMAT_GLOBAL = 0, FORMAT_TYPED = 3, FORMAT_RAW = 4, FORMAT_TEMPLATE = 5, FORMAT_MAX = 6;
 constexpr uint8_t TYPE_GENERATED = 0, TYPE_TEXT = 1;
 
@@ -74,21 +73,21 @@ struct OptionText {
 // A setting's value: a number (switches, choices, addresses, counters too), a text, an option text.
 using Value = std::variant<uint32_t, Bytes, OptionText>;
 
-// Null when there is none of that name.
+// Null for an unknown name.
 const Setting *findSetting(const Scope &scope, const std::string &name);
 bool canBeSet(const Setting &setting);
 
 Value parseValue(const Setting &setting, std::span<const std::string> words);
-Words valueWords(const Setting &setting, const Value &value); // what parseValue reads back
+Words valueWords(const Setting &setting, const Value &value); // parseValue reads them back
 nlohmann::ordered_json valueJson(const Setting &setting, const Value &value);
 bool isInitial(const Setting &setting, const Value &value);
 
-// The requests that make a setting, in their order; not for Servers.
+// The requests that change a setting, in order; not for Servers.
 std::vector<Request> setRequests(const Target &target, const Setting &setting, const Value &value);
-// A relay server made or removed.
+// Adds or removes a relay server.
 Request serverRequest(const ServerKey &key, bool add);
 
-// One request about a setting; a refusal says whose, and what may be the reason.
+// A request about a setting; its refusal names the target and a possible reason.
 Reply demandOn(const Daemon &daemon, const Target &target, const Setting &setting, const Request &request,
                const std::string &note = "");
 void setValue(const Daemon &daemon, const Target &target, const Setting &setting, const Value &value);

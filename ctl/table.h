@@ -1,4 +1,4 @@
-// How what a command shows is printed: a table of words, or JSON.
+// Printing: a table of words, or JSON.
 #pragma once
 
 #include <nlohmann/json.hpp>

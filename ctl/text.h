@@ -1,5 +1,5 @@
-// Words of the command line to values and back: numbers, addresses, interfaces, option texts, and what is
-// safe to print. A word that is not what it should be is a UsageError that says what would have been.
+// Words of the command line to values and back: numbers, addresses, interfaces, option texts. A wrong word is
+// a UsageError that names the expected form.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ constexpr uint32_t OPTION_TEXT_MAX = 128; // bytes of an option text; the daemon
 
 using Words = std::vector<std::string>;
 
-// Decimal, or hexadecimal after "0x". Null when it is no number.
+// Decimal, or hexadecimal after "0x". Null for any other word.
 std::optional<uint32_t> parseNumber(const std::string &word);
 uint32_t parseRange(const std::string &what, const std::string &word, uint32_t least, uint32_t most);
 
@@ -25,13 +25,13 @@ std::string userKeyText(const UserKey &key);
 std::array<uint8_t, 6> parseMac(const std::string &word);
 std::string macText(const Bytes &mac);
 
-// A port's name as this network namespace has it, or its index, known here or not. Throws NoInterface.
+// A port's name in this network namespace, or its index, which need not exist. Throws NoInterface.
 uint32_t parseInterface(const std::string &word);
-std::string interfaceText(uint32_t ifIndex); // the name when there is one that can be typed, else the index
+std::string interfaceText(uint32_t ifIndex); // the name if it can be typed, else the index
 
 Bytes parseHex(const std::string &word); // two digits a byte, ':' or '-' between bytes allowed
 std::string hexText(const Bytes &bytes);
-bool isPrintable(const Bytes &bytes); // printable ASCII only, so that it can be a word on a command line
+bool isPrintable(const Bytes &bytes); // printable ASCII only
 
 // What a '%' and a letter stand for in a template; every other letter expands to "0".
 struct Conversion {
@@ -52,10 +52,10 @@ constexpr Conversion CONVERSIONS[] = {
     {'d', "the interface's MAC address, 6 binary bytes"},
 };
 
-// What is wrong with an option text template, or nothing. After a conversion ('%' and a letter) must come a
-// delimiter or the end, and '%' may not be the last character.
+// The error in an option text template; empty when it is right. After a conversion ('%' and a letter) must
+// come a delimiter or the end, and '%' may not be the last character.
 std::optional<std::string> templateFault(std::string_view text);
-// The conversions in it that stand for nothing.
+// The conversions in it without a meaning.
 std::string templateUnknown(std::string_view text);
 
 // The word as a shell reads it back.
