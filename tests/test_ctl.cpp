@@ -130,7 +130,7 @@ const std::pair<std::string, const char *> USAGE[] = {
     {"show bindings vlan", "'vlan' lacks its value"},
     {"guard interface 7", "which check items?"},
     {"guard vlan 10 ip off", "'off' is no check item"},
-    {"guard vlan 10 exempt", "not VLANs"},
+    {"guard vlan 10 exempt", "not a VLAN"},
     {"arp-inspection vlan 4095 ip", "from 1 to 4094"},
 };
 
