@@ -277,7 +277,7 @@ int32_t qorScalarGetApi(uint32_t, uint32_t attribute, QorBuffer *text)
     return put_text(text, description.data());
 }
 
-uint32_t qorSelfSysIndex() { return switch_model().system(); }
+uint32_t qorSelfSysIndex() { return model_system(); }
 
 const char *nmGetHostname()
 {

@@ -6,8 +6,8 @@
 
 #include <map>
 
-#include "links.h"
 #include "model.h"
+#include "netlink.h"
 
 namespace platform_linux
 {

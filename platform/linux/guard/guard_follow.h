@@ -2,7 +2,7 @@
 // events.cpp, which knows when the daemon has handled what it was given.
 #pragma once
 
-#include "links.h"
+#include "netlink.h"
 
 namespace platform_linux
 {

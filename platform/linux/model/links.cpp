@@ -1,7 +1,8 @@
 #include "links.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
+#include <array>
+#include <cstddef>
 #include <cstring>
 #include <libmnl/libmnl.h>
 #include <linux/if.h>
@@ -17,8 +18,8 @@ namespace
 {
 // The switch kernel's link attributes, by which the daemon follows aggregates.
 constexpr uint16_t IFLA_PHYJOINAGG = 38;   // this port joined an aggregate
-constexpr uint16_t IFLA_AGGADDPHY = 52;    // the port whose index is the value joined this aggregate
-constexpr uint16_t IFLA_AGGREMOVEPHY = 53; // it left
+constexpr uint16_t IFLA_AGGADDPHY = 52;    // a port joined this aggregate: its index
+constexpr uint16_t IFLA_AGGREMOVEPHY = 53; // a port left it: its index
 
 constexpr uint16_t VLAN_LAST = 4094;
 constexpr size_t ATTRIBUTE_COUNT = IFLA_BR_VLAN_DEFAULT_PVID + 1; // the highest that is read, of any nest
@@ -28,7 +29,7 @@ constexpr size_t ATTRIBUTE_COUNT = IFLA_BR_VLAN_DEFAULT_PVID + 1; // the highest
 struct Attributes {
     std::array<const nlattr *, ATTRIBUTE_COUNT> at{};
 
-    explicit Attributes(const nlmsghdr *message) { mnl_attr_parse(message, sizeof(ifinfomsg), store, this); }
+    explicit Attributes(const nlmsghdr &message) { mnl_attr_parse(&message, sizeof(ifinfomsg), store, this); }
     explicit Attributes(const nlattr *nest)
     {
         if (nest != nullptr)
@@ -69,31 +70,34 @@ LinkKind kind_of(std::string_view name)
     return name == "vlan" ? LinkKind::vlan : LinkKind::other;
 }
 
-// Their numbering is the same in the bridge family's IFLA_PROTINFO and in IFLA_INFO_SLAVE_DATA.
-void take_bridge_port(const nlattr *nest, Link &link)
+const ifinfomsg &info_of(const nlmsghdr &message)
 {
-    const Attributes port(nest);
-    if (port.fits(IFLA_BRPORT_STATE, 1) && port.get8(IFLA_BRPORT_STATE) <= BR_STATE_BLOCKING)
-        link.stp = static_cast<StpState>(port.get8(IFLA_BRPORT_STATE));
-    if (port.fits(IFLA_BRPORT_NO, 2))
-        link.bridgePort = port.get16(IFLA_BRPORT_NO);
+    return *static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(&message));
 }
 
-void leave_bridge(Link &link)
+// Numbered alike in the bridge family's IFLA_PROTINFO and in IFLA_INFO_SLAVE_DATA.
+void read_port_state(const nlattr *nest, BridgePort &port)
 {
-    link.stp = StpState::disabled;
-    link.bridgePort = 0;
-    link.pvid = 0;
-    link.members.reset();
-    link.untagged.reset();
+    const Attributes state(nest);
+    if (state.fits(IFLA_BRPORT_STATE, 1) && state.get8(IFLA_BRPORT_STATE) <= BR_STATE_BLOCKING)
+        port.stp = static_cast<StpState>(state.get8(IFLA_BRPORT_STATE));
+    if (state.fits(IFLA_BRPORT_NO, 2))
+        port.number = state.get16(IFLA_BRPORT_NO);
+}
+
+void leave_master(Link &link)
+{
+    link.master = 0;
+    link.masterKind = LinkKind::other;
+    link.bridgePort = {};
 }
 
 struct VlanWalk {
-    Link *link;
+    BridgePort *port;
     uint16_t rangeBegin; // 0 = in no range
 };
 
-int take_vlan(const nlattr *attribute, void *walkPtr)
+int read_vlan(const nlattr *attribute, void *walkPtr)
 {
     auto *walk = static_cast<VlanWalk *>(walkPtr);
     bridge_vlan_info info;
@@ -114,16 +118,17 @@ int take_vlan(const nlattr *attribute, void *walkPtr)
     if (first > info.vid)
         return MNL_CB_OK;
     for (uint16_t vid = first; vid <= info.vid; vid++) {
-        walk->link->members.set(vid);
-        walk->link->untagged.set(vid, (info.flags & BRIDGE_VLAN_INFO_UNTAGGED) != 0);
+        walk->port->members.set(vid);
+        walk->port->untagged.set(vid, (info.flags & BRIDGE_VLAN_INFO_UNTAGGED) != 0);
     }
     if ((info.flags & BRIDGE_VLAN_INFO_PVID) != 0)
-        walk->link->pvid = info.vid;
+        walk->port->pvid = info.vid;
     return MNL_CB_OK;
 }
 
-// RTM_NEWLINK of family AF_UNSPEC over what was known of the device.
-void take_link(const Attributes &attributes, uint32_t flags, Link &link)
+// RTM_NEWLINK of family AF_UNSPEC. `link` brings the master that was known, which decides whether a port
+// stays in its bridge.
+void read_link(const Attributes &attributes, uint32_t flags, Link &link)
 {
     link.up = (flags & IFF_UP) != 0 && (flags & IFF_LOWER_UP) != 0 && (flags & IFF_DORMANT) == 0;
     attributes.text(IFLA_IFNAME).copy(link.name, sizeof link.name - 1);
@@ -144,28 +149,29 @@ void take_link(const Attributes &attributes, uint32_t flags, Link &link)
         link.lower = attributes.get32(IFLA_LINK);
     }
     const uint32_t master = attributes.get32(IFLA_MASTER);
-    // The slave kind is the kind of the master: it is told even where the master's own message was lost.
+    // The slave kind is the kind of the master, told even where the master's own message was lost.
     const LinkKind masterKind = master == 0 ? LinkKind::other : kind_of(info.text(IFLA_INFO_SLAVE_KIND));
     if (master != link.master || masterKind != link.masterKind)
-        leave_bridge(link);
+        link.bridgePort = {};
     link.master = master;
     link.masterKind = masterKind;
     if (masterKind == LinkKind::bridge)
-        take_bridge_port(info.at[IFLA_INFO_SLAVE_DATA], link);
+        read_port_state(info.at[IFLA_INFO_SLAVE_DATA], link.bridgePort);
 }
 
-// Of family AF_BRIDGE, for a port of a bridge. The message names all of its VLANs.
-void take_bridge_link(const Attributes &attributes, Link &link)
+// RTM_NEWLINK of family AF_BRIDGE over what was known of the port. The message names all of its VLANs.
+void read_bridge_port(const Attributes &attributes, Link &link)
 {
     link.master = attributes.get32(IFLA_MASTER);
     link.masterKind = LinkKind::bridge;
-    take_bridge_port(attributes.at[IFLA_PROTINFO], link);
-    link.pvid = 0;
-    link.members.reset();
-    link.untagged.reset();
-    VlanWalk walk{&link, 0};
+    BridgePort &port = link.bridgePort;
+    read_port_state(attributes.at[IFLA_PROTINFO], port);
+    port.pvid = 0;
+    port.members.reset();
+    port.untagged.reset();
+    VlanWalk walk{&port, 0};
     if (attributes.at[IFLA_AF_SPEC] != nullptr)
-        mnl_attr_parse_nested(attributes.at[IFLA_AF_SPEC], take_vlan, &walk);
+        mnl_attr_parse_nested(attributes.at[IFLA_AF_SPEC], read_vlan, &walk);
 }
 
 void tell(DaemonEvents &events, uint16_t type, uint32_t ifIndex, uint16_t attribute = 0, uint32_t value = 0)
@@ -225,82 +231,78 @@ void LinkTable::remove(uint32_t ifIndex, DaemonEvents &events)
     changed_.insert(ifIndex);
 }
 
-const nlmsghdr *next_message(std::span<const uint8_t> &rest)
+// RTM_NEWLINK of family AF_UNSPEC.
+bool LinkTable::take_link(uint32_t ifIndex, const nlmsghdr &message, DaemonEvents &events)
 {
-    if (rest.size() < sizeof(nlmsghdr))
-        return nullptr;
-    const void *first = rest.data();
-    const auto *message = static_cast<const nlmsghdr *>(first);
-    if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > rest.size())
-        return nullptr;
-    rest = rest.subspan(std::min<size_t>(MNL_ALIGN(message->nlmsg_len), rest.size()));
-    return message;
+    const Attributes attributes(message);
+    // A wireless event is a link message with no attribute but its own: the missing master says nothing.
+    if (attributes.text(IFLA_IFNAME).empty())
+        return true;
+    Link link{};
+    link.ifIndex = ifIndex;
+    const auto known = links_.find(ifIndex);
+    if (known != links_.end()) {
+        link.master = known->second.master;
+        link.masterKind = known->second.masterKind;
+        link.bridgePort = known->second.bridgePort;
+    }
+    read_link(attributes, info_of(message).ifi_flags, link);
+    // A changed default VLAN moves ports, and no message says which.
+    const bool moved =
+        known != links_.end() && link.kind == LinkKind::bridge &&
+        (link.vlanFiltering != known->second.vlanFiltering || link.defaultPvid != known->second.defaultPvid);
+    update(link, events);
+    return !moved;
+}
+
+// RTM_NEWLINK or RTM_DELLINK of family AF_BRIDGE: the port is in a bridge, or left it and lives on.
+bool LinkTable::take_bridge_port(uint32_t ifIndex, const nlmsghdr &message, DaemonEvents &events)
+{
+    const Attributes attributes(message);
+    // A bridge itself names itself; a network card with a switch in it names nobody.
+    const uint32_t master = attributes.get32(IFLA_MASTER);
+    if (master == 0 || master == ifIndex)
+        return true;
+    const bool left = message.nlmsg_type == RTM_DELLINK;
+    const auto known = links_.find(ifIndex);
+    if (known == links_.end())
+        return left;
+    Link link = known->second;
+    if (!left)
+        read_bridge_port(attributes, link);
+    else if (link.masterKind == LinkKind::bridge)
+        leave_master(link);
+    update(link, events);
+    return true;
+}
+
+bool LinkTable::take(const nlmsghdr &message, DaemonEvents &events)
+{
+    const bool there = message.nlmsg_type == RTM_NEWLINK;
+    // Link messages are a multiple of 4 long; libmnl's walk relies on it.
+    if ((!there && message.nlmsg_type != RTM_DELLINK) ||
+        message.nlmsg_len < sizeof(nlmsghdr) + sizeof(ifinfomsg) || message.nlmsg_len % NLMSG_ALIGNTO != 0 ||
+        info_of(message).ifi_index <= 0)
+        return true;
+    const auto ifIndex = static_cast<uint32_t>(info_of(message).ifi_index);
+    switch (info_of(message).ifi_family) {
+    case AF_UNSPEC:
+        if (there)
+            return take_link(ifIndex, message, events);
+        remove(ifIndex, events);
+        return true;
+    case AF_BRIDGE:
+        return take_bridge_port(ifIndex, message, events);
+    default:
+        return true;
+    }
 }
 
 bool LinkTable::feed(std::span<const uint8_t> datagram, DaemonEvents &events)
 {
     bool complete = true;
-    while (const nlmsghdr *message = next_message(datagram)) {
-        // Link messages are a multiple of 4 long; libmnl's walk relies on it.
-        if ((message->nlmsg_type != RTM_NEWLINK && message->nlmsg_type != RTM_DELLINK) ||
-            message->nlmsg_len < sizeof(nlmsghdr) + sizeof(ifinfomsg) ||
-            message->nlmsg_len % MNL_ALIGNTO != 0)
-            continue;
-        const auto *info = static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(message));
-        if (info->ifi_index <= 0)
-            continue;
-        const auto ifIndex = static_cast<uint32_t>(info->ifi_index);
-        const Attributes attributes(message);
-        const auto known = links_.find(ifIndex);
-
-        if (info->ifi_family == AF_UNSPEC) {
-            if (message->nlmsg_type == RTM_DELLINK) {
-                remove(ifIndex, events);
-                continue;
-            }
-            // Wireless events are link messages with nothing but their own attribute: that nothing is said of
-            // a master does not mean that there is none.
-            if (attributes.text(IFLA_IFNAME).empty())
-                continue;
-            Link link{};
-            link.ifIndex = ifIndex;
-            if (known != links_.end()) {
-                const Link &old = known->second;
-                link.master = old.master;
-                link.masterKind = old.masterKind;
-                link.stp = old.stp;
-                link.bridgePort = old.bridgePort;
-                link.pvid = old.pvid;
-                link.members = old.members;
-                link.untagged = old.untagged;
-            }
-            take_link(attributes, info->ifi_flags, link);
-            // A changed default VLAN moves ports, and no message says which.
-            if (known != links_.end() && link.kind == LinkKind::bridge &&
-                (link.vlanFiltering != known->second.vlanFiltering ||
-                 link.defaultPvid != known->second.defaultPvid))
-                complete = false;
-            update(link, events);
-        } else if (info->ifi_family == AF_BRIDGE) {
-            // A bridge itself names itself; a network card with a switch in it names nobody.
-            const uint32_t master = attributes.get32(IFLA_MASTER);
-            if (master == 0 || master == ifIndex)
-                continue;
-            if (known == links_.end()) {
-                complete = message->nlmsg_type == RTM_DELLINK && complete;
-                continue;
-            }
-            Link link = known->second;
-            if (message->nlmsg_type == RTM_NEWLINK) {
-                take_bridge_link(attributes, link);
-            } else if (link.masterKind == LinkKind::bridge) {
-                leave_bridge(link);
-                link.master = 0;
-                link.masterKind = LinkKind::other;
-            }
-            update(link, events);
-        }
-    }
+    while (const nlmsghdr *message = next_message(datagram))
+        complete = take(*message, events) && complete;
     return complete;
 }
 

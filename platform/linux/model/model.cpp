@@ -21,7 +21,7 @@ Port described(const Link &link)
     memcpy(port.mac, link.mac, sizeof port.mac);
     port.kind = link.kind == LinkKind::aggregate ? PortKind::aggregate : PortKind::port;
     port.up = link.up;
-    port.stp = link.masterKind == LinkKind::bridge ? link.stp : StpState::forwarding;
+    port.stp = link.masterKind == LinkKind::bridge ? link.bridgePort.stp : StpState::forwarding;
     port.bridge = link.masterKind == LinkKind::bridge ? link.master : 0;
     port.aggregate = link.masterKind == LinkKind::aggregate ? link.master : 0;
     port.tpid = ETH_P_8021Q;
@@ -76,12 +76,12 @@ std::optional<Port> SwitchModel::derive_bridged(const Link &link) const
 {
     Port port = described(link);
     if (link.masterKind == LinkKind::bridge) {
-        port.number = link.bridgePort;
+        port.number = link.bridgePort.number;
         const Link *bridge = bridge_of(link);
         if (bridge != nullptr && bridge->vlanFiltering) {
-            port.nativeVid = link.pvid;
-            port.members = link.members;
-            port.untagged = link.untagged;
+            port.nativeVid = link.bridgePort.pvid;
+            port.members = link.bridgePort.members;
+            port.untagged = link.bridgePort.untagged;
         } else {
             port.nativeVid = PLAIN_BRIDGE_VLAN;
             port.members.set(PLAIN_BRIDGE_VLAN);
@@ -187,6 +187,10 @@ const Port *model_port(uint32_t ifIndex)
 uint32_t model_vlan_interface(uint16_t vid) { return theModel.vlan_interface(vid); }
 
 const std::map<uint32_t, Port> &model_ports() { return theModel.ports(); }
+
+uint32_t model_system() { return theModel.conf() ? theModel.conf()->system : 1; }
+
+DhcpsnoopRole model_role() { return theModel.conf() ? theModel.conf()->role : DHCPSNOOP_ROLE_NONE; }
 
 void model_watch(ModelWatcher watcher) { theModel.watch(watcher); }
 

@@ -10,6 +10,8 @@
 #include <map>
 #include <net/if.h>
 
+#include "dhcpsnoop.h"
+
 namespace platform_linux
 {
 
@@ -65,6 +67,10 @@ uint32_t model_vlan_interface(uint16_t vid);
 
 // Everything there is now, ascending by index.
 const std::map<uint32_t, Port> &model_ports();
+
+// This unit's number, and its role at the start.
+uint32_t model_system();
+DhcpsnoopRole model_role();
 
 enum class ModelChange : uint8_t {
     appeared, // is there now; also a device that comes back, under its old index or a new one

@@ -30,8 +30,6 @@ class SwitchModel
     {
         return vid < vlanInterfaces_.size() ? vlanInterfaces_[vid] : 0;
     }
-    uint32_t system() const { return conf_ ? conf_->system : 1; }
-    DhcpsnoopRole role() const { return conf_ ? conf_->role : DHCPSNOOP_ROLE_NONE; }
     const std::optional<SwitchConf> &conf() const { return conf_; }
 
   private:

@@ -11,9 +11,9 @@
 #include <thread>
 
 #include "bindings.h"
-#include "report.h"
 #include "management.h"
-#include "switch_model.h"
+#include "model.h"
+#include "report.h"
 #include "unit_thread.h"
 
 namespace platform_linux
@@ -73,7 +73,7 @@ bool redundancy_start()
     }
     auto state = std::make_unique<UnitShared>();
     state->wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    auto thread = std::make_unique<UnitThread>(*state, switch_model().role(), DHCPSNOOP_SOCKET_PATH);
+    auto thread = std::make_unique<UnitThread>(*state, model_role(), DHCPSNOOP_SOCKET_PATH);
     if (conf.peer && !thread->open_peer(*conf.peer))
         return false;
     shared = state.release();
@@ -89,10 +89,7 @@ bool redundancy_start()
     return true;
 }
 
-DhcpsnoopRole redundancy_role()
-{
-    return shared != nullptr ? shared->daemonRole.load() : switch_model().role();
-}
+DhcpsnoopRole redundancy_role() { return shared != nullptr ? shared->daemonRole.load() : model_role(); }
 
 int32_t redundancy_sync(const QorBuffer &packet)
 {
@@ -188,7 +185,7 @@ void redundancy_events(DaemonEvents &events)
     DaemonEvent event{};
     nlmsghdr header{};
     header.nlmsg_len = sizeof header;
-    if (header.nlmsg_len == switch_model().system())
+    if (header.nlmsg_len == model_system())
         header.nlmsg_len += 4;
     header.nlmsg_type = RTM_SUBSYSTEM_UP;
     memcpy(event.bytes.data(), &header, sizeof header);

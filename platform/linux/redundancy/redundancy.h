@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "links.h"
+#include "netlink.h"
 #include "platform.h"
 
 namespace platform_linux
