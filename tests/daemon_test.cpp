@@ -82,6 +82,24 @@ bool printed(const std::string &text)
     return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
+std::string said()
+{
+    constexpr std::string_view HEAD = "[DHCPSNOOP] ", END = "\r\n";
+    std::string all;
+    for (const std::string &text : debug_texts()) {
+        const bool usual = text.starts_with(HEAD) && text.ends_with(END);
+        all += all.empty() ? "" : "|";
+        all += usual ? text.substr(HEAD.size(), text.size() - HEAD.size() - END.size()) : "{" + text + "}";
+    }
+    return all;
+}
+
+void check(std::initializer_list<Claim> rows)
+{
+    for (const Claim &row : rows)
+        EXPECT_EQ(row.outcome, row.expected) << row.claim;
+}
+
 static DhcpsnoopUserKey key_of(uint8_t ipType, const void *address, size_t size)
 {
     DhcpsnoopUserKey key = {};

@@ -109,6 +109,17 @@ inline void debug(int flags) { gDhcpsnoop.debugFlags = static_cast<uint8_t>(flag
 // Debug texts printed so far.
 inline Lines debug_texts() { return world.texts(Did::Debug); }
 bool printed(const std::string &text);
+// All of them, without "[DHCPSNOOP] " and line end: "Parse packet error, stop process!|Process pkt end.". A text that is
+// framed in another way stands whole in braces.
+std::string said();
+
+// Rows in which each outcome is one string of everything that happened; they are evaluated in order, so that a row may be
+// a step that continues the one before.
+struct Claim {
+    const char *claim;
+    std::string outcome, expected;
+};
+void check(std::initializer_list<Claim> rows);
 
 DhcpsnoopUserKey key4(uint32_t address);
 DhcpsnoopUserKey key6(const char *address);

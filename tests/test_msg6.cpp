@@ -1,0 +1,417 @@
+// DHCPv6 messages on their way: options 18 and 37 built, appended and stripped; what is learned from IA options; where the
+// client's port is found; whole exchanges. Whole frames are compared with those that scapy encoded.
+#include "daemon_test.h"
+
+#include <algorithm>
+
+#include "dhcp6snoop_msg.h"
+#include "dhcpv6_frames.h"
+
+namespace
+{
+
+constexpr uint32_t F18 = DHCPSNOOP_IF_OPTION18, F37 = DHCPSNOOP_IF_OPTION37, BOTH = F18 | F37, ENTERPRISE = 32473; // RFC 5612
+constexpr Arrival SERVER = {.port = 2};
+constexpr const char *HOST = "2001:db8::100", *HOST2 = "2001:db8::101";
+const Bytes PORT1 = hex_bytes("01 06 00 06 00 0a 11 22 77 33 02 08 00 06 02 00 00 00 01 01");
+const Bytes PORT3 = hex_bytes("01 06 00 06 00 0a 01 00 00 03 02 08 00 06 02 00 00 00 01 03");
+
+Bytes id18(const Bytes &data) { return opt6(18, data); }
+Bytes id37(const Bytes &data) { return opt6(37, be32(ENTERPRISE) + data); }
+Bytes all_but_one(const Bytes &bytes) { return Bytes(bytes.begin(), bytes.end() - 1); }
+Bytes filler(size_t frameLen) { return opt6(1, Bytes(frameLen - 70, 0)); } // makes a frame of that length
+std::string frame(const char *before, const char *bytes) { return before + hex(hex_bytes(bytes)); }
+
+// Client 1 on access port 1, another port 3 in the same VLAN 10; the server on port 2; port 4 in VLAN 20.
+class Msg6 : public Daemon
+{
+  protected:
+    void SetUp() override
+    {
+        world.reset();
+        gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
+        gDhcpsnoop.enterpriseNum = ENTERPRISE;
+        for (const uint32_t ifIndex : {1u, 2u, 3u, 4u}) {
+            world.access(ifIndex, ifIndex == 4 ? 20 : 10);
+            set_flag_field(snoop(ifIndex, ifIndex == 2 ? DHCPSNOOP_IF_TRUSTED : BOTH), DHCPSNOOP_IF_VERSION, 3);
+        }
+        world.ports[1].location = {0x111, 0x122, 0x133, 4, 5, 6, 0x177};
+        world.ipsg[1] = {.items = 0xF0};
+        port = dhcpsnoop_if_lookup(1);
+        pass_time(0);
+    }
+
+    void TearDown() override { EXPECT_EQ(world_check_tables(true), ""); }
+
+    static std::string pass_time(int64_t seconds)
+    {
+        world.now += seconds;
+        dhcpsnoop_user_timer_check();
+        return bindings();
+    }
+
+    // " | 0100 bound 3600 1/10": end of the address, state, what is left of the lease, place.
+    static std::string bindings()
+    {
+        Lines found;
+        for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
+            for (const auto *user : list_each<DhcpsnoopUser>(&bucket)) {
+                const char *const state = user->userType == 2 ? "static" : user->bindState == 1 ? "bound" : "asked";
+                const auto left = static_cast<uint32_t>(user->leaseStart + user->leaseTime - world.now);
+                found.push_back(world_format(" | %02x%02x %s %u %u/%u", user->key.ipAddr[14], user->key.ipAddr[15], state, left, user->ifIndex, user->vid));
+            }
+        std::sort(found.begin(), found.end());
+        std::string text;
+        for (const std::string &line : found)
+            text += line;
+        return text;
+    }
+
+    // A message through the daemon: what was sent and what is held.
+    static std::string through(const Bytes &bytes, const Arrival &arrival = {})
+    {
+        world.clear();
+        receive(bytes, arrival);
+        return sent_summary() + bindings();
+    }
+    static std::string through(const Frame6 &message, const Arrival &arrival = {}) { return through(message.bytes(), arrival); }
+
+    // Where it was sent, and the whole frame.
+    static std::string whole(const Bytes &bytes, const Arrival &arrival = {})
+    {
+        const std::string sent = through(bytes, arrival);
+        return sent.substr(0, 2) + hex(sent_frame());
+    }
+
+    // What was said of it, from there on.
+    static std::string spoken(const Bytes &bytes, const Arrival &arrival, const char *from, size_t count = std::string::npos)
+    {
+        through(bytes, arrival);
+        const std::string all = said();
+        return all.substr(std::min(all.find(from), all.size()), count);
+    }
+
+    std::string asking(uint32_t flags, const Bytes &bytes, const Arrival &arrival = {})
+    {
+        port->flags = (port->flags & ~BOTH) | flags;
+        return arrival.port == 1 ? whole(bytes) : through(bytes, arrival);
+    }
+
+    // The options that a client's message gets from format and text of the interface, and from the global ones.
+    std::string built(uint8_t format, const std::string &own, uint16_t mode, const std::string &global, const std::string &own37 = "")
+    {
+        port->interfaceIdFmt = port->remoteId6Fmt = format;
+        port->interfaceIdLen = port->remoteId6Len = static_cast<uint8_t>(own.size());
+        std::copy(own.begin(), own.end(), port->interfaceId);
+        std::copy(own.begin(), own.end(), port->remoteId6);
+        std::copy(own37.begin(), own37.end(), port->remoteId6);
+        gDhcpsnoop.interfaceIdFmt = {mode, static_cast<uint16_t>(global.size()), {}};
+        std::copy(global.begin(), global.end(), gDhcpsnoop.interfaceIdFmt.text);
+        gDhcpsnoop.remoteId6Fmt = gDhcpsnoop.interfaceIdFmt;
+        through(client6(1));
+        const Bytes sent = sent_frame();
+        return hex(Bytes(sent.begin() + 66, sent.end()));
+    }
+
+    static void obtain()
+    {
+        through(client6(3, ia_na(iaaddr(HOST, 3600))));
+        through(server6(7, ia_na(iaaddr(HOST, 3600))), SERVER);
+    }
+
+    DhcpsnoopIf *port = nullptr;
+};
+
+// clang-format off
+TEST_F(Msg6, FourMessages)
+{
+    check({
+        {"SOLICIT: to the server's port alone, with both options", whole(hex_bytes(SOLICIT)), frame("2 ", SOLICIT_18_37)},
+        {"by the IPv6 socket; an IA without address teaches nothing", std::to_string(world.all(Did::Frame)[0]->socket - gDhcpsnoop.data6Sock) + bindings(), "0"},
+        {"ADVERTISE: to the client's port alone, which its options name, without them", whole(hex_bytes(ADVERTISE_18_37), SERVER) + bindings(), frame("1 ", ADVERTISE)},
+        {"REQUEST of two addresses of an IA_NA and one of an IA_TA", whole(hex_bytes(REQUEST)), frame("2 ", REQUEST_18_37)},
+        {"provisional, not in hardware", bindings() + world_format(" hw %zu", world.calls("hw").size()), " | 0001 asked 60 1/10 | 0100 asked 60 1/10 | 0101 asked 60 1/10 hw 0"},
+        {"REPLY: without the options", whole(hex_bytes(REPLY_18_37), SERVER), frame("1 ", REPLY)},
+        {"bound for the valid lifetimes, and enforced", bindings() + world_format(" hw %zu", world.calls("hw add 1").size()), " | 0001 bound 600 1/10 | 0100 bound 3600 1/10 | 0101 bound 3600 1/10 hw 3"},
+        {"no role, nothing synchronised", std::to_string(world.calls("qorHwScalarSync").size()), "0"},
+        {"the first lease ends", pass_time(600), " | 0100 bound 3000 1/10 | 0101 bound 3000 1/10"},
+    });
+    world.role(DHCPSNOOP_ROLE_MASTER);
+    through(hex_bytes(REPLY_18_37), SERVER);
+    EXPECT_EQ(world.calls("qorHwScalarSync").size(), 2u) << "bound again by a master: the standby is told of each";
+}
+
+TEST_F(Msg6, Options)
+{
+    const auto text = [](const std::string &data) { return hex(id18(text_bytes(data)) + id37(text_bytes(data))); };
+    const std::string standard = hex(id18(PORT1) + id37(PORT1));
+    // Kept: the length handed on is a single byte, and so much of a longer option is appended.
+    const auto longer = [&](size_t size) { return built(0, "", 5, std::string(size, 'z')).substr(0, 3 * ((size + 4) % 256)); };
+    const auto z = [](size_t size, size_t count) { return hex(id18(Bytes(size, 'z'))).substr(0, 3 * count); };
+    const auto room = [](size_t frameLen) { return spoken(client6(1, filler(frameLen)).bytes(), {}, "Construct"); };
+    const Bytes sum = client6(1, opt6(8, {0, 0}) + id18(PORT1)).bytes(), elapsed = opt6(8, {sum[60], sum[61]}); // makes the sum all ones, its complement 0
+    const Frame6 zero = {.udpChecksum = 0, .options = elapsed + id18(PORT1)};
+    const std::string said18 = "Construct option18, option len 24.|Insert option18 to packet.|";
+    check({
+        {"37 alone", asking(F37, hex_bytes(SOLICIT)), frame("2 ", SOLICIT_37)},
+        {"neither", asking(0, hex_bytes(SOLICIT)), frame("2 ", SOLICIT)},
+        {"37 is there", asking(BOTH, hex_bytes(SOLICIT_37)), frame("2 ", SOLICIT_37_18)},
+        {"both are there", asking(BOTH, hex_bytes(SOLICIT_18_37)), frame("2 ", SOLICIT_18_37)},
+        {"Kept: a sum of zero stays 0, though receivers discard such a datagram", asking(F18, client6(1, elapsed).bytes()), "2 " + hex(zero.bytes())},
+        {"both again", asking(BOTH, hex_bytes(SOLICIT)), frame("2 ", SOLICIT_18_37)},
+        {"own format 3 or 4 instead of a global template", built(3, "", 5, "%s") + built(4, "", 5, "%s"), standard + standard},
+        {"a global mode of 0 is the default data, and one of 6", built(0, "", 0, "%s") + built(0, "", 6, "%s"), standard + standard},
+        {"the interface's string of 128 bytes", built(3, std::string(128, '%'), 3, ""), text(std::string(128, '%'))},
+        {"Kept: the interface's string counts even when the mode came from the global setting", built(0, "uplink", 4, "%s"), text("uplink")},
+        {"Kept: 1, 2 and 5 are templates here, only 5 is one in option 82", built(1, "v%s.", 3, "") + built(2, "v%s.", 3, "") + built(5, "v%s.", 5, "global"), text("v10.") + text("v10.") + text("v10.")},
+        {"the global template by each mode", built(0, "own", 1, "g%s") + built(0, "own", 2, "g%s") + built(0, "own", 5, "g%s"), text("g10") + text("g10") + text("g10")},
+        {"Kept: of a template that renders to nothing, the enterprise number still makes an option 37", built(5, "", 3, ""), hex(opt6(37, be32(ENTERPRISE)))},
+        {"each option has settings of its own", built(4, "eighteen", 3, "", "37"), hex(id18(text_bytes("eighteen")) + id37(text_bytes("37ghteen")))},
+        {"options of 255 and 257 bytes", longer(251) + longer(253), z(251, 255) + " 00 "},
+        {"an option 18 of 256 bytes is none", built(0, "", 5, std::string(252, 'z')), hex(Bytes{0, 37, 1, 0})},
+    });
+    built(0, "", 3, "");
+    debug(1);
+    check({
+        {"both just fit the frame", room(1996), said18 + "Construct option37, option len 28.|Insert option37 to packet.|Send packet to server.|TPID of this interface is 0x0.|Send message to server, len is 2048 buflen is 2048.|Process pkt end."},
+        {"37 does not", room(1997), said18 + "Packet len exceeds the max, don't insert option37.|Construct option37, option len 0.|Send packet to server.|TPID of this interface is 0x0.|Send message to server, len is 2021 buflen is 2021.|Process pkt end."},
+        {"18 just does", room(2024).substr(0, 62), said18},
+        {"neither does", room(2025), "Construct option18, option len 0.|Packet len exceeds the max, don't insert option37.|Construct option37, option len 0.|Send packet to server.|TPID of this interface is 0x0.|Send message to server, len is 2025 buflen is 2025.|Process pkt end."},
+    });
+    uint8_t buffer[600] = {};
+    Parsed full(client6(1, filler(2019))), nowhere(client6(1));
+    nowhere.info.ifp = nullptr;
+    for (const auto build : {dhcp6snoop_construct_opt18, dhcp6snoop_construct_opt37})
+        EXPECT_EQ(build(nullptr, buffer, 512) + build(&full.info, nullptr, 512) + build(&nowhere.info, buffer, 512), 0u);
+    for (const uint32_t count : {30u, 0xFFFFFFFFu, 29u}) { // the last one fits
+        dhcp6snoop_insert_opt(&full.info, buffer, count);
+        EXPECT_EQ(full.info.frameLen, count == 29 ? 2048u : 2019u);
+    }
+    dhcp6snoop_insert_opt(&nowhere.info, nullptr, 4);
+    dhcp6snoop_insert_opt(nullptr, buffer, 4);
+    dhcp6snoop_construct_client_opt(nullptr);
+    EXPECT_EQ(nowhere.info.frameLen, 66u);
+}
+
+TEST_F(Msg6, Stripped)
+{
+    const auto stripped = [](const Frame6 &message) {
+        Parsed p(message);
+        const uint32_t sum = dhcp6snoop_strip_opt(&p.info, 18);
+        return hex(p.bytes()) + (sum == p.info.udpHdr[6] * 256u + p.info.udpHdr[7] ? "" : " wrong sum");
+    };
+    const auto reply = [](const Bytes &options) { return hex(server6(7, options).bytes()); };
+    const Bytes keep = opt6(1, {1, 2, 3}), longer = opt6(1, {1, 2}, 65535), round = opt6(1, {1, 2}, 65532) + opt6(18, {1});
+    Frame6 slack = server6(7, opt6(18, {1, 2, 3, 4}) + keep), ends = server6(7, keep), shorter = server6(7, opt6(18, {1, 2, 3, 4}));
+    slack.slack = Bytes(5, 0xEE);
+    ends.payloadLen = 8 + 4 + 7 + 5;
+    check({
+        {"every one of that code", whole(hex_bytes(REPLY_18_TWICE), SERVER), frame("1 ", REPLY)},
+        {"at the end of the message, both", whole(hex_bytes(ADVERTISE_18_37), SERVER), frame("1 ", ADVERTISE)},
+        {"an option that claims more than there is goes to the end", stripped(server6(7, keep + opt6(18, {1, 2}, 65535))), reply(keep)},
+        {"another that does stays", stripped(server6(7, opt6(18, {1}) + longer)), reply(longer)},
+        {"a step of 65536 does not come round", stripped(server6(7, round)), reply(round)},
+        {"three bytes at the end stay, and an option inside an IA", stripped(server6(7, opt6(18, {1}) + ia_na(opt6(18, {1})) + Bytes{0, 18, 0})), reply(ia_na(opt6(18, {1})) + Bytes{0, 18, 0})},
+        {"behind the datagram: dropped from the frame; the IPv6 length loses only what was removed", stripped(slack), hex(ends.bytes())},
+        {"a full frame, kept and stripped", stripped(server6(7, filler(2048))) + stripped(server6(7, opt6(18, Bytes(1978, 0)))), reply(filler(2048)) + reply({})},
+    });
+    for (shorter.udpLen = 0; *shorter.udpLen < 12; ++*shorter.udpLen) { // a datagram that ends before the options
+        Parsed p(shorter);
+        dhcp6snoop_strip_opt(&p.info, 18);
+        EXPECT_EQ(world_format("%u %u %u", p.info.frameLen, p.info.udpLen, p.info.ipBodyLen), world_format("74 %u 20", *shorter.udpLen));
+    }
+    EXPECT_EQ(dhcp6snoop_strip_opt(nullptr, 18), 0);
+}
+
+TEST_F(Msg6, LearnedFromWhichMessages)
+{
+    const auto learned = [this](uint8_t type, bool bound) {
+        SetUp();
+        if (bound)
+            obtain();
+        world.now += 5;
+        return through(client6(type, ia_na(iaaddr(HOST, 7200))));
+    };
+    check({
+        {"SOLICIT and REQUEST ask", learned(1, false) + ", " + learned(3, false), "2 162 | 0100 asked 60 1/10, 2 162 | 0100 asked 60 1/10"},
+        {"CONFIRM, RENEW, REBIND teach nothing", learned(4, false) + learned(5, false) + learned(6, false), "2 1622 1622 162"},
+        {"a bound client's REQUEST", learned(3, true), "2 162 | 0100 bound 3600 1/10"},
+        {"CONFIRM, RENEW of a bound client", learned(4, true) + ", " + learned(5, true), "2 162 | 0100 bound 3595 1/10, 2 162 | 0100 bound 3595 1/10"},
+        {"RELEASE and DECLINE", learned(8, true) + ", " + learned(9, true), "2 162, 2 162"},
+        {"RECONFIGURE is passed on", through(server6(10, opt6(19, {5})), SERVER), "1 71, 3 71"},
+        {"nor does a server's port teach anything of clients", through(client6(3, ia_na(iaaddr(HOST2, 60))), SERVER), ""},
+        {"asked", through(client6(3, ia_na(iaaddr(HOST, 60)))), "2 162 | 0100 asked 60 1/10"},
+        {"a rogue server", through(server6(7, ia_na(iaaddr(HOST, 9999)) + opt6(18, {1})), {.port = 3}), " | 0100 asked 60 1/10"},
+        {"bound", through(server6(7, ia_na(iaaddr(HOST, 3600))), SERVER), "1 110, 3 110 | 0100 bound 3600 1/10"},
+        {"time passes", pass_time(1800), " | 0100 bound 1800 1/10"},
+        {"REBIND: not the client", through(client6(6, ia_na(iaaddr(HOST, 0)))), "2 162 | 0100 bound 1800 1/10"},
+        {"but the server renews", through(server6(7, ia_na(iaaddr(HOST, 5000))), SERVER), "1 110, 3 110 | 0100 bound 5000 1/10"},
+        {"to its last second", pass_time(4999), " | 0100 bound 1 1/10"},
+        {"gone at the next scan", pass_time(60), ""},
+    });
+}
+
+// What the IA options of one message do. The bindings of before: HOST bound, HOST2 asked for, ...::1 static.
+TEST_F(Msg6, IaOptions)
+{
+    const std::string fixed = " | 0001 static 3600 1/10", host = " | 0100 bound 3600 1/10", host2 = " | 0101 asked 60 1/10", bound2 = " | 0101 bound 900 1/10";
+    const std::string all = fixed + host + host2, bound = fixed + host + bound2, only2 = fixed + host2; // bound: HOST2, too
+    const Bytes ok2 = iaaddr(HOST2, 900), gone = iaaddr(HOST, 0);
+    const auto ia = [this](uint8_t type, const Bytes &options) {
+        SetUp();
+        obtain();
+        through(client6(3, ia_na(iaaddr(HOST2, 60))));
+        make_binding(key6("2001:db8::1"), MAC_CLIENT2, 1, 10)->userType = DHCPSNOOP_USER_STATIC;
+        port->curUser--;
+        const bool fromServer = type == 2 || type == 7;
+        through(fromServer ? server6(type, options) : client6(type, options), fromServer ? SERVER : Arrival{});
+        return bindings() + (sent_summary().empty() ? " not forwarded" : "");
+    };
+    check({
+        {"REPLY binds", ia(7, ia_na(ok2)), bound},
+        {"ADVERTISE does not", ia(2, ia_na(ok2)), all},
+        {"in an IA_TA", ia(7, ia_ta(ok2)), bound},
+        {"not in an IA_PD, nor outside an IA", ia(7, opt6(25, Bytes(12, 0) + ok2) + ok2), all},
+        {"lifetime 0 deletes", ia(7, ia_na(gone)), only2},
+        {"one kept, one deleted", ia(7, ia_na(gone + ok2)), fixed + bound2},
+        {"an unknown address creates nothing", ia(7, ia_na(iaaddr("2001:db8::999", 60))), all},
+        {"a static one stays", ia(7, ia_na(iaaddr("2001:db8::1", 60)) + ia_ta(iaaddr("2001:db8::1", 0))), all},
+        {"the unspecified address is skipped", ia(7, ia_na(iaaddr("::", 0) + ok2)), bound},
+        {"NoAddrsAvail skips the IA and only that one, also behind the address", ia(7, ia_na(ok2 + status6(2)) + ia_ta(gone)), only2},
+        {"the first status counts; Success does not skip", ia(7, ia_na(status6(0) + status6(2) + ok2)), bound},
+        {"a status of one byte is none, nor is the message's", ia(7, status6(2) + ia_na(opt6(13, {2}) + ok2)), bound},
+        {"an address's failure deletes it", ia(7, ia_na(iaaddr(HOST, 60, status6(4)))), only2},
+        {"an address's Success binds it", ia(7, ia_na(iaaddr(HOST2, 900, status6(0)))), bound},
+        {"Kept: a failure holds for all later addresses of the message", ia(7, ia_na(iaaddr(HOST2, 900, status6(4))) + ia_ta(iaaddr(HOST, 60))), fixed},
+        {"until an address says otherwise", ia(7, ia_na(iaaddr(HOST, 60, status6(4)) + iaaddr(HOST2, 900, status6(0)))), fixed + bound2},
+        {"RELEASE of both", ia(8, ia_na(iaaddr(HOST, 60) + ok2)), fixed},
+        {"DECLINE of one", ia(9, ia_na(ok2)), fixed + host},
+        {"SOLICIT with lifetime 0 gives up", ia(1, ia_na(gone)), only2},
+        // Lengths that lie.
+        {"an IAADDR of 23 bytes is skipped", ia(7, ia_na(opt6(5, Bytes(23, 0)) + ok2)), bound},
+        {"an IA_NA shorter than its fixed part has not what stands behind it, nor an IA_TA", ia(7, opt6(4, {}) + opt6(1, {}) + opt6(3, {}) + opt6(1, Bytes(8, 0)) + gone), all},
+        {"IA_TA read as such, not with 12 fixed bytes", ia(7, opt6(4, Bytes(4, 0) + gone)), only2},
+        {"an IA that claims more than there is", ia(7, opt6(3, Bytes(12, 0) + gone, 65535)), only2},
+        {"an IAADDR that claims more than there is", ia(7, ia_na(opt6(5, Bytes(gone.begin() + 4, gone.end()), 65535))), only2},
+        {"an IAADDR of which 23 bytes are there", ia(7, opt6(3, Bytes(12, 0) + opt6(5, Bytes(gone.begin() + 4, gone.end() - 1), 24), 40)), all},
+        {"three bytes of an option in the IA", ia(7, ia_na({0, 5, 0})), all},
+        {"a status that is cut off", ia(7, ia_na(gone + opt6(13, {0}, 2))), only2},
+        {"an option of 65535 in front, and a step of 65536", ia(7, ia_na(opt6(1, {1, 2}, 65532) + ok2) + ia_na(opt6(1, {1, 2}, 65535) + ok2)), all},
+    });
+}
+
+// Kept: the length left for the next IAADDR is counted from the whole inner area each time.
+TEST_F(Msg6, AddressesOfOneIa)
+{
+    const auto learned = [this](const Bytes &options, uint16_t maxUser = 100) {
+        SetUp();
+        port->maxUser = maxUser;
+        const std::string sent = through(client6(3, options)).substr(0, 2);
+        return sent + std::to_string(count_bindings());
+    };
+    const auto address = [](int n) { return iaaddr(world_format("2001:db8::%d", n).c_str(), 60); };
+    const auto claims = [&](uint16_t inner) { return learned(opt6(3, Bytes(12, 0) + address(1), static_cast<uint16_t>(12 + inner))); };
+    const Bytes other = opt6(1, Bytes(24, 0)), two = address(1) + address(2);
+    Bytes many;
+    for (int n = 1; n <= 60; n++)
+        many = many + address(n);
+    check({
+        {"a fourth behind the end of three and another option, which the overstated length still reaches", learned(ia_na(two + address(3)) + other + address(4)), "2 4"},
+        {"of two it reaches no further than such an option", learned(ia_na(two) + other + address(4)), "2 2"},
+        {"with one address the area ends with it", learned(ia_na(address(1)) + address(2)), "2 1"},
+        {"as many as a frame holds", learned(ia_na(many)), "2 60"},
+        {"the first counts if the IA's length is more than its fixed part", claims(0) + ", " + claims(1) + ", " + claims(3), "2 0, 2 1, 2 1"},
+        {"a full port ends the learning, not the forwarding: what follows is not looked at", learned(ia_na(two) + ia_ta(iaaddr("2001:db8::1", 0)), 1), "2 1"},
+    });
+}
+
+TEST_F(Msg6, ClientsPortByItsOption)
+{
+    const auto by = [this](const Bytes &options, uint32_t flags = BOTH) { return asking(flags, server6(2, options).bytes(), SERVER); };
+    const auto templates = [&](const std::string &text, const Bytes &options) {
+        built(0, "", 5, text);
+        return by(options);
+    };
+    Bytes otherVlan = PORT1;
+    otherVlan[5] = 20;
+    Frame6 cut = server6(2, opt6(18, all_but_one(PORT1), 20)); // its last byte stands behind the message
+    cut.padding = {PORT1.back()};
+    check({
+        {"37 of port 3", by(id37(PORT3)), "3 66"},
+        {"both of port 1, the other way round", by(id37(PORT1) + id18(PORT1)), "1 66"},
+        {"18 decides when they differ", by(id18(PORT3) + id37(PORT1)), "3 66"},
+        {"37 when 18 is of no port", by(id18({1, 2}) + id37(PORT3)), "3 72"},
+        {"of another VLAN, another enterprise", by(id18(otherVlan)) + ", " + by(opt6(37, be32(9) + PORT1)), "1 90, 3 90, 1 94, 3 94"},
+        {"one byte short, and cut off by the end of the message", by(id18(all_but_one(PORT1))) + ", " + through(cut, SERVER), "1 89, 3 89, 1 89, 3 89"},
+        {"none", by({}), "1 66, 3 66"},
+        {"a port that asks for neither is found, and nothing stripped", by(id18(PORT1) + id37(PORT1), 0), "1 118"},
+        {"a port that asks for 37 alone", by(id18(PORT1) + id37(PORT1), F37), "1 90"},
+        {"a port that asks for 18 alone", by(id18(PORT1) + id37(PORT1), F18), "1 94"},
+        {"a template of what the frame alone tells cannot be rebuilt for a reply", templates("%y", id18(text_bytes("2026"))), "1 74, 3 74"},
+        {"one of the interface can", templates("%i", id18(text_bytes("3"))), "3 66"},
+        {"255 bytes, all the room that is asked for", templates(std::string(255, 'z'), id18(Bytes(255, 'z'))), "1 66"},
+        {"and more than the buffer's", by(id37(Bytes(255, 'z'))), "1 66"},
+    });
+}
+
+TEST_F(Msg6, TrunksRouterPortsAndVlanInterfaces)
+{
+    for (const uint32_t ifIndex : {2u, 3u})
+        world.trunk(ifIndex, {10, 20});
+    Frame6 solicit = client6(1), reply = server6(2, id18(PORT3) + id37(PORT3)), other = server6(2);
+    solicit.tags = reply.tags = {{0x8100, 10}};
+    other.tags = {{0x8100, 20}};
+    const std::string fromTrunk = whole(solicit.bytes(), {.port = 3});
+    solicit.options = reply.options;
+    check({
+        {"a client on a trunk: its tag stays in front of the options", fromTrunk, "2 " + hex(solicit.bytes())},
+        {"towards a trunk", whole(client6(1).bytes()).substr(0, 56), "2 33 33 00 01 00 02 02 c1 00 00 00 01 81 00 00 0a 86 dd "},
+        {"the server gives them back with its own tag; found again by VLAN and port", through(reply, SERVER), "3 70"},
+        {"VLAN 20 alone, untagged", through(other, {.port = 2, .outer = 20}), "3 70, 4 66"},
+    });
+    SetUp();
+    world.access(5, 10);
+    world.vlan_interface(110, 10).location = {1, 2, 3, 4, 5, 6, 7};
+    world.members(10, {1, 2, 3, 5});
+    port->flags |= DHCPSNOOP_IF_ROUTER;
+    const Arrival from5 = {.port = 5, .inIf = 110};
+    const std::string onRouterPort = through(hex_bytes(ADVERTISE_18_37), SERVER), left = " | 0100 asked 60 5/10";
+    DhcpsnoopIf *vlan = snoop(110, BOTH);
+    set_flag_field(vlan, DHCPSNOOP_IF_VERSION, 3);
+    const std::string asked = through(client6(3, ia_na(iaaddr(HOST, 60))), from5), options = hex(sent_frame()).substr(3 * 110, 71);
+    debug(1);
+    check({
+        {"a client on a router port", onRouterPort, "1 166, 2 166, 3 166, 5 166"},
+        {"a client on a VLAN interface", asked, "2 162" + left},
+        {"the location is the receiving interface's own, not that of the port", options, hex(id18(hex_bytes("01 06 00 06 00 0a 01 02 07 03 02 08 00 06 02 00 00 00 01 6e")))},
+        {"a reply found by the VLAN interface's options goes out of it", through(server6(2, hex_bytes(options)), SERVER), "110 70" + left},
+        {"one that names nobody goes to its members", through(server6(2), SERVER), "1 66, 2 66, 3 66, 5 66" + left},
+        {"a port that snoops by itself is not also handled through its VLAN", spoken(client6(1).bytes(), {.port = 1, .inIf = 110}, "Process"), "Process client packet.|MuxTk discords process the received packet!|Process pkt end."},
+    });
+    vlan->flags |= DHCPSNOOP_IF_TRUSTED;
+    EXPECT_EQ(spoken(server6(2).bytes(), from5, "dhcpv6"), "dhcpv6 packet,type is 2.|MuxTk discords process the received packet!|Process pkt end.") << "no server is listened to behind a VLAN interface";
+}
+
+TEST_F(Msg6, Texts)
+{
+    obtain();
+    debug(1);
+    check({
+        {"a client's", spoken(hex_bytes(SOLICIT_18_37), {}, "Process"), "Process client packet.|Process each IA option, total num 1.|IA option type 3, len 12.|IA_ADDR option doesn't exist!|Send packet to server.|TPID of this interface is 0x0.|Send message to server, len is 154 buflen is 154.|Process pkt end."},
+        {"a server's", spoken(hex_bytes(ADVERTISE_18_37), SERVER, "Process", 134), "Process server packet!|Strip interface id option, client port 1.|Strip remote id option, client port 1.|Unicast packet to client port."},
+        {"to nobody", spoken(server6(2).bytes(), SERVER, "Process", 70), "Process server packet!|Broadcast packet to client.|Vlan 10 is disable!"},
+        {"a rogue server's", spoken(server6(7, ia_na(iaaddr(HOST, 0))).bytes(), {.port = 3}, "Process"), "Process server packet!|Port state is untrust, stop process!|Process pkt end."},
+        {"IAs", spoken(server6(7, ia_na(status6(2)) + ia_ta({}) + ia_na(iaaddr(HOST, 0) + iaaddr("::", 9))).bytes(), SERVER, "Process each", 298), "Process each IA option, total num 3.|IA option type 3, len 18.|Status code of IA option is not OK!|IA option type 4, len 4.|IA_ADDR option doesn't exist!|IA option type 3, len 68.|Get ip address 2001:db8::100 in IA_ADDR option, valid_time 0.|Delete user: ip is 2001:db8::100.|Delete the user entry:"},
+    });
+    dhcp6snoop_process_each_ia_opt(nullptr, 0);
+    dhcp6snoop_client_packet_recv(nullptr);
+    dhcp6snoop_server_packet_recv(nullptr);
+    // A frame of one version on the other's socket: the version nibble chose the parser, the socket the path.
+    receive(client_frame(1).bytes(), {.etherType = 0x86DD});
+    receive(server_frame(5).bytes(), {.port = 2, .etherType = 0x86DD});
+    receive(hex_bytes(REQUEST), {.etherType = 0x0800});
+    EXPECT_EQ(through(hex_bytes(REPLY_18_37), {.port = 2, .etherType = 0x0800}), "");
+}
+// clang-format on
+
+} // namespace
