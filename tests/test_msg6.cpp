@@ -1,8 +1,6 @@
 // DHCPv6 messages on their way: options 18 and 37 built, appended and stripped; what is learned from IA options; where the
 // client's port is found; whole exchanges. Whole frames are compared with those that scapy encoded.
-#include "daemon_test.h"
-
-#include <algorithm>
+#include "scene.h"
 
 #include "dhcp6snoop_msg.h"
 #include "dhcpv6_frames.h"
@@ -11,8 +9,8 @@ namespace
 {
 
 constexpr uint32_t F18 = DHCPSNOOP_IF_OPTION18, F37 = DHCPSNOOP_IF_OPTION37, BOTH = F18 | F37, ENTERPRISE = 32473; // RFC 5612
-constexpr Arrival SERVER = {.port = 2};
-constexpr const char *HOST = "2001:db8::100", *HOST2 = "2001:db8::101";
+constexpr Arrival FROM_SERVER = {.port = 2};
+constexpr const char *HOST6 = "2001:db8::100", *SECOND6 = "2001:db8::101";
 const Bytes PORT1 = hex_bytes("01 06 00 06 00 0a 11 22 77 33 02 08 00 06 02 00 00 00 01 01");
 const Bytes PORT3 = hex_bytes("01 06 00 06 00 0a 01 00 00 03 02 08 00 06 02 00 00 00 01 03");
 
@@ -47,24 +45,7 @@ class Msg6 : public Daemon
     {
         world.now += seconds;
         dhcpsnoop_user_timer_check();
-        return bindings();
-    }
-
-    // " | 0100 bound 3600 1/10": end of the address, state, what is left of the lease, place.
-    static std::string bindings()
-    {
-        Lines found;
-        for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
-            for (const auto *user : list_each<DhcpsnoopUser>(&bucket)) {
-                const char *const state = user->userType == 2 ? "static" : user->bindState == 1 ? "bound" : "asked";
-                const auto left = static_cast<uint32_t>(user->leaseStart + user->leaseTime - world.now);
-                found.push_back(world_format(" | %02x%02x %s %u %u/%u", user->key.ipAddr[14], user->key.ipAddr[15], state, left, user->ifIndex, user->vid));
-            }
-        std::sort(found.begin(), found.end());
-        std::string text;
-        for (const std::string &line : found)
-            text += line;
-        return text;
+        return held();
     }
 
     // A message through the daemon: what was sent and what is held.
@@ -72,7 +53,7 @@ class Msg6 : public Daemon
     {
         world.clear();
         receive(bytes, arrival);
-        return sent_summary() + bindings();
+        return sent_summary() + held();
     }
     static std::string through(const Frame6 &message, const Arrival &arrival = {}) { return through(message.bytes(), arrival); }
 
@@ -115,8 +96,8 @@ class Msg6 : public Daemon
 
     static void obtain()
     {
-        through(client6(3, ia_na(iaaddr(HOST, 3600))));
-        through(server6(7, ia_na(iaaddr(HOST, 3600))), SERVER);
+        through(client6(3, ia_na(iaaddr(HOST6, 3600))));
+        through(server6(7, ia_na(iaaddr(HOST6, 3600))), FROM_SERVER);
     }
 
     DhcpsnoopIf *port = nullptr;
@@ -127,17 +108,17 @@ TEST_F(Msg6, FourMessages)
 {
     check({
         {"SOLICIT: to the server's port alone, with both options", whole(hex_bytes(SOLICIT)), frame("2 ", SOLICIT_18_37)},
-        {"by the IPv6 socket; an IA without address teaches nothing", std::to_string(world.all(Did::Frame)[0]->socket - gDhcpsnoop.data6Sock) + bindings(), "0"},
-        {"ADVERTISE: to the client's port alone, which its options name, without them", whole(hex_bytes(ADVERTISE_18_37), SERVER) + bindings(), frame("1 ", ADVERTISE)},
-        {"REQUEST of two addresses of an IA_NA and one of an IA_TA", whole(hex_bytes(REQUEST)), frame("2 ", REQUEST_18_37)},
-        {"provisional, not in hardware", bindings() + world_format(" hw %zu", world.calls("hw").size()), " | 0001 asked 60 1/10 | 0100 asked 60 1/10 | 0101 asked 60 1/10 hw 0"},
-        {"REPLY: without the options", whole(hex_bytes(REPLY_18_37), SERVER), frame("1 ", REPLY)},
-        {"bound for the valid lifetimes, and enforced", bindings() + world_format(" hw %zu", world.calls("hw add 1").size()), " | 0001 bound 600 1/10 | 0100 bound 3600 1/10 | 0101 bound 3600 1/10 hw 3"},
+        {"by the IPv6 socket; an IA without address teaches nothing", std::to_string(world.all(Did::Frame)[0]->socket - gDhcpsnoop.data6Sock) + held(), "0"},
+        {"ADVERTISE: to the client's port alone, which its options name, without them", whole(hex_bytes(ADVERTISE_18_37), FROM_SERVER) + held(), frame("1 ", ADVERTISE)},
+        {"REQUEST of two addresses of an IA_NA and one of an IA_TA", whole(hex_bytes(REQUEST6)), frame("2 ", REQUEST_18_37)},
+        {"provisional, not in hardware", held(), " | :1 asked 1/10 | :100 asked 1/10 | :101 asked 1/10"},
+        {"REPLY: without the options", whole(hex_bytes(REPLY_18_37), FROM_SERVER), frame("1 ", REPLY)},
+        {"bound for the valid lifetimes, and enforced", held(), " | :1 bound 1/10 600s hw 80 | :100 bound 1/10 hw 80 | :101 bound 1/10 hw 80"},
         {"no role, nothing synchronised", std::to_string(world.calls("qorHwScalarSync").size()), "0"},
-        {"the first lease ends", pass_time(600), " | 0100 bound 3000 1/10 | 0101 bound 3000 1/10"},
+        {"the first lease ends", pass_time(600), " | :100 bound 1/10 600s ago hw 80 | :101 bound 1/10 600s ago hw 80"},
     });
     world.role(DHCPSNOOP_ROLE_MASTER);
-    through(hex_bytes(REPLY_18_37), SERVER);
+    through(hex_bytes(REPLY_18_37), FROM_SERVER);
     EXPECT_EQ(world.calls("qorHwScalarSync").size(), 2u) << "bound again by a master: the standby is told of each";
 }
 
@@ -206,8 +187,8 @@ TEST_F(Msg6, Stripped)
     slack.slack = Bytes(5, 0xEE);
     ends.payloadLen = 8 + 4 + 7 + 5;
     check({
-        {"every one of that code", whole(hex_bytes(REPLY_18_TWICE), SERVER), frame("1 ", REPLY)},
-        {"at the end of the message, both", whole(hex_bytes(ADVERTISE_18_37), SERVER), frame("1 ", ADVERTISE)},
+        {"every one of that code", whole(hex_bytes(REPLY_18_TWICE), FROM_SERVER), frame("1 ", REPLY)},
+        {"at the end of the message, both", whole(hex_bytes(ADVERTISE_18_37), FROM_SERVER), frame("1 ", ADVERTISE)},
         {"an option that claims more than there is goes to the end", stripped(server6(7, keep + opt6(18, {1, 2}, 65535))), reply(keep)},
         {"another that does stays", stripped(server6(7, opt6(18, {1}) + longer)), reply(longer)},
         {"a step of 65536 does not come round", stripped(server6(7, round)), reply(round)},
@@ -230,42 +211,42 @@ TEST_F(Msg6, LearnedFromWhichMessages)
         if (bound)
             obtain();
         world.now += 5;
-        return through(client6(type, ia_na(iaaddr(HOST, 7200))));
+        return through(client6(type, ia_na(iaaddr(HOST6, 7200))));
     };
     check({
-        {"SOLICIT and REQUEST ask", learned(1, false) + ", " + learned(3, false), "2 162 | 0100 asked 60 1/10, 2 162 | 0100 asked 60 1/10"},
+        {"SOLICIT and REQUEST ask", learned(1, false) + ", " + learned(3, false), "2 162 | :100 asked 1/10, 2 162 | :100 asked 1/10"},
         {"CONFIRM, RENEW, REBIND teach nothing", learned(4, false) + learned(5, false) + learned(6, false), "2 1622 1622 162"},
-        {"a bound client's REQUEST", learned(3, true), "2 162 | 0100 bound 3600 1/10"},
-        {"CONFIRM, RENEW of a bound client", learned(4, true) + ", " + learned(5, true), "2 162 | 0100 bound 3595 1/10, 2 162 | 0100 bound 3595 1/10"},
+        {"a bound client's REQUEST", learned(3, true), "2 162 | :100 bound 1/10 hw 80"},
+        {"CONFIRM, RENEW of a bound client", learned(4, true) + ", " + learned(5, true), "2 162 | :100 bound 1/10 5s ago hw 80, 2 162 | :100 bound 1/10 5s ago hw 80"},
         {"RELEASE and DECLINE", learned(8, true) + ", " + learned(9, true), "2 162, 2 162"},
-        {"RECONFIGURE is passed on", through(server6(10, opt6(19, {5})), SERVER), "1 71, 3 71"},
-        {"nor does a server's port teach anything of clients", through(client6(3, ia_na(iaaddr(HOST2, 60))), SERVER), ""},
-        {"asked", through(client6(3, ia_na(iaaddr(HOST, 60)))), "2 162 | 0100 asked 60 1/10"},
-        {"a rogue server", through(server6(7, ia_na(iaaddr(HOST, 9999)) + opt6(18, {1})), {.port = 3}), " | 0100 asked 60 1/10"},
-        {"bound", through(server6(7, ia_na(iaaddr(HOST, 3600))), SERVER), "1 110, 3 110 | 0100 bound 3600 1/10"},
-        {"time passes", pass_time(1800), " | 0100 bound 1800 1/10"},
-        {"REBIND: not the client", through(client6(6, ia_na(iaaddr(HOST, 0)))), "2 162 | 0100 bound 1800 1/10"},
-        {"but the server renews", through(server6(7, ia_na(iaaddr(HOST, 5000))), SERVER), "1 110, 3 110 | 0100 bound 5000 1/10"},
-        {"to its last second", pass_time(4999), " | 0100 bound 1 1/10"},
+        {"RECONFIGURE is passed on", through(server6(10, opt6(19, {5})), FROM_SERVER), "1 71, 3 71"},
+        {"nor does a server's port teach anything of clients", through(client6(3, ia_na(iaaddr(SECOND6, 60))), FROM_SERVER), ""},
+        {"asked", through(client6(3, ia_na(iaaddr(HOST6, 60)))), "2 162 | :100 asked 1/10"},
+        {"a rogue server", through(server6(7, ia_na(iaaddr(HOST6, 9999)) + opt6(18, {1})), {.port = 3}), " | :100 asked 1/10"},
+        {"bound", through(server6(7, ia_na(iaaddr(HOST6, 3600))), FROM_SERVER), "1 110, 3 110 | :100 bound 1/10 hw 80"},
+        {"time passes", pass_time(1800), " | :100 bound 1/10 1800s ago hw 80"},
+        {"REBIND: not the client", through(client6(6, ia_na(iaaddr(HOST6, 0)))), "2 162 | :100 bound 1/10 1800s ago hw 80"},
+        {"but the server renews", through(server6(7, ia_na(iaaddr(HOST6, 5000))), FROM_SERVER), "1 110, 3 110 | :100 bound 1/10 5000s hw 80"},
+        {"to its last second", pass_time(4999), " | :100 bound 1/10 5000s 4999s ago hw 80"},
         {"gone at the next scan", pass_time(60), ""},
     });
 }
 
-// What the IA options of one message do. The bindings of before: HOST bound, HOST2 asked for, ...::1 static.
+// What the IA options of one message do. The bindings of before: HOST6 bound, SECOND6 asked for, ...::1 static.
 TEST_F(Msg6, IaOptions)
 {
-    const std::string fixed = " | 0001 static 3600 1/10", host = " | 0100 bound 3600 1/10", host2 = " | 0101 asked 60 1/10", bound2 = " | 0101 bound 900 1/10";
-    const std::string all = fixed + host + host2, bound = fixed + host + bound2, only2 = fixed + host2; // bound: HOST2, too
-    const Bytes ok2 = iaaddr(HOST2, 900), gone = iaaddr(HOST, 0);
+    const std::string fixed = " | :1 static bound 1/10 of 02", host = " | :100 bound 1/10 hw 80", host2 = " | :101 asked 1/10", bound2 = " | :101 bound 1/10 900s hw 80";
+    const std::string all = fixed + host + host2, bound = fixed + host + bound2, only2 = fixed + host2; // bound: SECOND6, too
+    const Bytes ok2 = iaaddr(SECOND6, 900), gone = iaaddr(HOST6, 0);
     const auto ia = [this](uint8_t type, const Bytes &options) {
         SetUp();
         obtain();
-        through(client6(3, ia_na(iaaddr(HOST2, 60))));
+        through(client6(3, ia_na(iaaddr(SECOND6, 60))));
         make_binding(key6("2001:db8::1"), MAC_CLIENT2, 1, 10)->userType = DHCPSNOOP_USER_STATIC;
         port->curUser--;
         const bool fromServer = type == 2 || type == 7;
-        through(fromServer ? server6(type, options) : client6(type, options), fromServer ? SERVER : Arrival{});
-        return bindings() + (sent_summary().empty() ? " not forwarded" : "");
+        through(fromServer ? server6(type, options) : client6(type, options), fromServer ? FROM_SERVER : Arrival{});
+        return held() + (sent_summary().empty() ? " not forwarded" : "");
     };
     check({
         {"REPLY binds", ia(7, ia_na(ok2)), bound},
@@ -280,11 +261,11 @@ TEST_F(Msg6, IaOptions)
         {"NoAddrsAvail skips the IA and only that one, also behind the address", ia(7, ia_na(ok2 + status6(2)) + ia_ta(gone)), only2},
         {"the first status counts; Success does not skip", ia(7, ia_na(status6(0) + status6(2) + ok2)), bound},
         {"a status of one byte is none, nor is the message's", ia(7, status6(2) + ia_na(opt6(13, {2}) + ok2)), bound},
-        {"an address's failure deletes it", ia(7, ia_na(iaaddr(HOST, 60, status6(4)))), only2},
-        {"an address's Success binds it", ia(7, ia_na(iaaddr(HOST2, 900, status6(0)))), bound},
-        {"Kept: a failure holds for all later addresses of the message", ia(7, ia_na(iaaddr(HOST2, 900, status6(4))) + ia_ta(iaaddr(HOST, 60))), fixed},
-        {"until an address says otherwise", ia(7, ia_na(iaaddr(HOST, 60, status6(4)) + iaaddr(HOST2, 900, status6(0)))), fixed + bound2},
-        {"RELEASE of both", ia(8, ia_na(iaaddr(HOST, 60) + ok2)), fixed},
+        {"an address's failure deletes it", ia(7, ia_na(iaaddr(HOST6, 60, status6(4)))), only2},
+        {"an address's Success binds it", ia(7, ia_na(iaaddr(SECOND6, 900, status6(0)))), bound},
+        {"Kept: a failure holds for all later addresses of the message", ia(7, ia_na(iaaddr(SECOND6, 900, status6(4))) + ia_ta(iaaddr(HOST6, 60))), fixed},
+        {"until an address says otherwise", ia(7, ia_na(iaaddr(HOST6, 60, status6(4)) + iaaddr(SECOND6, 900, status6(0)))), fixed + bound2},
+        {"RELEASE of both", ia(8, ia_na(iaaddr(HOST6, 60) + ok2)), fixed},
         {"DECLINE of one", ia(9, ia_na(ok2)), fixed + host},
         {"SOLICIT with lifetime 0 gives up", ia(1, ia_na(gone)), only2},
         // Lengths that lie.
@@ -327,7 +308,7 @@ TEST_F(Msg6, AddressesOfOneIa)
 
 TEST_F(Msg6, ClientsPortByItsOption)
 {
-    const auto by = [this](const Bytes &options, uint32_t flags = BOTH) { return asking(flags, server6(2, options).bytes(), SERVER); };
+    const auto by = [this](const Bytes &options, uint32_t flags = BOTH) { return asking(flags, server6(2, options).bytes(), FROM_SERVER); };
     const auto templates = [&](const std::string &text, const Bytes &options) {
         built(0, "", 5, text);
         return by(options);
@@ -342,7 +323,7 @@ TEST_F(Msg6, ClientsPortByItsOption)
         {"18 decides when they differ", by(id18(PORT3) + id37(PORT1)), "3 66"},
         {"37 when 18 is of no port", by(id18({1, 2}) + id37(PORT3)), "3 72"},
         {"of another VLAN, another enterprise", by(id18(otherVlan)) + ", " + by(opt6(37, be32(9) + PORT1)), "1 90, 3 90, 1 94, 3 94"},
-        {"one byte short, and cut off by the end of the message", by(id18(all_but_one(PORT1))) + ", " + through(cut, SERVER), "1 89, 3 89, 1 89, 3 89"},
+        {"one byte short, and cut off by the end of the message", by(id18(all_but_one(PORT1))) + ", " + through(cut, FROM_SERVER), "1 89, 3 89, 1 89, 3 89"},
         {"none", by({}), "1 66, 3 66"},
         {"a port that asks for neither is found, and nothing stripped", by(id18(PORT1) + id37(PORT1), 0), "1 118"},
         {"a port that asks for 37 alone", by(id18(PORT1) + id37(PORT1), F37), "1 90"},
@@ -366,7 +347,7 @@ TEST_F(Msg6, TrunksRouterPortsAndVlanInterfaces)
     check({
         {"a client on a trunk: its tag stays in front of the options", fromTrunk, "2 " + hex(solicit.bytes())},
         {"towards a trunk", whole(client6(1).bytes()).substr(0, 56), "2 33 33 00 01 00 02 02 c1 00 00 00 01 81 00 00 0a 86 dd "},
-        {"the server gives them back with its own tag; found again by VLAN and port", through(reply, SERVER), "3 70"},
+        {"the server gives them back with its own tag; found again by VLAN and port", through(reply, FROM_SERVER), "3 70"},
         {"VLAN 20 alone, untagged", through(other, {.port = 2, .outer = 20}), "3 70, 4 66"},
     });
     SetUp();
@@ -375,17 +356,17 @@ TEST_F(Msg6, TrunksRouterPortsAndVlanInterfaces)
     world.members(10, {1, 2, 3, 5});
     port->flags |= DHCPSNOOP_IF_ROUTER;
     const Arrival from5 = {.port = 5, .inIf = 110};
-    const std::string onRouterPort = through(hex_bytes(ADVERTISE_18_37), SERVER), left = " | 0100 asked 60 5/10";
+    const std::string onRouterPort = through(hex_bytes(ADVERTISE_18_37), FROM_SERVER), left = " | :100 asked 5/10";
     DhcpsnoopIf *vlan = snoop(110, BOTH);
     set_flag_field(vlan, DHCPSNOOP_IF_VERSION, 3);
-    const std::string asked = through(client6(3, ia_na(iaaddr(HOST, 60))), from5), options = hex(sent_frame()).substr(3 * 110, 71);
+    const std::string asked = through(client6(3, ia_na(iaaddr(HOST6, 60))), from5), options = hex(sent_frame()).substr(3 * 110, 71);
     debug(1);
     check({
         {"a client on a router port", onRouterPort, "1 166, 2 166, 3 166, 5 166"},
         {"a client on a VLAN interface", asked, "2 162" + left},
         {"the location is the receiving interface's own, not that of the port", options, hex(id18(hex_bytes("01 06 00 06 00 0a 01 02 07 03 02 08 00 06 02 00 00 00 01 6e")))},
-        {"a reply found by the VLAN interface's options goes out of it", through(server6(2, hex_bytes(options)), SERVER), "110 70" + left},
-        {"one that names nobody goes to its members", through(server6(2), SERVER), "1 66, 2 66, 3 66, 5 66" + left},
+        {"a reply found by the VLAN interface's options goes out of it", through(server6(2, hex_bytes(options)), FROM_SERVER), "110 70" + left},
+        {"one that names nobody goes to its members", through(server6(2), FROM_SERVER), "1 66, 2 66, 3 66, 5 66" + left},
         {"a port that snoops by itself is not also handled through its VLAN", spoken(client6(1).bytes(), {.port = 1, .inIf = 110}, "Process"), "Process client packet.|MuxTk discords process the received packet!|Process pkt end."},
     });
     vlan->flags |= DHCPSNOOP_IF_TRUSTED;
@@ -398,10 +379,10 @@ TEST_F(Msg6, Texts)
     debug(1);
     check({
         {"a client's", spoken(hex_bytes(SOLICIT_18_37), {}, "Process"), "Process client packet.|Process each IA option, total num 1.|IA option type 3, len 12.|IA_ADDR option doesn't exist!|Send packet to server.|TPID of this interface is 0x0.|Send message to server, len is 154 buflen is 154.|Process pkt end."},
-        {"a server's", spoken(hex_bytes(ADVERTISE_18_37), SERVER, "Process", 134), "Process server packet!|Strip interface id option, client port 1.|Strip remote id option, client port 1.|Unicast packet to client port."},
-        {"to nobody", spoken(server6(2).bytes(), SERVER, "Process", 70), "Process server packet!|Broadcast packet to client.|Vlan 10 is disable!"},
-        {"a rogue server's", spoken(server6(7, ia_na(iaaddr(HOST, 0))).bytes(), {.port = 3}, "Process"), "Process server packet!|Port state is untrust, stop process!|Process pkt end."},
-        {"IAs", spoken(server6(7, ia_na(status6(2)) + ia_ta({}) + ia_na(iaaddr(HOST, 0) + iaaddr("::", 9))).bytes(), SERVER, "Process each", 298), "Process each IA option, total num 3.|IA option type 3, len 18.|Status code of IA option is not OK!|IA option type 4, len 4.|IA_ADDR option doesn't exist!|IA option type 3, len 68.|Get ip address 2001:db8::100 in IA_ADDR option, valid_time 0.|Delete user: ip is 2001:db8::100.|Delete the user entry:"},
+        {"a server's", spoken(hex_bytes(ADVERTISE_18_37), FROM_SERVER, "Process", 134), "Process server packet!|Strip interface id option, client port 1.|Strip remote id option, client port 1.|Unicast packet to client port."},
+        {"to nobody", spoken(server6(2).bytes(), FROM_SERVER, "Process", 70), "Process server packet!|Broadcast packet to client.|Vlan 10 is disable!"},
+        {"a rogue server's", spoken(server6(7, ia_na(iaaddr(HOST6, 0))).bytes(), {.port = 3}, "Process"), "Process server packet!|Port state is untrust, stop process!|Process pkt end."},
+        {"IAs", spoken(server6(7, ia_na(status6(2)) + ia_ta({}) + ia_na(iaaddr(HOST6, 0) + iaaddr("::", 9))).bytes(), FROM_SERVER, "Process each", 298), "Process each IA option, total num 3.|IA option type 3, len 18.|Status code of IA option is not OK!|IA option type 4, len 4.|IA_ADDR option doesn't exist!|IA option type 3, len 68.|Get ip address 2001:db8::100 in IA_ADDR option, valid_time 0.|Delete user: ip is 2001:db8::100.|Delete the user entry:"},
     });
     dhcp6snoop_process_each_ia_opt(nullptr, 0);
     dhcp6snoop_client_packet_recv(nullptr);
@@ -409,7 +390,7 @@ TEST_F(Msg6, Texts)
     // A frame of one version on the other's socket: the version nibble chose the parser, the socket the path.
     receive(client_frame(1).bytes(), {.etherType = 0x86DD});
     receive(server_frame(5).bytes(), {.port = 2, .etherType = 0x86DD});
-    receive(hex_bytes(REQUEST), {.etherType = 0x0800});
+    receive(hex_bytes(REQUEST6), {.etherType = 0x0800});
     EXPECT_EQ(through(hex_bytes(REPLY_18_37), {.port = 2, .etherType = 0x0800}), "");
 }
 // clang-format on

@@ -57,7 +57,7 @@ FRAMES = {
     'SOLICIT_37_18': client(solicit, client_id, elapsed, DHCP6OptIA_NA(iaid=7, T1=0, T2=0), remote_id, iface_id),
     'ADVERTISE': server(DHCP6_Advertise(trid=0x10A2B3), client_id, server_id, two),
     'ADVERTISE_18_37': server(DHCP6_Advertise(trid=0x10A2B3), client_id, server_id, two, iface_id, remote_id),
-    'REQUEST': client(request, client_id, server_id, two, temporary),
+    'REQUEST6': client(request, client_id, server_id, two, temporary),
     'REQUEST_18_37': client(request, client_id, server_id, two, temporary, iface_id, remote_id),
     'REPLY': server(reply, client_id, server_id, two, temporary),
     'REPLY_18_37': server(reply, client_id, server_id, iface_id, remote_id, two, temporary),
