@@ -1,423 +1,387 @@
-// The binding table and the MAC-user table.
-#include "daemon_test.h"
+// The binding table, the MAC-user table, and bindings in hardware and as events.
+#include "scene.h"
+
+#include <algorithm>
+
+#include "event_message.h"
 
 namespace
 {
 
-constexpr uint32_t HOST = ip4(10, 0, 0, 50);
+using User = Daemon;
+constexpr uint32_t IPSG = 1, DAI = 2;
+constexpr uint8_t DYNAMIC = 1, STATIC = 2, GUARD = 4;
 
-class User : public Daemon
-{
-  protected:
-    void SetUp() override { set_up(0); }
+DhcpsnoopIf *port(uint32_t ifIndex = 1) { return dhcpsnoop_if_lookup(ifIndex); }
 
-    void set_up(uint16_t userMax)
-    {
-        world.reset(0, userMax);
-        world.access(1, 10);
-        world.access(2, 10);
-        world.vlan_interface(110, 10);
-        port = snoop(1);
-    }
-
-    // A client's request for an address, learned directly.
-    static int32_t learn(uint32_t address, const Mac &mac, const Arrival &arrival = {})
-    {
-        Parsed parsed(Frame{.src = mac, .chaddr = mac, .options = opt_type(3) + opt_ip(54, ip4(10, 0, 0, 1)) + opt(60, hex_bytes("01 04 00 00 00 63")) + OPT_END}, arrival);
-        parsed.info.rxTime = static_cast<uint32_t>(world.now);
-        const DhcpsnoopUserKey key = key4(address);
-        return dhcpsnoop_user_add(&key, dhcpsnoop_user_lookup(&key), &parsed.info);
-    }
-
-    static DhcpsnoopUser *acknowledge(uint32_t address, const Bytes &options)
-    {
-        Parsed parsed(Frame{.op = 2, .yiaddr = address, .options = opt_type(5) + options + OPT_END}, {.port = 1});
-        parsed.info.rxTime = static_cast<uint32_t>(world.now);
-        uint8_t data[2][256] = {};
-        QorBuffer option125 = {data[0], 256}, bootFile = {data[1], 256};
-        return dhcpsnoop_user_update(&parsed.info, &option125, &bootFile);
-    }
-
-    DhcpsnoopIf *port = nullptr;
+const Word WORDS[] = {
+    {"port2", [] { port(2)->flags &= ~DHCPSNOOP_IF_TRUSTED; }},
+    {"trusted", [] { port()->flags |= DHCPSNOOP_IF_TRUSTED; }},
+    {"trusted-vlan", [] { port(110)->flags |= DHCPSNOOP_IF_TRUSTED; }},
+    {"asked", [] { make_binding(HOST, MAC_CLIENT, 1, 10)->bindState = DHCPSNOOP_BIND_REQUESTED, binding(HOST)->leaseTime = 60; }},
+    {"gateway", [] { memcpy(&binding(HOST)->gateway, Bytes{10, 0, 0, 254}.data(), 4); }},
+    {"ipv6", [] { make_binding(key6("a00:32::"), MAC_CLIENT, 1, 10)->gateway = 9; }},
+    {"hook", [] { gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback; }},
+    {"two-users", [] { port()->maxUser = 2; }},
+    {"two-in-vlan", [] { port(110)->maxUser = 2; }},
 };
+
+// The scene unless it is THEN, in which 100 s passed.
+void scene(const char *words)
+{
+    if (words != THEN)
+        prepare(words, WORDS);
+    world.now += words != THEN ? 100 : 0;
+    world.clear();
+}
+
+std::string counts() { return world_format(" | %u users", port()->curUser) + (port(110) == nullptr ? "" : world_format(", %u in the VLAN", port(110)->curUser)); }
+
+// What came of it: the result, what was done and held; texts() has what was logged and said of it.
+std::string result(int32_t value) { return std::to_string(value) + " " + outcome() + counts(); }
+
+std::string texts()
+{
+    std::string text;
+    for (const std::string &line : world.texts(Did::Log))
+        text += line.substr(0, line.size() - 2) + "|";
+    return text + said();
+}
+
+// A client's request for an address, learned directly.
+std::string learn(const char *words, const Arrival &arrival = {}, const Mac &mac = MAC_CLIENT, uint32_t address = HOST)
+{
+    scene(words);
+    Parsed parsed(Frame{.src = mac, .chaddr = mac, .options = opt_type(3) + opt_ip(54, SERVER) + opt(60, hex_bytes("01 04 00 00 00 63")) + OPT_END}, arrival);
+    parsed.info.rxTime = static_cast<uint32_t>(world.now);
+    const DhcpsnoopUserKey key = key4(address);
+    world.clear();
+    return result(dhcpsnoop_user_add(&key, dhcpsnoop_user_lookup(&key), &parsed.info));
+}
+
+// A server's acknowledgement.
+std::string acknowledge(const char *words, const Bytes &options, uint32_t address = HOST)
+{
+    scene(words);
+    Parsed parsed(Frame{.op = 2, .yiaddr = address, .options = opt_type(5) + options + OPT_END});
+    parsed.info.rxTime = static_cast<uint32_t>(world.now);
+    uint8_t data[2][256] = {};
+    QorBuffer option125 = {data[0], 256}, bootFile = {data[1], 256};
+    world.clear();
+    const DhcpsnoopUser *user = dhcpsnoop_user_update(&parsed.info, &option125, &bootFile);
+    return result(user == nullptr ? 0 : user == binding(HOST) ? 1 : -1);
+}
+
+std::string deleted(const char *words, DhcpsnoopUser *(*which)() = [] { return binding(HOST); })
+{
+    scene(words);
+    dhcpsnoop_user_delete(which());
+    return result(0) + " " + texts();
+}
+
+// clang-format off
+TEST_F(User, Learning)
+{
+    const Arrival onVlan = {.port = 3, .outer = 20, .inIf = 110}, inVlan20 = {.outer = 20};
+    check({
+        {"on a port", learn("vlan-if"), "0  | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN"},
+        {"told", texts(), "7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 10, leasetime 60.|User information: interface 1, vid 10, mac 02:c1:00:00:00:01, ip 10.0.0.50.|User do not exist, add it to user table."},
+        {"in a VLAN without VLAN interface", learn("vlan-if", inVlan20), "0  | .50 asked 1/20 by .1 | 1 users, 0 in the VLAN"},
+        {"on a trusted port", learn("trusted"), "0  | 0 users"},
+        {"told", texts(), "Received Boot-Request message on trust port, don't record user entry!"},
+        {"the VLAN's trust does not count", learn("vlan-if trusted-vlan"), "0  | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN"},
+        {"on a VLAN interface, trusted or not, from a port without entry", learn("vlan-if trusted-vlan", onVlan), "0  | .50 asked 3/10 by .1 | 0 users, 1 in the VLAN"},
+        {"on a VLAN interface, from a port with an entry", learn("vlan-if", {.outer = 20, .inIf = 110}), "0  | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN"},
+        {"on a VLAN interface, from a trusted port", learn("vlan-if trusted", {.inIf = 110}), "0  | 0 users, 0 in the VLAN"},
+        {"nothing changed", learn("bound"), "0  | .50 bound 1/10 | 1 users"},
+        {"told", said().substr(76), "User entry is already exist!"},
+        {"another MAC", learn("bound", {}, MAC_CLIENT2), "0  | .50 asked 1/10 of 02 by .1 | 1 users"},
+        {"another port", learn("bound port2", {.port = 2}), "0  | .50 asked 2/10 by .1 | 0 users"},
+        {"another VLAN", learn("bound", inVlan20), "0  | .50 asked 1/20 by .1 | 1 users"},
+        {"told", texts(), "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50|7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 20, leasetime 60.|User information: interface 1, vid 20, mac 02:c1:00:00:00:01, ip 10.0.0.50.|User entry is already exist!|User information is changed, delete it!|Delete the user entry: ip is 10.0.0.50.|User do not exist, add it to user table."},
+        {"a static entry is never displaced", learn("static", {}, MAC_CLIENT2), "0  | .50 static bound 1/10 100s ago | 0 users"},
+        {"told", texts(), "User information: interface 1, vid 10, mac 02:c1:00:00:00:02, ip 10.0.0.50.|User entry is already exist!|Static user is already exist, return!"},
+        {"nor an IP source guard entry", learn("ipsg", {}, MAC_CLIENT2), "0  | .50 ipsg bound 1/10 100s ago | 0 users"},
+        {"two are the limit", learn("two-users bound", {}, MAC_CLIENT, HOST + 1), "0  | .50 bound 1/10 100s ago | .51 asked 1/10 by .1 | 2 users"},
+        {"a third is not taken", learn(THEN, {}, MAC_CLIENT, HOST + 2), "-1  | .50 bound 1/10 100s ago | .51 asked 1/10 by .1 | 2 users"},
+        {"told", said().substr(76), "Number of users on the interface exceeds the limit!"},
+        {"a changed one is: its old entry makes room", learn(THEN, {}, MAC_CLIENT2, HOST + 1), "0  | .50 bound 1/10 100s ago | .51 asked 1/10 of 02 by .1 | 2 users"},
+        // The VLAN has a limit of its own; a port without entry has none.
+        {"the VLAN's second", learn("vlan-if bound two-in-vlan", onVlan, MAC_CLIENT, HOST + 1), "0  | .50 bound 1/10 100s ago | .51 asked 3/10 by .1 | 1 users, 2 in the VLAN"},
+        {"not a third, neither on the port", learn(THEN, onVlan, MAC_CLIENT, HOST + 2).substr(0, 2) + learn(THEN, {}, MAC_CLIENT, HOST + 2).substr(0, 2), "-1-1"},
+        {"Kept: a changed entry is gone before the limit is looked at", learn("vlan-if bound no-users", {}, MAC_CLIENT2), "-1  | 0 users, 0 in the VLAN"},
+    });
+    prepare("");
+    world.ports[1].name = std::string(70, 'n'); // a description longer than its room; then every field of the entry
+    learn(THEN);
+    EXPECT_NE(texts().find(", interface " + std::string(63, 'n') + ", vlan 10, "), std::string::npos);
+    EXPECT_NE(world_state().find(world_format("vid 10/10 if 1 lease 60 from %u hw 00 type 1 state 4 mark 30 attr 0 mac 02 c1 00 00 00 01 ids 0 0 gw 00000000 tag 00000063 source 0 0 items 00 00 server 0a000001\n", static_cast<uint32_t>(world.now))), std::string::npos);
+    const DhcpsnoopUserKey key = key4(HOST + 1);
+    Parsed nobody(Frame{});
+    nobody.info.chaddr = nullptr;
+    EXPECT_EQ(dhcpsnoop_user_add(nullptr, nullptr, nullptr) + dhcpsnoop_user_add(&key, nullptr, nullptr) + dhcpsnoop_user_add(&key, nullptr, &nobody.info), -2);
+}
+
+TEST_F(User, AcknowledgedAndDeleted)
+{
+    check({
+        {"announced, handed to the hook, installed, in this order", acknowledge("guarded hook asked", opt_lease(7200) + opt_ip(3, RELAY)), "1 qorNetlinkSend 16 0 72, deftinstall ip 0a000032 tag 00000000 mac 02 c1 00 00 00 01 one 1 add 1, 256 256, hw +1 .50 f0/80 | .50 bound 1/10 7200s hw 80 | 1 users"},
+        {"no lease option: the provisional lease stays", acknowledge("asked", {}), "1  | .50 asked 1/10 100s ago | 1 users"},
+        {"told", texts(), "User entry is already exist, update the entry information."},
+        {"an endless lease", acknowledge("asked", opt_lease(0xFFFFFFFF)), "1  | .50 bound 1/10 4294967295s | 1 users"},
+        {"a router alone", acknowledge("asked", opt_ip(3, RELAY)), "1 qorNetlinkSend 16 0 72 | .50 asked 1/10 100s ago | 1 users"},
+        {"in network order", world_hex(reinterpret_cast<const uint8_t *>(&binding(HOST)->gateway), 4), "0a 00 00 fe"},
+        {"no address", acknowledge("asked", opt_lease(9), 0), "0  | .50 asked 1/10 100s ago | 1 users"},
+        {"told", texts(), "Client ip address is zero,return!"},
+        {"an address that nobody asked for creates nothing", acknowledge("asked", opt_lease(9), HOST + 1), "0  | .50 asked 1/10 100s ago | 1 users"},
+        {"told", texts(), "User entry 10.0.0.51 isn't exist!"},
+        {"a static entry is not changed", acknowledge("static", opt_lease(9) + opt_ip(3, RELAY)), "0  | .50 static bound 1/10 100s ago | 0 users"},
+        {"told", texts(), "There is a static entry with the same ip address!"},
+        {"nor an IP source guard entry", acknowledge("ipsg", opt_lease(9)), "0  | .50 ipsg bound 1/10 100s ago | 0 users"},
+        {"deleted: the hook is told only whose it was", deleted("hook vlan-if bound gateway").substr(0, 278), "0 qorNetlinkSend 16 0 72, deftinstall ip 00000000 tag 00000000 mac 02 c1 00 00 00 01 one 0 add 0, null null | 0 users, 0 in the VLAN 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50|Delete the user entry: ip is 10.0.0.50.| Send notify: event 189|Notify delete user: "},
+        {"without gateway", deleted("hook vlan-if bound"), "0  | 0 users, 0 in the VLAN 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50|Delete the user entry: ip is 10.0.0.50."},
+        {"IPv6", deleted("hook ipv6", [] { return binding("a00:32::"); }), "0  | 0 users 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip a00:32::|Delete the user entry: ip is a00:32::."},
+        {"static", deleted("hook bound static gateway").substr(0, 88), "0  | .50 bound 1/10 100s ago | 1 users 7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip"},
+        {"IP source guard", deleted("hook bound ipsg gateway").substr(0, 88), "0  | .50 bound 1/10 100s ago | 1 users 7 1 [DHCPSNOOP] Delete other dhcpsnoop entry: ip "},
+        {"a count of 0 stays; no port, no binding", deleted("", [] { return make_binding(HOST, MAC_CLIENT, 77, 20); }).substr(0, 13) + deleted(THEN, [] { return make_binding(HOST, MAC_CLIENT, 1, 10) + 0 * port()->curUser--; }).substr(0, 13) + deleted(THEN).substr(0, 13), "0  | 0 users 0  | 0 users 0  | 0 users "},
+    });
+    EXPECT_EQ(dhcpsnoop_user_update(nullptr, nullptr, nullptr), nullptr);
+}
 
 TEST_F(User, KeysAndBuckets)
 {
     DhcpsnoopUserKey a = key4(ip4(10, 0, 0, 1)), b = key4(ip4(1, 0, 0, 10)), six = a;
     six.ipType = DHCPSNOOP_IPV6;
-    six.ipAddr[15] = 0;
     const DhcpsnoopUserKey high = key4(0xFFFFFFFF), most = key6("ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
-    for (const auto &[key, bucket] : {std::pair<const DhcpsnoopUserKey *, uint32_t>{&a, 11u}, {&b, 11u}, {&six, 11u}, {&high, 1020u % 63}, {&most, 4080u % 63}})
-        EXPECT_EQ(dhcpsnoop_user_hash_key(key), bucket);
-
-    // Same bucket, same first bytes: three entries, each found.
+    std::string buckets;
+    for (const DhcpsnoopUserKey &key : {a, b, six, high, most})
+        buckets += world_format("%u ", dhcpsnoop_user_hash_key(&key));
+    EXPECT_EQ(buckets, "11 11 11 12 48 "); // the sum of the address's bytes, modulo 63
     DhcpsnoopUser *users[] = {dhcpsnoop_user_table_add(&a), dhcpsnoop_user_table_add(&b), dhcpsnoop_user_table_add(&six)};
-    EXPECT_EQ(dhcpsnoop_user_lookup(&a), users[0]);
-    EXPECT_EQ(dhcpsnoop_user_lookup(&b), users[1]);
-    EXPECT_EQ(dhcpsnoop_user_lookup(&six), users[2]);
-    six.ipAddr[15] = 1;
-    EXPECT_EQ(dhcpsnoop_user_lookup(&six), nullptr); // 16 bytes are compared
-    a.ipAddr[15] = 1;
-    EXPECT_EQ(dhcpsnoop_user_lookup(&a), users[0]); // 4 bytes are compared
-    EXPECT_EQ(dhcpsnoop_user_lookup(nullptr), nullptr);
-    EXPECT_EQ(dhcpsnoop_user_table_add(nullptr), nullptr);
-    // The newest stands first in its bucket.
-    EXPECT_EQ(gDhcpsnoop.userHash[11].next, users[2]);
-}
-
-TEST_F(User, EntryIsZeroedButForItsKey)
-{
-    DhcpsnoopUserKey key = key4(HOST);
-    key.reserved[1] = 7;
-    DhcpsnoopUser *user = dhcpsnoop_user_table_add(&key);
-    memset(static_cast<void *>(user->mac), 0xAA, 6);
-    user->serverId = user->daiHwId = user->gateway = 9;
-    dhcpsnoop_user_delete(user);
-    ASSERT_EQ(dhcpsnoop_user_table_add(&key), user); // the node freed last is taken first
-    EXPECT_EQ(memcmp(&user->key, &key, sizeof key), 0);
-    EXPECT_EQ(world_hex(user->mac, 6), "00 00 00 00 00 00");
-    EXPECT_TRUE(user->serverId == 0 && user->daiHwId == 0 && user->gateway == 0 && user->userType == 0);
-}
-
-TEST_F(User, Learning)
-{
-    debug(1);
-    world.ports[1].name = std::string(70, 'n'); // a description longer than its room
-    EXPECT_EQ(learn(HOST, MAC_CLIENT), 0);
-    const DhcpsnoopUser *user = binding(HOST);
-    ASSERT_NE(user, nullptr);
-    EXPECT_TRUE(user->vid == 10 && user->origVid == 10 && user->ifIndex == 1 && user->macMark == 0x30);
-    EXPECT_TRUE(user->leaseTime == 60 && user->leaseStart == static_cast<uint32_t>(world.now) && user->userType == 1 && user->bindState == 4);
-    EXPECT_EQ(world_hex(user->mac, 6), "02 c1 00 00 00 01");
-    EXPECT_TRUE(user->vendorTag == 99 && user->serverId == ip4(10, 0, 0, 1));
-    EXPECT_EQ(user->hwFlags, 0);
-    EXPECT_EQ(port->curUser, 1);
-    EXPECT_EQ(world.texts(Did::Log),
-              Lines{"7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface " + std::string(63, 'n') + ", vlan 10, leasetime 60.\r\n"});
-    EXPECT_TRUE(printed("[DHCPSNOOP] User information: interface 1, vid 10, mac 02:c1:00:00:00:01, ip 10.0.0.50.\r\n"));
-    EXPECT_EQ(world.questions("nmGetIfPartDescr"), Lines{"nmGetIfPartDescr 1 63"});
-    EXPECT_EQ(world.calls(), Lines{}); // nothing is installed or announced yet
-
-    EXPECT_EQ(dhcpsnoop_user_add(nullptr, nullptr, nullptr), 0);
-    const DhcpsnoopUserKey key = key4(HOST + 1);
-    EXPECT_EQ(dhcpsnoop_user_add(&key, nullptr, nullptr), -1);
-    Parsed parsed(Frame{});
-    parsed.info.chaddr = nullptr;
-    EXPECT_EQ(dhcpsnoop_user_add(&key, nullptr, &parsed.info), -1);
-    EXPECT_EQ(count_bindings(), 1u);
-}
-
-TEST_F(User, PlaceTrustAndCounts)
-{
-    constexpr uint32_t T = DHCPSNOOP_IF_TRUSTED;
-    const struct {
-        const char *claim;
-        uint32_t portFlags, vlanFlags;
-        bool onVlanIf;
-        Arrival arrival;
-        const char *place; // "" = not recorded
-        uint16_t portCount, vlanCount;
-    } rows[] = {
-        {"on a port", 0, 0, false, {.outer = 10}, "if 1 vid 10", 1, 1},
-        {"in a VLAN without VLAN interface", 0, 0, false, {.outer = 20}, "if 1 vid 20", 1, 0},
-        {"on a trusted port", T, 0, false, {.outer = 10}, "", 0, 0},
-        {"the VLAN's trust does not count", 0, T, false, {.outer = 10}, "if 1 vid 10", 1, 1},
-        {"on a VLAN interface, from a port without entry", 0, 0, true, {.port = 2, .outer = 20, .inIf = 110}, "if 2 vid 10", 0, 1},
-        {"on a trusted VLAN interface", 0, T, true, {.port = 2, .outer = 20, .inIf = 110}, "if 2 vid 10", 0, 1},
-        {"on a VLAN interface, from a port with one", 0, 0, true, {.port = 1, .outer = 20, .inIf = 110}, "if 1 vid 10", 1, 1},
-        {"on a VLAN interface, from a trusted port", T, 0, true, {.port = 1, .outer = 20, .inIf = 110}, "", 0, 0},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        SetUp();
-        DhcpsnoopIf *vlan = snoop(110, row.vlanFlags);
-        port->flags |= row.portFlags;
-        debug(1);
-        EXPECT_EQ(learn(HOST, MAC_CLIENT, row.arrival), 0);
-        const DhcpsnoopUser *user = binding(HOST);
-        EXPECT_EQ(user == nullptr ? "" : world_format("if %u vid %u", user->ifIndex, user->vid), row.place);
-        EXPECT_EQ(port->curUser, row.portCount);
-        EXPECT_EQ(vlan->curUser, row.vlanCount);
-        EXPECT_EQ(printed("[DHCPSNOOP] Received Boot-Request message on trust port, don't record user entry!\r\n"), user == nullptr);
-        dhcpsnoop_user_delete(binding(HOST));
-        EXPECT_TRUE(port->curUser == 0 && vlan->curUser == 0);
-
-        // A MAC user is made in the same place, whatever trust and limits say.
-        port->maxUser = 0;
-        Parsed parsed(Frame{}, row.arrival);
-        const DhcpsnoopMacUser *waiting = dhcpsnoop_mac_user_add(&parsed.info);
-        ASSERT_NE(waiting, nullptr);
-        const std::string place = world_format("if %u vid %u", waiting->ifIndex, waiting->vid);
-        if (*row.place != '\0') {
-            EXPECT_EQ(place, row.place);
-        }
-        EXPECT_TRUE(port->curUser == 0 && vlan->curUser == 0);
-    }
-}
-
-TEST_F(User, KnownClientAsksAgain)
-{
-    const char *CHANGED = "User information is changed, delete it!", *FIXED = "Static user is already exist, return!";
-    // claim, userType, mac, arrival, refreshed, replaced, text
-    const std::tuple<const char *, uint8_t, Mac, Arrival, bool, bool, const char *> rows[] = {
-        {"nothing changed", 1, MAC_CLIENT, {}, true, false, "User entry is already exist!"},
-        {"another MAC", 1, MAC_CLIENT2, {}, false, true, CHANGED},
-        {"another VLAN", 1, MAC_CLIENT, {.outer = 20}, false, true, CHANGED},
-        {"another port", 1, MAC_CLIENT, {.port = 2}, false, true, CHANGED},
-        {"a static entry is never displaced", 2, MAC_CLIENT2, {}, false, false, FIXED},
-        {"nor an IP source guard entry", 4, MAC_CLIENT2, {}, false, false, FIXED},
-    };
-    for (const auto &[claim, userType, mac, arrival, refreshed, replaced, text] : rows) {
-        SCOPED_TRACE(claim);
-        SetUp();
-        snoop(2);
-        DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 1, 10);
-        user->userType = userType;
-        const uint32_t before = user->leaseStart;
-        world.now += 100;
-        debug(1);
-        EXPECT_EQ(learn(HOST, mac, arrival), 0);
-        EXPECT_TRUE(printed(std::string("[DHCPSNOOP] ") + text + "\r\n"));
-        user = binding(HOST);
-        ASSERT_NE(user, nullptr);
-        EXPECT_EQ(user->leaseTime, replaced ? 60u : 3600u);
-        EXPECT_EQ(user->bindState, replaced ? 4 : 1);
-        EXPECT_EQ(user->leaseStart, before + (refreshed || replaced ? 100 : 0));
-        EXPECT_EQ(world.texts(Did::Log).size(), replaced ? 2u : 0u);
-        EXPECT_EQ(world_check_tables(userType == 1), "");
-    }
-}
-
-TEST_F(User, Limits)
-{
-    debug(1);
-    port->maxUser = 2;
-    EXPECT_EQ(learn(HOST, MAC_CLIENT), 0);
-    EXPECT_EQ(learn(HOST + 1, MAC_CLIENT), 0);
-    EXPECT_FALSE(printed("[DHCPSNOOP] Number of users on the interface exceeds the limit!\r\n"));
-    EXPECT_EQ(learn(HOST + 2, MAC_CLIENT), -1);
-    EXPECT_TRUE(printed("[DHCPSNOOP] Number of users on the interface exceeds the limit!\r\n"));
-    EXPECT_EQ(learn(HOST, MAC_CLIENT), 0);  // a repeated request
-    EXPECT_EQ(learn(HOST, MAC_CLIENT2), 0); // a changed one: its old entry makes room
-    EXPECT_EQ(port->curUser, 2);
-
-    // The VLAN has a limit of its own; a port without entry has none.
-    DhcpsnoopIf *vlan = snoop(110);
-    vlan->maxUser = 1;
-    EXPECT_EQ(learn(HOST + 3, MAC_CLIENT, {.port = 2, .inIf = 110}), 0);
-    EXPECT_EQ(learn(HOST + 4, MAC_CLIENT, {.port = 2, .inIf = 110}), -1);
-    port->maxUser = 5;
-    EXPECT_EQ(learn(HOST + 4, MAC_CLIENT), -1);
-    EXPECT_EQ(learn(HOST + 4, MAC_CLIENT, {.outer = 20}), 0);
-    EXPECT_EQ(count_bindings(), 4u);
-
-    // Kept: a changed entry is gone before the limit is looked at.
-    vlan->maxUser = 0;
-    EXPECT_EQ(learn(HOST + 4, MAC_CLIENT2), -1);
-    EXPECT_EQ(binding(HOST + 4), nullptr);
-}
-
-TEST_F(User, PoolIsSharedWithMacUsers)
-{
-    set_up(2);
-    debug(1);
-    const Parsed parsed(Frame{});
-    ASSERT_EQ(learn(HOST, MAC_CLIENT), 0);
-    dhcpsnoop_user_delete(binding(HOST));
-    DhcpsnoopMacUser *waiting = dhcpsnoop_mac_user_add(&parsed.info); // in the node of that binding
-    const Bytes rest(sizeof(DhcpsnoopUser) - sizeof *waiting);
-    EXPECT_EQ(Bytes(reinterpret_cast<uint8_t *>(waiting + 1), reinterpret_cast<uint8_t *>(waiting) + sizeof(DhcpsnoopUser)), rest);
-    EXPECT_EQ(learn(HOST, MAC_CLIENT), 0);
-    EXPECT_EQ(learn(HOST + 1, MAC_CLIENT), -1);
-    EXPECT_EQ(debug_texts().back(), "[DHCPSNOOP] Can't allocate memory for user entry!\r\n");
-    EXPECT_EQ(port->curUser, 1);
-    EXPECT_EQ(dhcpsnoop_mac_user_add(&parsed.info), nullptr);
-    EXPECT_EQ(debug_texts().back(), "[DHCPSNOOP] Can't allocate memory for mac user entry!\r\n");
-    dhcpsnoop_mac_user_delete(waiting);
-    EXPECT_EQ(learn(HOST + 1, MAC_CLIENT), 0);
-}
-
-TEST_F(User, AcknowledgementBinds)
-{
-    gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback;
-    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
-    world.ipsg[1] = {.items = 0x80};
-    learn(HOST, MAC_CLIENT);
-    world.now += 5;
-    world.clear();
-    debug(1);
-    DhcpsnoopUser *user = acknowledge(HOST, opt_lease(7200) + opt_ip(3, ip4(10, 0, 0, 254)));
-    ASSERT_EQ(user, binding(HOST));
-    EXPECT_EQ(user->leaseTime, 7200u);
-    EXPECT_EQ(user->leaseStart, static_cast<uint32_t>(world.now));
-    EXPECT_EQ(user->bindState, 1);
-    EXPECT_EQ(world_hex(reinterpret_cast<const uint8_t *>(&user->gateway), 4), "0a 00 00 fe"); // network order
-    const Lines calls = world.calls();
-    ASSERT_EQ(calls.size(), 3u); // announced, handed to the hook, installed: in this order
-    EXPECT_EQ(calls[0], "qorNetlinkSend 16 0 72");
-    EXPECT_EQ(calls[1], "deftinstall ip 0a000032 tag 00000063 mac 02 c1 00 00 00 01 one 1 add 1, 256 256");
-    EXPECT_EQ(calls[2].substr(0, 8), "hw add 1");
-    EXPECT_EQ(hex(world.all(Did::Call)[1]->data), hex(Bytes(12, 0)));
-    EXPECT_TRUE(printed("[DHCPSNOOP] User entry is already exist, update the entry information.\r\n"));
-
-    // Deleted again: withdrawn, announced, the hook told only whose it was.
-    world.clear();
-    debug(1);
-    dhcpsnoop_user_delete(user);
-    ASSERT_EQ(world.calls().size(), 3u);
-    EXPECT_EQ(world.calls()[0].substr(0, 11), "hw delete 1");
-    EXPECT_EQ(world.calls()[1], "qorNetlinkSend 16 0 72");
-    EXPECT_EQ(world.calls()[2], "deftinstall ip 00000000 tag 00000000 mac 02 c1 00 00 00 01 one 0 add 0, null null");
-    EXPECT_EQ(world.texts(Did::Log), Lines{"7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n"});
-    EXPECT_TRUE(printed("[DHCPSNOOP] Delete the user entry: ip is 10.0.0.50.\r\n"));
-}
-
-TEST_F(User, AcknowledgementOfWhat)
-{
-    const char *UPDATED = "User entry is already exist, update the entry information.", *FIXED = "There is a static entry with the same ip address!";
-    // claim, acknowledged, userType, options, updated, leaseTime, bindState, announced, text
-    const std::tuple<const char *, uint32_t, uint8_t, Bytes, bool, uint32_t, uint8_t, bool, const char *> rows[] = {
-        {"no lease option: the provisional lease stays", HOST, 1, {}, true, 60, 4, false, UPDATED},
-        {"a lease of 0 is none", HOST, 1, opt_lease(0), true, 60, 4, false, UPDATED},
-        {"an endless lease", HOST, 1, opt_lease(0xFFFFFFFF), true, 0xFFFFFFFF, 1, false, UPDATED},
-        {"a router alone", HOST, 1, opt_ip(3, 9), true, 60, 4, true, UPDATED},
-        {"no address", 0, 1, opt_lease(9), false, 60, 4, false, "Client ip address is zero,return!"},
-        {"an address that nobody asked for creates nothing", HOST + 1, 1, opt_lease(9), false, 60, 4, false, "User entry 10.0.0.51 isn't exist!"},
-        {"a static entry is not changed", HOST, 2, opt_lease(9) + opt_ip(3, 9), false, 60, 4, false, FIXED},
-        {"an IP source guard entry is not changed", HOST, 4, opt_lease(9), false, 60, 4, false, FIXED},
-    };
-    for (const auto &[claim, acknowledged, userType, options, updated, leaseTime, bindState, announced, text] : rows) {
-        SCOPED_TRACE(claim);
-        SetUp();
-        learn(HOST, MAC_CLIENT);
-        DhcpsnoopUser *user = binding(HOST);
-        user->userType = userType;
-        const uint32_t start = user->leaseStart;
-        world.now += 50;
-        world.clear();
-        debug(1);
-        EXPECT_EQ(acknowledge(acknowledged, options), updated ? user : nullptr);
-        EXPECT_EQ(user->leaseTime, leaseTime);
-        EXPECT_EQ(user->bindState, bindState);
-        EXPECT_EQ(user->leaseStart != start, bindState == 1);
-        EXPECT_EQ(user->gateway != 0, announced);
-        EXPECT_EQ(world.calls("qorNetlinkSend").size(), announced ? 1u : 0u);
-        EXPECT_TRUE(printed(std::string("[DHCPSNOOP] ") + text + "\r\n"));
-        EXPECT_EQ(count_bindings(), 1u);
-    }
-    EXPECT_EQ(dhcpsnoop_user_update(nullptr, nullptr, nullptr), nullptr);
-}
-
-TEST_F(User, DeletionOfWhat)
-{
-    gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback;
-    const struct {
-        const char *claim;
-        uint8_t ipType, userType, hwFlags;
-        uint32_t gateway;
-        const char *word;
-        bool announced, counted;
-    } rows[] = {
-        {"dynamic with gateway", 1, 1, 0, 9, "dynamic", true, true},
-        {"dynamic without gateway", 1, 1, 0, 0, "dynamic", false, true},
-        {"IPv6", 2, 1, 0, 9, "dynamic", false, true},
-        {"static", 1, 2, 0, 9, "static", false, false},
-        {"IP source guard", 1, 4, 0, 9, "other", false, false},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        SetUp();
-        gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback;
-        DhcpsnoopIf *vlan = snoop(110);
-        DhcpsnoopUserKey key = key4(HOST);
-        key.ipType = row.ipType;
-        DhcpsnoopUser *user = dhcpsnoop_user_table_add(&key);
-        user->userType = row.userType;
-        user->gateway = row.gateway;
-        user->ifIndex = 1;
-        user->vid = 10;
-        port->curUser = vlan->curUser = 3;
-        dhcpsnoop_user_delete(user);
-        EXPECT_EQ(count_bindings(), 0u);
-        const char *address = row.ipType == 1 ? "10.0.0.50" : "a00:32::";
-        EXPECT_EQ(world.texts(Did::Log), Lines{world_format("7 1 [DHCPSNOOP] Delete %s dhcpsnoop entry: ip %s\r\n", row.word, address)});
-        EXPECT_EQ(world.calls("qorNetlinkSend").size(), row.announced ? 1u : 0u);
-        EXPECT_EQ(world.calls("deftinstall").size(), row.announced ? 1u : 0u);
-        EXPECT_EQ(port->curUser, row.counted ? 2 : 3);
-        EXPECT_EQ(vlan->curUser, row.counted ? 2 : 3);
-    }
-    // A count of 0 stays, an absent interface is no fault.
-    SetUp();
-    DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 1, 10);
-    port->curUser = 0;
-    dhcpsnoop_user_delete(user);
-    EXPECT_EQ(port->curUser, 0);
-    dhcpsnoop_user_delete(make_binding(HOST, MAC_CLIENT, 77, 10));
-    dhcpsnoop_user_delete(nullptr);
+    EXPECT_TRUE(dhcpsnoop_user_lookup(&a) == users[0] && dhcpsnoop_user_lookup(&b) == users[1] && dhcpsnoop_user_lookup(&six) == users[2]);
+    EXPECT_EQ(gDhcpsnoop.userHash[11].next, users[2]) << "the newest stands first in its bucket";
+    six.ipAddr[15] = a.ipAddr[15] = 1;
+    EXPECT_TRUE(dhcpsnoop_user_lookup(&six) == nullptr && dhcpsnoop_user_lookup(&a) == users[0]) << "16 bytes are compared, or 4";
+    EXPECT_TRUE(dhcpsnoop_user_lookup(nullptr) == nullptr && dhcpsnoop_user_table_add(nullptr) == nullptr);
 }
 
 TEST_F(User, Query)
 {
-    DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 1, 10);
+    prepare("bound");
     make_binding(HOST + 1, MAC_CLIENT2, 2, 20);
     const DhcpsnoopUserQuery right = {.ipAddr = {10, 0, 0, 50}, .ifIndex = 1, .mac = {2, 0xC1, 0, 0, 0, 1}, .vid = 10, .ipType = 1, .mask = 0xF0};
-    // claim, change, without (the mask that does not ask for it)
-    const std::tuple<const char *, void (*)(DhcpsnoopUserQuery &), uint32_t> rows[] = {
-        {"another address", [](DhcpsnoopUserQuery &q) { q.ipAddr[3] = 9; }, 0x70},
-        {"16 bytes of the address count", [](DhcpsnoopUserQuery &q) { q.ipAddr[15] = 1; }, 0x70},
-        {"another type", [](DhcpsnoopUserQuery &q) { q.ipType = 2; }, 0x70},
-        {"another MAC", [](DhcpsnoopUserQuery &q) { q.mac[0] = 9; }, 0xB0},
-        {"another VLAN", [](DhcpsnoopUserQuery &q) { q.vid = 20; }, 0xD0},
-        {"another port", [](DhcpsnoopUserQuery &q) { q.ifIndex = 2; }, 0xE0},
-        {"nothing that is there", [](DhcpsnoopUserQuery &q) { q = {}, q.mask = 0xF0; }, 0},
-    };
-    for (const auto &[claim, change, without] : rows) {
-        SCOPED_TRACE(claim);
-        DhcpsnoopUserQuery query = right;
-        EXPECT_EQ(dhcpsnoop_user_get(&query), 0);
-        change(query);
-        EXPECT_EQ(dhcpsnoop_user_get(&query), -1);
-        query.mask = static_cast<decltype(query.mask)>(without);
-        EXPECT_EQ(dhcpsnoop_user_get(&query), 0);
+    DhcpsnoopUserQuery address = right, end = right, type = right, mac = right, vlan = right, ifIndex = right, second = right;
+    address.ipAddr[3] = 9, end.ipAddr[15] = 1, type.ipType = 2, mac.mac[0] = 9, vlan.vid = 20, ifIndex.ifIndex = second.ifIndex = 2;
+    std::string found;
+    for (const auto &[query, without] : {std::pair{&right, 0xF0}, {&address, 0x70}, {&end, 0x70}, {&type, 0x70}, {&mac, 0xB0}, {&vlan, 0xD0}, {&ifIndex, 0xE0}}) {
+        DhcpsnoopUserQuery other = *query;
+        other.mask = static_cast<uint8_t>(without); // does not ask for what is wrong
+        found += world_format("%d %d, ", dhcpsnoop_user_get(query), dhcpsnoop_user_get(&other));
     }
-    DhcpsnoopUserQuery otherPort = {};
-    otherPort.ifIndex = 2, otherPort.mask = 0x10;
-    EXPECT_EQ(dhcpsnoop_user_get(&otherPort), 0);
-    dhcpsnoop_user_delete(user);
-    dhcpsnoop_user_delete(binding(HOST + 1));
+    EXPECT_EQ(found, "0 0, -1 0, -1 0, -1 0, -1 0, -1 0, -1 0, ");
+    second.mask = 0x10;
+    EXPECT_EQ(dhcpsnoop_user_get(&second), 0) << "the second binding by its port alone";
+    world.reset();
     const DhcpsnoopUserQuery any = {};
-    EXPECT_EQ(dhcpsnoop_user_get(&any), -1);
-    EXPECT_EQ(dhcpsnoop_user_get(nullptr), -1);
+    EXPECT_EQ(dhcpsnoop_user_get(&any) + dhcpsnoop_user_get(nullptr), -2);
 }
 
 TEST_F(User, MacUsers)
 {
-    const Mac a = {0, 0, 0, 0, 1, 2}, b = {0, 0, 0, 0, 2, 1}, high = {255, 255, 255, 255, 255, 255};
-    EXPECT_EQ(dhcpsnoop_mac_user_hash(a.data()), 3u);
-    EXPECT_EQ(dhcpsnoop_mac_user_hash(b.data()), 3u);
-    EXPECT_EQ(dhcpsnoop_mac_user_hash(high.data()), 1530u % 63);
-    Parsed first(Frame{.chaddr = a, .options = opt_type(3) + opt_ip(54, 77) + OPT_END}),
-        second(Frame{.chaddr = b});
-    first.info.rxTime = 1234;
+    const Mac a = {0, 0, 0, 0, 1, 2}, b = {0, 0, 0, 0, 2, 1}, last = {0, 0, 0, 0, 1, 2 + 63}; // one bucket
+    EXPECT_EQ(world_format("%u %u %u", dhcpsnoop_mac_user_hash(a.data()), dhcpsnoop_mac_user_hash(b.data()), dhcpsnoop_mac_user_hash(MAC_BROADCAST.data())), "3 3 18");
+    prepare("vlan-if no-users");
+    Parsed first(Frame{.chaddr = a, .options = opt_type(3) + opt_ip(54, 77) + OPT_END}), second(Frame{.chaddr = b}, {.port = 3, .outer = 20, .inIf = 110});
+    first.info.rxTime = second.info.rxTime = 1234;
     DhcpsnoopMacUser *one = dhcpsnoop_mac_user_add(&first.info), *two = dhcpsnoop_mac_user_add(&second.info);
-    EXPECT_TRUE(one->ageTime == 120 && one->seenTime == 1234 && one->serverId == 77 && one->ifIndex == 1 && one->vid == 10);
-    EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), one);
-    EXPECT_EQ(dhcpsnoop_mac_user_lookup(b.data()), two);
-    // Duplicates are the caller's affair; the newest is found.
-    DhcpsnoopMacUser *again = dhcpsnoop_mac_user_add(&first.info);
-    EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), again);
+    // Whatever the limits say, in the place of the client.
+    EXPECT_NE(world_state().find("waiting 00 00 00 00 02 01 vid 10 if 3 age 120 seen 1234 server 00000000\nwaiting 00 00 00 00 01 02 vid 10 if 1 age 120 seen 1234 server 0000004d\n"), std::string::npos);
+    DhcpsnoopMacUser *again = dhcpsnoop_mac_user_add(&first.info); // duplicates are the caller's affair; the newest is found
+    EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == again && dhcpsnoop_mac_user_lookup(b.data()) == two);
     dhcpsnoop_mac_user_delete(again);
-    EXPECT_EQ(dhcpsnoop_mac_user_lookup(a.data()), one);
-    EXPECT_EQ(gDhcpsnoop.userFreeList.next, again);
-    EXPECT_EQ(dhcpsnoop_mac_user_lookup(high.data()), nullptr);
-    const Mac lastByte = {0, 0, 0, 0, 1, 2 + 63}; // the same bucket, five equal bytes
-    EXPECT_EQ(dhcpsnoop_mac_user_lookup(lastByte.data()), nullptr);
-    EXPECT_EQ(dhcpsnoop_mac_user_lookup(nullptr), nullptr);
-    EXPECT_EQ(dhcpsnoop_mac_user_add(nullptr), nullptr);
+    EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == one && gDhcpsnoop.userFreeList.next == again);
+    EXPECT_TRUE(dhcpsnoop_mac_user_lookup(last.data()) == nullptr && dhcpsnoop_mac_user_lookup(nullptr) == nullptr);
     first.info.chaddr = nullptr;
-    EXPECT_EQ(dhcpsnoop_mac_user_add(&first.info), nullptr);
+    EXPECT_TRUE(dhcpsnoop_mac_user_add(nullptr) == nullptr && dhcpsnoop_mac_user_add(&first.info) == nullptr);
     dhcpsnoop_mac_user_delete(nullptr);
-    EXPECT_EQ(world.texts(Did::Log), Lines{});
+    EXPECT_EQ(outcome(), " | waits 2");
+
+    // One node for both tables: all of it is zero when it is taken.
+    learn("one-node");
+    binding(HOST)->gateway = 9;
+    dhcpsnoop_user_delete(binding(HOST));
+    const Parsed parsed(Frame{});
+    DhcpsnoopMacUser *waiting = dhcpsnoop_mac_user_add(&parsed.info);
+    const auto *bytes = reinterpret_cast<const uint8_t *>(waiting);
+    EXPECT_EQ(Bytes(bytes + sizeof *waiting, bytes + sizeof(DhcpsnoopUser)), Bytes(sizeof(DhcpsnoopUser) - sizeof *waiting));
+    EXPECT_EQ(learn(THEN), "-1  | waits 1 | 0 users");
+    EXPECT_EQ(said().substr(76), "Can't allocate memory for user entry!");
+    EXPECT_EQ(dhcpsnoop_mac_user_add(&parsed.info), nullptr);
+    EXPECT_EQ(debug_texts().back(), "[DHCPSNOOP] Can't allocate memory for mac user entry!\r\n");
+    dhcpsnoop_mac_user_delete(waiting);
+    EXPECT_EQ(learn(THEN), "0  | .50 asked 1/10 by .1 | 1 users");
+    EXPECT_EQ(binding(HOST)->gateway, 0u);
 }
+
+// The record of one call, then the identifiers that the binding has and what was said.
+TEST_F(User, Rules)
+{
+    const auto rule = [](uint32_t add, uint8_t items, uint32_t kind, uint8_t daiStarted = 1, int32_t refused = 0) {
+        prepare("bound");
+        DhcpsnoopUser *user = binding(HOST);
+        user->userAttr = 7, user->origVid = 11, user->ipsgHwId = 3, user->daiHwId = 4; // told apart from vid here only
+        gDhcpsnoop.daiStarted = daiStarted;
+        world.newIpsgHwId = 51, world.newDaiHwId = 52;
+        world.refuse("hw", refused);
+        const int32_t result = dhcpsnoop_user_state_notify(user, add, &items, kind);
+        return world_format("%d ", result) + world.calls().at(0) + world_format(", then %u %u", user->ipsgHwId, user->daiHwId) + (items == 0xF0 ? "" : "|" + said());
+    };
+    const std::string text = "|Add user in hwapi: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, checkitem 0x80.", noMac = " mac 00 00 00 00 00 00", mac = " mac 02 c1 00 00 00 01";
+    const std::string address = " addr 0a 00 00 32 00 00 00 00 00 00 00 00 00 00 00 00", noAddress = " addr 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00";
+    check({
+        {"everything, IP source guard", rule(1, 0xF0, IPSG), "0 hw add 1:" + mac + " vid 10 if 1 ipsg 3" + address + " attr 7 orig 11 type 1 rule 80 macValid 30 kind 20 dai 0, then 51 4"},
+        {"no item at all", rule(1, 0, IPSG), "0 hw add 1:" + noMac + " vid 0 if 0 ipsg 3" + noAddress + " attr 7 orig 0 type 1 rule 80 macValid 00 kind 00 dai 0, then 51 4" + text},
+        {"IP and port", rule(1, 0x90, IPSG), "0 hw add 1:" + noMac + " vid 0 if 1 ipsg 3" + address + " attr 7 orig 0 type 1 rule 80 macValid 00 kind 20 dai 0, then 51 4" + text},
+        {"MAC", rule(1, 0x40, IPSG), "0 hw add 1:" + mac + " vid 0 if 0 ipsg 3" + noAddress + " attr 7 orig 0 type 1 rule 80 macValid 30 kind 00 dai 0, then 51 4" + text},
+        {"VLAN", rule(1, 0x20, IPSG), "0 hw add 1:" + noMac + " vid 10 if 0 ipsg 3" + noAddress + " attr 7 orig 11 type 1 rule 80 macValid 00 kind 00 dai 0, then 51 4" + text},
+        {"ARP inspection", rule(1, 0xF0, DAI), "0 hw add 1:" + mac + " vid 10 if 1 ipsg 0" + address + " attr 7 orig 11 type 1 rule 40 macValid 30 kind 20 dai 4, then 3 52"},
+        {"Kept: ARP inspection that was not started", rule(1, 0xF0, DAI, 0), "0 hw add 1:" + mac + " vid 10 if 1 ipsg 0" + address + " attr 7 orig 11 type 1 rule 00 macValid 30 kind 20 dai 0, then 3 52"},
+        {"deleted", rule(0, 0xF0, IPSG), "0 hw delete 1:" + mac + " vid 10 if 1 ipsg 3" + address + " attr 7 orig 11 type 1 rule 80 macValid 30 kind 20 dai 0, then 3 4"},
+        {"deleted of ARP inspection", rule(0, 0xF0, DAI).substr(0, 13), "0 hw delete 1"},
+        {"Kept: the identifiers are taken over from a failed add", rule(1, 0x10, IPSG, 1, 9), "9 hw add 1:" + noMac + " vid 0 if 1 ipsg 3" + noAddress + " attr 7 orig 0 type 1 rule 80 macValid 00 kind 00 dai 0, then 51 4" + text + "|Add user info in hwapi failed!"},
+    });
+    DhcpsnoopUser *user6 = make_binding(key6("2001::9"), MAC_CLIENT, 3, 10);
+    uint8_t items = 0x80;
+    world.clear();
+    world.role(DHCPSNOOP_ROLE_SLAVE);
+    EXPECT_EQ(dhcpsnoop_user_state_notify(user6, 1, &items, IPSG), 0) << "a standby unit programs no hardware";
+    EXPECT_EQ(outcome().find("hw"), std::string::npos);
+    world.role(DHCPSNOOP_ROLE_NONE);
+    dhcpsnoop_user_state_notify(user6, 0, &items, IPSG);
+    EXPECT_EQ(world.calls().at(0), "hw delete 3: mac 00 00 00 00 00 00 vid 0 if 0 ipsg 0 addr 20 01 00 00 00 00 00 00 00 00 00 00 00 00 00 09 attr 0 orig 0 type 2 rule 80 macValid 00 kind 80 dai 0");
+    EXPECT_EQ(said().substr(said().find("Delete")), "Delete user in hwapi: port 3 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 2001::9, checkitem 0x80.|Delete user info in hwapi failed!");
+}
+
+// Whose check items count: source (0: not installed), items, calls, questions asked; for each of the two features.
+TEST_F(User, WhoseCheckItems)
+{
+    const auto whose = [](std::optional<WorldGuard> ofPort, std::optional<WorldGuard> ofVlan) {
+        std::string text;
+        for (const bool ipsg : {true, false}) {
+            prepare("bound");
+            (ipsg ? gDhcpsnoop.ipsgIfGet : gDhcpsnoop.antiArpIfGet) = ipsg ? ipsgIfGetApi : arpAntiAttackIfGetApi;
+            auto &guards = ipsg ? world.ipsg : world.dai;
+            if (ofPort)
+                guards[1] = *ofPort;
+            if (ofVlan)
+                guards[110] = *ofVlan;
+            if (!ofPort && ofVlan && ofVlan->items == 1)
+                world.ports.erase(110);
+            DhcpsnoopUser *user = binding(HOST);
+            dhcpsnoop_user_update_hw(user, 1);
+            text += world_format("%x from %u %u items %x %x calls %zu asked %zu %zu; ", user->hwFlags, user->ipsgSource, user->daiSource, user->ipsgCheckItems, user->daiCheckItems, world.calls("hw add 1").size(), world.questions(ipsg ? "ipsg" : "arp").size(), world.questions("qorIndexTrans 1,1,1,1,10,3,0 7").size());
+        }
+        return text;
+    };
+    const WorldGuard onPort = {.items = 0x90}, onVlan = {.items = 0x40};
+    check({
+        {"the port's", whose(onPort, onVlan), "80 from 2 0 items 90 0 calls 1 asked 2 0; 40 from 0 2 items 0 90 calls 1 asked 2 0; "},
+        {"the VLAN's when the port has none", whose({}, onVlan), "80 from 1 0 items 40 0 calls 1 asked 3 1; 40 from 0 1 items 0 40 calls 1 asked 3 1; "},
+        {"the VLAN's when the port is off", whose(WorldGuard{.enabled = 0, .items = 0x90}, onVlan), "80 from 1 0 items 40 0 calls 1 asked 3 1; 40 from 0 1 items 0 40 calls 1 asked 3 1; "},
+        {"only 1 is on, and a failing answer is off", whose(WorldGuard{.enabled = 2, .items = 0x90}, WorldGuard{.items = 0x40, .result = 5}), "0 from 0 0 items 0 0 calls 0 asked 2 1; 0 from 0 0 items 0 0 calls 0 asked 2 1; "},
+        {"a VLAN without interface is not asked", whose({}, WorldGuard{.items = 1}), "0 from 0 0 items 0 0 calls 0 asked 1 1; 0 from 0 0 items 0 0 calls 0 asked 1 1; "},
+    });
+    prepare("bound guarded");
+    gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
+    gDhcpsnoop.daiStarted = 1;
+    world.dai[1] = {.items = 0x40};
+    DhcpsnoopUser *user = binding(HOST);
+    const auto update = [user](uint32_t add, const char *refused = "nothing", uint32_t ofTrunk = 0, uint32_t member = 8) {
+        world.clear();
+        world.refuse(refused, 1, 1);
+        if (add < 10)
+            dhcpsnoop_user_update_hw(user, add);
+        else
+            dhcpsnoop_user_process_on_trunk(ofTrunk, member, add - 10);
+        return calls_summary() + world_format(" | %x %x/%u %x/%u on %u", user->hwFlags, user->ipsgCheckItems, user->ipsgSource, user->daiCheckItems, user->daiSource, user->ifIndex);
+    };
+    check({
+        {"IP source guard first", update(1), "hw +1 .50 f0/80, hw +1 .0 40/40 | c0 f0/2 40/2 on 1"},
+        {"what is installed is not refreshed", (world.ipsg[1].items = 0x10, update(1)), " | c0 f0/2 40/2 on 1"},
+        {"a refused withdrawal leaves it installed; the other is withdrawn all the same", update(0, "hw delete"), "hw -1 .50 f0/80, hw -1 .0 40/40 | 80 f0/2 0/0 on 1"},
+        {"withdrawn", update(0), "hw -1 .50 f0/80 | 0 0/0 0/0 on 1"},
+        {"once", update(0), " | 0 0/0 0/0 on 1"},
+        {"a refused install leaves it not installed", update(1, "hw add"), "hw +1 .0 10/80, hw +1 .0 40/40 | 40 0/0 40/2 on 1"},
+        // Kept: what the trunk has installed is not installed again for a member, and is withdrawn for one that leaves.
+        {"a member joins", (world.ipsg[8] = {.items = 0x80}, update(11, "nothing", 1)), "hw +8 .50 80/80 | 40 0/0 40/2 on 1"},
+        {"a member leaves", update(10, "nothing", 1), "hw -8 .0 40/40 | 40 0/0 40/2 on 1"},
+        {"of another trunk", update(10, "nothing", 2), " | 40 0/0 40/2 on 1"},
+        {"0 is every binding", update(10, "nothing", 0, 9), "hw -9 .0 40/40 | 40 0/0 40/2 on 1"},
+        {"said", said(), "Process user on trunk interface 0, port 9, operate 0.|Delete user in hwapi: port 9 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, checkitem 0x40."},
+    });
+    user->hwFlags = 0xC0;
+    dhcpsnoop_user_process_on_trunk(1, 8, 2);
+    EXPECT_EQ(outcome(), "hw -9 .0 40/40, hw -8 .0 00/80, hw -8 .0 40/40, hw -1 .0 00/80, hw -1 .0 40/40") << "deleted, and withdrawn from both";
+}
+
+TEST_F(User, Events)
+{
+    const auto notified = [](uint32_t add, uint8_t userType = DYNAMIC, uint8_t ipType = 1, uint8_t gateway = 10) {
+        prepare("bound");
+        DhcpsnoopUser user = *binding(HOST);
+        user.userType = userType;
+        user.key.ipType = ipType;
+        memcpy(&user.gateway, Bytes{gateway, 0, 0, static_cast<uint8_t>(gateway != 0 ? 254 : 0)}.data(), 4);
+        dhcpsnoop_user_notifier(&user, add);
+        return world.journal.empty() ? "" : calls_summary() + " " + hex(world.all(Did::Call)[0]->data) + " " + said();
+    };
+    const auto event = [](uint16_t number, const char *word) {
+        const Bytes record = host32(0) + host32(51) + host32(72) + host16(number) + Bytes(10, 0) + mac_bytes(MAC_CLIENT) + host16(10) + host32(1) + Bytes{10, 0, 0, 50} + Bytes(12, 0) + Bytes{10, 0, 0, 254} + Bytes(12, 0) + hex_bytes("00 00 01 00");
+        return "qorNetlinkSend 16 0 72 " + hex(record) + world_format("  Send notify: event %u|Notify %s user: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, gateway 10.0.0.254.", number, word);
+    };
+    check({
+        {"added", notified(1), event(188, "add")},
+        {"deleted", notified(0), event(189, "delete")},
+        {"only 1 is an addition", notified(2), event(189, "add")},
+        {"not dynamic, IPv6, no gateway: silent", notified(1, STATIC) + notified(1, DYNAMIC, 2) + notified(1, DYNAMIC, 1, 0), ""},
+    });
+}
+
+TEST_F(User, GroupsOnAnInterface)
+{
+    // a: dynamic on port 1 in VLAN 10; b: static there; c: dynamic on port 2 in VLAN 10; d: IPv6 on port 1 in VLAN 20;
+    // e: IP source guard on port 1. Who is taken, what was said first, and how many are left after a deletion.
+    const auto group = [](uint32_t ifIndex, uint32_t ipTypes, uint32_t userTypes) {
+        prepare("vlan-if");
+        const std::tuple<uint8_t, uint8_t, uint8_t, uint32_t, uint16_t> bindings[] = {{'a', 1, DYNAMIC, 1, 10}, {'b', 1, STATIC, 1, 10}, {'c', 1, DYNAMIC, 2, 10}, {'d', 2, DYNAMIC, 1, 20}, {'e', 1, GUARD, 1, 10}};
+        for (const auto &[name, ipType, userType, on, vid] : bindings) {
+            DhcpsnoopUserKey key = key4(name);
+            key.ipType = ipType;
+            DhcpsnoopUser *made = make_binding(key, {name}, on, vid);
+            made->userType = userType;
+            made->hwFlags = 0x80;
+            made->ipsgCheckItems = 0x40;
+        }
+        world.clear();
+        dhcpsnoop_user_process_on_interface(port(ifIndex), ipTypes, userTypes, 0);
+        std::string taken;
+        for (const WorldEntry *entry : world.all(Did::Call))
+            taken += static_cast<char>(entry->data[0]);
+        std::sort(taken.begin(), taken.end());
+        const std::string text = said().substr(0, said().find('.'));
+        dhcpsnoop_user_process_on_interface(port(ifIndex), ipTypes, userTypes, 2);
+        return taken + world_format(", %zu left, ", count_bindings()) + text.substr(13);
+    };
+    check({
+        {"a port, dynamic IPv4", group(1, 1, 1), "a, 4 left, on interface 1, inet type 1, user type = 1, operate 0"},
+        {"a port, static IPv4", group(1, 1, 2), "b, 4 left, on interface 1, inet type 1, user type = 2, operate 0"},
+        {"a port, both", group(1, 3, 3), "abd, 2 left, on interface 1, inet type 3, user type = 3, operate 0"},
+        {"IP source guard entries only when asked for", group(1, 3, 7), "abde, 1 left, on interface 1, inet type 3, user type = 7, operate 0"},
+        {"a VLAN interface, by VLAN", group(110, 3, 3), "abc, 2 left, on interface 110, inet type 3, user type = 3, operate 0"},
+        {"no interface: all", group(0, 3, 3), "abcd, 1 left, on interface 0, inet type 3, user type = 3, operate 0"},
+        {"IPv6; no type at all", group(0, 2, 3).substr(0, 9) + group(0, 0, 3).substr(0, 8), "d, 4 left, 5 left"},
+    });
+}
+// clang-format on
 
 } // namespace
