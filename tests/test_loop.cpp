@@ -1,8 +1,9 @@
-// One pass of the loop: what is watched, what is served in which order, and how a frame becomes a record.
-#include "daemon_test.h"
+// One pass of the loop: what is watched, what is served in which order, how a frame becomes a record; and the lease scan.
+#include "scene.h"
 
 #include <functional>
 
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,341 +12,255 @@ namespace
 {
 
 // The packet information as the kernel attaches it.
-Bytes packet_info(uint32_t ifIndex, uint16_t outer, uint16_t inner, uint8_t l2)
+Bytes info(uint32_t ifIndex = 1, uint16_t outer = 10, uint16_t inner = 0, uint8_t l2 = 14) { return be32(ifIndex) + repeated(0xEE, 16) + be16(outer) + be16(inner) + Bytes{l2}; }
+using Controls = std::vector<WorldControl>;
+const Controls WITH_INFO = {{263, 8, info()}};
+
+// The loop keeps what it has seen of packet information for the life of the process, so that each row has a process of its
+// own.
+std::string alone(const std::function<std::string()> &body)
 {
-    return be32(ifIndex) + repeated(0xEE, 16) + be16(outer) + be16(inner) + Bytes{l2};
+    constexpr size_t SIZE = 65536;
+    static auto *const text = static_cast<char *>(mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        prepare("");
+        dhcpsnoop_user_timer_check(); // takes up this world's time
+        Printed out;                  // dumps
+        snprintf(text, SIZE, "%s", (body() + world_check_tables()).c_str());
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return status == 0 ? text : "the child failed";
 }
 
-WorldControl info_message(uint32_t ifIndex, uint16_t outer = 10, uint16_t inner = 0, uint8_t l2 = 14)
+// One pass. What was called and printed as an error, and the records: type, length, interface, port, VLANs, layer-2 length.
+std::string pass()
 {
-    return {263, 8, packet_info(ifIndex, outer, inner, l2)};
+    world.clear();
+    PrintedError error;
+    dhcpsnoop_main_pass();
+    std::string text = calls_summary();
+    for (const DhcpsnoopRxPkt &rx : world.received) {
+        text += world_format(" | %u %x len %u on %u port %u vlan %u.%u l2 %u", rx.valid, rx.etherType, rx.len, rx.inIf->ifIndex, rx.ifIndex, rx.outerVid, rx.innerVid, rx.l2HdrLen);
+        for (size_t i = rx.len; i < sizeof rx.data; i++)
+            text += rx.data[i] == 0 ? "" : " dirty";
+    }
+    return text + (error.text().empty() ? "" : " | " + error.text().substr(0, error.text().rfind(':')));
 }
 
-// The loop keeps what it has seen of packet information for the life of the process, so that each test here
-// has a process of its own: it runs in a child that reports its failures itself.
-class Loop : public testing::Test
+// A pass in which one frame waits on a data socket.
+std::string arrives(const WorldArrival &arrival, bool ipv6 = false)
 {
-  protected:
-    static void in_child(const std::function<void()> &body)
-    {
-        fflush(nullptr);
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            world.reset();
-            world.access(1, 10);
-            snoop(1);
-            Printed out; // dumps
-            body();
-            EXPECT_EQ(world_check_tables(), "");
-            fflush(nullptr);
-            _exit(HasFailure() ? 1 : 0);
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child failed, status " << status;
-    }
-
-    // A pass in which one frame waits on a data socket.
-    static void pass_with(const WorldArrival &arrival, bool ipv6 = false)
-    {
-        world.clear();
-        world.arrivals[ipv6 ? 1 : 0].push_back(arrival);
-        world.readable = {ipv6 ? gDhcpsnoop.data6Sock : gDhcpsnoop.dataSock};
-        dhcpsnoop_main_pass();
-    }
-};
-
-TEST_F(Loop, WatchesItsFourSocketsForSixtySeconds)
-{
-    const struct {
-        const char *claim;
-        int data, data6, cmd, rt;
-        const char *line;
-    } rows[] = {
-        {"all four", 900, 901, 902, 903, "select data data6 cmd rt, 60 s"},
-        {"descriptor 0 is not watched", 0, 0, 0, 903, "select rt, 60 s"},
-        {"none at all", -1, -1, -1, -1, "select, 60 s"},
-        {"a descriptor that does not fit the set is left out", FD_SETSIZE, FD_SETSIZE + 70, 902, 1 << 20, "select cmd, 60 s"},
-        {"the last that fits", FD_SETSIZE - 1, -1, -1, -1, "select data, 60 s"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        in_child([&row] {
-            gDhcpsnoop.dataSock = row.data;
-            gDhcpsnoop.data6Sock = row.data6;
-            gDhcpsnoop.cmdSock = row.cmd;
-            gDhcpsnoop.rtSock = row.rt;
-            world.clear();
-            dhcpsnoop_main_pass();
-            dhcpsnoop_main_pass(); // the time-out is set afresh
-            EXPECT_EQ(world.calls(), (Lines{row.line, row.line}));
-        });
-    }
+    world.arrivals[ipv6 ? 1 : 0].push_back(arrival);
+    world.readable = {ipv6 ? gDhcpsnoop.data6Sock : gDhcpsnoop.dataSock};
+    const std::string text = pass();
+    return text.substr(text.find(" s") + 2);
 }
 
-TEST_F(Loop, ServesEachSourceOnceInOrder)
+std::string control(const Controls &controls)
 {
-    in_child([] {
-        for (int i = 0; i < 2; i++) {
-            world.arrivals[0].push_back({.frame = Frame{}.bytes(), .control = {info_message(1)}});
-            world.arrivals[1].push_back({.frame = Bytes(60, 0), .control = {info_message(1)}, .ifIndex = 1});
-            world.events.push_back({Bytes(16, 0), 16});
-        }
-        world.readable = {900, 901, 902, 903};
-        PrintedError error; // the world has no connection to accept
-        dhcpsnoop_main_pass();
-        ASSERT_EQ(world.received.size(), 2u);
-        EXPECT_EQ(world.received[0].etherType, 0x0800);
-        EXPECT_EQ(world.received[1].etherType, 0x86DD);
-        EXPECT_EQ(world.calls(), (Lines{"select data data6 cmd rt, 60 s", "accept", "platform_event_recv 2048 12"}));
-        EXPECT_EQ(world.arrivals[0].size(), 1u);
-        EXPECT_EQ(world.arrivals[1].size(), 1u);
-        EXPECT_EQ(world.events.size(), 1u);
+    return alone([&] { return arrives({.frame = Frame{}.bytes(), .control = controls}); });
+}
+
+std::string watches(int data, int data6, int cmd, int rt)
+{
+    return alone([=] {
+        gDhcpsnoop.dataSock = data;
+        gDhcpsnoop.data6Sock = data6;
+        gDhcpsnoop.cmdSock = cmd;
+        gDhcpsnoop.rtSock = rt;
+        const std::string first = pass(); // the time-out is set afresh
+        return first == pass() ? first : "changes";
     });
 }
 
-TEST_F(Loop, SelectResult)
+std::string received(ssize_t result, bool ipv6 = false)
 {
-    const struct {
-        const char *claim;
-        std::optional<int> result;
-        size_t served;
-    } rows[] = {
-        {"nothing is served after a time-out", 0, 0},
-        {"Kept: after a failure every watched socket is served", -1, 1},
-        {"a readable socket is served", std::nullopt, 1},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        in_child([&row] {
-            world.arrivals[0].push_back({.frame = Frame{}.bytes(), .control = {info_message(1)}});
-            world.readable = {gDhcpsnoop.dataSock};
-            world.selectResult = row.result;
-            PrintedError error;
-            dhcpsnoop_main_pass();
-            EXPECT_EQ(world.received.size(), row.served);
-        });
-    }
+    return alone([=] { return arrives({.frame = Bytes(2048, 0), .control = WITH_INFO, .ifIndex = 1, .result = result}, ipv6); });
 }
 
-TEST_F(Loop, LeaseScanByRole)
+// A frame of port 5 in that VLAN; VLAN interface 130 is snooped, 140 is not. With the questions asked and the texts.
+std::string in_vlan(uint16_t outer, bool ipv6, int flags = 2)
 {
-    for (const DhcpsnoopRole role : {DHCPSNOOP_ROLE_NONE, DHCPSNOOP_ROLE_MASTER, DHCPSNOOP_ROLE_SLAVE}) {
-        for (const int result : {0, -1}) {
-            SCOPED_TRACE(world_format("role %d, select %d", role, result));
-            in_child([role, result] {
-                make_binding(ip4(10, 0, 0, 9), MAC_CLIENT, 1, 10)->leaseTime = 60;
-                world.now += 60;
-                world.role(role);
-                world.selectResult = result;
-                PrintedError error;
-                dhcpsnoop_main_pass();
-                EXPECT_EQ(count_bindings(), role == DHCPSNOOP_ROLE_SLAVE ? 1u : 0u);
-            });
-        }
-    }
-}
-
-TEST_F(Loop, FrameBecomesARecord)
-{
-    in_child([] {
-        const Bytes frame = Frame{.tags = {{0x88A8, 100}, {0x8100, 20}}}.bytes();
-        pass_with({.frame = frame, .control = {info_message(1, 100, 20, 22)}, .ifIndex = 77});
-        ASSERT_EQ(world.received.size(), 1u);
-        const DhcpsnoopRxPkt &rx = world.received[0];
-        EXPECT_TRUE(rx.valid == 1 && rx.len == frame.size() && rx.inIf == dhcpsnoop_if_lookup(1));
-        EXPECT_EQ(hex(Bytes(rx.data, rx.data + frame.size())), hex(frame));
-        EXPECT_EQ(rx.ifIndex, 1u); // IPv4: the packet information's
-        EXPECT_TRUE(rx.outerVid == 100 && rx.innerVid == 20 && rx.l2HdrLen == 22 && rx.etherType == 0x0800);
-
-        pass_with({.frame = frame, .control = {info_message(1, 0xFFF, 0, 255)}, .ifIndex = 77}, true);
-        ASSERT_EQ(world.received.size(), 1u);
-        EXPECT_EQ(world.received[0].ifIndex, 77u); // IPv6: the link-layer address's
-        EXPECT_TRUE(world.received[0].outerVid == 0xFFF && world.received[0].l2HdrLen == 255 && world.received[0].etherType == 0x86DD);
+    return alone([=] {
+        world.access(5, 30);
+        world.vlan_interface(130, 30);
+        world.vlan_interface(140, 40);
+        snoop(130);
+        debug(flags);
+        const std::string text = arrives({.frame = Frame{}.bytes(), .control = {{263, 8, info(5, outer)}}, .ifIndex = 5}, ipv6);
+        const Lines asked = world.questions("qorIndexTrans");
+        return text + " " + (asked.empty() ? "" : asked[0]) + " " + (text.empty() ? said() : "");
     });
 }
 
-TEST_F(Loop, WhatStandsBehindAShortFrameIsNoEarlierOne)
+std::string served(std::optional<int> result, DhcpsnoopRole role = DHCPSNOOP_ROLE_NONE)
 {
-    in_child([] {
-        pass_with({.frame = Bytes(2048, 0xAA), .control = {info_message(1)}});
-        pass_with({.frame = Bytes(60, 0xBB), .control = {info_message(1)}});
-        ASSERT_EQ(world.received.size(), 1u);
-        const DhcpsnoopRxPkt &rx = world.received[0];
-        EXPECT_EQ(Bytes(rx.data, rx.data + 60), Bytes(60, 0xBB));
-        EXPECT_EQ(Bytes(rx.data + 60, rx.data + 2048), Bytes(2048 - 60, 0));
+    return alone([=] {
+        make_binding(HOST, MAC_CLIENT, 1, 10)->leaseTime = 60;
+        world.now += 60;
+        world.role(role);
+        world.arrivals[0].push_back({.frame = Frame{}.bytes(), .control = WITH_INFO});
+        world.readable = {gDhcpsnoop.dataSock};
+        world.selectResult = result;
+        pass();
+        return std::to_string(world.received.size()) + held();
     });
 }
 
-TEST_F(Loop, ReceivedLength)
+std::string event(ssize_t result)
 {
-    const struct {
-        const char *claim;
-        ssize_t result;
-        size_t records;
-        uint16_t length;
-        const char *error;
-    } rows[] = {
-        {"nothing received is reported", 0, 0, 0, "[DHCPSNOOP]: recvmsg error len!\r\n: "},
-        {"a failure is passed over silently", -1, 0, 0, ""},
-        {"one byte is a frame", 1, 1, 1, ""},
-        {"a whole buffer", 2048, 1, 2048, ""},
-        {"more than the buffer counts as the buffer", 70'000, 1, 2048, ""},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        in_child([&row] {
-            PrintedError error;
-            pass_with({.frame = Bytes(2048, 0), .control = {info_message(1)}, .result = row.result});
-            EXPECT_EQ(world.received.size(), row.records);
-            if (!world.received.empty()) {
-                EXPECT_EQ(world.received[0].len, row.length);
+    return alone([=] {
+        world.events.push_back({Bytes(2048, 0xFF), result});
+        world.readable = {gDhcpsnoop.rtSock};
+        const std::string before = world_state(), text = pass();
+        return text.substr(text.rfind(',')) + (world_state() == before ? "" : " changed");
+    });
+}
+
+// clang-format off
+#define RECORD " | 1 800 len 286 on 1 port 1 vlan 10.0 l2 14"
+TEST(Loop, Rows)
+{
+    const std::string none = "{[DHCPSNOOP]: rxpktInfo was NULL!\r\n}", none6 = "{[DHCPSNOOP] rxpktInfo was NULL!}", on4 = " | 1 800 len 286 on 4 port 4 vlan 20.0 l2 14";
+    const int beyond = 104 - static_cast<int>(2 * CMSG_LEN(0)); // so that the next message's 25 bytes end one behind the room of 128
+    check({
+        {"all four, for a minute", watches(900, 901, 902, 903), "select data data6 cmd rt, 60 s"},
+        {"descriptor 0 is not watched", watches(0, 0, 0, 903), "select rt, 60 s"},
+        {"none at all", watches(-1, -1, -1, -1), "select, 60 s"},
+        {"a descriptor that does not fit the set is left out", watches(FD_SETSIZE, FD_SETSIZE + 70, 902, 1 << 20), "select cmd, 60 s"},
+        {"the last that fits", watches(FD_SETSIZE - 1, -1, -1, -1), "select data, 60 s"},
+        {"each source once, in order", alone([] {
+            for (int i = 0; i < 2; i++) {
+                world.arrivals[0].push_back({.frame = Frame{}.bytes(), .control = WITH_INFO});
+                world.arrivals[1].push_back({.frame = Bytes(60, 0), .control = WITH_INFO, .ifIndex = 1});
+                world.events.push_back({Bytes(16, 0), 16});
             }
-            EXPECT_EQ(error.text().substr(0, std::string(row.error).size()), row.error);
-            EXPECT_EQ(error.text().empty(), *row.error == '\0');
-        });
-    }
-    in_child([] {
-        PrintedError error;
-        pass_with({.frame = {}, .control = {info_message(1)}, .result = 0}, true);
-        EXPECT_EQ(error.text().substr(0, 33), "[DHCPSNOOP]: recvmsg error len!: ");
-    });
-}
-
-TEST_F(Loop, PacketInformationIsFoundByItsLevel)
-{
-    const Bytes info = packet_info(1, 10, 0, 14);
-    const Bytes other = packet_info(2, 20, 0, 14);
-    const struct {
-        const char *claim;
-        std::vector<WorldControl> control;
-        bool found;
-    } rows[] = {
-        {"level SOL_PACKET, any type", {{263, 8, info}}, true},
-        {"level SOL_PACKET, type 0", {{263, 0, info}}, true},
-        {"more than the 25 bytes", {{263, 20, info + Bytes{1, 2, 3}}}, true},
-        {"another level", {{1, 8, info}}, false},
-        {"no control data", {}, false},
-        {"24 bytes are too few", {{263, 8, Bytes(info.begin(), info.end() - 1)}}, false},
-        {"a message of no bytes", {{263, 8, {}}}, false},
-        {"other levels before it", {{1, 29, Bytes(16, 0)}, {263, 8, info}}, true},
-        {"a short one before it", {{263, 8, Bytes(20, 0)}, {263, 8, info}}, true},
-        {"the first of two", {{263, 8, info}, {263, 8, other}}, true},
-        {"beyond the room of 128 bytes", {{1, 1, Bytes(116, 0)}, {263, 8, info}}, false},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        in_child([&row] {
-            pass_with({.frame = Frame{}.bytes(), .control = row.control});
-            ASSERT_EQ(world.received.size(), row.found ? 1u : 0u);
-            if (row.found) {
-                EXPECT_EQ(world.received[0].outerVid, 10);
-            }
-        });
-    }
-}
-
-TEST_F(Loop, FrameWithoutInformationIsDroppedUntilSomeWasSeen)
-{
-    in_child([] {
-        for (const int flags : {0, 1, 2, 3}) {
-            debug(flags);
-            pass_with({.frame = Frame{}.bytes()});
-            EXPECT_EQ(world.received.size(), 0u);
-            EXPECT_EQ(printed("[DHCPSNOOP]: rxpktInfo was NULL!\r\n"), flags >= 2);
-            pass_with({.frame = Frame{}.bytes()}, true);
-            EXPECT_EQ(printed("[DHCPSNOOP] rxpktInfo was NULL!"), flags >= 2);
-        }
-    });
-}
-
-// Kept: the information last seen serves the frames that come without any; and after one frame without control data
-// there is no room for any, so that every later frame is taken with the information seen before.
-TEST_F(Loop, InformationLastSeenServesFramesThatBringNone)
-{
-    in_child([] {
-        world.access(2, 20);
-        snoop(2);
-        const std::vector<WorldControl> controls[] = {{info_message(2, 20)}, {{1, 29, Bytes(16, 0)}}, {}, {info_message(1, 10)}};
-        for (const auto &control : controls) {
-            pass_with({.frame = Frame{}.bytes(), .control = control});
-            ASSERT_EQ(world.received.size(), 1u);
-            EXPECT_TRUE(world.received[0].ifIndex == 2 && world.received[0].outerVid == 20);
-        }
-    });
-}
-
-TEST_F(Loop, InterfaceOfAFrame)
-{
-    const struct {
-        const char *claim;
-        uint32_t port;
-        uint16_t outer;
-        bool refused;
-        uint32_t inIf; // 0 = dropped
-        const char *text4, *text6;
-    } rows[] = {
-        {"the port's own entry", 1, 30, false, 1, "", ""},
-        {"the VLAN interface of a port without snooping", 5, 30, false, 130, "", ""},
-        {"a VLAN interface without snooping: dropped silently", 5, 40, false, 0, "", ""},
-        {"no VLAN interface", 5, 50, false, 0, "[DHCPSNOOP]: qor index trans error!\r\n", "[DHCPSNOOP] qor index trans error!\r\n"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        in_child([&row] {
-            world.access(5, 30);
-            world.vlan_interface(130, 30);
-            world.vlan_interface(140, 40);
-            snoop(130);
-            for (const bool ipv6 : {false, true}) {
-                for (const int flags : {1, 2}) {
-                    debug(flags);
-                    pass_with({.frame = Frame{}.bytes(), .control = {info_message(row.port, row.outer)}, .ifIndex = row.port}, ipv6);
-                    ASSERT_EQ(world.received.size(), row.inIf != 0 ? 1u : 0u);
-                    if (row.inIf != 0) {
-                        EXPECT_EQ(world.received[0].inIf, dhcpsnoop_if_lookup(row.inIf));
-                        EXPECT_EQ(world.received[0].ifIndex, row.port);
-                    }
-                    const std::string text = ipv6 ? row.text6 : row.text4;
-                    if (flags == 2)
-                        EXPECT_EQ(debug_texts(), text.empty() ? Lines{} : Lines{text});
-                    else
-                        EXPECT_FALSE(printed(text));
+            world.readable = {900, 901, 902, 903};
+            const std::string text = pass();
+            return text + world_format(", left %zu %zu %zu", world.arrivals[0].size(), world.arrivals[1].size(), world.events.size());
+        }), "select data data6 cmd rt, 60 s, accept, platform_event_recv 2048 12" RECORD " | 1 86dd len 60 on 1 port 1 vlan 10.0 l2 14 | [DHCPSNOOP] Command server accept failed!\r\n, left 1 1 1"},
+        {"nothing is served after a time-out; the lease scan runs", served(0), "0"},
+        {"Kept: after a failure every watched socket is served", served(-1), "1"},
+        {"a readable socket is served", served(std::nullopt), "1"},
+        {"no lease scan of a slave", served(0, DHCPSNOOP_ROLE_SLAVE), "0 | .50 bound 1/10 60s 60s ago"},
+        {"a master's", served(-1, DHCPSNOOP_ROLE_MASTER), "1"},
+        {"every field; IPv4: the packet information's port", control({{263, 8, info(1, 100, 20, 22)}}), " | 1 800 len 286 on 1 port 1 vlan 100.20 l2 22"},
+        {"IPv6: the link-layer address's", alone([] { return arrives({.frame = Frame{}.bytes(), .control = {{263, 8, info(1, 0xFFF, 0, 255)}}, .ifIndex = 77}, true); }), " | 1 86dd len 286 on 1 port 77 vlan 4095.0 l2 255"},
+        {"behind a short frame stands no earlier one", alone([] {
+            arrives({.frame = Bytes(2048, 0xAA), .control = WITH_INFO});
+            const std::string text = arrives({.frame = Bytes(60, 0xBB), .control = WITH_INFO});
+            return text + " " + hex(Bytes(world.received[0].data, world.received[0].data + 2));
+        }), " | 1 800 len 60 on 1 port 1 vlan 10.0 l2 14 bb bb"},
+        {"nothing received is reported", received(0) + received(0, true), " | [DHCPSNOOP]: recvmsg error len!\r\n | [DHCPSNOOP]: recvmsg error len!"},
+        {"a failure is passed over silently", received(-1), ""},
+        {"one byte is a frame", received(1), " | 1 800 len 1 on 1 port 1 vlan 10.0 l2 14"},
+        {"more than the buffer counts as the buffer", received(2048) + received(70'000), " | 1 800 len 2048 on 1 port 1 vlan 10.0 l2 14 | 1 800 len 2048 on 1 port 1 vlan 10.0 l2 14"},
+        {"level SOL_PACKET, any type", control({{263, 0, info()}}), RECORD},
+        {"more than the 25 bytes, the first of two, other levels and a short one before it", control({{1, 29, Bytes(8, 0)}, {263, 8, Bytes(20, 0)}, {263, 20, info() + Bytes{1}}}), RECORD},
+        {"the first of two", control({{263, 8, info()}, {263, 8, info(2, 20)}}), RECORD},
+        {"another level", control({{1, 8, info()}}), ""},
+        {"24 bytes are too few, and none", control({{263, 8, Bytes(24, 0)}}) + control({{263, 8, {}}}) + control({}), ""},
+        {"beyond the room of 128 bytes", control({{1, 1, Bytes(116, 0)}, {263, 8, info()}}), ""},
+        {"its last byte behind that room", control({{1, 1, Bytes(static_cast<size_t>(beyond), 0)}, {263, 8, info()}}), ""},
+        {"dropped until information was seen", alone([] {
+            std::string text;
+            for (const int flags : {1, 2, 3}) {
+                debug(flags);
+                for (const bool ipv6 : {false, true}) {
+                    text += arrives({.frame = Frame{}.bytes()}, ipv6);
+                    text += said();
                 }
             }
-            // Only the VLAN and the 3 stand in the question.
-            if (row.port == 5) {
-                EXPECT_EQ(world.questions("qorIndexTrans"), Lines{world_format("qorIndexTrans 0,0,0,0,%u,3,0 7", row.outer)});
-            }
-        });
-    }
+            return text;
+        }), none + none6 + none + none6},
+        // Kept: the information last seen serves the frames that come without any; and after one frame without control
+        // data there is no room for any, so that every later frame is taken with the information seen before.
+        {"information last seen", alone([] {
+            world.access(4, 20);
+            snoop(4);
+            std::string text;
+            for (const Controls &controls : {Controls{{263, 8, info(4, 20)}}, Controls{{1, 29, Bytes(16, 0)}}, Controls{}, WITH_INFO})
+                text += arrives({.frame = Frame{}.bytes(), .control = controls});
+            return text;
+        }), on4 + on4 + on4 + on4},
+        {"the VLAN interface of a port without snooping", in_vlan(30, false) + in_vlan(30, true), " | 1 800 len 286 on 130 port 5 vlan 30.0 l2 14 qorIndexTrans 0,0,0,0,30,3,0 7  | 1 86dd len 286 on 130 port 5 vlan 30.0 l2 14 qorIndexTrans 0,0,0,0,30,3,0 7 "},
+        {"a VLAN interface without snooping: dropped silently", in_vlan(40, false) + in_vlan(40, true), " qorIndexTrans 0,0,0,0,40,3,0 7  qorIndexTrans 0,0,0,0,40,3,0 7 "},
+        {"no VLAN interface", in_vlan(50, false) + in_vlan(50, true) + in_vlan(50, false, 1), " qorIndexTrans 0,0,0,0,50,3,0 7 {[DHCPSNOOP]: qor index trans error!\r\n} qorIndexTrans 0,0,0,0,50,3,0 7 qor index trans error! qorIndexTrans 0,0,0,0,50,3,0 7 "},
+        {"no event is reported", event(0), ", platform_event_recv 2048 12 | [DHCPSNOOP]: recvfrom rt_socket  failed!\r\n "},
+        {"a failure and a datagram of one byte harm nothing", event(-1) + event(1), ", platform_event_recv 2048 12, platform_event_recv 2048 12"},
+    });
 }
 
-TEST_F(Loop, Events)
+using Timer = Daemon;
+TEST_F(Timer, Scans)
 {
-    const struct {
-        const char *claim;
-        ssize_t result;
-        const char *error;
-    } rows[] = {
-        {"nothing received is reported", 0, "[DHCPSNOOP]: recvfrom rt_socket  failed!\r\n : "},
-        {"a failure is passed on and harms nothing", -1, ""},
-        {"a datagram of one byte", 1, ""},
+    prepare("vlan-if");
+    const int64_t start = world.now;
+    dhcpsnoop_user_timer_check(); // takes up this world's time
+    const auto scan = [start](std::initializer_list<int64_t> times) {
+        world.clear();
+        debug(2);
+        for (const int64_t after : times) {
+            world.now = start + after;
+            dhcpsnoop_user_timer_check();
+        }
+        return said();
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        in_child([&row] {
-            world.events.push_back({Bytes(2048, 0xFF), row.result});
-            world.readable = {gDhcpsnoop.rtSock};
-            const std::string before = world_state();
-            PrintedError error;
-            dhcpsnoop_main_pass();
-            EXPECT_EQ(error.text().substr(0, std::string(row.error).size()), row.error);
-            EXPECT_EQ(error.text().empty(), *row.error == '\0');
-            EXPECT_EQ(world_state(), before);
-        });
+    // A binding of that type, lease and age at the next scan.
+    auto expires = [&, after = int64_t{1000}](uint8_t type, uint32_t lease, int64_t age) mutable {
+        DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 3, 20);
+        user->userType = type;
+        user->leaseTime = lease;
+        user->leaseStart = static_cast<uint32_t>(start + (after += 60) - age);
+        const std::string text = scan({after}), kept = binding(HOST) == nullptr ? "" : " kept";
+        dhcpsnoop_user_delete(binding(HOST));
+        return text.substr(0, 76) + kept;
+    };
+    const std::string SCAN = "Timeout, check the user binding table!", KEPT = SCAN + " kept", GONE = "Timeout, check the user binding table!|User time out, mac:02:c1:00:00:00:01.";
+    check({
+        {"scans are a minute apart", scan({0, 59}), ""},
+        {"a minute", scan({60}), SCAN},
+        {"not again", scan({60, 119}), ""},
+        {"later", scan({500}), SCAN},
+        {"a minute from then", scan({559}), ""},
+        {"a clock set back scans at once", scan({-1}), SCAN},
+        {"and takes up the new time", scan({58}), ""},
+        {"its minute", scan({59}), SCAN},
+        {"one second left", expires(1, 3600, 3599), KEPT},
+        {"the lease is over at its end", expires(1, 3600, 3600), GONE},
+        {"static and IP source guard entries never expire", expires(2, 60, 100'000) + expires(4, 60, 100'000), KEPT + KEPT},
+        {"the lease time is unsigned; an endless lease", expires(1, 0x80000000, 100'000) + expires(1, 0xFFFFFFFF, 900'000'000), KEPT + KEPT},
+        {"a lease of 0 is over at once", expires(1, 0, 0), GONE},
+        {"but not before it starts", expires(1, 0, -1), KEPT},
+    });
+    for (uint32_t i = 0; i < 130; i++) // every one of the 63 buckets has two or more entries
+        make_binding(ip4(10, 0, 0, static_cast<uint8_t>(i)), MAC_CLIENT, 3, 20)->leaseTime = i % 2 == 0 ? 60 : 600;
+    for (const Mac &mac : {MAC_CLIENT, MAC_CLIENT2}) {
+        Parsed parsed(Frame{.chaddr = mac});
+        parsed.info.rxTime = static_cast<uint32_t>(world.now);
+        dhcpsnoop_mac_user_add(&parsed.info);
     }
+    const int64_t now = world.now - start;
+    const auto counted = [&](int64_t after) { return scan({after}).empty() ? "" : world_format("%zu, %zu wait", count_bindings(), count_waiting()); };
+    check({
+        {"every bucket and every entry is visited", counted(now + 60), "65, 2 wait"},
+        {"waiting clients go after two minutes", counted(now + 120), "65, 0 wait"},
+        {"silently", said() + (world.texts(Did::Log).empty() ? "" : " logged"), SCAN},
+    });
+    if (sizeof(time_t) < 8)
+        GTEST_SKIP() << "a 32-bit clock ends in 2038";
+    world.reset();
+    world.now = 0xF0000000;
+    make_binding(HOST, MAC_CLIENT, 1, 10)->leaseTime = 100;
+    scan({0xF0000000 + 99 - start});
+    EXPECT_EQ(count_bindings(), 1u);
+    scan({0xF0000000 + 199 - start});
+    EXPECT_EQ(count_bindings(), 0u);
 }
+// clang-format on
 
 } // namespace

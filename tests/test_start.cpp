@@ -1,251 +1,128 @@
 // Start-up and shutdown: what is opened, in which order, and that a failure at any point undoes it all.
 #include "daemon_test.h"
 
-#include <algorithm>
-
-#include "management.h"
-
 namespace
 {
 
-// Starts nothing by itself: the world has no daemon yet.
-class Start : public testing::Test
+std::string calls()
 {
-  protected:
-    void SetUp() override
-    {
-        world.reset_without_daemon();
-        world.clear();
-    }
-    void TearDown() override { world.reset_without_daemon(); }
-
-    static int32_t start(uint32_t optionMode = 3) { return dhcpsnoop_init_ex(4, 8, 2, optionMode, nullptr, nullptr, nullptr); }
-};
-
-const Lines WHOLE_START = {
-    "OsixCreateMSem 9",
-    "socket AF_PACKET 3 0x0800",
-    "platform_packet_info_enable 900",
-    "socket AF_PACKET 3 0x86dd",
-    "platform_packet_info_enable 901",
-    "unlink /tmp/dhcpsnoop.socket",
-    "socket AF_UNIX 1 0",
-    "bind AF_UNIX /tmp/dhcpsnoop.socket 110 mode 0600",
-    "listen 10",
-    "socket AF_NETLINK 3 0",
-    "bind AF_NETLINK 0 0 12",
-    "platform_event_group_join 903 32",
-    "platform_event_group_join 903 31",
-    "platform_event_group_join 903 40",
-    "platform_event_group_join 903 1",
-    "platform_event_group_join 903 56",
-    "platform_event_group_join 903 57",
-    "platform_event_group_join 903 40",
-    "ioctl FIONBIO 1",
-};
-
-TEST_F(Start, OpensItsSocketsInOrder)
-{
-    debug(3);
-    ASSERT_EQ(start(), 0);
-    EXPECT_EQ(world.calls(), WHOLE_START);
-    // Kept: udpSock stays at the 0 of the zero-fill.
-    EXPECT_EQ((std::vector<int>{gDhcpsnoop.dataSock, gDhcpsnoop.data6Sock, gDhcpsnoop.cmdSock, gDhcpsnoop.rtSock, gDhcpsnoop.udpSock}), (std::vector<int>{900, 901, 902, 903, 0}));
-    EXPECT_TRUE(gDhcpsnoop.semId == 77 && gDhcpsnoop.debugFlags == 0);
-    EXPECT_EQ(world_check_tables(true), "");
-}
-
-TEST_F(Start, SecondCallReturnsAtOnceAndChangesNothing)
-{
-    ASSERT_EQ(start(), 0);
-    gDhcpsnoop.serverLearn = 1;
-    dhcpsnoop_server_add(ip4(10, 0, 0, 1), 10, 1);
-    const std::string before = world_state();
-    world.clear();
-    EXPECT_EQ(dhcpsnoop_init_ex(9, 9, 9, 5, deftinstall_client_entry_callback, nullptr, nullptr), 0);
-    EXPECT_EQ(world.calls(), Lines{});
-    EXPECT_EQ(world_state(), before);
-    EXPECT_EQ(gDhcpsnoop.ifMax, 4);
-    EXPECT_EQ(gDhcpsnoop.deftinstallCb, nullptr);
-}
-
-TEST_F(Start, PoolSizes)
-{
-    // Given, made: zeros mean 20, 256 and 256.
-    const std::pair<std::array<uint16_t, 3>, std::array<uint16_t, 3>> rows[] = {{{0, 0, 0}, {20, 256, 256}}, {{1, 2, 3}, {1, 2, 3}}};
-    for (const auto &[given, made] : rows) {
-        world.reset_without_daemon();
-        ASSERT_EQ(dhcpsnoop_init_ex(given[0], given[1], given[2], 3, nullptr, nullptr, nullptr), 0);
-        EXPECT_EQ((std::array<uint16_t, 3>{gDhcpsnoop.ifMax, gDhcpsnoop.userMax, gDhcpsnoop.serverMax}), made);
-        EXPECT_EQ(world_check_tables(), ""); // counts the nodes against these
-    }
-}
-
-TEST_F(Start, ShortFormHasTheDefaults)
-{
-    ASSERT_EQ(dhcpsnoop_init(5, 6), 0);
-    EXPECT_TRUE(gDhcpsnoop.ifMax == 5 && gDhcpsnoop.userMax == 6 && gDhcpsnoop.serverMax == 256 && gDhcpsnoop.circuitIdFmt.mode == 3);
-    EXPECT_TRUE(gDhcpsnoop.deftinstallCb == nullptr && gDhcpsnoop.ipsgIfGet == nullptr && gDhcpsnoop.antiArpIfGet == nullptr);
-}
-
-TEST_F(Start, HooksAreStoredEachInItsPlace)
-{
-    ASSERT_EQ(dhcpsnoop_init_ex(0, 0, 0, 3, deftinstall_client_entry_callback, ipsgIfGetApi, arpAntiAttackIfGetApi), 0);
-    EXPECT_TRUE(gDhcpsnoop.deftinstallCb == deftinstall_client_entry_callback && gDhcpsnoop.ipsgIfGet == ipsgIfGetApi && gDhcpsnoop.antiArpIfGet == arpAntiAttackIfGetApi);
-}
-
-std::string format_text(const DhcpsnoopOptionFormat &format)
-{
-    std::string text = world_format("%u %u ", format.mode, format.len);
-    for (const uint8_t byte : format.text)
-        if (byte != 0)
-            text += static_cast<char>(byte);
+    std::string text;
+    for (const std::string &call : world.calls())
+        text += (text.empty() ? "" : ", ") + call;
     return text;
 }
 
-TEST_F(Start, OptionFormats)
+// No daemon, and a call that fails the next time.
+void nothing(const char *refused = "-", int32_t result = -1, int failCalloc = 0)
 {
-    // Option mode; circuit-id, remote-id, interface-id and DHCPv6 remote-id as made. An unknown mode is stored as it is.
-    const std::pair<uint32_t, Lines> rows[] = {
-        {0, Lines(4, "3 0 ")},
-        {1, Lines(4, "1 0 ")},
-        {4, Lines(4, "4 0 ")},
-        {5, {"5 11 %s.%c.%d:%N", "5 2 %d", "5 11 %d %N:%s.%c", "5 11 %s.%c.%d:%N"}},
-        {9, Lines(4, "9 0 ")},
-    };
-    for (const auto &[optionMode, formats] : rows) {
-        world.reset_without_daemon();
-        ASSERT_EQ(start(optionMode), 0);
-        EXPECT_EQ((Lines{format_text(gDhcpsnoop.circuitIdFmt), format_text(gDhcpsnoop.remoteIdFmt), format_text(gDhcpsnoop.interfaceIdFmt), format_text(gDhcpsnoop.remoteId6Fmt)}), formats);
-    }
-}
-
-const std::string SEM = "OsixDeleteSem 77";
-const std::string DATA = "close 900", DATA6 = "close 901", CMD = "close 902", RT = "close 903",
-                  ZERO = "close 0";
-const std::string PATH = "unlink /tmp/dhcpsnoop.socket";
-const Lines OPEN = {SEM, DATA, DATA6, CMD, PATH, RT};
-
-TEST_F(Start, FailureReleasesEverythingMade)
-{
-    const struct {
-        const char *claim, *refused;
-        int32_t result;
-        int failCalloc;
-        const char *error; // perror's own part
-        Lines undone;
-    } rows[] = {
-        {"Kept: an early failure closes descriptor 0 twice and removes the path", "OsixCreateMSem 9", -1, 0, "", {ZERO, PATH, ZERO}},
-        {"no memory for interfaces", "", 0, 1, "", {SEM, ZERO, PATH, ZERO}},
-        {"no memory for users", "", 0, 2, "", {SEM, ZERO, PATH, ZERO}},
-        {"no memory for servers", "", 0, 3, "", {SEM, ZERO, PATH, ZERO}},
-        {"no IPv4 socket", "socket AF_PACKET 3 0x0800", -1, 0, "", {SEM, ZERO, PATH, ZERO}},
-        {"no packet information on it", "platform_packet_info_enable 900", -1, 0, "[DHCPSNOOP]dataSock setsockopt failed!\r\n: ", {SEM, DATA, ZERO, PATH, ZERO}},
-        {"no IPv6 socket", "socket AF_PACKET 3 0x86dd", -1, 0, "", {SEM, DATA, ZERO, PATH, ZERO}},
-        {"no packet information on it", "platform_packet_info_enable 901", -1, 0, "[DHCPSNOOP] data6_socket setsockopt failed\r\n: ", {SEM, DATA, DATA6, ZERO, PATH, ZERO}},
-        {"no command socket: its -1 is not closed", "socket AF_UNIX", -1, 0, "[DHCPSNOOP] Create cmd_socket ERROR!\r\n: ", {SEM, DATA, DATA6, ZERO}},
-        {"a command socket of 0 counts as failure", "socket AF_UNIX", 0, 0, "[DHCPSNOOP] Create cmd_socket ERROR!\r\n: ", {SEM, DATA, DATA6, ZERO, PATH, ZERO}},
-        {"command socket not bound", "bind AF_UNIX", -1, 0, "[DHCPSNOOP] Bind cmd_socket failed!\r\n: ", {SEM, DATA, DATA6, CMD, PATH, ZERO}},
-        {"command socket does not listen", "listen", -1, 0, "[DHCPSNOOP] Listen cmdSock error\r\n: ", {SEM, DATA, DATA6, CMD, PATH, ZERO}},
-        {"no event socket", "socket AF_NETLINK", -1, 0, "", {SEM, DATA, DATA6, CMD, PATH}},
-        {"an event socket of 0 counts as failure", "socket AF_NETLINK", 0, 0, "", {SEM, DATA, DATA6, CMD, PATH, ZERO}},
-        {"event socket not bound", "bind AF_NETLINK", -1, 0, "", OPEN},
-        {"group 32 must be joined", "platform_event_group_join 903 32", -1, 0, "", OPEN},
-        {"group 31 must be joined", "platform_event_group_join 903 31", -1, 0, "", OPEN},
-        {"group 40 must be joined", "platform_event_group_join 903 40", -1, 0, "", OPEN},
-        {"group 1 must be joined", "platform_event_group_join 903 1", -1, 0, "", OPEN},
-        {"group 56 must be joined", "platform_event_group_join 903 56", -1, 0, "", OPEN},
-        {"event socket stays blocking", "ioctl FIONBIO", -1, 0, "", OPEN},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(std::string(row.claim) + ": " + row.refused);
-        world.reset_without_daemon();
-        world.clear();
-        if (*row.refused != '\0')
-            world.refuse(row.refused, row.result, 1);
-        world.failCalloc = row.failCalloc;
-        debug(3);
-        PrintedError error;
-        EXPECT_EQ(start(), -1);
-        EXPECT_EQ(error.text().substr(0, std::string(row.error).size()), row.error);
-        EXPECT_EQ(error.text().empty(), *row.error == '\0') << error.text();
-
-        // What was opened is what a whole start opens, up to the failure; then it is undone.
-        Lines calls = world.calls();
-        ASSERT_GE(calls.size(), row.undone.size());
-        const Lines undone(calls.end() - static_cast<ptrdiff_t>(row.undone.size()), calls.end());
-        EXPECT_EQ(undone, row.undone);
-        calls.resize(calls.size() - row.undone.size());
-        ASSERT_LE(calls.size(), WHOLE_START.size());
-        EXPECT_TRUE(std::equal(calls.begin(), calls.end(), WHOLE_START.begin()));
-        // The record has just been zero-filled, so no debug text can appear.
-        EXPECT_EQ(debug_texts(), Lines{});
-        EXPECT_EQ(gDhcpsnoop.cmdSock, -1);
-        EXPECT_EQ(gDhcpsnoop.rtSock, -1);
-        EXPECT_TRUE(gDhcpsnoop.ifPool == nullptr && gDhcpsnoop.userPool == nullptr && gDhcpsnoop.serverPool == nullptr);
-
-        // The loop runs all the same, and walks its tables.
-        world.now += 1000;
-        dhcpsnoop_user_timer_check();
-
-        // A second attempt may succeed.
-        EXPECT_EQ(start(), 0);
-        EXPECT_EQ(world_check_tables(), "");
-    }
-}
-
-TEST_F(Start, OptionalGroupsMayBeMissing)
-{
-    world.refuse("platform_event_group_join 903 57");
-    world.refuse("platform_event_group_join 903 40", 0, 1);
-    world.refuse("platform_event_group_join 903 40");
-    EXPECT_EQ(start(), 0);
-    EXPECT_EQ(world.calls(), WHOLE_START);
-}
-
-TEST_F(Start, ShutdownReleasesEverything)
-{
-    ASSERT_EQ(start(), 0);
-    gDhcpsnoop.udpSock = 950;
+    world.reset_without_daemon();
     world.clear();
-    dhcpsnoop_shutdown();
-    EXPECT_EQ(world.calls(), (Lines{SEM, DATA, DATA6, "close 950", CMD, PATH, RT}));
-    world.clear();
-    dhcpsnoop_shutdown();
-    EXPECT_EQ(world.calls(), Lines{});
+    world.refuse(refused, result, 1);
+    world.failCalloc = failCalloc;
+    debug(3);
 }
 
-TEST_F(Start, RelaySocketSendsFromPort67)
+const std::string GROUPS = "platform_event_group_join 903 32, platform_event_group_join 903 31, platform_event_group_join 903 40, platform_event_group_join 903 1, platform_event_group_join 903 56, platform_event_group_join 903 57, platform_event_group_join 903 40";
+const std::string WHOLE = "OsixCreateMSem 9, socket AF_PACKET 3 0x0800, platform_packet_info_enable 900, socket AF_PACKET 3 0x86dd, platform_packet_info_enable 901, unlink /tmp/dhcpsnoop.socket, socket AF_UNIX 1 0, bind AF_UNIX /tmp/dhcpsnoop.socket 110 mode 0600, listen 10, "
+                          "socket AF_NETLINK 3 0, bind AF_NETLINK 0 0 12, " + GROUPS + ", ioctl FIONBIO 1";
+
+std::string state()
 {
+    const auto hook = [](const void *given) { return given == nullptr ? "" : " hook"; };
+    return world_format(" sizes %u %u %u sockets %d %d %d %d udp %d sem %u debug %u", gDhcpsnoop.ifMax, gDhcpsnoop.userMax, gDhcpsnoop.serverMax, gDhcpsnoop.dataSock, gDhcpsnoop.data6Sock, gDhcpsnoop.cmdSock, gDhcpsnoop.rtSock, gDhcpsnoop.udpSock, gDhcpsnoop.semId, gDhcpsnoop.debugFlags) +
+           hook(reinterpret_cast<const void *>(gDhcpsnoop.deftinstallCb)) + (gDhcpsnoop.ipsgIfGet == ipsgIfGetApi ? " ipsg" : hook(reinterpret_cast<const void *>(gDhcpsnoop.ipsgIfGet))) + (gDhcpsnoop.antiArpIfGet == arpAntiAttackIfGetApi ? " arp" : hook(reinterpret_cast<const void *>(gDhcpsnoop.antiArpIfGet)));
+}
+
+// A failing start: after how many of the whole start's bytes it is undone, how, and what perror was told.
+std::string failing(const char *refused, int32_t result = -1, int failCalloc = 0)
+{
+    nothing(refused, result, failCalloc);
+    PrintedError error;
+    std::string text = dhcpsnoop_init_ex(4, 8, 2, 3, nullptr, nullptr, nullptr) == -1 ? "" : "started! ";
+    const std::string all = calls(), undone = all.substr(std::min({all.find("OsixDeleteSem"), all.find("close"), all.size()}));
+    text += (WHOLE + ", ").starts_with(all.substr(0, all.size() - undone.size())) ? "" : "otherwise! ";
+    text += undone + "; " + error.text().substr(0, error.text().rfind("\r\n"));
+    // The record has just been zero-filled, so no debug text can appear.
+    text += debug_texts().empty() && gDhcpsnoop.ifPool == nullptr && gDhcpsnoop.userPool == nullptr && gDhcpsnoop.serverPool == nullptr ? "" : " not all undone!";
+    world.now += 1000;
+    dhcpsnoop_user_timer_check(); // the loop runs all the same, and walks its tables
+    return text + (dhcpsnoop_init(4, 8) == 0 ? world_check_tables() : "no second attempt!");
+}
+
+std::string relay_socket(const char *refused)
+{
+    nothing(refused);
     const int sock = dhcpsnoop_udp_socket_init();
-    EXPECT_EQ(sock, 900);
-    EXPECT_EQ(world.calls(), (Lines{"socket AF_INET 2 0", "setsockopt SO_BROADCAST 1", "setsockopt SO_REUSEADDR 1",
-                                    "setsockopt SO_RCVBUF 1", "bind AF_INET 00000000:67 16"}));
+    return world_format("%d ", sock) + calls() + " " + said();
 }
 
-TEST_F(Start, RelaySocketFailures)
+std::string formats(uint32_t optionMode)
 {
-    // refused, text, calls, closed
-    const std::tuple<const char *, const char *, size_t, bool> rows[] = {
-        {"socket AF_INET", "[DHCPSNOOP] Create server socket ERROR,errno 0x1!\r\n", 1, false},
-        {"setsockopt SO_BROADCAST", "[DHCPSNOOP] Set socket BROADCAST option ERROR,errno 0x1!\r\n", 3, true},
-        {"setsockopt SO_REUSEADDR", "[DHCPSNOOP] Set socket REUSEPORT option ERROR,errno 0x1!\r\n", 4, true},
-        {"setsockopt SO_RCVBUF", "[DHCPSNOOP] Set socket SO_RCVBUF option ERROR,errno 0x1!\r\n", 5, true},
-        {"bind AF_INET", "[DHCPSNOOP] Udp socket bind ERROR, errorno 0x1!\r\n", 6, true},
-    };
-    for (const auto &[refused, text, calls, closed] : rows) {
-        for (const int flags : {0, 1, 2, 3}) {
-            SCOPED_TRACE(world_format("%s, flags %u", refused, flags));
-            world.reset_without_daemon();
-            world.clear();
-            debug(flags);
-            world.refuse(refused);
-            EXPECT_EQ(dhcpsnoop_udp_socket_init(), -1);
-            EXPECT_EQ(debug_texts(), flags == 0 ? Lines{} : Lines{text});
-            EXPECT_EQ(world.calls().size(), calls);
-            EXPECT_EQ(world.calls().back() == "close 900", closed);
-        }
-    }
+    nothing();
+    dhcpsnoop_init_ex(4, 8, 2, optionMode, nullptr, nullptr, nullptr);
+    std::string text;
+    for (const DhcpsnoopOptionFormat *format : {&gDhcpsnoop.circuitIdFmt, &gDhcpsnoop.remoteIdFmt, &gDhcpsnoop.interfaceIdFmt, &gDhcpsnoop.remoteId6Fmt})
+        text += world_format("%u %u %s; ", format->mode, format->len, reinterpret_cast<const char *>(format->text));
+    return text;
 }
+
+// clang-format off
+#define SEM "OsixDeleteSem 77, "
+#define DATA SEM "close 900, "
+#define BOTH DATA "close 901, "
+#define PATH "unlink /tmp/dhcpsnoop.socket"
+#define EARLY "close 0, " PATH ", close 0; "
+#define OPEN BOTH "close 902, " PATH ", close 903; "
+TEST(Start, Rows)
+{
+    nothing();
+    const auto start = [](uint16_t ifs, uint16_t users, uint16_t servers) {
+        const int32_t result = dhcpsnoop_init_ex(ifs, users, servers, 3, deftinstall_client_entry_callback, ipsgIfGetApi, arpAntiAttackIfGetApi);
+        return std::to_string(result) + state() + world_check_tables(true);
+    };
+    const auto undone = [] {
+        world.clear();
+        dhcpsnoop_shutdown();
+        return calls();
+    };
+    check({
+        {"Kept: udpSock stays at the 0 of the zero-fill", start(0, 0, 0), "0 sizes 20 256 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 hook ipsg arp"},
+        {"sockets in order", calls(), WHOLE},
+        {"a second call changes nothing", (world.clear(), gDhcpsnoop.serverLearn = 1, start(1, 2, 3)), "0 sizes 20 256 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 hook ipsg arp"},
+        {"and does nothing", calls() + std::to_string(gDhcpsnoop.serverLearn), "1"},
+        {"shut down", (gDhcpsnoop.udpSock = 950, undone()), BOTH "close 950, close 902, " PATH ", close 903"},
+        {"once", undone(), ""},
+        {"sizes as given", start(1, 2, 3), "0 sizes 1 2 3 sockets 904 905 906 907 udp 0 sem 77 debug 0 hook ipsg arp"},
+        {"the short form has the defaults", (nothing(), dhcpsnoop_init(5, 6), state()), " sizes 5 6 256 sockets 900 901 902 903 udp 0 sem 77 debug 0"},
+        {"typed", formats(0), "3 0 ; 3 0 ; 3 0 ; 3 0 ; "},
+        {"templates", formats(5), "5 11 %s.%c.%d:%N; 5 2 %d; 5 11 %d %N:%s.%c; 5 11 %s.%c.%d:%N; "},
+        {"an unknown mode is stored as it is", formats(9), "9 0 ; 9 0 ; 9 0 ; 9 0 ; "},
+        // Failures.
+        {"Kept: an early failure closes descriptor 0 twice and removes the path", failing("OsixCreateMSem 9"), EARLY},
+        {"no memory for interfaces, users, servers", failing("-", 0, 1) + failing("-", 0, 2) + failing("-", 0, 3), SEM EARLY SEM EARLY SEM EARLY},
+        {"no IPv4 socket", failing("socket AF_PACKET 3 0x0800"), SEM EARLY},
+        {"no packet information on it", failing("platform_packet_info_enable 900"), DATA EARLY "[DHCPSNOOP]dataSock setsockopt failed!"},
+        {"no IPv6 socket", failing("socket AF_PACKET 3 0x86dd"), DATA EARLY},
+        {"no packet information on it", failing("platform_packet_info_enable 901"), BOTH EARLY "[DHCPSNOOP] data6_socket setsockopt failed"},
+        {"no command socket: its -1 is not closed", failing("socket AF_UNIX"), BOTH "close 0; [DHCPSNOOP] Create cmd_socket ERROR!"},
+        {"a command socket of 0 counts as failure", failing("socket AF_UNIX", 0), BOTH EARLY "[DHCPSNOOP] Create cmd_socket ERROR!"},
+        {"command socket not bound", failing("bind AF_UNIX"), BOTH "close 902, " PATH ", close 0; [DHCPSNOOP] Bind cmd_socket failed!"},
+        {"command socket does not listen", failing("listen"), BOTH "close 902, " PATH ", close 0; [DHCPSNOOP] Listen cmdSock error"},
+        {"no event socket", failing("socket AF_NETLINK"), BOTH "close 902, " PATH "; "},
+        {"an event socket of 0 counts as failure", failing("socket AF_NETLINK", 0), BOTH "close 902, " PATH ", close 0; "},
+        {"event socket not bound, or blocking", failing("bind AF_NETLINK") + failing("ioctl FIONBIO"), OPEN OPEN},
+        {"group 32 must be joined, 40 the first time, 56", failing("platform_event_group_join 903 32") + failing("platform_event_group_join 903 40") + failing("platform_event_group_join 903 56"), OPEN OPEN OPEN},
+        {"group 57 need not", failing("platform_event_group_join 903 57"), "started! ;  not all undone!"},
+        // The socket that relayed requests leave through.
+        {"sends from port 67", relay_socket("-"), "900 socket AF_INET 2 0, setsockopt SO_BROADCAST 1, setsockopt SO_REUSEADDR 1, setsockopt SO_RCVBUF 1, bind AF_INET 00000000:67 16 "},
+        {"no socket", relay_socket("socket AF_INET"), "-1 socket AF_INET 2 0 Create server socket ERROR,errno 0x1!"},
+        {"no broadcasts", relay_socket("setsockopt SO_BROADCAST").substr(23), "setsockopt SO_BROADCAST 1, close 900 Set socket BROADCAST option ERROR,errno 0x1!"},
+        {"no reuse", relay_socket("setsockopt SO_REUSEADDR").substr(50), "setsockopt SO_REUSEADDR 1, close 900 Set socket REUSEPORT option ERROR,errno 0x1!"},
+        {"no buffer", relay_socket("setsockopt SO_RCVBUF").substr(77), "setsockopt SO_RCVBUF 1, close 900 Set socket SO_RCVBUF option ERROR,errno 0x1!"},
+        {"not bound", relay_socket("bind AF_INET").substr(101), "bind AF_INET 00000000:67 16, close 900 Udp socket bind ERROR, errorno 0x1!"},
+    });
+    world.reset_without_daemon();
+}
+// clang-format on
 
 } // namespace

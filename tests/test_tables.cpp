@@ -1,0 +1,189 @@
+// The pools, the interface table (order, capacity, switching on and off, versions, the hardware trap) and the servers that
+// were heard.
+#include "scene.h"
+
+namespace
+{
+
+using Tables = Daemon;
+
+// Interfaces 10 to 40 are there, three can be snooped; dumps are on.
+void three_interfaces()
+{
+    world.reset(3, 0, 2);
+    for (const uint32_t ifIndex : {10u, 20u, 30u, 40u})
+        world.access(ifIndex, 10);
+    debug(2);
+}
+
+std::string indexes()
+{
+    std::string text;
+    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
+        text += world_format("%u ", ifp->ifIndex);
+    return text;
+}
+
+std::string enable(uint32_t ifIndex = 10)
+{
+    world.clear();
+    const uint32_t result = dhcpsnoop_if_enable(ifIndex);
+    return world_format("%u: ", result) + indexes() + outcome() + "; " + said();
+}
+
+std::string enabled(void (*change)(WorldPort &))
+{
+    three_interfaces();
+    change(world.ports[10]);
+    debug(1);
+    const std::string done = enable(), fields = world_state();
+    return done + " " + fields.substr(0, fields.find('\n'));
+}
+
+// Switched over from a version to another: what was printed whatever the debug flags, the flags' change, calls, texts.
+std::string version(uint32_t from, uint32_t to, uint32_t trusted = 0)
+{
+    three_interfaces();
+    DhcpsnoopIf *ifp = snoop(10, trusted);
+    set_flag_field(ifp, DHCPSNOOP_IF_VERSION, from);
+    const uint32_t before = ifp->flags;
+    Printed out;
+    const uint32_t result = dhcpsnoop_if_version_set(ifp, to);
+    return world_format("%u %x ", result, before ^ ifp->flags) + out.text() + calls_summary() + "; " + said();
+}
+
+std::string traps(uint32_t version, uint32_t state, int32_t result4 = 0, int32_t result6 = 0)
+{
+    three_interfaces();
+    for (const char *command : {"305", "306"}) {
+        world.refuse(world_format("qorIfSetApi 10 %s 23", command), result4);
+        world.refuse(world_format("qorIfSetApi 10 %s 24", command), result6);
+    }
+    const int32_t result = dhcpsnoop_if_state_notify(10, version, state);
+    return world_format("%d ", result) + calls_summary() + said().substr(60);
+}
+
+// Carved into a free list: places of its nodes in the block.
+std::string pool(uint32_t entrySize, uint32_t count)
+{
+    struct {
+        DhcpsnoopLink head;
+        void *block;
+    } record = {};
+    std::string text = std::to_string(dhcpsnoop_memlist_init(&record.head, entrySize, count));
+    for (const DhcpsnoopLink *entry : list_each<DhcpsnoopLink>(&record.head))
+        text += world_format(" %d", static_cast<int>((reinterpret_cast<const uint8_t *>(entry) - static_cast<uint8_t *>(record.block)) * 2 / static_cast<int>(sizeof(DhcpsnoopLink))));
+    free(record.block);
+    return text + (record.head.prev == &record.head ? " empty" : "");
+}
+
+// clang-format off
+#define ACL "|Notify interface state to hwapi failed!"
+TEST_F(Tables, Interfaces)
+{
+    const uint32_t LINKS = sizeof(DhcpsnoopLink);
+    const std::string rest = " types 0 0 0 0 fmt 0 0 0 0 drops 0 0 0 relay 00000000 servers 00000000 00000000 00000000 mac 02 00 00 00 01 0a", nothing = rest.substr(0, rest.size() - 17) + "00 00 00 00 00 00";
+    const std::string mode = "; Notify interface state to hwapi: unit 10, verion 1, state 1.|Dhcpsnoop interface work mode ", bridge = "bridge.|Process user on interface 10, inet type 1, user type = 2, operate 1. interface 10 max 32768 cur 0 s21 100 vlanIf ", router = "router" + bridge.substr(6);
+    const auto process = [](int inet, const char *rest2) { return world_format("Process user on interface 10, inet type %d, user type = %s", inet, rest2); };
+    const std::string on4 = process(1, "2, operate 1.|Notify interface state to hwapi: unit 10, verion 1, state 1."), on6 = process(2, "2, operate 1.|Notify interface state to hwapi: unit 10, verion 2, state 1.");
+    const std::string off4 = process(1, "1, operate 2.|") + process(1, "2, operate 0.|Notify interface state to hwapi: unit 10, verion 1, state 0."), off6 = process(2, "1, operate 2.|") + process(2, "2, operate 0.|Notify interface state to hwapi: unit 10, verion 2, state 0.");
+    check({
+        // In use, IPv4, policy 2 (keep), not trusted; router mode and VLAN as answered. DHCPv4 is trapped, DHCPv6 not.
+        {"a port in bridge mode", enabled([](WorldPort &) {}), "0: 10 qorIfSetApi 10 305 23" + mode + bridge + "0 flags 80c00000" + rest},
+        {"in router mode", enabled([](WorldPort &p) { p.workMode = 1; }), "0: 10 qorIfSetApi 10 305 23" + mode + router + "0 flags 80c00002" + rest},
+        {"a mode word of 2 is called router, but the bit is clear", enabled([](WorldPort &p) { p.workMode = 2; }), "0: 10 qorIfSetApi 10 305 23" + mode + router + "0 flags 80c00000" + rest},
+        {"a VLAN interface; only 12 bits of its VLAN are taken", enabled([](WorldPort &p) { p.isVlanIf = true, p.vid = 0xF00A; }), "0: 10 qorIfSetApi 10 305 23" + mode + bridge + "1 flags 80c00028" + rest},
+        {"nothing answered", enabled([](WorldPort &p) { p.isVlanIf = true, p.workMode = 1, p.silent = {33, 193, 417, 5400}; }), "0: 10 qorIfSetApi 10 305 23" + mode + bridge + "0 flags 80c00000" + nothing},
+        {"a VLAN interface whose VLAN is not answered", enabled([](WorldPort &p) { p.isVlanIf = true, p.silent = {5400}; }), "0: 10 qorIfSetApi 10 305 23" + mode + bridge + "1 flags 80c00000" + rest},
+        {"sorted", enable(30).substr(0, 33), "0: 10 30 qorIfSetApi 30 305 23; N"},
+        {"equal indexes in their order", enable(10).substr(0, 36), "0: 10 10 30 qorIfSetApi 10 305 23; N"},
+        {"a trusted interface gains IPv6 and loses its trust", version(1, 3, DHCPSNOOP_IF_TRUSTED), "0 21000000 Interface trust state is changed!\n\rqorIfSetApi 10 305 24; " + on6},
+        {"it loses IPv4", version(3, 2), "0 800000 qorIfSetApi 10 306 23; " + off4},
+        {"one for the other, IPv4 first", version(1, 2), "0 1800000 qorIfSetApi 10 306 23, qorIfSetApi 10 305 24; " + off4 + "|" + on6},
+        {"the other way round", version(2, 1), "0 1800000 qorIfSetApi 10 305 23, qorIfSetApi 10 306 24; " + on4 + "|" + off6},
+        {"Kept: the same version touches nothing but clears the trust", version(1, 5, DHCPSNOOP_IF_TRUSTED), "0 20000000 Interface trust state is changed!\n\r; "},
+        {"add both", traps(3, 1), "0 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24"},
+        {"add neither, delete neither", traps(0, 1) + traps(0, 0), "0 0 "},
+        {"a refused IPv4 ends it", traps(3, 1, 4, 6), "4 qorIfSetApi 10 305 23|Add dhcp acl failed!"},
+        {"a refused IPv6 is the result", traps(3, 1, 0, 6), "6 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24|Add dhcpv6 acl failed!"},
+        {"any other state deletes", traps(1, 2), "0 qorIfSetApi 10 306 23"},
+        {"an IPv4 failure goes on, and is forgotten when IPv6 succeeds", traps(3, 0, 4), "0 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!"},
+        {"both fail", traps(3, 0, 4, 6), "6 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!|Delete dhcpv6 acl failed!" ACL},
+        {"IPv4 alone fails", traps(1, 0, 4), "4 qorIfSetApi 10 306 23|Delete dhcp acl failed!" ACL},
+        // In halves of a node's two links; the last one of the block is the first to be taken.
+        {"three entries of a record's size", pool(3 * LINKS, 3), "0 12 6 0"},
+        {"a count of 0 is one entry", pool(2 * LINKS, 0), "0 0"},
+        {"an entry has room for its links at least", pool(1, 2), "0 2 0"},
+        {"an odd size is rounded up so that the links stay aligned", pool(LINKS + 1, 2), "0 3 0"},
+        {"no memory: an empty list", (world.failCalloc = 1, pool(64, 4)), "-1 empty"},
+    });
+}
+
+TEST_F(Tables, InterfaceByInterface)
+{
+    three_interfaces();
+    debug(1);
+    for (const uint32_t ifIndex : {30u, 10u, 20u})
+        snoop(ifIndex);
+    const std::string before = world_state();
+    EXPECT_EQ(enable(40), "12: 10 20 30 ; Failed to allocate memory for interface 40.");
+    EXPECT_EQ(world_state(), before);
+    // Zero again when it is taken again, from the head of the free list.
+    DhcpsnoopIf *ifp = dhcpsnoop_if_lookup(20);
+    memset(reinterpret_cast<uint8_t *>(ifp) + sizeof(DhcpsnoopLink), 0xAA, sizeof *ifp - sizeof(DhcpsnoopLink));
+    dhcpsnoop_if_delete(ifp);
+    dhcpsnoop_if_delete(nullptr);
+    snoop(20);
+    EXPECT_EQ(world_state(), before);
+    // Bindings of the interface: the dynamic ones go, static ones are withdrawn, and come back.
+    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
+    world.ipsg[10] = {.items = 0x80};
+    make_binding(HOST, MAC_CLIENT, 10, 10);
+    make_binding(HOST + 1, MAC_CLIENT, 20, 10);
+    DhcpsnoopUser *fixed = make_binding(HOST + 2, MAC_CLIENT, 10, 10);
+    fixed->userType = DHCPSNOOP_USER_STATIC;
+    dhcpsnoop_user_update_hw(fixed, 1);
+    world.refuse("qorIfSetApi 10 306", 9);
+    world.clear();
+    EXPECT_EQ(dhcpsnoop_if_disable(dhcpsnoop_if_lookup(10)) + dhcpsnoop_if_disable(nullptr), 0u);
+    EXPECT_EQ(outcome(), "qorIfSetApi 10 306 23, hw -10 .52 80/80 | .51 bound 20/10 | .52 static bound 10/10");
+    world.refuse("qorIfSetApi 10 305", 55, 1);
+    debug(0);
+    EXPECT_EQ(enable(), "55: 20 30 qorIfSetApi 10 305 23 | .51 bound 20/10 | .52 static bound 10/10; ") << "a refused trap undoes it, and is the result";
+    EXPECT_EQ(enable(), "0: 10 20 30 qorIfSetApi 10 305 23, hw +10 .52 80/80 | .51 bound 20/10 | .52 static bound 10/10 hw 80; ");
+    // By VLAN: the first in the list, no port even when its VLAN bits match, the low 16 bits of the number.
+    for (const uint32_t ifIndex : {10u, 20u, 30u})
+        set_flag_field(dhcpsnoop_if_lookup(ifIndex), DHCPSNOOP_IF_VID, 10);
+    EXPECT_EQ(dhcpsnoop_if_lookup_by_vid(10), nullptr);
+    dhcpsnoop_if_lookup(20)->isVlanIf = dhcpsnoop_if_lookup(30)->isVlanIf = 1;
+    EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(10) == dhcpsnoop_if_lookup(20) && dhcpsnoop_if_lookup_by_vid(0x1000A) == dhcpsnoop_if_lookup(20));
+    EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(11) == nullptr && dhcpsnoop_if_lookup_by_vid(0x100A) == nullptr && dhcpsnoop_if_lookup(11) == nullptr);
+}
+
+TEST_F(Tables, Servers)
+{
+    three_interfaces();
+    const auto heard = [](uint32_t address, uint32_t vid, uint32_t port) {
+        dhcpsnoop_server_add(address, vid, port);
+        return outcome();
+    };
+    check({
+        {"heard", heard(1, 10, 3), " | server .1 3/10"},
+        {"all three are looked up", world_format("%d%d%d%d", dhcpsnoop_server_lookup(1, 10, 3) != nullptr, dhcpsnoop_server_lookup(1, 20, 3) != nullptr, dhcpsnoop_server_lookup(1, 10, 4) != nullptr, dhcpsnoop_server_lookup(2, 10, 3) != nullptr), "1000"},
+        {"newest first", heard(2, 20, 4), " | server .2 4/20 | server .1 3/10"},
+        {"Kept: a full list replaces its newest entry", heard(3, 30, 5), " | server .3 5/30 | server .1 3/10"},
+    });
+    DhcpsnoopServer *server = dhcpsnoop_server_lookup(3, 30, 5);
+    dhcpsnoop_server_delete(nullptr);
+    dhcpsnoop_server_delete(server);
+    EXPECT_TRUE(server->serverIp == 0 && server->vid == 0 && server->ifIndex == 0 && dhcpsnoop_server_alloc() == server);
+    dhcpsnoop_server_delete(dhcpsnoop_server_lookup(1, 10, 3));
+    DhcpsnoopServer *other = dhcpsnoop_server_alloc();
+    EXPECT_TRUE(other != server && dhcpsnoop_server_alloc() == nullptr) << "nothing free and nothing to replace";
+    EXPECT_EQ(heard(1, 10, 3), "");
+    list_insert_after(&gDhcpsnoop.serverFreeList, server);
+    list_insert_after(&gDhcpsnoop.serverFreeList, other);
+}
+// clang-format on
+
+} // namespace
