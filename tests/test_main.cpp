@@ -9,74 +9,57 @@
 #include "../src/main/main.cpp"
 #undef main
 
-namespace
-{
-
-std::vector<std::string> did;
-
-struct LoopEntered {
-};
-
-template <class Hook>
-std::string hook(Hook given, Hook expected)
-{
-    return given == nullptr ? "none" : given == expected ? "hook"
-                                                         : "wrong";
-}
-
-} // namespace
+static std::string did;
 
 int32_t dhcpsnoop_init_ex(uint16_t ifCount, uint16_t userCount, uint16_t serverCount, uint32_t optionMode,
                           DhcpsnoopInstallHook deftinstallHook, DhcpsnoopIfHook ipsgHook, DhcpsnoopIfHook antiArpHook)
 {
-    did.push_back("init " + std::to_string(ifCount) + " " + std::to_string(userCount) + " " + std::to_string(serverCount) + " " + std::to_string(optionMode) + " " + hook(ipsgHook, ipsgIfGetApi) + " " + hook(antiArpHook, arpAntiAttackIfGetApi) + " " + hook(deftinstallHook, deftinstall_client_entry_callback));
+    for (const uint32_t number : {uint32_t{ifCount}, uint32_t{userCount}, uint32_t{serverCount}, optionMode})
+        did += " " + std::to_string(number);
+    const auto hook = [](auto given, auto expected, const char *name) { did += given == expected ? name : given == nullptr ? "" : " wrong"; };
+    hook(deftinstallHook, deftinstall_client_entry_callback, " deftinstall");
+    hook(ipsgHook, ipsgIfGetApi, " ipsg");
+    hook(antiArpHook, arpAntiAttackIfGetApi, " arp");
     return -1;
 }
 
 void dhcpsnoop_main(void)
 {
-    did.push_back("loop");
-    throw LoopEntered();
+    did += signal(SIGPIPE, SIG_DFL) == SIG_IGN ? "" : " SIGPIPE";
+    throw did;
 }
 
-void qorCatchSegFault(int argc, char **) { did.push_back("crash reporter " + std::to_string(argc)); }
+void qorCatchSegFault(int argc, char **) { did = "crash reporter " + std::to_string(argc) + ", init"; }
 int32_t ipsgIfGetApi(uint32_t, uint32_t, void *) { return -1; }
 int32_t arpAntiAttackIfGetApi(uint32_t, uint32_t, void *) { return -1; }
 int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *, QorBuffer *, QorBuffer *) { return 0; }
 
-namespace
-{
-
+// Kept: the loop is entered whatever start-up gave.
 TEST(Main, Arguments)
 {
-    // claim, arguments, init
-    const std::tuple<const char *, std::vector<const char *>, const char *> rows[] = {
-        {"none at all count as 0", {}, "init 0 0 0 3 none none none"},
-        {"sizes", {"30", "1024"}, "init 30 1024 0 3 none none none"},
-        {"a third installs only the IP source guard hook", {"0", "0", "1"}, "init 0 0 0 3 hook none none"},
-        {"a fourth the ARP inspection hook", {"0", "0", "0", "7"}, "init 0 0 0 3 none hook none"},
-        {"a fifth the auto-provisioning hook", {"0", "0", "0", "0", "-1"}, "init 0 0 0 3 none none hook"},
-        {"words count as 0", {"abc", "x", "abc", "", "yes"}, "init 0 0 0 3 none none none"},
-        {"digits up to the first other character", {"12abc", " 13", "1x"}, "init 12 13 0 3 hook none none"},
-        {"sizes are taken as 16 bits", {"65536", "65537"}, "init 0 1 0 3 none none none"},
-        {"a number beyond every range still is one", {"99999999999999999999", "-99999999999999999999", "99999999999999999999"}, "init 65535 0 0 3 hook none none"},
+    // clang-format off
+    const struct {
+        const char *claim;
+        std::vector<std::string> words;
+        const char *done;
+    } rows[] = {
+        {"none at all count as 0", {"d"}, "crash reporter 1, init 0 0 0 3"},
+        {"sizes", {"d", "30", "1024"}, "crash reporter 3, init 30 1024 0 3"},
+        {"a third installs only the IP source guard hook", {"d", "0", "0", "1"}, "crash reporter 4, init 0 0 0 3 ipsg"},
+        {"a fourth the ARP inspection hook", {"d", "0", "0", "0", "7"}, "crash reporter 5, init 0 0 0 3 arp"},
+        {"a fifth the auto-provisioning hook", {"d", "0", "0", "0", "0", "-1"}, "crash reporter 6, init 0 0 0 3 deftinstall"},
+        {"words count as 0", {"d", "abc", "x", "abc", "", "yes"}, "crash reporter 6, init 0 0 0 3"},
+        {"digits up to the first other character", {"d", "12abc", " 13", "1x"}, "crash reporter 4, init 12 13 0 3 ipsg"},
+        {"sizes are taken as 16 bits", {"d", "65536", "65537"}, "crash reporter 3, init 0 1 0 3"},
+        {"a number beyond every range still is one", {"d", "99999999999999999999", "-99999999999999999999", "99999999999999999999"}, "crash reporter 4, init 65535 0 0 3 ipsg"},
     };
-    for (const auto &[claim, arguments, init] : rows) {
-        SCOPED_TRACE(claim);
-        std::vector<std::string> words = {"dhcpsnoop"};
-        words.insert(words.end(), arguments.begin(), arguments.end());
+    // clang-format on
+    for (auto row : rows) {
         std::vector<char *> argv;
-        for (std::string &word : words)
+        for (std::string &word : row.words)
             argv.push_back(word.data());
         argv.push_back(nullptr);
-        const int argc = static_cast<int>(words.size());
-        did.clear();
-        signal(SIGPIPE, SIG_DFL);
-        EXPECT_THROW(daemon_main(argc, argv.data()), LoopEntered);
-        // Kept: the loop is entered whatever start-up gave.
-        EXPECT_EQ(did, (std::vector<std::string>{"crash reporter " + std::to_string(argc), init, "loop"}));
-        EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
+        EXPECT_THROW(daemon_main(static_cast<int>(row.words.size()), argv.data()), std::string);
+        EXPECT_EQ(did, row.done) << row.claim;
     }
 }
-
-} // namespace
