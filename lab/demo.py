@@ -117,6 +117,20 @@ def as_text(value):
     return f"  ({text})" if len(text) > 2 and text.isprintable() else ""
 
 
+def option(capture, protocol, heading, where):
+    """tshark's tree of an option in the first frame that `where` selects, as indented lines, from the line with `heading`."""
+    tree = []
+    for line in capture.tshark("-Y", where, "-O", protocol):
+        indent = len(line) - len(line.lstrip())
+        if tree:
+            if indent <= tree[0][0]:
+                break
+            tree.append((indent, line.strip()))
+        elif heading in line:
+            tree.append((indent, line.strip()))
+    return [" " * (indent - tree[0][0]) + text for indent, text in tree]
+
+
 def show(lab, *arguments):
     print(f"\n$ dhcpsnoopctl {' '.join(arguments)}\n{lab.ctl(*arguments).stdout.rstrip()}")
 
@@ -130,10 +144,10 @@ def demo(lab):
     print("\nThe leases that the clients got:")
     with Capture(lab.server) as capture:
         get_leases(lab)
-        option82 = capture.option("dhcp", "Option: (82)", f"dhcp.option.dhcp == 3 && dhcp.hw.mac_addr == {MACS['pc1']}")
+        option82 = option(capture, "dhcp", "Option: (82)", f"dhcp.option.dhcp == 3 && dhcp.hw.mac_addr == {MACS['pc1']}")
         request6 = f"dhcpv6.msgtype == 3 && eth.src == {MACS['pc1']}"
         options6 = [line for heading in ("Interface-Id", "Remote Identifier")
-                    for line in capture.option("dhcpv6", heading, request6)]
+                    for line in option(capture, "dhcpv6", heading, request6)]
     show(lab, "show", "bindings")
     for what, lines in (("Option 82", option82), ("Options 18 and 37", options6)):
         print(f"\n{what} in pc1's REQUEST as tshark reads {'it' if lines is option82 else 'them'} at the server:")

@@ -6,16 +6,13 @@ import socket
 
 from lab import HERE, RUN, Client, Process, wait_for
 from wire import UDP, Ether, mac_bytes  # before scapy's others, whose remarks it silences
-from scapy.layers.dhcp6 import (DHCP6_Advertise, DHCP6_Confirm, DHCP6_Decline, DHCP6_InfoRequest, DHCP6_Rebind, DHCP6_Reconf,
-                                DHCP6_Release, DHCP6_Renew, DHCP6_Reply, DHCP6_Request, DHCP6_Solicit, DHCP6OptClientId,
-                                DHCP6OptElapsedTime, DHCP6OptIA_NA, DHCP6OptIAAddress, DHCP6OptServerId, DUID_LL)
+from scapy.layers.dhcp6 import (DHCP6, DHCP6OptClientId, DHCP6OptElapsedTime, DHCP6OptIA_NA, DHCP6OptIAAddress, DHCP6OptServerId,
+                                DUID_LL)
 from scapy.layers.inet6 import IPv6
 
 SERVERS = ("33:33:00:01:00:02", "ff02::1:2")
-MESSAGES = {"solicit": DHCP6_Solicit, "advertise": DHCP6_Advertise, "request": DHCP6_Request, "confirm": DHCP6_Confirm,
-            "renew": DHCP6_Renew, "rebind": DHCP6_Rebind, "reply": DHCP6_Reply, "release": DHCP6_Release,
-            "decline": DHCP6_Decline, "reconfigure": DHCP6_Reconf, "inform": DHCP6_InfoRequest}
-TYPES = {kind: number for number, kind in enumerate(MESSAGES, 1)}  # RFC 8415 7.3
+KINDS6 = ("", "solicit", "advertise", "request", "confirm", "renew", "rebind", "reply", "release", "decline", "reconfigure",
+          "information-request")  # RFC 8415 7.3
 
 
 class Client6(Client):
@@ -29,13 +26,12 @@ class Client6(Client):
 
     def start(self):
         conf = f"{RUN}/{self.name}.conf"
+        with open(conf, "w") as file:
+            file.write("timeout 20;\n" if self.program == "dhclient" else
+                       f"duid ll\nnoipv6rs\nipv6only\ninterface {self.device}\nia_na 1\n")
         if self.program == "dhclient":
-            with open(conf, "w") as file:
-                file.write("timeout 20;\n")
             arguments = [*self.dhclient(), "-d", "-cf", conf, *(["-T"] if self.temporary else []), self.device]
         else:
-            with open(conf, "w") as file:
-                file.write(f"duid ll\nnoipv6rs\nipv6only\ninterface {self.device}\nia_na 1\n")
             # Its control socket and leases are named by the device alone: each gets directories of its own.
             os.makedirs("/run/dhcpcd", exist_ok=True)
             hidden = "for d in /run/dhcpcd /var/lib/dhcpcd; do mount -t tmpfs tmpfs $d; done; exec \"$@\""
@@ -59,9 +55,9 @@ class Client6(Client):
         lines = self.host.run("ip", "-6", "-o", "addr", "show", "dev", self.device, "scope", "global").stdout.splitlines()
         return {line.split()[3].split("/")[0] for line in lines if "tentative" not in line and "dadfailed" not in line}
 
-    def wait_leases(self, count=1, timeout=30.0):
+    def wait_leases(self, count=1):
         """Waits until the client has that many addresses and gives them."""
-        wait_for(f"{count} leases of {self.name}", lambda: len(self.addresses()) == count, timeout)
+        wait_for(f"{count} leases of {self.name}", lambda: len(self.addresses()) == count, 30)
         return self.addresses()
 
 
@@ -72,60 +68,58 @@ def link_local(mac):
     return "fe80::" + ":".join(f"{b[i] << 8 | b[i + 1]:x}" for i in range(0, 8, 2))
 
 
+def duid(mac):
+    return DUID_LL(lladdr=mac)
+
+
 def ia_na(*addresses, valid=120, iaid=1):
     return DHCP6OptIA_NA(iaid=iaid, T1=0, T2=0, ianaopts=[DHCP6OptIAAddress(addr=address, preflft=valid, validlft=valid)
                                                           for address in addresses])
 
 
-def message(kind, xid):
-    made = MESSAGES[kind]()
-    made.trid = random.getrandbits(24) if xid is None else xid
-    return made
-
-
-def stack(frame, options):
+def message6(kind, front, *options, xid):
+    frame = front / DHCP6(msgtype=KINDS6.index(kind), trid=random.getrandbits(24) if xid is None else xid)
     for option in options:
         frame = frame / option
     return frame
 
 
-def from_client(kind, mac, *options, xid=None):
+def from_client6(kind, mac, *options, xid=None):
     """A client's message to all servers, its identifier made of the MAC address."""
-    frame = (Ether(src=mac, dst=SERVERS[0]) / IPv6(src=link_local(mac), dst=SERVERS[1], hlim=1) / UDP(sport=546, dport=547) /
-             message(kind, xid) / DHCP6OptClientId(duid=DUID_LL(lladdr=mac)))
-    return stack(frame, (DHCP6OptElapsedTime(elapsedtime=0), *options))
+    front = Ether(src=mac, dst=SERVERS[0]) / IPv6(src=link_local(mac), dst=SERVERS[1], hlim=1) / UDP(sport=546, dport=547)
+    return message6(kind, front, DHCP6OptClientId(duid=duid(mac)), DHCP6OptElapsedTime(elapsedtime=0), *options, xid=xid)
 
 
-def from_server(kind, mac, *options, source_mac, xid=None):
+def from_server6(kind, mac, *options, source_mac, xid=None):
     """A server's message to the client with that MAC address."""
-    frame = (Ether(src=source_mac, dst=mac) / IPv6(src=link_local(source_mac), dst=link_local(mac)) /
-             UDP(sport=547, dport=546) / message(kind, xid) / DHCP6OptClientId(duid=DUID_LL(lladdr=mac)) /
-             DHCP6OptServerId(duid=DUID_LL(lladdr=source_mac)))
-    return stack(frame, options)
+    front = Ether(src=source_mac, dst=mac) / IPv6(src=link_local(source_mac), dst=link_local(mac)) / UDP(sport=547, dport=546)
+    identifiers = DHCP6OptClientId(duid=duid(mac)), DHCP6OptServerId(duid=duid(source_mac))
+    return message6(kind, front, *identifiers, *options, xid=xid)
 
 
-def is_dhcp6(frame, kind=None, xid=None):
-    """Is it a DHCPv6 message of that kind, and not an ICMPv6 error about one?"""
+def dhcp6(frame):
+    """Its DHCPv6 message, or None; one that an ICMPv6 error quotes does not count."""
     if IPv6 not in frame or frame[IPv6].nh != socket.IPPROTO_UDP:
-        return False
-    for name, layer in MESSAGES.items():
-        if layer in frame and (kind is None or name == kind):
-            return xid is None or frame[layer].trid == xid
-    return False
+        return None
+    return next((layer for layer in map(frame.getlayer, range(3, 6)) if hasattr(layer, "trid")), None)
 
 
-def receive(endpoint, kind, xid=None, timeout=10.0):
-    return endpoint.receive(f"DHCPv6 {kind}", lambda frame: is_dhcp6(frame, kind, xid), timeout)
+def receive6(endpoint, kind, xid=None):
+    def match(frame):
+        found = dhcp6(frame)
+        return found and KINDS6[found.msgtype] == kind and xid in (None, found.trid)
+
+    return endpoint.receive(f"DHCPv6 {kind}", match)
 
 
-def exchange(endpoint, mac, *options, iaid=1):
+def exchange6(endpoint, mac, *options, iaid=1):
     """A client's SOLICIT and REQUEST and a real server's answers; gives the REPLY. `options` are in both."""
     xid = random.getrandbits(24)
-    endpoint.send(from_client("solicit", mac, DHCP6OptIA_NA(iaid=iaid, T1=0, T2=0), *options, xid=xid))
-    advertise = receive(endpoint, "advertise", xid)
-    endpoint.send(from_client("request", mac, DHCP6OptServerId(duid=advertise[DHCP6OptServerId].duid),
-                              ia_na(*addresses(advertise), iaid=iaid), *options, xid=xid))
-    return receive(endpoint, "reply", xid)
+    endpoint.send(from_client6("solicit", mac, DHCP6OptIA_NA(iaid=iaid, T1=0, T2=0), *options, xid=xid))
+    advertise = receive6(endpoint, "advertise", xid)
+    endpoint.send(from_client6("request", mac, DHCP6OptServerId(duid=advertise[DHCP6OptServerId].duid),
+                               ia_na(*addresses(advertise), iaid=iaid), *options, xid=xid))
+    return receive6(endpoint, "reply", xid)
 
 
 def addresses(frame):

@@ -61,16 +61,12 @@ def enter(keep=()):
 
 def hide(keep):
     mount("--make-rprivate", "/")
-    saved = []
-    for path in keep:
-        inside_another = any(path.startswith(other + "/") for other in keep)
-        if path.startswith(tuple(d + "/" for d in HIDDEN)) and not inside_another:
-            saved.append((path, os.open(path, os.O_PATH | os.O_DIRECTORY)))
+    saved = [(path, os.open(path, os.O_PATH | os.O_DIRECTORY)) for path in sorted(keep)
+             if path.startswith(tuple(directory + "/" for directory in HIDDEN))]
     for directory in HIDDEN:
         mount("-t", "tmpfs", "-o", "mode=1777" if directory == "/tmp" else "mode=755", "tmpfs", directory)
     for path, directory in saved:
-        os.makedirs(path)
-        os.set_inheritable(directory, True)
+        os.makedirs(path, exist_ok=True)
         mount("-c", "--bind", f"/proc/self/fd/{directory}", path, pass_fds=(directory,))
         os.close(directory)
     mount("-t", "proc", "proc", "/proc")

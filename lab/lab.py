@@ -106,7 +106,7 @@ class Host:
         self.run("ip", *line.split())
 
     def tc_program(self, device, direction, program, name):
-        path = program.pin(f"{self.name}-{name}")
+        path = vlan.pin(program, f"{self.name}-{name}")
         self.run("tc", "qdisc", "replace", "dev", device, "clsact")
         # Behind whatever the switch attaches, which takes the first preferences.
         self.run("tc", "filter", "add", "dev", device, direction, "pref", "50000", "bpf", "da", "object-pinned", path)

@@ -14,29 +14,32 @@ import isolate
 BUILD = os.path.realpath(sys.argv.pop(1))
 isolate.enter([BUILD, os.path.dirname(os.path.dirname(os.path.realpath(__file__)))])
 
-from dhcpv6 import Client6
-from lab import PORTS, SWITCH_CONF, TRUSTED, Client, Lab, wait_for
-from wire import Capture, Endpoint
+from dhcpv6 import Client6, dhcp6
+from lab import MACS, PORTS, SWITCH_CONF, TRUSTED, Client, Lab, wait_for
+from wire import BOOTP, Capture, Dot1Q, Endpoint, Ether, from_client, is_dhcp, outer_vid
+
+HOSTS = {host: port for port, _, host in PORTS}
+GUARDED = ("20", "256", "1", "1")  # interfaces, bindings, with IP source guard and ARP inspection
+LAST = 0x7FFFFFFF
 
 
 class LabTest(unittest.TestCase):
     offload = True  # checksum offload at every link, as veth has it
     daemon_arguments = ()
-    version = "4"
+    version = "both"
+    vlan_interface = False  # VLAN 20 has one, vlan20
+    snooped = tuple(HOSTS.values())
 
     @classmethod
     def setUpClass(cls):
         cls.lab = Lab(BUILD, cls.offload)
         cls.addClassCleanup(cls.lab.stop)
         cls.lab.start()
-
-    @classmethod
-    def give_vlan_interface(cls):
-        """VLAN 20 gets one, vlan20."""
-        cls.lab.switch.ip("link add vlan20 type bridge")  # any device will do as a name and an index
-        cls.lab.switch.ip("link set vlan20 up")
-        with open(SWITCH_CONF, "a") as conf:
-            conf.write("vlan 20 interface vlan20\n")
+        if cls.vlan_interface:
+            cls.lab.switch.ip("link add vlan20 type bridge")  # any device will do as a name and an index
+            cls.lab.switch.ip("link set vlan20 up")
+            with open(SWITCH_CONF, "a") as conf:
+                conf.write("vlan 20 interface vlan20\n")
 
     def setUp(self):
         self.clients = []
@@ -44,18 +47,17 @@ class LabTest(unittest.TestCase):
         self.start_daemon()
 
     def start_daemon(self, under=()):
-        """Every port snooped, the ports to the servers trusted."""
+        """The ports to the servers are trusted."""
         self.daemon = self.lab.start_daemon(*self.daemon_arguments, under=under)
-        for port, _, _ in PORTS:
-            self.ctl(f"interface {port} snooping on")
-            if self.version != "4":
-                self.ctl(f"interface {port} version {self.version}")
+        for interface in self.snooped:
+            self.ctl(f"interface {interface} snooping on; interface {interface} version {self.version}")
         for port in TRUSTED:
             self.ctl(f"interface {port} trust on")
 
     def finish(self):
         for client in self.clients:
-            client.kill()
+            client.kill()  # all before their addresses go, which a dhcpcd would tell the server
+        for client in self.clients:
             client.host.ip(f"addr flush dev {client.device} scope global")
         if self.lab.daemon is None:
             return
@@ -65,9 +67,13 @@ class LabTest(unittest.TestCase):
         self.assertTrue(alive, f"the daemon did not survive the test:\n{log[-4000:]}")
         self.assertEqual(self.daemon.popen.returncode, -signal.SIGTERM, log[-4000:])
 
-    def ctl(self, line):
-        """One command of the client, by its words; gives what it printed."""
-        return self.lab.ctl(*line.split()).stdout
+    def kill_daemon(self):
+        self.daemon.signal(signal.SIGKILL)
+        self.daemon.popen.wait()
+
+    def ctl(self, lines):
+        """Commands of the client, by their words; gives what the last one printed."""
+        return [self.lab.ctl(*line.split()).stdout for line in lines.split(";")][-1]
 
     def show(self, line):
         return json.loads(self.ctl(f"show {line} --json"))
@@ -77,49 +83,76 @@ class LabTest(unittest.TestCase):
         return {binding["address"]: binding for binding in self.show("bindings")}
 
     def binding(self, address):
-        """What of a binding does not change with the clock, or None."""
+        """A binding in words, without what changes with the clock; "" when there is none."""
         binding = self.bindings().get(address)
-        return binding and {name: value for name, value in binding.items() if name not in ("elapsed", "left")}
+        return binding and "{mac} {vlan} {interface} {type} {state} {lease}".format(**binding) or ""
 
-    def counter(self, port, name):
-        return self.show(f"interface {port}")[name]
+    def counts(self, port):
+        """What the daemon and the guard have dropped there, by reason."""
+        guard = [place["refused"] for place in self.show("guard")["interfaces"] if place["interface"] == port]
+        counts = [*self.show(f"interface {port}").items(), *(row for rows in guard for row in rows.items())]
+        return {name: count for name, count in counts if name in ("ipv4", "ipv6", "arp") or name.startswith("dropped-")}
 
-    def client(self, host, device="eth0", program="udhcpc"):
-        client = Client(host, device, program)
+    def client(self, host, device="eth0", program="udhcpc", made=Client, **options):
+        client = made(self.lab.hosts[host], device, program, **options)
         self.clients.append(client)
         return client.start()
 
     def client6(self, host, device="eth0", program="dhclient", **options):
-        client = Client6(host, device, program, **options)
-        self.clients.append(client)
-        return client.start()
+        return self.client(host, device, program, Client6, **options)
 
-    def endpoint(self, host, device="eth0"):
-        endpoint = Endpoint(host, device)
+    def closed_at_end(self, endpoint):
         self.addCleanup(endpoint.socket.close)
         return endpoint
+
+    def endpoint(self, host, device="eth0"):
+        return self.closed_at_end(Endpoint(self.lab.hosts[host], device))
+
+    def capture(self, host, device="eth0"):
+        return self.closed_at_end(Capture(self.lab.hosts[host], device))
+
+    def borrow(self, host, address, *words):
+        """The host has an address until the test ends."""
+        self.lab.hosts[host].ip(" ".join(("addr add", address, "dev eth0", *words)))
+        self.addCleanup(self.lab.hosts[host].run, "ip", "addr", "del", address, "dev", "eth0", check=False)
 
     def detect_duplicates(self, host):
         """Addresses of the host are tentative until nobody claims them, as anywhere outside the lab."""
         for name in ("accept_dad", "dad_transmits"):
-            host.sysctl(f"net/ipv6/conf/eth0/{name}", 1)
-            self.addCleanup(host.sysctl, f"net/ipv6/conf/eth0/{name}", 0)
+            self.lab.hosts[host].sysctl(f"net/ipv6/conf/eth0/{name}", 1)
+            self.addCleanup(self.lab.hosts[host].sysctl, f"net/ipv6/conf/eth0/{name}", 0)
 
-    def capture(self, host, device="eth0"):
-        capture = Capture(host, device)
-        self.addCleanup(capture.socket.close)
-        return capture
+    def verdict(self, host, address):
+        """The kernel's, on an address whose uniqueness it has tested: usable or dadfailed."""
+        self.borrow(host, f"{address}/64")
+        show = ("ip", "-6", "-o", "addr", "show", "dev", "eth0", "to", address)
+        self.wait("verdict", lambda: "dadfailed" in (line := self.lab.hosts[host].run(*show).stdout) or "tentative" not in line)
+        return "dadfailed" if "dadfailed" in self.lab.hosts[host].run(*show).stdout else "usable"
 
-    def arrives(self, frame, sender, receiver):
-        """Does it reach the receiver? A frame that nobody guards, sent behind it, tells when to stop waiting."""
-        wanted = bytes(frame)
-        head = 16 if wanted[12:14] == b"\x81\x00" else 12
-        with self.endpoint(self.lab.hosts[sender]) as source, self.endpoint(self.lab.hosts[receiver]) as sink:
-            source.send(frame)
-            source.send(wanted[:head] + b"\x88\xb6" + bytes(46))
-            seen = []
-            sink.receive("marker", lambda got: seen.append(bytes(got)) or b"\x88\xb6" in seen[-1][12:18])
-        return any(wanted[head:] in got for got in seen)
+    def outcome(self, sender, *frames, device="eth0"):
+        """Who hears these frames, a DHCP message by its transaction, with the VLAN of tagged ones, and what the sender's port
+        then counts, as one text. Behind them goes a DISCOVER that always arrives."""
+        def mark(frame):
+            found = dhcp6(frame)
+            return (frame[BOOTP].op, frame[BOOTP].xid) if is_dhcp(frame) else (found.msgtype, found.trid) if found else \
+                bytes(frame[Dot1Q if Dot1Q in frame else Ether].payload)
+
+        port, marks = HOSTS[sender], {mark(Ether(bytes(frame))) for frame in frames}
+        before, ears, heard = self.counts(port), {host: self.endpoint(host) for host in HOSTS}, []
+        self.endpoint(sender, device).send(*frames)
+        self.endpoint("trunk", "vlan20").send(from_client("discover", "02:00:00:00:99:01", xid=LAST))
+        ears["server"].receive("marker", lambda got: heard.append(("server", got)) or is_dhcp(got, xid=LAST, op=1))
+        heard += [(host, frame) for host, ear in ears.items() for frame in ear.drain() if host != sender]
+        places = [f"{host}/{outer_vid(frame)}".removesuffix("/0") for host, frame in heard if mark(frame) in marks]
+        counted = [f"| {name} {count - before[name]}" for name, count in self.counts(port).items() if count > before.get(name, 0)]
+        return " ".join([*sorted(places), *counted])
+
+    def play(self, *rows):
+        """Rows {claim, settings, sender, frame, outcome}, over one state."""
+        for claim, settings, sender, frame, expected in rows:
+            with self.subTest(claim):
+                self.ctl(settings or "show interfaces")
+                self.assertEqual(self.outcome(sender, frame), expected)
 
     def wait(self, what, condition, timeout=20.0):
         return wait_for(what, condition, timeout)

@@ -1,26 +1,27 @@
 """IP source guard and ARP inspection: a host that forges its source is cut off, one with a binding loses nothing."""
 
-import signal
+import re
+import subprocess
 import threading
 import time
 
 import labtest
 
-from lab import MACS, TRUNK_CLIENTS
+from dhcpv6 import DHCP6OptServerId, Ether, IPv6, duid, from_client6, ia_na
+from lab import MACS
 from scapy.layers.inet import IP, UDP
-from scapy.layers.inet6 import IPv6
-from scapy.layers.l2 import ARP, Dot1Q, Ether
-from wire import BOOTP, BROADCAST, exchange, from_client
+from scapy.layers.l2 import ARP
+from wire import BOOTP, BROADCAST, exchange, from_client, from_server, tagged
 
 ITEMS = "ip mac vlan port"
-OTHER_MAC, OTHER, STATIC, STATIC6 = "02:00:00:00:99:99", "10.0.10.250", "10.0.10.77", "2001:db8:10::77"
-ASKED = "10.0.10.79"  # of another server, which is not there
+PC1, ROGUE, TRUNK, OTHER_MAC = MACS["pc1"], MACS["rogue"], MACS["trunk"], "02:00:00:00:99:99"
+OTHER, STATIC, STATIC6, ASKED, ASKED6 = "10.0.10.250", "10.0.10.77", "2001:db8:10::77", "10.0.10.79", "2001:db8:10::79"
 PORT = 4242  # of UDP
+EVENT = re.compile(r"Receive RTM_SYSTEM_(DAISTART|DAISTOP)|RTM_(IPSG|ANTIARP)_\w+ p_param->item = (\d+)")
 
 
-def ipv4(mac, address, text=b"", vlan=None):
-    front = Ether(src=mac, dst=BROADCAST) / Dot1Q(vlan=vlan) if vlan else Ether(src=mac, dst=BROADCAST)
-    return front / IP(src=address, dst="10.0.10.9") / UDP(sport=PORT, dport=PORT) / text
+def ipv4(mac, address, text=b""):
+    return Ether(src=mac, dst=BROADCAST) / IP(src=address, dst="10.0.10.9") / UDP(sport=PORT, dport=PORT) / text
 
 
 def ipv6(mac, address):
@@ -31,20 +32,21 @@ def arp(mac, address, sender=None, operation=2):
     return Ether(src=mac, dst=BROADCAST) / ARP(op=operation, hwsrc=sender or mac, psrc=address, pdst="10.0.10.1")
 
 
-class Stream(threading.Thread):
-    """A host that sends without a pause: a numbered packet of its own, then a forged one."""
+FORGED = bytes(ipv4(PC1, OTHER, b"forged"))
 
-    def __init__(self, sender, own, forged):
+
+class Stream(threading.Thread):
+    """A host that sends without a pause: a packet of its own, then a forged one."""
+
+    def __init__(self, test):
         super().__init__()
-        self.sender, self.own, self.forged = sender, own, forged
+        self.sender, self.sink, self.own = test.endpoint("pc1"), test.endpoint("rogue"), bytes(ipv4(PC1, test.address, b"own"))
         self.sent, self.ending = 0, threading.Event()
 
     def run(self):
-        while not self.ending.is_set():
-            self.sender.send(self.own(b"own %06d" % self.sent))
-            self.sender.send(self.forged)
+        while not self.ending.wait(0.001):
+            self.sender.send(self.own, FORGED)
             self.sent += 1
-            time.sleep(0.001)
 
     def __enter__(self):
         self.start()
@@ -54,131 +56,196 @@ class Stream(threading.Thread):
         self.ending.set()
         self.join()
 
+    def lost(self):
+        """How many of its own packets did not arrive at another host, and how many forged ones did."""
+        frames = list(iter(self.sink.next, None))
+        return self.sent - frames.count(self.own), frames.count(FORGED)
+
 
 class Guard(labtest.LabTest):
-    daemon_arguments = ("20", "256", "1", "1")
+    daemon_arguments = labtest.GUARDED
 
     def setUp(self):
         super().setUp()
-        self.address = exchange(self.endpoint(self.lab.pc1), MACS["pc1"])[BOOTP].yiaddr
+        self.address = exchange(self.endpoint("pc1"), PC1)[BOOTP].yiaddr
 
     def guard(self, *ports):
         for port in ports:
-            self.ctl(f"guard interface {port} {ITEMS}")
-            self.ctl(f"arp-inspection interface {port} {ITEMS}")
-
-    def refused(self, port):
-        (place,) = [place for place in self.show("guard")["interfaces"] if place["interface"] == port]
-        return {reason: count for reason, count in place["refused"].items() if count}
+            self.ctl(f"guard interface {port} {ITEMS}; arp-inspection interface {port} {ITEMS}")
 
     def test_sources(self):
-        """What passes and what does not, each first with the guard off: then everything does."""
-        pc1, rogue, trunk = MACS["pc1"], MACS["rogue"], TRUNK_CLIENTS["vlan10"]
-        self.ctl(f"binding add {STATIC} mac {rogue} vlan 10 interface swp5")
-        self.ctl(f"binding add {STATIC6} mac {pc1} vlan 10 interface swp1")
-        self.ctl(f"binding add 10.0.10.78 mac {trunk} vlan 10 interface swp3")
-        self.endpoint(self.lab.pc1).send(from_client("request", pc1, ("requested_addr", ASKED), ("server_id", "10.0.10.66")))
-        self.wait("provisional binding", lambda: ASKED in self.ctl("show bindings"))
-        rows = (
-            ("a lease's address", ipv4(pc1, self.address), "pc1", "rogue", True),
-            ("a forged address", ipv4(pc1, OTHER), "pc1", "rogue", False),
-            ("an address that was only asked for", ipv4(pc1, ASKED), "pc1", "rogue", False),
-            ("a forged MAC", ipv4(OTHER_MAC, self.address), "pc1", "rogue", False),
-            ("on another port", ipv4(pc1, self.address), "rogue", "pc1", False),
-            ("a static binding's address", ipv4(rogue, STATIC), "rogue", "pc1", True),
-            ("in its VLAN, tagged", ipv4(trunk, "10.0.10.78", vlan=10), "trunk", "rogue", True),
-            ("in another VLAN", ipv4(trunk, "10.0.10.78", vlan=20), "trunk", "pc2", False),
-            ("its own ARP", arp(pc1, self.address), "pc1", "rogue", True),
-            ("ARP for an address that was only asked for", arp(pc1, ASKED), "pc1", "rogue", False),
-            ("ARP for the gateway", arp(pc1, "10.0.10.1"), "pc1", "rogue", False),
-            ("ARP for another's MAC", arp(pc1, self.address, OTHER_MAC), "pc1", "rogue", False),
-            ("ARP for a neighbour, from its port", arp(rogue, self.address), "rogue", "pc1", False),
-            ("ARP of a static binding", arp(rogue, STATIC), "rogue", "pc1", True),
-            ("an ARP probe", arp(pc1, "0.0.0.0", operation=1), "pc1", "rogue", True),
-            ("a bound IPv6 address", ipv6(pc1, STATIC6), "pc1", "rogue", True),
-            ("a forged IPv6 address", ipv6(pc1, "2001:db8:10::78"), "pc1", "rogue", False),
-            ("a bound IPv6 address from elsewhere", ipv6(rogue, STATIC6), "rogue", "pc1", False),
-            ("link-local", ipv6(pc1, "fe80::77"), "pc1", "rogue", True),
-        )
-        for claim, frame, sender, receiver, _ in rows:
-            with self.subTest(f"{claim}, guard off"):
-                self.assertTrue(self.arrives(frame, sender, receiver))
+        for address, mac, port in ((STATIC, ROGUE, "swp5"), (STATIC6, PC1, "swp1"), ("10.0.10.78", TRUNK, "swp3")):
+            self.ctl(f"binding add {address} mac {mac} vlan 10 interface {port}")
+        self.endpoint("pc1").send(from_client("request", PC1, ("requested_addr", ASKED), ("server_id", "10.0.10.66")),
+                                  from_client6("request", PC1, DHCP6OptServerId(duid=duid(ROGUE)), ia_na(ASKED6)))
+        self.wait("provisional bindings", lambda: {ASKED, ASKED6} <= set(self.bindings()))
+        pc1 = "rogue server/10 trunk/10"  # who hears it
         self.guard("swp1", "swp3", "swp5")
-        for claim, frame, sender, receiver, passes in rows:
-            with self.subTest(claim):
-                self.assertEqual(self.arrives(frame, sender, receiver), passes)
-        self.assertEqual(self.refused("swp1"), {"ipv4": 3, "arp": 3, "ipv6": 1})
-        self.assertEqual(self.refused("swp5"), {"ipv4": 1, "arp": 1, "ipv6": 1})
-        with self.subTest("a deleted binding"):
-            self.ctl(f"binding delete {STATIC}")
-            self.assertFalse(self.arrives(ipv4(rogue, STATIC), "rogue", "pc1"))
-        with self.subTest("DHCP all the same"):
-            exchange(self.endpoint(self.lab.rogue), rogue)
-        with self.subTest("off again"):
-            self.ctl("guard interface swp1 off")
-            self.assertTrue(self.arrives(ipv4(pc1, OTHER), "pc1", "rogue"))
+        self.play(*((claim, "", sender, frame, outcome) for claim, sender, frame, outcome in (
+            ("a lease's address", "pc1", ipv4(PC1, self.address), pc1),
+            ("a forged address", "pc1", ipv4(PC1, OTHER), "| ipv4 1"),
+            ("an address that was only asked for", "pc1", ipv4(PC1, ASKED), "| ipv4 1"),
+            ("a forged MAC", "pc1", ipv4(OTHER_MAC, self.address), "| ipv4 1"),
+            ("on another port", "rogue", ipv4(PC1, self.address), "| ipv4 1"),
+            ("a static binding's address", "rogue", ipv4(ROGUE, STATIC), "pc1 server/10 trunk/10"),
+            ("in its VLAN, tagged", "trunk", tagged(ipv4(TRUNK, "10.0.10.78"), 10), "pc1 rogue server/10"),
+            ("in another VLAN", "trunk", tagged(ipv4(TRUNK, "10.0.10.78"), 20), "| ipv4 1"),
+            ("its own ARP", "pc1", arp(PC1, self.address), pc1),
+            ("ARP for an address that was only asked for", "pc1", arp(PC1, ASKED), "| arp 1"),
+            ("ARP for the gateway", "pc1", arp(PC1, "10.0.10.1"), "| arp 1"),
+            ("ARP for another's MAC", "pc1", arp(PC1, self.address, OTHER_MAC), "| arp 1"),
+            ("ARP for a neighbour, from its port", "rogue", arp(ROGUE, self.address), "| arp 1"),
+            ("an ARP probe", "pc1", arp(PC1, "0.0.0.0", operation=1), pc1),
+            ("a bound IPv6 address", "pc1", ipv6(PC1, STATIC6), pc1),
+            ("a forged IPv6 address", "pc1", ipv6(PC1, "2001:db8:10::78"), "| ipv6 1"),
+            ("an IPv6 address that was only asked for", "pc1", ipv6(PC1, ASKED6), "| ipv6 1"),
+            ("a bound IPv6 address from elsewhere", "rogue", ipv6(ROGUE, STATIC6), "| ipv6 1"),
+            ("link-local", "pc1", ipv6(PC1, "fe80::77"), pc1))),
+                  ("a deleted binding", f"binding delete {STATIC}", "rogue", ipv4(ROGUE, STATIC), "| ipv4 1"),
+                  ("one that management confirms", f"binding bind {ASKED}", "pc1", ipv4(PC1, ASKED), pc1),
+                  ("off again", "guard interface swp1 off", "pc1", ipv4(PC1, OTHER), pc1))
 
-    def test_asked_for_and_informed(self):
-        """A server's answer without a lease acknowledges nothing; management may."""
-        pc1, mac = self.lab.pc1, MACS["pc1"]
-        self.ctl(f"guard interface swp1 {ITEMS}")
-        pc1.ip(f"addr add {ASKED}/24 dev eth0")
-        self.addCleanup(pc1.ip, f"addr del {ASKED}/24 dev eth0")
-        host = self.endpoint(pc1)
-        host.send(from_client("request", mac, ("requested_addr", ASKED), ("server_id", "10.0.10.66")))
-        self.wait("provisional binding", lambda: ASKED in self.ctl("show bindings"))
-        host.send(from_client("inform", mac, ciaddr=ASKED, xid=7))
-        host.receive_dhcp("ack", xid=7)
-        self.assertFalse(self.arrives(ipv4(mac, ASKED), "pc1", "rogue"))
-        self.ctl(f"binding bind {ASKED}")
-        self.assertTrue(self.arrives(ipv4(mac, ASKED), "pc1", "rogue"))
+    def test_leases(self):
+        """DHCP passes a guarded port, and a lease opens its address alone: until it ends, while nobody answers but an INFORM's
+        server, and while the host tests that its addresses are unique."""
+        self.guard("swp1")
+        pc1, forged = self.endpoint("pc1"), "2001:db8:10::f0"
+        pings = lambda address: self.lab.pc1.run("ping", "-6", "-c", "1", "-W", "1", "-I", address, "2001:db8:10::1",
+                                                 check=False).returncode == 0
+        self.borrow("pc1", f"{forged}/64")
+        client = self.client6("pc1")
+        address, = client.wait_leases(2) - {forged}
+        self.assertEqual((pings(address), pings(forged)), (True, False))
+        client.release()
+        self.wait("end of the binding", lambda: not self.binding(address))
+        self.borrow("pc1", f"{address}/64")
+        self.assertFalse(pings(address))
+        self.ctl("guard interface swp1 off")
+        self.assertTrue(pings(address) and pings(forged))
+        self.ctl(f"guard interface swp1 {ITEMS}; arp-inspection interface swp1 off")  # the server asks for the address by ARP
+        self.borrow("pc1", f"{ASKED}/24")
+        pc1.send(from_client("request", PC1, ("requested_addr", ASKED), ("server_id", "10.0.10.66")))
+        self.wait("provisional binding", lambda: self.binding(ASKED))
+        pc1.send(from_client("inform", PC1, ciaddr=ASKED, xid=7))
+        pc1.receive_dhcp("ack", xid=7)
+        self.assertEqual(self.outcome("pc1", ipv4(PC1, ASKED)), "| ipv4 1")
+        self.detect_duplicates("pc1")
+        self.borrow("rogue", "fe80::99/64", "nodad")
+        self.borrow("rogue", "2001:db8:10::99/64", "nodad")
+        self.assertEqual([self.verdict("pc1", address) for address in ("fe80::99", "fe80::77", "2001:db8:10::99", "2001:db8:10::98")],
+                         ["dadfailed", "usable"] * 2)
 
-    def stream(self):
-        """pc1's own packets and forged ones; with what arrives at another host."""
-        return (Stream(self.endpoint(self.lab.pc1), lambda text: ipv4(MACS["pc1"], self.address, text),
-                       ipv4(MACS["pc1"], OTHER, b"forged")), self.capture(self.lab.rogue))
-
-    def arrived(self, capture):
-        capture.save()
-        texts = [frame[42:] for frame in capture.frames if frame[36:38] == PORT.to_bytes(2, "big")]
-        return [text for text in texts if text.startswith(b"own")], [text for text in texts if text.startswith(b"forged")]
-
-    def test_switched_under_traffic(self):
-        stream, capture = self.stream()
-        with stream:
+    def test_under_traffic(self):
+        """Switched; then killed, absent for a time, started and configured: nothing of its own lost, nothing forged let in."""
+        with Stream(self) as stream:
             for items in (ITEMS, "off", "ip", "ip mac", ITEMS, "port", "off", ITEMS):
                 self.ctl(f"guard interface swp1 {items}")
                 time.sleep(0.05)
-        own, _ = self.arrived(capture)
-        self.assertEqual(own, [b"own %06d" % number for number in range(stream.sent)])
-        self.assertGreater(self.refused("swp1")["ipv4"], 0)
-
-    def test_killed_under_traffic(self):
-        """SIGKILL, a time without a daemon, the next one's start and configuration: nothing lost, nothing let in."""
-        self.guard("swp1")
-        stream, capture = self.stream()
-        with stream:
+        self.assertEqual(stream.lost()[0], 0)
+        self.guard("swp1", "swp5")
+        with Stream(self) as stream:
             time.sleep(0.1)
-            self.daemon.signal(signal.SIGKILL)
-            self.daemon.popen.wait()
+            self.kill_daemon()
             time.sleep(0.3)
             self.start_daemon()
             time.sleep(0.3)
-        own, forged = self.arrived(capture)
-        self.assertEqual(own, [b"own %06d" % number for number in range(stream.sent)])
-        self.assertEqual(forged, [])
+        self.assertEqual(stream.lost(), (0, 0))
         self.assertIn("2 binding rules of an earlier run", self.daemon.log())
+        # What a restart inherits ends: the address of an earlier run's binding is given to another host.
+        self.play(("another's address now", f"binding add {self.address} mac {ROGUE} vlan 10 interface swp5", "pc1",
+                   ipv4(PC1, self.address), "| ipv4 1"),
+                  ("its new host", "", "rogue", ipv4(ROGUE, self.address), "pc1 server/10 trunk/10"))
 
-    def test_what_a_restart_inherits_ends(self):
-        """The address of an earlier run's binding is leased to another: the first host has it no longer."""
-        self.guard("swp1", "swp5")
+    def test_expiry(self):
+        """A lease that is not renewed goes with the first scan after its end, and closes the port. Scans are a minute apart, and
+        the first one was at the daemon's start."""
+        self.guard("swp1")
+        # Of a server that is not there, so that the real one says nothing.
+        self.endpoint("pc1").send(from_client("request", PC1, ("server_id", "10.0.10.2"), ("requested_addr", STATIC), xid=3))
+        self.wait("provisional binding", lambda: self.binding(STATIC))
+        ack = from_server("ack", PC1, "10.0.10.2", STATIC, source_mac=MACS["server"], lease=2, xid=3)
+        self.endpoint("server", "vlan10").send(ack)
+        self.wait("bound binding", lambda: self.binding(STATIC).endswith(" bound 2"))
+        self.play(("held", "", "pc1", ipv4(PC1, STATIC), "rogue server/10 trunk/10"))
+        self.wait("expiry", lambda: not self.binding(STATIC), timeout=70)
+        self.play(("over", "", "pc1", ipv4(PC1, STATIC), "| ipv4 1"))
+
+
+class Configuration(labtest.LabTest):
+    """From the client into the kernel and to the daemon, and back out of show."""
+    daemon_arguments = labtest.GUARDED
+    vlan_interface = True
+
+    def start_daemon(self, under=()):
+        super().start_daemon(under)
+        self.ctl("debug trace on")
+
+    def events(self):
+        """What the daemon was told of check items: DAISTART, DAISTOP, IPSG and ANTIARP with the items."""
+        return " ".join(start or f"{kind} {int(items):#x}" for start, kind, items in EVENT.findall(self.daemon.log()))
+
+    def items(self, key):
+        return {place.get("interface", place.get("vlan")): ",".join(place[key])
+                for places in self.show("guard").values() for place in places if place[key]}
+
+    def test_switched_on_and_off(self):
+        told = ""
+        for line, event in (
+                ("guard interface swp1 ip mac", "IPSG 0xc0"),
+                ("guard vlan 20 ip", "IPSG 0x80"),
+                ("guard interface swp1 ip mac vlan port", "IPSG 0xf0"),
+                ("guard interface swp1 port vlan mac ip", ""),
+                ("arp-inspection interface swp1 ip", "DAISTART"),
+                ("arp-inspection interface swp2 mac", "ANTIARP 0x40 DAISTART"),
+                ("arp-inspection vlan 20 ip mac", "ANTIARP 0xc0"),
+                ("arp-inspection interface swp1 off", "ANTIARP 0x0"),
+                ("arp-inspection interface swp2 off", "ANTIARP 0x0 ANTIARP 0xc0"),  # falls back to its VLAN
+                ("arp-inspection vlan 20 off", "DAISTOP"),
+                ("guard interface swp1 off", "IPSG 0x0")):
+            self.ctl(line)
+            told = f"{told} {event}".strip()
+            self.wait(f"'{event}' after {line}", lambda expected=told: self.events() == expected)
+        self.assertEqual((self.items("ip"), self.items("arp")), ({20: "ip"}, {}))
+        self.assertIn("dhcpsnoopctl guard vlan 20 ip\n", self.ctl("show config"))
+        for line, text in (("guard vlan 10 ip", "the VLAN has no interface"), ("guard interface lo ip", "no port of the switch")):
+            done = self.lab.ctl(*line.split(), check=False)
+            self.assertEqual((done.returncode, text in done.stderr), (1, True), done.stderr)
+
+    def test_a_daemon_that_starts_is_told(self):
         self.lab.stop_daemon()
-        self.start_daemon()
-        own = ipv4(MACS["pc1"], self.address)
-        self.assertTrue(self.arrives(own, "pc1", "rogue"))
-        self.ctl(f"binding add {self.address} mac {MACS['rogue']} vlan 10 interface swp5")
-        self.assertFalse(self.arrives(own, "pc1", "rogue"))
-        self.assertTrue(self.arrives(ipv4(MACS["rogue"], self.address), "rogue", "pc1"))
+        self.lab.ctl("guard", "interface", "swp1", "ip")
+        self.daemon = self.lab.start_daemon()  # without the feature
+        self.wait("warning", lambda: "IP source guard is configured, but" in self.daemon.log())
+        self.assertEqual(self.items("ip"), {}, "nobody would install bindings")
+        self.lab.stop_daemon()
+        self.daemon = self.lab.start_daemon(*self.daemon_arguments)
+        self.ctl("guard interface swp1 off; guard vlan 20 ip; arp-inspection interface swp1 ip mac")
+        self.lab.stop_daemon()
+        self.assertIn("no daemon listens", self.lab.ctl("guard", "interface", "swp3", "ip", "port").stderr)
+        self.assertEqual((self.items("ip"), self.items("ip-pending")), ({20: "ip"}, {"swp3": "ip,port"}))
+        self.daemon = self.lab.start_daemon(*self.daemon_arguments)
+        self.wait("guard in force", lambda: self.items("ip") == {20: "ip", "swp3": "ip,port"})
+        self.assertEqual(self.items("arp"), {"swp1": "ip,mac"})
+
+    def test_changes_while_a_host_speaks(self):
+        """One with a binding loses nothing, and a stop of ARP inspection takes no static binding away."""
+        self.client("pc2").wait_lease()
+        self.ctl("guard interface swp4 exempt; arp-inspection interface swp4 exempt")  # the server has no binding
+        ping = subprocess.Popen(self.lab.pc2.command("ping", "-q", "-i", "0.0005", "-w", "4", "10.0.20.1"),
+                                stdout=subprocess.PIPE, text=True)
+        while ping.poll() is None:
+            self.ctl("guard vlan 20 ip; guard interface swp2 ip mac; guard interface swp2 ip vlan port; guard interface swp2 off;"
+                     "guard vlan 20 ip mac vlan port; guard vlan 20 off")
+        self.assertGreater(int(re.search(r"(\d+) packets", ping.communicate()[0])[1]), 500)
+        self.assertFalse([place for place in self.show("guard")["interfaces"] if place["refused"]["ipv4"]])
+        self.ctl(f"binding add {STATIC} mac {PC1} vlan 10 interface swp1")
+        claim = arp(PC1, STATIC)
+        arrives = ("", "pc1", claim, "rogue server/10 trunk/10")
+        for _ in range(2):
+            self.play(("a static binding", "arp-inspection interface swp1 ip mac", *arrives[1:]))
+            self.ctl("arp-inspection interface swp1 off")
+            self.wait("stop", lambda: self.events().endswith("DAISTOP"))
+        self.play(("deleted", f"arp-inspection interface swp1 ip mac; binding delete {STATIC}", "pc1", claim, "| arp 1"))
 
 
 labtest.main()

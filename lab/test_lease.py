@@ -1,131 +1,168 @@
-"""Whole leases of real clients from a real server: got, renewed, given back, refused."""
+"""Whole leases of real clients from a real server: got, renewed, given back, refused, relayed."""
+
+import signal
+import time
 
 import labtest
-import signal
 
-from lab import MACS, TRUNK_CLIENTS
-from wire import BOOTP, BROADCAST, Ether, exchange, from_client, is_dhcp, options, outer_vid
+from dhcpv6 import DHCP6OptIA_NA, DHCP6OptServerId, addresses, exchange6, from_client6, ia_na, receive6
+from lab import MACS, RELAY_ADDRESS, RELAY_SERVERS, TRUNK_CLIENTS
+from scapy.layers.dhcp6 import DHCP6OptStatusCode
+from wire import BROADCAST, Ether, from_client
 
-# claim, host, device, program, port, VLAN, MAC
+# claim, host, device, DHCPv4 client, port, VLAN, DHCPv6 client, how many addresses the server has for it
 CLIENTS = (
-    ("udhcpc on an access port", "pc1", "eth0", "udhcpc", "swp1", 10, MACS["pc1"]),
-    ("dhclient on an access port", "pc2", "eth0", "dhclient", "swp2", 20, MACS["pc2"]),
-    ("udhcpc in a tagged VLAN", "trunk", "vlan10", "udhcpc", "swp3", 10, TRUNK_CLIENTS["vlan10"]),
-    ("dhclient in a tagged VLAN", "trunk", "vlan20", "dhclient", "swp3", 20, TRUNK_CLIENTS["vlan20"]),
+    ("on an access port", "pc1", "eth0", "udhcpc", "swp1", 10, "dhclient", 1),
+    ("on an access port, two IPv6 addresses", "pc2", "eth0", "dhclient", "swp2", 20, "dhcpcd", 2),
+    ("in a tagged VLAN", "trunk", "vlan10", "udhcpc", "swp3", 10, "dhcpcd", 1),
+    ("in a tagged VLAN, two IPv6 addresses", "trunk", "vlan20", "dhclient", "swp3", 20, "dhclient", 2),
 )
 
 
 class Leases(labtest.LabTest):
+    def server_says(self, *words):
+        """Waits for a line in the server's log with all these words."""
+        self.wait(f"{words} at the server", lambda: any(all(word in line for word in words)
+                                                        for line in self.lab.processes[0].log().splitlines()), 30)
+
     def test_lease(self):
-        at_server = self.capture(self.lab.server)
-        at_client = {name: self.capture(self.lab.hosts[name]) for name in ("pc1", "pc2", "trunk")}
-        clients = [self.client(self.lab.hosts[host], device, program) for _, host, device, program, *_ in CLIENTS]
-        fields = ["dhcp.option.dhcp", "vlan.id", "udp.checksum.status", "ip.checksum.status"]
-        addresses = [client.wait_lease() for client in clients]
-        bindings = self.bindings()
-        for (claim, host, _, _, port, vid, mac), address in zip(CLIENTS, addresses):
+        """Bound where the client is, with its VLAN's tag and true checksums at both ends."""
+        at_server, at_host = self.capture("server"), {row[1]: self.capture(row[1]) for row in CLIENTS}
+        clients = [(self.client(host, device, program), self.client6(host, device, program6))
+                   for _, host, device, program, _, _, program6, _ in CLIENTS]
+        held = [{client.wait_lease(), *client6.wait_leases(row[-1])} for row, (client, client6) in zip(CLIENTS, clients)]
+        tree = ("dhcp.option.dhcp", "dhcpv6.msgtype", "vlan.id", "udp.checksum.status", "ip.checksum.status")
+        for (claim, host, device, _, port, vid, _, _), own in zip(CLIENTS, held):
+            mac = TRUNK_CLIENTS.get(device, MACS[host])
             with self.subTest(claim):
-                binding = bindings[address]
-                self.assertEqual((binding["interface"], binding["vlan"], binding["mac"]), (port, vid, mac))
-                self.assertEqual((binding["type"], binding["state"], binding["lease"]), ("dynamic", "bound", 120))
-                seen = at_server.decode(fields, f"dhcp.hw.mac_addr == {mac} && dhcp.type == 1")
-                self.assertEqual({frame["dhcp.option.dhcp"] for frame in seen}, {"1", "3"})
-                self.assertEqual({frame["vlan.id"] for frame in seen}, {str(vid)})
-                replies = at_client[host].decode(fields, f"dhcp.hw.mac_addr == {mac} && dhcp.type == 2")
-                self.assertEqual({frame["dhcp.option.dhcp"] for frame in replies}, {"2", "5"})
-                self.assertEqual({frame["vlan.id"] for frame in replies}, {str(vid) if host == "trunk" else ""})
-                for frame in seen + replies:  # 1 is good
-                    self.assertEqual((frame["udp.checksum.status"], frame["ip.checksum.status"]), ("1", "1"))
-        self.assertEqual(len(bindings), len(CLIENTS))
+                self.assertEqual({self.binding(address) for address in own}, {f"{mac} {vid} {port} dynamic bound 120"})
+                tag = str(vid) if host == "trunk" else ""
+                for capture, where, kinds, tags in ((at_server, "dhcp.type == 1 && dhcp.hw.mac_addr", "13", str(vid)),
+                                                    (at_server, "dhcpv6 && eth.src", "13", str(vid)),
+                                                    (at_host[host], "dhcp.type == 2 && dhcp.hw.mac_addr", "25", tag),
+                                                    (at_host[host], "dhcpv6 && eth.dst", "27", tag)):
+                    seen = {tuple(frame.values()) for frame in capture.decode(tree, f"{where} == {mac}")}
+                    self.assertEqual(seen, {(k, "", tags, "1", "1") if "dhcp." in where else ("", k, tags, "1", "") for k in kinds})
+        self.assertEqual(set(self.bindings()), set.union(*held))
 
-    def test_renew_by_unicast(self):
-        client = self.client(self.lab.pc1)
-        address = client.wait_lease()
-        before = self.binding(address)
-        at_server, at_client = self.capture(self.lab.server), self.capture(self.lab.pc1)
-        self.wait("two seconds on the lease", lambda: self.bindings()[address]["elapsed"] >= 2)
-        client.process.signal(signal.SIGUSR1)
-        self.wait("renewal", lambda: client.count("renew"))
-        self.assertLess(self.bindings()[address]["elapsed"], 2)
-        self.assertEqual(self.binding(address), before)
-        # The first of each: udhcpc starts to listen after it has asked, can miss a fast answer and then broadcasts.
-        fields = ["ip.src", "ip.dst", "dhcp.ip.client"]
-        request = at_server.decode(fields, "dhcp.option.dhcp == 3")[0]
-        self.assertEqual(request, {"ip.src": address, "ip.dst": "10.0.10.1", "dhcp.ip.client": address})
-        reply = at_client.decode(fields, "dhcp.option.dhcp == 5")[0]
-        self.assertEqual(reply, {"ip.src": "10.0.10.1", "ip.dst": address, "dhcp.ip.client": address})
+    def begins(self, held):
+        """When the leases began, by this test's clock."""
+        bindings, now = self.bindings(), time.monotonic()
+        return [now - bindings[address]["elapsed"] for address in held]
 
-    def test_renew_by_broadcast(self):
-        pc1 = self.endpoint(self.lab.pc1)
-        ack = exchange(pc1, MACS["pc1"])
-        address = ack[BOOTP].yiaddr
-        self.lab.pc1.ip(f"addr add {address}/24 dev eth0")  # the server asks for it by ARP and answers by unicast
-        self.addCleanup(self.lab.pc1.ip, "addr flush dev eth0 scope global")
-        self.wait("two seconds on the lease", lambda: self.bindings()[address]["elapsed"] >= 2)
-        pc1.send(from_client("request", MACS["pc1"], source=address, ciaddr=address, xid=7, flags=0x8000))
-        self.assertEqual(pc1.receive_dhcp("ack", xid=7)[BOOTP].yiaddr, address)
-        self.assertLess(self.bindings()[address]["elapsed"], 2)
+    def test_renewals(self):
+        """The bindings begin anew, and are otherwise as they were."""
+        pc1, pc2 = self.client("pc1"), self.client6("pc2", program="dhcpcd")
+        for claim, client, held, number, message, source in (
+                ("udhcpc by unicast", pc1, {pc1.wait_lease()}, signal.SIGUSR1, "dhcp.option.dhcp == 3", pc1.wait_lease()),
+                ("dhcpcd's RENEW", pc2, pc2.wait_leases(2), signal.SIGUSR1, "dhcpv6.msgtype == 5", ""),
+                ("dhcpcd's REBIND", pc2, pc2.wait_leases(2), signal.SIGHUP, "dhcpv6.msgtype == 6", "")):
+            with self.subTest(claim):
+                before, begins, at_server = [self.binding(address) for address in held], self.begins(held), self.capture("server")
+                self.wait("three seconds on the leases", lambda: time.monotonic() - max(begins) >= 3)
+                client.process.signal(number)
+                self.wait("the bindings' new begin", lambda: min(self.begins(held)) > max(begins) + 1.5)
+                self.assertEqual([self.binding(address) for address in held], before)
+                self.assertEqual(at_server.decode(["ip.src"], message)[0], {"ip.src": source})
 
     def test_release(self):
-        for _, host, device, program, *_ in CLIENTS[:2]:
-            with self.subTest(program):
-                client = self.client(self.lab.hosts[host], device, program)
-                address = client.wait_lease()
-                self.assertIn(address, self.bindings())
-                client.release()
-                self.wait("end of the binding", lambda: address not in self.bindings())
-                self.wait("release at the server",
-                          lambda: f"DHCPRELEASE(vlan{address.split('.')[2]}) {address}" in self.lab.processes[0].log())
+        for host, program, six in (("pc1", "udhcpc", False), ("pc1", "dhclient", True), ("pc2", "dhcpcd", True), ("pc2", "dhclient", False)):
+            with self.subTest(program, six=six):
+                client = (self.client6 if six else self.client)(host, program=program)
+                held = client.wait_leases(1 + (host == "pc2")) if six else {client.wait_lease()}
+                self.assertEqual({self.bindings()[address]["state"] for address in held}, {"bound"})
+                if program == "dhcpcd":
+                    client.process.signal(signal.SIGALRM)
+                else:
+                    client.release()
+                self.wait("end of the bindings", lambda: not self.bindings())
+                self.server_says("DHCPRELEASE", f"00:03:00:01:{MACS[host]}" if six else f" {held.pop()} ")
 
-    def test_decline(self):
-        pc1 = self.endpoint(self.lab.pc1)
-        ack = exchange(pc1, MACS["pc1"])
-        address = ack[BOOTP].yiaddr
-        self.assertIn(address, self.bindings())
-        pc1.send(from_client("decline", MACS["pc1"], ("server_id", options(ack)["server_id"]),
-                             ("requested_addr", address)))
-        self.wait("end of the binding", lambda: address not in self.bindings())
-        self.wait("decline at the server", lambda: f"DHCPDECLINE(vlan10) {address}" in self.lab.processes[0].log())
+    def test_decline6(self):
+        """Another host has the address: the client's duplicate address detection finds it, and it declines."""
+        client = self.client6("pc1")
+        address, = client.wait_leases()
+        client.kill()
+        self.lab.pc1.ip(f"addr del {address}/128 dev eth0")
+        self.borrow("rogue", f"{address}/64")
+        self.detect_duplicates("pc1")
+        self.assertIn(" bound ", self.binding(address))
+        again = self.client6("pc1")
+        self.server_says("DHCPDECLINE", MACS["pc1"])
+        self.wait("end of the binding", lambda: not self.binding(address))
+        other, = again.wait_leases()
+        self.assertIn(" bound ", self.binding(other))
 
-    def test_nak(self):
-        """A client that asks for an address of another network: refused by the server, and nothing is left bound."""
-        pc1 = self.endpoint(self.lab.pc1)
-        pc1.send(from_client("request", MACS["pc1"], ("requested_addr", "10.99.0.5"), xid=9, flags=0x8000))
-        nak = pc1.receive_dhcp("nak", xid=9)
-        self.assertEqual(nak[Ether].dst, BROADCAST)
-        # Recorded with the request, which named no server: the NAK's server is another, so it stays until it expires.
-        self.assertEqual(self.bindings()["10.99.0.5"]["state"], "requested")
+    def test_temporary_address(self):
+        at_server = self.capture("server")
+        address, = self.client6("pc1", temporary=True).wait_leases()
+        self.assertIn(" bound ", self.binding(address))
+        asked = at_server.decode(["dhcpv6.option.type"], "dhcpv6.msgtype == 3")[0]["dhcpv6.option.type"].split(",")
+        self.assertTrue("4" in asked and "3" not in asked, asked)  # IA_TA and no IA_NA
 
-    def test_vlans_do_not_leak(self):
-        """Requests go to the trusted port only, replies to the ports of their VLAN only."""
-        names = ("pc1", "pc2", "pc3", "trunk", "rogue", "core", "server")
-        ears = {name: self.endpoint(self.lab.hosts[name]) for name in names}
-        exchange(ears["pc2"], MACS["pc2"], xid=20)
-        exchange(ears["pc1"], MACS["pc1"], xid=10)  # whatever the first one caused has been sent by now
-        heard = {name: [(frame[BOOTP].op, frame[BOOTP].xid, outer_vid(frame)) for frame in ear.drain() if is_dhcp(frame)]
-                 for name, ear in ears.items()}
-        self.assertEqual(heard["server"], [(1, 20, 20), (1, 20, 20), (1, 10, 10), (1, 10, 10)])
-        # The OFFER is flooded in its VLAN: no binding says yet where the client is.
-        self.assertEqual(heard["trunk"], [(2, 20, 20), (2, 10, 10)])
-        self.assertEqual(heard["rogue"], [(2, 10, 0)])
-        self.assertEqual(heard["pc3"], [])
-        # Kept: a router port is asked for no VLAN. Being trusted it gets all requests, being snooped the flood.
-        self.assertEqual(set(heard["core"]), {(1, 20, 0), (2, 20, 0), (1, 10, 0), (2, 10, 0)})
-        self.assertNotIn((2, 20, 0), heard["pc1"])
-        self.assertNotIn((2, 10, 0), heard["pc2"])
-
-    def test_frame_of_a_foreign_vlan(self):
-        """A tag that the port is no member of gets a frame nowhere."""
-        trunk, server = self.endpoint(self.lab.trunk), self.endpoint(self.lab.server)
-        for vid in (30, 99):
-            request = from_client("discover", MACS["trunk"], xid=vid)
-            trunk.send(bytes(request)[:12] + bytes((0x81, 0, 0, vid)) + bytes(request)[12:])
-        exchange(self.endpoint(self.lab.pc1), MACS["pc1"], xid=1)
-        self.assertEqual({frame[BOOTP].xid for frame in server.drain() if is_dhcp(frame)}, {1})
+    def test_refused(self):
+        """An address of another network: the server's refusal reaches the client. Nothing confirms or removes the binding that
+        the request made, so it stays until it expires."""
+        pc1, mac = self.endpoint("pc1"), MACS["pc1"]
+        pc1.send(from_client("request", mac, ("requested_addr", "10.99.0.5"), xid=9, flags=0x8000))
+        self.assertEqual(pc1.receive_dhcp("nak", xid=9)[Ether].dst, BROADCAST)
+        server_id = exchange6(pc1, mac)[DHCP6OptServerId].duid
+        pc1.send(from_client6("request", mac, DHCP6OptServerId(duid=server_id), ia_na("2001:db8:99::5", iaid=2), xid=9))
+        reply = receive6(pc1, "reply", 9)
+        self.assertFalse(addresses(reply))
+        self.assertNotEqual([option.statuscode for option in reply[DHCP6OptIA_NA].ianaopts
+                             if isinstance(option, DHCP6OptStatusCode)], [0])
+        for address in ("10.99.0.5", "2001:db8:99::5"):
+            self.assertIn(f"{mac} 10 swp1 dynamic requested", self.binding(address))
 
 
-class LeasesWithoutOffload(Leases):
+class WithoutOffload(Leases):
+    """The senders' own checksums instead of the devices'."""
     offload = False
+    test_renewals = test_release = test_decline6 = test_temporary_address = test_refused = None
+
+
+class VlanInterface(labtest.LabTest):
+    """Ports without snooping of their own are handled through their VLAN's interface."""
+    vlan_interface = True
+    snooped = ("vlan20", "swp4", "swp6")
+
+    def test_lease(self):
+        self.ctl("interface vlan20 option18 on")
+        at_server = self.capture("server")
+        for host, device, port in (("pc2", "eth0", "swp2"), ("trunk", "vlan20", "swp3")):
+            client, client6 = self.client(host, device, "dhclient"), self.client6(host, device, "dhcpcd")
+            held = {client.wait_lease(), *client6.wait_leases(2)}
+            self.assertEqual({self.binding(address).split(" ", 1)[1] for address in held}, {f"20 {port} dynamic bound 120"})
+        self.assertEqual(len(self.bindings()), 6)
+        asked = at_server.decode(["dhcpv6.interface_id"], "dhcpv6.msgtype == 3")
+        self.assertTrue(asked and all(frame["dhcpv6.interface_id"] for frame in asked), asked)
+
+
+class Relay(labtest.LabTest):
+    """The request goes by UDP to both servers behind the router port, the reply comes back to the client's port."""
+
+    def setUp(self):
+        super().setUp()
+        self.ctl(f"interface swp7 relay-address {RELAY_ADDRESS}")
+        for address in RELAY_SERVERS.values():
+            self.ctl(f"interface swp7 relay-server {address} add")
+
+    def test_lease(self):
+        self.ctl("interface swp7 option82 on; interface swp7 circuit-id text room-3")
+        at_servers, at_client, elsewhere = [self.capture(name) for name in RELAY_SERVERS], self.capture("pc3"), self.capture("server")
+        address = self.client("pc3").wait_lease()
+        self.assertRegex(address, r"10\.0\.30\.")
+        self.assertEqual(self.binding(address), f"{MACS['pc3']} 30 swp7 dynamic bound 120")
+        fields = ["dhcp.option.dhcp", "dhcp.ip.relay", "ip.src", "udp.srcport", "udp.dstport",
+                  "dhcp.option.agent_information_option.agent_circuit_id", "ip.dst", "udp.checksum.status"]
+        for at_server, server in zip(at_servers, RELAY_SERVERS.values()):
+            self.assertEqual([" ".join(list(frame.values())[:7]) for frame in at_server.decode(fields, "dhcp.type == 1")],
+                             [f"{kind} {RELAY_ADDRESS} {RELAY_ADDRESS} 67 67 0106{b'room-3'.hex()} {server}" for kind in "13"])
+        # Both servers offer, the chosen one acknowledges; everything reaches the client as from the relay.
+        replies = [" ".join([*list(frame.values())[:6], frame["udp.checksum.status"]]) for frame in at_client.decode(fields, "dhcp.type == 2")]
+        self.assertEqual(replies, [f"{kind} {RELAY_ADDRESS} {RELAY_ADDRESS} 67 68  1" for kind in "225"])
+        self.assertEqual(elsewhere.decode(fields), [])  # not at layer 2
 
 
 labtest.main()

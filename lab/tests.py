@@ -32,7 +32,7 @@ def main(build, *paths):
     # A shell that runs this in the background has it ignored, and so would be what the tests interrupt.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     # The longest first: it waits for a lease to end while the others work.
-    paths = sorted(paths or glob.glob(f"{HERE}/test_*.py"), key=lambda path: ("expiry" not in path, path))
+    paths = sorted(paths or glob.glob(f"{HERE}/test_*.py"), key=lambda path: ("guard" not in path, path))
     total = [0, 0, 0]
     with concurrent.futures.ThreadPoolExecutor(max_workers=2) as pool:
         for path, result in zip(paths, pool.map(lambda path: run(path, build), paths)):
