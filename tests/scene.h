@@ -9,6 +9,8 @@
 constexpr uint32_t HOST = ip4(10, 0, 0, 50), SERVER = ip4(10, 0, 0, 1), RELAY = ip4(10, 0, 0, 254);
 constexpr uint8_t DISCOVER = 1, OFFER = 2, REQUEST = 3, DECLINE = 4, ACK = 5, NAK = 6, RELEASE = 7, INFORM = 8;
 
+constexpr const char *THEN = "then"; // instead of words: the row goes on from the row before it
+
 // A word of a scene and its effect on the world or the daemon.
 struct Word {
     const char *word;
@@ -38,7 +40,7 @@ std::string unsaid(const std::string &texts);
 
 // An IPv4 message; by default client 1 asks for HOST on port 1. OFFER, ACK and NAK come from SERVER on port 2 and give it.
 struct Message {
-    uint8_t type = REQUEST;
+    uint8_t type = REQUEST; // 0: none is sent, time passes
     uint32_t ciaddr = 0, srcIp = 0, giaddr = 0;
     Mac chaddr = MAC_CLIENT; // and the frame's source, if that is not forged
     bool forged = false;
@@ -46,6 +48,7 @@ struct Message {
     Bytes more = {};         // further options
     std::optional<Arrival> arrival = {};
     uint32_t after = 0;                     // seconds that pass first
+    std::vector<Tag> tags = {};
     uint32_t server = SERVER, lease = 3600; // options 54 (0: none) and 51 of a server's message
 
     bool from_server() const { return type == OFFER || type == ACK || type == NAK; }
@@ -53,8 +56,6 @@ struct Message {
     Frame frame() const;
     void receive() const;
 };
-
-constexpr const char *THEN = "then"; // the row goes on from the row before it
 
 struct Row {
     const char *claim, *before; // words of prepare(), or THEN
