@@ -47,8 +47,9 @@ struct Message {
     uint32_t address = HOST; // option 50 of a client, yiaddr of a server; 0: none
     Bytes more = {};         // further options
     std::optional<Arrival> arrival = {};
-    uint32_t after = 0;                     // seconds that pass first
+    uint32_t after = 0; // seconds that pass first
     std::vector<Tag> tags = {};
+    uint16_t flags = 0;                     // of BOOTP
     uint32_t server = SERVER, lease = 3600; // options 54 (0: none) and 51 of a server's message
 
     bool from_server() const { return type == OFFER || type == ACK || type == NAK; }
@@ -61,6 +62,16 @@ struct Row {
     const char *claim, *before; // words of prepare(), or THEN
     Message message;
     const char *outcome, *said = "";
+    const char *unchecked = nullptr;   // outcome without the last word, "check"
+    std::optional<Bytes> becomes = {}; // instead of the message's `more`, as sent
+    const char *undone = "";           // of the relaying of a reply: to the "client" or by "broadcast"
 };
-// Also that lists, pools and user counts are right after each row.
+// Plays each row; what leaves untagged or to a server is compared byte for byte. Lists, pools and user counts are right after each row.
 void check_rows(std::span<const Row> rows, std::span<const Word> own = {});
+
+// Rows of a function: what it gave, and what is right.
+struct Case {
+    const char *claim;
+    std::string got, right;
+};
+void check(const std::vector<Case> &cases);

@@ -37,64 +37,64 @@ std::string many(size_t count, char byte = 'a') { return std::string(count, byte
 
 const std::string MAC = "\x02\0\0\0\x01\x6e"s, NOTHING = many(128, '\0');
 
-const struct {
-    std::string text, output;
-    uint32_t room = 768;
-    const char *claim = "";
-} ROWS[] = {
-    // clang-format off
-    {"", ""},
-    {"plain", "plain"},
-    {"%D %e", "switch-1 model 24"},
-    {"%N", "swp7", 768, "the receiving port's"},
-    {"%i", "1100", 768, "the interface entry's"},
-    {"%y", "70", 768, "the receiving port's"},
-    {"%S %r %s %c %l %d", "102 103 10 20 0 " + MAC},
-    {"%Q%A%Z%a%z", "00000"},
-    {"%s.%c.%d:%N", "10.20." + MAC + ":swp7"},
-    // literal percent signs
-    {"%", "%"},
-    {"100%", "100%"},
-    {"%%s", "%10"},
-    {"%%%", "%%%"},
-    {"%1abc", "%1abc"},
-    {"%1a%s", "%1a10"},
-    {"%@%[%`%{", "%@%[%`%{", 768, "beside the letters on either side"},
-    {"%\xE4x%s", "%\xE4x10", 768, "bytes of 128 and above are no letters"},
-    // the end of the template
-    {"ab\0cd"s, "ab", 768, "a NUL ends the output"},
-    {"%s\0%c"s, "10", 768, "a NUL after a conversion"},
-    {"a%", "a%", 768, "the length cuts a conversion: an 's' stands behind it"},
-    {"%1\0ab"s, "%1\0ab"s, 768, "without another percent sign a run goes on to the length, NULs included"},
-    {"%1\0%s"s, "%1\0%s"s, 768, "the search for it stops at a NUL: the rest is the run, conversions too"},
-    {"%\0x"s, "%\0x"s, 768, "a percent sign before a NUL"},
-    // the room and the limit of 255
-    {"abc", "", 0, "no room"},
-    {"abc", "ab", 2, "ordinary bytes up to the room"},
-    {"%d", "", 5, "6 bytes do not fit into 5"},
-    {"%d", MAC, 6, "they fit into 6"},
-    {"ab%dcd", "ab", 7, "a conversion that does not fit ends the text"},
-    {"%s%s", "10", 3, "and is never cut"},
-    {many(256), many(255), 768, "255 ordinary bytes, not 256"},
-    {many(253) + "%s", many(253) + "10", 768, "a conversion up to 255"},
-    {many(254) + "%s", many(254), 768, "not beyond"},
-    {many(255) + "%s", many(255), 768, "nothing is looked at beyond 255"},
-    {many(253) + "%1", many(253) + "%1", 768, "a run up to 255"},
-    {many(254) + "%1", many(254), 768, "not beyond"},
-    {"a%1234567", "a%1234567", 2, "Kept: the room is compared with the length before the run, which may pass it"},
-    {"ab%1234567", "ab", 2, "but does not begin behind it"},
-    {"%1" + many(253), "%1" + many(253), 1, "a run of 255 passes a room of 1"},
-    {"%1" + many(254), "", 768, "a run of 256 does not"},
-    // clang-format on
-};
+// Exactly these bytes; behind them stands another conversion.
+const char *checked(const std::string &text)
+{
+    const Bytes exact = text_bytes(text + "%x");
+    return dhcpsnoop_format_check(exact.data(), static_cast<uint32_t>(text.size())) == 0 ? "right" : "wrong";
+}
 
 using Format = Daemon;
 
 TEST_F(Format, Expansion)
 {
     set_up();
-    for (const auto &row : ROWS)
-        EXPECT_EQ(expand(row.text, row.room), row.output) << row.text << ": " << row.claim;
+    check({
+        // clang-format off
+        {"", expand(""), ""},
+        {"plain", expand("plain"), "plain"},
+        {"%D %e", expand("%D %e"), "switch-1 model 24"},
+        {"the receiving port's", expand("%N"), "swp7"},
+        {"the interface entry's", expand("%i"), "1100"},
+        {"the receiving port's", expand("%y"), "70"},
+        {"%S %r %s %c %l %d", expand("%S %r %s %c %l %d"), "102 103 10 20 0 " + MAC},
+        {"%Q%A%Z%a%z", expand("%Q%A%Z%a%z"), "00000"},
+        {"%s.%c.%d:%N", expand("%s.%c.%d:%N"), "10.20." + MAC + ":swp7"},
+        // literal percent signs
+        {"%", expand("%"), "%"},
+        {"100%", expand("100%"), "100%"},
+        {"%%s", expand("%%s"), "%10"},
+        {"%%%", expand("%%%"), "%%%"},
+        {"%1abc", expand("%1abc"), "%1abc"},
+        {"%1a%s", expand("%1a%s"), "%1a10"},
+        {"beside the letters on either side", expand("%@%[%`%{"), "%@%[%`%{"},
+        {"bytes of 128 and above are no letters", expand("%\xE4x%s"), "%\xE4x10"},
+        // the end of the template
+        {"a NUL ends the output", expand("ab\0cd"s), "ab"},
+        {"a NUL after a conversion", expand("%s\0%c"s), "10"},
+        {"the length cuts a conversion: an 's' stands behind it", expand("a%"), "a%"},
+        {"without another percent sign a run goes on to the length, NULs included", expand("%1\0ab"s), "%1\0ab"s},
+        {"the search for it stops at a NUL: the rest is the run, conversions too", expand("%1\0%s"s), "%1\0%s"s},
+        {"a percent sign before a NUL", expand("%\0x"s), "%\0x"s},
+        // the room and the limit of 255
+        {"no room", expand("abc", 0), ""},
+        {"ordinary bytes up to the room", expand("abc", 2), "ab"},
+        {"6 bytes do not fit into 5", expand("%d", 5), ""},
+        {"they fit into 6", expand("%d", 6), MAC},
+        {"a conversion that does not fit ends the text", expand("ab%dcd", 7), "ab"},
+        {"and is never cut", expand("%s%s", 3), "10"},
+        {"255 ordinary bytes, not 256", expand(many(256)), many(255)},
+        {"a conversion up to 255", expand(many(253) + "%s"), many(253) + "10"},
+        {"not beyond", expand(many(254) + "%s"), many(254)},
+        {"nothing is looked at beyond 255", expand(many(255) + "%s"), many(255)},
+        {"a run up to 255", expand(many(253) + "%1"), many(253) + "%1"},
+        {"not beyond", expand(many(254) + "%1"), many(254)},
+        {"Kept: the room is compared with the length before the run, which may pass it", expand("a%1234567", 2), "a%1234567"},
+        {"but does not begin behind it", expand("ab%1234567", 2), "ab"},
+        {"a run of 255 passes a room of 1", expand("%1" + many(253), 1), "%1" + many(253)},
+        {"a run of 256 does not", expand("%1" + many(254)), ""},
+        // clang-format on
+    });
     world.clear();
     expand("%D%1%d%%%Q"); // every letter asks for the location
     EXPECT_EQ(world.questions("qorIndexTrans"), Lines(3, "qorIndexTrans 7 6"));
@@ -115,33 +115,25 @@ TEST_F(Format, Expansion)
 
 TEST_F(Format, Check)
 {
-    const struct {
-        const char *claim;
-        std::string text;
-        bool right;
-    } rows[] = {
+    check({
         // clang-format off
-        {"nothing", "", true},
-        {"no conversion", "abc", true},
-        {"a conversion at the end needs its terminator counted", "%s", false},
-        {"with it", "%s\0"s, true},
-        {"two conversions and the terminator", "%s.%c\0"s, true},
-        {"not a letter, but too short", "%1", false},
-        {"not a letter", "%1\0"s, true},
-        {"a lone percent sign", "%", false},
-        {"with two bytes behind", "%  ", true},
-        {"what stands behind a NUL does not count", "ab\0%sx"s, true},
-        {"two percent signs: the second counts", "%%s.", true},
-        {"and must be followed too", "%%sx", false},
-        {"bytes of 128 and above are no letters", "%\xC4\0"s, true},
-        {"a letter beside", "%@x", true},
-        {"the last of a long one", many(125) + "%s:", true},
+        {"nothing", checked(""), "right"},
+        {"no conversion", checked("abc"), "right"},
+        {"a conversion at the end needs its terminator counted", checked("%s"), "wrong"},
+        {"with it", checked("%s\0"s), "right"},
+        {"two conversions and the terminator", checked("%s.%c\0"s), "right"},
+        {"not a letter, but too short", checked("%1"), "wrong"},
+        {"not a letter", checked("%1\0"s), "right"},
+        {"a lone percent sign", checked("%"), "wrong"},
+        {"with two bytes behind", checked("%  "), "right"},
+        {"what stands behind a NUL does not count", checked("ab\0%sx"s), "right"},
+        {"two percent signs: the second counts", checked("%%s."), "right"},
+        {"and must be followed too", checked("%%sx"), "wrong"},
+        {"bytes of 128 and above are no letters", checked("%\xC4\0"s), "right"},
+        {"a letter beside", checked("%@x"), "right"},
+        {"the last of a long one", checked(many(125) + "%s:"), "right"},
         // clang-format on
-    };
-    for (const auto &row : rows) {
-        const Bytes exact = text_bytes(row.text + "%x");
-        EXPECT_EQ(dhcpsnoop_format_check(exact.data(), static_cast<uint32_t>(row.text.size())), row.right ? 0 : -1) << row.claim;
-    }
+    });
     const std::string delimiters = " ./:;[]{}<>()\0"s;
     for (int32_t c = -300; c < 600; c++) {
         const int32_t expected = delimiters.find(static_cast<char>(c)) != std::string::npos ? 0 : -1;
