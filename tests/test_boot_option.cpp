@@ -33,7 +33,6 @@ TEST_F(BootOption, Insertion)
             uint32_t length = 3;
             std::string said = "";
         } rows[] = {
-            // clang-format off
             {"over the end option", ACK_TYPE + OPT_END, ACK_TYPE + own + OPT_END},
             {"padding behind the end is covered", ACK_TYPE + OPT_END + Bytes(2, 9), ACK_TYPE + own + OPT_END + Bytes(2, 0)},
             {"before option 82", ACK_TYPE + OWN82 + OPT_END, ACK_TYPE + own + OWN82 + OPT_END},
@@ -51,7 +50,6 @@ TEST_F(BootOption, Insertion)
             {"up to a frame of 2048 before option 82", filled(before, OWN82 + OPT_END), filled(2048, own + OWN82 + OPT_END)},
             {"256 bytes from option 82 on", FULL82 + OPT_END, own + FULL82 + OPT_END},
             {"257 bytes from option 82 on", FULL82 + OPT_END + Bytes{0}, UNCHANGED, 3, world_format("option-82 is not the last option, don't insert option%u!", number)},
-            // clang-format on
         };
         for (const auto &row : rows) {
             SCOPED_TRACE(world_format("option %u, %s", number, row.claim));

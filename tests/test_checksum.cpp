@@ -24,7 +24,6 @@ TEST(Checksum, InternetAndUdp)
     EXPECT_EQ(checkdhcpsnoopsum(most.data(), 2048), 0);
     const uint16_t longest = internet_checksum(hex_bytes("0a 01 02 03 0a 09 08 07 00 11 07 f4 00 44 00 43 07 f4 00 00") + Bytes(2028, 7));
     check({
-        // clang-format off
         {"RFC 1071 3: 0001 f203 f4f5 f6f7 add up to ddf2", sum("00 01 f2 03 f4 f5 f6 f7"), "220d"},
         {"an IPv4 header of RFC 791's form, checked with an independent dissector", sum("45 00 00 73 00 00 40 00 40 11 00 00 c0 a8 00 01 c0 a8 00 c7"), "b861"},
         {"a last odd byte is the high byte of a word", sum("12 34 56"), "97cb"},
@@ -37,7 +36,6 @@ TEST(Checksum, InternetAndUdp)
         {"Kept: a sum that comes out as zero stays zero, where RFC 768 sends all ones", udp_sum(hex_bytes("00 44 00 43 00 0a 00 00 e1 3f")), "0000, 00 44 00 43 00 0a 00 00"},
         {"the longest datagram, 2036", udp_sum(hex_bytes("00 44 00 43 07 f4 ab cd") + Bytes(2028, 7)), world_format("%04x, 00 44 00 43 07 f4 00 00", longest)},
         {"one byte more", udp_sum(hex_bytes("00 44 00 43 07 f5 ab cd") + Bytes(2029, 7)), "0000, 00 44 00 43 07 f5 ab cd"},
-        // clang-format on
     });
 }
 

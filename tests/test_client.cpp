@@ -10,7 +10,6 @@ const Bytes ID82 = hex_bytes("52 14 01 08 00 06 00 0a 01 00 00 01 02 08 00 06 02
 #define RELAYED "relay 10.0.0.254 10.1.1.1:67 250, relay 10.0.0.254 10.3.3.3:67 250"
 
 const Row ROWS[] = {
-    // clang-format off
     // forged hardware address
     {"its own MAC", "mac-check", {}, "2 292 | .50 asked 1/10"},
     {"another's MAC", "mac-check", {.chaddr = MAC_CLIENT2, .forged = true}, " | 1 drops mac 1", "Source mac in pkt 02:c1:00:00:00:01 and client mac 02:c1:00:00:00:02 don't match,stop process!"},
@@ -60,7 +59,6 @@ const Row ROWS[] = {
     {"VLAN 99 is not on port 2", "vlan-if", {.arrival = Arrival{.port = 3, .outer = 99, .inIf = 110}}, " | .50 asked 3/10", "Send packet to server, inport 3, vid 10, len 292."},
     {"on a VLAN interface", "vlan-if", {.type = DISCOVER, .arrival = Arrival{.port = 3, .inIf = 110}}, "2 292", "Npt send message to server, len is 292 buflen is 292."},
     {"from a port that snoops", "vlan-if", {.arrival = Arrival{.port = 1, .inIf = 110}}, "", "Interface is enable, do not process the received packet!"},
-    // clang-format on
 };
 
 using Client = Daemon;
@@ -87,14 +85,12 @@ std::string other_family(const std::string &before, uint8_t type)
 TEST_F(Client, FrameOfTheOtherFamily)
 {
     check({
-        // clang-format off
         {"plain forwarding", other_family("", DISCOVER), "2 286; 2 286, 2 286 | .0 bound 1/10"},
         {"no MAC to compare", other_family("mac-check", DISCOVER), " | 1 drops mac 1;  | .0 bound 1/10 | 1 drops mac 2"},
         {"a message of type 1 is not checked", other_family("check", DISCOVER), "2 286; 2 286, 2 286 | .0 bound 1/10"},
         {"there is no ciaddr to check", other_family("check", REQUEST), ";  | .0 bound 1/10"},
         {"nothing to record without a hardware address", other_family("", REQUEST), ";  | .0 bound 1/10"},
         {"nor to wait for", other_family("relay", DISCOVER), ";  | .0 bound 1/10"},
-        // clang-format on
     });
     dhcpsnoop_client_packet_recv(nullptr);
     Parsed parsed(Frame{});

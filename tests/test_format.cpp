@@ -50,7 +50,6 @@ TEST_F(Format, Expansion)
 {
     set_up();
     check({
-        // clang-format off
         {"", expand(""), ""},
         {"plain", expand("plain"), "plain"},
         {"%D %e", expand("%D %e"), "switch-1 model 24"},
@@ -93,7 +92,6 @@ TEST_F(Format, Expansion)
         {"but does not begin behind it", expand("ab%1234567", 2), "ab"},
         {"a run of 255 passes a room of 1", expand("%1" + many(253), 1), "%1" + many(253)},
         {"a run of 256 does not", expand("%1" + many(254)), ""},
-        // clang-format on
     });
     world.clear();
     expand("%D%1%d%%%Q"); // every letter asks for the location
@@ -116,7 +114,6 @@ TEST_F(Format, Expansion)
 TEST_F(Format, Check)
 {
     check({
-        // clang-format off
         {"nothing", checked(""), "right"},
         {"no conversion", checked("abc"), "right"},
         {"a conversion at the end needs its terminator counted", checked("%s"), "wrong"},
@@ -132,7 +129,6 @@ TEST_F(Format, Check)
         {"bytes of 128 and above are no letters", checked("%\xC4\0"s), "right"},
         {"a letter beside", checked("%@x"), "right"},
         {"the last of a long one", checked(many(125) + "%s:"), "right"},
-        // clang-format on
     });
     const std::string delimiters = " ./:;[]{}<>()\0"s;
     for (int32_t c = -300; c < 600; c++) {

@@ -77,7 +77,6 @@ using Forward = Daemon;
 TEST_F(Forward, WhoGetsItWithWhichTags)
 {
     check({
-        // clang-format off
         {"untagged to untagged", tagged("untagged", {}), "bare | bare | bare | bare | bare | "},
         {"tagged to untagged", tagged("untagged", {IN10}), "bare | bare | bare | bare | bare | "},
         {"untagged to tagged", tagged("", {}), "8100.000a | 8100.000a | 8100.001e | 8100.001e | 8100.001e | "},
@@ -98,7 +97,6 @@ TEST_F(Forward, WhoGetsItWithWhichTags)
         {"Kept: only -1 stops a unicast", tagged("answers 2", {}), "none | none | 8100.001e | none | 8100.001e | "},
         {"a routed port is asked by one sender only", tagged("routed answers -1", {}), "bare | none | bare | 8100.001e | 8100.001e | "},
         {"a VLAN interface", tagged("vlan-if", {}), "8100.000a | none | 8100.001e | none | 8100.001e | "},
-        // clang-format on
     });
 }
 
@@ -125,7 +123,6 @@ TEST_F(Forward, EveryPortInOrderButTheOneItCameFrom)
         snoop(ifIndex, DHCPSNOOP_IF_TRUSTED);
     }
     check({
-        // clang-format off
         {"not the interface it is attributed to; a trusted VLAN interface is an egress too", ports(TO_SERVER, 2), "1 286, 3 286, 4 286, 110 290"},
         {"not the member port it came in on, and no VLAN interface", ports(NPT_TO_SERVER, 110), "1 286, 3 286, 4 286"},
         {"not the interface it is attributed to, and no VLAN interface", ports(BROADCAST, 2), "1 286, 3 286, 4 286"},
@@ -135,7 +132,6 @@ TEST_F(Forward, EveryPortInOrderButTheOneItCameFrom)
         {"bytes that are no whole index", ports(NPT_TO_CLIENT, 2, host32(2) + Bytes(3, 2)), "2 286"},
         {"a full list", ports(NPT_TO_CLIENT, 2, Bytes(256, 1)), "64 frames"},
         {"a platform that claims more than the room", ports(NPT_TO_CLIENT, 2, Bytes(400, 1)), "64 frames"},
-        // clang-format on
     });
 }
 
@@ -166,7 +162,6 @@ TEST_F(Forward, AddressSocketAndFailure)
     const std::string asked10 = "sysIFGet 2 255 vid 10, qorIfGetApi 2 45, sysIFGet 2 258 vid 10, ", asked30 = "sysIFGet 2 255 vid 30, qorIfGetApi 2 45, sysIFGet 2 258 vid 30, ", tpid = "TPID of this interface is 0x0. ";
     const std::string walk = "qorVlanGetApi 30 5410 256, qorIfGetApi 2 45, sysIFGet 2 258 vid 30, qorIfGetApi 1 45, sysIFGet 1 258 vid 30, ", second = "TPID of this interface is 0x0. Npt send message to client(port 1), len is 286 buflen is 290. 2 290, 1 290";
     check({
-        // clang-format off
         {"to the servers", refused(TO_SERVER, false), asked10 + tpid + "Send message to server, len is 286 buflen is 290. Send message to server failed! 2 290"},
         {"IPv6", refused(TO_SERVER, true), asked10 + tpid + "Send message to server, len is 286 buflen is 290. Send v6 message to server failed! 2 290"},
         {"to the servers by port", refused(NPT_TO_SERVER, false), asked10 + tpid + "Npt send message to server, len is 286 buflen is 290. Npt send message to server failed! 2 290"},
@@ -177,7 +172,6 @@ TEST_F(Forward, AddressSocketAndFailure)
         {"IPv6", refused(BROADCAST, true), asked30 + "Send broadcast message, len is 286. Send v6 broadcast message failed! 2 290"},
         {"to the members of a VLAN", refused(NPT_TO_CLIENT, false), walk + tpid + "Npt send message to client(port 2), len is 286 buflen is 290. Npt send message to client failed, dest port = 2! " + second},
         {"IPv6", refused(NPT_TO_CLIENT, true), walk + tpid + "Npt send message to client(port 2), len is 286 buflen is 290. Npt send v6 message to client failed, dest port = 2! " + second},
-        // clang-format on
     });
     set_up();
     Parsed parsed(Frame{});

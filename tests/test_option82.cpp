@@ -85,7 +85,6 @@ using Option82 = Daemon;
 TEST_F(Option82, Inserted)
 {
     check({
-        // clang-format off
         {"typed, generated: VLAN and location, or the MAC", process("ids=3 gids=4"), inserted(hex_bytes("01 08 00 06 00 0a 01 02 07 03 02 08 00 06 02 00 00 00 01 07"))},
         {"raw, generated", process("ids=4 gids=3"), inserted(hex_bytes("01 06 00 0a 01 02 07 03 02 06 02 00 00 00 01 07"))},
         {"typed text", process("ids=3:abc gids=4"), inserted(hex_bytes("01 05 01 03 61 62 63 02 05 01 03 61 62 63"))},
@@ -115,7 +114,6 @@ TEST_F(Option82, Inserted)
         {"a frame of 2040 and 9 bytes more", process("circuit=4:abcde remote=1", filled(2040, OPT_END)), "kept; Packet len exceeds the max, don't insert option82."},
         {"over the end and what follows it", process("ids=4:c", OPT_END + Bytes(4, 9)), inserted(hex_bytes("01 01 63 02 01 63")) + " 00 00 00 00"},
         {"no end option: built but not inserted", process("ids=3", {53, 1, 1, 0}), "kept"},
-        // clang-format on
     });
 }
 
@@ -127,7 +125,6 @@ const Bytes OWN = opt(82, opt(1, {7}) + opt(9, ENTERPRISE + hex_bytes("03 01 01 
 TEST_F(Option82, AlreadyThere)
 {
     check({
-        // clang-format off
         {"policy 0 keeps", process("sub9=0 policy=0 mode=3", OWN + OPT_END), "kept" KEEP},
         {"policy 1 drops", process("sub9=0 policy=1 mode=3", OWN + OPT_END), "kept refused" DROP},
         {"policy 2 keeps", process("sub9=0 policy=2 mode=3", OWN + OPT_END), "kept" KEEP},
@@ -146,7 +143,6 @@ TEST_F(Option82, AlreadyThere)
         {"not to 2049", process("sub9=0 policy=3", filled(2034, opt(82, SUB9) + OPT_END)), "kept" APPEND},
         {"Kept: over what follows sub-option 9", process("sub9=0 policy=3", opt(82, SUB9 + opt(1, {1, 2})) + OPT_END), hex(Bytes{82, 22, 9, 16, 0xAA} + BLOCK + OPT_END + Bytes(4, 0)) + APPEND},
         {"a sub-option 9 that claims more than there is, near the end", process("sub9=0 policy=3", filled(2000, opt(82, {9, 200}) + OPT_END)), "kept" APPEND},
-        // clang-format on
     });
 }
 
@@ -211,7 +207,6 @@ TEST_F(Option82, ComparedAndStripped)
 {
     const Bytes own = opt(82, opt(1, {7, 8, 9}));
     check({
-        // clang-format off
         {"typed MAC", compared("02 08 00 06 02 00 00 00 01 07", 3), "equal"},
         {"the type and length bytes are not looked at", compared("02 08 77 88 02 00 00 00 01 07", 3), "equal"},
         {"raw MAC", compared("02 06 02 00 00 00 01 07 00 00", 4), "equal"},
@@ -230,7 +225,6 @@ TEST_F(Option82, ComparedAndStripped)
         {"Kept: the length is counted in 8 bits, of 254: nothing is removed", stripped(Bytes{82, 254} + Bytes(254, 1) + OPT_END), hex(Bytes{82, 254} + Bytes(254, 1) + OPT_END) + " 256"},
         {"of length 255: one byte is", stripped(Bytes{82, 255} + Bytes(255, 1) + OPT_END), hex(Bytes{255} + Bytes(255, 1) + OPT_END) + " 256"},
         {"of length 253: all of it", stripped(Bytes{82, 253} + Bytes(253, 1) + OPT_END), "ff 0"},
-        // clang-format on
     });
 }
 

@@ -65,7 +65,6 @@ constexpr Arrival IP_AT_14 = {.l2 = 14, .etherType = 0x0800}, IP_AT_2028 = {.l2 
 TEST_F(Parse, Ladder)
 {
     check({
-        // clang-format off
         {"a DISCOVER of 286 bytes", recorded(WHOLE), "type 1 end @3"},
         {"EtherType neither IPv4 nor IPv6", recorded(Frame{.etherType = 0x0806}, {.l2 = 14, .etherType = 0x0806}), "refused ! This is not a IPv4 or IPv6 packet, stop process!"},
         {"IP version 5", recorded(Frame{.ipVersion = 5}), "refused ! This is not a IPv4 packet!"},
@@ -101,7 +100,6 @@ TEST_F(Parse, Ladder)
         {"nothing captured, header at its start", recorded(Bytes{}, {.l2 = 0, .etherType = 0x0800}), "refused ! This is not a IPv4 packet!"},
         {"the UDP header begins at the buffer's end", recorded(LAST_IP, IP_AT_2028), "refused"},
         {"but what the IP header there holds is looked at", recorded(with(LAST_IP, 2036, 6), IP_AT_2028), "refused ! This is not a udp packet!"},
-        // clang-format on
     });
     DhcpsnoopRxPkt rx = rx_packet(FULL);
     rx.len = 65535; // more than the buffer counts as the buffer
@@ -137,7 +135,6 @@ std::string at_the_end(const char *area)
 TEST_F(Parse, Options)
 {
     check({
-        // clang-format off
         {"none", options(""), ""},
         {"only the end", options("ff"), "end @0"},
         {"one byte that is no end", options("35"), ""},
@@ -194,7 +191,6 @@ TEST_F(Parse, Options)
         {"a requested 0.0.0.0 leaves the choice", options("32 04 00 00 00 00 ff", ip4(10, 0, 0, 1)), "end @6 client 0a 00 00 01"},
         {"0.0.0.1 is an address", options("32 04 00 00 00 01 ff"), "end @6 client 00 00 00 01"},
         {"the last requested address", options("32 04 0a 00 00 07 32 04 0a 00 00 08 ff"), "end @12 client 0a 00 00 08"},
-        // clang-format on
     });
 }
 

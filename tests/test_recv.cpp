@@ -7,7 +7,6 @@ namespace
 using Receive = Daemon;
 
 const Lines DISCOVER_TRACE = {
-    // clang-format off
     "[DHCPSNOOP] Receive a dhcp message, check and process it!\r\n",
     "[DHCPSNOOP] svlan 4096, cvlan 10.\r\n",
     "[DHCPSNOOP] Receive a packet: interface 1,invlan 0,outvlan 10,received len 290,msg len 286.\r\n",
@@ -16,7 +15,6 @@ const Lines DISCOVER_TRACE = {
     "[DHCPSNOOP] TPID of this interface is 0x0.\r\n",
     "[DHCPSNOOP] Send message to server, len is 286 buflen is 286.\r\n",
     "[DHCPSNOOP] Process pkt end.\r\n",
-    // clang-format on
 };
 
 TEST_F(Receive, DebugBits)
@@ -49,7 +47,6 @@ const struct {
     uint32_t version = 1;
     Arrival arrival = {};
 } ROWS[] = {
-    // clang-format off
     {"an offer", 2, 2, " | 1 drops untrusted 1", "Dhcp reply packet, type value 2(offer).|Process pkt end."},
     {"a request", 1, 3, "2 292 | .50 asked 1/10", "Dhcp request packet, type value 3(request).|Process pkt end."},
     {"a decline", 1, 4, "2 292", "Dhcp request packet, type value 4(decline)."},
@@ -69,7 +66,6 @@ const struct {
     {"Kept: an interface that snoops neither is named IPv6", 1, 3, "", MISMATCH("IPv6", "IPv4"), 0},
     {"from the IPv6 socket where only IPv4 is", 1, 3, "", MISMATCH("IPv4", "IPv6"), 1, {.etherType = 0x86DD}},
     {"from the IPv6 socket where neither is", 1, 3, "", MISMATCH("IPv6", "IPv6"), 0, {.etherType = 0x86DD}},
-    // clang-format on
 };
 
 TEST_F(Receive, TypesDirectionsAndFamilies)

@@ -40,7 +40,6 @@ const Word WORDS[] = {
 };
 
 const Row ROWS[] = {
-    // clang-format off
     // trust
     {"an OFFER of a rogue server", "port3 bound", {.type = OFFER, .arrival = Arrival{.port = 3}}, " | .50 bound 1/10 | 3 drops untrusted 1", UNTRUSTED},
     {"its ACK binds nothing", "port3 bound", {.type = ACK, .arrival = Arrival{.port = 3}, .lease = 9}, " | .50 bound 1/10 | 3 drops untrusted 1", UNTRUSTED},
@@ -111,7 +110,6 @@ const Row ROWS[] = {
     {"no hook", "bound boot", {.type = ACK}, "1 298 | .50 bound 1/10", INVALID},
     {"a NAK gets none", "bound boot hook", {.type = NAK}, "1 292 | .50 bound 1/10", "!Insert option67, len is 8.|!Insert option67, len is 256."},
     {"an offer to a waiting client gets none", "waiting boot hook", {.type = OFFER, .giaddr = RELAY}, "1 298 | waits 1", "!Insert option67, len is 8.|!Insert option67, len is 256."},
-    // clang-format on
 };
 
 using Server = Daemon;
@@ -144,7 +142,6 @@ constexpr uint32_t SECOND = ip4(10, 3, 3, 3); // relay server
 #define ALL_CHECKS "port3 port4 option82 mac-check check guarded "
 
 const Row EXCHANGES[] = {
-    // clang-format off
     {"DISCOVER to the server's port alone, with option 82", ALL_CHECKS, {.type = DISCOVER, .address = 0}, "2 308", "", nullptr, ID82},
     {"OFFER: nobody knows yet where the client is", THEN, {.type = OFFER}, "1 298, 3 298"},
     {"REQUEST: provisional, not in hardware", THEN, {.more = BY_SERVER}, "2 320 | .50 asked 1/10 by .1", "", nullptr, BY_SERVER + ID82},
@@ -175,7 +172,6 @@ const Row EXCHANGES[] = {
     {"REQUEST", THEN, {.arrival = Arrival{.port = 5, .inIf = 110}}, "2 292 | .50 asked 5/10"},
     {"ACK to its members5", THEN, {.type = ACK}, "1 298, 2 298, 3 298, 5 298 | .50 bound 5/10"},
     {"run out too", THEN, {.type = 0, .after = 3660}, ""},
-    // clang-format on
 };
 
 TEST_F(Server, Exchanges) { check_rows(EXCHANGES, WORDS); }
