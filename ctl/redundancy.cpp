@@ -1,85 +1,51 @@
 // The unit's role, its peer and its journal: asked of the platform beside the daemon, over a local socket of
 // its own.
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <map>
-#include <nlohmann/json.hpp>
-#include <ostream>
 #include <sstream>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include "command.h"
-
-using Json = nlohmann::ordered_json;
+#include "table.h"
 
 namespace
 {
-constexpr char PLATFORM_SOCKET_PATH[] = "/run/dhcpsnoop/platform";
 constexpr size_t ANSWER_MAX = 4096;
-constexpr timeval PATIENCE = {60, 0}; // a change of role may have thousands of bindings to install
-
-struct Descriptor {
-    ~Descriptor() { close(fd); }
-    int fd;
-};
+constexpr std::chrono::seconds PATIENCE(60); // a change of role may have thousands of bindings to install
 
 std::string askPlatform(const std::string &request)
 {
-    const char *named = std::getenv("DHCPSNOOP_PLATFORM_SOCKET");
-    const std::string path = named && *named ? named : PLATFORM_SOCKET_PATH;
-    const auto fail = [&path] { throw NoDaemon(path + ": " + std::strerror(errno)); };
-
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        throw UsageError(path + " is too long for a socket");
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const Descriptor sock{socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
-    if (sock.fd < 0 || setsockopt(sock.fd, SOL_SOCKET, SO_RCVTIMEO, &PATIENCE, sizeof PATIENCE) != 0 ||
-        connect(sock.fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        send(sock.fd, request.data(), request.size(), MSG_NOSIGNAL) < 0)
-        fail();
+    const char *named = std::getenv(DHCPSNOOP_PLATFORM_SOCKET_ENV);
+    const Connection connection(SOCK_SEQPACKET, named && *named ? named : DHCPSNOOP_PLATFORM_SOCKET_PATH,
+                                PATIENCE);
+    connection.send(request.data(), request.size());
     std::string answer(ANSWER_MAX, '\0');
-    const ssize_t length = recv(sock.fd, answer.data(), answer.size(), 0);
-    if (length < 0)
-        fail();
-    if (length == 0)
-        throw NoDaemon(path + ": no answer");
-    answer.resize(static_cast<size_t>(length));
+    answer.resize(connection.receive(answer.data(), answer.size()));
     return answer;
 }
 
-enum class Form : uint8_t { text, number, seconds };
-
-// In the order in which they are shown.
+// In the order in which they are shown. Ages are in seconds.
 struct Item {
-    const char *name; // in the platform's answer
-    const char *key;  // in JSON
-    const char *label;
-    Form form;
+    const char *name;
+    bool isNumber;
 };
 constexpr Item ITEMS[] = {
-    {"role",              "role",            "Role",                   Form::text   },
-    {"peer",              "peer",            "Peer",                   Form::text   },
-    {"link",              "link",            "Link",                   Form::text   },
-    {"peer-role",         "peerRole",        "Peer's role",            Form::text   },
-    {"trouble",           "trouble",         "Trouble",                Form::text   },
-    {"sent",              "sent",            "Records sent",           Form::number },
-    {"received",          "received",        "Records received",       Form::number },
-    {"dropped",           "dropped",         "Records dropped",        Form::number },
-    {"last-copy",         "lastCopy",        "Last full copy",         Form::seconds},
-    {"last-copy-records", "lastCopyRecords", "Records in it",          Form::number },
-    {"without-port",      "withoutPort",     "Waiting for their port", Form::number },
-    {"journal",           "journal",         "Journal",                Form::text   },
-    {"journal-state",     "journalState",    "Journal's state",        Form::text   },
-    {"journal-size",      "journalSize",     "Journal's bytes",        Form::number },
-    {"journal-records",   "journalRecords",  "Journal's records",      Form::number },
-    {"journal-age",       "journalAge",      "Journal written anew",   Form::seconds},
-    {"journal-damaged",   "journalDamaged",  "Damaged at the start",   Form::number },
+    {"role",              false},
+    {"peer",              false},
+    {"link",              false},
+    {"peer-role",         false},
+    {"trouble",           false},
+    {"sent",              true },
+    {"received",          true },
+    {"dropped",           true },
+    {"last-copy-age",     true },
+    {"last-copy-records", true },
+    {"without-port",      true },
+    {"journal",           false},
+    {"journal-state",     false},
+    {"journal-size",      true },
+    {"journal-records",   true },
+    {"journal-age",       true },
+    {"journal-damaged",   true },
 };
 
 uint64_t numberOf(const std::string &value)
@@ -96,35 +62,23 @@ ExitStatus showRedundancy(const Context &context, std::span<const std::string>)
 {
     std::map<std::string, std::string> values;
     std::istringstream answer(askPlatform("status"));
-    for (std::string line; std::getline(answer, line);) {
-        const size_t blank = std::min(line.find(' '), line.size());
-        values[line.substr(0, blank)] = line.substr(std::min(blank + 1, line.size()));
-    }
+    for (std::string name, value; answer >> name && std::getline(answer >> std::ws, value);)
+        values[name] = value;
     if (!values.contains("role"))
         throw NoDaemon("malformed answer: no role");
-
     Json json;
-    std::ostringstream table;
-    for (const Item &item : ITEMS) {
-        const auto it = values.find(item.name);
-        if (it == values.end()) {
-            json[item.key] = nullptr;
-            continue;
-        }
-        std::string text = it->second;
-        if (item.form == Form::text)
-            json[item.key] = text;
+    std::vector<Words> rows;
+    for (const auto &[name, isNumber] : ITEMS) {
+        const std::string &value = values[name];
+        rows.push_back({name, value});
+        if (value.empty())
+            json[name] = nullptr;
+        else if (isNumber)
+            json[name] = numberOf(value);
         else
-            json[item.key] = numberOf(text);
-        if (item.form == Form::seconds)
-            text += " s ago";
-        table << item.label << std::string(24 - std::strlen(item.label), ' ') << text << '\n';
+            json[name] = value;
     }
-    if (context.json)
-        context.out << json.dump(2) << '\n';
-    else
-        context.out << table.str();
-    return EXIT_DONE;
+    return print(context, json, rows);
 }
 
 ExitStatus changeRole(const Context &, std::span<const std::string> arguments)

@@ -73,25 +73,6 @@ bool waitReadable(int descriptor, Clock::time_point deadline)
     }
 }
 
-// Fills the whole of `out`; fewer bytes before the end of the stream or the deadline are an error.
-void receiveAll(int descriptor, void *out, size_t size, Clock::time_point deadline)
-{
-    auto *at = static_cast<uint8_t *>(out);
-    while (size > 0) {
-        if (!waitReadable(descriptor, deadline))
-            throw NoDaemon("the daemon did not answer in time");
-        ssize_t got = recv(descriptor, at, size, MSG_DONTWAIT);
-        if (got < 0 && (errno == EINTR || errno == EAGAIN))
-            continue;
-        if (got < 0)
-            throw NoDaemon(std::string("reading the daemon's answer failed: ") + std::strerror(errno));
-        if (got == 0)
-            throw NoDaemon("the daemon closed the connection without a whole answer");
-        at += got;
-        size -= static_cast<size_t>(got);
-    }
-}
-
 // The socket stands in a directory where anybody may create files: only root or the caller is believed.
 void checkPeer(int descriptor, const std::string &path)
 {
@@ -107,28 +88,15 @@ void checkPeer(int descriptor, const std::string &path)
 // One request and its reply on a connection of their own.
 Bytes exchangeOnce(const std::string &path, std::chrono::milliseconds timeout, const Bytes &body)
 {
-    Clock::time_point deadline = Clock::now() + timeout;
-    Socket sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    // A full queue of connections makes connect wait; the send timeout ends that too.
-    timeval limit = {static_cast<time_t>(timeout.count() / 1000),
-                     static_cast<suseconds_t>(timeout.count() % 1000 * 1000)};
-    setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    connectTo(sock, path);
-
-    // In one piece: the daemon takes the body with a single receive.
+    const Connection connection(SOCK_STREAM, path, timeout);
     const Bytes framed = adr_request_frame(body);
-    ssize_t sent = send(sock.get(), framed.data(), framed.size(), MSG_NOSIGNAL);
-    if (sent < 0)
-        throw NoDaemon(std::string("sending the request failed: ") + std::strerror(errno));
-    if (static_cast<size_t>(sent) != framed.size())
-        throw NoDaemon("the daemon did not take the whole request");
-
+    connection.send(framed.data(), framed.size());
     uint32_t length = 0;
-    receiveAll(sock.get(), &length, sizeof(length), deadline);
+    connection.receiveAll(&length, sizeof(length));
     if (length > DHCPSNOOP_REQUEST_MAX)
         throw NoDaemon("malformed reply: a length of " + std::to_string(length) + " bytes");
     Bytes reply(length);
-    receiveAll(sock.get(), reply.data(), reply.size(), deadline);
+    connection.receiveAll(reply.data(), reply.size());
     return reply;
 }
 
@@ -152,6 +120,46 @@ void connectTo(const Socket &sock, const std::string &path)
     if (connect(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0)
         throwConnectError(path, errno);
     checkPeer(sock.get(), path);
+}
+
+Connection::Connection(int type, const std::string &path, std::chrono::milliseconds timeout)
+    : sock_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)), deadline_(Clock::now() + timeout)
+{
+    // A full queue of connections makes connect wait; the send timeout ends that too.
+    timeval limit = {static_cast<time_t>(timeout.count() / 1000),
+                     static_cast<suseconds_t>(timeout.count() % 1000 * 1000)};
+    setsockopt(sock_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    connectTo(sock_, path);
+}
+
+void Connection::send(const void *bytes, size_t size) const
+{
+    ssize_t sent = ::send(sock_.get(), bytes, size, MSG_NOSIGNAL);
+    if (sent < 0)
+        throw NoDaemon(std::string("sending the request failed: ") + std::strerror(errno));
+    if (static_cast<size_t>(sent) != size)
+        throw NoDaemon("the daemon did not take the whole request");
+}
+
+size_t Connection::receive(void *out, size_t size) const
+{
+    for (;;) {
+        if (!waitReadable(sock_.get(), deadline_))
+            throw NoDaemon("the daemon did not answer in time");
+        ssize_t got = recv(sock_.get(), out, size, MSG_DONTWAIT);
+        if (got > 0)
+            return static_cast<size_t>(got);
+        if (got == 0)
+            throw NoDaemon("the daemon closed the connection without a whole answer");
+        if (errno != EINTR && errno != EAGAIN)
+            throw NoDaemon(std::string("reading the daemon's answer failed: ") + std::strerror(errno));
+    }
+}
+
+void Connection::receiveAll(void *out, size_t size) const
+{
+    for (size_t got = 0; got < size;)
+        got += receive(static_cast<uint8_t *>(out) + got, size - got);
 }
 
 Reply::Reply(const Request &request, Bytes body) : body_(std::move(body)), rest_()

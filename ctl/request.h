@@ -72,6 +72,22 @@ class Socket
 // Connects to a socket that the daemon, root or the caller serves; throws NoDaemon.
 void connectTo(const Socket &sock, const std::string &path);
 
+// A connection for one request. Each call throws NoDaemon when it cannot be done, or `timeout` has passed.
+class Connection
+{
+  public:
+    Connection(int type, const std::string &path, std::chrono::milliseconds timeout);
+    // In one piece, as the daemon receives it.
+    void send(const void *bytes, size_t size) const;
+    // The bytes that have come, 1 to `size` of them.
+    size_t receive(void *out, size_t size) const;
+    void receiveAll(void *out, size_t size) const;
+
+  private:
+    Socket sock_;
+    std::chrono::steady_clock::time_point deadline_;
+};
+
 // Over the daemon's command socket, one connection for each request. By default it waits longer than the
 // daemon waits for another client that stalls, 10 seconds.
 Exchange socketExchange(std::string path,

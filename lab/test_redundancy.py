@@ -94,14 +94,14 @@ class Redundancy(UnitsTest):
         for number, port in ((240, "swp1"), (241, "swp3")):
             self.left.ctl(f"binding add 10.0.10.{number} mac 02:00:00:00:00:01 vlan 10 interface {port}")
         wait_for("static binding", lambda: "10.0.10.240" in self.right.bindings())
-        self.wait_state(self.right, withoutPort=1)
+        self.wait_state(self.right, without-port=1)
         self.right.ip("link set peer0 down")
         self.traffic.run(*self.at(self.left), 40, first=40)
         for address in ("10.0.10.2", "10.0.10.240", "10.0.10.241"):
             self.left.ctl(f"binding delete {address}")
         self.right.ip("link set peer0 up")
         self.wait_equal()
-        self.wait_state(self.right, withoutPort=0)
+        self.wait_state(self.right, without-port=0)
         self.assertEqual(len(self.right.bindings()), 79)
         self.right.daemon.signal(signal.SIGSTOP)
         self.traffic.run(*self.at(self.left), 200, rate=100)
@@ -171,7 +171,7 @@ class Journal(UnitsTest):
         """A torn end and a flipped bit cost a record each. A binding waits for its port, which comes back with another index."""
         self.start()
         self.traffic.run(*self.at(self.left), 10)
-        wait_for("records on the disk", lambda: self.left.state("journalRecords") >= 10)
+        wait_for("records on the disk", lambda: self.left.state("journal-records") >= 10)
         self.left.kill()
         with open(JOURNAL, "r+b") as journal:
             content = bytearray(journal.read())
@@ -180,7 +180,7 @@ class Journal(UnitsTest):
             journal.write(content)
             journal.truncate(len(content) - 10)
         self.start()
-        self.assertEqual(self.left.state("journalDamaged"), 2)
+        self.assertEqual(self.left.state("journal-damaged"), 2)
         self.assertIn("2 damaged records left out", self.left.daemon.log())
         held = self.left.bindings()
         self.assertGreaterEqual(len(held), 8)
@@ -188,11 +188,11 @@ class Journal(UnitsTest):
         index = self.left.index("swp1")
         self.pull_swp1()
         self.start(*SETTINGS[1:3])
-        self.assertEqual((self.left.bindings(), self.left.state("withoutPort")), ({}, len(held)))
+        self.assertEqual((self.left.bindings(), self.left.state("without-port")), ({}, len(held)))
         self.pair.connect("c-left", self.left, "swp1")
         self.assertNotEqual(self.left.index("swp1"), index)
         wait_for("bindings of the port", lambda: self.left.bindings() == held)
-        self.assertEqual(self.left.state("withoutPort"), 0)
+        self.assertEqual(self.left.state("without-port"), 0)
 
     def test_static_before_the_guard(self):
         """A machine that came up again: the static binding is back, then its port is guarded."""
@@ -216,11 +216,11 @@ class Journal(UnitsTest):
         clients, server = self.at(self.left)
         self.traffic.run(clients, server, 100, rate=200)
         self.traffic.run(others, server, 5, first=140)
-        wait_for("records", lambda: self.left.state("journalRecords") >= 105)
+        wait_for("records", lambda: self.left.state("journal-records") >= 105)
         self.left.kill()
         self.pull_swp1()
         self.left.start(*settings[1:3], *settings[4:])
-        self.assertEqual((self.left.state("withoutPort"), len(self.left.bindings())), (100, 5))
+        self.assertEqual((self.left.state("without-port"), len(self.left.bindings())), (100, 5))
         known, new = [self.traffic.packet(number) for number in range(140, 145)], [self.traffic.frames[number] for number in range(150, 170)]
         self.traffic.end(others).send(*(frame[3] for frame in new), self.traffic.frames[170][3])  # no server acknowledges the last
         done = threading.Event()

@@ -43,7 +43,7 @@ std::string UnitThread::status() const
     number("received", received_);
     number("dropped", dropped_);
     if (lastCopy_ != 0) {
-        number("last-copy", now - lastCopy_);
+        number("last-copy-age", now - lastCopy_);
         number("last-copy-records", lastCopyCount_);
     }
     size_t parked = 0;
