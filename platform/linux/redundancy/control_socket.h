@@ -1,4 +1,4 @@
-// The platform's own local socket, beside the daemon's: one request of a line, one answer. Only root may ask.
+// The platform's own local socket, beside the daemon's: one request of a line, one answer. Only root can ask.
 #pragma once
 
 #include <functional>
@@ -8,12 +8,10 @@
 #include <vector>
 
 #include "clock.h"
+#include "fd.h"
 
 namespace platform_linux
 {
-
-constexpr const char *CONTROL_PATH = "/run/dhcpsnoop/platform";
-constexpr const char *CONTROL_ENV = "DHCPSNOOP_PLATFORM_SOCKET"; // names another path
 
 class ControlSocket
 {
@@ -23,11 +21,8 @@ class ControlSocket
     using Handler = std::function<void(const std::string &request, Answer answer)>;
 
     explicit ControlSocket(Handler handler) : handler_(std::move(handler)) {}
-    ~ControlSocket();
-    ControlSocket(const ControlSocket &) = delete;
-    ControlSocket &operator=(const ControlSocket &) = delete;
 
-    bool open(const std::string &path, std::string &error);
+    bool open(const char *path, std::string &error);
 
     void watch(std::vector<pollfd> &descriptors) const;
     void serve(const std::vector<pollfd> &descriptors, Ticks now);
@@ -35,10 +30,10 @@ class ControlSocket
 
   private:
     struct Client {
-        int fd;
+        Fd fd;
         uint64_t number;
         bool asked;
-        Ticks until; // it asks, or it goes
+        Ticks until; // dropped then if it has not asked
     };
     void accept_all(Ticks now);
     void ask(Client &client);
@@ -46,7 +41,7 @@ class ControlSocket
     void drop(uint64_t number);
 
     Handler handler_;
-    int listener_ = -1;
+    Fd listener_;
     std::list<Client> clients_;
     uint64_t numbers_ = 0;
 };

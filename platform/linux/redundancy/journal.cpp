@@ -21,9 +21,9 @@ namespace
 constexpr std::array<uint8_t, 4> MARK = {'D', 'S', 'J', '1'};
 constexpr size_t CRC_OFFSET = JOURNAL_SLOT - 4;
 constexpr size_t READ_PIECE = 1 << 16;
-constexpr size_t BUFFER_MAX = 1 << 20; // beyond, what is held is written anew instead
+constexpr size_t BUFFER_MAX = 1 << 20; // beyond, the file is written anew instead
 constexpr uint64_t SLACK = 1 << 20;    // a small journal is not worth writing anew
-constexpr int LOCK_TRIES = 50;         // of 20 ms: a daemon that was killed may still be ending
+constexpr int LOCK_TRIES = 50;         // of 20 ms: a killed daemon may still be ending
 
 uint32_t checksum(const uint8_t *slot)
 {
@@ -61,16 +61,13 @@ bool write_all(int fd, const uint8_t *bytes, size_t count)
     return true;
 }
 
-// The new name must be on the disk too.
+// A renamed file is safe when its directory is on the disk too.
 void sync_directory(const std::string &path)
 {
     const size_t slash = path.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    fsync(fd);
-    close(fd);
+    const Fd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    fsync(fd.get());
 }
 } // namespace
 
@@ -111,83 +108,91 @@ void JournalReader::finish()
     gap_end();
 }
 
-Journal::~Journal()
-{
-    for (const int fd : {fd_, lock_})
-        if (fd >= 0)
-            close(fd);
-}
-
 bool Journal::open(const std::string &path, uint32_t now, UnitTable &table, std::string &error)
 {
-    const auto give_up = [&](const std::string &what) {
-        error = what + ": " + strerror(errno);
-        if (lock_ >= 0)
-            close(lock_);
-        lock_ = -1;
-        return false;
-    };
     path_ = path;
-    const std::string lockPath = path + ".lock";
-    lock_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (lock_ < 0)
-        return give_up(lockPath);
-    for (int i = 0; flock(lock_, LOCK_EX | LOCK_NB) != 0; i++) {
-        if (i == LOCK_TRIES)
-            return give_up(path + " is another daemon's");
+    if (!lock(error))
+        return false;
+    if (!read(now, table, error)) {
+        lock_.reset();
+        return false;
+    }
+    if (damaged_ != 0)
+        repair(now, table);
+    return true;
+}
+
+bool Journal::lock(std::string &error)
+{
+    const std::string path = path_ + ".lock";
+    Fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file) {
+        error = path + ": " + strerror(errno);
+        return false;
+    }
+    for (int i = 0; flock(file.get(), LOCK_EX | LOCK_NB) != 0; i++) {
+        if (i == LOCK_TRIES) {
+            error = path_ + " is another daemon's: " + strerror(errno);
+            return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (fd < 0)
-        return give_up(path);
+    lock_ = std::move(file);
+    return true;
+}
 
+bool Journal::read(uint32_t now, UnitTable &table, std::string &error)
+{
+    Fd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
     JournalReader reader(now, [&table](const UnitRecord &record) { table.apply(record); });
     std::vector<uint8_t> piece(READ_PIECE);
-    ssize_t got = 0;
-    while ((got = read(fd, piece.data(), piece.size())) > 0 || (got < 0 && errno == EINTR))
+    ssize_t got = -1;
+    while (file &&
+           ((got = ::read(file.get(), piece.data(), piece.size())) > 0 || (got < 0 && errno == EINTR)))
         if (got > 0)
             reader.feed({piece.data(), static_cast<size_t>(got)});
     if (got < 0) {
-        const bool result = give_up(path);
-        close(fd);
-        return result;
+        error = path_ + ": " + strerror(errno);
+        return false;
     }
     reader.finish();
-    fd_ = fd;
+    file_ = std::move(file);
     records_ = reader.records();
     damaged_ = reader.damaged();
     struct stat status = {};
-    if (fstat(fd, &status) == 0) {
+    if (fstat(file_.get(), &status) == 0) {
         size_ = static_cast<uint64_t>(status.st_size);
         rewritten_ = static_cast<uint32_t>(status.st_mtim.tv_sec);
-    }
-    if (damaged_ != 0) {
-        platform_report(LOG_WARNING, "%s: %llu damaged records left out, %llu read", path.c_str(),
-                        static_cast<unsigned long long>(damaged_), static_cast<unsigned long long>(records_));
-        // Perhaps it is no journal, or one of another version. It is not ours to destroy.
-        const std::string kept = path + ".damaged";
-        if (records_ == 0 && rename(path.c_str(), kept.c_str()) == 0)
-            platform_report(LOG_WARNING, "%s: kept as %s", path.c_str(), kept.c_str());
-        // A torn end would go on tearing what is written behind it.
-        if (!rewrite(table, now))
-            failure("cannot be written anew");
     }
     return true;
 }
 
+// A torn end would damage the next record too, so the file is written anew.
+void Journal::repair(uint32_t now, const UnitTable &table)
+{
+    platform_report(LOG_WARNING, "%s: %llu damaged records left out, %llu read", path_.c_str(),
+                    static_cast<unsigned long long>(damaged_), static_cast<unsigned long long>(records_));
+    // A file without any record may be another program's, or a journal of another version: it is kept.
+    const std::string kept = path_ + ".damaged";
+    if (records_ == 0 && rename(path_.c_str(), kept.c_str()) == 0)
+        platform_report(LOG_WARNING, "%s: kept as %s", path_.c_str(), kept.c_str());
+    if (!rewrite(table, now))
+        failure("cannot be written anew");
+}
+
 void Journal::append(const UnitBytes &record)
 {
-    if (fd_ < 0 || buffer_.size() >= BUFFER_MAX)
+    if (!file_ || buffer_.size() >= BUFFER_MAX)
         return;
     const auto slot = slot_make(record);
     buffer_.insert(buffer_.end(), slot.begin(), slot.end());
 }
 
-void Journal::failure(const char *what)
+void Journal::failure(const char *trouble)
 {
     if (!failed_)
-        platform_report(LOG_ERR, "%s: %s: %s; bindings are not kept until this is over", path_.c_str(), what,
-                        strerror(errno));
+        platform_report(LOG_ERR, "%s: %s: %s; bindings are not kept until this is over", path_.c_str(),
+                        trouble, strerror(errno));
     failed_ = true;
 }
 
@@ -195,7 +200,7 @@ bool Journal::flush()
 {
     if (buffer_.empty())
         return true;
-    if (!write_all(fd_, buffer_.data(), buffer_.size()))
+    if (!write_all(file_.get(), buffer_.data(), buffer_.size()))
         return false;
     size_ += buffer_.size();
     records_ += buffer_.size() / JOURNAL_SLOT;
@@ -204,11 +209,11 @@ bool Journal::flush()
     return true;
 }
 
-bool Journal::rewrite(UnitTable &table, uint32_t now)
+bool Journal::rewrite(const UnitTable &table, uint32_t now)
 {
     const std::string path = path_ + ".new";
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (fd < 0)
+    Fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file)
         return false;
     std::vector<uint8_t> bytes;
     bytes.reserve(table.held().size() * JOURNAL_SLOT);
@@ -216,28 +221,26 @@ bool Journal::rewrite(UnitTable &table, uint32_t now)
         const auto slot = slot_make(unit_encode(held.record, now));
         bytes.insert(bytes.end(), slot.begin(), slot.end());
     }
-    if (!write_all(fd, bytes.data(), bytes.size()) || fdatasync(fd) != 0 ||
+    if (!write_all(file.get(), bytes.data(), bytes.size()) || fdatasync(file.get()) != 0 ||
         rename(path.c_str(), path_.c_str()) != 0) {
         const int error = errno;
-        close(fd);
         unlink(path.c_str());
         errno = error;
         return false;
     }
     sync_directory(path_);
-    close(fd_);
-    fd_ = fd;
+    file_ = std::move(file);
     size_ = bytes.size();
     records_ = table.held().size();
     rewritten_ = now;
-    buffer_.clear(); // is in the table
+    buffer_.clear(); // its records are in the table
     dirty_ = false;
     return true;
 }
 
-void Journal::write(UnitTable &table, uint32_t now, bool sync)
+void Journal::write(const UnitTable &table, uint32_t now, bool sync)
 {
-    if (fd_ < 0)
+    if (!file_)
         return;
     const bool overgrown = size_ > SLACK && size_ > 2 * table.held().size() * JOURNAL_SLOT;
     if (failed_ || overgrown || buffer_.size() >= BUFFER_MAX) {
@@ -256,7 +259,7 @@ void Journal::write(UnitTable &table, uint32_t now, bool sync)
         return;
     }
     if (sync && dirty_) {
-        if (fdatasync(fd_) != 0)
+        if (fdatasync(file_.get()) != 0)
             failure("cannot be written to the disk");
         dirty_ = false;
     }

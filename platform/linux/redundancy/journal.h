@@ -1,5 +1,5 @@
-// The journal: records appended to a file, each with a mark and a checksum, so that a torn or damaged one
-// costs itself only. It is written anew from what is held when most of it is out of date.
+// The journal: records appended to a file. A mark and a checksum around each confine damage to the record
+// that it hit. When most records are out of date, the file is written anew from the table.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fd.h"
 #include "unit_table.h"
 
 namespace platform_linux
@@ -15,7 +16,7 @@ namespace platform_linux
 
 constexpr size_t JOURNAL_SLOT = 4 + UNIT_RECORD_LEN + 4; // mark "DSJ1", record, CRC-32 of both
 
-// Takes a journal piece by piece, of any content, and gives its records in their order.
+// Takes the bytes of a journal, or any other bytes, piece by piece, and gives the records in their order.
 class JournalReader
 {
   public:
@@ -23,10 +24,10 @@ class JournalReader
     JournalReader(uint32_t now, Take take) : now_(now), take_(std::move(take)) {}
 
     void feed(std::span<const uint8_t> piece);
-    void finish(); // no more comes
+    void finish(); // after the last piece
 
     uint64_t records() const { return records_; }
-    uint64_t damaged() const { return damaged_; } // records' worth of bytes that were none
+    uint64_t damaged() const { return damaged_; } // gaps, in records
 
   private:
     void gap_end();
@@ -41,23 +42,18 @@ class JournalReader
 class Journal
 {
   public:
-    ~Journal();
-    Journal() = default;
-    Journal(const Journal &) = delete;
-    Journal &operator=(const Journal &) = delete;
-
-    // Opens or makes the file, which no other process may have open as a journal, and reads it into `table`.
-    // False with `error`; every other call is then safe.
+    // Opens or makes the file, and reads it into `table`. False with `error` when it cannot be read or is
+    // another process's journal; every other call does nothing then.
     bool open(const std::string &path, uint32_t now, UnitTable &table, std::string &error);
 
     void append(const UnitBytes &record);
 
-    // What was appended goes to the kernel at once and to the disk when `sync` is set; written anew when more
-    // than half of it is out of date or the last write failed. Reports a failure once, and when it is over.
-    void write(UnitTable &table, uint32_t now, bool sync);
+    // Appended records go to the kernel, and to the disk when `sync` is set. The file is written anew when
+    // more than half of it is out of date, or the last write failed. Reports a failure once, and its end.
+    void write(const UnitTable &table, uint32_t now, bool sync);
 
     const std::string &path() const { return path_; }
-    bool is_open() const { return fd_ >= 0; }
+    bool is_open() const { return static_cast<bool>(file_); }
     bool is_dirty() const { return dirty_ || !buffer_.empty(); } // not on the disk yet
     bool has_failed() const { return failed_; }
     uint64_t size() const { return size_; }
@@ -66,12 +62,15 @@ class Journal
     uint32_t rewritten() const { return rewritten_; } // when, in seconds of the clock
 
   private:
+    bool lock(std::string &error);
+    bool read(uint32_t now, UnitTable &table, std::string &error);
+    void repair(uint32_t now, const UnitTable &table);
     bool flush();
-    bool rewrite(UnitTable &table, uint32_t now);
-    void failure(const char *what);
+    bool rewrite(const UnitTable &table, uint32_t now);
+    void failure(const char *trouble);
 
     std::string path_;
-    int fd_ = -1, lock_ = -1;
+    Fd file_, lock_;
     std::vector<uint8_t> buffer_;
     bool dirty_ = false, failed_ = false;
     uint64_t size_ = 0, records_ = 0, damaged_ = 0;

@@ -6,7 +6,6 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "report.h"
 
@@ -30,19 +29,6 @@ void set_option(int fd, int level, int option, int value)
 }
 } // namespace
 
-PeerLink::Connection::~Connection()
-{
-    tls.reset();
-    if (fd >= 0)
-        close(fd);
-}
-
-PeerLink::~PeerLink()
-{
-    if (listener_ >= 0)
-        close(listener_);
-}
-
 bool PeerLink::start(std::string &error)
 {
     tls_ = tls_load(conf_, error);
@@ -63,38 +49,36 @@ void PeerLink::say(const std::string &trouble)
 
 bool PeerLink::make_tls(Connection &connection, bool accepting)
 {
-    set_option(connection.fd, IPPROTO_TCP, TCP_NODELAY, 1);
-    connection.tls = tls_->session(connection.fd, accepting);
+    set_option(connection.fd.get(), IPPROTO_TCP, TCP_NODELAY, 1);
+    connection.tls = tls_->session(connection.fd.get(), accepting);
     return connection.tls != nullptr;
 }
 
 bool PeerLink::listen_now(Ticks now)
 {
-    if (listener_ >= 0)
+    if (listener_)
         return true;
     if (now < retryAt_)
         return false;
-    const int fd = socket(AF_INET6, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    set_option(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);
-    set_option(fd, SOL_SOCKET, SO_REUSEADDR, 1);
-    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&conf_.address), sizeof conf_.address) != 0 ||
-        listen(fd, CONNECTIONS_MAX) != 0) {
+    Fd fd(socket(AF_INET6, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    set_option(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, 0);
+    set_option(fd.get(), SOL_SOCKET, SO_REUSEADDR, 1);
+    if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&conf_.address), sizeof conf_.address) != 0 ||
+        listen(fd.get(), CONNECTIONS_MAX) != 0) {
         say(std::string("cannot listen: ") + strerror(errno));
-        if (fd >= 0)
-            close(fd);
         retryAt_ = now + BACKOFF_LAST;
         return false;
     }
     trouble_ = "not connected yet";
-    listener_ = fd;
+    listener_ = std::move(fd);
     return true;
 }
 
 void PeerLink::accept_all(Ticks now)
 {
     for (;;) {
-        const int fd = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0)
+        Fd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (!fd)
             return;
         if (connections_.size() == CONNECTIONS_MAX) {
             // The stranger who has been here longest; the peer is none.
@@ -102,9 +86,7 @@ void PeerLink::accept_all(Ticks now)
                                              [this](const Connection &other) { return &other != current_; });
             connections_.erase(oldest);
         }
-        Connection &connection = connections_.emplace_back(fd);
-        connection.since = connection.heard = connection.moved = now;
-        if (!make_tls(connection, true))
+        if (!make_tls(connections_.emplace_back(std::move(fd), now), true))
             connections_.pop_back();
     }
 }
@@ -113,14 +95,14 @@ void PeerLink::connect_now(Ticks now)
 {
     backoff_ = std::clamp(backoff_ * 2, BACKOFF_FIRST, BACKOFF_LAST);
     retryAt_ = now + backoff_;
-    const int fd = socket(AF_INET6, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+    Fd fd(socket(AF_INET6, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd) {
         say(std::string("no socket: ") + strerror(errno));
         return;
     }
-    Connection &connection = connections_.emplace_back(fd);
-    connection.since = connection.heard = connection.moved = now;
-    const int result = connect(fd, reinterpret_cast<const sockaddr *>(&conf_.address), sizeof conf_.address);
+    Connection &connection = connections_.emplace_back(std::move(fd), now);
+    const int result = connect(connection.fd.get(), reinterpret_cast<const sockaddr *>(&conf_.address),
+                               sizeof conf_.address);
     connection.connecting = result != 0;
     if ((result != 0 && errno != EINPROGRESS) || !make_tls(connection, false)) {
         say(std::string("cannot connect: ") + strerror(errno));
@@ -174,7 +156,7 @@ bool PeerLink::shake_hands(Connection &connection, Ticks now)
     if (connection.connecting) {
         int error = 0;
         socklen_t length = sizeof error;
-        getsockopt(connection.fd, SOL_SOCKET, SO_ERROR, &error, &length);
+        getsockopt(connection.fd.get(), SOL_SOCKET, SO_ERROR, &error, &length);
         if (error != 0) {
             say(std::string("cannot connect: ") + strerror(error));
             return false;
@@ -310,8 +292,7 @@ void PeerLink::drop(Connection *connection, Ticks now)
 
 void PeerLink::watch(std::vector<pollfd> &descriptors) const
 {
-    if (listener_ >= 0)
-        descriptors.push_back({listener_, POLLIN, 0});
+    descriptors.push_back({listener_.get(), POLLIN, 0});
     for (const Connection &connection : connections_) {
         const bool writes =
             connection.connecting || connection.wantsWrite || connection.sent < connection.out.size();
@@ -319,13 +300,13 @@ void PeerLink::watch(std::vector<pollfd> &descriptors) const
         // One that hung up would end every wait, asked for or not.
         if (reads || writes)
             descriptors.push_back(
-                {connection.fd, static_cast<short>((reads ? POLLIN : 0) | (writes ? POLLOUT : 0)), 0});
+                {connection.fd.get(), static_cast<short>((reads ? POLLIN : 0) | (writes ? POLLOUT : 0)), 0});
     }
 }
 
 Ticks PeerLink::deadline() const
 {
-    const bool retries = conf_.listens ? listener_ < 0 : connections_.empty();
+    const bool retries = conf_.listens ? !listener_ : connections_.empty();
     Ticks first = retries ? retryAt_ : NEVER;
     for (const Connection &connection : connections_) {
         if (connection.hasMore)
@@ -350,14 +331,14 @@ void PeerLink::serve(const std::vector<pollfd> &descriptors, Ticks now)
         return short{0};
     };
     if (conf_.listens) {
-        if (listen_now(now) && events(listener_) != 0)
+        if (listen_now(now) && events(listener_.get()) != 0)
             accept_all(now);
     } else if (connections_.empty() && now >= retryAt_) {
         connect_now(now);
     }
     for (auto it = connections_.begin(); it != connections_.end();) {
         Connection *connection = &*it++;
-        if (!progress(*connection, events(connection->fd), now))
+        if (!progress(*connection, events(connection->fd.get()), now))
             drop(connection, now);
     }
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "clock.h"
+#include "fd.h"
 #include "peer_frame.h"
 #include "redundancy_conf.h"
 #include "tls.h"
@@ -28,7 +29,6 @@ class PeerLink
     };
 
     PeerLink(PeerConf conf, Handlers handlers) : conf_(std::move(conf)), handlers_(std::move(handlers)) {}
-    ~PeerLink();
     PeerLink(const PeerLink &) = delete;
     PeerLink &operator=(const PeerLink &) = delete;
 
@@ -59,22 +59,21 @@ class PeerLink
 
   private:
     struct Connection {
-        explicit Connection(int descriptor) : fd(descriptor) {}
-        ~Connection();
-        Connection(const Connection &) = delete;
-        Connection &operator=(const Connection &) = delete;
+        Connection(Fd descriptor, Ticks now) : fd(std::move(descriptor)), heard(now), moved(now), since(now)
+        {
+        }
 
-        int fd;
-        std::unique_ptr<TlsSession> tls;
-        bool connecting = false; // TCP's own handshake
-        bool secured = false;    // TLS's is done
-        bool replaced = false;   // by a newer one of the peer's
+        Fd fd;
+        std::unique_ptr<TlsSession> tls; // goes before the descriptor
+        bool connecting = false;         // TCP's own handshake
+        bool secured = false;            // TLS's is done
+        bool replaced = false;           // by a newer one of the peer's
         bool wantsWrite = false, hasMore = false;
         PeerFrameReader reader;
         std::vector<uint8_t> out;
         size_t sent = 0; // of `out`
         DhcpsnoopRole toldRole = DHCPSNOOP_ROLE_NONE;
-        Ticks heard = 0, moved = 0, since = 0; // last byte in, out; made
+        Ticks heard, moved, since; // last byte in, out; made
     };
 
     bool listen_now(Ticks now);
@@ -97,7 +96,7 @@ class PeerLink
     PeerConf conf_;
     Handlers handlers_;
     std::unique_ptr<Tls> tls_;
-    int listener_ = -1;
+    Fd listener_;
     std::list<Connection> connections_;
     Connection *current_ = nullptr; // whose peer said hello
     DhcpsnoopRole peerRole_ = DHCPSNOOP_ROLE_NONE;

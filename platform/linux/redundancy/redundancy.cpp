@@ -80,8 +80,8 @@ bool redundancy_start()
     const std::string journal = conf.journal.value_or(directory_exists(JOURNAL_PATH) ? JOURNAL_PATH : "");
     if (!journal.empty())
         thread->open_journal(journal);
-    const char *control = getenv(CONTROL_ENV);
-    thread->open_control(control != nullptr && *control != 0 ? control : CONTROL_PATH);
+    const char *control = getenv(DHCPSNOOP_PLATFORM_SOCKET_ENV);
+    thread->open_control(control != nullptr && *control != 0 ? control : DHCPSNOOP_PLATFORM_SOCKET_PATH);
     model_watch(ports_changed);
     ports_changed(ModelChange::changed, {}, nullptr);
     thread->begin();

@@ -1,5 +1,6 @@
 #include "redundancy_conf.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
 
@@ -9,7 +10,7 @@ namespace
 {
 constexpr uint32_t PORT_LAST = 65535;
 
-// "192.0.2.1:4747" or "[2001:db8::1]:4747". Names are not looked up: that could wait for ever.
+// "192.0.2.1:4747" or "[2001:db8::1]:4747". A host name is refused: its look-up could wait for ever.
 bool take_address(std::string_view text, sockaddr_in6 &address)
 {
     const size_t colon = text.rfind(':');
@@ -37,59 +38,77 @@ struct Lines {
     std::optional<std::string> journal;
 };
 
-// Empty, or what is wrong.
+std::string take_peer_address(const ConfLine &line, Lines &lines)
+{
+    if (lines.address)
+        return "the peer's address is set already: one unit listens, the other connects";
+    if (!take_address(line.value, lines.peer.address))
+        return "expected: " + std::string(line.words[0]) + " ADDRESS:PORT, an IPv6 address in [brackets]";
+    lines.address = true;
+    lines.peer.listens = line.words[0] == "listen";
+    lines.peer.addressText = line.value;
+    return {};
+}
+
+std::string take_journal(const ConfLine &line, Lines &lines)
+{
+    if (lines.journal)
+        return "the journal is set already";
+    if (line.value != "off" && !line.value.starts_with('/'))
+        return "expected: journal /FILE, or journal off";
+    lines.journal = line.value == "off" ? "" : line.value;
+    return {};
+}
+
+// A line of the peer's with one word.
+struct Key {
+    std::string_view word;
+    std::string PeerConf::*text;
+    bool isFile;
+};
+constexpr Key KEYS[] = {
+    {"certificate", &PeerConf::certificate, true },
+    {"key",         &PeerConf::key,         true },
+    {"authority",   &PeerConf::authority,   true },
+    {"peer",        &PeerConf::name,        false},
+};
+
+std::string take_key(const Key &key, const ConfLine &line, Lines &lines)
+{
+    std::string &text = lines.peer.*key.text;
+    if (!text.empty())
+        return "the " + std::string(key.word) + " is set already";
+    if (line.words.size() != 2)
+        return "expected: " + std::string(key.word) + (key.isFile ? " /FILE" : " NAME");
+    if (key.isFile && !line.value.starts_with('/'))
+        return conf_quoted(line.value) + " is no absolute path";
+    text = line.value;
+    return {};
+}
+
 std::string take_line(const ConfLine &line, Lines &lines)
 {
-    const std::string_view word = line.words[0], value = line.value;
-    if (word == "listen" || word == "connect") {
-        if (lines.address)
-            return "the peer's address is set already: one unit listens, the other connects";
-        if (!take_address(value, lines.peer.address))
-            return "expected: " + std::string(word) + " ADDRESS:PORT, an IPv6 address in [brackets]";
-        lines.address = true;
-        lines.peer.listens = word == "listen";
-        lines.peer.addressText = value;
-        return {};
-    }
-    if (word == "journal") {
-        if (lines.journal)
-            return "the journal is set already";
-        if (value != "off" && !value.starts_with('/'))
-            return "expected: journal /FILE, or journal off";
-        lines.journal = value == "off" ? "" : value;
-        return {};
-    }
-    std::string *text = word == "certificate" ? &lines.peer.certificate
-                        : word == "key"       ? &lines.peer.key
-                        : word == "authority" ? &lines.peer.authority
-                        : word == "peer"      ? &lines.peer.name
-                                              : nullptr;
-    if (text == nullptr)
-        return conf_quoted(word) +
-               " is none of listen, connect, certificate, key, authority, peer and journal";
-    if (!text->empty())
-        return "the " + std::string(word) + " is set already";
-    if (line.words.size() != 2)
-        return "expected: " + std::string(word) + (word == "peer" ? " NAME" : " /FILE");
-    if (word != "peer" && !value.starts_with('/'))
-        return conf_quoted(value) + " is no absolute path";
-    *text = value;
-    return {};
+    const std::string_view word = line.words[0];
+    if (word == "listen" || word == "connect")
+        return take_peer_address(line, lines);
+    if (word == "journal")
+        return take_journal(line, lines);
+    const Key *key = std::ranges::find(KEYS, word, &Key::word);
+    return key != std::end(KEYS)
+               ? take_key(*key, line, lines)
+               : conf_quoted(word) +
+                     " is none of listen, connect, certificate, key, authority, peer and journal";
 }
 
 // After the last line.
 std::string take_all(const Lines &lines, RedundancyConf &conf)
 {
-    const PeerConf &peer = lines.peer;
-    const bool any =
-        !peer.certificate.empty() || !peer.key.empty() || !peer.authority.empty() || !peer.name.empty();
-    const bool all =
-        !peer.certificate.empty() && !peer.key.empty() && !peer.authority.empty() && !peer.name.empty();
-    if (lines.address != any || any != all)
+    const auto isSet = [&lines](const Key &key) { return !(lines.peer.*key.text).empty(); };
+    if (lines.address ? !std::ranges::all_of(KEYS, isSet) : std::ranges::any_of(KEYS, isSet))
         return "a peer takes all of listen or connect, certificate, key, authority and peer";
     conf.journal = lines.journal;
     if (lines.address)
-        conf.peer = peer;
+        conf.peer = lines.peer;
     return {};
 }
 

@@ -64,7 +64,7 @@ void UnitThread::open_journal(const std::string &path)
         platform_report(LOG_ERR, "bindings are not kept over a restart: %s", error.c_str());
 }
 
-void UnitThread::open_control(const std::string &path)
+void UnitThread::open_control(const char *path)
 {
     std::string error;
     if (!control_.open(path, error))

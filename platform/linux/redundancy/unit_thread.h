@@ -57,7 +57,7 @@ class UnitThread
     // Before run. Each reports what is wrong itself; false when the daemon must not run.
     bool open_peer(const PeerConf &conf);
     void open_journal(const std::string &path);
-    void open_control(const std::string &path);
+    void open_control(const char *path);
 
     // Puts the journal's records in line for the daemon, whose role is settled now when there are none.
     void begin();
