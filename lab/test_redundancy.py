@@ -43,7 +43,7 @@ class UnitsTest(unittest.TestCase):
 
     def wait_state(self, unit, **wanted):
         for key, value in wanted.items():
-            wait_for(f"{key} {value} of {unit.name}", lambda: unit.state(key) == value, 60)
+            wait_for(f"{key} {value} of {unit.name}", lambda: unit.state(key.replace("_", "-")) == value, 60)
 
 
 class Redundancy(UnitsTest):
@@ -94,14 +94,14 @@ class Redundancy(UnitsTest):
         for number, port in ((240, "swp1"), (241, "swp3")):
             self.left.ctl(f"binding add 10.0.10.{number} mac 02:00:00:00:00:01 vlan 10 interface {port}")
         wait_for("static binding", lambda: "10.0.10.240" in self.right.bindings())
-        self.wait_state(self.right, without-port=1)
+        self.wait_state(self.right, without_port=1)
         self.right.ip("link set peer0 down")
         self.traffic.run(*self.at(self.left), 40, first=40)
         for address in ("10.0.10.2", "10.0.10.240", "10.0.10.241"):
             self.left.ctl(f"binding delete {address}")
         self.right.ip("link set peer0 up")
         self.wait_equal()
-        self.wait_state(self.right, without-port=0)
+        self.wait_state(self.right, without_port=0)
         self.assertEqual(len(self.right.bindings()), 79)
         self.right.daemon.signal(signal.SIGSTOP)
         self.traffic.run(*self.at(self.left), 200, rate=100)
