@@ -22,10 +22,10 @@
 #include <sys/mount.h>
 
 #include "bindings.h"
-#include "guard.h"
+#include "classifier.h"
 #include "guard_config.h"
 #include "link.h"
-#include "trap.h"
+#include "guard.h"
 
 using namespace platform_linux;
 
@@ -217,7 +217,7 @@ int main(int argc, char **argv)
         return 77;
     }
     bindings_start(MOST + 16);
-    must(guard_port_add(port, 1), "port");
+    must(guard_port_add(port, 1, PortVlans(2)), "port");
     if (!guard_config_open(why))
         die(why);
     constexpr uint16_t NONE = 0x88B5; // neither of them is to receive

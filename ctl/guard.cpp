@@ -9,7 +9,7 @@
 
 #include "binding_view.h"
 #include "command.h"
-#include "guard_config.h"
+#include "guard.h"
 #include "table.h"
 
 using namespace platform_linux;
@@ -25,7 +25,7 @@ constexpr Choice CHECK_ITEMS[] = {
 };
 constexpr char EXEMPT[] = "exempt"; // from the VLANs' settings;
 
-constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed"};
+constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan"};
 static_assert(std::size(REASONS) == GUARD_REASONS);
 
 // Longer than the daemon waits for a client that stalls.
@@ -233,7 +233,7 @@ ExitStatus showGuard(const Context &context, std::span<const std::string>)
     Json interfaces = Json::array(), vlans = Json::array();
     std::vector<Words> rows = {
         {"PLACE", "IP-SOURCE-GUARD", "ARP-INSPECTION", "REFUSED-IPV4", "REFUSED-IPV6", "REFUSED-ARP",
-         "MALFORMED"}
+         "MALFORMED", "UNCLEAR", "VLAN"}
     };
     for (const auto &[place, items] : places) {
         Words row = {place.isVlan ? "vlan " + std::to_string(place.number) : interfaceText(place.number),

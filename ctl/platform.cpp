@@ -2,7 +2,7 @@
 #include <ostream>
 
 #include "command.h"
-#include "trap.h"
+#include "guard.h"
 
 // Under a daemon that runs, or hangs, this would open every port to rogue servers.
 ExitStatus platformRelease(const Context &context, std::span<const std::string>)

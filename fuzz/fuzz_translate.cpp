@@ -8,7 +8,7 @@
 #include <map>
 
 #include "fault.h"
-#include "guard_config.h"
+#include "guard.h"
 #include "guard_events.h"
 #include "input.h"
 #include "switch_model.h"

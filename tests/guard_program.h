@@ -23,6 +23,17 @@ inline uint64_t boottime()
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
+// A port of the VLANs 1, 10, 20 and its native one; without a native VLAN it is routed.
+inline guard_port port_of(uint16_t native, uint8_t trap = 0, uint8_t inherited = 0)
+{
+    guard_port port = {};
+    port.native = native;
+    port.trap = trap;
+    port.inherited = inherited;
+    port.members[0] = native == 0 ? 1 : 1u << 1 | 1u << 10 | 1u << 20 | 1u << native;
+    return port;
+}
+
 class GuardProgram : public NetnsTest, public ::testing::WithParamInterface<const char *>
 {
   protected:

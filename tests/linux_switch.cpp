@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "relay_socket.h"
-#include "trap.h"
+#include "guard.h"
 
 namespace linux_test
 {

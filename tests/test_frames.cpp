@@ -19,7 +19,7 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "guard.h"
+#include "classifier.h"
 #include "model.h"
 #include "platform.h"
 #include "wire.h"
@@ -126,7 +126,7 @@ class Frames : public NetnsTest
         port.tpid = ETH_P_8021Q;
         port.members.set(7).set(10).set(20);
         modelPorts[port_] = port;
-        ASSERT_EQ(guard_port_add(port_, 7), 0);
+        ASSERT_EQ(guard_port_add(port_, 7, port.members), 0);
         v4_ = open(ETH_P_IP);
         v6_ = open(ETH_P_IPV6);
     }
@@ -272,7 +272,7 @@ TEST_F(Frames, OfARoutedPortHaveNoVlan)
     port.routed = true;
     port.nativeVid = 0;
     port.members.reset();
-    ASSERT_EQ(guard_port_add(port_, 0), 0);
+    ASSERT_EQ(guard_port_add(port_, 0, PortVlans(1)), 0);
     trap(true);
     Wire from("c1");
     // claim, tags, comes
@@ -365,7 +365,7 @@ TEST_F(Frames, OfAnAggregateComeFromIt)
     Port bond = modelPorts[port_];
     modelPorts[port_].aggregate = bond.ifIndex = index("bond0");
     modelPorts[bond.ifIndex] = bond;
-    ASSERT_EQ(guard_port_add(bond.ifIndex, 7), 0);
+    ASSERT_EQ(guard_port_add(bond.ifIndex, 7, bond.members), 0);
     ASSERT_EQ(guard_trap_port(bond.ifIndex, 4, true), 0);
     Wire from("c1");
     Frame frame = discover();

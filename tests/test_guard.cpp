@@ -18,9 +18,8 @@
 #include <linux/capability.h>
 #include <sys/syscall.h>
 
+#include "classifier.h"
 #include "guard.h"
-#include "guard_maps.h"
-#include "trap.h"
 
 using namespace platform_linux;
 
@@ -52,7 +51,7 @@ class Guard : public NetnsTest
     {
         std::string why, note;
         EXPECT_TRUE(guard_open(ROOM, why, note)) << why;
-        EXPECT_EQ(guard_port_add(port_, 1), 0);
+        EXPECT_EQ(guard_port_add(port_, 1, PortVlans(6)), 0);
         return note;
     }
 
@@ -111,7 +110,7 @@ class Guard : public NetnsTest
 TEST_F(Guard, TakesAndReturnsThePort)
 {
     EXPECT_EQ(guard_trap_port(port_, 4, true), ENODEV) << "not added yet";
-    ASSERT_EQ(guard_port_add(port_, 1), 0);
+    ASSERT_EQ(guard_port_add(port_, 1, PortVlans(6)), 0);
     EXPECT_TRUE(passes()) << "no trap";
     ASSERT_EQ(guard_trap_port(port_, 6, true), 0);
     EXPECT_TRUE(passes()) << "the other family's trap";
@@ -125,9 +124,9 @@ TEST_F(Guard, TakesAndReturnsThePort)
 
     ASSERT_EQ(guard_trap_vlan(1, 4, true), 0);
     EXPECT_FALSE(passes()) << "the trap of its native VLAN";
-    ASSERT_EQ(guard_port_add(port_, 2), 0);
+    ASSERT_EQ(guard_port_add(port_, 2, PortVlans(6)), 0);
     EXPECT_TRUE(passes()) << "its native VLAN is another now";
-    ASSERT_EQ(guard_port_add(port_, 1), 0);
+    ASSERT_EQ(guard_port_add(port_, 1, PortVlans(6)), 0);
     ASSERT_EQ(guard_trap_vlan(1, 4, false), 0);
     EXPECT_TRUE(passes());
 
@@ -140,8 +139,8 @@ TEST_F(Guard, TakesAndReturnsThePort)
 
 TEST_F(Guard, RefusesWhatIsNoPortFamilyOrVlan)
 {
-    ASSERT_EQ(guard_port_add(port_, 1), 0);
-    EXPECT_EQ(guard_port_add(99999, 1), ENODEV);
+    ASSERT_EQ(guard_port_add(port_, 1, PortVlans(6)), 0);
+    EXPECT_EQ(guard_port_add(99999, 1, PortVlans(6)), ENODEV);
     EXPECT_EQ(guard_trap_port(99999, 4, true), ENODEV);
     for (const int family : {0, 1, 5, 10})
         EXPECT_EQ(guard_trap_port(port_, family, true), EINVAL) << family;
@@ -154,14 +153,14 @@ TEST_F(Guard, RefusesWhatIsNoPortFamilyOrVlan)
 
 TEST_F(Guard, ComesBackWhenItWasTakenOffThePort)
 {
-    ASSERT_EQ(guard_port_add(port_, 1), 0);
+    ASSERT_EQ(guard_port_add(port_, 1, PortVlans(6)), 0);
     ASSERT_EQ(guard_trap_port(port_, 4, true), 0);
     run("tc qdisc del dev p1 clsact");
     EXPECT_TRUE(passes());
     ASSERT_EQ(guard_trap_port(port_, 4, true), 0);
     EXPECT_FALSE(passes());
     run("tc qdisc del dev p1 clsact");
-    ASSERT_EQ(guard_port_add(port_, 1), 0);
+    ASSERT_EQ(guard_port_add(port_, 1, PortVlans(6)), 0);
     EXPECT_FALSE(passes());
     run("ip link del p1");
     EXPECT_EQ(guard_trap_port(port_, 4, true), ENODEV);
@@ -244,8 +243,8 @@ TEST_F(Guard, InheritsTheTrapsOfManyPorts)
         close(map);
     };
     with_map([](int map) {
-        const guard_port trapped = {
-            .native = 1, .trap = GUARD_TRAP_V4, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
+        guard_port trapped = {};
+        trapped.trap = GUARD_TRAP_V4;
         for (uint32_t i = FIRST; i < FIRST + COUNT; i++)
             ASSERT_EQ(bpf_map_update_elem(map, &i, &trapped, BPF_ANY), 0);
     });
@@ -300,12 +299,12 @@ TEST_F(Guard, LeavesDevicesThatAreNoPortsAnyMore)
 {
     run_and_kill([this] {
         start();
-        guard_port_add(index("p2"), 1);
+        guard_port_add(index("p2"), 1, PortVlans(6));
         guard_trap_port(port_, 4, true);
     });
     std::string why, note;
     ASSERT_TRUE(guard_open(ROOM, why, note)) << why;
-    ASSERT_EQ(guard_port_add(index("p2"), 1), 0);
+    ASSERT_EQ(guard_port_add(index("p2"), 1, PortVlans(6)), 0);
     guard_ports_complete();
     EXPECT_TRUE(passes());
     EXPECT_EQ(filters("p1"), 0);
@@ -317,7 +316,7 @@ TEST_F(Guard, ReleasesTheMachine)
     run("tc qdisc add dev p2 clsact"); // somebody else's
     run_and_kill([this] {
         start();
-        guard_port_add(index("p2"), 1);
+        guard_port_add(index("p2"), 1, PortVlans(6));
         guard_trap_port(port_, 4, true);
     });
     EXPECT_FALSE(passes());
@@ -338,7 +337,7 @@ TEST_F(Guard, ReleasesTheMachine)
 // A filter of somebody else that came later keeps the queueing discipline, and its own place.
 TEST_F(Guard, LeavesTheFiltersOfOthers)
 {
-    ASSERT_EQ(guard_port_add(port_, 1), 0);
+    ASSERT_EQ(guard_port_add(port_, 1, PortVlans(6)), 0);
     run("tc filter add dev p1 ingress prio 5 protocol ip u32 match u32 0 0 flowid 1:1");
     guard_close();
     std::string report;
@@ -350,7 +349,7 @@ TEST_F(Guard, LeavesTheFiltersOfOthers)
 // Two namespaces share a bpffs and not their maps.
 TEST_F(Guard, KeepsToItsNamespace)
 {
-    ASSERT_EQ(guard_port_add(port_, 1), 0);
+    ASSERT_EQ(guard_port_add(port_, 1, PortVlans(6)), 0);
     ASSERT_EQ(guard_trap_vlan(1, 4, true), 0);
     const pid_t child = fork();
     if (child == 0) {
@@ -402,7 +401,7 @@ TEST_F(Guard, SaysWhyThereIsNoTrap)
                     fprintf(stderr, "%s\n", why.c_str());
                     return 2;
                 }
-                if (guard_port_add(port_, 1) != EOPNOTSUPP || guard_trap_port(port_, 4, true) != EOPNOTSUPP ||
+                if (guard_port_add(port_, 1, PortVlans(6)) != EOPNOTSUPP || guard_trap_port(port_, 4, true) != EOPNOTSUPP ||
                     guard_trap_vlan(1, 4, true) != EOPNOTSUPP)
                     return 3;
                 guard_ports_complete();
@@ -420,7 +419,7 @@ TEST_F(Guard, NeedsThreeCapabilities)
     const auto works = [this](bool pinned) {
         return with_capabilities(NETWORK | BPF, [this, pinned] {
             std::string why, note;
-            if (!guard_open(ROOM, why, note) || guard_port_add(port_, 1) != 0 ||
+            if (!guard_open(ROOM, why, note) || guard_port_add(port_, 1, PortVlans(6)) != 0 ||
                 guard_trap_port(port_, 4, true) != 0) {
                 fprintf(stderr, "%s\n", why.c_str());
                 return 1;

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "guard_config.h"
+#include "guard.h"
 #include "guard_events.h"
 
 using namespace platform_linux;

@@ -81,7 +81,7 @@ Bytes chain(size_t headers, uint8_t last, const Bytes &rest)
 struct ClassRow {
     const char *claim;
     Bytes frame;
-    int family; // 4 or 6: DHCP of that family; 0: none of the daemon's business
+    int family; // 4 or 6: DHCP of that family; 0: none of the daemon's business; -1: not to be told
 };
 
 const ClassRow CLASS_ROWS[] = {
@@ -109,7 +109,7 @@ const ClassRow CLASS_ROWS[] = {
     {"S-tag and C-tag", tagged({{S_TAG, 10}, {0x8100, 20}}).bytes(), 4},
     {"old S-tag and C-tag", tagged({{OLD_S_TAG, 10}, {0x8100, 20}}).bytes(), 4},
     {"two C-tags", tagged({{0x8100, 10}, {0x8100, 20}}).bytes(), 4},
-    {"three tags left in the frame", tagged({{S_TAG, 10}, {S_TAG, 10}, {0x8100, 20}}).bytes(), 0},
+    {"three tags left in the frame", tagged({{S_TAG, 10}, {S_TAG, 10}, {0x8100, 20}}).bytes(), -1},
     {"a tag of unknown type", tagged({{0x9200, 10}}).bytes(), 0},
     {"4 bytes of IP options",
      [] {
@@ -139,14 +139,14 @@ const ClassRow CLASS_ROWS[] = {
          f.dstIp = 0x00440043;
          return f.bytes();
      }(),
-     0},
+     -1},
     {"version 6 behind 0x0800",
      [] {
          Frame f = discover();
          f.ipVersion = 6;
          return f.bytes();
      }(),
-     0},
+     -1},
     {"do not fragment", fragment(0x4000), 4},
     {"the reserved flag", fragment(0x8000), 4},
     {"a first fragment", fragment(0x2000), 4},
@@ -155,7 +155,7 @@ const ClassRow CLASS_ROWS[] = {
     {"the last fragment of the largest datagram", fragment(0x1FFF), 0},
     {"cut in the ports", cut(v4().bytes(), 37), 0},
     {"cut behind the ports", cut(v4().bytes(), 38), 4},
-    {"cut in the tag", cut(tagged({{0x8100, 10}}).bytes(), 17), 0},
+    {"cut in the tag", cut(tagged({{0x8100, 10}}).bytes(), 17), -1},
     {"ARP on which IP bytes follow",
      [] {
          Frame f = discover();
@@ -186,7 +186,7 @@ const ClassRow CLASS_ROWS[] = {
          b[14] = 0x45;
          return b;
      }(),
-     0},
+     -1},
     {"a tagged SOLICIT", v6(UDP, udp6(), {{0x8100, 10}}), 6},
     {"a SOLICIT with two tags", v6(UDP, udp6(), {{OLD_S_TAG, 10}, {0x8100, 20}}), 6},
     {"behind a hop-by-hop header", v6(HOP_BY_HOP, extension(UDP) + udp6()), 6},
@@ -219,13 +219,13 @@ const ClassRow CLASS_ROWS[] = {
 
 TEST_P(GuardProgram, TakesDhcpAndNothingElse)
 {
-    const guard_port port = {.native = 1, .trap = GUARD_TRAP_V4 | GUARD_TRAP_V6, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
+    const guard_port port = port_of(1, GUARD_TRAP_V4 | GUARD_TRAP_V6, 0);
     put("guard_ports", port_, &port);
     for (const ClassRow &row : CLASS_ROWS) {
         SCOPED_TRACE(row.claim);
         Bytes out;
-        EXPECT_EQ(verdict(row.frame, &out), row.family != 0 ? TAKEN : PASSED);
-        EXPECT_EQ(hex(out), hex(row.family != 0 ? carried(row.family, row.frame) : row.frame));
+        EXPECT_EQ(verdict(row.frame, &out), row.family > 0 ? TAKEN : row.family < 0 ? REFUSED : PASSED);
+        EXPECT_EQ(hex(out), hex(row.family > 0 ? carried(row.family, row.frame) : row.frame));
     }
 }
 
@@ -233,11 +233,11 @@ TEST_P(GuardProgram, TakesDhcpAndNothingElse)
 TEST_P(GuardProgram, TrapsOneFamilyAlone)
 {
     for (const int family : {4, 6}) {
-        const guard_port port = {.native = 1, .trap = family == 4 ? uint8_t{GUARD_TRAP_V4} : uint8_t{GUARD_TRAP_V6}, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
+        const guard_port port = port_of(1, family == 4 ? uint8_t{GUARD_TRAP_V4} : uint8_t{GUARD_TRAP_V6}, 0);
         put("guard_ports", port_, &port);
         for (const ClassRow &row : CLASS_ROWS) {
             SCOPED_TRACE(row.claim);
-            EXPECT_EQ(verdict(row.frame), row.family == family ? TAKEN : PASSED);
+            EXPECT_EQ(verdict(row.frame), row.family == family ? TAKEN : row.family < 0 ? REFUSED : PASSED);
         }
     }
 }
@@ -281,7 +281,7 @@ TEST_P(GuardProgram, TrapsWhereItIsTold)
     const uint64_t now = boottime();
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
-        const guard_port port = {.native = row.native, .trap = row.port.trap, .inherited = row.port.inherited, .qdisc_is_ours = 0, .reserved = {}};
+        const guard_port port = port_of(row.native, row.port.trap, row.port.inherited);
         const guard_vlan vlan = {.trap = row.vlan.trap, .inherited = row.vlan.inherited, .reserved = {}};
         guard_state holds = {}, over = {};
         holds.inherited_until = now + 3600000000000u;

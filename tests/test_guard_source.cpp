@@ -67,7 +67,7 @@ class GuardSource : public GuardProgram
         other_ = index("p2");
         const std::vector<guard_refused> zero(static_cast<size_t>(libbpf_num_possible_cpus()));
         for (const uint32_t port : {port_, other_}) {
-            const guard_port untagged10 = {.native = 10, .trap = 0, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
+            const guard_port untagged10 = port_of(10, 0, 0);
             put("guard_ports", port, &untagged10);
             put("guard_refused", port, zero.data());
             guard(port, ADDRESS, ADDRESS);
@@ -83,9 +83,9 @@ class GuardSource : public GuardProgram
     }
 
     // The binding of host 5 on p1 in VLAN 10, as so many items of it.
-    guard_binding_key host5(uint8_t kind, uint8_t mask) const
+    guard_rule_key host5(uint8_t kind, uint8_t mask) const
     {
-        guard_binding_key key = {};
+        guard_rule_key key = {};
         key.kind = kind;
         key.mask = mask;
         if (mask & PORT)
@@ -99,18 +99,18 @@ class GuardSource : public GuardProgram
         return key;
     }
 
-    void bind(const guard_binding_key &key, uint32_t run = 1)
+    void bind(const guard_rule_key &key, uint32_t run = 1)
     {
-        const guard_binding binding = {1, run};
-        ASSERT_EQ(bpf_map_update_elem(map("guard_bindings"), &key, &binding, BPF_ANY), 0);
+        const guard_rule rule = {1, run, 0};
+        ASSERT_EQ(bpf_map_update_elem(map("guard_rules"), &key, &rule, BPF_ANY), 0);
         state_.masks |= uint64_t{1} << (16 * key.kind + key.mask / 16);
         state_.run = 1;
         put("guard_state", 0, &state_);
     }
 
-    void unbind(const guard_binding_key &key)
+    void unbind(const guard_rule_key &key)
     {
-        ASSERT_EQ(bpf_map_delete_elem(map("guard_bindings"), &key), 0);
+        ASSERT_EQ(bpf_map_delete_elem(map("guard_rules"), &key), 0);
         state_.masks = 0;
         put("guard_state", 0, &state_);
     }
@@ -151,7 +151,7 @@ TEST_P(GuardSource, GoesByTheItemsOfTheBinding)
         for (unsigned mask = 0x10; mask <= 0xF0; mask += 0x10) {
             SCOPED_TRACE(std::string(claim) + " " + std::to_string(mask));
             const auto items = static_cast<uint8_t>(mask);
-            const guard_binding_key key = host5(kind, items);
+            const guard_rule_key key = host5(kind, items);
             bind(key);
             for (const uint32_t port : {port_, other_})
                 guard(port, items, items);
@@ -176,7 +176,7 @@ TEST_P(GuardSource, GoesByTheItemsOfTheBinding)
 TEST_P(GuardSource, TakesBindingsOfSeveralMasks)
 {
     bind(host5(GUARD_IPV4, ADDRESS | MAC | VLAN | PORT));
-    guard_binding_key six = host5(GUARD_IPV4, ADDRESS);
+    guard_rule_key six = host5(GUARD_IPV4, ADDRESS);
     six.addr[3] = 6;
     bind(six);
     EXPECT_EQ(verdict(UDP4), PASSED);
@@ -189,10 +189,10 @@ TEST_P(GuardSource, TakesBindingsOfSeveralMasks)
 
 TEST_P(GuardSource, CountsAnEarlierRunsBindingsForATime)
 {
-    state_.bindings_until = boottime() + 3600000000000u;
+    state_.rules_until = boottime() + 3600000000000u;
     bind(host5(GUARD_IPV4, ADDRESS), 7);
     EXPECT_EQ(verdict(UDP4), PASSED);
-    state_.bindings_until = boottime();
+    state_.rules_until = boottime();
     bind(host5(GUARD_IPV4, ADDRESS), 7);
     EXPECT_EQ(verdict(UDP4), REFUSED);
     bind(host5(GUARD_IPV4, ADDRESS), 1);
@@ -200,7 +200,7 @@ TEST_P(GuardSource, CountsAnEarlierRunsBindingsForATime)
 }
 
 constexpr int FREE = -1, V4 = GUARD_REFUSED_IPV4, V6 = GUARD_REFUSED_IPV6, ARP = GUARD_REFUSED_ARP,
-              MALFORMED = GUARD_REFUSED_MALFORMED;
+              MALFORMED = GUARD_REFUSED_MALFORMED, UNCLEAR = GUARD_REFUSED_UNCLEAR;
 
 // Both features stand on the port; the address of host 5 is bound, its MAC for ARP too.
 TEST_P(GuardSource, LetsPassWhatItMust)
@@ -222,10 +222,10 @@ TEST_P(GuardSource, LetsPassWhatItMust)
         {"a server's reply that nobody traps", [] { Frame f = discover(); f.srcPort = 67; f.dstPort = 68; return f.bytes(); }(), V4},
         {"from a client's port to another service", [] { Frame f = discover(); f.dstPort = 53; return f.bytes(); }(), V4},
         {"cut in the IP header", first(tagged(UDP4, hex_bytes("8100000a")), NETWORK + 4 + 19), MALFORMED},
-        {"a header length of 4 words", with(UDP4, NETWORK, {0x44}), MALFORMED},
+        {"a header length of 4 words", with(UDP4, NETWORK, {0x44}), UNCLEAR},
         {"a header longer than the frame", with(UDP4, NETWORK, {0x48}), MALFORMED},
         {"a header as long as the frame", first(UDP4, NETWORK + 20), FREE},
-        {"version 6 behind 0x0800", with(UDP4, NETWORK, {0x65}), MALFORMED},
+        {"version 6 behind 0x0800", with(UDP4, NETWORK, {0x65}), UNCLEAR},
 
         {"a bound sender's request", REQUEST, FREE},
         {"a bound sender's reply", REPLY, FREE},
@@ -256,19 +256,19 @@ TEST_P(GuardSource, LetsPassWhatItMust)
         {"the prefix above", with(UDP6, IP6_ADDRESS, {0xFE, 0xC0}), V6},
         {"a SOLICIT that nobody traps", SOLICIT, FREE},
         {"cut in the IPv6 header", first(tagged(UDP6, hex_bytes("8100000a")), NETWORK + 4 + 39), MALFORMED},
-        {"version 4 behind 0x86DD", with(UDP6, NETWORK, {0x45}), MALFORMED},
+        {"version 4 behind 0x86DD", with(UDP6, NETWORK, {0x45}), UNCLEAR},
 
         {"neither IP nor ARP", LLDP, FREE},
         {"neither, tagged", relayed, FREE},
         {"a bound source behind two tags", tagged(UDP4, hex_bytes("88a8000a 81000014")), FREE},
         {"another behind two tags", tagged(with(UDP4, IP_ADDRESS + 3, {6}), hex_bytes("88a8000a 81000014")), V4},
-        {"three tags", tagged(UDP4, hex_bytes("8100000a 8100000a 8100000a")), MALFORMED},
-        {"IPv4 in a SNAP frame", snap(UDP4), MALFORMED},
+        {"three tags", tagged(UDP4, hex_bytes("8100000a 8100000a 8100000a")), UNCLEAR},
+        {"IPv4 in a SNAP frame", snap(UDP4), UNCLEAR},
         {"ARP in a SNAP frame, tagged", tagged(snap(REQUEST), hex_bytes("8100000a")), MALFORMED},
-        {"IPv6 in a SNAP frame of another organisation", with(snap(UDP6), NETWORK + 3, hex_bytes("0000f8")), MALFORMED},
+        {"IPv6 in a SNAP frame of another organisation", with(snap(UDP6), NETWORK + 3, hex_bytes("0000f8")), UNCLEAR},
         {"another protocol in a SNAP frame", with(snap(UDP4), NETWORK + 6, hex_bytes("2000")), FREE},
         {"another 802.2 frame", with(snap(UDP4), NETWORK, hex_bytes("4242")), FREE},
-        {"cut in the tag", first(tagged(UDP4, hex_bytes("8100000a")), NETWORK + 3), MALFORMED},
+        {"cut in the tag", first(tagged(UDP4, hex_bytes("8100000a")), NETWORK + 3), UNCLEAR},
     };
     for (const auto &[claim, frame, reason] : rows) {
         SCOPED_TRACE(claim);
@@ -326,7 +326,7 @@ TEST_P(GuardSource, StandsWhereItIsTold)
 // The daemon gets a trapped frame whatever the guard thinks of its source, if it is for a client or a server.
 TEST_P(GuardSource, ComesAfterTheTrap)
 {
-    const guard_port trapped = {.native = 10, .trap = GUARD_TRAP_V4 | GUARD_TRAP_V6, .inherited = 0, .qdisc_is_ours = 0, .reserved = {}};
+    const guard_port trapped = port_of(10, GUARD_TRAP_V4 | GUARD_TRAP_V6, 0);
     put("guard_ports", port_, &trapped);
     const size_t v4 = NETWORK + 20, v6 = NETWORK + 40;
     const Bytes reply = hex_bytes("11110044"), reply6 = hex_bytes("11110222"), from68 = hex_bytes("00440035"),

@@ -9,11 +9,11 @@
 #include "bindings.h"
 #include "daemon_test.h"
 #include "dhcpsnoop_nm.h"
+#include "classifier.h"
 #include "guard.h"
 #include "report.h"
 #include "management.h"
 #include "model.h"
-#include "trap.h"
 
 using namespace platform_linux;
 
@@ -48,7 +48,7 @@ std::string digits(const uint8_t *bytes, size_t count)
 }
 
 // "+1 f0 3/10 020000000005 0a000a05": kind, check items, port, VLAN, MAC, address.
-int rule(const char *what, const guard_binding_key &key)
+int rule(const char *what, const guard_rule_key &key)
 {
     const std::string mac = digits(key.mac, 6), address = digits(key.addr, key.kind == GUARD_IPV6 ? 16 : 4);
     asked(0, world_format("%s%u %02x %u/%u %s %s", what, key.kind, key.mask, key.ifindex, key.vid, mac.c_str(), address.c_str()));
@@ -67,16 +67,19 @@ bool guard_open(uint32_t bindings, std::string &why, std::string &)
     return asked(recorder.possible, "open", bindings) != 0;
 }
 void guard_close() { asked(0, "close"); }
-int guard_port_add(uint32_t ifIndex, uint16_t nativeVid) { return asked(recorder.addResult, "add", ifIndex, nativeVid); }
+int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &) { return asked(recorder.addResult, "add", ifIndex, nativeVid); }
 void guard_port_remove(uint32_t ifIndex) { asked(0, "remove", ifIndex); }
+void guard_device_gone(uint32_t) {}
+void guard_vlans_changed() {}
+void model_watch_gone(GoneWatcher) {}
 void guard_ports_complete() { asked(0, "complete"); }
 int guard_trap_port(uint32_t ifIndex, int family, bool on)
 {
     return asked(ports.count(ifIndex) != 0 && ports.at(ifIndex).aggregate == 0 ? 0 : ENODEV, "port", ifIndex, family, on ? "on" : "off");
 }
 int guard_trap_vlan(uint16_t vid, int family, bool on) { return asked(0, "vlan", vid, family, on ? "on" : "off"); }
-int guard_binding_add(const guard_binding_key &key) { return rule("+", key); }
-int guard_binding_remove(const guard_binding_key &key) { return rule("-", key); }
+int guard_rule_add(const guard_rule_key &key) { return rule("+", key); }
+int guard_rule_remove(const guard_rule_key &key) { return rule("-", key); }
 const Port *model_port(uint32_t ifIndex) { return ports.count(ifIndex) == 0 ? nullptr : &ports.at(ifIndex); }
 const std::map<uint32_t, Port> &model_ports() { return ports; }
 void model_watch(ModelWatcher watcher) { watchers.push_back(watcher); }

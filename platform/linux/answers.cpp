@@ -10,15 +10,13 @@
 #include <utility>
 
 #include "acknowledged.h"
-#include "bindings.h"
-#include "guard_config.h"
+#include "guard.h"
 #include "model.h"
 #include "platform.h"
 #include "redundancy.h"
 #include "report.h"
 #include "subscribers.h"
 #include "switch_model.h"
-#include "trap.h"
 
 using namespace platform_linux;
 

@@ -14,8 +14,7 @@
 #include <sys/time.h>
 #include <utility>
 
-#include "guard_events.h"
-#include "guard_follow.h"
+#include "guard.h"
 #include "platform.h"
 #include "redundancy.h"
 #include "report.h"

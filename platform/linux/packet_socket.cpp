@@ -15,7 +15,7 @@
 #include <sys/uio.h>
 
 #include "dhcpsnoop_msg.h"
-#include "guard_maps.h"
+#include "guard.h"
 #include "model.h"
 #include "protocol.h"
 #include "report.h"

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "event_socket.h"
+#include "guard.h"
 #include "logging.h"
 #include "platform.h"
 #include "redundancy.h"
@@ -22,7 +23,6 @@
 #include "report.h"
 #include "subscribers.h"
 #include "switch_model.h"
-#include "trap.h"
 
 namespace platform_linux
 {

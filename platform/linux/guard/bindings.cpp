@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "classifier.h"
 #include "guard.h"
 #include "report.h"
 #include "model.h"
@@ -25,7 +26,7 @@ constexpr uint32_t BINDINGS_MAX = UINT16_MAX;
 static_assert(BINDINGS_MAX * RULES_OF_A_BINDING < PLACE_MASK);
 
 struct Rule {
-    guard_binding_key key;
+    guard_rule_key key;
     uint32_t ifIndex; // the port that it was asked for on; 0 = none in particular
     uint32_t handle;  // 0 = free
     uint32_t next;    // in its chain, or of the free ones
@@ -42,7 +43,7 @@ uint8_t holds = 0; // those that are on, as Hold
 
 bool holding() { return holds != 0; }
 
-uint32_t &chain_of(uint32_t ifIndex, const guard_binding_key &key)
+uint32_t &chain_of(uint32_t ifIndex, const guard_rule_key &key)
 {
     uint32_t words[sizeof key / 4], hash = ifIndex;
     memcpy(words, &key, sizeof words);
@@ -51,14 +52,14 @@ uint32_t &chain_of(uint32_t ifIndex, const guard_binding_key &key)
     return chains[hash >> 7 & (chains.size() - 1)];
 }
 
-bool says(const Rule &rule, uint32_t ifIndex, const guard_binding_key &key)
+bool says(const Rule &rule, uint32_t ifIndex, const guard_rule_key &key)
 {
     return rule.ifIndex == ifIndex && memcmp(&rule.key, &key, sizeof key) == 0;
 }
 
 // Other check items than before are the same binding's. Whether its port is a port still, and of which VLAN,
 // may have changed since.
-bool same_host(const Rule &rule, uint32_t ifIndex, const guard_binding_key &key)
+bool same_host(const Rule &rule, uint32_t ifIndex, const guard_rule_key &key)
 {
     const uint8_t both = rule.key.mask & key.mask;
     return rule.ifIndex == ifIndex && rule.key.kind == key.kind &&
@@ -68,7 +69,7 @@ bool same_host(const Rule &rule, uint32_t ifIndex, const guard_binding_key &key)
 
 // Null for a spent handle, and for another host's: the handle may be the peer unit's, which came with its
 // binding.
-Rule *find_handle(uint32_t handle, uint32_t ifIndex, const guard_binding_key &key)
+Rule *find_handle(uint32_t handle, uint32_t ifIndex, const guard_rule_key &key)
 {
     const uint32_t place = (handle & PLACE_MASK) - 1;
     if (handle == 0 || place >= rules.size() || rules[place].handle != handle)
@@ -76,7 +77,7 @@ Rule *find_handle(uint32_t handle, uint32_t ifIndex, const guard_binding_key &ke
     return same_host(rules[place], ifIndex, key) ? &rules[place] : nullptr;
 }
 
-Rule *find_content(uint32_t ifIndex, const guard_binding_key &key)
+Rule *find_content(uint32_t ifIndex, const guard_rule_key &key)
 {
     for (uint32_t place = chain_of(ifIndex, key); place != NONE; place = rules[place].next)
         if (says(rules[place], ifIndex, key))
@@ -84,7 +85,7 @@ Rule *find_content(uint32_t ifIndex, const guard_binding_key &key)
     return nullptr;
 }
 
-Rule *take(uint32_t ifIndex, const guard_binding_key &key)
+Rule *take(uint32_t ifIndex, const guard_rule_key &key)
 {
     if (firstFree == NONE)
         return nullptr;
@@ -116,7 +117,7 @@ void suspend(uint32_t ifIndex)
     for (Rule &rule : rules) {
         if (rule.handle == 0 || rule.ifIndex != ifIndex || !rule.installed)
             continue;
-        guard_binding_remove(rule.key);
+        guard_rule_remove(rule.key);
         rule.installed = false;
     }
 }
@@ -131,9 +132,9 @@ void model_changed(ModelChange change, const Port &port, const Port *)
 
 // The record names what is checked by giving it. A binding of a VLAN interface holds on the ports of its
 // VLAN.
-guard_binding_key key_of(const QorUserRecord &record, bool arp, const Port *port)
+guard_rule_key key_of(const QorUserRecord &record, bool arp, const Port *port)
 {
-    guard_binding_key key = {};
+    guard_rule_key key = {};
     key.kind = arp ? GUARD_ARP : record.ipType == DHCPSNOOP_IPV6 ? GUARD_IPV6 : GUARD_IPV4;
     if (record.addrKind != 0) {
         key.mask |= GUARD_CHECK_ADDRESS;
@@ -167,7 +168,7 @@ int32_t report_full(int error)
 void remove(Rule &rule)
 {
     if (rule.installed)
-        guard_binding_remove(rule.key);
+        guard_rule_remove(rule.key);
     give_back(rule);
 }
 
@@ -191,17 +192,17 @@ void remove_withdrawn()
 int32_t install_again(Rule &rule)
 {
     rule.withdrawn = false;
-    const int error = rule.installed ? 0 : guard_binding_add(rule.key);
+    const int error = rule.installed ? 0 : guard_rule_add(rule.key);
     rule.installed = error == 0;
     return error;
 }
 
 // Gives the rule, which the classifier has, its place. ENOSPC takes it out again.
-int32_t keep(uint32_t ifIndex, const guard_binding_key &key, uint32_t &handle)
+int32_t keep(uint32_t ifIndex, const guard_rule_key &key, uint32_t &handle)
 {
     Rule *rule = take(ifIndex, key);
     if (rule == nullptr) {
-        guard_binding_remove(key);
+        guard_rule_remove(key);
         return ENOSPC;
     }
     rule->installed = true;
@@ -209,14 +210,14 @@ int32_t keep(uint32_t ifIndex, const guard_binding_key &key, uint32_t &handle)
     return 0;
 }
 
-int32_t install(uint32_t ifIndex, const guard_binding_key &key, Rule *replaced, uint32_t &handle)
+int32_t install(uint32_t ifIndex, const guard_rule_key &key, Rule *replaced, uint32_t &handle)
 {
-    int error = guard_binding_add(key); // the new before the old: no packet is lost in between
+    int error = guard_rule_add(key); // the new before the old: no packet is lost in between
     if (replaced != nullptr && (error == 0 || (error == ENOSPC && holding())))
         retire(*replaced);
     if (holding() && (error == ENOSPC || firstFree == NONE)) {
         remove_withdrawn(); // the held rules are in the way
-        error = error == ENOSPC ? guard_binding_add(key) : error;
+        error = error == ENOSPC ? guard_rule_add(key) : error;
     }
     return error != 0 ? error : keep(ifIndex, key, handle);
 }
@@ -246,7 +247,7 @@ void bindings_resume(const Port &port)
     for (Rule &rule : rules) {
         if (rule.handle == 0 || rule.ifIndex != port.ifIndex || rule.installed || rule.withdrawn)
             continue;
-        rule.installed = guard_binding_add(rule.key) == 0;
+        rule.installed = guard_rule_add(rule.key) == 0;
         refused += rule.installed ? 0 : 1;
     }
     if (refused != 0)
@@ -284,7 +285,7 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
     const bool arp = (record.ruleFlags & DHCPSNOOP_HW_IPSG) == 0;
     uint32_t &handle = arp ? record.daiHwId : record.ipsgHwId;
     const Port *port = model_port(ifIndex);
-    const guard_binding_key key = key_of(record, arp, port);
+    const guard_rule_key key = key_of(record, arp, port);
     Rule *known = unnamed ? find_content(ifIndex, key) : find_handle(handle, ifIndex, key);
 
     if (request->operation == QOR_USER_DELETE) {

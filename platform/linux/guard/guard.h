@@ -1,64 +1,136 @@
-// The classifier in the kernel (guard.bpf.c) and its maps: which ports it stands on, where it traps, whose
-// packets pass where they are checked. Nothing here knows the switch model. What is set stays in the kernel
-// when the process ends, so that a crash lets no DHCP frame and no forged packet pass; the next guard_open
-// finds it.
+// The guard room: the part of the platform that stands in the kernel's way of a frame. It
+//   - traps the DHCP frames of the switch's ports and hands them to the daemon (trap),
+//   - lets only those packets pass that agree with a binding, where that is checked (IP source guard, ARP
+//     inspection),
+//   - keeps the places where that is checked, and tells the daemon when they change (configuration).
+// An eBPF program at the ingress of every port does all of it; its maps outlive the daemon.
 //
-// Results are 0 or an errno value. Families are 4 and 6. Tests link a recorder in place of guard.cpp.
+// Words: a binding is the daemon's entry of a host; a rule stands in the kernel for it. A trap holds back
+// DHCP; the guard checks sources. Check items are the parts of a packet that a rule is compared with.
+//
+// This is the room's one header for other rooms, the host and dhcpsnoopctl. Results are 0 or an errno value
+// where nothing else is said.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <map>
+#include <span>
 #include <string>
 
 #include "guard_maps.h"
+#include "netlink.h"
+#include "platform.h"
 
 namespace platform_linux
 {
 
-// How long a trap of an earlier run holds that this run has not set again.
-constexpr uint32_t GUARD_INHERIT_SECONDS = 60;
+// ---- The trap: while it is on for a port or VLAN, the kernel does not forward the DHCP frames of one family
+// that come in there; they reach the daemon through its packet sockets instead.
 
-// How long a binding of an earlier run counts that this run has not installed again: half a lease of two
-// days, when a client renews.
-constexpr uint32_t GUARD_INHERIT_BINDINGS_SECONDS = 24 * 60 * 60;
+// Loads or adopts the classifier, with room for so many bindings, and attaches it to every port of the model,
+// now and whenever one appears. Called once, after the model is loaded and before the daemon opens its packet
+// sockets. EBUSY, reported, when another daemon runs in this network namespace; else 0. Where the kernel
+// refuses eBPF, that is reported, and every trap_set to on and every binding_set then fails.
+int32_t trap_start(uint32_t bindings);
 
-// From now on this process alone may change the maps of its network namespace: false when another one that
-// runs does. A second daemon would take traps and bindings from the first, and leave it without. Without a
-// bpffs nothing is shared, and it is true.
-bool guard_claim();
+// The trap of one family (4 or 6) on a port or aggregate; on a VLAN interface that VLAN on every port. ENODEV
+// no such port, EOPNOTSUPP no eBPF here, or why the classifier could not be attached. Off for an index that
+// is not there (any more) is 0.
+int32_t trap_set(uint32_t ifIndex, int family, bool on);
 
-// Loads the program and takes over the maps of an earlier run, or makes them, with room for so many bindings
-// at least. False when eBPF cannot be had here: `why` says what was refused; every other call is then safe
-// and answers EOPNOTSUPP. `note` says what an operator should know of a start that succeeded (what was
-// inherited, maps that are not pinned), or is empty.
-bool guard_open(uint32_t bindings, std::string &why, std::string &note);
+// Removes everything that any daemon of this network namespace left in the kernel: the classifier from every
+// device, the clsact queueing disciplines made for it and the pinned maps. `report` gets one line for each
+// thing removed or not removable. False when something could not be removed. Not for a namespace whose daemon
+// runs.
+bool trap_release(std::string &report);
 
-// Closes the descriptors. What is in the kernel stays.
-void guard_close();
+// ---- Bindings: each becomes up to two rules.
 
-// A port of the model is there: attaches the classifier at its ingress. `nativeVid` is the VLAN of its
-// untagged frames, 0 = none. A trap that an earlier run set on this very device goes on for
-// GUARD_INHERIT_SECONDS. Called again for a known port it repeats what failed and sets the native VLAN.
-int guard_port_add(uint32_t ifIndex, uint16_t nativeVid);
+// Adds or deletes the record of a request for port `ifIndex`. An add writes a handle into the record's
+// identifier of its kind; the same binding given once more with that handle stays installed once, as the
+// record says now. A delete takes the rule behind the handle. For handle 0, a spent one, or one of another
+// host's binding it does nothing, and is 0 then too.
+//
+// A member of an aggregate is not guarded itself: accepted, nothing is installed. So is an IPv6 binding for
+// ARP inspection. Rules of a port that is away, or has become such a member, come back with it. EINVAL: no
+// record of a binding, or one that checks nothing; ENODEV: no such port; ENOSPC: no room; EOPNOTSUPP: no
+// eBPF.
+int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request);
 
-// The device is gone or no port any more: detaches, forgets its traps. The check items of a device that is
-// still there stay, for the time when it is a port again.
-void guard_port_remove(uint32_t ifIndex);
+// Why a deleted rule stays in force for a while. Each reason ends for itself.
+enum class Hold : uint8_t {
+    checkItems = 1, // where they change, the daemon withdraws a binding before it installs it anew
+    takeOver = 2,   // so it does with all bindings when it gets a role
+};
 
-// After the first guard_port_add of every port: detaches from devices that were ports of an earlier run only.
-void guard_ports_complete();
+// While a hold is on, a deleted rule stays in force until none is on any more, unless it was added once more.
+void bindings_hold(Hold hold, bool on);
 
-// The trap of a port: ENODEV for one that is not added. Takes effect with the next frame.
-int guard_trap_port(uint32_t ifIndex, int family, bool on);
+// Begins Hold::takeOver as if everything had been deleted in it: when it ends, only rules that were added
+// since are left.
+void bindings_hold_all();
 
-// The trap of a VLAN (1 to 4094, else EINVAL) on every port: outer tag, or the port's native VLAN.
-int guard_trap_vlan(uint16_t vid, int family, bool on);
+// ---- The guard's configuration: the ports and VLANs where IP source guard and ARP inspection stand, and
+// their check items. It lives in the pinned maps alone, where the classifier, the daemon's hooks and the
+// client find it, beside a daemon or without one. A setting that is switched on is pending until the daemon
+// has installed its bindings there; one that is switched off is off at once.
 
-// Lets packets that agree with `key` pass, once more: so many adds, so many removes. What an earlier run
-// installed for the same address, or the same MAC on another port, ends. EINVAL for a key without check
-// items, ENOSPC when there is no room. Takes effect with the next frame.
-int guard_binding_add(const guard_binding_key &key);
+enum class GuardFeature : uint8_t { ipSourceGuard, arpInspection };
+constexpr GuardFeature GUARD_FEATURES[] = {GuardFeature::ipSourceGuard, GuardFeature::arpInspection};
 
-// ENOENT when this run has not added it.
-int guard_binding_remove(const guard_binding_key &key);
+// A port by its interface index, or a VLAN by its id (1 to 4094).
+struct GuardPlace {
+    bool isVlan;
+    uint32_t number;
+    auto operator<=>(const GuardPlace &) const = default;
+};
+
+// Finds the maps of the calling process's network namespace, once for as long as the process lives. False
+// with the reason when there are none: no daemon of this namespace has made them, or they may not be opened.
+bool guard_config_open(std::string &why);
+void guard_config_close();
+
+// The configuration of a place; zero where nothing is configured, and without maps.
+guard_items guard_config_get(const GuardPlace &place);
+// Every place that has one.
+std::map<GuardPlace, guard_items> guard_config_all();
+int guard_config_set(const GuardPlace &place, const guard_items &items);
+
+// Check items as they are to be, in force or not yet; 0 = off, GUARD_EXEMPT alone = exempt.
+uint8_t guard_wanted(const guard_items &items, GuardFeature feature);
+// The same for the daemon, which knows of no exemption: 0 = off or exempt.
+inline uint8_t guard_checked(const guard_items &items, GuardFeature feature)
+{
+    return guard_wanted(items, feature) & GUARD_CHECK_ALL;
+}
+bool guard_pending(const guard_items &items, GuardFeature feature);
+void guard_switch(guard_items &items, GuardFeature feature, uint8_t wanted);
+// Puts pending items in force.
+void guard_settle(guard_items &items, GuardFeature feature);
+
+// The ports on which the classifier stands, with the frames that it has refused there, by reason.
+using GuardRefusals = std::array<uint64_t, GUARD_REASONS>;
+std::map<uint32_t, GuardRefusals> guard_ports_refusals();
+
+// Tells the daemon of this network namespace that the configuration has changed, as events of the switch's
+// netlink groups. Takes CAP_NET_ADMIN. Whether anybody listens is not known.
+int guard_config_announce(const GuardPlace &place, GuardFeature feature, uint8_t wanted);
+
+// ---- The daemon's side of the configuration, for its event socket.
+
+// A datagram of a sender other than the kernel: whether it announces a change of the configuration. Its
+// content counts for nothing else.
+bool is_guard_announcement(std::span<const uint8_t> datagram);
+
+// Reads the configuration, and appends to `events` the changes that the daemon has not been told yet.
+// Bindings that the daemon withdraws in handling them stay in force until it has handled them all.
+void guard_follow(DaemonEvents &events);
+
+// The daemon has handled all appended events, its bindings are installed: pending settings come into force.
+// Does nothing when there are none. Not to be called while a change of role is under way.
+void guard_follow_handled();
+// Whether that is due.
+bool guard_follow_pending();
 
 } // namespace platform_linux

@@ -1,20 +1,21 @@
-// The guard's configuration in the pinned maps (guard_config.h). Of a place's element the two features'
-// bytes are written together, so that a client that is overtaken by the daemon, or by another client, must
-// look at what stands there in the end.
-#include "guard_config.h"
+// The guard's configuration in the pinned maps (guard.h). The bytes of both features are written together, so
+// that a client that is overtaken by the daemon, or by another client, must look at the element once more.
+#include "guard.h"
 
 #include <cerrno>
 #include <cstring>
 #include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
 #include <memory>
-#include <unistd.h>
 #include <vector>
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 
+#include "fd.h"
+#include "guard_events.h"
 #include "guard_pins.h"
+#include "map_keys.h"
 
 namespace platform_linux
 {
@@ -24,13 +25,13 @@ namespace
 constexpr uint32_t EVENT_GROUP = 31; // of those that the daemon joins
 
 struct Maps {
-    int ports = -1, portItems = -1, vlanItems = -1, refused = -1;
-    bool open() const { return ports >= 0; }
+    Fd ports, portItems, vlanItems, refused;
+    bool open() const { return ports && portItems && vlanItems && refused; }
 } maps;
 
-int map_open(const std::string &directory, const char *name)
+Fd map_open(const std::string &directory, const char *name)
 {
-    return bpf_obj_get((directory + "/" + name).c_str());
+    return Fd(bpf_obj_get((directory + "/" + name).c_str()));
 }
 
 // The inode number is that of a namespace that is gone, perhaps.
@@ -38,24 +39,11 @@ bool is_of(const std::string &directory, const Namespace &own)
 {
     const uint32_t zero = 0;
     guard_state state = {};
-    const int map = map_open(directory, "guard_state");
-    const bool read = map >= 0 && bpf_map_lookup_elem(map, &zero, &state) == 0;
-    const int error = errno;
-    if (map >= 0)
-        close(map);
-    errno = error;
+    const Fd map = map_open(directory, "guard_state");
+    const bool read = map && bpf_map_lookup_elem(map.get(), &zero, &state) == 0;
     if (read && state.netns_cookie != own.cookie)
         errno = ENOENT;
     return read && state.netns_cookie == own.cookie;
-}
-
-std::vector<uint32_t> keys_of(int map)
-{
-    std::vector<uint32_t> keys;
-    uint32_t key = 0;
-    for (const uint32_t *last = nullptr; bpf_map_get_next_key(map, last, &key) == 0; last = &key)
-        keys.push_back(key);
-    return keys;
 }
 
 bool any(const guard_items &items)
@@ -102,7 +90,7 @@ bool guard_config_open(std::string &why)
     if (!found.empty()) {
         maps = {map_open(found, "guard_ports"), map_open(found, "guard_port_items"),
                 map_open(found, "guard_vlan_items"), map_open(found, "guard_refused")};
-        if (maps.ports >= 0 && maps.portItems >= 0 && maps.vlanItems >= 0 && maps.refused >= 0)
+        if (maps.open())
             return true;
         error = errno;
         guard_config_close();
@@ -112,18 +100,13 @@ bool guard_config_open(std::string &why)
     return false;
 }
 
-void guard_config_close()
-{
-    for (const int map : {maps.ports, maps.portItems, maps.vlanItems, maps.refused})
-        if (map >= 0)
-            close(map);
-    maps = Maps();
-}
+void guard_config_close() { maps = Maps(); }
 
 guard_items guard_config_get(const GuardPlace &place)
 {
     guard_items items = {};
-    if (bpf_map_lookup_elem(place.isVlan ? maps.vlanItems : maps.portItems, &place.number, &items) != 0)
+    if (bpf_map_lookup_elem((place.isVlan ? maps.vlanItems : maps.portItems).get(), &place.number, &items) !=
+        0)
         items = {};
     return items;
 }
@@ -138,7 +121,7 @@ std::map<GuardPlace, guard_items> guard_config_all()
         if (any(items))
             all[place] = items;
     };
-    for (const uint32_t ifIndex : keys_of(maps.portItems))
+    for (const uint32_t ifIndex : map_keys<uint32_t>(maps.portItems.get()))
         take({false, ifIndex});
     for (uint32_t vid = 1; vid < GUARD_VLANS; vid++)
         take({true, vid});
@@ -150,10 +133,10 @@ int guard_config_set(const GuardPlace &place, const guard_items &items)
     if (!maps.open())
         return EOPNOTSUPP;
     if (place.isVlan)
-        return -bpf_map_update_elem(maps.vlanItems, &place.number, &items, BPF_ANY);
+        return -bpf_map_update_elem(maps.vlanItems.get(), &place.number, &items, BPF_ANY);
     if (any(items))
-        return -bpf_map_update_elem(maps.portItems, &place.number, &items, BPF_ANY);
-    const int error = -bpf_map_delete_elem(maps.portItems, &place.number);
+        return -bpf_map_update_elem(maps.portItems.get(), &place.number, &items, BPF_ANY);
+    const int error = -bpf_map_delete_elem(maps.portItems.get(), &place.number);
     return error == ENOENT ? 0 : error;
 }
 
@@ -194,9 +177,9 @@ std::map<uint32_t, GuardRefusals> guard_ports_refusals()
     if (!maps.open() || cpus <= 0)
         return ports;
     std::vector<guard_refused> each(static_cast<size_t>(cpus));
-    for (const uint32_t ifIndex : keys_of(maps.ports)) {
+    for (const uint32_t ifIndex : map_keys<uint32_t>(maps.ports.get())) {
         GuardRefusals &sum = ports[ifIndex] = {};
-        if (bpf_map_lookup_elem(maps.refused, &ifIndex, each.data()) != 0)
+        if (bpf_map_lookup_elem(maps.refused.get(), &ifIndex, each.data()) != 0)
             continue;
         for (const guard_refused &one : each)
             for (size_t reason = 0; reason < sum.size(); reason++)

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "guard_config.h"
+#include "guard.h"
 
 namespace platform_linux
 {

@@ -1,7 +1,7 @@
-// What the daemon is told of the guard's configuration: check items that changed on a port or VLAN, ARP
+// The guard's configuration as events for the daemon: check items that changed on a port or VLAN, ARP
 // inspection started and stopped. The messages are made of the configuration and of nothing else, whoever
-// announces that it has changed; what the daemon was told last is remembered, so that a start, a lost
-// announcement or a port that comes late need no case of their own.
+// announces that it has changed. The state that the daemon was told last is remembered, so that a start, a
+// lost announcement or a port that comes late need no case of their own.
 #pragma once
 
 #include <map>
@@ -11,6 +11,14 @@
 
 namespace platform_linux
 {
+
+// The types of those events.
+enum : uint16_t {
+    EVENT_ARP_START = 123,
+    EVENT_ARP_STOP = 124,
+    EVENT_IP_ITEMS = 198,
+    EVENT_ARP_ITEMS = 199,
+};
 
 // Check items that are to stand at an interface; a VLAN by its VLAN interface.
 struct GuardedInterface {
@@ -37,9 +45,5 @@ class GuardEvents
 
     GuardedInterfaces told_;
 };
-
-// A datagram of a sender other than the kernel: whether it announces a change of the configuration. Its
-// content counts for nothing else.
-bool is_guard_announcement(std::span<const uint8_t> datagram);
 
 } // namespace platform_linux

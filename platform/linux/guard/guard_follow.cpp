@@ -1,13 +1,12 @@
 // The daemon's own configuration of the guard: read from the maps, told in events, put in force when the
 // daemon has handled them.
-#include "guard_follow.h"
+#include "guard.h"
 
 #include <cstring>
 #include <set>
 #include <utility>
 
-#include "bindings.h"
-#include "guard_config.h"
+#include "classifier.h"
 #include "guard_events.h"
 #include "report.h"
 #include "platform.h"
@@ -94,8 +93,10 @@ bool daemon_serves(GuardFeature feature)
 void guard_follow(DaemonEvents &events)
 {
     std::string why;
-    if (guard_config_open(why))
-        follow_config(events);
+    if (!guard_config_open(why))
+        return;
+    follow_config(events);
+    guard_vlans_changed(); // a client switches off by itself
 }
 
 bool guard_follow_pending() { return due; }
@@ -124,6 +125,7 @@ void guard_follow_handled()
             platform_report(LOG_ERR, "the guard cannot be put in force on %s %u: %s",
                             place.isVlan ? "VLAN" : "interface", place.number, strerror(error));
     }
+    guard_vlans_changed();
     bindings_hold(Hold::checkItems, false); // no sooner: what was in force counts no binding that names less
 }
 

@@ -1,4 +1,4 @@
-// What kind of frame it is: the tags around its packet, and whether that is DHCP. Part of guard.bpf.c. IEEE
+// The kind of a frame: the tags around its packet, and whether the packet is DHCP. Part of guard.bpf.c. IEEE
 // 802.1Q, RFC 1042, RFC 791, RFC 8200, RFC 768; ports of RFC 2131 and RFC 8415; fragments as RFC 7610.
 #ifndef DHCPSNOOP_GUARD_FRAME_H
 #define DHCPSNOOP_GUARD_FRAME_H
@@ -32,11 +32,13 @@ enum {
     DHCP6_CLIENT = 546, // and 547 for servers
 };
 
-// What a frame has to do with DHCP.
+// How a frame is related to DHCP.
 enum {
     DHCP = 1,
     DHCP_TO_SERVER = 2, // to a server's port for certain: passes the guard where it is not trapped
     DHCP_ELSEWHERE = 4, // by its source port alone, to some other service: trapped it does not pass the guard
+    DHCP_UNCLEAR =
+        8, // its kind cannot be told, and some hosts take such a frame: passes no trap and no guard
 };
 
 static __always_inline bool load(const struct __sk_buff *skb, __u32 offset, void *to, __u32 size)
@@ -101,15 +103,18 @@ static __always_inline __u64 dhcp_ports(const struct __sk_buff *skb, __u32 udp, 
     return source == lower || source == lower + 1 ? DHCP | DHCP_ELSEWHERE : 0;
 }
 
-// A fragment counts when it is the first one: without it nobody puts the datagram together.
+// A fragment counts when it is the first one: without it nobody puts the datagram together. A client that
+// reads the frames itself need not look at version and header length; the kernel does.
 static __always_inline __u64 dhcp_v4(const struct __sk_buff *skb, __u32 ip)
 {
     OWN_WORDS __u8 header[10]; // up to the protocol
 
-    if (!load(skb, ip, header, sizeof header) || header[0] >> 4 != 4 || header[9] != IPPROTO_UDP)
+    if (!load(skb, ip, header, sizeof header))
         return 0;
     __u32 headerLength = (header[0] & 15) * 4;
-    if (headerLength < IPV4_HEADER || (((header[6] << 8) | header[7]) & IPV4_FRAGMENT_OFFSET))
+    if (header[0] >> 4 != 4 || headerLength < IPV4_HEADER)
+        return DHCP_UNCLEAR;
+    if (header[9] != IPPROTO_UDP || (((header[6] << 8) | header[7]) & IPV4_FRAGMENT_OFFSET))
         return 0;
     return dhcp_ports(skb, ip + headerLength, DHCP_SERVER, DHCP_SERVER);
 }
@@ -169,12 +174,27 @@ static __always_inline __u64 dhcp_v6(const struct __sk_buff *skb, __u32 ip)
 {
     OWN_WORDS __u8 header[8]; // up to the hop limit
 
-    if (!load(skb, ip, header, sizeof header) || header[0] >> 4 != 6)
+    if (!load(skb, ip, header, sizeof header))
         return 0;
+    if (header[0] >> 4 != 6)
+        return DHCP_UNCLEAR;
     __u32 payload = ip + IPV6_HEADER;
     struct chain chain = {skb, payload, payload + ((header[4] << 8) | header[5]), header[6], DHCP};
     bpf_loop(IPV6_HEADERS, walk_header, &chain, 0);
     return chain.dhcp;
+}
+
+// Linux takes no IP from SNAP frames on Ethernet. An access point sends them on as they are, and on the air
+// they are the usual form: its stations take them.
+static __always_inline __u64 dhcp_of(const struct __sk_buff *skb, struct network network)
+{
+    if (is_tag(network.type))
+        return DHCP_UNCLEAR;
+    if (network.type == ETH_P_ARP)
+        return 0;
+    if (network.snap)
+        return DHCP_UNCLEAR;
+    return network.type == ETH_P_IP ? dhcp_v4(skb, network.at) : dhcp_v6(skb, network.at);
 }
 
 #endif

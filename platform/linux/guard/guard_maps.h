@@ -1,28 +1,19 @@
-/* What guard.bpf.c shares with guard.cpp, frames.cpp and dhcpsnoopctl: the values of the pinned maps and what
- * stands before a trapped frame, in the host's byte order where nothing else is said. A change of the map
- * values takes a new GUARD_LAYOUT, so that a newer daemon never reads an older one's maps. The maps bear
- * their values' names and are pinned under them; each says who writes it. */
+/* What guard.bpf.c shares with guard.cpp, packet_socket.cpp and dhcpsnoopctl: the values of the pinned maps
+ * and what stands before a trapped frame, in the host's byte order where nothing else is said. A change of
+ * the map values takes a new GUARD_LAYOUT, so that a newer daemon never reads an older one's maps. The maps
+ * bear their values' names and are pinned under them; each says who writes it. */
 #ifndef DHCPSNOOP_GUARD_MAPS_H
 #define DHCPSNOOP_GUARD_MAPS_H
 
 #include <linux/types.h>
 
-#define GUARD_LAYOUT 2
+#define GUARD_LAYOUT 3
 #define GUARD_PORTS_MAX 4096
 #define GUARD_VLANS 4096
 
 /* Bits of `trap` and `inherited`: the families whose DHCP frames are held back. */
 #define GUARD_TRAP_V4 1
 #define GUARD_TRAP_V6 2
-
-/* Map guard_ports, by interface index: the ports on which the classifier stands. The daemon writes it. */
-struct guard_port {
-    __u16 native;       /* VLAN of untagged and priority-tagged frames; 0 = none */
-    __u8 trap;          /* set by the running daemon */
-    __u8 inherited;     /* set by an earlier one: counts until guard_state.inherited_until */
-    __u8 qdisc_is_ours; /* 1: the clsact queueing discipline was made for the guard */
-    __u8 reserved[3];
-};
 
 /* Map guard_vlans, by VLAN id. The daemon writes it. */
 struct guard_vlan {
@@ -34,13 +25,13 @@ struct guard_vlan {
 struct guard_state {
     __u64 inherited_until; /* of traps: nanoseconds of CLOCK_BOOTTIME */
     __u64 netns_cookie;    /* of the network namespace that the maps are about; 0 = new maps */
-    __u64 bindings_until;  /* of bindings that an earlier run installed: nanoseconds of CLOCK_BOOTTIME */
-    __u64 masks;           /* of all bindings: bit 16 * kind + mask / 16 when there is one like that */
+    __u64 rules_until;     /* of rules that an earlier run installed: nanoseconds of CLOCK_BOOTTIME */
+    __u64 masks;           /* of all rules: bit 16 * kind + mask / 16 when there is one like that */
     __u32 run;             /* of the daemon: 1, 2, ... as the maps were taken over */
     __u32 reserved;
 };
 
-/* Check items, the bits of a guard_items byte and of a binding's mask. */
+/* Check items, the bits of a guard_items byte and of a rule's mask. */
 #define GUARD_CHECK_ADDRESS 0x80
 #define GUARD_CHECK_MAC 0x40
 #define GUARD_CHECK_VLAN 0x20
@@ -59,14 +50,29 @@ struct guard_items {
                                    * them; 0 = none. The classifier goes by those above alone */
 };
 
-/* Kinds of bindings. */
+/* Map guard_ports, by interface index: the ports on which the classifier stands. The daemon writes it. */
+struct guard_port {
+    __u16 native;       /* VLAN of untagged and priority-tagged frames; 0 = none */
+    __u8 trap;          /* set by the running daemon */
+    __u8 inherited;     /* set by an earlier one: counts until guard_state.inherited_until */
+    __u8 qdisc_is_ours; /* 1: the clsact queueing discipline was made for the guard */
+    __u8 reserved[3];
+    /* All of its VLANs together, for a frame whose VLAN cannot be told. */
+    struct guard_vlan vlans;
+    struct guard_items vlan_items; /* in force */
+    /* The VLANs that it is a member of: bit VID % 64 of word VID / 64. Bit 0 of word 0: its frames are of no
+     * VLAN. */
+    __u64 members[GUARD_VLANS / 64];
+};
+
+/* Kinds of rules. */
 #define GUARD_IPV4 1 /* IP source guard */
 #define GUARD_IPV6 2
 #define GUARD_ARP 3 /* ARP inspection */
 
-/* Map guard_bindings: who may send. A frame passes when some binding agrees with it in all that its mask
+/* Map guard_rules: who may send. A frame passes when some rule agrees with it in all that the rule's mask
  * names; what it does not name is zero. The daemon writes it. */
-struct guard_binding_key {
+struct guard_rule_key {
     __u32 ifindex;
     __u16 vid;   /* the outermost tag's, or the port's native VLAN */
     __u8 kind;   /* GUARD_IPV4, ... */
@@ -76,18 +82,22 @@ struct guard_binding_key {
     __u8 addr[16]; /* network order, IPv4 in the first 4 */
 };
 
-struct guard_binding {
-    __u32 references; /* bindings of the daemon that come to this; an earlier run's: until which second of
-                       * CLOCK_BOOTTIME the next daemon takes it over */
-    __u32 run;        /* that installed it; an earlier one's counts until guard_state.bindings_until */
+struct guard_rule {
+    __u32 references;      /* bindings of the daemon that come to this */
+    __u32 run;             /* that installed it; an earlier one's counts until guard_state.rules_until */
+    __u32 inherited_until; /* an earlier run's: until which second of CLOCK_BOOTTIME the next daemon takes it
+                            * over; 0 = it has not been taken over yet */
 };
 
-/* Why a frame was refused. */
+/* Why a frame was refused: by the guard, the last two by the trap as well. */
 enum guard_reason {
-    GUARD_REFUSED_IPV4, /* no binding has its source */
+    GUARD_REFUSED_IPV4, /* no rule has its source */
     GUARD_REFUSED_IPV6,
-    GUARD_REFUSED_ARP,       /* no binding has its sender */
-    GUARD_REFUSED_MALFORMED, /* cut short, or no header that one could go by */
+    GUARD_REFUSED_ARP,       /* no rule has its sender */
+    GUARD_REFUSED_MALFORMED, /* cut short, or ARP for other protocols or media */
+    GUARD_REFUSED_UNCLEAR,   /* its kind cannot be told: a tag behind the last one looked at, a header that
+                              * contradicts its EtherType, IP in an IEEE 802.2 SNAP frame */
+    GUARD_REFUSED_VLAN,      /* its place cannot be told: the port is no member of its VLAN */
     GUARD_REASONS
 };
 

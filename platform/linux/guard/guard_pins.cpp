@@ -11,10 +11,10 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
-#include <utility>
 
 #include <linux/magic.h>
 
+#include "fd.h"
 #include "guard_maps.h"
 
 namespace platform_linux
@@ -27,7 +27,7 @@ constexpr char RUN_DIR[] = "/run/dhcpsnoop", PIN_ROOT[] = "/run/dhcpsnoop/bpf";
 
 constexpr int CLAIM_TRIES = 50; // a daemon that was just killed may be ending still
 constexpr useconds_t CLAIM_PAUSE_USEC = 20000;
-int claim = -1; // the directory, locked
+Fd claim; // the directory, locked
 
 bool is_bpffs(const char *path)
 {
@@ -40,17 +40,13 @@ bool is_bpffs(const char *path)
 bool namespace_own(Namespace &own)
 {
     struct stat inode;
-    const int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const Fd sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     socklen_t length = sizeof own.cookie;
-    const bool known = sock >= 0 &&
-                       getsockopt(sock, SOL_SOCKET, SO_NETNS_COOKIE, &own.cookie, &length) == 0 &&
+    const bool known = sock &&
+                       getsockopt(sock.get(), SOL_SOCKET, SO_NETNS_COOKIE, &own.cookie, &length) == 0 &&
                        stat("/proc/self/ns/net", &inode) == 0;
-    const int error = errno;
-    if (sock >= 0)
-        close(sock);
     if (known)
         own.inode = inode.st_ino;
-    errno = error;
     return known;
 }
 
@@ -91,13 +87,13 @@ bool pins_claim()
 {
     Namespace own;
     std::string why;
-    if (claim >= 0 || !namespace_own(own))
+    if (claim || !namespace_own(own))
         return true;
     const std::string directory = pins_directory(own, why);
-    claim = directory.empty() ? -1 : open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (int tries = 0; claim >= 0 && flock(claim, LOCK_EX | LOCK_NB) != 0; tries++) {
+    claim.reset(directory.empty() ? -1 : open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (int tries = 0; claim && flock(claim.get(), LOCK_EX | LOCK_NB) != 0; tries++) {
         if (tries == CLAIM_TRIES || errno != EWOULDBLOCK) {
-            close(std::exchange(claim, -1));
+            claim.reset();
             return false;
         }
         usleep(CLAIM_PAUSE_USEC);
@@ -107,9 +103,9 @@ bool pins_claim()
 
 void pins_claim_again()
 {
-    if (claim < 0)
+    if (!claim)
         return;
-    close(std::exchange(claim, -1));
+    claim.reset();
     pins_claim();
 }
 

@@ -10,8 +10,8 @@ namespace platform_linux
 {
 
 // The network namespace by its two names: the inode's number is used again when the namespace is gone, so
-// that what is left behind by namespaces stays bounded; the cookie is not, so that nobody takes it for his
-// own.
+// that the directories left behind by namespaces stay bounded; the cookie is not, so that nobody takes
+// another's maps for his own.
 struct Namespace {
     uint64_t inode = 0, cookie = 0;
 };

@@ -1,5 +1,5 @@
-// IP source guard and ARP inspection: which packets of a guarded port go on. Part of guard.bpf.c, after its
-// maps. RFC 791, RFC 8200, RFC 4861, RFC 826, RFC 5227.
+// IP source guard and ARP inspection: the packets of a guarded port that go on. Part of guard.bpf.c, after
+// its maps. RFC 791, RFC 8200, RFC 4861, RFC 826, RFC 5227.
 #ifndef DHCPSNOOP_GUARD_SOURCE_H
 #define DHCPSNOOP_GUARD_SOURCE_H
 
@@ -16,16 +16,16 @@ enum {
     MASKS_WITH_MAC = 0xF0F0, // of one kind's bits in guard_state.masks
 };
 
-// What a packet claims to be. In words of 8 bytes as OWN_WORDS.
+// The source that a packet claims. In words of 8 bytes as OWN_WORDS.
 struct source {
-    __u64 kind; // of the bindings that it needs: GUARD_IPV4, ...
-    __u64 mac;  // as the words of a guard_binding_key, and so the address
+    __u64 kind; // of the rules that it needs: GUARD_IPV4, ...
+    __u64 mac;  // as the words of a guard_rule_key, and so the address
     __u64 address[2];
-    __u64 without; // bindings that are out of the question, as one kind's bits in guard_state.masks
+    __u64 without; // rules that are out of the question, as one kind's bits in guard_state.masks
 };
 
-// What it needs: a binding that agrees with its source, or nothing; or a guard_reason to refuse it at once.
-enum { BINDING = GUARD_REASONS, NOTHING };
+// A packet needs a rule that agrees with its source, or nothing; or a guard_reason refuses it at once.
+enum { RULE = GUARD_REASONS, NOTHING };
 
 static __always_inline __u32 need_of_v4(const struct __sk_buff *skb, __u32 ip, struct source *source)
 {
@@ -33,12 +33,11 @@ static __always_inline __u32 need_of_v4(const struct __sk_buff *skb, __u32 ip, s
 
     if (!load(skb, ip, header, sizeof header))
         return GUARD_REFUSED_MALFORMED;
-    __u32 length = (header[0] & 15) * 4;
-    if (header[0] >> 4 != 4 || length < IPV4_HEADER || ip + length > skb->len)
+    if (ip + (header[0] & 15) * 4 > skb->len)
         return GUARD_REFUSED_MALFORMED;
     source->kind = GUARD_IPV4;
     load(skb, ip + 12, source->address, 4);
-    return BINDING;
+    return RULE;
 }
 
 static __always_inline __u32 need_of_v6(const struct __sk_buff *skb, __u32 ip, struct source *source)
@@ -46,7 +45,7 @@ static __always_inline __u32 need_of_v6(const struct __sk_buff *skb, __u32 ip, s
     OWN_WORDS __u8 header[IPV6_HEADER];
     OWN_WORDS __u8 type;
 
-    if (!load(skb, ip, header, sizeof header) || header[0] >> 4 != 6)
+    if (!load(skb, ip, header, sizeof header))
         return GUARD_REFUSED_MALFORMED;
     source->kind = GUARD_IPV6;
     load(skb, ip + 8, source->address, sizeof source->address);
@@ -57,10 +56,10 @@ static __always_inline __u32 need_of_v6(const struct __sk_buff *skb, __u32 ip, s
     if (header[6] == IPPROTO_ICMPV6 && header[7] == ND_HOP_LIMIT &&
         load(skb, ip + IPV6_HEADER, &type, sizeof type) && type >= ND_FIRST && type <= ND_LAST)
         return NOTHING;
-    return BINDING;
+    return RULE;
 }
 
-// A binding that names the MAC wants it as the Ethernet source too.
+// A rule that names the MAC wants it as the Ethernet source too.
 static __always_inline __u32 need_of_arp(const struct __sk_buff *skb, __u32 arp, struct source *source)
 {
     __u64 sender = 0;
@@ -77,11 +76,11 @@ static __always_inline __u32 need_of_arp(const struct __sk_buff *skb, __u32 arp,
         source->without = MASKS_WITH_MAC;
     if (head[3] == bpf_htons(ARP_REQUEST) && !source->address[0]) // a probe
         return NOTHING;
-    return BINDING;
+    return RULE;
 }
 
-// The first word of a guard_binding_key.
-static __always_inline __u64 place(__u64 ifindex, __u64 vid, __u64 kind, __u64 mask)
+// The first word of a guard_rule_key.
+static __always_inline __u64 first_word(__u64 ifindex, __u64 vid, __u64 kind, __u64 mask)
 {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
     return ifindex | vid << 32 | kind << 48 | mask << 56;
@@ -90,7 +89,7 @@ static __always_inline __u64 place(__u64 ifindex, __u64 vid, __u64 kind, __u64 m
 #endif
 }
 
-// The search for a binding that agrees with a source, in words of 8 bytes too.
+// The search for a rule that agrees with a source, in words of 8 bytes too.
 struct search {
     const struct source *source;
     const struct guard_state *state;
@@ -99,7 +98,7 @@ struct search {
     __u64 found;
 };
 
-// The bindings of one mask; 1 ends the search.
+// The rules of one mask; 1 ends the search.
 static long try_mask(__u32 index, void *context)
 {
     struct search *search = context;
@@ -110,16 +109,16 @@ static long try_mask(__u32 index, void *context)
     search->masks = search->masks << 1 & 0xFFFF;
     if (used) {
         __u64 key[4] = {
-            place(mask & GUARD_CHECK_PORT ? search->ifindex : 0, mask & GUARD_CHECK_VLAN ? search->vid : 0,
-                  source->kind, mask),
+            first_word(mask & GUARD_CHECK_PORT ? search->ifindex : 0,
+                       mask & GUARD_CHECK_VLAN ? search->vid : 0, source->kind, mask),
             mask & GUARD_CHECK_MAC ? source->mac : 0,
             mask & GUARD_CHECK_ADDRESS ? source->address[0] : 0,
             mask & GUARD_CHECK_ADDRESS ? source->address[1] : 0,
         };
-        _Static_assert(sizeof key == sizeof(struct guard_binding_key), "");
-        const struct guard_binding *binding = bpf_map_lookup_elem(&guard_bindings, key);
-        search->found = binding && (binding->run == search->state->run ||
-                                    bpf_ktime_get_boot_ns() < search->state->bindings_until);
+        _Static_assert(sizeof key == sizeof(struct guard_rule_key), "");
+        const struct guard_rule *rule = bpf_map_lookup_elem(&guard_rules, key);
+        search->found =
+            rule && (rule->run == search->state->run || bpf_ktime_get_boot_ns() < search->state->rules_until);
     }
     return search->found || !search->masks;
 }
@@ -140,9 +139,9 @@ static __always_inline __u64 masks_with(__u32 items)
     return masks;
 }
 
-// One look-up for each mask that some binding has, the fullest first; as a rule there is one. A binding that
-// names less than is checked here is of a place that checks less, and does not count.
-static __always_inline bool is_bound(const struct source *source, __u32 ifindex, __u32 vid, __u32 items)
+// One look-up for each mask that some rule has, the fullest first; usually there is one. A rule that names
+// less than is checked here is of a place that checks less, and does not count.
+static __always_inline bool is_ruled(const struct source *source, __u32 ifindex, __u32 vid, __u32 items)
 {
     __u32 zero = 0;
     const struct guard_state *state = bpf_map_lookup_elem(&guard_state, &zero);
@@ -163,10 +162,10 @@ static __always_inline __u32 word_of(struct guard_items items)
     return word;
 }
 
-// What is checked here, of the features whose items are not 0 in `wanted`; 0 = nothing.
-static __always_inline __u32 items_checked(__u32 ifindex, __u32 vid, __u32 wanted)
+// The items checked at a place, of the features whose items are not 0 in `wanted`; 0 = nothing is checked.
+static __always_inline __u32 items_checked(const struct place *place, __u32 wanted)
 {
-    const struct guard_items *port = bpf_map_lookup_elem(&guard_port_items, &ifindex);
+    const struct guard_items *port = bpf_map_lookup_elem(&guard_port_items, &place->ifindex);
     __u32 exempt = 0, items = 0;
 
     if (port) {
@@ -174,52 +173,58 @@ static __always_inline __u32 items_checked(__u32 ifindex, __u32 vid, __u32 wante
         exempt = word_of(*port) & word_of((struct guard_items){.ip = GUARD_EXEMPT, .arp = GUARD_EXEMPT});
     }
     if (!items) {
-        const struct guard_items *vlan = bpf_map_lookup_elem(&guard_vlan_items, &vid);
+        const struct guard_items *vlan = &place->port->vlan_items;
+        if (place->known)
+            vlan = bpf_map_lookup_elem(&guard_vlan_items, &place->vid);
         if (vlan)
             items = word_of(*vlan) & wanted & ~(exempt * 0xFF); // each byte's bit, all over the byte
     }
     return items | items >> 8 | items >> 16 | items >> 24; // whichever byte they stand in
 }
 
-// May the packet go on? One that may not is counted.
-static __always_inline bool may_pass(const struct __sk_buff *skb, struct network network, __u32 vid)
+// The features that look at a frame, for items_checked.
+static __always_inline __u32 features_of(struct network network, __u64 dhcp)
 {
-    __u32 ifindex = skb->ifindex, need;
-    struct source source = {};
-
-    // Behind too many tags there could be either.
-    __u32 wanted = word_of((struct guard_items){.ip = GUARD_CHECK_ALL, .arp = GUARD_CHECK_ALL});
+    if (dhcp & DHCP_UNCLEAR) // it may hold either
+        return word_of((struct guard_items){.ip = GUARD_CHECK_ALL, .arp = GUARD_CHECK_ALL});
     if (network.type == ETH_P_ARP)
-        wanted = word_of((struct guard_items){.arp = GUARD_CHECK_ALL});
-    else if (!is_tag(network.type))
-        wanted = word_of((struct guard_items){.ip = GUARD_CHECK_ALL});
-    __u32 items = items_checked(ifindex, vid, wanted);
+        return word_of((struct guard_items){.arp = GUARD_CHECK_ALL});
+    return word_of((struct guard_items){.ip = GUARD_CHECK_ALL});
+}
+
+// Why a packet must not go on; GUARD_REASONS when it may. Its kind and its place can be told.
+static __always_inline __u32 refused_source(const struct __sk_buff *skb, struct network network,
+                                            const struct place *place)
+{
+    __u32 need;
+    struct source source = {};
+    __u32 items = items_checked(place, features_of(network, 0));
+
     if (!items)
-        return true;
+        return GUARD_REASONS;
     load(skb, ETH_ALEN, &source.mac, ETH_ALEN);
-    if (network.snap) // no client of ours sends so, and some hosts take it
-        need = GUARD_REFUSED_MALFORMED;
-    else if (network.type == ETH_P_IP)
+    if (network.type == ETH_P_IP)
         need = need_of_v4(skb, network.at, &source);
     else if (network.type == ETH_P_IPV6)
         need = need_of_v6(skb, network.at, &source);
-    else if (network.type == ETH_P_ARP)
-        need = need_of_arp(skb, network.at, &source);
-    else
+    else if (network.snap) // no client of ours sends so, and some hosts take it
         need = GUARD_REFUSED_MALFORMED;
-    if (need == NOTHING)
-        return true;
-    if (need == BINDING) {
-        if (is_bound(&source, ifindex, vid, items))
-            return true;
-        need = (__u32)source.kind - GUARD_IPV4 + GUARD_REFUSED_IPV4;
-    }
+    else
+        need = need_of_arp(skb, network.at, &source);
+    if (need == NOTHING || (need == RULE && is_ruled(&source, place->ifindex, place->vid, items)))
+        return GUARD_REASONS;
+    return need == RULE ? (__u32)source.kind - GUARD_IPV4 + GUARD_REFUSED_IPV4 : need;
+}
+
+static __always_inline int refuse(__u32 ifindex, __u32 why)
+{
     struct guard_refused *refused = bpf_map_lookup_elem(&guard_refused, &ifindex);
+
     if (refused) { // no index that varies: without CAP_PERFMON the kernel lets nobody compute such an address
         for (__u32 reason = 0; reason < GUARD_REASONS; reason++)
-            refused->frames[reason] += need == reason;
+            refused->frames[reason] += why == reason;
     }
-    return false;
+    return TC_ACT_SHOT;
 }
 
 #endif

@@ -1,13 +1,13 @@
-// Keeps the classifier on every port that receives for itself, with that port's native VLAN, and turns the
+// Keeps the classifier on every port that receives for itself, with that port's VLANs, and turns the
 // daemon's trap rules into those of the guard: a port's own, or a VLAN interface's VLAN.
-#include "trap.h"
+#include "guard.h"
 
 #include <cerrno>
 #include <cstring>
 #include <map>
 
 #include "bindings.h"
-#include "guard.h"
+#include "classifier.h"
 #include "report.h"
 #include "model.h"
 
@@ -34,7 +34,9 @@ void follow(const Port &port)
         return;
     }
     bindings_resume(port);
-    const int error = guard_port_add(port.ifIndex, port.nativeVid);
+    PortVlans members = port.members;
+    members[0] = port.routed;
+    const int error = guard_port_add(port.ifIndex, port.nativeVid, members);
     if (error != 0 && error != ENODEV) // the kernel says next that it has gone
         platform_report(LOG_ERR, "%s: no DHCP trap can be had on it: %s", port.name, strerror(error));
     const auto rule = rules.find(port.ifIndex);
@@ -77,6 +79,7 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
         return;
     }
     if (change == ModelChange::appeared || before == nullptr || port.nativeVid != before->nativeVid ||
+        port.members != before->members || port.routed != before->routed ||
         port.aggregate != before->aggregate || port.up != before->up)
         follow(port);
     if (change == ModelChange::appeared && port.kind == PortKind::vlanInterface)
@@ -104,6 +107,7 @@ int32_t trap_start(uint32_t bindings)
         follow(port);
     guard_ports_complete();
     model_watch(model_changed);
+    model_watch_gone(guard_device_gone);
     bindings_start(bindings);
     return 0;
 }

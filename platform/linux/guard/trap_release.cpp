@@ -1,16 +1,15 @@
-// Takes everything out of the kernel again (trap.h), with or without a daemon's pinned maps at hand.
-#include "trap.h"
+// Takes everything out of the kernel again (guard.h), with or without a daemon's pinned maps at hand.
+#include "guard.h"
 
 #include <cerrno>
 #include <cstring>
 #include <net/if.h>
-#include <unistd.h>
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 
+#include "fd.h"
 #include "guard_filter.h"
-#include "guard_maps.h"
 #include "guard_pins.h"
 
 namespace platform_linux
@@ -25,10 +24,10 @@ bool trap_release(std::string &report)
     };
     libbpf_set_print(nullptr);
     const std::vector<std::string> directories = pins_all();
-    int ports = -1;
+    Fd ports;
     for (const std::string &directory : directories) {
-        if (ports < 0)
-            ports = bpf_obj_get((directory + "/guard_ports").c_str());
+        if (!ports)
+            ports.reset(bpf_obj_get((directory + "/guard_ports").c_str()));
     }
     for (const uint32_t ifIndex : device_indexes()) {
         char name[IF_NAMESIZE] = "";
@@ -42,12 +41,10 @@ bool trap_release(std::string &report)
         }
         if (!filters.ours)
             continue;
-        if (ports >= 0)
-            bpf_map_lookup_elem(ports, &ifIndex, &port);
+        if (ports)
+            bpf_map_lookup_elem(ports.get(), &ifIndex, &port);
         say(std::string(name) + ": classifier", filter_detach(ifIndex, port.qdisc_is_ours != 0));
     }
-    if (ports >= 0)
-        close(ports);
     for (const std::string &directory : directories)
         say(directory, pins_remove(directory));
     return complete;

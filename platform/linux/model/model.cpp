@@ -153,6 +153,10 @@ void SwitchModel::refresh()
     for (const Change &change : changes)
         for (const ModelWatcher watcher : watchers_)
             watcher(change.what, change.port, change.before ? &*change.before : nullptr);
+    for (const uint32_t ifIndex : changed)
+        for (const GoneWatcher watcher : goneWatchers_)
+            if (!links.contains(ifIndex))
+                watcher(ifIndex);
 }
 
 bool SwitchModel::feed(std::span<const uint8_t> datagram, DaemonEvents &events)
@@ -193,5 +197,7 @@ uint32_t model_system() { return theModel.conf() ? theModel.conf()->system : 1; 
 DhcpsnoopRole model_role() { return theModel.conf() ? theModel.conf()->role : DHCPSNOOP_ROLE_NONE; }
 
 void model_watch(ModelWatcher watcher) { theModel.watch(watcher); }
+
+void model_watch_gone(GoneWatcher watcher) { theModel.watch_gone(watcher); }
 
 } // namespace platform_linux

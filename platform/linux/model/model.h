@@ -84,4 +84,8 @@ enum class ModelChange : uint8_t {
 using ModelWatcher = void (*)(ModelChange change, const Port &port, const Port *before);
 void model_watch(ModelWatcher watcher);
 
+// Called after the model has changed, for each device that is gone from this network namespace, port or not.
+using GoneWatcher = void (*)(uint32_t ifIndex);
+void model_watch_gone(GoneWatcher watcher);
+
 } // namespace platform_linux

@@ -24,6 +24,7 @@ class SwitchModel
     void dump_end(bool complete, DaemonEvents &events);
 
     void watch(ModelWatcher watcher) { watchers_.push_back(watcher); }
+    void watch_gone(GoneWatcher watcher) { goneWatchers_.push_back(watcher); }
 
     const std::map<uint32_t, Port> &ports() const { return ports_; }
     uint32_t vlan_interface(uint16_t vid) const
@@ -45,6 +46,7 @@ class SwitchModel
     std::map<uint32_t, Port> ports_;
     std::array<uint32_t, 4096> vlanInterfaces_{};
     std::vector<ModelWatcher> watchers_;
+    std::vector<GoneWatcher> goneWatchers_;
 };
 
 // The daemon's.

@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <thread>
 
-#include "bindings.h"
+#include "guard.h"
 #include "management.h"
 #include "model.h"
 #include "report.h"

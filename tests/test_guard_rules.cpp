@@ -10,8 +10,8 @@
 
 #include <bpf/bpf.h>
 
+#include "classifier.h"
 #include "guard.h"
-#include "guard_config.h"
 #include "guard_pins.h"
 
 using namespace platform_linux;
@@ -22,9 +22,9 @@ namespace
 constexpr uint8_t ADDRESS = GUARD_CHECK_ADDRESS, MAC = GUARD_CHECK_MAC, VLAN = GUARD_CHECK_VLAN, PORT = GUARD_CHECK_PORT;
 
 // Numbers in place of addresses: 0 = not an item of it.
-guard_binding_key key_of(uint8_t address, uint8_t mac, uint8_t vid, uint8_t port, uint8_t kind = GUARD_IPV4)
+guard_rule_key key_of(uint8_t address, uint8_t mac, uint8_t vid, uint8_t port, uint8_t kind = GUARD_IPV4)
 {
-    guard_binding_key key = {};
+    guard_rule_key key = {};
     key.kind = kind;
     key.mask = static_cast<uint8_t>((address ? ADDRESS : 0) | (mac ? MAC : 0) | (vid ? VLAN : 0) | (port ? PORT : 0));
     key.addr[3] = address;
@@ -34,7 +34,7 @@ guard_binding_key key_of(uint8_t address, uint8_t mac, uint8_t vid, uint8_t port
     return key;
 }
 
-class GuardBindings : public NetnsTest
+class GuardRules : public NetnsTest
 {
   protected:
     void SetUp() override
@@ -81,38 +81,38 @@ class GuardBindings : public NetnsTest
     }
 
     // Does the classifier let it pass: installed by this run, or inherited?
-    static bool counts(const guard_binding_key &key)
+    static bool counts(const guard_rule_key &key)
     {
-        const int fd = map("guard_bindings");
-        guard_binding binding = {};
-        const bool found = bpf_map_lookup_elem(fd, &key, &binding) == 0;
+        const int fd = map("guard_rules");
+        guard_rule rule = {};
+        const bool found = bpf_map_lookup_elem(fd, &key, &rule) == 0;
         close(fd);
         EXPECT_TRUE(!found || (state().masks >> (16 * key.kind + key.mask / 16) & 1)) << "nobody would look for it";
-        return found && (binding.run == state().run || state().bindings_until != 0);
+        return found && (rule.run == state().run || state().rules_until != 0);
     }
 };
 
-TEST_F(GuardBindings, CountTheirReferences)
+TEST_F(GuardRules, CountTheirReferences)
 {
-    const guard_binding_key key = key_of(0, 0, 0, 3);
-    EXPECT_EQ(guard_binding_remove(key), ENOENT);
-    EXPECT_EQ(guard_binding_add(key), 0);
-    EXPECT_EQ(guard_binding_add(key), 0);
-    EXPECT_EQ(guard_binding_remove(key), 0);
+    const guard_rule_key key = key_of(0, 0, 0, 3);
+    EXPECT_EQ(guard_rule_remove(key), ENOENT);
+    EXPECT_EQ(guard_rule_add(key), 0);
+    EXPECT_EQ(guard_rule_add(key), 0);
+    EXPECT_EQ(guard_rule_remove(key), 0);
     EXPECT_TRUE(counts(key));
-    EXPECT_EQ(guard_binding_remove(key), 0);
+    EXPECT_EQ(guard_rule_remove(key), 0);
     EXPECT_FALSE(counts(key));
     EXPECT_EQ(state().masks, 0u);
-    EXPECT_EQ(guard_binding_remove(key), ENOENT);
-    EXPECT_EQ(guard_binding_add(key_of(0, 0, 0, 0)), EINVAL) << "it would let everybody pass";
+    EXPECT_EQ(guard_rule_remove(key), ENOENT);
+    EXPECT_EQ(guard_rule_add(key_of(0, 0, 0, 0)), EINVAL) << "it would let everybody pass";
 }
 
-TEST_F(GuardBindings, EndWhenTheNextRunSaysOtherwise)
+TEST_F(GuardRules, EndWhenTheNextRunSaysOtherwise)
 {
-    const guard_binding_key old = key_of(5, 1, 10, 3);
+    const guard_rule_key old = key_of(5, 1, 10, 3);
     const struct {
         const char *claim;
-        guard_binding_key old, fresh;
+        guard_rule_key old, fresh;
         bool stays;
     } rows[] = {
         {"the same binding", old, old, true},
@@ -131,26 +131,26 @@ TEST_F(GuardBindings, EndWhenTheNextRunSaysOtherwise)
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.claim);
-        ASSERT_EQ(guard_binding_add(row.old), 0);
+        ASSERT_EQ(guard_rule_add(row.old), 0);
         EXPECT_NE(restart().find("1 binding rules of an earlier run count for 24 h"), std::string::npos);
         EXPECT_TRUE(counts(row.old));
-        ASSERT_EQ(guard_binding_add(row.fresh), 0);
+        ASSERT_EQ(guard_rule_add(row.fresh), 0);
         EXPECT_TRUE(counts(row.fresh));
         EXPECT_EQ(counts(row.old), row.stays);
-        EXPECT_EQ(guard_binding_remove(row.fresh), 0);
-        EXPECT_EQ(guard_binding_add(row.old), 0);
-        EXPECT_EQ(guard_binding_remove(row.old), 0) << "this run's own now";
+        EXPECT_EQ(guard_rule_remove(row.fresh), 0);
+        EXPECT_EQ(guard_rule_add(row.old), 0);
+        EXPECT_EQ(guard_rule_remove(row.old), 0) << "this run's own now";
         EXPECT_FALSE(counts(row.old));
         EXPECT_EQ(state().masks, 0u);
     }
 }
 
-TEST_F(GuardBindings, OfARunBeforeEndWithTheirTime)
+TEST_F(GuardRules, OfARunBeforeEndWithTheirTime)
 {
-    ASSERT_EQ(guard_binding_add(key_of(5, 1, 10, 3)), 0);
+    ASSERT_EQ(guard_rule_add(key_of(5, 1, 10, 3)), 0);
     restart();
     guard_state over = state();
-    over.bindings_until = 1;
+    over.rules_until = 1;
     const uint32_t zero = 0;
     const int fd = map("guard_state");
     ASSERT_EQ(bpf_map_update_elem(fd, &zero, &over, BPF_ANY), 0);
@@ -160,42 +160,42 @@ TEST_F(GuardBindings, OfARunBeforeEndWithTheirTime)
 }
 
 // However often the daemon is started: one that nobody installs again does not get its time anew.
-TEST_F(GuardBindings, OfARunBeforeHaveTheirTimeOnce)
+TEST_F(GuardRules, OfARunBeforeHaveTheirTimeOnce)
 {
-    const guard_binding_key ending = key_of(5, 1, 10, 3), fresh = key_of(6, 2, 10, 3);
-    ASSERT_EQ(guard_binding_add(ending), 0);
+    const guard_rule_key ending = key_of(5, 1, 10, 3), fresh = key_of(6, 2, 10, 3);
+    ASSERT_EQ(guard_rule_add(ending), 0);
     restart();
     EXPECT_NE(restart(), "");
     EXPECT_TRUE(counts(ending));
-    const int fd = map("guard_bindings");
-    guard_binding binding = {};
-    ASSERT_EQ(bpf_map_lookup_elem(fd, &ending, &binding), 0);
-    binding.references -= GUARD_INHERIT_BINDINGS_SECONDS + 1; // as if so much had gone by
-    ASSERT_EQ(bpf_map_update_elem(fd, &ending, &binding, BPF_ANY), 0);
+    const int fd = map("guard_rules");
+    guard_rule rule = {};
+    ASSERT_EQ(bpf_map_lookup_elem(fd, &ending, &rule), 0);
+    rule.inherited_until -= GUARD_INHERIT_RULES_SECONDS + 1; // as if so much had gone by
+    ASSERT_EQ(bpf_map_update_elem(fd, &ending, &rule, BPF_ANY), 0);
     close(fd);
-    ASSERT_EQ(guard_binding_add(fresh), 0);
+    ASSERT_EQ(guard_rule_add(fresh), 0);
     restart();
     EXPECT_FALSE(counts(ending));
     EXPECT_TRUE(counts(fresh));
 }
 
-TEST_F(GuardBindings, HaveTheRoomTheyWereGiven)
+TEST_F(GuardRules, HaveTheRoomTheyWereGiven)
 {
     for (uint8_t host = 1; host <= 4; host++)
-        ASSERT_EQ(guard_binding_add(key_of(host, host, 10, 3)), 0);
-    EXPECT_EQ(guard_binding_add(key_of(5, 5, 10, 3)), ENOSPC);
+        ASSERT_EQ(guard_rule_add(key_of(host, host, 10, 3)), 0);
+    EXPECT_EQ(guard_rule_add(key_of(5, 5, 10, 3)), ENOSPC);
     EXPECT_FALSE(counts(key_of(5, 5, 10, 3)));
     restart();
-    EXPECT_EQ(guard_binding_add(key_of(5, 5, 10, 3)), 0) << "an inherited one makes way";
+    EXPECT_EQ(guard_rule_add(key_of(5, 5, 10, 3)), 0) << "an inherited one makes way";
     EXPECT_NE(restart(6).find("4 binding rules"), std::string::npos) << "they move into more room";
     for (const uint8_t host : {uint8_t{6}, uint8_t{7}})
-        EXPECT_EQ(guard_binding_add(key_of(host, host, 10, 3)), 0);
+        EXPECT_EQ(guard_rule_add(key_of(host, host, 10, 3)), 0);
     EXPECT_TRUE(counts(key_of(5, 5, 10, 3)));
     restart(2);
     EXPECT_TRUE(counts(key_of(7, 7, 10, 3))) << "and never into less";
 }
 
-TEST_F(GuardBindings, AreOneDaemons)
+TEST_F(GuardRules, AreOneDaemons)
 {
     ASSERT_EQ(pins_all().size(), 1u);
     const int other = open(pins_all()[0].c_str(), O_RDONLY);
@@ -209,20 +209,20 @@ TEST_F(GuardBindings, AreOneDaemons)
 }
 
 // The check items of a port are its device's: they survive the port, not the device.
-TEST_F(GuardBindings, CheckItemsAreTheDevices)
+TEST_F(GuardRules, CheckItemsAreTheDevices)
 {
     const uint32_t port = index("p1");
     std::string why;
-    ASSERT_EQ(guard_port_add(port, 1), 0);
+    ASSERT_EQ(guard_port_add(port, 1, PortVlans(6)), 0);
     ASSERT_TRUE(guard_config_open(why)) << why;
     guard_items items = {};
     items.ip = ADDRESS;
     ASSERT_EQ(guard_config_set({false, port}, items), 0);
     guard_port_remove(port);
-    ASSERT_EQ(guard_port_add(port, 1), 0);
+    ASSERT_EQ(guard_port_add(port, 1, PortVlans(6)), 0);
     EXPECT_EQ(guard_config_get({false, port}).ip, ADDRESS) << "no port for a while";
     restart();
-    ASSERT_EQ(guard_port_add(port, 1), 0);
+    ASSERT_EQ(guard_port_add(port, 1, PortVlans(6)), 0);
     guard_ports_complete();
     EXPECT_EQ(guard_config_get({false, port}).ip, ADDRESS) << "another daemon";
     EXPECT_EQ(guard_ports_refusals().count(port), 1u);
@@ -230,7 +230,7 @@ TEST_F(GuardBindings, CheckItemsAreTheDevices)
     guard_close();
     run(again);
     restart();
-    ASSERT_EQ(guard_port_add(port, 1), 0);
+    ASSERT_EQ(guard_port_add(port, 1, PortVlans(6)), 0);
     EXPECT_EQ(guard_config_get({false, port}).ip, 0) << "another device of that number";
     ASSERT_EQ(guard_config_set({false, port}, items), 0);
     run("ip link del p1");

@@ -1,0 +1,459 @@
+// Loads guard.bpf.c, keeps it on the ports and writes its maps (classifier.h). Calls take the kernel 4 to 300
+// microseconds and are made when ports or settings change, never per frame.
+#include "classifier.h"
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <net/if.h>
+#include <set>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+
+#include "fd.h"
+#include "guard_filter.h"
+#include "guard_maps.h"
+#include "guard_object.h"
+#include "guard_pins.h"
+#include "guard_rules.h"
+#include "map_keys.h"
+
+namespace platform_linux
+{
+namespace
+{
+
+constexpr uint16_t VLAN_MAX = 4094;
+
+struct Guard {
+    bpf_object *object = nullptr; // null: closed, or no eBPF here
+    int program = -1, ports = -1, vlans = -1, state = -1, portItems = -1, vlanItems = -1, rules = -1,
+        refused = -1;
+    std::set<uint32_t>
+        known; // ports, with entries in the maps; the classifier stands on them but for failures
+    std::set<uint32_t> parted; // devices that were ports in this run and are still there
+} guard;
+
+char libbpfSaid[256]; // the first complaint since it was last cleared
+
+__attribute__((format(printf, 2, 0))) int keep_first_warning(libbpf_print_level level, const char *format,
+                                                             va_list args)
+{
+    if (level == LIBBPF_WARN && libbpfSaid[0] == '\0') {
+        vsnprintf(libbpfSaid, sizeof libbpfSaid, format, args);
+        libbpfSaid[strcspn(libbpfSaid, "\n")] = '\0';
+    }
+    return 0;
+}
+
+std::string refusal(const char *what, int error)
+{
+    std::string text = std::string(what) + ": " + strerror(error);
+    if (error == EPERM)
+        text += " (it takes CAP_BPF, CAP_NET_ADMIN and CAP_NET_RAW in the initial user namespace)";
+    else if (libbpfSaid[0] != '\0')
+        text += std::string(" (") + libbpfSaid + ")";
+    return text;
+}
+
+// Trapped frames take their way through it.
+int loopback_up()
+{
+    const Fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq request = {};
+    if (!sock || if_indextoname(GUARD_LOOPBACK, request.ifr_name) == nullptr ||
+        ioctl(sock.get(), SIOCGIFFLAGS, &request) != 0)
+        return errno;
+    if (request.ifr_flags & IFF_UP)
+        return 0;
+    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+    return ioctl(sock.get(), SIOCSIFFLAGS, &request) != 0 ? errno : 0;
+}
+
+guard_state state_read()
+{
+    const uint32_t zero = 0;
+    guard_state state = {};
+    bpf_map_lookup_elem(guard.state, &zero, &state);
+    return state;
+}
+
+// All elements of an array map by VLAN id.
+template <typename Value> std::vector<Value> by_vlan(int map)
+{
+    std::vector<Value> values(GUARD_VLANS);
+    std::vector<uint32_t> keys(GUARD_VLANS);
+    uint32_t next = 0, count = GUARD_VLANS;
+    bpf_map_lookup_batch(map, nullptr, &next, keys.data(), values.data(), &count, nullptr);
+    return values;
+}
+
+// A trap of an earlier run goes on for a while, until this run's configuration has set it again. Neither
+// letting it go at once would do (every restart opens a gap for rogue servers) nor keeping it for good (a
+// daemon without configuration would cut off DHCP). The kernel looks at the clock, so it ends even if this
+// run hangs. Gives the number of ports and VLANs concerned.
+uint32_t inherit_traps(guard_state state, uint64_t netnsCookie)
+{
+    const uint32_t zero = 0;
+    const uint64_t now = guard_clock();
+    const bool stillInherited = now < state.inherited_until;
+    state.inherited_until = now + uint64_t{GUARD_INHERIT_SECONDS} * 1000000000u;
+    state.netns_cookie = netnsCookie;
+    bpf_map_update_elem(guard.state, &zero, &state, BPF_ANY);
+
+    uint32_t count = 0;
+    const auto inherit = [&count, stillInherited](uint8_t &trap, uint8_t &inherited) {
+        inherited = static_cast<uint8_t>((stillInherited ? inherited : 0) | trap);
+        trap = 0;
+        count += inherited != 0;
+    };
+    for (const uint32_t ifIndex : map_keys<uint32_t>(guard.ports)) {
+        guard_port port = {};
+        bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
+        inherit(port.trap, port.inherited);
+        bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
+    }
+    uint32_t vid = 0;
+    for (guard_vlan &vlan : by_vlan<guard_vlan>(guard.vlans)) {
+        if ((vlan.trap | vlan.inherited) != 0) {
+            inherit(vlan.trap, vlan.inherited);
+            bpf_map_update_elem(guard.vlans, &vid, &vlan, BPF_EXIST);
+        }
+        vid++;
+    }
+    return count;
+}
+
+struct Vlans {
+    std::vector<guard_vlan> traps = by_vlan<guard_vlan>(guard.vlans);
+    std::vector<guard_items> items = by_vlan<guard_items>(guard.vlanItems);
+};
+
+// The traps and the check items in force of all the port's VLANs together.
+void gather_vlans(guard_port &port, const Vlans &vlans)
+{
+    port.vlans = {};
+    port.vlan_items = {};
+    for (size_t word = 0; word < std::size(port.members); word++) {
+        for (uint64_t left = port.members[word]; left != 0; left &= left - 1) {
+            const size_t vid = word * 64 + static_cast<size_t>(std::countr_zero(left));
+            port.vlans.trap |= vlans.traps[vid].trap;
+            port.vlans.inherited |= vlans.traps[vid].inherited;
+            port.vlan_items.ip |= vlans.items[vid].ip;
+            port.vlan_items.arp |= vlans.items[vid].arp;
+        }
+    }
+}
+
+bool is_there(uint32_t ifIndex)
+{
+    char name[IF_NAMESIZE];
+    return if_indextoname(ifIndex, name) != nullptr;
+}
+
+void forget_port(uint32_t ifIndex)
+{
+    guard_port port = {};
+    bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
+    filter_detach(ifIndex, port.qdisc_is_ours != 0);
+    bpf_map_delete_elem(guard.ports, &ifIndex);
+    bpf_map_delete_elem(guard.refused, &ifIndex);
+    guard.known.erase(ifIndex);
+    if (is_there(ifIndex))
+        guard.parted.insert(ifIndex);
+    else
+        guard_device_gone(ifIndex);
+}
+
+int count_from_zero(uint32_t ifIndex)
+{
+    const std::vector<guard_refused> zero(static_cast<size_t>(libbpf_num_possible_cpus()));
+    const int error = -bpf_map_update_elem(guard.refused, &ifIndex, zero.data(), BPF_NOEXIST);
+    return error == EEXIST ? 0 : error;
+}
+
+// Attaches the classifier to a port whose entry is `port`.
+int attach(uint32_t ifIndex, guard_port &port)
+{
+    guard.known.insert(ifIndex);
+    // In the map first: the filter that it replaces may be trapping by it.
+    int error = -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
+    if (error == 0)
+        error = count_from_zero(ifIndex);
+    bool qdiscMade = false;
+    if (error == 0)
+        error = filter_attach(ifIndex, guard.program, qdiscMade);
+    if (qdiscMade) {
+        port.qdisc_is_ours = 1;
+        bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
+    }
+    if (error == 0 || is_there(ifIndex))
+        return error;
+    guard_device_gone(ifIndex);
+    return ENODEV;
+}
+
+uint8_t family_bit(int family)
+{
+    return family == 4 ? GUARD_TRAP_V4 : family == 6 ? GUARD_TRAP_V6 : uint8_t{0};
+}
+
+template <typename Entry> void set_trap(Entry &entry, uint8_t bit, bool on)
+{
+    entry.trap = static_cast<uint8_t>(on ? entry.trap | bit : entry.trap & ~bit);
+    entry.inherited = static_cast<uint8_t>(entry.inherited & ~bit);
+}
+
+// A map keeps its size: the rules of one that is too small move into a larger one. `old` is the small one
+// then, its pin gone, else none.
+uint32_t room_for_rules(const std::string &pins, uint32_t wanted, Fd &old)
+{
+    const std::string path = pins + "/guard_rules";
+    bpf_map_info info = {};
+    uint32_t length = sizeof info;
+    old.reset(pins.empty() ? -1 : bpf_obj_get(path.c_str()));
+    if (old && bpf_obj_get_info_by_fd(old.get(), &info, &length) == 0 && info.max_entries < wanted &&
+        info.key_size == sizeof(guard_rule_key) && info.value_size == sizeof(guard_rule)) {
+        unlink(path.c_str());
+        return wanted;
+    }
+    old.reset();
+    return std::max(wanted, info.max_entries);
+}
+
+// Opens and loads the classifier with the maps pinned in `pins` ("": not pinned). An errno value, 0 = loaded.
+int load(const std::string &pins, uint32_t rules)
+{
+    bpf_object_open_opts opts = {};
+    opts.sz = sizeof opts;
+    opts.object_name = "dhcpsnoop";
+    opts.pin_root_path = pins.empty() ? nullptr : pins.c_str();
+    bpf_object *object = bpf_object__open_mem(guard_object_begin, guard_object_size(), &opts);
+    if (object == nullptr)
+        return errno;
+    if (pins.empty()) {
+        bpf_map *map;
+        bpf_object__for_each_map(map, object) bpf_map__set_pin_path(map, nullptr);
+    }
+    Fd old;
+    bpf_map__set_max_entries(bpf_object__find_map_by_name(object, "guard_rules"),
+                             room_for_rules(pins, rules, old));
+    const int error = -bpf_object__load(object);
+    if (error != 0) {
+        if (old)
+            bpf_obj_pin(old.get(), (pins + "/guard_rules").c_str());
+        bpf_object__close(object);
+        return error;
+    }
+    guard.object = object;
+    guard.program = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_PROGRAM));
+    const auto map = [object](const char *name) { return bpf_object__find_map_fd_by_name(object, name); };
+    guard.ports = map("guard_ports");
+    guard.vlans = map("guard_vlans");
+    guard.state = map("guard_state");
+    guard.portItems = map("guard_port_items");
+    guard.vlanItems = map("guard_vlan_items");
+    guard.rules = map("guard_rules");
+    guard.refused = map("guard_refused");
+    if (old)
+        guard_rules_copy(old.get(), guard.rules);
+    return 0;
+}
+
+// The directory of the pinned maps.
+struct Pins {
+    std::string directory; // "" = the maps are not pinned
+    std::string absent;    // why
+};
+
+// Maps of another shape, or of a namespace whose number was given to this one.
+bool are_stale(int loadError, const Namespace &own)
+{
+    const uint64_t cookie = loadError == 0 ? state_read().netns_cookie : 0;
+    return loadError == EINVAL || (cookie != 0 && cookie != own.cookie);
+}
+
+// Empties the directory, or does without it.
+void replace_stale(Pins &pins, const Namespace &own)
+{
+    guard_close();
+    const int kept = pins_remove(pins.directory);
+    pins.directory = kept == 0 ? pins_directory(own, pins.absent) : "";
+    pins_claim_again();
+    if (kept != 0)
+        pins.absent = std::string("stale maps cannot be removed: ") + strerror(kept);
+}
+
+std::string note_of(uint32_t traps, uint32_t rules, const Pins &pins)
+{
+    std::string note;
+    if (traps != 0)
+        note = "traps of an earlier run on " + std::to_string(traps) + " ports and VLANs hold for " +
+               std::to_string(GUARD_INHERIT_SECONDS) + " s unless they are set again";
+    if (rules != 0)
+        note += std::string(note.empty() ? "" : "; ") + std::to_string(rules) +
+                " binding rules of an earlier run count for " +
+                std::to_string(GUARD_INHERIT_RULES_SECONDS / 3600) + " h unless something else is learned";
+    if (note.empty() && pins.directory.empty())
+        note =
+            pins.absent +
+            "; after a restart of the daemon DHCP passes and nothing is guarded until it is configured again";
+    return note;
+}
+
+} // namespace
+
+bool guard_claim() { return pins_claim(); }
+
+bool guard_open(uint32_t rules, std::string &why, std::string &note)
+{
+    guard_close();
+    libbpf_set_print(keep_first_warning);
+    libbpfSaid[0] = '\0';
+    const int loopback = loopback_up();
+    if (loopback != 0) {
+        why = refusal("the loopback device is down and does not come up", loopback);
+        return false;
+    }
+    Namespace own;
+    if (!namespace_own(own)) {
+        why = refusal("the network namespace has no name", errno);
+        return false;
+    }
+    Pins pins;
+    pins.directory = pins_directory(own, pins.absent);
+    int error = load(pins.directory, rules);
+    if (!pins.directory.empty() && are_stale(error, own)) {
+        replace_stale(pins, own);
+        error = load(pins.directory, rules);
+    }
+    if (error != 0) {
+        why = refusal("bpf(2)", error);
+        return false;
+    }
+    const uint32_t traps = inherit_traps(state_read(), own.cookie);
+    note = note_of(traps, guard_rules_open(guard.rules, guard.state), pins);
+    return true;
+}
+
+void guard_close()
+{
+    guard_rules_close();
+    if (guard.object != nullptr)
+        bpf_object__close(guard.object);
+    guard = Guard();
+}
+
+int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &members)
+{
+    if (guard.object == nullptr)
+        return EOPNOTSUPP;
+    guard_port port = {};
+    bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
+    Filters filters;
+    // An index that an earlier run left in the maps is the same device only if the filter is still on it.
+    if (!guard.known.contains(ifIndex) && !(filter_list(ifIndex, filters) && filters.ours)) {
+        port = {};
+        bpf_map_delete_elem(guard.refused, &ifIndex);
+        if (!guard.parted.contains(ifIndex))
+            bpf_map_delete_elem(guard.portItems, &ifIndex);
+    }
+    guard.parted.erase(ifIndex);
+    port.native = nativeVid;
+    for (size_t vid = 0; vid < members.size(); vid++) {
+        const uint64_t bit = uint64_t{1} << vid % 64;
+        __u64 &word = port.members[vid / 64];
+        word = members[vid] ? word | bit : word & ~bit;
+    }
+    gather_vlans(port, Vlans());
+    return attach(ifIndex, port);
+}
+
+void guard_port_remove(uint32_t ifIndex)
+{
+    if (guard.known.contains(ifIndex))
+        forget_port(ifIndex);
+}
+
+void guard_device_gone(uint32_t ifIndex)
+{
+    for (const int map : {guard.ports, guard.refused, guard.portItems})
+        bpf_map_delete_elem(map, &ifIndex);
+    guard.known.erase(ifIndex);
+    guard.parted.erase(ifIndex);
+}
+
+void guard_ports_complete()
+{
+    if (guard.object == nullptr)
+        return;
+    for (const uint32_t ifIndex : device_indexes()) {
+        Filters filters;
+        if (!guard.known.contains(ifIndex) && filter_list(ifIndex, filters) && filters.ours)
+            forget_port(ifIndex);
+    }
+    // The rest belongs to devices that are gone.
+    for (const int map : {guard.ports, guard.portItems})
+        for (const uint32_t ifIndex : map_keys<uint32_t>(map))
+            if (!guard.known.contains(ifIndex) && !guard.parted.contains(ifIndex))
+                guard_device_gone(ifIndex);
+}
+
+int guard_trap_port(uint32_t ifIndex, int family, bool on)
+{
+    const uint8_t bit = family_bit(family);
+    guard_port port = {};
+    if (guard.object == nullptr)
+        return EOPNOTSUPP;
+    if (bit == 0)
+        return EINVAL;
+    if (!guard.known.contains(ifIndex) || bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+        return ENODEV;
+    // Nobody tells when somebody else has detached the classifier.
+    if (const int error = on ? attach(ifIndex, port) : 0; error != 0)
+        return error;
+    set_trap(port, bit, on);
+    return -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
+}
+
+int guard_trap_vlan(uint16_t vid, int family, bool on)
+{
+    const uint8_t bit = family_bit(family);
+    const uint32_t key = vid;
+    guard_vlan vlan = {};
+    if (guard.object == nullptr)
+        return EOPNOTSUPP;
+    if (bit == 0 || vid == 0 || vid > VLAN_MAX)
+        return EINVAL;
+    bpf_map_lookup_elem(guard.vlans, &key, &vlan);
+    set_trap(vlan, bit, on);
+    const int error = -bpf_map_update_elem(guard.vlans, &key, &vlan, BPF_EXIST);
+    guard_vlans_changed();
+    return error;
+}
+
+void guard_vlans_changed()
+{
+    if (guard.object == nullptr)
+        return;
+    const Vlans vlans;
+    for (const uint32_t ifIndex : guard.known) {
+        guard_port port = {};
+        if (bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+            continue;
+        const guard_port before = port;
+        gather_vlans(port, vlans);
+        if (memcmp(&port, &before, sizeof port) != 0)
+            bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
+    }
+}
+
+} // namespace platform_linux

@@ -1,0 +1,75 @@
+// The classifier in the kernel (guard.bpf.c) and its maps: the ports that it stands on, its traps, the rules
+// by which checked packets pass. Nothing here knows the switch model. Every setting stays in the kernel when
+// the process ends, so that a crash lets no DHCP frame and no forged packet pass; the next guard_open finds
+// it.
+//
+// Results are 0 or an errno value. Families are 4 and 6. Tests link a recorder in place of classifier.cpp.
+#pragma once
+
+#include <bitset>
+#include <cstdint>
+#include <string>
+
+#include "guard_maps.h"
+
+namespace platform_linux
+{
+
+// How long a trap of an earlier run holds that this run has not set again.
+constexpr uint32_t GUARD_INHERIT_SECONDS = 60;
+
+// How long a rule of an earlier run counts that this run has not installed again: half a lease of two
+// days, when a client renews.
+constexpr uint32_t GUARD_INHERIT_RULES_SECONDS = 24 * 60 * 60;
+
+// From now on this process alone may change the maps of its network namespace: false when another one that
+// runs does. A second daemon would take traps and rules from the first, and leave it without. Without a
+// bpffs nothing is shared, and it is true.
+bool guard_claim();
+
+// Loads the program and takes over the maps of an earlier run, or makes them, with room for so many rules
+// at least. False when eBPF cannot be had here: `why` gives the reason; every other call is then safe and
+// answers EOPNOTSUPP. `note` is for the operator of a start that succeeded (inherited traps and rules, maps
+// that are not pinned), or is empty.
+bool guard_open(uint32_t rules, std::string &why, std::string &note);
+
+// Closes the descriptors. Everything in the kernel stays.
+void guard_close();
+
+// The VLANs that a port is a member of. Bit 0: it is a port without VLANs, and its frames are of none.
+using PortVlans = std::bitset<GUARD_VLANS>;
+
+// A port of the model is there: attaches the classifier at its ingress. `nativeVid` is the VLAN of its
+// untagged frames, 0 = none. A trap that an earlier run set on this very device goes on for
+// GUARD_INHERIT_SECONDS. Called again for a known port it repeats a failed attachment and sets the VLANs.
+int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &members);
+
+// The device is no port any more: detaches, forgets its traps. The check items of a device that is still
+// there stay, for the time when it is a port again.
+void guard_port_remove(uint32_t ifIndex);
+
+// The device is gone, whether it was a port or not: its number may be given to another one.
+void guard_device_gone(uint32_t ifIndex);
+
+// After the first guard_port_add of every port: detaches from devices that were ports of an earlier run only.
+void guard_ports_complete();
+
+// The trap of a port: ENODEV for one that is not added. Takes effect with the next frame.
+int guard_trap_port(uint32_t ifIndex, int family, bool on);
+
+// The trap of a VLAN (1 to 4094, else EINVAL) on every port: outer tag, or the port's native VLAN.
+int guard_trap_vlan(uint16_t vid, int family, bool on);
+
+// The check items in force in some VLAN have changed: ports refuse frames whose VLAN cannot be told by those
+// of all their VLANs together.
+void guard_vlans_changed();
+
+// Lets packets that agree with `key` pass, once more: so many adds, so many removes. A rule that an earlier
+// run installed for the same address, or the same MAC on another port, ends. EINVAL for a key without check
+// items, ENOSPC when there is no room. Takes effect with the next frame.
+int guard_rule_add(const guard_rule_key &key);
+
+// ENOENT when this run has not added it.
+int guard_rule_remove(const guard_rule_key &key);
+
+} // namespace platform_linux

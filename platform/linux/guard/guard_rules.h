@@ -1,0 +1,25 @@
+// The rules in the kernel (maps guard_rules and guard_state), for classifier.cpp. The calls that add and
+// remove them are declared in classifier.h. Results are 0 or an errno value.
+#pragma once
+
+#include <cstdint>
+
+#include "guard_maps.h"
+
+namespace platform_linux
+{
+
+// Takes over the rules in the maps as those of an earlier run, and gives their number. Rules of the run that
+// just ended count until GUARD_INHERIT_RULES_SECONDS from now; older ones keep their time, and go when it is
+// over. Both descriptors stay the caller's and are used until the close.
+uint32_t guard_rules_open(int map, int state);
+
+void guard_rules_close();
+
+// Copies every rule of one map into another, which has the room.
+int guard_rules_copy(int from, int to);
+
+// Nanoseconds of CLOCK_BOOTTIME, as the times in the maps.
+uint64_t guard_clock();
+
+} // namespace platform_linux
