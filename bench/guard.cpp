@@ -23,7 +23,6 @@
 
 #include "bindings.h"
 #include "classifier.h"
-#include "guard_config.h"
 #include "link.h"
 #include "guard.h"
 
