@@ -23,8 +23,8 @@
 
 #include "bindings.h"
 #include "classifier.h"
-#include "link.h"
 #include "guard.h"
+#include "link.h"
 
 using namespace platform_linux;
 

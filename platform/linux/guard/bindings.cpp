@@ -9,8 +9,8 @@
 
 #include "classifier.h"
 #include "guard.h"
-#include "report.h"
 #include "model.h"
+#include "report.h"
 
 namespace platform_linux
 {

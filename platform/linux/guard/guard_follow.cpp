@@ -8,8 +8,8 @@
 
 #include "classifier.h"
 #include "guard_events.h"
-#include "report.h"
 #include "platform.h"
+#include "report.h"
 
 namespace platform_linux
 {

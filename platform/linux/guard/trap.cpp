@@ -8,8 +8,8 @@
 
 #include "bindings.h"
 #include "classifier.h"
-#include "report.h"
 #include "model.h"
+#include "report.h"
 
 namespace platform_linux
 {
