@@ -22,6 +22,13 @@ inline Bytes host32(uint32_t value)
     return bytes;
 }
 
+inline uint16_t host16_at(const Bytes &bytes, size_t at)
+{
+    uint16_t value;
+    memcpy(&value, bytes.data() + at, sizeof value);
+    return value;
+}
+
 inline uint32_t host32_at(const Bytes &bytes, size_t at)
 {
     uint32_t value;
@@ -35,12 +42,6 @@ inline Bytes event_message(uint16_t type, const Bytes &payload = {}, std::option
 {
     const auto whole = static_cast<uint32_t>(16 + payload.size());
     return host32(length.value_or(whole)) + host16(type) + host16(0) + host32(0) + host32(0) + payload;
-}
-
-// Interface-information header: family, device type, index, flags, change mask; then attributes.
-inline Bytes link_message(uint16_t type, uint32_t ifIndex, const Bytes &attributes = {})
-{
-    return event_message(type, Bytes{0, 0} + host16(1) + host32(ifIndex) + host32(0) + host32(0) + attributes);
 }
 
 // A link attribute as it stands, without the padding behind it.

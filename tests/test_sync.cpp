@@ -1,478 +1,130 @@
-// The running role, and the records that keep the peer unit in step: byte by byte as they leave, packed into
-// full copies, and applied or refused as they come.
-#include "daemon_test.h"
-
-#include <algorithm>
+// The running role, and the records that keep the peer unit in step: as they leave, packed into full copies, and applied or
+// refused as they come.
+#include "steps.h"
 
 #include "dhcpsnoop_sync.h"
-#include "event_message.h"
 
 namespace
 {
 
-constexpr uint32_t PORT = 1, VLAN_IF = 110;
-constexpr uint32_t HOST = ip4(10, 0, 0, 50), SERVER = ip4(10, 0, 0, 1);
-constexpr uint8_t ADD = 1, DELETE = 0;
-
-Bytes key_bytes(uint8_t ipType, const Bytes &address)
+// A standby unit. Port 1 and the VLAN interface 110 of VLAN 10 snoop, port 2 does not; there is room for three bindings and two
+// servers.
+void start()
 {
-    return Bytes{ipType, 0, 0, 0} + address + Bytes(16 - address.size(), 0);
+    world.reset(0, 3, 2);
+    world.access(1, 10);
+    world.access(2, 10);
+    world.vlan_interface(110, 10);
+    snoop(1);
+    snoop(110);
+    play("role 2");
 }
 
-Bytes header(uint8_t type, uint8_t add, uint16_t length) { return Bytes{type, add} + host16(length); }
+const std::string ADD = "peer 01 01 %56 key .50 carried ", OTHER = "01 01 %56 key .51 carried ", GONE = "01 00 %56 key .59 zeros 36 ", SERVER = "02 01 %12 =.1 =1 %10 %0 ";
+const std::string KNOWN = "bind .59 1 10;", MOVED = "peer 01 01 %56 key .50 %20 %20 =2 =60 =5 00 02 01 30 %8 02 c1 00 00 00 02 =9 =10;";
 
-// What a record says of a binding besides its key.
-struct Carried {
-    uint16_t vid = 10, origVid = 11;
-    uint32_t ifIndex = PORT, leaseTime = 3600, leaseStart = 0x3B9ACA00;
-    uint8_t hwFlags = 0xC0, userType = 1, bindState = 1, macMark = 0x30;
-    uint16_t userAttr = 7;
-    Mac mac = MAC_CLIENT;
-    uint32_t ipsgHwId = 0x01020304, daiHwId = 0x05060708;
-
-    Bytes bytes() const
-    {
-        return host16(vid) + host16(origVid) + host32(ifIndex) + host32(leaseTime) + host32(leaseStart) +
-               Bytes{hwFlags, userType, bindState, macMark} + host16(userAttr) + mac_bytes(mac) + host32(ipsgHwId) + host32(daiHwId);
-    }
+// clang-format off
+const Step STEPS[] = {
+    {"a master", "debug 2;role 0;scalar 53 0", "peer 00", "running role of the dhcpsnoop changed from None to Master. | global role=1"},
+    {"whatever it says of a slave", "role 1;debug 2;scalar 54 0", "peer 00", ""},
+    {"a slave", "debug 2;role 1;scalar 53 7;scalar 54 0", "peer 00", "running role of the dhcpsnoop changed from Master to Slave.; Receive dhcpsnoop sync packet: len 1.; prints /00   | global role=2"},
+    {"neither", "debug 2;scalar 53 0xffffffff;scalar 54 9", "peer 00", "running role of the dhcpsnoop changed from Slave to None. | global role=0"},
+    {"a master applies nothing", "role 1", ADD + SERVER, ""},
+    {"nor does one without a role", "role 0;debug 2", ADD + SERVER, ""},
+    // Applied: neither hardware nor the peer hears of it.
+    {"a binding", "items 1 0xf0;debug 1", ADD, "Receive dhcpsnoop sync packet: len 60.; Receive dhcpsnoop user sync packet: add flag 1, len 56.; User do not exist, add it to user table. | +10.0.0.50 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | if1 cur=1 | if110 cur=1"},
+    {"Kept: one that is there is overwritten whole, leaves the counts of its old place as they are, and keeps what is not carried", "if.set 1 2 = 1;" + ADD + ";set .50 gw 0x11", MOVED, " | 10.0.0.50 from#5 vid=20 orig=20 if=2 lease=60 type=2 attr=8 ipsgId=9 daiId=10 mac:02c100000002 hw=0"},
+    {"it goes by its key", MOVED, "peer 01 00 %20 key .50", "7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.50 | -10.0.0.50"},
+    {"Kept: a static binding counts when it comes from the peer, and does not when it goes", "", "peer 01 01 %56 key .50 %10 %10 =1 =60 =5 00 02 01 30 %8 02 c1 00 00 00 01 =9 =10;peer 01 00 %20 key .50", " | +10.0.0.50 from#5 vid=10 orig=10 if=1 lease=60 type=2 state=1 mark#30 attr=8 ipsgId=9 daiId=10 mac:02c100000001 | if1 cur=1 | if110 cur=1 / 7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.50 | -10.0.0.50"},
+    {"a dynamic one", "set 1 cur 5;set 110 cur 5;" + ADD, "peer 01 00 %20 key .50", "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50 | -10.0.0.50 | if1 cur=5 | if110 cur=5"},
+    {"the limit is the learner's", "set 1 max 0", ADD + OTHER, " | +10.0.0.50 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | +10.0.0.51 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | if1 cur=2 | if110 cur=2"},
+    {"a count of 16 bits", "set 1 cur 0xffff", ADD, " | +10.0.0.50 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | if1 cur=0 | if110 cur=1"},
+    {"no node is free; the walk goes on", KNOWN + "bind .58 1 10;bind .57 1 10", ADD + SERVER, " | +server/0a000001/1/10"},
+    {"a server", "debug 1", "peer " + SERVER, "Receive dhcpsnoop sync packet: len 16.; Receive dhcpsnoop server sync packet: add flag 1, len 12. | +server/0a000001/1/10"},
+    {"known; of another port and VLAN it is another", "peer " + SERVER, "peer " + SERVER + ";peer 02 00 %12 =.1 =10 %1 %0", " / "},
+    {"full: the newest makes room", "peer " + SERVER + "02 01 %12 =.2 =1 %10 %0", "peer 02 01 %12 =.3 =1 %10 %0", " | -server/0a000002/1/10 | +server/0a000003/1/10"},
+    {"anything but 1 deletes", "peer " + SERVER, "peer 02 07 %12 =.1 =1 %10 %0", " | -server/0a000001/1/10"},
+    // The bytes that a record's handler reads must be there; what the record says of its own length only moves the walk on.
+    {"one byte; 3 bytes; a header alone; an addition one byte short; a deletion one byte short; a deletion as it is sent", KNOWN, "peer 00;" + ADD + "cut 3;" + ADD + "cut 4;" + ADD + "cut 59;peer " + GONE + "cut 23;peer " + GONE, " /  /  /  /  / 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.59 | -10.0.0.59 | if1 cur=0 | if110 cur=0"},
+    {"anything but 1 deletes a binding", KNOWN, "peer 01 02 %56 key .59 carried", "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.59 | -10.0.0.59 | if1 cur=0 | if110 cur=0"},
+    {"a deletion that says more than is there", KNOWN, "peer 01 00 %0xffff key .59", "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.59 | -10.0.0.59 | if1 cur=0 | if110 cur=0"},
+    {"a server one byte short; two, the second short", KNOWN, "peer " + SERVER + "cut 15;" + ADD + OTHER + "cut 119", " /  | +10.0.0.50 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | if1 cur=2 | if110 cur=2"},
+    {"two and a server", KNOWN, ADD + OTHER + SERVER, " | +10.0.0.50 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | +10.0.0.51 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | if1 cur=3 | if110 cur=3 | +server/0a000001/1/10"},
+    {"1 to 3 bytes behind the last", KNOWN, ADD + "01 01 01", " | +10.0.0.50 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | if1 cur=2 | if110 cur=2"},
+    {"other types are passed over by their length", KNOWN, "peer 03 01 %5 01 01 01 01 01 " + SERVER, " | +server/0a000001/1/10"},
+    {"other types longer than the packet end it; a length whose sum would wrap in 16 bits", KNOWN, "peer 03 01 %0xfffc " + SERVER + ";peer 01 01 %0xfffc key .50 carried " + SERVER, " /  | +10.0.0.50 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | if1 cur=2 | if110 cur=2"},
+    {"the longest length", KNOWN, "peer 01 01 %0xffff key .50 carried " + SERVER, " | +10.0.0.50 from#21222324 vid=10 orig=11 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=16909060 daiId=84281096 mac:02c100000001 | if1 cur=2 | if110 cur=2"},
+    {"a length within the record leads into it: what stands there is a header", KNOWN, "peer 01 01 %20 key .50 03 00 %32 =1 =3600 =9 c0 01 01 30 %7 02 c1 00 00 00 01 =1 =2 " + SERVER, " | +10.0.0.50 from#9 vid=3 orig=32 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 attr=7 ipsgId=1 daiId=2 mac:02c100000001 | if1 cur=2 | +server/0a000001/1/10"},
+    {"a server of a longer record", KNOWN, "peer 02 01 %20 =.1 =1 %10 zeros 10 " + GONE, "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.59 | -10.0.0.59 | if1 cur=0 | if110 cur=0 | +server/0a000001/1/10"},
+    {"dumps stay within the record: a binding that says 5140", KNOWN + "debug 2", "peer 01 00 %0x1414 key .59", "Receive dhcpsnoop sync packet: len 24.; Receive dhcpsnoop user sync packet: add flag 0, len 5140.; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.59; prints /01  00  14  14  01  00  00  00  0a  00  00  3b  00  00  00  00  /00  00  00  00  00  00  00  00  /01  00  00  00  0a  00  00  3b  00  00  00  00  00  00  00  00  /00  00  00  00  00  00  00  00  00  00  00  00  00  00  00  00  /00  00  00  00  00  00  00  00  00  00  00  00  00  00  00  00  /00  00  00  00  00  00  00  00   | -10.0.0.59 | if1 cur=0 | if110 cur=0"},
+    {"that says nothing", KNOWN + "debug 2", "peer 01 00 %0 key .59", "Receive dhcpsnoop sync packet: len 24.; Receive dhcpsnoop user sync packet: add flag 0, len 0.; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.59; prints /01  00  00  00  01  00  00  00  0a  00  00  3b  00  00  00  00  /00  00  00  00  00  00  00  00   | -10.0.0.59 | if1 cur=0 | if110 cur=0"},
+    {"a server that says 3084", "debug 2", "peer 02 01 %0x0c0c =0x0a0a0a0a =0x01010101 %0x0a0a %0", "Receive dhcpsnoop sync packet: len 16.; Receive dhcpsnoop server sync packet: add flag 1, len 3084.; prints /02  01  0c  0c  0a  0a  0a  0a  01  01  01  01  0a  0a  00  00  /0a  0a  0a  0a  01  01  01  01  0a  0a  00  00   | +server/0a0a0a0a/16843009/2570"},
+    {"an unknown type", "debug 2", "peer 09 01 %0xffff 01 01 01 01", "Receive dhcpsnoop sync packet: len 8.; prints /09  01  ff  ff  01  01  01  01  "},
+    // A unit that becomes the master applies no more, withdraws rules from hardware, and the new standby hears of it.
+    {"taking over", KNOWN + "scalar 53 0;debug 2", "peer " + GONE, "running role of the dhcpsnoop changed from Slave to Master. | global role=1"},
+    {"a binding that goes", ADD + ";scalar 53 0", "user.set 9 .50 = 6", "ok; offer .32/09 6; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50; -1 .0 00 80; -1 .0 00 00; peer 0x80000003 01 00 %56 01 00 00 00 0a 00 00 32 00 00 00 00 00 00 00 00 00 00 00 00 %0 %0 =0 =0 =0 00 00 00 00 %0 00 00 00 00 00 00 =0 =0 | -10.0.0.50 | global role=1 | if1 cur=0 | if110 cur=0"},
 };
-
-Bytes user_record(uint8_t add, uint32_t address, const Carried &carried = {}, uint16_t length = 56)
-{
-    return header(1, add, length) + key_bytes(1, be32(address)) + carried.bytes();
-}
-
-Bytes delete_record(uint32_t address) // as it is sent
-{
-    return header(1, DELETE, 56) + key_bytes(1, be32(address)) + Bytes(36, 0);
-}
-
-Bytes server_record(uint8_t add, uint32_t address, uint32_t ifIndex, uint16_t vid, uint16_t length = 12)
-{
-    return header(2, add, length) + host32(address) + host32(ifIndex) + host16(vid) + host16(0);
-}
-
-void carry(DhcpsnoopUser *user, const Carried &carried)
-{
-    user->vid = carried.vid;
-    user->origVid = carried.origVid;
-    user->ifIndex = carried.ifIndex;
-    user->leaseTime = carried.leaseTime;
-    user->leaseStart = carried.leaseStart;
-    user->hwFlags = carried.hwFlags;
-    user->userType = carried.userType;
-    user->bindState = carried.bindState;
-    user->macMark = carried.macMark;
-    user->userAttr = carried.userAttr;
-    memcpy(user->mac, carried.mac.data(), carried.mac.size());
-    user->ipsgHwId = carried.ipsgHwId;
-    user->daiHwId = carried.daiHwId;
-}
-
-// A copy of exactly that size, so that the sanitizer watches its ends.
-void deliver(Bytes packet)
-{
-    const Bytes before = packet;
-    QorBuffer transfer = {packet.data(), static_cast<uint32_t>(packet.size())};
-    dhcpsnoop_sync_pkt_recv(&transfer);
-    EXPECT_EQ(packet, before);
-}
+// clang-format on
 
 class Sync : public Daemon
 {
-  protected:
-    void SetUp() override { start(); }
-
-    void start(DhcpsnoopRole role = DHCPSNOOP_ROLE_SLAVE, uint16_t users = 0, uint16_t servers = 0)
-    {
-        world.reset(0, users, servers);
-        world.access(PORT, 10);
-        world.access(2, 10);
-        world.vlan_interface(VLAN_IF, 10);
-        snoop(PORT);
-        snoop(VLAN_IF);
-        world.role(role);
-        dhcpsnoop_running_role_get();
-    }
-
-    static uint16_t count(uint32_t ifIndex) { return dhcpsnoop_if_lookup(ifIndex)->curUser; }
-
-    // "length mode" of every packet that was sent.
-    static Lines sent()
-    {
-        Lines lines;
-        for (const WorldEntry *entry : world.all(Did::Call))
-            lines.push_back(std::to_string(entry->data.size()) + entry->text.substr(entry->text.rfind(' ')));
-        return lines;
-    }
 };
 
-TEST_F(Sync, Role)
-{
-    const struct {
-        uint32_t notMaster, notSlave, role;
-    } rows[] = {{0, 1, 1}, {0, 0, 1}, {7, 0, 2}, {0xFFFFFFFF, 9, 0}};
-    const char *const words[] = {"None", "Master", "Slave"};
-    for (const auto &row : rows) {
-        for (uint8_t stored = 0; stored < 3; stored++) {
-            SCOPED_TRACE(world_format("%u %u, was %u", row.notMaster, row.notSlave, stored));
-            world.hwScalars[53] = row.notMaster;
-            world.hwScalars[54] = row.notSlave;
-            gDhcpsnoop.runningRole = stored;
-            world.clear();
-            debug(2);
-            EXPECT_EQ(dhcpsnoop_running_role_get(), row.role);
-            EXPECT_EQ(gDhcpsnoop.runningRole, row.role);
-            const std::string text = world_format("[DHCPSNOOP] running role of the dhcpsnoop changed from %s to %s.\r\n", words[stored], words[row.role]);
-            EXPECT_EQ(debug_texts(), stored == row.role ? Lines{} : Lines{text});
-        }
-    }
-}
+TEST_F(Sync, RolesAndRecords) { check_steps(STEPS, start); }
 
-TEST_F(Sync, Records)
+TEST_F(Sync, Sends)
 {
-    start(DHCPSNOOP_ROLE_MASTER);
-    DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, PORT, 10);
-    carry(user, {});
-    user->gateway = user->vendorTag = user->serverId = 0xEEEEEEEE; // not carried
-    user->ipsgSource = user->daiSource = user->ipsgCheckItems = user->daiCheckItems = 0xEE;
-    DhcpsnoopUserKey key6 = {.ipType = 2, .reserved = {}, .ipAddr = {0x20, 1, 0xD, 0xB8, 5}};
-    key6.ipAddr[15] = 9;
-    DhcpsnoopUser *user6 = dhcpsnoop_user_table_add(&key6);
-    carry(user6, {.vid = 0xFFFF, .leaseTime = 0xFFFFFFFF, .userType = 2});
-    // Kept: the entry's order is address, VLAN, port; the record's is address, port, VLAN.
-    DhcpsnoopServer server = {};
-    server.serverIp = SERVER;
-    server.vid = 0xABCD0014; // 16 bits travel
-    server.ifIndex = 0x01020304;
-
-    const Bytes key6Bytes = key_bytes(2, Bytes(key6.ipAddr, key6.ipAddr + 16));
-    const struct {
-        const char *claim;
-        const DhcpsnoopUser *user; // null: the server
-        uint32_t add;
-        Bytes record;
-    } rows[] = {
-        {"a binding", user, 1, user_record(ADD, HOST)},
-        {"a binding that goes: the key alone", user, 0, delete_record(HOST)},
-        {"an IPv6 binding", user6, 1, header(1, 1, 56) + key6Bytes + Carried{.vid = 0xFFFF, .leaseTime = 0xFFFFFFFF, .userType = 2}.bytes()},
-        {"an IPv6 binding that goes", user6, 0, header(1, 0, 56) + key6Bytes + Bytes(36, 0)},
-        {"a server", nullptr, 1, server_record(ADD, SERVER, 0x01020304, 0x0014)},
-        {"a server that goes", nullptr, 0, server_record(DELETE, SERVER, 0x01020304, 0x0014)},
+    static const Bytes packet(17, 0xF0);
+    static DhcpsnoopServer server;
+    server.serverIp = ip4(10, 0, 0, 1), server.vid = 0xABCD0014, server.ifIndex = 0x01020304;
+    start();
+    play(ADD + "01 01 %56 key 2001:db8::9 carried;set .50 gw 1 ipsg 1 dai 1 ipsgFrom 1 daiFrom 1");
+    const std::tuple<const char *, std::string, void (*)(), const char *> rows[] = {
+        {"a binding", "", [] { dhcpsnoop_sync_user_send(binding(ip4(10, 0, 0, 50)), 1); }, "peer 0x80000003 01 01 %56 01 00 00 00 0a 00 00 32 00 00 00 00 00 00 00 00 00 00 00 00 %10 %11 =0x1 =0xe10 =0x21222324 c0 01 01 30 %7 02 c1 00 00 00 01 =0x1020304 =0x5060708"},
+        {"an IPv6 binding", "", [] { dhcpsnoop_sync_user_send(binding("2001:db8::9"), 1); }, "peer 0x80000003 01 01 %56 02 00 00 00 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 09 %10 %11 =0x1 =0xe10 =0x21222324 c0 01 01 30 %7 02 c1 00 00 00 01 =0x1020304 =0x5060708"},
+        {"a binding that goes: the key alone", "debug 1", [] { dhcpsnoop_sync_user_send(binding("2001:db8::9"), 0); }, "Send dhcpsnoop user sync packet, add flag 0.; Send dhcpsnoop sync packet: len 60.; peer 0x80000003 01 00 %56 02 00 00 00 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 09 %0 %0 =0 =0 =0 00 00 00 00 %0 00 00 00 00 00 00 =0 =0"},
+        {"a server, 16 bits of its VLAN", "debug 1", [] { dhcpsnoop_sync_server_send(&server, 1); }, "Send dhcpsnoop server sync packet, add flag 1.; Send dhcpsnoop sync packet: len 16.; peer 0x80000003 02 01 %12 =0xa000001 =0x1020304 %20 %0"},
+        {"one that goes", "", [] { dhcpsnoop_sync_server_send(&server, 0); }, "Send dhcpsnoop server sync packet, add flag 0.; Send dhcpsnoop sync packet: len 16.; peer 0x80000003 02 00 %12 =0xa000001 =0x1020304 %20 %0"},
+        {"everything, on request", "bind .51 1 10;set .51 type 4;peer " + SERVER, [] { dhcpsnoop_sync_all_send(5, 1); }, "Send dhcpsnoop sync packet: len 136.; peer 0x80000005 01 01 %56 02 00 00 00 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 09 %10 %11 =0x1 =0xe10 =0x21222324 c0 01 01 30 %7 02 c1 00 00 00 01 =0x1020304 =0x5060708 01 01 %56 01 00 00 00 0a 00 00 32 00 00 00 00 00 00 00 00 00 00 00 00 %10 %11 =0x1 =0xe10 =0x21222324 c0 01 01 30 %7 02 c1 00 00 00 01 =0x1020304 =0x5060708 02 01 %12 =0xa000001 =0x1 %10 %0"},
+        {"not requested", "debug 0", [] { dhcpsnoop_sync_all_send(5, 0); }, ""},
+        {"only 1 is a request", "", [] { dhcpsnoop_sync_all_send(5, 2); }, ""},
+        {"no bytes", "debug 3", [] { dhcpsnoop_sync_pkt_send(packet.data(), 0, 5), dhcpsnoop_sync_pkt_send(nullptr, 17, 5); }, ""},
+        {"bytes", "", [] { dhcpsnoop_sync_pkt_send(packet.data(), 17, 0x00120002); }, "Send dhcpsnoop sync packet: len 17.; peer 0x80120002 f0 f0 %61680 =0xf0f0f0f0 =0xf0f0f0f0 %61680 %61680; prints /f0  f0  f0  f0  f0  f0  f0  f0  f0  f0  f0  f0  f0  f0  f0  f0  /f0  "},
+        {"what the transport does not take is not sent again", "refuse 3 qorHwScalarSync;debug 1", [] { dhcpsnoop_sync_pkt_send(packet.data(), 17, 3); }, "Send dhcpsnoop sync packet: len 17.; peer 0x80000003 f0 f0 %61680 =0xf0f0f0f0 =0xf0f0f0f0 %61680 %61680; Send dhcpsnoop sync packet ERROR!"},
+        {"no transfer", "", [] { QorBuffer none = {}; dhcpsnoop_sync_pkt_recv(nullptr), dhcpsnoop_sync_pkt_recv(&none); }, ""},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        Bytes out(row.record.size(), 0xEE);
-        EXPECT_EQ(row.user != nullptr ? dhcpsnoop_sync_user_pkt_build(row.user, row.add, out.data())
-                                      : dhcpsnoop_sync_server_pkt_build(&server, row.add, out.data()),
-                  row.record.size());
-        EXPECT_EQ(hex(out), hex(row.record));
-
-        world.clear();
-        debug(1);
-        if (row.user != nullptr)
-            dhcpsnoop_sync_user_send(row.user, row.add);
-        else
-            dhcpsnoop_sync_server_send(&server, row.add);
-        EXPECT_EQ(world.calls(), Lines{"qorHwScalarSync null 0x40013 {" + world_hex(row.record.data(), row.record.size()) + "} 0x80000003"});
-        EXPECT_EQ(debug_texts(), (Lines{world_format("[DHCPSNOOP] Send dhcpsnoop %s sync packet, add flag %u.\r\n",
-                                                     row.user != nullptr ? "user" : "server", row.add),
-                                        world_format("[DHCPSNOOP] Send dhcpsnoop sync packet: len %zu.\r\n", row.record.size())}));
+    for (const auto &[claim, before, send, outcome] : rows) {
+        play(before);
+        const std::string done = play([send = send] { return send(), ""; });
+        EXPECT_EQ(done, outcome) << claim;
     }
 }
 
-TEST_F(Sync, Packets)
-{
-    Bytes packet(17);
-    for (size_t i = 0; i < packet.size(); i++)
-        packet[i] = static_cast<uint8_t>(0xF0 + i);
-    debug(3);
-    Printed dumped;
-    dhcpsnoop_sync_pkt_send(nullptr, 17, 5);
-    dhcpsnoop_sync_pkt_send(packet.data(), 0, 5);
-    EXPECT_EQ(debug_texts(), Lines{});
-    EXPECT_EQ(world.calls(), Lines{});
-    dhcpsnoop_sync_pkt_send(packet.data(), 17, 0x00120002);
-    EXPECT_EQ(sent(), Lines{"17 0x80120002"});
-    EXPECT_EQ(dumped.text(), "\n\rf0  f1  f2  f3  f4  f5  f6  f7  f8  f9  fa  fb  fc  fd  fe  ff  \n\r00  ");
-    // What the transport does not take is not sent again.
-    world.clear();
-    world.refuse("qorHwScalarSync", 3);
-    debug(1);
-    dhcpsnoop_sync_pkt_send(packet.data(), 17, 3);
-    EXPECT_EQ(debug_texts(), (Lines{"[DHCPSNOOP] Send dhcpsnoop sync packet: len 17.\r\n", "[DHCPSNOOP] Send dhcpsnoop sync packet ERROR!\r\n"}));
-    EXPECT_EQ(world.calls().size(), 1u);
-}
-
+// Packets of at most 1400 bytes, of records of 60 and 16.
 TEST_F(Sync, FullCopies)
 {
-    // claim, users, guarded, servers, request (guarded: bindings of IP source guard), lengths
-    const std::tuple<const char *, uint32_t, uint32_t, uint32_t, uint32_t, std::vector<size_t>> rows[] = {
-        {"nothing to send", 0, 0, 0, 1, {}},
-        {"not requested", 1, 0, 1, 0, {}},
-        {"only 1 is a request", 1, 0, 1, 2, {}},
-        {"bindings of IP source guard stay here", 2, 3, 0, 1, {120}},
-        {"23 bindings fit", 23, 0, 0, 1, {1380}},
-        {"24 do not", 24, 0, 0, 1, {1380, 60}},
-        {"a server behind 23 bindings fits", 23, 0, 1, 1, {1396}},
-        {"to the last byte", 22, 0, 5, 1, {1400}},
-        {"one beyond", 22, 0, 6, 1, {1400, 16}},
-        {"87 servers", 0, 0, 87, 1, {1392}},
-        {"88 servers", 0, 0, 88, 1, {1392, 16}},
-        {"both over several", 24, 1, 90, 1, {1380, 1388, 112}},
+    const std::tuple<const char *, uint32_t, uint32_t, const char *> rows[] = {
+        {"nothing to send", 0, 0, ""},
+        {"23 bindings fit", 23, 0, "peer 0x80050002 23 in 1380 bytes"},
+        {"24 do not", 24, 0, "peer 0x80050002 23 in 1380 bytes; peer 0x80050002 1 in 60 bytes"},
+        {"a server behind 23 bindings fits", 23, 1, "peer 0x80050002 24 in 1396 bytes"},
+        {"to the last byte", 22, 5, "peer 0x80050002 27 in 1400 bytes"},
+        {"one beyond", 22, 6, "peer 0x80050002 27 in 1400 bytes; peer 0x80050002 1 in 16 bytes"},
+        {"87 servers", 0, 87, "peer 0x80050002 87 in 1392 bytes"},
+        {"88 servers", 0, 88, "peer 0x80050002 87 in 1392 bytes; peer 0x80050002 1 in 16 bytes"},
+        {"both over several", 24, 90, "peer 0x80050002 23 in 1380 bytes; peer 0x80050002 84 in 1388 bytes; peer 0x80050002 7 in 112 bytes"},
     };
-    for (const auto &[claim, users, guarded, servers, request, lengths] : rows) {
-        SCOPED_TRACE(claim);
-        start(DHCPSNOOP_ROLE_NONE);
-        // Consecutive addresses stand in consecutive buckets, which are sent in order.
-        Bytes expected;
-        for (uint32_t i = 0; i < users; i++) {
-            const Carried numbered = {.userAttr = static_cast<uint16_t>(i)};
-            carry(make_binding(ip4(63, 0, 0, 0) + i, MAC_CLIENT, PORT, 10), numbered);
-            expected = expected + user_record(ADD, ip4(63, 0, 0, 0) + i, numbered);
-        }
-        for (uint32_t i = 0; i < guarded; i++)
-            make_binding(ip4(10, 0, 0, 0) + i, MAC_CLIENT, PORT, 10)->userType = DHCPSNOOP_USER_IPSG;
+    for (const auto &[claim, users, servers, outcome] : rows) {
+        world.reset();
+        for (uint32_t i = 0; i < users; i++)
+            make_binding(ip4(63, 0, 0, 0) + i, MAC_CLIENT, 1, 10);
         for (uint32_t i = 0; i < servers; i++)
-            dhcpsnoop_server_add(SERVER + i, 10, PORT);
-        for (uint32_t i = servers; i-- > 0;) // newest first
-            expected = expected + server_record(ADD, SERVER + i, PORT, 10);
-        world.clear();
-
-        dhcpsnoop_sync_all_send(0x00050002, request);
-        Bytes all;
-        Lines lines;
-        for (const size_t length : lengths)
-            lines.push_back(world_format("%zu 0x80050002", length));
-        EXPECT_EQ(sent(), lines);
-        for (const WorldEntry *entry : world.all(Did::Call))
-            all = all + entry->data;
-        EXPECT_EQ(hex(all), hex(lengths.empty() ? Bytes{} : expected));
+            dhcpsnoop_server_add(ip4(10, 0, 0, 1) + i, 10, 1);
+        std::string done = play([] { return dhcpsnoop_sync_all_send(0x00050002, 1), ""; });
+        for (size_t at; (at = done.find(" 01 ")) != std::string::npos || (at = done.find(" 02 ")) != std::string::npos;)
+            done.replace(at, std::string::npos, done.substr(at, 4) == " 01 " ? " 1 in 60 bytes" : " 1 in 16 bytes"); // the last, written out
+        EXPECT_EQ(done, outcome) << claim;
     }
-}
-
-TEST_F(Sync, OnlyAStandbyUnitApplies)
-{
-    const Bytes packet = user_record(ADD, HOST) + server_record(ADD, SERVER, PORT, 10);
-    for (const DhcpsnoopRole role : {DHCPSNOOP_ROLE_NONE, DHCPSNOOP_ROLE_MASTER}) {
-        SCOPED_TRACE(role);
-        start(role);
-        const std::string before = world_state();
-        debug(3);
-        Printed dumped;
-        deliver(packet);
-        EXPECT_EQ(dumped.text(), "");
-        EXPECT_EQ(debug_texts(), Lines{});
-        debug(0);
-        EXPECT_EQ(world_state(), before);
-    }
-    start();
-    dhcpsnoop_sync_pkt_recv(nullptr);
-}
-
-TEST_F(Sync, BindingsFollowTheMaster)
-{
-    world.ipsg[PORT] = {.items = 0xF0};
-    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
-    debug(2);
-    {
-        Printed dumped;
-        deliver(user_record(ADD, HOST));
-        const std::string text = dumped.text();
-        // The packet, then the record behind its header.
-        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4 + 4);
-        EXPECT_TRUE(text.ends_with("\n\r" + std::string("04  03  02  01  08  07  06  05  ")) ||
-                    text.ends_with("\n\r" + std::string("01  02  03  04  05  06  07  08  ")));
-    }
-    // Kept: the packet's line has no end.
-    EXPECT_EQ(debug_texts(), (Lines{"[DHCPSNOOP] Receive dhcpsnoop sync packet: len 60.",
-                                    "[DHCPSNOOP] Receive dhcpsnoop user sync packet: add flag 1, len 56.\r\n"}));
-    debug(0);
-    DhcpsnoopUser *user = binding(HOST);
-    ASSERT_NE(user, nullptr);
-    Bytes held(60, 0xEE);
-    dhcpsnoop_sync_user_pkt_build(user, 1, held.data());
-    EXPECT_EQ(hex(held), hex(user_record(ADD, HOST)));
-    EXPECT_TRUE(user->vid == 10 && user->origVid == 11 && user->ifIndex == PORT && user->hwFlags == 0xC0);
-    EXPECT_TRUE(user->gateway == 0 && user->ipsgSource == 0 && user->ipsgCheckItems == 0); // not carried
-    EXPECT_EQ(count(PORT), 1);
-    EXPECT_EQ(count(VLAN_IF), 1);
-
-    // Kept: one that is there is overwritten whole and leaves the counts of its old place as they are; what
-    // is not carried stays.
-    user->gateway = 0x11;
-    snoop(2);
-    const Carried moved = {.vid = 20, .ifIndex = 2, .userType = 2, .mac = MAC_CLIENT2};
-    deliver(user_record(ADD, HOST, moved));
-    EXPECT_EQ(binding(HOST), user);
-    dhcpsnoop_sync_user_pkt_build(user, 1, held.data());
-    EXPECT_EQ(hex(held), hex(user_record(ADD, HOST, moved)));
-    EXPECT_EQ(user->gateway, 0x11u);
-    EXPECT_EQ(count(PORT), 1);
-    EXPECT_EQ(count(VLAN_IF), 1);
-    EXPECT_EQ(count(2), 0);
-
-    deliver(delete_record(HOST));
-    EXPECT_EQ(binding(HOST), nullptr);
-    EXPECT_EQ(world.texts(Did::Log), Lines{"7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.50\r\n"});
-    EXPECT_EQ(world.calls(), Lines{}); // neither hardware nor the peer heard of anything
-}
-
-TEST_F(Sync, Counts)
-{
-    // Kept: a static binding counts when it comes from the peer, and does not when it goes.
-    deliver(user_record(ADD, HOST, {.userType = 2}));
-    EXPECT_EQ(count(PORT), 1);
-    EXPECT_EQ(count(VLAN_IF), 1);
-    deliver(delete_record(HOST) + user_record(ADD, HOST));
-    EXPECT_EQ(count(PORT), 2);
-    deliver(delete_record(HOST));
-    EXPECT_EQ(count(PORT), 1);
-    EXPECT_EQ(count(VLAN_IF), 1);
-
-    // Interfaces that do not snoop count nothing; the limit is the learner's.
-    dhcpsnoop_if_lookup(PORT)->maxUser = 0;
-    deliver(user_record(ADD, HOST, {.vid = 20, .ifIndex = 2}) + user_record(ADD, HOST + 1));
-    EXPECT_EQ(count_bindings(), 2u);
-    EXPECT_EQ(count(PORT), 2);
-    EXPECT_EQ(count(VLAN_IF), 2);
-
-    dhcpsnoop_if_lookup(PORT)->curUser = 0xFFFF;
-    deliver(user_record(ADD, HOST + 2));
-    EXPECT_EQ(count(PORT), 0);
-}
-
-TEST_F(Sync, Servers)
-{
-    start(DHCPSNOOP_ROLE_SLAVE, 0, 2);
-    debug(1);
-    deliver(server_record(ADD, SERVER, PORT, 20));
-    EXPECT_EQ(debug_texts(), (Lines{"[DHCPSNOOP] Receive dhcpsnoop sync packet: len 16.",
-                                    "[DHCPSNOOP] Receive dhcpsnoop server sync packet: add flag 1, len 12.\r\n"}));
-    debug(0);
-    const auto held = [] {
-        Lines lines;
-        for (const DhcpsnoopServer *s : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
-            lines.push_back(world_format("%u vid %u if %u", s->serverIp - SERVER, s->vid, s->ifIndex));
-        return lines;
-    };
-    EXPECT_EQ(held(), Lines{"0 vid 20 if 1"});
-    deliver(server_record(ADD, SERVER, PORT, 20)); // known
-    EXPECT_EQ(held().size(), 1u);
-    deliver(server_record(DELETE, SERVER, 20, PORT)); // another port and VLAN
-    EXPECT_EQ(held().size(), 1u);
-    deliver(server_record(ADD, SERVER, 2, 20) + server_record(ADD, SERVER + 1, PORT, 20));
-    EXPECT_EQ(held(), (Lines{"1 vid 20 if 1", "0 vid 20 if 1"})); // full: the newest made room
-    deliver(server_record(DELETE, SERVER, PORT, 20) + server_record(7, SERVER + 1, PORT, 20));
-    EXPECT_EQ(held(), Lines{}); // anything but 1 deletes
-    EXPECT_EQ(world.calls(), Lines{});
-}
-
-TEST_F(Sync, NoNodeIsFree)
-{
-    start(DHCPSNOOP_ROLE_SLAVE, 1);
-    deliver(user_record(ADD, HOST) + user_record(ADD, HOST + 1) + server_record(ADD, SERVER, PORT, 10));
-    EXPECT_EQ(binding(HOST + 1), nullptr);
-    EXPECT_EQ(count(PORT), 1);
-    EXPECT_NE(dhcpsnoop_server_lookup(SERVER, 10, PORT), nullptr); // the walk goes on
-}
-
-// What a record's handler reads must be there; what the record says of its own length only moves the walk on.
-TEST_F(Sync, RecordsOfAnyLength)
-{
-    const Bytes user = user_record(ADD, HOST), gone = delete_record(HOST + 9),
-                server = server_record(ADD, SERVER, PORT, 10);
-    const auto first = [](const Bytes &bytes, size_t count) {
-        return Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
-    };
-    const Bytes other = user_record(ADD, HOST + 1);
-    uint16_t passedOver; // a VLAN whose bytes are the front of a header of type 3
-    memcpy(&passedOver, "\3\0", sizeof passedOver);
-    const Bytes deleteShort = header(1, DELETE, 20) + key_bytes(1, be32(HOST + 9));
-    const struct {
-        const char *claim;
-        Bytes packet;
-        const char *there; // H the host, O the other, S the server, K the one that was there before
-    } rows[] = {
-        {"nothing", {}, "K"},
-        {"3 bytes", first(user, 3), "K"},
-        {"a header alone", first(user, 4), "K"},
-        {"an addition one byte short", first(user, 59), "K"},
-        {"an addition", user, "HK"},
-        {"a deletion of the key alone", deleteShort, ""},
-        {"a deletion one byte short", first(deleteShort, 23), "K"},
-        {"a deletion as it is sent", gone, ""},
-        {"anything but 1 deletes", user_record(2, HOST + 9), ""},
-        {"a deletion that says more than is there", header(1, DELETE, 0xFFFF) + key_bytes(1, be32(HOST + 9)), ""},
-        {"a server", server, "SK"},
-        {"a server one byte short", first(server, 15), "K"},
-        {"two, the second short", user + first(other, 59), "HK"},
-        {"two and a server", user + other + server, "HOSK"},
-        {"1 to 3 bytes behind the last", user + Bytes(3, 1), "HK"},
-        {"other types are passed over by their length", header(3, 1, 5) + Bytes(5, 1) + other, "OK"},
-        {"other types longer than the packet end it", header(3, 1, 0xFFFC) + other, "K"},
-        {"a length whose sum would wrap in 16 bits", user_record(ADD, HOST, {}, 0xFFFC) + other, "HK"},
-        {"the longest length", user_record(ADD, HOST, {}, 0xFFFF) + other, "HK"},
-        {"a length beyond the packet does not keep the record out", user_record(ADD, HOST, {}, 57), "HK"},
-        {"a length within the record leads into it: what stands there is a header",
-         header(1, ADD, 20) + key_bytes(1, be32(HOST)) + Carried{.vid = passedOver, .origVid = 32}.bytes() + other,
-         "HOK"},
-        {"a server of a longer record", header(2, ADD, 20) + host32(SERVER) + host32(PORT) + host16(10) + Bytes(10, 0) + other, "OSK"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.claim);
-        start();
-        make_binding(HOST + 9, MAC_CLIENT, PORT, 10);
-        const std::string before = world_state();
-        deliver(row.packet);
-        std::string there;
-        there += binding(HOST) != nullptr ? "H" : "";
-        there += binding(HOST + 1) != nullptr ? "O" : "";
-        there += dhcpsnoop_server_lookup(SERVER, 10, PORT) != nullptr ? "S" : "";
-        there += binding(HOST + 9) != nullptr ? "K" : "";
-        EXPECT_EQ(there, row.there);
-        EXPECT_EQ(there == "K", world_state() == before);
-        EXPECT_EQ(world_check_tables(), "");
-    }
-}
-
-TEST_F(Sync, DumpsStayWithinTheRecord)
-{
-    // claim, packet, bytes (of packet and record body)
-    const std::tuple<const char *, Bytes, size_t> rows[] = {
-        {"an addition that says 64 KB", user_record(ADD, HOST, {}, 0xFFFF), 60 + 56},
-        {"an addition that says 3", user_record(ADD, HOST, {}, 3), 60 + 3},
-        {"a server that says 64 KB", server_record(ADD, SERVER, PORT, 10, 0xFFFF), 16 + 12},
-        {"an unknown type", header(9, 1, 0xFFFF) + Bytes(4, 1), 8},
-    };
-    for (const auto &[claim, packet, bytes] : rows) {
-        SCOPED_TRACE(claim);
-        start();
-        debug(2);
-        Printed dumped;
-        deliver(packet);
-        const std::string text = dumped.text();
-        EXPECT_EQ(std::count(text.begin(), text.end(), ' '), static_cast<ptrdiff_t>(2 * bytes));
-    }
-}
-
-TEST_F(Sync, TakeOver)
-{
-    make_binding(HOST, MAC_CLIENT, PORT, 10);
-    carry(make_binding(HOST + 1, MAC_CLIENT, PORT, 10), {});
-    world.role(DHCPSNOOP_ROLE_MASTER);
-    world.clear();
-    debug(2);
-    deliver(delete_record(HOST));
-    EXPECT_NE(binding(HOST), nullptr);
-    EXPECT_TRUE(printed("[DHCPSNOOP] running role of the dhcpsnoop changed from Slave to Master.\r\n"));
-    dhcpsnoop_user_delete(binding(HOST + 1));
-    // Its rules are withdrawn from hardware by this unit, and the new standby hears of it.
-    EXPECT_EQ(world.calls("hw delete 1").size(), 2u);
-    EXPECT_EQ(hex(world.all(Did::Call).back()->data), hex(delete_record(HOST + 1)));
-    dhcpsnoop_server_add(SERVER, 20, 2);
-    ASSERT_EQ(world.calls("qorHwScalarSync").size(), 2u);
-    EXPECT_EQ(hex(world.all(Did::Call).back()->data), hex(server_record(ADD, SERVER, 2, 20)));
 }
 
 } // namespace

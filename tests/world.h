@@ -176,5 +176,8 @@ std::string world_hex(const uint8_t *bytes, size_t count); // "0a 0b"
 std::string world_check_tables(bool counts = false);
 
 // Everything of the daemon's state that a refused frame or request must leave as it was, as readable lines:
-// interfaces with settings and counters, bindings, MAC users, servers, formats, switches.
+// interfaces with settings and counters, bindings, MAC users, servers, formats, switches. Words of value 0 are left out;
+// '#' stands before a hexadecimal number, and a lease's start is relative to now.
 std::string world_state();
+// What became of the lines since: " | if5 max=7 | -10.0.0.5 | +server/0a000001/5/10".
+std::string world_changes(const std::string &before);

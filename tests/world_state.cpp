@@ -1,8 +1,12 @@
 // What the daemon holds, checked and written out.
 #include "world.h"
 
+#include <algorithm>
+#include <iterator>
+#include <map>
 #include <numeric>
 #include <set>
+#include <sstream>
 
 #include "dhcpsnoop_user.h"
 #include "list.h"
@@ -37,10 +41,51 @@ std::string in_pool(const char *name, const void *pool, const std::set<const voi
     return "";
 }
 
-std::string format_line(const char *name, const DhcpsnoopOptionFormat &format)
+// "61 62" as "6162", four and more of the same as "78*128"; zeros at the end are left out.
+std::string brief(const uint8_t *bytes, size_t count)
 {
-    return world_format("%s %u %u ", name, format.mode, format.len) + world_hex(format.text, sizeof format.text) + "\n";
+    while (count > 0 && bytes[count - 1] == 0)
+        count--;
+    std::string text;
+    for (size_t i = 0, same = 1; i < count; i += same) {
+        for (same = 1; i + same < count && bytes[i + same] == bytes[i];)
+            same++;
+        same = same < 4 ? 1 : same;
+        text += same == 1 ? world_format("%02x", bytes[i]) : world_format("%02x*%zu", bytes[i], same);
+    }
+    return text;
 }
+
+// " name=5", or " name#ff" where the name says so; nothing for 0.
+std::string numbers(std::initializer_list<std::pair<std::string, uint32_t>> values)
+{
+    std::string text;
+    for (const auto &[name, value] : values)
+        if (value != 0)
+            text += " " + name + world_format(name.ends_with('#') ? "%x" : "=%u", value);
+    return text;
+}
+
+std::string bytes_of(const std::string &name, const uint8_t *bytes, size_t count)
+{
+    const std::string text = brief(bytes, count);
+    return text.empty() ? "" : " " + name + ":" + text;
+}
+
+// Words of each line by its first word.
+std::map<std::string, std::vector<std::string>> state_lines(const std::string &state)
+{
+    std::map<std::string, std::vector<std::string>> lines;
+    std::istringstream stream(state);
+    for (std::string line, key; std::getline(stream, line);) {
+        std::istringstream words(line);
+        words >> key;
+        lines[key] = {std::istream_iterator<std::string>(words), {}};
+    }
+    return lines;
+}
+
+std::string name_of(const std::string &word) { return word.substr(0, word.find_first_of("=#:")); }
 
 } // namespace
 
@@ -97,37 +142,61 @@ std::string world_state()
     WorldScope scope;
     std::string state;
     for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        state += world_format("interface %u max %u cur %u s21 %u vlanIf %u flags %08x types %u %u %u %u fmt %u %u %u "
-                              "%u drops %u %u %u relay %08x servers %08x %08x %08x mac %s\n",
-                              ifp->ifIndex, ifp->maxUser, ifp->curUser, ifp->setting21, ifp->isVlanIf, ifp->flags, ifp->interfaceIdType, ifp->remoteId6Type, ifp->circuitIdType, ifp->remoteIdType, ifp->interfaceIdFmt, ifp->remoteId6Fmt, ifp->circuitIdFmt, ifp->remoteIdFmt, ifp->counters[0], ifp->counters[1], ifp->counters[2], ifp->relayAddr, ifp->serverIp[0], ifp->serverIp[1], ifp->serverIp[2], world_hex(ifp->mac, 6).c_str());
+        state += world_format("if%u", ifp->ifIndex) + bytes_of("mac", ifp->mac, 6) +
+                 numbers({{"max", ifp->maxUser}, {"cur", ifp->curUser}, {"s21", ifp->setting21}, {"vlanIf", ifp->isVlanIf}, {"flags#", ifp->flags}, {"untrusted", ifp->counters[0]}, {"forged", ifp->counters[1]}, {"unbound", ifp->counters[2]}, {"relay#", ifp->relayAddr}, {"server0#", ifp->serverIp[0]}, {"server1#", ifp->serverIp[1]}, {"server2#", ifp->serverIp[2]}});
         const struct {
-            const char *name;
+            std::string name;
             const uint8_t *text;
-            uint8_t length;
-        } texts[] = {{"circuitId", ifp->circuitId, ifp->circuitIdLen},
-                     {"remoteId", ifp->remoteId, ifp->remoteIdLen},
-                     {"subopt9", ifp->subopt9, ifp->subopt9Len},
-                     {"interfaceId", ifp->interfaceId, ifp->interfaceIdLen},
-                     {"remoteId6", ifp->remoteId6, ifp->remoteId6Len}};
+            uint8_t length, type, format;
+        } texts[] = {{"circuit", ifp->circuitId, ifp->circuitIdLen, ifp->circuitIdType, ifp->circuitIdFmt},
+                     {"remote", ifp->remoteId, ifp->remoteIdLen, ifp->remoteIdType, ifp->remoteIdFmt},
+                     {"sub9", ifp->subopt9, ifp->subopt9Len, 0, 0},
+                     {"id18", ifp->interfaceId, ifp->interfaceIdLen, ifp->interfaceIdType, ifp->interfaceIdFmt},
+                     {"id37", ifp->remoteId6, ifp->remoteId6Len, ifp->remoteId6Type, ifp->remoteId6Fmt}};
         for (const auto &text : texts)
-            state += world_format("  %s %u ", text.name, text.length) + world_hex(text.text, DHCPSNOOP_TEXT_MAX) + "\n";
+            state += numbers({{text.name + "Fmt", text.format}, {text.name + "Type", text.type}, {text.name + "Len", text.length}}) + bytes_of(text.name, text.text, DHCPSNOOP_TEXT_MAX);
+        state += "\n";
     }
     for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
-        for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket))
-            state += world_format("binding %u %s vid %u/%u if %u lease %u from %u hw %02x type %u state %u mark %02x attr %u mac %s "
-                                  "ids %u %u gw %08x tag %08x source %u %u items %02x %02x server %08x\n",
-                                  user->key.ipType, world_hex(user->key.ipAddr, 16).c_str(), user->vid, user->origVid, user->ifIndex, user->leaseTime, user->leaseStart, user->hwFlags, user->userType, user->bindState, user->macMark, user->userAttr, world_hex(user->mac, 6).c_str(), user->ipsgHwId, user->daiHwId, user->gateway, user->vendorTag, user->ipsgSource, user->daiSource, user->ipsgCheckItems, user->daiCheckItems, user->serverId);
+        for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
+            const uint8_t *ip = user->key.ipAddr;
+            state += user->key.ipType == 1 ? world_format("%u.%u.%u.%u", ip[0], ip[1], ip[2], ip[3]) : world_format("type%u/", user->key.ipType) + brief(ip, 16);
+            const auto since = static_cast<int>(user->leaseStart - static_cast<uint32_t>(world.now));
+            state += user->leaseStart == 0 ? "" : std::abs(since) < 1'000'000 ? world_format(" from:%+d", since) : world_format(" from#%x", user->leaseStart);
+            state += numbers({{"vid", user->vid}, {"orig", user->origVid}, {"if", user->ifIndex}, {"lease", user->leaseTime}, {"hw#", user->hwFlags}, {"type", user->userType}, {"state", user->bindState}, {"mark#", user->macMark}, {"attr", user->userAttr}, {"ipsgId", user->ipsgHwId}, {"daiId", user->daiHwId}, {"gw#", user->gateway}, {"tag#", user->vendorTag}, {"ipsgFrom", user->ipsgSource}, {"daiFrom", user->daiSource}, {"ipsg#", user->ipsgCheckItems}, {"dai#", user->daiCheckItems}, {"server#", user->serverId}}) +
+                     bytes_of("mac", user->mac, 6) + "\n";
+        }
     for (DhcpsnoopLink &bucket : gDhcpsnoop.macUserHash)
         for (const DhcpsnoopMacUser *user : list_each<DhcpsnoopMacUser>(&bucket))
-            state += world_format("waiting %s vid %u if %u age %u seen %u server %08x\n", world_hex(user->mac, 6).c_str(), user->vid, user->ifIndex, user->ageTime, user->seenTime, user->serverId);
+            state += "waiting/" + brief(user->mac, 6) + numbers({{"vid", user->vid}, {"if", user->ifIndex}, {"age", user->ageTime}, {"seen", user->seenTime}, {"server#", user->serverId}}) + "\n";
     for (const DhcpsnoopServer *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
-        state += world_format("server %08x if %u vid %u\n", server->serverIp, server->ifIndex, server->vid);
-    state += format_line("circuitIdFmt", gDhcpsnoop.circuitIdFmt);
-    state += format_line("remoteIdFmt", gDhcpsnoop.remoteIdFmt);
-    state += format_line("interfaceIdFmt", gDhcpsnoop.interfaceIdFmt);
-    state += format_line("remoteId6Fmt", gDhcpsnoop.remoteId6Fmt);
-    state += world_format("global %u %u %u debug %02x enterprise %u dai %u role %u\n", gDhcpsnoop.globalEnable,
-                          gDhcpsnoop.hwNotifyEnable, gDhcpsnoop.serverLearn, gDhcpsnoop.debugFlags,
-                          gDhcpsnoop.enterpriseNum, gDhcpsnoop.daiStarted, gDhcpsnoop.runningRole);
-    return state;
+        state += world_format("server/%08x/%u/%u\n", server->serverIp, server->ifIndex, server->vid);
+    const std::pair<const char *, const DhcpsnoopOptionFormat *> formats[] = {{"circuitIdFmt", &gDhcpsnoop.circuitIdFmt}, {"remoteIdFmt", &gDhcpsnoop.remoteIdFmt}, {"interfaceIdFmt", &gDhcpsnoop.interfaceIdFmt}, {"remoteId6Fmt", &gDhcpsnoop.remoteId6Fmt}};
+    for (const auto &[name, format] : formats)
+        state += name + numbers({{"mode", format->mode}, {"len", format->len}}) + bytes_of("text", format->text, sizeof format->text) + "\n";
+    return state + "global" + numbers({{"on", gDhcpsnoop.globalEnable}, {"notify", gDhcpsnoop.hwNotifyEnable}, {"learn", gDhcpsnoop.serverLearn}, {"debug#", gDhcpsnoop.debugFlags}, {"enterprise", gDhcpsnoop.enterpriseNum}, {"dai", gDhcpsnoop.daiStarted}, {"role", gDhcpsnoop.runningRole}}) + "\n";
+}
+
+std::string world_changes(const std::string &before)
+{
+    WorldScope scope;
+    const auto was = state_lines(before), is = state_lines(world_state());
+    std::string changes;
+    for (const auto &[key, words] : was)
+        changes += is.contains(key) ? "" : " | -" + key;
+    for (const auto &[key, words] : is) {
+        std::string line;
+        const auto known = was.find(key);
+        std::vector<std::string> gone = known != was.end() ? known->second : std::vector<std::string>();
+        for (const std::string &word : words) {
+            if (std::find(gone.begin(), gone.end(), word) == gone.end())
+                line += " " + word;
+            std::erase_if(gone, [&](const std::string &other) { return name_of(other) == name_of(word); });
+        }
+        for (const std::string &word : gone)
+            line += " " + name_of(word) + "=0";
+        if (known == was.end() || !line.empty())
+            changes += (known == was.end() ? " | +" : " | ") + key + line;
+    }
+    return changes;
 }
