@@ -30,7 +30,8 @@ uint32_t number(std::istream &words)
 
 DhcpsnoopUserKey key_of(const std::string &word)
 {
-    return word == "none" ? DhcpsnoopUserKey{} : word.find(':') != std::string::npos ? key6(word.c_str()) : key4(number_of(word));
+    return word == "none" ? DhcpsnoopUserKey{} : word.find(':') != std::string::npos ? key6(word.c_str())
+                                                                                     : key4(number_of(word));
 }
 
 Bytes address_of(const std::string &word)
@@ -54,7 +55,9 @@ Bytes request(const std::string &line)
     else if (name.starts_with("user") && words >> word)
         request.key(key_of(word).ipType, address_of(word));
     else
-        for (int items = name.starts_with("server") ? 2 : func < 22 ? 1 : 0; items > 0; items--)
+        for (int items = name.starts_with("server") ? 2 : func < 22 ? 1
+                                                                    : 0;
+             items > 0; items--)
             request.number(number(words));
     std::getline(words >> std::ws, text);
     std::istringstream value(text);
@@ -64,7 +67,8 @@ Bytes request(const std::string &line)
     else if (word == "pair")
         request.data(4, be32(number(value)) + be32(number(value)));
     else if (const uint32_t type = word == "form" ? number(value) : 0; true)
-        request.data(static_cast<uint8_t>(type), text[0] == '\'' ? text_bytes(text.substr(1)) : word == ":" ? hex_bytes(text.substr(1)) : Bytes(number(value), 0xEE));
+        request.data(static_cast<uint8_t>(type), text[0] == '\'' ? text_bytes(text.substr(1)) : word == ":" ? hex_bytes(text.substr(1))
+                                                                                                            : Bytes(number(value), 0xEE));
     while (changes >> word)
         if (const uint32_t at = number(changes); word == "cut")
             request.bytes.resize(at);
@@ -107,7 +111,8 @@ Bytes packed(const std::string &line)
         } else if (word[0] == 'a' && word.size() > 2) {
             bytes = bytes + link_attribute(static_cast<uint16_t>(number_of(word.substr(1))), value != std::string::npos ? packed(word.substr(value)) : Bytes());
         } else {
-            bytes = bytes + (value == 0 ? host32(number_of(word.substr(1))) : word[0] == '%' ? host16(number_of(word.substr(1))) : hex_bytes(word));
+            bytes = bytes + (value == 0 ? host32(number_of(word.substr(1))) : word[0] == '%' ? host16(number_of(word.substr(1)))
+                                                                                             : hex_bytes(word));
         }
     }
     close();
@@ -124,8 +129,12 @@ std::string unpacked(const Bytes &packet)
     size_t records = 0;
     for (size_t at = 0; at + 16 <= packet.size(); records++) {
         for (const char field : std::string(packet[at] == 1 ? "bbhkhhwwwbbbbhmww" : "bbhwwhh")) {
-            const size_t size = field == 'b' ? 1 : field == 'h' ? 2 : field == 'w' ? 4 : field == 'k' ? 20 : 6;
-            text += field == 'h' ? world_format(" %%%u", host16_at(packet, at)) : field == 'w' ? world_format(" =%#x", host32_at(packet, at)) : " " + world_hex(packet.data() + at, size);
+            const size_t size = field == 'b' ? 1 : field == 'h' ? 2
+                                               : field == 'w'   ? 4
+                                               : field == 'k'   ? 20
+                                                                : 6;
+            text += field == 'h' ? world_format(" %%%u", host16_at(packet, at)) : field == 'w' ? world_format(" =%#x", host32_at(packet, at))
+                                                                                               : " " + world_hex(packet.data() + at, size);
             at += size;
         }
     }
@@ -169,9 +178,12 @@ std::string answer_of(const Bytes &asked)
     const uint32_t length = dhcpsnoop_cmd_process(bytes.data(), static_cast<uint32_t>(bytes.size()));
     if (length != bytes.size())
         return length == 0 && bytes == asked ? "none" : world_format("%u bytes", length);
-    const auto data = static_cast<ptrdiff_t>(26 + (asked[25] == 3 ? 29 : asked[25] == 2 ? 14 : asked[7] < 22 ? 7 : 0));
+    const auto data = static_cast<ptrdiff_t>(26 + (asked[25] == 3 ? 29 : asked[25] == 2 ? 14
+                                                                     : asked[7] < 22    ? 7
+                                                                                        : 0));
     const auto word = [&bytes](size_t at) { return wire_get32(bytes.data() + at); };
-    std::string text = word(12) == 0 ? "ok" : word(12) == 0xAAAAAAAA ? "as asked" : world_format("%x", word(12));
+    std::string text = word(12) == 0 ? "ok" : word(12) == 0xAAAAAAAA ? "as asked"
+                                                                     : world_format("%x", word(12));
     if (!std::equal(asked.begin(), asked.begin() + 12, bytes.begin()) || !std::equal(asked.begin() + 16, asked.begin() + data, bytes.begin() + 16))
         text += " head changed";
     if (const Bytes item(bytes.begin() + data, bytes.end()); !std::equal(item.begin(), item.end(), asked.begin() + data))
@@ -202,17 +214,17 @@ void set_members(std::istream &words)
 const std::map<std::string, void (*)(const uint32_t *n)> WORLD_STEPS = {
     {"debug", [](const uint32_t *n) { debug(static_cast<int>(n[0])); }},
     {"later", [](const uint32_t *n) { world.now += static_cast<int32_t>(n[0]); }},
-    {"access", [](const uint32_t *n) { world.access(n[0], static_cast<uint16_t>(n[1])); }},                                   // port, VLAN
-    {"vlanif", [](const uint32_t *n) { world.vlan_interface(n[0], static_cast<uint16_t>(n[1])); }},                           // interface, VLAN
-    {"place", [](const uint32_t *n) { world.access(n[0], 10).location = {n[1], n[2], 1, 0, n[0], 1, n[3]}; }},                // port; system, slot, card
-    {"self", [](const uint32_t *n) { world.selfSystem = n[0]; }},                                                             // system
-    {"answer", [](const uint32_t *n) { world.cardAnswers[n[0]] = world.slotAnswers[n[0]] = static_cast<int32_t>(n[1]); }},    // property, value
+    {"access", [](const uint32_t *n) { world.access(n[0], static_cast<uint16_t>(n[1])); }},                                // port, VLAN
+    {"vlanif", [](const uint32_t *n) { world.vlan_interface(n[0], static_cast<uint16_t>(n[1])); }},                        // interface, VLAN
+    {"place", [](const uint32_t *n) { world.access(n[0], 10).location = {n[1], n[2], 1, 0, n[0], 1, n[3]}; }},             // port; system, slot, card
+    {"self", [](const uint32_t *n) { world.selfSystem = n[0]; }},                                                          // system
+    {"answer", [](const uint32_t *n) { world.cardAnswers[n[0]] = world.slotAnswers[n[0]] = static_cast<int32_t>(n[1]); }}, // property, value
     {"members", [](const uint32_t *n) { world.trunkQueryResult = static_cast<int32_t>(n[0]), world.trunkQueryCount = static_cast<uint8_t>(n[1]); }},
-    {"scalar", [](const uint32_t *n) { world.hwScalars[n[0]] = n[1]; }},                                                      // of hardware; value
+    {"scalar", [](const uint32_t *n) { world.hwScalars[n[0]] = n[1]; }}, // of hardware; value
     {"role", [](const uint32_t *n) { world.role(static_cast<DhcpsnoopRole>(n[0])), dhcpsnoop_running_role_get(); }},
-    {"items", [](const uint32_t *n) { world.ipsg[n[0]].items = world.dai[n[0]].items = static_cast<uint8_t>(n[1]); }},        // checked on an interface
-    {"bind", [](const uint32_t *n) { make_binding(n[0], MAC_CLIENT, n[1], static_cast<uint16_t>(n[2])); }},                   // address, interface, VLAN
-    {"discover", [](const uint32_t *n) { receive(Frame{}, {.port = n[0]}); }},                                                // on a port
+    {"items", [](const uint32_t *n) { world.ipsg[n[0]].items = world.dai[n[0]].items = static_cast<uint8_t>(n[1]); }}, // checked on an interface
+    {"bind", [](const uint32_t *n) { make_binding(n[0], MAC_CLIENT, n[1], static_cast<uint16_t>(n[2])); }},            // address, interface, VLAN
+    {"discover", [](const uint32_t *n) { receive(Frame{}, {.port = n[0]}); }},                                         // on a port
 };
 
 // The answer, if the step has one.
@@ -277,10 +289,6 @@ void check_steps(std::span<const Step> steps, void (*start)())
         start();
         play(step.before);
         const std::string outcome = play(step.words);
-        if (step.outcome == "?") { // FILL
-            fprintf(stderr, "FILL\t%s\n", outcome.c_str()); // FILL
-            continue; // FILL
-        } // FILL
         EXPECT_EQ(outcome, step.outcome) << step.claim;
     }
 }

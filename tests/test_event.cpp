@@ -164,7 +164,7 @@ TEST_F(Events, Cards) { check_steps(CARDS, start); }
 // Called with another length than the message's own, each handler keeps to the shorter of the two.
 TEST_F(Events, HandlersAreBoundTwice)
 {
-    const std::tuple<void (*)(uint8_t *message, int32_t length), const char *, int32_t> handlers[] = {
+    const std::tuple<void (*)(uint8_t * message, int32_t length), const char *, int32_t> handlers[] = {
         {dhcpsnoop_newlink_process, "16: link 1 a38", 20}, {dhcpsnoop_dellink_process, "17: link 1", 16}, {dhcpsnoop_ipsgchangeitem_process, "198: =1 90", 5}, {dhcpsnoop_daichangeitem_process, "199: =1 90", 5}};
     for (const auto &[handle, words, payload] : handlers) {
         const std::tuple<uint32_t, int32_t, bool> lengths[] = {{payload + 16, payload, true}, {payload + 16, 4000, true}, {payload + 16, payload - 1, false}, {payload + 16, 0, false}, {payload + 16, -1, false}, {payload + 15, payload, false}, {3, payload, false}, {0xFFFFFFFF, payload, true}};

@@ -116,7 +116,7 @@ TEST_F(User, Learning)
     world.ports[1].name = std::string(70, 'n'); // a description longer than its room; then every field of the entry
     learn(THEN);
     EXPECT_NE(texts().find(", interface " + std::string(63, 'n') + ", vlan 10, "), std::string::npos);
-    EXPECT_NE(world_state().find(world_format("vid 10/10 if 1 lease 60 from %u hw 00 type 1 state 4 mark 30 attr 0 mac 02 c1 00 00 00 01 ids 0 0 gw 00000000 tag 00000063 source 0 0 items 00 00 server 0a000001\n", static_cast<uint32_t>(world.now))), std::string::npos);
+    EXPECT_NE(world_state().find(" from:+0 vid=10 orig=10 if=1 lease=60 type=1 state=4 mark#30 tag#63 server#a000001 mac:02c100000001\n"), std::string::npos);
     const DhcpsnoopUserKey key = key4(HOST + 1);
     Parsed nobody(Frame{});
     nobody.info.chaddr = nullptr;
@@ -198,7 +198,7 @@ TEST_F(User, MacUsers)
     first.info.rxTime = second.info.rxTime = 1234;
     DhcpsnoopMacUser *one = dhcpsnoop_mac_user_add(&first.info), *two = dhcpsnoop_mac_user_add(&second.info);
     // Whatever the limits say, in the place of the client.
-    EXPECT_NE(world_state().find("waiting 00 00 00 00 02 01 vid 10 if 3 age 120 seen 1234 server 00000000\nwaiting 00 00 00 00 01 02 vid 10 if 1 age 120 seen 1234 server 0000004d\n"), std::string::npos);
+    EXPECT_NE(world_state().find("waiting/000000000201 vid=10 if=3 age=120 seen=1234\nwaiting/000000000102 vid=10 if=1 age=120 seen=1234 server#4d\n"), std::string::npos);
     DhcpsnoopMacUser *again = dhcpsnoop_mac_user_add(&first.info); // duplicates are the caller's affair; the newest is found
     EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == again && dhcpsnoop_mac_user_lookup(b.data()) == two);
     dhcpsnoop_mac_user_delete(again);

@@ -41,7 +41,7 @@ std::string in_pool(const char *name, const void *pool, const std::set<const voi
     return "";
 }
 
-// "61 62" as "6162", four and more of the same as "78*128"; zeros at the end are left out.
+// "61 62" as "6162", nine and more of the same as "78*128"; zeros at the end are left out.
 std::string brief(const uint8_t *bytes, size_t count)
 {
     while (count > 0 && bytes[count - 1] == 0)
@@ -50,7 +50,7 @@ std::string brief(const uint8_t *bytes, size_t count)
     for (size_t i = 0, same = 1; i < count; i += same) {
         for (same = 1; i + same < count && bytes[i + same] == bytes[i];)
             same++;
-        same = same < 4 ? 1 : same;
+        same = same < 9 ? 1 : same;
         text += same == 1 ? world_format("%02x", bytes[i]) : world_format("%02x*%zu", bytes[i], same);
     }
     return text;
@@ -162,7 +162,8 @@ std::string world_state()
             const uint8_t *ip = user->key.ipAddr;
             state += user->key.ipType == 1 ? world_format("%u.%u.%u.%u", ip[0], ip[1], ip[2], ip[3]) : world_format("type%u/", user->key.ipType) + brief(ip, 16);
             const auto since = static_cast<int>(user->leaseStart - static_cast<uint32_t>(world.now));
-            state += user->leaseStart == 0 ? "" : std::abs(since) < 1'000'000 ? world_format(" from:%+d", since) : world_format(" from#%x", user->leaseStart);
+            state += user->leaseStart == 0 ? "" : std::abs(since) < 1'000'000 ? world_format(" from:%+d", since)
+                                                                              : world_format(" from#%x", user->leaseStart);
             state += numbers({{"vid", user->vid}, {"orig", user->origVid}, {"if", user->ifIndex}, {"lease", user->leaseTime}, {"hw#", user->hwFlags}, {"type", user->userType}, {"state", user->bindState}, {"mark#", user->macMark}, {"attr", user->userAttr}, {"ipsgId", user->ipsgHwId}, {"daiId", user->daiHwId}, {"gw#", user->gateway}, {"tag#", user->vendorTag}, {"ipsgFrom", user->ipsgSource}, {"daiFrom", user->daiSource}, {"ipsg#", user->ipsgCheckItems}, {"dai#", user->daiCheckItems}, {"server#", user->serverId}}) +
                      bytes_of("mac", user->mac, 6) + "\n";
         }
