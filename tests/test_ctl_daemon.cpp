@@ -2,7 +2,7 @@
 // socket: what is set is shown, what is shown rebuilds, and what the daemon refuses is explained.
 #include <gtest/gtest.h>
 
-#include <filesystem>
+#include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -16,48 +16,53 @@ namespace
 
 // Indexes that have no name in any network namespace: two ports and the VLAN interface of VLAN 10.
 constexpr uint32_t PORT_A = 500000001, PORT_B = 500000002, VLAN_IF = 500000003;
-const std::string NEW_CONFIG = "dhcpsnoopctl enterprise-number 32473\n"; // of a daemon just started
 const std::string A = "interface 500000001 ", B = "interface 500000002 ";
 
 Bytes inDaemon(const Bytes &body)
 {
     Bytes buffer = body;
-    uint32_t length = dhcpsnoop_cmd_process(buffer.data(), static_cast<uint32_t>(buffer.size()));
-    EXPECT_LE(length, buffer.size());
-    buffer.resize(length);
+    buffer.resize(dhcpsnoop_cmd_process(buffer.data(), static_cast<uint32_t>(body.size())));
     return buffer;
 }
 
-Ran run(const std::string &line) { return ::run(line, inDaemon); }
-
-void must(const std::string &line)
+// A line of the client; one that begins with "load:" stands in a file that is loaded.
+Ran run(const std::string &line, const Exchange &exchange = inDaemon)
 {
-    Ran ran = run(line);
-    EXPECT_EQ(ran.status, EXIT_DONE) << line << ": " << ran.err;
-}
-
-Ran loadText(const std::string &text, const std::string &options = "", const Exchange &exchange = inDaemon)
-{
+    if (!line.starts_with("load:"))
+        return ::run(line, exchange);
     const std::string name = testing::TempDir() + "load-" + std::to_string(getpid());
-    std::ofstream(name) << text;
-    Ran ran = ::run("load " + name + options, exchange);
-    std::filesystem::remove(name);
+    const size_t options = line.find(" @ "); // of the load
+    std::ofstream(name) << line.substr(5, options - 5);
+    Ran ran = ::run("load " + name + (options != std::string::npos ? line.substr(options + 2) : ""), exchange);
+    std::remove(name.c_str());
     return ran;
 }
 
-class CtlDaemon : public testing::Test
+void start()
 {
-  protected:
-    void SetUp() override { start(); }
-    void TearDown() override { EXPECT_EQ(world_check_tables(), ""); }
-    void start()
-    {
-        world.reset();
-        world.access(PORT_A, 10);
-        world.trunk(PORT_B, {10, 20});
-        world.vlan_interface(VLAN_IF, 10);
-    }
-};
+    world.reset();
+    world.access(PORT_A, 10);
+    world.trunk(PORT_B, {10, 20});
+    world.vlan_interface(VLAN_IF, 10);
+    world.vlan_interface(VLAN_IF + 1, 5);
+    world.access(VLAN_IF + 2, 10);
+    world.refuse("qorIfSetApi 500000005 305", 19);
+}
+
+std::vector<std::string> lines_of(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line, ';');)
+        lines.push_back(line);
+    return lines;
+}
+
+void must(const std::string &line)
+{
+    const Ran ran = run(line);
+    EXPECT_EQ(ran.status, EXIT_DONE) << line << ": " << ran.err;
+}
 
 // Every setting at a value that it does not have at first.
 void configure()
@@ -80,8 +85,9 @@ void configure()
     must("binding bind 10.0.0.6");
 }
 
-TEST_F(CtlDaemon, EverySettingIsReadBackAsItWasMade)
+TEST(CtlDaemon, SettingsAreReadBackAndRebuilt)
 {
+    start();
     configure();
     auto shown = nlohmann::json::parse(run("show " + A + "--json").out);
     shown.erase("users");
@@ -96,132 +102,90 @@ TEST_F(CtlDaemon, EverySettingIsReadBackAsItWasMade)
         "source-mac-check": true, "binding-check": true, "max-users": 50, "relay-address": "10.0.0.1",
         "relay-servers": ["192.0.2.1", "192.0.2.2", "192.0.2.3"], "flag14": true, "setting21": 65535,
         "dropped-untrusted": 0, "dropped-source-mac": 0, "dropped-binding": 0})"));
-}
-
-TEST_F(CtlDaemon, ShownConfigurationRebuildsIt)
-{
-    configure();
-    std::string before = run("show config").out;
-    std::string interfaces = run("show interfaces --json").out, global = run("show global").out, bindings = run("show bindings").out;
+    const auto all = [] { return run("show config").out + run("show interfaces --json").out + run("show global").out + run("show bindings").out; };
+    const std::string before = all(), config = run("show config").out;
     start();
     EXPECT_EQ(run("show interfaces --json").out, "[]\n");
     must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound"); // as from a journal
-    for (const char *claim : {"new", "there already"}) {
-        Ran loaded = loadText("# settings\n\n" + before);
-        EXPECT_EQ(loaded.status, EXIT_DONE) << claim << ": " << loaded.err;
-    }
-    EXPECT_EQ(run("show config").out, before);
-    EXPECT_EQ(run("show interfaces --json").out, interfaces);
-    EXPECT_EQ(run("show global").out, global);
-    EXPECT_EQ(run("show bindings").out, bindings);
-    EXPECT_NE(before.find("dhcpsnoopctl binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound\n"), std::string::npos) << before;
+    must("load:# settings\n\n" + config);
+    must("load:" + config); // all of it there already
+    EXPECT_EQ(all(), before);
+    // What the daemon forgets with a switch, the client must not give back.
+    for (const char *option : {"option82 off", "option18 off", "option37 off"})
+        must(A + option);
+    for (const char *gone : {"option82 on", "option82-policy", "circuit-id", "remote-id", "subopt9", "option18", "interface-id", "option37"})
+        EXPECT_EQ(run("show config").out.find(A + gone), std::string::npos) << gone;
 }
 
-// All other lines are done; each that was not is told with its place.
-TEST_F(CtlDaemon, LinesThatCannotBeLoaded)
+// clang-format off
+#define TABLE "ADDRESS   MAC                VLAN  INTERFACE  TYPE    STATE  LEASE    LEFT\n"
+const std::string LOADED = "dhcpsnoopctl enterprise-number 32473\ndhcpsnoopctl server-learning on\ndhcpsnoopctl interface 500000002 snooping on\n", NEW = LOADED.substr(0, LOADED.find('\n') + 1);
+const struct {
+    std::string before, line; // lines separated by ';'
+    ExitStatus status;
+    const char *said;                 // a part
+    std::string after = "", out = ""; // the line that shows it, and what that prints
+} ROWS[] = {
+    {"", A + "trust on", EXIT_REFUSED, "NM_NO_ENTRY (0x3E80002): no such entry or interface (is snooping off there?"},
+    {"", "show " + A, EXIT_REFUSED, "NM_NO_ENTRY (0x3E80002)"},
+    {"", A + "version both", EXIT_REFUSED, "interface 500000001 version: refused, NM_NO_ENTRY"},
+    {A + "snooping on", A + "circuit-id text x", EXIT_REFUSED, "option82 on' comes first)"},
+    {A + "snooping on", A + "interface-id text x", EXIT_REFUSED, "option18 on' comes first)"},
+    {A + "snooping on;" + A + "server 10.0.0.1 add;" + A + "server 10.0.0.2 add;" + A + "server 10.0.0.3 add", A + "server 10.0.0.4 add", EXIT_REFUSED, "(are all three in use?)"},
+    {"", "vlan 99 snooping on", EXIT_REFUSED, "NM_END (0xFFFFFFFF): nothing more, or the VLAN has no interface"},
+    {"binding add 10.0.0.5 unbound", "binding add 10.0.0.5 unbound", EXIT_REFUSED, "NM_EXISTS"},
+    {"", "interface 500000005 snooping on", EXIT_REFUSED, "result 19 of the platform: No such device (is it no port of the switch"},
+    {A + "snooping on;" + A + "trust on", A + "version 4", EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n"},
+    {A + "snooping on;" + A + "trust on", A + "version both", EXIT_DONE, "took trust away; 'interface 500000001 trust on'"},
+    {"vlan 10 snooping on", "vlan 5 snooping on", EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n5     32768\n10    32768\n"}, // whatever the order of the interfaces
+    // All other lines are done; each that was not is told with its place.
+    {"", "load:" + B + "snooping on\n" + A + "trust on\nserver-learning on", EXIT_REFUSED, ":2: interface 500000001 trust: refused, NM_NO_ENTRY", "show config", LOADED},
+    {"", "load:" + B + "snooping on\ninterface swp77 snooping on\nserver-learning on", EXIT_USAGE, ":2: ", "show config", LOADED},
+    {"", "load:" + B + "snooping on\n" + B + "remote-id text 'x", EXIT_USAGE, ":2: a quote is not closed", "show config", NEW},
+    {"", "load:" + B + "snooping on\n" + B + "remote-id text $(id)", EXIT_USAGE, ":2: ", "show config", NEW},
+    {"", "load:" + B + "snooping on\nsnooping on; snooping off", EXIT_USAGE, ":2: ", "show config", NEW},
+    {"", "load:" + B + "snooping on\nload /dev/null", EXIT_USAGE, ":2: 'load /dev/null' is no command", "show config", NEW},
+    {"", "load:" + B + "snooping on\nmonitor", EXIT_USAGE, ":2: 'monitor' is no command", "show config", NEW},
+    {"", "load:" + B + "snooping on\ndhcpsnoopctl", EXIT_USAGE, ":2: '' is no command", "show config", NEW},
+    {"", "load:" + B + "snooping on\n" + B + "trust maybe\nserver-learning on", EXIT_USAGE, ":2: ", "show config", LOADED},
+    // What will not be otherwise then is not tried again.
+    {"binding add 10.0.0.9 unbound", "load:binding add 10.0.0.9 unbound vlan 7 @ wait 60", EXIT_REFUSED, ""},
+    {"", "load:" + B + "trust maybe @ wait 60", EXIT_USAGE, ""},
+    {"binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 10 interface 500000001 mac 02:00:00:00:00:ab", EXIT_DONE, "", "show bindings address 10.0.0.5 type static state bound", TABLE "10.0.0.5  02:00:00:00:00:ab  10    500000001  static  bound  forever  forever\n"},
+    {"binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 11", EXIT_DONE, "", "show bindings vlan 10 state requested", "ADDRESS  MAC  VLAN  INTERFACE  TYPE  STATE  LEASE  LEFT\n"},
+};
+// clang-format on
+
+TEST(CtlDaemon, Lines)
 {
-    const std::tuple<const char *, ExitStatus, const char *> rows[] = {
-        {"interface 500000001 trust on", EXIT_REFUSED, ":2: interface 500000001 trust: refused, NM_NO_ENTRY"},
-        {"interface swp77 snooping on", EXIT_USAGE, ":2: "},
-        {"interface 500000002 remote-id text 'x", EXIT_USAGE, ":2: a quote is not closed"},
-        {"interface 500000002 remote-id text $(id)", EXIT_USAGE, ":2: "},
-        {"snooping on; snooping off", EXIT_USAGE, ":2: "},
-        {"load /dev/null", EXIT_USAGE, ":2: 'load /dev/null' is no command"},
-        {"monitor", EXIT_USAGE, ":2: 'monitor' is no command"},
-        {"dhcpsnoopctl", EXIT_USAGE, ":2: '' is no command"},
-        {"interface 500000002 trust maybe", EXIT_USAGE, ":2: "},
-    };
-    for (const auto &[line, status, message] : rows) {
-        SCOPED_TRACE(line);
+    for (const auto &row : ROWS) {
+        SCOPED_TRACE(row.line);
         start();
-        Ran ran = loadText(std::string("interface 500000002 snooping on\n") + line + "\nserver-learning on\n");
-        EXPECT_EQ(ran.status, status);
-        EXPECT_NE(ran.err.find(message), std::string::npos) << ran.err;
-        const bool understood = ran.requests.size() > 0; // else nothing is done at all
-        EXPECT_EQ(run("show config").out,
-                  understood ? NEW_CONFIG + "dhcpsnoopctl server-learning on\ndhcpsnoopctl interface 500000002 snooping on\n" : NEW_CONFIG);
+        testing::internal::CaptureStdout(); // the daemon says it too
+        for (const std::string &line : lines_of(row.before))
+            must(line);
+        const Ran ran = run(row.line);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(ran.status, row.status) << ran.err;
+        EXPECT_NE(ran.err.find(row.said), std::string::npos) << ran.err;
+        EXPECT_TRUE(ran.status == EXIT_DONE || (ran.out.empty() && ran.requests.size() < 20));
+        EXPECT_EQ(row.after.empty() ? "" : run(row.after).out, row.out);
+        EXPECT_EQ(world_check_tables(), "");
     }
 }
 
-TEST_F(CtlDaemon, LoadTriesAgain)
+TEST(CtlDaemon, LoadWaitsForADaemon)
 {
+    start();
     int attempts = 0;
     const auto late = [&](const Bytes &body) {
         if (++attempts < 3)
             throw NoDaemon("not yet");
         return inDaemon(body);
     };
-    Ran ran = loadText("server-learning on\n", " wait 10", late);
-    EXPECT_EQ(ran.status, EXIT_DONE) << ran.err;
-    EXPECT_EQ(run("show config").out, NEW_CONFIG + "dhcpsnoopctl server-learning on\n");
+    EXPECT_EQ(run("load:server-learning on @ wait 10", late).status, EXIT_DONE);
     attempts = 0;
-    EXPECT_EQ(loadText("server-learning on\n", "", late).status, EXIT_NO_DAEMON);
-    // But not what will not be otherwise then.
-    must("binding add 10.0.0.9 mac 02:00:00:00:00:09 unbound");
-    for (const char *line : {"binding add 10.0.0.9 unbound", "interface 500000002 trust maybe"}) {
-        ran = loadText(line, " wait 60");
-        EXPECT_NE(ran.status, EXIT_DONE) << line;
-        EXPECT_LT(ran.requests.size(), 20u) << line;
-    }
-}
-
-// What the daemon forgets with a switch, the client must not give back.
-TEST_F(CtlDaemon, SwitchingOffForgetsTheDetails)
-{
-    configure();
-    for (const char *option : {"option82 off", "option18 off", "option37 off"})
-        must(A + option);
-    std::string config = run("show config").out;
-    for (const char *gone : {"option82 on", "option82-policy", "circuit-id", "remote-id", "subopt9", "option18", "interface-id", "option37"})
-        EXPECT_EQ(config.find(A + gone), std::string::npos) << gone;
-}
-
-TEST_F(CtlDaemon, RefusalsAreExplained)
-{
-    const std::tuple<std::vector<std::string>, std::string, const char *> rows[] = {
-        // lines before, the line, a part of what is said
-        {{}, A + "trust on", "NM_NO_ENTRY (0x3E80002): no such entry or interface (is snooping off there?"},
-        {{}, "show " + A, "NM_NO_ENTRY (0x3E80002)"},
-        {{}, A + "version both", "interface 500000001 version: refused, NM_NO_ENTRY"},
-        {{A + "snooping on"}, A + "circuit-id text x", "option82 on' comes first)"},
-        {{A + "snooping on"}, A + "interface-id text x", "option18 on' comes first)"},
-        {{A + "snooping on", A + "server 10.0.0.1 add", A + "server 10.0.0.2 add", A + "server 10.0.0.3 add"}, A + "server 10.0.0.4 add", "(are all three in use?)"},
-        {{}, "vlan 99 snooping on", "NM_END (0xFFFFFFFF): nothing more, or the VLAN has no interface"},
-        {{"binding add 10.0.0.5 unbound"}, "binding add 10.0.0.5 unbound", "NM_EXISTS"},
-        {{}, B + "snooping on", "result 19 of the platform: No such device (is it no port of the switch"},
-    };
-    for (const auto &[before, line, message] : rows) {
-        SCOPED_TRACE(line);
-        start();
-        world.refuse("qorIfSetApi 500000002 305", 19);
-        for (const std::string &first : before)
-            must(first);
-        Ran ran = run(line);
-        EXPECT_EQ(ran.status, EXIT_REFUSED);
-        EXPECT_NE(ran.err.find(message), std::string::npos) << ran.err;
-        EXPECT_EQ(ran.out, "");
-    }
-}
-
-TEST_F(CtlDaemon, EveryVlanIsShownWhateverTheOrderOfTheInterfaces)
-{
-    world.vlan_interface(VLAN_IF + 1, 20);
-    world.vlan_interface(VLAN_IF + 2, 5);
-    for (const char *vid : {"5", "10", "20"})
-        must("vlan " + std::string(vid) + " snooping on");
-    EXPECT_EQ(run("show vlans").out, "VLAN  MAX-USERS\n5     32768\n10    32768\n20    32768\n");
-}
-
-TEST_F(CtlDaemon, VersionTakesTrustAwayAndSaysSo)
-{
-    must(A + "snooping on");
-    must(A + "trust on");
-    EXPECT_EQ(run(A + "version 4").err, "") << "the same version is no change";
-    testing::internal::CaptureStdout(); // the daemon says it too
-    Ran ran = run(A + "version both");
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(ran.status, EXIT_DONE);
-    EXPECT_NE(ran.err.find("took trust away; 'interface 500000001 trust on'"), std::string::npos) << ran.err;
+    EXPECT_EQ(run("load:server-learning on", late).status, EXIT_NO_DAEMON);
 }
 
 } // namespace
