@@ -38,10 +38,10 @@ std::string many(size_t count, char byte = 'a') { return std::string(count, byte
 const std::string MAC = "\x02\0\0\0\x01\x6e"s, NOTHING = many(128, '\0');
 
 // Exactly these bytes; behind them stands another conversion.
-const char *checked(const std::string &text)
+std::string checked(const std::string &text)
 {
     const Bytes exact = text_bytes(text + "%x");
-    return dhcpsnoop_format_check(exact.data(), static_cast<uint32_t>(text.size())) == 0 ? "right" : "wrong";
+    return std::to_string(dhcpsnoop_format_check(exact.data(), static_cast<uint32_t>(text.size())));
 }
 
 using Format = Daemon;
@@ -89,6 +89,7 @@ TEST_F(Format, Expansion)
         {"a run up to 255", expand(many(253) + "%1"), many(253) + "%1"},
         {"not beyond", expand(many(254) + "%1"), many(254)},
         {"Kept: the room is compared with the length before the run, which may pass it", expand("a%1234567", 2), "a%1234567"},
+        {"up to the next percent sign", expand("a%1234567%s", 2), "a%1234567"},
         {"but does not begin behind it", expand("ab%1234567", 2), "ab"},
         {"a run of 255 passes a room of 1", expand("%1" + many(253), 1), "%1" + many(253)},
         {"a run of 256 does not", expand("%1" + many(254)), ""},
@@ -114,21 +115,21 @@ TEST_F(Format, Expansion)
 TEST_F(Format, Check)
 {
     check({
-        {"nothing", checked(""), "right"},
-        {"no conversion", checked("abc"), "right"},
-        {"a conversion at the end needs its terminator counted", checked("%s"), "wrong"},
-        {"with it", checked("%s\0"s), "right"},
-        {"two conversions and the terminator", checked("%s.%c\0"s), "right"},
-        {"not a letter, but too short", checked("%1"), "wrong"},
-        {"not a letter", checked("%1\0"s), "right"},
-        {"a lone percent sign", checked("%"), "wrong"},
-        {"with two bytes behind", checked("%  "), "right"},
-        {"what stands behind a NUL does not count", checked("ab\0%sx"s), "right"},
-        {"two percent signs: the second counts", checked("%%s."), "right"},
-        {"and must be followed too", checked("%%sx"), "wrong"},
-        {"bytes of 128 and above are no letters", checked("%\xC4\0"s), "right"},
-        {"a letter beside", checked("%@x"), "right"},
-        {"the last of a long one", checked(many(125) + "%s:"), "right"},
+        {"nothing", checked(""), "0"},
+        {"no conversion", checked("abc"), "0"},
+        {"a conversion at the end needs its terminator counted", checked("%s"), "-1"},
+        {"with it", checked("%s\0"s), "0"},
+        {"two conversions and the terminator", checked("%s.%c\0"s), "0"},
+        {"not a letter, but too short", checked("%1"), "-1"},
+        {"not a letter", checked("%1\0"s), "0"},
+        {"a lone percent sign", checked("%"), "-1"},
+        {"with two bytes behind", checked("%  "), "0"},
+        {"what stands behind a NUL does not count", checked("ab\0%sx"s), "0"},
+        {"two percent signs: the second counts", checked("%%s."), "0"},
+        {"and must be followed too", checked("%%sx"), "-1"},
+        {"bytes of 128 and above are no letters", checked("%\xC4\0"s), "0"},
+        {"a letter beside", checked("%@x"), "0"},
+        {"the last of a long one", checked(many(125) + "%s:"), "0"},
     });
     const std::string delimiters = " ./:;[]{}<>()\0"s;
     for (int32_t c = -300; c < 600; c++) {

@@ -66,6 +66,8 @@ std::string tagged(const std::string &words, const Tags &tags)
         }
         // Kept: the flood into a VLAN without VLAN interface does not name the TPID.
         EXPECT_EQ(printed(world_format("[DHCPSNOOP] TPID of this interface is 0x%0x.\r\n", world.ports[2].tpid)), found != "none " && send != BROADCAST);
+        for (const std::string &said : debug_texts())
+            EXPECT_EQ(said.find("failed"), std::string::npos);
         text += (found.empty() ? "bare " : found) + "| ";
     }
     return text;

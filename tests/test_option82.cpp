@@ -70,7 +70,7 @@ std::string process(const std::string &words, const Bytes &options = OPT_END)
     EXPECT_EQ(dump(parsed.bytes()), dump(Frame{.options = after}.bytes()));
     EXPECT_EQ(unsaid(world_format("Process option82 in client packet, mode is %u.|", mode != 0 ? mode : gDhcpsnoop.circuitIdFmt.mode) + (there ? "option82 is already exist!" : "option82 isn't exist, construct and insert it to the pkt.")), "");
     std::string text = memcmp(&before, &parsed.rx, sizeof before) == 0 ? "kept" : hex(after);
-    text += result == 0 ? "" : " refused";
+    text += result == 0 ? "" : result == -1 ? " refused" : " ?";
     for (size_t i = 3; i < debug_texts().size(); i++)
         text += "; " + debug_texts()[i].substr(12, debug_texts()[i].size() - 14);
     return text;
@@ -181,6 +181,8 @@ TEST_F(Option82, RoomAndNulls)
     parsed.info.ifp = nullptr;
     EXPECT_TRUE(dhcpsnoop_process_option82(&parsed.info) == -1 && dhcpsnoop_process_option82(nullptr) == -1);
     EXPECT_EQ(dhcpsnoop_build_subopt_circid(&parsed.info, buffer, 99) + dhcpsnoop_build_subopt_remoteid(&parsed.info, buffer, 99) + dhcpsnoop_build_subopt9(buffer, nullptr, 1), 0u);
+    const Parsed there(Frame{}, ON7);
+    EXPECT_EQ(dhcpsnoop_construct_opt82(&parsed.info, buffer, 99) + dhcpsnoop_construct_opt82(nullptr, buffer, 99) + dhcpsnoop_construct_opt82(&there.info, nullptr, 99), 0u);
     EXPECT_TRUE(dhcpsnoop_insert_opt82(nullptr, buffer, 4) == -1 && dhcpsnoop_insert_opt82(&parsed.info, nullptr, 4) == -1);
     EXPECT_NE(dhcpsnoop_remote_id_cmp(nullptr, ifp, 3), 0);
     dhcpsnoop_strip_option(nullptr);

@@ -12,7 +12,7 @@ std::string recorded(const AnyFrame &frame, const Arrival &arrival = {})
     world.clear();
     const Parsed parsed(frame, arrival);
     const DhcpsnoopPktInfo &info = parsed.info;
-    std::string text = parsed.result == 0 ? "" : "refused ";
+    std::string text = parsed.result == 0 ? "" : parsed.result == -1 ? "refused " : "? ";
     for (const auto &[name, number] : {std::pair("type", info.msgType), {"server", info.serverId}, {"lease", info.leaseTime}, {"router", info.router}, {"tag", info.opt60Sub1}})
         text += number != 0 && parsed.result == 0 ? world_format("%s %x ", name, number) : "";
     for (const auto &[name, at] : {std::pair("opt60", info.opt60), {"opt67", info.opt67}, {"opt82", info.opt82}, {"circuit", info.circuitId}, {"remote", info.remoteId}, {"sub9", info.subopt9}, {"opt125", info.opt125}, {"end", info.optEnd}})
@@ -86,6 +86,7 @@ TEST_F(Parse, Ladder)
         {"UDP length short of the IP body", recorded(Frame{.udpLen = 251}), ""},
         {"a message of 239 bytes", recorded(message_of(239)), "refused ! Message (len 247) is too short, stop process!"},
         {"a message of 240 bytes", recorded(message_of(240)), ""},
+        {"padding is no end option", recorded(Frame{.payload = Bytes(240, 0), .padding = OPT_END}), ""},
         {"UDP length 0", recorded(Frame{.udpLen = 0}), "refused ! Message (len 0) is too short, stop process!"},
         {"neither checksum is verified", recorded(Frame{.ipChecksum = 1, .udpChecksum = 2}), "type 1 end @3"},
         {"the cookie is not checked", recorded(Frame{.cookie = 0}), "type 1 end @3"},
@@ -99,6 +100,7 @@ TEST_F(Parse, Ladder)
         {"one byte captured", recorded(Bytes{0x45}, IP_AT_14), "refused ! This is not a IPv4 packet!"},
         {"nothing captured, header at its start", recorded(Bytes{}, {.l2 = 0, .etherType = 0x0800}), "refused ! This is not a IPv4 packet!"},
         {"the UDP header begins at the buffer's end", recorded(LAST_IP, IP_AT_2028), "refused"},
+        {"the UDP header ends the buffer", recorded(with(with(Bytes(2048, 0), 2020, 0x4500), 2022, 28, 2028, 17), {.l2 = 2020, .etherType = 0x0800}), "refused ! This is not a dhcp packet!"},
         {"but what the IP header there holds is looked at", recorded(with(LAST_IP, 2036, 6), IP_AT_2028), "refused ! This is not a udp packet!"},
     });
     DhcpsnoopRxPkt rx = rx_packet(FULL);
@@ -140,9 +142,11 @@ TEST_F(Parse, Options)
         {"one byte that is no end", options("35"), ""},
         {"type and end", options("35 01 05 ff"), "type 5 end @3"},
         {"an option is recorded only if a byte follows it", options("35 01 05"), ""},
+        {"the second too", options("35 01 05 35 01 06"), "type 5"},
         {"pads between", options("00 00 35 01 05 00 ff"), "type 5 end @6"},
         {"pads only", options("00 00 00 00"), ""},
-        {"nothing behind the end counts", options("35 01 05 ff 36 04 0a 00 00 01 00"), "type 5 end @3"},
+        {"nothing behind the end counts", options("35 01 05 ff 00 35 01 06 00"), "type 5 end @3"},
+        {"nor behind an end that comes first", options("ff 00 35 01 06 00"), "end @0"},
         {"the last occurrence wins", options("35 01 05 35 01 06 ff"), "type 6 end @6"},
         {"an option whose length passes the area ends the walk", options("35 01 05 36 05 0a 00 00 01"), "type 5"},
         {"the length byte is the last", options("35 01 05 36 ff"), "type 5"},
@@ -171,11 +175,13 @@ TEST_F(Parse, Options)
         {"the first item 1 counts", options("3c 0c 01 04 00 00 00 07 01 04 00 00 00 09 ff"), "tag 7 opt60 @0 end @14"},
         {"an item whose data lies behind the option", options("3c 02 01 04 ff 00 00 01"), "tag ff000001 opt60 @0 end @4"},
         {"items of length 254 do not wrap", options("3c 03 02 fe 00 ff"), "opt60 @0 end @5"},
+        {"what follows the option is no item", options("3c 02 07 00 01 04 00 00 00 09 ff"), "opt60 @0 end @10"},
         {"boot file name of length 0", options("43 00 ff"), "opt67 @0 end @2"},
         {"relay information without sub-options", options("52 00 ff"), "opt82 @0 end @2"},
         {"each sub-option", options("52 09 01 01 61 02 01 62 09 01 63 ff"), "opt82 @0 circuit @2 remote @5 sub9 @8 end @11"},
         {"in any order, others between", options("52 08 09 00 05 02 00 00 01 00 ff"), "opt82 @0 circuit @8 sub9 @2 end @10"},
         {"the last of two", options("52 04 01 00 01 00 ff"), "opt82 @0 circuit @4 end @6"},
+        {"what follows the option is no sub-option", options("52 03 01 01 61 02 01 00 ff"), "opt82 @0 circuit @2 end @8"},
         {"an item longer than its option", options("52 03 02 ff 00 ff"), "opt82 @0 remote @2 end @5"},
         {"its header astride the option's end", options("52 01 02 ff"), "opt82 @0 remote @2 end @3"},
         {"nor those of length 255", options("52 05 03 ff 00 01 00 ff"), "opt82 @0 end @7"},
