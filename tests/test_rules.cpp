@@ -7,13 +7,13 @@
 
 #include "acknowledged.h"
 #include "bindings.h"
+#include "classifier.h"
 #include "daemon_test.h"
 #include "dhcpsnoop_nm.h"
-#include "classifier.h"
 #include "guard.h"
-#include "report.h"
 #include "management.h"
 #include "model.h"
+#include "report.h"
 
 using namespace platform_linux;
 
@@ -169,24 +169,21 @@ void fill(QorUserRecord &record, uint32_t items, uint32_t ifIndex, const std::st
     }
 }
 
-// One step: "start", a move of the model, "on 3 4" and "off 3 4" (the daemon's trap of a family), "add a 3 f0" and "delete a 3"
+// Steps, separated by "; ": "start", a move of the model, "on 3 4" and "off 3 4" (the daemon's trap of a family), "add a 3 f0" and "delete a 3"
 // (a record and its port; with "v6", "dai" or "unstarted" behind it), "hold 1", "release 1", "hold-all", "full 2". Gives
 // what the classifier was asked and what was said, then the result if it is not 0.
-std::string play(const std::string &step)
+int play_one(const std::string &step)
 {
     std::istringstream words(step);
     std::string verb, name;
     uint32_t ifIndex = 0, value = 0;
     words >> verb;
-    recorder.journal.clear();
-    int result = 0;
     if (verb == "add" || verb == "delete") {
         words >> name >> ifIndex >> std::hex >> value;
         if (verb == "add")
             fill(records[name], value, ifIndex, step);
         const QorIfRequest request = {verb == "add" ? QOR_USER_ADD : QOR_USER_DELETE, &records[name], {0, 0}};
-        result = binding_set(ifIndex, &request);
-        return recorder.journal + (result != 0 ? "; " + std::to_string(result) : "");
+        return binding_set(ifIndex, &request);
     }
     words >> ifIndex >> value;
     if (verb == "start") {
@@ -194,9 +191,9 @@ std::string play(const std::string &step)
         records.clear();
         // Ports 3 and 4 (4 in the aggregate 5), VLAN interface 10 of VLAN 100.
         ports = {{3, a_port(3, PortKind::port, 1)}, {4, a_port(4, PortKind::port, 1, 5)}, {5, a_port(5, PortKind::aggregate, 7)}, {10, a_port(10, PortKind::vlanInterface, 100)}};
-        result = trap_start(2);
+        return trap_start(2);
     } else if (verb == "on" || verb == "off") {
-        result = trap_set(ifIndex, static_cast<int>(value), verb == "on");
+        return trap_set(ifIndex, static_cast<int>(value), verb == "on");
     } else if (verb == "hold" || verb == "release") {
         bindings_hold(static_cast<Hold>(ifIndex), verb == "hold");
     } else if (verb == "hold-all") {
@@ -206,11 +203,23 @@ std::string play(const std::string &step)
     } else {
         move(verb, ifIndex, value);
     }
-    return recorder.journal + (result != 0 ? "; " + std::to_string(result) : "");
+    return 0;
+}
+
+std::string play(const std::string &steps)
+{
+    recorder.journal.clear();
+    std::string results;
+    for (size_t at = 0, end; at < steps.size(); at = end + 2) {
+        end = std::min(steps.find("; ", at), steps.size());
+        if (const int result = play_one(steps.substr(at, end - at)); result != 0)
+            results += "; " + std::to_string(result);
+    }
+    return recorder.journal + results;
 }
 
 struct Step {
-    const char *claim, *step;
+    const char *claim, *steps;
     std::string outcome;
 };
 
@@ -218,11 +227,12 @@ void check(std::span<const Step> steps)
 {
     recorder = {};
     for (const Step &row : steps)
-        EXPECT_EQ(play(row.step), row.outcome) << row.claim;
+        EXPECT_EQ(play(row.steps), row.outcome) << row.claim;
 }
 
 #define FULL "1 f0 3/10 020000000005 0a000a05"
 #define ADDRESS "1 80 0/0 000000000000 0a000a05"
+#define PORT "1 10 3/0 000000000000 00000000"
 #define NO_ROOM "\"no room for another binding in the guard: its host stays cut off where it is guarded\""
 const std::string START = "open 4, add 3 1, remove 4, add 5 7, remove 10, complete";
 
@@ -230,41 +240,22 @@ TEST(TrapRules, Steps)
 {
     const Step STEPS[] = {
         {"on ports that receive themselves", "start", START},
-        {"a new port", "native 6 9", "add 6 9"},
-        {"nothing of its concern", "stp 6", ""},
-        {"another native VLAN", "native 6 20", "add 6 20"},
-        {"into an aggregate", "member 6 5", "remove 6"},
-        {"out of it", "member 6 0", "add 6 20"},
-        {"gone", "gone 6", "remove 6"},
-        {"a port's rule is its own", "on 3 4", "port 3 4 on"},
-        {"an aggregate's too", "on 5 6", "port 5 6 on"},
-        {"the other family", "on 3 6", "port 3 6 on"},
-        {"taken back", "off 3 4", "port 3 4 off"},
+        {"a new port; nothing of its concern; another native VLAN", "native 6 9; stp 6; native 6 20", "add 6 9, add 6 20"},
+        {"into an aggregate, out of it, gone", "member 6 5; member 6 0; gone 6", "remove 6, add 6 20, remove 6"},
+        {"a port's rule is its own, an aggregate's too", "on 3 4; on 5 6; on 3 6; off 3 4", "port 3 4 on, port 5 6 on, port 3 6 on, port 3 4 off"},
         {"a member of an aggregate", "on 4 4", "port 4 4 on; 19"},
         {"an absent port", "on 99 4", "port 99 4 on; 19"},
         {"an absent port is off", "off 99 4", "port 99 4 off"},
-        {"a VLAN interface's is its VLAN's", "on 10 6", "vlan 100 6 on"},
-        {"of each family", "on 10 4", "vlan 100 4 on"},
-        {"", "off 10 6", "vlan 100 6 off"},
+        {"a VLAN interface's is its VLAN's", "on 10 6; on 10 4; off 10 6", "vlan 100 6 on, vlan 100 4 on, vlan 100 6 off"},
         // The daemon hears nothing of a port that leaves a bridge and comes back: its rule must be there again.
-        {"a port goes", "gone 3", "remove 3"},
-        {"and comes back", "back 3", "add 3 1, port 3 6 on"},
-        {"and goes", "gone 3", "remove 3"},
-        {"its rule is taken back while it is away", "off 3 6", "port 3 6 off"},
-        {"and it comes back without", "back 3", "add 3 1"},
+        {"a port goes and comes back", "gone 3; back 3", "remove 3, add 3 1, port 3 6 on"},
+        {"its rule is taken back while it is away", "gone 3; off 3 6; back 3", "remove 3, port 3 6 off, add 3 1"},
         // The device may go before the daemon takes its rule back: the VLAN must not stay cut off.
-        {"a VLAN interface goes", "gone 10", "remove 10, vlan 100 4 off, vlan 100 6 off"},
-        {"and comes back", "back 10", "remove 10, vlan 100 4 on"},
-        {"and goes", "gone 10", "remove 10, vlan 100 4 off, vlan 100 6 off"},
-        {"its rule is taken back while it is away", "off 10 4", "port 10 4 off"},
-        {"and it comes back without", "back 10", "remove 10"},
-        {"", "on 10 4", "vlan 100 4 on"},
-        {"", "off 10 4", "vlan 100 4 off"},
-        {"", "off 5 6", "port 5 6 off"},
+        {"a VLAN interface goes and comes back", "gone 10; back 10", "remove 10, vlan 100 4 off, vlan 100 6 off, remove 10, vlan 100 4 on"},
+        {"its rule is taken back while it is away", "gone 10; off 10 4; back 10", "remove 10, vlan 100 4 off, vlan 100 6 off, port 10 4 off, remove 10"},
+        {"on and off anew", "on 10 4; off 10 4; off 5 6", "vlan 100 4 on, vlan 100 4 off, port 5 6 off"},
         // A host with a binding would lose its packets between the coming of the port and of the binding.
-        {"a port with a binding", "add a 3 f0", "+" FULL},
-        {"goes", "gone 3", "remove 3, -" FULL},
-        {"and comes back", "back 3", "+" FULL ", add 3 1"},
+        {"a port with a binding goes and comes back", "add a 3 f0; gone 3; back 3", "+" FULL ", remove 3, -" FULL ", +" FULL ", add 3 1"},
     };
     check(STEPS);
     recorder.addResult = EBUSY;
@@ -282,86 +273,37 @@ TEST(BindingRules, Steps)
 {
     const Step STEPS[] = {
         {"", "start", START},
-        // the record names the check items by giving their values
-        {"all items", "add a 3 f0", "+" FULL},
-        {"", "delete a 3", "-" FULL},
-        {"the address alone", "add a 3 80", "+" ADDRESS},
-        {"", "delete a 3", "-" ADDRESS},
-        {"the MAC alone", "add a 3 40", "+1 40 0/0 020000000005 00000000"},
-        {"", "delete a 3", "-1 40 0/0 020000000005 00000000"},
-        {"the VLAN alone", "add a 3 20", "+1 20 0/10 000000000000 00000000"},
-        {"", "delete a 3", "-1 20 0/10 000000000000 00000000"},
-        {"the port alone", "add a 3 10", "+1 10 3/0 000000000000 00000000"},
-        {"", "delete a 3", "-1 10 3/0 000000000000 00000000"},
-        {"IPv6", "add a 3 f0 v6", "+2 f0 3/10 020000000005 20010db8000000000000000000000005"},
-        {"", "delete a 3", "-2 f0 3/10 020000000005 20010db8000000000000000000000005"},
-        {"ARP inspection", "add a 3 f0 dai", "+3 f0 3/10 020000000005 0a000a05"},
-        {"", "delete a 3", "-3 f0 3/10 020000000005 0a000a05"},
-        {"ARP inspection not started", "add a 3 f0 unstarted", "+3 f0 3/10 020000000005 0a000a05"},
-        {"given again: found by its content", "add again 3 f0 unstarted", ""},
-        {"", "delete a 3", "-3 f0 3/10 020000000005 0a000a05"},
-        {"no ARP for IPv6", "add a 3 f0 v6 dai", ""},
-        {"a static binding of a VLAN interface", "add a 10 d0", "+1 e0 0/100 020000000005 0a000a05"},
-        {"", "delete a 10", "-1 e0 0/100 020000000005 0a000a05"},
-        {"of no port", "add a 0 e0", "+1 e0 0/10 020000000005 0a000a05"},
-        {"", "delete a 0", "-1 e0 0/10 020000000005 0a000a05"},
+        // The record names the check items by giving their values. The new rule comes before the old one goes.
+        {"all items, the address, the MAC", "add a 3 f0; add a 3 80; add a 3 40", "+" FULL ", +" ADDRESS ", -" FULL ", +1 40 0/0 020000000005 00000000, -" ADDRESS},
+        {"the VLAN, the port", "add a 3 20; add a 3 10; delete a 3", "+1 20 0/10 000000000000 00000000, -1 40 0/0 020000000005 00000000, +" PORT ", -1 20 0/10 000000000000 00000000, -" PORT},
+        {"IPv6", "add a 3 f0 v6; delete a 3", "+2 f0 3/10 020000000005 20010db8000000000000000000000005, -2 f0 3/10 020000000005 20010db8000000000000000000000005"},
+        {"ARP inspection; none for IPv6", "add a 3 f0 dai; delete a 3; add a 3 f0 v6 dai", "+3 f0 3/10 020000000005 0a000a05, -3 f0 3/10 020000000005 0a000a05"},
+        {"ARP inspection not started: found by its content", "add a 3 f0 unstarted; add again 3 f0 unstarted; delete a 3", "+3 f0 3/10 020000000005 0a000a05, -3 f0 3/10 020000000005 0a000a05"},
+        {"a static binding of a VLAN interface", "add a 10 d0; delete a 10", "+1 e0 0/100 020000000005 0a000a05, -1 e0 0/100 020000000005 0a000a05"},
+        {"a static binding of no port", "add a 0 e0; delete a 0", "+1 e0 0/10 020000000005 0a000a05, -1 e0 0/10 020000000005 0a000a05"},
         {"a member of an aggregate is not guarded itself", "add a 4 f0", ""},
         {"an absent port", "add a 99 f0", "; 19"},
         // handles
-        {"two bindings of one content", "add b 3 10", "+1 10 3/0 000000000000 00000000"},
-        {"are two rules", "add c 3 10", "+1 10 3/0 000000000000 00000000"},
-        {"a record that was never added", "delete never 3", ""},
-        {"withdrawn for another port, with the handle of this port", "delete b 5", ""},
-        {"one of them", "delete b 3", "-1 10 3/0 000000000000 00000000"},
-        {"a spent handle", "delete b 3", ""},
-        {"the place is given to another", "add d 3 f0", "+" FULL},
-        {"a spent handle of that place", "delete b 3", ""},
-        {"the other one", "delete c 3", "-1 10 3/0 000000000000 00000000"},
-        {"unchanged", "add d 3 f0", ""},
-        {"with other items, without a gap", "add d 3 80", "+" ADDRESS ", -" FULL},
-        {"and back", "add d 3 f0", "+" FULL ", -" ADDRESS},
-        // ports
-        {"into an aggregate", "member 3 5", "remove 3, -" FULL},
-        {"withdrawn meanwhile", "delete d 3", ""},
-        {"out of it", "member 3 0", "add 3 1"},
+        {"two bindings of one content are two rules", "add b 3 10; add c 3 10; delete b 3", "+" PORT ", +" PORT ", -" PORT},
+        {"never added; for another port; spent", "delete never 3; delete c 5; delete b 3", ""},
+        {"a spent handle of a place that is given to another", "add d 3 f0; delete b 3; delete c 3", "+" FULL ", -" PORT},
+        {"unchanged; with other items, without a gap; and back", "add d 3 f0; add d 3 80; add d 3 f0", "+" ADDRESS ", -" FULL ", +" FULL ", -" ADDRESS},
+        {"withdrawn while its port is in an aggregate", "member 3 5; delete d 3; member 3 0", "remove 3, -" FULL ", add 3 1"},
         // holds: 1 while check items change, 2 while a role is taken over
-        {"", "add kept 3 f0", "+" FULL},
-        {"", "add lost 3 80", "+" ADDRESS},
-        {"all in force", "hold-all", ""},
-        {"", "add kept 3 f0", ""},
-        {"check items change meanwhile", "hold 1", ""},
-        {"", "release 1", ""},
+        {"all in force", "add kept 3 f0; add lost 3 80; hold-all; add kept 3 f0; hold 1; release 1", "+" FULL ", +" ADDRESS},
         {"only rules that were given again stay", "release 2", "-" ADDRESS},
-        {"", "hold-all", ""},
-        {"a port goes meanwhile", "gone 3", "remove 3, -" FULL},
-        {"its rules may be no more", "back 3", "add 3 1"},
-        {"", "add kept 3 f0", "+" FULL},
-        {"", "release 2", ""},
-        {"", "hold 1", ""},
-        {"", "delete kept 3", ""},
-        {"beside the old rule, by which the port still goes", "add kept 3 80", "+" ADDRESS},
-        {"a role is taken over meanwhile", "hold-all", ""},
-        {"", "release 2", ""},
-        {"", "add kept 3 80", ""},
-        {"", "release 1", "-" FULL},
-        {"", "hold 1", ""},
-        {"", "full 1", ""},
-        {"held rules make room, and the replaced one too", "add kept 3 f0", "+" FULL ", -" ADDRESS ", +" FULL},
-        {"", "release 1", ""},
+        {"rules of a port that goes meanwhile may be no more", "hold-all; gone 3; back 3", "remove 3, -" FULL ", add 3 1"},
+        {"and are installed anew", "add kept 3 f0; release 2", "+" FULL},
+        {"beside the old rule, by which the port still goes", "hold 1; delete kept 3; add kept 3 80", "+" ADDRESS},
+        {"a role is taken over meanwhile", "hold-all; release 2; add kept 3 80", ""},
+        {"the old rule goes at the end", "release 1", "-" FULL},
+        {"held rules make room, and the replaced one too", "hold 1; full 1; add kept 3 f0; release 1", "+" FULL ", -" ADDRESS ", +" FULL},
         // no room
-        {"", "full 2", ""},
-        {"said once", "add kept 3 80", "+" ADDRESS ", " NO_ROOM "; 28"},
-        {"", "add kept 3 80", "+" ADDRESS "; 28"},
-        {"the old rule and its handle stay", "delete kept 3", "-" FULL},
-        {"four rules of two bindings", "add a 3 10", "+1 10 3/0 000000000000 00000000"},
-        {"", "add b 3 10", "+1 10 3/0 000000000000 00000000"},
-        {"", "add c 3 10", "+1 10 3/0 000000000000 00000000"},
-        {"", "add d 3 10", "+1 10 3/0 000000000000 00000000"},
-        {"a fifth", "add e 3 80", "+" ADDRESS ", -" ADDRESS "; 28"},
-        {"", "gone 3", "remove 3, -1 10 3/0 000000000000 00000000, -1 10 3/0 000000000000 00000000, -1 10 3/0 000000000000 00000000, -1 10 3/0 000000000000 00000000"},
-        {"", "full 1", ""},
-        {"refused on the way back", "back 3", "+1 10 3/0 000000000000 00000000, +1 10 3/0 000000000000 00000000, +1 10 3/0 000000000000 00000000, +1 10 3/0 000000000000 00000000, "
-                                              "\"swp3: 1 of its bindings cannot be installed again\", add 3 1, +1 10 3/0 000000000000 00000000"},
+        {"said once", "full 2; add kept 3 80", "+" ADDRESS ", " NO_ROOM "; 28"},
+        {"the old rule and its handle stay", "add kept 3 80; delete kept 3", "+" ADDRESS ", -" FULL "; 28"},
+        {"four rules of two bindings, and a fifth", "add a 3 10; add b 3 10; add c 3 10; add d 3 10; add e 3 80", "+" PORT ", +" PORT ", +" PORT ", +" PORT ", +" ADDRESS ", -" ADDRESS "; 28"},
+        {"", "gone 3", "remove 3, -" PORT ", -" PORT ", -" PORT ", -" PORT},
+        {"refused on the way back", "full 1; back 3", "+" PORT ", +" PORT ", +" PORT ", +" PORT ", \"swp3: 1 of its bindings cannot be installed again\", add 3 1, +" PORT},
     };
     check(STEPS);
     QorUserRecord record = {};
