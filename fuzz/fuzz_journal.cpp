@@ -9,7 +9,7 @@
 #include <zlib.h>
 
 #include "journal.h"
-#include "logging.h"
+#include "report.h"
 #include "peer_frame.h"
 #include "wire.h"
 

@@ -315,8 +315,9 @@ uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
 // Settings need no more than the daemon's own state.
 int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
 {
-    if (code == HW_SYNC_NOTIFY)
-        redundancy_hw_notify();
+    // Rules that the bindings do not take over belong to bindings that were deleted on a standby.
+    if (code == HW_SYNC_NOTIFY && redundancy_takeover_begins())
+        bindings_hold_all();
     if (code != HW_SYNC_PEER)
         return 0;
     return data != nullptr ? redundancy_sync(*static_cast<const QorBuffer *>(data)) : EINVAL;

@@ -123,6 +123,13 @@ void guard_handled()
         guard_follow_handled();
 }
 
+void role_events()
+{
+    if (redundancy_takeover_ends())
+        bindings_hold(Hold::takeOver, false);
+    redundancy_events(queue);
+}
+
 void model_changed(ModelChange change, const Port &, const Port *)
 {
     guardOutdated = guardOutdated || change != ModelChange::changed;
@@ -215,12 +222,12 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
     // The daemon asks again when it has handled what it was given last.
     if (queue.empty())
         guard_handled();
-    redundancy_events(queue);
+    role_events();
     for (int i = 0; i < READS_PER_CALL && queue.empty(); i++)
         if (!read_datagram(sock))
             break;
     if (queue.empty()) {
-        redundancy_events(queue); // what woke us for it may just have been read
+        role_events(); // the wake-up for it may have been read just now
         guard_handled();
     }
     if (queue.empty()) {

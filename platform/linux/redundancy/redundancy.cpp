@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <thread>
 
-#include "guard.h"
 #include "management.h"
 #include "model.h"
 #include "report.h"
@@ -23,8 +22,8 @@ namespace
 constexpr uint16_t RTM_SUBSYSTEM_UP = 93;
 
 UnitShared *shared = nullptr; // as long as the process lives; null while the thread does not run
-bool reinstalling = false;    // all bindings, under Hold::takeOver
-bool copyOpen = false;        // the daemon was asked for a full copy by the last event
+bool reinstalling = false;    // all bindings
+bool copyOpen = false;        // the last event asked the daemon for a full copy
 
 void ports_changed(ModelChange, const Port &, const Port *)
 {
@@ -142,14 +141,20 @@ bool redundancy_decides(const QorIfRequest &request, int32_t &result)
     return refused || (!add && now == Enforcement::clearMarks);
 }
 
-// What is installed stays in force, to be taken over by what is installed anew. The rest goes: its bindings
-// were deleted while the daemon was a standby, and so did not take it out.
-void redundancy_hw_notify()
+bool redundancy_takeover_begins()
 {
     if (shared == nullptr || shared->enforcement != Enforcement::clearMarks)
-        return;
+        return false;
     reinstalling = true;
-    bindings_hold_all();
+    return true;
+}
+
+bool redundancy_takeover_ends()
+{
+    if (shared == nullptr || !shared->installed.exchange(false))
+        return false;
+    reinstalling = false;
+    return true;
 }
 
 bool redundancy_role_changes()
@@ -167,12 +172,8 @@ void redundancy_events(DaemonEvents &events)
 {
     if (shared == nullptr)
         return;
-    if (shared->holdOver.exchange(false)) {
-        reinstalling = false;
-        bindings_hold(Hold::takeOver, false);
-    }
     const bool master = redundancy_role() == DHCPSNOOP_ROLE_MASTER;
-    if (copyOpen) { // whose event has been served whole by now
+    if (copyOpen) { // the daemon has served that event whole
         copyOpen = false;
         Change end{Change::Kind::copyEnd, {}};
         end.record.add = master;
@@ -180,8 +181,8 @@ void redundancy_events(DaemonEvents &events)
     }
     if (!master || !shared->copyWanted.exchange(false))
         return;
-    // The daemon takes the datagram's first word, its length, for the number of the unit that came up, which
-    // must not be its own.
+    // The daemon reads the number of the subsystem that came up from the datagram's first word, its length.
+    // It ignores its own number.
     DaemonEvent event{};
     nlmsghdr header{};
     header.nlmsg_len = sizeof header;

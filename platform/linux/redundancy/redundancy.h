@@ -1,5 +1,6 @@
-// The peer unit and the journal, as the daemon's thread meets them: what it is told of its role, and where
-// its records go. All of it returns at once. The work is done in a thread of its own (unit_thread.h).
+// The redundancy room: the daemon's bindings live on in the journal and in the peer unit, and the daemon gets
+// its role. A unit is one of two machines that hold the same bindings. These functions are for the daemon's
+// thread and never wait; a thread of the platform does the work (unit_thread.h).
 #pragma once
 
 #include <cstdint>
@@ -10,38 +11,42 @@
 namespace platform_linux
 {
 
-// Reads the redundancy file and the journal, and starts the thread. False when the daemon must not run; why
-// is reported. The model is loaded by then.
+// Reads the redundancy file and the journal, and starts the thread. The model must be loaded. False, with a
+// report, when the daemon must not run.
 bool redundancy_start();
 
-// What the daemon is told of its role now. That of the configuration while the thread does not run.
+// The daemon's role now. That of the configuration while the thread does not run.
 DhcpsnoopRole redundancy_role();
 
-// A packet of records that the daemon hands over for the peer. 0, or ENOTCONN when nobody wants it.
+// Takes a packet of the daemon's records. 0, or ENOTCONN when neither peer nor journal is configured.
 int32_t redundancy_sync(const QorBuffer &packet);
 
-// Management changed a binding, of which the daemon makes no record: a full copy brings it.
+// Management changed a binding. The daemon makes no record of it, so a full copy follows.
 void redundancy_binding_changed();
 
-// How the daemon's bindings reach the data plane while a change of role is under way.
+// The daemon's requests to the data plane while a change of role is under way.
 enum class Enforcement : uint8_t {
     normal,
-    refuseAdds, // nothing is installed any more
-    clearMarks, // nor taken out: only the daemon's marks go
+    refuseAdds, // adds fail
+    clearMarks, // adds fail, deletes succeed without effect: they only clear the daemon's marks
 };
 
-// A binding is to be added or deleted: true when the data plane is not to be asked, and `result` is the
+// True when the data plane must not get the daemon's request to add or delete a binding; `result` is the
 // answer.
 bool redundancy_decides(const QorIfRequest &request, int32_t &result);
 
-// A change of role is under way: what the daemon withdraws or means to install now is in the data plane, as
-// it is to be, at its end only. The event socket becomes readable then.
+// A change of role is under way: the data plane need not have the daemon's bindings before its end. The event
+// socket becomes readable then.
 bool redundancy_role_changes();
 
-// The daemon withdraws or installs all its bindings, by its setting; told before it begins.
-void redundancy_hw_notify();
+// The daemon is about to withdraw or install all its bindings, by its setting. True when the rules in force
+// must stay until redundancy_takeover_ends: the daemon only clears its marks.
+bool redundancy_takeover_begins();
 
-// The daemon's event socket is there; and it is about to be read: may put an event in front of `events`.
+// True, once, when all bindings are installed again: rules that none of them took over must go.
+bool redundancy_takeover_ends();
+
+// The daemon's event socket is open; and it is about to be read: may put an event in front of `events`.
 void redundancy_event_socket(int sock);
 void redundancy_events(DaemonEvents &events);
 

@@ -75,8 +75,10 @@ void UnitThread::control(const std::string &request, ControlSocket::Answer answe
     }
     if (*role != role_)
         platform_report(LOG_NOTICE, "role changes from %s to %s", role_text(role_), role_text(*role));
-    if (role_ != *role && (role_ == DHCPSNOOP_ROLE_SLAVE || *role == DHCPSNOOP_ROLE_SLAVE))
-        copyOpen_ = copyAsked_ = copyNeeded_ = false; // of the other direction
+    if (role_ != *role && (role_ == DHCPSNOOP_ROLE_SLAVE || *role == DHCPSNOOP_ROLE_SLAVE)) {
+        copy_.forget(); // copies go the other way now
+        peerCopies_ = false;
+    }
     role_ = *role;
     waiting_.push_back(std::move(answer));
 }

@@ -1,11 +1,40 @@
-// The part of the platform's thread that takes in what the peer unit sends.
+// The part of the platform's thread that talks to the peer unit.
 #include "unit_thread.h"
+
+#include <utility>
 
 #include "report.h"
 #include "wire.h"
 
 namespace platform_linux
 {
+
+void UnitThread::send_record(const UnitBytes &bytes)
+{
+    if (role_ != DHCPSNOOP_ROLE_MASTER || !link_ || !link_->is_up())
+        return;
+    if (!peerBehind_ && link_->send(PeerMessage::record, bytes)) {
+        sent_++;
+        return;
+    }
+    dropped_++;
+    peerBehind_ = true;
+    copyForPeer_ = false;
+}
+
+void UnitThread::send_copy_begin()
+{
+    peerBehind_ = false;
+    copyForPeer_ = role_ == DHCPSNOOP_ROLE_MASTER && link_ && link_->send(PeerMessage::copyBegin);
+}
+
+void UnitThread::send_copy_end()
+{
+    uint8_t count[4];
+    wire_put32(count, copyRecords_);
+    if (std::exchange(copyForPeer_, false))
+        link_->send(PeerMessage::copyEnd, count);
+}
 
 void UnitThread::request_copy()
 {
@@ -19,7 +48,7 @@ void UnitThread::peer_up()
     peerBehind_ = false;
     copyForPeer_ = false;
     if (role_ == DHCPSNOOP_ROLE_MASTER)
-        copyNeeded_ = true;
+        copy_.want();
     if (role_ == DHCPSNOOP_ROLE_MASTER && link_->peer_role() == DHCPSNOOP_ROLE_MASTER)
         platform_report(LOG_WARNING, "the peer unit is master too: neither takes the other's bindings");
 }
@@ -28,18 +57,7 @@ void UnitThread::peer_down()
 {
     copyForPeer_ = false;
     peerBehind_ = false;
-    if (role_ == DHCPSNOOP_ROLE_SLAVE)
-        copyOpen_ = false;
-}
-
-// What has no port here waits for it.
-void UnitThread::bring(const UnitRecord &record)
-{
-    const bool parked = record.add && !port_index(record.port);
-    if (table_.apply(record, parked))
-        note(record);
-    if (!parked)
-        toDaemon_.push_back(record);
+    peerCopies_ = false;
 }
 
 void UnitThread::peer_record(const PeerFrame &frame)
@@ -47,27 +65,30 @@ void UnitThread::peer_record(const PeerFrame &frame)
     if (role_ != DHCPSNOOP_ROLE_SLAVE)
         return;
     auto record = unit_decode(frame.payload, wall_clock(), UnitClock::peers);
-    copyCount_++;
+    peerCopyRecords_++;
     if (!record) {
         dropped_++;
         return;
     }
     received_++;
-    // Two clocks do not tick together: what is the same but for that is the same.
+    // Two clocks do not tick together: a second more or less is no change.
     if (const auto it = table_.held().find(unit_key(*record)); it != table_.held().end()) {
         const int32_t apart = static_cast<int32_t>(record->leaseStart - it->second.record.leaseStart);
         if (apart >= -1 && apart <= 1)
             record->leaseStart = it->second.record.leaseStart;
     }
-    bring(*record);
+    const bool parked = record->add && !port_index(record->port); // waits for its port
+    if (table_.apply(*record, parked))
+        note(*record);
+    if (!parked)
+        toDaemon_.push_back(*record);
 }
 
 void UnitThread::peer_copy_end(const PeerFrame &frame)
 {
-    if (role_ != DHCPSNOOP_ROLE_SLAVE || !copyOpen_)
+    if (!std::exchange(peerCopies_, false))
         return;
-    copyOpen_ = false;
-    if (wire_get32(frame.payload.data()) != copyCount_) {
+    if (wire_get32(frame.payload.data()) != peerCopyRecords_) {
         request_copy();
         return;
     }
@@ -75,14 +96,13 @@ void UnitThread::peer_copy_end(const PeerFrame &frame)
         note(record);
         toDaemon_.push_back(record);
     }
-    lastCopy_ = wall_clock();
-    lastCopyCount_ = copyCount_;
+    copied(peerCopyRecords_);
 }
 
 void UnitThread::peer_frame(const PeerFrame &frame)
 {
     switch (frame.type) {
-    case PeerMessage::hello: // the role of a peer that goes on; a new master copies by itself
+    case PeerMessage::hello: // the peer has another role; a new master copies by itself
         break;
     case PeerMessage::record:
         peer_record(frame);
@@ -91,15 +111,15 @@ void UnitThread::peer_frame(const PeerFrame &frame)
         if (role_ != DHCPSNOOP_ROLE_SLAVE)
             break;
         table_.copy_begin();
-        copyOpen_ = true;
-        copyCount_ = 0;
+        peerCopies_ = true;
+        peerCopyRecords_ = 0;
         break;
     case PeerMessage::copyEnd:
         peer_copy_end(frame);
         break;
     case PeerMessage::copyRequest:
         if (role_ == DHCPSNOOP_ROLE_MASTER)
-            copyNeeded_ = true;
+            copy_.want();
         break;
     case PeerMessage::alive:
         break;

@@ -46,65 +46,66 @@ void UnitThread::deliver()
     }
     if (used == 0)
         return;
-    busy_ = true;
+    step_ = Step::deliver;
     daemon_.ask({FUNC_GLOBAL_SET, GLOBAL_SYNC_PACKET, {}, AdrBytes(packet, packet + used)},
-                [this] { busy_ = false; });
+                [this] { step_ = Step::none; });
 }
 
-// No change of role is under way any more, which something may have waited for.
+// A change of role ends. The daemon's thread may have waited for the end.
 void UnitThread::enforce()
 {
     shared_.enforcement = Enforcement::normal;
     shared_.wake_daemon();
 }
 
-// All bindings are withdrawn, and none is added any more before the daemon is a standby: what it forgets as
-// such it would not withdraw. The setting acts when it changes only, so it is set first.
-void UnitThread::stand_by()
+// Withdraws all bindings. The daemon adds none before it is a standby: it would forget an added one without
+// withdrawing it. The setting acts only when it changes, so it is set first.
+void UnitThread::withdraw()
 {
-    busy_ = true;
+    step_ = Step::withdraw;
     shared_.enforcement = Enforcement::refuseAdds;
     daemon_.ask(ON, [] {});
     daemon_.ask(OFF, [this] {
         shared_.daemonRole = DHCPSNOOP_ROLE_SLAVE;
         enforce();
-        busy_ = false;
+        step_ = Step::none;
     });
 }
 
-// Installs all bindings. As a standby, if only for a moment, the daemon took for installed what it learned
-// and forgot without withdrawing, so its marks are cleared first, while what is in force stays: what is
-// installed anew takes it over, the rest goes when all is done. The setting acts when it changes only, so it
-// is set first, to no effect.
+// Installs all bindings. Each time as a standby, even a short one, has left wrong marks of installed bindings
+// in the daemon. So the marks are cleared first, while installed rules stay in force; a binding that is
+// installed again takes its rules over, and the others go at the end.
 void UnitThread::take_over(DhcpsnoopRole target)
 {
     const bool empty = fresh_ && !replayed_;
     shared_.enforcement = empty ? Enforcement::normal : Enforcement::refuseAdds;
     shared_.daemonRole = target;
-    copyNeeded_ = copyNeeded_ || shared_.recording;
+    if (shared_.recording)
+        copy_.want();
     if (empty)
         return;
-    busy_ = true;
+    step_ = Step::clear;
     daemon_.ask(ON, [this] {
         shared_.enforcement = Enforcement::clearMarks;
         daemon_.ask(OFF, [this] { install(); });
     });
 }
 
-// Static bindings are bound once more: they are in force whether their port is guarded yet or not, because
-// the daemon does not come back to them when it is.
+// A static binding is bound again: it is in force whether its port is guarded or not, and the daemon does not
+// install it when the port becomes guarded later.
 void UnitThread::install()
 {
+    step_ = Step::install;
     shared_.enforcement = Enforcement::normal;
     for (const auto &[key, held] : table_.held()) {
         const UnitRecord &record = held.record;
         if (record.type == SYNC_USER && record.userType == DHCPSNOOP_USER_STATIC &&
             record.bindState == DHCPSNOOP_BIND_BOUND && !held.parked)
-            daemon_.ask(bind_again(record), [] {}); // no matter when it has gone meanwhile
+            daemon_.ask(bind_again(record), [] {}); // refused if it has gone meanwhile
     }
     daemon_.ask(ON, [this] {
-        busy_ = false;
-        shared_.holdOver = true;
+        step_ = Step::none;
+        shared_.installed = true;
         shared_.wake_daemon();
     });
 }
@@ -117,27 +118,28 @@ void UnitThread::settle()
     if (announced_ == role_)
         return;
     announced_ = role_;
-    copyNeeded_ = copyNeeded_ || role_ == DHCPSNOOP_ROLE_MASTER;
+    if (role_ == DHCPSNOOP_ROLE_MASTER)
+        copy_.want();
     if (!link_ || !link_->is_up())
         return;
     link_->send_role();
     request_copy();
 }
 
-// One step towards the role that is wanted, when none is under way.
+// Begins the next step towards the unit's role.
 void UnitThread::advance()
 {
-    while (!busy_) {
+    while (step_ == Step::none) {
         const DhcpsnoopRole target = daemon_role();
         const DhcpsnoopRole now = shared_.daemonRole;
         if (!toDaemon_.empty() && (now == DHCPSNOOP_ROLE_SLAVE || target != DHCPSNOOP_ROLE_SLAVE)) {
-            if (target != DHCPSNOOP_ROLE_SLAVE) // for a moment: a port came whose bindings waited
+            if (target != DHCPSNOOP_ROLE_SLAVE) // a standby for a moment: parked bindings got their port
                 shared_.enforcement = Enforcement::refuseAdds;
             shared_.daemonRole = DHCPSNOOP_ROLE_SLAVE;
             deliver();
         } else if (now != target) {
             if (target == DHCPSNOOP_ROLE_SLAVE)
-                stand_by();
+                withdraw();
             else if (now == DHCPSNOOP_ROLE_SLAVE)
                 take_over(target);
             else

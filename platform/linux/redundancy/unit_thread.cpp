@@ -14,11 +14,10 @@ namespace platform_linux
 {
 namespace
 {
-constexpr size_t HOLD_PEER = 4096;    // records in line for the daemon
-constexpr Ticks COPY_PERIOD = 1000;   // at least between two full copies
-constexpr Ticks COPY_PATIENCE = 1000; // then the daemon is woken again
-constexpr Ticks GATHER = 10;          // changes that come closely are taken together
-constexpr Ticks SYNC_AFTER = 400;     // from a record to its place on the disk, at most
+constexpr size_t HOLD_PEER = 4096; // records in line for the daemon
+constexpr Ticks COPY_LOOK = 250;   // for a full copy's next step
+constexpr Ticks GATHER = 10;       // changes that come closely are taken together
+constexpr Ticks SYNC_AFTER = 400;  // from a record to its place on the disk, at most
 constexpr Ticks EXPIRE_PERIOD = 60'000;
 constexpr Ticks JOURNAL_RETRY = 10'000;
 } // namespace
@@ -123,36 +122,26 @@ void UnitThread::begin()
 
 // ---- the daemon's records
 
-void UnitThread::send_record(const UnitBytes &bytes)
-{
-    if (role_ != DHCPSNOOP_ROLE_MASTER || !link_ || !link_->is_up())
-        return;
-    if (!peerBehind_ && link_->send(PeerMessage::record, bytes)) {
-        sent_++;
-        return;
-    }
-    dropped_++;
-    peerBehind_ = true;
-    copyForPeer_ = false;
-}
-
-// Into the journal, what the table has taken in or forgotten.
+// Appends a change of the table to the journal.
 void UnitThread::note(const UnitRecord &record)
 {
     if (journal_.is_open())
         journal_.append(unit_encode(record, wall_clock()));
 }
 
+void UnitThread::copied(uint32_t records)
+{
+    lastCopy_ = wall_clock();
+    lastCopyCount_ = records;
+}
+
 void UnitThread::take_copy_end(bool complete)
 {
-    if (!copyOpen_ || role_ == DHCPSNOOP_ROLE_SLAVE)
-        return; // begun in another role: one that is open now is the peer's
-    copyOpen_ = false;
-    copyAsked_ = false;
-    if (copyBroken_ || !complete) {
-        copyNeeded_ = true;
+    if (!copy_.is_open())
+        return; // its beginning was lost, or the unit had another role then
+    copy_.end(complete);
+    if (!complete)
         return;
-    }
     const std::vector<UnitRecord> gone = table_.copy_end();
     for (const UnitRecord &record : gone)
         note(record);
@@ -161,14 +150,8 @@ void UnitThread::take_copy_end(bool complete)
                         "the daemon has not taken %zu of the journal's records: is its table too small?",
                         gone.size());
     replayed_ = false;
-    if (copyForPeer_) {
-        uint8_t count[4];
-        wire_put32(count, copyCount_);
-        link_->send(PeerMessage::copyEnd, count);
-    }
-    copyForPeer_ = false;
-    lastCopy_ = wall_clock();
-    lastCopyCount_ = copyCount_;
+    send_copy_end();
+    copied(copyRecords_);
 }
 
 void UnitThread::take_record(const UnitRecord &record)
@@ -177,7 +160,7 @@ void UnitThread::take_record(const UnitRecord &record)
     if (table_.apply(record))
         journal_.append(bytes);
     send_record(bytes);
-    copyCount_++;
+    copyRecords_++;
 }
 
 void UnitThread::take_change(const Change &change, Ticks now)
@@ -190,12 +173,9 @@ void UnitThread::take_change(const Change &change, Ticks now)
         if (role_ == DHCPSNOOP_ROLE_SLAVE)
             break;
         table_.copy_begin();
-        copyOpen_ = true;
-        copyBroken_ = false;
-        copyCount_ = 0;
-        copyNext_ = now + COPY_PERIOD;
-        peerBehind_ = false;
-        copyForPeer_ = role_ == DHCPSNOOP_ROLE_MASTER && link_ && link_->send(PeerMessage::copyBegin);
+        copy_.begin(now);
+        copyRecords_ = 0;
+        send_copy_begin();
         break;
     case Change::Kind::copyEnd:
         take_copy_end(change.record.add);
@@ -214,36 +194,23 @@ void UnitThread::drain(Ticks now)
         take_change(change, now);
     if (taken.dropped != 0) {
         dropped_ += taken.dropped;
-        copyBroken_ = true;
-        copyNeeded_ = true;
-        copyOpen_ = false; // its end may be among what was lost
-        copyAsked_ = false;
+        copy_.lost();
     }
 }
 
 void UnitThread::ask_for_copy(Ticks now)
 {
-    if (shared_.bindingChanged.exchange(false))
-        copyNeeded_ = true;
-    if (peerBehind_ && link_ && link_->is_idle())
-        copyNeeded_ = true;
-    if (shared_.daemonRole != DHCPSNOOP_ROLE_MASTER || !shared_.recording || busy_)
+    if (shared_.bindingChanged.exchange(false) ||
+        (copy_.is_idle() && peerBehind_ && link_ && link_->is_idle()))
+        copy_.want();
+    if (shared_.daemonRole != DHCPSNOOP_ROLE_MASTER || !shared_.recording || step_ != Step::none ||
+        shared_.eventSocket < 0)
         return;
-    if (copyAsked_) {
-        if (now - copyAskedAt_ >= COPY_PATIENCE) {
-            copyAskedAt_ = now;
-            shared_.wake_daemon();
-        }
-        return;
-    }
-    if (!copyNeeded_ || now < copyNext_ || shared_.eventSocket < 0)
-        return;
-    copyNeeded_ = false;
-    copyAsked_ = true;
-    copyAskedAt_ = now;
-    copyNext_ = now + COPY_PERIOD;
-    shared_.copyWanted = true;
-    shared_.wake_daemon();
+    const bool asks = copy_.ask(now);
+    if (asks)
+        shared_.copyWanted = true;
+    if (asks || copy_.is_late(now))
+        shared_.wake_daemon();
 }
 
 // ---- the loop
@@ -289,8 +256,8 @@ void UnitThread::turn()
         deadline = std::min(deadline, takeAt_);
     if (dirtySince_ != NEVER)
         deadline = std::min(deadline, dirtySince_ + (journal_.has_failed() ? JOURNAL_RETRY : SYNC_AFTER));
-    if (copyAsked_ || copyNeeded_ || peerBehind_)
-        deadline = std::min(deadline, now + COPY_PERIOD / 4);
+    if (!copy_.is_idle() || peerBehind_)
+        deadline = std::min(deadline, now + COPY_LOOK);
 
     std::vector<pollfd> descriptors = {
         {shared_.wakeup, POLLIN, 0},

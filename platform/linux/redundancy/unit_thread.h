@@ -1,9 +1,16 @@
 // The platform's thread: takes the daemon's records to the peer unit and to the journal, brings the peer's
 // and the journal's records to the daemon, and leads the daemon from one role to another.
 //
-// The daemon takes records in as a standby unit only, and as such it programs no data plane. So every start
-// begins as a standby: the journal is delivered, then the unit's own role is taken and all bindings are
-// installed. A unit that is to stand by withdraws them first.
+// The daemon takes records in as a standby only, and a standby programs no data plane. So every start begins
+// as a standby: the journal is delivered, then the unit takes its own role and installs all bindings. A unit
+// that becomes the standby withdraws them first.
+//
+//              +---> deliver --------------+
+//              |     (records in line)     |
+//    none -----+---> withdraw -------------+---> none
+//              |     (to standby)          |
+//              +---> clear ---> install ---+
+//                    (from standby)
 #pragma once
 
 #include <atomic>
@@ -16,6 +23,7 @@
 #include "change_queue.h"
 #include "control_socket.h"
 #include "daemon_requests.h"
+#include "full_copy.h"
 #include "journal.h"
 #include "peer_link.h"
 #include "redundancy.h"
@@ -34,7 +42,7 @@ struct UnitShared {
     std::atomic<bool> recording = false; // somebody wants the daemon's records
     std::atomic<DhcpsnoopRole> daemonRole = DHCPSNOOP_ROLE_SLAVE;
     std::atomic<Enforcement> enforcement = Enforcement::normal;
-    std::atomic<bool> holdOver = false;       // what the daemon's new role did not install again may go
+    std::atomic<bool> installed = false;      // all bindings are installed in the daemon's new role
     std::atomic<bool> copyWanted = false;     // asked of the daemon, not begun
     std::atomic<bool> bindingChanged = false; // by management
     std::atomic<int> eventSocket = -1;
@@ -66,18 +74,37 @@ class UnitThread
     void turn(); // one pass of run, which waits
 
   private:
+    // The step between two roles, as long as a request to the daemon is under way for it.
+    enum class Step : uint8_t {
+        none,
+        deliver,  // a packet of records goes to the daemon, which is a standby, if only for the moment
+        withdraw, // the daemon takes all bindings out of the data plane
+        clear,    // the daemon forgets which bindings are installed
+        install,  // the daemon installs all bindings
+    };
+
     void drain(Ticks now);
     void take_record(const UnitRecord &record);
     void take_change(const Change &change, Ticks now);
     void take_copy_end(bool complete);
+    void copied(uint32_t records);
+    void ask_for_copy(Ticks now);
+    void note(const UnitRecord &record);
+    void write_journal(Ticks now);
+    DhcpsnoopRole daemon_role() const;
+    std::optional<uint32_t> port_index(const char *port) const;
+
+    // unit_role.cpp
     void advance();
     void deliver();
     void enforce();
-    void stand_by();
+    void withdraw();
     void take_over(DhcpsnoopRole target);
     void install();
     void settle();
-    void ask_for_copy(Ticks now);
+    void look_for_ports();
+
+    // unit_peer.cpp
     void peer_up();
     void peer_down();
     void peer_frame(const PeerFrame &frame);
@@ -85,42 +112,41 @@ class UnitThread
     void peer_copy_end(const PeerFrame &frame);
     void request_copy();
     void send_record(const UnitBytes &bytes);
-    void note(const UnitRecord &record);
-    void bring(const UnitRecord &record);
-    void look_for_ports();
+    void send_copy_begin();
+    void send_copy_end();
+
+    // unit_control.cpp
     void control(const std::string &request, ControlSocket::Answer answer);
     std::string status() const;
-    DhcpsnoopRole daemon_role() const;
-    std::optional<uint32_t> port_index(const char *port) const;
-    void write_journal(Ticks now);
 
     UnitShared &shared_;
     DhcpsnoopRole role_;      // the operator's
     DhcpsnoopRole announced_; // what the peer knows
     bool fresh_ = true;       // the daemon has not had a role yet
-    bool replayed_ = false;   // and has records of the journal
-    bool busy_ = false;       // a request to the daemon is under way
+    bool replayed_ = false;   // the daemon gets records of the journal
+    Step step_ = Step::none;
     UnitTable table_;
     Journal journal_;
-    std::optional<PeerLink> link_;
     DaemonRequests daemon_;
     ControlSocket control_;
-    std::vector<ControlSocket::Answer> waiting_; // for the role to settle
+    std::vector<ControlSocket::Answer> waiting_; // for the new role to be in force
     std::deque<UnitRecord> toDaemon_;
     std::map<std::string, uint32_t, std::less<>> ports_;
     uint32_t portsVersion_ = 0;
 
-    bool copyNeeded_ = false, copyAsked_ = false, copyOpen_ = false;
-    bool copyBroken_ = false;  // records were lost since it began
-    bool copyForPeer_ = false; // the peer was told of its beginning
-    bool peerBehind_ = false;  // records for the peer found no room
-    uint32_t copyCount_ = 0;   // records of the copy that is under way, in or out
-    Ticks copyNext_ = 0, copyAskedAt_ = 0;
+    FullCopy copy_;                             // of the daemon's tables
+    uint32_t copyRecords_ = 0;                  // so far
     uint32_t lastCopy_ = 0, lastCopyCount_ = 0; // when, by the wall clock; 0 = never
+
+    std::optional<PeerLink> link_;
+    bool peerBehind_ = false;  // records for the peer found no room
+    bool copyForPeer_ = false; // the peer knows of copy_
+    bool peerCopies_ = false;  // a full copy of the peer's is under way
+    uint32_t peerCopyRecords_ = 0;
     uint64_t sent_ = 0, received_ = 0, dropped_ = 0;
     Ticks dirtySince_ = NEVER, expireAt_ = 0;
-    bool moreChanges_ = false; // may come, and are not told, before the queue is looked at again
-    Ticks takeAt_ = 0;         // when it is then
+    bool moreChanges_ = false; // may be in the queue, which wakes nobody before it is found empty
+    Ticks takeAt_ = 0;         // when it is looked at again
 };
 
 } // namespace platform_linux
