@@ -9,8 +9,8 @@
 #include <zlib.h>
 
 #include "journal.h"
-#include "report.h"
 #include "peer_frame.h"
+#include "report.h"
 #include "wire.h"
 
 using namespace platform_linux;
