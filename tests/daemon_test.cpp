@@ -94,12 +94,6 @@ std::string said()
     return all;
 }
 
-void check(std::initializer_list<Claim> rows)
-{
-    for (const Claim &row : rows)
-        EXPECT_EQ(row.outcome, row.expected) << row.claim;
-}
-
 static DhcpsnoopUserKey key_of(uint8_t ipType, const void *address, size_t size)
 {
     DhcpsnoopUserKey key = {};

@@ -113,14 +113,6 @@ bool printed(const std::string &text);
 // framed in another way stands whole in braces.
 std::string said();
 
-// Rows in which each outcome is one string of everything that happened; they are evaluated in order, so that a row may be
-// a step that continues the one before.
-struct Claim {
-    const char *claim;
-    std::string outcome, expected;
-};
-void check(std::initializer_list<Claim> rows);
-
 DhcpsnoopUserKey key4(uint32_t address);
 DhcpsnoopUserKey key6(const char *address);
 DhcpsnoopUser *binding(uint32_t address); // null when there is none

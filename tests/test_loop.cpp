@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "event_message.h"
+
 namespace
 {
 
@@ -103,10 +105,10 @@ std::string served(std::optional<int> result, DhcpsnoopRole role = DHCPSNOOP_ROL
     });
 }
 
-std::string event(ssize_t result)
+std::string event(ssize_t result, const Bytes &datagram = Bytes(2048, 0xFF))
 {
-    return alone([=] {
-        world.events.push_back({Bytes(2048, 0xFF), result});
+    return alone([&] {
+        world.events.push_back({datagram, result});
         world.readable = {gDhcpsnoop.rtSock};
         const std::string before = world_state();
         pass();
@@ -159,6 +161,7 @@ TEST(Loop, Rows)
         {"a VLAN interface without snooping: dropped silently", in_vlan(40) + in_vlan(40, true), " qorIndexTrans 0,0,0,0,40,3,0 7 qorIndexTrans 0,0,0,0,40,3,0 7"},
         {"no VLAN interface", in_vlan(50) + in_vlan(50, true) + in_vlan(50, false, 1), "{[DHCPSNOOP]: qor index trans error!\r\n} qorIndexTrans 0,0,0,0,50,3,0 7qor index trans error! qorIndexTrans 0,0,0,0,50,3,0 7 qorIndexTrans 0,0,0,0,50,3,0 7"},
         {"no event is reported", event(0), ", platform_event_recv 2048 12[DHCPSNOOP]: recvfrom rt_socket  failed!\r\n "},
+        {"a datagram is walked: port 1 is gone", event(32, link_message(17, 1)), ", platform_event_recv 2048 12, qorIfSetApi 1 306 23 changed"},
         {"a failure and a datagram of one byte harm nothing", event(-1) + event(1), ", platform_event_recv 2048 12, platform_event_recv 2048 12"},
     });
 }

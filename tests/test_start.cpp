@@ -29,7 +29,7 @@ const std::string WHOLE = "OsixCreateMSem 9, socket AF_PACKET 3 0x0800, platform
 std::string state()
 {
     const auto hook = [](const void *given) { return given == nullptr ? "" : " hook"; };
-    return world_format(" sizes %u %u %u sockets %d %d %d %d udp %d sem %u debug %u", gDhcpsnoop.ifMax, gDhcpsnoop.userMax, gDhcpsnoop.serverMax, gDhcpsnoop.dataSock, gDhcpsnoop.data6Sock, gDhcpsnoop.cmdSock, gDhcpsnoop.rtSock, gDhcpsnoop.udpSock, gDhcpsnoop.semId, gDhcpsnoop.debugFlags) +
+    return world_format(" sizes %u %u %u sockets %d %d %d %d udp %d sem %u debug %u umask %o", gDhcpsnoop.ifMax, gDhcpsnoop.userMax, gDhcpsnoop.serverMax, gDhcpsnoop.dataSock, gDhcpsnoop.data6Sock, gDhcpsnoop.cmdSock, gDhcpsnoop.rtSock, gDhcpsnoop.udpSock, gDhcpsnoop.semId, gDhcpsnoop.debugFlags, world.umask) +
            hook(reinterpret_cast<const void *>(gDhcpsnoop.deftinstallCb)) + (gDhcpsnoop.ipsgIfGet == ipsgIfGetApi ? " ipsg" : hook(reinterpret_cast<const void *>(gDhcpsnoop.ipsgIfGet))) + (gDhcpsnoop.antiArpIfGet == arpAntiAttackIfGetApi ? " arp" : hook(reinterpret_cast<const void *>(gDhcpsnoop.antiArpIfGet)));
 }
 
@@ -43,7 +43,7 @@ std::string failing(const char *refused, int32_t result = -1, int failCalloc = 0
     text += (WHOLE + ", ").starts_with(all.substr(0, all.size() - undone.size())) ? "" : "otherwise! ";
     text += undone + "; " + error.text().substr(0, error.text().rfind("\r\n"));
     // The record has just been zero-filled, so no debug text can appear.
-    text += debug_texts().empty() && gDhcpsnoop.ifPool == nullptr && gDhcpsnoop.userPool == nullptr && gDhcpsnoop.serverPool == nullptr ? "" : " not all undone!";
+    text += debug_texts().empty() && gDhcpsnoop.ifPool == nullptr && gDhcpsnoop.userPool == nullptr && gDhcpsnoop.serverPool == nullptr && gDhcpsnoop.cmdSock == -1 && gDhcpsnoop.rtSock == -1 ? "" : " not all undone!";
     world.now += 1000;
     dhcpsnoop_user_timer_check(); // the loop runs all the same, and walks its tables
     return text + (dhcpsnoop_init(4, 8) == 0 ? world_check_tables() : "no second attempt!");
@@ -86,14 +86,14 @@ TEST(Start, Rows)
         return calls();
     };
     check({
-        {"Kept: udpSock stays at the 0 of the zero-fill", start(0, 0, 0), "0 sizes 20 256 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 hook ipsg arp"},
+        {"Kept: udpSock stays at the 0 of the zero-fill", start(0, 0, 0), "0 sizes 20 256 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 umask 22 hook ipsg arp"},
         {"sockets in order", calls(), WHOLE},
-        {"a second call changes nothing", (world.clear(), gDhcpsnoop.serverLearn = 1, start(1, 2, 3)), "0 sizes 20 256 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 hook ipsg arp"},
+        {"a second call changes nothing", (world.clear(), gDhcpsnoop.serverLearn = 1, start(1, 2, 3)), "0 sizes 20 256 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 umask 22 hook ipsg arp"},
         {"and does nothing", calls() + std::to_string(gDhcpsnoop.serverLearn), "1"},
         {"shut down", (gDhcpsnoop.udpSock = 950, undone()), BOTH "close 950, close 902, " PATH ", close 903"},
         {"once", undone(), ""},
-        {"sizes as given", start(1, 2, 3), "0 sizes 1 2 3 sockets 904 905 906 907 udp 0 sem 77 debug 0 hook ipsg arp"},
-        {"the short form has the defaults", (nothing(), dhcpsnoop_init(5, 6), state()), " sizes 5 6 256 sockets 900 901 902 903 udp 0 sem 77 debug 0"},
+        {"sizes as given", start(1, 2, 3), "0 sizes 1 2 3 sockets 904 905 906 907 udp 0 sem 77 debug 0 umask 22 hook ipsg arp"},
+        {"the short form has the defaults", (nothing(), dhcpsnoop_init(5, 6), state()), " sizes 5 6 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 umask 22"},
         {"typed", formats(0), "3 0 ; 3 0 ; 3 0 ; 3 0 ; "},
         {"templates", formats(5), "5 11 %s.%c.%d:%N; 5 2 %d; 5 11 %d %N:%s.%c; 5 11 %s.%c.%d:%N; "},
         {"an unknown mode is stored as it is", formats(9), "9 0 ; 9 0 ; 9 0 ; 9 0 ; "},
