@@ -49,6 +49,15 @@ std::string parsed(const Frame6 &message, int more = 0, const Arrival &arrival =
     return text;
 }
 
+std::string kinds(const char *addresses)
+{
+    std::istringstream words(addresses);
+    std::string text;
+    for (std::string address; words >> address;)
+        text += world_format("%x ", ipv6_addr_type(ip6(address.c_str()).data()));
+    return text;
+}
+
 // A message of that many bytes: type, transaction id, then an option that fills the rest.
 Bytes message_of(size_t length)
 {
@@ -100,7 +109,7 @@ TEST_F(Parse6, Ladder)
     });
 }
 
-TEST_F(Parse6, Options)
+TEST_F(Parse6, OptionsAndAddresses)
 {
     const auto finds = [](Bytes area, uint32_t length = 1000) {
         const uint8_t *found = dhcp6snoop_get_opt(area.data(), 5, length == 1000 ? static_cast<uint32_t>(area.size()) : length);
@@ -124,6 +133,12 @@ TEST_F(Parse6, Options)
         {"behind the datagram, inside the IPv6 payload, not behind that", options(Parsed(slack).info), "status 0, 18 at 0"},
         {"64 IAs", options(ias(64) + opt6(18, {1})), "status 0, 18 at 512, IA at 0, IA at 504"},
         {"one IA more", options(ias(65) + opt6(18, {1})), "status 0, 18 at 520, IA at 0, IA at 504"},
+        // The kernel's IPV6_ADDR_ bits for the ranges of RFC 4291 2.4.
+        {"any, loopback, IPv4-compatible, IPv4-mapped", kinds(":: ::1 ::2 ::10.0.0.1 ::ffff:10.0.0.1 ::ffff:0:0"), "0 11 81 81 1000 1000 "},
+        {"global unicast", kinds("2000:: 3fff:ffff::1 dfff::1"), "1 1 1 "},
+        {"link-local and site-local", kinds("fe80::1 febf:ffff::1 fec0::1 feff:ffff::1"), "21 21 41 41 "},
+        {"multicast by scope", kinds("ff00::1 ff01::1 ff02::1:2 ff05::1:3 ff0e::1 ff12::1"), "2 12 22 42 2 2 "},
+        {"reserved", kinds("1fff:ffff::1 e000::1 fdff::1 fe7f:ffff::1 0:0:1:: 1:: ::1:0:0 ::fffe:10.0.0.1 0:0:0:1::1"), "2000 2000 2000 2000 2000 2000 2000 2000 2000 "},
         // The option finder.
         {"the first one", finds(opt6(5, {1}) + opt6(5, {2})), "0"},
         {"behind another", finds(opt6(1, {1, 2, 3}) + opt6(5, {2})), "7"},
@@ -139,24 +154,6 @@ TEST_F(Parse6, Options)
     EXPECT_EQ(dhcp6snoop_get_opt(nullptr, 5, 8), nullptr);
 }
 
-// The kernel's IPV6_ADDR_ bits for the ranges of RFC 4291 2.4.
-TEST_F(Parse6, AddressKinds)
-{
-    const auto kinds = [](const char *addresses) {
-        std::istringstream words(addresses);
-        std::string text;
-        for (std::string address; words >> address;)
-            text += world_format(" %x", ipv6_addr_type(ip6(address.c_str()).data()));
-        return text;
-    };
-    check({
-        {"any, loopback, IPv4-compatible, IPv4-mapped", kinds(":: ::1 ::2 ::10.0.0.1 ::ffff:10.0.0.1 ::ffff:0:0"), " 0 11 81 81 1000 1000"},
-        {"global unicast", kinds("2000:: 3fff:ffff::1 dfff::1"), " 1 1 1"},
-        {"link-local and site-local", kinds("fe80::1 febf:ffff::1 fec0::1 feff:ffff::1"), " 21 21 41 41"},
-        {"multicast by scope", kinds("ff00::1 ff01::1 ff02::1:2 ff05::1:3 ff0e::1 ff12::1"), " 2 12 22 42 2 2"},
-        {"reserved", kinds("1fff:ffff::1 e000::1 fdff::1 fe7f:ffff::1 0:0:1:: 1:: ::1:0:0 ::fffe:10.0.0.1 0:0:0:1::1"), " 2000 2000 2000 2000 2000 2000 2000 2000 2000"},
-    });
-}
 // clang-format on
 
 // Frames in memory that ends with their buffer: nothing is read behind it, whatever the headers claim.
@@ -194,10 +191,9 @@ TEST_F(Parse6, NothingIsReadBehindTheBuffer)
 
 TEST_F(Parse6, UdpChecksum)
 {
-    for (const char *frame : {SOLICIT, SOLICIT_TAGGED, ADVERTISE, REQUEST_18_37, REPLY}) {
+    for (const char *frame : {SOLICIT_TAGGED, REPLY_REFUSED}) {
         Parsed p(hex_bytes(frame));
         const int sum = p.info.udpHdr[6] << 8 | p.info.udpHdr[7];
-        EXPECT_EQ(dhcp6snoop_get_udp_checksum(&p.info), 0); // with its own in place it adds up
         p.info.udpHdr[6] = p.info.udpHdr[7] = 0;
         EXPECT_EQ(dhcp6snoop_get_udp_checksum(&p.info), sum);
     }
@@ -205,22 +201,8 @@ TEST_F(Parse6, UdpChecksum)
     Parsed odd(Frame6{.srcIp = ip6("fe80::1"), .udpChecksum = 0, .message = Bytes{1, 2, 3, 4, 5}});
     EXPECT_EQ(dhcp6snoop_get_udp_checksum(&odd.info), 0xF501);
     odd.info.udpHdr = odd.info.frame + 36; // so much stands in front of it in the work buffer of 2048
-    for (const uint32_t length : {2012u, 2013u, 65535u}) {
-        odd.info.udpLen = length;
-        EXPECT_EQ(dhcp6snoop_get_udp_checksum(&odd.info) != 0, length == 2012) << length;
-    }
-}
-
-// The builder of these tests against an encoder that shares nothing with it.
-TEST_F(Parse6, TheFrameBuilderAgreesWithScapy)
-{
-    const Bytes clientId = hex_bytes("0001 000a 0003 0001 02c1 0000 0001"), serverId = hex_bytes("0002 000a 0003 0001 025e 0000 0001");
-    const Bytes options = clientId + opt6(8, {0, 0}) + ia_na({});
-    Frame6 refused = server6(7, clientId + serverId + ia_na(status6(2, "none left")));
-    refused.xid = 0x10A2B4;
-    EXPECT_EQ(hex(client6(1, options).bytes()), hex(hex_bytes(SOLICIT)));
-    EXPECT_EQ(hex(Frame6{.tags = {{0x8100, 10}}, .options = options}.bytes()), hex(hex_bytes(SOLICIT_TAGGED)));
-    EXPECT_EQ(hex(refused.bytes()), hex(hex_bytes(REPLY_REFUSED)));
+    for (odd.info.udpLen = 2012; odd.info.udpLen < 2014; odd.info.udpLen++)
+        EXPECT_EQ(dhcp6snoop_get_udp_checksum(&odd.info) != 0, odd.info.udpLen == 2012);
 }
 
 } // namespace
