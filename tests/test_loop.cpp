@@ -161,7 +161,7 @@ TEST(Loop, Rows)
         {"a VLAN interface without snooping: dropped silently", in_vlan(40) + in_vlan(40, true), " qorIndexTrans 0,0,0,0,40,3,0 7 qorIndexTrans 0,0,0,0,40,3,0 7"},
         {"no VLAN interface", in_vlan(50) + in_vlan(50, true) + in_vlan(50, false, 1), "{[DHCPSNOOP]: qor index trans error!\r\n} qorIndexTrans 0,0,0,0,50,3,0 7qor index trans error! qorIndexTrans 0,0,0,0,50,3,0 7 qorIndexTrans 0,0,0,0,50,3,0 7"},
         {"no event is reported", event(0), ", platform_event_recv 2048 12[DHCPSNOOP]: recvfrom rt_socket  failed!\r\n "},
-        {"a datagram is walked: port 1 is gone", event(32, link_message(17, 1)), ", platform_event_recv 2048 12, qorIfSetApi 1 306 23 changed"},
+        {"a datagram is walked: port 1 is gone", event(32, event_message(17, host32(0) + host32(1) + Bytes(8, 0))), ", platform_event_recv 2048 12, qorIfSetApi 1 306 23 changed"},
         {"a failure and a datagram of one byte harm nothing", event(-1) + event(1), ", platform_event_recv 2048 12, platform_event_recv 2048 12"},
     });
 }

@@ -1,6 +1,6 @@
 // The DHCPv6 parser: each rung of its ladder in pairs, each option, lengths that lie; address kinds, the UDP
 // checksum over IPv6, the option finder.
-#include "daemon_test.h"
+#include "scene.h"
 
 #include <sstream>
 

@@ -1,5 +1,5 @@
 // Start-up and shutdown: what is opened, in which order, and that a failure at any point undoes it all.
-#include "daemon_test.h"
+#include "scene.h"
 
 namespace
 {

@@ -27,6 +27,14 @@ const Word WORDS[] = {
     {"elsewhere", [] { make_binding(HOST, MAC_CLIENT, 77, 20); }},
 };
 
+// The line of the daemon's state that begins so.
+std::string state_of(const std::string &name)
+{
+    const std::string state = world_state();
+    const size_t at = state.find(name);
+    return at == std::string::npos ? "none" : state.substr(at, state.find('\n', at) - at);
+}
+
 // clang-format off
 const Arrival IN_VLAN20 = {.outer = 20}, ON_VLAN = {.port = 3, .outer = 20, .inIf = 110};
 #define ASKED "| .50 asked 1/10 10s ago"
@@ -77,11 +85,10 @@ TEST_F(User, LearnedAndDeletedDirectly)
         const Lines log = world.texts(Did::Log);
         return (log.empty() ? "" : log[0]) + calls_summary() + users();
     };
-    const std::string state = "vid 10/10 if 1 lease 60 from 0 hw 00 type 1 state 4 mark 30 attr 0 mac 02 c1 00 00 00 01 ids 0 0 gw 00000000 tag 00000063 source 0 0 items 00 00 server 0a000001\n";
     check({
         {"on a VLAN interface, from a port with an entry", learn("vlan-if", {.outer = 20, .inIf = 110}), "0 | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN"},
         {"on a VLAN interface, from a trusted port", learn("vlan-if trusted", {.inIf = 110}), "0 | 0 users, 0 in the VLAN"},
-        {"every field", (learn("", {}), world_state().substr(world_state().find("vid 10/10"), state.size())), state},
+        {"every field", (learn("", {}), state_of("10.0.0.50")), "10.0.0.50 vid=10 orig=10 if=1 lease=60 type=1 state=4 mark#30 tag#63 server#a000001 mac:02c100000001"},
         {"told", world.texts(Did::Log).at(0), "7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 10, leasetime 60.\r\n"},
         {"dynamic", deleted("hook vlan-if bound"), "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n | 0 users, 0 in the VLAN"},
         {"IPv6 is not announced", deleted("hook ipv6"), "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip a00:32::\r\n | 0 users"},
@@ -152,7 +159,8 @@ TEST_F(User, MacUsers)
     first.info.rxTime = second.info.rxTime = 1234;
     DhcpsnoopMacUser *one = dhcpsnoop_mac_user_add(&first.info), *two = dhcpsnoop_mac_user_add(&second.info);
     // Whatever the limits say, in the place of the client.
-    EXPECT_NE(world_state().find("waiting 00 00 00 00 02 01 vid 10 if 3 age 120 seen 1234 server 00000000\nwaiting 00 00 00 00 01 02 vid 10 if 1 age 120 seen 1234 server 0000004d\n"), std::string::npos);
+    EXPECT_EQ(state_of("waiting/000000000201"), "waiting/000000000201 vid=10 if=3 age=120 seen=1234");
+    EXPECT_EQ(state_of("waiting/000000000102"), "waiting/000000000102 vid=10 if=1 age=120 seen=1234 server#4d");
     DhcpsnoopMacUser *again = dhcpsnoop_mac_user_add(&first.info); // duplicates are the caller's affair; the newest is found
     EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == again && dhcpsnoop_mac_user_lookup(b.data()) == two);
     dhcpsnoop_mac_user_delete(again);
@@ -217,8 +225,8 @@ TEST_F(User, WhoseCheckItems)
 {
     // Calls, flags, source (0: not installed) and items of both features, questions asked.
     const auto installed = [](const char *hook) {
-        const std::string state = world_state(), items = state.substr(state.find(" source"), 23);
-        return calls_summary() + held() + items + world_format(" asked %zu %zu", world.questions(hook).size(), world.questions("qorIndexTrans 1,1,1,1,10,3,0 7").size());
+        const std::string state = state_of("10.0.0.50");
+        return calls_summary() + state.substr(state.find(" orig") + 8) + world_format(" asked %zu %zu", world.questions(hook).size(), world.questions("qorIndexTrans 1,1,1,1,10,3,0 7").size());
     };
     const auto whose = [&](uint32_t kind, std::optional<WorldGuard> ofPort, std::optional<WorldGuard> ofVlan, uint32_t gone = 0) {
         prepare("bound");
@@ -234,12 +242,12 @@ TEST_F(User, WhoseCheckItems)
     };
     const WorldGuard onPort = {.items = 0x90}, onVlan = {.items = 0xC0}, off = {.enabled = 0, .items = 0x90};
     check({
-        {"the port's", whose(IPSG, onPort, onVlan), "hw +1 .50 90/80 | .50 bound 1/10 hw 80 source 2 0 items 90 00 asked 2 0"},
-        {"of ARP inspection", whose(DAI, onPort, onVlan), "hw +1 .50 90/00 | .50 bound 1/10 hw 40 source 0 2 items 00 90 asked 2 0"},
-        {"the VLAN's when the port has none; the request goes to the port", whose(IPSG, {}, onVlan), "hw +1 .50 c0/80 | .50 bound 1/10 hw 80 source 1 0 items c0 00 asked 3 1"},
-        {"the VLAN's when the port is off", whose(DAI, off, onVlan), "hw +1 .50 c0/00 | .50 bound 1/10 hw 40 source 0 1 items 00 c0 asked 3 1"},
-        {"only 1 is on, and a failing answer is off", whose(IPSG, WorldGuard{.enabled = 2, .items = 0x90}, WorldGuard{.items = 0x40, .result = 5}), " | .50 bound 1/10 source 0 0 items 00 00 asked 2 1"},
-        {"a VLAN without interface is not asked", whose(IPSG, {}, onVlan, 110), " | .50 bound 1/10 source 0 0 items 00 00 asked 1 1"},
+        {"the port's", whose(IPSG, onPort, onVlan), "hw +1 .50 90/80 if=1 lease=3600 hw#80 type=1 state=1 mark#30 ipsgFrom=2 ipsg#90 mac:02c100000001 asked 2 0"},
+        {"of ARP inspection", whose(DAI, onPort, onVlan), "hw +1 .50 90/00 if=1 lease=3600 hw#40 type=1 state=1 mark#30 daiFrom=2 dai#90 mac:02c100000001 asked 2 0"},
+        {"the VLAN's when the port has none; the request goes to the port", whose(IPSG, {}, onVlan), "hw +1 .50 c0/80 if=1 lease=3600 hw#80 type=1 state=1 mark#30 ipsgFrom=1 ipsg#c0 mac:02c100000001 asked 3 1"},
+        {"the VLAN's when the port is off", whose(DAI, off, onVlan), "hw +1 .50 c0/00 if=1 lease=3600 hw#40 type=1 state=1 mark#30 daiFrom=1 dai#c0 mac:02c100000001 asked 3 1"},
+        {"only 1 is on, and a failing answer is off", whose(IPSG, WorldGuard{.enabled = 2, .items = 0x90}, WorldGuard{.items = 0x40, .result = 5}), " if=1 lease=3600 type=1 state=1 mark#30 mac:02c100000001 asked 2 1"},
+        {"a VLAN without interface is not asked", whose(IPSG, {}, onVlan, 110), " if=1 lease=3600 type=1 state=1 mark#30 mac:02c100000001 asked 1 1"},
     });
     prepare("bound guarded");
     gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
@@ -255,17 +263,17 @@ TEST_F(User, WhoseCheckItems)
     const auto update = [](uint32_t add) { return [add] { dhcpsnoop_user_update_hw(binding(HOST), add); }; };
     const auto trunk = [](uint32_t of, uint32_t member, uint32_t operate) { return [=] { dhcpsnoop_user_process_on_trunk(of, member, operate); }; };
     check({
-        {"IP source guard first", after("-", update(1)), "hw +1 .50 f0/80, hw +1 .50 c0/40 | .50 bound 1/10 hw c0 source 2 2 items f0 c0"},
-        {"what is installed is not refreshed", (world.ipsg[1].items = 0x90, after("-", update(1))), " | .50 bound 1/10 hw c0 source 2 2 items f0 c0"},
-        {"a refused withdrawal leaves it installed; the other is withdrawn all the same", after("hw delete", update(0)), "hw -1 .50 f0/80, hw -1 .50 c0/40 | .50 bound 1/10 hw 80 source 2 0 items f0 00"},
-        {"withdrawn", after("-", update(0)), "hw -1 .50 f0/80 | .50 bound 1/10 source 0 0 items 00 00"},
-        {"once", after("-", update(0)), " | .50 bound 1/10 source 0 0 items 00 00"},
-        {"a refused install leaves it not installed", after("hw add", update(1)), "hw +1 .50 90/80, hw +1 .50 c0/40 | .50 bound 1/10 hw 40 source 0 2 items 00 c0"},
+        {"IP source guard first", after("-", update(1)), "hw +1 .50 f0/80, hw +1 .50 c0/40 if=1 lease=3600 hw#c0 type=1 state=1 mark#30 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0 mac:02c100000001"},
+        {"what is installed is not refreshed", (world.ipsg[1].items = 0x90, after("-", update(1))), " if=1 lease=3600 hw#c0 type=1 state=1 mark#30 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0 mac:02c100000001"},
+        {"a refused withdrawal leaves it installed; the other is withdrawn all the same", after("hw delete", update(0)), "hw -1 .50 f0/80, hw -1 .50 c0/40 if=1 lease=3600 hw#80 type=1 state=1 mark#30 ipsgFrom=2 ipsg#f0 mac:02c100000001"},
+        {"withdrawn", after("-", update(0)), "hw -1 .50 f0/80 if=1 lease=3600 type=1 state=1 mark#30 mac:02c100000001"},
+        {"once", after("-", update(0)), " if=1 lease=3600 type=1 state=1 mark#30 mac:02c100000001"},
+        {"a refused install leaves it not installed", after("hw add", update(1)), "hw +1 .50 90/80, hw +1 .50 c0/40 if=1 lease=3600 hw#40 type=1 state=1 mark#30 daiFrom=2 dai#c0 mac:02c100000001"},
         // Kept: what the trunk has installed is not installed again for a member, and is withdrawn for one that leaves.
-        {"a member joins", (world.ipsg[8] = {.items = 0x80}, after("-", trunk(1, 8, 1))), "hw +8 .50 80/80 | .50 bound 1/10 hw 40 source 0 2 items 00 c0"},
-        {"a member leaves", after("-", trunk(1, 8, 0)), "hw -8 .50 c0/40 | .50 bound 1/10 hw 40 source 0 2 items 00 c0"},
-        {"of another trunk", after("-", trunk(2, 8, 0)), " | .50 bound 1/10 hw 40 source 0 2 items 00 c0"},
-        {"0 is every binding", after("-", trunk(0, 9, 0)), "hw -9 .50 c0/40 | .50 bound 1/10 hw 40 source 0 2 items 00 c0"},
+        {"a member joins", (world.ipsg[8] = {.items = 0x80}, after("-", trunk(1, 8, 1))), "hw +8 .50 80/80 if=1 lease=3600 hw#40 type=1 state=1 mark#30 daiFrom=2 dai#c0 mac:02c100000001"},
+        {"a member leaves", after("-", trunk(1, 8, 0)), "hw -8 .50 c0/40 if=1 lease=3600 hw#40 type=1 state=1 mark#30 daiFrom=2 dai#c0 mac:02c100000001"},
+        {"of another trunk", after("-", trunk(2, 8, 0)), " if=1 lease=3600 hw#40 type=1 state=1 mark#30 daiFrom=2 dai#c0 mac:02c100000001"},
+        {"0 is every binding", after("-", trunk(0, 9, 0)), "hw -9 .50 c0/40 if=1 lease=3600 hw#40 type=1 state=1 mark#30 daiFrom=2 dai#c0 mac:02c100000001"},
         {"said", said(), "Process user on trunk interface 0, port 9, operate 0.|Delete user in hwapi: port 9 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, checkitem 0x40."},
     });
     binding(HOST)->hwFlags = 0xC0;
