@@ -3,22 +3,22 @@
 #include <algorithm>
 #include <functional>
 
+#include "protocol.h"
+
 namespace
 {
 
 constexpr Choice USER_TYPES[] = {
-    {"dynamic",         1},
-    {"static",          2},
-    {"ip-source-guard", 4}
+    {"dynamic",         DHCPSNOOP_USER_DYNAMIC},
+    {"static",          DHCPSNOOP_USER_STATIC },
+    {"ip-source-guard", DHCPSNOOP_USER_IPSG   }
 };
 constexpr Choice USER_STATES[] = {
-    {"bound",     1},
-    {"unbound",   2},
-    {"created",   3},
-    {"requested", 4}
+    {"bound",     DHCPSNOOP_BIND_BOUND    },
+    {"unbound",   DHCPSNOOP_BIND_UNBOUND  },
+    {"created",   DHCPSNOOP_BIND_CREATED  },
+    {"requested", DHCPSNOOP_BIND_REQUESTED}
 };
-constexpr uint32_t TYPE_STATIC = 2, STATE_BOUND = 1;
-constexpr uint32_t LEASE_FOREVER = 0xFFFFFFFF;
 
 std::string wordOf(std::span<const Choice> choices, uint32_t value)
 {
@@ -88,10 +88,10 @@ std::vector<Binding> readStatics(const Daemon &daemon)
     for (std::optional<UserKey> key = nextUser(daemon, {}); key; key = nextUser(daemon, key)) {
         const Request type = {FUNC_USER_GET, USER_TYPE, *key};
         const std::string what = "binding " + userKeyText(*key);
-        if (ifStillThere([&] { return daemon.demand(type, what).word(); }) != TYPE_STATIC)
+        if (ifStillThere([&] { return daemon.demand(type, what).word(); }) != DHCPSNOOP_USER_STATIC)
             continue;
         if (auto binding = ifStillThere([&] { return readBinding(daemon, *key); });
-            binding && binding->type == TYPE_STATIC)
+            binding && binding->type == DHCPSNOOP_USER_STATIC)
             statics.push_back(std::move(*binding));
     }
     return statics;
@@ -104,13 +104,13 @@ bool hasMac(const Binding &binding)
 
 std::string leaseText(uint32_t seconds)
 {
-    return seconds == LEASE_FOREVER ? "forever" : std::to_string(seconds);
+    return seconds == DHCPSNOOP_LEASE_FOREVER ? "forever" : std::to_string(seconds);
 }
 
 uint32_t leaseLeft(const Binding &binding)
 {
-    if (binding.lease == LEASE_FOREVER)
-        return LEASE_FOREVER;
+    if (binding.lease == DHCPSNOOP_LEASE_FOREVER)
+        return DHCPSNOOP_LEASE_FOREVER;
     return binding.lease - std::min(binding.elapsed, binding.lease);
 }
 
@@ -135,7 +135,7 @@ Json bindingJson(const Binding &binding)
     out["state"] = wordOf(USER_STATES, binding.state);
     out["lease"] = nullptr; // never ends
     out["left"] = nullptr;
-    if (binding.lease != LEASE_FOREVER) {
+    if (binding.lease != DHCPSNOOP_LEASE_FOREVER) {
         out["lease"] = binding.lease;
         out["left"] = leaseLeft(binding);
     }
@@ -149,7 +149,9 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
     if (name == "interface" || name == "port")
         return [index = parseInterface(word)](const Binding &b) { return b.ifIndex == index; };
     if (name == "vlan")
-        return [vlan = parseRange("vlan", word, 1, 4094)](const Binding &b) { return b.vlan == vlan; };
+        return [vlan = parseRange("vlan", word, VLAN_ID_MIN, VLAN_ID_MAX)](const Binding &b) {
+            return b.vlan == vlan;
+        };
     if (name == "mac")
         return [mac = parseMac(word)](const Binding &b) {
             return std::equal(mac.begin(), mac.end(), b.mac.begin(), b.mac.end());
@@ -165,7 +167,7 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
 // as well.
 void bindingCommands(const Binding &binding, std::vector<Words> &lines)
 {
-    const bool bound = binding.state == STATE_BOUND;
+    const bool bound = binding.state == DHCPSNOOP_BIND_BOUND;
     const bool whole = hasMac(binding) && binding.vlan != 0 && binding.ifIndex != 0;
     Words line = {"binding", "add", userKeyText(binding.key)};
     auto add = [&](const char *key, const std::string &word) { line.insert(line.end(), {key, word}); };
@@ -196,7 +198,7 @@ std::vector<UserKey> staticsInForce(const Daemon &daemon)
 {
     std::vector<UserKey> keys;
     for (const Binding &binding : readStatics(daemon))
-        if (binding.state == STATE_BOUND)
+        if (binding.state == DHCPSNOOP_BIND_BOUND)
             keys.push_back(binding.key);
     return keys;
 }
@@ -204,7 +206,7 @@ std::vector<UserKey> staticsInForce(const Daemon &daemon)
 bool isThereAlready(const Words &bindingAdd, const Daemon &daemon)
 {
     std::vector<Words> lines;
-    const auto isStatic = [](const Binding &binding) { return binding.type == TYPE_STATIC; };
+    const auto isStatic = [](const Binding &binding) { return binding.type == DHCPSNOOP_USER_STATIC; };
     if (bindingAdd.size() > 2 && bindingAdd[0] == "binding")
         for (const Binding &binding : readBindings(daemon, isStatic, parseUserKey(bindingAdd[2])))
             bindingCommands(binding, lines);

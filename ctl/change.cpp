@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "command.h"
+#include "protocol.h"
 
 namespace
 {
@@ -34,7 +35,7 @@ void changeServer(const Context &context, const Target &target, const Setting &s
 void noteUnknownConversions(const Context &context, const Setting &setting, const Value &value)
 {
     const auto *option = std::get_if<OptionText>(&value);
-    if (!option || option->format != FORMAT_TEMPLATE)
+    if (!option || option->format != DHCPSNOOP_FORMAT_TEMPLATE)
         return;
     std::string unknown = templateUnknown(std::string(option->text.begin(), option->text.end()));
     if (!unknown.empty())
@@ -100,7 +101,7 @@ ExitStatus changeVlan(const Context &context, std::span<const std::string> argum
 {
     if (arguments.empty())
         throw UsageError("which VLAN?");
-    uint32_t vid = parseRange("VLAN", arguments[0], 1, 4094);
+    uint32_t vid = parseRange("VLAN", arguments[0], VLAN_ID_MIN, VLAN_ID_MAX);
     return changeSetting(context, {VLAN_SCOPE, vid, std::to_string(vid)}, arguments.subspan(1));
 }
 
@@ -164,7 +165,7 @@ ExitStatus bindingAdd(const Context &context, std::span<const std::string> argum
         if (name == "mac")
             mac = parseMac(arguments[i]);
         else if (name == "vlan")
-            vlan = parseRange("vlan", arguments[i], 1, 4094);
+            vlan = parseRange("vlan", arguments[i], VLAN_ID_MIN, VLAN_ID_MAX);
         else if (name == "interface")
             ifIndex = parseInterface(arguments[i]);
         else if (name == "attribute")

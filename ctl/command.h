@@ -83,6 +83,6 @@ ExitStatus changeRole(const Context &, std::span<const std::string>);
 
 // Words of `debug`, by bit of the debug flags.
 constexpr Choice DEBUG_FLAGS[] = {
-    {"trace", 0x01},
-    {"dump",  0x02}
+    {"trace", DHCPSNOOP_DEBUG_INFO},
+    {"dump",  DHCPSNOOP_DEBUG_DUMP}
 };

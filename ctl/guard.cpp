@@ -10,6 +10,7 @@
 #include "binding_view.h"
 #include "command.h"
 #include "guard.h"
+#include "protocol.h"
 #include "table.h"
 
 using namespace platform_linux;
@@ -173,7 +174,8 @@ ExitStatus changeVlanGuard(const Context &context, GuardFeature feature,
 {
     if (arguments.empty())
         throw UsageError("which VLAN?");
-    return change(context, feature, {true, parseRange("VLAN", arguments[0], 1, 4094)}, arguments.subspan(1));
+    return change(context, feature, {true, parseRange("VLAN", arguments[0], VLAN_ID_MIN, VLAN_ID_MAX)},
+                  arguments.subspan(1));
 }
 
 std::string itemsText(const guard_items &items, GuardFeature feature)

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "protocol.h"
+
 namespace
 {
 
@@ -27,7 +29,6 @@ std::vector<uint32_t> listIndexes(const Daemon &daemon, DhcpsnoopFunc first, Dhc
 // still there, and says "end" otherwise, so the last pair is looked up again.
 std::optional<std::vector<ServerKey>> tryListServers(const Daemon &daemon)
 {
-    constexpr size_t SLOTS = 3; // of an interface
     std::vector<ServerKey> found;
     for (;;) {
         Reply reply = found.empty()
@@ -42,7 +43,8 @@ std::optional<std::vector<ServerKey>> tryListServers(const Daemon &daemon)
             throw Refusal(reply.result(), "listing relay servers");
         ServerKey key = reply.serverKey();
         bool forward = found.empty() || key.ifIndex >= found.back().ifIndex;
-        bool room = found.size() < SLOTS || found[found.size() - SLOTS].ifIndex != key.ifIndex;
+        bool room = found.size() < DHCPSNOOP_SERVER_SLOTS ||
+                    found[found.size() - DHCPSNOOP_SERVER_SLOTS].ifIndex != key.ifIndex;
         if (!forward || !room)
             throw NoDaemon("malformed reply: the list of relay servers does not go forward");
         found.push_back(key);
@@ -60,13 +62,12 @@ std::vector<uint32_t> listInterfaces(const Daemon &daemon)
 // answer. The VLANs in between are therefore asked for one by one.
 std::vector<uint32_t> listVlans(const Daemon &daemon)
 {
-    constexpr uint32_t VID_MAX = 4094;
     const std::vector<uint32_t> given = listIndexes(daemon, FUNC_VLAN_FIRST, FUNC_VLAN_NEXT, "VLANs");
     const uint32_t last = given.empty() ? 0 : given.back();
-    if (last > VID_MAX)
+    if (last > VLAN_ID_MAX)
         throw NoDaemon("malformed reply: " + std::to_string(last) + " is no VLAN");
     std::vector<uint32_t> vlans;
-    for (uint32_t vid = 1; vid <= last; vid++)
+    for (uint32_t vid = VLAN_ID_MIN; vid <= last; vid++)
         if (std::binary_search(given.begin(), given.end(), vid) ||
             daemon.ask({FUNC_VLAN_GET, VLAN_ENABLE, vid}).result() == NM_OK)
             vlans.push_back(vid);

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 
 #include "event_record.h"
+#include "platform_numbers.h"
 #include "table.h"
 
 namespace
@@ -70,9 +71,9 @@ const char *eventWord(const EventRecord &record)
     switch (record.event) {
     case platform_linux::EVENT_LOST:
         return "lost";
-    case platform_linux::EVENT_USER_ADDED:
+    case QOR_EVENT_USER_ADDED:
         return "add";
-    case platform_linux::EVENT_USER_DELETED:
+    case QOR_EVENT_USER_DELETED:
         return "delete";
     default:
         return "unknown";

@@ -9,26 +9,24 @@ namespace
 {
 
 constexpr Choice VERSIONS[] = {
-    {"4",    1},
-    {"6",    2},
-    {"both", 3},
-    {"none", 0}
+    {"4",    DHCPSNOOP_IPV4                 },
+    {"6",    DHCPSNOOP_IPV6                 },
+    {"both", DHCPSNOOP_IPV4 | DHCPSNOOP_IPV6},
+    {"none", 0                              }
 };
 
-// 2 is the value of a new interface, and means the same as 0.
-constexpr uint32_t POLICY_INITIAL = 2;
 constexpr Choice POLICIES[] = {
-    {"keep",   0             },
-    {"drop",   1             },
-    {"append", 3             },
-    {"keep",   POLICY_INITIAL}
+    {"keep",   DHCPSNOOP_POLICY_KEEP   },
+    {"drop",   DHCPSNOOP_POLICY_DROP   },
+    {"append", DHCPSNOOP_POLICY_APPEND },
+    {"keep",   DHCPSNOOP_POLICY_DEFAULT}
 };
 
 constexpr Choice FORMATS[] = {
-    {"global",   FORMAT_GLOBAL  },
-    {"typed",    FORMAT_TYPED   },
-    {"raw",      FORMAT_RAW     },
-    {"template", FORMAT_TEMPLATE}
+    {"global",   DHCPSNOOP_FORMAT_GLOBAL  },
+    {"typed",    DHCPSNOOP_FORMAT_TYPED   },
+    {"raw",      DHCPSNOOP_FORMAT_RAW     },
+    {"template", DHCPSNOOP_FORMAT_TEMPLATE}
 };
 
 constexpr Choice STATISTICS[] = {
@@ -64,24 +62,24 @@ constexpr Setting INTERFACE_SETTINGS[] = {
      .help = "snoop here; off forgets the interface's settings"},
     {.name = "version", .kind = Kind::Choice, .cmd = IF_VERSION, .arguments = "4|6|both|none",
      .help = "IP versions that are snooped; a change leaves the interface untrusted",
-     .initial = 1, .choices = VERSIONS},
+     .initial = DHCPSNOOP_IPV4, .choices = VERSIONS},
     {.name = "trust", .kind = Kind::Switch, .cmd = IF_TRUST, .arguments = "on|off",
      .help = "servers may answer from here, and requests are sent there"},
     {.name = "option82", .kind = Kind::Switch, .cmd = IF_OPTION82, .arguments = "on|off",
      .help = "add relay agent information to requests; off forgets its settings"},
     {.name = "option82-policy", .kind = Kind::Choice, .cmd = IF_POLICY, .arguments = "keep|drop|append",
      .help = "a request that has option 82 already: pass it, drop it, append the host name to sub-option 9",
-     .needs = "option82", .initial = POLICY_INITIAL, .choices = POLICIES},
+     .needs = "option82", .initial = DHCPSNOOP_POLICY_DEFAULT, .choices = POLICIES},
     {.name = "option82-mode", .kind = Kind::Choice, .cmd = IF_MODE,
      .arguments = "global|typed|raw|template|0-15",
      .help = "how requests that have option 82 and replies are judged; global: as the switch's format",
      .most = 15, .choices = FORMATS},
     {.name = "circuit-id", .kind = Kind::OptionText, .cmd = IF_CIRCUIT_ID, .arguments = OPTION_TEXT_ARGUMENTS,
      .help = "option 82 sub-option 1",
-     .needs = "option82", .initial = FORMAT_TYPED, .formatCmd = IF_CIRCUIT_ID_FORMAT},
+     .needs = "option82", .initial = DHCPSNOOP_FORMAT_TYPED, .formatCmd = IF_CIRCUIT_ID_FORMAT},
     {.name = "remote-id", .kind = Kind::OptionText, .cmd = IF_REMOTE_ID, .arguments = OPTION_TEXT_ARGUMENTS,
      .help = "option 82 sub-option 2",
-     .needs = "option82", .initial = FORMAT_TYPED, .formatCmd = IF_REMOTE_ID_FORMAT},
+     .needs = "option82", .initial = DHCPSNOOP_FORMAT_TYPED, .formatCmd = IF_REMOTE_ID_FORMAT},
     {.name = "subopt9", .kind = Kind::Switch, .cmd = IF_SUBOPT9, .arguments = "on|off",
      .help = "option 82 sub-option 9 with the host name, or the text below; off forgets the text",
      .needs = "option82"},
@@ -92,19 +90,19 @@ constexpr Setting INTERFACE_SETTINGS[] = {
      .help = "add the DHCPv6 Interface-Id to requests; off forgets its text"},
     {.name = "interface-id", .kind = Kind::OptionText, .cmd = IF_INTERFACE_ID,
      .arguments = OPTION_TEXT_ARGUMENTS, .help = "DHCPv6 option 18",
-     .needs = "option18", .initial = FORMAT_TYPED, .formatCmd = IF_INTERFACE_ID_FORMAT},
+     .needs = "option18", .initial = DHCPSNOOP_FORMAT_TYPED, .formatCmd = IF_INTERFACE_ID_FORMAT},
     {.name = "option37", .kind = Kind::Switch, .cmd = IF_OPTION37, .arguments = "on|off",
      .help = "add the DHCPv6 Remote-Id to requests; off forgets its text"},
     {.name = "remote-id6", .kind = Kind::OptionText, .cmd = IF_REMOTE_ID6, .arguments = OPTION_TEXT_ARGUMENTS,
      .help = "DHCPv6 option 37",
-     .needs = "option37", .initial = FORMAT_TYPED, .formatCmd = IF_REMOTE_ID6_FORMAT},
+     .needs = "option37", .initial = DHCPSNOOP_FORMAT_TYPED, .formatCmd = IF_REMOTE_ID6_FORMAT},
     {.name = "source-mac-check", .kind = Kind::Switch, .cmd = IF_CHECK_MAC, .arguments = "on|off",
      .help = "drop requests whose Ethernet source is not the client hardware address"},
     {.name = "binding-check", .kind = Kind::Switch, .cmd = IF_CHECK_BINDING, .arguments = "on|off",
      .help = "drop renewals and releases that contradict the binding"},
     {.name = "max-users", .kind = Kind::Number, .cmd = IF_MAX_USER, .arguments = "0-65535",
      .help = "most dynamic bindings",
-     .initial = 32768, .most = 65535},
+     .initial = DHCPSNOOP_MAX_USER_DEFAULT, .most = 65535},
     {.name = "relay-address", .kind = Kind::Address, .cmd = IF_RELAY_ADDR, .arguments = "ADDRESS|off",
      .help = "relay requests to the interface's relay servers, with this as giaddr"},
     {.name = "relay-server", .kind = Kind::Servers, .cmd = SERVER_IP_SLOT, .arguments = "ADDRESS add|delete",
@@ -114,7 +112,7 @@ constexpr Setting INTERFACE_SETTINGS[] = {
      .help = "kept for the platform; snooping does not read it"},
     {.name = "setting21", .kind = Kind::Number, .cmd = IF_SETTING21, .arguments = "0-65535",
      .help = "kept for the platform; snooping does not read it",
-     .initial = 100, .most = 65535},
+     .initial = DHCPSNOOP_SETTING21_DEFAULT, .most = 65535},
     {.name = "users", .kind = Kind::Counter, .cmd = IF_CUR_USER, .arguments = "",
      .help = "dynamic bindings there are"},
     {.name = "dropped-untrusted", .kind = Kind::Counter, .cmd = IF_DROP_UNTRUSTED, .arguments = "",
@@ -133,12 +131,12 @@ constexpr Setting VLAN_SETTINGS[] = {
      .help = "snoop on the VLAN's interface; off forgets its settings"},
     {.name = "max-users", .kind = Kind::Number, .cmd = VLAN_MAX_USER, .arguments = "0-65535",
      .help = "most dynamic bindings in the VLAN",
-     .initial = 32768, .most = 65535},
+     .initial = DHCPSNOOP_MAX_USER_DEFAULT, .most = 65535},
 };
 // clang-format on
 
 // The management form carries a type and a length byte under these two, whatever goes onto the wire.
-bool isTyped(uint32_t format) { return format == FORMAT_TYPED || format == FORMAT_RAW; }
+bool isTyped(uint32_t format) { return format == DHCPSNOOP_FORMAT_TYPED || format == DHCPSNOOP_FORMAT_RAW; }
 
 const Choice *findWord(std::span<const Choice> choices, const std::string &word)
 {
@@ -163,9 +161,9 @@ const char *findWord(std::span<const Choice> choices, uint32_t value)
 
 Bytes checkedText(const Setting &setting, Bytes text)
 {
-    if (text.size() > OPTION_TEXT_MAX)
+    if (text.size() > DHCPSNOOP_TEXT_MAX)
         throw UsageError(std::string(setting.name) + ": " + std::to_string(text.size()) +
-                         " bytes are too long, at most " + std::to_string(OPTION_TEXT_MAX) + " fit");
+                         " bytes are too long, at most " + std::to_string(DHCPSNOOP_TEXT_MAX) + " fit");
     return text;
 }
 
@@ -184,7 +182,7 @@ Bytes parseTextWords(const Setting &setting, std::span<const std::string> words)
 uint32_t parseFormat(const Setting &setting, std::span<const std::string> &words)
 {
     if (words.size() > 1 && words[0] == "format") {
-        uint32_t format = parseRange("format", words[1], 0, FORMAT_MAX);
+        uint32_t format = parseRange("format", words[1], 0, DHCPSNOOP_FORMATS - 1);
         words = words.subspan(2);
         return format;
     }
@@ -206,7 +204,7 @@ OptionText parseOptionText(const Setting &setting, std::span<const std::string> 
         type = static_cast<uint8_t>(parseRange("type", words[1], 0, 255));
         words = words.subspan(2);
     }
-    bool isTemplate = value.format == FORMAT_TEMPLATE;
+    bool isTemplate = value.format == DHCPSNOOP_FORMAT_TEMPLATE;
     if (isTemplate && words.size() == 1)
         value.text = checkedText(setting, textBytes(words[0]));
     else if (isTemplate || words.size() > 1)
@@ -220,7 +218,7 @@ OptionText parseOptionText(const Setting &setting, std::span<const std::string> 
                              "' is wrong: " + *fault);
     }
     if (isTyped(value.format))
-        value.type = type.value_or(value.text.empty() ? TYPE_GENERATED : TYPE_TEXT);
+        value.type = type.value_or(value.text.empty() ? DHCPSNOOP_TYPE_GENERATED : DHCPSNOOP_TYPE_TEXT);
     return value;
 }
 
@@ -239,7 +237,7 @@ Words optionTextWords(const OptionText &value)
         words = {format};
     else
         words = {"format", std::to_string(value.format)};
-    if (value.format == FORMAT_TEMPLATE) {
+    if (value.format == DHCPSNOOP_FORMAT_TEMPLATE) {
         std::string text(value.text.begin(), value.text.end());
         if (isPrintable(value.text) && !templateFault(text))
             words.push_back(text);
@@ -247,7 +245,8 @@ Words optionTextWords(const OptionText &value)
             words.insert(words.end(), {"hex", hexText(value.text)});
         return words;
     }
-    if (isTyped(value.format) && value.type != (value.text.empty() ? TYPE_GENERATED : TYPE_TEXT))
+    if (isTyped(value.format) &&
+        value.type != (value.text.empty() ? DHCPSNOOP_TYPE_GENERATED : DHCPSNOOP_TYPE_TEXT))
         words.insert(words.end(), {"type", std::to_string(value.type)});
     Words text = value.text.empty() ? Words{"generated"} : textWords(value.text);
     words.insert(words.end(), text.begin(), text.end());
@@ -267,7 +266,7 @@ Bytes managementForm(const OptionText &value)
 OptionText fromManagementForm(uint32_t format, const Bytes &form)
 {
     if (!isTyped(format))
-        return {format, TYPE_GENERATED, form};
+        return {format, DHCPSNOOP_TYPE_GENERATED, form};
     if (form.size() < 2 || form[1] > form.size() - 2)
         throw NoDaemon("malformed reply: an option text whose length is wrong");
     return {format, form[0], Bytes(form.begin() + 2, form.begin() + 2 + form[1])};
@@ -398,7 +397,7 @@ nlohmann::ordered_json valueJson(const Setting &setting, const Value &value)
 bool isInitial(const Setting &setting, const Value &value)
 {
     if (const auto *option = std::get_if<OptionText>(&value))
-        return *option == OptionText{setting.initial, TYPE_GENERATED, {}};
+        return *option == OptionText{setting.initial, DHCPSNOOP_TYPE_GENERATED, {}};
     if (const auto *text = std::get_if<Bytes>(&value))
         return text->empty();
     return std::get<uint32_t>(value) == setting.initial;
@@ -459,10 +458,10 @@ Value getValue(const Daemon &daemon, const Target &target, const Setting &settin
     };
     switch (setting.kind) {
     case Kind::Text:
-        return text(OPTION_TEXT_MAX);
+        return text(DHCPSNOOP_TEXT_MAX);
     case Kind::OptionText: {
         uint32_t format = number(setting.formatCmd);
-        return fromManagementForm(format, text(OPTION_TEXT_MAX + 2));
+        return fromManagementForm(format, text(DHCPSNOOP_TEXT_MAX + 2));
     }
     default:
         return number(setting.cmd);

@@ -60,12 +60,9 @@ Target globalTarget();
 Target interfaceTarget(uint32_t ifIndex);
 
 // Option texts: the use of the bytes, and the type byte of the typed and raw formats.
-constexpr uint32_t FORMAT_GLOBAL = 0, FORMAT_TYPED = 3, FORMAT_RAW = 4, FORMAT_TEMPLATE = 5, FORMAT_MAX = 6;
-constexpr uint8_t TYPE_GENERATED = 0, TYPE_TEXT = 1;
-
 struct OptionText {
-    uint32_t format = FORMAT_TYPED;
-    uint8_t type = TYPE_GENERATED;
+    uint32_t format = DHCPSNOOP_FORMAT_TYPED;
+    uint8_t type = DHCPSNOOP_TYPE_GENERATED;
     Bytes text;
     bool operator==(const OptionText &) const = default;
 };

@@ -12,9 +12,7 @@
 namespace
 {
 
-constexpr std::string_view DELIMITERS = " ./:;[]{}<>()";
-
-bool isLetter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
+bool isLetter(char c) { return template_is_letter(static_cast<uint8_t>(c)); }
 
 int hexDigit(char c)
 {
@@ -80,20 +78,21 @@ UserKey parseUserKey(const std::string &word)
 {
     UserKey key;
     if (inet_pton(AF_INET, word.c_str(), key.ipAddr.data()) == 1) {
-        key.ipType = 1;
+        key.ipType = DHCPSNOOP_IPV4;
         return key;
     }
     key = {};
     if (inet_pton(AF_INET6, word.c_str(), key.ipAddr.data()) != 1)
         throw UsageError("'" + word + "' is not an IPv4 or IPv6 address");
-    key.ipType = 2;
+    key.ipType = DHCPSNOOP_IPV6;
     return key;
 }
 
 std::string userKeyText(const UserKey &key)
 {
     char text[INET6_ADDRSTRLEN];
-    return inet_ntop(key.ipType == 1 ? AF_INET : AF_INET6, key.ipAddr.data(), text, sizeof(text));
+    return inet_ntop(key.ipType == DHCPSNOOP_IPV4 ? AF_INET : AF_INET6, key.ipAddr.data(), text,
+                     sizeof(text));
 }
 
 std::array<uint8_t, 6> parseMac(const std::string &word)
@@ -175,23 +174,16 @@ bool isPrintable(const Bytes &bytes)
 
 std::optional<std::string> templateFault(std::string_view text)
 {
-    for (size_t pos = 0; pos < text.size();) {
-        if (text[pos] != '%') {
-            pos++;
-            continue;
-        }
-        if (pos + 1 == text.size())
-            return "'%' is its last character; a letter must follow";
-        if (!isLetter(text[pos + 1])) {
-            pos++;
-            continue;
-        }
-        if (pos + 2 < text.size() && DELIMITERS.find(text[pos + 2]) == std::string_view::npos)
-            return "after '" + std::string(text.substr(pos, 2)) + "' must come one of '" +
-                   std::string(DELIMITERS) + "' or the end, not '" + text[pos + 2] + "'";
-        pos += 2;
-    }
-    return std::nullopt;
+    Bytes terminated(text.begin(), text.end());
+    terminated.push_back(0);
+    const int64_t fault = template_fault(terminated.data(), static_cast<uint32_t>(terminated.size()));
+    if (fault < 0)
+        return std::nullopt;
+    const std::string_view from = text.substr(static_cast<size_t>(fault));
+    if (from.size() == 1)
+        return "'%' is its last character; a letter must follow";
+    return "after '" + std::string(from.substr(0, 2)) + "' must come one of '" + TEMPLATE_DELIMITERS +
+           "' or the end, not '" + from[2] + "'";
 }
 
 std::string templateUnknown(std::string_view text)

@@ -8,9 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "option_template.h"
 #include "request.h"
-
-constexpr uint32_t OPTION_TEXT_MAX = 128; // bytes of an option text; the daemon would cut a longer one
 
 using Words = std::vector<std::string>;
 
@@ -39,17 +38,17 @@ struct Conversion {
     const char *help;
 };
 constexpr Conversion CONVERSIONS[] = {
-    {'D', "host name of the switch"                    },
-    {'e', "description of the machine"                 },
-    {'N', "name of the port"                           },
-    {'i', "number of the interface that snoops"        },
-    {'y', "number of the port"                         },
-    {'S', "slot of the port"                           },
-    {'r', "number of the port on its card"             },
-    {'s', "outer (service) VLAN of the request"        },
-    {'c', "inner (customer) VLAN of the request"       },
-    {'l', "0"                                          },
-    {'d', "the interface's MAC address, 6 binary bytes"},
+    {LETTER_HOST_NAME,        "host name of the switch"                    },
+    {LETTER_DESCRIPTION,      "description of the machine"                 },
+    {LETTER_PORT_NAME,        "name of the port"                           },
+    {LETTER_INTERFACE_NUMBER, "number of the interface that snoops"        },
+    {LETTER_PORT_NUMBER,      "number of the port"                         },
+    {LETTER_SLOT,             "slot of the port"                           },
+    {LETTER_CARD_PORT,        "number of the port on its card"             },
+    {LETTER_SERVICE_VLAN,     "outer (service) VLAN of the request"        },
+    {LETTER_CUSTOMER_VLAN,    "inner (customer) VLAN of the request"       },
+    {LETTER_ZERO,             "0"                                          },
+    {LETTER_MAC,              "the interface's MAC address, 6 binary bytes"},
 };
 
 // The error in an option text template; empty when it is right. After a conversion ('%' and a letter) must

@@ -11,6 +11,7 @@
 #include "guard.h"
 #include "guard_events.h"
 #include "input.h"
+#include "platform_numbers.h"
 #include "switch_model.h"
 
 using namespace platform_linux;
@@ -87,22 +88,22 @@ class Listener
             if (memberOf_.contains(interface(event, 20)))
                 fault("%u goes while it is in an aggregate", interface(event, 20));
             break;
-        case EVENT_ARP_STOP:
+        case QOR_EVENT_DAI_STOP:
             if (!inspecting_)
                 fault("ARP inspection stops that was not started");
             inspecting_ = false;
             arp_.clear();
             break;
-        case EVENT_ARP_START:
+        case QOR_EVENT_DAI_START:
             inspecting_ = true;
             arp_[interface(event, 16)] = get<uint8_t>(event, 20);
             break;
-        case EVENT_ARP_ITEMS:
+        case QOR_EVENT_DAI_ITEMS:
             if (!inspecting_)
                 fault("ARP check items before the start");
             arp_[interface(event, 16)] = get<uint8_t>(event, 20);
             break;
-        case EVENT_IP_ITEMS:
+        case QOR_EVENT_IPSG_ITEMS:
             ip_[interface(event, 16)] = get<uint8_t>(event, 20);
             break;
         default:

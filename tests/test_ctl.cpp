@@ -216,7 +216,7 @@ TEST(Ctl, WordsReadBack)
     EXPECT_EQ(joinQuoted({"%s.%c", "a b", "it's", "", "$(id)", "a\\b", "*"}), "%s.%c 'a b' 'it'\\''s' '' '$(id)' 'a\\b' '*'");
     const Setting &circuit = *findSetting(INTERFACE_SCOPE, "circuit-id"), &text = *findSetting(INTERFACE_SCOPE, "subopt9-text");
     const OptionText values[] = {
-        {FORMAT_TYPED, TYPE_TEXT, hex_bytes("61")}, {FORMAT_TYPED, TYPE_GENERATED, {}}, {FORMAT_TYPED, TYPE_TEXT, {}}, {FORMAT_RAW, 200, hex_bytes("00ff0a")}, {FORMAT_TEMPLATE, 0, hex_bytes("25 73 2e 00 ff")}, {FORMAT_TEMPLATE, 0, hex_bytes("67656e657261746564")}, {FORMAT_GLOBAL, 0, {}}, {6, 0, hex_bytes("2067656e")}, {1, 0, Bytes(128, 0x27)}};
+        {DHCPSNOOP_FORMAT_TYPED, DHCPSNOOP_TYPE_TEXT, hex_bytes("61")}, {DHCPSNOOP_FORMAT_TYPED, DHCPSNOOP_TYPE_GENERATED, {}}, {DHCPSNOOP_FORMAT_TYPED, DHCPSNOOP_TYPE_TEXT, {}}, {DHCPSNOOP_FORMAT_RAW, 200, hex_bytes("00ff0a")}, {DHCPSNOOP_FORMAT_TEMPLATE, 0, hex_bytes("25 73 2e 00 ff")}, {DHCPSNOOP_FORMAT_TEMPLATE, 0, hex_bytes("67656e657261746564")}, {DHCPSNOOP_FORMAT_GLOBAL, 0, {}}, {6, 0, hex_bytes("2067656e")}, {1, 0, Bytes(128, 0x27)}};
     for (const OptionText &value : values) {
         Words words = valueWords(circuit, value);
         EXPECT_EQ(std::get<OptionText>(parseValue(circuit, words)), value) << joinQuoted(words);

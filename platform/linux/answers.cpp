@@ -1,6 +1,5 @@
-// What the daemon asks of the switch: interface attributes, VLAN members, names, numbers, roles, answered
-// from the model. Attributes and codes are the switch platform's numbers; whatever is not asked for by the
-// daemon is refused.
+// Answers to the daemon's questions about the switch: interface attributes, VLAN members, names, numbers and
+// roles, from the model. A number that is not in platform_numbers.h is refused.
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -11,6 +10,7 @@
 
 #include "acknowledged.h"
 #include "guard.h"
+#include "management.h"
 #include "model.h"
 #include "platform.h"
 #include "redundancy.h"
@@ -22,48 +22,6 @@ using namespace platform_linux;
 
 namespace
 {
-constexpr uint32_t IF_NAME = 3;                    // QorBuffer: its name, no terminator
-constexpr uint32_t IF_NUMBER = 5;                  // uint32_t
-constexpr uint32_t IF_MAC = 33;                    // QorBuffer of 6 bytes
-constexpr uint32_t IF_TPID = 45;                   // uint32_t: EtherType of the tags it sends
-constexpr uint32_t IF_WORK_MODE = 193;             // uint32_t: 1 = routed
-constexpr uint32_t IF_IS_VLAN = 417;               // uint32_t: 1 = a VLAN interface
-constexpr uint32_t IF_VLAN = 5400;                 // uint32_t: a VLAN interface's VLAN; refused for others
-constexpr uint32_t IF_NESTED = 65536285;           // QorNestedGet
-constexpr uint32_t IF_NESTED_AGG_PORTS = 65536223; // uint32_t: how many ports an aggregate has
-
-constexpr uint32_t IF_SET_BINDING = 300; // QorIfRequest
-constexpr uint32_t IF_TRAP_ADD = 305;    // uint32_t: one of the two protocols
-constexpr uint32_t IF_TRAP_DELETE = 306; // the same
-constexpr uint32_t TRAP_DHCP = 23, TRAP_DHCPV6 = 24;
-
-constexpr uint32_t VLAN_PORTS = 5410; // QorBuffer of uint32_t port indexes
-
-constexpr uint32_t SCALAR_HOSTNAME = 66, SCALAR_MACHINE = 74; // QorBuffer: text, no terminator
-
-constexpr uint32_t INDEX_TO_LOCATION = 6, INDEX_FROM_LOCATION = 7;
-enum LocationWord {
-    LOCATION_SYSTEM,
-    LOCATION_SLOT,
-    LOCATION_PORT,
-    LOCATION_ZERO,
-    LOCATION_UNIT,
-    LOCATION_TYPE,
-    LOCATION_CARD,
-    LOCATION_WORDS
-};
-constexpr uint32_t UNIT_PORT = 1, UNIT_AGGREGATE = 2, UNIT_VLAN_INTERFACE = 3;
-
-constexpr uint32_t FORWARDS = 255;       // sysIFGet: 0 = a frame of the VLAN may leave here
-constexpr uint32_t SENDS_UNTAGGED = 258; // sysIFGet: 1 = without a tag
-
-constexpr uint32_t HW_MASTER = 53, HW_SLAVE = 54, HW_STANDALONE = 45; // 0 = yes for the first two
-constexpr uint32_t HW_SYNC_PEER = 0x40013;                            // a packet for the peer unit
-constexpr uint32_t HW_SYNC_NOTIFY = 0x40004;                          // the setting hardware-notify changes
-
-constexpr uint32_t EVENT_KIND = 16; // qorNetlinkSend: the daemon's events
-
-constexpr uint32_t GUARD_ENABLED = 1, GUARD_ITEMS = 2; // the hooks' calls
 
 bool floodTooSmall = false; // and reported
 
@@ -100,18 +58,18 @@ uint32_t unit_type(PortKind kind)
 {
     switch (kind) {
     case PortKind::port:
-        return UNIT_PORT;
+        return QOR_UNIT_PORT;
     case PortKind::aggregate:
-        return UNIT_AGGREGATE;
+        return QOR_UNIT_AGGREGATE;
     case PortKind::vlanInterface:
-        return UNIT_VLAN_INTERFACE;
+        return QOR_UNIT_VLAN_INTERFACE;
     }
     return 0;
 }
 
 int32_t get_nested(const Port &port, QorNestedGet *get)
 {
-    if (get->attribute != IF_NESTED_AGG_PORTS || port.kind != PortKind::aggregate)
+    if (get->attribute != QOR_IF_AGGREGATE_PORTS || port.kind != PortKind::aggregate)
         return EINVAL;
     uint32_t ports = 0;
     for (const auto &[ifIndex, member] : model_ports())
@@ -144,32 +102,32 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
     auto *text = static_cast<QorBuffer *>(value);
     auto *word = static_cast<uint32_t *>(value);
     switch (attribute) {
-    case IF_NAME:
+    case QOR_IF_NAME:
         return put_text(text, port->name);
-    case IF_NUMBER:
+    case QOR_IF_NUMBER:
         *word = port->number;
         return 0;
-    case IF_MAC:
+    case QOR_IF_MAC:
         if (text->data == nullptr || text->length < sizeof port->mac)
             return ENOSPC;
         memcpy(text->data, port->mac, sizeof port->mac);
         text->length = sizeof port->mac;
         return 0;
-    case IF_TPID:
+    case QOR_IF_TPID:
         *word = port->tpid;
         return 0;
-    case IF_WORK_MODE:
+    case QOR_IF_WORK_MODE:
         *word = port->routed ? 1 : 0;
         return 0;
-    case IF_IS_VLAN:
+    case QOR_IF_IS_VLAN:
         *word = port->kind == PortKind::vlanInterface ? 1 : 0;
         return 0;
-    case IF_VLAN:
+    case QOR_IF_VLAN:
         if (port->kind != PortKind::vlanInterface)
             return EINVAL;
         *word = port->vlan;
         return 0;
-    case IF_NESTED:
+    case QOR_IF_NESTED:
         return get_nested(*port, static_cast<QorNestedGet *>(value));
     default:
         return EINVAL;
@@ -178,15 +136,15 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
 
 int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
 {
-    if (command == IF_SET_BINDING)
+    if (command == QOR_IF_BINDING)
         return set_binding(ifIndex, static_cast<const QorIfRequest *>(value));
-    if ((command != IF_TRAP_ADD && command != IF_TRAP_DELETE) || value == nullptr)
+    if ((command != QOR_IF_TRAP_ADD && command != QOR_IF_TRAP_DELETE) || value == nullptr)
         return EINVAL;
     switch (*static_cast<uint32_t *>(value)) {
-    case TRAP_DHCP:
-        return trap_set(ifIndex, 4, command == IF_TRAP_ADD);
-    case TRAP_DHCPV6:
-        return trap_set(ifIndex, 6, command == IF_TRAP_ADD);
+    case QOR_TRAP_DHCP:
+        return trap_set(ifIndex, 4, command == QOR_IF_TRAP_ADD);
+    case QOR_TRAP_DHCPV6:
+        return trap_set(ifIndex, 6, command == QOR_IF_TRAP_ADD);
     default:
         return EINVAL;
     }
@@ -203,23 +161,23 @@ int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
 {
     if (from == nullptr || to == nullptr)
         return EINVAL;
-    if (kind == INDEX_TO_LOCATION) {
+    if (kind == QOR_TRANS_LOCATION) {
         const Port *port = model_port(*from);
         if (port == nullptr)
             return ENODEV;
         // A box without slots and cards: 0, as their number 0 is all there is.
-        std::fill_n(to, LOCATION_WORDS, 0);
-        to[LOCATION_SYSTEM] = qorSelfSysIndex();
-        to[LOCATION_PORT] = port->number;
-        to[LOCATION_UNIT] = port->number;
-        to[LOCATION_TYPE] = unit_type(port->kind);
+        std::fill_n(to, QOR_LOCATION_WORDS, 0);
+        to[QOR_LOCATION_SYSTEM] = qorSelfSysIndex();
+        to[QOR_LOCATION_PORT] = port->number;
+        to[QOR_LOCATION_UNIT] = port->number;
+        to[QOR_LOCATION_TYPE] = unit_type(port->kind);
         return 0;
     }
-    if (kind != INDEX_FROM_LOCATION)
+    if (kind != QOR_TRANS_INDEX)
         return EINVAL;
-    if (from[LOCATION_TYPE] != UNIT_VLAN_INTERFACE || from[LOCATION_UNIT] > UINT16_MAX)
+    if (from[QOR_LOCATION_TYPE] != QOR_UNIT_VLAN_INTERFACE || from[QOR_LOCATION_UNIT] > UINT16_MAX)
         return EINVAL;
-    const uint32_t ifIndex = model_vlan_interface(static_cast<uint16_t>(from[LOCATION_UNIT]));
+    const uint32_t ifIndex = model_vlan_interface(static_cast<uint16_t>(from[QOR_LOCATION_UNIT]));
     if (ifIndex == 0)
         return ENODEV;
     *to = ifIndex;
@@ -231,7 +189,7 @@ int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
 // that it prevents.
 int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
 {
-    if (attribute != VLAN_PORTS || list == nullptr || list->data == nullptr)
+    if (attribute != QOR_VLAN_PORTS || list == nullptr || list->data == nullptr)
         return EINVAL;
     if (vid == 0 || vid >= VlanSet().size())
         return EINVAL;
@@ -266,9 +224,9 @@ int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
 int32_t qorScalarGetApi(uint32_t, uint32_t attribute, QorBuffer *text)
 {
     const utsname name = machine();
-    if (attribute == SCALAR_HOSTNAME)
+    if (attribute == QOR_SCALAR_HOSTNAME)
         return put_text(text, name.nodename);
-    if (attribute != SCALAR_MACHINE)
+    if (attribute != QOR_SCALAR_DESCRIPTION)
         return EINVAL;
     std::array<char, sizeof name> description; // room for all three
     snprintf(description.data(), description.size(), "%s %s %s", name.sysname, name.release, name.machine);
@@ -291,9 +249,9 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
     if (port == nullptr || buffer == nullptr)
         return -1;
     const uint32_t vid = static_cast<const SysIfQuery *>(buffer)->vid;
-    if (attribute == FORWARDS)
+    if (attribute == QOR_SYS_EXCLUDED)
         return port->sends(vid) ? 0 : -1;
-    if (attribute == SENDS_UNTAGGED)
+    if (attribute == QOR_SYS_UNTAGGED)
         return port->routed || (vid < port->untagged.size() && port->untagged[vid]) ? 1 : 0;
     return -1;
 }
@@ -302,10 +260,10 @@ uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
 {
     const DhcpsnoopRole role = redundancy_role();
     switch (scalar) {
-    case HW_MASTER:
+    case QOR_HW_NOT_MASTER:
         return role == DHCPSNOOP_ROLE_MASTER ? 0 : 1;
-    case HW_SLAVE:
-    case HW_STANDALONE:
+    case QOR_HW_NOT_SLAVE:
+    case QOR_HW_STACK:
         return role == DHCPSNOOP_ROLE_SLAVE ? 0 : 1;
     default:
         return 0;
@@ -316,9 +274,9 @@ uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
 int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
 {
     // Rules that the bindings do not take over belong to bindings that were deleted on a standby.
-    if (code == HW_SYNC_NOTIFY && redundancy_takeover_begins())
+    if (code == QOR_SYNC_GLOBAL + GLOBAL_HW_NOTIFY && redundancy_takeover_begins())
         bindings_hold_all();
-    if (code != HW_SYNC_PEER)
+    if (code != QOR_SYNC_GLOBAL + GLOBAL_SYNC_PACKET)
         return 0;
     return data != nullptr ? redundancy_sync(*static_cast<const QorBuffer *>(data)) : EINVAL;
 }
@@ -339,7 +297,8 @@ int32_t qorHwSlotGet(const uint32_t *, uint32_t, void *) { return ENODEV; }
 int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length)
 {
     EventRecord event;
-    if (kind != EVENT_KIND || destination != 0 || record == nullptr || length != sizeof event)
+    if (kind != QOR_NETLINK_KIND || destination != QOR_NETLINK_DESTINATION || record == nullptr ||
+        length != sizeof event)
         return EINVAL;
     memcpy(&event, record, sizeof event);
     return subscribers_publish(event);
@@ -356,9 +315,9 @@ int32_t guard_answer(GuardFeature feature, uint32_t ifIndex, uint32_t call, void
         return EINVAL;
     const bool isVlan = port->kind == PortKind::vlanInterface;
     const uint8_t items = guard_checked(guard_config_get({isVlan, isVlan ? port->vlan : ifIndex}), feature);
-    if (call == GUARD_ENABLED)
+    if (call == QOR_HOOK_ENABLED)
         *static_cast<uint32_t *>(reply) = items != 0 ? 1 : 0;
-    else if (call == GUARD_ITEMS)
+    else if (call == QOR_HOOK_CHECK_ITEMS)
         *static_cast<uint8_t *>(reply) = items;
     else
         return EINVAL;

@@ -17,6 +17,7 @@
 #include "dhcpsnoop_msg.h"
 #include "guard.h"
 #include "model.h"
+#include "platform_numbers.h"
 #include "protocol.h"
 #include "report.h"
 #include "wire.h"
@@ -28,10 +29,6 @@ namespace
 
 // One DHCP frame takes 1.3 KiB of it; the kernel's usual 208 KiB are full after 167.
 constexpr int RECEIVE_BUFFER = 4 << 20;
-
-// The packet information, big-endian.
-constexpr size_t INFO_LEN = 25;
-constexpr size_t INFO_IFINDEX = 0, INFO_OUTER_VID = 20, INFO_INNER_VID = 22, INFO_L2_LEN = 24;
 
 constexpr uint32_t TAGS_MAX = 3; // as the classifier: one that the kernel took out, and two behind it
 constexpr uint16_t VID_MASK = 0x0FFF;
@@ -93,16 +90,16 @@ bool left_to_offload(msghdr *message)
 void write_packet_info(msghdr *message, uint32_t ifIndex, uint16_t outer, const Tags &tags)
 {
     cmsghdr *c = static_cast<cmsghdr *>(message->msg_control);
-    std::memset(c, 0, CMSG_SPACE(INFO_LEN));
+    std::memset(c, 0, CMSG_SPACE(QOR_INFO_LEN));
     c->cmsg_level = SOL_PACKET;
     c->cmsg_type = PACKET_AUXDATA;
-    c->cmsg_len = CMSG_LEN(INFO_LEN);
+    c->cmsg_len = CMSG_LEN(QOR_INFO_LEN);
     uint8_t *info = CMSG_DATA(c);
-    wire_put32(info + INFO_IFINDEX, ifIndex);
-    wire_put16(info + INFO_OUTER_VID, outer);
-    wire_put16(info + INFO_INNER_VID, tags.inner);
-    info[INFO_L2_LEN] = static_cast<uint8_t>(tags.headerLength);
-    message->msg_controllen = CMSG_SPACE(INFO_LEN);
+    wire_put32(info + QOR_INFO_IFINDEX, ifIndex);
+    wire_put16(info + QOR_INFO_OUTER_VID, outer);
+    wire_put16(info + QOR_INFO_INNER_VID, tags.inner);
+    info[QOR_INFO_L2_LEN] = static_cast<uint8_t>(tags.headerLength);
+    message->msg_controllen = CMSG_SPACE(QOR_INFO_LEN);
 }
 
 ssize_t no_frame(int error)
@@ -150,7 +147,7 @@ int32_t platform_packet_info_enable(int sock)
 ssize_t platform_frame_recv(int sock, struct msghdr *msg)
 {
     guard_frame front;
-    if (msg->msg_iovlen != 1 || msg->msg_control == nullptr || msg->msg_controllen < CMSG_SPACE(INFO_LEN))
+    if (msg->msg_iovlen != 1 || msg->msg_control == nullptr || msg->msg_controllen < CMSG_SPACE(QOR_INFO_LEN))
         return no_frame(EINVAL);
     const iovec room = msg->msg_iov[0];
     iovec parts[] = {

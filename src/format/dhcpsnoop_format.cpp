@@ -7,15 +7,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "option_template.h"
 #include "platform.h"
 
 static constexpr uint32_t OUTPUT_MAX = 255;
 static constexpr uint32_t TEXT_ROOM = 128; // of a text the platform gives
-
-// What is asked of the platform.
-static constexpr uint32_t IF_ATTR_NAME = 3, IF_ATTR_NUMBER = 5;
-static constexpr uint32_t SCALAR_HOSTNAME = 66, SCALAR_DESCRIPTION = 74;
-static constexpr uint32_t TRANS_LOCATION = 6, LOCATION_SLOT = 1, LOCATION_PORT = 2;
 
 // One conversion: what a letter stands for.
 struct Conversion {
@@ -35,7 +31,7 @@ static void put_number(Conversion *out, uint32_t value)
 static uint32_t number_attribute(uint32_t ifIndex)
 {
     uint32_t value = 0;
-    qorIfGetApi(ifIndex, IF_ATTR_NUMBER, &value);
+    qorIfGetApi(ifIndex, QOR_IF_NUMBER, &value);
     return value;
 }
 
@@ -49,42 +45,42 @@ template <class Ask> static void put_text(Conversion *out, Ask ask)
 
 static void convert(uint8_t letter, const DhcpsnoopPktInfo *info, Conversion *out)
 {
-    uint32_t location[7] = {};
-    qorIndexTrans(&info->ifIndex, TRANS_LOCATION, location);
+    uint32_t location[QOR_LOCATION_WORDS] = {};
+    qorIndexTrans(&info->ifIndex, QOR_TRANS_LOCATION, location);
 
     std::memset(out, 0, sizeof *out);
     switch (letter) {
-    case 'D':
-        put_text(out, [](QorBuffer *text) { qorScalarGetApi(0, SCALAR_HOSTNAME, text); });
+    case LETTER_HOST_NAME:
+        put_text(out, [](QorBuffer *text) { qorScalarGetApi(0, QOR_SCALAR_HOSTNAME, text); });
         break;
-    case 'e':
-        put_text(out, [](QorBuffer *text) { qorScalarGetApi(0, SCALAR_DESCRIPTION, text); });
+    case LETTER_DESCRIPTION:
+        put_text(out, [](QorBuffer *text) { qorScalarGetApi(0, QOR_SCALAR_DESCRIPTION, text); });
         break;
-    case 'N':
-        put_text(out, [info](QorBuffer *text) { qorIfGetApi(info->ifIndex, IF_ATTR_NAME, text); });
+    case LETTER_PORT_NAME:
+        put_text(out, [info](QorBuffer *text) { qorIfGetApi(info->ifIndex, QOR_IF_NAME, text); });
         break;
-    case 'i':
+    case LETTER_INTERFACE_NUMBER:
         put_number(out, info->ifp != nullptr ? number_attribute(info->ifp->ifIndex) : 0);
         break;
-    case 'y':
+    case LETTER_PORT_NUMBER:
         put_number(out, number_attribute(info->ifIndex));
         break;
-    case 'S':
-        put_number(out, location[LOCATION_SLOT]);
+    case LETTER_SLOT:
+        put_number(out, location[QOR_LOCATION_SLOT]);
         break;
-    case 'r':
-        put_number(out, location[LOCATION_PORT]);
+    case LETTER_CARD_PORT:
+        put_number(out, location[QOR_LOCATION_PORT]);
         break;
-    case 's':
+    case LETTER_SERVICE_VLAN:
         put_number(out, info->svlan);
         break;
-    case 'c':
+    case LETTER_CUSTOMER_VLAN:
         put_number(out, info->cvlan);
         break;
-    case 'l':
+    case LETTER_ZERO:
         put_number(out, 0);
         break;
-    case 'd': // six raw bytes, not text
+    case LETTER_MAC: // six raw bytes, not text
         out->length = sizeof info->ifp->mac;
         if (info->ifp != nullptr)
             std::memcpy(out->bytes, info->ifp->mac, sizeof info->ifp->mac);
@@ -95,8 +91,6 @@ static void convert(uint8_t letter, const DhcpsnoopPktInfo *info, Conversion *ou
         break;
     }
 }
-
-static bool is_letter(uint8_t byte) { return (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z'); }
 
 // Bytes from `from` up to the next '%'. The search for it ends at a NUL or at the template's end; when there
 // is none, the run is all that is left of the template, NULs included.
@@ -124,7 +118,7 @@ uint32_t dhcpsnoop_format_print(const DhcpsnoopPktInfo *info, const uint8_t *tex
         }
 
         const uint8_t next = pos + 1 < length ? text[pos + 1] : uint8_t{0};
-        if (!is_letter(next)) {
+        if (!template_is_letter(next)) {
             const uint32_t run = literal_run(text, length, pos + 1);
             // Kept: the room is compared with the length before the run, so a run may pass it (never 255
             // bytes).
@@ -149,28 +143,10 @@ uint32_t dhcpsnoop_format_print(const DhcpsnoopPktInfo *info, const uint8_t *tex
 
 int32_t dhcpsnoop_delimiter_check(int32_t character)
 {
-    static constexpr char delimiters[] = " ./:;[]{}<>()"; // and the NUL that ends them
-    return std::memchr(delimiters, static_cast<uint8_t>(character), sizeof delimiters) != nullptr ? 0 : -1;
+    return template_is_delimiter(static_cast<uint8_t>(character)) ? 0 : -1;
 }
 
 int32_t dhcpsnoop_format_check(const uint8_t *text, uint32_t length)
 {
-    for (uint32_t pos = 0; pos < length && text[pos] != '\0';) {
-        if (text[pos] != '%') {
-            pos++;
-            continue;
-        }
-        // Kept: two more bytes must stand within the length, so a conversion at the very end passes only when
-        // the length counts the terminator.
-        if (length - pos < 3)
-            return -1;
-        if (!is_letter(text[pos + 1])) {
-            pos++;
-            continue;
-        }
-        if (dhcpsnoop_delimiter_check(text[pos + 2]) != 0)
-            return -1;
-        pos += 3;
-    }
-    return 0;
+    return template_fault(text, length) < 0 ? 0 : -1;
 }

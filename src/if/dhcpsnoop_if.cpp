@@ -11,16 +11,6 @@
 #include "dhcpsnoop_user.h"
 #include "management.h"
 
-// qorIfGetApi: what it asks for.
-static constexpr uint32_t IF_ATTR_MAC = 33, IF_ATTR_WORK_MODE = 193, IF_ATTR_IS_VLAN = 417,
-                          IF_ATTR_VLAN = 5400;
-// qorIfSetApi: a protocol trap, and the protocols.
-static constexpr uint32_t IF_TRAP_ADD = 305, IF_TRAP_DELETE = 306;
-static constexpr uint32_t TRAP_DHCP = 23, TRAP_DHCPV6 = 24;
-
-static constexpr uint16_t MAX_USER_DEFAULT = 32768, SETTING21_DEFAULT = 100;
-static constexpr uint32_t POLICY_DEFAULT = 2;
-
 // Operations of dhcpsnoop_user_process_on_interface.
 static constexpr uint32_t WITHDRAW = 0, INSTALL = 1, WITHDRAW_AND_DELETE = 2;
 
@@ -32,14 +22,14 @@ static int32_t trap(uint32_t ifIndex, uint32_t command, uint32_t protocol)
 static int32_t traps_add(uint32_t ifIndex, uint32_t version)
 {
     if ((version & DHCPSNOOP_IPV4) != 0) {
-        const int32_t result = trap(ifIndex, IF_TRAP_ADD, TRAP_DHCP);
+        const int32_t result = trap(ifIndex, QOR_IF_TRAP_ADD, QOR_TRAP_DHCP);
         if (result != 0) {
             DEBUG_EVENT("[DHCPSNOOP] Add dhcp acl failed!\r\n");
             return result;
         }
     }
     if ((version & DHCPSNOOP_IPV6) != 0) {
-        const int32_t result = trap(ifIndex, IF_TRAP_ADD, TRAP_DHCPV6);
+        const int32_t result = trap(ifIndex, QOR_IF_TRAP_ADD, QOR_TRAP_DHCPV6);
         if (result != 0)
             DEBUG_EVENT("[DHCPSNOOP] Add dhcpv6 acl failed!\r\n");
         return result;
@@ -51,13 +41,13 @@ static int32_t traps_delete(uint32_t ifIndex, uint32_t version)
 {
     int32_t result = 0;
     if ((version & DHCPSNOOP_IPV4) != 0) {
-        result = trap(ifIndex, IF_TRAP_DELETE, TRAP_DHCP);
+        result = trap(ifIndex, QOR_IF_TRAP_DELETE, QOR_TRAP_DHCP);
         if (result != 0)
             DEBUG_EVENT("[DHCPSNOOP] Delete dhcp acl failed!\r\n");
     }
     // Kept: with IPv6 the result is that of DHCPv6 alone; a DHCP failure before it is forgotten.
     if ((version & DHCPSNOOP_IPV6) != 0) {
-        result = trap(ifIndex, IF_TRAP_DELETE, TRAP_DHCPV6);
+        result = trap(ifIndex, QOR_IF_TRAP_DELETE, QOR_TRAP_DHCPV6);
         if (result != 0)
             DEBUG_EVENT("[DHCPSNOOP] Delete dhcpv6 acl failed!\r\n");
     }
@@ -84,17 +74,17 @@ static void properties_fetch(DhcpsnoopIf *ifp)
 {
     uint8_t mac[sizeof ifp->mac] = {};
     QorBuffer macBuffer = {mac, sizeof mac};
-    if (qorIfGetApi(ifp->ifIndex, IF_ATTR_MAC, &macBuffer) == 0)
+    if (qorIfGetApi(ifp->ifIndex, QOR_IF_MAC, &macBuffer) == 0)
         std::memcpy(ifp->mac, mac, sizeof ifp->mac);
 
-    const uint32_t mode = attribute_word(ifp->ifIndex, IF_ATTR_WORK_MODE);
+    const uint32_t mode = attribute_word(ifp->ifIndex, QOR_IF_WORK_MODE);
     if ((mode & 1) != 0)
         ifp->flags |= DHCPSNOOP_IF_ROUTER;
     DEBUG_TRACE("[DHCPSNOOP] Dhcpsnoop interface work mode %s.\r\n", mode != 0 ? "router" : "bridge");
 
-    ifp->isVlanIf = attribute_word(ifp->ifIndex, IF_ATTR_IS_VLAN) != 0 ? 1 : 0;
+    ifp->isVlanIf = attribute_word(ifp->ifIndex, QOR_IF_IS_VLAN) != 0 ? 1 : 0;
     if (ifp->isVlanIf != 0) {
-        const uint32_t vid = attribute_word(ifp->ifIndex, IF_ATTR_VLAN);
+        const uint32_t vid = attribute_word(ifp->ifIndex, QOR_IF_VLAN);
         ifp->flags = dhcpsnoop_flag_set(ifp->flags, DHCPSNOOP_IF_VID, vid);
     }
 }
@@ -112,9 +102,9 @@ uint32_t dhcpsnoop_if_enable(uint32_t ifIndex)
 
     ifp->flags |= DHCPSNOOP_IF_IN_USE;
     ifp->flags = dhcpsnoop_flag_set(ifp->flags, DHCPSNOOP_IF_VERSION, DHCPSNOOP_IPV4);
-    ifp->flags = dhcpsnoop_flag_set(ifp->flags, DHCPSNOOP_IF_POLICY, POLICY_DEFAULT);
-    ifp->setting21 = SETTING21_DEFAULT;
-    ifp->maxUser = MAX_USER_DEFAULT;
+    ifp->flags = dhcpsnoop_flag_set(ifp->flags, DHCPSNOOP_IF_POLICY, DHCPSNOOP_POLICY_DEFAULT);
+    ifp->setting21 = DHCPSNOOP_SETTING21_DEFAULT;
+    ifp->maxUser = DHCPSNOOP_MAX_USER_DEFAULT;
     properties_fetch(ifp);
 
     dhcpsnoop_user_process_on_interface(ifp, DHCPSNOOP_IPV4, DHCPSNOOP_USER_STATIC, INSTALL);

@@ -9,6 +9,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "management.h"
+#include "platform_numbers.h"
+
 // A circular list's head and, at the front of every entry, its place in a list. An empty head points at
 // itself.
 struct DhcpsnoopLink {
@@ -16,10 +19,8 @@ struct DhcpsnoopLink {
 };
 
 constexpr uint32_t DHCPSNOOP_FRAME_MAX = 2048; // no frame is longer, received or grown by an inserted option
-constexpr uint32_t DHCPSNOOP_TEXT_MAX = 128;   // an interface's option text
 constexpr uint32_t DHCPSNOOP_TEMPLATE_MAX = 256; // a global option template
 constexpr uint32_t DHCPSNOOP_BUCKETS = 63;       // of each hash table
-constexpr uint32_t DHCPSNOOP_SERVER_SLOTS = 3;   // relay servers per interface
 constexpr uint32_t DHCPSNOOP_IA_MAX = 64;        // IA options recorded per DHCPv6 message
 
 // Drop counters of an interface, by place in DhcpsnoopIf::counters.
@@ -63,8 +64,6 @@ constexpr uint32_t dhcpsnoop_flag_set(uint32_t flags, DhcpsnoopFlagField field, 
     return (flags & ~(field.mask << field.shift)) | ((value & field.mask) << field.shift);
 }
 
-constexpr uint8_t DHCPSNOOP_IPV4 = 1, DHCPSNOOP_IPV6 = 2; // IP versions of an interface, IP type of a key
-
 // One interface with snooping switched on: a port, an aggregate or a VLAN interface.
 struct DhcpsnoopIf : DhcpsnoopLink {
     uint32_t ifIndex;
@@ -91,11 +90,6 @@ struct DhcpsnoopIf : DhcpsnoopLink {
     uint32_t serverIp[DHCPSNOOP_SERVER_SLOTS]; // where requests are relayed to; 0 = free slot
 };
 
-// How the value of an option is built; any other mode builds nothing in option 82.
-constexpr uint16_t DHCPSNOOP_FORMAT_TYPED = 3;    // type byte, length byte, text or generated value
-constexpr uint16_t DHCPSNOOP_FORMAT_RAW = 4;      // the bare text or generated value
-constexpr uint16_t DHCPSNOOP_FORMAT_TEMPLATE = 5; // the text is a template (dhcpsnoop_format_print)
-
 // A global option format. `len` counts the bytes of `text`; there is no terminator.
 struct DhcpsnoopOptionFormat {
     uint16_t mode, len;
@@ -116,28 +110,12 @@ struct DhcpsnoopUserKey {
 };
 static_assert(sizeof(DhcpsnoopUserKey) == 20);
 
-enum DhcpsnoopUserType : uint8_t {
-    DHCPSNOOP_USER_DYNAMIC = 1,
-    DHCPSNOOP_USER_STATIC = 2,
-    DHCPSNOOP_USER_IPSG = 4, // an IP source guard binding, never touched by snooping
-};
-
-constexpr uint8_t DHCPSNOOP_BIND_BOUND = 1;     // acknowledged by a server, or made effective by management
-constexpr uint8_t DHCPSNOOP_BIND_CREATED = 3;   // made by management, not effective yet
-constexpr uint8_t DHCPSNOOP_BIND_REQUESTED = 4; // a client asked; provisional lease
-
-constexpr uint8_t DHCPSNOOP_CHECK_IP = 0x80, DHCPSNOOP_CHECK_MAC = 0x40, DHCPSNOOP_CHECK_VLAN = 0x20,
-                  DHCPSNOOP_CHECK_PORT = 0x10;
-constexpr uint8_t DHCPSNOOP_CHECK_ALL = 0xF0;
-
-constexpr uint8_t DHCPSNOOP_HW_IPSG = 0x80, DHCPSNOOP_HW_DAI = 0x40; // DhcpsnoopUser::hwFlags: installed for
-constexpr uint32_t DHCPSNOOP_RULE_IPSG = 1, DHCPSNOOP_RULE_DAI = 2;  // rule kinds
+constexpr uint32_t DHCPSNOOP_RULE_IPSG = 1, DHCPSNOOP_RULE_DAI = 2; // rule kinds
 constexpr uint8_t DHCPSNOOP_SOURCE_VLAN = 1,
                   DHCPSNOOP_SOURCE_PORT = 2; // whose check items; 0 = not installed
 
-constexpr uint8_t DHCPSNOOP_MAC_MARK = 0x30;         // DhcpsnoopUser::macMark once a MAC was written
-constexpr uint32_t DHCPSNOOP_LEASE_PROVISIONAL = 60; // until a server acknowledges
-constexpr uint32_t DHCPSNOOP_LEASE_FOREVER = 0xFFFFFFFF;
+constexpr uint8_t DHCPSNOOP_MAC_MARK = QOR_MAC_VALID; // DhcpsnoopUser::macMark once a MAC was written
+constexpr uint32_t DHCPSNOOP_LEASE_PROVISIONAL = 60;  // until a server acknowledges
 constexpr uint32_t DHCPSNOOP_MAC_USER_AGE = 120;
 
 // Who holds an address: one binding.
@@ -148,9 +126,9 @@ struct DhcpsnoopUser : DhcpsnoopLink {
     uint32_t ifIndex; // port of the client
     uint32_t leaseTime;
     uint32_t leaseStart;
-    uint8_t hwFlags;   // DHCPSNOOP_HW_…
+    uint8_t hwFlags;   // DHCPSNOOP_HW_…: installed for
     uint8_t userType;  // DhcpsnoopUserType
-    uint8_t bindState; // DHCPSNOOP_BIND_…, or what management stored
+    uint8_t bindState; // DHCPSNOOP_BIND_…
     uint8_t macMark;
     uint16_t userAttr; // management's, handed through
     uint8_t mac[6];
@@ -240,8 +218,7 @@ static_assert(sizeof(DhcpsnoopInstallRecord) == 28);
 
 struct QorBuffer;
 
-// IP source guard's and ARP inspection's per-interface query: call 1 fills a uint32_t, call 2 one byte. 0 =
-// answered.
+// IP source guard's and ARP inspection's per-interface query, a call of QOR_HOOK_…. 0 = answered.
 typedef int32_t (*DhcpsnoopIfHook)(uint32_t ifIndex, uint32_t call, void *reply);
 typedef int32_t (*DhcpsnoopInstallHook)(const DhcpsnoopInstallRecord *record, QorBuffer *option125,
                                         QorBuffer *bootFile);
@@ -279,5 +256,3 @@ struct DhcpsnoopGlobal {
     uint8_t runningRole; // DhcpsnoopRole last seen
 };
 extern DhcpsnoopGlobal gDhcpsnoop;
-
-constexpr uint8_t DHCPSNOOP_DEBUG_INFO = 0x01, DHCPSNOOP_DEBUG_DUMP = 0x02;

@@ -1,5 +1,5 @@
-// Numbers of the management interface, shared by the daemon and the client: functions, attributes and result
-// codes of the requests on the command socket.
+// Numbers of the management interface, shared by the daemon and the client: functions, attributes, values and
+// result codes of the requests on the command socket.
 #pragma once
 
 #include <cstdint>
@@ -98,6 +98,42 @@ enum DhcpsnoopUserCmd : uint32_t {
     USER_TYPE = 8,
     USER_ACTION = 9, // read: the binding state
 };
+
+// Values of the settings.
+constexpr uint8_t DHCPSNOOP_IPV4 = 1, DHCPSNOOP_IPV6 = 2; // IP versions of an interface, IP type of a key
+constexpr uint8_t DHCPSNOOP_DEBUG_INFO = 0x01, DHCPSNOOP_DEBUG_DUMP = 0x02; // bits of GLOBAL_DEBUG
+constexpr uint16_t DHCPSNOOP_MAX_USER_DEFAULT = 32768, DHCPSNOOP_SETTING21_DEFAULT = 100;
+constexpr uint32_t DHCPSNOOP_SERVER_SLOTS = 3; // relay servers of an interface
+constexpr uint32_t DHCPSNOOP_TEXT_MAX = 128;   // bytes of an interface's option text
+
+// What happens to a client's message that has option 82 already.
+enum DhcpsnoopPolicy : uint32_t {
+    DHCPSNOOP_POLICY_KEEP,
+    DHCPSNOOP_POLICY_DROP,
+    DHCPSNOOP_POLICY_DEFAULT, // kept, too
+    DHCPSNOOP_POLICY_APPEND,
+};
+
+// How the value of an option is built; another mode builds nothing in option 82.
+constexpr uint16_t DHCPSNOOP_FORMAT_GLOBAL = 0;   // of an interface: as the switch's
+constexpr uint16_t DHCPSNOOP_FORMAT_TYPED = 3;    // type byte, length byte, text or generated value
+constexpr uint16_t DHCPSNOOP_FORMAT_RAW = 4;      // the bare text or generated value
+constexpr uint16_t DHCPSNOOP_FORMAT_TEMPLATE = 5; // the text is a template (option_template.h)
+constexpr uint16_t DHCPSNOOP_FORMATS = 7;         // a mode is below this
+constexpr uint8_t DHCPSNOOP_TYPE_GENERATED = 0, DHCPSNOOP_TYPE_TEXT = 1; // type byte of a typed value
+
+// Values of a binding.
+enum DhcpsnoopUserType : uint8_t {
+    DHCPSNOOP_USER_DYNAMIC = 1,
+    DHCPSNOOP_USER_STATIC = 2,
+    DHCPSNOOP_USER_IPSG = 4, // an IP source guard binding, never touched by snooping
+};
+
+constexpr uint8_t DHCPSNOOP_BIND_BOUND = 1;     // acknowledged by a server, or made effective by management
+constexpr uint8_t DHCPSNOOP_BIND_UNBOUND = 2;   // taken out of effect by management
+constexpr uint8_t DHCPSNOOP_BIND_CREATED = 3;   // made by management, not effective yet
+constexpr uint8_t DHCPSNOOP_BIND_REQUESTED = 4; // a client asked; provisional lease
+constexpr uint32_t DHCPSNOOP_LEASE_FOREVER = 0xFFFFFFFF;
 
 // Values of USER_ACTION.
 constexpr uint32_t USER_ACTION_BIND = 1, USER_ACTION_UNBIND = 2, USER_ACTION_UNBIND_KEEP = 3,

@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include "dhcpsnoop.h"
+#include "platform_numbers.h"
 
 extern "C" {
 
@@ -33,30 +34,28 @@ struct QorUserRecord {
     uint16_t origVid;
     uint8_t ipType;    // DHCPSNOOP_IPV4, DHCPSNOOP_IPV6
     uint8_t ruleFlags; // DHCPSNOOP_HW_IPSG, DHCPSNOOP_HW_DAI
-    uint8_t macValid;  // 0x30 when the MAC is given
-    uint8_t addrKind;  // 0x20 an IPv4 address is given, 0x80 an IPv6 address
+    uint8_t macValid;  // QOR_MAC_VALID or 0
+    uint8_t addrKind;  // QOR_ADDRESS_… or 0
     uint32_t daiHwId;  // as ipsgHwId
 };
 static_assert(sizeof(QorUserRecord) == 44 && offsetof(QorUserRecord, addr) == 16 &&
               offsetof(QorUserRecord, userAttr) == 32 && offsetof(QorUserRecord, daiHwId) == 40);
 
-constexpr uint32_t QOR_USER_ADD = 0x3E800DF, QOR_USER_DELETE = 0x3E800E0;
-
-// qorIfSetApi command 300: adds or deletes (QOR_USER_…) the QorUserRecord that `record` points at.
+// qorIfSetApi QOR_IF_BINDING: adds or deletes the QorUserRecord that `record` points at.
 struct QorIfRequest {
-    uintptr_t operation;
+    uintptr_t operation; // QOR_USER_…
     void *record;
     uintptr_t reserved[2];
 };
 
-// qorIfGetApi attribute 65536285.
+// qorIfGetApi QOR_IF_NESTED.
 struct QorNestedGet {
     uint32_t attribute;
     uint32_t *answer;
     uint8_t count;
 };
 
-// sysIFGet attributes 255 and 258: `vid` is the VLAN in which the frame is to leave.
+// sysIFGet: `vid` is the VLAN in which the frame is to leave.
 struct SysIfQuery {
     uint32_t vid;
     uint32_t reserved[7];
@@ -70,9 +69,8 @@ void qorCatchSegFault(int argc, char **argv);
 int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value);
 int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value);
 int32_t qorIfUnit2Name(uint32_t ifIndex, char *name, uint32_t size);
-// Kind 7: seven request words (VLAN in the fifth, 3 in the sixth) to the index of that VLAN's interface. Kind
-// 6: an index to seven location words: 0 system, 1 slot, 2 port, 3 zero, 4 unit number, 5 unit type (1 port,
-// 2 aggregate, 3 VLAN interface), 6 card.
+// QOR_TRANS_LOCATION: an index to the QOR_LOCATION_WORDS of its location. QOR_TRANS_INDEX: such words, of
+// which unit and type count, to the index of a VLAN interface.
 int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to);
 int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list);
 int32_t qorScalarGetApi(uint32_t unit, uint32_t attribute, QorBuffer *text);
@@ -94,7 +92,7 @@ __attribute__((format(printf, 3, 4))) void zlog_dispatch_logging(int32_t module,
 __attribute__((format(printf, 1, 2))) void NM_DEBUG_OUTPUT(const char *format, ...);
 int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length);
 
-// Call 1 fills a uint32_t (1 = enabled), call 2 one byte of check items (DHCPSNOOP_CHECK_…).
+// Calls are QOR_HOOK_….
 int32_t ipsgIfGetApi(uint32_t ifIndex, uint32_t call, void *reply);
 int32_t arpAntiAttackIfGetApi(uint32_t ifIndex, uint32_t call, void *reply);
 int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, QorBuffer *option125,
@@ -105,8 +103,8 @@ int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, 
 int32_t platform_packet_info_enable(int sock);
 
 // One frame as it was on the wire, as recvmsg. Its control data holds a message of level SOL_PACKET with 25
-// bytes, big-endian: 0 ingress index (4), 20 outer VLAN (2), 22 inner VLAN (2, 0 = none), 24 length of the
-// layer-2 header (1).
+// bytes, big-endian: ingress index (4), outer VLAN (2), inner VLAN (2, 0 = none), length of the layer-2
+// header (1), at QOR_INFO_….
 ssize_t platform_frame_recv(int sock, struct msghdr *msg);
 
 // Success too where the kernel does not have the group.

@@ -10,6 +10,7 @@ constexpr uint32_t ETH_DST = 0, ETH_SRC = 6, ETH_TYPE = 12;
 constexpr uint32_t ETH_HEADER_LEN = 14;
 constexpr uint32_t VLAN_TAG_LEN = 4,
                    VLAN_TCI = 14; // tag of an outermost-tagged frame: TPID at ETH_TYPE, then TCI
+constexpr uint16_t VLAN_ID_MIN = 1, VLAN_ID_MAX = 4094;
 constexpr uint16_t ETHER_TYPE_IPV4 = 0x0800, ETHER_TYPE_IPV6 = 0x86DD, TPID_8021Q = 0x8100;
 
 // IPv4 (RFC 791 3.1)

@@ -13,16 +13,6 @@ static constexpr uint32_t LINK_IFINDEX = 20, LINK_ATTRIBUTES = 32;
 static constexpr int32_t LINK_HEADER_LEN = 16; // between the message's header and its attributes
 
 static constexpr uint32_t ATTRIBUTE_HEADER_LEN = 4;
-enum LinkAttribute : uint16_t {
-    IFLA_PHYJOINAGG = 38,
-    IFLA_SYNCCFG = 49,
-    IFLA_AGGADDPHY = 52,
-    IFLA_AGGREMOVEPHY = 53,
-};
-
-// qorIfGetApi: asks about an aggregate's members.
-static constexpr uint32_t IF_ATTR_NESTED = 65536285, NESTED_MEMBERS = 65536223;
-
 static constexpr uint32_t TRUNK_WITHDRAW = 0, TRUNK_INSTALL = 1;
 
 static uint32_t align4(uint32_t length) { return (length + 3) & ~3u; }
@@ -31,8 +21,8 @@ static uint32_t align4(uint32_t length) { return (length + 3) & ~3u; }
 static bool members_follow(uint32_t aggregate)
 {
     uint32_t answer = 2;
-    QorNestedGet request = {NESTED_MEMBERS, &answer, 1};
-    return qorIfGetApi(aggregate, IF_ATTR_NESTED, &request) != 0 || request.count <= 1;
+    QorNestedGet request = {QOR_IF_AGGREGATE_PORTS, &answer, 1};
+    return qorIfGetApi(aggregate, QOR_IF_NESTED, &request) != 0 || request.count <= 1;
 }
 
 // Attribute 38 may have removed the interface, so it is looked up again wherever it is needed.
@@ -41,20 +31,20 @@ static void link_attribute(uint32_t ifIndex, const uint8_t *attribute, uint32_t 
     const bool hasWord = length >= ATTRIBUTE_HEADER_LEN + 4;
     const uint16_t type = event_get16(attribute + 2);
     switch (type) {
-    case IFLA_PHYJOINAGG:
+    case QOR_LINK_JOINS_AGGREGATE:
         DEBUG_EVENT("[DHCPSNOOP] Receive IFLA_PHYJOINAGG message: ifindex %d.\r\n", ifIndex);
         dhcpsnoop_if_disable(dhcpsnoop_if_lookup(ifIndex));
         break;
-    case IFLA_SYNCCFG:
+    case QOR_LINK_CONFIGURED:
         DEBUG_EVENT("[DHCPSNOOP] Receive IFLA_SYNCCFG message: ifindex %d.\r\n", ifIndex);
         break;
-    case IFLA_AGGADDPHY:
+    case QOR_LINK_PORT_ADDED:
         DEBUG_EVENT("[DHCPSNOOP] Receive IFLA_AGGADDPHY message: ifindex %d.\r\n", ifIndex);
         if (hasWord && members_follow(ifIndex))
             dhcpsnoop_user_process_on_trunk(ifIndex, event_get32(attribute + ATTRIBUTE_HEADER_LEN),
                                             TRUNK_INSTALL);
         break;
-    case IFLA_AGGREMOVEPHY:
+    case QOR_LINK_PORT_REMOVED:
         DEBUG_EVENT("[DHCPSNOOP] Receive IFLA_AGGREMOVEPHY message: ifindex %d.\r\n", ifIndex);
         if (hasWord && dhcpsnoop_if_lookup(ifIndex) != nullptr && members_follow(ifIndex))
             dhcpsnoop_user_process_on_trunk(ifIndex, event_get32(attribute + ATTRIBUTE_HEADER_LEN),
@@ -119,18 +109,18 @@ struct EventType {
 };
 
 static constexpr EventType EVENT_TYPES[] = {
-    {16,  event_new_link    }, // RTM_NEWLINK
-    {17,  event_del_link    }, // RTM_DELLINK
-    {87,  event_card_up     },
-    {88,  event_card_down   },
-    {90,  event_slot_up     },
-    {91,  event_slot_down   },
-    {93,  event_subsystem_up}, // RTM_SUBSYSTEM_UP
-    {123, event_dai_start   }, // RTM_SYSTEM_DAISTART
-    {124, event_dai_stop    }, // RTM_SYSTEM_DAISTOP
-    {190, event_users_update}, // RTM_DHCPSNOOP_UPDATEDHCPSNOOPUSER
-    {198, event_ipsg_change }, // RTM_IPSG_CHANGEDCHECKITEM
-    {199, event_dai_change  }, // RTM_ANTIARP_DAICHANGEDCHECKITEM
+    {QOR_EVENT_NEW_LINK,     event_new_link    },
+    {QOR_EVENT_DEL_LINK,     event_del_link    },
+    {QOR_EVENT_CARD_UP,      event_card_up     },
+    {QOR_EVENT_CARD_DOWN,    event_card_down   },
+    {QOR_EVENT_SLOT_UP,      event_slot_up     },
+    {QOR_EVENT_SLOT_DOWN,    event_slot_down   },
+    {QOR_EVENT_SUBSYSTEM_UP, event_subsystem_up},
+    {QOR_EVENT_DAI_START,    event_dai_start   },
+    {QOR_EVENT_DAI_STOP,     event_dai_stop    },
+    {QOR_EVENT_USERS_UPDATE, event_users_update},
+    {QOR_EVENT_IPSG_ITEMS,   event_ipsg_change },
+    {QOR_EVENT_DAI_ITEMS,    event_dai_change  },
 };
 
 static void event_dispatch(const Event &event)

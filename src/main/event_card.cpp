@@ -9,17 +9,7 @@
 #include "list.h"
 #include "platform.h"
 
-// qorHwScalarGet.
-static constexpr uint32_t SCALAR_NOT_MASTER = 53, SCALAR_NOT_SLAVE = 54, SCALAR_STACK = 45;
-// qorHwCardGet and qorHwSlotGet: whether it is known, and what it is to us.
-static constexpr uint32_t CARD_KNOWN = 49152043, CARD_KIND = 49152042;
-static constexpr uint32_t SLOT_KNOWN = 32768049, SLOT_KIND = 32768042;
-// qorIndexTrans: an interface index to its location words.
-static constexpr uint32_t TRANS_LOCATION = 6;
-static constexpr uint32_t LOCATION_SYSTEM = 0, LOCATION_SLOT = 1, LOCATION_CARD = 6;
-
 static constexpr uint32_t ALL_REQUEST = 1;
-static constexpr uint32_t DESTINATION_CARD = 1, DESTINATION_SUBSYSTEM = 2;
 
 struct Place {
     uint32_t words[4]; // system, slot, card, and one that only the platform reads
@@ -34,16 +24,16 @@ static Place place_take(const Event &event)
 
 static bool on_card(const DhcpsnoopUser *user, const Place &place, bool wholeSlot)
 {
-    uint32_t location[7] = {};
-    if (qorIndexTrans(&user->ifIndex, TRANS_LOCATION, location) != 0)
+    uint32_t location[QOR_LOCATION_WORDS] = {};
+    if (qorIndexTrans(&user->ifIndex, QOR_TRANS_LOCATION, location) != 0)
         return false;
-    return location[LOCATION_SYSTEM] == place.words[0] && location[LOCATION_SLOT] == place.words[1] &&
-           (wholeSlot || location[LOCATION_CARD] == place.words[2]);
+    return location[QOR_LOCATION_SYSTEM] == place.words[0] && location[QOR_LOCATION_SLOT] == place.words[1] &&
+           (wholeSlot || location[QOR_LOCATION_CARD] == place.words[2]);
 }
 
 static bool hardware_is_ours(void)
 {
-    return qorHwScalarGet(0, SCALAR_NOT_SLAVE, nullptr) != 0 || qorHwScalarGet(0, SCALAR_STACK, nullptr) != 0;
+    return qorHwScalarGet(0, QOR_HW_NOT_SLAVE, nullptr) != 0 || qorHwScalarGet(0, QOR_HW_STACK, nullptr) != 0;
 }
 
 static void static_users_install(const Place &place, bool wholeSlot)
@@ -76,13 +66,13 @@ static void dynamic_users_delete(const Place &place, bool wholeSlot)
 static bool card_known(const Place &place)
 {
     alignas(8) uint8_t answer[256] = {};
-    return place.words[0] == qorSelfSysIndex() && qorHwCardGet(place.words, CARD_KNOWN, answer) == 0;
+    return place.words[0] == qorSelfSysIndex() && qorHwCardGet(place.words, QOR_CARD_KNOWN, answer) == 0;
 }
 
 static bool slot_known(const Place &place)
 {
     alignas(8) uint8_t answer[256] = {};
-    return place.words[0] == qorSelfSysIndex() && qorHwSlotGet(place.words, SLOT_KNOWN, answer) == 0;
+    return place.words[0] == qorSelfSysIndex() && qorHwSlotGet(place.words, QOR_SLOT_KNOWN, answer) == 0;
 }
 
 void event_card_up(const Event &event)
@@ -90,9 +80,9 @@ void event_card_up(const Event &event)
     const Place place = place_take(event);
     if (!card_known(place))
         return;
-    if (qorHwCardGet(place.words, CARD_KIND, nullptr) != 0)
+    if (qorHwCardGet(place.words, QOR_CARD_KIND, nullptr) != 0)
         dhcpsnoop_sync_all_send((place.words[0] << 16) | (place.words[1] << 11) | (place.words[2] << 8) |
-                                    DESTINATION_CARD,
+                                    QOR_PEER_CARD,
                                 ALL_REQUEST);
     else
         static_users_install(place, false);
@@ -101,7 +91,7 @@ void event_card_up(const Event &event)
 void event_card_down(const Event &event)
 {
     const Place place = place_take(event);
-    if (card_known(place) && qorHwCardGet(place.words, CARD_KIND, nullptr) == 0)
+    if (card_known(place) && qorHwCardGet(place.words, QOR_CARD_KIND, nullptr) == 0)
         dynamic_users_delete(place, false);
 }
 
@@ -111,9 +101,8 @@ void event_slot_up(const Event &event)
     const Place place = place_take(event);
     if (!slot_known(place))
         return;
-    if (qorHwSlotGet(place.words, SLOT_KIND, nullptr) == 0)
-        dhcpsnoop_sync_all_send((place.words[0] << 16) | (place.words[1] << 11) | DESTINATION_CARD,
-                                ALL_REQUEST);
+    if (qorHwSlotGet(place.words, QOR_SLOT_KIND, nullptr) == 0)
+        dhcpsnoop_sync_all_send((place.words[0] << 16) | (place.words[1] << 11) | QOR_PEER_CARD, ALL_REQUEST);
     else
         static_users_install(place, true);
 }
@@ -121,7 +110,7 @@ void event_slot_up(const Event &event)
 void event_slot_down(const Event &event)
 {
     const Place place = place_take(event);
-    if (slot_known(place) && qorHwSlotGet(place.words, SLOT_KIND, nullptr) != 0)
+    if (slot_known(place) && qorHwSlotGet(place.words, QOR_SLOT_KIND, nullptr) != 0)
         dynamic_users_delete(place, true);
 }
 
@@ -130,6 +119,6 @@ void event_subsystem_up(const Event &event)
     const uint32_t subsystem = place_take(event).words[0];
     DEBUG_EVENT("[DHCPSNOOP] Receive subsystem:%lu RTM_SUBSYSTEM_UP!\r\n",
                 static_cast<unsigned long>(subsystem));
-    if (subsystem != qorSelfSysIndex() && qorHwScalarGet(0, SCALAR_NOT_MASTER, nullptr) == 0)
-        dhcpsnoop_sync_all_send((subsystem << 16) | DESTINATION_SUBSYSTEM, ALL_REQUEST);
+    if (subsystem != qorSelfSysIndex() && qorHwScalarGet(0, QOR_HW_NOT_MASTER, nullptr) == 0)
+        dhcpsnoop_sync_all_send((subsystem << 16) | QOR_PEER_SYSTEM, ALL_REQUEST);
 }

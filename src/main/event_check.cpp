@@ -8,9 +8,6 @@
 #include "event_handlers.h"
 #include "list.h"
 
-// qorIfGetApi: VLAN of a VLAN interface; not answered for anything else.
-static constexpr uint32_t IF_ATTR_VLAN = 5400;
-
 static constexpr uint32_t BODY_WORD = 16, BODY_ITEMS = 20; // in the message
 static constexpr int32_t CHECK_LEN = 5;                    // interface index, check items
 static constexpr uint32_t VLAN_LEN = 4;
@@ -88,7 +85,7 @@ static Change change_take(const uint8_t *message)
     change.items = message[BODY_ITEMS];
     DEBUG_EVENT("[DHCPSNOOP] Interface index is %d, check item is 0x%0x.\r\n", change.ifIndex, change.items);
 
-    change.vlanScope = qorIfGetApi(change.ifIndex, IF_ATTR_VLAN, &change.vid) == 0;
+    change.vlanScope = qorIfGetApi(change.ifIndex, QOR_IF_VLAN, &change.vid) == 0;
     if (change.vlanScope)
         DEBUG_EVENT("[DHCPSNOOP] Check all user-bind entries on vlan %d.\r\n", change.vid);
     else

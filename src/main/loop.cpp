@@ -24,13 +24,6 @@
 
 static constexpr time_t SELECT_TIMEOUT = 60;
 
-// The packet information that comes with every frame.
-static constexpr size_t INFO_LEN = 25;
-static constexpr size_t INFO_IFINDEX = 0, INFO_OUTER_VID = 20, INFO_INNER_VID = 22, INFO_L2_LEN = 24;
-
-// qorIndexTrans: a VLAN to the index of its VLAN interface.
-static constexpr uint32_t TRANS_VLAN = 7, TRANS_VLAN_UNIT = 3;
-
 // Shared by both data sockets and the event socket.
 alignas(8) static uint8_t buffer[DHCPSNOOP_FRAME_MAX];
 alignas(cmsghdr) static uint8_t control[128];
@@ -41,7 +34,7 @@ static iovec vector = {buffer, sizeof buffer};
 static msghdr message = {&source, sizeof source, &vector, 1, control, sizeof control, 0};
 
 // Kept: the information last seen serves the frames that come without any.
-static uint8_t packetInfo[INFO_LEN];
+static uint8_t packetInfo[QOR_INFO_LEN];
 static bool packetInfoSeen;
 
 static DhcpsnoopRxPkt rxpkt;
@@ -50,12 +43,12 @@ static DhcpsnoopRxPkt rxpkt;
 static void packet_info_take(void)
 {
     for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
-        if (c->cmsg_level != SOL_PACKET || c->cmsg_len < CMSG_LEN(INFO_LEN))
+        if (c->cmsg_level != SOL_PACKET || c->cmsg_len < CMSG_LEN(QOR_INFO_LEN))
             continue;
         const uint8_t *payload = CMSG_DATA(c);
-        if (payload + INFO_LEN > control + sizeof control)
+        if (payload + QOR_INFO_LEN > control + sizeof control)
             return;
-        std::memcpy(packetInfo, payload, INFO_LEN);
+        std::memcpy(packetInfo, payload, QOR_INFO_LEN);
         packetInfoSeen = true;
         return;
     }
@@ -64,13 +57,14 @@ static void packet_info_take(void)
 // The port's own entry, else that of the VLAN interface of its VLAN; null drops the frame.
 static DhcpsnoopIf *attribute_frame(uint16_t etherType)
 {
-    DhcpsnoopIf *ifp = dhcpsnoop_if_lookup(wire_get32(packetInfo + INFO_IFINDEX));
+    DhcpsnoopIf *ifp = dhcpsnoop_if_lookup(wire_get32(packetInfo + QOR_INFO_IFINDEX));
     if (ifp != nullptr)
         return ifp;
 
-    const uint32_t request[7] = {0, 0, 0, 0, wire_get16(packetInfo + INFO_OUTER_VID), TRANS_VLAN_UNIT, 0};
+    const uint32_t request[7] = {
+        0, 0, 0, 0, wire_get16(packetInfo + QOR_INFO_OUTER_VID), QOR_UNIT_VLAN_INTERFACE, 0};
     uint32_t ifIndex = 0;
-    if (qorIndexTrans(request, TRANS_VLAN, &ifIndex) != 0) {
+    if (qorIndexTrans(request, QOR_TRANS_INDEX, &ifIndex) != 0) {
         if (etherType == ETHER_TYPE_IPV4)
             DEBUG_RX("[DHCPSNOOP]: qor index trans error!\r\n");
         else
@@ -101,11 +95,11 @@ static void frame_process(ssize_t received, uint16_t etherType)
     // What stands behind a shorter frame is never an earlier one.
     std::memset(rxpkt.data + length, 0, sizeof rxpkt.data - length);
     rxpkt.inIf = ifp;
-    rxpkt.ifIndex = etherType == ETHER_TYPE_IPV4 ? wire_get32(packetInfo + INFO_IFINDEX)
+    rxpkt.ifIndex = etherType == ETHER_TYPE_IPV4 ? wire_get32(packetInfo + QOR_INFO_IFINDEX)
                                                  : static_cast<uint32_t>(source.sll_ifindex);
-    rxpkt.innerVid = wire_get16(packetInfo + INFO_INNER_VID);
-    rxpkt.outerVid = wire_get16(packetInfo + INFO_OUTER_VID);
-    rxpkt.l2HdrLen = packetInfo[INFO_L2_LEN];
+    rxpkt.innerVid = wire_get16(packetInfo + QOR_INFO_INNER_VID);
+    rxpkt.outerVid = wire_get16(packetInfo + QOR_INFO_OUTER_VID);
+    rxpkt.l2HdrLen = packetInfo[QOR_INFO_L2_LEN];
     rxpkt.etherType = etherType;
     dhcpsnoop_recv(&rxpkt);
 }

@@ -4,10 +4,9 @@
 #include <cstring>
 
 #include "debug.h"
+#include "platform.h"
 
-static constexpr uint32_t NETLINK_KIND = 16, NETLINK_DESTINATION = 0;
 static constexpr uint32_t RECORD_LEN = 72, BODY_LEN = 48;
-static constexpr uint32_t RECORD_TYPE = 51;
 
 int32_t dhcpsnoop_notify_send(const uint8_t *body48, uint32_t event)
 {
@@ -21,11 +20,11 @@ int32_t dhcpsnoop_notify_send(const uint8_t *body48, uint32_t event)
     static_assert(sizeof record == RECORD_LEN && offsetof(Record, event) == 12 &&
                   offsetof(Record, body) == 24);
 
-    record.type = RECORD_TYPE;
+    record.type = QOR_NETLINK_RECORD;
     record.length = RECORD_LEN;
     record.event = static_cast<uint16_t>(event);
     std::memcpy(record.body, body48, BODY_LEN);
 
     DEBUG_EVENT("[DHCPSNOOP]  Send notify: event %d\r\n", event);
-    return qorNetlinkSend(NETLINK_KIND, NETLINK_DESTINATION, &record, RECORD_LEN);
+    return qorNetlinkSend(QOR_NETLINK_KIND, QOR_NETLINK_DESTINATION, &record, RECORD_LEN);
 }

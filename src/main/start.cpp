@@ -24,13 +24,8 @@
 
 static uint32_t init; // 1 once start-up has succeeded
 
-static constexpr uint32_t SEMAPHORE_OPTIONS = 9;
 static constexpr uint16_t IF_MAX_DEFAULT = 20, USER_MAX_DEFAULT = 256, SERVER_MAX_DEFAULT = 256;
 static constexpr int COMMAND_BACKLOG = 10;
-
-// The multicast groups of platform events.
-static constexpr uint32_t EVENT_GROUPS[] = {32, 31, 40, 1, 56};
-static constexpr uint32_t EVENT_GROUPS_OPTIONAL[] = {57, 40};
 
 static_assert(sizeof(sockaddr_un) == 110 && sizeof(sockaddr_nl) == 12);
 
@@ -153,11 +148,11 @@ static int32_t event_socket_open(void)
         DEBUG_EVENT("[DHCPSNOOP] Bind rtSock failed\r\n");
         return -1;
     }
-    for (uint32_t group : EVENT_GROUPS) {
+    for (uint32_t group : QOR_GROUPS) {
         if (event_group_join(group) != 0)
             return -1;
     }
-    for (uint32_t group : EVENT_GROUPS_OPTIONAL)
+    for (uint32_t group : QOR_GROUPS_OPTIONAL)
         event_group_join(group);
 
     int on = 1;
@@ -176,7 +171,7 @@ static int32_t start(uint16_t ifCount, uint16_t userCount, uint16_t serverCount,
     // The loop runs, and walks these, also after a start that failed.
     tables_init();
 
-    gDhcpsnoop.semId = OsixCreateMSem(SEMAPHORE_OPTIONS);
+    gDhcpsnoop.semId = OsixCreateMSem(QOR_SEM_OPTIONS);
     if (gDhcpsnoop.semId == 0) {
         DEBUG_EVENT("[DHCPSNOOP] Failed to create semaphore for dhcpSnoop\n\r");
         return -1;

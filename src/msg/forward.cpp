@@ -16,12 +16,6 @@
 #include "protocol.h"
 #include "wire.h"
 
-// What is asked of the platform.
-static constexpr uint32_t IF_ATTR_TPID = 45;
-static constexpr uint32_t SYS_IF_EXCLUDED = 255; // non-zero: the port takes no part in the VLAN now
-static constexpr uint32_t SYS_IF_UNTAGGED = 258; // non-zero: the port sends the VLAN untagged
-static constexpr uint32_t VLAN_ATTR_MEMBERS = 5410;
-
 static constexpr uint32_t TAGGED_MIN = 16; // shortest frame with a tag to look at
 static constexpr uint8_t PACKET_TYPE = 2;
 static constexpr uint32_t MEMBER_LIST_LEN = 256;
@@ -52,7 +46,7 @@ static bool enabled(const DhcpsnoopIf *ifp) { return (ifp->flags & DHCPSNOOP_IF_
 static uint32_t port_tpid_raw(uint32_t ifIndex)
 {
     uint32_t tpid = 0;
-    qorIfGetApi(ifIndex, IF_ATTR_TPID, &tpid);
+    qorIfGetApi(ifIndex, QOR_IF_TPID, &tpid);
     return tpid;
 }
 
@@ -133,12 +127,12 @@ void dhcpsnoop_send_to_server(const DhcpsnoopPktInfo *info)
     for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
         if (ifp->ifIndex == info->ifp->ifIndex || !trusted_egress(ifp))
             continue;
-        if (!router_mode(ifp) && port_query(ifp->ifIndex, SYS_IF_EXCLUDED, info->svlan) != 0)
+        if (!router_mode(ifp) && port_query(ifp->ifIndex, QOR_SYS_EXCLUDED, info->svlan) != 0)
             continue;
 
         PortTagging port = {port_tpid(ifp->ifIndex), true, info->svlan, false};
         if (!router_mode(ifp))
-            port.untagged = port_query(ifp->ifIndex, SYS_IF_UNTAGGED, info->svlan) != 0;
+            port.untagged = port_query(ifp->ifIndex, QOR_SYS_UNTAGGED, info->svlan) != 0;
         Outgoing out;
         if (!frame_for_port(info, port, &out))
             continue;
@@ -160,11 +154,11 @@ void dhcpsnoop_npt_send_to_server(const DhcpsnoopPktInfo *info)
     for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
         if (ifp->ifIndex == info->ifIndex || ifp->isVlanIf != 0 || !trusted_egress(ifp))
             continue;
-        if (port_query(ifp->ifIndex, SYS_IF_EXCLUDED, info->svlan) != 0)
+        if (port_query(ifp->ifIndex, QOR_SYS_EXCLUDED, info->svlan) != 0)
             continue;
 
         PortTagging port = {port_tpid(ifp->ifIndex), false, info->svlan, false};
-        port.untagged = port_query(ifp->ifIndex, SYS_IF_UNTAGGED, info->svlan) != 0;
+        port.untagged = port_query(ifp->ifIndex, QOR_SYS_UNTAGGED, info->svlan) != 0;
         Outgoing out;
         if (!frame_for_port(info, port, &out))
             continue;
@@ -184,14 +178,14 @@ void dhcpsnoop_send_to_client(const DhcpsnoopPktInfo *info, const DhcpsnoopIf *e
     if (!sendable(info) || egress == nullptr)
         return;
     // Kept: only -1 stops the frame here; the other senders skip a port on any non-zero answer.
-    if (!router_mode(egress) && port_query(egress->ifIndex, SYS_IF_EXCLUDED, vid) == -1)
+    if (!router_mode(egress) && port_query(egress->ifIndex, QOR_SYS_EXCLUDED, vid) == -1)
         return;
 
     // Kept: a tag that stays keeps its VLAN even when that is not the client's (a server's reply to our
     // relay); the floods renumber it.
     PortTagging port = {port_tpid(egress->ifIndex), true, vid, false};
     if (!router_mode(egress))
-        port.untagged = port_query(egress->ifIndex, SYS_IF_UNTAGGED, vid) != 0;
+        port.untagged = port_query(egress->ifIndex, QOR_SYS_UNTAGGED, vid) != 0;
     Outgoing out;
     if (!frame_for_port(info, port, &out))
         return;
@@ -212,14 +206,14 @@ void dhcpsnoop_broadcast_forwarding(const DhcpsnoopPktInfo *info, uint32_t vid)
     for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
         if (ifp->ifIndex == info->ifp->ifIndex || ifp->isVlanIf != 0)
             continue;
-        if (!router_mode(ifp) && port_query(ifp->ifIndex, SYS_IF_EXCLUDED, vid) != 0)
+        if (!router_mode(ifp) && port_query(ifp->ifIndex, QOR_SYS_EXCLUDED, vid) != 0)
             continue;
         if (!enabled(ifp))
             continue;
 
         const uint32_t tpid = port_tpid_raw(ifp->ifIndex);
         PortTagging port = {tpid != 0 ? tpid : TPID_8021Q, false, vid, info->svlan != vid};
-        port.untagged = port_query(ifp->ifIndex, SYS_IF_UNTAGGED, vid) != 0;
+        port.untagged = port_query(ifp->ifIndex, QOR_SYS_UNTAGGED, vid) != 0;
         Outgoing out;
         if (!frame_for_port(info, port, &out))
             continue;
@@ -239,7 +233,7 @@ void dhcpsnoop_npt_send_to_client(const DhcpsnoopPktInfo *info, uint32_t vid)
         return;
     uint8_t members[MEMBER_LIST_LEN] = {};
     QorBuffer list = {members, sizeof members};
-    if (qorVlanGetApi(vid, VLAN_ATTR_MEMBERS, &list) != 0) {
+    if (qorVlanGetApi(vid, QOR_VLAN_PORTS, &list) != 0) {
         DEBUG_TRACE("[DHCPSNOOP] No member in vlan %d.\r\n", vid);
         return;
     }
@@ -250,7 +244,7 @@ void dhcpsnoop_npt_send_to_client(const DhcpsnoopPktInfo *info, uint32_t vid)
 
         // Kept: every member gets the frame, the port it came in on and ports without snooping among them.
         PortTagging port = {port_tpid(ifIndex), false, vid, info->svlan != vid};
-        port.untagged = port_query(ifIndex, SYS_IF_UNTAGGED, vid) != 0;
+        port.untagged = port_query(ifIndex, QOR_SYS_UNTAGGED, vid) != 0;
         Outgoing out;
         if (!frame_for_port(info, port, &out))
             continue;

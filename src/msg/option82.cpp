@@ -12,11 +12,6 @@
 #include "protocol.h"
 #include "wire.h"
 
-// qorIndexTrans: an interface index to its location words.
-static constexpr uint32_t TRANS_LOCATION = 6;
-static constexpr uint32_t LOCATION_SYSTEM = 0, LOCATION_SLOT = 1, LOCATION_PORT = 2, LOCATION_CARD = 6;
-
-static constexpr uint8_t INNER_GENERATED = 0, INNER_TEXT = 1; // type byte of a typed value
 static constexpr uint32_t GENERATED_LEN = 6;
 
 static constexpr uint8_t VENDOR_HOST_NAME = 1; // code of the vendor data in sub-option 9
@@ -25,8 +20,6 @@ static constexpr uint32_t VENDOR_BLOCK_LEN = 7; // enterprise number, length, co
 
 static constexpr uint32_t OPTION82_ROOM = 768;
 static constexpr uint32_t OPTION_LEN_MAX = 255;
-
-enum OptionPolicy : uint32_t { POLICY_KEEP, POLICY_DROP, POLICY_KEEP_ALSO, POLICY_APPEND };
 
 // One of the two identifier sub-options: where its settings are.
 struct Identifier {
@@ -83,10 +76,10 @@ static uint32_t build_identifier(const DhcpsnoopPktInfo *info, const Identifier 
     // templates only.
     const bool typed = mode == DHCPSNOOP_FORMAT_TYPED;
     if (id.length != 0)
-        return build_value(id, typed, INNER_TEXT, id.text, id.length, buffer, room);
+        return build_value(id, typed, DHCPSNOOP_TYPE_TEXT, id.text, id.length, buffer, room);
     uint8_t generated[GENERATED_LEN];
     generate(generated);
-    return build_value(id, typed, INNER_GENERATED, generated, sizeof generated, buffer, room);
+    return build_value(id, typed, DHCPSNOOP_TYPE_GENERATED, generated, sizeof generated, buffer, room);
 }
 
 uint32_t dhcpsnoop_build_subopt_circid(const DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room)
@@ -98,13 +91,13 @@ uint32_t dhcpsnoop_build_subopt_circid(const DhcpsnoopPktInfo *info, uint8_t *bu
                            std::min(uint32_t{ifp->circuitIdLen}, DHCPSNOOP_TEXT_MAX),
                            &gDhcpsnoop.circuitIdFmt};
     return build_identifier(info, id, buffer, room, [info](uint8_t *out) {
-        uint32_t location[7] = {};
-        qorIndexTrans(&info->ifIndex, TRANS_LOCATION, location);
+        uint32_t location[QOR_LOCATION_WORDS] = {};
+        qorIndexTrans(&info->ifIndex, QOR_TRANS_LOCATION, location);
         wire_put16(out, info->svlan);
-        out[2] = static_cast<uint8_t>(location[LOCATION_SYSTEM]);
-        out[3] = static_cast<uint8_t>(location[LOCATION_SLOT]);
-        out[4] = static_cast<uint8_t>(location[LOCATION_CARD]);
-        out[5] = static_cast<uint8_t>(location[LOCATION_PORT]);
+        out[2] = static_cast<uint8_t>(location[QOR_LOCATION_SYSTEM]);
+        out[3] = static_cast<uint8_t>(location[QOR_LOCATION_SLOT]);
+        out[4] = static_cast<uint8_t>(location[QOR_LOCATION_CARD]);
+        out[5] = static_cast<uint8_t>(location[QOR_LOCATION_PORT]);
     });
 }
 
@@ -212,13 +205,13 @@ static int32_t existing_option82(DhcpsnoopPktInfo *info, uint32_t mode)
     if (mode != DHCPSNOOP_FORMAT_TYPED && mode != DHCPSNOOP_FORMAT_RAW && mode != DHCPSNOOP_FORMAT_TEMPLATE)
         return 0;
     switch (dhcpsnoop_flag_get(info->ifp->flags, DHCPSNOOP_IF_POLICY)) {
-    case POLICY_DROP:
+    case DHCPSNOOP_POLICY_DROP:
         return DEBUG_REJECT("[DHCPSNOOP] Drop the pkt with option82!\r\n");
-    case POLICY_APPEND:
+    case DHCPSNOOP_POLICY_APPEND:
         DEBUG_TRACE("[DHCPSNOOP] Append hostname & ip addres to the pkt.\r\n");
         return dhcpsnoop_append_subopt9(info);
-    case POLICY_KEEP:
-    case POLICY_KEEP_ALSO:
+    case DHCPSNOOP_POLICY_KEEP:
+    case DHCPSNOOP_POLICY_DEFAULT:
     default:
         DEBUG_TRACE("[DHCPSNOOP] Keep the pkt, send to server directly.\r\n");
         return 0;

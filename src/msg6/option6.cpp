@@ -11,10 +11,6 @@
 #include "protocol.h"
 #include "wire.h"
 
-// qorIndexTrans: an interface index to its location words.
-static constexpr uint32_t TRANS_LOCATION = 6;
-static constexpr uint32_t LOCATION_SYSTEM = 0, LOCATION_SLOT = 1, LOCATION_PORT = 2, LOCATION_CARD = 6;
-
 static constexpr uint32_t DEFAULT_DATA_LEN = 20;
 static constexpr uint32_t ENTERPRISE_LEN = 4;
 static constexpr uint32_t OPTION_ROOM = 512;
@@ -25,17 +21,17 @@ static bool is_template(uint32_t mode) { return mode == 1 || mode == 2 || mode =
 // Kept: the inner length at 1 says 6, though eight bytes of circuit data follow.
 static void default_data(const DhcpsnoopPktInfo *info, uint8_t *out)
 {
-    uint32_t location[7] = {};
-    qorIndexTrans(&info->ifp->ifIndex, TRANS_LOCATION, location);
+    uint32_t location[QOR_LOCATION_WORDS] = {};
+    qorIndexTrans(&info->ifp->ifIndex, QOR_TRANS_LOCATION, location);
     out[0] = 1;
     out[1] = 6;
     out[2] = 0;
     out[3] = 6;
     wire_put16(out + 4, info->svlan);
-    out[6] = static_cast<uint8_t>(location[LOCATION_SYSTEM]);
-    out[7] = static_cast<uint8_t>(location[LOCATION_SLOT]);
-    out[8] = static_cast<uint8_t>(location[LOCATION_CARD]);
-    out[9] = static_cast<uint8_t>(location[LOCATION_PORT]);
+    out[6] = static_cast<uint8_t>(location[QOR_LOCATION_SYSTEM]);
+    out[7] = static_cast<uint8_t>(location[QOR_LOCATION_SLOT]);
+    out[8] = static_cast<uint8_t>(location[QOR_LOCATION_CARD]);
+    out[9] = static_cast<uint8_t>(location[QOR_LOCATION_PORT]);
     out[10] = 2;
     out[11] = 8;
     out[12] = 0;

@@ -15,9 +15,6 @@ class TableLock
     TableLock &operator=(const TableLock &) = delete;
 };
 
-constexpr uint32_t SYNC_MODE_SET = 3, SYNC_MODE_SYNC = 1; // a local change, one from the platform
-constexpr uint32_t SYNC_MODE_BYTES = 0x80000000;          // added when the value is a QorBuffer
-
 // Null when there is no such value.
 inline const uint32_t *value_number(const void *value) { return static_cast<const uint32_t *>(value); }
 

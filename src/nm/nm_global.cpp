@@ -10,8 +10,6 @@
 #include "dhcpsnoop_user.h"
 #include "list.h"
 
-static constexpr uint32_t SCALAR_SYNC = 0x40000; // qorHwScalarSync code of a global setting, plus its number
-
 static constexpr uint32_t ALL_IP_TYPES = DHCPSNOOP_IPV4 | DHCPSNOOP_IPV6;
 static constexpr uint32_t SNOOPED_USER_TYPES = DHCPSNOOP_USER_DYNAMIC | DHCPSNOOP_USER_STATIC;
 
@@ -24,7 +22,7 @@ struct Change {
 
 static bool accepted(const Change &change)
 {
-    return qorHwScalarSync(change.source, SCALAR_SYNC + change.cmd, change.data, change.mode) == 0;
+    return qorHwScalarSync(change.source, QOR_SYNC_GLOBAL + change.cmd, change.data, change.mode) == 0;
 }
 
 // IP source guard bindings are not snooping's and stay.
@@ -148,12 +146,12 @@ static int32_t _dhcpSnoopSetApi(void *source, uint32_t cmd, void *data, uint32_t
 
 int32_t dhcpSnoopSetApi(void *source, uint32_t cmd, void *data)
 {
-    return _dhcpSnoopSetApi(source, cmd, data, SYNC_MODE_SET);
+    return _dhcpSnoopSetApi(source, cmd, data, QOR_SYNC_SET);
 }
 
 int32_t dhcpSnoopSyncApi(void *source, uint32_t cmd, void *data)
 {
-    return _dhcpSnoopSetApi(source, cmd, data, SYNC_MODE_SYNC);
+    return _dhcpSnoopSetApi(source, cmd, data, QOR_SYNC_PEER);
 }
 
 static uint32_t user_count(void)

@@ -12,10 +12,6 @@
 #include "dhcpsnoop_if_table.h"
 #include "list.h"
 
-static constexpr uint32_t IF_SYNC = 0x402C000; // qorHwIfSync code of an interface setting, plus its number
-
-static constexpr uint32_t FORMAT_MODES = 7; // a format mode is below this
-static constexpr uint32_t POLICY_DEFAULT = 2;
 static constexpr uint32_t TYPED_HEADER_LEN = 2; // type byte, length byte
 
 // ---- option texts
@@ -217,7 +213,7 @@ static int32_t version_set(DhcpsnoopIf *ifp, uint32_t value)
 static int32_t option82_set(DhcpsnoopIf *ifp, uint32_t value)
 {
     flag_set<DHCPSNOOP_IF_OPTION82>(ifp, value);
-    field_set<DHCPSNOOP_IF_POLICY>(ifp, POLICY_DEFAULT);
+    field_set<DHCPSNOOP_IF_POLICY>(ifp, DHCPSNOOP_POLICY_DEFAULT);
     if ((value & 1) != 0) {
         ifp->circuitIdFmt = ifp->remoteIdFmt = DHCPSNOOP_FORMAT_TYPED;
         return NM_OK;
@@ -260,7 +256,7 @@ template <const OptionText &Option> static uint32_t format_get(const DhcpsnoopIf
 template <const OptionText &Option> static int32_t format_set(DhcpsnoopIf *ifp, uint32_t value)
 {
     // Kept: tested only now, when the hardware has been told already.
-    if (value >= FORMAT_MODES)
+    if (value >= DHCPSNOOP_FORMATS)
         return NM_INVALID;
     text_clear(ifp, Option);
     ifp->*Option.format = static_cast<uint8_t>(value);
@@ -354,7 +350,7 @@ static const Attribute *attribute_lookup(const Attribute (&attributes)[Count], u
 
 static bool accepted(uint32_t ifIndex, uint32_t cmd, void *value, uint32_t mode)
 {
-    return qorHwIfSync(ifIndex, IF_SYNC + cmd, value, mode) == 0;
+    return qorHwIfSync(ifIndex, QOR_SYNC_IF + cmd, value, mode) == 0;
 }
 
 static int32_t enable_set(DhcpsnoopIf *ifp, uint32_t ifIndex, void *value, uint32_t mode)
@@ -393,7 +389,7 @@ static int32_t text_offer(DhcpsnoopIf *ifp, const TextAttribute &attribute, void
     const QorBuffer *text = value_bytes(value);
     if (text == nullptr)
         return NM_BAD_COMMAND;
-    if (!accepted(ifp->ifIndex, attribute.cmd, value, mode | SYNC_MODE_BYTES))
+    if (!accepted(ifp->ifIndex, attribute.cmd, value, mode | QOR_SYNC_BUFFER))
         return NM_HW_REFUSED;
     return text_set(ifp, attribute.cmd, *attribute.text, text);
 }
@@ -428,12 +424,12 @@ static int32_t _dhcpSnoopIfSetApi(uint32_t ifIndex, uint32_t cmd, void *value, u
 
 int32_t dhcpSnoopIfSetApi(uint32_t ifIndex, uint32_t cmd, void *value)
 {
-    return _dhcpSnoopIfSetApi(ifIndex, cmd, value, SYNC_MODE_SET);
+    return _dhcpSnoopIfSetApi(ifIndex, cmd, value, QOR_SYNC_SET);
 }
 
 int32_t dhcpSnoopIfSyncApi(uint32_t ifIndex, uint32_t cmd, void *value)
 {
-    return _dhcpSnoopIfSetApi(ifIndex, cmd, value, SYNC_MODE_SYNC);
+    return _dhcpSnoopIfSetApi(ifIndex, cmd, value, QOR_SYNC_PEER);
 }
 
 // ---- get

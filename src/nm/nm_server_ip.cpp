@@ -104,12 +104,12 @@ static int32_t _dhcpSnoopServerIpSetApi(const uint32_t *pair, uint32_t cmd, cons
 
 int32_t dhcpSnoopServerIpSetApi(const uint32_t *pair, uint32_t cmd, void *value)
 {
-    return _dhcpSnoopServerIpSetApi(pair, cmd, value, SYNC_MODE_SET);
+    return _dhcpSnoopServerIpSetApi(pair, cmd, value, QOR_SYNC_SET);
 }
 
 int32_t dhcpSnoopServerIpSyncApi(const uint32_t *pair, uint32_t cmd, void *value)
 {
-    return _dhcpSnoopServerIpSetApi(pair, cmd, value, SYNC_MODE_SYNC);
+    return _dhcpSnoopServerIpSetApi(pair, cmd, value, QOR_SYNC_PEER);
 }
 
 int32_t dhcpSnoopServerIpGetApi(const uint32_t *pair, uint32_t cmd)

@@ -10,9 +10,6 @@
 #include "dhcpsnoop_user.h"
 #include "list.h"
 
-static constexpr uint32_t USER_SYNC =
-    0x8CE8000; // qorHwDhcpSnoopUserSync code of a binding's attribute, plus its number
-static constexpr int32_t LOG_MODULE = 7, LOG_LEVEL = 1;
 static constexpr uint32_t INSTALL = 1, WITHDRAW = 0;
 
 // ---- iteration
@@ -65,7 +62,7 @@ static int32_t bind(DhcpsnoopUser *user)
     user->leaseStart = now();
     user->bindState = DHCPSNOOP_BIND_BOUND;
     zlog_dispatch_logging(
-        LOG_MODULE, LOG_LEVEL,
+        QOR_LOG_MODULE, QOR_LOG_LEVEL,
         "[DHCPSNOOP] Add %s dhcpsnoop entry: ip %s, mac %02x:%02x:%02x:%02x:%02x:%02x, interface %s, vlan %d.\r\n",
         user_type_word(user->userType), address_text(user->key).text, user->mac[0], user->mac[1],
         user->mac[2], user->mac[3], user->mac[4], user->mac[5], if_description(user->ifIndex).text,
@@ -98,6 +95,9 @@ static int32_t unbind(DhcpsnoopUser *user, uint32_t action)
     user->userType = DHCPSNOOP_USER_STATIC;
     user->leaseTime = DHCPSNOOP_LEASE_FOREVER;
     user->leaseStart = now();
+    // The two actions of unbinding are states, too.
+    static_assert(USER_ACTION_UNBIND == DHCPSNOOP_BIND_UNBOUND &&
+                  USER_ACTION_UNBIND_KEEP == DHCPSNOOP_BIND_CREATED);
     user->bindState = static_cast<uint8_t>(action);
     return NM_OK;
 }
@@ -147,7 +147,7 @@ struct Change {
 
 static bool accepted(const Change &change, uint32_t mode)
 {
-    return qorHwDhcpSnoopUserSync(change.key, USER_SYNC + change.cmd, change.value, mode) == 0;
+    return qorHwDhcpSnoopUserSync(change.key, QOR_SYNC_USER + change.cmd, change.value, mode) == 0;
 }
 
 static int32_t action_set(const Change &change, DhcpsnoopUser *user)
@@ -168,7 +168,7 @@ static int32_t mac_set(const Change &change, DhcpsnoopUser *user)
     const QorBuffer *mac = value_bytes(change.value);
     if (mac == nullptr)
         return NM_BAD_COMMAND;
-    if (!accepted(change, change.mode | SYNC_MODE_BYTES))
+    if (!accepted(change, change.mode | QOR_SYNC_BUFFER))
         return NM_HW_REFUSED;
     // Kept: tested only now, when the hardware has been told already.
     if (mac->length < sizeof user->mac)
@@ -230,12 +230,12 @@ static int32_t _dhcpSnoopUserSetApi(const DhcpsnoopUserKey *key, uint32_t cmd, v
 
 int32_t dhcpSnoopUserSetApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *value)
 {
-    return _dhcpSnoopUserSetApi(key, cmd, value, SYNC_MODE_SET);
+    return _dhcpSnoopUserSetApi(key, cmd, value, QOR_SYNC_SET);
 }
 
 int32_t dhcpSnoopUserSyncApi(const DhcpsnoopUserKey *key, uint32_t cmd, void *value)
 {
-    return _dhcpSnoopUserSetApi(key, cmd, value, SYNC_MODE_SYNC);
+    return _dhcpSnoopUserSetApi(key, cmd, value, QOR_SYNC_PEER);
 }
 
 // ---- get

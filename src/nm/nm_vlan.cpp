@@ -4,11 +4,7 @@
 
 #include "debug.h"
 #include "list.h"
-
-static constexpr uint32_t VID_MIN = 1, VID_MAX = 4094;
-
-// qorIndexTrans: a VLAN to the index of its VLAN interface.
-static constexpr uint32_t TRANS_VLAN = 7, TRANS_VLAN_UNIT = 3;
+#include "protocol.h"
 
 static bool snooped_vlan(const DhcpsnoopIf *ifp) { return if_in_use(ifp) && ifp->isVlanIf == 1; }
 
@@ -35,8 +31,8 @@ int32_t dhcpSnoopVlanGetNext(uint32_t from, uint32_t *out) { return vlan_find(ui
 
 static int32_t vlan_interface(uint32_t vid, uint32_t *ifIndex)
 {
-    const uint32_t request[7] = {1, 1, 1, 1, vid, TRANS_VLAN_UNIT, 0};
-    return qorIndexTrans(request, TRANS_VLAN, ifIndex);
+    const uint32_t request[7] = {1, 1, 1, 1, vid, QOR_UNIT_VLAN_INTERFACE, 0};
+    return qorIndexTrans(request, QOR_TRANS_INDEX, ifIndex);
 }
 
 // The interface's attribute for the VLAN's; 0, which no interface attribute has, for none.
@@ -55,7 +51,7 @@ static uint32_t interface_cmd(uint32_t vlanCmd)
 int32_t dhcpSnoopVlanSetApi(uint32_t vid, uint32_t cmd, void *data)
 {
     DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop vlan setapi: vid %d, cmd %d.\r\n", vid, cmd);
-    if (vid < VID_MIN || vid > VID_MAX) {
+    if (vid < VLAN_ID_MIN || vid > VLAN_ID_MAX) {
         DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop vlan setapi: vid is invalid!\r\n");
         return NM_INVALID;
     }
@@ -71,7 +67,7 @@ int32_t dhcpSnoopVlanSetApi(uint32_t vid, uint32_t cmd, void *data)
 int32_t dhcpSnoopVlanGetApi(uint32_t vid, uint32_t cmd, void *data)
 {
     DEBUG_EVENT("dhcpsnoop vlan getapi: vid = %d, cmd = %d.\r\n", vid, cmd);
-    if (vid < VID_MIN || vid > VID_MAX) {
+    if (vid < VLAN_ID_MIN || vid > VLAN_ID_MAX) {
         DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop vlan getapi: vid is invalid!\r\n");
         return NM_INVALID;
     }

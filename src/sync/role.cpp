@@ -4,8 +4,6 @@
 
 #include "debug.h"
 
-static constexpr uint32_t SCALAR_NOT_MASTER = 53, SCALAR_NOT_SLAVE = 54;
-
 static const char *role_word(uint8_t role)
 {
     static constexpr const char *words[] = {"None", "Master", "Slave"};
@@ -15,8 +13,8 @@ static const char *role_word(uint8_t role)
 uint32_t dhcpsnoop_running_role_get(void)
 {
     DhcpsnoopRole role = DHCPSNOOP_ROLE_MASTER;
-    if (qorHwScalarGet(0, SCALAR_NOT_MASTER, nullptr) != 0)
-        role = qorHwScalarGet(0, SCALAR_NOT_SLAVE, nullptr) != 0 ? DHCPSNOOP_ROLE_NONE : DHCPSNOOP_ROLE_SLAVE;
+    if (qorHwScalarGet(0, QOR_HW_NOT_MASTER, nullptr) != 0)
+        role = qorHwScalarGet(0, QOR_HW_NOT_SLAVE, nullptr) != 0 ? DHCPSNOOP_ROLE_NONE : DHCPSNOOP_ROLE_SLAVE;
 
     if (role != gDhcpsnoop.runningRole) {
         DEBUG_EVENT("[DHCPSNOOP] running role of the dhcpsnoop changed from %s to %s.\r\n",

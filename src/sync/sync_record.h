@@ -4,8 +4,6 @@
 
 #include "dhcpsnoop.h"
 
-constexpr uint8_t SYNC_USER = 1, SYNC_SERVER = 2;
-
 struct SyncHeader {
     uint8_t type;    // SYNC_…
     uint8_t add;     // 1 = add or replace, 0 = delete

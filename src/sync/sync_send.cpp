@@ -7,11 +7,8 @@
 
 #include "debug.h"
 #include "list.h"
+#include "management.h"
 #include "sync_record.h"
-
-static constexpr uint32_t SCALAR_SYNC_PACKET = 0x40013;
-static constexpr uint32_t MODE_BUFFER = 0x80000000; // the data is a buffer
-static constexpr uint32_t DESTINATION_CHANGE = 3;
 
 static constexpr uint32_t CHANGE_ROOM = 256, COPY_ROOM = 1400;
 
@@ -22,7 +19,8 @@ void dhcpsnoop_sync_pkt_send(const uint8_t *buffer, uint32_t length, uint32_t de
     DEBUG_EVENT("[DHCPSNOOP] Send dhcpsnoop sync packet: len %d.\r\n", length);
     debug_dump(buffer, length);
     QorBuffer descriptor = {const_cast<uint8_t *>(buffer), length};
-    if (qorHwScalarSync(nullptr, SCALAR_SYNC_PACKET, &descriptor, destination | MODE_BUFFER) != 0)
+    if (qorHwScalarSync(nullptr, QOR_SYNC_GLOBAL + GLOBAL_SYNC_PACKET, &descriptor,
+                        destination | QOR_SYNC_BUFFER) != 0)
         DEBUG_EVENT("[DHCPSNOOP] Send dhcpsnoop sync packet ERROR!\r\n");
 }
 
@@ -65,14 +63,14 @@ void dhcpsnoop_sync_user_send(const DhcpsnoopUser *user, uint32_t add)
 {
     DEBUG_EVENT("[DHCPSNOOP] Send dhcpsnoop user sync packet, add flag %d.\r\n", add);
     uint8_t buffer[CHANGE_ROOM] = {};
-    dhcpsnoop_sync_pkt_send(buffer, dhcpsnoop_sync_user_pkt_build(user, add, buffer), DESTINATION_CHANGE);
+    dhcpsnoop_sync_pkt_send(buffer, dhcpsnoop_sync_user_pkt_build(user, add, buffer), QOR_PEER_CHANGE);
 }
 
 void dhcpsnoop_sync_server_send(const DhcpsnoopServer *server, uint32_t add)
 {
     DEBUG_EVENT("[DHCPSNOOP] Send dhcpsnoop server sync packet, add flag %d.\r\n", add);
     uint8_t buffer[CHANGE_ROOM] = {};
-    dhcpsnoop_sync_pkt_send(buffer, dhcpsnoop_sync_server_pkt_build(server, add, buffer), DESTINATION_CHANGE);
+    dhcpsnoop_sync_pkt_send(buffer, dhcpsnoop_sync_server_pkt_build(server, add, buffer), QOR_PEER_CHANGE);
 }
 
 void dhcpsnoop_sync_all_send(uint32_t destination, uint32_t request)

@@ -91,7 +91,7 @@ static void log_added(const DhcpsnoopUser *user)
     nmGetIfPartDescr(user->ifIndex, description, sizeof description - 1);
     description[sizeof description - 1] = '\0';
     zlog_dispatch_logging(
-        7, 1,
+        QOR_LOG_MODULE, QOR_LOG_LEVEL,
         "[DHCPSNOOP] Add %s dhcpsnoop entry: ip %s, mac %02x:%02x:%02x:%02x:%02x:%02x, interface %s, vlan %d, leasetime %d.\r\n",
         user_type_word(user->userType), address_text(user->key).text, user->mac[0], user->mac[1],
         user->mac[2], user->mac[3], user->mac[4], user->mac[5], description, user->vid, user->leaseTime);
@@ -223,7 +223,7 @@ void dhcpsnoop_user_delete(DhcpsnoopUser *user)
     if (user == nullptr || !list_linked(user))
         return;
     DEBUG_TRACE("[DHCPSNOOP] Delete the user entry: ip is %s.\r\n", address_text(user->key).text);
-    zlog_dispatch_logging(7, 1, "[DHCPSNOOP] Delete %s dhcpsnoop entry: ip %s\r\n",
+    zlog_dispatch_logging(QOR_LOG_MODULE, QOR_LOG_LEVEL, "[DHCPSNOOP] Delete %s dhcpsnoop entry: ip %s\r\n",
                           user_type_word(user->userType), address_text(user->key).text);
 
     if (user->hwFlags != 0)

@@ -9,17 +9,6 @@
 #include "dhcpsnoop_notify.h"
 #include "dhcpsnoop_sync.h"
 
-static constexpr uint32_t EVENT_USER_ADDED = 188, EVENT_USER_DELETED = 189;
-
-static constexpr uint32_t IF_USER_RULE = 300; // qorIfSetApi
-static constexpr uint8_t MAC_VALID = 0x30, ADDRESS_IPV4 = 0x20, ADDRESS_IPV6 = 0x80;
-
-// qorIndexTrans: a VLAN to the index of its VLAN interface.
-static constexpr uint32_t TRANS_VLAN = 7, TRANS_VLAN_UNIT = 3;
-
-// The hooks' calls.
-static constexpr uint32_t HOOK_ENABLED = 1, HOOK_CHECK_ITEMS = 2;
-
 static constexpr DhcpsnoopFeature FEATURES[] = {DHCPSNOOP_FEATURE_IPSG,
                                                 DHCPSNOOP_FEATURE_DAI}; // in the order served
 
@@ -49,7 +38,7 @@ void dhcpsnoop_user_notifier(const DhcpsnoopUser *user, uint32_t add)
 
     uint8_t bytes[sizeof body];
     std::memcpy(bytes, &body, sizeof bytes);
-    dhcpsnoop_notify_send(bytes, add == 1 ? EVENT_USER_ADDED : EVENT_USER_DELETED);
+    dhcpsnoop_notify_send(bytes, add == 1 ? QOR_EVENT_USER_ADDED : QOR_EVENT_USER_DELETED);
     DEBUG_EVENT("[DHCPSNOOP] Notify %s user: port %d ,vid %d ,mac %s ,ip %s, gateway %s.\r\n",
                 add != 0 ? "add" : "delete", user->ifIndex, user->vid, mac_text(user->mac).text,
                 ipv4_text(user->key.ipAddr).text, ipv4_text(body.gateway).text);
@@ -62,7 +51,7 @@ static QorUserRecord rule_record(const DhcpsnoopUser *user, uint8_t items, uint3
     record.userAttr = user->userAttr;
     if ((items & DHCPSNOOP_CHECK_MAC) != 0) {
         std::memcpy(record.mac, user->mac, sizeof record.mac);
-        record.macValid = MAC_VALID;
+        record.macValid = QOR_MAC_VALID;
     }
     if ((items & DHCPSNOOP_CHECK_VLAN) != 0) {
         record.vid = user->vid;
@@ -73,7 +62,7 @@ static QorUserRecord rule_record(const DhcpsnoopUser *user, uint8_t items, uint3
     if ((items & DHCPSNOOP_CHECK_IP) != 0) {
         const bool ipv4 = user->key.ipType == DHCPSNOOP_IPV4;
         std::memcpy(record.addr, user->key.ipAddr, ipv4 ? 4 : sizeof record.addr);
-        record.addrKind = ipv4 ? ADDRESS_IPV4 : ADDRESS_IPV6;
+        record.addrKind = ipv4 ? QOR_ADDRESS_IPV4 : QOR_ADDRESS_IPV6;
     }
     if (kind == DHCPSNOOP_RULE_IPSG) {
         record.ruleFlags = DHCPSNOOP_HW_IPSG;
@@ -95,7 +84,7 @@ int32_t dhcpsnoop_user_state_notify(DhcpsnoopUser *user, uint32_t add, uint8_t *
     QorIfRequest request = {
         add == 1 ? QOR_USER_ADD : QOR_USER_DELETE, &record, {0, 0}
     };
-    const int32_t result = qorIfSetApi(user->ifIndex, IF_USER_RULE, &request);
+    const int32_t result = qorIfSetApi(user->ifIndex, QOR_IF_BINDING, &request);
 
     // Kept: the identifiers are taken over from a failed add too.
     if (add == 1 && kind == DHCPSNOOP_RULE_IPSG)
@@ -116,10 +105,10 @@ int32_t dhcpsnoop_user_state_notify(DhcpsnoopUser *user, uint32_t add, uint8_t *
 static bool feature_enabled(DhcpsnoopIfHook hook, uint32_t ifIndex, uint8_t *items)
 {
     uint32_t enabled = 0;
-    if (hook(ifIndex, HOOK_ENABLED, &enabled) != 0 || enabled != 1)
+    if (hook(ifIndex, QOR_HOOK_ENABLED, &enabled) != 0 || enabled != 1)
         return false;
     uint8_t reply[8] = {}; // the answer is one byte; a hook that writes a word does no harm
-    hook(ifIndex, HOOK_CHECK_ITEMS, reply);
+    hook(ifIndex, QOR_HOOK_CHECK_ITEMS, reply);
     *items = reply[0];
     return true;
 }
@@ -133,9 +122,9 @@ static void install(DhcpsnoopUser *user, const DhcpsnoopFeature &feature)
     uint8_t items = 0;
     uint8_t from = DHCPSNOOP_SOURCE_PORT;
     if (!feature_enabled(hook, user->ifIndex, &items)) {
-        const uint32_t request[7] = {1, 1, 1, 1, user->vid, TRANS_VLAN_UNIT, 0};
+        const uint32_t request[7] = {1, 1, 1, 1, user->vid, QOR_UNIT_VLAN_INTERFACE, 0};
         uint32_t vlanIfIndex = 0;
-        if (qorIndexTrans(request, TRANS_VLAN, &vlanIfIndex) != 0 ||
+        if (qorIndexTrans(request, QOR_TRANS_INDEX, &vlanIfIndex) != 0 ||
             !feature_enabled(hook, vlanIfIndex, &items))
             return;
         from = DHCPSNOOP_SOURCE_VLAN;

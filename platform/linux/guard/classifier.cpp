@@ -25,13 +25,12 @@
 #include "guard_pins.h"
 #include "guard_rules.h"
 #include "map_keys.h"
+#include "protocol.h"
 
 namespace platform_linux
 {
 namespace
 {
-
-constexpr uint16_t VLAN_MAX = 4094;
 
 struct Guard {
     bpf_object *object = nullptr; // null: closed, or no eBPF here
@@ -431,7 +430,7 @@ int guard_trap_vlan(uint16_t vid, int family, bool on)
     guard_vlan vlan = {};
     if (guard.object == nullptr)
         return EOPNOTSUPP;
-    if (bit == 0 || vid == 0 || vid > VLAN_MAX)
+    if (bit == 0 || vid == 0 || vid > VLAN_ID_MAX)
         return EINVAL;
     bpf_map_lookup_elem(guard.vlans, &key, &vlan);
     set_trap(vlan, bit, on);

@@ -16,13 +16,17 @@
 #include "guard_events.h"
 #include "guard_pins.h"
 #include "map_keys.h"
+#include "platform_numbers.h"
 
 namespace platform_linux
 {
 namespace
 {
 
-constexpr uint32_t EVENT_GROUP = 31; // of those that the daemon joins
+// Check items go from the maps to the daemon and back as they are.
+static_assert(GUARD_CHECK_ADDRESS == DHCPSNOOP_CHECK_IP && GUARD_CHECK_MAC == DHCPSNOOP_CHECK_MAC &&
+              GUARD_CHECK_VLAN == DHCPSNOOP_CHECK_VLAN && GUARD_CHECK_PORT == DHCPSNOOP_CHECK_PORT &&
+              GUARD_CHECK_ALL == DHCPSNOOP_CHECK_ALL);
 
 struct Maps {
     Fd ports, portItems, vlanItems, refused;
@@ -197,12 +201,13 @@ int guard_config_announce(const GuardPlace &place, GuardFeature feature, uint8_t
         uint8_t reserved[3];
     } message = {};
     message.header.nlmsg_len = sizeof message;
-    message.header.nlmsg_type = feature == GuardFeature::ipSourceGuard ? EVENT_IP_ITEMS : EVENT_ARP_ITEMS;
+    message.header.nlmsg_type =
+        feature == GuardFeature::ipSourceGuard ? QOR_EVENT_IPSG_ITEMS : QOR_EVENT_DAI_ITEMS;
     message.ifIndex = place.isVlan ? 0 : place.number;
     message.items = wanted;
     sockaddr_nl group = {};
     group.nl_family = AF_NETLINK;
-    group.nl_groups = 1u << (EVENT_GROUP - 1);
+    group.nl_groups = 1u << (QOR_GROUP_CHECK_ITEMS - 1);
     const std::unique_ptr<mnl_socket, SocketCloser> sock(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
     if (!sock)
         return errno;

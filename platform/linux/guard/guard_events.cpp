@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "guard.h"
+#include "platform_numbers.h"
 
 namespace platform_linux
 {
@@ -24,7 +25,7 @@ void tell(DaemonEvents &events, uint16_t type, uint32_t ifIndex = 0, uint8_t ite
     } message = {};
     DaemonEvent &event = events.emplace_back();
     static_assert(sizeof message <= sizeof event.bytes);
-    event.length = type == EVENT_ARP_STOP ? sizeof message.header : sizeof message;
+    event.length = type == QOR_EVENT_DAI_STOP ? sizeof message.header : sizeof message;
     message.header.nlmsg_len = event.length;
     message.header.nlmsg_type = type;
     message.ifIndex = ifIndex;
@@ -88,8 +89,8 @@ void GuardEvents::follow_ip(const GuardedInterfaces &wanted, const std::map<uint
 {
     const std::vector<Change> changes = changes_of(&GuardedInterface::ip, told_, wanted, ports);
     for (const Change &change : changes)
-        tell(events, EVENT_IP_ITEMS, change.ifIndex, change.now);
-    tell_fallbacks(&GuardedInterface::ip, EVENT_IP_ITEMS, changes, wanted, ports, events);
+        tell(events, QOR_EVENT_IPSG_ITEMS, change.ifIndex, change.now);
+    tell_fallbacks(&GuardedInterface::ip, QOR_EVENT_IPSG_ITEMS, changes, wanted, ports, events);
 }
 
 void GuardEvents::follow_arp(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
@@ -97,7 +98,7 @@ void GuardEvents::follow_arp(const GuardedInterfaces &wanted, const std::map<uin
 {
     bool started = anywhere(told_, &GuardedInterface::arp);
     if (started && !anywhere(wanted, &GuardedInterface::arp)) {
-        tell(events, EVENT_ARP_STOP);
+        tell(events, QOR_EVENT_DAI_STOP);
         return;
     }
     const std::vector<Change> changes = changes_of(&GuardedInterface::arp, told_, wanted, ports);
@@ -106,14 +107,14 @@ void GuardEvents::follow_arp(const GuardedInterfaces &wanted, const std::map<uin
         // The start installs bindings that are not installed, on ports only. Items that change replace those
         // that are.
         if (switchedOn && !change.isVlan && started)
-            tell(events, EVENT_ARP_ITEMS, change.ifIndex, change.now);
+            tell(events, QOR_EVENT_DAI_ITEMS, change.ifIndex, change.now);
         if (switchedOn && (!change.isVlan || !started))
-            tell(events, EVENT_ARP_START, change.ifIndex, change.now);
+            tell(events, QOR_EVENT_DAI_START, change.ifIndex, change.now);
         if (!switchedOn || change.isVlan)
-            tell(events, EVENT_ARP_ITEMS, change.ifIndex, change.now);
+            tell(events, QOR_EVENT_DAI_ITEMS, change.ifIndex, change.now);
         started = true;
     }
-    tell_fallbacks(&GuardedInterface::arp, EVENT_ARP_ITEMS, changes, wanted, ports, events);
+    tell_fallbacks(&GuardedInterface::arp, QOR_EVENT_DAI_ITEMS, changes, wanted, ports, events);
 }
 
 void GuardEvents::follow(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
@@ -130,11 +131,11 @@ bool is_guard_announcement(std::span<const uint8_t> datagram)
     if (message == nullptr)
         return false;
     switch (message->nlmsg_type) {
-    case EVENT_ARP_STOP:
+    case QOR_EVENT_DAI_STOP:
         return true;
-    case EVENT_ARP_START:
-    case EVENT_IP_ITEMS:
-    case EVENT_ARP_ITEMS:
+    case QOR_EVENT_DAI_START:
+    case QOR_EVENT_IPSG_ITEMS:
+    case QOR_EVENT_DAI_ITEMS:
         return message->nlmsg_len >= sizeof(nlmsghdr) + 5; // interface index, check items
     default:
         return false;

@@ -12,14 +12,6 @@
 namespace platform_linux
 {
 
-// The types of those events.
-enum : uint16_t {
-    EVENT_ARP_START = 123,
-    EVENT_ARP_STOP = 124,
-    EVENT_IP_ITEMS = 198,
-    EVENT_ARP_ITEMS = 199,
-};
-
 // Check items that are to stand at an interface; a VLAN by its VLAN interface.
 struct GuardedInterface {
     uint8_t ip, arp;

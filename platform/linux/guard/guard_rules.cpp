@@ -131,7 +131,7 @@ void drop_contradictions(const guard_rule_key &key)
                 drop_inherited(*old);
         }
     }
-    for (uint32_t items = 0x10; items < key.mask; items += 0x10) {
+    for (uint32_t items = GUARD_CHECK_PORT; items < key.mask; items += GUARD_CHECK_PORT) {
         const auto mask = static_cast<uint8_t>(items);
         if ((mask & key.mask) == mask && rules.uses[16u * key.kind + items / 16] != 0)
             drop_inherited(reduced(key, mask));
@@ -214,7 +214,7 @@ int guard_rule_add(const guard_rule_key &key)
 {
     if (rules.map < 0)
         return EOPNOTSUPP;
-    if ((key.mask & 0xF0) == 0 || (key.mask & 0x0F) != 0 || key.kind < GUARD_IPV4 || key.kind > GUARD_ARP)
+    if ((key.mask & GUARD_CHECK_ALL) == 0 || (key.mask & ~GUARD_CHECK_ALL) != 0 || key.kind < GUARD_IPV4 || key.kind > GUARD_ARP)
         return EINVAL;
     guard_rule rule = {};
     const bool known = bpf_map_lookup_elem(rules.map, &key, &rule) == 0;

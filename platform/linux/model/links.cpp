@@ -12,16 +12,13 @@
 #include <string_view>
 #include <utility>
 
+#include "platform_numbers.h"
+#include "protocol.h"
+
 namespace platform_linux
 {
 namespace
 {
-// The switch kernel's link attributes, by which the daemon follows aggregates.
-constexpr uint16_t IFLA_PHYJOINAGG = 38;   // this port joined an aggregate
-constexpr uint16_t IFLA_AGGADDPHY = 52;    // a port joined this aggregate: its index
-constexpr uint16_t IFLA_AGGREMOVEPHY = 53; // a port left it: its index
-
-constexpr uint16_t VLAN_LAST = 4094;
 constexpr size_t ATTRIBUTE_COUNT = IFLA_BR_VLAN_DEFAULT_PVID + 1; // the highest that is read, of any nest
 
 // The attributes of a message or of a nest by number, null where absent. Of one that is there twice, the
@@ -75,6 +72,11 @@ const ifinfomsg &info_of(const nlmsghdr &message)
     return *static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(&message));
 }
 
+// The kernel's state of a port is taken as ours.
+static_assert(static_cast<int>(StpState::disabled) == BR_STATE_DISABLED &&
+              static_cast<int>(StpState::blocking) == BR_STATE_BLOCKING &&
+              static_cast<int>(StpState::forwarding) == BR_STATE_FORWARDING);
+
 // Numbered alike in the bridge family's IFLA_PROTINFO and in IFLA_INFO_SLAVE_DATA.
 void read_port_state(const nlattr *nest, BridgePort &port)
 {
@@ -105,7 +107,7 @@ int read_vlan(const nlattr *attribute, void *walkPtr)
         mnl_attr_get_payload_len(attribute) < sizeof info)
         return MNL_CB_OK;
     memcpy(&info, mnl_attr_get_payload(attribute), sizeof info);
-    if (info.vid == 0 || info.vid > VLAN_LAST)
+    if (info.vid == 0 || info.vid > VLAN_ID_MAX)
         return MNL_CB_OK;
     if ((info.flags & BRIDGE_VLAN_INFO_RANGE_BEGIN) != 0) {
         walk->rangeBegin = info.vid;
@@ -211,10 +213,10 @@ void LinkTable::update(const Link &link, DaemonEvents &events)
     if (left == joined)
         return;
     if (left != 0)
-        tell(events, RTM_NEWLINK, left, IFLA_AGGREMOVEPHY, link.ifIndex);
+        tell(events, QOR_EVENT_NEW_LINK, left, QOR_LINK_PORT_REMOVED, link.ifIndex);
     if (joined != 0) {
-        tell(events, RTM_NEWLINK, link.ifIndex, IFLA_PHYJOINAGG, joined);
-        tell(events, RTM_NEWLINK, joined, IFLA_AGGADDPHY, link.ifIndex);
+        tell(events, QOR_EVENT_NEW_LINK, link.ifIndex, QOR_LINK_JOINS_AGGREGATE, joined);
+        tell(events, QOR_EVENT_NEW_LINK, joined, QOR_LINK_PORT_ADDED, link.ifIndex);
     }
 }
 
@@ -225,8 +227,8 @@ void LinkTable::remove(uint32_t ifIndex, DaemonEvents &events)
     if (it == links_.end())
         return;
     if (const uint32_t left = aggregate_of(it->second); left != 0)
-        tell(events, RTM_NEWLINK, left, IFLA_AGGREMOVEPHY, ifIndex);
-    tell(events, RTM_DELLINK, ifIndex);
+        tell(events, QOR_EVENT_NEW_LINK, left, QOR_LINK_PORT_REMOVED, ifIndex);
+    tell(events, QOR_EVENT_DEL_LINK, ifIndex);
     links_.erase(it);
     changed_.insert(ifIndex);
 }

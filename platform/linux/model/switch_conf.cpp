@@ -4,11 +4,12 @@
 #include <utility>
 #include <vector>
 
+#include "protocol.h"
+
 namespace platform_linux
 {
 namespace
 {
-constexpr uint32_t VLAN_LAST = 4094;
 constexpr uint32_t SYSTEM_LAST = 255; // goes into circuit-ids as one byte
 
 using Words = std::vector<std::string_view>;
@@ -27,7 +28,7 @@ std::string take_number(std::string_view word, std::string_view what, uint32_t l
 std::string take_vlan(std::string_view word, uint16_t &vid)
 {
     uint32_t number = 0;
-    std::string error = take_number(word, "VLAN", VLAN_LAST, number);
+    std::string error = take_number(word, "VLAN", VLAN_ID_MAX, number);
     vid = static_cast<uint16_t>(number);
     return error;
 }

@@ -12,6 +12,7 @@
 
 #include "management.h"
 #include "model.h"
+#include "platform_numbers.h"
 #include "report.h"
 #include "unit_thread.h"
 
@@ -19,8 +20,6 @@ namespace platform_linux
 {
 namespace
 {
-constexpr uint16_t RTM_SUBSYSTEM_UP = 93;
-
 UnitShared *shared = nullptr; // as long as the process lives; null while the thread does not run
 bool reinstalling = false;    // all bindings
 bool copyOpen = false;        // the last event asked the daemon for a full copy
@@ -188,7 +187,7 @@ void redundancy_events(DaemonEvents &events)
     header.nlmsg_len = sizeof header;
     if (header.nlmsg_len == model_system())
         header.nlmsg_len += 4;
-    header.nlmsg_type = RTM_SUBSYSTEM_UP;
+    header.nlmsg_type = QOR_EVENT_SUBSYSTEM_UP;
     memcpy(event.bytes.data(), &header, sizeof header);
     event.length = header.nlmsg_len;
     events.push_front(event);

@@ -11,15 +11,12 @@ namespace platform_linux
 constexpr char EVENT_SOCKET_PATH[] = "/run/dhcpsnoop/events";
 constexpr char EVENT_SOCKET_ENV[] = "DHCPSNOOP_EVENTS"; // another path
 
-enum : uint16_t {
-    EVENT_LOST = 0, // not the daemon's: this subscriber missed `lost` records here
-    EVENT_USER_ADDED = 188,
-    EVENT_USER_DELETED = 189,
-};
+// An event beside the daemon's (QOR_EVENT_USER_…): this subscriber missed `lost` records here.
+constexpr uint16_t EVENT_LOST = 0;
 
 // In the host's byte order but for the addresses.
 struct EventRecord {
-    uint32_t zero, type, length; // 0, 51, 72
+    uint32_t zero, type, length; // 0, QOR_NETLINK_RECORD, 72
     uint16_t event;
     uint8_t reserved[10];
     union {
@@ -29,7 +26,7 @@ struct EventRecord {
             uint32_t ifIndex;
             uint8_t address[16], gateway[16]; // IPv4 in the first 4
             uint8_t reserved[2];
-            uint8_t family; // 1
+            uint8_t family; // DHCPSNOOP_IPV4
             uint8_t zero;
         } user;
         uint64_t lost;
