@@ -66,7 +66,7 @@ void claim_standard_descriptors()
             return;
 }
 
-// As platform_linux_start.
+// 0 or an exit status, as platform_linux_start.
 int load_model()
 {
     SwitchConf conf;
@@ -152,6 +152,18 @@ void arguments_take(int argc, char **argv)
     bindings = count != 0 ? count : BINDINGS_DEFAULT;
 }
 
+// The file-level state of the platform is made ready here, once in a process, each part after the parts that
+// it asks:
+//
+//   standard streams, system log   logging.cpp, report.cpp
+//   switch model                   model.cpp: the file, then a dump of the kernel's links
+//   guard                          guard.cpp, trap.cpp, bindings.cpp: first to watch the model
+//   subscribers, relay socket      subscribers.cpp, descriptor 0
+//   redundancy                     redundancy.cpp: second to watch the model; its thread runs from here on
+//
+// The event socket (event_socket.cpp) follows when the daemon joins its groups and watches the model last:
+// the classifier stands on a port before an event tells of it. All other state begins as zero. Nothing is
+// taken back: the process ends by exit() until the thread runs, then by _exit().
 int platform_linux_start()
 {
     claim_standard_descriptors();

@@ -6,10 +6,9 @@
 namespace platform_linux
 {
 
-// Logging, the switch model, the trap and the relay socket, in that order. 0, or the exit status when the
-// daemon must not run: EX_CONFIG (sysexits.h) where a file is wrong, which another attempt would not mend,
-// else EXIT_FAILURE. Why is on standard error and in the system log. Called by the daemon's first platform
-// call of start-up.
+// 0, or the exit status when the daemon must not run: EX_CONFIG (sysexits.h) for a wrong file, which another
+// attempt would not mend, else EXIT_FAILURE. The reason is on standard error and in the system log. Called by
+// the daemon's first platform call of start-up.
 int platform_linux_start();
 
 // Before the start: keeps the second argument, the number of bindings. Ends the process after `--help` and
