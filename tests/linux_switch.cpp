@@ -1,182 +1,114 @@
 #include "linux_switch.h"
 
 #include <cstring>
-#include <fstream>
+#include <linux/if_bridge.h>
+#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <utility>
+#include <sstream>
 
-#include "relay_socket.h"
-#include "guard.h"
+using namespace platform_linux;
 
-namespace linux_test
-{
 namespace
 {
-std::string traps;
+enum Form { NEST, BYTE = 1, SHORT = 2, LONG = 4, TEXT, HEX, VLAN };
+// clang-format off
+const struct { const char *word; uint16_t type; Form form; } ATTRIBUTES[] = {
+    {"name", IFLA_IFNAME, TEXT}, {"in", IFLA_MASTER, LONG}, {"below", IFLA_LINK, LONG}, {"mac", IFLA_ADDRESS, HEX}, {"wireless", IFLA_WIRELESS, TEXT}, {"portname", IFLA_PHYS_PORT_NAME, TEXT}, {"names", IFLA_PROP_LIST, NEST},
+    {"info", IFLA_LINKINFO, NEST}, {"kind", IFLA_INFO_KIND, TEXT}, {"slave", IFLA_INFO_SLAVE_KIND, TEXT}, {"slavedata", IFLA_INFO_SLAVE_DATA, NEST}, {"data", IFLA_INFO_DATA, NEST}, {"vid", IFLA_VLAN_ID, SHORT}, {"altname", IFLA_ALT_IFNAME, TEXT},
+    {"filter", IFLA_BR_VLAN_FILTERING, BYTE}, {"tpid", IFLA_BR_VLAN_PROTOCOL, HEX}, {"default", IFLA_BR_VLAN_DEFAULT_PVID, SHORT}, {"protinfo", IFLA_PROTINFO | NLA_F_NESTED, NEST}, {"state", IFLA_BRPORT_STATE, BYTE}, {"number", IFLA_BRPORT_NO, SHORT},
+    {"spec", IFLA_AF_SPEC, NEST}, {"vlan", IFLA_BRIDGE_VLAN_INFO, VLAN},
+};
+// clang-format on
 
-std::string vlan_list(const platform_linux::VlanSet &vlans)
+Bytes raw(uint32_t number, size_t size)
 {
-    std::string list;
-    for (size_t vid = 0; vid < vlans.size(); vid++) {
-        if (!vlans[vid])
-            continue;
-        size_t last = vid;
-        while (last + 1 < vlans.size() && vlans[last + 1])
-            last++;
-        list += (list.empty() ? "" : ",") + std::to_string(vid);
-        if (last > vid)
-            list += "-" + std::to_string(last);
-        vid = last;
-    }
-    return list.empty() ? "none" : list;
+    Bytes bytes(size);
+    memcpy(bytes.data(), &number, std::min(size, sizeof number));
+    return bytes;
 }
 
-uint16_t get16(const uint8_t *p)
+Bytes attributes(std::istream &words); // up to the end or a "}"
+
+Bytes value_of(Form form, const std::string &text, std::istream &words)
 {
-    uint16_t value;
-    memcpy(&value, p, sizeof value);
-    return value;
+    if (form == TEXT || form == HEX)
+        return form == HEX ? hex_bytes(text) : text_bytes(text) + Bytes(1);
+    if (form == NEST)
+        return attributes(words);
+    uint32_t flags = 0; // BRIDGE_VLAN_INFO_*
+    for (const char letter : text)
+        if (const size_t bit = std::string_view("?pube").find(letter); form == VLAN && bit != std::string_view::npos)
+            flags |= 1u << bit;
+    const auto number = static_cast<uint32_t>(std::stoul(text));
+    return form == VLAN ? raw(flags, 2) + raw(number, 2) : raw(number, form);
 }
 
-uint32_t get32(const uint8_t *p)
+Bytes attributes(std::istream &words)
 {
-    uint32_t value;
-    memcpy(&value, p, sizeof value);
-    return value;
+    Bytes bytes;
+    for (std::string word; words >> word && word != "}"; bytes.resize((bytes.size() + 3) / 4 * 4))
+        for (const auto &[name, type, form] : ATTRIBUTES)
+            if (const size_t split = word.find_first_of("={"); word.substr(0, split) == name) {
+                const Bytes value = value_of(form, word.substr(split + 1), words);
+                bytes = bytes + raw(static_cast<uint32_t>(4 + value.size()), 2) + raw(type, 2) + value;
+            }
+    return bytes;
+}
+
+std::string list(const VlanSet &vlans)
+{
+    std::string text;
+    const auto is_in = [&vlans](size_t vid) { return vid < vlans.size() && vlans[vid]; };
+    for (size_t vid = 0; vid < vlans.size(); vid++)
+        if (is_in(vid) && !(is_in(vid - 1) && is_in(vid + 1)))
+            text += (is_in(vid - 1) ? "-" : text.empty() ? "" : ",") + std::to_string(vid);
+    return text;
 }
 } // namespace
 
-LinkMessage::LinkMessage(uint16_t type, uint8_t family, uint32_t ifIndex, uint32_t flags)
+Bytes link_message(const std::string &text)
 {
-    struct {
-        nlmsghdr header;
-        ifinfomsg info;
-    } start{};
-    start.header.nlmsg_type = type;
-    start.info.ifi_family = family;
-    start.info.ifi_index = static_cast<int>(ifIndex);
-    start.info.ifi_flags = flags;
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&start);
-    bytes_.assign(bytes, bytes + sizeof start);
-    seal();
+    std::istringstream words(text);
+    std::string kind;
+    uint32_t ifIndex = 0;
+    words >> kind >> ifIndex;
+    const size_t at = text.find("flags=");
+    const auto flags = at == std::string::npos ? 0x10003u : static_cast<uint32_t>(std::stoul(text.substr(at + 6), nullptr, 16));
+    const Bytes rest = attributes(words);
+    const Bytes length = raw(static_cast<uint32_t>(32 + rest.size()), 4);
+    const Bytes type = raw(kind == "new" || kind == "port" ? RTM_NEWLINK : RTM_DELLINK, 12);
+    const Bytes family = raw(kind == "port" || kind == "left" ? AF_BRIDGE : AF_UNSPEC, 4);
+    return length + type + family + raw(ifIndex, 4) + raw(flags, 8) + rest;
 }
 
-void LinkMessage::pad() { bytes_.resize((bytes_.size() + 3) / 4 * 4); }
-
-void LinkMessage::seal()
+std::string describe(const Port &port)
 {
-    const auto length = static_cast<uint32_t>(bytes_.size());
-    memcpy(bytes_.data(), &length, sizeof length);
+    constexpr const char *STATES[] = {" disabled", " listening", " learning", " forwarding", " blocking"};
+    const std::string vlans = std::to_string(port.nativeVid) + " t" + list(port.members & ~port.untagged) + " u" + list(port.untagged);
+    std::string text = port.name + ("#" + std::to_string(port.number) + " ");
+    text += port.kind == PortKind::vlanInterface ? "=" + std::to_string(port.vlan) : port.routed ? "routed" : vlans;
+    text += (port.kind == PortKind::aggregate ? " aggregate" : "") + std::string(port.up ? " up" : " down");
+    text += STATES[static_cast<size_t>(port.stp)] + std::string(port.tpid != 0x8100 ? " 88a8" : "");
+    return text + (port.aggregate != 0 ? " in " + std::to_string(port.aggregate) : "");
 }
 
-LinkMessage &LinkMessage::begin(uint16_t type)
+std::string describe(const std::map<uint32_t, Port> &ports)
 {
-    open_.push_back(bytes_.size());
-    const uint16_t header[] = {0, type};
-    const auto *bytes = reinterpret_cast<const uint8_t *>(header);
-    bytes_.insert(bytes_.end(), bytes, bytes + sizeof header);
-    return *this;
-}
-
-LinkMessage &LinkMessage::end()
-{
-    const auto length = static_cast<uint16_t>(bytes_.size() - open_.back());
-    memcpy(bytes_.data() + open_.back(), &length, sizeof length);
-    open_.pop_back();
-    pad();
-    seal();
-    return *this;
-}
-
-LinkMessage &LinkMessage::attribute(uint16_t type, const void *value, size_t size)
-{
-    begin(type);
-    const auto *bytes = static_cast<const uint8_t *>(value);
-    bytes_.insert(bytes_.end(), bytes, bytes + size);
-    return end();
-}
-
-LinkMessage &LinkMessage::text(uint16_t type, const char *value) { return attribute(type, value, strlen(value) + 1); }
-
-std::vector<Recorded> read_recording(const char *name)
-{
-    std::ifstream file(std::string(DHCPSNOOP_TEST_DATA "/") + name);
-    std::vector<Recorded> recording;
-    for (std::string line; std::getline(file, line);) {
-        if (line.starts_with("#"))
-            continue;
-        if (line.starts_with("$ ")) {
-            recording.push_back({line.substr(2), {}});
-            continue;
-        }
-        Bytes bytes;
-        for (size_t i = 0; i + 1 < line.size(); i += 2)
-            bytes.push_back(static_cast<uint8_t>(std::stoul(line.substr(i, 2), nullptr, 16)));
-        recording.back().messages.push_back(std::move(bytes));
-    }
-    return recording;
-}
-
-std::string describe(const std::map<uint32_t, platform_linux::Port> &ports)
-{
-    using platform_linux::PortKind;
-    constexpr const char *STATES[] = {"disabled", "listening", "learning", "forwarding", "blocking"};
     std::string text;
-    for (const auto &[ifIndex, port] : ports) {
-        text += port.name;
-        text += port.kind == PortKind::vlanInterface ? " is vlan " + std::to_string(port.vlan) : port.kind == PortKind::aggregate ? " (aggregate)"
-                                                                                                                                  : "";
-        text += port.routed ? ": routed" : ": native " + std::to_string(port.nativeVid);
-        if (port.kind != PortKind::vlanInterface && !port.routed)
-            text += ", tagged " + vlan_list(port.members & ~port.untagged) + ", untagged " + vlan_list(port.untagged);
-        text += port.up ? ", up" : ", down";
-        text += std::string(", ") + STATES[static_cast<size_t>(port.stp)];
-        text += port.tpid != 0x8100 ? ", 802.1ad" : "";
-        text += port.aggregate != 0 ? ", member of " + std::to_string(port.aggregate) : "";
-        text += "\n";
-    }
+    for (const auto &[ifIndex, port] : ports)
+        text += (text.empty() ? "" : "; ") + describe(port);
     return text;
 }
 
-std::string describe(const platform_linux::DaemonEvents &events)
+std::string describe(const DaemonEvents &events)
 {
     std::string text;
-    for (const platform_linux::DaemonEvent &event : events) {
-        const uint8_t *p = event.bytes.data();
-        text += text.empty() ? "" : ", ";
-        const std::string index = std::to_string(get32(p + 20));
-        if (get32(p) != event.length)
-            text += "wrong length ";
-        if (get16(p + 4) == 17 && event.length == 32)
-            text += index + " gone";
-        else if (get16(p + 4) != 16 || event.length != 40 || get16(p + 32) != 8)
-            text += "unknown message";
-        else if (get16(p + 34) == 38)
-            text += "port " + index + " joined";
-        else if (get16(p + 34) == 52)
-            text += "aggregate " + index + " + " + std::to_string(get32(p + 36));
-        else if (get16(p + 34) == 53)
-            text += "aggregate " + index + " - " + std::to_string(get32(p + 36));
-        else
-            text += "unknown attribute";
+    for (const DaemonEvent &event : events) {
+        uint32_t words[10] = {}; // length, type, …, 5: index, …, 8: attribute and its length, its value
+        memcpy(words, event.bytes.data(), event.length);
+        const std::string port = std::to_string(words[5]), value = std::to_string(words[9]);
+        const uint32_t what = words[0] != event.length ? 0 : words[1] == 17 && event.length == 32 ? 17 : words[1] == 16 ? words[8] : 0;
+        text += what == 17 ? port + " gone, " : what == 0x260008 ? port + " joined, " : what == 0x340008 ? port + " + " + value + ", " : what == 0x350008 ? port + " - " + value + ", " : "unknown, ";
     }
     return text;
 }
-
-std::string take_traps() { return std::exchange(traps, {}); }
-
-} // namespace linux_test
-
-// The data plane's recorder.
-namespace platform_linux
-{
-int32_t trap_start(uint32_t) { return 0; }
-
-int32_t trap_set(uint32_t ifIndex, int family, bool on)
-{
-    linux_test::traps += std::to_string(ifIndex) + " v" + std::to_string(family) + (on ? " on " : " off ");
-    return model_port(ifIndex) != nullptr || !on ? 0 : ENODEV;
-}
-
-int32_t relay_socket_start() { return 0; }
-} // namespace platform_linux

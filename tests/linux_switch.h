@@ -1,58 +1,18 @@
-// What the tests of the Linux platform's switch model share: link messages made or recorded, and the model as
-// text.
+// The Linux platform's switch model in tests: link messages made of words, the model and the daemon's messages as text.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <string_view>
-#include <vector>
-
+#include "frame.h"
 #include "switch_model.h"
 
-namespace linux_test
-{
+// A message in the kernel's layout (rtnetlink(7)): "new 3" or "gone 3", of the bridge family "port 3" or "left 3", then
+// attributes: "name=p in=2 info{ kind=bridge data{ filter=1 } }". "flags=1003" are the device's, else it is up and running.
+// "vlan=10pu": the native VLAN (p), untagged (u), first (b) or last (e) of a range.
+Bytes link_message(const std::string &words);
 
-using Bytes = std::vector<uint8_t>;
+// "swp1#1 10 t20-29,100 u10 up forwarding": name, number, native VLAN, tagged and untagged VLANs, state. "v10#10 =10" is
+// VLAN 10's interface, "routed" a port without VLANs, "88a8" the TPID when it is not 8100, "in 6" the port's aggregate.
+std::string describe(const platform_linux::Port &port);
+std::string describe(const std::map<uint32_t, platform_linux::Port> &ports); // separated by "; "
 
-// A link message in the kernel's layout, attribute by attribute (rtnetlink(7)).
-class LinkMessage
-{
-  public:
-    LinkMessage(uint16_t type, uint8_t family, uint32_t ifIndex, uint32_t flags = 0);
-
-    LinkMessage &attribute(uint16_t type, const void *value, size_t size);
-    LinkMessage &number(uint16_t type, uint32_t value) { return attribute(type, &value, sizeof value); }
-    LinkMessage &text(uint16_t type, const char *value);
-    LinkMessage &begin(uint16_t type); // an attribute of attributes
-    LinkMessage &end();
-
-    const Bytes &bytes() const { return bytes_; }
-
-  private:
-    void pad();
-    void seal();
-
-    Bytes bytes_;
-    std::vector<size_t> open_;
-};
-
-struct Recorded {
-    std::string command; // "dump": the messages are those of a dump
-    std::vector<Bytes> messages;
-};
-
-// A recording in tests/data.
-std::vector<Recorded> read_recording(const char *name);
-
-// "swp1: native 10, tagged 20-29,100, untagged 10, up, forwarding", one line a port.
-std::string describe(const std::map<uint32_t, platform_linux::Port> &ports);
-
-// What the daemon is told: "port 7 joined", "aggregate 9 + 7", "aggregate 9 - 7", "7 gone", one after the
-// other.
+// "7 joined, 9 + 7, 9 - 7, 7 gone, ": a port joins an aggregate; the aggregate 9 gets it, loses it; a device goes.
 std::string describe(const platform_linux::DaemonEvents &events);
-
-// What the platform asked of the trap since the last call: "305 3 v4 on" and so on, from the recorder that
-// stands in for it.
-std::string take_traps();
-
-} // namespace linux_test
