@@ -10,7 +10,13 @@ using namespace platform_linux;
 
 namespace
 {
-enum Form { NEST, BYTE = 1, SHORT = 2, LONG = 4, TEXT, HEX, VLAN };
+enum Form { NEST,
+            BYTE = 1,
+            SHORT = 2,
+            LONG = 4,
+            TEXT,
+            HEX,
+            VLAN };
 // clang-format off
 const struct { const char *word; uint16_t type; Form form; } ATTRIBUTES[] = {
     {"name", IFLA_IFNAME, TEXT}, {"in", IFLA_MASTER, LONG}, {"below", IFLA_LINK, LONG}, {"mac", IFLA_ADDRESS, HEX}, {"wireless", IFLA_WIRELESS, TEXT}, {"portname", IFLA_PHYS_PORT_NAME, TEXT}, {"names", IFLA_PROP_LIST, NEST},
@@ -61,7 +67,9 @@ std::string list(const VlanSet &vlans)
     const auto is_in = [&vlans](size_t vid) { return vid < vlans.size() && vlans[vid]; };
     for (size_t vid = 0; vid < vlans.size(); vid++)
         if (is_in(vid) && !(is_in(vid - 1) && is_in(vid + 1)))
-            text += (is_in(vid - 1) ? "-" : text.empty() ? "" : ",") + std::to_string(vid);
+            text += (is_in(vid - 1) ? "-" : text.empty() ? ""
+                                                         : ",") +
+                    std::to_string(vid);
     return text;
 }
 } // namespace
@@ -86,7 +94,8 @@ std::string describe(const Port &port)
     constexpr const char *STATES[] = {" disabled", " listening", " learning", " forwarding", " blocking"};
     const std::string vlans = std::to_string(port.nativeVid) + " t" + list(port.members & ~port.untagged) + " u" + list(port.untagged);
     std::string text = port.name + ("#" + std::to_string(port.number) + " ");
-    text += port.kind == PortKind::vlanInterface ? "=" + std::to_string(port.vlan) : port.routed ? "routed" : vlans;
+    text += port.kind == PortKind::vlanInterface ? "=" + std::to_string(port.vlan) : port.routed ? "routed"
+                                                                                                 : vlans;
     text += (port.kind == PortKind::aggregate ? " aggregate" : "") + std::string(port.up ? " up" : " down");
     text += STATES[static_cast<size_t>(port.stp)] + std::string(port.tpid != 0x8100 ? " 88a8" : "");
     return text + (port.aggregate != 0 ? " in " + std::to_string(port.aggregate) : "");
@@ -107,8 +116,13 @@ std::string describe(const DaemonEvents &events)
         uint32_t words[10] = {}; // length, type, …, 5: index, …, 8: attribute and its length, its value
         memcpy(words, event.bytes.data(), event.length);
         const std::string port = std::to_string(words[5]), value = std::to_string(words[9]);
-        const uint32_t what = words[0] != event.length ? 0 : words[1] == 17 && event.length == 32 ? 17 : words[1] == 16 ? words[8] : 0;
-        text += what == 17 ? port + " gone, " : what == 0x260008 ? port + " joined, " : what == 0x340008 ? port + " + " + value + ", " : what == 0x350008 ? port + " - " + value + ", " : "unknown, ";
+        const uint32_t what = words[0] != event.length ? 0 : words[1] == 17 && event.length == 32 ? 17
+                                                         : words[1] == 16                         ? words[8]
+                                                                                                  : 0;
+        text += what == 17 ? port + " gone, " : what == 0x260008 ? port + " joined, "
+                                            : what == 0x340008   ? port + " + " + value + ", "
+                                            : what == 0x350008   ? port + " - " + value + ", "
+                                                                 : "unknown, ";
     }
     return text;
 }

@@ -8,10 +8,10 @@
 #include <sstream>
 #include <unistd.h>
 
+#include "guard.h"
 #include "linux_switch.h"
 #include "netlink.h"
 #include "platform.h"
-#include "guard.h"
 
 using namespace platform_linux;
 
@@ -306,9 +306,16 @@ TEST(Links, ADatagramOfSeveralMessagesOneOfWhichIsNoMultipleOfFour)
 
 // ---- Answers
 
-enum : uint32_t { ACC = 3, TRK, RTD, AGG, MEM, BLK, DWN, V10, OTHER };
-const std::map<std::string, uint32_t> NAMES = {{"acc", ACC}, {"trk", TRK}, {"rtd", RTD}, {"agg", AGG}, {"mem", MEM},
-                                               {"blk", BLK}, {"dwn", DWN}, {"v10", V10}, {"other", OTHER}};
+enum : uint32_t { ACC = 3,
+                  TRK,
+                  RTD,
+                  AGG,
+                  MEM,
+                  BLK,
+                  DWN,
+                  V10,
+                  OTHER };
+const std::map<std::string, uint32_t> NAMES = {{"acc", ACC}, {"trk", TRK}, {"rtd", RTD}, {"agg", AGG}, {"mem", MEM}, {"blk", BLK}, {"dwn", DWN}, {"v10", V10}, {"other", OTHER}};
 
 // What the daemon got, "no" where it was refused; a buffer is written no further than it says.
 std::string got(int32_t result, const std::string &value) { return result != 0 ? "no" : value; }
@@ -355,7 +362,8 @@ std::string answer(const std::string &verb, uint32_t ifIndex, uint32_t value)
         result = qorIfSetApi(ifIndex, 305, &value) + qorIfSetApi(ifIndex, 306, &value);
         return got(result, "") + std::exchange(traps, {});
     }
-    result = verb == "place" ? qorIndexTrans(place, 7, &word) : verb == "get" ? qorIfGetApi(ifIndex, value, &word) : 0;
+    result = verb == "place" ? qorIndexTrans(place, 7, &word) : verb == "get" ? qorIfGetApi(ifIndex, value, &word)
+                                                                              : 0;
     EXPECT_TRUE(result == 0 || word == 0x5A5A5A5A) << "refused, not touched";
     return got(result, std::to_string(verb == "hw" ? qorHwScalarGet(0, value, nullptr) : word));
 }
