@@ -88,6 +88,7 @@ TEST_F(User, LearnedAndDeletedDirectly)
     check({
         {"on a VLAN interface, from a port with an entry", learn("vlan-if", {.outer = 20, .inIf = 110}), "0 | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN"},
         {"on a VLAN interface, from a trusted port", learn("vlan-if trusted", {.inIf = 110}), "0 | 0 users, 0 in the VLAN"},
+        {"no room", learn("no-users", {}), "-1 | 0 users"},
         {"every field", (learn("", {}), state_of("10.0.0.50")), "10.0.0.50 vid=10 orig=10 if=1 lease=60 type=1 state=4 mark#30 tag#63 server#a000001 mac:02c100000001"},
         {"told", world.texts(Did::Log).at(0), "7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 10, leasetime 60.\r\n"},
         {"dynamic", deleted("hook vlan-if bound"), "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n | 0 users, 0 in the VLAN"},
@@ -102,6 +103,7 @@ TEST_F(User, LearnedAndDeletedDirectly)
     world.ports[1].name = std::string(70, 'n'); // longer than its room
     Message{}.receive();
     EXPECT_NE(world.texts(Did::Log).at(0).find(", interface " + std::string(63, 'n') + ", vlan 10, "), std::string::npos);
+    EXPECT_EQ(world.questions("nmGetIfPartDescr"), Lines{"nmGetIfPartDescr 1 63"});
     const DhcpsnoopUserKey key = key4(HOST + 1);
     Parsed nobody(Frame{});
     nobody.info.chaddr = nullptr;
@@ -177,7 +179,8 @@ TEST_F(User, MacUsers)
     const auto *bytes = reinterpret_cast<const uint8_t *>(waiting);
     EXPECT_EQ(Bytes(bytes + sizeof *waiting, bytes + sizeof(DhcpsnoopUser)), Bytes(sizeof(DhcpsnoopUser) - sizeof *waiting));
     Message{}.receive();
-    EXPECT_TRUE(dhcpsnoop_mac_user_add(&parsed.info) == nullptr && unsaid("Can't allocate memory for user entry!|!Send packet to server.|Can't allocate memory for mac user entry!").empty());
+    EXPECT_TRUE(dhcpsnoop_mac_user_add(&parsed.info) == nullptr && unsaid("Can't allocate memory for user entry!|Can't allocate memory for mac user entry!").empty());
+    EXPECT_EQ(outcome(), "qorNetlinkSend 16 0 72 | waits 1") << "the event of the deletion, no frame";
     dhcpsnoop_mac_user_delete(waiting);
     Message{}.receive();
     EXPECT_TRUE(held() == " | .50 asked 1/10" && binding(HOST)->gateway == 0);

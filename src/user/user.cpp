@@ -226,8 +226,7 @@ void dhcpsnoop_user_delete(DhcpsnoopUser *user)
     zlog_dispatch_logging(QOR_LOG_MODULE, QOR_LOG_LEVEL, "[DHCPSNOOP] Delete %s dhcpsnoop entry: ip %s\r\n",
                           user_type_word(user->userType), address_text(user->key).text);
 
-    if (user->hwFlags != 0)
-        dhcpsnoop_user_update_hw(user, 0);
+    dhcpsnoop_user_update_hw(user, 0); // what is installed of it
     const bool dynamic = user->userType == DHCPSNOOP_USER_DYNAMIC;
     if (dynamic && user->key.ipType == DHCPSNOOP_IPV4 && user->gateway != 0) {
         dhcpsnoop_user_notifier(user, 0);
