@@ -1,17 +1,13 @@
-// The Linux platform's translation of events: netlink datagrams of any content, dumps that begin and end
-// anywhere, guard configurations that follow one another. Whatever comes in, what the daemon is handed is one
-// of six messages, whole, and tells a story that holds together: nobody joins twice, leaves what he is not in
-// or goes while he is in it, and in the end the story is the model's.
-#include <cstdlib>
+// The Linux platform's translation of events: netlink datagrams of any content, dumps that begin and end anywhere, guard
+// configurations that follow one another. Whatever comes in, the daemon is handed whole messages of six kinds, whose story holds
+// together: nobody joins twice or leaves where he is not, ARP inspection runs where items are set, and in the end the story is the model's.
 #include <cstring>
 #include <linux/rtnetlink.h>
 #include <map>
 
-#include "fault.h"
 #include "guard.h"
 #include "guard_events.h"
 #include "input.h"
-#include "platform_numbers.h"
 #include "switch_model.h"
 
 using namespace platform_linux;
@@ -28,139 +24,57 @@ constexpr const char *CONFS[] = {
 template <class Value> Value get(const DaemonEvent &event, size_t offset)
 {
     Value value;
-    if (offset + sizeof value > event.length)
+    if (offset + sizeof value > event.length || event.length > event.bytes.size())
         fault("a message of %u bytes is too short for its kind", event.length);
     memcpy(&value, event.bytes.data() + offset, sizeof value);
     return value;
 }
 
 // What the daemon has heard.
-class Listener
-{
-  public:
+struct Story {
+    std::map<uint32_t, uint32_t> memberOf;
+    std::map<uint32_t, uint8_t> ip, arp;
+    bool inspecting = false;
+
     void hear(const DaemonEvents &events)
     {
-        for (const DaemonEvent &event : events)
-            hear(event);
-    }
-
-    void compare(const std::map<uint32_t, Port> &ports) const
-    {
-        for (const auto &[ifIndex, port] : ports) {
-            const auto told = memberOf_.find(ifIndex);
-            if (port.aggregate != (told != memberOf_.end() ? told->second : 0))
-                fault("port %u is in aggregate %u, the daemon was told otherwise", ifIndex, port.aggregate);
+        for (const DaemonEvent &event : events) {
+            const auto type = get<uint16_t>(event, 4);
+            if (get<uint32_t>(event, 0) != event.length)
+                fault("a message of %u bytes says %u", event.length, get<uint32_t>(event, 0));
+            if (type == RTM_NEWLINK || type == RTM_DELLINK)
+                hear_link(type, get<uint32_t>(event, 20), event);
+            else if (type == EVENT_IP_ITEMS)
+                ip[get<uint32_t>(event, 16)] = get<uint8_t>(event, 20);
+            else if (type != EVENT_ARP_START && (!inspecting || (type != EVENT_ARP_STOP && type != EVENT_ARP_ITEMS)))
+                fault("a message of type %u", type);
+            else if (type == EVENT_ARP_STOP)
+                arp.clear();
+            else
+                arp[get<uint32_t>(event, 16)] = get<uint8_t>(event, 20);
+            inspecting = type == EVENT_ARP_START || (inspecting && type != EVENT_ARP_STOP);
         }
     }
 
-    void compare(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports)
+    void hear_link(uint16_t type, uint32_t ifIndex, const DaemonEvent &event)
     {
-        for (const auto &[ifIndex, port] : ports) {
-            const auto found = wanted.find(ifIndex);
-            const GuardedInterface guarded = found != wanted.end() ? found->second : GuardedInterface{};
-            if (ip_[ifIndex] != guarded.ip || arp_[ifIndex] != guarded.arp)
-                fault("interface %u: told %x and %x, wanted %x and %x", ifIndex, ip_[ifIndex], arp_[ifIndex],
-                      guarded.ip, guarded.arp);
-            if (guarded.arp != 0 && !inspecting_)
-                fault("ARP inspection was not started");
-        }
-    }
-
-    // A device that goes takes what was told of it along.
-    void forget_guard(const std::map<uint32_t, Port> &ports)
-    {
-        std::erase_if(ip_, [&ports](const auto &told) { return !ports.contains(told.first); });
-        std::erase_if(arp_, [&ports](const auto &told) { return !ports.contains(told.first); });
-    }
-
-  private:
-    void hear(const DaemonEvent &event)
-    {
-        if (event.length > event.bytes.size() || event.length > 2048 ||
-            get<uint32_t>(event, 0) != event.length)
-            fault("a message of %u bytes says %u", event.length, get<uint32_t>(event, 0));
-        const auto type = get<uint16_t>(event, 4);
-        switch (type) {
-        case RTM_NEWLINK:
-            hear_link(event);
-            break;
-        case RTM_DELLINK:
-            if (memberOf_.contains(interface(event, 20)))
-                fault("%u goes while it is in an aggregate", interface(event, 20));
-            break;
-        case QOR_EVENT_DAI_STOP:
-            if (!inspecting_)
-                fault("ARP inspection stops that was not started");
-            inspecting_ = false;
-            arp_.clear();
-            break;
-        case QOR_EVENT_DAI_START:
-            inspecting_ = true;
-            arp_[interface(event, 16)] = get<uint8_t>(event, 20);
-            break;
-        case QOR_EVENT_DAI_ITEMS:
-            if (!inspecting_)
-                fault("ARP check items before the start");
-            arp_[interface(event, 16)] = get<uint8_t>(event, 20);
-            break;
-        case QOR_EVENT_IPSG_ITEMS:
-            ip_[interface(event, 16)] = get<uint8_t>(event, 20);
-            break;
-        default:
-            fault("a message of type %u", type);
-        }
-    }
-
-    void hear_link(const DaemonEvent &event)
-    {
-        const uint32_t ifIndex = interface(event, 20), value = get<uint32_t>(event, 36);
-        if (event.length != 40 || get<uint16_t>(event, 32) != 8 || value == 0)
+        const auto attribute = type == RTM_DELLINK ? 0 : get<uint16_t>(event, 34);
+        if (ifIndex == 0 || ((type == RTM_DELLINK || attribute == 38) && memberOf.contains(ifIndex)))
+            fault("interface %u goes or joins while it is in an aggregate", ifIndex);
+        if (type == RTM_DELLINK)
+            return;
+        const auto member = get<uint32_t>(event, 36);
+        const auto told = memberOf.find(member);
+        if (event.length != 40 || get<uint16_t>(event, 32) != 8 || member == 0 || (attribute != 38 && attribute != 52 && attribute != 53))
             fault("not one attribute of one word");
-        switch (get<uint16_t>(event, 34)) {
-        case 38:
-            if (memberOf_.contains(ifIndex))
-                fault("port %u joins twice", ifIndex);
-            break;
-        case 52:
-            if (!memberOf_.emplace(value, ifIndex).second)
-                fault("port %u is added twice", value);
-            break;
-        case 53:
-            if (const auto told = memberOf_.find(value); told == memberOf_.end() || told->second != ifIndex)
-                fault("port %u leaves aggregate %u, in which it is not", value, ifIndex);
-            memberOf_.erase(value);
-            break;
-        default:
-            fault("link attribute %u", get<uint16_t>(event, 34));
-        }
+        if (attribute == 52 && !memberOf.emplace(member, ifIndex).second)
+            fault("port %u is added twice", member);
+        if (attribute == 53 && (told == memberOf.end() || told->second != ifIndex))
+            fault("port %u leaves aggregate %u, in which it is not", member, ifIndex);
+        if (attribute == 53)
+            memberOf.erase(told);
     }
-
-    static uint32_t interface(const DaemonEvent &event, size_t offset)
-    {
-        const auto ifIndex = get<uint32_t>(event, offset);
-        if (ifIndex == 0)
-            fault("a message about interface 0");
-        return ifIndex;
-    }
-
-    std::map<uint32_t, uint32_t> memberOf_;
-    std::map<uint32_t, uint8_t> ip_, arp_;
-    bool inspecting_ = false;
 };
-
-// Of the interfaces that there are, some.
-GuardedInterfaces some_guarded(Input &input, const std::map<uint32_t, Port> &ports)
-{
-    GuardedInterfaces wanted;
-    for (const auto &[ifIndex, port] : ports) {
-        const uint8_t choice = input.u8();
-        const GuardedInterface guarded = {static_cast<uint8_t>(choice & GUARD_CHECK_ALL),
-                                          static_cast<uint8_t>(choice << 4 & GUARD_CHECK_ALL), port.vlan};
-        if (choice != 0)
-            wanted[ifIndex] = guarded;
-    }
-    return wanted;
-}
 
 } // namespace
 
@@ -176,35 +90,40 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
         model.configure(std::move(conf));
     }
     GuardEvents guard;
-    Listener daemon;
+    Story story;
     while (input.more()) {
         DaemonEvents events;
-        switch (input.u8() & 7) {
-        case 5:
+        const uint8_t step = input.u8() & 7;
+        if (step == 5)
             model.dump_begin();
-            break;
-        case 6:
+        else if (step == 6)
             model.dump_end((input.u8() & 1) != 0, events);
-            break;
-        case 7: {
-            const GuardedInterfaces wanted = some_guarded(input, model.ports());
-            daemon.forget_guard(model.ports());
-            guard.follow(wanted, model.ports(), events);
-            daemon.hear(events);
-            daemon.compare(wanted, model.ports());
-            continue;
-        }
-        default: {
+        else if (step < 5) {
             const std::vector<uint8_t> datagram = input.bytes(input.u16());
             is_guard_announcement(datagram);
             model.feed(datagram, events);
         }
-        }
-        daemon.hear(events);
+        story.hear(events);
+        if (step != 7)
+            continue;
+        GuardedInterfaces wanted;
+        for (const auto &[ifIndex, port] : model.ports())
+            if (const uint8_t choice = input.u8(); choice != 0)
+                wanted[ifIndex] = {static_cast<uint8_t>(choice & GUARD_CHECK_ALL), static_cast<uint8_t>(choice << 4 & GUARD_CHECK_ALL), port.vlan};
+        // A device that goes takes what was told of it along.
+        std::erase_if(story.ip, [&model](const auto &told) { return !model.ports().contains(told.first); });
+        std::erase_if(story.arp, [&model](const auto &told) { return !model.ports().contains(told.first); });
+        guard.follow(wanted, model.ports(), events);
+        story.hear(events);
+        for (const auto &[ifIndex, port] : model.ports())
+            if (story.ip[ifIndex] != wanted[ifIndex].ip || story.arp[ifIndex] != wanted[ifIndex].arp)
+                fault("interface %u has other items than it was told", ifIndex);
     }
     DaemonEvents events;
     model.dump_end(false, events);
-    daemon.hear(events);
-    daemon.compare(model.ports());
+    story.hear(events);
+    for (const auto &[ifIndex, port] : model.ports())
+        if (port.aggregate != (story.memberOf.contains(ifIndex) ? story.memberOf[ifIndex] : 0))
+            fault("port %u is in aggregate %u, the daemon was told otherwise", ifIndex, port.aggregate);
     return 0;
 }

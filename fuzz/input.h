@@ -1,10 +1,12 @@
-// The bytes of one fuzz input, taken from front to back. Reading past the end gives zeros, so that every
-// input means something and a longer one means the same until its end.
+// The bytes of one fuzz input, taken from front to back; past the end they are zeros, so that every input means something and a
+// longer one means the same until its end. And fault(), which ends the run; scripts/fuzz looks for the word.
 #pragma once
 
 #include <array>
-#include <cstddef>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 class Input
@@ -13,7 +15,6 @@ class Input
     Input(const uint8_t *bytes, size_t size) : at_(bytes), left_(size) {}
 
     bool more() const { return left_ > 0; }
-
     uint8_t u8()
     {
         if (left_ == 0)
@@ -21,16 +22,8 @@ class Input
         left_--;
         return *at_++;
     }
-    uint16_t u16()
-    {
-        const uint8_t high = u8();
-        return static_cast<uint16_t>(high << 8 | u8());
-    }
-    uint32_t u32()
-    {
-        const uint32_t high = u16();
-        return high << 16 | u16();
-    }
+    uint16_t u16() { return static_cast<uint16_t>(u8() << 8) | u8(); }
+    uint32_t u32() { return uint32_t{u16()} << 16 | u16(); }
 
     // At most `count` bytes, fewer at the end.
     std::vector<uint8_t> bytes(size_t count)
@@ -42,22 +35,27 @@ class Input
         return taken;
     }
 
-    // One of a table's values, by a byte.
-    template <class Value, size_t Count> Value pick(const std::array<Value, Count> &values)
-    {
-        return values[u8() % Count];
-    }
+    template <class Value, size_t Count> Value pick(const std::array<Value, Count> &values) { return values[u8() % Count]; }
 
     // A length that is true, or a little off, or anything.
     uint32_t length(size_t truth)
     {
         const uint8_t lie = u8();
-        if (lie < 0xE0)
-            return static_cast<uint32_t>(truth);
-        return lie == 0xFF ? u32() : static_cast<uint32_t>(truth + lie - 0xF0);
+        return lie == 0xFF ? u32() : static_cast<uint32_t>(lie < 0xE0 ? truth : truth + lie - 0xF0);
     }
 
   private:
     const uint8_t *at_;
     size_t left_;
 };
+
+[[noreturn]] __attribute__((format(printf, 1, 2))) inline void fault(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    fputs("FAULT: ", stderr);
+    vfprintf(stderr, format, arguments);
+    fputc('\n', stderr);
+    va_end(arguments);
+    abort();
+}
