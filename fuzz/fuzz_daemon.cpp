@@ -229,7 +229,8 @@ __attribute__((noinline, no_sanitize("address"))) void stack_fill(uint8_t byte)
 }
 
 // With `twice`, once more from the same state: nothing that is sent, replied or stored may depend on what stood on the stack.
-template <class Action> void play(bool twice, Action action)
+template <class Action>
+void play(bool twice, Action action)
 {
     if (!twice)
         return action();
@@ -248,7 +249,8 @@ template <class Action> void play(bool twice, Action action)
 }
 
 // On the heap in its own size, so that its ends are watched; `use` may not write to it.
-template <class Use> void hand_over(const Bytes &bytes, Use use)
+template <class Use>
+void hand_over(const Bytes &bytes, Use use)
 {
     const std::unique_ptr<uint8_t[]> copy(new uint8_t[bytes.size()]);
     std::copy(bytes.begin(), bytes.end(), copy.get());

@@ -7,8 +7,8 @@
 
 #include "input.h"
 #include "journal.h"
-#include "report.h"
 #include "peer_frame.h"
+#include "report.h"
 #include "wire.h"
 
 using namespace platform_linux;

@@ -21,7 +21,8 @@ constexpr const char *CONFS[] = {
     "port swp1 access 1\nport bond0 trunk 1-4094\nvlan 1 interface br0\nvlan 5 interface br0.5\nrole master\n",
 };
 
-template <class Value> Value get(const DaemonEvent &event, size_t offset)
+template <class Value>
+Value get(const DaemonEvent &event, size_t offset)
 {
     Value value;
     if (offset + sizeof value > event.length || event.length > event.bytes.size())
