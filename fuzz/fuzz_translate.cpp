@@ -8,6 +8,7 @@
 #include "guard.h"
 #include "guard_events.h"
 #include "input.h"
+#include "platform_numbers.h"
 #include "switch_model.h"
 
 using namespace platform_linux;
@@ -45,15 +46,15 @@ struct Story {
                 fault("a message of %u bytes says %u", event.length, get<uint32_t>(event, 0));
             if (type == RTM_NEWLINK || type == RTM_DELLINK)
                 hear_link(type, get<uint32_t>(event, 20), event);
-            else if (type == EVENT_IP_ITEMS)
+            else if (type == QOR_EVENT_IPSG_ITEMS)
                 ip[get<uint32_t>(event, 16)] = get<uint8_t>(event, 20);
-            else if (type != EVENT_ARP_START && (!inspecting || (type != EVENT_ARP_STOP && type != EVENT_ARP_ITEMS)))
+            else if (type != QOR_EVENT_DAI_START && (!inspecting || (type != QOR_EVENT_DAI_STOP && type != QOR_EVENT_DAI_ITEMS)))
                 fault("a message of type %u", type);
-            else if (type == EVENT_ARP_STOP)
+            else if (type == QOR_EVENT_DAI_STOP)
                 arp.clear();
             else
                 arp[get<uint32_t>(event, 16)] = get<uint8_t>(event, 20);
-            inspecting = type == EVENT_ARP_START || (inspecting && type != EVENT_ARP_STOP);
+            inspecting = type == QOR_EVENT_DAI_START || (inspecting && type != QOR_EVENT_DAI_STOP);
         }
     }
 
