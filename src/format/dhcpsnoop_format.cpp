@@ -13,7 +13,7 @@
 static constexpr uint32_t OUTPUT_MAX = 255;
 static constexpr uint32_t TEXT_ROOM = 128; // of a text the platform gives
 
-// One conversion: what a letter stands for.
+// The value of one letter.
 struct Conversion {
     uint8_t bytes[TEXT_ROOM];
     uint32_t length;
@@ -92,8 +92,8 @@ static void convert(uint8_t letter, const DhcpsnoopPktInfo *info, Conversion *ou
     }
 }
 
-// Bytes from `from` up to the next '%'. The search for it ends at a NUL or at the template's end; when there
-// is none, the run is all that is left of the template, NULs included.
+// Bytes from `from` up to the next '%'. The search for it ends at a NUL or at the template's end. Without
+// another '%' the run is the rest of the template, NULs included.
 static uint32_t literal_run(const uint8_t *text, uint32_t length, uint32_t from)
 {
     for (uint32_t at = from; at < length && text[at] != '\0'; at++) {
@@ -139,6 +139,16 @@ uint32_t dhcpsnoop_format_print(const DhcpsnoopPktInfo *info, const uint8_t *tex
         pos += 2;
     }
     return written;
+}
+
+uint32_t dhcpsnoop_option_print(const DhcpsnoopPktInfo *info, const DhcpsnoopOptionText &option, uint8_t *out,
+                                uint32_t room)
+{
+    const DhcpsnoopIf *ifp = info->ifp;
+    if (ifp->*option.format != DHCPSNOOP_FORMAT_GLOBAL)
+        return dhcpsnoop_format_print(info, ifp->*option.text, option_text_length(ifp, option), out, room);
+    const DhcpsnoopOptionFormat &global = gDhcpsnoop.*option.global;
+    return dhcpsnoop_format_print(info, global.text, global.len, out, room);
 }
 
 int32_t dhcpsnoop_delimiter_check(int32_t character)

@@ -10,7 +10,7 @@ inline bool debug_dump_on() { return (gDhcpsnoop.debugFlags & DHCPSNOOP_DEBUG_DU
 
 // The trace of a frame: information bit.
 #define DEBUG_TRACE(...) (debug_info_on() ? NM_DEBUG_OUTPUT(__VA_ARGS__) : void())
-// The main loop's complaints about what it received: dump bit.
+// The main loop's complaints about a received frame: dump bit.
 #define DEBUG_RX(...) (debug_dump_on() ? NM_DEBUG_OUTPUT(__VA_ARGS__) : void())
 // Everything else: either bit.
 #define DEBUG_EVENT(...) (debug_info_on() || debug_dump_on() ? NM_DEBUG_OUTPUT(__VA_ARGS__) : void())
@@ -33,3 +33,9 @@ AddressText address_text(const DhcpsnoopUserKey &key); // IPv4 when ipType is 1,
 AddressText ipv4_text(const uint8_t address[4]);       // network order
 AddressText ipv4_text(uint32_t address);               // numeric
 const char *user_type_word(uint8_t userType);          // "dynamic", "static", "other"
+
+struct IfText {
+    char text[64];
+};
+IfText if_name(uint32_t ifIndex);        // empty when the platform gives none
+IfText if_description(uint32_t ifIndex); // likewise

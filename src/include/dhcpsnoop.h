@@ -50,7 +50,7 @@ struct DhcpsnoopFlagField {
     uint32_t shift, mask; // the mask is that of the value, before shifting
 };
 constexpr DhcpsnoopFlagField DHCPSNOOP_IF_VERSION = {23, 3}; // DHCPSNOOP_IPV4, DHCPSNOOP_IPV6, both
-constexpr DhcpsnoopFlagField DHCPSNOOP_IF_POLICY = {21, 3};  // what to do with a client's own option 82
+constexpr DhcpsnoopFlagField DHCPSNOOP_IF_POLICY = {21, 3};  // DhcpsnoopPolicy: a client's own option 82
 constexpr DhcpsnoopFlagField DHCPSNOOP_IF_MODE = {17, 15};   // option 82 mode; 0 = the global one
 constexpr DhcpsnoopFlagField DHCPSNOOP_IF_VID = {2, 0xFFF};  // VLAN of a VLAN interface
 
@@ -96,7 +96,7 @@ struct DhcpsnoopOptionFormat {
     uint8_t text[DHCPSNOOP_TEMPLATE_MAX];
 };
 
-// A DHCP server that was heard, or told by management.
+// A DHCP server that answered, or that management named.
 struct DhcpsnoopServer : DhcpsnoopLink {
     uint32_t serverIp, ifIndex, vid;
 };
@@ -122,7 +122,7 @@ constexpr uint32_t DHCPSNOOP_MAC_USER_AGE = 120;
 struct DhcpsnoopUser : DhcpsnoopLink {
     DhcpsnoopUserKey key;
     uint16_t vid;
-    uint16_t origVid; // always equal to vid; what the hardware record carries
+    uint16_t origVid; // always equal to vid; for the hardware record
     uint32_t ifIndex; // port of the client
     uint32_t leaseTime;
     uint32_t leaseStart;
@@ -162,7 +162,7 @@ struct DhcpsnoopRxPkt {
     uint16_t etherType; // 0x0800 or 0x86DD, by the socket it came from
 };
 
-// What parsing found in one frame. Lives as long as the frame's processing. Pointers point into the frame;
+// The result of parsing one frame. Lives as long as the frame's processing. Pointers point into the frame;
 // option pointers point at the option's code, null when it is absent. Zeroed before parsing.
 struct DhcpsnoopPktInfo {
     DhcpsnoopIf *ifp;
@@ -196,7 +196,7 @@ struct DhcpsnoopPktInfo {
     uint8_t *iaOpts[DHCPSNOOP_IA_MAX];
 };
 
-// What dhcpsnoop_user_get looks for. `mask` says which fields must match (DHCPSNOOP_CHECK_…); 0 matches
+// A query of dhcpsnoop_user_get. `mask` says which fields must match (DHCPSNOOP_CHECK_…); 0 matches
 // anything.
 struct DhcpsnoopUserQuery {
     uint8_t ipAddr[16];

@@ -35,8 +35,8 @@ inline void list_unlink(DhcpsnoopLink *entry)
     entry->next = entry->prev = nullptr;
 }
 
-// The first node of a free list as a new entry that is on no list; null when there is none. A node serves
-// entries of different types in turn, so all of it is zeroed, also behind an entry that is shorter.
+// The first node of a free list as a new entry that is on no list; null when the list is empty. A node serves
+// entries of different types in turn, so the whole node is zeroed, also behind a shorter entry.
 template <class Entry, class Node = Entry> Entry *list_take(DhcpsnoopLink *freeList)
 {
     if (list_empty(freeList))
@@ -47,34 +47,53 @@ template <class Entry, class Node = Entry> Entry *list_take(DhcpsnoopLink *freeL
     return ::new (static_cast<void *>(node)) Entry{};
 }
 
-// for (Entry *entry : list_each<Entry>(&head)). The next link is fetched before the body runs, so the body
-// may unlink or relink the entry it was given.
+// for (Entry *entry : list_each<Entry>(&head)), or hash_each<Entry>(heads) for the lists of a hash table one
+// after the other. The next link is fetched before the body runs, so the body may unlink or relink the entry
+// it was given.
 template <class Entry> class ListWalk
 {
   public:
     class Iterator
     {
       public:
-        Iterator(DhcpsnoopLink *at) : at_(at), next_(at != nullptr ? at->next : nullptr) {}
+        Iterator(DhcpsnoopLink *head, const DhcpsnoopLink *last) : head_(head), last_(last), next_(head->next)
+        {
+            ++*this;
+        }
         Entry *operator*() const { return static_cast<Entry *>(at_); }
-        bool operator!=(const Iterator &end) const { return at_ != nullptr && at_ != end.at_; }
+        bool operator!=(std::nullptr_t) const { return at_ != nullptr; }
         Iterator &operator++()
         {
+            while (next_ == head_ || next_ == nullptr) { // the end of a list
+                if (head_ == last_) {
+                    at_ = nullptr;
+                    return *this;
+                }
+                next_ = (++head_)->next;
+            }
             at_ = next_;
-            next_ = at_ != nullptr ? at_->next : nullptr;
+            next_ = at_->next;
             return *this;
         }
 
       private:
-        DhcpsnoopLink *at_, *next_;
+        DhcpsnoopLink *head_;
+        const DhcpsnoopLink *last_;
+        DhcpsnoopLink *at_ = nullptr, *next_;
     };
 
-    explicit ListWalk(DhcpsnoopLink *head) : head_(head) {}
-    Iterator begin() const { return Iterator(head_->next); }
-    Iterator end() const { return Iterator(head_); }
+    ListWalk(DhcpsnoopLink *first, size_t heads) : first_(first), heads_(heads) {}
+    Iterator begin() const { return Iterator(first_, first_ + heads_ - 1); }
+    std::nullptr_t end() const { return nullptr; }
 
   private:
-    DhcpsnoopLink *head_;
+    DhcpsnoopLink *first_;
+    size_t heads_;
 };
 
-template <class Entry> ListWalk<Entry> list_each(DhcpsnoopLink *head) { return ListWalk<Entry>(head); }
+template <class Entry> ListWalk<Entry> list_each(DhcpsnoopLink *head) { return {head, 1}; }
+
+template <class Entry, size_t Heads> ListWalk<Entry> hash_each(DhcpsnoopLink (&heads)[Heads])
+{
+    return {heads, Heads};
+}

@@ -106,7 +106,7 @@ constexpr uint16_t DHCPSNOOP_MAX_USER_DEFAULT = 32768, DHCPSNOOP_SETTING21_DEFAU
 constexpr uint32_t DHCPSNOOP_SERVER_SLOTS = 3; // relay servers of an interface
 constexpr uint32_t DHCPSNOOP_TEXT_MAX = 128;   // bytes of an interface's option text
 
-// What happens to a client's message that has option 82 already.
+// Treatment of a client's message that has option 82 already.
 enum DhcpsnoopPolicy : uint32_t {
     DHCPSNOOP_POLICY_KEEP,
     DHCPSNOOP_POLICY_DROP,

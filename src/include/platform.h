@@ -1,4 +1,4 @@
-// What the switch platform provides to the daemon: interface attributes, hardware rules, names, logging, and
+// Services of the switch platform for the daemon: interface attributes, hardware rules, names, logging, and
 // the four socket operations in which a switch's kernel differs from a stock one. A platform library
 // implements all of it.
 //

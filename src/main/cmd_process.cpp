@@ -25,9 +25,9 @@ struct Request {
     uint8_t dataType;
     uint32_t words[2]; // DATA_WORD, DATA_WORD_PAIR
     QorBuffer bytes;   // DATA_BYTES, in the request itself
-    void *data;        // what the entry point gets; null when the attribute takes another form
+    void *data;        // argument of the entry point; null when the attribute takes another form
 
-    // What an iteration found.
+    // The result of an iteration.
     uint32_t foundNumber;
     DhcpsnoopUserKey foundKey;
     uint32_t foundPair[2];
@@ -196,8 +196,8 @@ static bool takes_bytes(Object object, uint32_t cmd)
     return false;
 }
 
-// What the entry point may take for its value. Null when the value came in another form than the attribute's,
-// so that no number is ever used as an address and no address shows as a number.
+// The value as the entry point takes it. Null when the value came in another form than the attribute's, so
+// that no number is ever used as an address and no address shows as a number.
 static void *entry_data(Request *request, const Function &function)
 {
     const bool bytes = takes_bytes(function.object, request->cmd);

@@ -1,7 +1,6 @@
 // The command socket: one connection is accepted, one length-prefixed request read, its reply sent and the
-// connection closed. A client that is slow is waited for, but not for ever; one that asks for more than a
-// request can be gets no answer. The length that frames a request and a reply is in host order; what stands
-// in them is cmd_process's business.
+// connection closed. The wait for a slow client has a limit; a request that is too long gets no answer. The
+// length before a request and a reply is in host order. cmd_process.cpp handles their content.
 #include "dhcpsnoop_cmd.h"
 
 #include <cstdio>
@@ -14,7 +13,7 @@
 #include "debug.h"
 #include "management.h"
 
-// The shortest request with its length. The kernel caps the mark at what one recv asks for, so nothing here
+// The shortest request with its length. The kernel caps the mark at the size of each recv, so nothing here
 // depends on it.
 static constexpr int RECEIVE_LOW_WATER = 30;
 static constexpr timeval CLIENT_PATIENCE = {10, 0};

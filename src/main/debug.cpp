@@ -61,3 +61,19 @@ const char *user_type_word(uint8_t userType)
         return "other";
     }
 }
+
+IfText if_name(uint32_t ifIndex)
+{
+    IfText name = {};
+    qorIfUnit2Name(ifIndex, name.text, sizeof name.text - 1);
+    name.text[sizeof name.text - 1] = '\0';
+    return name;
+}
+
+IfText if_description(uint32_t ifIndex)
+{
+    IfText description = {};
+    nmGetIfPartDescr(ifIndex, description.text, sizeof description.text - 1);
+    description.text[sizeof description.text - 1] = '\0';
+    return description;
+}

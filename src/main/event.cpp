@@ -17,7 +17,7 @@ static constexpr uint32_t TRUNK_WITHDRAW = 0, TRUNK_INSTALL = 1;
 
 static uint32_t align4(uint32_t length) { return (length + 3) & ~3u; }
 
-// The platform is asked first; what it answers stops the work only when it leaves another count than 0 or 1.
+// The platform is asked first. Only an answer with a count other than 0 or 1 stops the work.
 static bool members_follow(uint32_t aggregate)
 {
     uint32_t answer = 2;

@@ -1,6 +1,6 @@
 // Cards, slots and subsystems that come and go: a unit that came up gets a full copy of the tables, the
 // static bindings of a card are installed again, the dynamic ones of a card that is gone are deleted. Kept:
-// the words that say which one are the first of the received datagram, not the message's payload.
+// the place stands in the first words of the received datagram, not in the message's payload.
 #include "event_handlers.h"
 
 #include "debug.h"
@@ -40,13 +40,10 @@ static void static_users_install(const Place &place, bool wholeSlot)
 {
     if (!hardware_is_ours())
         return;
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (user->userType == DHCPSNOOP_USER_STATIC &&
-                (user->hwFlags & (DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI)) != 0 &&
-                on_card(user, place, wholeSlot))
-                dhcpsnoop_user_update_hw(user, 1);
-        }
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (user->userType == DHCPSNOOP_USER_STATIC &&
+            (user->hwFlags & (DHCPSNOOP_HW_IPSG | DHCPSNOOP_HW_DAI)) != 0 && on_card(user, place, wholeSlot))
+            dhcpsnoop_user_update_hw(user, 1);
     }
 }
 
@@ -54,65 +51,59 @@ static void dynamic_users_delete(const Place &place, bool wholeSlot)
 {
     if (!hardware_is_ours())
         return;
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (user->userType == DHCPSNOOP_USER_DYNAMIC && on_card(user, place, wholeSlot))
-                dhcpsnoop_user_delete(user);
-        }
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (user->userType == DHCPSNOOP_USER_DYNAMIC && on_card(user, place, wholeSlot))
+            dhcpsnoop_user_delete(user);
     }
 }
 
-// Nothing is done about a card or slot of another system, or one the platform does not know.
-static bool card_known(const Place &place)
+// A kind of hardware that comes and goes: how the platform is asked about it.
+struct Hardware {
+    int32_t (*get)(const uint32_t *where, uint32_t property, void *answer);
+    uint32_t known, kind; // properties
+    bool wholeSlot;
+};
+static constexpr Hardware CARD = {qorHwCardGet, QOR_CARD_KNOWN, QOR_CARD_KIND, false};
+static constexpr Hardware SLOT = {qorHwSlotGet, QOR_SLOT_KNOWN, QOR_SLOT_KIND, true};
+
+// Nothing is done about hardware of another system, or hardware that the platform does not know.
+static bool known(const Place &place, const Hardware &hardware)
 {
     alignas(8) uint8_t answer[256] = {};
-    return place.words[0] == qorSelfSysIndex() && qorHwCardGet(place.words, QOR_CARD_KNOWN, answer) == 0;
-}
-
-static bool slot_known(const Place &place)
-{
-    alignas(8) uint8_t answer[256] = {};
-    return place.words[0] == qorSelfSysIndex() && qorHwSlotGet(place.words, QOR_SLOT_KNOWN, answer) == 0;
-}
-
-void event_card_up(const Event &event)
-{
-    const Place place = place_take(event);
-    if (!card_known(place))
-        return;
-    if (qorHwCardGet(place.words, QOR_CARD_KIND, nullptr) != 0)
-        dhcpsnoop_sync_all_send((place.words[0] << 16) | (place.words[1] << 11) | (place.words[2] << 8) |
-                                    QOR_PEER_CARD,
-                                ALL_REQUEST);
-    else
-        static_users_install(place, false);
-}
-
-void event_card_down(const Event &event)
-{
-    const Place place = place_take(event);
-    if (card_known(place) && qorHwCardGet(place.words, QOR_CARD_KIND, nullptr) == 0)
-        dynamic_users_delete(place, false);
+    return place.words[0] == qorSelfSysIndex() && hardware.get(place.words, hardware.known, answer) == 0;
 }
 
 // Kept: for slots the second answer reads the other way round.
-void event_slot_up(const Event &event)
+static bool has_daemon(const Place &place, const Hardware &hardware)
 {
-    const Place place = place_take(event);
-    if (!slot_known(place))
-        return;
-    if (qorHwSlotGet(place.words, QOR_SLOT_KIND, nullptr) == 0)
-        dhcpsnoop_sync_all_send((place.words[0] << 16) | (place.words[1] << 11) | QOR_PEER_CARD, ALL_REQUEST);
-    else
-        static_users_install(place, true);
+    return (hardware.get(place.words, hardware.kind, nullptr) == 0) == hardware.wholeSlot;
 }
 
-void event_slot_down(const Event &event)
+static void came_up(const Place &place, const Hardware &hardware)
 {
-    const Place place = place_take(event);
-    if (slot_known(place) && qorHwSlotGet(place.words, QOR_SLOT_KIND, nullptr) != 0)
-        dynamic_users_delete(place, true);
+    if (!known(place, hardware))
+        return;
+    const uint32_t card = hardware.wholeSlot ? 0 : place.words[2] << 8;
+    if (has_daemon(place, hardware))
+        dhcpsnoop_sync_all_send((place.words[0] << 16) | (place.words[1] << 11) | card | QOR_PEER_CARD,
+                                ALL_REQUEST);
+    else
+        static_users_install(place, hardware.wholeSlot);
 }
+
+static void went_down(const Place &place, const Hardware &hardware)
+{
+    if (known(place, hardware) && !has_daemon(place, hardware))
+        dynamic_users_delete(place, hardware.wholeSlot);
+}
+
+void event_card_up(const Event &event) { came_up(place_take(event), CARD); }
+
+void event_card_down(const Event &event) { went_down(place_take(event), CARD); }
+
+void event_slot_up(const Event &event) { came_up(place_take(event), SLOT); }
+
+void event_slot_down(const Event &event) { went_down(place_take(event), SLOT); }
 
 void event_subsystem_up(const Event &event)
 {

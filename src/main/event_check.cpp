@@ -14,14 +14,6 @@ static constexpr uint32_t VLAN_LEN = 4;
 
 static constexpr uint32_t INSTALL = 1, WITHDRAW = 0;
 
-template <class Act> static void each_user(Act act)
-{
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket))
-            act(user);
-    }
-}
-
 static bool installed(const DhcpsnoopUser *user, const DhcpsnoopFeature &feature)
 {
     return (user->hwFlags & feature.installed) != 0;
@@ -45,7 +37,7 @@ static void install(DhcpsnoopUser *user, const DhcpsnoopFeature &feature, uint8_
     user->hwFlags |= feature.installed;
 }
 
-// What a change of check items is about.
+// A change of check items.
 struct Change {
     bool vlanScope;
     uint32_t ifIndex, vid;
@@ -58,7 +50,7 @@ static bool in_scope(const DhcpsnoopUser *user, const Change &change)
     return change.vlanScope ? user->vid == change.vid : user->ifIndex == change.ifIndex;
 }
 
-// A port's setting replaces a VLAN's; a VLAN's never touches what a port's installed.
+// A port's setting replaces a VLAN's; a VLAN's setting never touches a rule that a port's setting installed.
 static bool to_withdraw(uint8_t source, const Change &change)
 {
     if (change.vlanScope)
@@ -98,7 +90,8 @@ static void change_apply(const Change &change, const DhcpsnoopFeature &feature)
 {
     if (change.withdrawOnly)
         DEBUG_EVENT("[DHCPSNOOP] Delete user-bind entries on hardware.\r\n");
-    each_user([&](DhcpsnoopUser *user) { user_follow(user, feature, change); });
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash))
+        user_follow(user, feature, change);
 }
 
 void dhcpsnoop_ipsgchangeitem_process(uint8_t *message, int32_t length)
@@ -139,25 +132,25 @@ void event_dai_start(const Event &event)
     const uint8_t items = event.message[BODY_ITEMS];
 
     gDhcpsnoop.daiStarted = 1;
-    each_user([&](DhcpsnoopUser *user) {
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
         if (user->ifIndex != ifIndex || installed(user, DHCPSNOOP_FEATURE_DAI))
-            return;
+            continue;
         if (user->userType == DHCPSNOOP_USER_DYNAMIC)
             install(user, DHCPSNOOP_FEATURE_DAI, items, DHCPSNOOP_SOURCE_PORT);
         else if (user->userType == DHCPSNOOP_USER_STATIC &&
                  dhcpsnoop_user_state_notify(user, INSTALL, &user->daiCheckItems,
                                              DHCPSNOOP_FEATURE_DAI.kind) == 0)
             user->hwFlags |= DHCPSNOOP_FEATURE_DAI.installed;
-    });
+    }
 }
 
 void event_dai_stop(const Event &)
 {
     DEBUG_EVENT("[DHCPSNOOP] Receive RTM_SYSTEM_DAISTOP message.\r\n");
-    each_user([&](DhcpsnoopUser *user) {
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
         if (installed(user, DHCPSNOOP_FEATURE_DAI))
             withdraw(user, DHCPSNOOP_FEATURE_DAI);
-    });
+    }
     gDhcpsnoop.daiStarted = 0;
 }
 
@@ -167,9 +160,9 @@ void event_users_update(const Event &event)
         return;
     const uint32_t vid = event_get32(event.message + BODY_WORD);
     DEBUG_EVENT("[DHCPSNOOP] Receive RTM_DHCPSNOOP_UPDATEDHCPSNOOPUSER message. Vlan is %d.\r\n", vid);
-    each_user([&](DhcpsnoopUser *user) {
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
         if (user->userType == DHCPSNOOP_USER_DYNAMIC && user->key.ipType == DHCPSNOOP_IPV4 &&
             user->vid == vid && user->gateway != 0)
             dhcpsnoop_user_notifier(user, 1);
-    });
+    }
 }

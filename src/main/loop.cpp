@@ -29,11 +29,11 @@ alignas(8) static uint8_t buffer[DHCPSNOOP_FRAME_MAX];
 alignas(cmsghdr) static uint8_t control[128];
 static sockaddr_ll source;
 static iovec vector = {buffer, sizeof buffer};
-// Kept: set up once and not reset between calls, so msg_controllen and msg_namelen stay at what the kernel
-// last wrote.
+// Kept: set up once and not reset between calls, so msg_controllen and msg_namelen keep the values that the
+// kernel last wrote.
 static msghdr message = {&source, sizeof source, &vector, 1, control, sizeof control, 0};
 
-// Kept: the information last seen serves the frames that come without any.
+// Kept: a frame that comes without packet information gets the last information seen.
 static uint8_t packetInfo[QOR_INFO_LEN];
 static bool packetInfoSeen;
 
@@ -92,7 +92,7 @@ static void frame_process(ssize_t received, uint16_t etherType)
     rxpkt.valid = 1;
     rxpkt.len = static_cast<uint16_t>(length);
     std::memcpy(rxpkt.data, buffer, length);
-    // What stands behind a shorter frame is never an earlier one.
+    // The bytes behind a shorter frame are never those of an earlier frame.
     std::memset(rxpkt.data + length, 0, sizeof rxpkt.data - length);
     rxpkt.inIf = ifp;
     rxpkt.ifIndex = etherType == ETHER_TYPE_IPV4 ? wire_get32(packetInfo + QOR_INFO_IFINDEX)

@@ -69,28 +69,18 @@ static int32_t pools_init(uint16_t ifCount, uint16_t userCount, uint16_t serverC
     return 0;
 }
 
-static int32_t data_sockets_open(void)
+// The complaints are about the socket and about its packet information.
+static int32_t data_socket_open(int32_t *sock, uint16_t etherType, const char *noSocket, const char *noInfo)
 {
-    gDhcpsnoop.dataSock = socket(AF_PACKET, SOCK_RAW, htons(ETHER_TYPE_IPV4));
-    if (gDhcpsnoop.dataSock < 0) {
-        DEBUG_EVENT("[DHCPSNOOP] Create data_socket ERROR!\n\r");
+    *sock = socket(AF_PACKET, SOCK_RAW, htons(etherType));
+    if (*sock < 0) {
+        DEBUG_EVENT("%s", noSocket);
         return -1;
     }
-    if (platform_packet_info_enable(gDhcpsnoop.dataSock) != 0) {
-        perror("[DHCPSNOOP]dataSock setsockopt failed!\r\n");
-        return -1;
-    }
-
-    gDhcpsnoop.data6Sock = socket(AF_PACKET, SOCK_RAW, htons(ETHER_TYPE_IPV6));
-    if (gDhcpsnoop.data6Sock < 0) {
-        DEBUG_EVENT("[DHCPSNOOP] Create data6_socket ERROR!\n\r");
-        return -1;
-    }
-    if (platform_packet_info_enable(gDhcpsnoop.data6Sock) != 0) {
-        perror("[DHCPSNOOP] data6_socket setsockopt failed\r\n");
-        return -1;
-    }
-    return 0;
+    if (platform_packet_info_enable(*sock) == 0)
+        return 0;
+    perror(noInfo);
+    return -1;
 }
 
 // Root's alone: the mode is narrowed before the path exists, so nobody else ever finds it open.
@@ -185,7 +175,10 @@ static int32_t start(uint16_t ifCount, uint16_t userCount, uint16_t serverCount,
     format_default(&gDhcpsnoop.interfaceIdFmt, optionMode, "%d %N:%s.%c");
     format_default(&gDhcpsnoop.remoteId6Fmt, optionMode, "%s.%c.%d:%N");
 
-    if (data_sockets_open() != 0)
+    if (data_socket_open(&gDhcpsnoop.dataSock, ETHER_TYPE_IPV4, "[DHCPSNOOP] Create data_socket ERROR!\n\r",
+                         "[DHCPSNOOP]dataSock setsockopt failed!\r\n") != 0 ||
+        data_socket_open(&gDhcpsnoop.data6Sock, ETHER_TYPE_IPV6, "[DHCPSNOOP] Create data6_socket ERROR!\n\r",
+                         "[DHCPSNOOP] data6_socket setsockopt failed\r\n") != 0)
         return -1;
     gDhcpsnoop.deftinstallCb = deftinstallHook;
     gDhcpsnoop.ipsgIfGet = ipsgHook;

@@ -26,18 +26,14 @@ void dhcpsnoop_user_timer_check(void)
     DEBUG_EVENT("[DHCPSNOOP] Timeout, check the user binding table!\r\n");
     prev_time = now;
 
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (user->userType != DHCPSNOOP_USER_DYNAMIC || !elapsed(now, user->leaseStart, user->leaseTime))
-                continue;
-            DEBUG_EVENT("[DHCPSNOOP] User time out, mac:%s.\r\n", mac_text(user->mac).text);
-            dhcpsnoop_user_delete(user);
-        }
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (user->userType != DHCPSNOOP_USER_DYNAMIC || !elapsed(now, user->leaseStart, user->leaseTime))
+            continue;
+        DEBUG_EVENT("[DHCPSNOOP] User time out, mac:%s.\r\n", mac_text(user->mac).text);
+        dhcpsnoop_user_delete(user);
     }
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.macUserHash) {
-        for (DhcpsnoopMacUser *macUser : list_each<DhcpsnoopMacUser>(&bucket)) {
-            if (elapsed(now, macUser->seenTime, macUser->ageTime))
-                dhcpsnoop_mac_user_delete(macUser);
-        }
+    for (DhcpsnoopMacUser *macUser : hash_each<DhcpsnoopMacUser>(gDhcpsnoop.macUserHash)) {
+        if (elapsed(now, macUser->seenTime, macUser->ageTime))
+            dhcpsnoop_mac_user_delete(macUser);
     }
 }

@@ -11,7 +11,7 @@
 #include "wire.h"
 
 static constexpr uint32_t OPTION_ROOM = 256; // header and data of an option whose length byte is at most 253
-static constexpr uint32_t TAIL_MAX = 256;    // what may stand from option 82 to the end of the message
+static constexpr uint32_t TAIL_MAX = 256;    // bytes from option 82 to the end of the message
 
 static constexpr uint32_t VENDOR_HEADER_LEN = 7; // enterprise number, length, code, length
 static constexpr uint8_t VENDOR_CODE = 4;

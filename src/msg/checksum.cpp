@@ -24,22 +24,30 @@ uint16_t checkdhcpsnoopsum(const uint8_t *buffer, int32_t length)
     return static_cast<uint16_t>(~sum);
 }
 
+uint16_t dhcpsnoop_udp_sum(const uint8_t *addresses, uint32_t addressesLen, const uint8_t *udpHeader,
+                           uint32_t length)
+{
+    const uint32_t headerLen = addressesLen + 4; // behind the addresses: zero, protocol, length
+    if (length + headerLen > SCRATCH_LEN)
+        return 0;
+    uint8_t scratch[SCRATCH_LEN] = {};
+    std::memcpy(scratch, addresses, addressesLen);
+    scratch[addressesLen + 1] = IP_PROTO_UDP;
+    wire_put16(scratch + addressesLen + 2, length);
+    std::memcpy(scratch + headerLen, udpHeader, length);
+
+    // Kept: RFC 768 sends a sum of zero as all ones; here it stays 0. Over IPv4 the datagram reads as one
+    // without checksum, over IPv6 (RFC 8200 8.1) the receiver discards it.
+    return checkdhcpsnoopsum(scratch, static_cast<int32_t>(length + headerLen));
+}
+
 uint16_t dhcpsnoop_get_udp_checksum(const uint8_t *ipHeader, uint8_t *udpHeader)
 {
     const uint32_t length = wire_get16(udpHeader + UDP_LENGTH);
     if (length + PSEUDO_HEADER_LEN > SCRATCH_LEN)
         return 0;
-
-    uint8_t scratch[SCRATCH_LEN] = {};
-    std::memcpy(scratch, ipHeader + IPV4_SRC, 8); // source and destination
-    scratch[9] = IP_PROTO_UDP;
-    wire_put16(scratch + 10, length);
     wire_put16(udpHeader + UDP_CHECKSUM, 0);
-    std::memcpy(scratch + PSEUDO_HEADER_LEN, udpHeader, length);
-
-    // Kept: RFC 768 sends a sum of zero as all ones; here it stays 0, and the datagram reads as one without
-    // checksum.
-    return checkdhcpsnoopsum(scratch, static_cast<int32_t>(length + PSEUDO_HEADER_LEN));
+    return dhcpsnoop_udp_sum(ipHeader + IPV4_SRC, PSEUDO_HEADER_LEN - 4, udpHeader, length);
 }
 
 static void lengths_change(DhcpsnoopPktInfo *info, uint32_t delta, bool grow)

@@ -44,9 +44,7 @@ static bool binding_matches(const DhcpsnoopPktInfo *info, const DhcpsnoopUser *u
     DEBUG_TRACE("[DHCPSNOOP] Check user bind entry.\r\n");
     if (user == nullptr || user->userType != DHCPSNOOP_USER_DYNAMIC)
         return true;
-    if (wire_get32(info->clientIp) == info->srcIp && info->chaddr != nullptr &&
-        std::memcmp(user->mac, info->chaddr, sizeof user->mac) == 0 && user->vid == place.vid &&
-        user->ifIndex == place.ifIndex)
+    if (wire_get32(info->clientIp) == info->srcIp && dhcpsnoop_user_is_at(user, info->chaddr, place))
         return true;
     info->ifp->counters[DHCPSNOOP_DROP_BINDING]++;
     DEBUG_TRACE("[DHCPSNOOP] User entry information mismatch, stop process!\r\n");
@@ -90,7 +88,7 @@ static bool bindings_follow(const DhcpsnoopPktInfo *info, const DhcpsnoopUserKey
     }
 }
 
-// Only the DHCP message leaves: the kernel builds its own headers, so those of the frame are not mended.
+// Only the DHCP message leaves: the kernel builds the headers, so the headers of the frame are not updated.
 static void relay(const DhcpsnoopPktInfo *info)
 {
     if (!has_bootp_header(info))
@@ -118,9 +116,7 @@ void dhcpsnoop_client_packet_recv(DhcpsnoopPktInfo *info)
     if (!source_mac_matches(info))
         return;
 
-    DhcpsnoopUserKey key = {};
-    key.ipType = DHCPSNOOP_IPV4;
-    std::memcpy(key.ipAddr, info->clientIp, sizeof info->clientIp);
+    const DhcpsnoopUserKey key = dhcpsnoop_user_key(DHCPSNOOP_IPV4, info->clientIp);
     DhcpsnoopUser *user = dhcpsnoop_user_lookup(&key);
 
     const bool readsCiaddr =

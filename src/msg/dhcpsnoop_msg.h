@@ -12,11 +12,18 @@ void dhcpsnoop_recv(DhcpsnoopRxPkt *rxpkt);
 int32_t dhcpsnoop_packet_parse(DhcpsnoopRxPkt *rxpkt, DhcpsnoopPktInfo *info, uint32_t fullParse);
 
 uint16_t checkdhcpsnoopsum(const uint8_t *buffer, int32_t length); // RFC 1071
-// 0 for a datagram too long to sum. Clears the checksum field of the header it is given.
+// The UDP checksum (RFC 768) under the source and destination addresses; 0 for a datagram too long to sum.
+uint16_t dhcpsnoop_udp_sum(const uint8_t *addresses, uint32_t addressesLen, const uint8_t *udpHeader,
+                           uint32_t length);
+// The same for an IPv4 datagram; 0 when it is too long. Clears the checksum field of the header it is given.
 uint16_t dhcpsnoop_get_udp_checksum(const uint8_t *ipHeader, uint8_t *udpHeader);
 // After the message grew (grow 1) or shrank by delta bytes: lengths and both checksums. Gives the UDP
 // checksum.
 uint16_t dhcpsnoop_update_checksum(DhcpsnoopPktInfo *info, uint32_t delta, uint32_t grow);
+
+// The six bytes by which options 82 and 18 name a circuit: VLAN, then system, slot, card and port of the
+// interface.
+void dhcpsnoop_circuit_data(uint32_t ifIndex, uint16_t vid, uint8_t out[6]);
 
 // Option 82 (RFC 3046). The builders give the bytes written, code and length included, 0 for none; `buffer`
 // must hold 768 bytes whatever the room.
@@ -44,6 +51,8 @@ void dhcpsnoop_udp_socket_send(const DhcpsnoopPktInfo *info, uint32_t fromAddr, 
 // Server to client.
 void dhcpsnoop_server_packet_recv(DhcpsnoopPktInfo *info);
 void dhcpsnoop_send_to_client(const DhcpsnoopPktInfo *info, const DhcpsnoopIf *egress, uint32_t vid);
+// To a client whose port is not known: one of the two below.
+void dhcpsnoop_flood(const DhcpsnoopPktInfo *info, uint32_t vid);
 void dhcpsnoop_broadcast_forwarding(const DhcpsnoopPktInfo *info,
                                     uint32_t vid); // a VLAN without VLAN interface
 void dhcpsnoop_npt_send_to_client(const DhcpsnoopPktInfo *info, uint32_t vid); // a VLAN with one

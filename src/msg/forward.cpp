@@ -12,6 +12,7 @@
 #include <sys/uio.h>
 
 #include "debug.h"
+#include "dhcpsnoop_if_table.h"
 #include "list.h"
 #include "protocol.h"
 #include "wire.h"
@@ -30,7 +31,7 @@ struct Outgoing {
 
 static int32_t port_query(uint32_t ifIndex, uint32_t attribute, uint32_t vid)
 {
-    // The platform's record may be longer than what is known of it.
+    // The platform's record may be longer than its known part.
     alignas(8) struct {
         SysIfQuery query;
         uint8_t rest[224];
@@ -43,18 +44,18 @@ static bool router_mode(const DhcpsnoopIf *ifp) { return (ifp->flags & DHCPSNOOP
 
 static bool enabled(const DhcpsnoopIf *ifp) { return (ifp->flags & DHCPSNOOP_IF_IN_USE) != 0; }
 
-static uint32_t port_tpid_raw(uint32_t ifIndex)
+static uint32_t port_tpid(uint32_t ifIndex)
 {
     uint32_t tpid = 0;
     qorIfGetApi(ifIndex, QOR_IF_TPID, &tpid);
     return tpid;
 }
 
-static uint32_t port_tpid(uint32_t ifIndex)
+static uint32_t port_tpid_traced(uint32_t ifIndex)
 {
-    const uint32_t tpid = port_tpid_raw(ifIndex);
+    const uint32_t tpid = port_tpid(ifIndex);
     DEBUG_TRACE("[DHCPSNOOP] TPID of this interface is 0x%0x.\r\n", tpid);
-    return tpid != 0 ? tpid : TPID_8021Q;
+    return tpid;
 }
 
 // How an egress port wants the frame.
@@ -64,6 +65,13 @@ struct PortTagging {
     uint32_t vid;  // of a tag that is added
     bool renumber; // a tag that is kept gets `vid` too
 };
+
+// `tpid` as the platform gave it. A routed port is not asked: it sends without a tag.
+static PortTagging tagging(uint32_t ifIndex, uint32_t tpid, bool routed, uint32_t vid, bool renumber)
+{
+    return {tpid != 0 ? tpid : TPID_8021Q, routed || port_query(ifIndex, QOR_SYS_UNTAGGED, vid) != 0, vid,
+            renumber};
+}
 
 static bool frame_for_port(const DhcpsnoopPktInfo *info, const PortTagging &port, Outgoing *out)
 {
@@ -120,83 +128,61 @@ static bool trusted_egress(const DhcpsnoopIf *ifp)
     return enabled(ifp) && (ifp->flags & DHCPSNOOP_IF_TRUSTED) != 0;
 }
 
-void dhcpsnoop_send_to_server(const DhcpsnoopPktInfo *info)
+// Out of every trusted interface but the one that the frame came in on. A frame on a VLAN interface leaves by
+// ports only, and every one of them is asked, routed or not.
+static void send_to_servers(const DhcpsnoopPktInfo *info, bool onVlanIf)
 {
     if (!sendable(info) || info->ifp == nullptr)
         return;
+    const uint32_t ingress = onVlanIf ? info->ifIndex : info->ifp->ifIndex;
     for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        if (ifp->ifIndex == info->ifp->ifIndex || !trusted_egress(ifp))
+        if (ifp->ifIndex == ingress || (onVlanIf && ifp->isVlanIf != 0) || !trusted_egress(ifp))
             continue;
-        if (!router_mode(ifp) && port_query(ifp->ifIndex, QOR_SYS_EXCLUDED, info->svlan) != 0)
+        const bool routed = !onVlanIf && router_mode(ifp);
+        if (!routed && port_query(ifp->ifIndex, QOR_SYS_EXCLUDED, info->svlan) != 0)
             continue;
-
-        PortTagging port = {port_tpid(ifp->ifIndex), true, info->svlan, false};
-        if (!router_mode(ifp))
-            port.untagged = port_query(ifp->ifIndex, QOR_SYS_UNTAGGED, info->svlan) != 0;
         Outgoing out;
-        if (!frame_for_port(info, port, &out))
+        if (!frame_for_port(info,
+                            tagging(ifp->ifIndex, port_tpid_traced(ifp->ifIndex), routed, info->svlan, false),
+                            &out))
             continue;
-        DEBUG_TRACE("[DHCPSNOOP] Send message to server, len is %d buflen is %d.\r\n", info->frameLen,
-                    out.length);
+        DEBUG_TRACE(onVlanIf ? "[DHCPSNOOP] Npt send message to server, len is %d buflen is %d.\r\n"
+                             : "[DHCPSNOOP] Send message to server, len is %d buflen is %d.\r\n",
+                    info->frameLen, out.length);
         if (send_frame(info, ifp->ifIndex, out))
             continue;
-        if (ipv6(info))
-            DEBUG_TRACE("[DHCPSNOOP] Send v6 message to server failed!\r\n");
+        if (onVlanIf)
+            DEBUG_TRACE(ipv6(info) ? "[DHCPSNOOP] Npt send v6 message to server failed!\r\n"
+                                   : "[DHCPSNOOP] Npt send message to server failed!\r\n");
         else
-            DEBUG_TRACE("[DHCPSNOOP] Send message to server failed!\r\n");
+            DEBUG_TRACE(ipv6(info) ? "[DHCPSNOOP] Send v6 message to server failed!\r\n"
+                                   : "[DHCPSNOOP] Send message to server failed!\r\n");
     }
 }
 
-void dhcpsnoop_npt_send_to_server(const DhcpsnoopPktInfo *info)
-{
-    if (!sendable(info) || info->ifp == nullptr)
-        return;
-    for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        if (ifp->ifIndex == info->ifIndex || ifp->isVlanIf != 0 || !trusted_egress(ifp))
-            continue;
-        if (port_query(ifp->ifIndex, QOR_SYS_EXCLUDED, info->svlan) != 0)
-            continue;
+void dhcpsnoop_send_to_server(const DhcpsnoopPktInfo *info) { send_to_servers(info, false); }
 
-        PortTagging port = {port_tpid(ifp->ifIndex), false, info->svlan, false};
-        port.untagged = port_query(ifp->ifIndex, QOR_SYS_UNTAGGED, info->svlan) != 0;
-        Outgoing out;
-        if (!frame_for_port(info, port, &out))
-            continue;
-        DEBUG_TRACE("[DHCPSNOOP] Npt send message to server, len is %d buflen is %d.\r\n", info->frameLen,
-                    out.length);
-        if (send_frame(info, ifp->ifIndex, out))
-            continue;
-        if (ipv6(info))
-            DEBUG_TRACE("[DHCPSNOOP] Npt send v6 message to server failed!\r\n");
-        else
-            DEBUG_TRACE("[DHCPSNOOP] Npt send message to server failed!\r\n");
-    }
-}
+void dhcpsnoop_npt_send_to_server(const DhcpsnoopPktInfo *info) { send_to_servers(info, true); }
 
 void dhcpsnoop_send_to_client(const DhcpsnoopPktInfo *info, const DhcpsnoopIf *egress, uint32_t vid)
 {
     if (!sendable(info) || egress == nullptr)
         return;
     // Kept: only -1 stops the frame here; the other senders skip a port on any non-zero answer.
-    if (!router_mode(egress) && port_query(egress->ifIndex, QOR_SYS_EXCLUDED, vid) == -1)
+    const bool routed = router_mode(egress);
+    if (!routed && port_query(egress->ifIndex, QOR_SYS_EXCLUDED, vid) == -1)
         return;
-
     // Kept: a tag that stays keeps its VLAN even when that is not the client's (a server's reply to our
     // relay); the floods renumber it.
-    PortTagging port = {port_tpid(egress->ifIndex), true, vid, false};
-    if (!router_mode(egress))
-        port.untagged = port_query(egress->ifIndex, QOR_SYS_UNTAGGED, vid) != 0;
     Outgoing out;
-    if (!frame_for_port(info, port, &out))
+    if (!frame_for_port(info, tagging(egress->ifIndex, port_tpid_traced(egress->ifIndex), routed, vid, false),
+                        &out))
         return;
     DEBUG_TRACE("[DHCPSNOOP] Send message to client, len is %d buflen is %d.\r\n", info->frameLen,
                 out.length);
-    if (send_frame(info, egress->ifIndex, out))
-        return;
-    if (ipv6(info))
-        DEBUG_TRACE("[DHCPSNOOP] Send v6 message to client failed!\r\n");
-    else
-        DEBUG_TRACE("[DHCPSNOOP] Send message to client failed!\r\n");
+    if (!send_frame(info, egress->ifIndex, out))
+        DEBUG_TRACE(ipv6(info) ? "[DHCPSNOOP] Send v6 message to client failed!\r\n"
+                               : "[DHCPSNOOP] Send message to client failed!\r\n");
 }
 
 void dhcpsnoop_broadcast_forwarding(const DhcpsnoopPktInfo *info, uint32_t vid)
@@ -210,20 +196,14 @@ void dhcpsnoop_broadcast_forwarding(const DhcpsnoopPktInfo *info, uint32_t vid)
             continue;
         if (!enabled(ifp))
             continue;
-
-        const uint32_t tpid = port_tpid_raw(ifp->ifIndex);
-        PortTagging port = {tpid != 0 ? tpid : TPID_8021Q, false, vid, info->svlan != vid};
-        port.untagged = port_query(ifp->ifIndex, QOR_SYS_UNTAGGED, vid) != 0;
         Outgoing out;
-        if (!frame_for_port(info, port, &out))
+        if (!frame_for_port(
+                info, tagging(ifp->ifIndex, port_tpid(ifp->ifIndex), false, vid, info->svlan != vid), &out))
             continue;
         DEBUG_TRACE("[DHCPSNOOP] Send broadcast message, len is %d.\r\n", info->frameLen);
-        if (send_frame(info, ifp->ifIndex, out))
-            continue;
-        if (ipv6(info))
-            DEBUG_TRACE("[DHCPSNOOP] Send v6 broadcast message failed!\r\n");
-        else
-            DEBUG_TRACE("[DHCPSNOOP] Send broadcast message failed!\r\n");
+        if (!send_frame(info, ifp->ifIndex, out))
+            DEBUG_TRACE(ipv6(info) ? "[DHCPSNOOP] Send v6 broadcast message failed!\r\n"
+                                   : "[DHCPSNOOP] Send broadcast message failed!\r\n");
     }
 }
 
@@ -243,20 +223,28 @@ void dhcpsnoop_npt_send_to_client(const DhcpsnoopPktInfo *info, uint32_t vid)
         std::memcpy(&ifIndex, members + i * 4, sizeof ifIndex);
 
         // Kept: every member gets the frame, the port it came in on and ports without snooping among them.
-        PortTagging port = {port_tpid(ifIndex), false, vid, info->svlan != vid};
-        port.untagged = port_query(ifIndex, QOR_SYS_UNTAGGED, vid) != 0;
         Outgoing out;
-        if (!frame_for_port(info, port, &out))
+        if (!frame_for_port(info, tagging(ifIndex, port_tpid_traced(ifIndex), false, vid, info->svlan != vid),
+                            &out))
             continue;
         DEBUG_TRACE("[DHCPSNOOP] Npt send message to client(port %d), len is %d buflen is %d.\r\n", ifIndex,
                     info->frameLen, out.length);
-        if (send_frame(info, ifIndex, out))
-            continue;
-        if (ipv6(info))
-            DEBUG_TRACE("[DHCPSNOOP] Npt send v6 message to client failed, dest port = %d!\r\n", ifIndex);
-        else
-            DEBUG_TRACE("[DHCPSNOOP] Npt send message to client failed, dest port = %d!\r\n", ifIndex);
+        if (!send_frame(info, ifIndex, out))
+            DEBUG_TRACE(ipv6(info) ? "[DHCPSNOOP] Npt send v6 message to client failed, dest port = %d!\r\n"
+                                   : "[DHCPSNOOP] Npt send message to client failed, dest port = %d!\r\n",
+                        ifIndex);
     }
+}
+
+void dhcpsnoop_flood(const DhcpsnoopPktInfo *info, uint32_t vid)
+{
+    if (dhcpsnoop_if_lookup_by_vid(vid) != nullptr) {
+        dhcpsnoop_npt_send_to_client(info, vid);
+        return;
+    }
+    if (ipv6(info))
+        DEBUG_TRACE("[DHCPSNOOP] Vlan %d is disable!\r\n", vid);
+    dhcpsnoop_broadcast_forwarding(info, vid);
 }
 
 void dhcpsnoop_udp_socket_send(const DhcpsnoopPktInfo *info, uint32_t fromAddr, uint32_t toAddr)

@@ -17,8 +17,8 @@ uint8_t *frame_message_end(const DhcpsnoopPktInfo *info);
 // True when the message can grow by `growth` and `count` bytes can be written at `at`. Nothing is written.
 bool frame_can_put(const DhcpsnoopPktInfo *info, const uint8_t *at, uint32_t count, uint32_t growth);
 
-// Moves what stands from `at` to the end of the message up, to make room for `count` bytes. The caller has
+// Moves the bytes from `at` to the end of the message up, to make room for `count` bytes. The caller has
 // asked frame_can_put for the moved range, and writes the bytes and grows the message.
 void frame_open_gap(DhcpsnoopPktInfo *info, uint8_t *at, uint32_t count);
-// Moves what stands behind `count` bytes at `at` down over them.
+// Moves the rest of the message down over `count` bytes at `at`.
 void frame_close_gap(DhcpsnoopPktInfo *info, uint8_t *at, uint32_t count);

@@ -3,7 +3,6 @@
 // its own, compared and stripped on the way back. Every refusal leaves the frame as it was.
 #include "dhcpsnoop_msg.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "debug.h"
@@ -21,37 +20,26 @@ static constexpr uint32_t VENDOR_BLOCK_LEN = 7; // enterprise number, length, co
 static constexpr uint32_t OPTION82_ROOM = 768;
 static constexpr uint32_t OPTION_LEN_MAX = 255;
 
-// One of the two identifier sub-options: where its settings are.
-struct Identifier {
-    uint8_t code;
-    uint8_t mode;                          // the interface's, 0 = the global one
-    const uint8_t *text;                   // the interface's
-    uint32_t length;                       // of it
-    const DhcpsnoopOptionFormat *fallback; // the global one
-};
-
-static uint32_t build_template(const DhcpsnoopPktInfo *info, const Identifier &id, uint8_t *buffer,
-                               uint32_t room)
+static uint32_t build_template(const DhcpsnoopPktInfo *info, uint8_t code, const DhcpsnoopOptionText &option,
+                               uint8_t *buffer, uint32_t room)
 {
-    const bool own = id.mode != 0;
-    const uint32_t length =
-        dhcpsnoop_format_print(info, own ? id.text : id.fallback->text, own ? id.length : id.fallback->len,
-                               buffer + OPT_DATA, room < OPT_HEADER_LEN ? 0 : room - OPT_HEADER_LEN);
+    const uint32_t length = dhcpsnoop_option_print(info, option, buffer + OPT_DATA,
+                                                   room < OPT_HEADER_LEN ? 0 : room - OPT_HEADER_LEN);
     if (length == 0)
         return 0;
-    buffer[0] = id.code;
+    buffer[0] = code;
     buffer[OPT_LEN] = static_cast<uint8_t>(length);
     return OPT_HEADER_LEN + length;
 }
 
 // `value` is generated when `type` says so, configured text otherwise.
-static uint32_t build_value(const Identifier &id, bool typed, uint8_t type, const uint8_t *value,
-                            uint32_t length, uint8_t *buffer, uint32_t room)
+static uint32_t build_value(uint8_t code, bool typed, uint8_t type, const uint8_t *value, uint32_t length,
+                            uint8_t *buffer, uint32_t room)
 {
     const uint32_t header = OPT_HEADER_LEN + (typed ? 2 : 0);
     if (header + length > room)
         return 0;
-    buffer[0] = id.code;
+    buffer[0] = code;
     buffer[OPT_LEN] = static_cast<uint8_t>(header - OPT_HEADER_LEN + length);
     if (typed) {
         buffer[OPT_DATA] = type;
@@ -63,53 +51,52 @@ static uint32_t build_value(const Identifier &id, bool typed, uint8_t type, cons
 
 // `generate` fills GENERATED_LEN bytes; it is called only when they are needed.
 template <class Generate>
-static uint32_t build_identifier(const DhcpsnoopPktInfo *info, const Identifier &id, uint8_t *buffer,
-                                 uint32_t room, Generate generate)
+static uint32_t build_identifier(const DhcpsnoopPktInfo *info, uint8_t code,
+                                 const DhcpsnoopOptionText &option, uint8_t *buffer, uint32_t room,
+                                 Generate generate)
 {
-    const uint32_t mode = id.mode != 0 ? id.mode : id.fallback->mode;
+    if (info == nullptr || info->ifp == nullptr || buffer == nullptr)
+        return 0;
+    const uint32_t mode = option_text_mode(info->ifp, option);
     if (mode == DHCPSNOOP_FORMAT_TEMPLATE)
-        return build_template(info, id, buffer, room);
+        return build_template(info, code, option, buffer, room);
     if (mode != DHCPSNOOP_FORMAT_TYPED && mode != DHCPSNOOP_FORMAT_RAW)
         return 0;
 
     // Kept: whichever record the mode came from, the text is the interface's own; a global text serves
     // templates only.
     const bool typed = mode == DHCPSNOOP_FORMAT_TYPED;
-    if (id.length != 0)
-        return build_value(id, typed, DHCPSNOOP_TYPE_TEXT, id.text, id.length, buffer, room);
+    const uint32_t length = option_text_length(info->ifp, option);
+    if (length != 0)
+        return build_value(code, typed, DHCPSNOOP_TYPE_TEXT, info->ifp->*option.text, length, buffer, room);
     uint8_t generated[GENERATED_LEN];
     generate(generated);
-    return build_value(id, typed, DHCPSNOOP_TYPE_GENERATED, generated, sizeof generated, buffer, room);
+    return build_value(code, typed, DHCPSNOOP_TYPE_GENERATED, generated, sizeof generated, buffer, room);
+}
+
+void dhcpsnoop_circuit_data(uint32_t ifIndex, uint16_t vid, uint8_t out[6])
+{
+    uint32_t location[QOR_LOCATION_WORDS] = {};
+    qorIndexTrans(&ifIndex, QOR_TRANS_LOCATION, location);
+    wire_put16(out, vid);
+    out[2] = static_cast<uint8_t>(location[QOR_LOCATION_SYSTEM]);
+    out[3] = static_cast<uint8_t>(location[QOR_LOCATION_SLOT]);
+    out[4] = static_cast<uint8_t>(location[QOR_LOCATION_CARD]);
+    out[5] = static_cast<uint8_t>(location[QOR_LOCATION_PORT]);
 }
 
 uint32_t dhcpsnoop_build_subopt_circid(const DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room)
 {
-    if (info == nullptr || info->ifp == nullptr || buffer == nullptr)
-        return 0;
-    const DhcpsnoopIf *ifp = info->ifp;
-    const Identifier id = {RELAY_SUBOPT_CIRCUIT_ID, ifp->circuitIdFmt, ifp->circuitId,
-                           std::min(uint32_t{ifp->circuitIdLen}, DHCPSNOOP_TEXT_MAX),
-                           &gDhcpsnoop.circuitIdFmt};
-    return build_identifier(info, id, buffer, room, [info](uint8_t *out) {
-        uint32_t location[QOR_LOCATION_WORDS] = {};
-        qorIndexTrans(&info->ifIndex, QOR_TRANS_LOCATION, location);
-        wire_put16(out, info->svlan);
-        out[2] = static_cast<uint8_t>(location[QOR_LOCATION_SYSTEM]);
-        out[3] = static_cast<uint8_t>(location[QOR_LOCATION_SLOT]);
-        out[4] = static_cast<uint8_t>(location[QOR_LOCATION_CARD]);
-        out[5] = static_cast<uint8_t>(location[QOR_LOCATION_PORT]);
-    });
+    return build_identifier(
+        info, RELAY_SUBOPT_CIRCUIT_ID, OPTION_TEXT_CIRCUIT_ID, buffer, room,
+        [info](uint8_t *out) { dhcpsnoop_circuit_data(info->ifIndex, info->svlan, out); });
 }
 
 uint32_t dhcpsnoop_build_subopt_remoteid(const DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t room)
 {
-    if (info == nullptr || info->ifp == nullptr || buffer == nullptr)
-        return 0;
-    const DhcpsnoopIf *ifp = info->ifp;
-    const Identifier id = {RELAY_SUBOPT_REMOTE_ID, ifp->remoteIdFmt, ifp->remoteId,
-                           std::min(uint32_t{ifp->remoteIdLen}, DHCPSNOOP_TEXT_MAX), &gDhcpsnoop.remoteIdFmt};
-    return build_identifier(info, id, buffer, room,
-                            [ifp](uint8_t *out) { std::memcpy(out, ifp->mac, sizeof ifp->mac); });
+    return build_identifier(
+        info, RELAY_SUBOPT_REMOTE_ID, OPTION_TEXT_REMOTE_ID, buffer, room,
+        [info](uint8_t *out) { std::memcpy(out, info->ifp->mac, sizeof info->ifp->mac); });
 }
 
 uint32_t dhcpsnoop_build_subopt9(uint8_t *buffer, const DhcpsnoopIf *ifp, uint32_t withHeader)
@@ -117,7 +104,7 @@ uint32_t dhcpsnoop_build_subopt9(uint8_t *buffer, const DhcpsnoopIf *ifp, uint32
     if (buffer == nullptr || ifp == nullptr || (ifp->flags & DHCPSNOOP_IF_SUBOPT9) == 0)
         return 0;
     const void *text = ifp->subopt9;
-    uint32_t length = std::min(uint32_t{ifp->subopt9Len}, DHCPSNOOP_TEXT_MAX);
+    uint32_t length = option_text_length(ifp, OPTION_TEXT_SUBOPT9);
     if (length == 0) {
         const char *hostName = nmGetHostname();
         if (hostName == nullptr || hostName[0] == '\0')
@@ -168,7 +155,7 @@ int32_t dhcpsnoop_insert_opt82(DhcpsnoopPktInfo *info, const uint8_t *option, ui
 {
     if (info == nullptr || option == nullptr || info->optEnd == nullptr)
         return -1;
-    // Over the end option and what follows it; the new end option comes with the built one.
+    // Over the end option and the bytes behind it; `option` brings a new end option.
     if (!frame_can_put(info, info->optEnd, length + 1, length))
         return -1;
     std::memcpy(info->optEnd, option, length + 1);
@@ -188,7 +175,7 @@ int32_t dhcpsnoop_append_subopt9(DhcpsnoopPktInfo *info)
         return 0;
     block[length] = DHCP_OPT_END;
 
-    // Sub-option 9 is taken to be the last thing before the end option: what follows it is overwritten.
+    // Sub-option 9 counts as the last item before the end option: bytes behind it are overwritten.
     uint8_t *at = info->subopt9 + OPT_DATA + info->subopt9[OPT_LEN];
     if (!frame_can_put(info, at, length + 1, length))
         return 0;
@@ -245,8 +232,8 @@ static uint32_t remote_id_value_offset(uint32_t mode)
 
 static uint32_t remote_id_length(const DhcpsnoopIf *ifp)
 {
-    return ifp->remoteIdLen != 0 ? std::min(uint32_t{ifp->remoteIdLen}, DHCPSNOOP_TEXT_MAX)
-                                 : static_cast<uint32_t>(sizeof ifp->mac);
+    const uint32_t length = option_text_length(ifp, OPTION_TEXT_REMOTE_ID);
+    return length != 0 ? length : static_cast<uint32_t>(sizeof ifp->mac);
 }
 
 uint32_t dhcpsnoop_remote_id_span(const DhcpsnoopIf *ifp, uint32_t mode)

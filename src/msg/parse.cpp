@@ -14,45 +14,21 @@
 
 static constexpr uint32_t VLAN_NONE = 4096; // in the trace, "no service VLAN"
 
-// Which lengths of an option are taken; the others are complained of and the option is skipped.
-enum class LengthRule { any, not_zero, one, four, multiple_of_four };
-
-static bool length_fits(LengthRule rule, uint32_t length)
-{
-    switch (rule) {
-    case LengthRule::any:
-        return true;
-    case LengthRule::not_zero:
-        return length != 0;
-    case LengthRule::one:
-        return length == 1;
-    case LengthRule::four:
-        return length == 4;
-    case LengthRule::multiple_of_four:
-        return length % 4 == 0;
-    }
-    return false;
-}
-
-static void length_complain(LengthRule rule)
-{
-    switch (rule) {
-    case LengthRule::any:
-        break;
-    case LengthRule::not_zero:
-        DEBUG_TRACE("[DHCPSNOOP] option60 length must be larger than 1 octets.\r\n");
-        break;
-    case LengthRule::one:
-        DEBUG_TRACE("[DHCPSNOOP] Option length must be 1 octets.\r\n");
-        break;
-    case LengthRule::four:
-        DEBUG_TRACE("[DHCPSNOOP] Option length must be 4 octets.\r\n");
-        break;
-    case LengthRule::multiple_of_four:
-        DEBUG_TRACE("[DHCPSNOOP] Option length must always be a multiple of 4.\r\n");
-        break;
-    }
-}
+// Which lengths of an option are taken; of the others it is complained, and the option is skipped.
+struct LengthRule {
+    bool (*fits)(uint32_t length);
+    const char *complaint;
+};
+static constexpr LengthRule ANY = {[](uint32_t) { return true; }, nullptr};
+static constexpr LengthRule NOT_ZERO = {[](uint32_t length) { return length != 0; },
+                                        "[DHCPSNOOP] option60 length must be larger than 1 octets.\r\n"};
+static constexpr LengthRule ONE = {[](uint32_t length) { return length == 1; },
+                                   "[DHCPSNOOP] Option length must be 1 octets.\r\n"};
+static constexpr LengthRule FOUR = {[](uint32_t length) { return length == 4; },
+                                    "[DHCPSNOOP] Option length must be 4 octets.\r\n"};
+static constexpr LengthRule MULTIPLE_OF_FOUR = {
+    [](uint32_t length) { return length % 4 == 0; },
+    "[DHCPSNOOP] Option length must always be a multiple of 4.\r\n"};
 
 static void client_ip_take(DhcpsnoopPktInfo *info, const uint8_t *address)
 {
@@ -62,41 +38,34 @@ static void client_ip_take(DhcpsnoopPktInfo *info, const uint8_t *address)
 
 struct OptionRule {
     uint8_t code;
-    LengthRule length;
+    const LengthRule *length;
     void (*record)(DhcpsnoopPktInfo *info, uint8_t *option);
 };
 
 // Kept: a router option of length 0 passes, and the four bytes that follow it are read.
+// clang-format off
 static constexpr OptionRule OPTION_RULES[] = {
-    {DHCP_OPT_ROUTER,       LengthRule::multiple_of_four,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { info->router = frame_get32(info, option + OPT_DATA); }},
-    {DHCP_OPT_REQUESTED_IP, LengthRule::four,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { client_ip_take(info, option + OPT_DATA); }            },
-    {DHCP_OPT_LEASE_TIME,   LengthRule::four,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { info->leaseTime = wire_get32(option + OPT_DATA); }    },
-    {DHCP_OPT_MESSAGE_TYPE, LengthRule::one,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { info->msgType = option[OPT_DATA]; }                   },
-    {DHCP_OPT_SERVER_ID,    LengthRule::four,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { info->serverId = wire_get32(option + OPT_DATA); }     },
-    {DHCP_OPT_VENDOR_CLASS, LengthRule::not_zero,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { info->opt60 = option; }                               },
-    {DHCP_OPT_BOOT_FILE,    LengthRule::any,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { info->opt67 = option; }                               },
-    {DHCP_OPT_RELAY_INFO,   LengthRule::any,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { info->opt82 = option; }                               },
-    {DHCP_OPT_VI_VENDOR,    LengthRule::any,
-     [](DhcpsnoopPktInfo *info, uint8_t *option) { info->opt125 = option; }                              },
+    {DHCP_OPT_ROUTER,       &MULTIPLE_OF_FOUR, [](DhcpsnoopPktInfo *info, uint8_t *option) { info->router = frame_get32(info, option + OPT_DATA); }},
+    {DHCP_OPT_REQUESTED_IP, &FOUR,             [](DhcpsnoopPktInfo *info, uint8_t *option) { client_ip_take(info, option + OPT_DATA); }},
+    {DHCP_OPT_LEASE_TIME,   &FOUR,             [](DhcpsnoopPktInfo *info, uint8_t *option) { info->leaseTime = wire_get32(option + OPT_DATA); }},
+    {DHCP_OPT_MESSAGE_TYPE, &ONE,              [](DhcpsnoopPktInfo *info, uint8_t *option) { info->msgType = option[OPT_DATA]; }},
+    {DHCP_OPT_SERVER_ID,    &FOUR,             [](DhcpsnoopPktInfo *info, uint8_t *option) { info->serverId = wire_get32(option + OPT_DATA); }},
+    {DHCP_OPT_VENDOR_CLASS, &NOT_ZERO,         [](DhcpsnoopPktInfo *info, uint8_t *option) { info->opt60 = option; }},
+    {DHCP_OPT_BOOT_FILE,    &ANY,              [](DhcpsnoopPktInfo *info, uint8_t *option) { info->opt67 = option; }},
+    {DHCP_OPT_RELAY_INFO,   &ANY,              [](DhcpsnoopPktInfo *info, uint8_t *option) { info->opt82 = option; }},
+    {DHCP_OPT_VI_VENDOR,    &ANY,              [](DhcpsnoopPktInfo *info, uint8_t *option) { info->opt125 = option; }},
 };
+// clang-format on
 
 static void option_take(DhcpsnoopPktInfo *info, uint8_t *option)
 {
     for (const OptionRule &rule : OPTION_RULES) {
         if (rule.code != *option)
             continue;
-        if (length_fits(rule.length, option[OPT_LEN]))
+        if (rule.length->fits(option[OPT_LEN]))
             rule.record(info, option);
         else
-            length_complain(rule.length);
+            DEBUG_TRACE("%s", rule.length->complaint);
     }
 }
 
@@ -203,7 +172,7 @@ static int32_t ipv4_parse(DhcpsnoopPktInfo *info, uint32_t fullParse)
 
     info->srcIp = wire_get32(info->ipHdr + IPV4_SRC);
     info->ipBodyLen = totalLen - info->ipHdrLen;
-    // Kept: 16-bit arithmetic. What it lets through is bounded where the UDP datagram is.
+    // Kept: 16-bit arithmetic. The check of the UDP datagram bounds a length that wraps here.
     const uint32_t needed = (info->ipBodyLen + info->ipHdrLen + info->l2HdrLen) & 0xFFFF;
     if (info->rxLen < needed)
         return DEBUG_REJECT(

@@ -1,5 +1,5 @@
 // The one entry of every trapped frame: parsed, checked against the IP versions that its interface snoops,
-// traced, and handed to the path of its direction. Nothing is kept of a frame but what the paths record.
+// traced, and handed to the path of its direction. Of a frame only the records of the paths stay.
 #include "dhcpsnoop_msg.h"
 
 #include <ctime>

@@ -15,14 +15,14 @@
 
 static constexpr uint32_t HOOK_BUFFER_LEN = 256;
 
-// What the auto-provisioning hook may give for an acknowledgement. The length is the room on entry and what
-// to insert afterwards.
+// Data of the auto-provisioning hook for an acknowledgement. The length is the room on entry, and the count
+// of bytes to insert afterwards.
 struct HookBuffer {
     uint8_t bytes[HOOK_BUFFER_LEN] = {};
     QorBuffer buffer = {bytes, HOOK_BUFFER_LEN};
 };
 
-// Where a reply goes: out of `egress`, or flooded in `vid` when that is null.
+// Way of a reply: out of `egress`, or flooded in `vid` when `egress` is null.
 struct Destination {
     const DhcpsnoopIf *egress;
     uint32_t vid;
@@ -48,12 +48,9 @@ static DhcpsnoopUser *dynamic_user_by_mac(const uint8_t *mac)
 {
     if (mac == nullptr)
         return nullptr;
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (user->userType == DHCPSNOOP_USER_DYNAMIC &&
-                std::memcmp(user->mac, mac, sizeof user->mac) == 0)
-                return user;
-        }
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (user->userType == DHCPSNOOP_USER_DYNAMIC && std::memcmp(user->mac, mac, sizeof user->mac) == 0)
+            return user;
     }
     return nullptr;
 }
@@ -138,16 +135,6 @@ static void option82_remove(DhcpsnoopPktInfo *info, const DhcpsnoopIf *egress)
         dhcpsnoop_strip_option(info);
 }
 
-static void flood(const DhcpsnoopPktInfo *info, uint32_t vid)
-{
-    DEBUG_TRACE("[DHCPSNOOP] Broadcast packet to client,inport %d,vid %d,len %d.\r\n", info->ifp->ifIndex,
-                vid, info->frameLen);
-    if (dhcpsnoop_if_lookup_by_vid(vid) != nullptr)
-        dhcpsnoop_npt_send_to_client(info, vid);
-    else
-        dhcpsnoop_broadcast_forwarding(info, vid);
-}
-
 void dhcpsnoop_server_packet_recv(DhcpsnoopPktInfo *info)
 {
     if (info == nullptr || info->ifp == nullptr)
@@ -177,7 +164,9 @@ void dhcpsnoop_server_packet_recv(DhcpsnoopPktInfo *info)
         break;
     }
     if (to.egress == nullptr) {
-        flood(info, to.vid);
+        DEBUG_TRACE("[DHCPSNOOP] Broadcast packet to client,inport %d,vid %d,len %d.\r\n", info->ifp->ifIndex,
+                    to.vid, info->frameLen);
+        dhcpsnoop_flood(info, to.vid);
         return;
     }
 

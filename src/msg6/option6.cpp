@@ -7,6 +7,7 @@
 
 #include "debug.h"
 #include "dhcpsnoop_format.h"
+#include "dhcpsnoop_msg.h"
 #include "frame_edit.h"
 #include "protocol.h"
 #include "wire.h"
@@ -21,44 +22,24 @@ static bool is_template(uint32_t mode) { return mode == 1 || mode == 2 || mode =
 // Kept: the inner length at 1 says 6, though eight bytes of circuit data follow.
 static void default_data(const DhcpsnoopPktInfo *info, uint8_t *out)
 {
-    uint32_t location[QOR_LOCATION_WORDS] = {};
-    qorIndexTrans(&info->ifp->ifIndex, QOR_TRANS_LOCATION, location);
-    out[0] = 1;
-    out[1] = 6;
-    out[2] = 0;
-    out[3] = 6;
-    wire_put16(out + 4, info->svlan);
-    out[6] = static_cast<uint8_t>(location[QOR_LOCATION_SYSTEM]);
-    out[7] = static_cast<uint8_t>(location[QOR_LOCATION_SLOT]);
-    out[8] = static_cast<uint8_t>(location[QOR_LOCATION_CARD]);
-    out[9] = static_cast<uint8_t>(location[QOR_LOCATION_PORT]);
-    out[10] = 2;
-    out[11] = 8;
-    out[12] = 0;
-    out[13] = 6;
+    static constexpr uint8_t circuit[] = {1, 6, 0, 6}, remote[] = {2, 8, 0, 6};
+    std::memcpy(out, circuit, sizeof circuit);
+    dhcpsnoop_circuit_data(info->ifp->ifIndex, info->svlan, out + 4);
+    std::memcpy(out + 10, remote, sizeof remote);
     std::memcpy(out + 14, info->ifp->mac, sizeof info->ifp->mac);
 }
 
-// One of the two options' settings: the interface's, and the global one.
-struct Settings {
-    uint8_t mode; // 0 = the global one
-    const uint8_t *text;
-    uint32_t length;
-    const DhcpsnoopOptionFormat *fallback;
-};
-
 // The option's data at `out`; gives its length, 0 when a template rendered to nothing.
-static uint32_t build_data(const DhcpsnoopPktInfo *info, const Settings &settings, uint8_t *out,
+static uint32_t build_data(const DhcpsnoopPktInfo *info, const DhcpsnoopOptionText &option, uint8_t *out,
                            uint32_t size)
 {
-    const bool own = settings.mode != 0;
-    if (is_template(own ? settings.mode : settings.fallback->mode))
-        return dhcpsnoop_format_print(info, own ? settings.text : settings.fallback->text,
-                                      own ? settings.length : settings.fallback->len, out, size);
+    if (is_template(option_text_mode(info->ifp, option)))
+        return dhcpsnoop_option_print(info, option, out, size);
     // The interface's string also when the mode is the global one.
-    if (settings.length != 0) {
-        std::memcpy(out, settings.text, settings.length);
-        return settings.length;
+    const uint32_t length = option_text_length(info->ifp, option);
+    if (length != 0) {
+        std::memcpy(out, info->ifp->*option.text, length);
+        return length;
     }
     default_data(info, out);
     return DEFAULT_DATA_LEN;
@@ -68,12 +49,8 @@ uint32_t dhcp6snoop_construct_opt18(const DhcpsnoopPktInfo *info, uint8_t *buffe
 {
     if (info == nullptr || buffer == nullptr || info->ifp == nullptr)
         return 0;
-    const DhcpsnoopIf *ifp = info->ifp;
-    const Settings settings = {ifp->interfaceIdFmt, ifp->interfaceId,
-                               std::min(uint32_t{ifp->interfaceIdLen}, DHCPSNOOP_TEXT_MAX),
-                               &gDhcpsnoop.interfaceIdFmt};
     wire_put16(buffer + DHCP6_OPT_CODE, DHCP6_OPT_INTERFACE_ID);
-    const uint32_t length = build_data(info, settings, buffer + DHCP6_OPT_DATA, size);
+    const uint32_t length = build_data(info, OPTION_TEXT_INTERFACE_ID, buffer + DHCP6_OPT_DATA, size);
     if (length == 0)
         return 0;
     if (info->frameLen + DHCP6_OPT_HEADER_LEN + length > DHCPSNOOP_FRAME_MAX) {
@@ -88,15 +65,11 @@ uint32_t dhcp6snoop_construct_opt37(const DhcpsnoopPktInfo *info, uint8_t *buffe
 {
     if (info == nullptr || buffer == nullptr || info->ifp == nullptr)
         return 0;
-    const DhcpsnoopIf *ifp = info->ifp;
-    const Settings settings = {ifp->remoteId6Fmt, ifp->remoteId6,
-                               std::min(uint32_t{ifp->remoteId6Len}, DHCPSNOOP_TEXT_MAX),
-                               &gDhcpsnoop.remoteId6Fmt};
     wire_put16(buffer + DHCP6_OPT_CODE, DHCP6_OPT_REMOTE_ID);
     wire_put32(buffer + DHCP6_OPT_DATA, gDhcpsnoop.enterpriseNum);
     // Kept: with a template that renders to nothing, the enterprise number still makes an option.
-    const uint32_t length =
-        ENTERPRISE_LEN + build_data(info, settings, buffer + DHCP6_OPT_DATA + ENTERPRISE_LEN, size);
+    const uint32_t length = ENTERPRISE_LEN + build_data(info, OPTION_TEXT_REMOTE_ID6,
+                                                        buffer + DHCP6_OPT_DATA + ENTERPRISE_LEN, size);
     if (info->frameLen + DHCP6_OPT_HEADER_LEN + length > DHCPSNOOP_FRAME_MAX) {
         DEBUG_TRACE("[DHCPSNOOP] Packet len exceeds the max, don't insert option37.\r\n");
         return 0;
@@ -105,8 +78,7 @@ uint32_t dhcp6snoop_construct_opt37(const DhcpsnoopPktInfo *info, uint8_t *buffe
     return DHCP6_OPT_HEADER_LEN + length;
 }
 
-// Kept: dhcpLen is not changed by an insert or a strip. RFC 8200 8.1 sends a sum of zero as all ones; here it
-// stays 0, as in IPv4, and the receiver discards the datagram.
+// Kept: dhcpLen is not changed by an insert or a strip.
 static uint16_t lengths_write(DhcpsnoopPktInfo *info)
 {
     wire_put16(info->ipTotLen, info->ipBodyLen);
@@ -163,27 +135,29 @@ uint16_t dhcp6snoop_strip_opt(DhcpsnoopPktInfo *info, uint32_t code)
     return lengths_write(info);
 }
 
+// Kept: the length is a single byte from here on; of a longer option its low byte's worth is appended.
+static void client_option_append(DhcpsnoopPktInfo *info, bool interfaceId)
+{
+    uint8_t option[OPTION_ROOM] = {};
+    const auto length =
+        static_cast<uint8_t>(interfaceId ? dhcp6snoop_construct_opt18(info, option, sizeof option)
+                                         : dhcp6snoop_construct_opt37(info, option, sizeof option));
+    DEBUG_TRACE(interfaceId ? "[DHCPSNOOP] Construct option18, option len %d.\r\n"
+                            : "[DHCPSNOOP] Construct option37, option len %d.\r\n",
+                length);
+    if (length == 0)
+        return;
+    DEBUG_TRACE(interfaceId ? "[DHCPSNOOP] Insert option18 to packet.\r\n"
+                            : "[DHCPSNOOP] Insert option37 to packet.\r\n");
+    dhcp6snoop_insert_opt(info, option, length);
+}
+
 void dhcp6snoop_construct_client_opt(DhcpsnoopPktInfo *info)
 {
     if (info == nullptr || info->ifp == nullptr)
         return;
-    // Kept: the length is a single byte from here on; of a longer option its low byte's worth is appended.
-    if ((info->ifp->flags & DHCPSNOOP_IF_OPTION18) != 0 && info->interfaceIdOpt == nullptr) {
-        uint8_t option[OPTION_ROOM] = {};
-        const auto length = static_cast<uint8_t>(dhcp6snoop_construct_opt18(info, option, sizeof option));
-        DEBUG_TRACE("[DHCPSNOOP] Construct option18, option len %d.\r\n", length);
-        if (length != 0) {
-            DEBUG_TRACE("[DHCPSNOOP] Insert option18 to packet.\r\n");
-            dhcp6snoop_insert_opt(info, option, length);
-        }
-    }
-    if ((info->ifp->flags & DHCPSNOOP_IF_OPTION37) != 0 && info->remoteIdOpt == nullptr) {
-        uint8_t option[OPTION_ROOM] = {};
-        const auto length = static_cast<uint8_t>(dhcp6snoop_construct_opt37(info, option, sizeof option));
-        DEBUG_TRACE("[DHCPSNOOP] Construct option37, option len %d.\r\n", length);
-        if (length != 0) {
-            DEBUG_TRACE("[DHCPSNOOP] Insert option37 to packet.\r\n");
-            dhcp6snoop_insert_opt(info, option, length);
-        }
-    }
+    if ((info->ifp->flags & DHCPSNOOP_IF_OPTION18) != 0 && info->interfaceIdOpt == nullptr)
+        client_option_append(info, true);
+    if ((info->ifp->flags & DHCPSNOOP_IF_OPTION37) != 0 && info->remoteIdOpt == nullptr)
+        client_option_append(info, false);
 }

@@ -11,9 +11,6 @@
 #include "protocol.h"
 #include "wire.h"
 
-static constexpr uint32_t PSEUDO_HEADER_LEN = 36;
-static constexpr uint32_t SCRATCH_LEN = 2048;
-
 uint32_t ipv6_addr_type(const uint8_t address[16])
 {
     const uint32_t first = wire_get32(address), second = wire_get32(address + 4),
@@ -50,16 +47,10 @@ uint32_t ipv6_addr_type(const uint8_t address[16])
 
 uint16_t dhcp6snoop_get_udp_checksum(const DhcpsnoopPktInfo *info)
 {
-    if (info->udpLen + PSEUDO_HEADER_LEN > SCRATCH_LEN || !frame_holds(info, info->udpHdr, info->udpLen) ||
-        !frame_holds(info, info->ipHdr, IPV6_HEADER_LEN))
+    if (!frame_holds(info, info->udpHdr, info->udpLen) || !frame_holds(info, info->ipHdr, IPV6_HEADER_LEN))
         return 0;
-    // Shorter than the pseudo-header of RFC 8200 8.1, with the same sum.
-    uint8_t scratch[SCRATCH_LEN] = {};
-    std::memcpy(scratch, info->ipHdr + IPV6_SRC, 32); // source and destination
-    scratch[33] = IP_PROTO_UDP;
-    wire_put16(scratch + 34, info->udpLen);
-    std::memcpy(scratch + PSEUDO_HEADER_LEN, info->udpHdr, info->udpLen);
-    return checkdhcpsnoopsum(scratch, static_cast<int32_t>(info->udpLen + PSEUDO_HEADER_LEN));
+    // The pseudo-header is shorter than that of RFC 8200 8.1, with the same sum.
+    return dhcpsnoop_udp_sum(info->ipHdr + IPV6_SRC, IPV6_HEADER_LEN - IPV6_SRC, info->udpHdr, info->udpLen);
 }
 
 uint8_t *dhcp6snoop_get_opt(uint8_t *area, uint32_t code, uint32_t length)

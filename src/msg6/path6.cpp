@@ -66,9 +66,7 @@ static void bind_by_reply(const DhcpsnoopPktInfo *info, DhcpsnoopUser *user, uin
 // `address` is an IAADDR whose fixed part is all there. False ends the processing of the whole message.
 static bool address_process(const DhcpsnoopPktInfo *info, uint8_t *address, bool fromClient, uint32_t *status)
 {
-    DhcpsnoopUserKey key = {};
-    key.ipType = DHCPSNOOP_IPV6;
-    std::memcpy(key.ipAddr, address + DHCP6_OPT_DATA, sizeof key.ipAddr);
+    const DhcpsnoopUserKey key = dhcpsnoop_user_key(DHCPSNOOP_IPV6, address + DHCP6_OPT_DATA);
     const uint32_t validLifetime = wire_get32(address + DHCP6_OPT_DATA + IAADDR_VALID_LIFETIME);
     DEBUG_TRACE("[DHCPSNOOP] Get ip address %s in IA_ADDR option, valid_time %d.\r\n", address_text(key).text,
                 validLifetime);
@@ -178,7 +176,7 @@ void dhcp6snoop_client_packet_recv(DhcpsnoopPktInfo *info)
         DEBUG_TRACE("[DHCPSNOOP] MuxTk discords process the received packet!\r\n");
         return;
     }
-    info->chaddr = info->srcMac; // what a DHCPv6 client is known by
+    info->chaddr = info->srcMac; // the MAC of a DHCPv6 client is the source of its frame
 
     switch (info->msgType) {
     case DHCP6_SOLICIT:
@@ -238,10 +236,5 @@ void dhcp6snoop_server_packet_recv(DhcpsnoopPktInfo *info)
         return;
     }
     DEBUG_TRACE("[DHCPSNOOP] Broadcast packet to client.\r\n");
-    if (dhcpsnoop_if_lookup_by_vid(info->svlan) == nullptr) {
-        DEBUG_TRACE("[DHCPSNOOP] Vlan %d is disable!\r\n", info->svlan);
-        dhcpsnoop_broadcast_forwarding(info, info->svlan);
-        return;
-    }
-    dhcpsnoop_npt_send_to_client(info, info->svlan);
+    dhcpsnoop_flood(info, info->svlan);
 }

@@ -1,6 +1,6 @@
-// The management interface: what the command server, and a platform library, call to read and change settings
-// and bindings. Numbers and result codes are in management.h. A number travels as a pointer to uint32_t, a
-// text or record as a QorBuffer whose length is the room of a read and, on return, what was written. A null
+// The management interface: the command server and the platform library read and change settings and bindings
+// through it. Numbers and result codes are in management.h. A number travels as a pointer to uint32_t, a
+// text or record as a QorBuffer whose length is the room of a read and, on return, the bytes written. A null
 // value where one is needed is refused with NM_BAD_COMMAND before anything is called or changed. Set is a
 // local change, Sync one from the platform.
 #pragma once

@@ -1,5 +1,4 @@
-// What the management workers share: the table lock for the length of a scope, values as they arrive, names
-// for messages.
+// Shared by the management workers: the table lock for the length of a scope, and values as they arrive.
 #pragma once
 
 #include "dhcpsnoop_nm.h"
@@ -33,23 +32,3 @@ inline int32_t value_put(void *value, uint32_t number)
 }
 
 inline bool if_in_use(const DhcpsnoopIf *ifp) { return (ifp->flags & DHCPSNOOP_IF_IN_USE) != 0; }
-
-struct IfText {
-    char text[64];
-};
-
-inline IfText if_name(uint32_t ifIndex)
-{
-    IfText name = {};
-    qorIfUnit2Name(ifIndex, name.text, sizeof name.text - 1);
-    name.text[sizeof name.text - 1] = '\0';
-    return name;
-}
-
-inline IfText if_description(uint32_t ifIndex)
-{
-    IfText description = {};
-    nmGetIfPartDescr(ifIndex, description.text, sizeof description.text - 1);
-    description.text[sizeof description.text - 1] = '\0';
-    return description;
-}

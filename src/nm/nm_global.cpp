@@ -28,16 +28,12 @@ static bool accepted(const Change &change)
 // IP source guard bindings are not snooping's and stay.
 static void flush_tables(void)
 {
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (user->userType != DHCPSNOOP_USER_IPSG)
-                dhcpsnoop_user_delete(user);
-        }
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (user->userType != DHCPSNOOP_USER_IPSG)
+            dhcpsnoop_user_delete(user);
     }
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.macUserHash) {
-        for (DhcpsnoopMacUser *macUser : list_each<DhcpsnoopMacUser>(&bucket))
-            dhcpsnoop_mac_user_delete(macUser);
-    }
+    for (DhcpsnoopMacUser *macUser : hash_each<DhcpsnoopMacUser>(gDhcpsnoop.macUserHash))
+        dhcpsnoop_mac_user_delete(macUser);
     for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
         dhcpsnoop_if_disable(ifp);
     for (DhcpsnoopServer *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
@@ -157,10 +153,8 @@ int32_t dhcpSnoopSyncApi(void *source, uint32_t cmd, void *data)
 static uint32_t user_count(void)
 {
     uint32_t count = 0;
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket))
-            count += user->userType != DHCPSNOOP_USER_IPSG ? 1 : 0;
-    }
+    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash))
+        count += user->userType != DHCPSNOOP_USER_IPSG ? 1 : 0;
     return count;
 }
 

@@ -18,7 +18,7 @@ static uint32_t *slot_lookup(DhcpsnoopIf *ifp, uint32_t address)
     return nullptr;
 }
 
-// The first address after the pair `from`, or the first of all when that is null.
+// The first address after the pair `from`; the first of all addresses when `from` is null.
 static int32_t server_ip_find(const uint32_t *from, uint32_t *outPair)
 {
     const TableLock lock;

@@ -14,20 +14,18 @@ static constexpr uint32_t INSTALL = 1, WITHDRAW = 0;
 
 // ---- iteration
 
-// The smallest key above `from`, or of all when that is null.
+// The smallest key above `from`; the smallest of all keys when `from` is null.
 static int32_t user_find(const DhcpsnoopUserKey *from, DhcpsnoopUserKey *out)
 {
     const TableLock lock;
     const DhcpsnoopUserKey *found = nullptr;
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (user->userType == DHCPSNOOP_USER_IPSG)
-                continue;
-            if (from != nullptr && std::memcmp(&user->key, from, sizeof *from) <= 0)
-                continue;
-            if (found == nullptr || std::memcmp(&user->key, found, sizeof *found) < 0)
-                found = &user->key;
-        }
+    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (user->userType == DHCPSNOOP_USER_IPSG)
+            continue;
+        if (from != nullptr && std::memcmp(&user->key, from, sizeof *from) <= 0)
+            continue;
+        if (found == nullptr || std::memcmp(&user->key, found, sizeof *found) < 0)
+            found = &user->key;
     }
     if (found == nullptr)
         return -1;

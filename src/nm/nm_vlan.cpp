@@ -29,12 +29,6 @@ int32_t dhcpSnoopVlanGetFirst(uint32_t *out) { return vlan_find(0, out); }
 
 int32_t dhcpSnoopVlanGetNext(uint32_t from, uint32_t *out) { return vlan_find(uint64_t{from} + 1, out); }
 
-static int32_t vlan_interface(uint32_t vid, uint32_t *ifIndex)
-{
-    const uint32_t request[7] = {1, 1, 1, 1, vid, QOR_UNIT_VLAN_INTERFACE, 0};
-    return qorIndexTrans(request, QOR_TRANS_INDEX, ifIndex);
-}
-
 // The interface's attribute for the VLAN's; 0, which no interface attribute has, for none.
 static uint32_t interface_cmd(uint32_t vlanCmd)
 {
@@ -48,18 +42,29 @@ static uint32_t interface_cmd(uint32_t vlanCmd)
     }
 }
 
+// The index of the VLAN's interface, or why there is none.
+static int32_t vlan_interface(uint32_t vid, bool set, uint32_t *ifIndex)
+{
+    if (vid < VLAN_ID_MIN || vid > VLAN_ID_MAX) {
+        DEBUG_EVENT(set ? "[DHCPSNOOP] dhcpsnoop vlan setapi: vid is invalid!\r\n"
+                        : "[DHCPSNOOP] dhcpsnoop vlan getapi: vid is invalid!\r\n");
+        return NM_INVALID;
+    }
+    const uint32_t request[QOR_LOCATION_WORDS] = {1, 1, 1, 1, vid, QOR_UNIT_VLAN_INTERFACE, 0};
+    if (qorIndexTrans(request, QOR_TRANS_INDEX, ifIndex) == 0)
+        return NM_OK;
+    DEBUG_EVENT(set ? "[DHCPSNOOP] dhcpsnoop vlan setapi: get unit of the vlan failed!\r\n"
+                    : "[DHCPSNOOP] dhcpsnoop vlan getapi: get unit of the vlan failed!\r\n");
+    return -1;
+}
+
 int32_t dhcpSnoopVlanSetApi(uint32_t vid, uint32_t cmd, void *data)
 {
     DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop vlan setapi: vid %d, cmd %d.\r\n", vid, cmd);
-    if (vid < VLAN_ID_MIN || vid > VLAN_ID_MAX) {
-        DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop vlan setapi: vid is invalid!\r\n");
-        return NM_INVALID;
-    }
     uint32_t ifIndex = 0;
-    if (vlan_interface(vid, &ifIndex) != 0) {
-        DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop vlan setapi: get unit of the vlan failed!\r\n");
-        return -1;
-    }
+    const int32_t rc = vlan_interface(vid, true, &ifIndex);
+    if (rc != NM_OK)
+        return rc;
     const uint32_t ifCmd = interface_cmd(cmd);
     return ifCmd != 0 ? dhcpSnoopIfSetApi(ifIndex, ifCmd, data) : NM_BAD_COMMAND;
 }
@@ -67,15 +72,10 @@ int32_t dhcpSnoopVlanSetApi(uint32_t vid, uint32_t cmd, void *data)
 int32_t dhcpSnoopVlanGetApi(uint32_t vid, uint32_t cmd, void *data)
 {
     DEBUG_EVENT("dhcpsnoop vlan getapi: vid = %d, cmd = %d.\r\n", vid, cmd);
-    if (vid < VLAN_ID_MIN || vid > VLAN_ID_MAX) {
-        DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop vlan getapi: vid is invalid!\r\n");
-        return NM_INVALID;
-    }
     uint32_t ifIndex = 0;
-    if (vlan_interface(vid, &ifIndex) != 0) {
-        DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop vlan getapi: get unit of the vlan failed!\r\n");
-        return -1;
-    }
+    const int32_t rc = vlan_interface(vid, false, &ifIndex);
+    if (rc != NM_OK)
+        return rc;
     const uint32_t ifCmd = interface_cmd(cmd);
     return ifCmd != 0 ? dhcpSnoopIfGetApi(ifIndex, ifCmd, data) : NM_BAD_COMMAND;
 }

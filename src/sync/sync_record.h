@@ -7,7 +7,7 @@
 struct SyncHeader {
     uint8_t type;    // SYNC_…
     uint8_t add;     // 1 = add or replace, 0 = delete
-    uint16_t length; // of what follows the header
+    uint16_t length; // of the bytes behind the header
 };
 
 // For a delete only the header and the key are filled.
@@ -31,7 +31,7 @@ struct SyncServerRecord {
 
 constexpr uint16_t SYNC_USER_BODY_LEN = 56, SYNC_SERVER_BODY_LEN = 12;
 constexpr uint32_t SYNC_USER_DELETE_LEN =
-    sizeof(SyncHeader) + sizeof(DhcpsnoopUserKey); // what a delete reads
+    sizeof(SyncHeader) + sizeof(DhcpsnoopUserKey); // the bytes that a delete reads
 static_assert(sizeof(SyncHeader) == 4);
 static_assert(sizeof(SyncUserRecord) == sizeof(SyncHeader) + SYNC_USER_BODY_LEN);
 static_assert(offsetof(SyncUserRecord, vid) == 24 && offsetof(SyncUserRecord, hwFlags) == 40 &&

@@ -1,5 +1,5 @@
-// Records from the peer unit, applied on a standby unit only. What a record's handler reads must be there,
-// whatever the record says of its own length; that length only moves the walk on.
+// Records from the peer unit, applied on a standby unit only. The bytes that a record's handler reads must be
+// there, whatever length the record states; the stated length only moves the walk on.
 #include "dhcpsnoop_sync.h"
 
 #include <algorithm>

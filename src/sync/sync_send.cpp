@@ -1,6 +1,6 @@
 // Records of bindings and servers to the peer unit: single changes as they happen, and full copies packed
-// into buffers of at most 1400 bytes. The transport is the platform's; what it does not take is lost until
-// the next full copy.
+// into buffers of at most 1400 bytes. The platform transports them; a buffer that it
+// refuses is lost until the next full copy.
 #include "dhcpsnoop_sync.h"
 
 #include <cstring>
@@ -86,13 +86,11 @@ void dhcpsnoop_sync_all_send(uint32_t destination, uint32_t request)
         used = 0;
     };
 
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (user->userType == DHCPSNOOP_USER_IPSG)
-                continue;
-            make_room(sizeof(SyncUserRecord));
-            used += dhcpsnoop_sync_user_pkt_build(user, 1, buffer + used);
-        }
+    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (user->userType == DHCPSNOOP_USER_IPSG)
+            continue;
+        make_room(sizeof(SyncUserRecord));
+        used += dhcpsnoop_sync_user_pkt_build(user, 1, buffer + used);
     }
     for (const DhcpsnoopServer *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList)) {
         make_room(sizeof(SyncServerRecord));

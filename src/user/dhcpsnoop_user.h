@@ -4,8 +4,9 @@
 
 #include "platform.h"
 
-uint32_t dhcpsnoop_user_hash_key(const DhcpsnoopUserKey *key);     // bucket
-DhcpsnoopUser *dhcpsnoop_user_lookup(const DhcpsnoopUserKey *key); // null key: null
+DhcpsnoopUserKey dhcpsnoop_user_key(uint8_t ipType, const uint8_t *address); // 4 or 16 bytes
+uint32_t dhcpsnoop_user_hash_key(const DhcpsnoopUserKey *key);               // bucket
+DhcpsnoopUser *dhcpsnoop_user_lookup(const DhcpsnoopUserKey *key);           // null key: null
 DhcpsnoopUser *
 dhcpsnoop_user_table_add(const DhcpsnoopUserKey *key); // zeroed but for the key; null: no key, no node
 
@@ -56,6 +57,7 @@ struct DhcpsnoopClientPlace {
     uint16_t vid;
 };
 DhcpsnoopClientPlace dhcpsnoop_client_place(const DhcpsnoopPktInfo *info); // info->ifp is not null
+bool dhcpsnoop_user_is_at(const DhcpsnoopUser *user, const uint8_t *mac, DhcpsnoopClientPlace place);
 
 uint32_t dhcpsnoop_mac_user_hash(const uint8_t mac[6]);
 DhcpsnoopMacUser *dhcpsnoop_mac_user_add(const DhcpsnoopPktInfo *info); // does not look for duplicates

@@ -15,6 +15,14 @@
 
 static uint32_t address_length(uint8_t ipType) { return ipType == DHCPSNOOP_IPV4 ? 4 : 16; }
 
+DhcpsnoopUserKey dhcpsnoop_user_key(uint8_t ipType, const uint8_t *address)
+{
+    DhcpsnoopUserKey key = {};
+    key.ipType = ipType;
+    std::memcpy(key.ipAddr, address, address_length(ipType));
+    return key;
+}
+
 uint32_t dhcpsnoop_user_hash_key(const DhcpsnoopUserKey *key)
 {
     uint32_t sum = 0;
@@ -87,14 +95,34 @@ void dhcpsnoop_user_count_down(const DhcpsnoopUser *user)
 
 static void log_added(const DhcpsnoopUser *user)
 {
-    char description[64] = {};
-    nmGetIfPartDescr(user->ifIndex, description, sizeof description - 1);
-    description[sizeof description - 1] = '\0';
     zlog_dispatch_logging(
         QOR_LOG_MODULE, QOR_LOG_LEVEL,
         "[DHCPSNOOP] Add %s dhcpsnoop entry: ip %s, mac %02x:%02x:%02x:%02x:%02x:%02x, interface %s, vlan %d, leasetime %d.\r\n",
         user_type_word(user->userType), address_text(user->key).text, user->mac[0], user->mac[1],
-        user->mac[2], user->mac[3], user->mac[4], user->mac[5], description, user->vid, user->leaseTime);
+        user->mac[2], user->mac[3], user->mac[4], user->mac[5], if_description(user->ifIndex).text, user->vid,
+        user->leaseTime);
+}
+
+bool dhcpsnoop_user_is_at(const DhcpsnoopUser *user, const uint8_t *mac, DhcpsnoopClientPlace place)
+{
+    return mac != nullptr && std::memcmp(user->mac, mac, sizeof user->mac) == 0 && user->vid == place.vid &&
+           user->ifIndex == place.ifIndex;
+}
+
+// Whether the entry of the address serves the client that asks for it. A dynamic one starts its time anew.
+static bool existing_serves(DhcpsnoopUser *existing, const DhcpsnoopPktInfo *info, DhcpsnoopClientPlace place)
+{
+    DEBUG_TRACE("[DHCPSNOOP] User entry is already exist!\r\n");
+    if (existing->userType != DHCPSNOOP_USER_DYNAMIC) {
+        DEBUG_TRACE("[DHCPSNOOP] Static user is already exist, return!\r\n");
+        return true;
+    }
+    if (dhcpsnoop_user_is_at(existing, info->chaddr, place)) {
+        existing->leaseStart = info->rxTime;
+        return true;
+    }
+    DEBUG_TRACE("[DHCPSNOOP] User information is changed, delete it!\r\n");
+    return false;
 }
 
 int32_t dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *existing, const DhcpsnoopPktInfo *info)
@@ -119,17 +147,8 @@ int32_t dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *existing,
                 place.vid, mac_text(info->chaddr).text, address_text(*key).text);
 
     if (existing != nullptr) {
-        DEBUG_TRACE("[DHCPSNOOP] User entry is already exist!\r\n");
-        if (existing->userType != DHCPSNOOP_USER_DYNAMIC) {
-            DEBUG_TRACE("[DHCPSNOOP] Static user is already exist, return!\r\n");
+        if (existing_serves(existing, info, place))
             return 0;
-        }
-        if (std::memcmp(existing->mac, info->chaddr, sizeof existing->mac) == 0 &&
-            existing->vid == place.vid && existing->ifIndex == place.ifIndex) {
-            existing->leaseStart = info->rxTime;
-            return 0;
-        }
-        DEBUG_TRACE("[DHCPSNOOP] User information is changed, delete it!\r\n");
         dhcpsnoop_user_delete(existing); // its node may be the next one taken
     }
 
@@ -188,9 +207,7 @@ DhcpsnoopUser *dhcpsnoop_user_update(const DhcpsnoopPktInfo *info, QorBuffer *op
         DEBUG_TRACE("[DHCPSNOOP] Client ip address is zero,return!\r\n");
         return nullptr;
     }
-    DhcpsnoopUserKey key = {};
-    key.ipType = DHCPSNOOP_IPV4;
-    std::memcpy(key.ipAddr, info->clientIp, sizeof info->clientIp);
+    const DhcpsnoopUserKey key = dhcpsnoop_user_key(DHCPSNOOP_IPV4, info->clientIp);
     DhcpsnoopUser *user = dhcpsnoop_user_lookup(&key);
     if (user == nullptr) {
         DEBUG_TRACE("[DHCPSNOOP] User entry %s isn't exist!\r\n", address_text(key).text);
@@ -257,11 +274,9 @@ static bool matches(const DhcpsnoopUser *user, const DhcpsnoopUserQuery *query)
 
 static bool any_matches(const DhcpsnoopUserQuery *query)
 {
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (matches(user, query))
-                return true;
-        }
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (matches(user, query))
+            return true;
     }
     return false;
 }

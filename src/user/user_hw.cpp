@@ -92,7 +92,7 @@ int32_t dhcpsnoop_user_state_notify(DhcpsnoopUser *user, uint32_t add, uint8_t *
     if (add == 1 && kind == DHCPSNOOP_RULE_DAI)
         user->daiHwId = record.daiHwId;
 
-    // Kept: what is printed as check items are the rule flags.
+    // Kept: the rule flags are printed as the check items.
     DEBUG_EVENT("[DHCPSNOOP] %s user in hwapi: port %d ,vid %d ,mac %s ,ip %s, checkitem 0x%0x.\r\n",
                 add != 0 ? "Add" : "Delete", user->ifIndex, user->vid, mac_text(user->mac).text,
                 address_text(user->key).text, record.ruleFlags);
@@ -130,7 +130,7 @@ static void install(DhcpsnoopUser *user, const DhcpsnoopFeature &feature)
         from = DHCPSNOOP_SOURCE_VLAN;
     }
 
-    // What is installed is left as it is, with the check items of its own time.
+    // An installed rule stays as it is, with its earlier check items.
     if ((user->hwFlags & feature.installed) != 0)
         return;
     if (dhcpsnoop_user_state_notify(user, 1, &items, feature.kind) != 0)

@@ -21,15 +21,13 @@ void dhcpsnoop_user_process_on_interface(DhcpsnoopIf *ifp, uint32_t ipTypes, uin
 {
     DEBUG_EVENT("[DHCPSNOOP] Process user on interface %d, inet type %d, user type = %d, operate %d.\r\n",
                 ifp != nullptr ? ifp->ifIndex : 0, ipTypes, userTypes, operate);
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (!on_interface(user, ifp) || (ipTypes & user->key.ipType) == 0 ||
-                (userTypes & user->userType) == 0)
-                continue;
-            dhcpsnoop_user_update_hw(user, operate & OPERATE_INSTALL);
-            if ((operate & OPERATE_DELETE) != 0)
-                dhcpsnoop_user_delete(user);
-        }
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (!on_interface(user, ifp) || (ipTypes & user->key.ipType) == 0 ||
+            (userTypes & user->userType) == 0)
+            continue;
+        dhcpsnoop_user_update_hw(user, operate & OPERATE_INSTALL);
+        if ((operate & OPERATE_DELETE) != 0)
+            dhcpsnoop_user_delete(user);
     }
 }
 
@@ -37,17 +35,15 @@ void dhcpsnoop_user_process_on_trunk(uint32_t trunkIfIndex, uint32_t portIfIndex
 {
     DEBUG_EVENT("[DHCPSNOOP] Process user on trunk interface %d, port %d, operate %d.\r\n", trunkIfIndex,
                 portIfIndex, operate);
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash) {
-        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
-            if (trunkIfIndex != 0 && user->ifIndex != trunkIfIndex)
-                continue;
-            // Kept: a copy, so that the entry's own flags go on describing the trunk. What the trunk has
-            // installed is not installed again for a member that joins, and is withdrawn for one that leaves.
-            DhcpsnoopUser member = *user;
-            member.ifIndex = portIfIndex;
-            dhcpsnoop_user_update_hw(&member, operate & OPERATE_INSTALL);
-            if ((operate & OPERATE_DELETE) != 0)
-                dhcpsnoop_user_delete(user);
-        }
+    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        if (trunkIfIndex != 0 && user->ifIndex != trunkIfIndex)
+            continue;
+        // Kept: a copy, so that the entry's own flags go on describing the trunk. What the trunk has
+        // installed is not installed again for a member that joins, and is withdrawn for one that leaves.
+        DhcpsnoopUser member = *user;
+        member.ifIndex = portIfIndex;
+        dhcpsnoop_user_update_hw(&member, operate & OPERATE_INSTALL);
+        if ((operate & OPERATE_DELETE) != 0)
+            dhcpsnoop_user_delete(user);
     }
 }
