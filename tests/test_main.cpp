@@ -16,7 +16,10 @@ int32_t dhcpsnoop_init_ex(uint16_t ifCount, uint16_t userCount, uint16_t serverC
 {
     for (const uint32_t number : {uint32_t{ifCount}, uint32_t{userCount}, uint32_t{serverCount}, optionMode})
         did += " " + std::to_string(number);
-    const auto hook = [](auto given, auto expected, const char *name) { did += given == expected ? name : given == nullptr ? "" : " wrong"; };
+    const auto hook = [](auto given, auto expected, const char *name) {
+        if (given != nullptr)
+            did += given == expected ? name : " wrong";
+    };
     hook(deftinstallHook, deftinstall_client_entry_callback, " deftinstall");
     hook(ipsgHook, ipsgIfGetApi, " ipsg");
     hook(antiArpHook, arpAntiAttackIfGetApi, " arp");

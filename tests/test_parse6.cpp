@@ -21,7 +21,8 @@ std::string options(const DhcpsnoopPktInfo &info)
         return option == nullptr ? "" : world_format(", %s at %d", name, static_cast<int>(option - info.dhcpMsg) - 4);
     };
     std::string text = world_format("status %u", info.statusCode) + at("18", info.interfaceIdOpt) + at("37", info.remoteIdOpt);
-    for (uint32_t i = 0; i < info.iaCount; i += info.iaCount > 3 ? info.iaCount - 1 : 1)
+    const uint32_t step = info.iaCount > 3 ? info.iaCount - 1 : 1; // of many, the first and the last
+    for (uint32_t i = 0; i < info.iaCount; i += step)
         text += at("IA", info.iaOpts[i]);
     return text;
 }

@@ -23,8 +23,7 @@ void nothing(const char *refused = "-", int32_t result = -1, int failCalloc = 0)
 }
 
 const std::string GROUPS = "platform_event_group_join 903 32, platform_event_group_join 903 31, platform_event_group_join 903 40, platform_event_group_join 903 1, platform_event_group_join 903 56, platform_event_group_join 903 57, platform_event_group_join 903 40";
-const std::string WHOLE = "OsixCreateMSem 9, socket AF_PACKET 3 0x0800, platform_packet_info_enable 900, socket AF_PACKET 3 0x86dd, platform_packet_info_enable 901, unlink /tmp/dhcpsnoop.socket, socket AF_UNIX 1 0, bind AF_UNIX /tmp/dhcpsnoop.socket 110 mode 0600, listen 10, "
-                          "socket AF_NETLINK 3 0, bind AF_NETLINK 0 0 12, " + GROUPS + ", ioctl FIONBIO 1";
+const std::string WHOLE = "OsixCreateMSem 9, socket AF_PACKET 3 0x0800, platform_packet_info_enable 900, socket AF_PACKET 3 0x86dd, platform_packet_info_enable 901, unlink /tmp/dhcpsnoop.socket, socket AF_UNIX 1 0, bind AF_UNIX /tmp/dhcpsnoop.socket 110 mode 0600, listen 10, socket AF_NETLINK 3 0, bind AF_NETLINK 0 0 12, " + GROUPS + ", ioctl FIONBIO 1";
 
 std::string state()
 {
