@@ -156,7 +156,7 @@ void arguments_take(int argc, char **argv)
 // it asks:
 //
 //   standard streams, system log   logging.cpp, report.cpp
-//   switch model                   model.cpp: the file, then a dump of the kernel's links
+//   switch model                   switch_model.cpp: the file, then a dump of the kernel's links
 //   guard                          guard.cpp, trap.cpp, bindings.cpp: first to watch the model
 //   subscribers, relay socket      subscribers.cpp, descriptor 0
 //   redundancy                     redundancy.cpp: second to watch the model; its thread runs from here on

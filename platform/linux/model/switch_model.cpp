@@ -1,9 +1,7 @@
-#include "model.h"
+#include "switch_model.h"
 
 #include <cstring>
 #include <linux/if_ether.h>
-
-#include "switch_model.h"
 
 namespace platform_linux
 {
