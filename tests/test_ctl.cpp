@@ -153,7 +153,23 @@ TEST(Ctl, Requests)
             asked[12] = 0x03, asked[13] = 0xE8, asked[15] = 0x04;
         return asked;
     });
+    EXPECT_EQ(ran.status, EXIT_REFUSED);
     EXPECT_EQ(hexOf(ran.requests.back()), body("0a", "09", KEY + word("6")));
+}
+
+TEST(Ctl, OneBindingIsLookedUp)
+{
+    const std::string values[] = {"", "a", "1020304", "", "0", "", "e10", "a", "1", "1"}; // by command; 10 of 3600 seconds are gone
+    const auto daemon = [&values](Bytes reply) {
+        EXPECT_EQ(reply[7], 12) << "not searched for";
+        const Bytes item = hex_bytes(reply[23] == 5 ? "03000006 0200000000ab" : word(values[reply[23]]));
+        std::copy(item.begin(), item.end(), reply.begin() + 55);
+        return reply;
+    };
+    const std::string heading = "ADDRESS  MAC  VLAN  INTERFACE  TYPE  STATE  LEASE  LEFT\n";
+    EXPECT_EQ(run("show bindings address 10.0.0.5 type dynamic state bound", daemon).out, "ADDRESS   MAC                VLAN  INTERFACE  TYPE     STATE  LEASE  LEFT\n10.0.0.5  02:00:00:00:00:ab  10    16909060   dynamic  bound  3600   3590\n");
+    EXPECT_EQ(run("show bindings address 10.0.0.5 vlan 11", daemon).out, heading);
+    EXPECT_EQ(run("show bindings address 10.0.0.5", [](Bytes reply) { return reply[12] = 3, reply[13] = 0xE8, reply[15] = 2, reply; }).out, heading);
 }
 
 TEST(Ctl, Answers)
@@ -229,15 +245,7 @@ TEST(Ctl, WordsReadBack)
 class Listener
 {
   public:
-    explicit Listener(std::function<void(int)> serve) : listening_(listenAt(path)), thread_([this, serve = std::move(serve)] {
-                                                            const int connection = accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC);
-                                                            if (connection >= 0) {
-                                                                serve(connection);
-                                                                close(connection);
-                                                            }
-                                                        })
-    {
-    }
+    explicit Listener(const std::function<void(int)> &serve) : listening_(listenAt(path)), thread_(&Listener::run, this, serve) {}
     ~Listener()
     {
         shutdown(listening_, SHUT_RDWR);
@@ -258,6 +266,14 @@ class Listener
     const std::string path = "/tmp/ctl_test." + std::to_string(getpid());
 
   private:
+    void run(const std::function<void(int)> &serve) const
+    {
+        const int connection = accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (connection < 0)
+            return;
+        serve(connection);
+        close(connection);
+    }
     int listening_;
     std::thread thread_;
 };

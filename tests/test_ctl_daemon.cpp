@@ -149,8 +149,8 @@ const struct {
     {"", "load:" + B + "snooping on\ndhcpsnoopctl", EXIT_USAGE, ":2: '' is no command", "show config", NEW},
     {"", "load:" + B + "snooping on\n" + B + "trust maybe\nserver-learning on", EXIT_USAGE, ":2: ", "show config", LOADED},
     // What will not be otherwise then is not tried again.
-    {"binding add 10.0.0.9 unbound", "load:binding add 10.0.0.9 unbound vlan 7 @ wait 60", EXIT_REFUSED, ""},
-    {"", "load:" + B + "trust maybe @ wait 60", EXIT_USAGE, ""},
+    {"binding add 10.0.0.9 unbound", "load:binding add 10.0.0.9 unbound vlan 7 @ wait 60", EXIT_REFUSED, "NM_EXISTS"},
+    {"", "load:" + B + "trust maybe @ wait 60", EXIT_USAGE, ":1: "},
     {"binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 10 interface 500000001 mac 02:00:00:00:00:ab", EXIT_DONE, "", "show bindings address 10.0.0.5 type static state bound", TABLE "10.0.0.5  02:00:00:00:00:ab  10    500000001  static  bound  forever  forever\n"},
     {"binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 11", EXIT_DONE, "", "show bindings vlan 10 state requested", "ADDRESS  MAC  VLAN  INTERFACE  TYPE  STATE  LEASE  LEFT\n"},
 };
@@ -168,6 +168,7 @@ TEST(CtlDaemon, Lines)
         testing::internal::GetCapturedStdout();
         EXPECT_EQ(ran.status, row.status) << ran.err;
         EXPECT_NE(ran.err.find(row.said), std::string::npos) << ran.err;
+        EXPECT_EQ(ran.err.empty(), row.said[0] == '\0') << ran.err;
         EXPECT_TRUE(ran.status == EXIT_DONE || (ran.out.empty() && ran.requests.size() < 20));
         EXPECT_EQ(row.after.empty() ? "" : run(row.after).out, row.out);
         EXPECT_EQ(world_check_tables(), "");
@@ -184,6 +185,7 @@ TEST(CtlDaemon, LoadWaitsForADaemon)
         return inDaemon(body);
     };
     EXPECT_EQ(run("load:server-learning on @ wait 10", late).status, EXIT_DONE);
+    EXPECT_NE(run("show config").out.find("dhcpsnoopctl server-learning on\n"), std::string::npos);
     attempts = 0;
     EXPECT_EQ(run("load:server-learning on", late).status, EXIT_NO_DAEMON);
 }
