@@ -297,8 +297,10 @@ void frame_step(Input &input, bool twice)
     const uint8_t how = input.u8();
     const std::array<uint16_t, 3> &arrival = ARRIVALS[how & 15];
     Bytes frame = input.bytes(input.u16() % (DHCPSNOOP_FRAME_MAX + 1));
-    if ((how & 0x80) != 0) // longer by options in front of those that it has
-        frame.insert(frame.begin() + static_cast<ptrdiff_t>(std::min<size_t>(frame.size(), 285)), input.u16() % 1800, 0);
+    if ((how & 0x80) != 0) { // filled with options of nothing, so that so many bytes are left
+        const size_t left = frame.size() + input.u8();
+        frame.insert(frame.begin() + static_cast<ptrdiff_t>(std::min<size_t>(frame.size(), 285)), left < DHCPSNOOP_FRAME_MAX ? DHCPSNOOP_FRAME_MAX - left : 0, 0);
+    }
     const size_t l2 = l2_length(frame.data(), frame.size());
     frameTrue = (how & 0x10) != 0 && mend(&frame, l2, (how & 0x20) != 0);
     receive_prepare(frame, arrival, l2);
