@@ -10,14 +10,8 @@ using namespace platform_linux;
 
 namespace
 {
-enum Form { NEST,
-            BYTE = 1,
-            SHORT = 2,
-            LONG = 4,
-            TEXT,
-            HEX,
-            VLAN };
 // clang-format off
+enum Form { NEST, BYTE = 1, SHORT = 2, LONG = 4, TEXT, HEX, VLAN };
 const struct { const char *word; uint16_t type; Form form; } ATTRIBUTES[] = {
     {"name", IFLA_IFNAME, TEXT}, {"in", IFLA_MASTER, LONG}, {"below", IFLA_LINK, LONG}, {"mac", IFLA_ADDRESS, HEX}, {"wireless", IFLA_WIRELESS, TEXT}, {"portname", IFLA_PHYS_PORT_NAME, TEXT}, {"names", IFLA_PROP_LIST, NEST},
     {"info", IFLA_LINKINFO, NEST}, {"kind", IFLA_INFO_KIND, TEXT}, {"slave", IFLA_INFO_SLAVE_KIND, TEXT}, {"slavedata", IFLA_INFO_SLAVE_DATA, NEST}, {"data", IFLA_INFO_DATA, NEST}, {"vid", IFLA_VLAN_ID, SHORT}, {"altname", IFLA_ALT_IFNAME, TEXT},
@@ -67,10 +61,8 @@ std::string list(const VlanSet &vlans)
     const auto is_in = [&vlans](size_t vid) { return vid < vlans.size() && vlans[vid]; };
     for (size_t vid = 0; vid < vlans.size(); vid++)
         if (is_in(vid) && !(is_in(vid - 1) && is_in(vid + 1)))
-            text += (is_in(vid - 1) ? "-" : text.empty() ? ""
-                                                         : ",") +
-                    std::to_string(vid);
-    return text;
+            text += std::string(is_in(vid - 1) ? "-" : ",") + std::to_string(vid);
+    return text.substr(text.empty() ? 0 : 1);
 }
 } // namespace
 
@@ -92,11 +84,13 @@ Bytes link_message(const std::string &text)
 std::string describe(const Port &port)
 {
     constexpr const char *STATES[] = {" disabled", " listening", " learning", " forwarding", " blocking"};
-    const std::string vlans = std::to_string(port.nativeVid) + " t" + list(port.members & ~port.untagged) + " u" + list(port.untagged);
-    std::string text = port.name + ("#" + std::to_string(port.number) + " ");
-    text += port.kind == PortKind::vlanInterface ? "=" + std::to_string(port.vlan) : port.routed ? "routed"
-                                                                                                 : vlans;
-    text += (port.kind == PortKind::aggregate ? " aggregate" : "") + std::string(port.up ? " up" : " down");
+    std::string text = port.name + ("#" + std::to_string(port.number));
+    if (port.kind == PortKind::vlanInterface)
+        text += " =" + std::to_string(port.vlan);
+    else if (!port.routed)
+        text += " " + std::to_string(port.nativeVid) + " t" + list(port.members & ~port.untagged) + " u" + list(port.untagged);
+    text += std::string(port.routed ? " routed" : "") + (port.kind == PortKind::aggregate ? " aggregate" : "");
+    text += port.up ? " up" : " down";
     text += STATES[static_cast<size_t>(port.stp)] + std::string(port.tpid != 0x8100 ? " 88a8" : "");
     return text + (port.aggregate != 0 ? " in " + std::to_string(port.aggregate) : "");
 }
@@ -111,18 +105,16 @@ std::string describe(const std::map<uint32_t, Port> &ports)
 
 std::string describe(const DaemonEvents &events)
 {
+    const std::map<uint32_t, std::string> attributes = {{0x260008, " joined"}, {0x340008, " + "}, {0x350008, " - "}};
     std::string text;
     for (const DaemonEvent &event : events) {
         uint32_t words[10] = {}; // length, type, …, 5: index, …, 8: attribute and its length, its value
         memcpy(words, event.bytes.data(), event.length);
-        const std::string port = std::to_string(words[5]), value = std::to_string(words[9]);
-        const uint32_t what = words[0] != event.length ? 0 : words[1] == 17 && event.length == 32 ? 17
-                                                         : words[1] == 16                         ? words[8]
-                                                                                                  : 0;
-        text += what == 17 ? port + " gone, " : what == 0x260008 ? port + " joined, "
-                                            : what == 0x340008   ? port + " + " + value + ", "
-                                            : what == 0x350008   ? port + " - " + value + ", "
-                                                                 : "unknown, ";
+        const auto known = attributes.find(words[1] == 16 && event.length == 40 ? words[8] : 0);
+        const bool gone = words[1] == 17 && event.length == 32;
+        text += std::to_string(words[5]) + (gone ? " gone" : known != attributes.end() ? known->second
+                                                                                       : "unknown");
+        text += (words[8] > 0x260008 ? std::to_string(words[9]) : "") + (words[0] == event.length ? ", " : "wrong length, ");
     }
     return text;
 }
