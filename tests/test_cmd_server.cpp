@@ -1,5 +1,5 @@
-// The command socket with real clients: framing, refusals, time limits. The listening socket is the test's own; the calls of
-// the kernel are real here.
+// The command socket with real clients: framing, refusals, time limits. The listening socket is the world's, a connection is
+// the kernel's own.
 #include "daemon_test.h"
 
 #include <algorithm>
@@ -9,7 +9,6 @@
 #include <thread>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace
@@ -48,34 +47,17 @@ std::string serve(void (*first)() = [] {})
 class CommandServer : public testing::Test
 {
   protected:
-    void SetUp() override
+    void SetUp() override { gDhcpsnoop = {}; }
+
+    // Connected, the bytes sent; the next accept gives the other end.
+    static int client(const Bytes &bytes)
     {
-        listening_ = socket(AF_UNIX, SOCK_STREAM, 0);
-        address_.sun_family = AF_UNIX;
-        ASSERT_EQ(bind(listening_, address(), sizeof address_.sun_family), 0); // the kernel chooses the name
-        addressLength_ = sizeof address_;
-        ASSERT_EQ(getsockname(listening_, address(), &addressLength_), 0);
-        ASSERT_EQ(listen(listening_, 10), 0);
-        gDhcpsnoop = {};
-        gDhcpsnoop.cmdSock = listening_;
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        EXPECT_EQ(send(ends[0], bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+        world.connection = ends[1];
+        return ends[0];
     }
-
-    void TearDown() override { close(listening_); }
-
-    sockaddr *address() { return reinterpret_cast<sockaddr *>(&address_); }
-
-    // Connected, the bytes sent.
-    int client(const Bytes &bytes)
-    {
-        const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
-        EXPECT_EQ(connect(sock, address(), addressLength_), 0);
-        EXPECT_EQ(send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-        return sock;
-    }
-
-    int listening_ = -1;
-    sockaddr_un address_ = {};
-    socklen_t addressLength_ = 0;
 };
 
 TEST_F(CommandServer, OneRequestOneReply)
@@ -125,14 +107,8 @@ TEST_F(CommandServer, ClientThatDoesNotWait)
 
 TEST_F(CommandServer, KeptDescriptorZeroIsNoConnection)
 {
-    const int sock = client(framed({})), input = dup(0);
-    EXPECT_EQ(serve([] { close(0); }), "-1 accept failed");
-    close(0);
-    if (input >= 0) {
-        dup2(input, 0);
-        close(input);
-    }
-    close(sock);
+    EXPECT_EQ(serve([] { world.connection = 0; }), "-1 accept failed");
+    EXPECT_EQ(serve(), "-1 accept failed");
 }
 
 // The limits that the kernel keeps for a client that says nothing, read off the connection while the daemon waits on it.
@@ -142,8 +118,7 @@ TEST_F(CommandServer, SilentClientIsNotWaitedForForEver)
     int lowWater = 0;
     PrintedError error;
     const int sock = client({});
-    const int connection = dup(sock); // the number that accept will give
-    close(connection);
+    const int connection = world.connection;
     const auto read = [connection](int option, auto &value) {
         socklen_t length = sizeof value;
         getsockopt(connection, SOL_SOCKET, option, &value, &length);

@@ -20,119 +20,81 @@ int worldDepth = 0;
 namespace
 {
 
-template <class Number>
-Number native(const uint8_t *p)
-{
-    Number value;
-    memcpy(&value, p, sizeof value);
-    return value;
-}
-
-WorldPort *port_of(uint32_t ifIndex)
-{
-    const auto found = world.ports.find(ifIndex);
-    return found == world.ports.end() ? nullptr : &found->second;
-}
-
 int32_t fill(QorBuffer *buffer, const void *data, size_t count)
 {
-    if (count > buffer->length)
-        count = buffer->length;
-    if (count > 0)
-        memcpy(buffer->data, data, count);
-    buffer->length = static_cast<uint32_t>(count);
+    buffer->length = static_cast<uint32_t>(std::min<size_t>(count, buffer->length));
+    if (buffer->length > 0)
+        memcpy(buffer->data, data, buffer->length);
     return 0;
 }
 
 __attribute__((format(printf, 1, 0))) std::string formatted(const char *format, va_list arguments)
 {
-    char text[4096];
-    va_list again;
-    va_copy(again, arguments);
-    const auto length = static_cast<size_t>(vsnprintf(text, sizeof text, format, arguments));
-    std::string whole = text;
-    if (length >= sizeof text) { // a record of a kilobyte and more, in hexadecimal
-        whole.resize(length);
-        vsnprintf(whole.data(), length + 1, format, again);
-    }
-    va_end(again);
+    char *text = nullptr;
+    if (vasprintf(&text, format, arguments) < 0)
+        abort();
+    const std::string whole = text;
+    free(text);
     return whole;
 }
 
 // The line of a call. Empty while nobody reads it: writing it out is most of what a call of this world costs.
 #define LINE_OF(line, format)                                                              \
+    WorldScope scope;                                                                      \
     va_list arguments;                                                                     \
     va_start(arguments, format);                                                           \
     const std::string line = world.quiet() ? std::string() : formatted(format, arguments); \
     va_end(arguments)
 
-__attribute__((format(printf, 1, 2))) std::string call_line(const char *format, ...)
+std::string call_hex(const void *bytes, size_t count)
 {
-    LINE_OF(line, format);
-    return line;
-}
-
-std::string call_hex(const uint8_t *bytes, size_t count)
-{
-    return world.quiet() ? std::string() : world_hex(bytes, count);
+    return world.quiet() ? "" : world_hex(static_cast<const uint8_t *>(bytes), count);
 }
 
 // A call that changes nothing: its result when it is refused.
 __attribute__((format(printf, 1, 2))) std::optional<int32_t> asked(const char *format, ...)
 {
-    WorldScope scope;
     LINE_OF(line, format);
     if (world.recording)
         world.asked.push_back(line);
     return world.refused(line);
 }
 
-// Journals the call and gives its result.
-int32_t did(const std::string &line, Bytes data = {})
+// Journals a call that hands something over, and gives its result.
+__attribute__((format(printf, 3, 4))) int32_t handed(const void *data, size_t count, const char *format, ...)
 {
-    if (!world.recording && world.sent != nullptr && !data.empty())
-        world.sent(Did::Call, data.data(), data.size(), 0);
-    world.enter({.did = Did::Call, .text = line, .data = std::move(data)});
+    LINE_OF(line, format);
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    if (!world.recording && world.sent != nullptr && count > 0)
+        world.sent(Did::Call, bytes, count, 0);
+    world.enter({.did = Did::Call, .text = line, .data = Bytes(bytes, bytes + count)});
     return world.refused(line).value_or(0);
 }
 
-__attribute__((format(printf, 1, 2))) int32_t called(const char *format, ...)
+// A synchronisation call and the value that it carries: text where the mode says so, else a number.
+int32_t sync(const std::string &call, uint32_t code, const void *value, uint32_t mode)
 {
-    WorldScope scope;
-    LINE_OF(line, format);
-    return did(line);
+    const QorBuffer none = {}, *text = value != nullptr && (mode & 0x80000000) != 0 ? static_cast<const QorBuffer *>(value) : &none;
+    const std::string shown = value == nullptr ? "null" : text == &none ? std::to_string(*static_cast<const uint32_t *>(value))
+                                                                        : "{" + call_hex(text->data, text->length) + "}";
+    return handed(text->data, text->length, "%s 0x%x %s 0x%x", call.c_str(), code, shown.c_str(), mode);
 }
 
-// The value a synchronisation call carries: text where the mode says so, else a number.
-std::string sync_value(const void *value, bool isText, Bytes *data)
-{
-    if (value == nullptr)
-        return "null";
-    if (!isText)
-        return call_line("%u", *static_cast<const uint32_t *>(value));
-    const auto *text = static_cast<const QorBuffer *>(value);
-    const auto *bytes = static_cast<const uint8_t *>(text->data);
-    data->assign(bytes, bytes + text->length);
-    return "{" + call_hex(bytes, text->length) + "}";
-}
-
-int32_t guard_answer(const char *who, std::map<uint32_t, WorldGuard> &guards, uint32_t ifIndex, uint32_t call, void *reply)
+int32_t guard_answer(const char *who, const std::map<uint32_t, WorldGuard> &guards, uint32_t ifIndex, uint32_t call, void *reply)
 {
     if (const auto refusal = asked("%s %u %u", who, ifIndex, call))
         return *refusal;
     const auto found = guards.find(ifIndex);
     if (found == guards.end())
         return -1;
-    if (call == 1) {
-        if (found->second.result == 0)
-            memcpy(reply, &found->second.enabled, sizeof(uint32_t));
-        return found->second.result;
-    }
-    memcpy(reply, &found->second.items, 1);
-    return 0;
+    if (call != 1)
+        memcpy(reply, &found->second.items, 1);
+    else if (found->second.result == 0)
+        memcpy(reply, &found->second.enabled, sizeof(uint32_t));
+    return call == 1 ? found->second.result : 0;
 }
 
-int32_t place_answer(const char *who, std::map<uint32_t, int32_t> &answers, const uint32_t *where, uint32_t property, const void *answer)
+int32_t place_answer(const char *who, const std::map<uint32_t, int32_t> &answers, const uint32_t *where, uint32_t property, const void *answer)
 {
     if (const auto refusal = asked("%s %u.%u.%u.%u %u%s", who, where[0], where[1], where[2], where[3], property, answer == nullptr ? " null" : ""))
         return *refusal;
@@ -140,7 +102,41 @@ int32_t place_answer(const char *who, std::map<uint32_t, int32_t> &answers, cons
     return found == answers.end() ? 0 : found->second;
 }
 
+// An answer of that length from a platform that says how much there would have been.
+template <class Answers>
+int32_t whole_answer(const Answers &answers, uint32_t key, QorBuffer *buffer)
+{
+    const auto found = answers.find(key);
+    if (found == answers.end())
+        return -1;
+    fill(buffer, found->second.data(), found->second.size());
+    buffer->length = static_cast<uint32_t>(found->second.size());
+    return 0;
+}
+
+const WorldPort *port_of(uint32_t ifIndex)
+{
+    const auto found = world.ports.find(ifIndex);
+    return found == world.ports.end() ? nullptr : &found->second;
+}
+
+std::vector<std::string> that_begin_with(const std::string &prefix, std::vector<std::string> lines)
+{
+    std::erase_if(lines, [&](const std::string &line) { return !line.starts_with(prefix); });
+    return lines;
+}
+
 } // namespace
+
+int32_t world_called(const char *format, ...)
+{
+    LINE_OF(line, format);
+    world.enter({.did = Did::Call, .text = line});
+    const auto refusal = world.refused(line);
+    if (refusal)
+        errno = WORLD_EPERM;
+    return refusal.value_or(0);
+}
 
 std::string world_format(const char *format, ...)
 {
@@ -163,7 +159,6 @@ void World::reset_without_daemon()
 {
     static int64_t day = 0;
     WorldScope scope;
-    fakeSockets = true;
     dhcpsnoop_shutdown();
     *this = World{};
     now = 1'000'000'000 + 86'400 * (day++ % 10'000);
@@ -239,10 +234,8 @@ WorldPort &World::vlan_interface(uint32_t ifIndex, uint16_t vid)
 
 void World::members(uint32_t vid, const std::vector<uint32_t> &list)
 {
-    Bytes &bytes = vlanMembers[vid];
-    bytes.resize(list.size() * sizeof(uint32_t));
-    if (!list.empty())
-        memcpy(bytes.data(), list.data(), bytes.size());
+    const auto *bytes = reinterpret_cast<const uint8_t *>(list.data());
+    vlanMembers[vid] = Bytes(bytes, bytes + list.size() * sizeof(uint32_t));
 }
 
 void World::role(DhcpsnoopRole wanted)
@@ -268,12 +261,6 @@ std::vector<std::string> World::texts(Did kind) const
     return found;
 }
 
-static std::vector<std::string> that_begin_with(const std::string &prefix, std::vector<std::string> lines)
-{
-    std::erase_if(lines, [&](const std::string &line) { return !line.starts_with(prefix); });
-    return lines;
-}
-
 std::vector<std::string> World::calls(const std::string &prefix) const { return that_begin_with(prefix, texts(Did::Call)); }
 
 std::vector<std::string> World::questions(const std::string &prefix) const { return that_begin_with(prefix, asked); }
@@ -284,31 +271,12 @@ void World::enter(WorldEntry entry)
         journal.push_back(std::move(entry));
 }
 
-// A platform that says how much there would have been.
-template <class Answers>
-static int32_t whole_answer(const Answers &answers, uint32_t key, QorBuffer *buffer)
-{
-    const auto found = answers.find(key);
-    if (found == answers.end())
-        return -1;
-    fill(buffer, found->second.data(), found->second.size());
-    buffer->length = static_cast<uint32_t>(found->second.size());
-    return 0;
-}
-
 extern "C" {
 
-uint32_t OsixCreateMSem(uint32_t options)
-{
-    const int32_t refused = called("OsixCreateMSem %u", options);
-    return refused != 0 ? 0 : 77;
-}
-
-int32_t OsixDeleteSem(uint32_t semId) { return called("OsixDeleteSem %u", semId); }
-
+uint32_t OsixCreateMSem(uint32_t options) { return world_called("OsixCreateMSem %u", options) != 0 ? 0 : 77; }
+int32_t OsixDeleteSem(uint32_t semId) { return world_called("OsixDeleteSem %u", semId); }
 int32_t errnoGet(void) { return errno; }
-
-void qorCatchSegFault(int argc, char **) { called("qorCatchSegFault %d", argc); }
+void qorCatchSegFault(int argc, char **) { world_called("qorCatchSegFault %d", argc); }
 
 int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
 {
@@ -318,8 +286,7 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
         auto *request = static_cast<QorNestedGet *>(value);
         if (request->attribute != 65536223 || *request->answer != 2 || request->count != 1)
             abort();
-        if (world.trunkQueryCount)
-            request->count = *world.trunkQueryCount;
+        request->count = world.trunkQueryCount.value_or(request->count);
         return world.trunkQueryResult;
     }
     const WorldPort *port = port_of(ifIndex);
@@ -329,36 +296,27 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
         return fill(static_cast<QorBuffer *>(value), port->name.data(), port->name.size());
     if (attribute == 33)
         return fill(static_cast<QorBuffer *>(value), port->mac.data(), port->mac.size());
-    const struct {
-        uint32_t attribute, word;
-    } words[] = {{5, port->number}, {45, port->tpid}, {193, port->workMode}, {417, port->isVlanIf}, {port->isVlanIf ? 5400 : ~0u, port->vid}};
-    for (const auto &answer : words)
-        if (answer.attribute == attribute)
-            return *static_cast<uint32_t *>(value) = answer.word, 0;
-    return -1;
+    const std::pair<uint32_t, uint32_t> words[] = {{5, port->number}, {45, port->tpid}, {193, port->workMode}, {417, port->isVlanIf}, {port->isVlanIf ? 5400 : ~0u, port->vid}};
+    const auto *answer = std::find_if(std::begin(words), std::end(words), [&](const auto &word) { return word.first == attribute; });
+    if (answer == std::end(words))
+        return -1;
+    *static_cast<uint32_t *>(value) = answer->second;
+    return 0;
 }
 
 int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
 {
-    WorldScope scope;
     if (command != 300)
-        return did(call_line("qorIfSetApi %u %u %u", ifIndex, command, *static_cast<uint32_t *>(value)));
-
+        return world_called("qorIfSetApi %u %u %u", ifIndex, command, *static_cast<uint32_t *>(value));
     const auto *request = static_cast<QorIfRequest *>(value);
-    auto *record = static_cast<uint8_t *>(request->record);
-    const char *operation = request->operation == 0x3E800DF ? "add" : "delete";
-    if (request->operation != 0x3E800DF && request->operation != 0x3E800E0)
+    auto *record = static_cast<QorUserRecord *>(request->record);
+    if (request->operation != QOR_USER_ADD && request->operation != QOR_USER_DELETE)
         abort();
-    const std::string line = call_line("hw %s %u: mac %s vid %u if %u ipsg %u addr %s attr %u orig %u type %u rule %02x macValid %02x kind %02x "
-                                       "dai %u",
-                                       operation, ifIndex, call_hex(record, 6).c_str(), native<uint16_t>(record + 6), native<uint32_t>(record + 8), native<uint32_t>(record + 12), call_hex(record + 16, 16).c_str(), native<uint16_t>(record + 32), native<uint16_t>(record + 34), record[36], record[37], record[38], record[39], native<uint32_t>(record + 40));
-    const int32_t result = did(line, Bytes(record, record + 44));
-    if (request->operation == 0x3E800DF) {
-        if (world.newIpsgHwId)
-            memcpy(record + 12, &*world.newIpsgHwId, sizeof(uint32_t));
-        if (world.newDaiHwId)
-            memcpy(record + 40, &*world.newDaiHwId, sizeof(uint32_t));
-    }
+    const bool add = request->operation == QOR_USER_ADD;
+    const int32_t result = handed(record, sizeof *record, "hw %s %u: mac %s vid %u if %u ipsg %u addr %s attr %u orig %u type %u rule %02x macValid %02x kind %02x dai %u",
+                                  add ? "add" : "delete", ifIndex, call_hex(record->mac, 6).c_str(), record->vid, record->ifIndex, record->ipsgHwId, call_hex(record->addr, 16).c_str(), record->userAttr, record->origVid, record->ipType, record->ruleFlags, record->macValid, record->addrKind, record->daiHwId);
+    record->ipsgHwId = add ? world.newIpsgHwId.value_or(record->ipsgHwId) : record->ipsgHwId;
+    record->daiHwId = add ? world.newDaiHwId.value_or(record->daiHwId) : record->daiHwId;
     return result;
 }
 
@@ -366,28 +324,21 @@ int32_t qorIfUnit2Name(uint32_t ifIndex, char *name, uint32_t size)
 {
     asked("qorIfUnit2Name %u", ifIndex);
     const WorldPort *port = port_of(ifIndex);
-    if (port == nullptr)
-        return -1;
-    snprintf(name, size, "%s", port->name.c_str());
-    return 0;
+    return port == nullptr ? -1 : (snprintf(name, size, "%s", port->name.c_str()), 0);
 }
 
 int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
 {
-    WorldScope scope;
     const auto refusal = kind == 7 ? asked("qorIndexTrans %u,%u,%u,%u,%u,%u,%u 7", from[0], from[1], from[2], from[3], from[4], from[5], from[6])
                                    : asked("qorIndexTrans %u %u", from[0], kind);
     if (refusal)
         return *refusal;
-    if (kind == 6) {
-        const WorldPort *port = port_of(from[0]);
-        if (port == nullptr)
-            return -1;
+    if (const WorldPort *port = kind == 6 ? port_of(from[0]) : nullptr; port != nullptr) {
         memcpy(to, port->location.data(), sizeof port->location);
         return 0;
     }
     for (const auto &[ifIndex, port] : world.ports) {
-        if (port.isVlanIf && port.vid == from[4] && from[5] == 3) {
+        if (kind == 7 && port.isVlanIf && port.vid == from[4] && from[5] == 3) {
             *to = ifIndex;
             return 0;
         }
@@ -411,26 +362,19 @@ uint32_t qorSelfSysIndex(void) { return world.selfSystem; }
 
 int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
 {
-    WorldScope scope;
-    const auto *query = static_cast<SysIfQuery *>(buffer);
-    asked("sysIFGet %u %u vid %u", ifIndex, attribute, query->vid);
+    const uint32_t vid = static_cast<const SysIfQuery *>(buffer)->vid;
+    asked("sysIFGet %u %u vid %u", ifIndex, attribute, vid);
     const WorldPort *port = port_of(ifIndex);
-    if (port == nullptr)
-        return attribute == 255 ? 1 : 0;
     if (attribute == 255)
-        return port->answer255.value_or(port->down || !port->vlans.contains(query->vid) ? 1 : 0);
-    return port->answer258.value_or(port->untagged.contains(query->vid) ? 1 : 0);
+        return port == nullptr ? 1 : port->answer255.value_or(port->down || !port->vlans.contains(vid) ? 1 : 0);
+    return port == nullptr ? 0 : port->answer258.value_or(port->untagged.contains(vid) ? 1 : 0);
 }
 
 int32_t nmGetIfPartDescr(uint32_t ifIndex, char *buffer, uint32_t size)
 {
     asked("nmGetIfPartDescr %u %u", ifIndex, size);
     const WorldPort *port = port_of(ifIndex);
-    if (port == nullptr)
-        return -1;
-    // A description that fills the room is not terminated.
-    strncpy(buffer, port->name.c_str(), size);
-    return 0;
+    return port == nullptr ? -1 : (strncpy(buffer, port->name.c_str(), size), 0); // not terminated when it fills the room
 }
 
 const char *nmGetHostname(void) { return world.hostname ? world.hostname->c_str() : nullptr; }
@@ -442,118 +386,62 @@ uint32_t qorHwScalarGet(uint32_t unit, uint32_t scalar, void *)
     return found == world.hwScalars.end() ? 0 : found->second;
 }
 
-int32_t qorHwScalarSync(void *source, uint32_t code, void *data, uint32_t mode)
-{
-    WorldScope scope;
-    Bytes bytes;
-    const std::string value = sync_value(data, (mode & 0x80000000) != 0, &bytes);
-    return did(call_line("qorHwScalarSync %s 0x%x %s 0x%x", source == nullptr ? "null" : "source", code, value.c_str(), mode), bytes);
-}
-
-int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t mode)
-{
-    WorldScope scope;
-    Bytes bytes;
-    const std::string text = sync_value(value, (mode & 0x80000000) != 0, &bytes);
-    return did(call_line("qorHwIfSync %u 0x%x %s 0x%x", ifIndex, code, text.c_str(), mode), bytes);
-}
-
-int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t mode)
-{
-    WorldScope scope;
-    Bytes bytes;
-    const std::string text = sync_value(value, (mode & 0x80000000) != 0, &bytes);
-    return did(call_line("qorHwDhcpSnoopUserSync %s 0x%x %s 0x%x", call_hex(static_cast<const uint8_t *>(key), 20).c_str(), code, text.c_str(), mode), bytes);
-}
-
-int32_t qorHwCardGet(const uint32_t *where, uint32_t property, void *answer)
-{
-    return place_answer("qorHwCardGet", world.cardAnswers, where, property, answer);
-}
-
-int32_t qorHwSlotGet(const uint32_t *where, uint32_t property, void *answer)
-{
-    return place_answer("qorHwSlotGet", world.slotAnswers, where, property, answer);
-}
+int32_t qorHwScalarSync(void *source, uint32_t code, void *data, uint32_t mode) { return sync(source == nullptr ? "qorHwScalarSync null" : "qorHwScalarSync source", code, data, mode); }
+int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t mode) { return sync("qorHwIfSync " + std::to_string(ifIndex), code, value, mode); }
+int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t mode) { return sync("qorHwDhcpSnoopUserSync " + call_hex(key, 20), code, value, mode); }
+int32_t qorHwCardGet(const uint32_t *where, uint32_t property, void *answer) { return place_answer("qorHwCardGet", world.cardAnswers, where, property, answer); }
+int32_t qorHwSlotGet(const uint32_t *where, uint32_t property, void *answer) { return place_answer("qorHwSlotGet", world.slotAnswers, where, property, answer); }
 
 void zlog_dispatch_logging(int32_t module, int32_t level, const char *format, ...)
 {
-    WorldScope scope;
-    va_list arguments;
-    va_start(arguments, format);
-    std::string text = formatted(format, arguments);
-    va_end(arguments);
-    world.enter({.did = Did::Log, .text = world_format("%d %d ", module, level) + text});
+    LINE_OF(text, format);
+    world.enter({.did = Did::Log, .text = std::to_string(module) + " " + std::to_string(level) + " " + text});
 }
 
 void NM_DEBUG_OUTPUT(const char *format, ...)
 {
-    WorldScope scope;
-    va_list arguments;
-    va_start(arguments, format);
-    std::string text = formatted(format, arguments);
-    va_end(arguments);
-    world.enter({.did = Did::Debug, .text = std::move(text)});
+    LINE_OF(text, format);
+    world.enter({.did = Did::Debug, .text = text});
 }
 
-int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length)
-{
-    WorldScope scope;
-    const auto *bytes = static_cast<const uint8_t *>(record);
-    return did(call_line("qorNetlinkSend %u %u %u", kind, destination, length), Bytes(bytes, bytes + length));
-}
-
-int32_t ipsgIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
-{
-    return guard_answer("ipsgIfGetApi", world.ipsg, ifIndex, call, reply);
-}
-
-int32_t arpAntiAttackIfGetApi(uint32_t ifIndex, uint32_t call, void *reply)
-{
-    return guard_answer("arpAntiAttackIfGetApi", world.dai, ifIndex, call, reply);
-}
+int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length) { return handed(record, length, "qorNetlinkSend %u %u %u", kind, destination, length); }
+int32_t ipsgIfGetApi(uint32_t ifIndex, uint32_t call, void *reply) { return guard_answer("ipsgIfGetApi", world.ipsg, ifIndex, call, reply); }
+int32_t arpAntiAttackIfGetApi(uint32_t ifIndex, uint32_t call, void *reply) { return guard_answer("arpAntiAttackIfGetApi", world.dai, ifIndex, call, reply); }
 
 int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, QorBuffer *option125, QorBuffer *bootFile)
 {
     WorldScope scope;
-    const auto offer = [](QorBuffer *buffer, const std::optional<Bytes> &what,
-                          std::optional<uint32_t> length) {
+    const auto offer = [](QorBuffer *buffer, const std::optional<Bytes> &data, std::optional<uint32_t> length) {
         if (buffer == nullptr)
             return;
-        if (what)
-            fill(buffer, what->data(), what->size());
+        if (data)
+            fill(buffer, data->data(), data->size());
         else if (world.hookSetsLengths)
             buffer->length = 0;
-        if (length)
-            buffer->length = *length;
+        buffer->length = length.value_or(buffer->length);
     };
     const std::string room = option125 == nullptr && bootFile == nullptr ? "null null" : world_format("%u %u", option125->length, bootFile->length);
-    Bytes unset(record->unset, record->unset + sizeof record->unset);
-    did(call_line("deftinstall ip %08x tag %08x mac %s one %u add %u, %s", record->clientIp, record->vendorTag,
-                  call_hex(record->mac, 6).c_str(), record->one, record->add, room.c_str()),
-        unset);
+    handed(record->unset, sizeof record->unset, "deftinstall ip %08x tag %08x mac %s one %u add %u, %s", record->clientIp, record->vendorTag, call_hex(record->mac, 6).c_str(), record->one, record->add, room.c_str());
     offer(option125, world.option125, world.option125Length);
     offer(bootFile, world.bootFile, world.bootFileLength);
     return 0;
 }
 
-int32_t platform_packet_info_enable(int sock) { return called("platform_packet_info_enable %d", sock); }
+int32_t platform_packet_info_enable(int sock) { return world_called("platform_packet_info_enable %d", sock); }
 
 // As the kernel would: control data only as far as the message header has room for it.
 ssize_t platform_frame_recv(int sock, struct msghdr *msg)
 {
     WorldScope scope;
     auto &queue = world.arrivals[sock == gDhcpsnoop.data6Sock ? 1 : 0];
-    if (queue.empty()) {
-        errno = EAGAIN;
+    errno = EAGAIN;
+    if (queue.empty())
         return -1;
-    }
     const WorldArrival arrival = std::move(queue.front());
     queue.pop_front();
-    if (arrival.result && *arrival.result < 0) {
-        errno = ENETDOWN;
+    errno = ENETDOWN;
+    if (arrival.result && *arrival.result < 0)
         return *arrival.result;
-    }
     size_t copied = 0;
     for (size_t i = 0; i < msg->msg_iovlen && copied < arrival.frame.size(); i++) {
         const size_t count = std::min(msg->msg_iov[i].iov_len, arrival.frame.size() - copied);
@@ -569,13 +457,10 @@ ssize_t platform_frame_recv(int sock, struct msghdr *msg)
         const size_t start = control.size();
         control.resize(start + CMSG_SPACE(message.data.size()));
         memcpy(control.data() + start, &header, sizeof header);
-        if (!message.data.empty())
-            memcpy(control.data() + start + CMSG_LEN(0), message.data.data(), message.data.size());
+        std::copy(message.data.begin(), message.data.end(), control.data() + start + CMSG_LEN(0));
     }
-    const size_t room = std::min<size_t>(msg->msg_controllen, control.size());
-    if (room > 0)
-        memcpy(msg->msg_control, control.data(), room);
-    msg->msg_controllen = room;
+    msg->msg_controllen = std::min<size_t>(msg->msg_controllen, control.size());
+    std::copy_n(control.data(), msg->msg_controllen, static_cast<uint8_t *>(msg->msg_control));
     if (msg->msg_name != nullptr && msg->msg_namelen > 0) {
         struct sockaddr_ll address = {};
         address.sll_family = AF_PACKET;
@@ -585,20 +470,18 @@ ssize_t platform_frame_recv(int sock, struct msghdr *msg)
     return arrival.result.value_or(static_cast<ssize_t>(copied));
 }
 
-int32_t platform_event_group_join(int sock, uint32_t group) { return called("platform_event_group_join %d %u", sock, group); }
+int32_t platform_event_group_join(int sock, uint32_t group) { return world_called("platform_event_group_join %d %u", sock, group); }
 
 ssize_t platform_event_recv(int, void *buffer, size_t size, struct sockaddr *, socklen_t *fromLength)
 {
     WorldScope scope;
-    did(call_line("platform_event_recv %zu %u", size, *fromLength));
-    if (world.events.empty()) {
-        errno = EAGAIN;
+    world_called("platform_event_recv %zu %u", size, *fromLength);
+    errno = EAGAIN;
+    if (world.events.empty())
         return -1;
-    }
     const auto [datagram, result] = world.events.front();
     world.events.pop_front();
-    if (!datagram.empty())
-        memcpy(buffer, datagram.data(), std::min(size, datagram.size()));
+    std::copy_n(datagram.data(), std::min(size, datagram.size()), static_cast<uint8_t *>(buffer));
     return result;
 }
 }

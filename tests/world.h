@@ -55,11 +55,10 @@ enum class Did : uint8_t {
 struct WorldEntry {
     Did did;
     std::string text;
-    Bytes data = {};           // the frame, the datagram's payload, or the record handed over
-    uint32_t port = 0;         // Frame: egress interface index
-    int socket = -1;           // Frame, Relay
-    Bytes address = {};        // Frame: the sockaddr_ll. Relay: the control data
-    uint32_t from = 0, to = 0; // Relay: numeric addresses
+    Bytes data = {};    // the frame, the datagram's payload, or the record handed over
+    uint32_t port = 0;  // Frame: egress interface index
+    int socket = -1;    // Frame, Relay
+    Bytes address = {}; // Frame: the sockaddr_ll
 };
 
 // A control message that comes with a frame.
@@ -96,12 +95,12 @@ struct World {
     std::optional<uint8_t> trunkQueryCount;
 
     // ---- the kernel's side
-    bool fakeSockets = true;                      // socket() gives descriptors of this world, from 900 on; else the kernel's
     std::deque<WorldArrival> arrivals[2];         // by data socket: 0 the first one that is asked (IPv4), 1 IPv6
     std::deque<std::pair<Bytes, ssize_t>> events; // platform_event_recv: datagram and result
     std::set<int> readable;                       // what the next select marks, once
     std::optional<int> selectResult;              // instead of the count of marked descriptors
     int nextSocket = 900;                         // WORLD_FIRST_SOCKET; stays below FD_SETSIZE
+    int connection = -1;                          // what the next accept gives, a descriptor of the kernel's own
     mode_t umask = 022;
     int failCalloc = 0; // the n-th calloc from now gives null; 0 = none
 
@@ -167,6 +166,8 @@ struct WorldScope {
 constexpr int WORLD_FIRST_SOCKET = 900;
 constexpr int WORLD_EPERM = 1;
 
+// Journals a call and gives its result; errno is set when it is refused.
+int32_t world_called(const char *format, ...) __attribute__((format(printf, 1, 2)));
 std::string world_format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 std::string world_hex(const uint8_t *bytes, size_t count); // "0a 0b"
 
