@@ -9,7 +9,7 @@
 #include <set>
 #include <span>
 
-#include "model.h"
+#include "port.h"
 #include "netlink.h"
 
 namespace platform_linux

@@ -8,7 +8,7 @@
 
 #include "conf_file.h"
 #include "dhcpsnoop.h"
-#include "model.h"
+#include "port.h"
 
 namespace platform_linux
 {
