@@ -91,7 +91,7 @@ class LabTest(unittest.TestCase):
         """What the daemon and the guard have dropped there, by reason."""
         guard = [place["refused"] for place in self.show("guard")["interfaces"] if place["interface"] == port]
         counts = [*self.show(f"interface {port}").items(), *(row for rows in guard for row in rows.items())]
-        return {name: count for name, count in counts if name in ("ipv4", "ipv6", "arp") or name.startswith("dropped-")}
+        return {name: count for name, count in counts if name in ("ipv4", "ipv6", "arp", "unclear", "vlan") or name.startswith("dropped-")}
 
     def client(self, host, device="eth0", program="udhcpc", made=Client, **options):
         client = made(self.lab.hosts[host], device, program, **options)

@@ -1,11 +1,13 @@
 """Single messages between hosts: where each arrives, what is counted, and options 82, 18 and 37 as the server sees them."""
 
+import threading
+
 import labtest
 
 from dhcpv6 import DHCP6OptServerId, duid, exchange6, from_client6, from_server6, ia_na
 from lab import MACS
 from scapy.layers.dhcp6 import DHCP6OptIfaceId, DHCP6OptRemoteID
-from wire import BOOTP, exchange, from_client, from_server, options, tagged
+from wire import BOOTP, Ether, exchange, from_client, from_server, is_dhcp, options, tagged
 
 OTHER, ROGUE, STOLEN, STOLEN6 = "02:00:00:00:99:99", "10.0.10.66", "10.0.10.250", "2001:db8:10::bad"
 PC1, PC2, TO_PC1 = MACS["pc1"], MACS["pc2"], (MACS["pc1"], STOLEN)
@@ -31,10 +33,13 @@ class Frames(labtest.LabTest):
             ("one in another VLAN", "", "pc2", from_client("discover", PC2), "core server/20"),
             ("of DHCPv6", "", "pc1", from_client6("solicit", PC1), "core server/10"),
             ("tagged twice", "", "trunk", tagged(from_client("discover", MACS["trunk"]), 20, 5), "core/5 server/20"),
-            ("of a VLAN that the port is no member of", "", "trunk", tagged(from_client("discover", MACS["trunk"]), 30), ""),
+            ("of a VLAN that the port is no member of", "", "trunk", tagged(from_client("discover", MACS["trunk"]), 30), "| vlan 1"),
             ("a rogue OFFER", "", "rogue", rogue("offer"), "| dropped-untrusted 1"),
             ("a rogue ACK to the client alone", "", "rogue", rogue("ack", to=TO_PC1), "| dropped-untrusted 1"),
             ("a rogue NAK", "", "rogue", rogue("nak"), "| dropped-untrusted 1"),
+            ("a rogue OFFER behind four tags, which hosts take off", "", "rogue", tagged(rogue("offer"), 0, 0, 0, 0), "| unclear 1"),
+            ("one with another version in its header", "", "rogue", bytes(rogue("offer"))[:14] + b"\x65" + bytes(rogue("offer"))[15:], "| unclear 1"),
+            ("one in a VLAN that no port is a member of", "", "rogue", tagged(rogue("offer"), 30), "| vlan 1"),
             ("a rogue ADVERTISE", "", "rogue", rogue6("advertise"), ""),
             ("a rogue REPLY", "", "rogue", rogue6("reply", DHCP6OptIfaceId(ifaceid=b"x")), ""),
             ("an OFFER from a trusted port", "interface swp5 trust on", "rogue", rogue("offer"), "core pc1 server/10 trunk/10"),
@@ -65,6 +70,28 @@ class Frames(labtest.LabTest):
         ack, _ = exchange(pc1, PC1), exchange6(pc1, PC1, iaid=2)
         self.assertEqual(options(ack)["server_id"], "10.0.10.1")
         self.assertEqual([self.binding(address) for address in (STOLEN, STOLEN6)], before)
+
+    def test_rogue_past_the_trap(self):
+        """A real client whose server's OFFER tells everybody its transaction, and a rogue that answers first in forms that hosts take."""
+        rogue, ending = self.endpoint("rogue"), threading.Event()
+
+        def answer():
+            while not ending.is_set():
+                data = rogue.next(0.1)
+                seen = Ether(data) if data else None
+                if seen and is_dhcp(seen):
+                    for kind in ("offer", "ack"):
+                        reply = bytes(from_server(kind, PC1, "10.0.10.1", STOLEN, source_mac=MACS["rogue"], xid=seen[BOOTP].xid))
+                        rogue.send(tagged(reply, 0, 0, 0, 0), reply[:14] + b"\x65" + reply[15:], tagged(reply, 30))
+
+        thread = threading.Thread(target=answer)
+        thread.start()
+        try:
+            leases = {self.client("pc1", program=program).wait_lease() for program in ("udhcpc", "dhclient")}
+        finally:
+            ending.set()
+            thread.join()
+        self.assertNotIn(STOLEN, leases)
 
     def test_option82(self):
         """In the REQUEST, decoded by tshark; the client's ACK has it when it cannot be known as our own."""
