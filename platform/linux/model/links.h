@@ -9,8 +9,8 @@
 #include <set>
 #include <span>
 
-#include "port.h"
 #include "netlink.h"
+#include "port.h"
 
 namespace platform_linux
 {

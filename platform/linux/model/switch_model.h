@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "links.h"
+#include "model.h"
 #include "switch_conf.h"
 
 namespace platform_linux
