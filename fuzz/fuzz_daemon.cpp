@@ -14,6 +14,7 @@
 #include "event_message.h"
 #include "input.h"
 #include "management.h"
+#include "request.h"
 
 namespace
 {
@@ -326,6 +327,26 @@ void frame_step(Input &input, bool twice)
     frameTrue = false;
 }
 
+// Of the right form for its function, or the input's bytes.
+Bytes request_take(Input &input)
+{
+    const uint8_t func = input.u8();
+    if (func >= 0x80)
+        return input.bytes(input.u16() % (DHCPSNOOP_REQUEST_MAX + 1));
+    Request request(func, input.u8());
+    if (func <= FUNC_GLOBAL_GET)
+        request.number(0).count(0);
+    else if (func >= FUNC_USER_FIRST && func <= FUNC_USER_GET)
+        request.key(1 + input.u8() / 0xE0, be32(ip4(10, 0, 0, input.u8())));
+    else
+        request.number(input.u8());
+    if (func >= FUNC_SERVER_IP_FIRST)
+        request.number(ip4(10, 0, 0, input.u8()));
+    const uint8_t type = input.u8() % 5;
+    request.data(type, type == 2 ? be32(input.u8()) : input.bytes(input.u8()));
+    return request.bytes;
+}
+
 // What makes the counts differ from the bindings by design: interfaces that come to bindings which are there, bindings moved by
 // hand, bindings from the peer.
 bool moves_bindings(uint32_t func, uint32_t cmd)
@@ -546,7 +567,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
             break;
         case 3:
         case 4: {
-            const Bytes request = input.bytes(input.u16() % (DHCPSNOOP_REQUEST_MAX + 1));
+            const Bytes request = request_take(input);
             play(twice, [&request] { request_step(request); });
             break;
         }
