@@ -1,5 +1,5 @@
 // The daemon's changes on their way to the platform's thread. The daemon neither waits nor allocates: the
-// other side holds the lock only to exchange two pointers, and what does not fit is counted and left out.
+// thread holds the lock only to exchange two pointers, and a change without room is counted and lost.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace platform_linux
 {
 
 struct Change {
-    enum class Kind : uint8_t { record, copyBegin, copyEnd }; // what stands between the two is a full copy
+    enum class Kind : uint8_t { record, copyBegin, copyEnd }; // a full copy is between the two
     Kind kind;
     UnitRecord record;
 };
@@ -24,7 +24,7 @@ struct Change {
 class ChangeQueue
 {
   public:
-    // Memory that no change has used yet takes no room.
+    // Unused memory is never touched, and so takes no room.
     explicit ChangeQueue(size_t capacity)
         : capacity_(capacity), filling_(std::make_unique_for_overwrite<Change[]>(capacity)),
           taken_(std::make_unique_for_overwrite<Change[]>(capacity))

@@ -13,7 +13,7 @@ constexpr uint32_t MAGIC = 0x44534E50; // "DSNP"
 constexpr uint8_t VERSION = 1;
 constexpr size_t OFFSET_VERSION = 4, OFFSET_TYPE = 5, OFFSET_LENGTH = 6;
 
-// What is wrong with a whole header, or null.
+// The fault of a header, or null.
 const char *header_fault(const uint8_t *header)
 {
     if (wire_get32(header) != MAGIC)

@@ -18,7 +18,7 @@ constexpr Ticks HANDSHAKE_TIME = 5000; // of TCP, TLS and the first message
 constexpr Ticks ALIVE_PERIOD = 2000;   // without anything else to say
 constexpr Ticks SILENCE_MAX = 10'000;  // of the peer
 constexpr Ticks STALL_MAX = 30'000;    // with something to send that it does not take
-constexpr size_t CONNECTIONS_MAX = 8;  // of which all but one are strangers until they prove otherwise
+constexpr size_t CONNECTIONS_MAX = 8;  // all but one of strangers, until they prove who they are
 constexpr size_t OUT_MAX = 16 << 20;   // more than the largest full copy
 constexpr size_t OUT_KEPT = 1 << 20;   // of room that was needed once
 constexpr size_t READS_PER_TURN = 8;   // of 16 KiB, a TLS record
@@ -190,7 +190,7 @@ bool PeerLink::take(Connection &connection, const PeerFrame &frame)
         handlers_.frame(frame);
         return true;
     }
-    // It proved who it is: what went on before is an earlier life of the peer.
+    // The peer proved who it is: an older connection belongs to an earlier run of it.
     Connection *before = current_;
     current_ = &connection;
     if (before != nullptr) {
@@ -297,7 +297,7 @@ void PeerLink::watch(std::vector<pollfd> &descriptors) const
         const bool writes =
             connection.connecting || connection.wantsWrite || connection.sent < connection.out.size();
         const bool reads = !connection.connecting && !(held_ && &connection == current_);
-        // One that hung up would end every wait, asked for or not.
+        // A closed connection would end every wait, even without events.
         if (reads || writes)
             descriptors.push_back(
                 {connection.fd.get(), static_cast<short>((reads ? POLLIN : 0) | (writes ? POLLOUT : 0)), 0});

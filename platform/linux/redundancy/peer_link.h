@@ -1,6 +1,6 @@
-// The link to the peer unit: TCP with TLS 1.3, each side shows the certificate that the other expects.
-// Nothing here waits; what the peer is too slow for is left out and counted. A peer that says nothing is
-// given up, and the connection is made again.
+// The link to the peer unit: TCP with TLS 1.3; each side shows the certificate that the other expects. No
+// call waits. Records that a slow peer has no room for are left out and counted. A silent peer is given up,
+// and the connection is made again.
 #pragma once
 
 #include <functional>
@@ -35,26 +35,26 @@ class PeerLink
     // Reads certificate, key and authority. False with what is wrong.
     bool start(std::string &error);
 
-    // Puts a message in line. False when the peer is not up, or so slow that there is no room.
+    // Queues a message. False when the peer is not up, or has no room.
     bool send(PeerMessage type, std::span<const uint8_t> payload = {});
 
     // Tells it our role, which has changed.
     bool send_role();
 
-    // Nothing is in line any more.
+    // All queued messages are sent.
     bool is_idle() const { return current_ != nullptr && current_->out.empty(); }
 
-    // While its records cannot be taken in, they stay with the peer.
+    // While held, the peer's records stay with the peer.
     void hold(bool held);
 
     std::string address() const { return (conf_.listens ? "listen " : "connect ") + conf_.addressText; }
     bool is_up() const { return current_ != nullptr; }
     DhcpsnoopRole peer_role() const { return peerRole_; }   // while it is up
-    const std::string &trouble() const { return trouble_; } // why it is not up, as far as known
+    const std::string &trouble() const { return trouble_; } // the reason when it is down, if known
 
     void watch(std::vector<pollfd> &descriptors) const;
     Ticks deadline() const;
-    // `descriptors` as watch made them, with what has come.
+    // `descriptors` as watch made them, after poll.
     void serve(const std::vector<pollfd> &descriptors, Ticks now);
 
   private:
@@ -80,7 +80,7 @@ class PeerLink
     void accept_all(Ticks now);
     void connect_now(Ticks now);
     bool make_tls(Connection &connection, bool accepting);
-    // Each of these gives false, with trouble_ set, for a connection that is no good any more.
+    // Each gives false, with trouble_ set, when the connection must be dropped.
     bool progress(Connection &connection, short events, Ticks now);
     bool shake_hands(Connection &connection, Ticks now);
     bool read_some(Connection &connection, Ticks now);

@@ -1,5 +1,5 @@
-// The redundancy file: text in, how the peer unit is reached and where the journal lies out, or the first
-// error.
+// The redundancy file: text in; address and keys of the peer unit and the path of the journal out, or the
+// first error.
 #pragma once
 
 #include <cstdint>
@@ -18,17 +18,16 @@ constexpr const char *REDUNDANCY_CONF_ENV = "DHCPSNOOP_REDUNDANCY_CONF"; // name
 constexpr const char *JOURNAL_PATH = "/var/lib/dhcpsnoop/journal";
 
 struct PeerConf {
-    bool listens;         // for the peer, which connects; else the other way round
+    bool listens;         // and the peer connects; else the other way round
     sockaddr_in6 address; // an IPv4 address as ::ffff:a.b.c.d
     std::string addressText;
     std::string certificate, key, authority; // PEM files
-    std::string name;                        // what the peer's certificate must be for
+    std::string name;                        // in the peer's certificate
 };
 
 struct RedundancyConf {
     std::optional<PeerConf> peer;
-    std::optional<std::string>
-        journal; // empty = none wanted; not there = JOURNAL_PATH if its directory exists
+    std::optional<std::string> journal; // empty = none; absent = JOURNAL_PATH if its directory exists
 };
 
 // As switch_conf_parse and switch_conf_read.

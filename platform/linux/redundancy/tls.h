@@ -1,6 +1,5 @@
-// TLS 1.3 between the units, each of which shows the certificate that the other expects. What does it is a
-// module of its own, loaded when a peer is configured: without one, the daemon does not carry the library's
-// 2 MiB.
+// TLS 1.3 between the units, each of which shows the certificate that the other expects. It is in a module
+// that is loaded when a peer is configured: a daemon without a peer does not carry the library's 2 MiB.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +15,8 @@ namespace platform_linux
 
 enum class TlsResult { done, wantsRead, wantsWrite, closed, failed };
 
-// One connection's. Nothing here waits: `wantsRead` and `wantsWrite` say what the descriptor must become
-// before the same call gets further. The descriptor stays the caller's.
+// The TLS of one connection. No call waits: `wantsRead` and `wantsWrite` ask for a readable or writable
+// descriptor before the next call. The caller keeps the descriptor.
 class TlsSession
 {
   public:
@@ -26,12 +25,12 @@ class TlsSession
     TlsSession(const TlsSession &) = delete;
     TlsSession &operator=(const TlsSession &) = delete;
 
-    // Done once the peer is known to be who it should be.
+    // Done when the peer has proved its name.
     virtual TlsResult shake_hands() = 0;
-    // After shake_hands is done. `count` is how many bytes were moved, at least one when done.
+    // After shake_hands is done. `count` is the number of bytes moved, at least one when done.
     virtual TlsResult read(std::span<uint8_t> room, size_t &count) = 0;
     virtual TlsResult write(std::span<const uint8_t> bytes, size_t &count) = 0;
-    // Why the last of these failed.
+    // The reason of the last failure.
     virtual std::string trouble() const = 0;
 };
 
@@ -47,10 +46,10 @@ class Tls
     virtual std::unique_ptr<TlsSession> session(int fd, bool accepting) = 0;
 };
 
-// Loads the module, for good, and reads certificate, key and authority. Null with what is wrong.
+// Loads the module, for good, and reads certificate, key and authority. Null with `error`.
 std::unique_ptr<Tls> tls_load(const PeerConf &conf, std::string &error);
 
-// The module's way in, with C linkage. What it gives is the caller's.
+// The module's entry, with C linkage. The caller owns the result.
 constexpr const char *TLS_OPEN = "dhcpsnoop_tls_open";
 using TlsOpen = Tls *(const PeerConf &conf, std::string &error);
 

@@ -1,6 +1,6 @@
-// A binding or server as it travels to the peer unit and as it lies in the journal. It names its port,
-// because two machines, and two starts of one, number their ports differently, and carries nothing of the
-// data plane, which each unit has for itself.
+// A binding or server as it travels to the peer unit and lies in the journal. It has the name of its port,
+// because port numbers differ between two machines, and between two starts of one machine. It has nothing of
+// the data plane: each unit has its own.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@ namespace platform_linux
 
 struct UnitRecord {
     uint8_t type; // SYNC_USER, SYNC_SERVER
-    bool add;     // else of what follows only the address counts, and of a server its port and VLAN
+    bool add;     // a delete needs the address only, of a server also port and VLAN
     uint8_t ipType;
     uint8_t userType, bindState, macMark;
     uint16_t userAttr;
@@ -36,7 +36,7 @@ struct UnitRecord {
     }
 };
 
-// What tells records apart: type, address and, of a server, port and VLAN.
+// Type and address of a record and, for a server, port and VLAN.
 using UnitKey = std::array<uint8_t, 36>;
 UnitKey unit_key(const UnitRecord &record);
 
@@ -47,16 +47,16 @@ using UnitBytes = std::array<uint8_t, UNIT_RECORD_LEN>;
 UnitBytes unit_encode(const UnitRecord &record, uint32_t now);
 
 enum class UnitClock : uint8_t {
-    own,   // the journal's: real time went on since, unless the clock was set back behind the record
-    peers, // the other unit's, which may go wrong: a lease is as old as it was there
+    own,   // the journal's: time went on since, unless the clock was set back behind the record
+    peers, // the other unit's, which may be wrong: a lease has the age that it had there
 };
 
-// None when it is no record that unit_encode makes.
+// None for bytes that unit_encode does not make.
 std::optional<UnitRecord> unit_decode(std::span<const uint8_t, UNIT_RECORD_LEN> bytes, uint32_t now,
                                       UnitClock clock);
 
-// From and to the daemon's own form. The data plane's marks come out clear: the unit that takes the binding
-// over has programmed nothing yet.
+// From and to the daemon's own form, without the marks of the data plane: the unit that gets the binding has
+// not installed it.
 UnitRecord unit_from_user(const SyncUserRecord &user, const char *port);
 UnitRecord unit_from_server(const SyncServerRecord &server, const char *port);
 SyncUserRecord unit_to_user(const UnitRecord &record, uint32_t ifIndex);

@@ -1,5 +1,5 @@
-// All that the daemon's tables hold, as the platform's thread knows it from the records that passed: what the
-// journal is written anew from, and what tells after a full copy which records have gone.
+// The content of the daemon's tables, from the records that passed. A journal is written anew from it, and
+// after a full copy it gives the records that have gone.
 #pragma once
 
 #include <string_view>
@@ -18,7 +18,7 @@ struct UnitKeyHash {
     }
 };
 
-// The largest tables that the daemon can have, its full copy, and then some.
+// More than the daemon's largest tables.
 constexpr size_t UNIT_TABLE_MAX = 1 << 17;
 
 class UnitTable
@@ -26,15 +26,15 @@ class UnitTable
   public:
     struct Held {
         UnitRecord record;
-        bool parked = false; // its port is not there: the daemon does not know of it yet
-        uint32_t copy = 0;   // the last full copy that had it
+        bool parked = false; // its port is missing, and the daemon does not have it yet
+        uint32_t copy = 0;   // number of the last full copy with it
     };
 
-    // Takes a record in. False when it changes nothing that is held, or there is no room.
+    // Takes a record in. False when nothing changes, or there is no room.
     bool apply(const UnitRecord &record, bool parked = false);
 
-    // Around a full copy that is applied in between: copy_end gives a delete record for each that it had not,
-    // and forgets them. Parked ones only if asked to: the daemon's own copy cannot have them.
+    // Around the records of a full copy: copy_end forgets each record that the copy did not have, and gives a
+    // delete record for it. Parked records only with `parkedToo`: the daemon's own copy never has them.
     void copy_begin() { copy_++; }
     std::vector<UnitRecord> copy_end(bool parkedToo = false);
 
