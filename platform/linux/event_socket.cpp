@@ -18,6 +18,7 @@
 #include "platform.h"
 #include "redundancy.h"
 #include "report.h"
+#include "switch_model.h"
 #include "wake.h"
 
 namespace platform_linux
