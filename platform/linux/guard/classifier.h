@@ -11,16 +11,13 @@
 #include <string>
 
 #include "guard_maps.h"
+#include "guard_rules.h"
 
 namespace platform_linux
 {
 
 // How long a trap of an earlier run holds that this run has not set again.
 constexpr uint32_t GUARD_INHERIT_SECONDS = 60;
-
-// How long a rule of an earlier run counts that this run has not installed again: half a lease of two
-// days, when a client renews.
-constexpr uint32_t GUARD_INHERIT_RULES_SECONDS = 24 * 60 * 60;
 
 // From now on this process alone may change the maps of its network namespace: false when another one that
 // runs does. A second daemon would take traps and rules from the first, and leave it without. Without a
@@ -63,13 +60,5 @@ int guard_trap_vlan(uint16_t vid, int family, bool on);
 // The check items in force in some VLAN have changed: ports refuse frames whose VLAN cannot be told by those
 // of all their VLANs together.
 void guard_vlans_changed();
-
-// Lets packets that agree with `key` pass, once more: so many adds, so many removes. A rule that an earlier
-// run installed for the same address, or the same MAC on another port, ends. EINVAL for a key without check
-// items, ENOSPC when there is no room. Takes effect with the next frame.
-int guard_rule_add(const guard_rule_key &key);
-
-// ENOENT when this run has not added it.
-int guard_rule_remove(const guard_rule_key &key);
 
 } // namespace platform_linux

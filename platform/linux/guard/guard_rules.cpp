@@ -12,7 +12,6 @@
 #include <bpf/bpf.h>
 #include <unistd.h>
 
-#include "classifier.h"
 #include "map_keys.h"
 
 namespace platform_linux
@@ -214,7 +213,8 @@ int guard_rule_add(const guard_rule_key &key)
 {
     if (rules.map < 0)
         return EOPNOTSUPP;
-    if ((key.mask & GUARD_CHECK_ALL) == 0 || (key.mask & ~GUARD_CHECK_ALL) != 0 || key.kind < GUARD_IPV4 || key.kind > GUARD_ARP)
+    if ((key.mask & GUARD_CHECK_ALL) == 0 || (key.mask & ~GUARD_CHECK_ALL) != 0 || key.kind < GUARD_IPV4 ||
+        key.kind > GUARD_ARP)
         return EINVAL;
     guard_rule rule = {};
     const bool known = bpf_map_lookup_elem(rules.map, &key, &rule) == 0;
