@@ -8,43 +8,22 @@
 namespace
 {
 
-constexpr size_t BOOTP_FIXED = 240; // with the cookie
-
 void put16(Bytes &bytes, size_t at, uint32_t value)
 {
     bytes.at(at) = static_cast<uint8_t>(value >> 8);
     bytes.at(at + 1) = static_cast<uint8_t>(value);
 }
 
-uint32_t get16(const Bytes &bytes, size_t at) { return uint32_t{bytes.at(at)} << 8 | bytes.at(at + 1); }
-
-Bytes slice(const Bytes &bytes, size_t from, size_t count)
+// A UDP datagram (RFC 768) and its checksum over the pseudo-header of RFC 768 or RFC 8200 8.1: addresses, then length and
+// protocol in the given order.
+Bytes udp_datagram(uint16_t srcPort, uint16_t dstPort, std::optional<uint16_t> length, std::optional<uint16_t> checksum, const Bytes &message, const Bytes &addresses)
 {
-    if (from >= bytes.size())
-        return {};
-    count = count < bytes.size() - from ? count : bytes.size() - from;
-    const auto first = bytes.begin() + static_cast<ptrdiff_t>(from);
-    return Bytes(first, first + static_cast<ptrdiff_t>(count));
-}
-
-uint16_t udp_sum(uint32_t srcIp, uint32_t dstIp, const Bytes &datagram)
-{
-    return internet_checksum(be32(srcIp) + be32(dstIp) + Bytes{0, 17} + be16(static_cast<uint32_t>(datagram.size())) + datagram);
-}
-
-// Over the pseudo-header of RFC 8200 8.1; `addresses` is source and destination.
-uint16_t udp6_sum(const Bytes &addresses, const Bytes &datagram)
-{
-    return internet_checksum(addresses + be32(static_cast<uint32_t>(datagram.size())) + be32(17) + datagram);
-}
-
-// Where the IPv4 packet's BOOTP message begins, behind any tags.
-size_t dhcp_offset(const Bytes &frame)
-{
-    size_t ip = 14;
-    while (get16(frame, ip - 2) != 0x0800)
-        ip += 4;
-    return ip + (frame.at(ip) & 15u) * 4 + 8;
+    Bytes udp = be16(srcPort) + be16(dstPort) + be16(0) + be16(0) + message;
+    const auto whole = static_cast<uint32_t>(udp.size());
+    put16(udp, 4, length.value_or(static_cast<uint16_t>(whole)));
+    const uint16_t sum = internet_checksum(addresses + be32(whole) + be32(17) + udp);
+    put16(udp, 6, checksum.value_or(sum != 0 ? sum : 0xFFFF));
+    return udp;
 }
 
 } // namespace
@@ -68,20 +47,10 @@ Bytes operator+(Bytes left, const Bytes &right)
 Bytes hex_bytes(std::string_view text)
 {
     Bytes bytes;
-    int high = -1;
-    for (const char c : text) {
-        if (isspace(static_cast<unsigned char>(c)))
-            continue;
-        const int digit = isdigit(static_cast<unsigned char>(c)) ? c - '0' : tolower(c) - 'a' + 10;
-        if (digit < 0 || digit > 15)
-            abort();
-        if (high < 0) {
-            high = digit;
-            continue;
-        }
-        bytes.push_back(static_cast<uint8_t>(high * 16 + digit));
-        high = -1;
-    }
+    std::string digits(text);
+    std::erase_if(digits, [](unsigned char c) { return isspace(c) != 0; });
+    for (size_t i = 0; i + 1 < digits.size(); i += 2)
+        bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
     return bytes;
 }
 
@@ -124,13 +93,7 @@ Bytes Frame::message() const
 
 Bytes Frame::bytes() const
 {
-    Bytes udp = be16(srcPort) + be16(dstPort) + be16(0) + be16(0) + message();
-    put16(udp, 4, udpLen.value_or(static_cast<uint16_t>(udp.size())));
-    uint16_t sum = udp_sum(srcIp, dstIp, udp);
-    if (sum == 0)
-        sum = 0xFFFF; // RFC 768
-    put16(udp, 6, udpChecksum.value_or(sum));
-
+    const Bytes udp = udp_datagram(srcPort, dstPort, udpLen, udpChecksum, message(), be32(srcIp) + be32(dstIp));
     const size_t headerLen = 20 + ipOptions.size();
     Bytes ip = {static_cast<uint8_t>(ipVersion << 4 | ihl.value_or(static_cast<uint8_t>(headerLen / 4))), 0};
     ip = ip + be16(ipTotalLen.value_or(static_cast<uint16_t>(headerLen + udp.size())));
@@ -180,17 +143,9 @@ Bytes ia_ta(const Bytes &options, uint32_t iaid) { return opt6(4, be32(iaid) + o
 
 Bytes Frame6::bytes() const
 {
-    Bytes body = Bytes{type} + Bytes{static_cast<uint8_t>(xid >> 16)} + be16(xid & 0xFFFF) + options;
-    if (message)
-        body = *message;
-    Bytes udp = be16(srcPort) + be16(dstPort) + be32(0) + body;
-    put16(udp, 4, udpLen.value_or(static_cast<uint16_t>(udp.size())));
     const Bytes addresses = Bytes(srcIp.begin(), srcIp.end()) + Bytes(dstIp.begin(), dstIp.end());
-    uint16_t sum = udp6_sum(addresses, udp);
-    if (sum == 0)
-        sum = 0xFFFF; // RFC 8200 8.1
-    put16(udp, 6, udpChecksum.value_or(sum));
-
+    const Bytes body = Bytes{type, static_cast<uint8_t>(xid >> 16)} + be16(xid & 0xFFFF) + options;
+    const Bytes udp = udp_datagram(srcPort, dstPort, udpLen, udpChecksum, message.value_or(body), addresses);
     Bytes frame = mac_bytes(dst) + mac_bytes(src);
     for (const Tag &tag : tags)
         frame = frame + be16(tag.tpid) + be16(tag.tci);
@@ -214,33 +169,10 @@ Frame6 server6(uint8_t type, const Bytes &options)
                   .options = options};
 }
 
-Bytes options_of(const Bytes &frame)
-{
-    const size_t dhcp = dhcp_offset(frame);
-    const size_t end = dhcp - 8 + get16(frame, dhcp - 4);
-    return slice(frame, dhcp + BOOTP_FIXED, end - dhcp - BOOTP_FIXED);
-}
-
-std::optional<Bytes> option_of(const Bytes &frame, uint8_t code)
-{
-    const Bytes area = options_of(frame);
-    for (size_t at = 0; at < area.size() && area[at] != 255;) {
-        if (area[at] == 0) {
-            at++;
-            continue;
-        }
-        const size_t length = at + 1 < area.size() ? area[at + 1] : 0;
-        if (area[at] == code)
-            return slice(area, at + 2, length);
-        at += 2 + length;
-    }
-    return std::nullopt;
-}
-
 std::string dump(const Bytes &frame)
 {
     std::string text;
-    for (size_t at = 0; at < frame.size(); at += 16)
-        text += std::to_string(at) + ": " + hex(slice(frame, at, 16)) + "\n";
-    return text;
+    for (size_t at = 0; at < frame.size(); at++)
+        text += (at % 16 != 0 ? " " : (at == 0 ? "" : "\n") + std::to_string(at) + ": ") + hex({frame[at]});
+    return text + "\n";
 }

@@ -142,10 +142,4 @@ uint16_t internet_checksum(const Bytes &bytes);
 // A frame as lines of 16 bytes, for comparison: a difference shows as a line.
 std::string dump(const Bytes &frame);
 
-// The data of the first option of that code in the frame's DHCP message, found by an own walk; none when it
-// is absent.
-std::optional<Bytes> option_of(const Bytes &frame, uint8_t code);
-// The option area of the frame's DHCP message.
-Bytes options_of(const Bytes &frame);
-
 std::string hex(const Bytes &bytes);

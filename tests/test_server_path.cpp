@@ -128,7 +128,7 @@ TEST_F(Server, RemoteIdAtTheEndOfTheMessage)
         frame.options = opt_type(ACK) + hex_bytes("52 02 02 06 02 00 00 00 01 01");
         frame.udpLen = static_cast<uint16_t>(8 + frame.message().size() - static_cast<size_t>(behind));
         receive(frame, Arrival{.port = 2});
-        EXPECT_EQ(option_of(sent_frame(), 82).has_value(), behind != 0);
+        EXPECT_EQ(sent_frame().size() < frame.bytes().size(), behind == 0);
     }
     dhcpsnoop_server_packet_recv(nullptr);
     Parsed parsed(server_frame(ACK), Arrival{.port = 2});
