@@ -274,7 +274,8 @@ TEST(Links, BrokenMessages)
             for (size_t length = 0; length < message.size(); length++) {
                 Bytes cut(message.begin(), message.begin() + static_cast<ptrdiff_t>(length)), broken = message;
                 model.feed(cut, events);
-                memcpy(cut.data(), &length, std::min(sizeof(uint32_t), cut.size())); // it says so of itself
+                if (length >= 4)
+                    memcpy(cut.data(), &length, 4); // it says so of itself
                 broken[length] ^= 0xFF;
                 scratch.feed(cut, events);
                 scratch.feed(broken, events);
