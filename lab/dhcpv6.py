@@ -16,11 +16,10 @@ KINDS6 = ("", "solicit", "advertise", "request", "confirm", "renew", "rebind", "
 
 
 class Client6(Client):
-    """dhclient -6 or dhcpcd on one device. `temporary`: asks for an IA_TA instead of an IA_NA."""
+    """dhclient -6 or dhcpcd on one device."""
 
-    def __init__(self, host, device="eth0", program="dhclient", temporary=False):
+    def __init__(self, host, device="eth0", program="dhclient"):
         super().__init__(host, device, program, f"{program}6-{host.name}-{device}")
-        self.temporary = temporary
         if os.path.exists(f"{RUN}/{self.name}.leases"):
             os.unlink(f"{RUN}/{self.name}.leases")
 
@@ -30,7 +29,7 @@ class Client6(Client):
             file.write("timeout 20;\n" if self.program == "dhclient" else
                        f"duid ll\nnoipv6rs\nipv6only\ninterface {self.device}\nia_na 1\n")
         if self.program == "dhclient":
-            arguments = [*self.dhclient(), "-d", "-cf", conf, *(["-T"] if self.temporary else []), self.device]
+            arguments = [*self.dhclient(), "-d", "-cf", conf, self.device]
         else:
             # Its control socket and leases are named by the device alone: each gets directories of its own.
             os.makedirs("/run/dhcpcd", exist_ok=True)

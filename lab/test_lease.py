@@ -42,7 +42,8 @@ class Leases(labtest.LabTest):
                                                     (at_host[host], "dhcp.type == 2 && dhcp.hw.mac_addr", "25", tag),
                                                     (at_host[host], "dhcpv6 && eth.dst", "27", tag)):
                     seen = {tuple(frame.values()) for frame in capture.decode(tree, f"{where} == {mac}")}
-                    self.assertEqual(seen, {(k, "", tags, "1", "1") if "dhcp." in where else ("", k, tags, "1", "") for k in kinds})
+                    # On a slow machine also a RENEW.
+                    self.assertEqual(seen - {("", "5", tags, "1", "")}, {(k, "", tags, "1", "1") if "dhcp." in where else ("", k, tags, "1", "") for k in kinds})
         self.assertEqual(set(self.bindings()), set.union(*held))
 
     def begins(self, held):
@@ -93,13 +94,6 @@ class Leases(labtest.LabTest):
         other, = again.wait_leases()
         self.assertIn(" bound ", self.binding(other))
 
-    def test_temporary_address(self):
-        at_server = self.capture("server")
-        address, = self.client6("pc1", temporary=True).wait_leases()
-        self.assertIn(" bound ", self.binding(address))
-        asked = at_server.decode(["dhcpv6.option.type"], "dhcpv6.msgtype == 3")[0]["dhcpv6.option.type"].split(",")
-        self.assertTrue("4" in asked and "3" not in asked, asked)  # IA_TA and no IA_NA
-
     def test_refused(self):
         """An address of another network: the server's refusal reaches the client. Nothing confirms or removes the binding that
         the request made, so it stays until it expires."""
@@ -119,7 +113,7 @@ class Leases(labtest.LabTest):
 class WithoutOffload(Leases):
     """The senders' own checksums instead of the devices'."""
     offload = False
-    test_renewals = test_release = test_decline6 = test_temporary_address = test_refused = None
+    test_renewals = test_release = test_decline6 = test_refused = None
 
 
 class VlanInterface(labtest.LabTest):
