@@ -24,13 +24,6 @@ int32_t redundancy_sync(const QorBuffer &packet);
 // Management changed a binding. The daemon makes no record of it, so a full copy follows.
 void redundancy_binding_changed();
 
-// The daemon's requests to the data plane while a change of role is under way.
-enum class Enforcement : uint8_t {
-    normal,
-    refuseAdds, // adds fail
-    clearMarks, // adds fail, deletes succeed without effect: they only clear the daemon's marks
-};
-
 // True when the data plane must not get the daemon's request to add or delete a binding; `result` is the
 // answer.
 bool redundancy_decides(const QorIfRequest &request, int32_t &result);

@@ -26,7 +26,6 @@
 #include "full_copy.h"
 #include "journal.h"
 #include "peer_link.h"
-#include "redundancy.h"
 
 namespace platform_linux
 {
@@ -34,7 +33,14 @@ namespace platform_linux
 // The largest copy twice over.
 constexpr size_t CHANGE_QUEUE_MAX = 2 * UNIT_TABLE_MAX;
 
-// What both threads touch.
+// The daemon's requests to the data plane while a change of role is under way.
+enum class Enforcement : uint8_t {
+    normal,
+    refuseAdds, // adds fail
+    clearMarks, // adds fail, deletes succeed without effect: they only clear the daemon's marks
+};
+
+// The state of both threads.
 struct UnitShared {
     explicit UnitShared() : changes(CHANGE_QUEUE_MAX) {}
 
