@@ -65,7 +65,8 @@ Bytes request(const std::string &line)
     if (word == "=")
         request.word(number(value));
     else if (word == "pair")
-        request.data(4, be32(number(value)) + be32(number(value)));
+        for (const uint32_t first = number(value); const uint32_t second : {number(value)})
+            request.data(4, be32(first) + be32(second));
     else if (const uint32_t type = word == "form" ? number(value) : 0; true)
         request.data(static_cast<uint8_t>(type), text[0] == '\'' ? text_bytes(text.substr(1)) : word == ":" ? hex_bytes(text.substr(1))
                                                                                                             : Bytes(number(value), 0xEE));
