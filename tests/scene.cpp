@@ -65,15 +65,21 @@ std::string rule(const WorldEntry &call)
     return std::string("hw ") + (to[3] == 'a' ? '+' : '-') + to.substr(to.rfind(' ') + 1) + " " + last_octets(&record[16], record[36]) + world_format(" %02x/%02x", items, record[37]);
 }
 
-std::string joined(const Lines &lines)
+} // namespace
+
+std::string joined(const Lines &lines, const char *between)
 {
     std::string text;
-    for (const std::string &line : lines)
-        text += (text.empty() ? "" : ", ") + line;
+    for (size_t i = 0; i < lines.size(); i++)
+        text += (i == 0 ? "" : between) + lines[i];
     return text;
 }
 
-} // namespace
+std::string series(const Lines &cases)
+{
+    const bool alike = std::count(cases.begin(), cases.end(), cases.front()) == static_cast<int>(cases.size());
+    return alike ? cases.front() : joined(cases, " / ");
+}
 
 void prepare(const std::string &words, std::span<const Word> own)
 {

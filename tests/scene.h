@@ -70,6 +70,10 @@ struct Row {
 void check_rows(std::span<const Row> rows, std::span<const Word> own = {});
 
 // Rows of a function: what it gave, and what is right.
+// Text of several cases, " / " between them; of cases that are all alike, the one text.
+std::string series(const Lines &cases);
+std::string joined(const Lines &lines, const char *between = ", ");
+
 struct Case {
     const char *claim;
     std::string got, right;

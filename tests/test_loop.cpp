@@ -123,10 +123,7 @@ TEST(Loop, Rows)
 {
     const size_t ahead = 104 - 2 * CMSG_LEN(0); // behind so much the next message's 25 bytes end one behind the room of 128
     check({
-        {"descriptor 0 is not watched", watches(0, 0, 0, 903), "select rt, 60 sselect rt, 60 s"},
-        {"none at all", watches(-1, -1, -1, -1), "select, 60 sselect, 60 s"},
-        {"a descriptor that does not fit the set is left out", watches(FD_SETSIZE, FD_SETSIZE + 70, 902, 1 << 20), "select cmd, 60 sselect cmd, 60 s"},
-        {"the last that fits", watches(FD_SETSIZE - 1, -1, -1, -1), "select data, 60 sselect data, 60 s"},
+        {"descriptor 0 is not watched; none at all; a descriptor that does not fit the set is left out; the last that fits", series({watches(0, 0, 0, 903), watches(-1, -1, -1, -1), watches(FD_SETSIZE, FD_SETSIZE + 70, 902, 1 << 20), watches(FD_SETSIZE - 1, -1, -1, -1)}), "select rt, 60 sselect rt, 60 s / select, 60 sselect, 60 s / select cmd, 60 sselect cmd, 60 s / select data, 60 sselect data, 60 s"},
         {"each source once, in order", alone([] {
             for (int i = 0; i < 2; i++) {
                 world.arrivals[i] = {{Frame{}.bytes(), with_info(), 1, {}}, {}};
@@ -138,31 +135,21 @@ TEST(Loop, Rows)
         }), ", accept, platform_event_recv 2048 12" RECORD " | 1 86dd 286 on 1 port 1 vlan 10.0 l2 14[DHCPSNOOP] Command server accept failed!\r\n, left 1 1 1"},
         {"nothing is served after a time-out; the lease scan runs", served(0), ""},
         {"Kept: after a failure every watched socket is served", served(-1).substr(0, 98), ", accept, platform_event_recv 2048 12" RECORD "[DHCPSNOOP] Command s"},
-        {"a readable socket is served", served(std::nullopt), RECORD},
-        {"no lease scan of a slave", served(0, DHCPSNOOP_ROLE_SLAVE), " | .50 bound 1/10 60s 60s ago"},
-        {"a master's", served(0, DHCPSNOOP_ROLE_MASTER).substr(0, 30), ", qorHwScalarSync null 0x40013"},
-        {"every field; IPv4: the packet information's port", alone([] { frame(with_info(1, 100, 20, 22), false, 77); }), " | 1 800 286 on 1 port 1 vlan 100.20 l2 22"},
-        {"IPv6: the link-layer address's", alone([] { frame(with_info(1, 0xFFF, 0, 255), true, 77); }), " | 1 86dd 286 on 1 port 77 vlan 4095.0 l2 255"},
+        {"a readable socket is served; no lease scan of a slave; a master's", series({served(std::nullopt), served(0, DHCPSNOOP_ROLE_SLAVE), served(0, DHCPSNOOP_ROLE_MASTER).substr(0, 30)}), RECORD " /  | .50 bound 1/10 60s 60s ago / , qorHwScalarSync null 0x40013"},
+        {"every field; IPv4: the packet information's port; IPv6: the link-layer address's", series({alone([] { frame(with_info(1, 100, 20, 22), false, 77); }), alone([] { frame(with_info(1, 0xFFF, 0, 255), true, 77); })}), " | 1 800 286 on 1 port 1 vlan 100.20 l2 22 /  | 1 86dd 286 on 1 port 77 vlan 4095.0 l2 255"},
         {"behind a short frame stands no earlier one", alone([] { frame(with_info(), false, 1, {}, Bytes(2048, 0xAA)), frame(with_info()), done += hex(Bytes(world.received[0].data, world.received[0].data + 7)); }), " | 1 800 2048 on 1 port 1 vlan 10.0 l2 14" RECORD "ff ff ff ff ff ff 02"},
-        {"nothing received is reported", alone([] { frame(with_info(), false, 1, 0), frame(with_info(), true, 1, 0); }), "[DHCPSNOOP]: recvmsg error len!\r\n[DHCPSNOOP]: recvmsg error len!"},
-        {"a failure is passed over silently", alone([] { frame(with_info(), false, 1, -1); }), ""},
-        {"one byte is a frame", alone([] { frame(with_info(), false, 1, 1, {9}); }), " | 1 800 1 on 1 port 1 vlan 10.0 l2 14"},
-        {"more than the buffer counts as the buffer", alone([] { frame(with_info(), false, 1, 70'000); }), " | 1 800 2048 on 1 port 1 vlan 10.0 l2 14"},
-        {"level SOL_PACKET, any type", control({{263, 0, info()}}), RECORD},
-        {"more than the 25 bytes, other levels and a short one before it", control({{1, 29, Bytes(8, 0)}, {263, 8, Bytes(20, 0)}, {263, 20, info() + Bytes{1}}}), RECORD},
-        {"the first of two", control({{263, 8, info()}, {263, 8, info(2, 20)}}), RECORD},
-        {"another level, 24 bytes, none", control({{1, 8, info()}}) + control({{263, 8, Bytes(24, 0)}}) + control({{263, 8, {}}}) + control({}), ""},
-        {"beyond the room of 128 bytes, and its last byte behind it", control({{1, 1, Bytes(116, 0)}, {263, 8, info()}}) + control({{1, 1, Bytes(ahead, 0)}, {263, 8, info()}}), ""},
+        {"nothing received is reported; a failure is passed over silently", series({alone([] { frame(with_info(), false, 1, 0), frame(with_info(), true, 1, 0); }), alone([] { frame(with_info(), false, 1, -1); })}), "[DHCPSNOOP]: recvmsg error len!\r\n[DHCPSNOOP]: recvmsg error len! / "},
+        {"one byte is a frame; more than the buffer counts as the buffer", series({alone([] { frame(with_info(), false, 1, 1, {9}); }), alone([] { frame(with_info(), false, 1, 70'000); })}), " | 1 800 1 on 1 port 1 vlan 10.0 l2 14 /  | 1 800 2048 on 1 port 1 vlan 10.0 l2 14"},
+        {"level SOL_PACKET, any type; more than the 25 bytes, other levels and a short one before it; the first of two", series({control({{263, 0, info()}}), control({{1, 29, Bytes(8, 0)}, {263, 8, Bytes(20, 0)}, {263, 20, info() + Bytes{1}}}), control({{263, 8, info()}, {263, 8, info(2, 20)}})}), RECORD},
+        {"another level, 24 bytes, none; beyond the room of 128 bytes, and its last byte behind it", series({control({{1, 8, info()}}) + control({{263, 8, Bytes(24, 0)}}) + control({{263, 8, {}}}) + control({}), control({{1, 1, Bytes(116, 0)}, {263, 8, info()}}) + control({{1, 1, Bytes(ahead, 0)}, {263, 8, info()}})}), ""},
         {"dropped until information was seen", alone([] { debug(2), frame({}), frame({}, true), debug(1), frame({}), frame({}, true); }), "{[DHCPSNOOP]: rxpktInfo was NULL!\r\n}{[DHCPSNOOP] rxpktInfo was NULL!}"},
         // Kept: the information last seen serves the frames that come without any; and after one frame without control
         // data there is no room for any, so that every later frame is taken with the information seen before.
         {"information last seen", alone([] { world.access(4, 20), snoop(4), frame(with_info(4, 20)), frame({{1, 29, Bytes(16, 0)}}), frame({}), frame(with_info()); }), ON4 ON4 ON4 ON4},
         {"the VLAN interface of a port without snooping", in_vlan(30) + in_vlan(30, true), " | 1 800 286 on 130 port 5 vlan 30.0 l2 14 qorIndexTrans 0,0,0,0,30,3,0 7 | 1 86dd 286 on 130 port 5 vlan 30.0 l2 14 qorIndexTrans 0,0,0,0,30,3,0 7"},
-        {"a VLAN interface without snooping: dropped silently", in_vlan(40) + in_vlan(40, true), " qorIndexTrans 0,0,0,0,40,3,0 7 qorIndexTrans 0,0,0,0,40,3,0 7"},
-        {"no VLAN interface", in_vlan(50) + in_vlan(50, true) + in_vlan(50, false, 1), "{[DHCPSNOOP]: qor index trans error!\r\n} qorIndexTrans 0,0,0,0,50,3,0 7qor index trans error! qorIndexTrans 0,0,0,0,50,3,0 7 qorIndexTrans 0,0,0,0,50,3,0 7"},
+        {"a VLAN interface without snooping: dropped silently; no VLAN interface", series({in_vlan(40) + in_vlan(40, true), in_vlan(50) + in_vlan(50, true) + in_vlan(50, false, 1)}), " qorIndexTrans 0,0,0,0,40,3,0 7 qorIndexTrans 0,0,0,0,40,3,0 7 / {[DHCPSNOOP]: qor index trans error!\r\n} qorIndexTrans 0,0,0,0,50,3,0 7qor index trans error! qorIndexTrans 0,0,0,0,50,3,0 7 qorIndexTrans 0,0,0,0,50,3,0 7"},
         {"no event is reported", event(0), ", platform_event_recv 2048 12[DHCPSNOOP]: recvfrom rt_socket  failed!\r\n "},
-        {"a datagram is walked: port 1 is gone", event(32, event_message(17, host32(0) + host32(1) + Bytes(8, 0))), ", platform_event_recv 2048 12, qorIfSetApi 1 306 23 changed"},
-        {"a failure and a datagram of one byte harm nothing", event(-1) + event(1), ", platform_event_recv 2048 12, platform_event_recv 2048 12"},
+        {"a datagram is walked: port 1 is gone; a failure and a datagram of one byte harm nothing", series({event(32, event_message(17, host32(0) + host32(1) + Bytes(8, 0))), event(-1) + event(1)}), ", platform_event_recv 2048 12, qorIfSetApi 1 306 23 changed / , platform_event_recv 2048 12, platform_event_recv 2048 12"},
     });
 }
 
@@ -182,31 +169,25 @@ TEST_F(Timer, Scans)
         }
         return said() + world_format(" %zu %zu", count_bindings(), count_waiting());
     };
-    // A binding of that type, lease and age at the next scan.
-    auto expires = [&, at = int64_t{1000}](uint8_t type, uint32_t lease, int64_t age) mutable {
-        DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 3, 20);
-        user->userType = type;
-        user->leaseTime = lease;
-        user->leaseStart = static_cast<uint32_t>(start + (at += 60) - age);
-        const std::string text = scan({at});
-        dhcpsnoop_user_delete(binding(HOST));
-        return text.substr(37);
+    const std::string SCAN = "Timeout, check the user binding table!", GONE = SCAN + "|User time out, mac:02:c1:00:00:00:01. 0 0";
+    // Bindings of that type, lease and age at the next scan.
+    auto expire = [&, at = int64_t{1000}](const std::vector<std::tuple<uint8_t, uint32_t, int64_t>> &bindings) mutable {
+        Lines scans;
+        for (const auto &[type, lease, age] : bindings) {
+            DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 3, 20);
+            user->userType = type;
+            user->leaseTime = lease;
+            user->leaseStart = static_cast<uint32_t>(start + (at += 60) - age);
+            scans.push_back(scan({at}));
+            dhcpsnoop_user_delete(binding(HOST));
+        }
+        return series(scans);
     };
-    const std::string SCAN = "Timeout, check the user binding table!", GONE = "!|User time out, mac:02:c1:00:00:00:01. 0 0";
     check({
         {"scans are a minute apart", scan({0, 59}), " 0 0"},
-        {"a minute, not again", scan({60, 60, 119}), SCAN + " 0 0"},
-        {"later, and a minute from then", scan({500, 559}), SCAN + " 0 0"},
-        {"a clock set back scans at once, and takes up the new time", scan({-1, 58}), SCAN + " 0 0"},
-        {"its minute", scan({59}), SCAN + " 0 0"},
-        {"one second left", expires(1, 3600, 3599), "! 1 0"},
-        {"the lease is over at its end", expires(1, 3600, 3600), GONE},
-        {"static entries never expire", expires(2, 60, 100'000), "! 1 0"},
-        {"IP source guard entries never expire", expires(4, 60, 100'000), "! 1 0"},
-        {"the lease time is unsigned", expires(1, 0x80000000, 100'000), "! 1 0"},
-        {"an endless lease", expires(1, 0xFFFFFFFF, 900'000'000), "! 1 0"},
-        {"a lease of 0 is over at once", expires(1, 0, 0), GONE},
-        {"but not before it starts", expires(1, 0, -1), "! 1 0"},
+        {"a minute, not again; later, and a minute from then; a clock set back scans at once, and takes up the new time; its minute", series({scan({60, 60, 119}), scan({500, 559}), scan({-1, 58}), scan({59})}), SCAN + " 0 0"},
+        {"one second left; static and IP source guard's never expire; lease time is unsigned; an endless lease; a lease of 0 before it starts", expire({{1, 3600, 3599}, {2, 60, 100'000}, {4, 60, 100'000}, {1, 0x80000000, 100'000}, {1, 0xFFFFFFFF, 900'000'000}, {1, 0, -1}}), SCAN + " 1 0"},
+        {"a lease is over at its end, one of 0 at once", expire({{1, 3600, 3600}, {1, 0, 0}}), GONE},
     });
     for (uint32_t i = 0; i < 130; i++) // every one of the 63 buckets has two or more entries
         make_binding(ip4(10, 0, 0, static_cast<uint8_t>(i)), MAC_CLIENT, 3, 20)->leaseTime = i % 2 == 0 ? 60 : 600;
@@ -223,8 +204,7 @@ TEST_F(Timer, Scans)
     world.reset();
     world.now = 0xF0000000;
     make_binding(HOST, MAC_CLIENT, 1, 10)->leaseTime = 100;
-    EXPECT_EQ(scan({0xF0000000 + 99 - start}), SCAN + " 1 0");
-    EXPECT_EQ(scan({0xF0000000 + 199 - start}).substr(37), GONE);
+    EXPECT_EQ(series({scan({0xF0000000 + 99 - start}), scan({0xF0000000 + 199 - start})}), SCAN + " 1 0 / " + GONE);
 }
 // clang-format on
 

@@ -20,21 +20,19 @@ Bytes all_but_one(const Bytes &bytes) { return Bytes(bytes.begin(), bytes.end() 
 Bytes filler(size_t frameLen) { return opt6(1, Bytes(frameLen - 70, 0)); } // makes a frame of that length
 std::string frame(const char *before, const char *bytes) { return before + hex(hex_bytes(bytes)); }
 
-// Client 1 on access port 1, another port 3 in the same VLAN 10; the server on port 2; port 4 in VLAN 20.
+// A client on port 1 in VLAN 10, another one on port 3; the server on port 2; port 4 in VLAN 20. All of both versions.
 class Msg6 : public Daemon
 {
   protected:
     void SetUp() override
     {
-        world.reset();
-        gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
+        prepare("guarded port3 port4");
         gDhcpsnoop.enterpriseNum = ENTERPRISE;
-        for (const uint32_t ifIndex : {1u, 2u, 3u, 4u}) {
-            world.access(ifIndex, ifIndex == 4 ? 20 : 10);
-            set_flag_field(snoop(ifIndex, ifIndex == 2 ? DHCPSNOOP_IF_TRUSTED : BOTH), DHCPSNOOP_IF_VERSION, 3);
-        }
         world.ports[1].location = {0x111, 0x122, 0x133, 4, 5, 6, 0x177};
-        world.ipsg[1] = {.items = 0xF0};
+        for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
+            set_flag_field(ifp, DHCPSNOOP_IF_VERSION, 3);
+            ifp->flags |= ifp->ifIndex == 2 ? 0 : BOTH;
+        }
         port = dhcpsnoop_if_lookup(1);
         pass_time(0);
     }
@@ -77,6 +75,7 @@ class Msg6 : public Daemon
         port->flags = (port->flags & ~BOTH) | flags;
         return arrival.port == 1 ? whole(bytes) : through(bytes, arrival);
     }
+    std::string asking(uint32_t flags, const char *bytes) { return asking(flags, hex_bytes(bytes)); }
 
     // The options that a client's message gets from format and text of the interface, and from the global ones.
     std::string built(uint8_t format, const std::string &own, uint16_t mode, const std::string &global, const std::string &own37 = "")
@@ -107,15 +106,9 @@ class Msg6 : public Daemon
 TEST_F(Msg6, FourMessages)
 {
     check({
-        {"SOLICIT: to the server's port alone, with both options", whole(hex_bytes(SOLICIT)), frame("2 ", SOLICIT_18_37)},
-        {"by the IPv6 socket; an IA without address teaches nothing", std::to_string(world.all(Did::Frame)[0]->socket - gDhcpsnoop.data6Sock) + held(), "0"},
-        {"ADVERTISE: to the client's port alone, which its options name, without them", whole(hex_bytes(ADVERTISE_18_37), FROM_SERVER) + held(), frame("1 ", ADVERTISE)},
-        {"REQUEST of two addresses of an IA_NA and one of an IA_TA", whole(hex_bytes(REQUEST6)), frame("2 ", REQUEST_18_37)},
-        {"provisional, not in hardware", held(), " | :1 asked 1/10 | :100 asked 1/10 | :101 asked 1/10"},
-        {"REPLY: without the options", whole(hex_bytes(REPLY_18_37), FROM_SERVER), frame("1 ", REPLY)},
-        {"bound for the valid lifetimes, and enforced", held(), " | :1 bound 1/10 600s hw 80 | :100 bound 1/10 hw 80 | :101 bound 1/10 hw 80"},
-        {"no role, nothing synchronised", std::to_string(world.calls("qorHwScalarSync").size()), "0"},
-        {"the first lease ends", pass_time(600), " | :100 bound 1/10 600s ago hw 80 | :101 bound 1/10 600s ago hw 80"},
+        {"SOLICIT: to the server's port alone, with both options; by the IPv6 socket; an IA without address teaches nothing; ADVERTISE: to the client's port alone, which its options name, without them", series({whole(hex_bytes(SOLICIT)), std::to_string(world.all(Did::Frame)[0]->socket - gDhcpsnoop.data6Sock) + held(), whole(hex_bytes(ADVERTISE_18_37), FROM_SERVER) + held()}), series({frame("2 ", SOLICIT_18_37), "0", frame("1 ", ADVERTISE)})},
+        {"REQUEST of two addresses of an IA_NA and one of an IA_TA; provisional, not in hardware; REPLY: without the options; bound for the valid lifetimes, and enforced", series({whole(hex_bytes(REQUEST6)), held(), whole(hex_bytes(REPLY_18_37), FROM_SERVER), held()}), series({frame("2 ", REQUEST_18_37), " | :1 asked 1/10 | :100 asked 1/10 | :101 asked 1/10", frame("1 ", REPLY), " | :1 bound 1/10 600s hw 80 | :100 bound 1/10 hw 80 | :101 bound 1/10 hw 80"})},
+        {"no role, nothing synchronised; the first lease ends", series({std::to_string(world.calls("qorHwScalarSync").size()), pass_time(600)}), "0 /  | :100 bound 1/10 600s ago hw 80 | :101 bound 1/10 600s ago hw 80"},
     });
     world.role(DHCPSNOOP_ROLE_MASTER);
     through(hex_bytes(REPLY_18_37), FROM_SERVER);
@@ -134,22 +127,11 @@ TEST_F(Msg6, Options)
     const Frame6 zero = {.udpChecksum = 0, .options = elapsed + id18(PORT1)};
     const std::string said18 = "total num 0.|Construct option18, option len 24.|Insert option18 to packet.|";
     check({
-        {"37 alone", asking(F37, hex_bytes(SOLICIT)), frame("2 ", SOLICIT_37)},
-        {"neither", asking(0, hex_bytes(SOLICIT)), frame("2 ", SOLICIT)},
-        {"37 is there", asking(BOTH, hex_bytes(SOLICIT_37)), frame("2 ", SOLICIT_37_18)},
-        {"both are there", asking(BOTH, hex_bytes(SOLICIT_18_37)), frame("2 ", SOLICIT_18_37)},
-        {"Kept: a sum of zero stays 0, though receivers discard such a datagram", asking(F18, client6(1, elapsed).bytes()), "2 " + hex(zero.bytes())},
-        {"both again", asking(BOTH, hex_bytes(SOLICIT)), frame("2 ", SOLICIT_18_37)},
-        {"own format 3 or 4 instead of a global template", built(3, "", 5, "%s") + built(4, "", 5, "%s"), standard + standard},
-        {"a global mode of 0 is the default data, and one of 6", built(0, "", 0, "%s") + built(0, "", 6, "%s"), standard + standard},
-        {"the interface's string of 128 bytes", built(3, std::string(128, '%'), 3, ""), text(std::string(128, '%'))},
-        {"Kept: the interface's string counts even when the mode came from the global setting", built(0, "uplink", 4, "%s"), text("uplink")},
-        {"Kept: 1, 2 and 5 are templates here, only 5 is one in option 82", built(1, "v%s.", 3, "") + built(2, "v%s.", 3, "") + built(5, "v%s.", 5, "global"), text("v10.") + text("v10.") + text("v10.")},
-        {"the global template by each mode", built(0, "own", 1, "g%s") + built(0, "own", 2, "g%s") + built(0, "own", 5, "g%s"), text("g10") + text("g10") + text("g10")},
-        {"Kept: of a template that renders to nothing, the enterprise number still makes an option 37", built(5, "", 3, ""), hex(opt6(37, be32(ENTERPRISE)))},
-        {"each option has settings of its own", built(4, "eighteen", 3, "", "37"), hex(id18(text_bytes("eighteen")) + id37(text_bytes("37ghteen")))},
-        {"options of 255 and 257 bytes", longer(251) + longer(253), z(251, 255) + " 00 "},
-        {"an option 18 of 256 bytes is none", built(0, "", 5, std::string(252, 'z')), hex(Bytes{0, 37, 1, 0})},
+        {"37 alone; neither; 37 is there; both are there", series({asking(F37, SOLICIT), asking(0, SOLICIT), asking(BOTH, SOLICIT_37), asking(BOTH, SOLICIT_18_37)}), series({frame("2 ", SOLICIT_37), frame("2 ", SOLICIT), frame("2 ", SOLICIT_37_18), frame("2 ", SOLICIT_18_37)})},
+        {"Kept: a sum of zero stays 0, though receivers discard such a datagram; both again", series({asking(F18, client6(1, elapsed).bytes()), asking(BOTH, hex_bytes(SOLICIT))}), series({"2 " + hex(zero.bytes()), frame("2 ", SOLICIT_18_37)})},
+        {"own format 3 or 4 instead of a global template; a global mode of 0 is the default data, and one of 6; the interface's string of 128 bytes", series({built(3, "", 5, "%s") + built(4, "", 5, "%s"), built(0, "", 0, "%s") + built(0, "", 6, "%s"), built(3, std::string(128, '%'), 3, "")}), series({standard + standard, standard + standard, text(std::string(128, '%'))})},
+        {"Kept: the interface's string counts even when the mode came from the global setting; Kept: 1, 2 and 5 are templates here, only 5 is one in option 82; the global template by each mode", series({built(0, "uplink", 4, "%s"), built(1, "v%s.", 3, "") + built(2, "v%s.", 3, "") + built(5, "v%s.", 5, "global"), built(0, "own", 1, "g%s") + built(0, "own", 2, "g%s") + built(0, "own", 5, "g%s")}), series({text("uplink"), text("v10.") + text("v10.") + text("v10."), text("g10") + text("g10") + text("g10")})},
+        {"Kept: of a template that renders to nothing, the enterprise number still makes an option 37; each option has settings of its own; options of 255 and 257 bytes; an option 18 of 256 bytes is none", series({built(5, "", 3, ""), built(4, "eighteen", 3, "", "37"), longer(251) + longer(253), built(0, "", 5, std::string(252, 'z'))}), series({hex(opt6(37, be32(ENTERPRISE))), hex(id18(text_bytes("eighteen")) + id37(text_bytes("37ghteen"))), z(251, 255) + " 00 ", hex(Bytes{0, 37, 1, 0})})},
     });
     built(0, "", 3, "");
     debug(1);
@@ -187,14 +169,9 @@ TEST_F(Msg6, Stripped)
     slack.slack = Bytes(5, 0xEE);
     ends.payloadLen = 8 + 4 + 7 + 5;
     check({
-        {"every one of that code", whole(hex_bytes(REPLY_18_TWICE), FROM_SERVER), frame("1 ", REPLY)},
-        {"at the end of the message, both", whole(hex_bytes(ADVERTISE_18_37), FROM_SERVER), frame("1 ", ADVERTISE)},
-        {"an option that claims more than there is goes to the end", stripped(server6(7, keep + opt6(18, {1, 2}, 65535))), reply(keep)},
-        {"another that does stays", stripped(server6(7, opt6(18, {1}) + longer)), reply(longer)},
-        {"a step of 65536 does not come round", stripped(server6(7, round)), reply(round)},
-        {"three bytes at the end stay, and an option inside an IA", stripped(server6(7, opt6(18, {1}) + ia_na(opt6(18, {1})) + Bytes{0, 18, 0})), reply(ia_na(opt6(18, {1})) + Bytes{0, 18, 0})},
-        {"behind the datagram: dropped from the frame; the IPv6 length loses only what was removed", stripped(slack), hex(ends.bytes())},
-        {"a full frame, kept and stripped", stripped(server6(7, filler(2048))) + stripped(server6(7, opt6(18, Bytes(1978, 0)))), reply(filler(2048)) + reply({})},
+        {"every one of that code; at the end of the message, both", series({whole(hex_bytes(REPLY_18_TWICE), FROM_SERVER), whole(hex_bytes(ADVERTISE_18_37), FROM_SERVER)}), series({frame("1 ", REPLY), frame("1 ", ADVERTISE)})},
+        {"an option that claims more than there is goes to the end; another that does stays; a step of 65536 does not come round", series({stripped(server6(7, keep + opt6(18, {1, 2}, 65535))), stripped(server6(7, opt6(18, {1}) + longer)), stripped(server6(7, round))}), series({reply(keep), reply(longer), reply(round)})},
+        {"three bytes at the end stay, and an option inside an IA; behind the datagram: dropped from the frame; the IPv6 length loses only what was removed; a full frame, kept and stripped", series({stripped(server6(7, opt6(18, {1}) + ia_na(opt6(18, {1})) + Bytes{0, 18, 0})), stripped(slack), stripped(server6(7, filler(2048))) + stripped(server6(7, opt6(18, Bytes(1978, 0))))}), series({reply(ia_na(opt6(18, {1})) + Bytes{0, 18, 0}), hex(ends.bytes()), reply(filler(2048)) + reply({})})},
     });
     for (shorter.udpLen = 0; *shorter.udpLen < 12; ++*shorter.udpLen) { // a datagram that ends before the options
         Parsed p(shorter);
@@ -214,39 +191,33 @@ TEST_F(Msg6, LearnedFromWhichMessages)
         return through(client6(type, ia_na(iaaddr(HOST6, 7200))));
     };
     check({
-        {"SOLICIT and REQUEST ask", learned(1, false) + ", " + learned(3, false), "2 162 | :100 asked 1/10, 2 162 | :100 asked 1/10"},
-        {"CONFIRM, RENEW, REBIND teach nothing", learned(4, false) + learned(5, false) + learned(6, false), "2 1622 1622 162"},
-        {"a bound client's REQUEST", learned(3, true), "2 162 | :100 bound 1/10 hw 80"},
-        {"CONFIRM, RENEW of a bound client", learned(4, true) + ", " + learned(5, true), "2 162 | :100 bound 1/10 5s ago hw 80, 2 162 | :100 bound 1/10 5s ago hw 80"},
-        {"RELEASE and DECLINE", learned(8, true) + ", " + learned(9, true), "2 162, 2 162"},
-        {"RECONFIGURE is passed on", through(server6(10, opt6(19, {5})), FROM_SERVER), "1 71, 3 71"},
-        {"nor does a server's port teach anything of clients", through(client6(3, ia_na(iaaddr(SECOND6, 60))), FROM_SERVER), ""},
-        {"asked", through(client6(3, ia_na(iaaddr(HOST6, 60)))), "2 162 | :100 asked 1/10"},
-        {"a rogue server", through(server6(7, ia_na(iaaddr(HOST6, 9999)) + opt6(18, {1})), {.port = 3}), " | :100 asked 1/10"},
-        {"bound", through(server6(7, ia_na(iaaddr(HOST6, 3600))), FROM_SERVER), "1 110, 3 110 | :100 bound 1/10 hw 80"},
-        {"time passes", pass_time(1800), " | :100 bound 1/10 1800s ago hw 80"},
-        {"REBIND: not the client", through(client6(6, ia_na(iaaddr(HOST6, 0)))), "2 162 | :100 bound 1/10 1800s ago hw 80"},
-        {"but the server renews", through(server6(7, ia_na(iaaddr(HOST6, 5000))), FROM_SERVER), "1 110, 3 110 | :100 bound 1/10 5000s hw 80"},
-        {"to its last second", pass_time(4999), " | :100 bound 1/10 5000s 4999s ago hw 80"},
-        {"gone at the next scan", pass_time(60), ""},
+        {"SOLICIT and REQUEST ask; CONFIRM, RENEW, REBIND teach nothing; a bound client's REQUEST", series({learned(1, false) + ", " + learned(3, false), learned(4, false) + learned(5, false) + learned(6, false), learned(3, true)}), "2 162 | :100 asked 1/10, 2 162 | :100 asked 1/10 / 2 1622 1622 162 / 2 162 | :100 bound 1/10 hw 80"},
+        {"CONFIRM, RENEW of a bound client; RELEASE and DECLINE", series({learned(4, true) + ", " + learned(5, true), learned(8, true) + ", " + learned(9, true)}), "2 162 | :100 bound 1/10 5s ago hw 80, 2 162 | :100 bound 1/10 5s ago hw 80 / 2 162, 2 162"},
+        {"RECONFIGURE is passed on; nor does a server's port teach anything of clients; asked; a rogue server", series({through(server6(10, opt6(19, {5})), FROM_SERVER), through(client6(3, ia_na(iaaddr(SECOND6, 60))), FROM_SERVER), through(client6(3, ia_na(iaaddr(HOST6, 60)))), through(server6(7, ia_na(iaaddr(HOST6, 9999)) + opt6(18, {1})), {.port = 3})}), "1 71, 3 71 /  / 2 162 | :100 asked 1/10 /  | :100 asked 1/10"},
+        {"bound; time passes; REBIND: not the client", series({through(server6(7, ia_na(iaaddr(HOST6, 3600))), FROM_SERVER), pass_time(1800), through(client6(6, ia_na(iaaddr(HOST6, 0))))}), "1 110, 3 110 | :100 bound 1/10 hw 80 /  | :100 bound 1/10 1800s ago hw 80 / 2 162 | :100 bound 1/10 1800s ago hw 80"},
+        {"but the server renews; to its last second; gone at the next scan", series({through(server6(7, ia_na(iaaddr(HOST6, 5000))), FROM_SERVER), pass_time(4999), pass_time(60)}), "1 110, 3 110 | :100 bound 1/10 5000s hw 80 /  | :100 bound 1/10 5000s 4999s ago hw 80 / "},
     });
 }
 
-// What the IA options of one message do. The bindings of before: HOST6 bound, SECOND6 asked for, ...::1 static.
+// What the IA options of one message do, or of each of several. Bindings of before: HOST6 bound, SECOND6 asked for, ...::1 static.
 TEST_F(Msg6, IaOptions)
 {
-    const std::string fixed = " | :1 static bound 1/10 of 02", host = " | :100 bound 1/10 hw 80", host2 = " | :101 asked 1/10", bound2 = " | :101 bound 1/10 900s hw 80";
-    const std::string all = fixed + host + host2, bound = fixed + host + bound2, only2 = fixed + host2; // bound: SECOND6, too
-    const Bytes ok2 = iaaddr(SECOND6, 900), gone = iaaddr(HOST6, 0);
-    const auto ia = [this](uint8_t type, const Bytes &options) {
-        SetUp();
-        obtain();
-        through(client6(3, ia_na(iaaddr(SECOND6, 60))));
-        make_binding(key6("2001:db8::1"), MAC_CLIENT2, 1, 10)->userType = DHCPSNOOP_USER_STATIC;
-        port->curUser--;
-        const bool fromServer = type == 2 || type == 7;
-        through(fromServer ? server6(type, options) : client6(type, options), fromServer ? FROM_SERVER : Arrival{});
-        return held() + (sent_summary().empty() ? " not forwarded" : "");
+    const std::string fixed = " | :1 static bound 1/10 of 02", host = " | :100 bound 1/10 hw 80", bound2 = " | :101 bound 1/10 900s hw 80";
+    const std::string bound = fixed + host + bound2, only2 = fixed + " | :101 asked 1/10", all = fixed + host + " | :101 asked 1/10"; // bound: SECOND6, too
+    const Bytes ok2 = iaaddr(SECOND6, 900), gone = iaaddr(HOST6, 0), own(gone.begin() + 4, gone.end());
+    const auto ia = [this](uint8_t type, const std::vector<Bytes> &messages) {
+        Lines outcomes;
+        for (const Bytes &options : messages) {
+            SetUp();
+            obtain();
+            through(client6(3, ia_na(iaaddr(SECOND6, 60))));
+            make_binding(key6("2001:db8::1"), MAC_CLIENT2, 1, 10)->userType = DHCPSNOOP_USER_STATIC;
+            port->curUser--;
+            const bool fromServer = type == 2 || type == 7;
+            through(fromServer ? server6(type, options) : client6(type, options), fromServer ? FROM_SERVER : Arrival{});
+            outcomes.push_back(held() + (sent_summary().empty() ? " not forwarded" : ""));
+        }
+        return series(outcomes);
     };
     const auto learned = [this](const Bytes &options, uint16_t maxUser = 100) {
         SetUp();
@@ -254,49 +225,27 @@ TEST_F(Msg6, IaOptions)
         const std::string sent = through(client6(3, options)).substr(0, 2);
         return sent + std::to_string(count_bindings());
     };
-    const auto address = [](int n) { return iaaddr(world_format("2001:db8::%d", n).c_str(), 60); };
-    const auto claims = [&](uint16_t inner) { return learned(opt6(3, Bytes(12, 0) + address(1), static_cast<uint16_t>(12 + inner))); };
-    const Bytes other = opt6(1, Bytes(24, 0)), two = address(1) + address(2);
-    Bytes many;
-    for (int n = 1; n <= 60; n++)
-        many = many + address(n);
+    const auto addresses = [](int first, int last) {
+        Bytes list;
+        for (int n = first; n <= last; n++)
+            list = list + iaaddr(world_format("2001:db8::%d", n).c_str(), 60);
+        return list;
+    };
+    const auto claims = [&](uint16_t inner) { return learned(opt6(3, Bytes(12, 0) + addresses(1, 1), static_cast<uint16_t>(12 + inner))); };
+    const Bytes other = opt6(1, Bytes(24, 0));
     check({
-        {"REPLY binds", ia(7, ia_na(ok2)), bound},
-        {"ADVERTISE does not", ia(2, ia_na(ok2)), all},
-        {"in an IA_TA", ia(7, ia_ta(ok2)), bound},
-        {"not in an IA_PD, nor outside an IA", ia(7, opt6(25, Bytes(12, 0) + ok2) + ok2), all},
-        {"lifetime 0 deletes", ia(7, ia_na(gone)), only2},
-        {"one kept, one deleted", ia(7, ia_na(gone + ok2)), fixed + bound2},
-        {"an unknown address creates nothing", ia(7, ia_na(iaaddr("2001:db8::999", 60))), all},
-        {"a static one stays", ia(7, ia_na(iaaddr("2001:db8::1", 60)) + ia_ta(iaaddr("2001:db8::1", 0))), all},
-        {"the unspecified address is skipped", ia(7, ia_na(iaaddr("::", 0) + ok2)), bound},
-        {"NoAddrsAvail skips the IA and only that one, also behind the address", ia(7, ia_na(ok2 + status6(2)) + ia_ta(gone)), only2},
-        {"the first status counts; Success does not skip", ia(7, ia_na(status6(0) + status6(2) + ok2)), bound},
-        {"a status of one byte is none, nor is the message's", ia(7, status6(2) + ia_na(opt6(13, {2}) + ok2)), bound},
-        {"an address's failure deletes it", ia(7, ia_na(iaaddr(HOST6, 60, status6(4)))), only2},
-        {"an address's Success binds it", ia(7, ia_na(iaaddr(SECOND6, 900, status6(0)))), bound},
-        {"Kept: a failure holds for all later addresses of the message", ia(7, ia_na(iaaddr(SECOND6, 900, status6(4))) + ia_ta(iaaddr(HOST6, 60))), fixed},
-        {"until an address says otherwise", ia(7, ia_na(iaaddr(HOST6, 60, status6(4)) + iaaddr(SECOND6, 900, status6(0)))), fixed + bound2},
-        {"RELEASE of both", ia(8, ia_na(iaaddr(HOST6, 60) + ok2)), fixed},
-        {"DECLINE of one", ia(9, ia_na(ok2)), fixed + host},
-        {"SOLICIT with lifetime 0 gives up", ia(1, ia_na(gone)), only2},
+        {"REPLY binds, also in an IA_TA; skipped are the unspecified address, an IAADDR of 23 bytes", ia(7, {ia_na(ok2), ia_ta(ok2), ia_na(iaaddr("::", 0) + ok2), ia_na(opt6(5, Bytes(23, 0)) + ok2)}), bound},
+        {"the first status counts, Success does not skip; a status of one byte is none, nor is the message's; an address's Success binds it", ia(7, {ia_na(status6(0) + status6(2) + ok2), status6(2) + ia_na(opt6(13, {2}) + ok2), ia_na(iaaddr(SECOND6, 900, status6(0)))}), bound},
+        {"not ADVERTISE; nor in an IA_PD, nor outside an IA; an unknown address creates nothing; a static one stays", series({ia(2, {ia_na(ok2)}), ia(7, {opt6(25, Bytes(12, 0) + ok2) + ok2, ia_na(iaaddr("2001:db8::999", 60)), ia_na(iaaddr("2001:db8::1", 60)) + ia_ta(iaaddr("2001:db8::1", 0))})}), all},
+        {"lifetime 0 deletes, also in a SOLICIT; NoAddrsAvail skips the IA and only that one, also behind the address; an address's failure deletes it", series({ia(7, {ia_na(gone), ia_na(ok2 + status6(2)) + ia_ta(gone), ia_na(iaaddr(HOST6, 60, status6(4)))}), ia(1, {ia_na(gone)})}), only2},
+        {"one kept, one deleted; Kept: a failure holds for all later addresses of the message, until one says otherwise", ia(7, {ia_na(gone + ok2), ia_na(iaaddr(HOST6, 60, status6(4)) + iaaddr(SECOND6, 900, status6(0)))}), fixed + bound2},
+        {"a failure that holds; RELEASE of both; DECLINE of one", series({ia(7, {ia_na(iaaddr(SECOND6, 900, status6(4))) + ia_ta(iaaddr(HOST6, 60))}), ia(8, {ia_na(iaaddr(HOST6, 60) + ok2)}), ia(9, {ia_na(ok2)})}), series({fixed, fixed, fixed + host})},
         // Lengths that lie.
-        {"an IAADDR of 23 bytes is skipped", ia(7, ia_na(opt6(5, Bytes(23, 0)) + ok2)), bound},
-        {"an IA_NA shorter than its fixed part has not what stands behind it, nor an IA_TA", ia(7, opt6(4, {}) + opt6(1, {}) + opt6(3, {}) + opt6(1, Bytes(8, 0)) + gone), all},
-        {"IA_TA read as such, not with 12 fixed bytes", ia(7, opt6(4, Bytes(4, 0) + gone)), only2},
-        {"an IA that claims more than there is", ia(7, opt6(3, Bytes(12, 0) + gone, 65535)), only2},
-        {"an IAADDR that claims more than there is", ia(7, ia_na(opt6(5, Bytes(gone.begin() + 4, gone.end()), 65535))), only2},
-        {"an IAADDR of which 23 bytes are there", ia(7, opt6(3, Bytes(12, 0) + opt6(5, Bytes(gone.begin() + 4, gone.end() - 1), 24), 40)), all},
-        {"three bytes of an option in the IA", ia(7, ia_na({0, 5, 0})), all},
-        {"a status that is cut off", ia(7, ia_na(gone + opt6(13, {0}, 2))), only2},
+        {"an IA_TA has not 12 fixed bytes; an IA, an IAADDR that claims more than there is; a status that is cut off", ia(7, {opt6(4, Bytes(4, 0) + gone), opt6(3, Bytes(12, 0) + gone, 65535), ia_na(opt6(5, own, 65535)), ia_na(gone + opt6(13, {0}, 2))}), only2},
+        {"IAs shorter than their fixed part have not what stands behind; an IAADDR of which 23 bytes are there; three bytes of an option; an option of 65535 in front, a step of 65536", ia(7, {opt6(4, {}) + opt6(1, {}) + opt6(3, {}) + opt6(1, Bytes(8, 0)) + gone, opt6(3, Bytes(12, 0) + opt6(5, all_but_one(own), 24), 40), ia_na({0, 5, 0}), ia_na(opt6(1, {1, 2}, 65532) + ok2) + ia_na(opt6(1, {1, 2}, 65535) + ok2)}), all},
         // Kept: the length left for the next IAADDR is counted from the whole inner area each time.
-        {"a fourth behind the end of three and another option, which the overstated length still reaches", learned(ia_na(two + address(3)) + other + address(4)), "2 4"},
-        {"of two it reaches no further than such an option", learned(ia_na(two) + other + address(4)), "2 2"},
-        {"with one address the area ends with it", learned(ia_na(address(1)) + address(2)), "2 1"},
-        {"as many as a frame holds", learned(ia_na(many)), "2 60"},
-        {"the first counts if the IA's length is more than its fixed part", claims(0) + ", " + claims(1) + ", " + claims(3), "2 0, 2 1, 2 1"},
-        {"a full port ends the learning, not the forwarding: what follows is not looked at", learned(ia_na(two) + ia_ta(iaaddr("2001:db8::1", 0)), 1), "2 1"},
-        {"an option of 65535 in front, and a step of 65536", ia(7, ia_na(opt6(1, {1, 2}, 65532) + ok2) + ia_na(opt6(1, {1, 2}, 65535) + ok2)), all},
+        {"behind three, another option and a fourth are still reached; behind two not; behind one nothing is; as many as a frame holds", series({learned(ia_na(addresses(1, 3)) + other + addresses(4, 4)), learned(ia_na(addresses(1, 2)) + other + addresses(4, 4)), learned(ia_na(addresses(1, 1)) + addresses(2, 2)), learned(ia_na(addresses(1, 60)))}), "2 4 / 2 2 / 2 1 / 2 60"},
+        {"the first counts if the IA's length is more than its fixed part; a full port ends the learning, not the forwarding: what follows is not looked at", series({claims(0), claims(1), claims(3), learned(ia_na(addresses(1, 2)) + ia_ta(iaaddr("2001:db8::1", 0)), 1)}), "2 0 / 2 1 / 2 1 / 2 1"},
     });
 }
 
@@ -312,20 +261,10 @@ TEST_F(Msg6, ClientsPortByItsOption)
     Frame6 cut = server6(2, opt6(18, all_but_one(PORT1), 20)); // its last byte stands behind the message
     cut.padding = {PORT1.back()};
     check({
-        {"37 of port 3", by(id37(PORT3)), "3 66"},
-        {"both of port 1, the other way round", by(id37(PORT1) + id18(PORT1)), "1 66"},
-        {"18 decides when they differ", by(id18(PORT3) + id37(PORT1)), "3 66"},
-        {"37 when 18 is of no port", by(id18({1, 2}) + id37(PORT3)), "3 72"},
-        {"of another VLAN, another enterprise", by(id18(otherVlan)) + ", " + by(opt6(37, be32(9) + PORT1)), "1 90, 3 90, 1 94, 3 94"},
-        {"one byte short, and cut off by the end of the message", by(id18(all_but_one(PORT1))) + ", " + through(cut, FROM_SERVER), "1 89, 3 89, 1 89, 3 89"},
-        {"none", by({}), "1 66, 3 66"},
-        {"a port that asks for neither is found, and nothing stripped", by(id18(PORT1) + id37(PORT1), 0), "1 118"},
-        {"a port that asks for 37 alone", by(id18(PORT1) + id37(PORT1), F37), "1 90"},
-        {"a port that asks for 18 alone", by(id18(PORT1) + id37(PORT1), F18), "1 94"},
-        {"a template of what the frame alone tells cannot be rebuilt for a reply", templates("%y", id18(text_bytes("2026"))), "1 74, 3 74"},
-        {"one of the interface can", templates("%i", id18(text_bytes("3"))), "3 66"},
-        {"255 bytes, all the room that is asked for", templates(std::string(255, 'z'), id18(Bytes(255, 'z'))), "1 66"},
-        {"and more than the buffer's", by(id37(Bytes(255, 'z'))), "1 66"},
+        {"37 of port 3; both of port 1, the other way round; 18 decides when they differ; 37 when 18 is of no port", series({by(id37(PORT3)), by(id37(PORT1) + id18(PORT1)), by(id18(PORT3) + id37(PORT1)), by(id18({1, 2}) + id37(PORT3))}), "3 66 / 1 66 / 3 66 / 3 72"},
+        {"of another VLAN, another enterprise; one byte short, and cut off by the end of the message; none", series({by(id18(otherVlan)) + ", " + by(opt6(37, be32(9) + PORT1)), by(id18(all_but_one(PORT1))) + ", " + through(cut, FROM_SERVER), by({})}), "1 90, 3 90, 1 94, 3 94 / 1 89, 3 89, 1 89, 3 89 / 1 66, 3 66"},
+        {"a port that asks for neither is found, and nothing stripped; a port that asks for 37 alone; a port that asks for 18 alone", series({by(id18(PORT1) + id37(PORT1), 0), by(id18(PORT1) + id37(PORT1), F37), by(id18(PORT1) + id37(PORT1), F18)}), "1 118 / 1 90 / 1 94"},
+        {"a template of what the frame alone tells cannot be rebuilt for a reply; one of the interface can; 255 bytes, all the room that is asked for; and more than the buffer's", series({templates("%y", id18(text_bytes("2026"))), templates("%i", id18(text_bytes("3"))), templates(std::string(255, 'z'), id18(Bytes(255, 'z'))), by(id37(Bytes(255, 'z')))}), "1 74, 3 74 / 3 66 / 1 66 / 1 66"},
     });
 }
 
@@ -353,11 +292,8 @@ TEST_F(Msg6, TrunksRouterPortsAndVlanInterfaces)
     const std::string asked = through(client6(3, ia_na(iaaddr(HOST6, 60))), from5), options = hex(sent_frame()).substr(3 * 110, 71);
     debug(1);
     check({
-        {"a client on a router port", onRouterPort, "1 166, 2 166, 3 166, 5 166"},
-        {"a client on a VLAN interface", asked, "2 162" + left},
-        {"the location is the receiving interface's own, not that of the port", options, hex(id18(hex_bytes("01 06 00 06 00 0a 01 02 07 03 02 08 00 06 02 00 00 00 01 6e")))},
-        {"a reply found by the VLAN interface's options goes out of it", through(server6(2, hex_bytes(options)), FROM_SERVER), "110 70" + left},
-        {"one that names nobody goes to its members", through(server6(2), FROM_SERVER), "1 66, 2 66, 3 66, 5 66" + left},
+        {"a client on a router port; a client on a VLAN interface; the location is the receiving interface's own, not that of the port", series({onRouterPort, asked, options}), series({"1 166, 2 166, 3 166, 5 166", "2 162" + left, hex(id18(hex_bytes("01 06 00 06 00 0a 01 02 07 03 02 08 00 06 02 00 00 00 01 6e")))})},
+        {"a reply found by the VLAN interface's options goes out of it; one that names nobody goes to its members", series({through(server6(2, hex_bytes(options)), FROM_SERVER), through(server6(2), FROM_SERVER)}), series({"110 70" + left, "1 66, 2 66, 3 66, 5 66" + left})},
         {"a port that snoops by itself is not also handled through its VLAN", spoken(client6(1).bytes(), {.port = 1, .inIf = 110}, "Process"), "Process client packet.|MuxTk discords process the received packet!|Process pkt end."},
     });
     vlan->flags |= DHCPSNOOP_IF_TRUSTED;

@@ -77,36 +77,21 @@ TEST_F(Parse6, Ladder)
     Frame6 tagged = server6(7, opt6(8, {0, 0}) + status6(5, "x") + ia_na(iaaddr("2001:db8::1", 60)) + opt6(18, {1, 2, 3}) + ia_ta({}) + opt6(37, be32(9)) + ia_na({}));
     tagged.tags = {{0x88A8, 0x2064}, {0x8100, 0x0014}};
     check({
-        {"from port 546", parsed({}), PORT("546") OK "1, 66/66 40+12 12 4"},
-        {"from port 547", parsed({.srcPort = 547}), PORT("547") OK "1, 66/66 40+12 12 4"},
-        {"the source port alone tells DHCPv6", parsed({.srcPort = 547, .dstPort = 53}), PORT("547") OK "1, 66/66 40+12 12 4"},
-        {"from 545", parsed({.srcPort = 545}), VLAN "-1"},
-        {"from 548 to 547", parsed({.srcPort = 548}), VLAN "-1"},
-        {"TCP", parsed({.nextHeader = 6}), VLAN "-1"},
-        {"fragment header", parsed({.nextHeader = 44, .extension = hex_bytes("11 00 00 01 00 00 00 01")}), VLAN "-1"},
+        {"from port 546; from port 547; the source port alone tells DHCPv6", series({parsed({}), parsed({.srcPort = 547}), parsed({.srcPort = 547, .dstPort = 53})}), PORT("546") OK "1, 66/66 40+12 12 4 / " PORT("547") OK "1, 66/66 40+12 12 4 / " PORT("547") OK "1, 66/66 40+12 12 4"},
+        {"from 545; from 548 to 547; TCP; fragment header", series({parsed({.srcPort = 545}), parsed({.srcPort = 548}), parsed({.nextHeader = 6}), parsed({.nextHeader = 44, .extension = hex_bytes("11 00 00 01 00 00 00 01")})}), VLAN "-1"},
         // Kept: what follows an extension header is judged by its own first byte, so that a message behind one is never snooped.
         {"hop-by-hop header in front of UDP", parsed({.nextHeader = 0, .extension = EXTENSION}), VLAN "-1"},
         // ... but its first byte 17 is taken for UDP: the ports are those 8 bytes' own.
         {"a second extension header misread as UDP, port 0x1100", parsed({.nextHeader = 60, .extension = EXTENSION + EXTENSION}), VLAN "-1"},
-        {"one byte missing", parsed({}, -1), PORT("546") "Packet validate: total length is error!|-1"},
-        {"ten bytes more", parsed({}, 10), PORT("546") OK "1, 66/76 40+12 12 4"},
-        {"UDP longer by one", parsed({.udpLen = 13}), PORT("546") "Packet validate: udp length is error!|-1"},
-        {"UDP shorter by one", parsed({.udpLen = 11}), PORT("546") OK "1, 66/66 40+12 11 3"},
-        {"UDP shorter than its header", parsed({.udpLen = 7}), PORT("546") OK "1, 66/66 40+12 7 0"},
-        {"one byte less than type and transaction id", parsed({.message = message_of(3)}), PORT("546") "-1"},
-        {"payload of 0", parsed({.payloadLen = 0, .udpLen = 0}), PORT("546") "-1"},
-        {"payload of 65535", parsed({.payloadLen = 65535}), PORT("546") "Packet validate: total length is error!|-1"},
-        {"RELAY-FORW", parsed({.type = 12}), PORT("546") "Relay-server message, stop process!|-1"},
-        {"RELAY-REPL", parsed({.type = 13}), PORT("546") "Relay-server message, stop process!|-1"},
-        {"a message of 14", parsed({.type = 14}), PORT("546") OK "14, 66/66 40+12 12 4"},
-        {"a frame that ends in the IPv6 header", parsed({}, -26), VLAN "-1"},
-        {"a full frame", parsed({.message = message_of(2048 - 62)}), PORT("546") OK "1, 2048/2048 40+1994 1994 1986"},
+        {"one byte missing; ten bytes more", series({parsed({}, -1), parsed({}, 10)}), PORT("546") "Packet validate: total length is error!|-1 / " PORT("546") OK "1, 66/76 40+12 12 4"},
+        {"UDP longer by one; UDP shorter by one; UDP shorter than its header", series({parsed({.udpLen = 13}), parsed({.udpLen = 11}), parsed({.udpLen = 7})}), PORT("546") "Packet validate: udp length is error!|-1 / " PORT("546") OK "1, 66/66 40+12 11 3 / " PORT("546") OK "1, 66/66 40+12 7 0"},
+        {"one byte less than type and transaction id; payload of 0; payload of 65535", series({parsed({.message = message_of(3)}), parsed({.payloadLen = 0, .udpLen = 0}), parsed({.payloadLen = 65535})}), PORT("546") "-1 / " PORT("546") "-1 / " PORT("546") "Packet validate: total length is error!|-1"},
+        {"RELAY-FORW; RELAY-REPL; a message of 14", series({parsed({.type = 12}), parsed({.type = 13}), parsed({.type = 14})}), PORT("546") "Relay-server message, stop process!|-1 / " PORT("546") "Relay-server message, stop process!|-1 / " PORT("546") OK "14, 66/66 40+12 12 4"},
+        {"a frame that ends in the IPv6 header; a full frame", series({parsed({}, -26), parsed({.message = message_of(2048 - 62)})}), VLAN "-1 / " PORT("546") OK "1, 2048/2048 40+1994 1994 1986"},
         {"two tags, a server", parsed(tagged, 7, {.outer = 100, .inner = 20}), "svlan 100, cvlan 20.|Src_port 547, ip6_start 22, udp6_start 62, dh6_start 70.|0x86dd 100.20 type 7, 170/177 40+108 108 100 at 22 26 62 66 70"},
         {"its options", options(Parsed(tagged).info), "status 5, 18 at 57, 37 at 72, IA at 13, IA at 64, IA at 80"},
         // A scope index never leaves; the checksum is as it was.
-        {"link-local", parsed({.srcIp = ip6("febf:ffff:5::1")}), PORT("546") OK "1, 66/66 40+12 12 4 [24]=0 [25]=0"},
-        {"site-local keeps it", parsed({.srcIp = ip6("fec0:1234::1")}), PORT("546") OK "1, 66/66 40+12 12 4"},
-        {"multicast keeps it", parsed({.srcIp = ip6("ff02:1234::1")}), PORT("546") OK "1, 66/66 40+12 12 4"},
+        {"link-local; site-local keeps it; multicast keeps it", series({parsed({.srcIp = ip6("febf:ffff:5::1")}), parsed({.srcIp = ip6("fec0:1234::1")}), parsed({.srcIp = ip6("ff02:1234::1")})}), PORT("546") OK "1, 66/66 40+12 12 4 [24]=0 [25]=0 / " PORT("546") OK "1, 66/66 40+12 12 4 / " PORT("546") OK "1, 66/66 40+12 12 4"},
     });
 }
 
@@ -120,37 +105,17 @@ TEST_F(Parse6, OptionsAndAddresses)
     Frame6 slack = client6(1);
     slack.slack = slack.padding = opt6(18, {1});
     check({
-        {"the last status counts", options(status6(2) + status6(3)), "status 3"},
-        {"a status of one byte does not, one of two does", options(opt6(13, {1, 2}) + opt6(13, {9})), "status 258"},
-        {"the last Interface-Id and Remote-Id count", options(opt6(18, {1}) + opt6(37, be32(1)) + opt6(18, {2, 3}) + opt6(37, be32(2))), "status 0, 18 at 13, 37 at 19"},
-        {"empty options count", options(opt6(18, {}) + opt6(37, {})), "status 0, 18 at 0, 37 at 4"},
-        {"code 3 and 4, not 25 (IA_PD)", options(opt6(25, Bytes(12, 0)) + ia_na({}) + ia_ta({})), "status 0, IA at 16, IA at 32"},
-        {"nested options are not looked at", options(ia_na(status6(2) + opt6(18, {1}) + opt6(37, be32(1)) + ia_ta({}))), "status 0, IA at 0"},
-        {"three bytes behind the last option", options(opt6(18, {1}) + Bytes{0, 18, 0}), "status 0, 18 at 0"},
-        {"a bare header at the end", options(opt6(18, {1}) + opt6(37, {}, 4)), "status 0, 18 at 0, 37 at 5"},
-        {"an option that claims more than there is is recorded, nothing behind it", options(opt6(3, Bytes(12, 0), 65535) + opt6(18, {1})), "status 0, IA at 0"},
-        {"a step of 65536 does not come round", options(opt6(1, {0, 0}, 65532) + opt6(18, {1})), "status 0"},
-        {"a status of which one byte is there", options(opt6(13, {7}, 2)), "status 0"},
-        {"behind the datagram, inside the IPv6 payload, not behind that", options(Parsed(slack).info), "status 0, 18 at 0"},
-        {"64 IAs", options(ias(64) + opt6(18, {1})), "status 0, 18 at 512, IA at 0, IA at 504"},
-        {"one IA more", options(ias(65) + opt6(18, {1})), "status 0, 18 at 520, IA at 0, IA at 504"},
+        {"the last status counts; a status of one byte does not, one of two does; the last Interface-Id and Remote-Id count; empty options count", series({options(status6(2) + status6(3)), options(opt6(13, {1, 2}) + opt6(13, {9})), options(opt6(18, {1}) + opt6(37, be32(1)) + opt6(18, {2, 3}) + opt6(37, be32(2))), options(opt6(18, {}) + opt6(37, {}))}), "status 3 / status 258 / status 0, 18 at 13, 37 at 19 / status 0, 18 at 0, 37 at 4"},
+        {"code 3 and 4, not 25 (IA_PD); nested options are not looked at", series({options(opt6(25, Bytes(12, 0)) + ia_na({}) + ia_ta({})), options(ia_na(status6(2) + opt6(18, {1}) + opt6(37, be32(1)) + ia_ta({})))}), "status 0, IA at 16, IA at 32 / status 0, IA at 0"},
+        {"three bytes behind the last option; a bare header at the end", series({options(opt6(18, {1}) + Bytes{0, 18, 0}), options(opt6(18, {1}) + opt6(37, {}, 4))}), "status 0, 18 at 0 / status 0, 18 at 0, 37 at 5"},
+        {"an option that claims more than there is is recorded, nothing behind it; a step of 65536 does not come round; a status of which one byte is there", series({options(opt6(3, Bytes(12, 0), 65535) + opt6(18, {1})), options(opt6(1, {0, 0}, 65532) + opt6(18, {1})), options(opt6(13, {7}, 2))}), "status 0, IA at 0 / status 0 / status 0"},
+        {"behind the datagram, inside the IPv6 payload, not behind that; 64 IAs; one IA more", series({options(Parsed(slack).info), options(ias(64) + opt6(18, {1})), options(ias(65) + opt6(18, {1}))}), "status 0, 18 at 0 / status 0, 18 at 512, IA at 0, IA at 504 / status 0, 18 at 520, IA at 0, IA at 504"},
         // The kernel's IPV6_ADDR_ bits for the ranges of RFC 4291 2.4.
-        {"any, loopback, IPv4-compatible, IPv4-mapped", kinds(":: ::1 ::2 ::10.0.0.1 ::ffff:10.0.0.1 ::ffff:0:0"), "0 11 81 81 1000 1000 "},
-        {"global unicast", kinds("2000:: 3fff:ffff::1 dfff::1"), "1 1 1 "},
-        {"link-local and site-local", kinds("fe80::1 febf:ffff::1 fec0::1 feff:ffff::1"), "21 21 41 41 "},
-        {"multicast by scope", kinds("ff00::1 ff01::1 ff02::1:2 ff05::1:3 ff0e::1 ff12::1"), "2 12 22 42 2 2 "},
-        {"reserved", kinds("1fff:ffff::1 e000::1 fdff::1 fe7f:ffff::1 0:0:1:: 1:: ::1:0:0 ::fffe:10.0.0.1 0:0:0:1::1"), "2000 2000 2000 2000 2000 2000 2000 2000 2000 "},
+        {"any, loopback, IPv4-compatible, IPv4-mapped; global unicast; link-local and site-local; multicast by scope; reserved", series({kinds(":: ::1 ::2 ::10.0.0.1 ::ffff:10.0.0.1 ::ffff:0:0"), kinds("2000:: 3fff:ffff::1 dfff::1"), kinds("fe80::1 febf:ffff::1 fec0::1 feff:ffff::1"), kinds("ff00::1 ff01::1 ff02::1:2 ff05::1:3 ff0e::1 ff12::1"), kinds("1fff:ffff::1 e000::1 fdff::1 fe7f:ffff::1 0:0:1:: 1:: ::1:0:0 ::fffe:10.0.0.1 0:0:0:1::1")}), "0 11 81 81 1000 1000  / 1 1 1  / 21 21 41 41  / 2 12 22 42 2 2  / 2000 2000 2000 2000 2000 2000 2000 2000 2000 "},
         // The option finder.
-        {"the first one", finds(opt6(5, {1}) + opt6(5, {2})), "0"},
-        {"behind another", finds(opt6(1, {1, 2, 3}) + opt6(5, {2})), "7"},
-        {"not there", finds(opt6(1, {1}) + opt6(6, {1})), "none"},
-        {"Kept: the first option counts whatever the length says", finds(opt6(5, Bytes(20, 0)), 6), "0"},
-        {"the second begins where the area ends", finds(opt6(1, {1}) + opt6(5, {1}), 5), "none"},
-        {"the second has three bytes in the area", finds(opt6(1, {1}) + opt6(5, {1}), 8), "none"},
-        {"the second has its header in the area", finds(opt6(1, {1}) + opt6(5, {1}), 9), "5"},
-        {"no area", finds(opt6(5, {1}), 0), "none"},
-        {"a length that passes the area", finds(opt6(1, {1}, 65535) + opt6(5, {1})), "none"},
-        {"a step of 65536", finds(opt6(1, {}, 65532) + opt6(5, {1})), "none"},
+        {"the first one; behind another; not there", series({finds(opt6(5, {1}) + opt6(5, {2})), finds(opt6(1, {1, 2, 3}) + opt6(5, {2})), finds(opt6(1, {1}) + opt6(6, {1}))}), "0 / 7 / none"},
+        {"Kept: the first option counts whatever the length says; the second begins where the area ends; the second has three bytes in the area; the second has its header in the area", series({finds(opt6(5, Bytes(20, 0)), 6), finds(opt6(1, {1}) + opt6(5, {1}), 5), finds(opt6(1, {1}) + opt6(5, {1}), 8), finds(opt6(1, {1}) + opt6(5, {1}), 9)}), "0 / none / none / 5"},
+        {"no area; a length that passes the area; a step of 65536", series({finds(opt6(5, {1}), 0), finds(opt6(1, {1}, 65535) + opt6(5, {1})), finds(opt6(1, {}, 65532) + opt6(5, {1}))}), "none"},
     });
     EXPECT_EQ(dhcp6snoop_get_opt(nullptr, 5, 8), nullptr);
 }

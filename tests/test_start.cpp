@@ -4,14 +4,6 @@
 namespace
 {
 
-std::string calls()
-{
-    std::string text;
-    for (const std::string &call : world.calls())
-        text += (text.empty() ? "" : ", ") + call;
-    return text;
-}
-
 // No daemon, and a call that fails the next time.
 void nothing(const char *refused = "-", int32_t result = -1, int failCalloc = 0)
 {
@@ -38,7 +30,7 @@ std::string failing(const char *refused, int32_t result = -1, int failCalloc = 0
     nothing(refused, result, failCalloc);
     PrintedError error;
     std::string text = dhcpsnoop_init_ex(4, 8, 2, 3, nullptr, nullptr, nullptr) == -1 ? "" : "started! ";
-    const std::string all = calls(), undone = all.substr(std::min({all.find("OsixDeleteSem"), all.find("close"), all.size()}));
+    const std::string all = joined(world.calls()), undone = all.substr(std::min({all.find("OsixDeleteSem"), all.find("close"), all.size()}));
     text += (WHOLE + ", ").starts_with(all.substr(0, all.size() - undone.size())) ? "" : "otherwise! ";
     text += undone + "; " + error.text().substr(0, error.text().rfind("\r\n"));
     // The record has just been zero-filled, so no debug text can appear.
@@ -52,7 +44,8 @@ std::string relay_socket(const char *refused)
 {
     nothing(refused);
     const int sock = dhcpsnoop_udp_socket_init();
-    return world_format("%d ", sock) + calls() + " " + said();
+    const Lines calls = world.calls();
+    return world_format("%d after %zu: ", sock, calls.size()) + (sock == 900 ? joined(calls) : calls.back() + " " + said());
 }
 
 std::string formats(uint32_t optionMode)
@@ -71,7 +64,7 @@ std::string formats(uint32_t optionMode)
 #define BOTH DATA "close 901, "
 #define PATH "unlink /tmp/dhcpsnoop.socket"
 #define EARLY "close 0, " PATH ", close 0; "
-#define OPEN BOTH "close 902, " PATH ", close 903; "
+#define COMMAND "close 902, " PATH
 TEST(Start, Rows)
 {
     nothing();
@@ -82,43 +75,26 @@ TEST(Start, Rows)
     const auto undone = [] {
         world.clear();
         dhcpsnoop_shutdown();
-        return calls();
+        return joined(world.calls());
     };
+    const auto hooked = [](const char *sizes, int first) { return world_format("0 sizes %s sockets %d %d %d %d udp 0 sem 77 debug 0 umask 22 hook ipsg arp", sizes, first, first + 1, first + 2, first + 3); };
     check({
-        {"Kept: udpSock stays at the 0 of the zero-fill", start(0, 0, 0), "0 sizes 20 256 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 umask 22 hook ipsg arp"},
-        {"sockets in order", calls(), WHOLE},
-        {"a second call changes nothing", (world.clear(), gDhcpsnoop.serverLearn = 1, start(1, 2, 3)), "0 sizes 20 256 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 umask 22 hook ipsg arp"},
-        {"and does nothing", calls() + std::to_string(gDhcpsnoop.serverLearn), "1"},
-        {"shut down", (gDhcpsnoop.udpSock = 950, undone()), BOTH "close 950, close 902, " PATH ", close 903"},
-        {"once", undone(), ""},
-        {"sizes as given", start(1, 2, 3), "0 sizes 1 2 3 sockets 904 905 906 907 udp 0 sem 77 debug 0 umask 22 hook ipsg arp"},
+        {"Kept: udpSock stays at the 0 of the zero-fill; sockets in order", series({start(0, 0, 0), joined(world.calls())}), series({hooked("20 256 256", 900), WHOLE})},
+        {"a second call changes nothing, and does nothing", series({(world.clear(), gDhcpsnoop.serverLearn = 1, start(1, 2, 3)), joined(world.calls()) + std::to_string(gDhcpsnoop.serverLearn)}), hooked("20 256 256", 900) + " / 1"},
+        {"shut down; once; sizes as given", series({(gDhcpsnoop.udpSock = 950, undone()), undone(), start(1, 2, 3)}), series({BOTH "close 950, close 902, " PATH ", close 903", "", hooked("1 2 3", 904)})},
         {"the short form has the defaults", (nothing(), dhcpsnoop_init(5, 6), state()), " sizes 5 6 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 umask 22"},
-        {"typed", formats(0), "3 0 ; 3 0 ; 3 0 ; 3 0 ; "},
-        {"templates", formats(5), "5 11 %s.%c.%d:%N; 5 2 %d; 5 11 %d %N:%s.%c; 5 11 %s.%c.%d:%N; "},
-        {"an unknown mode is stored as it is", formats(9), "9 0 ; 9 0 ; 9 0 ; 9 0 ; "},
-        // Failures.
-        {"Kept: an early failure closes descriptor 0 twice and removes the path", failing("OsixCreateMSem 9"), EARLY},
-        {"no memory for interfaces, users, servers", failing("-", 0, 1) + failing("-", 0, 2) + failing("-", 0, 3), SEM EARLY SEM EARLY SEM EARLY},
-        {"no IPv4 socket", failing("socket AF_PACKET 3 0x0800"), SEM EARLY},
-        {"no packet information on it", failing("platform_packet_info_enable 900"), DATA EARLY "[DHCPSNOOP]dataSock setsockopt failed!"},
-        {"no IPv6 socket", failing("socket AF_PACKET 3 0x86dd"), DATA EARLY},
-        {"no packet information on it", failing("platform_packet_info_enable 901"), BOTH EARLY "[DHCPSNOOP] data6_socket setsockopt failed"},
-        {"no command socket: its -1 is not closed", failing("socket AF_UNIX"), BOTH "close 0; [DHCPSNOOP] Create cmd_socket ERROR!"},
-        {"a command socket of 0 counts as failure", failing("socket AF_UNIX", 0), BOTH EARLY "[DHCPSNOOP] Create cmd_socket ERROR!"},
-        {"command socket not bound", failing("bind AF_UNIX"), BOTH "close 902, " PATH ", close 0; [DHCPSNOOP] Bind cmd_socket failed!"},
-        {"command socket does not listen", failing("listen"), BOTH "close 902, " PATH ", close 0; [DHCPSNOOP] Listen cmdSock error"},
-        {"no event socket", failing("socket AF_NETLINK"), BOTH "close 902, " PATH "; "},
-        {"an event socket of 0 counts as failure", failing("socket AF_NETLINK", 0), BOTH "close 902, " PATH ", close 0; "},
-        {"event socket not bound, or blocking", failing("bind AF_NETLINK") + failing("ioctl FIONBIO"), OPEN OPEN},
-        {"group 32 must be joined, 40 the first time, 56", failing("platform_event_group_join 903 32") + failing("platform_event_group_join 903 40") + failing("platform_event_group_join 903 56"), OPEN OPEN OPEN},
+        {"typed; templates; an unknown mode is stored as it is", series({formats(0), formats(5), formats(9)}), "3 0 ; 3 0 ; 3 0 ; 3 0 ;  / 5 11 %s.%c.%d:%N; 5 2 %d; 5 11 %d %N:%s.%c; 5 11 %s.%c.%d:%N;  / 9 0 ; 9 0 ; 9 0 ; 9 0 ; "},
+        // Failures. Kept: an early one closes descriptor 0 twice and removes the path.
+        {"no semaphore", failing("OsixCreateMSem 9"), EARLY},
+        {"no memory for interfaces, users, servers; no IPv4 socket", series({failing("-", 0, 1), failing("-", 0, 2), failing("-", 0, 3), failing("socket AF_PACKET 3 0x0800")}), SEM EARLY},
+        {"no packet information on it; no IPv6 socket; no packet information on it", series({failing("platform_packet_info_enable 900"), failing("socket AF_PACKET 3 0x86dd"), failing("platform_packet_info_enable 901")}), DATA EARLY "[DHCPSNOOP]dataSock setsockopt failed! / " DATA EARLY " / " BOTH EARLY "[DHCPSNOOP] data6_socket setsockopt failed"},
+        {"no command socket: its -1 is not closed; one of 0 counts as failure; not bound; does not listen", series({failing("socket AF_UNIX"), failing("socket AF_UNIX", 0), failing("bind AF_UNIX"), failing("listen")}), BOTH "close 0; [DHCPSNOOP] Create cmd_socket ERROR! / " BOTH EARLY "[DHCPSNOOP] Create cmd_socket ERROR! / " BOTH COMMAND ", close 0; [DHCPSNOOP] Bind cmd_socket failed! / " BOTH COMMAND ", close 0; [DHCPSNOOP] Listen cmdSock error"},
+        {"no event socket; one of 0 counts as failure", series({failing("socket AF_NETLINK"), failing("socket AF_NETLINK", 0)}), BOTH COMMAND ";  / " BOTH COMMAND ", close 0; "},
+        {"it is not bound, or blocking; group 32 must be joined, 40 the first time, 56", series({failing("bind AF_NETLINK"), failing("ioctl FIONBIO"), failing("platform_event_group_join 903 32"), failing("platform_event_group_join 903 40"), failing("platform_event_group_join 903 56")}), BOTH COMMAND ", close 903; "},
         {"group 57 need not", failing("platform_event_group_join 903 57"), "started! ;  not all undone!"},
         // The socket that relayed requests leave through.
-        {"sends from port 67", relay_socket("-"), "900 socket AF_INET 2 0, setsockopt SO_BROADCAST 1, setsockopt SO_REUSEADDR 1, setsockopt SO_RCVBUF 1, bind AF_INET 00000000:67 16 "},
-        {"no socket", relay_socket("socket AF_INET"), "-1 socket AF_INET 2 0 Create server socket ERROR,errno 0x1!"},
-        {"no broadcasts", relay_socket("setsockopt SO_BROADCAST").substr(23), "setsockopt SO_BROADCAST 1, close 900 Set socket BROADCAST option ERROR,errno 0x1!"},
-        {"no reuse", relay_socket("setsockopt SO_REUSEADDR").substr(50), "setsockopt SO_REUSEADDR 1, close 900 Set socket REUSEPORT option ERROR,errno 0x1!"},
-        {"no buffer", relay_socket("setsockopt SO_RCVBUF").substr(77), "setsockopt SO_RCVBUF 1, close 900 Set socket SO_RCVBUF option ERROR,errno 0x1!"},
-        {"not bound", relay_socket("bind AF_INET").substr(101), "bind AF_INET 00000000:67 16, close 900 Udp socket bind ERROR, errorno 0x1!"},
+        {"sends from port 67; no socket", series({relay_socket("-"), relay_socket("socket AF_INET")}), "900 after 5: socket AF_INET 2 0, setsockopt SO_BROADCAST 1, setsockopt SO_REUSEADDR 1, setsockopt SO_RCVBUF 1, bind AF_INET 00000000:67 16 / -1 after 1: socket AF_INET 2 0 Create server socket ERROR,errno 0x1!"},
+        {"no broadcasts; no reuse; no buffer; not bound", series({relay_socket("setsockopt SO_BROADCAST"), relay_socket("setsockopt SO_REUSEADDR"), relay_socket("setsockopt SO_RCVBUF"), relay_socket("bind AF_INET")}), "-1 after 3: close 900 Set socket BROADCAST option ERROR,errno 0x1! / -1 after 4: close 900 Set socket REUSEPORT option ERROR,errno 0x1! / -1 after 5: close 900 Set socket SO_RCVBUF option ERROR,errno 0x1! / -1 after 6: close 900 Udp socket bind ERROR, errorno 0x1!"},
     });
     world.reset_without_daemon();
 }

@@ -88,32 +88,18 @@ TEST_F(Tables, Interfaces)
     const std::string off4 = process(1, "1, operate 2.|") + process(1, "2, operate 0.|Notify interface state to hwapi: unit 10, verion 1, state 0."), off6 = process(2, "1, operate 2.|") + process(2, "2, operate 0.|Notify interface state to hwapi: unit 10, verion 2, state 0.");
     check({
         // In use, IPv4, policy 2 (keep), not trusted; router mode and VLAN as answered. DHCPv4 is trapped, DHCPv6 not.
-        {"a port in bridge mode", enabled([](WorldPort &) {}), "0: 10 qorIfSetApi 10 305 23" + mode + bridge + " flags#80c00000"},
-        {"in router mode", enabled([](WorldPort &p) { p.workMode = 1; }), "0: 10 qorIfSetApi 10 305 23" + mode + router + " flags#80c00002"},
-        {"a mode word of 2 is called router, but the bit is clear", enabled([](WorldPort &p) { p.workMode = 2; }), "0: 10 qorIfSetApi 10 305 23" + mode + router + " flags#80c00000"},
-        {"a VLAN interface; only 12 bits of its VLAN are taken", enabled([](WorldPort &p) { p.isVlanIf = true, p.vid = 0xF00A; }), "0: 10 qorIfSetApi 10 305 23" + mode + bridge + " vlanIf=1 flags#80c00028"},
-        {"nothing answered", enabled([](WorldPort &p) { p.isVlanIf = true, p.workMode = 1, p.silent = {33, 193, 417, 5400}; }), "0: 10 qorIfSetApi 10 305 23" + mode + bridge.substr(0, bridge.find(" mac")) + " max=32768 s21=100 flags#80c00000"},
-        {"a VLAN interface whose VLAN is not answered", enabled([](WorldPort &p) { p.isVlanIf = true, p.silent = {5400}; }), "0: 10 qorIfSetApi 10 305 23" + mode + bridge + " vlanIf=1 flags#80c00000"},
-        {"sorted", enable(30).substr(0, 33), "0: 10 30 qorIfSetApi 30 305 23; N"},
-        {"equal indexes in their order", enable(10).substr(0, 36), "0: 10 10 30 qorIfSetApi 10 305 23; N"},
-        {"a trusted interface gains IPv6 and loses its trust", version(1, 3, DHCPSNOOP_IF_TRUSTED), "0 21000000 Interface trust state is changed!\n\rqorIfSetApi 10 305 24; " + on6},
-        {"it loses IPv4", version(3, 2), "0 800000 qorIfSetApi 10 306 23; " + off4},
-        {"one for the other, IPv4 first", version(1, 2), "0 1800000 qorIfSetApi 10 306 23, qorIfSetApi 10 305 24; " + off4 + "|" + on6},
-        {"the other way round", version(2, 1), "0 1800000 qorIfSetApi 10 305 23, qorIfSetApi 10 306 24; " + on4 + "|" + off6},
+        {"a port in bridge mode; in router mode; a mode word of 2 is called router, but the bit is clear", series({enabled([](WorldPort &) {}), enabled([](WorldPort &p) { p.workMode = 1; }), enabled([](WorldPort &p) { p.workMode = 2; })}), series({"0: 10 qorIfSetApi 10 305 23" + mode + bridge + " flags#80c00000", "0: 10 qorIfSetApi 10 305 23" + mode + router + " flags#80c00002", "0: 10 qorIfSetApi 10 305 23" + mode + router + " flags#80c00000"})},
+        {"a VLAN interface; only 12 bits of its VLAN are taken; nothing answered; a VLAN interface whose VLAN is not answered", series({enabled([](WorldPort &p) { p.isVlanIf = true, p.vid = 0xF00A; }), enabled([](WorldPort &p) { p.isVlanIf = true, p.workMode = 1, p.silent = {33, 193, 417, 5400}; }), enabled([](WorldPort &p) { p.isVlanIf = true, p.silent = {5400}; })}), series({"0: 10 qorIfSetApi 10 305 23" + mode + bridge + " vlanIf=1 flags#80c00028", "0: 10 qorIfSetApi 10 305 23" + mode + bridge.substr(0, bridge.find(" mac")) + " max=32768 s21=100 flags#80c00000", "0: 10 qorIfSetApi 10 305 23" + mode + bridge + " vlanIf=1 flags#80c00000"})},
+        {"sorted; equal indexes in their order", series({enable(30).substr(0, 33), enable(10).substr(0, 36)}), "0: 10 30 qorIfSetApi 30 305 23; N / 0: 10 10 30 qorIfSetApi 10 305 23; N"},
+        {"a trusted interface gains IPv6 and loses its trust; it loses IPv4", series({version(1, 3, DHCPSNOOP_IF_TRUSTED), version(3, 2)}), series({"0 21000000 Interface trust state is changed!\n\rqorIfSetApi 10 305 24; " + on6, "0 800000 qorIfSetApi 10 306 23; " + off4})},
+        {"one for the other, IPv4 first; the other way round", series({version(1, 2), version(2, 1)}), series({"0 1800000 qorIfSetApi 10 306 23, qorIfSetApi 10 305 24; " + off4 + "|" + on6, "0 1800000 qorIfSetApi 10 305 23, qorIfSetApi 10 306 24; " + on4 + "|" + off6})},
         {"Kept: the same version touches nothing but clears the trust", version(1, 5, DHCPSNOOP_IF_TRUSTED), "0 20000000 Interface trust state is changed!\n\r; "},
-        {"add both", traps(3, 1), "0 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24"},
-        {"add neither, delete neither", traps(0, 1) + traps(0, 0), "0 0 "},
-        {"a refused IPv4 ends it", traps(3, 1, 4, 6), "4 qorIfSetApi 10 305 23|Add dhcp acl failed!"},
-        {"a refused IPv6 is the result", traps(3, 1, 0, 6), "6 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24|Add dhcpv6 acl failed!"},
-        {"any other state deletes", traps(1, 2), "0 qorIfSetApi 10 306 23"},
-        {"an IPv4 failure goes on, and is forgotten when IPv6 succeeds", traps(3, 0, 4), "0 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!"},
-        {"both fail", traps(3, 0, 4, 6), "6 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!|Delete dhcpv6 acl failed!" ACL},
-        {"IPv4 alone fails", traps(1, 0, 4), "4 qorIfSetApi 10 306 23|Delete dhcp acl failed!" ACL},
+        {"add both; add neither, delete neither", series({traps(3, 1), traps(0, 1) + traps(0, 0)}), "0 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24 / 0 0 "},
+        {"a refused IPv4 ends it; a refused IPv6 is the result", series({traps(3, 1, 4, 6), traps(3, 1, 0, 6)}), "4 qorIfSetApi 10 305 23|Add dhcp acl failed! / 6 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24|Add dhcpv6 acl failed!"},
+        {"any other state deletes; an IPv4 failure goes on, and is forgotten when IPv6 succeeds", series({traps(1, 2), traps(3, 0, 4)}), "0 qorIfSetApi 10 306 23 / 0 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!"},
+        {"both fail; IPv4 alone fails", series({traps(3, 0, 4, 6), traps(1, 0, 4)}), "6 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!|Delete dhcpv6 acl failed!" ACL " / 4 qorIfSetApi 10 306 23|Delete dhcp acl failed!" ACL},
         // In halves of a node's two links; the last one of the block is the first to be taken.
-        {"three entries of a record's size", pool(3 * LINKS, 3), "0 12 6 0"},
-        {"a count of 0 is one entry", pool(2 * LINKS, 0), "0 0"},
-        {"an entry has room for its links at least", pool(1, 2), "0 2 0"},
-        {"an odd size is rounded up so that the links stay aligned", pool(LINKS + 1, 2), "0 3 0"},
+        {"three entries of a record's size; a count of 0 is one entry; an entry has room for its links at least; an odd size is rounded up so that the links stay aligned", series({pool(3 * LINKS, 3), pool(2 * LINKS, 0), pool(1, 2), pool(LINKS + 1, 2)}), "0 12 6 0 / 0 0 / 0 2 0 / 0 3 0"},
         {"no memory: an empty list", (world.failCalloc = 1, pool(64, 4)), "-1 empty"},
     });
 }
@@ -167,10 +153,8 @@ TEST_F(Tables, Servers)
         return outcome();
     };
     check({
-        {"heard", heard(1, 10, 3), " | server .1 3/10"},
-        {"all three are looked up", world_format("%d%d%d%d", dhcpsnoop_server_lookup(1, 10, 3) != nullptr, dhcpsnoop_server_lookup(1, 20, 3) != nullptr, dhcpsnoop_server_lookup(1, 10, 4) != nullptr, dhcpsnoop_server_lookup(2, 10, 3) != nullptr), "1000"},
-        {"newest first", heard(2, 20, 4), " | server .2 4/20 | server .1 3/10"},
-        {"Kept: a full list replaces its newest entry", heard(3, 30, 5), " | server .3 5/30 | server .1 3/10"},
+        {"heard; all three are looked up", series({heard(1, 10, 3), world_format("%d%d%d%d", dhcpsnoop_server_lookup(1, 10, 3) != nullptr, dhcpsnoop_server_lookup(1, 20, 3) != nullptr, dhcpsnoop_server_lookup(1, 10, 4) != nullptr, dhcpsnoop_server_lookup(2, 10, 3) != nullptr)}), " | server .1 3/10 / 1000"},
+        {"newest first; Kept: a full list replaces its newest entry", series({heard(2, 20, 4), heard(3, 30, 5)}), " | server .2 4/20 | server .1 3/10 /  | server .3 5/30 | server .1 3/10"},
     });
     DhcpsnoopServer *server = dhcpsnoop_server_lookup(3, 30, 5);
     dhcpsnoop_server_delete(nullptr);
