@@ -70,7 +70,8 @@ std::string process(const std::string &words, const Bytes &options = OPT_END)
     EXPECT_EQ(dump(parsed.bytes()), dump(Frame{.options = after}.bytes()));
     EXPECT_EQ(unsaid(world_format("Process option82 in client packet, mode is %u.|", mode != 0 ? mode : gDhcpsnoop.circuitIdFmt.mode) + (there ? "option82 is already exist!" : "option82 isn't exist, construct and insert it to the pkt.")), "");
     std::string text = memcmp(&before, &parsed.rx, sizeof before) == 0 ? "kept" : hex(after);
-    text += result == 0 ? "" : result == -1 ? " refused" : " ?";
+    text += result == 0 ? "" : result == -1 ? " refused"
+                                            : " ?";
     for (size_t i = 3; i < debug_texts().size(); i++)
         text += "; " + debug_texts()[i].substr(12, debug_texts()[i].size() - 14);
     return text;

@@ -12,7 +12,8 @@ std::string recorded(const AnyFrame &frame, const Arrival &arrival = {})
     world.clear();
     const Parsed parsed(frame, arrival);
     const DhcpsnoopPktInfo &info = parsed.info;
-    std::string text = parsed.result == 0 ? "" : parsed.result == -1 ? "refused " : "? ";
+    std::string text = parsed.result == 0 ? "" : parsed.result == -1 ? "refused "
+                                                                     : "? ";
     for (const auto &[name, number] : {std::pair("type", info.msgType), {"server", info.serverId}, {"lease", info.leaseTime}, {"router", info.router}, {"tag", info.opt60Sub1}})
         text += number != 0 && parsed.result == 0 ? world_format("%s %x ", name, number) : "";
     for (const auto &[name, at] : {std::pair("opt60", info.opt60), {"opt67", info.opt67}, {"opt82", info.opt82}, {"circuit", info.circuitId}, {"remote", info.remoteId}, {"sub9", info.subopt9}, {"opt125", info.opt125}, {"end", info.optEnd}})
