@@ -46,10 +46,6 @@ DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
     return rx;
 }
 
-void receive(const Frame &frame, const Arrival &arrival) { receive(frame.bytes(), arrival); }
-
-void receive(const Frame6 &frame, const Arrival &arrival) { receive(frame.bytes(), arrival); }
-
 void receive(const Bytes &frame, const Arrival &arrival)
 {
     DhcpsnoopRxPkt rx = rx_packet(frame, arrival);

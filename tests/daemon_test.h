@@ -80,14 +80,14 @@ DhcpsnoopIf *snoop(uint32_t ifIndex, uint32_t flags = 0);
 DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival = {});
 
 // The frame goes through dhcpsnoop_recv.
-void receive(const Frame &frame, const Arrival &arrival = {});
-void receive(const Frame6 &frame, const Arrival &arrival = {});
 void receive(const Bytes &frame, const Arrival &arrival = {});
+template <class AnyFrame>
+void receive(const AnyFrame &frame, const Arrival &arrival = {}) { receive(frame.bytes(), arrival); }
 
 // A frame parsed and kept, for calling a function below dhcpsnoop_recv. The frame buffer is the record's.
 struct Parsed {
-    explicit Parsed(const Frame &frame, const Arrival &arrival = {}) : Parsed(frame.bytes(), arrival) {}
-    explicit Parsed(const Frame6 &frame, const Arrival &arrival = {}) : Parsed(frame.bytes(), arrival) {}
+    template <class AnyFrame>
+    explicit Parsed(const AnyFrame &frame, const Arrival &arrival = {}) : Parsed(frame.bytes(), arrival) {}
     explicit Parsed(const Bytes &frame, const Arrival &arrival = {});
     Parsed(const Parsed &) = delete;
     Parsed &operator=(const Parsed &) = delete;

@@ -14,30 +14,24 @@
 namespace
 {
 
-// Walks a list by hand, both ways; adds each node's address to `seen` (a node met twice is a fault).
-std::string walk(const char *name, const DhcpsnoopLink *head, std::set<const void *> &seen, size_t limit, size_t *count)
-{
-    size_t length = 0;
-    for (const DhcpsnoopLink *at = head->next; at != head; at = at->next) {
-        if (at == nullptr)
-            return world_format("%s: null link after %zu entries\n", name, length);
-        if (at->next == nullptr || at->next->prev != at || at->prev->next != at)
-            return world_format("%s: entry %zu is not linked both ways\n", name, length);
-        if (!seen.insert(at).second)
-            return world_format("%s: entry %zu stands on another list too\n", name, length);
-        if (++length > limit)
-            return world_format("%s: longer than its pool\n", name);
-    }
-    *count += length;
-    return "";
-}
+// A pool, and the lists that its nodes stand on.
+struct Pool {
+    const char *name;
+    const void *first;
+    size_t size;
+    std::vector<const DhcpsnoopLink *> lists;
+};
 
-std::string in_pool(const char *name, const void *pool, const std::set<const void *> &seen, size_t expected)
+// Walks the lists by hand, both ways: every node of the pool stands on one of them, once.
+std::string check_pool(const Pool &pool)
 {
-    if (seen.size() != expected)
-        return world_format("%s: %zu nodes on lists, %zu in the pool\n", name, seen.size(), expected);
-    if (!seen.empty() && *seen.begin() != pool)
-        return world_format("%s: the first node is not the pool's\n", name);
+    std::set<const void *> seen;
+    for (size_t i = 0; i < pool.lists.size(); i++)
+        for (const DhcpsnoopLink *head = pool.lists[i], *at = head->next; at != head; at = at->next)
+            if (at == nullptr || at->next == nullptr || at->next->prev != at || at->prev->next != at || !seen.insert(at).second || seen.size() > pool.size)
+                return world_format("%s: list %zu is broken at node %zu\n", pool.name, i, seen.size());
+    if (seen.size() != pool.size || (pool.size > 0 && *seen.begin() != pool.first))
+        return world_format("%s: %zu nodes on lists, %zu in the pool, or another's\n", pool.name, seen.size(), pool.size);
     return "";
 }
 
@@ -93,22 +87,15 @@ std::string world_check_tables(bool counts)
 {
     WorldScope scope;
     std::string faults;
-    std::set<const void *> ifs, users, servers;
-    size_t count = 0;
-    faults += walk("ifFreeList", &gDhcpsnoop.ifFreeList, ifs, gDhcpsnoop.ifMax, &count);
-    faults += walk("ifList", &gDhcpsnoop.ifList, ifs, gDhcpsnoop.ifMax, &count);
-    faults += walk("serverFreeList", &gDhcpsnoop.serverFreeList, servers, gDhcpsnoop.serverMax, &count);
-    faults += walk("serverList", &gDhcpsnoop.serverList, servers, gDhcpsnoop.serverMax, &count);
-    faults += walk("userFreeList", &gDhcpsnoop.userFreeList, users, gDhcpsnoop.userMax, &count);
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
-        faults += walk("userHash", &bucket, users, gDhcpsnoop.userMax, &count);
-    for (DhcpsnoopLink &bucket : gDhcpsnoop.macUserHash)
-        faults += walk("macUserHash", &bucket, users, gDhcpsnoop.userMax, &count);
+    Pool pools[] = {{"interfaces", gDhcpsnoop.ifPool, gDhcpsnoop.ifMax, {&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifList}},
+                    {"servers", gDhcpsnoop.serverPool, gDhcpsnoop.serverMax, {&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverList}},
+                    {"users", gDhcpsnoop.userPool, gDhcpsnoop.userMax, {&gDhcpsnoop.userFreeList}}};
+    for (uint32_t i = 0; i < DHCPSNOOP_BUCKETS; i++)
+        pools[2].lists.insert(pools[2].lists.end(), {&gDhcpsnoop.userHash[i], &gDhcpsnoop.macUserHash[i]});
+    for (const Pool &pool : pools)
+        faults += check_pool(pool);
     if (!faults.empty())
         return faults;
-    faults += in_pool("ifPool", gDhcpsnoop.ifPool, ifs, gDhcpsnoop.ifMax);
-    faults += in_pool("userPool", gDhcpsnoop.userPool, users, gDhcpsnoop.userMax);
-    faults += in_pool("serverPool", gDhcpsnoop.serverPool, servers, gDhcpsnoop.serverMax);
 
     uint32_t last = 0;
     for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
