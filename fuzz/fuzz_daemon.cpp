@@ -14,7 +14,6 @@
 #include "event_message.h"
 #include "input.h"
 #include "management.h"
-#include "request.h"
 
 namespace
 {
@@ -333,18 +332,16 @@ Bytes request_take(Input &input)
     const uint8_t func = input.u8();
     if (func >= 0x80)
         return input.bytes(input.u16() % (DHCPSNOOP_REQUEST_MAX + 1));
-    Request request(func, input.u8());
-    if (func <= FUNC_GLOBAL_GET)
-        request.number(0).count(0);
-    else if (func >= FUNC_USER_FIRST && func <= FUNC_USER_GET)
-        request.key(1 + input.u8() / 0xE0, be32(ip4(10, 0, 0, input.u8())));
-    else
-        request.number(input.u8());
+    const uint8_t cmd = input.u8();
+    Bytes index = request_index(0);
+    if (func >= FUNC_USER_FIRST && func <= FUNC_USER_GET)
+        index = request_key(1 + input.u8() / 0xE0, be32(ip4(10, 0, 0, input.u8())));
+    else if (func > FUNC_GLOBAL_GET)
+        index = request_index(input.u8());
     if (func >= FUNC_SERVER_IP_FIRST)
-        request.number(ip4(10, 0, 0, input.u8()));
+        index = index + request_index(ip4(10, 0, 0, input.u8()));
     const uint8_t type = input.u8() % 5;
-    request.data(type, type == 2 ? be32(input.u8()) : input.bytes(input.u8()));
-    return request.bytes;
+    return request_bytes(func, cmd, index, type, type == 2 ? be32(input.u8()) : input.bytes(input.u8()));
 }
 
 // What makes the counts differ from the bindings by design: interfaces that come to bindings which are there, bindings moved by

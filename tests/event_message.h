@@ -1,51 +1,51 @@
-// Platform events and other records in host order, laid out byte by byte for tests.
+// Platform events and other records in host order, and management requests, laid out byte by byte without the daemon's codec.
 #pragma once
 
 #include <cstring>
-#include <optional>
 
 #include "frame.h"
 
 // Bytes of a number as this build keeps it.
-inline Bytes host16(uint32_t value)
-{
-    const auto half = static_cast<uint16_t>(value);
-    Bytes bytes(sizeof half);
-    memcpy(bytes.data(), &half, sizeof half);
-    return bytes;
-}
-
-inline Bytes host32(uint32_t value)
+template <typename Number>
+Bytes host_bytes(Number value)
 {
     Bytes bytes(sizeof value);
     memcpy(bytes.data(), &value, sizeof value);
     return bytes;
 }
+inline Bytes host16(uint32_t value) { return host_bytes(static_cast<uint16_t>(value)); }
+inline Bytes host32(uint32_t value) { return host_bytes(value); }
 
-inline uint16_t host16_at(const Bytes &bytes, size_t at)
+template <typename Number>
+Number host_at(const Bytes &bytes, size_t at)
 {
-    uint16_t value;
+    Number value;
     memcpy(&value, bytes.data() + at, sizeof value);
     return value;
 }
+inline uint16_t host16_at(const Bytes &bytes, size_t at) { return host_at<uint16_t>(bytes, at); }
+inline uint32_t host32_at(const Bytes &bytes, size_t at) { return host_at<uint32_t>(bytes, at); }
 
-inline uint32_t host32_at(const Bytes &bytes, size_t at)
+// One message: length, type, flags, sequence, port id, payload.
+inline Bytes event_message(uint16_t type, const Bytes &payload = {})
 {
-    uint32_t value;
-    memcpy(&value, bytes.data() + at, sizeof value);
-    return value;
+    return host32(static_cast<uint32_t>(16 + payload.size())) + host16(type) + host16(0) + host32(0) + host32(0) + payload;
 }
 
-// One message: length, type, flags, sequence, port id, payload. The length is true unless the test says
-// otherwise.
-inline Bytes event_message(uint16_t type, const Bytes &payload = {}, std::optional<uint32_t> length = {})
+// Index items of a request: one of one word, the three of a user key.
+inline Bytes request_index(uint32_t value) { return Bytes{2, 0, 4} + be32(value); }
+inline Bytes request_key(uint8_t ipType, Bytes address)
 {
-    const auto whole = static_cast<uint32_t>(16 + payload.size());
-    return host32(length.value_or(whole)) + host16(type) + host16(0) + host32(0) + host32(0) + payload;
+    address.resize(16);
+    return Bytes{0, 0, 1, ipType, 0, 0, 3, 0, 0, 0, 0, 0, 16} + address;
 }
-
-// A link attribute as it stands, without the padding behind it.
-inline Bytes link_attribute(uint16_t type, const Bytes &value = {}, std::optional<uint16_t> length = {})
+// One to the switch counts no index item, and carries one.
+inline Bytes request_bytes(uint32_t func, uint32_t cmd, const Bytes &index, uint8_t type, const Bytes &value)
 {
-    return host16(length.value_or(static_cast<uint16_t>(4 + value.size()))) + host16(type) + value;
+    Bytes bytes;
+    for (const uint32_t word : {func, 0xAAAAAAAAu, cmd})
+        bytes = bytes + Bytes{0, 2, 0, 4} + be32(word);
+    const size_t count = func < 3 ? 0 : index.size() == 29 ? 3
+                                                           : index.size() / 7;
+    return bytes + Bytes{1, static_cast<uint8_t>(count)} + index + Bytes{3, type} + be16(static_cast<uint32_t>(value.size())) + value;
 }

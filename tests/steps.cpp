@@ -1,6 +1,7 @@
 #include "steps.h"
 
 #include <algorithm>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <variant>
@@ -9,7 +10,6 @@
 #include "dhcpsnoop_event.h"
 #include "dhcpsnoop_sync.h"
 #include "event_message.h"
-#include "request.h"
 #include "wire.h"
 
 namespace
@@ -45,37 +45,35 @@ Bytes address_of(const std::string &word)
 Bytes request(const std::string &line)
 {
     static const char *const NAMES[] = {"global.set", "global.sync", "global.get", "if.first", "if.next", "if.set", "if.sync", "if.get", "user.first", "user.next", "user.set", "user.sync", "user.get", "vlan.first", "vlan.next", "vlan.set", "vlan.get", "server.first", "server.next", "server.set", "server.sync", "server.get"};
-    std::istringstream words(line.substr(0, line.find(" | "))), changes(line.find(" | ") != std::string::npos ? line.substr(line.find(" | ") + 3) : "");
+    const size_t bar = std::min(line.find(" | "), line.size());
+    std::istringstream words(line.substr(0, bar)), changes(line.substr(std::min(bar + 3, line.size())));
     std::string name, word, text;
     words >> name;
-    const auto func = static_cast<uint32_t>(std::ranges::find(NAMES, name) - NAMES);
-    Request request(func < 22 ? func : number_of(name), number(words));
-    if (name.starts_with("global"))
-        request.number(9).count(0); // counts none, and carries one
-    else if (name.starts_with("user") && words >> word)
-        request.key(key_of(word).ipType, address_of(word));
-    else
-        for (int items = name.starts_with("server") ? 2 : func < 22 ? 1
-                                                                    : 0;
-             items > 0; items--)
-            request.number(number(words));
+    const auto named = static_cast<uint32_t>(std::ranges::find(NAMES, name) - NAMES), func = named < 22 ? named : number_of(name);
+    const uint32_t cmd = number(words);
+    Bytes index, value;
+    if (func >= 8 && func <= 12 && words >> word)
+        index = request_key(key_of(word).ipType, address_of(word));
+    for (int items = func >= 22 || !index.empty() ? 0 : (func >= 17) + 1; items > 0; items--)
+        index = index + request_index(func < 3 ? 9 : number(words));
     std::getline(words >> std::ws, text);
-    std::istringstream value(text);
-    value >> word;
-    if (word == "=")
-        request.word(number(value));
-    else if (word == "pair")
-        for (const uint32_t first = number(value); const uint32_t second : {number(value)})
-            request.data(4, be32(first) + be32(second));
-    else if (const uint32_t type = word == "form" ? number(value) : 0; true)
-        request.data(static_cast<uint8_t>(type), text[0] == '\'' ? text_bytes(text.substr(1)) : word == ":" ? hex_bytes(text.substr(1))
-                                                                                                            : Bytes(number(value), 0xEE));
+    std::istringstream values(text);
+    values >> word;
+    const uint32_t type = word == "form" ? number(values) : word == "pair" ? 4
+                                                                           : (word == "=") * 2;
+    if (text[0] == '\'' || word == ":")
+        value = word == ":" ? hex_bytes(text.substr(1)) : text_bytes(text.substr(1));
+    else
+        value = word == "=" || word == "pair" ? be32(number(values)) : Bytes(number(values), 0xEE);
+    if (word == "pair")
+        value = value + be32(number(values));
+    Bytes bytes = request_bytes(func, cmd, index, static_cast<uint8_t>(type), value);
     while (changes >> word)
         if (const uint32_t at = number(changes); word == "cut")
-            request.bytes.resize(at);
+            bytes.resize(at);
         else
-            request.bytes.at(at) = static_cast<uint8_t>(number(changes));
-    return request.bytes;
+            bytes.at(at) = static_cast<uint8_t>(number(changes));
+    return bytes;
 }
 
 Bytes packed(const std::string &line)
@@ -110,7 +108,8 @@ Bytes packed(const std::string &line)
                 bytes = bytes + event_message(static_cast<uint16_t>(number_of(word)));
             }
         } else if (word[0] == 'a' && word.size() > 2) {
-            bytes = bytes + link_attribute(static_cast<uint16_t>(number_of(word.substr(1))), value != std::string::npos ? packed(word.substr(value)) : Bytes());
+            const Bytes data = value != std::string::npos ? packed(word.substr(value)) : Bytes();
+            bytes = bytes + host16(static_cast<uint32_t>(4 + data.size())) + host16(number_of(word.substr(1))) + data;
         } else {
             bytes = bytes + (value == 0 ? host32(number_of(word.substr(1))) : word[0] == '%' ? host16(number_of(word.substr(1)))
                                                                                              : hex_bytes(word));
@@ -228,8 +227,8 @@ const std::map<std::string, void (*)(const uint32_t *n)> WORLD_STEPS = {
     {"discover", [](const uint32_t *n) { receive(Frame{}, {.port = n[0]}); }},                                         // on a port
 };
 
-// The answer, if the step has one.
-std::string perform(const std::string &step)
+// The answer of a step that has one; none of a step that only changes the world.
+std::optional<std::string> perform(const std::string &step)
 {
     std::istringstream words(step);
     std::string verb, more;
@@ -241,19 +240,19 @@ std::string perform(const std::string &step)
         const int32_t result = verb == "event" ? dhcpsnoop_notify_recv(bytes.data(), static_cast<int32_t>(bytes.size())) : (dhcpsnoop_sync_pkt_recv(&transfer), 0);
         return result == 0 && bytes == packed(more) ? "" : "result, or bytes changed";
     }
+    uint32_t n[4] = {};
     if (verb == "set") {
         set_members(values);
     } else if (verb == "refuse" || verb == "once") { // with this result, calls that begin so
         world.refuse(more.substr(more.find(' ') + 1), std::stoi(more), verb == "once" ? 1 : 1 << 30);
     } else if (WORLD_STEPS.contains(verb)) {
-        uint32_t n[4] = {};
         for (size_t i = 0; i < 4 && !(values >> std::ws).eof(); i++)
             n[i] = number(values);
         WORLD_STEPS.at(verb)(n);
     } else {
         return answer_of(request(step));
     }
-    return "";
+    return {};
 }
 
 } // namespace
@@ -279,8 +278,12 @@ std::string play(const std::string &steps)
 {
     std::string outcome, step;
     std::istringstream list(steps);
-    for (const char *between = ""; std::getline(list, step, ';'); between = " / ")
-        outcome += between + play([&step] { return perform(step); });
+    for (const char *between = ""; std::getline(list, step, ';');) {
+        std::optional<std::string> answer;
+        const std::string done = play([&] { return (answer = perform(step)).value_or(""); });
+        outcome += answer ? between + done : "";
+        between = answer ? " / " : between;
+    }
     return outcome;
 }
 

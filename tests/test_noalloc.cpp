@@ -5,7 +5,7 @@
 #include <random>
 
 #include "dhcpsnoop_nm.h"
-#include "request.h"
+#include "steps.h"
 
 // An address sanitizer is the allocator, and reports what passes through it; without one this is null.
 extern "C" __attribute__((weak)) int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void *, size_t), void (*)(const volatile void *));
@@ -100,8 +100,8 @@ TEST_F(NoAllocation, MixedTraffic)
     std::vector<Bytes> requests; // every function with every command of 40, with a number, a pair and a text
     for (uint32_t func = 0; func < 23; func++)
         for (uint32_t cmd = 0; cmd < 40; cmd++)
-            for (const uint8_t type : Bytes{0, 2, 4, 5})
-                requests.push_back(type == 5 ? Request(func, cmd).number(4).data(2, be32(cmd % 4)).bytes : Request(func, cmd).number(1).key(1, {10, 0, 0, 7}).data(type, Bytes(4, 1)).bytes);
+            for (const std::string &words : {std::string("user.set 0 .7 form 0 4"), std::string("user.set 0 .7 = 1"), std::string("user.set 0 .7 pair 1 2"), "if.set 0 4 = " + std::to_string(cmd % 4)})
+                requests.push_back(request(words + world_format(" | at 7 %u at 23 %u", func, cmd)));
     for (const int flags : {0, 1, 3}) {
         SCOPED_TRACE(flags);
         debug(flags);
