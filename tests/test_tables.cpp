@@ -16,19 +16,13 @@ void three_interfaces()
     debug(2);
 }
 
-std::string indexes()
-{
-    std::string text;
-    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
-        text += world_format("%u ", ifp->ifIndex);
-    return text;
-}
-
 std::string enable(uint32_t ifIndex = 10)
 {
     world.clear();
-    const uint32_t result = dhcpsnoop_if_enable(ifIndex);
-    return world_format("%u: ", result) + indexes() + outcome() + "; " + said();
+    std::string text = world_format("%u: ", dhcpsnoop_if_enable(ifIndex));
+    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
+        text += world_format("%u ", ifp->ifIndex);
+    return text + outcome() + "; " + said();
 }
 
 std::string enabled(void (*change)(WorldPort &))
@@ -90,17 +84,13 @@ TEST_F(Tables, Interfaces)
         // In use, IPv4, policy 2 (keep), not trusted; router mode and VLAN as answered. DHCPv4 is trapped, DHCPv6 not.
         {"a port in bridge mode; in router mode; a mode word of 2 is called router, but the bit is clear", series({enabled([](WorldPort &) {}), enabled([](WorldPort &p) { p.workMode = 1; }), enabled([](WorldPort &p) { p.workMode = 2; })}), series({"0: 10 qorIfSetApi 10 305 23" + mode + bridge + " flags#80c00000", "0: 10 qorIfSetApi 10 305 23" + mode + router + " flags#80c00002", "0: 10 qorIfSetApi 10 305 23" + mode + router + " flags#80c00000"})},
         {"a VLAN interface; only 12 bits of its VLAN are taken; nothing answered; a VLAN interface whose VLAN is not answered", series({enabled([](WorldPort &p) { p.isVlanIf = true, p.vid = 0xF00A; }), enabled([](WorldPort &p) { p.isVlanIf = true, p.workMode = 1, p.silent = {33, 193, 417, 5400}; }), enabled([](WorldPort &p) { p.isVlanIf = true, p.silent = {5400}; })}), series({"0: 10 qorIfSetApi 10 305 23" + mode + bridge + " vlanIf=1 flags#80c00028", "0: 10 qorIfSetApi 10 305 23" + mode + bridge.substr(0, bridge.find(" mac")) + " max=32768 s21=100 flags#80c00000", "0: 10 qorIfSetApi 10 305 23" + mode + bridge + " vlanIf=1 flags#80c00000"})},
-        {"sorted; equal indexes in their order", series({enable(30).substr(0, 33), enable(10).substr(0, 36)}), "0: 10 30 qorIfSetApi 30 305 23; N / 0: 10 10 30 qorIfSetApi 10 305 23; N"},
-        {"a trusted interface gains IPv6 and loses its trust; it loses IPv4", series({version(1, 3, DHCPSNOOP_IF_TRUSTED), version(3, 2)}), series({"0 21000000 Interface trust state is changed!\n\rqorIfSetApi 10 305 24; " + on6, "0 800000 qorIfSetApi 10 306 23; " + off4})},
-        {"one for the other, IPv4 first; the other way round", series({version(1, 2), version(2, 1)}), series({"0 1800000 qorIfSetApi 10 306 23, qorIfSetApi 10 305 24; " + off4 + "|" + on6, "0 1800000 qorIfSetApi 10 305 23, qorIfSetApi 10 306 24; " + on4 + "|" + off6})},
-        {"Kept: the same version touches nothing but clears the trust", version(1, 5, DHCPSNOOP_IF_TRUSTED), "0 20000000 Interface trust state is changed!\n\r; "},
-        {"add both; add neither, delete neither", series({traps(3, 1), traps(0, 1) + traps(0, 0)}), "0 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24 / 0 0 "},
-        {"a refused IPv4 ends it; a refused IPv6 is the result", series({traps(3, 1, 4, 6), traps(3, 1, 0, 6)}), "4 qorIfSetApi 10 305 23|Add dhcp acl failed! / 6 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24|Add dhcpv6 acl failed!"},
+        {"sorted; equal indexes in their order; a trusted interface gains IPv6 and loses its trust; it loses IPv4", series({enable(30).substr(0, 33), enable(10).substr(0, 36), version(1, 3, DHCPSNOOP_IF_TRUSTED), version(3, 2)}), series({"0: 10 30 qorIfSetApi 30 305 23; N", "0: 10 10 30 qorIfSetApi 10 305 23; N", "0 21000000 Interface trust state is changed!\n\rqorIfSetApi 10 305 24; " + on6, "0 800000 qorIfSetApi 10 306 23; " + off4})},
+        {"one for the other, IPv4 first; the other way round; Kept: the same version touches nothing but clears the trust", series({version(1, 2), version(2, 1), version(1, 5, DHCPSNOOP_IF_TRUSTED)}), series({"0 1800000 qorIfSetApi 10 306 23, qorIfSetApi 10 305 24; " + off4 + "|" + on6, "0 1800000 qorIfSetApi 10 305 23, qorIfSetApi 10 306 24; " + on4 + "|" + off6, "0 20000000 Interface trust state is changed!\n\r; "})},
+        {"add both; add neither, delete neither; a refused IPv4 ends it; a refused IPv6 is the result", series({traps(3, 1), traps(0, 1) + traps(0, 0), traps(3, 1, 4, 6), traps(3, 1, 0, 6)}), "0 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24 / 0 0  / 4 qorIfSetApi 10 305 23|Add dhcp acl failed! / 6 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24|Add dhcpv6 acl failed!"},
         {"any other state deletes; an IPv4 failure goes on, and is forgotten when IPv6 succeeds", series({traps(1, 2), traps(3, 0, 4)}), "0 qorIfSetApi 10 306 23 / 0 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!"},
         {"both fail; IPv4 alone fails", series({traps(3, 0, 4, 6), traps(1, 0, 4)}), "6 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!|Delete dhcpv6 acl failed!" ACL " / 4 qorIfSetApi 10 306 23|Delete dhcp acl failed!" ACL},
         // In halves of a node's two links; the last one of the block is the first to be taken.
-        {"three entries of a record's size; a count of 0 is one entry; an entry has room for its links at least; an odd size is rounded up so that the links stay aligned", series({pool(3 * LINKS, 3), pool(2 * LINKS, 0), pool(1, 2), pool(LINKS + 1, 2)}), "0 12 6 0 / 0 0 / 0 2 0 / 0 3 0"},
-        {"no memory: an empty list", (world.failCalloc = 1, pool(64, 4)), "-1 empty"},
+        {"three entries of a record's size; a count of 0 is one entry; an entry has room for its links at least; an odd size is rounded up so that the links stay aligned; no memory: an empty list", series({pool(3 * LINKS, 3), pool(2 * LINKS, 0), pool(1, 2), pool(LINKS + 1, 2), (world.failCalloc = 1, pool(64, 4))}), "0 12 6 0 / 0 0 / 0 2 0 / 0 3 0 / -1 empty"},
     });
 }
 
@@ -139,7 +129,6 @@ TEST_F(Tables, InterfaceByInterface)
     // By VLAN: the first in the list, no port even when its VLAN bits match, the low 16 bits of the number.
     for (const uint32_t ifIndex : {10u, 20u, 30u})
         set_flag_field(dhcpsnoop_if_lookup(ifIndex), DHCPSNOOP_IF_VID, 10);
-    EXPECT_EQ(dhcpsnoop_if_lookup_by_vid(10), nullptr);
     dhcpsnoop_if_lookup(20)->isVlanIf = dhcpsnoop_if_lookup(30)->isVlanIf = 1;
     EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(10) == dhcpsnoop_if_lookup(20) && dhcpsnoop_if_lookup_by_vid(0x1000A) == dhcpsnoop_if_lookup(20));
     EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(11) == nullptr && dhcpsnoop_if_lookup_by_vid(0x100A) == nullptr && dhcpsnoop_if_lookup(11) == nullptr);
@@ -153,16 +142,13 @@ TEST_F(Tables, Servers)
         return outcome();
     };
     check({
-        {"heard; all three are looked up", series({heard(1, 10, 3), world_format("%d%d%d%d", dhcpsnoop_server_lookup(1, 10, 3) != nullptr, dhcpsnoop_server_lookup(1, 20, 3) != nullptr, dhcpsnoop_server_lookup(1, 10, 4) != nullptr, dhcpsnoop_server_lookup(2, 10, 3) != nullptr)}), " | server .1 3/10 / 1000"},
-        {"newest first; Kept: a full list replaces its newest entry", series({heard(2, 20, 4), heard(3, 30, 5)}), " | server .2 4/20 | server .1 3/10 /  | server .3 5/30 | server .1 3/10"},
+        {"heard; all three are looked up; newest first; Kept: a full list replaces its newest entry", series({heard(1, 10, 3), world_format("%d%d%d%d", dhcpsnoop_server_lookup(1, 10, 3) != nullptr, dhcpsnoop_server_lookup(1, 20, 3) != nullptr, dhcpsnoop_server_lookup(1, 10, 4) != nullptr, dhcpsnoop_server_lookup(2, 10, 3) != nullptr), heard(2, 20, 4), heard(3, 30, 5)}), " | server .1 3/10 / 1000 /  | server .2 4/20 | server .1 3/10 /  | server .3 5/30 | server .1 3/10"},
     });
-    DhcpsnoopServer *server = dhcpsnoop_server_lookup(3, 30, 5);
-    dhcpsnoop_server_delete(nullptr);
-    dhcpsnoop_server_delete(server);
-    EXPECT_TRUE(server->serverIp == 0 && server->vid == 0 && server->ifIndex == 0 && dhcpsnoop_server_alloc() == server);
-    dhcpsnoop_server_delete(dhcpsnoop_server_lookup(1, 10, 3));
-    DhcpsnoopServer *other = dhcpsnoop_server_alloc();
-    EXPECT_TRUE(other != server && dhcpsnoop_server_alloc() == nullptr) << "nothing free and nothing to replace";
+    DhcpsnoopServer *server = dhcpsnoop_server_lookup(3, 30, 5), *other = dhcpsnoop_server_lookup(1, 10, 3);
+    for (DhcpsnoopServer *gone : {static_cast<DhcpsnoopServer *>(nullptr), other, server})
+        dhcpsnoop_server_delete(gone);
+    EXPECT_TRUE(server->serverIp == 0 && server->vid == 0 && server->ifIndex == 0);
+    EXPECT_TRUE(dhcpsnoop_server_alloc() == server && dhcpsnoop_server_alloc() == other && dhcpsnoop_server_alloc() == nullptr) << "nothing free and nothing to replace";
     EXPECT_EQ(heard(1, 10, 3), "");
     list_insert_after(&gDhcpsnoop.serverFreeList, server);
     list_insert_after(&gDhcpsnoop.serverFreeList, other);
