@@ -333,7 +333,7 @@ TEST_P(Classifier, GoesByTheItemsOfTheRule)
     for (const auto &[kind, name, otherAddress, otherSender] : {std::tuple{"rule4", "udp", " at 15 06", " mac 06"}, {"rule6", "udp6", " at 23 06", " mac 06"}, {"rulea", "request", " at 17 06", " mac 06 at 13 06"}}) {
         for (unsigned set = 1; set < 16; set++) {
             std::string items;
-            for (const unsigned bit : {0, 1, 2, 3})
+            for (const unsigned bit : {0u, 1u, 2u, 3u})
                 items += set >> bit & 1 ? std::string(1, "amvp"[bit]) : "";
             const auto has = [&items](char item) { return items.find(item) != std::string::npos; };
             const auto passes = [this](const std::string &words, const char *port = "p1") { return verdict(frame_of(words), port) == "-"; };
