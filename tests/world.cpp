@@ -306,6 +306,7 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
 
 int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
 {
+    WorldScope scope;
     if (command != 300)
         return world_called("qorIfSetApi %u %u %u", ifIndex, command, *static_cast<uint32_t *>(value));
     const auto *request = static_cast<QorIfRequest *>(value);
@@ -386,9 +387,24 @@ uint32_t qorHwScalarGet(uint32_t unit, uint32_t scalar, void *)
     return found == world.hwScalars.end() ? 0 : found->second;
 }
 
-int32_t qorHwScalarSync(void *source, uint32_t code, void *data, uint32_t mode) { return sync(source == nullptr ? "qorHwScalarSync null" : "qorHwScalarSync source", code, data, mode); }
-int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t mode) { return sync("qorHwIfSync " + std::to_string(ifIndex), code, value, mode); }
-int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t mode) { return sync("qorHwDhcpSnoopUserSync " + call_hex(key, 20), code, value, mode); }
+int32_t qorHwScalarSync(void *source, uint32_t code, void *data, uint32_t mode)
+{
+    WorldScope scope;
+    return sync(source == nullptr ? "qorHwScalarSync null" : "qorHwScalarSync source", code, data, mode);
+}
+
+int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t mode)
+{
+    WorldScope scope;
+    return sync("qorHwIfSync " + std::to_string(ifIndex), code, value, mode);
+}
+
+int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t mode)
+{
+    WorldScope scope;
+    return sync("qorHwDhcpSnoopUserSync " + call_hex(key, 20), code, value, mode);
+}
+
 int32_t qorHwCardGet(const uint32_t *where, uint32_t property, void *answer) { return place_answer("qorHwCardGet", world.cardAnswers, where, property, answer); }
 int32_t qorHwSlotGet(const uint32_t *where, uint32_t property, void *answer) { return place_answer("qorHwSlotGet", world.slotAnswers, where, property, answer); }
 
