@@ -56,34 +56,17 @@ const std::string IPV4_ZERO = "03000001 01 03000003 000000 03000010 000000000000
 // clang-format off
 const std::tuple<const char *, const char *, std::vector<std::string>> REQUESTS[] = {
     {"every byte of one request", "interface 16909060 trust on", {"0002000400000005000200040000000000020004000000030101020004010203040302000400000001"}},
-    {"a switch", "interface 16909060 option37 off", {ifSet("0d", OFF)}},
-    {"a word of several", "interface 16909060 option82-policy append", {ifSet("08", word("3"))}},
-    {"a mode by its name", "interface 16909060 option82-mode raw", {ifSet("0a", word("4"))}},
-    {"the bare text behind format 5", "interface 16909060 circuit-id template %s.%c.%d:%N", {ifSet("1e", word("5")), ifSet("05", "0300000b 25732e25632e25643a254e")}},
-    {"type 1, length and text behind format 3", "interface 16909060 circuit-id text ab", {ifSet("1e", word("3")), ifSet("05", "03000004 01026162")}},
-    {"a raw text travels typed all the same", "interface 16909060 circuit-id raw text ab", {ifSet("1e", word("4")), ifSet("05", "03000004 01026162")}},
-    {"the switch's own format", "interface 16909060 circuit-id global", {ifSet("1e", OFF), ifSet("05", "03000000")}},
-    {"a type and bytes", "interface 16909060 remote-id raw type 7 hex 00ff", {ifSet("1f", word("4")), ifSet("06", "03000004 070200ff")}},
-    {"an empty text of type 0", "interface 16909060 remote-id generated", {ifSet("1f", word("3")), ifSet("06", "03000002 0000")}},
-    {"a format by its number", "interface 16909060 interface-id format 1 text ab", {ifSet("20", ON), ifSet("0c", "03000002 6162")}},
-    {"option 37's", "interface 16909060 remote-id6 text ab", {ifSet("21", word("3")), ifSet("0e", "03000004 01026162")}},
-    {"a text that is a keyword", "interface 16909060 subopt9-text text hex", {ifSet("07", "03000003 686578")}},
-    {"a number", "interface 16909060 max-users 50", {ifSet("12", word("32"))}},
-    {"first octet most significant", "interface 16909060 relay-address 10.0.0.1", {ifSet("22", word("a000001"))}},
-    {"a version is set after a look at trust", "interface 16909060 version both", {ifGet("03"), ifSet("02", word("3"))}},
-    {"a relay server is added with action 4", "interface 16909060 relay-server 192.0.2.1 add", {body("13", "01", SERVER + word("4"))}},
-    {"and deleted with 6, verb first, by the shorter name", "interface 16909060 server delete 192.0.2.1", {body("13", "01", SERVER + word("6"))}},
-    {"VLAN", "vlan 10 snooping on", {body("0f", "03", "0101 020004 0000000a" + ON)}},
-    {"global requests count no index item and carry one", "snooping off", {body("00", "01", NONE + OFF)}},
-    {"a number of 32 bits", "enterprise-number 4294967295", {body("00", "02", NONE + word("ffffffff"))}},
-    {"a debug flag is read before it is set", "debug dump on", {body("02", "14", NONE + OFF), body("00", "14", NONE + word("2"))}},
-    {"a binding is created, filled in, bound", "binding add 10.0.0.5 mac 02:00:00:00:00:AB vlan 10 interface 16909060 attribute 9", {body("0a", "09", KEY + word("4")), body("0a", "05", KEY + std::string("03000006 0200000000ab")), body("0a", "01", KEY + word("a")), body("0a", "02", KEY + word("1020304")), body("0a", "04", KEY + word("9")), body("0a", "09", KEY + ON)}},
-    {"an IPv6 binding is bound", "binding bind 2001:db8::1", {body("0a", "09", "0103 00000102 000003000000 00001020010db8000000000000000000000001" + ON)}},
-    {"unbound", "binding unbind 10.0.0.5", {body("0a", "09", KEY + word("2"))}},
-    {"deleted", "binding delete 10.0.0.5", {body("0a", "09", KEY + word("6"))}},
+    {"a switch; a word of several; a mode by its name; an empty text of type 0; a format by its number", "interface 16909060 option37 off;interface 16909060 option82-policy append;interface 16909060 option82-mode raw;interface 16909060 remote-id generated;interface 16909060 interface-id format 1 text ab", {ifSet("0d", OFF), ifSet("08", word("3")), ifSet("0a", word("4")), ifSet("1f", word("3")), ifSet("06", "03000002 0000"), ifSet("20", ON), ifSet("0c", "03000002 6162")}},
+    {"the bare text behind format 5; type 1, length and text behind format 3; a raw text travels typed all the same; the switch's own format", "interface 16909060 circuit-id template %s.%c.%d:%N;interface 16909060 circuit-id text ab;interface 16909060 circuit-id raw text ab;interface 16909060 circuit-id global", {ifSet("1e", word("5")), ifSet("05", "0300000b 25732e25632e25643a254e"), ifSet("1e", word("3")), ifSet("05", "03000004 01026162"), ifSet("1e", word("4")), ifSet("05", "03000004 01026162"), ifSet("1e", OFF), ifSet("05", "03000000")}},
+    {"a type and bytes; option 37's; a text that is a keyword", "interface 16909060 remote-id raw type 7 hex 00ff;interface 16909060 remote-id6 text ab;interface 16909060 subopt9-text text hex", {ifSet("1f", word("4")), ifSet("06", "03000004 070200ff"), ifSet("21", word("3")), ifSet("0e", "03000004 01026162"), ifSet("07", "03000003 686578")}},
+    {"a number; first octet most significant; a version is set after a look at trust; a relay server is added with action 4", "interface 16909060 max-users 50;interface 16909060 relay-address 10.0.0.1;interface 16909060 version both;interface 16909060 relay-server 192.0.2.1 add", {ifSet("12", word("32")), ifSet("22", word("a000001")), ifGet("03"), ifSet("02", word("3")), body("13", "01", SERVER + word("4"))}},
+    {"and deleted with 6, verb first, by the shorter name; VLAN; global requests count no index item and carry one; a number of 32 bits", "interface 16909060 server delete 192.0.2.1;vlan 10 snooping on;snooping off;enterprise-number 4294967295", {body("13", "01", SERVER + word("6")), body("0f", "03", "0101 020004 0000000a" + ON), body("00", "01", NONE + OFF), body("00", "02", NONE + word("ffffffff"))}},
+    {"a debug flag is read before it is set; a binding is created, filled in, bound", "debug dump on;binding add 10.0.0.5 mac 02:00:00:00:00:AB vlan 10 interface 16909060 attribute 9", {body("02", "14", NONE + OFF), body("00", "14", NONE + word("2")), body("0a", "09", KEY + word("4")), body("0a", "05", KEY + std::string("03000006 0200000000ab")), body("0a", "01", KEY + word("a")), body("0a", "02", KEY + word("1020304")), body("0a", "04", KEY + word("9")), body("0a", "09", KEY + ON)}},
+    {"an IPv6 binding is bound; unbound; deleted", "binding bind 2001:db8::1;binding unbind 10.0.0.5;binding delete 10.0.0.5", {body("0a", "09", "0103 00000102 000003000000 00001020010db8000000000000000000000001" + ON), body("0a", "09", KEY + word("2")), body("0a", "09", KEY + word("6"))}},
 };
 
-// What the peer answers, and a part of what is said; no peer is asked about a line that is wrong.
+// What the peer answers to each of the lines, separated by ';', and a part of what is said; no peer is asked about a line that
+// is wrong.
 const struct {
     const char *claim;
     std::string line;
@@ -91,26 +74,11 @@ const struct {
     ExitStatus status;
     const char *err, *out = "";
 } ROWS[] = {
-    {"", "", {}, EXIT_USAGE, "Usage: dhcpsnoopctl"},
-    {"", "shwo interfaces", {}, EXIT_USAGE, "unknown command 'shwo interfaces'"},
-    {"", "interface no-such-port trust on", {}, EXIT_USAGE, "there is no interface 'no-such-port' here"},
-    {"", "interface 0 trust on", {}, EXIT_USAGE, "there is no interface '0'"},
-    {"", "interface 7 trsut on", {}, EXIT_USAGE, "no setting 'trsut' of an interface"},
-    {"", "interface 7 trust yes", {}, EXIT_USAGE, "trust takes: on|off"},
-    {"", "interface 7 option82-mode 16", {}, EXIT_USAGE, "a number from 0 to 15"},
-    {"", "interface 7 max-users 65536", {}, EXIT_USAGE, "a number from 0 to 65535, not '65536'"},
-    {"", "enterprise-number 4294967296", {}, EXIT_USAGE, "not '4294967296'"},
-    {"", "interface 7 relay-address 10.0.0.256", {}, EXIT_USAGE, "'10.0.0.256' is not an IPv4 address"},
-    {"", "interface 7 circuit-id text " + std::string(129, 'x'), {}, EXIT_USAGE, "129 bytes are too long"},
-    {"", "interface 7 circuit-id hex abc", {}, EXIT_USAGE, "not a row of hexadecimal bytes"},
-    {"", "interface 7 circuit-id template 100%", {}, EXIT_USAGE, "a letter must follow"},
-    {"", "vlan 4095 snooping on", {}, EXIT_USAGE, "from 1 to 4094"},
-    {"", "binding add 10.0.0.5 mac 02:00:00:00:00:01", {}, EXIT_USAGE, "mac, vlan and interface are needed"},
-    {"", "show bindings vlan", {}, EXIT_USAGE, "'vlan' lacks its value"},
-    {"", "guard interface 7", {}, EXIT_USAGE, "which check items?"},
-    {"", "guard vlan 10 ip off", {}, EXIT_USAGE, "'off' is no check item"},
-    {"", "guard vlan 10 exempt", {}, EXIT_USAGE, "not a VLAN"},
-    {"", "arp-inspection vlan 4095 ip", {}, EXIT_USAGE, "from 1 to 4094"},
+    {"no command, no such command, interface or setting", ";shwo interfaces;interface no-such-port trust on;interface 0 trust on;interface 7 trsut on", {}, EXIT_USAGE, "Usage: dhcpsnoopctl;unknown command 'shwo interfaces';there is no interface 'no-such-port' here;there is no interface '0';no setting 'trsut' of an interface"},
+    {"a value out of its range", "interface 7 trust yes;interface 7 option82-mode 16;interface 7 max-users 65536;enterprise-number 4294967296;interface 7 relay-address 10.0.0.256", {}, EXIT_USAGE, "trust takes: on|off;a number from 0 to 15;a number from 0 to 65535, not '65536';not '4294967296';'10.0.0.256' is not an IPv4 address"},
+    {"a text too long", "interface 7 circuit-id text " + std::string(129, 'x'), {}, EXIT_USAGE, "129 bytes are too long"},
+    {"a text or a list of options that is wrong", "interface 7 circuit-id hex abc;interface 7 circuit-id template 100%;vlan 4095 snooping on;binding add 10.0.0.5 mac 02:00:00:00:00:01;show bindings vlan", {}, EXIT_USAGE, "not a row of hexadecimal bytes;a letter must follow;from 1 to 4094;mac, vlan and interface are needed;'vlan' lacks its value"},
+    {"check items", "guard interface 7;guard vlan 10 ip off;guard vlan 10 exempt;arp-inspection vlan 4095 ip", {}, EXIT_USAGE, "which check items?;'off' is no check item;not a VLAN;from 1 to 4094"},
     {"one byte short", "show vlans", {vlanFirst("03020004 000000")}, EXIT_NO_DAEMON, "does not belong to the request"},
     {"one byte long", "show vlans", {vlanFirst("03020004 0000000a 00")}, EXIT_NO_DAEMON, "does not belong to the request"},
     {"another function's", "show vlans", {body("0e", "00", "0101 02000400000000 03020004 0000000a")}, EXIT_NO_DAEMON, "does not belong"},
@@ -140,12 +108,15 @@ const struct {
 TEST(Ctl, Requests)
 {
     for (const auto &[claim, line, requests] : REQUESTS) {
-        const Ran ran = run(line, [](const Bytes &asked) { return asked; }); // result 0, and the value as it was asked
         std::vector<std::string> asked;
-        for (const Bytes &request : ran.requests)
-            asked.push_back(hexOf(request));
+        std::istringstream lines(line);
+        for (std::string each; std::getline(lines, each, ';');) {
+            const Ran ran = run(each, [](const Bytes &request) { return request; }); // result 0, and the value as it was asked
+            for (const Bytes &request : ran.requests)
+                asked.push_back(hexOf(request));
+            EXPECT_EQ(std::to_string(ran.status) + ran.out + ran.err, "0") << each;
+        }
         EXPECT_EQ(asked, requests) << claim;
-        EXPECT_EQ(std::to_string(ran.status) + ran.out + ran.err, "0") << claim;
     }
     // The interface (command 2) is refused: nothing stays behind.
     const Ran ran = run("binding add 10.0.0.5 mac 02:00:00:00:00:01 vlan 10 interface 16909060", [](Bytes asked) {
@@ -175,14 +146,18 @@ TEST(Ctl, OneBindingIsLookedUp)
 TEST(Ctl, Answers)
 {
     for (const auto &row : ROWS) {
-        SCOPED_TRACE(row.claim + (": " + row.line));
-        const Ran ran = run(row.line, replies(row.replies));
-        EXPECT_EQ(ran.status, row.status);
-        EXPECT_NE(ran.err.find(row.err), std::string::npos) << ran.err;
-        EXPECT_EQ(ran.err.empty(), row.err[0] == '\0') << ran.err;
-        EXPECT_EQ(ran.status == EXIT_NO_DAEMON, ran.err.find("malformed reply: ") != std::string::npos) << ran.err;
-        EXPECT_EQ(ran.out, row.out);
-        EXPECT_TRUE(row.status != EXIT_USAGE || ran.requests.empty());
+        std::istringstream lines(row.line), errors(row.err);
+        for (std::string line, error; std::getline(lines, line, ';');) {
+            std::getline(errors, error, ';');
+            SCOPED_TRACE(row.claim + (": " + line));
+            const Ran ran = run(line, replies(row.replies));
+            EXPECT_EQ(ran.status, row.status);
+            EXPECT_NE(ran.err.find(error), std::string::npos) << ran.err;
+            EXPECT_EQ(ran.err.empty(), error.empty()) << ran.err;
+            EXPECT_EQ(ran.status == EXIT_NO_DAEMON, ran.err.find("malformed reply: ") != std::string::npos) << ran.err;
+            EXPECT_EQ(ran.out, row.out);
+            EXPECT_TRUE(row.status != EXIT_USAGE || ran.requests.empty());
+        }
     }
     EXPECT_EQ(run("platform release", [](const Bytes &) -> Bytes { throw NoDaemon("does not answer in time"); }).status, EXIT_NO_DAEMON);
 }
