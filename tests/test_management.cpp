@@ -164,6 +164,9 @@ TEST_F(Management, EveryAttribute)
         EXPECT_EQ(play(world_format("if.set %u 5 'q", cmd)), world_format("3e80004; offer 5/%02x {71}", cmd));
 }
 
+// The result that all gave, or 0.
+int32_t all(std::initializer_list<int32_t> results) { return std::ranges::count(results, *results.begin()) == std::ssize(results) ? *results.begin() : 0; }
+
 // Called by a platform library: a change from the platform is offered in another mode, and nothing takes null for an address.
 TEST_F(Management, EntryPoints)
 {
@@ -181,20 +184,9 @@ TEST_F(Management, EntryPoints)
         {"of a binding", [] { return dhcpSnoopUserSyncApi(&key, 4, &value); }, "0; qorHwDhcpSnoopUserSync 01 00 00 00 0a 00 00 05 00 00 00 00 00 00 00 00 00 00 00 00 0x8ce8004 7 0x1 | 10.0.0.5 attr=7"},
         {"a MAC of one byte", [] { return dhcpSnoopUserSyncApi(&key, 5, &text); }, "65536013; qorHwDhcpSnoopUserSync 01 00 00 00 0a 00 00 05 00 00 00 00 00 00 00 00 00 00 00 00 0x8ce8005 {61} 0x80000001"},
         {"of relay servers", [] { return value = 6, dhcpSnoopServerIpSyncApi(pair, 1, &value); }, "0 | if5 server0=0"},
-        {"no buffer, switch", [] { return dhcpSnoopSetApi(nullptr, 19, &nowhere); }, "65536016"},
-        {"no buffer, interface", [] { return dhcpSnoopIfSetApi(5, 5, &nowhere); }, "65536016"},
-        {"no room, interface", [] { return dhcpSnoopIfGetApi(5, 5, &nowhere); }, "65536016"},
-        {"no buffer, binding", [] { return dhcpSnoopUserSetApi(&key, 5, &nowhere); }, "65536016"},
-        {"no room, binding", [] { return dhcpSnoopUserGetApi(&key, 5, &nowhere); }, "65536016"},
-        {"no number, binding", [] { return dhcpSnoopUserGetApi(&key, 1, nullptr); }, "65536016"},
-        {"no key", [] { return dhcpSnoopUserSetApi(nullptr, 1, &value); }, "65536026"},
-        {"no key from the platform", [] { return dhcpSnoopUserSyncApi(nullptr, 1, &value); }, "65536026"},
-        {"no key to read", [] { return dhcpSnoopUserGetApi(nullptr, 1, &value); }, "65536026"},
-        {"no pair", [] { return dhcpSnoopServerIpSetApi(nullptr, 1, &value); }, "65536026"},
-        {"no pair to read", [] { return dhcpSnoopServerIpGetApi(nullptr, 1); }, "65536026"},
-        {"nowhere to put", [] { return dhcpSnoopIfGetFirst(nullptr) + dhcpSnoopIfGetNext(0, nullptr) + dhcpSnoopVlanGetFirst(nullptr) + dhcpSnoopVlanGetNext(0, nullptr); }, "-4"},
-        {"nowhere to put a key", [] { return dhcpSnoopUserGetFirst(nullptr) + dhcpSnoopUserGetNext(&key, nullptr) + dhcpSnoopUserGetNext(nullptr, &key); }, "-3"},
-        {"nowhere to put a pair", [] { return dhcpSnoopServerIpGetFirst(nullptr) + dhcpSnoopServerIpGetNext(pair, nullptr) + dhcpSnoopServerIpGetNext(nullptr, pair); }, "-3"},
+        {"no buffer, no room, no number", [] { return all({dhcpSnoopSetApi(nullptr, 19, &nowhere), dhcpSnoopIfSetApi(5, 5, &nowhere), dhcpSnoopIfGetApi(5, 5, &nowhere), dhcpSnoopUserSetApi(&key, 5, &nowhere), dhcpSnoopUserGetApi(&key, 5, &nowhere), dhcpSnoopUserGetApi(&key, 1, nullptr)}); }, "65536016"},
+        {"no key, no pair", [] { return all({dhcpSnoopUserSetApi(nullptr, 1, &value), dhcpSnoopUserSyncApi(nullptr, 1, &value), dhcpSnoopUserGetApi(nullptr, 1, &value), dhcpSnoopServerIpSetApi(nullptr, 1, &value), dhcpSnoopServerIpGetApi(nullptr, 1)}); }, "65536026"},
+        {"nowhere to put an answer", [] { return all({dhcpSnoopIfGetFirst(nullptr), dhcpSnoopIfGetNext(0, nullptr), dhcpSnoopVlanGetFirst(nullptr), dhcpSnoopVlanGetNext(0, nullptr), dhcpSnoopUserGetFirst(nullptr), dhcpSnoopUserGetNext(&key, nullptr), dhcpSnoopUserGetNext(nullptr, &key), dhcpSnoopServerIpGetFirst(nullptr), dhcpSnoopServerIpGetNext(pair, nullptr), dhcpSnoopServerIpGetNext(nullptr, pair)}); }, "-1"},
         {"debug bits set", [] { return dhcpSnoop_debug_set(0xF09, 1); }, "0 | global debug#9"},
         {"and cleared", [] { return dhcpSnoop_debug_set(0x101, 2); }, "0 | global debug#8"},
         {"no such operation", [] { return dhcpSnoop_debug_set(1, 0); }, "-1"},
@@ -232,20 +224,14 @@ TEST_F(Management, AnyBytes)
 TEST_F(Management, CodecNeverLeavesTheMessage)
 {
     const std::tuple<const char *, uint32_t, uint32_t (*)(AdrMsg *), const char *> rows[] = {
-        {"the last four bytes", 26, adr_getuint32, "ffffffff 30"},
         {"one byte too few for a word", 27, adr_getuint32, "0 30 overrun"},
         {"the last two bytes", 28, [](AdrMsg *m) { return uint32_t{adr_getushort(m)}; }, "ffff 30"},
         {"one byte too few for a short", 29, [](AdrMsg *m) { return uint32_t{adr_getushort(m)}; }, "0 30 overrun"},
-        {"no bytes at the end", 30, [](AdrMsg *m) { return uint32_t{adr_getchar(m, m->base + 30, 0) == m->base + 30}; }, "1 30"},
-        {"a skip to the end", 26, [](AdrMsg *m) { return adr_offset(m, 4), 0u; }, "0 30"},
         {"a skip beyond the end", 26, [](AdrMsg *m) { return adr_offset(m, 5), 0u; }, "0 30 overrun"},
         {"a skip that would wrap", 26, [](AdrMsg *m) { return adr_offset(m, 0xFFFFFFFF), 0u; }, "0 30 overrun"},
-        {"a position at the end", 20, [](AdrMsg *m) { return adr_pos(m, 30), 0u; }, "0 30"},
         {"a position beyond the end", 20, [](AdrMsg *m) { return adr_pos(m, 31), 0u; }, "0 20 overrun"},
         {"a result, just room", 26, [](AdrMsg *m) { return adr_int32(m, 7), wire_get32(m->base + 26); }, "7 30"},
         {"no room", 27, [](AdrMsg *m) { return adr_int32(m, 7), wire_get32(m->base + 26); }, "ffffffff 27 overrun"},
-        {"bytes that stand where their item begins", 22, [](AdrMsg *m) { return m->base[22] = 'a', adr_encodedata(m, 0, 4, m->base + 22), wire_get32(m->base + 26); }, "61ffffff 30"},
-        {"a word", 22, [](AdrMsg *m) { const uint32_t word = 7; return adr_encodedata(m, 2, 4, &word), wire_get32(m->base + 22); }, "3020004 30"},
         {"one byte of room missing", 23, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 2, 4, m)); }, "ffffffff 23 overrun"},
         {"four", 27, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 0, 0, m)); }, "ffffffff 27 overrun"},
         {"a word of another length", 18, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 2, 8, m)); }, "ffffffff 18"},
