@@ -143,7 +143,7 @@ struct World {
     // The same comes of pieces of any size.
     std::string in_pieces(bool asStream) const
     {
-        for (const size_t piece : {1, 7, 8, 13, 71})
+        for (const size_t piece : {1u, 7u, 8u, 13u, 71u})
             EXPECT_EQ(read(asStream, piece), read(asStream, 1 << 16)) << "in pieces of " << piece;
         return read(asStream, 1 << 16);
     }
