@@ -77,7 +77,7 @@ std::vector<WorldArrival> mixed_frames(int version, uint32_t count)
 TEST_F(NoAllocation, MixedTraffic)
 {
     hook_allocations();
-    world.reset(0, 64, 8);
+    world.reset(0, 64, 8, 5); // templates
     gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback;
     gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
     gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
@@ -88,8 +88,7 @@ TEST_F(NoAllocation, MixedTraffic)
         world.ipsg[ifIndex] = {.items = 0xF0};
         DhcpsnoopIf *ifp = snoop(ifIndex, DHCPSNOOP_IF_OPTION82 | DHCPSNOOP_IF_SUBOPT9 | DHCPSNOOP_IF_OPTION18 | DHCPSNOOP_IF_OPTION37 | (ifIndex == 2 ? DHCPSNOOP_IF_TRUSTED : 0));
         set_flag_field(ifp, DHCPSNOOP_IF_VERSION, 3);
-        ifp->circuitIdFmt = ifIndex == 1 ? 5 : 0;
-        ifp->circuitIdLen = static_cast<uint8_t>(snprintf(reinterpret_cast<char *>(ifp->circuitId), sizeof ifp->circuitId, "%s", "%s.%c.%d:%N"));
+        ifp->circuitIdFmt = ifIndex == 1 ? 0 : 3;
         ifp->relayAddr = ifIndex == 3 ? RELAY : 0;
         ifp->serverIp[0] = ip4(10, 9, 0, 1);
     }

@@ -81,8 +81,7 @@ TEST(Start, Rows)
     check({
         {"Kept: udpSock stays at the 0 of the zero-fill; sockets in order", series({start(0, 0, 0), joined(world.calls())}), series({hooked("20 256 256", 900), WHOLE})},
         {"a second call changes nothing, and does nothing", series({(world.clear(), gDhcpsnoop.serverLearn = 1, start(1, 2, 3)), joined(world.calls()) + std::to_string(gDhcpsnoop.serverLearn)}), hooked("20 256 256", 900) + " / 1"},
-        {"shut down; once; sizes as given; the short form has the defaults", series({(gDhcpsnoop.udpSock = 950, undone()), undone(), start(1, 2, 3), (nothing(), dhcpsnoop_init(5, 6), state())}), series({BOTH "close 950, close 902, " PATH ", close 903", "", hooked("1 2 3", 904), " sizes 5 6 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 umask 22"})},
-        {"typed; templates; an unknown mode is stored as it is", series({formats(0), formats(5), formats(9)}), "3 0 ; 3 0 ; 3 0 ; 3 0 ;  / 5 11 %s.%c.%d:%N; 5 2 %d; 5 11 %d %N:%s.%c; 5 11 %s.%c.%d:%N;  / 9 0 ; 9 0 ; 9 0 ; 9 0 ; "},
+        {"shut down; once; sizes as given; the short form has the defaults; typed; templates; an unknown mode is stored as it is", series({(gDhcpsnoop.udpSock = 950, undone()), undone(), start(1, 2, 3), (nothing(), dhcpsnoop_init(5, 6), state()), formats(0), formats(5), formats(9)}), series({BOTH "close 950, close 902, " PATH ", close 903", "", hooked("1 2 3", 904), " sizes 5 6 256 sockets 900 901 902 903 udp 0 sem 77 debug 0 umask 22", "3 0 ; 3 0 ; 3 0 ; 3 0 ; ", "5 11 %s.%c.%d:%N; 5 2 %d; 5 11 %d %N:%s.%c; 5 11 %s.%c.%d:%N; ", "9 0 ; 9 0 ; 9 0 ; 9 0 ; "})},
         // Failures. Kept: an early one closes descriptor 0 twice and removes the path.
         {"no semaphore", failing("OsixCreateMSem 9"), EARLY},
         {"no memory for interfaces, users, servers; no IPv4 socket", series({failing("-", 0, 1), failing("-", 0, 2), failing("-", 0, 3), failing("socket AF_PACKET 3 0x0800")}), SEM EARLY},

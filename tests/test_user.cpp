@@ -40,8 +40,7 @@ const Arrival IN_VLAN20 = {.outer = 20}, ON_VLAN = {.port = 3, .outer = 20, .inI
 const Row ROWS[] = {
     {"in a VLAN without VLAN interface", "vlan-if", {.arrival = IN_VLAN20}, "2 296 | .50 asked 1/20", "User information: interface 1, vid 20, mac 02:c1:00:00:00:01, ip 10.0.0.50.|User do not exist, add it to user table.|!User entry is already exist!"},
     {"on a trusted port", "trusted", {}, "2 292", "Received Boot-Request message on trust port, don't record user entry!"},
-    {"the VLAN's trust does not count", "vlan-if trusted-vlan", {}, "2 292 | .50 asked 1/10"},
-    {"nor on the VLAN interface", "vlan-if trusted-vlan", {.arrival = ON_VLAN}, "2 296 | .50 asked 3/10"},
+    {"the VLAN's trust does not count", "vlan-if trusted-vlan", {.arrival = ON_VLAN}, "2 296 | .50 asked 3/10"},
     {"nothing changed: the lease begins again", "bound", {.after = 10}, "2 292 | .50 bound 1/10", "User entry is already exist!|!User information is changed, delete it!"},
     {"another VLAN", "bound", {.arrival = IN_VLAN20}, "2 296 | .50 asked 1/20", "User information is changed, delete it!|Delete the user entry: ip is 10.0.0.50."},
     {"a static entry is never displaced", "static", {.chaddr = MAC_CLIENT2, .after = 10}, "2 292 | .50 static bound 1/10 10s ago", "Static user is already exist, return!"},
@@ -82,10 +81,8 @@ TEST_F(User, LearnedAndDeletedDirectly)
         return (log.empty() ? "" : log[0]) + calls_summary() + users();
     };
     check({
-        {"on a VLAN interface, from a port with an entry; on a VLAN interface, from a trusted port; no room", series({learn("vlan-if", {.outer = 20, .inIf = 110}), learn("vlan-if trusted", {.inIf = 110}), learn("no-users", {})}), "0 | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN / 0 | 0 users, 0 in the VLAN / -1 | 0 users"},
-        {"every field; told", series({(learn("", {}), state_of("10.0.0.50")), world.texts(Did::Log).at(0)}), "10.0.0.50 vid=10 orig=10 if=1 lease=60 type=1 state=4 mark#30 tag#63 server#a000001 mac:02c100000001 / 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 10, leasetime 60.\r\n"},
-        {"dynamic; IPv6 is not announced", series({deleted("hook vlan-if bound"), deleted("hook ipv6")}), "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n | 0 users, 0 in the VLAN / 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip a00:32::\r\n | 0 users"},
-        {"nor a static one, nor is it counted; nor one of IP source guard", series({deleted("hook bound static gateway").substr(0, 62), deleted("hook bound ipsg gateway")}), "7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.50\r\n  / 7 1 [DHCPSNOOP] Delete other dhcpsnoop entry: ip 10.0.0.50\r\n | .50 bound 1/10 | 1 users"},
+        {"on a VLAN interface, from a port with an entry; on a VLAN interface, from a trusted port; no room; every field; told", series({learn("vlan-if", {.outer = 20, .inIf = 110}), learn("vlan-if trusted", {.inIf = 110}), learn("no-users", {}), (learn("", {}), state_of("10.0.0.50")), world.texts(Did::Log).at(0)}), "0 | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN / 0 | 0 users, 0 in the VLAN / -1 | 0 users / 10.0.0.50 vid=10 orig=10 if=1 lease=60 type=1 state=4 mark#30 tag#63 server#a000001 mac:02c100000001 / 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 10, leasetime 60.\r\n"},
+        {"dynamic; IPv6 is not announced; nor a static one, nor is it counted; nor one of IP source guard", series({deleted("hook vlan-if bound"), deleted("hook ipv6"), deleted("hook bound static gateway").substr(0, 62), deleted("hook bound ipsg gateway")}), "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n | 0 users, 0 in the VLAN / 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip a00:32::\r\n | 0 users / 7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.50\r\n  / 7 1 [DHCPSNOOP] Delete other dhcpsnoop entry: ip 10.0.0.50\r\n | .50 bound 1/10 | 1 users"},
         {"a count of 0 stays; an absent interface is no fault; no binding", series({deleted("bound uncounted").substr(63), deleted("elsewhere").substr(63), deleted("")}), "| 0 users / | 0 users /  | 0 users"},
     });
     prepare("");
@@ -212,8 +209,7 @@ TEST_F(User, WhoseCheckItems)
     };
     const WorldGuard onPort = {.items = 0x90}, onVlan = {.items = 0xC0}, off = {.enabled = 0, .items = 0x90};
     check({
-        {"the port's; of ARP inspection; the VLAN's when the port is off; the request goes to the port", series({whose(IPSG, onPort, onVlan), whose(DAI, onPort, onVlan), whose(IPSG, off, onVlan), whose(DAI, off, onVlan)}), "hw +1 .50 90/80 hw#80 ipsgFrom=2 ipsg#90 asked 2 0 / hw +1 .50 90/00 hw#40 daiFrom=2 dai#90 asked 2 0 / hw +1 .50 c0/80 hw#80 ipsgFrom=1 ipsg#c0 asked 3 1 / hw +1 .50 c0/00 hw#40 daiFrom=1 dai#c0 asked 3 1"},
-        {"only 1 is on, and a failing answer is off; a VLAN without interface is not asked", series({whose(IPSG, {.enabled = 2, .items = 0x90}, {.items = 0x40, .result = 5}), whose(IPSG, off, onVlan, 110)}), " asked 2 1 /  asked 1 1"},
+        {"the port's; of ARP inspection; the VLAN's when the port is off; the request goes to the port; only 1 is on, and a failing answer is off; a VLAN without interface is not asked", series({whose(IPSG, onPort, onVlan), whose(DAI, onPort, onVlan), whose(IPSG, off, onVlan), whose(DAI, off, onVlan), whose(IPSG, {.enabled = 2, .items = 0x90}, {.items = 0x40, .result = 5}), whose(IPSG, off, onVlan, 110)}), "hw +1 .50 90/80 hw#80 ipsgFrom=2 ipsg#90 asked 2 0 / hw +1 .50 90/00 hw#40 daiFrom=2 dai#90 asked 2 0 / hw +1 .50 c0/80 hw#80 ipsgFrom=1 ipsg#c0 asked 3 1 / hw +1 .50 c0/00 hw#40 daiFrom=1 dai#c0 asked 3 1 /  asked 2 1 /  asked 1 1"},
     });
     prepare("bound guarded");
     gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
@@ -231,8 +227,7 @@ TEST_F(User, WhoseCheckItems)
         return outcome();
     };
     check({
-        {"IP source guard first; what is installed is not refreshed", series({after("-", 1), (world.ipsg[1].items = 0x90, after("-", 1))}), "hw +1 .50 f0/80, hw +1 .50 c0/40 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0 /  hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0"},
-        {"a refused withdrawal leaves it installed; the other is withdrawn all the same; once; a refused install leaves it not installed", series({after("hw delete", 0), after("-", 0), after("-", 0), after("hw add", 1)}), "hw -1 .50 f0/80, hw -1 .50 c0/40 hw#80 ipsgFrom=2 ipsg#f0 / hw -1 .50 f0/80 /  / hw +1 .50 90/80, hw +1 .50 c0/40 hw#40 daiFrom=2 dai#c0"},
+        {"IP source guard first; what is installed is not refreshed; a refused withdrawal leaves it installed; the other is withdrawn all the same; once; a refused install leaves it not installed", series({after("-", 1), (world.ipsg[1].items = 0x90, after("-", 1)), after("hw delete", 0), after("-", 0), after("-", 0), after("hw add", 1)}), "hw +1 .50 f0/80, hw +1 .50 c0/40 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0 /  hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0 / hw -1 .50 f0/80, hw -1 .50 c0/40 hw#80 ipsgFrom=2 ipsg#f0 / hw -1 .50 f0/80 /  / hw +1 .50 90/80, hw +1 .50 c0/40 hw#40 daiFrom=2 dai#c0"},
         {"a member of another trunk leaves; 0 is every binding; deleted, and withdrawn from both", series({trunk(2, 8, 0), trunk(0, 9, 0), (binding(HOST)->hwFlags = 0xC0, trunk(1, 8, 2))}), " | .50 bound 1/10 hw 40 / hw -9 .50 c0/40 | .50 bound 1/10 hw 40 / hw -8 .0 00/80, hw -8 .50 c0/40, hw -1 .0 00/80, hw -1 .50 c0/40"},
     });
 }
@@ -278,8 +273,7 @@ TEST_F(User, GroupsOnAnInterface)
         return taken + world_format(", %zu left, ", count_bindings()) + said().substr(13, said().find('.') - 13);
     };
     check({
-        {"a port, dynamic IPv4; static IPv4; IP source guard entries only when asked for", series({group(1, 1, 1), group(1, 1, 2), group(1, 3, 7)}), "1, 4 left, on interface 1, inet type 1, user type = 1, operate 0 / 2, 4 left, on interface 1, inet type 1, user type = 2, operate 0 / 1245, 1 left, on interface 1, inet type 3, user type = 7, operate 0"},
-        {"a VLAN interface, by VLAN; no interface: all; IPv6; no type at all", series({group(110, 3, 3), group(0, 3, 3), group(0, 2, 3).substr(0, 9), group(0, 0, 3).substr(0, 8)}), "123, 2 left, on interface 110, inet type 3, user type = 3, operate 0 / 1234, 1 left, on interface 0, inet type 3, user type = 3, operate 0 / 4, 4 left / , 5 left"},
+        {"a port, dynamic IPv4; static IPv4; IP source guard entries only when asked for; a VLAN interface, by VLAN; no interface: all; IPv6; no type at all", series({group(1, 1, 1), group(1, 1, 2), group(1, 3, 7), group(110, 3, 3), group(0, 3, 3), group(0, 2, 3).substr(0, 9), group(0, 0, 3).substr(0, 8)}), "1, 4 left, on interface 1, inet type 1, user type = 1, operate 0 / 2, 4 left, on interface 1, inet type 1, user type = 2, operate 0 / 1245, 1 left, on interface 1, inet type 3, user type = 7, operate 0 / 123, 2 left, on interface 110, inet type 3, user type = 3, operate 0 / 1234, 1 left, on interface 0, inet type 3, user type = 3, operate 0 / 4, 4 left / , 5 left"},
     });
 }
 // clang-format on
