@@ -17,6 +17,10 @@
 // 8-byte word of the stack that a register was stored in.
 #define OWN_WORDS __attribute__((aligned(8)))
 
+// The kernel verifies such a function once, for any arguments, in place of once for every way that leads to
+// it: without CAP_PERFMON kernel 6.1 gives up after a million instructions.
+#define VERIFIED_ALONE __attribute__((noinline))
+
 enum {
     TAGS_LEFT = 2,     // tags in the bytes, behind the one that the kernel may have taken out
     VID_MASK = 0x0FFF, // of a tag control field
@@ -32,13 +36,17 @@ enum {
     DHCP6_CLIENT = 546, // and 547 for servers
 };
 
-// How a frame is related to DHCP.
+// The kind of a frame; 0 = none that is of interest here.
 enum {
     DHCP = 1,
     DHCP_TO_SERVER = 2, // to a server's port for certain: passes the guard where it is not trapped
     DHCP_ELSEWHERE = 4, // by its source port alone, to some other service: trapped it does not pass the guard
-    DHCP_UNCLEAR =
-        8, // its kind cannot be told, and some hosts take such a frame: passes no trap and no guard
+    UNCLEAR = 8,        // cannot be told, and some hosts take such a frame: passes no trap and no guard
+    FAMILY_V4 = 16,     // GUARD_TRAP_V4 and GUARD_TRAP_V6, shifted by FAMILIES
+    FAMILY_V6 = 32,
+    FAMILIES = 4,
+    IS_IP = 64, // source guard looks at it
+    IS_ARP = 128,
 };
 
 static __always_inline bool load(const struct __sk_buff *skb, __u32 offset, void *to, __u32 size)
@@ -53,16 +61,18 @@ static __always_inline bool is_tag(__u16 type)
 
 // Where a frame's packet begins.
 struct network {
-    __u32 at;
+    __u8 at;
+    bool snap;  // the packet is in an IEEE 802.2 SNAP frame, and `type` is of that
     __u16 type; // EtherType behind the tags; that of a tag when there are too many, or one is cut
     __u16 vid;  // of the outermost tag; 0 = none
-    bool snap;  // the packet is in an IEEE 802.2 SNAP frame, and `type` is what that says
+    __u16 pad;
 };
 
-static __always_inline struct network behind_tags(const struct __sk_buff *skb)
+// Gives a struct network.
+VERIFIED_ALONE __u64 behind_tags(struct __sk_buff *skb)
 {
     bool tagged = skb->vlan_present;
-    struct network network = {ETH_HLEN, bpf_ntohs((__be16)skb->protocol), 0, false};
+    struct network network = {.at = ETH_HLEN, .type = bpf_ntohs((__be16)skb->protocol)};
 
     if (tagged)
         network.vid = skb->vlan_tci & VID_MASK;
@@ -85,6 +95,16 @@ static __always_inline struct network behind_tags(const struct __sk_buff *skb)
             network.snap = true;
         }
     }
+    __u64 word;
+    _Static_assert(sizeof word == sizeof network, "");
+    __builtin_memcpy(&word, &network, sizeof word);
+    return word;
+}
+
+static __always_inline struct network network_of(__u64 word)
+{
+    struct network network;
+    __builtin_memcpy(&network, &word, sizeof network);
     return network;
 }
 
@@ -113,7 +133,7 @@ static __always_inline __u64 dhcp_v4(const struct __sk_buff *skb, __u32 ip)
         return 0;
     __u32 headerLength = (header[0] & 15) * 4;
     if (header[0] >> 4 != 4 || headerLength < IPV4_HEADER)
-        return DHCP_UNCLEAR;
+        return UNCLEAR;
     if (header[9] != IPPROTO_UDP || (((header[6] << 8) | header[7]) & IPV4_FRAGMENT_OFFSET))
         return 0;
     return dhcp_ports(skb, ip + headerLength, DHCP_SERVER, DHCP_SERVER);
@@ -177,24 +197,32 @@ static __always_inline __u64 dhcp_v6(const struct __sk_buff *skb, __u32 ip)
     if (!load(skb, ip, header, sizeof header))
         return 0;
     if (header[0] >> 4 != 6)
-        return DHCP_UNCLEAR;
+        return UNCLEAR;
     __u32 payload = ip + IPV6_HEADER;
     struct chain chain = {skb, payload, payload + ((header[4] << 8) | header[5]), header[6], DHCP};
     bpf_loop(IPV6_HEADERS, walk_header, &chain, 0);
     return chain.dhcp;
 }
 
-// Linux takes no IP from SNAP frames on Ethernet. An access point sends them on as they are, and on the air
-// they are the usual form: its stations take them.
-static __always_inline __u64 dhcp_of(const struct __sk_buff *skb, struct network network)
+// The kind of a frame, by where its packet begins. Linux takes no IP from SNAP frames on Ethernet. An access
+// point sends them on as they are, and on the air they are the usual form: its stations take them.
+VERIFIED_ALONE int kind_of(struct __sk_buff *skb, __u64 word)
 {
+    struct network network = network_of(word);
+
     if (is_tag(network.type))
-        return DHCP_UNCLEAR;
+        return UNCLEAR | FAMILY_V4 | FAMILY_V6 | IS_IP | IS_ARP;
     if (network.type == ETH_P_ARP)
+        return IS_ARP;
+    if (network.type != ETH_P_IP && network.type != ETH_P_IPV6)
         return 0;
-    if (network.snap)
-        return DHCP_UNCLEAR;
-    return network.type == ETH_P_IP ? dhcp_v4(skb, network.at) : dhcp_v6(skb, network.at);
+    int kind = network.type == ETH_P_IP ? FAMILY_V4 | IS_IP : FAMILY_V6 | IS_IP;
+    __u64 dhcp = UNCLEAR;
+    if (!network.snap)
+        dhcp = network.type == ETH_P_IP ? dhcp_v4(skb, network.at) : dhcp_v6(skb, network.at);
+    if (dhcp & UNCLEAR)
+        kind = FAMILY_V4 | FAMILY_V6 | IS_IP | IS_ARP;
+    return kind | (int)dhcp;
 }
 
 #endif

@@ -59,7 +59,8 @@ static __always_inline __u32 need_of_v6(const struct __sk_buff *skb, __u32 ip, s
     return RULE;
 }
 
-// A rule that names the MAC wants it as the Ethernet source too.
+// A rule that names the MAC wants it as the Ethernet source too. In a SNAP frame `arp` is where SNAP begins,
+// which is no ARP: no client of ours sends so, and some hosts take it.
 static __always_inline __u32 need_of_arp(const struct __sk_buff *skb, __u32 arp, struct source *source)
 {
     __u64 sender = 0;
@@ -123,35 +124,27 @@ static long try_mask(__u32 index, void *context)
     return search->found || !search->masks;
 }
 
-// The masks that name all of these check items, as one kind's bits in guard_state.masks.
-static __always_inline __u64 masks_with(__u32 items)
+// The masks that name all of these check items, as one kind's bits in guard_state.masks. Without branches, of
+// which the kernel would follow every combination.
+static __always_inline __u64 masks_with(__u64 items)
 {
-    __u64 masks = 0xFFFF;
-
-    if (items & GUARD_CHECK_ADDRESS)
-        masks &= 0xFF00;
-    if (items & GUARD_CHECK_MAC)
-        masks &= MASKS_WITH_MAC;
-    if (items & GUARD_CHECK_VLAN)
-        masks &= 0xCCCC;
-    if (items & GUARD_CHECK_PORT)
-        masks &= 0xAAAA;
-    return masks;
+    return 0xFFFF & ~((items >> 7 & 1) * 0x00FF | (items >> 6 & 1) * 0x0F0F | (items >> 5 & 1) * 0x3333 |
+                      (items >> 4 & 1) * 0x5555);
 }
 
 // One look-up for each mask that some rule has, the fullest first; usually there is one. A rule that names
 // less than is checked here is of a place that checks less, and does not count.
-static __always_inline bool is_ruled(const struct source *source, __u32 ifindex, __u32 vid, __u32 items)
+VERIFIED_ALONE int is_ruled(struct source *source, __u32 ifindex, __u32 vid, __u32 items)
 {
     __u32 zero = 0;
     const struct guard_state *state = bpf_map_lookup_elem(&guard_state, &zero);
 
-    if (!state)
-        return false;
+    if (!state || !source)
+        return 0;
     struct search search = {source, state, ifindex, vid, 0, 0};
     search.masks = state->masks >> 16 * source->kind & masks_with(items) & ~source->without;
     bpf_loop(16, try_mask, &search, 0);
-    return search.found;
+    return (int)search.found;
 }
 
 static __always_inline __u32 word_of(struct guard_items items)
@@ -162,61 +155,53 @@ static __always_inline __u32 word_of(struct guard_items items)
     return word;
 }
 
-// The items checked at a place, of the features whose items are not 0 in `wanted`; 0 = nothing is checked.
-static __always_inline __u32 items_checked(const struct place *place, __u32 wanted)
+// The items checked at a place, for a frame of this kind; 0 = nothing is checked.
+VERIFIED_ALONE int items_checked(__u32 ifindex, __u32 vid, __u32 known, __u32 kind)
 {
-    const struct guard_items *port = bpf_map_lookup_elem(&guard_port_items, &place->ifindex);
+    __u32 wanted = word_of((struct guard_items){.ip = kind & IS_IP ? GUARD_CHECK_ALL : 0,
+                                                .arp = kind & IS_ARP ? GUARD_CHECK_ALL : 0});
+    const struct guard_items *own = bpf_map_lookup_elem(&guard_port_items, &ifindex);
     __u32 exempt = 0, items = 0;
 
-    if (port) {
-        items = word_of(*port) & wanted;
-        exempt = word_of(*port) & word_of((struct guard_items){.ip = GUARD_EXEMPT, .arp = GUARD_EXEMPT});
+    if (own) {
+        items = word_of(*own) & wanted;
+        exempt = word_of(*own) & word_of((struct guard_items){.ip = GUARD_EXEMPT, .arp = GUARD_EXEMPT});
     }
-    if (!items) {
-        const struct guard_items *vlan = &place->port->vlan_items;
-        if (place->known)
-            vlan = bpf_map_lookup_elem(&guard_vlan_items, &place->vid);
+    if (!items && known) {
+        const struct guard_items *vlan = bpf_map_lookup_elem(&guard_vlan_items, &vid);
         if (vlan)
-            items = word_of(*vlan) & wanted & ~(exempt * 0xFF); // each byte's bit, all over the byte
+            items = word_of(*vlan);
+    } else if (!items) {
+        const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &ifindex);
+        if (port)
+            items = word_of(port->vlan_items);
+    } else {
+        exempt = 0;
     }
-    return items | items >> 8 | items >> 16 | items >> 24; // whichever byte they stand in
-}
-
-// The features that look at a frame, for items_checked.
-static __always_inline __u32 features_of(struct network network, __u64 dhcp)
-{
-    if (dhcp & DHCP_UNCLEAR) // it may hold either
-        return word_of((struct guard_items){.ip = GUARD_CHECK_ALL, .arp = GUARD_CHECK_ALL});
-    if (network.type == ETH_P_ARP)
-        return word_of((struct guard_items){.arp = GUARD_CHECK_ALL});
-    return word_of((struct guard_items){.ip = GUARD_CHECK_ALL});
+    items &= wanted & ~(exempt * 0xFF);                             // each byte's bit, all over the byte
+    return (items | items >> 8 | items >> 16 | items >> 24) & 0xFF; // whichever byte they stand in
 }
 
 // Why a packet must not go on; GUARD_REASONS when it may. Its kind and its place can be told.
-static __always_inline __u32 refused_source(const struct __sk_buff *skb, struct network network,
-                                            const struct place *place)
+VERIFIED_ALONE int refused_source(struct __sk_buff *skb, __u64 word, __u32 vid, __u32 items)
 {
-    __u32 need;
+    struct network network = network_of(word);
+    __u32 need, ifindex = skb->ifindex;
     struct source source = {};
-    __u32 items = items_checked(place, features_of(network, 0));
 
-    if (!items)
-        return GUARD_REASONS;
     load(skb, ETH_ALEN, &source.mac, ETH_ALEN);
     if (network.type == ETH_P_IP)
         need = need_of_v4(skb, network.at, &source);
     else if (network.type == ETH_P_IPV6)
         need = need_of_v6(skb, network.at, &source);
-    else if (network.snap) // no client of ours sends so, and some hosts take it
-        need = GUARD_REFUSED_MALFORMED;
     else
         need = need_of_arp(skb, network.at, &source);
-    if (need == NOTHING || (need == RULE && is_ruled(&source, place->ifindex, place->vid, items)))
+    if (need == NOTHING || (need == RULE && is_ruled(&source, ifindex, vid, items)))
         return GUARD_REASONS;
-    return need == RULE ? (__u32)source.kind - GUARD_IPV4 + GUARD_REFUSED_IPV4 : need;
+    return (int)(need == RULE ? (__u32)source.kind - GUARD_IPV4 + GUARD_REFUSED_IPV4 : need);
 }
 
-static __always_inline int refuse(__u32 ifindex, __u32 why)
+VERIFIED_ALONE int refuse(__u32 ifindex, __u32 why)
 {
     struct guard_refused *refused = bpf_map_lookup_elem(&guard_refused, &ifindex);
 
