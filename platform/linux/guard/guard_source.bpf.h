@@ -175,8 +175,6 @@ VERIFIED_ALONE int items_checked(__u32 ifindex, __u32 vid, __u32 known, __u32 ki
         const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &ifindex);
         if (port)
             items = word_of(port->vlan_items);
-    } else {
-        exempt = 0;
     }
     items &= wanted & ~(exempt * 0xFF);                             // each byte's bit, all over the byte
     return (items | items >> 8 | items >> 16 | items >> 24) & 0xFF; // whichever byte they stand in
