@@ -49,26 +49,20 @@ void start()
     world.refuse("qorIfSetApi 500000005 305", 19);
 }
 
-std::vector<std::string> lines_of(const std::string &text)
+// Lines, separated by ';'.
+void must(const std::string &lines)
 {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line, ';');)
-        lines.push_back(line);
-    return lines;
-}
-
-void must(const std::string &line)
-{
-    const Ran ran = run(line);
-    EXPECT_EQ(ran.status, EXIT_DONE) << line << ": " << ran.err;
+    std::istringstream stream(lines);
+    for (std::string line; std::getline(stream, line, ';');) {
+        const Ran ran = run(line);
+        EXPECT_EQ(ran.status, EXIT_DONE) << line << ": " << ran.err;
+    }
 }
 
 // Every setting at a value that it does not have at first.
 void configure()
 {
-    for (const char *line : {"server-learning on", "enterprise-number 4711", "hardware-notify on", "snooping on"})
-        must(line);
+    must("server-learning on;enterprise-number 4711;hardware-notify on;snooping on");
     for (const char *setting : {"snooping on", "version both", "trust on", "option82 on", "option82-policy drop", "option82-mode 9",
                                 "circuit-id template %s.%c.%d:%N", "remote-id raw type 4 hex 00ff27", "subopt9 on", "subopt9-text it's", "option18 on",
                                 "interface-id format 1 text %s", "option37 on", "remote-id6 text switch-7", "source-mac-check on", "binding-check on",
@@ -77,12 +71,9 @@ void configure()
         must(A + setting);
     for (const char *setting : {"snooping on", "option82 on", "circuit-id global text x", "remote-id generated"})
         must(B + setting);
-    must("vlan 10 snooping on");
-    must("vlan 10 max-users 7");
-    must("binding add 10.0.0.5 mac 02:00:00:00:00:05 vlan 10 " + A + "attribute 3");
+    must("vlan 10 snooping on;vlan 10 max-users 7;binding add 10.0.0.5 mac 02:00:00:00:00:05 vlan 10 " + A + "attribute 3");
     must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound");
-    must("binding add 10.0.0.6 mac 02:00:00:00:00:07 unbound"); // in force without VLAN and interface
-    must("binding bind 10.0.0.6");
+    must("binding add 10.0.0.6 mac 02:00:00:00:00:07 unbound;binding bind 10.0.0.6"); // in force without VLAN and interface
 }
 
 TEST(CtlDaemon, SettingsAreReadBackAndRebuilt)
@@ -140,14 +131,13 @@ const struct {
     {"vlan 10 snooping on", "vlan 5 snooping on", EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n5     32768\n10    32768\n"}, // whatever the order of the interfaces
     // All other lines are done; each that was not is told with its place.
     {"", "load:" + B + "snooping on\n" + A + "trust on\nserver-learning on", EXIT_REFUSED, ":2: interface 500000001 trust: refused, NM_NO_ENTRY", "show config", LOADED},
-    {"", "load:" + B + "snooping on\ninterface swp77 snooping on\nserver-learning on", EXIT_USAGE, ":2: ", "show config", LOADED},
+    {"", "load:" + B + "snooping on\ninterface swp77 snooping on\n" + B + "trust maybe\nserver-learning on", EXIT_USAGE, ":3: ", "show config", LOADED},
     {"", "load:" + B + "snooping on\n" + B + "remote-id text 'x", EXIT_USAGE, ":2: a quote is not closed", "show config", NEW},
     {"", "load:" + B + "snooping on\n" + B + "remote-id text $(id)", EXIT_USAGE, ":2: ", "show config", NEW},
     {"", "load:" + B + "snooping on\nsnooping on; snooping off", EXIT_USAGE, ":2: ", "show config", NEW},
     {"", "load:" + B + "snooping on\nload /dev/null", EXIT_USAGE, ":2: 'load /dev/null' is no command", "show config", NEW},
     {"", "load:" + B + "snooping on\nmonitor", EXIT_USAGE, ":2: 'monitor' is no command", "show config", NEW},
     {"", "load:" + B + "snooping on\ndhcpsnoopctl", EXIT_USAGE, ":2: '' is no command", "show config", NEW},
-    {"", "load:" + B + "snooping on\n" + B + "trust maybe\nserver-learning on", EXIT_USAGE, ":2: ", "show config", LOADED},
     // What will not be otherwise then is not tried again.
     {"binding add 10.0.0.9 unbound", "load:binding add 10.0.0.9 unbound vlan 7 @ wait 60", EXIT_REFUSED, "NM_EXISTS"},
     {"", "load:" + B + "trust maybe @ wait 60", EXIT_USAGE, ":1: "},
@@ -162,8 +152,7 @@ TEST(CtlDaemon, Lines)
         SCOPED_TRACE(row.line);
         start();
         testing::internal::CaptureStdout(); // the daemon says it too
-        for (const std::string &line : lines_of(row.before))
-            must(line);
+        must(row.before);
         const Ran ran = run(row.line);
         testing::internal::GetCapturedStdout();
         EXPECT_EQ(ran.status, row.status) << ran.err;
