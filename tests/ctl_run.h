@@ -1,6 +1,7 @@
 // Runs a command line of the client against a peer of the test's own.
 #pragma once
 
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -13,27 +14,15 @@ struct Ran {
     std::vector<Bytes> requests; // bodies
 };
 
-inline Ran runWords(const Words &line, const Exchange &exchange)
+inline Ran run(const std::string &line, const Exchange &exchange)
 {
     Ran ran;
+    std::istringstream stream(line);
     std::ostringstream out, err;
-    Daemon daemon([&](const Bytes &body) {
-        ran.requests.push_back(body);
-        return exchange(body);
-    });
-    ran.status = runClient(line, daemon, out, err);
+    const Words words{std::istream_iterator<std::string>(stream), {}};
+    const Daemon daemon([&](const Bytes &body) { return ran.requests.push_back(body), exchange(body); });
+    ran.status = runClient(words, daemon, out, err);
     ran.out = out.str();
     ran.err = err.str();
     return ran;
 }
-
-inline Words split(const std::string &line)
-{
-    Words words;
-    std::istringstream stream(line);
-    for (std::string word; stream >> word;)
-        words.push_back(word);
-    return words;
-}
-
-inline Ran run(const std::string &line, const Exchange &exchange) { return runWords(split(line), exchange); }
