@@ -35,8 +35,8 @@ def cpu(pid, pattern):
 class Bench:
     def __init__(self, build, seconds):
         from lab import RUN, Host
-        from units import PEERS, Pair
-        self.run, self.peers, self.build, self.seconds = RUN, PEERS, build, seconds
+        from units import Pair
+        self.run, self.build, self.seconds = RUN, build, seconds
         self.pair = Pair(build)
         self.left, self.right = self.pair.left, self.pair.right
         # The traffic needs both ends in one place.
@@ -53,8 +53,8 @@ class Bench:
         process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
         return json.load(process.stdout) if wait else process
 
-    def start(self, bindings, role, *lines):
-        self.left.configure(role, *lines)
+    def start(self, bindings, role, journal, peer=""):
+        self.left.configure(role, journal, peer)
         self.left.start(*SETTINGS, bindings=bindings + 64)
 
     def stop(self, *units):
@@ -71,11 +71,8 @@ class Bench:
         return unit.show("global")["bindings"]
 
     def start_right(self, bindings):
-        self.right.configure("slave", "journal off", *self.pair.peer_lines("right"))
+        self.right.configure("slave", "off", "left")
         self.right.start(*SETTINGS, bindings=bindings + 64)
-
-    def peer_and_journal(self):
-        return (f"journal {self.run}/journal", *self.pair.peer_lines("left"))
 
     def wait_link(self):
         from lab import wait_for
@@ -84,10 +81,10 @@ class Bench:
     def cost(self, on):
         if on:
             self.start_right(BOUND)
-            self.start(BOUND, "master", *self.peer_and_journal())
+            self.start(BOUND, "master", f"{self.run}/journal", "right")
             self.wait_link()
         else:
-            self.start(BOUND, "none", "journal off")
+            self.start(BOUND, "none", "off")
         self.learn(BOUND)
         pid = self.left.daemon.popen.pid  # nsenter has become the daemon
         before = cpu(pid, pid), cpu(pid, "*")
@@ -104,7 +101,7 @@ class Bench:
     def copy(self, bindings):
         """A master with so many bindings meets an empty standby, then copies under traffic; then it is started anew."""
         from lab import wait_for
-        self.start(bindings, "master", *self.peer_and_journal())
+        self.start(bindings, "master", f"{self.run}/journal", "right")
         self.learn(bindings)
         self.start_right(bindings)
         begin = time.monotonic()
@@ -124,7 +121,7 @@ class Bench:
             self.report("... frames lost", result["lost"])
         status = self.left.show("redundancy")
         self.report("records dropped", status["dropped"])
-        self.report("MiB of journal", status["journalSize"] / 2**20)
+        self.report("MiB of journal", status["journal-size"] / 2**20)
         self.left.kill()
         begin = time.monotonic()
         self.left.start(bindings=bindings + 64)

@@ -60,8 +60,8 @@ class Unit(Host):
                 conf.write(f"{PEERS[self.name][1]} {PEERS['right'][0]}:4747\ncertificate {tls}/{self.name}.crt\n"
                            f"key {tls}/{self.name}.key\nauthority {tls}/authority.crt\npeer {peer}\n")
 
-    def start(self, *settings):
-        self.daemon = Process(self, f"dhcpsnoop-{self.name}", f"{self.bin}/dhcpsnoop", "20", "512", "1", "1",
+    def start(self, *settings, bindings=512):
+        self.daemon = Process(self, f"dhcpsnoop-{self.name}", f"{self.bin}/dhcpsnoop", "20", str(bindings), "1", "1",
                               env={"DHCPSNOOP_SWITCH_CONF": f"{RUN}/{self.name}.conf",
                                    "DHCPSNOOP_REDUNDANCY_CONF": f"{RUN}/{self.name}-redundancy.conf"})
 
