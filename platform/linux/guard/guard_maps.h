@@ -1,7 +1,7 @@
-/* What guard.bpf.c shares with classifier.cpp, packet_socket.cpp and dhcpsnoopctl: the values of the pinned maps
- * and what stands before a trapped frame, in the host's byte order where nothing else is said. A change of
- * the map values takes a new GUARD_LAYOUT, so that a newer daemon never reads an older one's maps. The maps
- * bear their values' names and are pinned under them; each says who writes it. */
+/* What guard.bpf.c shares with classifier.cpp, packet_socket.cpp and dhcpsnoopctl: the values of the pinned
+ * maps and what stands before a trapped frame, in the host's byte order where nothing else is said. A change
+ * of the map values takes a new GUARD_LAYOUT, so that a newer daemon never reads an older one's maps. The
+ * maps bear their values' names and are pinned under them; each says who writes it. */
 #ifndef DHCPSNOOP_GUARD_MAPS_H
 #define DHCPSNOOP_GUARD_MAPS_H
 
