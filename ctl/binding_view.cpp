@@ -39,30 +39,6 @@ uint32_t valueOf(const std::string &what, std::span<const Choice> choices, const
     throw UsageError(what + " must be one of " + words + ", not '" + word + "'");
 }
 
-struct Binding {
-    UserKey key;
-    uint32_t vlan, ifIndex, attribute, lease, elapsed, type, state;
-    Bytes mac;
-};
-
-Binding readBinding(const Daemon &daemon, const UserKey &key)
-{
-    std::string what = "binding " + userKeyText(key);
-    auto get = [&](uint32_t cmd) { return daemon.demand({FUNC_USER_GET, cmd, key}, what).word(); };
-    Binding binding = {key,
-                       get(USER_VLAN),
-                       get(USER_INTERFACE),
-                       get(USER_ATTR),
-                       get(USER_LEASE),
-                       get(USER_ELAPSED),
-                       get(USER_TYPE),
-                       get(USER_ACTION),
-                       daemon.demand({FUNC_USER_GET, USER_MAC, key, Bytes(6)}, what).bytes()};
-    if (binding.mac.size() != 6)
-        throw NoDaemon("malformed reply: a MAC address of " + std::to_string(binding.mac.size()) + " bytes");
-    return binding;
-}
-
 using BindingFilter = std::function<bool(const Binding &)>;
 
 // All wanted bindings, or only that of one address. Each step of a list costs the daemon a walk over all
@@ -79,27 +55,6 @@ std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wan
             binding && wanted(*binding))
             bindings.push_back(std::move(*binding));
     return bindings;
-}
-
-// The static bindings. The type is asked for first, because a switch has few of them among thousands.
-std::vector<Binding> readStatics(const Daemon &daemon)
-{
-    std::vector<Binding> statics;
-    for (std::optional<UserKey> key = nextUser(daemon, {}); key; key = nextUser(daemon, key)) {
-        const Request type = {FUNC_USER_GET, USER_TYPE, *key};
-        const std::string what = "binding " + userKeyText(*key);
-        if (ifStillThere([&] { return daemon.demand(type, what).word(); }) != DHCPSNOOP_USER_STATIC)
-            continue;
-        if (auto binding = ifStillThere([&] { return readBinding(daemon, *key); });
-            binding && binding->type == DHCPSNOOP_USER_STATIC)
-            statics.push_back(std::move(*binding));
-    }
-    return statics;
-}
-
-bool hasMac(const Binding &binding)
-{
-    return std::any_of(binding.mac.begin(), binding.mac.end(), [](uint8_t byte) { return byte != 0; });
 }
 
 std::string leaseText(uint32_t seconds)
@@ -163,35 +118,19 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
     throw UsageError("bindings cannot be chosen by '" + name + "'");
 }
 
-// "binding add" puts only a complete binding in force. An incomplete binding in force takes a "binding bind"
-// as well.
-void bindingCommands(const Binding &binding, std::vector<Words> &lines)
-{
-    const bool bound = binding.state == DHCPSNOOP_BIND_BOUND;
-    const bool whole = hasMac(binding) && binding.vlan != 0 && binding.ifIndex != 0;
-    Words line = {"binding", "add", userKeyText(binding.key)};
-    auto add = [&](const char *key, const std::string &word) { line.insert(line.end(), {key, word}); };
-    if (hasMac(binding))
-        add("mac", macText(binding.mac));
-    if (binding.vlan != 0)
-        add("vlan", std::to_string(binding.vlan));
-    if (binding.ifIndex != 0)
-        add("interface", interfaceText(binding.ifIndex));
-    if (binding.attribute != 0)
-        add("attribute", std::to_string(binding.attribute));
-    if (!bound || !whole)
-        line.push_back("unbound");
-    lines.push_back(line);
-    if (bound && !whole)
-        lines.push_back({"binding", "bind", userKeyText(binding.key)});
-}
-
 } // namespace
 
+// A binding in force that is not whole takes a "binding bind" as well.
 void staticCommands(const Daemon &daemon, std::vector<Words> &lines)
 {
-    for (const Binding &binding : readStatics(daemon))
-        bindingCommands(binding, lines);
+    for (const Binding &binding : readStatics(daemon)) {
+        Words line = {"binding", "add"};
+        for (const std::string &word : bindingWords(asStatic(binding)))
+            line.push_back(word);
+        lines.push_back(line);
+        if (binding.state == DHCPSNOOP_BIND_BOUND && line.back() == "unbound")
+            lines.push_back({"binding", "bind", userKeyText(binding.key)});
+    }
 }
 
 std::vector<UserKey> staticsInForce(const Daemon &daemon)
@@ -205,12 +144,11 @@ std::vector<UserKey> staticsInForce(const Daemon &daemon)
 
 bool isThereAlready(const Words &bindingAdd, const Daemon &daemon)
 {
-    std::vector<Words> lines;
-    const auto isStatic = [](const Binding &binding) { return binding.type == DHCPSNOOP_USER_STATIC; };
-    if (bindingAdd.size() > 2 && bindingAdd[0] == "binding")
-        for (const Binding &binding : readBindings(daemon, isStatic, parseUserKey(bindingAdd[2])))
-            bindingCommands(binding, lines);
-    return !lines.empty() && lines[0] == bindingAdd;
+    if (bindingAdd.size() < 3 || bindingAdd[0] != "binding")
+        return false;
+    const StaticBinding wanted = parseBinding(std::span(bindingAdd).subspan(2));
+    const auto there = ifStillThere([&] { return readBinding(daemon, wanted.key); });
+    return there && there->type == DHCPSNOOP_USER_STATIC && asStatic(*there) == wanted;
 }
 
 ExitStatus showBindings(const Context &context, std::span<const std::string> arguments)

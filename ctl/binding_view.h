@@ -1,7 +1,7 @@
 // The daemon's bindings as the client shows them, and as commands that recreate the static ones.
 #pragma once
 
-#include "listing.h"
+#include "binding.h"
 #include "table.h"
 
 // Appends the commands that recreate all static bindings.

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "binding.h"
 #include "command.h"
 #include "protocol.h"
 
@@ -145,61 +146,9 @@ ExitStatus changeDebug(const Context &context, std::span<const std::string> argu
     return EXIT_DONE;
 }
 
-// Creates a binding, fills it in and puts it in force. A refusal of any step removes it again.
 ExitStatus bindingAdd(const Context &context, std::span<const std::string> arguments)
 {
-    if (arguments.empty())
-        throw UsageError("binding add: which address?");
-    UserKey key = parseUserKey(arguments[0]);
-    std::optional<std::array<uint8_t, 6>> mac;
-    uint32_t vlan = 0, ifIndex = 0, attribute = 0;
-    bool bound = true;
-    for (size_t i = 1; i < arguments.size(); i++) {
-        const std::string &name = arguments[i];
-        if (name == "unbound") {
-            bound = false;
-            continue;
-        }
-        if (++i == arguments.size())
-            throw UsageError("binding add: '" + name + "' lacks its value");
-        if (name == "mac")
-            mac = parseMac(arguments[i]);
-        else if (name == "vlan")
-            vlan = parseRange("vlan", arguments[i], VLAN_ID_MIN, VLAN_ID_MAX);
-        else if (name == "interface")
-            ifIndex = parseInterface(arguments[i]);
-        else if (name == "attribute")
-            attribute = parseRange("attribute", arguments[i], 0, 65535);
-        else
-            throw UsageError("binding add does not take '" + name + "'");
-    }
-    if (bound && (!mac || vlan == 0 || ifIndex == 0))
-        throw UsageError("binding add: mac, vlan and interface are needed, or unbound");
-
-    auto set = [&](uint32_t cmd, std::variant<uint32_t, Bytes> value) {
-        context.daemon.demand({FUNC_USER_SET, cmd, key, std::move(value)}, "binding " + userKeyText(key));
-    };
-    set(USER_ACTION, USER_ACTION_CREATE);
-    try {
-        if (mac)
-            set(USER_MAC, Bytes(mac->begin(), mac->end()));
-        if (vlan != 0)
-            set(USER_VLAN, vlan);
-        if (ifIndex != 0)
-            set(USER_INTERFACE, ifIndex);
-        if (attribute != 0)
-            set(USER_ATTR, attribute);
-        if (bound)
-            set(USER_ACTION, USER_ACTION_BIND);
-    } catch (const CtlError &) {
-        try {
-            set(USER_ACTION, USER_ACTION_DELETE);
-        } catch (const CtlError &error) {
-            context.err << "dhcpsnoopctl: the unfinished binding could not be removed: " << error.what()
-                        << '\n';
-        }
-        throw;
-    }
+    addBinding(context.daemon, parseBinding(arguments));
     return EXIT_DONE;
 }
 

@@ -4,6 +4,7 @@
 #include <iosfwd>
 #include <span>
 
+#include "connection.h"
 #include "setting.h"
 
 // The surroundings of a command. Results go to `out`, diagnosis to `err`.

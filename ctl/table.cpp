@@ -3,6 +3,20 @@
 #include <algorithm>
 #include <ostream>
 
+namespace
+{
+
+Json textJson(const Bytes &text)
+{
+    Json out;
+    if (isPrintable(text))
+        out["text"] = std::string(text.begin(), text.end());
+    out["hex"] = hexText(text);
+    return out;
+}
+
+} // namespace
+
 void printTable(std::ostream &out, const std::vector<Words> &rows)
 {
     std::vector<size_t> widths(rows[0].size());
@@ -29,4 +43,29 @@ ExitStatus print(const Context &context, const Json &json, const std::vector<Wor
     else
         printTable(context.out, rows);
     return EXIT_DONE;
+}
+
+Json valueJson(const Setting &setting, const Value &value)
+{
+    if (const auto *option = std::get_if<OptionText>(&value)) {
+        Json out;
+        out["format"] = formatText(option->format);
+        if (isTyped(option->format))
+            out["type"] = option->type;
+        out.update(textJson(option->text));
+        return out;
+    }
+    if (const auto *text = std::get_if<Bytes>(&value))
+        return textJson(*text);
+    uint32_t number = std::get<uint32_t>(value);
+    switch (setting.kind) {
+    case Kind::Switch:
+        return number != 0;
+    case Kind::Address:
+        return number ? Json(ipv4Text(number)) : Json(nullptr);
+    case Kind::Choice:
+        return valueWords(setting, value)[0];
+    default:
+        return number;
+    }
 }

@@ -12,3 +12,4 @@ void printTable(std::ostream &out, const std::vector<Words> &rows);
 void printJson(const Context &context, const Json &json);
 // One of the two, as the user wants it.
 ExitStatus print(const Context &context, const Json &json, const std::vector<Words> &rows);
+Json valueJson(const Setting &setting, const Value &value);

@@ -1,8 +1,7 @@
-// Requests to the daemon and its replies: one exchange over the command socket, and the values of a reply.
-// The daemon need not be ours or of this version: every reply is checked before it is read, and waiting ends.
+// Requests to the daemon and the values of its replies. The daemon need not be ours or of this version: every
+// reply is checked before it is read.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -55,44 +54,6 @@ std::string resultText(uint32_t code);
 // Takes the body of a request to a daemon and brings the body of the reply; throws NoDaemon.
 using Exchange = std::function<Bytes(const Bytes &body)>;
 
-// A descriptor that is closed at the end of its life.
-class Socket
-{
-  public:
-    explicit Socket(int descriptor) : descriptor_(descriptor) {}
-    ~Socket();
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-    int get() const { return descriptor_; }
-
-  private:
-    int descriptor_;
-};
-
-// Connects to a socket that the daemon, root or the caller serves; throws NoDaemon.
-void connectTo(const Socket &sock, const std::string &path);
-
-// A connection for one request. Each call throws NoDaemon when it cannot be done, or `timeout` has passed.
-class Connection
-{
-  public:
-    Connection(int type, const std::string &path, std::chrono::milliseconds timeout);
-    // In one piece, as the daemon receives it.
-    void send(const void *bytes, size_t size) const;
-    // The bytes that have come, 1 to `size` of them.
-    size_t receive(void *out, size_t size) const;
-    void receiveAll(void *out, size_t size) const;
-
-  private:
-    Socket sock_;
-    std::chrono::steady_clock::time_point deadline_;
-};
-
-// Over the daemon's command socket, one connection for each request. By default it waits longer than the
-// daemon waits for another client that stalls, 10 seconds.
-Exchange socketExchange(std::string path,
-                        std::chrono::milliseconds timeout = std::chrono::milliseconds(15000));
-
 class Daemon
 {
   public:
@@ -107,9 +68,3 @@ class Daemon
   private:
     Exchange exchange_;
 };
-
-// Whether anybody listens at the daemon's socket; throws NoDaemon when it does and cannot be asked.
-bool isDaemonRunning(const Daemon &daemon);
-
-// The daemon's socket, or the one that the environment variable DHCPSNOOP_SOCKET names.
-std::string daemonSocketPath();

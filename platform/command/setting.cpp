@@ -3,7 +3,6 @@
 #include "setting.h"
 
 #include <cerrno>
-#include <nlohmann/json.hpp>
 
 namespace
 {
@@ -134,9 +133,6 @@ constexpr Setting VLAN_SETTINGS[] = {
      .initial = DHCPSNOOP_MAX_USER_DEFAULT, .most = 65535},
 };
 // clang-format on
-
-// The management form carries a type and a length byte under these two, whatever goes onto the wire.
-bool isTyped(uint32_t format) { return format == DHCPSNOOP_FORMAT_TYPED || format == DHCPSNOOP_FORMAT_RAW; }
 
 const Choice *findWord(std::span<const Choice> choices, const std::string &word)
 {
@@ -272,15 +268,6 @@ OptionText fromManagementForm(uint32_t format, const Bytes &form)
     return {format, form[0], Bytes(form.begin() + 2, form.begin() + 2 + form[1])};
 }
 
-nlohmann::ordered_json textJson(const Bytes &text)
-{
-    nlohmann::ordered_json out;
-    if (isPrintable(text))
-        out["text"] = std::string(text.begin(), text.end());
-    out["hex"] = hexText(text);
-    return out;
-}
-
 // Why the daemon may have refused, as far as the client knows.
 std::string hint(const Target &target, const Setting &setting, uint32_t code)
 {
@@ -299,6 +286,14 @@ std::string hint(const Target &target, const Setting &setting, uint32_t code)
 }
 
 } // namespace
+
+bool isTyped(uint32_t format) { return format == DHCPSNOOP_FORMAT_TYPED || format == DHCPSNOOP_FORMAT_RAW; }
+
+std::string formatText(uint32_t format)
+{
+    const char *word = findWord(FORMATS, format);
+    return word ? word : std::to_string(format);
+}
 
 const Scope GLOBAL_SCOPE = {"", FUNC_GLOBAL_SET, FUNC_GLOBAL_GET, GLOBAL_SETTINGS};
 const Scope INTERFACE_SCOPE = {"interface", FUNC_IF_SET, FUNC_IF_GET, INTERFACE_SETTINGS};
@@ -366,32 +361,6 @@ Words valueWords(const Setting &setting, const Value &value)
         return {number ? ipv4Text(number) : "off"};
     const char *word = findWord(setting.choices, number);
     return {word ? word : std::to_string(number)};
-}
-
-nlohmann::ordered_json valueJson(const Setting &setting, const Value &value)
-{
-    if (const auto *option = std::get_if<OptionText>(&value)) {
-        nlohmann::ordered_json out;
-        const char *format = findWord(FORMATS, option->format);
-        out["format"] = format ? format : std::to_string(option->format);
-        if (isTyped(option->format))
-            out["type"] = option->type;
-        out.update(textJson(option->text));
-        return out;
-    }
-    if (const auto *text = std::get_if<Bytes>(&value))
-        return textJson(*text);
-    uint32_t number = std::get<uint32_t>(value);
-    switch (setting.kind) {
-    case Kind::Switch:
-        return number != 0;
-    case Kind::Address:
-        return number ? nlohmann::ordered_json(ipv4Text(number)) : nlohmann::ordered_json(nullptr);
-    case Kind::Choice:
-        return valueWords(setting, value)[0];
-    default:
-        return number;
-    }
 }
 
 bool isInitial(const Setting &setting, const Value &value)

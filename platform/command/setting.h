@@ -2,7 +2,6 @@
 // number. Commands, usage, completion and `show config` are made from these tables.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <string>
 #include <variant>
@@ -67,6 +66,11 @@ struct OptionText {
     bool operator==(const OptionText &) const = default;
 };
 
+// The management form carries a type and a length byte under these formats, whatever goes onto the wire.
+bool isTyped(uint32_t format);
+// Its word, or its number.
+std::string formatText(uint32_t format);
+
 // A setting's value: a number (switches, choices, addresses, counters too), a text, an option text.
 using Value = std::variant<uint32_t, Bytes, OptionText>;
 
@@ -76,7 +80,6 @@ bool canBeSet(const Setting &setting);
 
 Value parseValue(const Setting &setting, std::span<const std::string> words);
 Words valueWords(const Setting &setting, const Value &value); // parseValue reads them back
-nlohmann::ordered_json valueJson(const Setting &setting, const Value &value);
 bool isInitial(const Setting &setting, const Value &value);
 
 // The requests that change a setting, in order; not for Servers.

@@ -1,0 +1,42 @@
+// A static binding in words and as requests.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <span>
+
+#include "listing.h"
+#include "text.h"
+
+struct StaticBinding {
+    UserKey key;
+    std::optional<std::array<uint8_t, 6>> mac;
+    uint32_t vlan = 0;     // 0: any
+    std::string interface; // its name; empty: any
+    uint32_t attribute = 0;
+    bool bound = true; // in force; needs MAC, VLAN and interface
+    bool operator==(const StaticBinding &) const = default;
+};
+
+// "ADDRESS [mac MAC] [vlan VID] [interface IF] [attribute N] [unbound]". Refuses addresses that no host has:
+// unspecified, loopback, multicast and broadcast ones, and group MAC addresses.
+StaticBinding parseBinding(std::span<const std::string> words);
+Words bindingWords(const StaticBinding &binding); // parseBinding reads them back
+
+// A binding of any type as the daemon has it. Times are in seconds.
+struct Binding {
+    UserKey key;
+    uint32_t vlan, ifIndex, attribute, lease, elapsed, type, state;
+    Bytes mac;
+};
+bool hasMac(const Binding &binding);
+Binding readBinding(const Daemon &daemon, const UserKey &key);
+// The words that recreate it. An incomplete binding in force is "unbound" there.
+StaticBinding asStatic(const Binding &binding);
+
+// The static bindings. The type is asked for first, because a switch has few of them among thousands.
+std::vector<Binding> readStatics(const Daemon &daemon);
+
+// Creates the binding, fills it in and puts it in force. A refusal of any step removes it again.
+void addBinding(const Daemon &daemon, const StaticBinding &binding);
+void deleteBinding(const Daemon &daemon, const UserKey &key);
