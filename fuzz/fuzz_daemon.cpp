@@ -8,7 +8,7 @@
 #include <memory>
 #include <sanitizer/asan_interface.h>
 
-#include "daemon_test.h"
+#include "scene.h"
 #include "dhcpsnoop_format.h"
 #include "dhcpsnoop_sync.h"
 #include "event_message.h"
@@ -88,7 +88,7 @@ void prepare_daemon(uint8_t preset)
     make_binding(ip4(10, 0, 0, 100), MAC_CLIENT, 1, 10);
     make_binding(ip4(10, 0, 0, 101), MAC_CLIENT2, 2, 20)->bindState = DHCPSNOOP_BIND_REQUESTED;
     make_binding(ip4(100, 0, 0, 10), MAC_CLIENT2, 7, 20); // in the first one's bucket, behind the VLAN interface
-    make_binding(key6("2001:db8::1"), MAC_CLIENT2, 2, 30);
+    make_binding("2001:db8::1", MAC_CLIENT2, 2, 30);
     for (const auto &[address, type] : {std::pair{ip4(10, 0, 0, 102), DHCPSNOOP_USER_STATIC}, {ip4(10, 0, 0, 103), DHCPSNOOP_USER_IPSG}}) {
         make_binding(address, MAC_CLIENT, 1, 10)->userType = type;
         dhcpsnoop_if_lookup(1)->curUser--;

@@ -26,6 +26,14 @@ Bytes udp_datagram(uint16_t srcPort, uint16_t dstPort, std::optional<uint16_t> l
     return udp;
 }
 
+Bytes ethernet_header(const Mac &dst, const Mac &src, const std::vector<Tag> &tags, uint16_t etherType)
+{
+    Bytes header = mac_bytes(dst) + mac_bytes(src);
+    for (const Tag &tag : tags)
+        header = header + be16(tag.tpid) + be16(tag.tci);
+    return header + be16(etherType);
+}
+
 } // namespace
 
 Bytes be16(uint32_t value) { return {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)}; }
@@ -35,8 +43,6 @@ Bytes be32(uint32_t value) { return be16(value >> 16) + be16(value & 0xFFFF); }
 Bytes text_bytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
 Bytes mac_bytes(const Mac &mac) { return Bytes(mac.begin(), mac.end()); }
-
-Bytes repeated(uint8_t byte, size_t count) { return Bytes(count, byte); }
 
 Bytes operator+(Bytes left, const Bytes &right)
 {
@@ -84,10 +90,10 @@ Bytes Frame::message() const
 {
     if (payload)
         return *payload;
-    Bytes bytes = {op, 1, 6, hops};
+    Bytes bytes = {op, 1, 6, 0};
     bytes = bytes + be32(xid) + be16(0) + be16(flags);
     bytes = bytes + be32(ciaddr) + be32(yiaddr) + be32(siaddr) + be32(giaddr);
-    bytes = bytes + mac_bytes(chaddr) + repeated(0, 10 + 64 + 128);
+    bytes = bytes + mac_bytes(chaddr) + Bytes(10 + 64 + 128, 0);
     return bytes + be32(cookie) + options;
 }
 
@@ -97,13 +103,9 @@ Bytes Frame::bytes() const
     const size_t headerLen = 20 + ipOptions.size();
     Bytes ip = {static_cast<uint8_t>(ipVersion << 4 | ihl.value_or(static_cast<uint8_t>(headerLen / 4))), 0};
     ip = ip + be16(ipTotalLen.value_or(static_cast<uint16_t>(headerLen + udp.size())));
-    ip = ip + be32(0) + Bytes{ttl, protocol} + be16(0) + be32(srcIp) + be32(dstIp) + ipOptions;
+    ip = ip + be32(0) + Bytes{64, protocol} + be16(0) + be32(srcIp) + be32(dstIp) + ipOptions;
     put16(ip, 10, ipChecksum.value_or(internet_checksum(ip)));
-
-    Bytes frame = mac_bytes(dst) + mac_bytes(src);
-    for (const Tag &tag : tags)
-        frame = frame + be16(tag.tpid) + be16(tag.tci);
-    return frame + be16(etherType) + ip + udp + padding;
+    return ethernet_header(dst, src, tags, etherType) + ip + udp + padding;
 }
 
 Frame client_frame(uint8_t messageType, const Bytes &options)
@@ -146,12 +148,9 @@ Bytes Frame6::bytes() const
     const Bytes addresses = Bytes(srcIp.begin(), srcIp.end()) + Bytes(dstIp.begin(), dstIp.end());
     const Bytes body = Bytes{type, static_cast<uint8_t>(xid >> 16)} + be16(xid & 0xFFFF) + options;
     const Bytes udp = udp_datagram(srcPort, dstPort, udpLen, udpChecksum, message.value_or(body), addresses);
-    Bytes frame = mac_bytes(dst) + mac_bytes(src);
-    for (const Tag &tag : tags)
-        frame = frame + be16(tag.tpid) + be16(tag.tci);
     const size_t payload = extension.size() + udp.size() + slack.size();
-    return frame + be16(etherType) + be32(0x60000000) + be16(payloadLen.value_or(static_cast<uint16_t>(payload))) + Bytes{nextHeader, hopLimit} +
-           addresses + extension + udp + slack + padding;
+    const Bytes ip = be32(0x60000000) + be16(payloadLen.value_or(static_cast<uint16_t>(payload))) + Bytes{nextHeader, hopLimit} + addresses;
+    return ethernet_header(dst, src, tags, etherType) + ip + extension + udp + slack + padding;
 }
 
 Frame6 client6(uint8_t type, const Bytes &options) { return Frame6{.type = type, .options = options}; }

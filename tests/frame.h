@@ -29,7 +29,6 @@ Bytes be32(uint32_t value);
 Bytes text_bytes(std::string_view text);
 Bytes mac_bytes(const Mac &mac);
 Bytes hex_bytes(std::string_view text); // "35 01 05 ff"; blanks are skipped
-Bytes repeated(uint8_t byte, size_t count);
 Bytes operator+(Bytes left, const Bytes &right);
 
 // One DHCP option (or sub-option): code, length, data.
@@ -54,7 +53,6 @@ struct Frame {
     uint8_t ipVersion = 4;
     std::optional<uint8_t> ihl = {}; // in words; else what ipOptions takes
     std::optional<uint16_t> ipTotalLen = {};
-    uint8_t ttl = 64;
     uint8_t protocol = 17;
     std::optional<uint16_t> ipChecksum = {};
     uint32_t srcIp = 0;
@@ -67,7 +65,6 @@ struct Frame {
     std::optional<uint16_t> udpChecksum = {};
     // BOOTP (RFC 2131 2)
     uint8_t op = 1;
-    uint8_t hops = 0;
     uint32_t xid = 0x3903F326;
     uint16_t flags = 0;
     uint32_t ciaddr = 0, yiaddr = 0, siaddr = 0, giaddr = 0;
@@ -80,6 +77,7 @@ struct Frame {
     Bytes padding = {}; // behind the IP datagram
 
     Bytes bytes() const;
+    operator Bytes() const { return bytes(); }
     // The BOOTP message alone, options included.
     Bytes message() const;
     size_t l2_length() const { return 14 + 4 * tags.size(); }
@@ -130,6 +128,7 @@ struct Frame6 {
     Bytes padding = {};                // behind the IPv6 payload
 
     Bytes bytes() const;
+    operator Bytes() const { return bytes(); }
 };
 
 Frame6 client6(uint8_t type, const Bytes &options = {});

@@ -1,13 +1,105 @@
-// Scenes for rows: a small world made of words, messages of few fields, and one line for everything that was sent,
-// called, held, learned and counted, compared whole. Extends daemon_test.h; a test file adds words of its own.
+// What the core's unit tests share: ways to hand frames to a daemon in the fake world; small worlds made of words, messages
+// of few fields, and one line for everything that was sent, called, held, learned and counted, compared whole.
 #pragma once
 
-#include <span>
+#include <gtest/gtest.h>
 
-#include "daemon_test.h"
+#include <span>
+#include <string>
+#include <vector>
+
+#include "frame.h"
+#include "world.h"
+
+#include "dhcpsnoop_cmd.h"
+#include "dhcpsnoop_event.h"
+#include "dhcpsnoop_if.h"
+#include "dhcpsnoop_if_table.h"
+#include "dhcpsnoop_loop.h"
+#include "dhcpsnoop_msg.h"
+#include "dhcpsnoop_notify.h"
+#include "dhcpsnoop_server.h"
+#include "dhcpsnoop_start.h"
+#include "dhcpsnoop_state.h"
+#include "dhcpsnoop_timer.h"
+#include "dhcpsnoop_user.h"
+#include "list.h"
+
+using Lines = std::vector<std::string>;
 
 constexpr uint32_t HOST = ip4(10, 0, 0, 50), SERVER = ip4(10, 0, 0, 1), RELAY = ip4(10, 0, 0, 254);
 constexpr uint8_t DISCOVER = 1, OFFER = 2, REQUEST = 3, DECLINE = 4, ACK = 5, NAK = 6, RELEASE = 7, INFORM = 8;
+
+// A fresh world with a started daemon. After every test the daemon's lists and pools must be whole.
+class Daemon : public testing::Test
+{
+  protected:
+    void SetUp() override { world.reset(); }
+    void TearDown() override { EXPECT_EQ(world_check_tables(), ""); }
+};
+
+// Everything printed while it lives.
+template <void (*CAPTURE)(), std::string (*CAPTURED)()>
+struct Capture {
+    Capture() { CAPTURE(); }
+    ~Capture() { text(); }
+    const std::string &text()
+    {
+        if (!captured)
+            captured = CAPTURED();
+        return *captured;
+    }
+    std::optional<std::string> captured = {};
+};
+using Printed = Capture<testing::internal::CaptureStdout, testing::internal::GetCapturedStdout>;
+using PrintedError = Capture<testing::internal::CaptureStderr, testing::internal::GetCapturedStderr>;
+
+inline void debug(int flags) { gDhcpsnoop.debugFlags = static_cast<uint8_t>(flags); }
+void set_flag_field(DhcpsnoopIf *ifp, DhcpsnoopFlagField field, uint32_t value);
+
+// Switches snooping on for an interface of the world; `flags` (DHCPSNOOP_IF_…) are added. Its traces in the
+// journal are cleared.
+DhcpsnoopIf *snoop(uint32_t ifIndex, uint32_t flags = 0);
+
+// A binding's key: an IPv4 address in host order, or the text of an IPv6 address.
+struct Key : DhcpsnoopUserKey {
+    Key(const DhcpsnoopUserKey &key) : DhcpsnoopUserKey(key) {}
+    Key(uint32_t address);
+    Key(const char *address);
+};
+DhcpsnoopUser *binding(const Key &key); // null when there is none
+// A dynamic binding made directly in the table, and counted.
+DhcpsnoopUser *make_binding(const Key &key, const Mac &mac, uint32_t ifIndex, uint16_t vid);
+size_t count_bindings();
+size_t count_waiting(); // MAC users
+
+// How a frame came in: what the packet information says of it.
+struct Arrival {
+    uint32_t port = 1;
+    uint16_t outer = 10;
+    uint16_t inner = 0;
+    std::optional<uint16_t> l2 = {};        // else the frame's own
+    std::optional<uint16_t> etherType = {}; // else by the socket: the frame's own
+    std::optional<uint32_t> inIf = {};      // else the interface of `port`, else of the VLAN
+};
+
+DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival = {});
+
+// The frame goes through dhcpsnoop_recv.
+void receive(const Bytes &frame, const Arrival &arrival = {});
+
+// A frame parsed and kept, for calling a function below dhcpsnoop_recv. The frame buffer is the record's.
+struct Parsed {
+    explicit Parsed(const Bytes &frame, const Arrival &arrival = {});
+    Parsed(const Parsed &) = delete;
+    Parsed &operator=(const Parsed &) = delete;
+    // The frame as it stands, `frameLen` bytes.
+    Bytes bytes() const { return Bytes(info.frame, info.frame + info.frameLen); }
+
+    DhcpsnoopRxPkt rx;
+    DhcpsnoopPktInfo info;
+    int32_t result;
+};
 
 constexpr const char *THEN = "then"; // instead of words: the row goes on from the row before it
 
@@ -26,6 +118,11 @@ void prepare(const std::string &words, std::span<const Word> own = {});
 // datagrams, and calls of the platform, in this order; then bindings, waiting clients, servers and drop counters.
 std::string outcome();
 
+// "2 342, 3 346": egress port and length of each frame, in order.
+std::string sent_summary();
+// The only frame sent; a failure when there is not exactly one.
+Bytes sent_frame();
+
 // The calls that change something. A rule is written "hw +1 .50 f0/80": add (-: delete), port, address, check items that
 // the record carries, rule flags.
 std::string calls_summary();
@@ -35,6 +132,9 @@ std::string calls_summary();
 // MAC_CLIENT as "of 02", "hw" flags, "by" the server.
 std::string held();
 
+// The debug texts, without "[DHCPSNOOP] " and line end: "Parse packet error, stop process!|Process pkt end.". A text that is
+// framed in another way stands whole in braces.
+std::string said();
 // The first of the texts, separated by '|', that was not printed, or with '!' in front, was.
 std::string unsaid(const std::string &texts);
 
@@ -52,8 +152,6 @@ struct Message {
     uint16_t flags = 0;                     // of BOOTP
     uint32_t server = SERVER, lease = 3600; // options 54 (0: none) and 51 of a server's message
 
-    bool from_server() const { return type == OFFER || type == ACK || type == NAK; }
-    Bytes options() const; // without the end option
     Frame frame() const;
     void receive() const;
 };
@@ -62,18 +160,17 @@ struct Row {
     const char *claim, *before; // words of prepare(), or THEN
     Message message;
     const char *outcome, *said = "";
-    const char *unchecked = nullptr;   // outcome without the last word, "check"
     std::optional<Bytes> becomes = {}; // instead of the message's `more`, as sent
     const char *undone = "";           // of the relaying of a reply: to the "client" or by "broadcast"
 };
 // Plays each row; what leaves untagged or to a server is compared byte for byte. Lists, pools and user counts are right after each row.
 void check_rows(std::span<const Row> rows, std::span<const Word> own = {});
 
-// Rows of a function: what it gave, and what is right.
 // Text of several cases, " / " between them; of cases that are all alike, the one text.
 std::string series(const Lines &cases);
 std::string joined(const Lines &lines, const char *between = ", ");
 
+// Rows of a function: what it gave, and what is right.
 struct Case {
     const char *claim;
     std::string got, right;

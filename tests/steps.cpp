@@ -30,8 +30,8 @@ uint32_t number(std::istream &words)
 
 DhcpsnoopUserKey key_of(const std::string &word)
 {
-    return word == "none" ? DhcpsnoopUserKey{} : word.find(':') != std::string::npos ? key6(word.c_str())
-                                                                                     : key4(number_of(word));
+    return word == "none" ? DhcpsnoopUserKey{} : word.find(':') != std::string::npos ? Key(word.c_str())
+                                                                                     : Key(number_of(word));
 }
 
 Bytes address_of(const std::string &word)

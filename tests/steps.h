@@ -6,7 +6,7 @@
 #include <functional>
 #include <span>
 
-#include "daemon_test.h"
+#include "scene.h"
 
 struct Step {
     const char *claim;          // several, separated by ';', of several steps that one after the other change one world

@@ -4,7 +4,7 @@
 namespace
 {
 
-using BootOption = DaemonOnPort1;
+using BootOption = Daemon;
 
 const Bytes OWN82 = opt(82, opt(2, {1, 2})), FULL82 = opt(82, Bytes(253, 1)), ACK_TYPE = opt_type(ACK), UNCHANGED;
 
@@ -19,6 +19,7 @@ Bytes filled(size_t frameLength, const Bytes &end) { return Bytes(frameLength - 
 
 TEST_F(BootOption, Insertion)
 {
+    prepare("");
     for (const bool vendor : {false, true}) {
         const auto insert = vendor ? dhcpsnoop_insert_opt125 : dhcpsnoop_insert_opt67;
         const auto option = [vendor](size_t length) { return vendor ? option125(Bytes(length, 'b')) : opt(67, Bytes(length, 'b')); };
@@ -59,7 +60,7 @@ TEST_F(BootOption, Insertion)
             world.clear();
             insert(&parsed.info, data.data(), row.length);
             EXPECT_EQ(unsaid(world_format("Insert option%u, len is %d.", number, static_cast<int>(row.length)) + (row.said.empty() ? "" : "|" + row.said)), "");
-            EXPECT_EQ(debug_texts().size(), row.said.empty() ? 1u : 2u);
+            EXPECT_EQ(world.texts(Did::Debug).size(), row.said.empty() ? 1u : 2u);
             if (row.after.empty()) {
                 EXPECT_EQ(memcmp(&unchanged, &parsed.rx, sizeof unchanged), 0);
                 continue;

@@ -64,7 +64,7 @@ Bytes packet6(const std::string &chain, uint32_t source, uint32_t destination)
     Bytes payload = be16(source) + be16(destination) + be16(12) + be16(0) + hex_bytes("01123456");
     for (size_t i = headers.size() - 1; i-- > 0;) {
         const auto &[name, value] = headers[i];
-        const Bytes rest = name == "frag" ? be16(value) + be32(0x1234) : repeated(0, name == "auth" ? value * 4 + 6 : value * 8 + 6);
+        const Bytes rest = name == "frag" ? be16(value) + be32(0x1234) : Bytes(name == "auth" ? value * 4 + 6u : value * 8 + 6u, 0);
         payload = Bytes{PROTOCOLS.at(headers[i + 1].first), static_cast<uint8_t>(name == "frag" ? 0 : value)} + rest + payload;
     }
     return hex_bytes("60000000") + be16(static_cast<uint32_t>(payload.size())) + Bytes{PROTOCOLS.at(headers[0].first), 1} +
@@ -230,7 +230,7 @@ class Classifier : public NetnsTest, public ::testing::WithParamInterface<const 
                 text += one.frames[reason] == (opts.retval == TC_ACT_SHOT ? 1 : 99) ? REASONS[reason] : one.frames[reason] != 0 ? "?"
                                                                                                                                 : "";
         // The loopback device's Ethernet header with the family's EtherType, then the port.
-        Bytes front = repeated(0, 20);
+        Bytes front = Bytes(20, 0);
         memcpy(front.data() + 16, &ifIndex, 4);
         for (const int family : {4, 6}) {
             write_at(front, TYPE, be16(family == 4 ? 0x88B5 : 0x88B6));

@@ -1,6 +1,6 @@
 // The command socket with real clients: framing, refusals, time limits. The listening socket is the world's, a connection is
 // the kernel's own.
-#include "daemon_test.h"
+#include "scene.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -321,8 +321,8 @@ TEST_F(Frames, AreNothingElse)
     EXPECT_EQ(hex(client.receive().value_or(Bytes())), hex(sent));
     Bytes port(6);
     memcpy(port.data() + 2, &port_, 4);
-    for (const Bytes &made : {Bytes(), Bytes(6) + sent, repeated(0xFF, 6) + sent, repeated(0xFF, 3000), port, port + Bytes(1), port + Bytes(13), port + Bytes(12) + hex_bytes("8100"), port + Bytes(12) + hex_bytes("810000"), port + Bytes(12) + hex_bytes("8100000a88a8"), port + Bytes(12) + hex_bytes("8100000a88a8001481")})
-        loopback.send(repeated(0, 12) + be16(0x88B5) + made);
+    for (const Bytes &made : {Bytes(), Bytes(6) + sent, Bytes(6, 0xFF) + sent, Bytes(3000, 0xFF), port, port + Bytes(1), port + Bytes(13), port + Bytes(12) + hex_bytes("8100"), port + Bytes(12) + hex_bytes("810000"), port + Bytes(12) + hex_bytes("8100000a88a8"), port + Bytes(12) + hex_bytes("8100000a88a8001481")})
+        loopback.send(Bytes(12, 0) + be16(0x88B5) + made);
     for (int i = 0; i < 12; i++)
         EXPECT_EQ(came(v4_, {}), "");
     message_.msg_controllen = 8;

@@ -175,7 +175,7 @@ TEST_F(Management, EntryPoints)
     static uint8_t room[4];
     static QorBuffer text, nowhere;
     static DhcpsnoopUserKey key;
-    key = key4(ip4(10, 0, 0, 5));
+    key = Key(ip4(10, 0, 0, 5));
     const std::tuple<const char *, int32_t (*)(), const char *> rows[] = {
         {"a change from the platform", [] { return dhcpSnoopSyncApi(nullptr, 2, &value); }, "0; qorHwScalarSync null 0x40002 7 0x1 | global enterprise=7"},
         {"its source", [] { return dhcpSnoopSetApi(&value, 2, &value); }, "0; qorHwScalarSync source 0x40002 7 0x3"},

@@ -200,7 +200,7 @@ TEST_F(Msg6, IaOptions)
             SetUp();
             obtain();
             through(client6(3, ia_na(iaaddr(SECOND6, 60))));
-            make_binding(key6("2001:db8::1"), MAC_CLIENT2, 1, 10)->userType = DHCPSNOOP_USER_STATIC;
+            make_binding("2001:db8::1", MAC_CLIENT2, 1, 10)->userType = DHCPSNOOP_USER_STATIC;
             port->curUser--;
             const bool fromServer = type == 2 || type == 7;
             through(fromServer ? server6(type, options) : client6(type, options), fromServer ? FROM_SERVER : Arrival{});

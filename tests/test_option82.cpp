@@ -72,8 +72,9 @@ std::string process(const std::string &words, const Bytes &options = OPT_END)
     std::string text = memcmp(&before, &parsed.rx, sizeof before) == 0 ? "kept" : hex(after);
     text += result == 0 ? "" : result == -1 ? " refused"
                                             : " ?";
-    for (size_t i = 3; i < debug_texts().size(); i++)
-        text += "; " + debug_texts()[i].substr(12, debug_texts()[i].size() - 14);
+    const Lines texts = world.texts(Did::Debug);
+    for (size_t i = 3; i < texts.size(); i++)
+        text += "; " + texts[i].substr(12, texts[i].size() - 14);
     return text;
 }
 

@@ -6,8 +6,7 @@ namespace
 
 // What a parsed frame leaves in the record: only what is not zero, pointers relative to the option area; then the texts behind the
 // line of VLANs.
-template <class AnyFrame>
-std::string recorded(const AnyFrame &frame, const Arrival &arrival = {})
+std::string recorded(const Bytes &frame, const Arrival &arrival = {})
 {
     world.clear();
     const Parsed parsed(frame, arrival);
@@ -19,21 +18,22 @@ std::string recorded(const AnyFrame &frame, const Arrival &arrival = {})
     for (const auto &[name, at] : {std::pair("opt60", info.opt60), {"opt67", info.opt67}, {"opt82", info.opt82}, {"circuit", info.circuitId}, {"remote", info.remoteId}, {"sub9", info.subopt9}, {"opt125", info.opt125}, {"end", info.optEnd}})
         text += at != nullptr && parsed.result == 0 ? world_format("%s @%td ", name, at - (info.dhcpMsg + 240)) : "";
     text += world_hex(info.clientIp, 4) != "00 00 00 00" ? "client " + world_hex(info.clientIp, 4) + " " : "";
-    for (std::string line : debug_texts())
+    for (std::string line : world.texts(Did::Debug))
         if (line.find("svlan") == std::string::npos)
             text += "! " + line.substr(12, line.size() - 14) + " ";
     return text.substr(0, text.size() - !text.empty());
 }
 
-using Parse = DaemonOnPort1;
+using Parse = Daemon;
 
 TEST_F(Parse, EveryFieldOfAnOrdinaryFrame)
 {
+    prepare("");
     // An ACK with two tags, IP options and padding: nothing is where it is in the simplest frame.
     const Frame frame = {.dst = MAC_CLIENT, .src = MAC_SERVER, .tags = {{0x88A8, 0x2064}, {0x8100, 0x0014}}, .srcIp = ip4(10, 0, 0, 1), .dstIp = ip4(10, 0, 0, 100), .ipOptions = hex_bytes("94 04 00 00"), .srcPort = 67, .dstPort = 68, .op = 2, .ciaddr = ip4(10, 0, 0, 99), .yiaddr = ip4(10, 0, 0, 100), .giaddr = ip4(10, 9, 9, 9), .options = opt_type(5) + opt_ip(3, ip4(10, 0, 0, 254)) + opt_lease(7200) + opt_ip(54, ip4(10, 0, 0, 1)) + opt(60, {1, 4, 0, 0, 1, 2}) + opt(67, {'b'}) + opt(82, {1, 2, 'c', 'c', 2, 1, 'r', 9, 0}) + opt(125, {0}) + OPT_END, .padding = Bytes(7, 0xEE)};
     const Arrival arrival = {.port = 1, .outer = 100, .inner = 20};
     const Parsed parsed(frame, arrival);
-    EXPECT_EQ(debug_texts(), Lines{"[DHCPSNOOP] svlan 100, cvlan 20.\r\n"});
+    EXPECT_EQ(said(), "svlan 100, cvlan 20.");
     const DhcpsnoopPktInfo &i = parsed.info;
     EXPECT_EQ(recorded(frame, arrival), "type 5 server a000001 lease 1c20 router a0000fe tag 102 opt60 @21 opt67 @29 opt82 @32 circuit @34 remote @38 sub9 @41 opt125 @43 end @46 client 0a 00 00 64");
     EXPECT_EQ(world_format("if %u time %u vlans %u %u type %x from %x by %x", i.ifIndex, i.rxTime, i.svlan, i.cvlan, i.ethType, i.srcIp, i.giaddr), "if 1 time 0 vlans 100 20 type 800 from a000001 by a090909");
@@ -65,6 +65,7 @@ constexpr Arrival IP_AT_14 = {.l2 = 14, .etherType = 0x0800}, IP_AT_2028 = {.l2 
 
 TEST_F(Parse, Ladder)
 {
+    prepare("");
     check({
         {"a DISCOVER of 286 bytes", recorded(WHOLE), "type 1 end @3"},
         {"EtherType neither IPv4 nor IPv6", recorded(Frame{.etherType = 0x0806}, {.l2 = 14, .etherType = 0x0806}), "refused ! This is not a IPv4 or IPv6 packet, stop process!"},
@@ -115,13 +116,14 @@ TEST_F(Parse, Ladder)
 
 TEST_F(Parse, WithoutFullParseOnlyHeaders)
 {
+    prepare("");
     DhcpsnoopRxPkt rx = rx_packet(Frame{.udpLen = 7}.bytes());
     DhcpsnoopPktInfo info;
     for (const uint32_t full : {0u, 2u}) { // anything but 1
         EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, full), 0);
         EXPECT_TRUE(info.udpHdr == rx.data + 34 && info.udpLenField == nullptr && info.dhcpMsg == nullptr && info.udpLen == 0);
     }
-    EXPECT_TRUE(printed("[DHCPSNOOP] svlan 4096, cvlan 10.\r\n") && info.svlan == 10 && info.cvlan == 0); // 4096 is only printed
+    EXPECT_TRUE(unsaid("svlan 4096, cvlan 10.").empty() && info.svlan == 10 && info.cvlan == 0); // 4096 is only printed
     rx = rx_packet(Frame{.srcPort = 1, .dstPort = 1}.bytes());
     EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, 0), -1);
 }
@@ -137,6 +139,7 @@ std::string at_the_end(const char *area)
 
 TEST_F(Parse, Options)
 {
+    prepare("");
     check({
         {"none", options(""), ""},
         {"only the end", options("ff"), "end @0"},

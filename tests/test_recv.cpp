@@ -33,7 +33,7 @@ TEST_F(Receive, DebugBits)
         Printed out;
         receive(frame);
         EXPECT_EQ(out.text(), (flags & 2) != 0 ? dumps : "");
-        EXPECT_EQ(debug_texts(), (flags & 1) != 0 ? DISCOVER_TRACE : Lines{});
+        EXPECT_EQ(world.texts(Did::Debug), (flags & 1) != 0 ? DISCOVER_TRACE : Lines{});
         EXPECT_EQ(outcome(), "2 286");
     }
 }
@@ -88,7 +88,7 @@ TEST_F(Receive, EveryTruncationLeavesNoTrace)
     for (size_t length = 0; length <= good.size(); length++) {
         world.clear();
         receive(Bytes(good.begin(), good.begin() + static_cast<ptrdiff_t>(length)), {.l2 = 14, .etherType = 0x0800});
-        ASSERT_EQ(debug_texts().back(), length < good.size() ? "[DHCPSNOOP] Parse packet error, stop process!\r\n" : "[DHCPSNOOP] Process pkt end.\r\n") << length;
+        ASSERT_EQ(world.texts(Did::Debug).back(), length < good.size() ? "[DHCPSNOOP] Parse packet error, stop process!\r\n" : "[DHCPSNOOP] Process pkt end.\r\n") << length;
         ASSERT_TRUE((sent_summary().empty() && world_state() == before) == (length < good.size())) << length;
     }
 }

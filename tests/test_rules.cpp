@@ -8,12 +8,12 @@
 #include "acknowledged.h"
 #include "bindings.h"
 #include "classifier.h"
-#include "daemon_test.h"
 #include "dhcpsnoop_nm.h"
 #include "guard.h"
 #include "management.h"
 #include "model.h"
 #include "report.h"
+#include "scene.h"
 
 using namespace platform_linux;
 
@@ -348,7 +348,7 @@ TEST(BindingRules, OfAddressesThatWereOnlyAskedFor)
             taken.clear();
             DhcpsnoopUser *user = binding(HOST);
             uint32_t action = USER_ACTION_BIND;
-            const DhcpsnoopUserKey key = key4(HOST);
+            const Key key(HOST);
             if (step == "bind")
                 dhcpSnoopUserSetApi(&key, USER_ACTION, &action);
             else if (step == "standby" || step == "master")

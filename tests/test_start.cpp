@@ -34,7 +34,7 @@ std::string failing(const char *refused, int32_t result = -1, int failCalloc = 0
     text += (WHOLE + ", ").starts_with(all.substr(0, all.size() - undone.size())) ? "" : "otherwise! ";
     text += undone + "; " + error.text().substr(0, error.text().rfind("\r\n"));
     // The record has just been zero-filled, so no debug text can appear.
-    text += debug_texts().empty() && gDhcpsnoop.ifPool == nullptr && gDhcpsnoop.userPool == nullptr && gDhcpsnoop.serverPool == nullptr && gDhcpsnoop.cmdSock == -1 && gDhcpsnoop.rtSock == -1 ? "" : " not all undone!";
+    text += said().empty() && gDhcpsnoop.ifPool == nullptr && gDhcpsnoop.userPool == nullptr && gDhcpsnoop.serverPool == nullptr && gDhcpsnoop.cmdSock == -1 && gDhcpsnoop.rtSock == -1 ? "" : " not all undone!";
     world.now += 1000;
     dhcpsnoop_user_timer_check(); // the loop runs all the same, and walks its tables
     return text + (dhcpsnoop_init(4, 8) == 0 ? world_check_tables() : "no second attempt!");

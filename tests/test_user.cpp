@@ -21,7 +21,7 @@ const Word WORDS[] = {
     {"asked", [] { make_binding(HOST, MAC_CLIENT, 1, 10)->bindState = DHCPSNOOP_BIND_REQUESTED, binding(HOST)->leaseTime = 60, binding(HOST)->vendorTag = 99; }},
     {"gateway", [] { memcpy(&binding(HOST)->gateway, Bytes{10, 0, 0, 254}.data(), 4); }},
     {"hook", [] { gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback; }},
-    {"ipv6", [] { make_binding(key6("a00:32::"), MAC_CLIENT, 1, 10)->gateway = 9; }},
+    {"ipv6", [] { make_binding("a00:32::", MAC_CLIENT, 1, 10)->gateway = 9; }},
     {"uncounted", [] { port()->curUser = 0; }},
     {"elsewhere", [] { make_binding(HOST, MAC_CLIENT, 77, 20); }},
 };
@@ -71,7 +71,7 @@ TEST_F(User, LearnedAndDeletedDirectly)
         prepare(words, WORDS);
         world.now = 0;
         const Parsed parsed(Frame{.options = opt_type(3) + opt_ip(54, SERVER) + opt(60, hex_bytes("01 04 00 00 00 63")) + OPT_END}, arrival);
-        const DhcpsnoopUserKey key = key4(HOST);
+        const Key key(HOST);
         const int32_t result = dhcpsnoop_user_add(&key, nullptr, &parsed.info);
         return std::to_string(result) + users();
     };
@@ -91,7 +91,7 @@ TEST_F(User, LearnedAndDeletedDirectly)
     Message{}.receive();
     EXPECT_NE(world.texts(Did::Log).at(0).find(", interface " + std::string(63, 'n') + ", vlan 10, "), std::string::npos);
     EXPECT_EQ(world.questions("nmGetIfPartDescr"), Lines{"nmGetIfPartDescr 1 63"});
-    const DhcpsnoopUserKey key = key4(HOST + 1);
+    const Key key(HOST + 1);
     Parsed nobody(Frame{});
     nobody.info.chaddr = nullptr;
     EXPECT_EQ(dhcpsnoop_user_add(nullptr, nullptr, nullptr) + dhcpsnoop_user_add(&key, nullptr, nullptr) + dhcpsnoop_user_add(&key, nullptr, &nobody.info), -2);
@@ -100,7 +100,7 @@ TEST_F(User, LearnedAndDeletedDirectly)
 
 TEST_F(User, Keys)
 {
-    DhcpsnoopUserKey a = key4(ip4(10, 0, 0, 1)), b = key4(ip4(1, 0, 0, 10)), six = a; // of one bucket
+    DhcpsnoopUserKey a = Key(ip4(10, 0, 0, 1)), b = Key(ip4(1, 0, 0, 10)), six = a; // of one bucket
     six.ipType = DHCPSNOOP_IPV6;
     DhcpsnoopUser *users[] = {dhcpsnoop_user_table_add(&a), dhcpsnoop_user_table_add(&b), dhcpsnoop_user_table_add(&six)};
     EXPECT_TRUE(dhcpsnoop_user_lookup(&a) == users[0] && dhcpsnoop_user_lookup(&b) == users[1] && dhcpsnoop_user_lookup(&six) == users[2] && gDhcpsnoop.userHash[11].next == users[2]) << "the newest stands first in its bucket";
@@ -250,7 +250,7 @@ TEST_F(User, GroupsOnAnInterface)
         prepare("vlan-if");
         const std::tuple<uint8_t, uint8_t, uint32_t, uint16_t> bindings[] = {{1, DYNAMIC, 1, 10}, {1, STATIC, 1, 10}, {1, DYNAMIC, 2, 10}, {2, DYNAMIC, 1, 20}, {1, GUARD, 1, 10}};
         for (uint8_t n = 1; const auto &[ipType, userType, on, vid] : bindings) {
-            DhcpsnoopUserKey key = key4(n);
+            Key key(n);
             key.ipType = ipType;
             DhcpsnoopUser *made = make_binding(key, {n++}, on, vid);
             made->userType = userType;
