@@ -7,8 +7,10 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <zlib.h>
 
 #include "report.h"
@@ -209,18 +211,32 @@ bool Journal::flush()
     return true;
 }
 
+// A full disk has no room beside the file; the file's own room may do.
 bool Journal::rewrite(const UnitTable &table, uint32_t now)
 {
-    const std::string path = path_ + ".new";
-    Fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (!file)
-        return false;
     std::vector<uint8_t> bytes;
     bytes.reserve(table.held().size() * JOURNAL_SLOT);
     for (const auto &[key, held] : table.held()) {
         const auto slot = slot_make(unit_encode(held.record, now));
         bytes.insert(bytes.end(), slot.begin(), slot.end());
     }
+    if (!replace(bytes) && ((errno != ENOSPC && errno != EDQUOT) || !restart(bytes)))
+        return false;
+    size_ = bytes.size();
+    records_ = table.held().size();
+    rewritten_ = now;
+    buffer_.clear(); // its records are in the table
+    dirty_ = false;
+    return true;
+}
+
+// A new file takes the old one's place.
+bool Journal::replace(std::span<const uint8_t> bytes)
+{
+    const std::string path = path_ + ".new";
+    Fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file)
+        return false;
     if (!write_all(file.get(), bytes.data(), bytes.size()) || fdatasync(file.get()) != 0 ||
         rename(path.c_str(), path_.c_str()) != 0) {
         const int error = errno;
@@ -230,11 +246,32 @@ bool Journal::rewrite(const UnitTable &table, uint32_t now)
     }
     sync_directory(path_);
     file_ = std::move(file);
-    size_ = bytes.size();
-    records_ = table.held().size();
-    rewritten_ = now;
-    buffer_.clear(); // its records are in the table
-    dirty_ = false;
+    return true;
+}
+
+// The file is emptied and begins anew. Until that ends, the records are in memory only. A file that would not
+// fit, or that has another name by now, stays as it is.
+bool Journal::restart(std::span<const uint8_t> bytes)
+{
+    struct stat ours = {}, named = {};
+    struct statvfs disk = {};
+    if (fstat(file_.get(), &ours) != 0 || stat(path_.c_str(), &named) != 0 ||
+        fstatvfs(file_.get(), &disk) != 0)
+        return false;
+    const uint64_t room = static_cast<uint64_t>(ours.st_blocks) * 512 + disk.f_bavail * disk.f_frsize;
+    if (ours.st_dev != named.st_dev || ours.st_ino != named.st_ino || bytes.size() > room) {
+        errno = ENOSPC;
+        return false;
+    }
+    if (!std::exchange(restarting_, true))
+        platform_report(LOG_WARNING,
+                        "%s: no room beside it, so it is emptied and its %zu records are written again; a "
+                        "crash meanwhile loses them",
+                        path_.c_str(), bytes.size() / JOURNAL_SLOT);
+    if (ftruncate(file_.get(), 0) != 0 || !write_all(file_.get(), bytes.data(), bytes.size()) ||
+        fdatasync(file_.get()) != 0)
+        return false;
+    restarting_ = false;
     return true;
 }
 

@@ -67,12 +67,15 @@ class Journal
     void repair(uint32_t now, const UnitTable &table);
     bool flush();
     bool rewrite(const UnitTable &table, uint32_t now);
+    bool replace(std::span<const uint8_t> bytes);
+    bool restart(std::span<const uint8_t> bytes);
     void failure(const char *trouble);
 
     std::string path_;
     Fd file_, lock_;
     std::vector<uint8_t> buffer_;
     bool dirty_ = false, failed_ = false;
+    bool restarting_ = false; // the file was emptied and is not whole yet
     uint64_t size_ = 0, records_ = 0, damaged_ = 0;
     uint32_t rewritten_ = 0;
 };
