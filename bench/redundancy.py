@@ -54,7 +54,7 @@ class Bench:
         return json.load(process.stdout) if wait else process
 
     def start(self, bindings, role, journal, peer=""):
-        self.left.configure(role, journal, peer)
+        self.left.prepare(role, journal, peer)
         self.left.start(*SETTINGS, bindings=bindings + 64)
 
     def stop(self, *units):
@@ -71,7 +71,7 @@ class Bench:
         return unit.show("global")["bindings"]
 
     def start_right(self, bindings):
-        self.right.configure("slave", "off", "left")
+        self.right.prepare("slave", "off", "left")
         self.right.start(*SETTINGS, bindings=bindings + 64)
 
     def wait_link(self):
@@ -122,7 +122,7 @@ class Bench:
         status = self.left.show("redundancy")
         self.report("records dropped", status["dropped"])
         self.report("MiB of journal", status["journal-size"] / 2**20)
-        self.left.kill()
+        self.left.daemon.kill()
         begin = time.monotonic()
         self.left.start(bindings=bindings + 64)
         wait_for("bindings", lambda: self.count(self.left) == bindings + 1, timeout=60)

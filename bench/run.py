@@ -31,7 +31,6 @@ CLIENT_SIDE, SERVER_SIDE = "swp1", "swp2"  # the switch's ports
 CLIENTS, SERVERS = "clients", "servers"  # their other ends
 PACE = 5000  # frames a second, far below what any subject can do
 GIADDR, RELAY_SIDE, SERVER = "10.1.0.1", "10.2.0.1", "10.2.0.2"
-SWITCH_CONF = f"{lab.RUN}/switch.conf"
 
 
 class Subject:
@@ -66,26 +65,19 @@ class Daemon(Subject):
         self.commands = commands
 
     def start(self, bench):
-        self.process = bench.process("dhcpsnoop", bench.binary("dhcpsnoop"), "20", str(self.bindings + 64),
-                                     env={"DHCPSNOOP_SWITCH_CONF": SWITCH_CONF})
-        lab.wait_for("answer of the daemon",
-                     lambda: self.ctl(bench, "show interfaces", check=False).returncode == 0 or not self.process.running())
-        if not self.process.running():
-            raise lab.Failure(f"the daemon ended\n{self.process.log()}")
+        bench.switch.start_daemon("20", str(self.bindings + 64), under=bench.pinned(1))
+        self.process = bench.switch.daemon
         for command in (f"interface {CLIENT_SIDE} snooping on", f"interface {SERVER_SIDE} snooping on",
                         f"interface {SERVER_SIDE} trust on", *self.commands):
-            self.ctl(bench, command)
+            bench.switch.ctl(command)
         learned = bench.traffic(*self.traffic(bench), "--leases-only", "--rounds", "1", "--clients", self.bindings)
-        bound = len(json.loads(self.ctl(bench, "show bindings state bound --json").stdout))
+        bound = len(bench.switch.show("bindings state bound"))
         if bound != self.bindings:
             raise lab.Failure(f"{self.name}: {bound} bindings of {self.bindings}: {learned}")
 
-    def ctl(self, bench, command, check=True):
-        return bench.switch.run(bench.binary("ctl/dhcpsnoopctl"), *command.split(), check=check)
-
     def stop(self, bench):
         super().stop(bench)
-        self.ctl(bench, "platform release")
+        bench.switch.ctl("platform release")
 
 
 class Daemon6(Daemon):
@@ -128,9 +120,8 @@ class Bench:
         self.build, self.rounds, self.seconds = os.path.realpath(build), rounds, seconds
         self.two_processors = len(os.sched_getaffinity(0)) > 1
         os.makedirs(lab.RUN, exist_ok=True)
-        self.switch, self.ends = lab.Host("switch"), lab.Host("ends")
-        with open(SWITCH_CONF, "w") as conf:
-            conf.write(f"port {CLIENT_SIDE} access 10\nport {SERVER_SIDE} access 10\n")
+        self.switch, self.ends = lab.Switch("switch", self.build), lab.Host("ends")
+        self.switch.configure([f"port {CLIENT_SIDE} access 10", f"port {SERVER_SIDE} access 10"])
         for port, end in ((CLIENT_SIDE, CLIENTS), (SERVER_SIDE, SERVERS)):
             self.ends.ip(f"link add {end} type veth peer name {port} netns {self.switch.name}")
             for host, device in ((self.switch, port), (self.ends, end)):
@@ -146,9 +137,9 @@ class Bench:
     def pinned(self, processor, *command):
         return ["taskset", "-c", str(processor), *command] if self.two_processors else list(command)
 
-    def process(self, name, *command, env=None):
+    def process(self, name, *command):
         # The traffic has the first processor, the subject the second.
-        return lab.Process(self.switch, name, *self.pinned(1, *command), env=env)
+        return lab.Process(self.switch, name, *self.pinned(1, *command))
 
     def mac(self, host, device):
         with host.inside():

@@ -3,7 +3,6 @@
     demo.py BUILD demo|shell
 """
 
-import json
 import os
 import subprocess
 import sys
@@ -13,7 +12,6 @@ import isolate
 BUILD, MODE = os.path.realpath(sys.argv[1]), sys.argv[2]
 OUTSIDE_PID = isolate.enter([BUILD, os.path.dirname(os.path.realpath(__file__))])
 
-from dhcpv6 import Client6
 from lab import MACS, PORTS, RELAY_ADDRESS, RELAY_SERVERS, RUN, Client, Failure, Lab, wait_for
 from scapy.layers.inet import IP, UDP
 from scapy.layers.l2 import ARP, Ether
@@ -36,16 +34,16 @@ def configure(lab):
     commands += [f"interface swp7 relay-server {address} add" for address in RELAY_SERVERS.values()]
     print("\nWhat an operator types:")
     for command in commands:
-        lab.ctl(*command.split())
+        lab.switch.ctl(command)
         print(f"  dhcpsnoopctl {command}")
 
 
 def get_leases(lab):
     clients = (
         ("pc1", "swp1", "VLAN 10", Client(lab.pc1)),
-        ("pc1", "swp1", "VLAN 10", Client6(lab.pc1)),
+        ("pc1", "swp1", "VLAN 10", Client(lab.pc1, family=6)),
         ("pc2", "swp2", "VLAN 20", Client(lab.pc2, program="dhclient")),
-        ("pc2", "swp2", "VLAN 20", Client6(lab.pc2, program="dhcpcd")),
+        ("pc2", "swp2", "VLAN 20", Client(lab.pc2, program="dhcpcd", family=6)),
         ("trunk", "swp3", "VLAN 10, tagged", Client(lab.trunk, "vlan10")),
         ("trunk", "swp3", "VLAN 20, tagged", Client(lab.trunk, "vlan20", program="dhclient")),
         ("pc3", "swp7", "VLAN 30, relayed", Client(lab.pc3)),
@@ -54,18 +52,18 @@ def get_leases(lab):
         client.start()
     for host, port, vlan, client in clients:
         place = f"  {host:<6} {port}  {vlan:<16}  {client.program:<8}"
-        if isinstance(client, Client6):
-            for address in sorted(client.wait_leases(2 if host == "pc2" else 1)):
+        addresses = client.wait_leases(2 if client.family == 6 and host == "pc2" else 1)
+        if client.family == 6:
+            for address in sorted(addresses):
                 print(f"{place}  {address}")
             continue
-        client.wait_lease()
         bound = wait_for(f"event of {client.name}", lambda: [e for e in client.history() if e[0].lower() == "bound"])[0]
         print(f"{place}  {bound[1]:<12} from {bound[3]}, {bound[5]} s")
 
 
 def dropped(lab, port):
     """Replies that the daemon refused there because the port is not trusted."""
-    return json.loads(lab.ctl("show", "interface", port, "--json").stdout)["dropped-untrusted"]
+    return lab.switch.show(f"interface {port}")["dropped-untrusted"]
 
 
 def send_rogue_replies(lab):
@@ -83,7 +81,7 @@ def send_rogue_replies(lab):
 
 def forge_sources(lab):
     """pc1 turns bad: it sends from an address that is not its own, and answers ARP for its gateway."""
-    own = next(binding["address"] for binding in json.loads(lab.ctl("show", "bindings", "--json").stdout)
+    own = next(binding["address"] for binding in lab.switch.show("bindings")
                if binding["mac"] == MACS["pc1"] and "." in binding["address"])
     to_all = Ether(src=MACS["pc1"], dst=BROADCAST)
     kinds = (("packets from its own address", to_all / IP(src=own, dst=GATEWAY) / UDP(dport=9) / b"own", FORGERIES),
@@ -91,7 +89,7 @@ def forge_sources(lab):
              (f"ARP replies for {GATEWAY}", to_all / ARP(op=2, hwsrc=MACS["pc1"], psrc=GATEWAY, pdst=ROGUE_ADDRESS), 0))
     print("\nWith IP source guard and ARP inspection on swp1:")
     for command in ("guard interface swp1 ip mac vlan port", "arp-inspection interface swp1 ip mac vlan port"):
-        lab.ctl(*command.split())
+        lab.switch.ctl(command)
         print(f"  dhcpsnoopctl {command}")
     print(f"pc1 sent {FORGERIES} of each, so many arrived at its neighbour:")
     with Endpoint(lab.rogue) as neighbour, Endpoint(lab.pc1) as pc1:
@@ -131,15 +129,15 @@ def option(capture, protocol, heading, where):
     return [" " * (indent - tree[0][0]) + text for indent, text in tree]
 
 
-def show(lab, *arguments):
-    print(f"\n$ dhcpsnoopctl {' '.join(arguments)}\n{lab.ctl(*arguments).stdout.rstrip()}")
+def show(lab, words):
+    print(f"\n$ dhcpsnoopctl show {words}\n{lab.switch.ctl(f'show {words}').stdout.rstrip()}")
 
 
 def demo(lab):
     print("The switch and who is on it:")
     for port, model, host in PORTS:
         print(f"  {port}  {model:<20}  {'relay1, relay2' if host == 'core' else host}")
-    lab.start_daemon("20", "256", "1", "1")  # interfaces, bindings, with IP source guard and ARP inspection
+    lab.switch.start_daemon("20", "256", "1", "1")  # interfaces, bindings, with IP source guard and ARP inspection
     configure(lab)
     print("\nThe leases that the clients got:")
     with Capture(lab.server) as capture:
@@ -148,15 +146,15 @@ def demo(lab):
         request6 = f"dhcpv6.msgtype == 3 && eth.src == {MACS['pc1']}"
         options6 = [line for heading in ("Interface-Id", "Remote Identifier")
                     for line in option(capture, "dhcpv6", heading, request6)]
-    show(lab, "show", "bindings")
+    show(lab, "bindings")
     for what, lines in (("Option 82", option82), ("Options 18 and 37", options6)):
         print(f"\n{what} in pc1's REQUEST as tshark reads {'it' if lines is option82 else 'them'} at the server:")
         for line in lines:
             print(f"  {line}{as_text(line.split()[-1])}")
     send_rogue_replies(lab)
-    show(lab, "show", "interface", "swp5")
+    show(lab, "interface swp5")
     forge_sources(lab)
-    show(lab, "show", "guard")
+    show(lab, "guard")
 
 
 def shell(lab):
@@ -177,8 +175,8 @@ def main():
             try:
                 demo(lab)
             except Failure:
-                if lab.daemon:
-                    print(f"\nThe daemon printed:\n{lab.daemon.log()[-4000:]}", file=sys.stderr)
+                if lab.switch.daemon:
+                    print(f"\nThe daemon printed:\n{lab.switch.daemon.log()[-4000:]}", file=sys.stderr)
                 raise
             if MODE == "shell":
                 shell(lab)

@@ -12,8 +12,10 @@ Needs root, and isolate.enter() before it: nothing here cleans up after itself m
 """
 
 import contextlib
+import json
 import os
 import shutil
+import signal
 import socket
 import subprocess
 import time
@@ -25,7 +27,6 @@ HERE = os.path.dirname(os.path.realpath(__file__))
 ROOT = os.path.dirname(HERE)
 RUN = "/run/lab"
 SYSTEM_NAME = "lab-switch"
-SWITCH_CONF = f"{RUN}/switch.conf"
 SOCKET = "/tmp/dhcpsnoop.socket"
 
 # port, its line in the switch model, the host at its other end
@@ -38,6 +39,7 @@ PORTS = (
     ("swp6", "routed", "core"),
     ("swp7", "access 30", "pc3"),
 )
+MODEL = ("system 1", *(f"port {port} {model}" for port, model, _ in PORTS))  # the switch's file
 TRUSTED = ("swp4", "swp6")
 RELAY_ADDRESS = "10.0.30.1"
 RELAY_SERVERS = {"relay1": "192.0.2.11", "relay2": "192.0.2.12"}
@@ -116,6 +118,19 @@ class Host:
         with self.inside():
             return socket.if_nametoindex(device)
 
+    def connect(self, device, mac, switch, port):
+        """A link from this host's device to a port of the switch."""
+        link = f"ip link add {device} netns {self.name} address {mac} type veth peer name {port} netns {switch.name}"
+        subprocess.run(link.split(), check=True)
+        self.ip(f"link set {device} up")
+        switch.ip(f"link set {port} up")
+
+    def bridge(self):
+        self.ip("link add br0 type bridge mcast_snooping 0")
+        for table in ("iptables", "ip6tables", "arptables"):
+            self.sysctl(f"net/bridge/bridge-nf-call-{table}", 0)
+        self.ip("link set br0 up")
+
     def vlan_device(self, parent, vid, mac, name=None):
         """Makes a device for one VLAN of a link, of a VLAN device for double tags."""
         name = name or f"vlan{vid}"
@@ -127,10 +142,10 @@ class Host:
         self.tc_program(lower, "ingress", vlan.tagger(vid, self.index(parent)), f"{name}-push")
         self.tc_program(parent, "ingress", vlan.untagger(vid, self.index(lower)), f"{name}-pop")
 
-    def address(self, device):
-        """The device's IPv4 address, or None."""
-        fields = self.run("ip", "-4", "-o", "addr", "show", "dev", device).stdout.split()
-        return fields[3].split("/")[0] if len(fields) > 3 else None
+    def addresses(self, device, family=4):
+        """The device's global addresses that are usable."""
+        lines = self.run("ip", f"-{family}", "-o", "addr", "show", "dev", device, "scope", "global").stdout.splitlines()
+        return {line.split()[3].split("/")[0] for line in lines if "tentative" not in line and "dadfailed" not in line}
 
 
 class Process:
@@ -152,6 +167,10 @@ class Process:
     def signal(self, number):
         self.popen.send_signal(number)
 
+    def kill(self):
+        self.popen.kill()
+        return self.popen.wait()
+
     def stop(self, timeout=10):
         """Ends the process and gives its exit status."""
         if self.running():
@@ -159,74 +178,124 @@ class Process:
         try:
             return self.popen.wait(timeout)
         except subprocess.TimeoutExpired:
-            self.popen.kill()
-            return self.popen.wait()
+            return self.kill()
+
+
+class Switch(Host):
+    """The host on which the daemon runs."""
+
+    def __init__(self, name, build):
+        self.build, self.daemon, self.environment = build, None, {}
+        super().__init__(name)
+
+    def configure(self, model, redundancy=None):
+        """The lines of the daemon's two files."""
+        for name, lines in (("SWITCH", model), ("REDUNDANCY", redundancy)):
+            if lines is not None:
+                path = self.environment[f"DHCPSNOOP_{name}_CONF"] = f"{RUN}/{self.name}-{name.lower()}.conf"
+                with open(path, "w") as file:
+                    file.writelines(f"{line}\n" for line in lines)
+
+    def binary(self, name):
+        for path in (f"{self.build}/{name}", f"{self.build}/ctl/{name}"):
+            if os.path.exists(path):
+                return path
+        raise Failure(f"{self.build} holds no {name}: build first")
+
+    def start_daemon(self, *arguments, under=()):
+        """Starts the daemon, under another command if need be, and waits until it answers."""
+        daemon = self.daemon = Process(self, f"dhcpsnoop-{self.name}", *under, self.binary("dhcpsnoop"), *arguments,
+                                       env=self.environment)
+
+        def answers():
+            if not daemon.running():
+                raise Failure(f"{self.name}: the daemon ended with {daemon.popen.returncode}\n{daemon.log()}")
+            return self.ctl("show interfaces", check=False).returncode == 0
+
+        wait_for(f"answer of the daemon on {self.name}", answers)
+
+    def stop_daemon(self):
+        if self.daemon:
+            self.daemon.stop()
+
+    def ctl(self, line, check=True):
+        """A command of the client, by its words."""
+        return self.run(self.binary("dhcpsnoopctl"), *line.split(), check=check)
+
+    def show(self, words):
+        return json.loads(self.ctl(f"show {words} --json").stdout)
 
 
 class Client:
-    """A DHCP client program on one device."""
+    """A DHCP client program on one device: of DHCPv4 udhcpc or dhclient, of DHCPv6 dhclient or dhcpcd."""
 
-    def __init__(self, host, device="eth0", program="udhcpc", name=None):
-        self.host, self.device = host, device
-        self.name = name or f"{program}-{host.name}-{device}"
-        self.events = f"{RUN}/{self.name}.events"
-        self.program = program
+    def __init__(self, host, device="eth0", program=None, family=4):
+        self.host, self.device, self.family = host, device, family
+        self.program = program or {4: "udhcpc", 6: "dhclient"}[family]
+        self.name = f"{self.program}{family}-{host.name}-{device}"
+        self.events, self.script, self.process = f"{RUN}/{self.name}.events", f"{HERE}/client-script", None
         open(self.events, "w").close()
-        self.process = None
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(f"{RUN}/{self.name}.leases")
 
     def start(self):
-        """Both programs are told to try again soon."""
-        script = f"{HERE}/client-script"
+        """The programs are told to try again soon."""
+        conf = f"{RUN}/{self.name}.conf"
+        with open(conf, "w") as file:
+            file.write(f"duid ll\nnoipv6rs\nipv6only\ninterface {self.device}\nia_na 1\n" if self.program == "dhcpcd" else
+                       "timeout 20;\n" if self.family == 6 else
+                       "timeout 20; retry 1; initial-interval 1; backoff-cutoff 1; initial-delay 0;\n")
         if self.program == "udhcpc":
-            arguments = ["udhcpc", "-f", "-R", "-t", "5", "-T", "1", "-A", "1", "-s", script, "-i", self.device]
-        else:
-            conf = f"{RUN}/{self.name}.conf"
-            with open(conf, "w") as file:
-                file.write("timeout 20; retry 1; initial-interval 1; backoff-cutoff 1; initial-delay 0;\n")
+            arguments = ["udhcpc", "-f", "-R", "-t", "5", "-T", "1", "-A", "1", "-s", self.script, "-i", self.device]
+        elif self.program == "dhclient":
             arguments = [*self.dhclient(), "-d", "-cf", conf, self.device]
+        else:
+            # Its control socket and leases are named by the device alone: each gets directories of its own.
+            os.makedirs("/run/dhcpcd", exist_ok=True)
+            hidden = "for d in /run/dhcpcd /var/lib/dhcpcd; do mount -t tmpfs tmpfs $d; done; exec \"$@\""
+            arguments = ["unshare", "--mount", "sh", "-c", hidden, "sh", "dhcpcd", "-B", "-f", conf, "-c", self.script,
+                         "--env", f"LAB_EVENTS={self.events}", self.device]
         self.process = Process(self.host, self.name, *arguments, env={"LAB_EVENTS": self.events})
         return self
 
     def dhclient(self):
-        return ["dhclient", "-4", "-sf", f"{HERE}/client-script", "-e", f"LAB_EVENTS={self.events}", "-lf",
-                f"{RUN}/{self.name}.leases", "-pf", f"{RUN}/{self.name}.pid"]
+        return ["dhclient", f"-{self.family}", "-sf", self.script, "-e", f"LAB_EVENTS={self.events}", "-lf", f"{RUN}/{self.name}.leases",
+                "-pf", f"{RUN}/{self.name}.pid", *(("-D", "LL") if self.family == 6 else ())]
 
     def history(self):
         """The client's events so far, as [event, address, …] lists."""
         with open(self.events) as file:
             return [line.split() for line in file]
 
-    def count(self, *events):
-        return sum(event[0] in events for event in self.history())
-
-    def wait_lease(self, timeout=30.0):
-        """Waits until the client has an address and gives it."""
-        return wait_for(f"lease of {self.name}", lambda: self.host.address(self.device), timeout)
+    def wait_leases(self, count=1):
+        """Waits until the client has that many addresses and gives them."""
+        wait_for(f"{count} leases of {self.name}", lambda: len(self.host.addresses(self.device, self.family)) == count, 30)
+        return self.host.addresses(self.device, self.family)
 
     def release(self):
         """Ends the client so that it releases its lease."""
         if self.program == "dhclient":
             self.host.run(*self.dhclient(), "-r", self.device)
             self.process.popen.wait(10)
+        elif self.program == "dhcpcd":
+            self.process.signal(signal.SIGALRM)
         else:
-            self.stop()
-
-    def stop(self):
-        self.process.stop()
+            self.process.stop()
 
     def kill(self):
-        """Ends the client at once: it says nothing to anybody."""
-        self.process.popen.kill()
-        self.process.popen.wait()
+        """Ends the client at once: it says nothing to anybody. dhcpcd is several processes; it ends them all and keeps its lease."""
+        if self.program == "dhcpcd":
+            self.process.stop()
+        else:
+            self.process.kill()
 
 
 class Lab:
     """The topology with its servers. The daemon is started and stopped apart from it."""
 
     def __init__(self, build, offload=True):
-        self.build = os.path.realpath(build)
-        self.offload = offload
-        self.hosts, self.processes, self.daemon = {}, [], None
+        self.build, self.offload = os.path.realpath(build), offload
+        self.hosts, self.processes = {}, []
         os.makedirs(RUN, exist_ok=True)
         socket.sethostname(SYSTEM_NAME)
 
@@ -244,7 +313,7 @@ class Lab:
         self.stop()
 
     def start(self):
-        switch = self.add_host("switch")
+        switch = self.hosts["switch"] = Switch("switch", self.build)
         self.make_ports(switch)
         self.make_relay_side(switch)
         trunk, server = self.trunk, self.server
@@ -265,35 +334,26 @@ class Lab:
             self.start_dnsmasq(self.hosts[name], "--interface=eth0",
                                f"--dhcp-range=10.0.30.{number}00,10.0.30.{number}49,255.255.255.0,120")
 
-    def add_host(self, name):
-        self.hosts[name] = Host(name)
-        return self.hosts[name]
-
-    def connect(self, host, device, switch, port):
-        host.ip(f"link add {device} address {MACS[host.name]} type veth peer name {port} netns {switch.name}")
+    def connect(self, name, switch, port):
+        host = self.hosts[name] = Host(name)
+        host.connect("eth0", MACS[name], switch, port)
         if not self.offload:
-            host.run("ethtool", "-K", device, "tx", "off")
+            host.run("ethtool", "-K", "eth0", "tx", "off")
             switch.run("ethtool", "-K", port, "tx", "off")
-        host.ip(f"link set {device} up")
-        switch.ip(f"link set {port} up")
+        return host
 
     def make_ports(self, switch):
-        switch.ip("link add br0 type bridge mcast_snooping 0")
-        for table in ("iptables", "ip6tables", "arptables"):
-            switch.sysctl(f"net/bridge/bridge-nf-call-{table}", 0)
+        switch.bridge()
         bridged = []
-        with open(SWITCH_CONF, "w") as conf:
-            conf.write("system 1\n")
-            for port, model, name in PORTS:
-                self.connect(self.add_host(name), "eth0", switch, port)
-                conf.write(f"port {port} {model}\n")
-                if model != "routed":
-                    switch.ip(f"link set {port} master br0")
-                    bridged.append((port, *port_vlans(model)))
+        for port, model, name in PORTS:
+            self.connect(name, switch, port)
+            if model != "routed":
+                switch.ip(f"link set {port} master br0")
+                bridged.append((port, *port_vlans(model)))
         native = {switch.index(port): untagged for port, untagged, _ in bridged}
         for port, untagged, tagged in bridged:
             switch.tc_program(port, "egress", vlan.bridge_port(untagged, tagged, native), f"{port}-vlan")
-        switch.ip("link set br0 up")
+        switch.configure(MODEL)
 
     def make_relay_side(self, switch):
         """VLAN 30's address on the switch, and two servers on one segment behind the router port."""
@@ -301,12 +361,10 @@ class Lab:
         switch.ip(f"addr add {RELAY_ADDRESS}/24 dev br0")
         switch.ip("addr add 192.0.2.1/24 dev swp6")
         core = self.core
-        core.ip("link add br0 type bridge mcast_snooping 0")
+        core.bridge()
         core.ip("link set eth0 master br0")
-        core.ip("link set br0 up")
         for name, address in RELAY_SERVERS.items():
-            host = self.add_host(name)
-            self.connect(host, "eth0", core, name)
+            host = self.connect(name, core, name)
             core.ip(f"link set {name} master br0")
             host.ip(f"addr add {address}/24 dev eth0")
             host.ip("route add default via 192.0.2.1")
@@ -317,35 +375,8 @@ class Lab:
             "--no-ping", "--log-dhcp", "--log-facility=-", "--user=root", "--pid-file=",
             f"--dhcp-leasefile={RUN}/dnsmasq-{host.name}.leases", *arguments))
 
-    def start_daemon(self, *arguments, under=()):
-        """Starts the daemon in the switch, under another command if need be, and waits until it answers."""
-        self.daemon = Process(self.switch, "dhcpsnoop", *under, self.binary("dhcpsnoop"), *arguments,
-                              env={"DHCPSNOOP_SWITCH_CONF": SWITCH_CONF})
-
-        def answers():
-            if not self.daemon.running():
-                raise Failure(f"the daemon ended with {self.daemon.popen.returncode}\n{self.daemon.log()}")
-            return self.ctl("show", "interfaces", check=False).returncode == 0
-
-        wait_for("answer of the daemon", answers)
-        return self.daemon
-
-    def stop_daemon(self):
-        daemon, self.daemon = self.daemon, None
-        if daemon:
-            daemon.stop()
-
-    def binary(self, name):
-        for path in (f"{self.build}/{name}", f"{self.build}/ctl/{name}"):
-            if os.path.exists(path):
-                return path
-        raise Failure(f"{self.build} holds no {name}: build first")
-
-    def ctl(self, *arguments, check=True):
-        return self.switch.run(self.binary("dhcpsnoopctl"), *arguments, check=check)
-
     def stop(self):
-        self.stop_daemon()
+        self.switch.stop_daemon()
         for process in self.processes:
             process.stop()
         for host in self.hosts:

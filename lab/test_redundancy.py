@@ -1,13 +1,13 @@
 """Two control units, and a restart, lose no binding. LAB_RESTARTS sets how often a unit is killed (5)."""
 
 import glob
-import labtest
 import os
 import random
 import signal
-import threading
 import time
 import unittest
+
+import labtest
 
 from lab import RUN, Failure, wait_for
 from units import PEERS, Pair, Traffic
@@ -20,11 +20,7 @@ class UnitsTest(unittest.TestCase):
     def setUp(self):
         self.pair, self.traffic = Pair(labtest.BUILD), Traffic()
         self.addCleanup(self.pair.stop)
-        self.addCleanup(self.traffic.close)
         self.left, self.right = self.pair.left, self.pair.right
-
-    def at(self, unit):
-        return self.pair.hosts[f"c-{unit.name}"], self.pair.hosts[f"s-{unit.name}"]
 
     def assert_complete(self, unit, until=None):
         """Every binding that was acknowledged a second before `until`, or now, is there. Of later ones, those that are not
@@ -44,7 +40,7 @@ class UnitsTest(unittest.TestCase):
         """Every bound host gets through, a forged address does not."""
         bound = [number for number, frame in enumerate(self.traffic.frames) if frame[1] in self.traffic.acknowledged]
         packets = [self.traffic.packet(number) for number in bound] + [self.traffic.packet(number, "10.0.10.250") for number in (0, 1)]
-        self.assertEqual(self.traffic.arrive(*self.at(unit), packets), [self.traffic.frames[number][1] for number in bound])
+        self.assertEqual(self.traffic.arrive(*unit.ends, packets), [self.traffic.frames[number][1] for number in bound])
 
     def wait_state(self, unit, **wanted):
         for key, value in wanted.items():
@@ -54,7 +50,7 @@ class UnitsTest(unittest.TestCase):
 class Redundancy(UnitsTest):
     def start(self, left="master", journal="off", **options):
         for unit, role in ((self.left, left), (self.right, "slave")):
-            unit.configure(role, journal if unit is self.left else "off", PEERS[unit.name][2], **options)
+            unit.prepare(role, journal if unit is self.left else "off", PEERS[unit.name][2], **options)
             unit.start(*SETTINGS)
         for unit in (self.left, self.right):
             self.wait_state(unit, link="up")
@@ -67,26 +63,26 @@ class Redundancy(UnitsTest):
         self.start()
         for unit in (self.left, self.right):
             unit.ctl("guard interface swp1 ip mac port")
-        self.traffic.run(*self.at(self.left), 200)
+        self.traffic.run(*self.left.ends, 200)
         self.wait_equal()
         self.assert_enforced(self.left)
-        self.traffic.run(*self.at(self.left), 40)  # renewals; the last ones are under way
-        self.left.kill()
+        self.traffic.run(*self.left.ends, 40)  # renewals; the last ones are under way
+        self.left.daemon.kill()
         killed = time.monotonic()
         self.right.ctl("role master")
         self.assert_enforced(self.right)  # all of them: renewals take no binding away
         self.assert_complete(self.right, killed)
         self.assertEqual(self.right.state("role"), "master")
         # Every host goes on with the address that it has, and new ones are learned.
-        self.traffic.run(*self.at(self.right), 60)
+        self.traffic.run(*self.right.ends, 60)
         self.assert_complete(self.right)
         # The other unit comes back as the standby.
-        self.left.configure("slave", "off", "right")
+        self.left.prepare("slave", "off", "right")
         self.left.start(*SETTINGS)
         self.wait_equal()
         # And takes over again: the one that goes withdraws, the one that comes installs.
         self.right.ctl("role slave")
-        self.assertEqual(self.traffic.arrive(*self.at(self.right), [self.traffic.packet(1)]), [])
+        self.assertEqual(self.traffic.arrive(*self.right.ends, [self.traffic.packet(1)]), [])
         self.left.ctl("role master")
         self.assert_enforced(self.left)
 
@@ -95,13 +91,13 @@ class Redundancy(UnitsTest):
         up. Management's bindings have no record of their own; one without its port is kept apart, and goes as others do."""
         self.left.ip("link add swp3 type veth peer name other3")
         self.start(ports=("swp1", "swp2", "swp3"))
-        self.traffic.run(*self.at(self.left), 40)
+        self.traffic.run(*self.left.ends, 40)
         for number, port in ((240, "swp1"), (241, "swp3")):
             self.left.ctl(f"binding add 10.0.10.{number} mac 02:00:00:00:00:01 vlan 10 interface {port}")
         wait_for("static binding", lambda: "10.0.10.240" in self.right.bindings())
         self.wait_state(self.right, without_port=1)
         self.right.ip("link set peer0 down")
-        self.traffic.run(*self.at(self.left), 40, first=40)
+        self.traffic.run(*self.left.ends, 40, first=40)
         for address in ("10.0.10.2", "10.0.10.240", "10.0.10.241"):
             self.left.ctl(f"binding delete {address}")
         self.right.ip("link set peer0 up")
@@ -109,7 +105,7 @@ class Redundancy(UnitsTest):
         self.wait_state(self.right, without_port=0)
         self.assertEqual(len(self.right.bindings()), 79)
         self.right.daemon.signal(signal.SIGSTOP)
-        self.traffic.run(*self.at(self.left), 200, rate=100)
+        self.traffic.run(*self.left.ends, 200, rate=100)
         self.right.daemon.signal(signal.SIGCONT)
         self.wait_equal()
         # Who has no certificate of the authority gets no link and disturbs none.
@@ -120,7 +116,7 @@ class Redundancy(UnitsTest):
     def test_single_becomes_master(self):
         """It has made records all along, for its journal: the standby needs those from before."""
         self.start("none", JOURNAL)
-        self.traffic.run(*self.at(self.left), 5)
+        self.traffic.run(*self.left.ends, 5)
         self.left.ctl("role master")
         self.wait_equal()
 
@@ -129,10 +125,10 @@ class Redundancy(UnitsTest):
         A certificate of the same authority with another name makes no link; a key that everybody can read is told of."""
         modules, tls = glob.glob(f"{RUN}/usr/lib/**/dhcpsnoop_tls.so", recursive=True), {"dhcpsnoop_tls", "libssl", "libcrypto"}
         os.chmod(f"{RUN}/tls/left.key", 0o644)
-        self.right.configure("slave", "off", "nobody")
+        self.right.prepare("slave", "off", "nobody")
         self.right.start()
         for peer in ("", "nobody"):
-            self.left.configure("master", "off", peer)
+            self.left.prepare("master", "off", peer)
             self.left.start()
             with open(f"/proc/{self.left.daemon.popen.pid}/maps") as maps:
                 loaded = {line.split("/")[-1].split(".so")[0] for line in maps if ".so" in line}
@@ -150,12 +146,8 @@ class Redundancy(UnitsTest):
 
 class Journal(UnitsTest):
     def start(self, *settings, ports=("swp1", "swp2")):
-        self.left.configure("none", JOURNAL, ports=ports)
+        self.left.prepare("none", JOURNAL, ports=ports)
         self.left.start(*(settings or SETTINGS))
-
-    def pull_swp1(self):
-        self.traffic.ends.pop("c-left").socket.close()
-        self.pair.hosts["c-left"].ip("link del eth0")
 
     def test_killed(self):
         chance, done = random.Random(int(os.environ.get("LAB_SEED", "1"))), 0
@@ -163,10 +155,10 @@ class Journal(UnitsTest):
         self.left.ctl("guard interface swp1 ip mac port")
         for _ in range(int(os.environ.get("LAB_RESTARTS", "5"))):
             exchanges = chance.randrange(1, 40)
-            self.traffic.run(*self.at(self.left), exchanges, rate=chance.choice((20, 100)), first=done)
+            self.traffic.run(*self.left.ends, exchanges, rate=chance.choice((20, 100)), first=done)
             done += exchanges
             time.sleep(chance.choice((0, 0.01, 0.5)))
-            self.left.kill()
+            self.left.daemon.kill()
             killed = time.monotonic()
             self.left.start(*SETTINGS)
             self.assert_complete(self.left, killed)
@@ -175,9 +167,9 @@ class Journal(UnitsTest):
     def test_damaged_and_renumbered(self):
         """A torn end and a flipped bit cost a record each. A binding waits for its port, which comes back with another index."""
         self.start()
-        self.traffic.run(*self.at(self.left), 10)
+        self.traffic.run(*self.left.ends, 10)
         wait_for("records on the disk", lambda: self.left.state("journal-records") >= 10)
-        self.left.kill()
+        self.left.daemon.kill()
         with open(JOURNAL, "r+b") as journal:
             content = bytearray(journal.read())
             content[3 * 72 + 20] ^= 1
@@ -189,12 +181,12 @@ class Journal(UnitsTest):
         self.assertIn("2 damaged records left out", self.left.daemon.log())
         held = self.left.bindings()
         self.assertGreaterEqual(len(held), 8)
-        self.left.kill()
+        self.left.daemon.kill()
         index = self.left.index("swp1")
-        self.pull_swp1()
+        self.pair.pull(self.left, "swp1", self.left.ends[0])
         self.start(*SETTINGS[1:3])
         self.assertEqual((self.left.bindings(), self.left.state("without-port")), ({}, len(held)))
-        self.pair.connect("c-left", self.left, "swp1")
+        self.left.ends[0] = self.pair.connect(self.left, "swp1")
         self.assertNotEqual(self.left.index("swp1"), index)
         wait_for("bindings of the port", lambda: self.left.bindings() == held)
         self.assertEqual(self.left.state("without-port"), 0)
@@ -205,45 +197,37 @@ class Journal(UnitsTest):
         mac, address = self.traffic.frames[0][:2]
         self.left.ctl(f"binding add {address} mac {mac} vlan 10 interface swp1")
         time.sleep(1.5)  # management's changes come by full copies, at most one a second
-        self.left.kill()
+        self.left.daemon.kill()
         self.left.ctl("platform release")
         self.left.start(*SETTINGS)
         self.left.ctl("guard interface swp1 ip mac port")
-        self.assertEqual(self.traffic.arrive(*self.at(self.left), [self.traffic.packet(number) for number in (0, 1)]), [address])
+        self.assertEqual(self.traffic.arrive(*self.left.ends, [self.traffic.packet(number) for number in (0, 1)]), [address])
 
     def test_while_a_port_comes(self):
         """The daemon is a standby for a moment, for the 100 bindings that waited for swp1. What it learns then is enforced too.
         What it withdraws for changed check items meanwhile, and cannot install, stays in force until it can."""
         settings = (*SETTINGS, "interface swp3 snooping on", "interface swp3 max-users 1000")
-        others = self.pair.connect("c3", self.left, "swp3", "02:00:00:00:01:03")
+        others, server = self.pair.connect(self.left, "swp3", "02:00:00:00:01:03"), self.left.ends[1]
+        self.addCleanup(others.socket.close)
         self.start(*settings, ports=("swp1", "swp2", "swp3"))
         self.left.ctl("guard interface swp3 ip mac port")
-        clients, server = self.at(self.left)
-        self.traffic.run(clients, server, 100, rate=200)
+        self.traffic.run(*self.left.ends, 100, rate=200)
         self.traffic.run(others, server, 5, first=140)
         wait_for("records", lambda: self.left.state("journal-records") >= 105)
-        self.left.kill()
-        self.pull_swp1()
+        self.left.daemon.kill()
+        self.pair.pull(self.left, "swp1", self.left.ends[0])
         self.left.start(*settings[1:3], *settings[4:])
         self.assertEqual((self.left.state("without-port"), len(self.left.bindings())), (100, 5))
         known, new = [self.traffic.packet(number) for number in range(140, 145)], [self.traffic.frames[number] for number in range(150, 170)]
-        self.traffic.end(others).send(*(frame[3] for frame in new), self.traffic.frames[170][3])  # no server acknowledges the last
-        done = threading.Event()
-
-        def send():
-            while not done.wait(0.001):
-                self.traffic.end(others).send(*known)
-
-        sender = threading.Thread(target=send)
-        sender.start()
-        with self.left.stalled():  # requests are long on their way
-            self.pair.connect("c-left", self.left, "swp1")
+        others.send(*(frame[3] for frame in new), self.traffic.frames[170][3])  # no server acknowledges the last
+        # Requests are long on their way.
+        with labtest.meanwhile(lambda: others.send(*known)), labtest.meanwhile(self.left.stall, 2):
+            time.sleep(0.2)
+            self.left.ends[0] = self.pair.connect(self.left, "swp1")
             for number, frame in enumerate(new):
-                self.traffic.end(server).send(frame[4])
+                server.send(frame[4])
                 if number % 2:
                     self.left.ctl(f"guard interface swp3 ip mac vlan {'port' if number % 4 == 3 else ''}")
-        done.set()
-        sender.join()
         wait_for("bindings", lambda: len(self.left.bindings()) == 125)
         refused = {place["interface"]: place["refused"] for place in self.left.show("guard")["interfaces"]}
         self.assertEqual(refused["swp3"]["ipv4"], 0)

@@ -1,23 +1,17 @@
 """Two switches that are each other's peer units, and light traffic: many clients and their server in one process.
 
     left, right   a switch each: swp1 access 10 to the clients, swp2 access 10 to the server, trusted; peer0 to each other
-    hosts         c-left, c-right, s-left, s-right: the other ends of swp1 and swp2
+    hosts         left-swp1, left-swp2, right-swp1, right-swp2: the other ends of swp1 and swp2
 """
 
-import contextlib
-import json
 import os
 import shutil
-import signal
 import socket
 import subprocess
-import threading
 import time
 
-from lab import RUN, Failure, Host, Process, wait_for
-from scapy.layers.inet import IP, UDP
-from scapy.layers.l2 import Ether
-from wire import BROADCAST, Endpoint, from_client, from_server
+from lab import RUN, Failure, Host, Switch, wait_for
+from wire import BROADCAST, IP, UDP, Endpoint, Ether, from_client, from_server
 
 PEERS = {"left": ("192.0.2.1", "connect", "right"), "right": ("192.0.2.2", "listen", "left")}
 SERVER = ("10.0.10.1", "02:00:00:00:05:01")
@@ -33,78 +27,39 @@ def make_certificates(directory):
                         f"/CN={name}", "-keyout", f"{name}.key", "-out", f"{name}.crt", *signed], check=True, capture_output=True, cwd=directory)
 
 
-class Unit(Host):
+class Unit(Switch):
     """A switch with its own /tmp and /run/dhcpsnoop, for the daemon's sockets in there."""
 
     def __init__(self, name):
-        self.name, self.daemon, self.bin = name, None, f"{RUN}/usr/sbin"
         os.makedirs("/run/dhcpsnoop", exist_ok=True)
         mounts = "mount -t tmpfs tmpfs /tmp && mount -t tmpfs tmpfs /run/dhcpsnoop && mkdir /run/dhcpsnoop/bpf && " \
                  "mount -t bpf bpf /run/dhcpsnoop/bpf && echo && exec sleep infinity"
         self.holder = subprocess.Popen(["unshare", "--mount", "--propagation", "private", "sh", "-c", mounts], stdout=subprocess.PIPE)
         if self.holder.stdout.readline() != b"\n":
             raise Failure(f"{name}: no mounts of its own")
-        super().__init__(name)
+        super().__init__(name, f"{RUN}/usr/sbin")
+        self.bridge()
 
     def command(self, *arguments):
         return ["nsenter", f"--net=/run/netns/{self.name}", f"--mount=/proc/{self.holder.pid}/ns/mnt", "--", *arguments]
 
-    def configure(self, role, journal, peer="", ports=("swp1", "swp2")):
-        """Both files; `peer` is the name that the peer's certificate must have, none without a peer."""
-        with open(f"{RUN}/{self.name}.conf", "w") as conf:
-            conf.write(f"role {role}\n" + "".join(f"port {port} access 10\n" for port in ports))
+    def prepare(self, role, journal="off", peer="", ports=("swp1", "swp2")):
+        """The daemon's files; `peer` is the name that the peer's certificate must have, none without a peer."""
         tls = f"{RUN}/tls"
-        with open(f"{RUN}/{self.name}-redundancy.conf", "w") as conf:
-            conf.write(f"journal {journal}\n")
-            if peer:
-                conf.write(f"{PEERS[self.name][1]} {PEERS['right'][0]}:4747\ncertificate {tls}/{self.name}.crt\n"
-                           f"key {tls}/{self.name}.key\nauthority {tls}/authority.crt\npeer {peer}\n")
+        self.configure([f"role {role}", *(f"port {port} access 10" for port in ports)],
+                       [f"journal {journal}", *((f"{PEERS[self.name][1]} {PEERS['right'][0]}:4747", f"certificate {tls}/{self.name}.crt",
+                                                 f"key {tls}/{self.name}.key", f"authority {tls}/authority.crt", f"peer {peer}") if peer else ())])
 
     def start(self, *settings, bindings=512):
-        self.daemon = Process(self, f"dhcpsnoop-{self.name}", f"{self.bin}/dhcpsnoop", "20", str(bindings), "1", "1",
-                              env={"DHCPSNOOP_SWITCH_CONF": f"{RUN}/{self.name}.conf",
-                                   "DHCPSNOOP_REDUNDANCY_CONF": f"{RUN}/{self.name}-redundancy.conf"})
-
-        def answers():
-            if not self.daemon.running():
-                raise Failure(f"{self.name}: the daemon ended with {self.daemon.popen.returncode}\n{self.daemon.log()}")
-            return self.ctl("show interfaces", check=False).returncode == 0
-
-        wait_for(f"answer of {self.name}", answers)
+        self.start_daemon("20", str(bindings), "1", "1")
         for setting in settings:
             self.ctl(setting)
 
-    def kill(self):
-        self.daemon.signal(signal.SIGKILL)
-        self.daemon.popen.wait()
-
-    @contextlib.contextmanager
-    def stalled(self):
-        """Meanwhile two clients in turn keep the daemon waiting for their request, 50 ms each."""
-        path, done = f"/proc/{self.holder.pid}/root/tmp/dhcpsnoop.socket", threading.Event()
-
-        def stall():
-            while not done.is_set():
-                with socket.socket(socket.AF_UNIX) as client:
-                    client.connect(path)
-                    time.sleep(0.05)
-
-        threads = [threading.Thread(target=stall) for _ in range(2)]
-        for thread in threads:
-            thread.start()
-        try:
-            time.sleep(0.2)
-            yield
-        finally:
-            done.set()
-            for thread in threads:
-                thread.join()
-
-    def ctl(self, line, check=True):
-        return self.run(f"{self.bin}/dhcpsnoopctl", *line.split(), check=check)
-
-    def show(self, what):
-        return json.loads(self.ctl(f"show {what} --json").stdout)
+    def stall(self):
+        """A client that keeps the daemon waiting for its request for 50 ms."""
+        with socket.socket(socket.AF_UNIX) as client:
+            client.connect(f"/proc/{self.holder.pid}/root/tmp/dhcpsnoop.socket")
+            time.sleep(0.05)
 
     def state(self, key):
         return self.show("redundancy")[key]
@@ -114,8 +69,7 @@ class Unit(Host):
         return {b["address"]: (b["mac"], b["interface"], b["vlan"]) for b in self.show("bindings") if b["state"] == "bound"}
 
     def stop(self):
-        if self.daemon and self.daemon.running():
-            self.daemon.stop()
+        self.stop_daemon()
         self.holder.kill()
         self.holder.communicate()
 
@@ -124,8 +78,7 @@ class Traffic:
     """Clients and their server at one unit's ports, exchange by exchange, at a pace."""
 
     def __init__(self):
-        self.ends, self.frames = {}, []
-        self.acknowledged = {}  # address: (MAC, when)
+        self.frames, self.acknowledged = [], {}  # address: (MAC, when)
         for number in range(200):
             mac, address = f"02:00:00:01:00:{number:02x}", f"10.0.10.{number + 2}"
             fields = {"xid": number + 1, "flags": 0x8000}
@@ -133,55 +86,37 @@ class Traffic:
             ack = from_server("ack", mac, SERVER[0], address, lease=3600, source_mac=SERVER[1], xid=number + 1)
             self.frames.append((mac, address, bytes(from_client("discover", mac, **fields)), bytes(request), bytes(ack)))
 
-    def end(self, host):
-        if host.name not in self.ends:
-            self.ends[host.name] = Endpoint(host)
-        return self.ends[host.name]
+    def run(self, near, far, exchanges, rate=20, first=0):
+        """So many exchanges of DISCOVER, REQUEST and ACK, evenly; each ACK must arrive at its client."""
+        begin = time.monotonic()
+        for done, number in enumerate(range(first, first + exchanges), 1):
+            mac, address, discover, request, ack = self.frames[number % len(self.frames)]
 
-    def close(self):
-        for end in self.ends.values():
-            end.socket.close()
+            def arrives(end, op, xid=request[46:50]):
+                return any(frame[12:14] == b"\x08\x00" and frame[42] == op and frame[46:50] == xid for frame in iter(lambda: end.next(2), None))
 
-    def exchange(self, number, clients, server):
-        """DISCOVER, REQUEST, ACK; true when the ACK has arrived at the client."""
-        mac, address, discover, request, ack = self.frames[number % len(self.frames)]
-        near, far, xid = self.end(clients), self.end(server), request[46:50]
-
-        def arrives(end, op):
-            return any(frame[12:14] == b"\x08\x00" and frame[42] == op and frame[46:50] == xid for frame in iter(lambda: end.next(2), None))
-
-        near.send(discover, request)
-        if not (arrives(far, 1) and arrives(far, 1)):
-            return False
-        far.send(ack)
-        if not arrives(near, 2):
-            return False
-        self.acknowledged[address] = (mac, time.monotonic())
-        return True
+            near.send(discover, request)
+            if arrives(far, 1) and arrives(far, 1):
+                far.send(ack)
+            if not arrives(near, 2):
+                raise Failure(f"exchange {number} was not answered")
+            self.acknowledged[address] = (mac, time.monotonic())
+            time.sleep(max(0, begin + done / rate - time.monotonic()))
 
     def packet(self, number, address=None):
         """A UDP packet of a client, with its own source address or a forged one."""
         mac, own = self.frames[number][:2]
         return bytes(Ether(src=mac, dst=BROADCAST) / IP(src=address or own, dst="10.0.10.255") / UDP(sport=9, dport=9))
 
-    def arrive(self, clients, server, packets):
+    def arrive(self, near, far, packets):
         """The source addresses of those packets that come through to the server, each as often as it does."""
         # The last is not IP, so it always passes; it cannot overtake.
         marker = bytes.fromhex("ffffffffffff" + "020000000101" + "88b5") + os.urandom(46)
-        near, far = self.end(clients), self.end(server)
         for _ in iter(far.next, None):  # older traffic would take the room
             pass
         near.send(*packets, marker)
         frames = iter(lambda: far.next(2) or marker, marker)
         return [socket.inet_ntoa(frame[26:30]) for frame in frames if frame[12:14] == b"\x08\x00" and frame[34:36] == b"\x00\x09"]
-
-    def run(self, clients, server, exchanges, rate=20, first=0):
-        """So many exchanges, evenly; all must succeed."""
-        begin = time.monotonic()
-        for i in range(exchanges):
-            if not self.exchange(first + i, clients, server):
-                raise Failure(f"exchange {first + i} was not answered")
-            time.sleep(max(0, begin + (i + 1) / rate - time.monotonic()))
 
 
 class Pair:
@@ -193,27 +128,28 @@ class Pair:
         self.units, self.hosts = {name: Unit(name) for name in PEERS}, {}
         self.left, self.right = self.units.values()
         for name, unit in self.units.items():
-            unit.ip("link add br0 type bridge mcast_snooping 0")
-            unit.ip("link set br0 up")
-            for table in ("iptables", "ip6tables", "arptables"):
-                unit.sysctl(f"net/bridge/bridge-nf-call-{table}", 0)
-            self.connect(f"c-{name}", unit, "swp1")
-            self.connect(f"s-{name}", unit, "swp2", SERVER[1])
-        subprocess.run("ip link add peer0 netns left type veth peer name peer0 netns right".split(), check=True)
+            unit.ends = [self.connect(unit, "swp1"), self.connect(unit, "swp2", SERVER[1])]
+        self.left.connect("peer0", "02:00:00:00:00:01", self.right, "peer0")
         for name, unit in self.units.items():
             unit.ip(f"addr add {PEERS[name][0]}/30 dev peer0")
-            unit.ip("link set peer0 up")
 
-    def connect(self, name, unit, port, mac="02:00:00:00:01:01"):
+    def connect(self, unit, port, mac="02:00:00:00:01:01"):
+        """A host at a port; gives its end."""
+        name = f"{unit.name}-{port}"
         host = self.hosts[name] = self.hosts.get(name) or Host(name)
-        host.ip(f"link add eth0 address {mac} type veth peer name {port} netns {unit.name}")
-        host.ip("link set eth0 up")
-        unit.ip(f"link set {port} master br0 up")
-        return host
+        host.connect("eth0", mac, unit, port)
+        unit.ip(f"link set {port} master br0")
+        return Endpoint(host)
+
+    def pull(self, unit, port, end):
+        end.socket.close()
+        self.hosts[f"{unit.name}-{port}"].ip("link del eth0")
 
     def stop(self):
         for unit in self.units.values():
             unit.stop()
+            for end in unit.ends:
+                end.socket.close()
         for name in (*self.units, *self.hosts):
             subprocess.run(["ip", "netns", "del", name], check=True)
         shutil.rmtree(RUN)

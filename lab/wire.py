@@ -9,20 +9,21 @@ import subprocess
 import time
 
 logging.getLogger("scapy.runtime").setLevel(logging.ERROR)  # it remarks that lo has no address
-from scapy.config import conf
-from scapy.layers.dhcp import BOOTP, DHCP
+from scapy.arch.linux import L2Socket
+from scapy.layers.dhcp import BOOTP, DHCP, DHCPTypes
+from scapy.layers.dhcp6 import (DHCP6, DHCP6OptClientId, DHCP6OptElapsedTime, DHCP6OptIA_NA, DHCP6OptIAAddress, DHCP6OptServerId,
+                                DUID_LL, dhcp6types)
 from scapy.layers.inet import IP, UDP
+from scapy.layers.inet6 import IPv6
 from scapy.layers.l2 import Dot1Q, Ether
-from scapy.utils import wrpcap
+from scapy.utils import mac2str, wrpcap
+from scapy.utils6 import in6_mactoifaceid
 
 from lab import RUN, Failure
 
-conf.verb = 0
-SOL_PACKET, PACKET_AUXDATA, PACKET_IGNORE_OUTGOING, ETH_P_ALL = 263, 8, 23, 3
-TP_STATUS_VLAN_VALID, SO_RCVBUFFORCE = 1 << 4, 33
+SOL_PACKET, PACKET_IGNORE_OUTGOING, SO_RCVBUFFORCE = 263, 23, 33
 BROADCAST = "ff:ff:ff:ff:ff:ff"
 TO_ALL = (BROADCAST, "255.255.255.255")
-KINDS = ("", "discover", "offer", "request", "decline", "ack", "nak", "release", "inform")  # RFC 2132 9.6
 
 
 class Endpoint:
@@ -31,11 +32,9 @@ class Endpoint:
     def __init__(self, host, device="eth0"):
         self.name = f"{host.name} {device}"
         with host.inside():
-            self.socket = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(ETH_P_ALL))
-            self.socket.setsockopt(SOL_PACKET, PACKET_AUXDATA, 1)
-            self.socket.setsockopt(SOL_PACKET, PACKET_IGNORE_OUTGOING, 1)
-            self.socket.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 4 << 20)
-            self.socket.bind((device, ETH_P_ALL))
+            self.socket = L2Socket(device, promisc=False)
+        self.socket.ins.setsockopt(SOL_PACKET, PACKET_IGNORE_OUTGOING, 1)
+        self.socket.ins.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 4 << 20)
         self.drain()
 
     def __enter__(self):
@@ -46,19 +45,11 @@ class Endpoint:
 
     def send(self, *frames):
         for frame in frames:
-            self.socket.send(bytes(frame))
+            self.socket.ins.send(bytes(frame))
 
     def next(self, timeout=0.0):
         """The next frame that arrived, as bytes, or None."""
-        if not select.select([self.socket], [], [], max(0, timeout))[0]:
-            return None
-        data, control, _, _ = self.socket.recvmsg(65536, socket.CMSG_SPACE(20))
-        for level, kind, payload in control:
-            if (level, kind) == (SOL_PACKET, PACKET_AUXDATA):
-                status, _, _, _, _, tci, tpid = struct.unpack("=IIIHHHH", payload)
-                if status & TP_STATUS_VLAN_VALID:
-                    data = data[:12] + struct.pack("!HH", tpid or 0x8100, tci) + data[12:]
-        return data
+        return self.socket.recv_raw(65536)[1] if select.select([self.socket], [], [], max(0, timeout))[0] else None
 
     def drain(self):
         """Everything that has arrived and was not read yet."""
@@ -75,6 +66,29 @@ class Endpoint:
     def receive_dhcp(self, kind, **fields):
         return self.receive(f"DHCP {kind} with {fields}", lambda frame: is_dhcp(frame, kind, **fields))
 
+    def receive_dhcp6(self, kind, xid):
+        return self.receive(f"DHCPv6 {kind}", lambda frame: (found := dhcp6(frame)) and (found.msgtype, found.trid) == (kind6(kind), xid))
+
+
+class Capture(Endpoint):
+    """What arrives at a host's device, for the independent decoder."""
+
+    def __init__(self, host, device="eth0"):
+        super().__init__(host, device)
+        self.file, self.frames = f"{RUN}/{host.name}-{device}.pcap", []
+
+    def tshark(self, *arguments):
+        """What tshark prints of everything so far: the kernel has queued it, nothing is missed and nothing is waited for."""
+        self.frames += iter(self.next, None)
+        wrpcap(self.file, self.frames, linktype=1)
+        return subprocess.run(["tshark", "-r", self.file, "-o", "udp.check_checksum:TRUE", "-o", "ip.check_checksum:TRUE",
+                               *arguments], text=True, capture_output=True, check=True).stdout.splitlines()
+
+    def decode(self, fields, where="dhcp"):
+        """The fields of every frame so far that the display filter `where` selects, as a list of lists of text."""
+        names = [word for field in fields.split() for word in ("-e", field)]
+        return [line.split("\t") for line in self.tshark("-Y", where, "-T", "fields", "-E", "separator=/t", "-E", "occurrence=a", *names)]
+
 
 def options(frame):
     """The DHCP options as scapy names them."""
@@ -83,17 +97,14 @@ def options(frame):
 
 def is_dhcp(frame, kind=None, **fields):
     """Is it a DHCP message of that kind whose BOOTP fields have these values?"""
-    return DHCP in frame and kind in (None, KINDS[options(frame).get("message-type", 0)]) and \
+    return DHCP in frame and kind in (None, DHCPTypes.get(options(frame).get("message-type"))) and \
         all(getattr(frame[BOOTP], name) == value for name, value in fields.items())
 
 
-def outer_vid(frame):
-    """The id in the outer tag, 0 for an untagged frame."""
-    return frame[Dot1Q].vlan if Dot1Q in frame else 0
-
-
-def mac_bytes(mac):
-    return bytes.fromhex(mac.replace(":", ""))
+def dhcp6(frame):
+    """Its DHCPv6 message, or None; one that an ICMPv6 error quotes does not count."""
+    return next((layer for layer in frame.iterpayloads() if hasattr(layer, "trid")), None) if UDP in frame and IPv6 in frame and \
+        frame[IPv6].nh == socket.IPPROTO_UDP else None
 
 
 def tagged(frame, *vids):
@@ -104,7 +115,7 @@ def tagged(frame, *vids):
 
 def message(kind, mac, extra, source, destination, **fields):
     """A message from port 68 to 67 (`op` 1) or back (2)."""
-    fields = {"op": 1, "chaddr": mac_bytes(mac), "xid": random.getrandbits(32), **fields}
+    fields = {"op": 1, "chaddr": mac2str(mac), "xid": random.getrandbits(32), **fields}
     return (Ether(src=source[0], dst=destination[0]) / IP(src=source[1], dst=destination[1]) /
             UDP(sport=69 - fields["op"], dport=66 + fields["op"]) / BOOTP(**fields) /
             DHCP(options=[("message-type", kind), *extra, "end"]))
@@ -132,22 +143,45 @@ def exchange(endpoint, mac, *extra, **fields):
     return endpoint.receive_dhcp("ack", xid=fields["xid"])
 
 
-class Capture(Endpoint):
-    """What arrives at a host's device, for the independent decoder."""
+def kind6(name):
+    return next(number for number, known in dhcp6types.items() if known == name.upper())
 
-    def __init__(self, host, device="eth0"):
-        super().__init__(host, device)
-        self.file, self.frames = f"{RUN}/{host.name}-{device}.pcap", []
 
-    def tshark(self, *arguments):
-        """What tshark prints of everything so far: the kernel has queued it, nothing is missed and nothing is waited for."""
-        self.frames += iter(self.next, None)
-        wrpcap(self.file, self.frames, linktype=1)
-        return subprocess.run(["tshark", "-r", self.file, "-o", "udp.check_checksum:TRUE", "-o", "ip.check_checksum:TRUE",
-                               *arguments], text=True, capture_output=True, check=True).stdout.splitlines()
+def link_local(mac):
+    """The address that the kernel makes of a MAC address."""
+    return f"fe80::{in6_mactoifaceid(mac).lower()}"
 
-    def decode(self, fields, where="dhcp"):
-        """The fields of every frame so far that the display filter `where` selects, as a list of dicts of text."""
-        names = [word for field in fields for word in ("-e", field)]
-        lines = self.tshark("-Y", where, "-T", "fields", "-E", "separator=/t", "-E", "occurrence=a", *names)
-        return [dict(zip(fields, line.split("\t"))) for line in lines]
+
+def ia_na(*addresses, valid=120, iaid=1):
+    return DHCP6OptIA_NA(iaid=iaid, T1=0, T2=0, ianaopts=[DHCP6OptIAAddress(addr=address, preflft=valid, validlft=valid)
+                                                          for address in addresses])
+
+
+def message6(kind, front, *options, xid):
+    frame = front / DHCP6(msgtype=kind6(kind), trid=random.getrandbits(24) if xid is None else xid)
+    for option in options:
+        frame = frame / option
+    return frame
+
+
+def from_client6(kind, mac, *options, xid=None):
+    """A client's message to all servers, its identifier made of the MAC address."""
+    front = Ether(src=mac, dst="33:33:00:01:00:02") / IPv6(src=link_local(mac), dst="ff02::1:2", hlim=1) / UDP(sport=546, dport=547)
+    return message6(kind, front, DHCP6OptClientId(duid=DUID_LL(lladdr=mac)), DHCP6OptElapsedTime(elapsedtime=0), *options, xid=xid)
+
+
+def from_server6(kind, mac, *options, source_mac, xid=None):
+    """A server's message to the client with that MAC address."""
+    front = Ether(src=source_mac, dst=mac) / IPv6(src=link_local(source_mac), dst=link_local(mac)) / UDP(sport=547, dport=546)
+    identifiers = DHCP6OptClientId(duid=DUID_LL(lladdr=mac)), DHCP6OptServerId(duid=DUID_LL(lladdr=source_mac))
+    return message6(kind, front, *identifiers, *options, xid=xid)
+
+
+def exchange6(endpoint, mac, *options):
+    """A client's SOLICIT and REQUEST and a real server's answers; gives the REPLY. `options` are in both."""
+    xid = random.getrandbits(24)
+    endpoint.send(from_client6("solicit", mac, ia_na(), *options, xid=xid))
+    advertise = endpoint.receive_dhcp6("advertise", xid)
+    offered = [option.addr for option in advertise[DHCP6OptIA_NA].ianaopts if isinstance(option, DHCP6OptIAAddress)]
+    endpoint.send(from_client6("request", mac, DHCP6OptServerId(duid=advertise[DHCP6OptServerId].duid), ia_na(*offered), *options, xid=xid))
+    return endpoint.receive_dhcp6("reply", xid)
