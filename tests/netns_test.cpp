@@ -1,12 +1,12 @@
 #include "netns_test.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,49 +23,37 @@ struct VnetHeader {
     uint8_t flags, gsoType;
     uint16_t headerLength, gsoSize, checksumStart, checksumOffset;
 };
-static constexpr uint8_t NEEDS_CHECKSUM = 1;
 
 void NetnsTest::SetUp()
 {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root, for namespaces and eBPF";
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0)
-        GTEST_SKIP() << "needs namespaces of its own: " << strerror(errno);
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 || mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0)
-        GTEST_SKIP() << "needs mounts of its own: " << strerror(errno);
-    sysctl("net/ipv6/conf/default/disable_ipv6", "1");
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/run", "tmpfs", 0, nullptr) != 0)
+        GTEST_SKIP() << "needs root, for namespaces and mounts of its own: " << strerror(errno);
+    std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
+}
+
+static std::string read_all(FILE *file)
+{
+    std::string text;
+    for (int byte; (byte = fgetc(file)) != EOF;)
+        text += static_cast<char>(byte);
+    return text;
 }
 
 std::string NetnsTest::run(const std::string &command)
 {
-    std::string output;
     FILE *pipe = popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        ADD_FAILURE() << command << ": " << strerror(errno);
-        return output;
-    }
-    char piece[512];
-    for (size_t got; (got = fread(piece, 1, sizeof piece, pipe)) > 0;)
-        output.append(piece, got);
-    const int status = pclose(pipe);
-    EXPECT_EQ(status, 0) << command << "\n"
-                         << output;
+    std::string output = read_all(pipe);
+    EXPECT_EQ(pclose(pipe), 0) << command << "\n"
+                               << output;
     return output;
-}
-
-void NetnsTest::veth(const std::string &one, const std::string &other)
-{
-    run("ip link add " + one + " type veth peer name " + other);
-    run("ip link set " + one + " up && ip link set " + other + " up");
 }
 
 void NetnsTest::bridge_of_two()
 {
     run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up");
-    for (const std::string n : {"1", "2"}) {
-        veth("p" + n, "c" + n);
-        run("ip link set p" + n + " mtu 9000 master br0 && ip link set c" + n + " mtu 9000");
-    }
+    for (const std::string n : {"1", "2"})
+        run("ip link add p" + n + " mtu 9000 type veth peer name c" + n + " mtu 9000 && ip link set p" + n + " up master br0 && ip link set c" + n + " up");
 }
 
 uint32_t NetnsTest::index(const std::string &device)
@@ -75,7 +63,28 @@ uint32_t NetnsTest::index(const std::string &device)
     return found;
 }
 
-void NetnsTest::sysctl(const std::string &path, const std::string &value) { std::ofstream("/proc/sys/" + path) << value; }
+std::string in_child(const std::function<void()> &body)
+{
+    fflush(nullptr);
+    int ends[2], status = 0;
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const rlimit noCore = {0, 0}, stack = {1 << 20, 1 << 20};
+        setrlimit(RLIMIT_CORE, &noCore);
+        setrlimit(RLIMIT_STACK, &stack);
+        alarm(30);
+        dup2(ends[1], STDERR_FILENO);
+        body();
+        _exit(::testing::Test::HasFailure() ? 1 : 99);
+    }
+    close(ends[1]);
+    waitpid(child, &status, 0);
+    FILE *said = fdopen(ends[0], "r");
+    const std::string text = read_all(said);
+    fclose(said);
+    return text + (WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status)) : "status " + std::to_string(WEXITSTATUS(status)));
+}
 
 Wire::Wire(const std::string &device) : sock_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)))
 {
@@ -91,33 +100,17 @@ Wire::Wire(const std::string &device) : sock_(socket(AF_PACKET, SOCK_RAW | SOCK_
 
 Wire::~Wire() { close(sock_); }
 
-static void send_with(int sock, VnetHeader header, const Bytes &frame)
+void Wire::send(const Bytes &frame, size_t unfinished)
 {
+    VnetHeader header = {unfinished != 0, 0, 0, 0, static_cast<uint16_t>(unfinished), 6};
     iovec parts[] = {{&header, sizeof header}, {const_cast<uint8_t *>(frame.data()), frame.size()}};
-    EXPECT_EQ(writev(sock, parts, 2), static_cast<ssize_t>(sizeof header + frame.size())) << strerror(errno);
+    EXPECT_EQ(writev(sock_, parts, 2), static_cast<ssize_t>(sizeof header + frame.size())) << strerror(errno);
 }
 
-void Wire::send(const Bytes &frame) { send_with(sock_, VnetHeader{}, frame); }
-
-void Wire::send_unfinished(const Bytes &frame, size_t start, size_t offset)
+Bytes Wire::receive()
 {
-    VnetHeader header = {};
-    header.flags = NEEDS_CHECKSUM;
-    header.checksumStart = static_cast<uint16_t>(start);
-    header.checksumOffset = static_cast<uint16_t>(offset);
-    send_with(sock_, header, frame);
-}
-
-std::optional<Bytes> Wire::receive()
-{
-    for (pollfd wait = {sock_, POLLIN, 0}; poll(&wait, 1, 100) > 0;) {
-        Bytes got(70000);
-        const ssize_t length = recv(sock_, got.data(), got.size(), 0);
-        if (length < static_cast<ssize_t>(sizeof(VnetHeader)) + ETH_HLEN)
-            continue;
-        got.resize(static_cast<size_t>(length));
-        got.erase(got.begin(), got.begin() + sizeof(VnetHeader));
-        return got;
-    }
-    return std::nullopt;
+    Bytes got(70000);
+    pollfd wait = {sock_, POLLIN, 0};
+    const ssize_t length = poll(&wait, 1, 100) > 0 ? recv(sock_, got.data(), got.size(), 0) : 0;
+    return length > 0 ? Bytes(got.begin() + sizeof(VnetHeader), got.begin() + length) : Bytes();
 }

@@ -2,15 +2,13 @@
 // away with the process, and skips with the reason where it may not have them.
 #pragma once
 
-#include <cstdint>
-#include <optional>
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "classifier.h"
 #include "frame.h"
-
-inline Frame discover() { return client_frame(1); }
 
 class NetnsTest : public ::testing::Test
 {
@@ -19,13 +17,31 @@ class NetnsTest : public ::testing::Test
 
     // A shell command; what it prints, errors too. A command that fails fails the test.
     std::string run(const std::string &command);
-    // A pair of connected Ethernet devices, both up, without IPv6 of their own.
-    void veth(const std::string &one, const std::string &other);
     // Bridge br0 with the ports p1 and p2, whose other ends are c1 and c2. Jumbo frames pass.
     void bridge_of_two();
     uint32_t index(const std::string &device);
-    void sysctl(const std::string &path, const std::string &value);
 };
+
+// With that bridge and an open guard.
+class GuardedBridge : public NetnsTest
+{
+  protected:
+    void SetUp() override
+    {
+        std::string why, note;
+        NetnsTest::SetUp();
+        if (IsSkipped())
+            return;
+        bridge_of_two();
+        if (!platform_linux::guard_open(8, why, note))
+            GTEST_SKIP() << "needs eBPF: " << why;
+    }
+    void TearDown() override { platform_linux::guard_close(); }
+};
+
+// In a process of its own, whose standard error nobody reads before it ends: what it printed there, and "signal 11" or
+// "status 99", which is the end of `body`.
+std::string in_child(const std::function<void()> &body);
 
 // A raw socket on one device: sends frames as they stand and collects those that arrive there.
 class Wire
@@ -36,12 +52,10 @@ class Wire
     Wire(const Wire &) = delete;
     Wire &operator=(const Wire &) = delete;
 
-    void send(const Bytes &frame);
-    // The checksum at `start` + `offset` is left to the device that sends, as a virtual machine's driver
-    // does.
-    void send_unfinished(const Bytes &frame, size_t start, size_t offset);
-    // The next frame that came in, or none for a tenth of a second. The kernel took out its outermost tag.
-    std::optional<Bytes> receive();
+    // `unfinished`: the checksum of the UDP header there is left to the device that sends, as a virtual machine's driver does.
+    void send(const Bytes &frame, size_t unfinished = 0);
+    // The next frame that came in, or nothing for a tenth of a second. The kernel took out its outermost tag.
+    Bytes receive();
 
   private:
     int sock_;
