@@ -30,50 +30,31 @@ const Port *platform_linux::model_port(uint32_t ifIndex)
 
 namespace
 {
-// RFC 768: a UDP checksum is over addresses, protocol and length too (RFC 8200 8.1 adds up to the same).
-uint16_t pseudo_sum(const Bytes &frame, size_t udp, bool v6, const Bytes &rest = {})
+Bytes discover(const std::vector<Tag> &tags) { return Frame{.tags = tags}.bytes(); }
+Bytes solicit(const std::vector<Tag> &tags) { return Frame6{.tags = tags}.bytes(); }
+
+// The checksum is left to the device: in the field is the sum over addresses, protocol and length (RFC 768, RFC 8200 8.1).
+Bytes unfinished(Bytes frame, size_t udp, bool v6)
 {
     const auto at = frame.begin() + static_cast<ptrdiff_t>(udp);
-    const Bytes addresses(at - (v6 ? 32 : 8), at);
-    return internet_checksum(addresses + be16(17) + be16(static_cast<uint32_t>(frame.size() - udp)) + rest);
+    const Bytes pseudo = Bytes(at - (v6 ? 32 : 8), at) + be16(17) + be16(static_cast<uint32_t>(frame.size() - udp));
+    wire_put16(frame.data() + udp + 6, static_cast<uint16_t>(~internet_checksum(pseudo)));
+    return frame;
 }
 
-// A SOLICIT (RFC 8415) from fe80::1; its checksum is scapy's.
-Bytes solicit(const std::vector<Tag> &tags)
-{
-    Bytes bytes = hex_bytes("33 33 00 01 00 02 02 c1 00 00 00 01");
-    for (const Tag &tag : tags)
-        bytes = bytes + be16(tag.tpid) + be16(tag.tci);
-    return bytes + hex_bytes("86 dd 60 00 00 00 00 0c 11 01 fe800000000000000000000000000001"
-                             "ff020000000000000000000000010002 02 22 02 23 00 0c c8 a1 01 12 34 56");
-}
-
-Bytes discover_with(const std::vector<Tag> &tags)
-{
-    Frame frame = discover();
-    frame.tags = tags;
-    return frame.bytes();
-}
-
-class Frames : public NetnsTest
+class Frames : public GuardedBridge
 {
   protected:
     void SetUp() override
     {
-        NetnsTest::SetUp();
-        std::string why, note;
+        GuardedBridge::SetUp();
         if (IsSkipped())
             return;
-        bridge_of_two();
-        if (!guard_open(8, why, note))
-            GTEST_SKIP() << "needs eBPF: " << why;
-        memset(control_, 0xEE, sizeof control_);
         v4_ = open(ETH_P_IP);
         v6_ = open(ETH_P_IPV6);
         port_ = index("p1");
         set_up("");
     }
-    void TearDown() override { guard_close(); }
 
     static Fd open(uint16_t protocol)
     {
@@ -103,8 +84,8 @@ class Frames : public NetnsTest
             modelPorts.clear();
     }
 
-    // The loop's way: one message header for both sockets, set up once and never reset. -1: nothing, in silence.
-    ssize_t receive(const Fd &sock, int milliseconds)
+    // The loop's way: one message header for both sockets, set up once and never reset. Empty: nothing, in silence.
+    Bytes receive(const Fd &sock, int milliseconds)
     {
         pollfd wait = {sock.get(), POLLIN, 0};
         poll(&wait, 1, milliseconds);
@@ -112,22 +93,20 @@ class Frames : public NetnsTest
         errno = 0;
         const ssize_t length = platform_frame_recv(sock.get(), &message_);
         EXPECT_TRUE(length > 0 || errno == EAGAIN) << strerror(errno);
-        return length;
+        return Bytes(buffer_, buffer_ + std::max<ssize_t>(length, 0));
     }
-    Bytes frame(ssize_t length) const { return Bytes(buffer_, buffer_ + length); }
 
     // "7/0/14": VLANs and length of the layer-2 header from the packet information, then whatever differs from `sent`.
     std::string came(const Fd &sock, const Bytes &sent, int milliseconds = 20)
     {
-        const ssize_t length = receive(sock, milliseconds);
-        if (length < 0)
+        const Bytes got = receive(sock, milliseconds);
+        if (got.empty())
             return "";
         const cmsghdr *c = CMSG_FIRSTHDR(&message_);
         const uint8_t *info = CMSG_DATA(c);
         const bool right = c->cmsg_level == SOL_PACKET && c->cmsg_len == CMSG_LEN(25) && wire_get32(info) == port_;
         std::string text = right && source_.sll_ifindex == static_cast<int>(port_) ? "" : "wrong information ";
         text += std::to_string(wire_get16(info + 20)) + "/" + std::to_string(wire_get16(info + 22)) + "/" + std::to_string(info[24]);
-        const Bytes got = frame(length);
         for (size_t i = 0; i < std::max(got.size(), sent.size()); i++)
             if (i >= got.size() || i >= sent.size() || got[i] != sent[i])
                 text += " " + std::to_string(i) + ":" + (i < got.size() ? hex({got[i]}) : "missing");
@@ -137,7 +116,7 @@ class Frames : public NetnsTest
     uint32_t port_ = 0;
     Fd v4_, v6_;
     alignas(8) uint8_t buffer_[2048];
-    alignas(cmsghdr) uint8_t control_[128];
+    alignas(cmsghdr) uint8_t control_[128] = {0xEE, 0xEE};
     sockaddr_ll source_ = {};
     iovec vector_ = {buffer_, sizeof buffer_};
     msghdr message_ = {&source_, sizeof source_, &vector_, 1, control_, sizeof control_, 0};
@@ -152,18 +131,12 @@ const struct { const char *claim, *before; std::vector<Tag> tags; const char *ou
     {"S-tag", "trap", {{0x88A8, 0x100A}}, "10/0/18"},
     {"old S-tag, which stays in the frame", "trap", {{0x9100, 10}}, "10/0/18"},
     {"S-tag and C-tag", "trap", {{0x88A8, 10}, {0x8100, 0xF014}}, "10/20/22"},
-    {"two C-tags", "trap", {{0x8100, 20}, {0x8100, 10}}, "20/10/22"},
-    {"old S-tag and C-tag", "trap", {{0x9100, 10}, {0x8100, 300}}, "10/300/22"},
     {"priority tag and C-tag", "trap", {{0x8100, 0x2000}, {0x8100, 20}}, "7/20/22 15:07"},
     {"three tags", "trap", {{0x88A8, 10}, {0x88A8, 20}, {0x8100, 30}}, "10/20/26"},
     {"without a trap nothing is told", "", {}, "forwarded"},
-    {"nor of a VLAN", "", {{0x8100, 10}}, "forwarded"},
     {"the trap of a VLAN goes by the outermost tag", "vlan", {{0x8100, 10}}, "10/0/18"},
     {"", "vlan", {{0x88A8, 10}, {0x8100, 20}}, "10/20/22"},
-    {"also when the kernel left that in the frame", "vlan", {{0x9100, 10}}, "10/0/18"},
-    {"others pass", "vlan", {}, "forwarded"},
-    {"", "vlan", {{0x8100, 20}}, "forwarded"},
-    {"", "vlan", {{0x88A8, 20}, {0x8100, 10}}, "forwarded"},
+    {"others pass", "vlan", {{0x8100, 20}}, "forwarded"},
     {"a VLAN that the port has not", "trap", {{0x8100, 30}}, ""},
     {"a port that does not receive", "blocked", {}, ""},
     {"a member of an aggregate", "member", {}, ""},
@@ -180,44 +153,35 @@ TEST_F(Frames, ComeAsTheyWereOnTheWire)
     for (const auto &row : ROWS) {
         set_up(row.before);
         for (const bool v6 : {false, true})
-            for (const bool offload : {false, true}) { // the checksum is left to the device
-                const Bytes whole = v6 ? solicit(row.tags) : discover_with(row.tags);
-                Bytes unfinished = whole;
+            for (const bool offload : {false, true}) {
+                const Bytes whole = v6 ? solicit(row.tags) : discover(row.tags);
                 const size_t udp = 14 + 4 * row.tags.size() + (v6 ? 40 : 20);
-                wire_put16(unfinished.data() + udp + 6, static_cast<uint16_t>(~pseudo_sum(whole, udp, v6)));
-                if (offload)
-                    from.send_unfinished(unfinished, udp, 6);
-                else
-                    from.send(whole);
+                from.send(offload ? unfinished(whole, udp, v6) : whole, offload ? udp : 0);
                 const bool comes = isdigit(static_cast<unsigned char>(*row.outcome)) != 0;
                 std::string outcome = came(v6 ? v6_ : v4_, whole, comes ? 1000 : 20);
                 outcome += came(v4_, {}, 0);
                 outcome += came(v6_, {}, 0);
-                if (!comes && to.receive().has_value())
+                if (!comes && !to.receive().empty())
                     outcome += "forwarded";
                 EXPECT_EQ(outcome, row.outcome) << row.claim << (v6 ? ", IPv6" : "") << (offload ? ", offload" : "");
             }
     }
-    EXPECT_FALSE(to.receive().has_value()) << "forwarded as well";
+    EXPECT_TRUE(to.receive().empty()) << "forwarded as well";
 }
 
 TEST_F(Frames, OfAnyLengthLeaveTheNextOneWhole)
 {
     set_up("trap");
     Wire from("c1");
-    const Bytes whole = discover().bytes();
     // length (37 cuts the ports: no DHCP), comes
-    for (const auto &[length, comes] : {std::pair{38, true}, {2048, true}, {2049, false}, {9000, false}, {37, false}, {23, false}, {14, false}})
-        for (const bool tagged : {false, true}) {
-            Bytes sent = discover_with(tagged ? std::vector<Tag>{{0x8100, 10}} : std::vector<Tag>());
-            sent.resize(static_cast<size_t>(length) + (tagged && length < 2000 ? 4 : 0), 0xAA);
-            from.send(sent);
-            EXPECT_EQ(came(v4_, sent, comes ? 1000 : 20), !comes ? "" : tagged ? "10/0/18"
-                                                                               : "7/0/14")
-                << length;
-            from.send(whole);
-            EXPECT_EQ(came(v4_, whole, 1000), "7/0/14");
-        }
+    for (const auto &[length, comes] : {std::pair{38, true}, {2048, true}, {2049, false}, {9000, false}, {37, false}, {23, false}, {14, false}}) {
+        Bytes sent = discover({});
+        sent.resize(static_cast<size_t>(length), 0xAA);
+        from.send(sent);
+        EXPECT_EQ(came(v4_, sent, comes ? 1000 : 20), comes ? "7/0/14" : "") << length;
+        from.send(discover({}));
+        EXPECT_EQ(came(v4_, discover({}), 1000), "7/0/14");
+    }
 }
 
 // A checksum that comes out as zero is sent as all ones, because zero says that there is none (RFC 768). A datagram whose
@@ -226,23 +190,16 @@ TEST_F(Frames, GetTheChecksumThatTheDeviceLeftOut)
 {
     set_up("trap");
     Wire from("c1");
-    Frame zero = discover();
-    zero.udpChecksum = 0;
-    zero.options = zero.options + Bytes(2);
-    Bytes frame = zero.bytes();
-    zero.options.resize(zero.options.size() - 2);
-    zero.options = zero.options + be16(pseudo_sum(frame, 34, false, Bytes(frame.begin() + 34, frame.end())));
-    frame = zero.bytes();
-    wire_put16(frame.data() + 40, static_cast<uint16_t>(~pseudo_sum(frame, 34, false)));
-    from.send_unfinished(frame, 34, 6);
-    wire_put16(frame.data() + 40, 0xFFFF);
-    EXPECT_EQ(came(v4_, frame, 1000), "7/0/14");
+    Frame frame;
+    frame.xid = 0x3903CCC3; // with which the sum is zero
+    ASSERT_EQ(wire_get16(frame.bytes().data() + 40), 0xFFFF);
+    from.send(unfinished(frame.bytes(), 34, false), 34);
+    EXPECT_EQ(came(v4_, frame.bytes(), 1000), "7/0/14");
+    frame.udpChecksum = 0x1234;
     for (const uint16_t length : {uint16_t{0}, uint16_t{7}, uint16_t{400}, uint16_t{65535}}) {
-        Frame lying = discover();
-        lying.udpLen = length;
-        lying.udpChecksum = 0x1234;
-        from.send_unfinished(lying.bytes(), 34, 6);
-        EXPECT_EQ(came(v4_, lying.bytes(), 1000), "7/0/14") << length;
+        frame.udpLen = length;
+        from.send(frame.bytes(), 34);
+        EXPECT_EQ(came(v4_, frame.bytes(), 1000), "7/0/14") << length;
     }
 }
 
@@ -260,7 +217,7 @@ TEST_F(Frames, OfAnAggregateComeFromIt)
     set_up("trap");
     modelPorts[member.ifIndex] = member;
     Wire from("c1");
-    const Bytes sent = discover_with({{0x8100, 10}});
+    const Bytes sent = discover({{0x8100, 10}});
     from.send(sent);
     EXPECT_EQ(came(v4_, sent, 1000), "10/0/18");
     EXPECT_EQ(came(v4_, sent), "");
@@ -276,12 +233,12 @@ TEST_F(Frames, OfRandomBytesComeWholeOrNotAtAll)
     uint32_t all = 0;
     const auto take = [this, &sent, &all](int milliseconds) {
         for (const Fd *sock : {&v4_, &v6_})
-            for (ssize_t length; (length = receive(*sock, milliseconds)) >= 0; all++)
-                ASSERT_EQ(sent.count(frame(length)), 1u) << hex(frame(length));
+            for (Bytes got; !(got = receive(*sock, milliseconds)).empty(); all++)
+                ASSERT_EQ(sent.count(got), 1u) << hex(got);
     };
     for (uint32_t i = 0; i < 2000; i++) {
         const std::vector<Tag> tags(random() % 4, Tag{0x8100, 10});
-        Bytes bytes = random() % 2 != 0 ? solicit(tags) : discover_with(tags);
+        Bytes bytes = random() % 2 != 0 ? solicit(tags) : discover(tags);
         for (size_t flips = random() % 4; flips > 0; flips--)
             bytes[14 + random() % (4 * tags.size() + 48)] = static_cast<uint8_t>(random());
         if (random() % 4 == 0)
@@ -292,7 +249,7 @@ TEST_F(Frames, OfRandomBytesComeWholeOrNotAtAll)
     }
     take(100);
     EXPECT_GT(all, 500u);
-    Frame burst = discover();
+    Frame burst;
     for (burst.xid = 0; burst.xid < 3000; burst.xid++)
         from.send(burst.bytes());
     for (burst.xid = 0; burst.xid < 3000; burst.xid++)
@@ -305,7 +262,7 @@ TEST_F(Frames, AreNothingElse)
 {
     const Fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_IP))), arp(socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ARP)));
     Wire client("c1"), loopback("lo");
-    const Bytes sent = discover().bytes();
+    const Bytes sent = discover({});
     client.send(sent);
     uint8_t byte;
     ASSERT_GT(recv(sock.get(), &byte, 1, MSG_PEEK), 0);
@@ -318,7 +275,7 @@ TEST_F(Frames, AreNothingElse)
     set_up("trap");
     const sockaddr_ll to = {AF_PACKET, htons(ETH_P_IP), static_cast<int>(port_), 0, 0, 6, {}};
     EXPECT_GT(sendto(v4_.get(), sent.data(), sent.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
-    EXPECT_EQ(hex(client.receive().value_or(Bytes())), hex(sent));
+    EXPECT_EQ(hex(client.receive()), hex(sent));
     Bytes port(6);
     memcpy(port.data() + 2, &port_, 4);
     for (const Bytes &made : {Bytes(), Bytes(6) + sent, Bytes(6, 0xFF) + sent, Bytes(3000, 0xFF), port, port + Bytes(1), port + Bytes(13), port + Bytes(12) + hex_bytes("8100"), port + Bytes(12) + hex_bytes("810000"), port + Bytes(12) + hex_bytes("8100000a88a8"), port + Bytes(12) + hex_bytes("8100000a88a8001481")})
