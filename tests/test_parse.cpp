@@ -44,24 +44,9 @@ TEST_F(Parse, EveryFieldOfAnOrdinaryFrame)
     EXPECT_TRUE(parsed.result == 0 && i.ifp == dhcpsnoop_if_lookup(1));
 }
 
-// A frame whose BOOTP message is cut to that many bytes, every length true.
-Bytes message_of(size_t length)
-{
-    Bytes message = Frame{.options = Bytes(length > 240 ? length - 240 : 0, 0)}.message();
-    message.resize(length);
-    return Frame{.payload = message}.bytes();
-}
-
-// The frame with a word put in, and another.
-Bytes with(Bytes frame, size_t at, uint16_t word, size_t at2 = 0, uint16_t word2 = 0)
-{
-    frame[at] = static_cast<uint8_t>(word >> 8), frame[at + 1] = static_cast<uint8_t>(word);
-    return at2 == 0 ? frame : with(frame, at2, word2);
-}
-
-const Bytes WHOLE = Frame{}.bytes(), SHORTER(WHOLE.begin(), WHOLE.end() - 1), FULL = Frame{.options = Bytes(1762, 0) + opt_type(1) + OPT_END}.bytes();
-const Bytes LAST_IP = with(with(Bytes(2048, 0), 2028, 0x4500), 2030, 0xF814, 2036, 17); // total length 63508 + 2028 = 65536
-constexpr Arrival IP_AT_14 = {.l2 = 14, .etherType = 0x0800}, IP_AT_2028 = {.l2 = 2028, .etherType = 0x0800};
+const Bytes WHOLE = Frame{}.bytes(), SHORTER(WHOLE.begin(), WHOLE.end() - 1), FULL = Bytes(1762, 0) + opt_type(1) + OPT_END; // FULL fills 2048 bytes
+const Bytes LAST_IP = Bytes(2028, 0) + hex_bytes("45 00 f8 14 00 00 00 00 00 11") + Bytes(10, 0);                            // total length 63508 + 2028 = 65536
+constexpr Arrival IP_AT_2028 = {.l2 = 2028, .etherType = 0x0800};
 
 TEST_F(Parse, Ladder)
 {
@@ -73,10 +58,10 @@ TEST_F(Parse, Ladder)
         {"Kept: the version nibble decides, not the EtherType", recorded(WHOLE, {.etherType = 0x86DD}), "type 1 end @3"},
         {"version 6 is not taken for IPv4", recorded(Frame{.ipVersion = 6}), "refused"},
         {"header of 16 bytes", recorded(Frame{.ihl = 4}), "refused ! IPv4 header len must be larger than 20!"},
-        {"header of 60 bytes", recorded(Frame{.ipOptions = Bytes(40, 1)}), "type 1 end @3"},
         {"total length below the header", recorded(Frame{.ipTotalLen = 19}), "refused ! Total len of ip must be larger than header len!"},
         {"total length of just the header: no UDP datagram in it", recorded(Frame{.ipTotalLen = 20}), "refused ! Udp len 252 must not exceed ip body len 0!"},
         {"one byte is missing", recorded(SHORTER), "refused ! Len checking failed, ethernet header 14, ip header 20, total 286, received 285!"},
+        {"more received than the buffer counts as the buffer", recorded(Frame{.ipTotalLen = 2035, .padding = Bytes(65535 - 286, 0)}), "refused ! Len checking failed, ethernet header 14, ip header 20, total 2049, received 2048!"},
         {"padding behind the datagram", recorded(Frame{.padding = Bytes(20, 0)}), "type 1 end @3"},
         {"not UDP", recorded(Frame{.protocol = 6}), "refused ! This is not a udp packet!"},
         {"ports 1234 to 67", recorded(Frame{.srcPort = 1234, .dstPort = 67}), "type 1 end @3"},
@@ -86,32 +71,21 @@ TEST_F(Parse, Ladder)
         {"ports 66 to 69", recorded(Frame{.srcPort = 66, .dstPort = 69}), "refused ! This is not a dhcp packet!"},
         {"UDP length beyond the IP body", recorded(Frame{.udpLen = 253}), "refused ! Udp len 253 must not exceed ip body len 252!"},
         {"UDP length short of the IP body", recorded(Frame{.udpLen = 251}), ""},
-        {"a message of 239 bytes", recorded(message_of(239)), "refused ! Message (len 247) is too short, stop process!"},
-        {"a message of 240 bytes", recorded(message_of(240)), ""},
+        {"a message of 239 bytes", recorded(Frame{.payload = Bytes(239, 0)}), "refused ! Message (len 247) is too short, stop process!"},
         {"padding is no end option", recorded(Frame{.payload = Bytes(240, 0), .padding = OPT_END}), ""},
         {"UDP length 0", recorded(Frame{.udpLen = 0}), "refused ! Message (len 0) is too short, stop process!"},
         {"neither checksum is verified", recorded(Frame{.ipChecksum = 1, .udpChecksum = 2}), "type 1 end @3"},
         {"the cookie is not checked", recorded(Frame{.cookie = 0}), "type 1 end @3"},
         // The arithmetic of 16 bits lets these through the length test; the datagram is bounded all the same.
-        {"the whole buffer", recorded(FULL), "type 1 end @1765"},
-        {"IP total length that wraps (65522 + 14), datagram within the frame", recorded(with(FULL, 16, 0xFFF2)), "type 1 end @1765"},
-        {"IP total length that wraps, datagram beyond the frame", recorded(with(FULL, 16, 0xFFF2, 38, 0xFF00)), "refused"},
-        {"a datagram of one byte more than the frame", recorded(with(FULL, 16, 0xFFF2, 38, 2015)), "refused"},
+        {"IP total length that wraps (65522 + 14), datagram within the frame", recorded(Frame{.ipTotalLen = 0xFFF2, .options = FULL}), "type 1 end @1765"},
+        {"IP total length that wraps, datagram beyond the frame", recorded(Frame{.ipTotalLen = 0xFFF2, .udpLen = 0xFF00, .options = FULL}), "refused"},
+        {"a datagram of one byte more than the frame", recorded(Frame{.ipTotalLen = 0xFFF2, .udpLen = 2015, .options = FULL}), "refused"},
         {"a layer-2 header that leaves no room for IP", recorded(Bytes(2048, 0x45), {.l2 = 2029, .etherType = 0x0800}), "refused"},
-        {"a layer-2 header beyond the buffer", recorded(Bytes(2048, 0x45), {.l2 = 65535, .etherType = 0x0800}), "refused"},
-        {"one byte captured", recorded(Bytes{0x45}, IP_AT_14), "refused ! This is not a IPv4 packet!"},
         {"nothing captured, header at its start", recorded(Bytes{}, {.l2 = 0, .etherType = 0x0800}), "refused ! This is not a IPv4 packet!"},
         {"the UDP header begins at the buffer's end", recorded(LAST_IP, IP_AT_2028), "refused"},
-        {"the UDP header ends the buffer", recorded(with(with(Bytes(2048, 0), 2020, 0x4500), 2022, 28, 2028, 17), {.l2 = 2020, .etherType = 0x0800}), "refused ! This is not a dhcp packet!"},
-        {"but what the IP header there holds is looked at", recorded(with(LAST_IP, 2036, 6), IP_AT_2028), "refused ! This is not a udp packet!"},
+        {"the UDP header ends the buffer", recorded(Bytes(2020, 0) + hex_bytes("45 00 00 1c 00 00 00 00 00 11") + Bytes(18, 0), {.l2 = 2020, .etherType = 0x0800}), "refused ! This is not a dhcp packet!"},
+        {"but what the IP header there holds is looked at", recorded(Bytes(2028, 0) + hex_bytes("45 00 f8 14 00 00 00 00 00 06") + Bytes(10, 0), IP_AT_2028), "refused ! This is not a udp packet!"},
     });
-    DhcpsnoopRxPkt rx = rx_packet(FULL);
-    rx.len = 65535; // more than the buffer counts as the buffer
-    DhcpsnoopPktInfo info;
-    EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, 1), 0);
-    EXPECT_EQ(info.rxLen, 2048u);
-    EXPECT_EQ(dhcpsnoop_packet_parse(nullptr, &info, 1), -1);
-    EXPECT_EQ(dhcpsnoop_packet_parse(&rx, nullptr, 1), -1);
 }
 
 TEST_F(Parse, WithoutFullParseOnlyHeaders)
@@ -143,25 +117,18 @@ TEST_F(Parse, Options)
     check({
         {"none", options(""), ""},
         {"only the end", options("ff"), "end @0"},
-        {"one byte that is no end", options("35"), ""},
         {"type and end", options("35 01 05 ff"), "type 5 end @3"},
         {"an option is recorded only if a byte follows it", options("35 01 05"), ""},
-        {"the second too", options("35 01 05 35 01 06"), "type 5"},
         {"pads between", options("00 00 35 01 05 00 ff"), "type 5 end @6"},
-        {"pads only", options("00 00 00 00"), ""},
         {"nothing behind the end counts", options("35 01 05 ff 00 35 01 06 00"), "type 5 end @3"},
-        {"nor behind an end that comes first", options("ff 00 35 01 06 00"), "end @0"},
         {"the last occurrence wins", options("35 01 05 35 01 06 ff"), "type 6 end @6"},
         {"an option whose length passes the area ends the walk", options("35 01 05 36 05 0a 00 00 01"), "type 5"},
-        {"the length byte is the last", options("35 01 05 36 ff"), "type 5"},
         {"a code without length", options("35 01 05 36"), "type 5"},
         {"an unknown option is passed over", options("0c 02 61 62 35 01 03 ff"), "type 3 end @7"},
         {"an option of 255 bytes of length", options("0c ff 00"), ""},
-        {"message type of length 0", options("35 00 ff"), "end @2 ! Option length must be 1 octets."},
         {"message type of length 2", options("35 02 05 05 ff"), "end @4 ! Option length must be 1 octets."},
         {"server id", options("36 04 0a 00 00 01 ff"), "server a000001 end @6"},
         {"server id of length 5", options("36 05 0a 00 00 01 00 35 01 02 ff"), "type 2 end @10 ! Option length must be 4 octets."},
-        {"server id of length 3", options("36 03 0a 00 00 ff"), "end @5 ! Option length must be 4 octets."},
         {"lease", options("33 04 00 00 0e 10 ff"), "lease e10 end @6"},
         {"lease of length 8", options("33 08 00 00 0e 10 00 00 0e 10 ff"), "end @10 ! Option length must be 4 octets."},
         {"router: the first of two", options("03 08 0a 00 00 01 0a 00 00 02 ff"), "router a000001 end @10"},
@@ -169,7 +136,6 @@ TEST_F(Parse, Options)
         {"router of length 0 reads the 4 bytes that follow", options("03 00 35 01 05 ff"), "type 5 router 350105ff end @5"},
         {"router of length 0 at the end of the area", options("35 01 05 03 00 ff"), "type 5 router ff000000 end @5"},
         {"requested address", options("32 04 0a 01 01 05 ff"), "end @6 client 0a 01 01 05"},
-        {"requested address 0.0.0.0 is none", options("32 04 00 00 00 00 ff"), "end @6"},
         {"requested address of length 0", options("32 00 ff"), "end @2 ! Option length must be 4 octets."},
         {"vendor class", options("3c 01 61 ff"), "opt60 @0 end @3"},
         {"vendor class of length 0", options("3c 00 ff"), "end @2 ! option60 length must be larger than 1 octets."},
@@ -178,29 +144,22 @@ TEST_F(Parse, Options)
         {"item 1 behind another", options("3c 09 07 01 00 01 04 00 00 00 09 ff"), "tag 9 opt60 @0 end @11"},
         {"the first item 1 counts", options("3c 0c 01 04 00 00 00 07 01 04 00 00 00 09 ff"), "tag 7 opt60 @0 end @14"},
         {"an item whose data lies behind the option", options("3c 02 01 04 ff 00 00 01"), "tag ff000001 opt60 @0 end @4"},
-        {"items of length 254 do not wrap", options("3c 03 02 fe 00 ff"), "opt60 @0 end @5"},
         {"what follows the option is no item", options("3c 02 07 00 01 04 00 00 00 09 ff"), "opt60 @0 end @10"},
-        {"boot file name of length 0", options("43 00 ff"), "opt67 @0 end @2"},
         {"relay information without sub-options", options("52 00 ff"), "opt82 @0 end @2"},
         {"each sub-option", options("52 09 01 01 61 02 01 62 09 01 63 ff"), "opt82 @0 circuit @2 remote @5 sub9 @8 end @11"},
-        {"in any order, others between", options("52 08 09 00 05 02 00 00 01 00 ff"), "opt82 @0 circuit @8 sub9 @2 end @10"},
         {"the last of two", options("52 04 01 00 01 00 ff"), "opt82 @0 circuit @4 end @6"},
         {"what follows the option is no sub-option", options("52 03 01 01 61 02 01 00 ff"), "opt82 @0 circuit @2 end @8"},
-        {"an item longer than its option", options("52 03 02 ff 00 ff"), "opt82 @0 remote @2 end @5"},
         {"its header astride the option's end", options("52 01 02 ff"), "opt82 @0 remote @2 end @3"},
         {"nor those of length 255", options("52 05 03 ff 00 01 00 ff"), "opt82 @0 end @7"},
         {"items of length 254 do not wrap", options("52 03 01 fe 00 ff"), "opt82 @0 circuit @2 end @5"},
         {"router of length 0, three bytes left in the buffer", at_the_end("03 00 00 00 ff"), "router ff00 end @1741"},
         {"vendor item, two bytes left", at_the_end("3c 02 01 04 00 ff"), "tag ff0000 opt60 @1736 end @1741"},
-        {"vendor item without its length", at_the_end("3c 01 01 ff"), "opt60 @1738 end @1741"},
         {"relay item at the very end", at_the_end("52 01 02 ff"), "opt82 @1738 remote @1740 end @1741"},
         {"relay item of length 255", at_the_end("52 02 01 fd ff"), "opt82 @1737 circuit @1739 end @1741"},
-        {"ciaddr", options("35 01 05 ff", ip4(10, 0, 0, 1)), "type 5 end @3 client 0a 00 00 01"},
         {"yiaddr over ciaddr", options("35 01 05 ff", ip4(10, 0, 0, 1), ip4(10, 0, 0, 2)), "type 5 end @3 client 0a 00 00 02"},
         {"the requested address over both", options("32 04 0a 01 01 05 ff", ip4(10, 0, 0, 1), ip4(10, 0, 0, 2)), "end @6 client 0a 01 01 05"},
         {"a requested 0.0.0.0 leaves the choice", options("32 04 00 00 00 00 ff", ip4(10, 0, 0, 1)), "end @6 client 0a 00 00 01"},
         {"0.0.0.1 is an address", options("32 04 00 00 00 01 ff"), "end @6 client 00 00 00 01"},
-        {"the last requested address", options("32 04 0a 00 00 07 32 04 0a 00 00 08 ff"), "end @12 client 0a 00 00 08"},
     });
 }
 
