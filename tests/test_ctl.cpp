@@ -1,21 +1,87 @@
-// The client without a daemon: the bytes of its requests, what it makes of replies of any kind, what it prints, and the socket
-// between. Expected bytes are laid out by hand from the layout in adr.h: three words of marker 0, type 2, length 4, value; index
-// header 1 and count; index items of type, length, value; data header 3, type, length, value.
+// The client: the bytes of its requests, what it makes of replies of any kind, what it prints; then against the daemon itself, its
+// command server's core called in place of the socket. Expected bytes are laid out by hand from the layout in adr.h: three words of
+// marker 0, type 2, length 4, value; index header 1 and count; index items of type, length, value; data header 3, type, length, value.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <functional>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <thread>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <unistd.h>
 
-#include "ctl_run.h"
+#include "command.h"
+#include "dhcpsnoop_cmd.h"
 #include "frame.h"
+#include "world.h"
 
 namespace
 {
+
+// Indexes that have no name in any network namespace: two ports and the VLAN interface of VLAN 10.
+constexpr uint32_t PORT_A = 500000001, PORT_B = 500000002, VLAN_IF = 500000003;
+const std::string A = "interface 500000001 ", B = "interface 500000002 ";
+
+struct Ran {
+    ExitStatus status;
+    std::string out, err;
+    std::vector<Bytes> requests; // bodies
+};
+
+Bytes inDaemon(const Bytes &body)
+{
+    Bytes buffer = body;
+    buffer.resize(dhcpsnoop_cmd_process(buffer.data(), static_cast<uint32_t>(body.size())));
+    return buffer;
+}
+
+// A line of the client; one that begins with "load:" stands in a file that is loaded, with the words behind " @ ".
+Ran run(const std::string &line, const Exchange &exchange = inDaemon)
+{
+    const bool loads = line.starts_with("load:");
+    const std::string name = testing::TempDir() + "load-" + std::to_string(getpid());
+    const size_t options = line.find(" @ ");
+    if (loads)
+        std::ofstream(name) << line.substr(5, options - 5);
+    std::istringstream stream(!loads ? line : "load " + name + (options != std::string::npos ? line.substr(options + 2) : ""));
+    const Words words{std::istream_iterator<std::string>(stream), {}};
+    Ran ran;
+    std::ostringstream out, err;
+    const Daemon daemon([&](const Bytes &body) { return ran.requests.push_back(body), exchange(body); });
+    ran.status = runClient(words, daemon, out, err);
+    ran.out = out.str();
+    ran.err = err.str();
+    std::remove(name.c_str());
+    return ran;
+}
+
+std::vector<std::string> parts(const std::string &text) // separated by ';'
+{
+    std::vector<std::string> all;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, ';');)
+        all.push_back(part);
+    return all;
+}
+
+void start()
+{
+    world.reset();
+    world.access(PORT_A, 10);
+    world.trunk(PORT_B, {10, 20});
+    world.vlan_interface(VLAN_IF, 10);
+    world.vlan_interface(VLAN_IF + 1, 5);
+    world.access(VLAN_IF + 2, 10);
+    world.refuse("qorIfSetApi 500000005 305", 19);
+}
+
+void must(const std::string &lines, const std::string &before = "")
+{
+    for (const std::string &line : parts(lines)) {
+        const Ran ran = run(before + line);
+        EXPECT_EQ(ran.status, EXIT_DONE) << line << ": " << ran.err;
+    }
+}
 
 std::string hexOf(const Bytes &bytes)
 {
@@ -65,27 +131,55 @@ const std::tuple<const char *, const char *, std::vector<std::string>> REQUESTS[
     {"an IPv6 binding is bound; unbound; deleted", "binding bind 2001:db8::1;binding unbind 10.0.0.5;binding delete 10.0.0.5", {body("0a", "09", "0103 00000102 000003000000 00001020010db8000000000000000000000001" + ON), body("0a", "09", KEY + word("2")), body("0a", "09", KEY + word("6"))}},
 };
 
-// What the peer answers to each of the lines, separated by ';', and a part of what is said; no peer is asked about a line that
-// is wrong.
+#define EMPTY "ADDRESS  MAC  VLAN  INTERFACE  TYPE  STATE  LEASE  LEFT\n"
+#define TABLE "ADDRESS   MAC                VLAN  INTERFACE  TYPE    STATE  LEASE    LEFT\n"
+#define ROW "10.0.0.5  02:00:00:00:00:ab  10    500000001  static  bound  forever  forever\n"
+const std::string LOADED = "dhcpsnoopctl enterprise-number 32473\ndhcpsnoopctl server-learning on\ndhcpsnoopctl interface 500000002 snooping on\n", NEW = LOADED.substr(0, LOADED.find('\n') + 1);
 const struct {
     const char *claim;
-    std::string line;
+    std::string before, lines; // separated by ';'
     std::vector<std::string> replies;
     ExitStatus status;
-    const char *err, *out = "";
+    std::string said;
+    std::string after = "", out = ""; // a line that shows it; all that is printed
 } ROWS[] = {
-    {"no command, no such command, interface or setting", ";shwo interfaces;interface no-such-port trust on;interface 0 trust on;interface 7 trsut on", {}, EXIT_USAGE, "Usage: dhcpsnoopctl;unknown command 'shwo interfaces';there is no interface 'no-such-port' here;there is no interface '0';no setting 'trsut' of an interface"},
-    {"a value out of its range", "interface 7 trust yes;interface 7 option82-mode 16;interface 7 max-users 65536;enterprise-number 4294967296;interface 7 relay-address 10.0.0.256", {}, EXIT_USAGE, "trust takes: on|off;a number from 0 to 15;a number from 0 to 65535, not '65536';not '4294967296';'10.0.0.256' is not an IPv4 address"},
-    {"a text too long", "interface 7 circuit-id text " + std::string(129, 'x'), {}, EXIT_USAGE, "129 bytes are too long"},
-    {"a text or a list of options that is wrong", "interface 7 circuit-id hex abc;interface 7 circuit-id template 100%;vlan 4095 snooping on;binding add 10.0.0.5 mac 02:00:00:00:00:01;show bindings vlan", {}, EXIT_USAGE, "not a row of hexadecimal bytes;a letter must follow;from 1 to 4094;mac, vlan and interface are needed;'vlan' lacks its value"},
-    {"check items", "guard interface 7;guard vlan 10 ip off;guard vlan 10 exempt;arp-inspection vlan 4095 ip", {}, EXIT_USAGE, "which check items?;'off' is no check item;not a VLAN;from 1 to 4094"},
-    {"one byte short; one byte long; another function's; another command's; a word of type 3; no data header; bytes for a number; a number of 3 bytes; a value past the reply", "show vlans;show vlans;show vlans;show vlans;show vlans;show vlans;show vlans;show vlans;show vlans", {vlanFirst("03020004 000000"), vlanFirst("03020004 0000000a 00"), body("0e", "00", "0101 02000400000000 03020004 0000000a"), body("0d", "01", "0101 02000400000000 03020004 0000000a"), "00030004" + vlanFirst("03020004 0000000a").substr(8), vlanFirst("01020004 0000000a"), vlanFirst("03000004 0000000a"), vlanFirst("03020003 0000000a"), vlanFirst("03020005 0000000a")}, EXIT_NO_DAEMON, "does not belong to the request;does not belong to the request;does not belong;does not belong;does not belong;the value is not there;the value is not there;a number of 3 bytes;longer than the reply"},
-    {"a list with one VLAN and its limit", "show vlans", {vlanFirst("03020004 00000001"), vlanNext(OFF, "ffffffff"), vlanUsers("03020004 00000007")}, EXIT_DONE, "", "VLAN  MAX-USERS\n1     7\n"},
-    {"a VLAN gone before it is asked for is left out", "show vlans", {vlanFirst("03020004 00000001"), vlanNext(OFF, "ffffffff"), vlanUsers(OFF, "03e80002")}, EXIT_DONE, "", "VLAN  MAX-USERS\n"},
-    {"a VLAN that is none", "show vlans", {vlanFirst("03020004 00000fff"), body("0e", "00", "0101 020004 00000fff" + OFF, "ffffffff")}, EXIT_NO_DAEMON, "malformed reply: 4095 is no VLAN"},
-    {"an empty reply; a refusal that has a name; a text refused after its format was taken; an entry that was there before is not removed; the trap is not taken away from under a daemon; whatever it answers", "show vlans;vlan 10 max-users 5;interface 16909060 circuit-id text x;binding add 10.0.0.5 unbound;platform release;platform release", {"", body("0f", "01", "0101 020004 0000000a 03020004 00000005", "03e80004"), ifSet("1e", word("3")), body("05", "05", IF + std::string("03000003 010178"), "03e8000d"), body("0a", "09", KEY + word("4"), "03e80003"), body("02", "01", NONE + ON), body("02", "01", NONE + ON, "03e80010")}, EXIT_REFUSED, "could not decode the request;vlan 10 max-users: refused, NM_HW_REFUSED (0x3E80004): the hardware layer refused the change;NM_BAD_LENGTH (0x3E8000D): the value is too short or too long, or has no room (its format is set, its text is not);NM_EXISTS;a daemon is running;a daemon is running"},
-    {"a list that stands still", "show vlans", {vlanFirst("03020004 00000001"), vlanNext("03020004 00000001")}, EXIT_NO_DAEMON, "does not go forward"},
-    {"a list of bindings that stands still; a binding of neither family; a key whose pieces have other lengths; four relay servers of one interface", "show bindings;show bindings;show bindings;show servers", {body("08", "00", ANY_KEY + IPV4_ZERO), body("0c", "01", ANY_KEY + OFF, "03e80002"), body("09", "00", ANY_KEY + IPV4_ZERO), body("08", "00", ANY_KEY + "03000001 03" + IPV4_ZERO.substr(11)), body("08", "00", ANY_KEY + "03000001 01 03000004 00000000 0300000f 000000000000000000000000000000"), body("11", "00", "0102 020004 00000000 020004 00000000 03020004 00000007 03020004 0a000001"), body("12", "00", "0102 020004 00000000 020004 00000000 03020004 00000007 03020004 0a000002")}, EXIT_NO_DAEMON, "does not go forward;not the key of a binding;not the key of a binding;does not go forward"},
+    {"no command, no such command, interface or setting", "", ";shwo interfaces;interface no-such-port trust on;interface 0 trust on;interface 7 trsut on", {}, EXIT_USAGE, "Usage: dhcpsnoopctl;unknown command 'shwo interfaces';there is no interface 'no-such-port' here;there is no interface '0';no setting 'trsut' of an interface"},
+    {"a value out of its range", "", "interface 7 trust yes;interface 7 option82-mode 16;interface 7 max-users 65536;enterprise-number 4294967296;interface 7 relay-address 10.0.0.256", {}, EXIT_USAGE, "trust takes: on|off;a number from 0 to 15;a number from 0 to 65535, not '65536';not '4294967296';'10.0.0.256' is not an IPv4 address"},
+    {"a text too long", "", "interface 7 circuit-id text " + std::string(129, 'x'), {}, EXIT_USAGE, "129 bytes are too long"},
+    {"a text or a list of options that is wrong", "", "interface 7 circuit-id hex abc;interface 7 circuit-id template 100%;interface 7 circuit-id template %s-%c;vlan 4095 snooping on;binding add 10.0.0.5 mac 02:00:00:00:00:01;show bindings vlan", {}, EXIT_USAGE, "not a row of hexadecimal bytes;a letter must follow;after '%s' must come one of;from 1 to 4094;mac, vlan and interface are needed;'vlan' lacks its value"},
+    {"check items", "", "guard interface 7;guard vlan 10 ip off;guard vlan 10 exempt;arp-inspection vlan 4095 ip", {}, EXIT_USAGE, "which check items?;'off' is no check item;not a VLAN;from 1 to 4094"},
+    {"one byte short; one byte long; another function's; another command's; a word of type 3; no data header; bytes for a number; a number of 3 bytes; a value past the reply", "", "show vlans;show vlans;show vlans;show vlans;show vlans;show vlans;show vlans;show vlans;show vlans", {vlanFirst("03020004 000000"), vlanFirst("03020004 0000000a 00"), body("0e", "00", "0101 02000400000000 03020004 0000000a"), body("0d", "01", "0101 02000400000000 03020004 0000000a"), "00030004" + vlanFirst("03020004 0000000a").substr(8), vlanFirst("01020004 0000000a"), vlanFirst("03000004 0000000a"), vlanFirst("03020003 0000000a"), vlanFirst("03020005 0000000a")}, EXIT_NO_DAEMON, "does not belong to the request;does not belong to the request;does not belong;does not belong;does not belong;the value is not there;the value is not there;a number of 3 bytes;longer than the reply"},
+    {"a list with one VLAN and its limit", "", "show vlans", {vlanFirst("03020004 00000001"), vlanNext(OFF, "ffffffff"), vlanUsers("03020004 00000007")}, EXIT_DONE, "", "", "VLAN  MAX-USERS\n1     7\n"},
+    {"a VLAN gone before it is asked for is left out", "", "show vlans", {vlanFirst("03020004 00000001"), vlanNext(OFF, "ffffffff"), vlanUsers(OFF, "03e80002")}, EXIT_DONE, "", "", "VLAN  MAX-USERS\n"},
+    {"a VLAN that is none", "", "show vlans", {vlanFirst("03020004 00000fff"), body("0e", "00", "0101 020004 00000fff" + OFF, "ffffffff")}, EXIT_NO_DAEMON, "malformed reply: 4095 is no VLAN"},
+    {"an empty reply; a refusal that has a name; a text refused after its format was taken; an entry that was there before is not removed; the trap is not taken away from under a daemon; whatever it answers", "", "show vlans;vlan 10 max-users 5;interface 16909060 circuit-id text x;binding add 10.0.0.5 unbound;platform release;platform release", {"", body("0f", "01", "0101 020004 0000000a 03020004 00000005", "03e80004"), ifSet("1e", word("3")), body("05", "05", IF + std::string("03000003 010178"), "03e8000d"), body("0a", "09", KEY + word("4"), "03e80003"), body("02", "01", NONE + ON), body("02", "01", NONE + ON, "03e80010")}, EXIT_REFUSED, "could not decode the request;vlan 10 max-users: refused, NM_HW_REFUSED (0x3E80004): the hardware layer refused the change;NM_BAD_LENGTH (0x3E8000D): the value is too short or too long, or has no room (its format is set, its text is not);NM_EXISTS;a daemon is running;a daemon is running"},
+    {"a list that stands still", "", "show vlans", {vlanFirst("03020004 00000001"), vlanNext("03020004 00000001")}, EXIT_NO_DAEMON, "does not go forward"},
+    {"a list of bindings that stands still; a binding of neither family; a key whose pieces have other lengths; four relay servers of one interface", "", "show bindings;show bindings;show bindings;show servers", {body("08", "00", ANY_KEY + IPV4_ZERO), body("0c", "01", ANY_KEY + OFF, "03e80002"), body("09", "00", ANY_KEY + IPV4_ZERO), body("08", "00", ANY_KEY + "03000001 03" + IPV4_ZERO.substr(11)), body("08", "00", ANY_KEY + "03000001 01 03000004 00000000 0300000f 000000000000000000000000000000"), body("11", "00", "0102 020004 00000000 020004 00000000 03020004 00000007 03020004 0a000001"), body("12", "00", "0102 020004 00000000 020004 00000000 03020004 00000007 03020004 0a000002")}, EXIT_NO_DAEMON, "does not go forward;not the key of a binding;not the key of a binding;does not go forward"},
+    {"trust without snooping", "", A + "trust on", {}, EXIT_REFUSED, "NM_NO_ENTRY (0x3E80002): no such entry or interface (is snooping off there?"},
+    {"a look at it", "", "show " + A, {}, EXIT_REFUSED, "NM_NO_ENTRY (0x3E80002)"},
+    {"a version", "", A + "version both", {}, EXIT_REFUSED, "interface 500000001 version: refused, NM_NO_ENTRY"},
+    {"a circuit-id without option 82", A + "snooping on", A + "circuit-id text x", {}, EXIT_REFUSED, "option82 on' comes first)"},
+    {"an interface-id without option 18", A + "snooping on", A + "interface-id text x", {}, EXIT_REFUSED, "option18 on' comes first)"},
+    {"a fourth relay server", A + "snooping on;" + A + "server 10.0.0.1 add;" + A + "server 10.0.0.2 add;" + A + "server 10.0.0.3 add", A + "server 10.0.0.4 add", {}, EXIT_REFUSED, "(are all three in use?)"},
+    {"a VLAN without an interface", "", "vlan 99 snooping on", {}, EXIT_REFUSED, "NM_END (0xFFFFFFFF): nothing more, or the VLAN has no interface"},
+    {"a binding that is there", "binding add 10.0.0.5 unbound", "binding add 10.0.0.5 unbound", {}, EXIT_REFUSED, "NM_EXISTS"},
+    {"a port that the platform refuses", "", "interface 500000005 snooping on", {}, EXIT_REFUSED, "result 19 of the platform: No such device (is it no port of the switch"},
+    {"a version that takes no trust away", A + "snooping on;" + A + "trust on", A + "version 4", {}, EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n"},
+    {"a version that takes trust away", A + "snooping on;" + A + "trust on", A + "version both", {}, EXIT_DONE, "took trust away; 'interface 500000001 trust on'"},
+    {"VLANs in order, whatever the order of the interfaces", "vlan 10 snooping on", "vlan 5 snooping on", {}, EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n5     32768\n10    32768\n"},
+    {"all other lines are done; the one that was not is told with its place", "", "load:" + B + "snooping on\n" + A + "trust on\nserver-learning on", {}, EXIT_REFUSED, ":2: interface 500000001 trust: refused, NM_NO_ENTRY", "show config", LOADED},
+    {"a port that is not there, and a wrong value", "", "load:" + B + "snooping on\ninterface swp77 snooping on\n" + B + "trust maybe\nserver-learning on", {}, EXIT_USAGE, ":3: ", "show config", LOADED},
+    {"a quote that is not closed", "", "load:" + B + "snooping on\n" + B + "remote-id text 'x", {}, EXIT_USAGE, ":2: a quote is not closed", "show config", NEW},
+    {"nothing is expanded", "", "load:" + B + "snooping on\n" + B + "remote-id text $(id)", {}, EXIT_USAGE, ":2: ", "show config", NEW},
+    {"nor is it a list of commands", "", "load:" + B + "snooping on\nsnooping on; snooping off", {}, EXIT_USAGE, ":2: ", "show config", NEW},
+    {"a load", "", "load:" + B + "snooping on\nload /dev/null", {}, EXIT_USAGE, ":2: 'load /dev/null' is no command", "show config", NEW},
+    {"the monitor", "", "load:" + B + "snooping on\nmonitor", {}, EXIT_USAGE, ":2: 'monitor' is no command", "show config", NEW},
+    {"no command", "", "load:" + B + "snooping on\ndhcpsnoopctl", {}, EXIT_USAGE, ":2: '' is no command", "show config", NEW},
+    {"what will not be otherwise then is not tried again", "binding add 10.0.0.9 unbound", "load:binding add 10.0.0.9 unbound vlan 7 @ wait 60", {}, EXIT_REFUSED, "NM_EXISTS"},
+    {"nor is a wrong line", "", "load:" + B + "trust maybe @ wait 60", {}, EXIT_USAGE, ":1: "},
+    {"bindings by place, by state", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 10 interface 500000001 mac 02:00:00:00:00:ab", {}, EXIT_DONE, "", "show bindings address 10.0.0.5 type static state bound", TABLE ROW TABLE ROW},
+    {"letters that nobody replaces", A + "snooping on;" + A + "option82 on", A + "circuit-id template %s.%Q.%n", {}, EXIT_DONE, "%Q %n"},
+    {"bindings of another VLAN; by an address too; an address that nobody has", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 11;show bindings address 10.0.0.5 vlan 11;show bindings address 10.0.0.6", {}, EXIT_DONE, "", "", EMPTY},
 };
 // clang-format on
 
@@ -93,8 +187,7 @@ TEST(Ctl, Requests)
 {
     for (const auto &[claim, line, requests] : REQUESTS) {
         std::vector<std::string> asked;
-        std::istringstream lines(line);
-        for (std::string each; std::getline(lines, each, ';');) {
+        for (const std::string &each : parts(line)) {
             const Ran ran = run(each, [](const Bytes &request) { return request; }); // result 0, and the value as it was asked
             for (const Bytes &request : ran.requests)
                 asked.push_back(hexOf(request));
@@ -102,9 +195,38 @@ TEST(Ctl, Requests)
         }
         EXPECT_EQ(asked, requests) << claim;
     }
-    // The interface (command 2) is refused: nothing stays behind.
+}
+
+// What is answered to each of the lines, by these replies in turn or, without any, by the daemon; and a part of what is said. A
+// file's lines are one. No peer is asked about a line that is wrong.
+TEST(Ctl, Lines)
+{
+    for (const auto &row : ROWS) {
+        const bool loads = row.lines.starts_with("load:");
+        const Exchange exchange = row.replies.empty() ? Exchange(inDaemon) : replies(row.replies);
+        start();
+        must(row.before);
+        std::istringstream errors(row.said);
+        for (const std::string &line : loads ? std::vector{row.lines} : parts(row.lines)) {
+            SCOPED_TRACE(row.claim + (": " + line));
+            std::string error;
+            std::getline(errors, error, ';');
+            const Ran ran = run(line, exchange);
+            EXPECT_EQ(ran.status, row.status) << ran.err;
+            EXPECT_NE(ran.err.find(error), std::string::npos) << ran.err;
+            EXPECT_EQ(ran.err.empty(), error.empty()) << ran.err;
+            EXPECT_EQ(ran.status == EXIT_NO_DAEMON, ran.err.find("malformed reply: ") != std::string::npos) << ran.err;
+            EXPECT_EQ(ran.out + (row.after.empty() ? "" : run(row.after).out), row.out);
+            EXPECT_LE(ran.requests.size(), row.status == EXIT_USAGE && !loads ? 0u : 19u);
+        }
+        EXPECT_EQ(world_check_tables(), "") << row.claim;
+    }
+}
+
+TEST(Ctl, BindingRefusedHalfwayLeavesNothingBehind)
+{
     const Ran ran = run("binding add 10.0.0.5 mac 02:00:00:00:00:01 vlan 10 interface 16909060", [](Bytes asked) {
-        if (asked[23] == 2)
+        if (asked[23] == 2) // the interface
             asked[12] = 0x03, asked[13] = 0xE8, asked[15] = 0x04;
         return asked;
     });
@@ -121,40 +243,7 @@ TEST(Ctl, OneBindingIsLookedUp)
         std::copy(item.begin(), item.end(), reply.begin() + 55);
         return reply;
     };
-    const std::string heading = "ADDRESS  MAC  VLAN  INTERFACE  TYPE  STATE  LEASE  LEFT\n";
     EXPECT_EQ(run("show bindings address 10.0.0.5 type dynamic state bound", daemon).out, "ADDRESS   MAC                VLAN  INTERFACE  TYPE     STATE  LEASE  LEFT\n10.0.0.5  02:00:00:00:00:ab  10    16909060   dynamic  bound  3600   3590\n");
-    EXPECT_EQ(run("show bindings address 10.0.0.5 vlan 11", daemon).out, heading);
-    EXPECT_EQ(run("show bindings address 10.0.0.5", [](Bytes reply) { return reply[12] = 3, reply[13] = 0xE8, reply[15] = 2, reply; }).out, heading);
-}
-
-TEST(Ctl, Answers)
-{
-    for (const auto &row : ROWS) {
-        const Exchange exchange = replies(row.replies);
-        std::istringstream lines(row.line), errors(row.err);
-        for (std::string line, error; std::getline(lines, line, ';');) {
-            std::getline(errors, error, ';');
-            SCOPED_TRACE(row.claim + (": " + line));
-            const Ran ran = run(line, exchange);
-            EXPECT_EQ(ran.status, row.status);
-            EXPECT_NE(ran.err.find(error), std::string::npos) << ran.err;
-            EXPECT_EQ(ran.err.empty(), error.empty()) << ran.err;
-            EXPECT_EQ(ran.status == EXIT_NO_DAEMON, ran.err.find("malformed reply: ") != std::string::npos) << ran.err;
-            EXPECT_EQ(ran.out, row.out);
-            EXPECT_TRUE(row.status != EXIT_USAGE || ran.requests.empty());
-        }
-    }
-    EXPECT_EQ(run("platform release", [](const Bytes &) -> Bytes { throw NoDaemon("does not answer in time"); }).status, EXIT_NO_DAEMON);
-}
-
-// The daemon has the same rule (dhcpsnoop_format_check over the text and its terminating NUL).
-TEST(Ctl, Templates)
-{
-    for (const char *good : {"", "%s", "%s.%c", "%1", "%%s", "%s)", "%s>%d", "%Q", "%s. %c", "%@", "%`x", "%{x"})
-        EXPECT_FALSE(templateFault(good)) << good;
-    for (const char *bad : {"%sx", "%s-%c", "%", "100%", "%%", "%s%c", "%s,", "%z\xC3"})
-        EXPECT_TRUE(templateFault(bad)) << bad;
-    EXPECT_EQ(templateUnknown("%s.%Q.%n"), "%Q %n");
 }
 
 // Every command survives a reply of the right frame whose other bytes, or whose length, are anything.
@@ -201,112 +290,58 @@ TEST(Ctl, WordsReadBack)
     }
 }
 
-// A listening socket of the test's own whose one connection `serve` gets.
-class Listener
+TEST(Ctl, SettingsAreReadBackAndRebuilt)
 {
-  public:
-    explicit Listener(const std::function<void(int)> &serve) : listening_(listenAt(path)), thread_(&Listener::run, this, serve) {}
-    ~Listener()
-    {
-        shutdown(listening_, SHUT_RDWR);
-        thread_.join();
-        close(listening_);
-        unlink(path.c_str());
-    }
-    static int listenAt(const std::string &path)
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        const int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (bind(sock, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 || listen(sock, 1) != 0)
-            std::abort();
-        return sock;
-    }
-    const std::string path = "/tmp/ctl_test." + std::to_string(getpid());
-
-  private:
-    void run(const std::function<void(int)> &serve) const
-    {
-        const int connection = accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection < 0)
-            return;
-        serve(connection);
-        close(connection);
-    }
-    int listening_;
-    std::thread thread_;
-};
-
-// What the client sends, taken as the daemon takes it: the length, then the body in one receive. Then the answer in pieces,
-// because a stream keeps no boundaries.
-Bytes answered(int connection, uint32_t length, const Bytes &bytes)
-{
-    uint32_t asked = 0;
-    EXPECT_EQ(recv(connection, &asked, sizeof asked, 0), 4);
-    Bytes request(asked), framed(sizeof length);
-    EXPECT_EQ(recv(connection, request.data(), asked, 0), static_cast<ssize_t>(asked));
-    std::memcpy(framed.data(), &length, sizeof length);
-    for (const uint8_t byte : framed + bytes)
-        EXPECT_EQ(send(connection, &byte, 1, MSG_NOSIGNAL), 1);
-    return request;
+    start(); // and every setting at a value that it does not have at first
+    must("server-learning on;enterprise-number 4711;hardware-notify on;snooping on");
+    must("snooping on;version both;trust on;option82 on;option82-policy drop;option82-mode 9;circuit-id template %s.%c.%d:%N", A);
+    must("remote-id raw type 4 hex 00ff27;subopt9 on;subopt9-text it's;option18 on;interface-id format 1 text %s;option37 on", A);
+    must("remote-id6 text switch-7;source-mac-check on;binding-check on;max-users 50;relay-address 10.0.0.1;flag14 on;setting21 65535", A);
+    must("relay-server 192.0.2.1 add;relay-server 192.0.2.2 add;relay-server 192.0.2.3 add", A);
+    must("snooping on;option82 on;circuit-id global text x;remote-id generated", B);
+    must("vlan 10 snooping on;vlan 10 max-users 7;binding add 10.0.0.5 mac 02:00:00:00:00:05 vlan 10 " + A + "attribute 3");
+    must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound");
+    must("binding add 10.0.0.6 mac 02:00:00:00:00:07 unbound;binding bind 10.0.0.6"); // in force without VLAN and interface
+    auto shown = nlohmann::json::parse(run("show " + A + "--json").out);
+    shown.erase("users");
+    EXPECT_EQ(shown, nlohmann::json::parse(R"({
+        "interface": "500000001", "index": 500000001, "snooping": true, "version": "both", "trust": true,
+        "option82": true, "option82-policy": "drop", "option82-mode": "9",
+        "circuit-id": {"format": "template", "text": "%s.%c.%d:%N", "hex": "25732e25632e25643a254e"},
+        "remote-id": {"format": "raw", "type": 4, "hex": "00ff27"},
+        "subopt9": true, "subopt9-text": {"text": "it's", "hex": "69742773"},
+        "option18": true, "interface-id": {"format": "1", "text": "%s", "hex": "2573"},
+        "option37": true, "remote-id6": {"format": "typed", "type": 1, "text": "switch-7", "hex": "7377697463682d37"},
+        "source-mac-check": true, "binding-check": true, "max-users": 50, "relay-address": "10.0.0.1",
+        "relay-servers": ["192.0.2.1", "192.0.2.2", "192.0.2.3"], "flag14": true, "setting21": 65535,
+        "dropped-untrusted": 0, "dropped-source-mac": 0, "dropped-binding": 0})"));
+    const auto all = [] { return run("show config").out + run("show interfaces --json").out + run("show global").out + run("show bindings").out; };
+    const std::string before = all(), config = run("show config").out;
+    start();
+    EXPECT_EQ(run("show interfaces --json").out, "[]\n");
+    must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound"); // as from a journal
+    must("load:# settings\n\n" + config);
+    must("load:" + config); // all of it there already
+    EXPECT_EQ(all(), before);
+    // What the daemon forgets with a switch, the client must not give back.
+    must("option82 off;option18 off;option37 off", A);
+    for (const char *gone : {"option82 on", "option82-policy", "circuit-id", "remote-id", "subopt9", "option18", "interface-id", "option37"})
+        EXPECT_EQ(run("show config").out.find(A + gone), std::string::npos) << gone;
 }
 
-std::string exchanged(const std::string &path)
+TEST(Ctl, LoadWaitsForADaemon)
 {
-    try {
-        return hexOf(socketExchange(path, std::chrono::milliseconds(200))(Bytes(30, 7)));
-    } catch (const NoDaemon &error) {
-        return error.what();
-    }
-}
-
-TEST(CtlSocket, Peers)
-{
-    Bytes request;
-    const std::tuple<const char *, std::function<void(int)>, const char *> rows[] = {
-        {"one request and its reply", [&](int c) { request = answered(c, 5, {1, 2, 3, 4, 5}); }, "0102030405"},
-        {"does not answer", [](int c) { char byte; recv(c, &byte, 1, MSG_WAITALL | MSG_PEEK); std::this_thread::sleep_for(std::chrono::milliseconds(400)); }, "did not answer in time"},
-        {"never stands still and never ends", [](int c) { for (answered(c, 1000, {}); send(c, "", 1, MSG_NOSIGNAL) == 1;) std::this_thread::sleep_for(std::chrono::milliseconds(20)); }, "did not answer in time"},
-        {"closes without an answer", [](int c) { Bytes bytes(34); recv(c, bytes.data(), bytes.size(), MSG_WAITALL); }, "closed the connection without a whole answer"},
-        {"gives a length past any reply", [](int c) { answered(c, 1521, {}); }, "a length of 1521 bytes"},
-        {"gives the greatest length", [](int c) { answered(c, UINT32_MAX, {}); }, "a length of 4294967295 bytes"},
-        {"gives less than it says", [](int c) { answered(c, 40, Bytes(39)); }, "without a whole answer"},
+    start();
+    int attempts = 0;
+    const auto late = [&](const Bytes &body) {
+        if (++attempts < 3)
+            throw NoDaemon("not yet");
+        return inDaemon(body);
     };
-    for (const auto &[claim, serve, outcome] : rows) {
-        const Listener listener(serve);
-        const std::string text = exchanged(listener.path);
-        EXPECT_NE(text.find(outcome), std::string::npos) << claim << ": " << text;
-    }
-    EXPECT_EQ(request, Bytes(30, 7));
-}
-
-TEST(CtlSocket, NobodyListens)
-{
-    EXPECT_EQ(exchanged("/tmp/ctl_test.nobody/socket"), "no daemon is listening on /tmp/ctl_test.nobody/socket");
-    const std::string path = "/tmp/ctl_test.stale." + std::to_string(getpid());
-    close(Listener::listenAt(path)); // a socket file that outlived its daemon
-    EXPECT_EQ(exchanged(path), "no daemon is listening on " + path);
-    unlink(path.c_str());
-    EXPECT_THROW(socketExchange(std::string(200, 'x'))(Bytes(30)), UsageError);
-}
-
-TEST(CtlSocket, OthersThanRoot)
-{
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs root, to become another user";
-    Listener listener([](int) {});
-    chmod(listener.path.c_str(), 0600);
-    // Somebody else has taken the daemon's place, as anybody can in /tmp.
-    const std::string taken = "/tmp/ctl_test.impostor." + std::to_string(getpid());
-    ASSERT_EQ(seteuid(65534), 0);
-    const int impostor = Listener::listenAt(taken);
-    const std::string error = exchanged(listener.path);
-    ASSERT_EQ(seteuid(0), 0);
-    EXPECT_NE(error.find("the daemon serves root only"), std::string::npos) << error;
-    EXPECT_EQ(exchanged(taken), taken + " is served by user 65534, not by root: not trusted");
-    close(impostor);
-    unlink(taken.c_str());
+    EXPECT_EQ(run("load:server-learning on @ wait 10", late).status, EXIT_DONE);
+    EXPECT_NE(run("show config").out.find("dhcpsnoopctl server-learning on\n"), std::string::npos);
+    attempts = 0;
+    EXPECT_EQ(run("load:server-learning on", late).status, EXIT_NO_DAEMON);
 }
 
 } // namespace
