@@ -108,13 +108,16 @@ std::string describe(const DaemonEvents &events)
     const std::map<uint32_t, std::string> attributes = {{0x260008, " joined"}, {0x340008, " + "}, {0x350008, " - "}};
     std::string text;
     for (const DaemonEvent &event : events) {
-        uint32_t words[10] = {}; // length, type, …, 5: index, …, 8: attribute and its length, its value
+        uint32_t words[10] = {}; // length, type, …, 4: of the guard's a port and items, 5: of a link its index, …, 8: attribute, its value
         memcpy(words, event.bytes.data(), event.length);
-        const auto known = attributes.find(words[1] == 16 && event.length == 40 ? words[8] : 0);
-        const bool gone = words[1] == 17 && event.length == 32;
-        text += std::to_string(words[5]) + (gone ? " gone" : known != attributes.end() ? known->second
-                                                                                       : "unknown");
-        text += (words[8] > 0x260008 ? std::to_string(words[9]) : "") + (words[0] == event.length ? ", " : "wrong length, ");
+        const std::string type = std::to_string(words[1]), link = std::to_string(words[5]);
+        if (type == "16" && event.length == 40 && attributes.count(words[8]) != 0)
+            text += link + attributes.at(words[8]) + (words[8] == 0x260008 ? "" : std::to_string(words[9]));
+        else if (type == "17" && event.length == 32)
+            text += link + " gone";
+        else if (event.length == 16 || event.length == 24)
+            text += type + (event.length == 16 ? "" : " " + std::to_string(words[4]) + ":" + hex({event.bytes[20]}));
+        text += words[0] == event.length ? ", " : " of the wrong length, ";
     }
     return text;
 }

@@ -14,5 +14,6 @@ Bytes link_message(const std::string &words);
 std::string describe(const platform_linux::Port &port);
 std::string describe(const std::map<uint32_t, platform_linux::Port> &ports); // separated by "; "
 
-// "7 joined, 9 + 7, 9 - 7, 7 gone, ": a port joins an aggregate; the aggregate 9 gets it, loses it; a device goes.
+// "7 joined, 9 + 7, 9 - 7, 7 gone, ": a port joins an aggregate; the aggregate 9 gets it, loses it; a device goes. "198 7:80, 124, ": the
+// guard's, of a port with its items or of nothing.
 std::string describe(const platform_linux::DaemonEvents &events);
