@@ -64,7 +64,7 @@ TEST(CtlSocket, Peers)
     };
     const int listening = listenAt(PATH);
     for (const auto &[claim, serve, outcome] : rows) {
-        std::thread peer([listening, &serve] {
+        std::thread peer([listening, &serve = serve] {
             const int connection = accept(listening, nullptr, nullptr);
             serve(connection);
             close(connection);
