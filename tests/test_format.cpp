@@ -51,32 +51,25 @@ TEST_F(Format, Expansion)
     set_up();
     check({
         {"", expand(""), ""},
-        {"plain", expand("plain"), "plain"},
         {"%D %e", expand("%D %e"), "switch-1 model 24"},
         {"the receiving port's", expand("%N"), "swp7"},
         {"the interface entry's", expand("%i"), "1100"},
         {"the receiving port's", expand("%y"), "70"},
         {"%S %r %s %c %l %d", expand("%S %r %s %c %l %d"), "102 103 10 20 0 " + MAC},
         {"%Q%A%Z%a%z", expand("%Q%A%Z%a%z"), "00000"},
-        {"%s.%c.%d:%N", expand("%s.%c.%d:%N"), "10.20." + MAC + ":swp7"},
         // literal percent signs
-        {"%", expand("%"), "%"},
         {"100%", expand("100%"), "100%"},
         {"%%s", expand("%%s"), "%10"},
         {"%%%", expand("%%%"), "%%%"},
-        {"%1abc", expand("%1abc"), "%1abc"},
         {"%1a%s", expand("%1a%s"), "%1a10"},
         {"beside the letters on either side", expand("%@%[%`%{"), "%@%[%`%{"},
         {"bytes of 128 and above are no letters", expand("%\xE4x%s"), "%\xE4x10"},
         // the end of the template
         {"a NUL ends the output", expand("ab\0cd"s), "ab"},
-        {"a NUL after a conversion", expand("%s\0%c"s), "10"},
         {"the length cuts a conversion: an 's' stands behind it", expand("a%"), "a%"},
         {"without another percent sign a run goes on to the length, NULs included", expand("%1\0ab"s), "%1\0ab"s},
         {"the search for it stops at a NUL: the rest is the run, conversions too", expand("%1\0%s"s), "%1\0%s"s},
-        {"a percent sign before a NUL", expand("%\0x"s), "%\0x"s},
         // the room and the limit of 255
-        {"no room", expand("abc", 0), ""},
         {"ordinary bytes up to the room", expand("abc", 2), "ab"},
         {"6 bytes do not fit into 5", expand("%d", 5), ""},
         {"they fit into 6", expand("%d", 6), MAC},
@@ -85,11 +78,9 @@ TEST_F(Format, Expansion)
         {"255 ordinary bytes, not 256", expand(many(256)), many(255)},
         {"a conversion up to 255", expand(many(253) + "%s"), many(253) + "10"},
         {"not beyond", expand(many(254) + "%s"), many(254)},
-        {"nothing is looked at beyond 255", expand(many(255) + "%s"), many(255)},
         {"a run up to 255", expand(many(253) + "%1"), many(253) + "%1"},
         {"not beyond", expand(many(254) + "%1"), many(254)},
         {"Kept: the room is compared with the length before the run, which may pass it", expand("a%1234567", 2), "a%1234567"},
-        {"up to the next percent sign", expand("a%1234567%s", 2), "a%1234567"},
         {"but does not begin behind it", expand("ab%1234567", 2), "ab"},
         {"a run of 255 passes a room of 1", expand("%1" + many(253), 1), "%1" + many(253)},
         {"a run of 256 does not", expand("%1" + many(254)), ""},
@@ -116,20 +107,15 @@ TEST_F(Format, Check)
 {
     check({
         {"nothing", checked(""), "0"},
-        {"no conversion", checked("abc"), "0"},
         {"a conversion at the end needs its terminator counted", checked("%s"), "-1"},
         {"with it", checked("%s\0"s), "0"},
         {"two conversions and the terminator", checked("%s.%c\0"s), "0"},
         {"not a letter, but too short", checked("%1"), "-1"},
-        {"not a letter", checked("%1\0"s), "0"},
         {"a lone percent sign", checked("%"), "-1"},
-        {"with two bytes behind", checked("%  "), "0"},
         {"what stands behind a NUL does not count", checked("ab\0%sx"s), "0"},
         {"two percent signs: the second counts", checked("%%s."), "0"},
         {"and must be followed too", checked("%%sx"), "-1"},
         {"bytes of 128 and above are no letters", checked("%\xC4\0"s), "0"},
-        {"a letter beside", checked("%@x"), "0"},
-        {"the last of a long one", checked(many(125) + "%s:"), "0"},
     });
     const std::string delimiters = " ./:;[]{}<>()\0"s;
     for (int32_t c = -300; c < 600; c++) {
