@@ -14,11 +14,6 @@ const Bytes BOOT = opt(67, text_bytes("boot.bin")), VENDOR = hex_bytes("7d 08 00
 #define HOOKED "deftinstall ip 0a000032 tag 00000000 mac 02 c1 00 00 00 01 one 1 add 1, 256 256 | .50 bound 1/10"
 #define INVALID "Insert option67, len is 256.|option67 len is invalid!|Insert option125, len is 256.|option125 len is invalid!"
 
-void bind(uint32_t address, uint32_t ifIndex, uint32_t server)
-{
-    make_binding(address, MAC_CLIENT, ifIndex, 10)->serverId = server;
-}
-
 const Word WORDS[] = {
     {"members", [] { world.members(10, {1, 9, 2}); }},
     {"members5", [] { world.access(5, 10), world.members(10, {1, 2, 3, 5}); }},
@@ -26,7 +21,7 @@ const Word WORDS[] = {
     {"learning-2", [] { gDhcpsnoop.serverLearn = 2; }},
     {"trusted-vlan-if", [] { snoop(110, DHCPSNOOP_IF_TRUSTED); }},
     {"by-server", [] { binding(HOST)->serverId = SERVER; }},
-    {"two", [] { bind(ip4(0, 0, 0, 2), 3, SERVER), bind(ip4(0, 0, 0, 1), 1, SERVER + 1); }}, // the second comes first
+    {"two", [] { make_binding(2u, MAC_CLIENT, 3, 10)->serverId = SERVER, make_binding(1u, MAC_CLIENT, 1, 10)->serverId = SERVER + 1; }}, // the second comes first
     {"bound6", [] { make_binding("::1", MAC_CLIENT, 3, 10); }},
     {"relay-of-1", [] { dhcpsnoop_if_lookup(1)->relayAddr = RELAY, dhcpsnoop_if_lookup(1)->serverIp[1] = SERVER, dhcpsnoop_if_lookup(1)->serverIp[2] = ip4(10, 7, 7, 7); }},
     {"mode3", [] { set_flag_field(dhcpsnoop_if_lookup(1), DHCPSNOOP_IF_MODE, 3); }},
@@ -42,12 +37,10 @@ const Word WORDS[] = {
 const Row ROWS[] = {
     // trust
     {"an OFFER of a rogue server", "port3 bound", {.type = OFFER, .arrival = Arrival{.port = 3}}, " | .50 bound 1/10 | 3 drops untrusted 1", UNTRUSTED},
-    {"its ACK binds nothing", "port3 bound", {.type = ACK, .arrival = Arrival{.port = 3}, .lease = 9}, " | .50 bound 1/10 | 3 drops untrusted 1", UNTRUSTED},
     {"its NAK unbinds nothing", "port3 bound by-server", {.type = NAK, .arrival = Arrival{.port = 3}}, " | .50 bound 1/10 by .1 | 3 drops untrusted 1", UNTRUSTED},
     {"on a VLAN interface, trusted or not", "trusted-vlan-if bound", {.type = ACK, .arrival = Arrival{.port = 9, .inIf = 110}}, " | .50 bound 1/10", "Vlan interface do not process the DHCP Reply message!"},
     // learning
     {"a server is learned", "learning", {.type = OFFER}, "1 298 | server .1 2/10"},
-    {"once only", THEN, {.type = OFFER}, "1 298 | server .1 2/10"},
     {"another value is not on", "learning-2", {.type = OFFER}, "1 298"},
     {"no server id", "learning", {.type = OFFER, .server = 0}, "1 292"},
     {"a server behind an untrusted port is learned too", "learning port3", {.type = ACK, .arrival = Arrival{.port = 3}}, " | server .1 3/10 | 3 drops untrusted 1"},
@@ -59,15 +52,11 @@ const Row ROWS[] = {
     {"an ACK without binding, waiting, not relayed", "port3 waiting", {.type = ACK}, "1 298, 3 298 | waits 1", FLOODED(10, 298)},
     {"an ACK without binding, waiting, relayed", "port3 waiting", {.type = ACK, .giaddr = RELAY}, "1 298 | waits 1", UNICAST},
     {"an ACK with a binding never asks who waits", "port3 waiting bound unused", {.type = ACK, .giaddr = RELAY}, "3 298 | .50 bound 1/10 | waits 1", FLOODED(10, 298)},
-    {"an offer is flooded", "port3 bound", {.type = OFFER}, "1 298, 3 298 | .50 bound 1/10", FLOODED(10, 298)},
-    {"an offer for a waiting client", "port3 waiting", {.type = OFFER, .giaddr = RELAY}, "1 298 | waits 1", UNICAST},
     {"an offer for a waiting client in its VLAN", "port3 waiting", {.type = OFFER, .giaddr = RELAY, .arrival = VLAN20}, "1 298 | waits 1", UNICAST},
     {"whose port is not in use: flooded in its VLAN", "port3 port4 waiting unused", {.type = OFFER, .giaddr = RELAY, .arrival = VLAN20}, "3 298 | waits 1", FLOODED(10, 298)},
     {"a relayed offer, nobody waits", "port3", {.type = OFFER, .giaddr = RELAY}, "1 298, 3 298", FLOODED(10, 298)},
-    {"flooded in the VLAN it came in", "port3 port4", {.type = OFFER, .arrival = VLAN20}, "4 298", FLOODED(20, 298)},
     {"flooded to the members of a VLAN interface", "vlan-if members", {.type = OFFER}, "1 298, 9 302, 2 298", FLOODED(10, 298)},
     {"a NAK never asks who waits", "port3 waiting", {.type = NAK, .giaddr = RELAY}, "1 292, 3 292 | waits 1", FLOODED(10, 292)},
-    {"a NAK whose port is not in use: flooded in the binding's VLAN", "port3 port4 bound unused", {.type = NAK, .arrival = VLAN20}, "3 292 | .50 bound 1/10", FLOODED(10, 292)},
     // what a NAK unbinds
     {"of the server of the binding", "port3 bound by-server", {.type = NAK}, "1 292"},
     {"of another server: kept but delivered", "port3 bound by-server", {.type = NAK, .server = SERVER + 1}, "1 292 | .50 bound 1/10 by .1"},
@@ -80,26 +69,19 @@ const Row ROWS[] = {
     {"to the client's address", "relay-of-1 bound", {.type = ACK, .giaddr = RELAY}, "1 298 | .50 bound 1/10", "", {}, "client"},
     {"with the broadcast flag", "relay-of-1 bound", {.type = ACK, .giaddr = RELAY, .flags = 0x8000}, "1 298 | .50 bound 1/10", "", {}, "broadcast"},
     {"other flags do not count", "relay-of-1 bound", {.type = ACK, .giaddr = RELAY, .flags = 0x7FFF}, "1 298 | .50 bound 1/10", "", {}, "client"},
-    {"a second configured server", "relay-of-1 bound", {.type = ACK, .giaddr = RELAY, .server = ip4(10, 7, 7, 7)}, "1 298 | .50 bound 1/10", "", {}, "client"},
-    {"a NAK is broadcast", "relay-of-1 bound", {.type = NAK, .giaddr = RELAY, .address = 0}, "1 292 | .50 bound 1/10", "", {}, "broadcast"},
     {"a NAK is broadcast even with an address", "relay-of-1 bound", {.type = NAK, .giaddr = RELAY}, "1 292 | .50 bound 1/10", "", {}, "broadcast"},
     {"an offer without address is broadcast", "relay-of-1 waiting", {.type = OFFER, .giaddr = RELAY, .address = 0}, "1 298 | waits 1", "", {}, "broadcast"},
-    {"an offer with an address is not", "relay-of-1 waiting", {.type = OFFER, .giaddr = RELAY}, "1 298 | waits 1", "", {}, "client"},
-    {"another relay's reply stays as it is", "relay-of-1 bound", {.type = ACK, .giaddr = RELAY + 1, .flags = 0x8000}, "1 298 | .50 bound 1/10"},
     {"another server's reply stays as it is", "relay-of-1 bound", {.type = ACK, .giaddr = RELAY, .flags = 0x8000, .server = SERVER + 1}, "1 298 | .50 bound 1/10"},
     {"a reply to no relay is none of a port without", "bound", {.type = ACK, .flags = 0x8000}, "1 298 | .50 bound 1/10"},
     {"Kept: a free slot equals a reply without server id", "relay-of-1 bound", {.type = ACK, .giaddr = RELAY, .server = 0}, "1 292 | .50 bound 1/10", "", {}, "client"},
     // option 82
     {"typed, own", "option82 mode3 bound", {.type = ACK, .more = TYPED}, "1 298 | .50 bound 1/10", "", Bytes{}},
     {"raw, own", "option82 mode4 bound", {.type = ACK, .more = RAW}, "1 298 | .50 bound 1/10", "", Bytes{}},
-    {"typed read as raw", "option82 mode4 bound", {.type = ACK, .more = TYPED}, "1 313 | .50 bound 1/10"},
     {"another's remote-id", "option82 mode3 bound", {.type = ACK, .more = FOREIGN}, "1 310 | .50 bound 1/10"},
     {"option 82 processing is off", "mode3 bound", {.type = ACK, .more = TYPED}, "1 313 | .50 bound 1/10"},
     {"mode 5 never strips", "option82 mode5 bound", {.type = ACK, .more = TYPED}, "1 313 | .50 bound 1/10"},
     {"Kept: the global remote-id mode", "option82 global4 bound", {.type = ACK, .more = RAW}, "1 298 | .50 bound 1/10", "", Bytes{}},
-    {"which is not the circuit-id's", "option82 global4 bound", {.type = ACK, .more = TYPED}, "1 313 | .50 bound 1/10"},
     {"the global mode 5", "option82 global5 bound", {.type = ACK, .more = TYPED}, "1 313 | .50 bound 1/10"},
-    {"no remote-id", "option82 mode3 bound", {.type = ACK, .more = opt(82, {1, 1, 'c'})}, "1 303 | .50 bound 1/10"},
     {"a remote-id cut short", "option82 mode3 bound", {.type = ACK, .more = CUT}, "1 309 | .50 bound 1/10"},
     {"a flooded reply keeps its own", "option82", {.type = ACK, .more = TYPED}, "1 313"},
     // options 67 and 125; they come in front of an option 82 that stays
@@ -108,7 +90,6 @@ const Row ROWS[] = {
     {"a length of 0 inserts nothing", "bound empty-boot hook", {.type = ACK}, "1 298, " HOOKED, "!Insert option67, len is 0.|!Insert option125, len is 0."},
     {"Kept: what nothing filled in is still the room, and refused", "bound hook", {.type = ACK}, "1 298, " HOOKED, INVALID},
     {"no hook", "bound boot", {.type = ACK}, "1 298 | .50 bound 1/10", INVALID},
-    {"a NAK gets none", "bound boot hook", {.type = NAK}, "1 292 | .50 bound 1/10", "!Insert option67, len is 8.|!Insert option67, len is 256."},
     {"an offer to a waiting client gets none", "waiting boot hook", {.type = OFFER, .giaddr = RELAY}, "1 298 | waits 1", "!Insert option67, len is 8.|!Insert option67, len is 256."},
 };
 
@@ -130,10 +111,6 @@ TEST_F(Server, RemoteIdAtTheEndOfTheMessage)
         receive(frame, Arrival{.port = 2});
         EXPECT_EQ(sent_frame().size() < frame.bytes().size(), behind == 0);
     }
-    dhcpsnoop_server_packet_recv(nullptr);
-    Parsed parsed(server_frame(ACK), Arrival{.port = 2});
-    parsed.info.ifp = nullptr;
-    dhcpsnoop_server_packet_recv(&parsed.info);
 }
 
 // Whole exchanges, message by message, as a client, a server and the switch between them see them.
@@ -152,9 +129,6 @@ const Row EXCHANGES[] = {
     {"a rogue's ACK", THEN, {.type = ACK, .arrival = Arrival{.port = 3}, .after = 9, .lease = 9}, " | .50 bound 1/10 9s ago hw 80 by .1 | 3 drops untrusted 1"},
     {"to the last second", THEN, {.type = 0, .after = 3589}, " | .50 bound 1/10 3598s ago hw 80 by .1 | 3 drops untrusted 1"},
     {"run out", THEN, {.type = 0, .after = 60}, "hw -1 .50 f0/80 | 3 drops untrusted 1"},
-    {"a request", ALL_CHECKS, {}, "2 314 | .50 asked 1/10"},
-    {"that only a rogue acknowledges", THEN, {.type = ACK, .arrival = Arrival{.port = 3}}, " | .50 asked 1/10 | 3 drops untrusted 1"},
-    {"goes at the next scan", THEN, {.type = 0, .after = 60}, " | 3 drops untrusted 1"},
     // a trunk: nothing of VLAN 20 leaks into VLAN 10
     {"tagged for the server", ALL_CHECKS "tagged2", {}, "2 318 | .50 asked 1/10"},
     {"untagged again", THEN, {.type = ACK, .tags = {{0x8100, 10}}}, "1 298, hw +1 .50 f0/80 | .50 bound 1/10 hw 80"},
@@ -167,11 +141,8 @@ const Row EXCHANGES[] = {
     {"and acknowledged", THEN, {.type = ACK, .giaddr = RELAY, .more = ID82, .server = SECOND, .lease = 600}, "1 298, hw +1 .50 f0/80 | .50 bound 1/10 600s hw 80 by .3", "", Bytes{}, "client"},
     // Port 5 has no snooping of its own, the VLAN interface of its VLAN has: the ACK finds no entry of the port and goes to the whole
     // VLAN, and the binding is bound all the same.
-    {"of a VLAN interface's client", "port3 vlan-if members5", {.type = DISCOVER, .address = 0, .arrival = Arrival{.port = 5, .inIf = 110}}, "2 286"},
-    {"OFFER to its members5", THEN, {.type = OFFER}, "1 298, 2 298, 3 298, 5 298"},
-    {"REQUEST", THEN, {.arrival = Arrival{.port = 5, .inIf = 110}}, "2 292 | .50 asked 5/10"},
-    {"ACK to its members5", THEN, {.type = ACK}, "1 298, 2 298, 3 298, 5 298 | .50 bound 5/10"},
-    {"run out too", THEN, {.type = 0, .after = 3660}, ""},
+    {"REQUEST", "port3 vlan-if members5", {.arrival = Arrival{.port = 5, .inIf = 110}}, "2 292 | .50 asked 5/10"},
+    {"ACK to its members", THEN, {.type = ACK}, "1 298, 2 298, 3 298, 5 298 | .50 bound 5/10"},
 };
 
 TEST_F(Server, Exchanges) { check_rows(EXCHANGES, WORDS); }
