@@ -262,11 +262,12 @@ TEST(BoundedWriter, LinesPassWholeOrAreCounted)
         const uint64_t lost = writer.suppressed();
         put(writer, "last\n");
         text += read_now(reads);
-        std::string right;
+        std::string whole; // behind which one line may be cut
         for (size_t i = lost; i < 400; i++)
-            right += line;
-        right += writes < 0 ? "" : "dhcpsnoop: " + std::to_string(lost) + " lines suppressed\nlast\n";
-        EXPECT_TRUE(lost > 0 && text == right && writer.suppressed() == (writes < 0 ? 401 : 0)) << lost;
+            whole += line;
+        const std::string end = writes < 0 ? "" : "\ndhcpsnoop: " + std::to_string(lost) + " lines suppressed\nlast\n";
+        EXPECT_TRUE(lost > 0 && text.starts_with(whole) && text.ends_with(end) && text.size() < whole.size() + line.size() + end.size()) << lost;
+        EXPECT_EQ(writer.suppressed(), writes < 0 ? 401u : 0u);
     }
 }
 
