@@ -156,19 +156,6 @@ struct World {
         return read(asStream, 1 << 16);
     }
 
-    std::string renew(long times)
-    {
-        uintmax_t longest = 0;
-        for (long i = 0; i < times; i++) {
-            apply(1, true, false, 1500 + i);
-            if (i % 100 != 0)
-                continue;
-            journal->write(table, 1600, false);
-            longest = std::max(longest, std::filesystem::file_size(path));
-        }
-        return longest < (3 << 20) ? "short" : "long";
-    }
-
     std::string size() const
     {
         return text(std::filesystem::file_size(path), "/", journal->size(), " bytes, ", journal->records(), " records", journal->rewritten() < 1700 ? text(" of ", journal->rewritten()) : "", journal->is_dirty() ? ", dirty" : "", journal->has_failed() ? ", failed" : "");
@@ -202,6 +189,7 @@ const std::map<std::string, void (*)(World &, N)> DOES = {
     {"begin", [](World &w, N n) { w.copy.begin(n[0]); }},
     {"end", [](World &w, N n) { w.copy.end(n[0] != 0); }},
     {"disk", [](World &w, N n) { w.disk = unshare(CLONE_NEWNS) == 0 && mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && mount("tmpfs", w.directory.c_str(), "tmpfs", 0, text("size=", n[0]).c_str()) == 0; }},
+    {"renew", [](World &w, N n) { for (long i = 0; i < n[0]; i++) { w.apply(1, true, false, 1500 + i); if (i % 100 == 0) w.journal->write(w.table, 1600, false); } }},
     {"fill-up", [](World &w, N n) { for (long i = 0; !w.journal->has_failed() && i < n[0]; i++) w.apply(i % 100, true, false, i), w.journal->write(w.table, 1500, true); }},
     {"lost", [](World &w, N) { w.copy.lost(); }},
     {"forget", [](World &w, N) { w.copy.forget(); }},
@@ -215,7 +203,6 @@ const std::map<std::string, std::string (*)(World &, N)> TELLS = {
     {"frames", [](World &w, N) { return w.in_pieces(true); }},
     {"open", [](World &w, N) { return w.open(*(w.journal = std::make_unique<Journal>())); }},
     {"second", [](World &w, N) { return w.open(*std::make_unique<Journal>()); }},
-    {"renew", [](World &w, N n) { return w.renew(n[0]); }},
     {"size", [](World &w, N) { return w.size(); }},
     {"kept", [](World &w, N) { return text(std::filesystem::file_size(w.path + ".damaged")); }},
     {"add", [](World &w, N n) { return w.apply(n[0], true); }},
@@ -283,7 +270,7 @@ TEST(Redundancy, PlaysItsRows)
         {"nothing but marks", MARKS + "; read", "0 of 0, 1 damaged"},
         {"a sound record that is none", "44534a31" + std::string(128, '0') + "5843e2ec; read", "0 of 0, 1 damaged"},
         {"two daemons with one journal; the second gets it when the first ends", "open; second; add 1; write; size; write 1; size; close; empty; second; held", "0 held, 0 damaged / /journal is another daemon's: Resource temporarily unavailable / 72/72 bytes, 1 records, dirty / 72/72 bytes, 1 records / 1 held, 0 damaged / 1 held from 1000"},
-        {"40,000 renewals of a lease and a delete stay short", "open; add 2; renew 40000; delete 2; write 1; size; close; empty; open; held", "0 held, 0 damaged / short / 763344/763344 bytes, 10602 records of 1600 / 1 held, 0 damaged / 1 held from 41499"},
+        {"40,000 renewals of a lease and a delete stay short", "open; add 2; renew 40000; delete 2; write 1; size; close; empty; open; held", "0 held, 0 damaged / 763344/763344 bytes, 10602 records of 1600 / 1 held, 0 damaged / 1 held from 41499"},
         {"it goes on behind a torn end", SLOTS + "; keep 154; set 124 4; file; open; size; add 5; write 1; close; empty; open", "1 held, 2 damaged / 72/72 bytes, 1 records of 1500 / 2 held, 0 damaged '/journal: 2 damaged records left out, 1 read'"},
         {"a file of another program is kept", "68656c6c6f; file; open; kept; size", "0 held, 1 damaged / 5 / 0/0 bytes, 0 records of 1500 '/journal: 1 damaged records left out, 0 read' '/journal: kept as /journal.damaged'"},
         {"a full copy deletes what it has not, parked ones only if asked to", "add 0; add 1; add 2; park 3; add 0; copy; add 1; add 9; copied; held; copied 1; held", "same / same / gone -0 -2 / 3 held / gone -3 / 2 held"},
@@ -340,18 +327,14 @@ TEST(RedundancyConf, SaysWhereAndWhatIsWrong)
         {"connect 192.0.2.1:65536\n", "f:1: expected: connect ADDRESS:PORT, an IPv6 address in [brackets]"},
         {"connect 192.0.2.1:0\n", "f:1: expected: connect ADDRESS:PORT, an IPv6 address in [brackets]"},
         {"connect 192.0.2.1:1x\n", "f:1: expected: connect ADDRESS:PORT, an IPv6 address in [brackets]"},
-        {"connect []:1\n", "f:1: expected: connect ADDRESS:PORT, an IPv6 address in [brackets]"},
         {"listen 192.0.2.1:1\nconnect 192.0.2.2:1\n", "f:2: the peer's address is set already: one unit listens, the other connects"},
         {"journal here\n", "f:1: expected: journal /FILE, or journal off"},
-        {"journal off\njournal off\n", "f:2: the journal is set already"},
         {"key b\n", "f:1: 'b' is no absolute path"},
         {"peer a b\n", "f:1: expected: peer NAME"},
         {"key\n", "f:1: expected: key /FILE"},
         {"key /a\nkey /b\n", "f:2: the key is set already"},
         {"keys /a\n", "f:1: 'keys' is none of listen, connect, certificate, key, authority, peer and journal"},
         {FILES, "f:4" + INCOMPLETE},
-        {"peer right\n", "f:1" + INCOMPLETE},
-        {"listen 192.0.2.1:1\n", "f:1" + INCOMPLETE},
         {"listen 192.0.2.1:1\nkey /b\nauthority /c\npeer right\n", "f:4" + INCOMPLETE},
     };
     for (const auto &[file, outcome] : rows)
