@@ -3,6 +3,7 @@
 A test file ends with `labtest.main()`; run alone it takes the build directory and unittest's arguments.
 """
 
+import concurrent.futures
 import contextlib
 import os
 import signal
@@ -32,15 +33,13 @@ def meanwhile(action, threads=1):
         while not ending.wait(0.001):
             action()
 
-    running = [threading.Thread(target=repeat) for _ in range(threads)]
-    for thread in running:
-        thread.start()
-    try:
-        yield
-    finally:
-        ending.set()
-        for thread in running:
-            thread.join()
+    with concurrent.futures.ThreadPoolExecutor(threads) as pool:
+        for _ in range(threads):
+            pool.submit(repeat)
+        try:
+            yield
+        finally:
+            ending.set()
 
 
 class LabTest(unittest.TestCase):

@@ -57,14 +57,11 @@ class Guard(labtest.LabTest):
                   ("a forged address", "", "pc1", ipv4(PC1, OTHER), "| ipv4 1"),
                   ("an address that was only asked for", "", "pc1", ipv4(PC1, ASKED), "| ipv4 1"),
                   ("a forged MAC", "", "pc1", ipv4(OTHER_MAC, self.address), "| ipv4 1"),
-                  ("on another port", "", "rogue", ipv4(PC1, self.address), "| ipv4 1"),
                   ("a static binding's address", "", "rogue", ipv4(ROGUE, STATIC), ROGUE_HEARD),
                   ("in its VLAN, tagged", "", "trunk", tagged(ipv4(TRUNK, "10.0.10.78"), 10), "pc1 rogue server/10"),
-                  ("in another VLAN", "", "trunk", tagged(ipv4(TRUNK, "10.0.10.78"), 20), "| ipv4 1"),
                   ("its own ARP", "", "pc1", arp(PC1, self.address), PC1_HEARD),
                   ("ARP for an address that was only asked for", "", "pc1", arp(PC1, ASKED), "| arp 1"),
                   ("ARP for the gateway", "", "pc1", arp(PC1, "10.0.10.1"), "| arp 1"),
-                  ("ARP for another's MAC", "", "pc1", arp(PC1, self.address, OTHER_MAC), "| arp 1"),
                   ("an ARP probe", "", "pc1", arp(PC1, "0.0.0.0", operation=1), PC1_HEARD),
                   ("a bound IPv6 address", "", "pc1", ipv6(PC1, STATIC6), PC1_HEARD),
                   ("an IPv6 address that was only asked for", "", "pc1", ipv6(PC1, ASKED6), "| ipv6 1"),
@@ -108,8 +105,8 @@ class Guard(labtest.LabTest):
         self.assertEqual([self.verdict(address) for address in ("fe80::99", "fe80::77", "2001:db8:10::99", "2001:db8:10::98")],
                          ["dadfailed", "usable"] * 2)
 
-    def test_under_traffic(self):
-        """Switched; then killed, absent for a time, started and configured: nothing of its own lost, nothing forged let in."""
+    def test_restart_under_traffic(self):
+        """The daemon is killed, absent for a time, started and configured: nothing of the host is lost, nothing forged let in."""
         sender, neighbour = self.endpoint("pc1"), self.endpoint("rogue")
         own, forged, sent = bytes(ipv4(PC1, self.address, b"own")), bytes(ipv4(PC1, OTHER, b"forged")), []
 
@@ -117,13 +114,7 @@ class Guard(labtest.LabTest):
             sender.send(own, forged)
             sent.append(own)
 
-        with labtest.meanwhile(send):
-            for items in (ITEMS, "off", "ip", "ip mac", ITEMS, "port", "off", ITEMS):
-                self.ctl(f"guard interface swp1 {items}")
-                time.sleep(0.05)
-        self.assertEqual(list(iter(neighbour.next, None)).count(own), len(sent))
         self.guard("swp1", "swp5")
-        sent.clear()
         with labtest.meanwhile(send):
             time.sleep(0.1)
             self.switch.daemon.kill()
