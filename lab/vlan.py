@@ -7,16 +7,14 @@ in, drops it unless the port is a member, and adds or removes the tag. A frame t
 
 import ctypes
 import os
-import platform
 import socket
 import struct
 import sys
 
-from isolate import check, libc
+from isolate import check
 
-SYS_BPF = {"x86_64": 321, "aarch64": 280, "ppc64le": 361, "s390x": 351}.get(platform.machine(), 280)
-BPF_PROG_LOAD, BPF_OBJ_PIN, BPF_PROG_TYPE_SCHED_CLS = 5, 6, 3
-PIN_DIRECTORY = "/sys/fs/bpf"
+libbpf = ctypes.CDLL("libbpf.so.1", use_errno=True)
+BPF_PROG_TYPE_SCHED_CLS = 3
 # An instruction's opcode; its second operand is a register, a place in the frame's record, a number or a label.
 LOAD, MOVE, SET, AND, GOTO, IF_EQUAL, IF_OTHER, CALL, EXIT = 0x61, 0xBF, 0xB7, 0x57, 0x05, 0x15, 0x55, 0x85, 0x95
 VLAN_PUSH, VLAN_POP, REDIRECT = 18, 19, 23  # the kernel's functions
@@ -90,15 +88,9 @@ def assemble(program):
 
 def pin(program, name):
     """Loads the program and gives the path under which tc finds it."""
-    code = assemble(program)
-    image, licence = ctypes.create_string_buffer(code), ctypes.create_string_buffer(b"GPL")
-    log, path = ctypes.create_string_buffer(65536), f"{PIN_DIRECTORY}/{name}"
-    load = struct.pack("=IIQQIIQ", BPF_PROG_TYPE_SCHED_CLS, len(code) // 8, ctypes.addressof(image), ctypes.addressof(licence), 1,
-                       len(log), ctypes.addressof(log))
-    loaded = libc.syscall(SYS_BPF, BPF_PROG_LOAD, load, len(load))
-    check(loaded, f"loading {name}: {log.value.decode()}")
-    path_text = ctypes.create_string_buffer(path.encode())
-    object_pin = struct.pack("=QI", ctypes.addressof(path_text), loaded)
-    check(libc.syscall(SYS_BPF, BPF_OBJ_PIN, object_pin, len(object_pin)), f"pinning {name}")
+    code, path = assemble(program), f"/sys/fs/bpf/{name}"
+    loaded = libbpf.bpf_prog_load(BPF_PROG_TYPE_SCHED_CLS, None, b"GPL", code, ctypes.c_size_t(len(code) // 8), None)
+    check(loaded, f"loading {name}")
+    check(libbpf.bpf_obj_pin(loaded, path.encode()), f"pinning {name}")
     os.close(loaded)
     return path
