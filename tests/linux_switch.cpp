@@ -115,9 +115,9 @@ std::string describe(const DaemonEvents &events)
             text += link + attributes.at(words[8]) + (words[8] == 0x260008 ? "" : std::to_string(words[9]));
         else if (type == "17" && event.length == 32)
             text += link + " gone";
-        else if (event.length == 16 || event.length == 24)
-            text += type + (event.length == 16 ? "" : " " + std::to_string(words[4]) + ":" + hex({event.bytes[20]}));
-        text += words[0] == event.length ? ", " : " of the wrong length, ";
+        else
+            text += (words[1] < 100 ? "unknown " : "") + type + (event.length == 16 ? "" : " " + std::to_string(words[4]) + ":" + hex({event.bytes[20]}));
+        text += words[0] == event.length ? ", " : " unknown, ";
     }
     return text;
 }

@@ -1,9 +1,8 @@
-// The Linux platform's switch model: the model file, the kernel's link messages (recorded, made, broken), and the
-// answers that the daemon gets from it.
+// The Linux platform's switch model: the model file, the kernel's link messages (made and broken ones; those of a kernel are in
+// test_linux_host.cpp), and the answers that the daemon gets from it.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
 #include <sched.h>
 #include <sstream>
 #include <unistd.h>
@@ -175,58 +174,14 @@ TEST(Links, Rows)
     }
 }
 
-struct Recorded {
-    std::string command; // "dump": the messages are those of a dump
-    std::vector<Bytes> messages;
-};
-
-std::vector<Recorded> read_recording()
-{
-    std::ifstream file(DHCPSNOOP_TEST_DATA "/links-6.1.txt");
-    std::vector<Recorded> recording;
-    for (std::string line; std::getline(file, line);)
-        if (line.starts_with("$ "))
-            recording.push_back({line.substr(2), {}});
-        else if (!line.starts_with("#"))
-            recording.back().messages.push_back(hex_bytes(line));
-    return recording;
-}
-
-// After a dump, a model that was seeded by it alone equals the model that was told of every change.
-TEST(Links, RecordedOnAKernelWithVlanAwareBridges)
-{
-    if constexpr (std::endian::native != std::endian::little)
-        GTEST_SKIP() << "the recording is of a little-endian machine";
-    SwitchModel followed;
-    DaemonEvents events, none;
-    std::string dumps;
-    for (const auto &[command, messages] : read_recording()) {
-        const bool isDump = command == "dump";
-        SwitchModel seeded;
-        for (SwitchModel *model : {&followed, &seeded}) {
-            if (isDump)
-                model->dump_begin();
-            for (const Bytes &message : messages)
-                model->feed(message, model == &followed ? events : none);
-            if (isDump)
-                model->dump_end(true, events);
-        }
-        if (isDump) {
-            EXPECT_EQ(describe(seeded.ports()), describe(followed.ports()));
-            dumps += describe(followed.ports()) + " | ";
-        }
-    }
-    EXPECT_EQ(dumps, "swp1#1 10 t u10 up listening; swp2#2 1 t20-29,100 u1 down disabled; br0.10#10 =10 down forwarding | br0.10#10 =10 down forwarding; bond0#1 1 t u1 aggregate down disabled | ");
-    EXPECT_EQ(describe(followed.ports()) + describe(events), "7 joined, 9 + 7, 9 - 7, 7 joined, 9 + 7, 9 - 7, 7 gone, 11 joined, 10 + 11, 10 - 11, 10 gone, 8 gone, 4 gone, ");
-}
-
 // Whatever the bytes, nothing outside them is read (sanitizers watch) and the daemon gets whole messages only.
 TEST(Links, BrokenMessages)
 {
     SwitchModel model, scratch;
     DaemonEvents events;
-    for (const Recorded &step : read_recording())
-        for (const Bytes &message : step.messages) {
+    for (const auto &row : LINK_ROWS)
+        for (const std::string &words : parts(std::string(row.before) + ";" + row.messages, ';')) {
+            const Bytes message = link_message(words);
             const std::map<uint32_t, Port> before = model.ports();
             for (size_t length = 0; length < message.size(); length++) {
                 Bytes cut(message.begin(), message.begin() + static_cast<ptrdiff_t>(length)), broken = message;
