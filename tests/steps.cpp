@@ -194,20 +194,14 @@ std::string answer_of(const Bytes &asked)
 // Members of a binding or an interface by their names in world_state().
 void set_members(std::istream &words)
 {
-    using Member = std::variant<uint8_t *, uint16_t *, uint32_t *>;
-    std::map<std::string, Member> members;
-    std::string where;
-    words >> where;
-    if (where.find_first_of(".:x") != std::string::npos) {
-        const DhcpsnoopUserKey key = key_of(where);
-        DhcpsnoopUser *user = dhcpsnoop_user_lookup(&key);
-        members = {{"hw", &user->hwFlags}, {"type", &user->userType}, {"state", &user->bindState}, {"ipsg", &user->ipsgCheckItems}, {"dai", &user->daiCheckItems}, {"ipsgFrom", &user->ipsgSource}, {"daiFrom", &user->daiSource}, {"mark", &user->macMark}, {"vid", &user->vid}, {"if", &user->ifIndex}, {"lease", &user->leaseTime}, {"gw", &user->gateway}};
-    } else {
-        DhcpsnoopIf *ifp = dhcpsnoop_if_lookup(number_of(where));
-        members = {{"cur", &ifp->curUser}, {"max", &ifp->maxUser}, {"flags", &ifp->flags}, {"relay", &ifp->relayAddr}, {"untrusted", &ifp->counters[0]}, {"forged", &ifp->counters[1]}, {"unbound", &ifp->counters[2]}};
+    std::string name;
+    words >> name;
+    const DhcpsnoopUserKey key = key_of(name);
+    WorldMembers members = name.find_first_of(".:x") != std::string::npos ? world_members(*dhcpsnoop_user_lookup(&key)) : world_members(*dhcpsnoop_if_lookup(number_of(name)));
+    while (words >> name) {
+        const auto named = std::ranges::find_if(members, [&name](const auto &member) { return member.first == name || member.first == name + "#"; });
+        std::visit([value = number(words)](auto *member) { *member = static_cast<std::remove_reference_t<decltype(*member)>>(value); }, named->second);
     }
-    for (std::string name; words >> name;)
-        std::visit([value = number(words)](auto *member) { *member = static_cast<std::remove_reference_t<decltype(*member)>>(value); }, members.at(name));
 }
 
 // Steps that change the world, each with its numbers.
@@ -218,8 +212,7 @@ const std::map<std::string, void (*)(const uint32_t *n)> WORLD_STEPS = {
     {"vlanif", [](const uint32_t *n) { world.vlan_interface(n[0], static_cast<uint16_t>(n[1])); }},                        // interface, VLAN
     {"place", [](const uint32_t *n) { world.access(n[0], 10).location = {n[1], n[2], 1, 0, n[0], 1, n[3]}; }},             // port; system, slot, card
     {"self", [](const uint32_t *n) { world.selfSystem = n[0]; }},                                                          // system
-    {"answer", [](const uint32_t *n) { world.cardAnswers[n[0]] = world.slotAnswers[n[0]] = static_cast<int32_t>(n[1]); }}, // property, value
-    {"members", [](const uint32_t *n) { world.trunkQueryResult = static_cast<int32_t>(n[0]), world.trunkQueryCount = static_cast<uint8_t>(n[1]); }},
+    {"members", [](const uint32_t *n) { world.trunkMembers = static_cast<uint8_t>(n[0]); }},
     {"scalar", [](const uint32_t *n) { world.hwScalars[n[0]] = n[1]; }}, // of hardware; value
     {"role", [](const uint32_t *n) { world.role(static_cast<DhcpsnoopRole>(n[0])), dhcpsnoop_running_role_get(); }},
     {"items", [](const uint32_t *n) { world.ipsg[n[0]].items = world.dai[n[0]].items = static_cast<uint8_t>(n[1]); }}, // checked on an interface
@@ -265,8 +258,9 @@ std::string play(const std::function<std::string()> &act)
     std::string done = act();
     const auto add = [&done](const std::string &text) { done += (done.empty() ? "" : "; ") + text; };
     for (const WorldEntry &entry : world.journal)
-        add(entry_text(entry));
-    for (const std::string &line : world.asked)
+        if (entry.did != Did::Asked)
+            add(entry_text(entry));
+    for (const std::string &line : world.questions(""))
         if (line.starts_with("qorHwCard") || line.starts_with("qorHwSlot") || line.ends_with(" 65536285"))
             add(line);
     if (!out.text().empty())

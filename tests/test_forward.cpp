@@ -132,7 +132,7 @@ std::string refused(Sender send, bool ipv6)
     world.refuse("frame 2");
     send(&parsed.info, 30);
     std::string text;
-    for (const std::string &question : world.asked)
+    for (const std::string &question : world.questions(""))
         text += question + ", ";
     const WorldEntry &frame = *world.all(Did::Frame).at(0);
     struct sockaddr_ll ll = {};

@@ -14,7 +14,8 @@ namespace
 {
 
 // The packet information as the kernel attaches it.
-using Controls = std::vector<WorldControl>;
+using Control = std::tuple<int, int, Bytes>; // level, type, data
+using Controls = std::vector<Control>;
 Bytes info(uint32_t ifIndex = 1, uint16_t outer = 10, uint16_t inner = 0, uint8_t l2 = 14) { return be32(ifIndex) + Bytes(16, 0xEE) + be16(outer) + be16(inner) + Bytes{l2}; }
 Controls with_info(uint32_t ifIndex = 1, uint16_t outer = 10, uint16_t inner = 0, uint8_t l2 = 14) { return {{263, 8, info(ifIndex, outer, inner, l2)}}; }
 
@@ -38,7 +39,10 @@ void pass()
 // A pass in which one frame waits on a data socket.
 void frame(const Controls &control, bool ipv6 = false, uint32_t ifIndex = 1, std::optional<ssize_t> result = {}, const Bytes &bytes = Frame{}.bytes())
 {
-    world.arrivals[ipv6 ? 1 : 0].push_back({bytes, control, ifIndex, result});
+    Bytes laidOut;
+    for (const auto &[level, type, data] : control)
+        laidOut = world_control(laidOut, level, type, data);
+    world.arrivals[ipv6 ? 1 : 0].push_back({bytes, laidOut, ifIndex, result});
     world.readable = {ipv6 ? gDhcpsnoop.data6Sock : gDhcpsnoop.dataSock};
     pass();
 }
@@ -89,15 +93,17 @@ std::string in_vlan(const char *words, uint16_t outer, bool ipv6 = false, int fl
     return alone(body, words);
 }
 
-// A frame is there, and a binding whose lease ends.
-std::string served(std::optional<int> result, DhcpsnoopRole role = DHCPSNOOP_ROLE_NONE)
+// A frame is there, and a binding whose lease ends; select says so, or gives 0 or -1.
+std::string served(int result, DhcpsnoopRole role = DHCPSNOOP_ROLE_NONE)
 {
     return alone([=] {
         make_binding(HOST, MAC_CLIENT, 1, 10)->leaseTime = 60;
         world.now += 60;
         world.role(role);
-        world.selectResult = result;
-        frame(with_info());
+        world.arrivals[0] = {{Frame{}.bytes(), world_control({}, 263, 8, info()), 1, {}}};
+        world.readable = result > 0 ? std::set{gDhcpsnoop.dataSock} : std::set<int>{};
+        world.refuse("select", result, result < 0);
+        pass();
         done += held();
     });
 }
@@ -123,14 +129,14 @@ TEST(Loop, Rows)
         {"descriptor 0 is not watched; none at all; a descriptor that does not fit the set is left out; the last that fits", series({watches(0, 0, 0, 903), watches(-1, -1, -1, -1), watches(FD_SETSIZE, FD_SETSIZE + 70, 902, 1 << 20), watches(FD_SETSIZE - 1, -1, -1, -1)}), "select rt, 60 sselect rt, 60 s / select, 60 sselect, 60 s / select cmd, 60 sselect cmd, 60 s / select data, 60 sselect data, 60 s"},
         {"each source once, in order", alone([] {
             for (int i = 0; i < 2; i++) {
-                world.arrivals[i] = {{Frame{}.bytes(), with_info(), 1, {}}, {}};
+                world.arrivals[i] = {{Frame{}.bytes(), world_control({}, 263, 8, info()), 1, {}}, {}};
                 world.events.push_back({Bytes(16, 0), 16});
             }
             world.readable = {900, 901, 902, 903};
             pass();
             done += world_format(", left %zu %zu %zu", world.arrivals[0].size(), world.arrivals[1].size(), world.events.size());
         }), ", accept, platform_event_recv 2048 12" RECORD " | 1 86dd 286 on 1 port 1 vlan 10.0 l2 14[DHCPSNOOP] Command server accept failed!\r\n, left 1 1 1"},
-        {"nothing is served after a time-out, the lease scan runs; Kept: after a failure every watched socket is served; a readable socket is served; no lease scan of a slave; a master's", series({served(0), served(-1).substr(0, 98), served(std::nullopt), served(0, DHCPSNOOP_ROLE_SLAVE), served(0, DHCPSNOOP_ROLE_MASTER).substr(0, 30)}), " / , accept, platform_event_recv 2048 12" RECORD "[DHCPSNOOP] Command s / " RECORD " /  | .50 bound 1/10 60s 60s ago / , qorHwScalarSync null 0x40013"},
+        {"nothing is served after a time-out, the lease scan runs; Kept: after a failure every watched socket is served; a readable socket is served; no lease scan of a slave; a master's", series({served(0), served(-1).substr(0, 98), served(1), served(0, DHCPSNOOP_ROLE_SLAVE), served(0, DHCPSNOOP_ROLE_MASTER).substr(0, 30)}), " / , accept, platform_event_recv 2048 12" RECORD "[DHCPSNOOP] Command s / " RECORD " /  | .50 bound 1/10 60s 60s ago / , qorHwScalarSync null 0x40013"},
         {"every field; IPv4: the packet information's port; IPv6: the link-layer address's; behind a short frame stands no earlier one", series({alone([] { frame(with_info(1, 100, 20, 22), false, 77); }), alone([] { frame(with_info(1, 0xFFF, 0, 255), true, 77); }), alone([] { frame(with_info(), false, 1, {}, Bytes(2048, 0xAA)), frame(with_info()), done += hex(Bytes(world.received[0].data, world.received[0].data + 7)); })}), series({" | 1 800 286 on 1 port 1 vlan 100.20 l2 22", " | 1 86dd 286 on 1 port 77 vlan 4095.0 l2 255", " | 1 800 2048 on 1 port 1 vlan 10.0 l2 14" RECORD "ff ff ff ff ff ff 02"})},
         {"nothing received is reported; a failure is passed over silently; one byte is a frame; more than the buffer counts as the buffer", series({alone([] { frame(with_info(), false, 1, 0), frame(with_info(), true, 1, 0); }), alone([] { frame(with_info(), false, 1, -1); }), alone([] { frame(with_info(), false, 1, 1, {9}); }), alone([] { frame(with_info(), false, 1, 70'000); })}), "[DHCPSNOOP]: recvmsg error len!\r\n[DHCPSNOOP]: recvmsg error len! /  /  | 1 800 1 on 1 port 1 vlan 10.0 l2 14 /  | 1 800 2048 on 1 port 1 vlan 10.0 l2 14"},
         {"level SOL_PACKET, any type; more than the 25 bytes, other levels and a short one before it; the first of two", series({control({{263, 0, info()}}), control({{1, 29, Bytes(8, 0)}, {263, 8, Bytes(20, 0)}, {263, 20, info() + Bytes{1}}}), control({{263, 8, info()}, {263, 8, info(2, 20)}})}), RECORD},

@@ -68,7 +68,7 @@ std::vector<WorldArrival> mixed_frames(int version, uint32_t count)
         for (uint32_t damage = upto(4) == 0 ? 8 : 0; damage > 0; damage--)
             bytes[upto(bytes.size())] = static_cast<uint8_t>(random());
         const Bytes info = be32(server ? 2 : 1 + upto(6)) + Bytes(16, 0) + be16(10) + be16(0) + Bytes{static_cast<uint8_t>(frame.l2_length())};
-        arrivals.push_back({.frame = bytes, .control = {{263, 8, info}}, .ifIndex = server ? 2u : 1u});
+        arrivals.push_back({.frame = bytes, .control = world_control({}, 263, 8, info), .ifIndex = server ? 2u : 1u});
     }
     return arrivals;
 }

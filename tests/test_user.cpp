@@ -169,7 +169,7 @@ TEST_F(User, Rules)
         DhcpsnoopUser *user = binding(HOST);
         user->userAttr = 7, user->origVid = 11, user->ipsgHwId = 3, user->daiHwId = 4; // told apart from vid here only
         gDhcpsnoop.daiStarted = daiStarted;
-        world.newIpsgHwId = 51, world.newDaiHwId = 52;
+        world.newHwId = 51;
         world.refuse("hw", refused);
         const int32_t result = dhcpsnoop_user_state_notify(user, add, &items, kind);
         return world_format("%d ", result) + world.calls().at(0) + world_format(", then %u %u", user->ipsgHwId, user->daiHwId) + (items == 0xF0 ? "" : "|" + said());
@@ -196,18 +196,19 @@ TEST_F(User, Rules)
 TEST_F(User, WhoseCheckItems)
 {
     const auto update = [](uint32_t add) { return play([add] { return dhcpsnoop_user_update_hw(binding(HOST), add), ""; }); };
-    const auto whose = [&](uint32_t kind, WorldGuard ofPort, WorldGuard ofVlan, uint32_t gone = 0) {
+    const auto whose = [&](uint32_t kind, WorldGuard ofPort, WorldGuard ofVlan, uint32_t gone = 0, const char *failing = "-") {
         prepare("bound");
         (kind == IPSG ? gDhcpsnoop.ipsgIfGet : gDhcpsnoop.antiArpIfGet) = kind == IPSG ? ipsgIfGetApi : arpAntiAttackIfGetApi;
         (kind == IPSG ? world.ipsg : world.dai) = {{1, ofPort}, {110, ofVlan}};
         world.ports.erase(gone);
+        world.refuse(failing, 5);
         debug(0);
         const std::string done = update(1);
         return done + world_format(" asked %zu %zu", world.questions(kind == IPSG ? "ipsg" : "arp").size(), world.questions("qorIndexTrans 1,1,1,1,10,3,0 7").size());
     };
     const WorldGuard onPort = {.items = 0x90}, onVlan = {.items = 0xC0}, off = {.enabled = 0, .items = 0x90};
     check({
-        {"the port's; of ARP inspection; the VLAN's when the port is off; the request goes to the port; only 1 is on, and a failing answer is off; a VLAN without interface is not asked", series({whose(IPSG, onPort, onVlan), whose(DAI, onPort, onVlan), whose(IPSG, off, onVlan), whose(DAI, off, onVlan), whose(IPSG, {.enabled = 2, .items = 0x90}, {.items = 0x40, .result = 5}), whose(IPSG, off, onVlan, 110)}), "+1 .50 90 80 | 10.0.0.50 hw#80 ipsgFrom=2 ipsg#90 asked 2 0 / +1 .50 90 00 | 10.0.0.50 hw#40 daiFrom=2 dai#90 asked 2 0 / +1 .50 c0 80 | 10.0.0.50 hw#80 ipsgFrom=1 ipsg#c0 asked 3 1 / +1 .50 c0 00 | 10.0.0.50 hw#40 daiFrom=1 dai#c0 asked 3 1 /  asked 2 1 /  asked 1 1"},
+        {"the port's; of ARP inspection; the VLAN's when the port is off; the request goes to the port; only 1 is on, and a failing answer is off; a VLAN without interface is not asked", series({whose(IPSG, onPort, onVlan), whose(DAI, onPort, onVlan), whose(IPSG, off, onVlan), whose(DAI, off, onVlan), whose(IPSG, {.enabled = 2, .items = 0x90}, {.items = 0x40}, 0, "ipsgIfGetApi 110 1"), whose(IPSG, off, onVlan, 110)}), "+1 .50 90 80 | 10.0.0.50 hw#80 ipsgFrom=2 ipsg#90 asked 2 0 / +1 .50 90 00 | 10.0.0.50 hw#40 daiFrom=2 dai#90 asked 2 0 / +1 .50 c0 80 | 10.0.0.50 hw#80 ipsgFrom=1 ipsg#c0 asked 3 1 / +1 .50 c0 00 | 10.0.0.50 hw#40 daiFrom=1 dai#c0 asked 3 1 /  asked 2 1 /  asked 1 1"},
     });
     prepare("bound guarded");
     gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;

@@ -1,7 +1,7 @@
 // The fake platform: a small world of ports, VLANs, hardware and a kernel's sockets in which the daemon runs
 // during a test. What it answers is plain data that a test sets; what the daemon did to it stands in one
 // journal, in order. Implements all of platform.h; the socket calls and the clock that the core uses directly
-// are caught at link time (world_wrap.cpp), so that the core has no seam for tests. Needs no test framework.
+// are caught at link time (world_wrap.cpp), so that the core has no seam for tests.
 #pragma once
 
 #include <array>
@@ -11,12 +11,12 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "dhcpsnoop.h"
+#include "frame.h"
 #include "platform.h"
-
-using Bytes = std::vector<uint8_t>;
 
 // A port, an aggregate or a VLAN interface, as the platform describes it.
 struct WorldPort {
@@ -30,22 +30,19 @@ struct WorldPort {
     std::array<uint32_t, 7> location{};
     std::set<uint32_t> vlans;    // member of; attribute 255 of sysIFGet is non-zero for any other VLAN
     std::set<uint32_t> untagged; // sends these without a tag; attribute 258 is non-zero
-    bool down = false;
-    std::optional<int32_t> answer255, answer258; // instead of what the VLANs say
-    std::set<uint32_t> silent;                   // attributes of qorIfGetApi that are not answered
 };
 
 // What IP source guard or ARP inspection answers for an interface.
 struct WorldGuard {
     uint32_t enabled = 1;
     uint8_t items = 0;
-    int32_t result = 0; // of call 1
 };
 
 enum class Did : uint8_t {
     Frame, // sent one on a packet socket
     Relay, // sent a UDP datagram
     Call,  // called the platform, or the kernel, for something that changes it
+    Asked, // called the platform for something that changes nothing
     Debug, // NM_DEBUG_OUTPUT
     Log,   // zlog_dispatch_logging
 };
@@ -61,19 +58,14 @@ struct WorldEntry {
     Bytes address = {}; // Frame: the sockaddr_ll
 };
 
-// A control message that comes with a frame.
-struct WorldControl {
-    int level, type;
-    Bytes data;
-};
-
 // What platform_frame_recv gives next.
 struct WorldArrival {
-    Bytes frame = {};
-    std::vector<WorldControl> control = {};
+    Bytes frame, control;               // control messages, as the kernel lays them out
     uint32_t ifIndex = 0;               // of the link-layer source address
     std::optional<ssize_t> result = {}; // instead of the frame's length
 };
+// A control message at the end of others.
+Bytes world_control(Bytes before, int level, int type, const Bytes &data);
 
 struct World {
     // ---- what there is
@@ -85,28 +77,21 @@ struct World {
     std::map<uint32_t, uint32_t> hwScalars; // qorHwScalarGet; 53: 0 = master, 54: 0 = slave, 1 when not here
     uint32_t selfSystem = 1;
     std::map<uint32_t, WorldGuard> ipsg, dai; // by interface index
-    std::optional<uint32_t> newIpsgHwId,
-        newDaiHwId;                                          // the hardware writes these into a record that it installs
-    std::optional<Bytes> bootFile, option125;                // what the auto-provisioning hook fills in
-    bool hookSetsLengths = false;                            // it sets the length to 0 where it has nothing
-    std::optional<uint32_t> bootFileLength, option125Length; // instead of the filled length
-    std::map<uint32_t, int32_t> cardAnswers, slotAnswers;    // by property
-    int32_t trunkQueryResult = 0;                            // qorIfGetApi 65536285
-    std::optional<uint8_t> trunkQueryCount;
+    uint32_t newHwId = 0;                     // the hardware writes it into a record that it installs, and one more for ARP inspection; 0: it does not
+    std::optional<Bytes> bootFile, option125; // what the auto-provisioning hook fills in
+    std::optional<uint32_t> hookLength;       // instead of the filled lengths
+    uint8_t trunkMembers = 1;                 // that qorIfGetApi 65536285 finds
 
     // ---- the kernel's side
     std::deque<WorldArrival> arrivals[2];         // by data socket: 0 the first one that is asked (IPv4), 1 IPv6
     std::deque<std::pair<Bytes, ssize_t>> events; // platform_event_recv: datagram and result
     std::set<int> readable;                       // what the next select marks, once
-    std::optional<int> selectResult;              // instead of the count of marked descriptors
     int nextSocket = 900;                         // WORLD_FIRST_SOCKET; stays below FD_SETSIZE
     int connection = -1;                          // what the next accept gives, a descriptor of the kernel's own
-    mode_t umask = 022;
     int failCalloc = 0; // the n-th calloc from now gives null; 0 = none
 
     // ---- what the daemon did
     std::vector<WorldEntry> journal;
-    std::vector<std::string> asked;       // calls that change nothing, as lines such as "qorIfGetApi 5 33"
     std::vector<DhcpsnoopRxPkt> received; // what the daemon took in, as it was handed on
     bool recording = true;                // false: no journal, for load and fuzzing
     // Sees what is sent (Frame, Relay) and what records the platform is handed (Call) while nothing is
@@ -117,26 +102,23 @@ struct World {
     // worlds are a day apart, so that whatever the daemon remembers of the last world is long past.
     void reset(uint16_t ifMax = 0, uint16_t userMax = 0, uint16_t serverMax = 0, uint32_t optionMode = 3);
     void reset_without_daemon();
-    void clear(); // the journal, `asked` and `received`
+    void clear(); // the journal and `received`
 
     // Calls whose line begins with `line` are answered with `result` (-1 with EPERM for the kernel's), the
-    // next `times` of them.
+    // next `times` of them. The latest refusal of a line counts.
     void refuse(const std::string &line, int32_t result = -1, int times = 1 << 30);
 
     WorldPort &access(uint32_t ifIndex, uint16_t vid);
     WorldPort &trunk(uint32_t ifIndex, std::set<uint32_t> vlans, uint16_t native = 0);
-    WorldPort &routed(uint32_t ifIndex);
     WorldPort &vlan_interface(uint32_t ifIndex, uint16_t vid);
     void members(uint32_t vid, const std::vector<uint32_t> &ports);
     void role(DhcpsnoopRole role);
 
-    std::vector<const WorldEntry *> all(Did did) const;
-    std::vector<std::string> texts(Did did) const;
-    // Texts of calls that begin with `prefix`.
-    std::vector<std::string> calls(const std::string &prefix = "") const;
-
-    // Those of `asked` that begin with `prefix`.
-    std::vector<std::string> questions(const std::string &prefix) const;
+    // Entries of that kind, and their texts, that begin with `prefix`.
+    std::vector<const WorldEntry *> all(Did did, const std::string &prefix = "") const;
+    std::vector<std::string> texts(Did did, const std::string &prefix = "") const;
+    std::vector<std::string> calls(const std::string &prefix = "") const { return texts(Did::Call, prefix); }
+    std::vector<std::string> questions(const std::string &prefix) const { return texts(Did::Asked, prefix); }
 
     // For the fakes.
     void enter(WorldEntry entry);
@@ -167,7 +149,9 @@ constexpr int WORLD_FIRST_SOCKET = 900;
 constexpr int WORLD_EPERM = 1;
 
 // Journals a call and gives its result; errno is set when it is refused.
-int32_t world_called(const char *format, ...) __attribute__((format(printf, 1, 2)));
+int32_t world_called(const std::string &line);
+// The line of a call. Empty while nobody reads it: writing it out is most of what a call of this world costs.
+#define WORLD_LINE(...) (WorldScope(), world.quiet() ? std::string() : world_format(__VA_ARGS__))
 std::string world_format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 std::string world_hex(const uint8_t *bytes, size_t count); // "0a 0b"
 
@@ -175,6 +159,11 @@ std::string world_hex(const uint8_t *bytes, size_t count); // "0a 0b"
 // links both ways, buckets right, the interface list ascending. With `counts`, also that the user counts of
 // the interfaces are the numbers of dynamic bindings.
 std::string world_check_tables(bool counts = false);
+
+// Numbers of an interface or a binding by their names in world_state(); '#' behind a name: hexadecimal.
+using WorldMembers = std::vector<std::pair<std::string, std::variant<uint8_t *, uint16_t *, uint32_t *>>>;
+WorldMembers world_members(DhcpsnoopIf &ifp);
+WorldMembers world_members(DhcpsnoopUser &user);
 
 // Everything of the daemon's state that a refused frame or request must leave as it was, as readable lines:
 // interfaces with settings and counters, bindings, MAC users, servers, formats, switches. Words of value 0 are left out;

@@ -51,12 +51,12 @@ std::string brief(const uint8_t *bytes, size_t count)
 }
 
 // " name=5", or " name#ff" where the name says so; nothing for 0.
-std::string numbers(std::initializer_list<std::pair<std::string, uint32_t>> values)
+std::string numbers(const WorldMembers &members)
 {
     std::string text;
-    for (const auto &[name, value] : values)
-        if (value != 0)
-            text += " " + name + world_format(name.ends_with('#') ? "%x" : "=%u", value);
+    for (const auto &[name, member] : members)
+        if (const uint32_t value = std::visit([](const auto *at) { return uint32_t{*at}; }, member); value != 0)
+            text += " " + std::string(name) + world_format(name.ends_with('#') ? "%x" : "=%u", value);
     return text;
 }
 
@@ -124,45 +124,54 @@ std::string world_check_tables(bool counts)
     return faults;
 }
 
+WorldMembers world_members(DhcpsnoopIf &ifp)
+{
+    return {{"max", &ifp.maxUser}, {"cur", &ifp.curUser}, {"s21", &ifp.setting21}, {"vlanIf", &ifp.isVlanIf}, {"flags#", &ifp.flags}, {"untrusted", &ifp.counters[0]}, {"forged", &ifp.counters[1]}, {"unbound", &ifp.counters[2]}, {"relay#", &ifp.relayAddr}, {"server0#", &ifp.serverIp[0]}, {"server1#", &ifp.serverIp[1]}, {"server2#", &ifp.serverIp[2]}};
+}
+
+WorldMembers world_members(DhcpsnoopUser &user)
+{
+    return {{"vid", &user.vid}, {"orig", &user.origVid}, {"if", &user.ifIndex}, {"lease", &user.leaseTime}, {"hw#", &user.hwFlags}, {"type", &user.userType}, {"state", &user.bindState}, {"mark#", &user.macMark}, {"attr", &user.userAttr}, {"ipsgId", &user.ipsgHwId}, {"daiId", &user.daiHwId}, {"gw#", &user.gateway}, {"tag#", &user.vendorTag}, {"ipsgFrom", &user.ipsgSource}, {"daiFrom", &user.daiSource}, {"ipsg#", &user.ipsgCheckItems}, {"dai#", &user.daiCheckItems}, {"server#", &user.serverId}};
+}
+
 std::string world_state()
 {
     WorldScope scope;
     std::string state;
-    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        state += world_format("if%u", ifp->ifIndex) + bytes_of("mac", ifp->mac, 6) +
-                 numbers({{"max", ifp->maxUser}, {"cur", ifp->curUser}, {"s21", ifp->setting21}, {"vlanIf", ifp->isVlanIf}, {"flags#", ifp->flags}, {"untrusted", ifp->counters[0]}, {"forged", ifp->counters[1]}, {"unbound", ifp->counters[2]}, {"relay#", ifp->relayAddr}, {"server0#", ifp->serverIp[0]}, {"server1#", ifp->serverIp[1]}, {"server2#", ifp->serverIp[2]}});
+    for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
+        state += world_format("if%u", ifp->ifIndex) + bytes_of("mac", ifp->mac, 6) + numbers(world_members(*ifp));
         const struct {
             std::string name;
-            const uint8_t *text;
-            uint8_t length, type, format;
-        } texts[] = {{"circuit", ifp->circuitId, ifp->circuitIdLen, ifp->circuitIdType, ifp->circuitIdFmt},
-                     {"remote", ifp->remoteId, ifp->remoteIdLen, ifp->remoteIdType, ifp->remoteIdFmt},
-                     {"sub9", ifp->subopt9, ifp->subopt9Len, 0, 0},
-                     {"id18", ifp->interfaceId, ifp->interfaceIdLen, ifp->interfaceIdType, ifp->interfaceIdFmt},
-                     {"id37", ifp->remoteId6, ifp->remoteId6Len, ifp->remoteId6Type, ifp->remoteId6Fmt}};
-        for (const auto &text : texts)
-            state += numbers({{text.name + "Fmt", text.format}, {text.name + "Type", text.type}, {text.name + "Len", text.length}}) + bytes_of(text.name, text.text, DHCPSNOOP_TEXT_MAX);
+            uint8_t *text, *length, *type, *format;
+        } texts[] = {{"circuit", ifp->circuitId, &ifp->circuitIdLen, &ifp->circuitIdType, &ifp->circuitIdFmt},
+                     {"remote", ifp->remoteId, &ifp->remoteIdLen, &ifp->remoteIdType, &ifp->remoteIdFmt},
+                     {"sub9", ifp->subopt9, &ifp->subopt9Len, {}, {}},
+                     {"id18", ifp->interfaceId, &ifp->interfaceIdLen, &ifp->interfaceIdType, &ifp->interfaceIdFmt},
+                     {"id37", ifp->remoteId6, &ifp->remoteId6Len, &ifp->remoteId6Type, &ifp->remoteId6Fmt}};
+        for (const auto &text : texts) {
+            for (const auto &[name, at] : {std::pair{"Fmt", text.format}, {"Type", text.type}, {"Len", text.length}})
+                state += at == nullptr ? "" : numbers({{text.name + name, at}});
+            state += bytes_of(text.name, text.text, DHCPSNOOP_TEXT_MAX);
+        }
         state += "\n";
     }
     for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
-        for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
+        for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket)) {
             const uint8_t *ip = user->key.ipAddr;
             state += user->key.ipType == 1 ? world_format("%u.%u.%u.%u", ip[0], ip[1], ip[2], ip[3]) : world_format("type%u/", user->key.ipType) + brief(ip, 16);
             const auto since = static_cast<int>(user->leaseStart - static_cast<uint32_t>(world.now));
             state += user->leaseStart == 0 ? "" : std::abs(since) < 1'000'000 ? world_format(" from:%+d", since)
                                                                               : world_format(" from#%x", user->leaseStart);
-            state += numbers({{"vid", user->vid}, {"orig", user->origVid}, {"if", user->ifIndex}, {"lease", user->leaseTime}, {"hw#", user->hwFlags}, {"type", user->userType}, {"state", user->bindState}, {"mark#", user->macMark}, {"attr", user->userAttr}, {"ipsgId", user->ipsgHwId}, {"daiId", user->daiHwId}, {"gw#", user->gateway}, {"tag#", user->vendorTag}, {"ipsgFrom", user->ipsgSource}, {"daiFrom", user->daiSource}, {"ipsg#", user->ipsgCheckItems}, {"dai#", user->daiCheckItems}, {"server#", user->serverId}}) +
-                     bytes_of("mac", user->mac, 6) + "\n";
+            state += numbers(world_members(*user)) + bytes_of("mac", user->mac, 6) + "\n";
         }
     for (DhcpsnoopLink &bucket : gDhcpsnoop.macUserHash)
-        for (const DhcpsnoopMacUser *user : list_each<DhcpsnoopMacUser>(&bucket))
-            state += "waiting/" + brief(user->mac, 6) + numbers({{"vid", user->vid}, {"if", user->ifIndex}, {"age", user->ageTime}, {"seen", user->seenTime}, {"server#", user->serverId}}) + "\n";
+        for (DhcpsnoopMacUser *user : list_each<DhcpsnoopMacUser>(&bucket))
+            state += "waiting/" + brief(user->mac, 6) + numbers({{"vid", &user->vid}, {"if", &user->ifIndex}, {"age", &user->ageTime}, {"seen", &user->seenTime}, {"server#", &user->serverId}}) + "\n";
     for (const DhcpsnoopServer *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
         state += world_format("server/%08x/%u/%u\n", server->serverIp, server->ifIndex, server->vid);
-    const std::pair<const char *, const DhcpsnoopOptionFormat *> formats[] = {{"circuitIdFmt", &gDhcpsnoop.circuitIdFmt}, {"remoteIdFmt", &gDhcpsnoop.remoteIdFmt}, {"interfaceIdFmt", &gDhcpsnoop.interfaceIdFmt}, {"remoteId6Fmt", &gDhcpsnoop.remoteId6Fmt}};
-    for (const auto &[name, format] : formats)
-        state += name + numbers({{"mode", format->mode}, {"len", format->len}}) + bytes_of("text", format->text, sizeof format->text) + "\n";
-    return state + "global" + numbers({{"on", gDhcpsnoop.globalEnable}, {"notify", gDhcpsnoop.hwNotifyEnable}, {"learn", gDhcpsnoop.serverLearn}, {"debug#", gDhcpsnoop.debugFlags}, {"enterprise", gDhcpsnoop.enterpriseNum}, {"dai", gDhcpsnoop.daiStarted}, {"role", gDhcpsnoop.runningRole}}) + "\n";
+    for (const auto &[name, format] : {std::pair{"circuitIdFmt", &gDhcpsnoop.circuitIdFmt}, {"remoteIdFmt", &gDhcpsnoop.remoteIdFmt}, {"interfaceIdFmt", &gDhcpsnoop.interfaceIdFmt}, {"remoteId6Fmt", &gDhcpsnoop.remoteId6Fmt}})
+        state += name + numbers({{"mode", &format->mode}, {"len", &format->len}}) + bytes_of("text", format->text, sizeof format->text) + "\n";
+    return state + "global" + numbers({{"on", &gDhcpsnoop.globalEnable}, {"notify", &gDhcpsnoop.hwNotifyEnable}, {"learn", &gDhcpsnoop.serverLearn}, {"debug#", &gDhcpsnoop.debugFlags}, {"enterprise", &gDhcpsnoop.enterpriseNum}, {"dai", &gDhcpsnoop.daiStarted}, {"role", &gDhcpsnoop.runningRole}}) + "\n";
 }
 
 std::string world_changes(const std::string &before)
