@@ -208,16 +208,17 @@ void set_members(std::istream &words)
 const std::map<std::string, void (*)(const uint32_t *n)> WORLD_STEPS = {
     {"debug", [](const uint32_t *n) { debug(static_cast<int>(n[0])); }},
     {"later", [](const uint32_t *n) { world.now += static_cast<int32_t>(n[0]); }},
-    {"access", [](const uint32_t *n) { world.access(n[0], static_cast<uint16_t>(n[1])); }},                                // port, VLAN
-    {"vlanif", [](const uint32_t *n) { world.vlan_interface(n[0], static_cast<uint16_t>(n[1])); }},                        // interface, VLAN
-    {"place", [](const uint32_t *n) { world.access(n[0], 10).location = {n[1], n[2], 1, 0, n[0], 1, n[3]}; }},             // port; system, slot, card
-    {"self", [](const uint32_t *n) { world.selfSystem = n[0]; }},                                                          // system
+    {"access", [](const uint32_t *n) { world.access(n[0], static_cast<uint16_t>(n[1])); }},                    // port, VLAN
+    {"vlanif", [](const uint32_t *n) { world.vlan_interface(n[0], static_cast<uint16_t>(n[1])); }},            // interface, VLAN
+    {"place", [](const uint32_t *n) { world.access(n[0], 10).location = {n[1], n[2], 1, 0, n[0], 1, n[3]}; }}, // port; system, slot, card
+    {"self", [](const uint32_t *n) { world.selfSystem = n[0]; }},                                              // system
     {"members", [](const uint32_t *n) { world.trunkMembers = static_cast<uint8_t>(n[0]); }},
     {"scalar", [](const uint32_t *n) { world.hwScalars[n[0]] = n[1]; }}, // of hardware; value
     {"role", [](const uint32_t *n) { world.role(static_cast<DhcpsnoopRole>(n[0])), dhcpsnoop_running_role_get(); }},
     {"items", [](const uint32_t *n) { world.ipsg[n[0]].items = world.dai[n[0]].items = static_cast<uint8_t>(n[1]); }}, // checked on an interface
-    {"bind", [](const uint32_t *n) { make_binding(n[0], MAC_CLIENT, n[1], static_cast<uint16_t>(n[2])); }},            // address, interface, VLAN
-    {"discover", [](const uint32_t *n) { receive(Frame{}, {.port = n[0]}); }},                                         // on a port
+    {"hooks", [](const uint32_t *) { gDhcpsnoop.ipsgIfGet = ipsgIfGetApi, gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi; }},
+    {"bind", [](const uint32_t *n) { make_binding(n[0], Mac{2, 0xC1, 0, 0, 0, static_cast<uint8_t>(std::max(n[3], 1u))}, n[1], static_cast<uint16_t>(n[2])); }}, // address, interface, VLAN; client's number, else 1
+    {"discover", [](const uint32_t *n) { receive(Frame{}, {.port = n[0]}); }},                                                                                   // on a port
 };
 
 // The answer of a step that has one; none of a step that only changes the world.
@@ -249,6 +250,13 @@ std::optional<std::string> perform(const std::string &step)
 }
 
 } // namespace
+
+void apply(const std::string &steps)
+{
+    std::istringstream list(steps);
+    for (std::string step; std::getline(list, step, ';');)
+        perform(step);
+}
 
 std::string play(const std::function<std::string()> &act)
 {
@@ -285,7 +293,7 @@ void check_steps(std::span<const Step> steps, void (*start)())
 {
     for (const Step &step : steps) {
         start();
-        play(step.before);
+        apply(step.before);
         const std::string outcome = play(step.words);
         EXPECT_EQ(outcome, step.outcome) << step.claim;
     }

@@ -22,6 +22,8 @@ Bytes request(const std::string &words);
 // header, "a52=2" an attribute with a word, '|' ends the event, "len 15" and "cut 33" lie. Everything else is a byte.
 Bytes packed(const std::string &words);
 
+// Plays steps separated by ';' for their effect alone.
+void apply(const std::string &steps);
 // Plays steps separated by ';', or calls, and gives the answer, what the daemon did and said, and what it changed.
 std::string play(const std::function<std::string()> &act);
 std::string play(const std::string &steps);

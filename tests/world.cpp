@@ -279,8 +279,7 @@ int32_t qorIfSetApi(uint32_t ifIndex, uint32_t command, void *value)
     if (request->operation != QOR_USER_ADD && request->operation != QOR_USER_DELETE)
         abort();
     const bool add = request->operation == QOR_USER_ADD;
-    const int32_t result = handed(record, sizeof *record, WORLD_LINE("hw %s %u: mac %s vid %u if %u ipsg %u addr %s attr %u orig %u type %u rule %02x macValid %02x kind %02x dai %u",
-                                                                     add ? "add" : "delete", ifIndex, call_hex(record->mac, 6).c_str(), record->vid, record->ifIndex, record->ipsgHwId, call_hex(record->addr, 16).c_str(), record->userAttr, record->origVid, record->ipType, record->ruleFlags, record->macValid, record->addrKind, record->daiHwId));
+    const int32_t result = handed(record, sizeof *record, WORLD_LINE("hw %s %u: mac %s vid %u if %u ipsg %u addr %s attr %u orig %u type %u rule %02x macValid %02x kind %02x dai %u", add ? "add" : "delete", ifIndex, call_hex(record->mac, 6).c_str(), record->vid, record->ifIndex, record->ipsgHwId, call_hex(record->addr, 16).c_str(), record->userAttr, record->origVid, record->ipType, record->ruleFlags, record->macValid, record->addrKind, record->daiHwId));
     if (add && world.newHwId != 0) {
         record->ipsgHwId = world.newHwId;
         record->daiHwId = world.newHwId + 1;

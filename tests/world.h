@@ -88,7 +88,7 @@ struct World {
     std::set<int> readable;                       // what the next select marks, once
     int nextSocket = 900;                         // WORLD_FIRST_SOCKET; stays below FD_SETSIZE
     int connection = -1;                          // what the next accept gives, a descriptor of the kernel's own
-    int failCalloc = 0; // the n-th calloc from now gives null; 0 = none
+    int failCalloc = 0;                           // the n-th calloc from now gives null; 0 = none
 
     // ---- what the daemon did
     std::vector<WorldEntry> journal;
