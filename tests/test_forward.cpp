@@ -82,9 +82,9 @@ TEST_F(Forward, WhoGetsItWithWhichTags)
         {"an untrusted port is for clients only", tagged(AS_IT_IS, {}, DHCPSNOOP_IF_TRUSTED), "none | none | 8100.001e | 8100.001e | 8100.001e | "},
         {"a port that is not in use", tagged(AS_IT_IS, {}, DHCPSNOOP_IF_IN_USE), "none | none | 8100.001e | none | 8100.001e | "},
         {"a port outside the VLAN", tagged([](WorldPort &port) { port.vlans = {20}; }, {}), "none | none | 8100.001e | none | 8100.001e | "},
-        {"refused with -1", tagged([](WorldPort &port) { port.answer255 = -1; }, {}), "none | none | none | none | 8100.001e | "},
-        {"Kept: only -1 stops a unicast", tagged([](WorldPort &port) { port.answer255 = 2; }, {}), "none | none | 8100.001e | none | 8100.001e | "},
-        {"a routed port is asked by one sender only", tagged([](WorldPort &port) { ROUTED(port), port.answer255 = -1; }, {}), "bare | none | bare | 8100.001e | 8100.001e | "},
+        {"refused with -1", tagged([](WorldPort &) { world.refuse("sysIFGet 2 255", -1); }, {}), "none | none | none | none | 8100.001e | "},
+        {"Kept: only -1 stops a unicast", tagged([](WorldPort &) { world.refuse("sysIFGet 2 255", 2); }, {}), "none | none | 8100.001e | none | 8100.001e | "},
+        {"a routed port is asked by one sender only", tagged([](WorldPort &port) { ROUTED(port), world.refuse("sysIFGet 2 255"); }, {}), "bare | none | bare | 8100.001e | 8100.001e | "},
         {"a VLAN interface", tagged([](WorldPort &port) { port.isVlanIf = 1; }, {}), "8100.000a | none | 8100.001e | none | 8100.001e | "},
     });
 }
