@@ -16,7 +16,7 @@ SETTINGS = ("interface swp1 snooping on", "interface swp2 snooping on", "interfa
 JOURNAL = f"{RUN}/journal"
 
 
-class UnitsTest(unittest.TestCase):
+class Redundancy(unittest.TestCase):
     def setUp(self):
         self.pair, self.traffic = Pair(labtest.BUILD), Traffic()
         self.addCleanup(self.pair.stop)
@@ -42,18 +42,15 @@ class UnitsTest(unittest.TestCase):
         packets = [self.traffic.packet(number) for number in bound] + [self.traffic.packet(number, "10.0.10.250") for number in (0, 1)]
         self.assertEqual(self.traffic.arrive(*unit.ends, packets), [self.traffic.frames[number][1] for number in bound])
 
-    def wait_state(self, unit, **wanted):
-        for key, value in wanted.items():
-            wait_for(f"{key} {value} of {unit.name}", lambda: unit.state(key.replace("_", "-")) == value, 60)
+    def wait_state(self, unit, key, value):
+        wait_for(f"{key} {value} of {unit.name}", lambda: unit.state(key) == value, 60)
 
-
-class Redundancy(UnitsTest):
     def start(self, left="master", journal="off", **options):
         for unit, role in ((self.left, left), (self.right, "slave")):
             unit.prepare(role, journal if unit is self.left else "off", PEERS[unit.name][2], **options)
             unit.start(*SETTINGS)
         for unit in (self.left, self.right):
-            self.wait_state(unit, link="up")
+            self.wait_state(unit, "link", "up")
 
     def wait_equal(self):
         wait_for("equal bindings", lambda: self.left.bindings() == self.right.bindings(), 60)
@@ -95,14 +92,14 @@ class Redundancy(UnitsTest):
         for number, port in ((240, "swp1"), (241, "swp3")):
             self.left.ctl(f"binding add 10.0.10.{number} mac 02:00:00:00:00:01 vlan 10 interface {port}")
         wait_for("static binding", lambda: "10.0.10.240" in self.right.bindings())
-        self.wait_state(self.right, without_port=1)
+        self.wait_state(self.right, "without-port", 1)
         self.right.ip("link set peer0 down")
         self.traffic.run(*self.left.ends, 40, first=40)
         for address in ("10.0.10.2", "10.0.10.240", "10.0.10.241"):
             self.left.ctl(f"binding delete {address}")
         self.right.ip("link set peer0 up")
         self.wait_equal()
-        self.wait_state(self.right, without_port=0)
+        self.wait_state(self.right, "without-port", 0)
         self.assertEqual(len(self.right.bindings()), 79)
         self.right.daemon.signal(signal.SIGSTOP)
         self.traffic.run(*self.left.ends, 200, rate=100)
@@ -143,16 +140,11 @@ class Redundancy(UnitsTest):
         with self.assertRaisesRegex(Failure, "a peer needs TLS: dhcpsnoop_tls.so"):
             self.left.start()
 
-
-class Journal(UnitsTest):
-    def start(self, *settings, ports=("swp1", "swp2")):
-        self.left.prepare("none", JOURNAL, ports=ports)
-        self.left.start(*(settings or SETTINGS))
-
     def test_killed(self):
         """At any time; then with the machine, whose ports are guarded when the bindings are back. Static bindings stay too."""
         chance, done = random.Random(int(os.environ.get("LAB_SEED", "1"))), 0
-        self.start()
+        self.left.prepare("none", JOURNAL)
+        self.left.start(*SETTINGS)
         mac, address = self.traffic.frames[199][:2]
         self.left.ctl("guard interface swp1 ip mac port")
         self.left.ctl(f"binding add {address} mac {mac} vlan 10 interface swp1")
@@ -179,7 +171,8 @@ class Journal(UnitsTest):
         settings = (*SETTINGS, "interface swp3 snooping on", "interface swp3 max-users 1000")
         others, server = self.pair.connect(self.left, "swp3", "02:00:00:00:01:03"), self.left.ends[1]
         self.addCleanup(others.socket.close)
-        self.start(*settings, ports=("swp1", "swp2", "swp3"))
+        self.left.prepare("none", JOURNAL, ports=("swp1", "swp2", "swp3"))
+        self.left.start(*settings)
         self.left.ctl("guard interface swp3 ip mac port")
         self.traffic.run(*self.left.ends, 100, rate=200)
         self.traffic.run(others, server, 5, first=140)
