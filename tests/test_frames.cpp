@@ -206,10 +206,10 @@ TEST_F(Frames, OfAnAggregateComeFromIt)
 {
     if (system("ip link add bond0 type bond mode balance-rr 2>/dev/null") != 0)
         GTEST_SKIP() << "needs a kernel with bonding";
-    guard_port_remove(port_);
+    guard_port_remove(port_, 0);
     run("ip link set p1 down && ip link set p1 master bond0 && ip link set bond0 up && ip link set p1 up");
     set_up("member");
-    guard_port_remove(port_);
+    guard_port_remove(port_, 0);
     const Port member = modelPorts[port_];
     port_ = index("bond0");
     set_up("trap");

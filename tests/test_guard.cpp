@@ -75,9 +75,23 @@ bool has(const guard_rule_key &key)
     return rule.run != 0 && noted && (rule.run == state.run || state.rules_until != 0);
 }
 
+Fd listener(uint32_t groups)
+{
+    Fd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    const sockaddr_nl address = {AF_NETLINK, 0, 0, groups};
+    EXPECT_EQ(bind(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    return sock;
+}
+
 class Guard : public GuardedBridge
 {
   protected:
+    void SetUp() override
+    {
+        GuardedBridge::SetUp();
+        if (!IsSkipped())
+            filters_ = listener(RTMGRP_TC);
+    }
     void TearDown() override
     {
         guard_config_close();
@@ -109,11 +123,17 @@ class Guard : public GuardedBridge
         if (verb == "add" && in >> word)
             return result(guard_port_add(ifIndex, static_cast<uint16_t>(number(word)), PortVlans(6)));
         if (verb == "remove")
-            guard_port_remove(ifIndex);
+            guard_port_remove(ifIndex, GUARD_LEFT_SECONDS);
         if (verb == "complete")
             guard_ports_complete();
         if (verb == "heard") // the kernel's messages
             take_in();
+        if (verb == "attached") // the kernel's messages about filters since the last time, which are answered
+            return filters_heard() != 0 ? "told" : "quiet";
+        if (verb == "long-ago") { // it has left its bridge
+            auto port = read<guard_port>("guard_ports", ifIndex);
+            port.left_until = 1, write("guard_ports", ifIndex, port);
+        }
         if (verb == "trap" || verb == "free") {
             const int family = in >> word ? static_cast<int>(number(word)) : 4;
             return result(isalpha(what[0]) ? guard_trap_port(ifIndex, family, verb == "trap") : guard_trap_vlan(static_cast<uint16_t>(number(what)), family, verb == "trap"));
@@ -144,6 +164,17 @@ class Guard : public GuardedBridge
             return result(verb == "+" ? guard_rule_add(key_of(what)) : guard_rule_remove(key_of(what)));
         return verb == "has" ? (has(key_of(what)) ? "yes" : "no") : verb == "masks" ? std::to_string(state.masks)
                                                                                     : word;
+    }
+
+    int filters_heard()
+    {
+        alignas(nlmsghdr) static uint8_t buffer[32768];
+        int count = 0;
+        for (ssize_t length; (length = recv(filters_.get(), buffer, sizeof buffer, MSG_DONTWAIT)) > 0; count++)
+            trap_heard({buffer, static_cast<size_t>(length)});
+        while (trap_mend())
+            ;
+        return count;
     }
 
     void take_in()
@@ -189,7 +220,7 @@ class Guard : public GuardedBridge
         }
     }
 
-    Fd messages_;
+    Fd messages_, filters_;
 };
 
 #define TRAPS_HOLD(count) "traps of an earlier run on " count " ports and VLANs hold for 60 s unless they are set again"
@@ -203,10 +234,11 @@ TEST_F(Guard, TrapsAndPorts)
         {"a port's trap", "trap p1, add p1 1, dhcp, trap p1 6, dhcp, trap p1, dhcp, dhcp dns, free p1, dhcp", "ENODEV; passes; passes; held; passes; passes"},
         {"its VLAN's, and another native VLAN", "add p1 1, trap 1, dhcp, add p1 2, dhcp, add p1 1, free 1, dhcp", "held; passes; passes"},
         {"of a VLAN that it is no member of: it may come out anywhere", "add p1 3, dhcp, trap 2, dhcp, free 2, dhcp", "passes; held; passes"},
-        {"no port any more", "add p1 1, trap p1, remove p1, dhcp, " FILTERS("p1") ", trap p1, entries", "passes; ENODEV; 0 0 0"},
+        {"no port any more: the classifier stays, and its trap holds until it is long ago", "add p1 1, trap p1, attached, remove p1, dhcp, " FILTERS("p1") ", trap p1, entries, add p1 1, dhcp, remove p1, long-ago p1, dhcp, add p1 1, dhcp, remove p1, free p1, dhcp, attached",
+         "told; held; direct-action clsact; ENODEV; 1 0 1; held; passes; held; passes; quiet"},
         {"no port, family or VLAN", "add p1 1, add none 1, trap none, trap p1 0, trap p1 1, trap p1 5, trap p1 10, trap 0, trap 4094, trap 4095, trap 10 5, dhcp, entries",
          "ENODEV; ENODEV; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; passes; 1 0 1"},
-        {"taken off the port by somebody", "add p1 1, trap p1, sh tc qdisc del dev p1 clsact, dhcp, trap p1, dhcp, sh tc qdisc del dev p1 clsact, add p1 1, dhcp, sh ip link del p1, trap p1", "passes; held; held; ENODEV"},
+        {"taken off the port by somebody", "add p1 1, add p2 1, trap p1, attached, sh tc qdisc del dev p1 clsact, dhcp, attached, dhcp, sh tc filter del dev p1 ingress, attached, dhcp, sh ip link del p1, trap p1", "told; passes; told; held; told; held; ENODEV"},
         {"a daemon's end, and its successor's", "add p1 1, trap p1, close, dhcp, restart, add p1 1, complete, dhcp, " FILTERS("p1") ", restart, add p1 1, dhcp, trap p1, free p1, dhcp",
          "held; " TRAPS_HOLD("1") "; held; direct-action clsact; " TRAPS_HOLD("1") "; held; passes"},
         {"a VLAN's", "add p1 1, trap 1, restart, add p1 1, dhcp, free 1, dhcp", TRAPS_HOLD("1") "; held; passes"},
@@ -284,9 +316,7 @@ const GuardRow GONE_ROWS[] = { // between the coming of a device p9 and the daem
 // A port that goes leaves no entry behind, whatever its way: 4,096 are all that the maps hold.
 TEST_F(Guard, ForgetsDevicesThatAreGone)
 {
-    const sockaddr_nl links = {AF_NETLINK, 0, 0, RTMGRP_LINK};
-    messages_.reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    ASSERT_EQ(bind(messages_.get(), reinterpret_cast<const sockaddr *>(&links), sizeof links), 0);
+    messages_ = listener(RTMGRP_LINK);
     guard_close();
     ASSERT_EQ(trap_start(8), 0);
     const std::string before = play("sh ip link set br0 type bridge stp_state 0 && ip link set br0 down && ip link set br0 up, heard, entries");

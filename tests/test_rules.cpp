@@ -56,9 +56,11 @@ bool guard_open(uint32_t bindings, std::string &why, std::string &)
 }
 void guard_close() { asked(0, "close"); }
 int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &) { return asked(recorder.addResult, world_format("add %u %u", ifIndex, nativeVid)); }
-void guard_port_remove(uint32_t ifIndex) { asked(0, world_format("remove %u", ifIndex)); }
+void guard_port_remove(uint32_t ifIndex, uint32_t) { asked(0, world_format("remove %u", ifIndex)); }
 void guard_device_gone(uint32_t) {}
 void guard_vlans_changed() {}
+void guard_doubt(uint32_t) {}
+bool guard_mend(uint32_t &, int &) { return false; }
 void model_watch_gone(GoneWatcher) {}
 void guard_ports_complete() { asked(0, "complete"); }
 int guard_trap_port(uint32_t ifIndex, int family, bool on)

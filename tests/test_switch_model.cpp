@@ -382,6 +382,9 @@ TEST(Answers, OfTheMachineAndOfNothing)
 
 // The data plane's recorder.
 int32_t platform_linux::trap_start(uint32_t) { return 0; }
+bool platform_linux::trap_heard(std::span<const uint8_t>) { return false; }
+void platform_linux::trap_messages_lost() {}
+bool platform_linux::trap_mend() { return false; }
 
 int32_t platform_linux::trap_set(uint32_t ifIndex, int family, bool on)
 {

@@ -36,6 +36,7 @@ alignas(nlmsghdr) std::array<uint8_t, DATAGRAM_MAX> datagram;
 DaemonEvents queue;
 bool awake = false;         // an acknowledgement was asked for and not read yet
 bool outdated = false;      // the model needs a dump
+bool mending = false;       // the classifier may be missing on some device
 bool guardOutdated = false; // the guard's configuration, or what it stands on, may have changed
 
 struct SocketCloser {
@@ -98,7 +99,7 @@ void drain(int sock)
 // select wakes for what has not been handed over yet.
 void stay_readable(int sock)
 {
-    if ((!queue.empty() || guard_follow_pending()) && !awake)
+    if ((!queue.empty() || guard_follow_pending() || mending) && !awake)
         awake = wake_event_socket(sock);
 }
 
@@ -108,6 +109,8 @@ void refresh()
     if (outdated)
         platform_report(LOG_WARNING, "the kernel's links cannot be listed: %s", strerror(errno));
     guardOutdated = true; // what was lost may have said so
+    trap_messages_lost();
+    mending = true;
 }
 
 void follow_guard()
@@ -168,6 +171,7 @@ bool read_datagram(int sock)
         if (const nlmsghdr *first = next_message(rest); first != nullptr && first->nlmsg_type == NLMSG_ERROR)
             awake = false;
         outdated = !switch_model().feed(bytes, queue) || outdated;
+        mending = trap_heard(bytes) || mending;
     }
     if (outdated)
         refresh();
@@ -209,6 +213,8 @@ int32_t platform_event_group_join(int sock, uint32_t group)
         return 0;
     if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER) < 0)
         setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
+    const int filters = RTNLGRP_TC;
+    setsockopt(sock, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &filters, sizeof filters);
     model_watch(model_changed);
     // What changed between the first dump and this moment was told to nobody.
     refresh();
@@ -232,6 +238,8 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
         guard_handled();
     }
     if (queue.empty()) {
+        mending = trap_mend();
+        stay_readable(sock);
         errno = EAGAIN;
         return -1;
     }

@@ -38,7 +38,9 @@ struct Guard {
         refused = -1;
     std::set<uint32_t>
         known; // ports, with entries in the maps; the classifier stands on them but for failures
-    std::set<uint32_t> parted; // devices that were ports in this run and are still there
+    std::set<uint32_t> parted;   // devices that were ports in this run and are still there
+    std::set<uint32_t> standing; // devices that the classifier was attached to in this run
+    std::set<uint32_t> doubted;  // those of them that it may have been taken off since
 } guard;
 
 char libbpfSaid[256]; // the first complaint since it was last cleared
@@ -158,6 +160,7 @@ bool is_there(uint32_t ifIndex)
     return if_indextoname(ifIndex, name) != nullptr;
 }
 
+// A port of an earlier run only.
 void forget_port(uint32_t ifIndex)
 {
     guard_port port = {};
@@ -165,7 +168,6 @@ void forget_port(uint32_t ifIndex)
     filter_detach(ifIndex, port.qdisc_is_ours != 0);
     bpf_map_delete_elem(guard.ports, &ifIndex);
     bpf_map_delete_elem(guard.refused, &ifIndex);
-    guard.known.erase(ifIndex);
     if (is_there(ifIndex))
         guard.parted.insert(ifIndex);
     else
@@ -179,10 +181,12 @@ int count_from_zero(uint32_t ifIndex)
     return error == EEXIST ? 0 : error;
 }
 
-// Attaches the classifier to a port whose entry is `port`.
+// Attaches the classifier to a device whose entry is `port`, where it does not stand. That takes the kernel's
+// lock for network settings twice, which others may hold for a second while many ports change.
 int attach(uint32_t ifIndex, guard_port &port)
 {
-    guard.known.insert(ifIndex);
+    if (guard.standing.contains(ifIndex))
+        return 0;
     // In the map first: the filter that it replaces may be trapping by it.
     int error = -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
     if (error == 0)
@@ -194,10 +198,20 @@ int attach(uint32_t ifIndex, guard_port &port)
         port.qdisc_is_ours = 1;
         bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
     }
+    if (error == 0)
+        guard.standing.insert(ifIndex);
     if (error == 0 || is_there(ifIndex))
         return error;
     guard_device_gone(ifIndex);
     return ENODEV;
+}
+
+// Writes the entry of a port where it is another than before.
+int change_port(uint32_t ifIndex, const guard_port &port, const guard_port &before)
+{
+    return memcmp(&port, &before, sizeof port) == 0
+               ? 0
+               : -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
 }
 
 uint8_t family_bit(int family)
@@ -357,15 +371,18 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
         return EOPNOTSUPP;
     guard_port port = {};
     bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
+    const bool isNew = !guard.known.contains(ifIndex) && !guard.parted.contains(ifIndex);
     Filters filters;
     // An index that an earlier run left in the maps is the same device only if the filter is still on it.
-    if (!guard.known.contains(ifIndex) && !(filter_list(ifIndex, filters) && filters.ours)) {
+    if (isNew && !(filter_list(ifIndex, filters) && filters.ours)) {
         port = {};
         bpf_map_delete_elem(guard.refused, &ifIndex);
-        if (!guard.parted.contains(ifIndex))
-            bpf_map_delete_elem(guard.portItems, &ifIndex);
+        bpf_map_delete_elem(guard.portItems, &ifIndex);
     }
+    const guard_port before = port;
     guard.parted.erase(ifIndex);
+    guard.known.insert(ifIndex);
+    port.left_until = 0;
     port.native = nativeVid;
     for (size_t vid = 0; vid < members.size(); vid++) {
         const uint64_t bit = uint64_t{1} << vid % 64;
@@ -373,21 +390,31 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
         word = members[vid] ? word | bit : word & ~bit;
     }
     gather_vlans(port, Vlans());
-    return attach(ifIndex, port);
+    return guard.standing.contains(ifIndex) ? change_port(ifIndex, port, before) : attach(ifIndex, port);
 }
 
-void guard_port_remove(uint32_t ifIndex)
+void guard_port_remove(uint32_t ifIndex, uint32_t seconds)
 {
-    if (guard.known.contains(ifIndex))
-        forget_port(ifIndex);
+    guard_port port = {};
+    if (guard.known.erase(ifIndex) == 0)
+        return;
+    if (!is_there(ifIndex)) {
+        guard_device_gone(ifIndex);
+        return;
+    }
+    guard.parted.insert(ifIndex);
+    if (bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+        return;
+    port.left_until = guard_clock() + uint64_t{seconds} * 1000000000u;
+    bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
 }
 
 void guard_device_gone(uint32_t ifIndex)
 {
     for (const int map : {guard.ports, guard.refused, guard.portItems})
         bpf_map_delete_elem(map, &ifIndex);
-    guard.known.erase(ifIndex);
-    guard.parted.erase(ifIndex);
+    for (std::set<uint32_t> *devices : {&guard.known, &guard.parted, &guard.standing, &guard.doubted})
+        devices->erase(ifIndex);
 }
 
 void guard_ports_complete()
@@ -396,7 +423,7 @@ void guard_ports_complete()
         return;
     for (const uint32_t ifIndex : device_indexes()) {
         Filters filters;
-        if (!guard.known.contains(ifIndex) && filter_list(ifIndex, filters) && filters.ours)
+        if (!guard.standing.contains(ifIndex) && filter_list(ifIndex, filters) && filters.ours)
             forget_port(ifIndex);
     }
     // The rest belongs to devices that are gone.
@@ -414,13 +441,40 @@ int guard_trap_port(uint32_t ifIndex, int family, bool on)
         return EOPNOTSUPP;
     if (bit == 0)
         return EINVAL;
-    if (!guard.known.contains(ifIndex) || bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+    if (!guard.known.contains(ifIndex) && (on || !guard.parted.contains(ifIndex)))
         return ENODEV;
-    // Nobody tells when somebody else has detached the classifier.
+    if (bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+        return ENODEV;
     if (const int error = on ? attach(ifIndex, port) : 0; error != 0)
         return error;
+    const guard_port before = port;
     set_trap(port, bit, on);
-    return -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
+    return change_port(ifIndex, port, before);
+}
+
+void guard_doubt(uint32_t ifIndex)
+{
+    if (ifIndex == UINT32_MAX)
+        guard.doubted = guard.standing;
+    else if (guard.standing.contains(ifIndex))
+        guard.doubted.insert(ifIndex);
+}
+
+bool guard_mend(uint32_t &ifIndex, int &error)
+{
+    guard_port port = {};
+    Filters filters;
+    if (guard.doubted.empty())
+        return false;
+    error = 0;
+    ifIndex = *guard.doubted.begin();
+    guard.doubted.erase(ifIndex);
+    if (!filter_list(ifIndex, filters) || filters.ours ||
+        bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+        return true;
+    guard.standing.erase(ifIndex);
+    error = attach(ifIndex, port);
+    return true;
 }
 
 int guard_trap_vlan(uint16_t vid, int family, bool on)
@@ -450,8 +504,7 @@ void guard_vlans_changed()
             continue;
         const guard_port before = port;
         gather_vlans(port, vlans);
-        if (memcmp(&port, &before, sizeof port) != 0)
-            bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
+        change_port(ifIndex, port, before);
     }
 }
 

@@ -19,6 +19,10 @@ namespace platform_linux
 // How long a trap of an earlier run holds that this run has not set again.
 constexpr uint32_t GUARD_INHERIT_SECONDS = 60;
 
+// How long a device that has left its bridge is judged as before: it may be back before the daemon knows. To
+// some other use it is open then.
+constexpr uint32_t GUARD_LEFT_SECONDS = 10;
+
 // From now on this process alone may change the maps of its network namespace: false when another one that
 // runs does. A second daemon would take traps and rules from the first, and leave it without. Without a
 // bpffs nothing is shared, and it is true.
@@ -38,12 +42,13 @@ using PortVlans = std::bitset<GUARD_VLANS>;
 
 // A port of the model is there: attaches the classifier at its ingress. `nativeVid` is the VLAN of its
 // untagged frames, 0 = none. A trap that an earlier run set on this very device goes on for
-// GUARD_INHERIT_SECONDS. Called again for a known port it repeats a failed attachment and sets the VLANs.
+// GUARD_INHERIT_SECONDS. Called again for a known port it repeats a failed attachment and sets the VLANs; the
+// kernel is not asked to attach what stands.
 int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &members);
 
-// The device is no port any more: detaches, forgets its traps. The check items of a device that is still
-// there stay, for the time when it is a port again.
-void guard_port_remove(uint32_t ifIndex);
+// The device is no port any more. As long as it is there the classifier, its trap and its check items stay,
+// for the time when it is a port again; they count for so many seconds.
+void guard_port_remove(uint32_t ifIndex, uint32_t seconds);
 
 // The device is gone, whether it was a port or not: its number may be given to another one.
 void guard_device_gone(uint32_t ifIndex);
@@ -51,8 +56,16 @@ void guard_device_gone(uint32_t ifIndex);
 // After the first guard_port_add of every port: detaches from devices that were ports of an earlier run only.
 void guard_ports_complete();
 
-// The trap of a port: ENODEV for one that is not added. Takes effect with the next frame.
+// The trap of a port: ENODEV for one that is not added; off also for one that was removed. Takes effect with
+// the next frame.
 int guard_trap_port(uint32_t ifIndex, int family, bool on);
+
+// The classifier of a device may be gone, by somebody else's hand: guard_mend looks. UINT32_MAX = of any
+// device.
+void guard_doubt(uint32_t ifIndex);
+// Looks at one such device and attaches the classifier again where it is missing; an errno value when that
+// fails. False when there is none.
+bool guard_mend(uint32_t &ifIndex, int &error);
 
 // The trap of a VLAN (1 to 4094, else EINVAL) on every port: outer tag, or the port's native VLAN.
 int guard_trap_vlan(uint16_t vid, int family, bool on);

@@ -128,7 +128,7 @@ int dhcpsnoop_guard(struct __sk_buff *skb)
     __u32 ifindex = skb->ifindex;
     const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &ifindex);
 
-    if (!port)
+    if (!port || (port->left_until && bpf_ktime_get_boot_ns() >= port->left_until))
         return TC_ACT_UNSPEC;
     __u32 native = port->native;
     __u64 network = behind_tags(skb);

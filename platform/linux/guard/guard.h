@@ -39,6 +39,15 @@ int32_t trap_start(uint32_t bindings);
 // is not there (any more) is 0.
 int32_t trap_set(uint32_t ifIndex, int family, bool on);
 
+// The classifier stays where it was attached. Its removal by somebody else's hand shows in the kernel's
+// messages about filters. trap_heard takes a datagram of them: true when trap_mend is due. So it is after
+// trap_messages_lost, which says that some are missing. trap_mend looks at one device and attaches the
+// classifier again where it is missing; false when all were looked at. One at a time, because frames wait
+// while the kernel makes it wait.
+bool trap_heard(std::span<const uint8_t> datagram);
+void trap_messages_lost();
+bool trap_mend();
+
 // Removes everything that any daemon of this network namespace left in the kernel: the classifier from every
 // device, the clsact queueing disciplines made for it and the pinned maps. `report` gets one line for each
 // thing removed or not removable. False when something could not be removed. Not for a namespace whose daemon

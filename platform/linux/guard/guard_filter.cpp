@@ -124,6 +124,19 @@ int filter_detach(uint32_t ifIndex, bool qdiscIsOurs)
     return error;
 }
 
+uint32_t filter_taken_off(const nlmsghdr &message)
+{
+    if ((message.nlmsg_type != RTM_DELTFILTER && message.nlmsg_type != RTM_DELQDISC) ||
+        mnl_nlmsg_get_payload_len(&message) < sizeof(tcmsg))
+        return 0;
+    const tcmsg *tc = static_cast<const tcmsg *>(mnl_nlmsg_get_payload(&message));
+    const bool another = message.nlmsg_type == RTM_DELTFILTER && tc->tcm_handle != 0 &&
+                         tc->tcm_handle != FILTER_HANDLE; // 0 = all of a priority
+    return TC_H_MAJ(tc->tcm_parent) != TC_H_MAJ(TC_H_CLSACT) || tc->tcm_ifindex <= 0 || another
+               ? 0
+               : static_cast<uint32_t>(tc->tcm_ifindex);
+}
+
 std::vector<uint32_t> device_indexes()
 {
     std::vector<uint32_t> indexes;

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <vector>
 
+#include <linux/netlink.h>
+
 namespace platform_linux
 {
 
@@ -24,6 +26,10 @@ int filter_attach(uint32_t ifIndex, int program, bool &qdiscMade);
 
 // Detaches it, and removes the queueing discipline when that is ours and nobody else uses it now.
 int filter_detach(uint32_t ifIndex, bool qdiscIsOurs);
+
+// The device whose clsact ingress or egress has lost a filter or all, by a message of the kernel's that may
+// say so: RTM_DELTFILTER, RTM_DELQDISC. Else 0.
+uint32_t filter_taken_off(const nlmsghdr &message);
 
 std::vector<uint32_t> device_indexes(); // of this network namespace
 

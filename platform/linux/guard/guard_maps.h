@@ -7,7 +7,7 @@
 
 #include <linux/types.h>
 
-#define GUARD_LAYOUT 3
+#define GUARD_LAYOUT 4
 #define GUARD_PORTS_MAX 4096
 #define GUARD_VLANS 4096
 
@@ -50,11 +50,14 @@ struct guard_items {
                                    * them; 0 = none. The classifier goes by those above alone */
 };
 
-/* Map guard_ports, by interface index: the ports on which the classifier stands. The daemon writes it. */
+/* Map guard_ports, by interface index: the devices on which the classifier stands, ports and those that were
+ * one. The daemon writes it. */
 struct guard_port {
-    __u16 native;       /* VLAN of untagged and priority-tagged frames; 0 = none */
-    __u8 trap;          /* set by the running daemon */
-    __u8 inherited;     /* set by an earlier one: counts until guard_state.inherited_until */
+    __u64 left_until; /* 0 = a port; else it is none any more, and its frames are judged as before until then:
+                       * nanoseconds of CLOCK_BOOTTIME */
+    __u16 native;     /* VLAN of untagged and priority-tagged frames; 0 = none */
+    __u8 trap;        /* set by the running daemon */
+    __u8 inherited;   /* set by an earlier one: counts until guard_state.inherited_until */
     __u8 qdisc_is_ours; /* 1: the clsact queueing discipline was made for the guard */
     __u8 reserved[3];
     /* All of its VLANs together, for a frame whose VLAN cannot be told. */

@@ -8,6 +8,7 @@
 
 #include "bindings.h"
 #include "classifier.h"
+#include "guard_filter.h"
 #include "model.h"
 #include "report.h"
 
@@ -30,7 +31,7 @@ bool receives_itself(const Port &port) { return port.kind != PortKind::vlanInter
 void follow(const Port &port)
 {
     if (!receives_itself(port)) {
-        guard_port_remove(port.ifIndex);
+        guard_port_remove(port.ifIndex, 0);
         return;
     }
     bindings_resume(port);
@@ -74,13 +75,13 @@ void vlan_interface_back(const Port &port)
 void model_changed(ModelChange change, const Port &port, const Port *before)
 {
     if (change == ModelChange::vanished) {
-        guard_port_remove(port.ifIndex);
+        guard_port_remove(port.ifIndex, GUARD_LEFT_SECONDS);
         vlan_interface_gone(port.ifIndex);
         return;
     }
     if (change == ModelChange::appeared || before == nullptr || port.nativeVid != before->nativeVid ||
         port.members != before->members || port.routed != before->routed ||
-        port.aggregate != before->aggregate || port.up != before->up)
+        port.aggregate != before->aggregate)
         follow(port);
     if (change == ModelChange::appeared && port.kind == PortKind::vlanInterface)
         vlan_interface_back(port);
@@ -110,6 +111,33 @@ int32_t trap_start(uint32_t bindings)
     model_watch_gone(guard_device_gone);
     bindings_start(bindings);
     return 0;
+}
+
+bool trap_heard(std::span<const uint8_t> datagram)
+{
+    bool due = false;
+    while (const nlmsghdr *message = next_message(datagram)) {
+        if (const uint32_t ifIndex = filter_taken_off(*message); ifIndex != 0) {
+            guard_doubt(ifIndex);
+            due = true;
+        }
+    }
+    return due;
+}
+
+void trap_messages_lost() { guard_doubt(UINT32_MAX); }
+
+bool trap_mend()
+{
+    uint32_t ifIndex = 0;
+    int error = 0;
+    if (!guard_mend(ifIndex, error))
+        return false;
+    if (error != 0 && error != ENODEV)
+        platform_report(LOG_ERR,
+                        "interface %u: somebody took the DHCP trap off it, and it does not go back: %s",
+                        ifIndex, strerror(error));
+    return true;
 }
 
 int32_t trap_set(uint32_t ifIndex, int family, bool on)
