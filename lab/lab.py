@@ -119,11 +119,10 @@ class Host:
             return socket.if_nametoindex(device)
 
     def connect(self, device, mac, switch, port):
-        """A link from this host's device to a port of the switch."""
+        """A link from this host's device to a port of the switch, which is not up yet."""
         link = f"ip link add {device} netns {self.name} address {mac} type veth peer name {port} netns {switch.name}"
         subprocess.run(link.split(), check=True)
         self.ip(f"link set {device} up")
-        switch.ip(f"link set {port} up")
 
     def bridge(self):
         self.ip("link add br0 type bridge mcast_snooping 0")
@@ -337,6 +336,7 @@ class Lab:
     def connect(self, name, switch, port):
         host = self.hosts[name] = Host(name)
         host.connect("eth0", MACS[name], switch, port)
+        switch.ip(f"link set {port} up")
         if not self.offload:
             host.run("ethtool", "-K", "eth0", "tx", "off")
             switch.run("ethtool", "-K", port, "tx", "off")

@@ -132,13 +132,14 @@ class Pair:
         self.left.connect("peer0", "02:00:00:00:00:01", self.right, "peer0")
         for name, unit in self.units.items():
             unit.ip(f"addr add {PEERS[name][0]}/30 dev peer0")
+            unit.ip("link set peer0 up")
 
     def connect(self, unit, port, mac="02:00:00:00:01:01"):
         """A host at a port; gives its end."""
         name = f"{unit.name}-{port}"
         host = self.hosts[name] = self.hosts.get(name) or Host(name)
         host.connect("eth0", mac, unit, port)
-        unit.ip(f"link set {port} master br0")
+        unit.ip(f"link set {port} master br0 up")
         return Endpoint(host)
 
     def pull(self, unit, port, end):
