@@ -10,7 +10,7 @@ import socket
 import subprocess
 import time
 
-from lab import RUN, Failure, Host, Switch, wait_for
+from lab import RUN, Failure, Host, Switch
 from wire import BROADCAST, IP, UDP, Endpoint, Ether, from_client, from_server
 
 PEERS = {"left": ("192.0.2.1", "connect", "right"), "right": ("192.0.2.2", "listen", "left")}
