@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 
 #include "protocol.h"
 
@@ -13,11 +14,13 @@ constexpr Choice USER_TYPES[] = {
     {"static",          DHCPSNOOP_USER_STATIC },
     {"ip-source-guard", DHCPSNOOP_USER_IPSG   }
 };
+constexpr uint32_t STATE_WAITING = 0x100; // the platform's, beside the daemon's
 constexpr Choice USER_STATES[] = {
     {"bound",     DHCPSNOOP_BIND_BOUND    },
     {"unbound",   DHCPSNOOP_BIND_UNBOUND  },
     {"created",   DHCPSNOOP_BIND_CREATED  },
-    {"requested", DHCPSNOOP_BIND_REQUESTED}
+    {"requested", DHCPSNOOP_BIND_REQUESTED},
+    {"waiting",   STATE_WAITING           }
 };
 
 std::string wordOf(std::span<const Choice> choices, uint32_t value)
@@ -40,6 +43,24 @@ uint32_t valueOf(const std::string &what, std::span<const Choice> choices, const
 }
 
 using BindingFilter = std::function<bool(const Binding &)>;
+
+// The names of ports that are away, by the address of a binding that waits for one.
+using Ports = std::map<std::string, std::string>;
+
+// The daemon may have a waiting binding at the port's last index, or not at all.
+Ports addWaiting(std::vector<Binding> &bindings)
+{
+    const std::vector<WaitingBinding> waiting = readWaiting();
+    Ports ports;
+    for (const WaitingBinding &other : waiting)
+        ports.emplace(userKeyText(other.binding.key), other.interface);
+    std::erase_if(bindings, [&](const Binding &binding) { return ports.contains(userKeyText(binding.key)); });
+    for (const WaitingBinding &other : waiting) {
+        bindings.push_back(other.binding);
+        bindings.back().state = STATE_WAITING;
+    }
+    return ports;
+}
 
 // All wanted bindings, or only that of one address. Each step of a list costs the daemon a walk over all
 // bindings.
@@ -69,7 +90,14 @@ uint32_t leaseLeft(const Binding &binding)
     return binding.lease - std::min(binding.elapsed, binding.lease);
 }
 
-Json bindingJson(const Binding &binding)
+std::string portOf(const Binding &binding, const Ports &away)
+{
+    if (binding.state == STATE_WAITING)
+        return away.at(userKeyText(binding.key));
+    return binding.ifIndex ? interfaceText(binding.ifIndex) : "";
+}
+
+Json bindingJson(const Binding &binding, const std::string &port)
 {
     Json out = {
         {"address",   userKeyText(binding.key)},
@@ -82,10 +110,10 @@ Json bindingJson(const Binding &binding)
         out["mac"] = macText(binding.mac);
     if (binding.vlan != 0)
         out["vlan"] = binding.vlan;
-    if (binding.ifIndex != 0) {
-        out["interface"] = interfaceText(binding.ifIndex);
+    if (!port.empty())
+        out["interface"] = port;
+    if (binding.ifIndex != 0)
         out["index"] = binding.ifIndex;
-    }
     out["type"] = wordOf(USER_TYPES, binding.type);
     out["state"] = wordOf(USER_STATES, binding.state);
     out["lease"] = nullptr; // never ends
@@ -167,16 +195,21 @@ ExitStatus showBindings(const Context &context, std::span<const std::string> arg
         return std::all_of(filters.begin(), filters.end(),
                            [&](const BindingFilter &filter) { return filter(binding); });
     };
-    std::vector<Binding> bindings = readBindings(context.daemon, wanted, only);
+    const std::vector<WaitingBinding> waiting = readWaiting();
+    std::vector<Binding> bindings = readBindings(
+        context.daemon, [](const Binding &) { return true; }, only);
+    const Ports away = addWaiting(bindings);
+    std::erase_if(bindings,
+                  [&](const Binding &binding) { return !wanted(binding) || (only && binding.key != *only); });
     Json list = Json::array();
     std::vector<Words> rows = {
         {"ADDRESS", "MAC", "VLAN", "INTERFACE", "TYPE", "STATE", "LEASE", "LEFT"}
     };
     for (const Binding &binding : bindings) {
-        list.push_back(bindingJson(binding));
+        const std::string port = portOf(binding, away);
+        list.push_back(bindingJson(binding, port));
         rows.push_back({userKeyText(binding.key), hasMac(binding) ? macText(binding.mac) : "",
-                        binding.vlan ? std::to_string(binding.vlan) : "",
-                        binding.ifIndex ? interfaceText(binding.ifIndex) : "",
+                        binding.vlan ? std::to_string(binding.vlan) : "", port,
                         wordOf(USER_TYPES, binding.type), wordOf(USER_STATES, binding.state),
                         leaseText(binding.lease), leaseText(leaseLeft(binding))});
     }

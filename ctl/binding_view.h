@@ -4,6 +4,13 @@
 #include "binding.h"
 #include "table.h"
 
+// A binding whose port is away: the platform keeps it until the port is back.
+struct WaitingBinding {
+    Binding binding; // its state and interface index mean nothing
+    std::string interface;
+};
+std::vector<WaitingBinding> readWaiting(); // none where no platform can be asked
+
 // Appends the commands that recreate all static bindings.
 void staticCommands(const Daemon &daemon, std::vector<Words> &lines);
 

@@ -5,11 +5,11 @@
 #include <sstream>
 #include <sys/socket.h>
 
-#include "table.h"
+#include "binding_view.h"
 
 namespace
 {
-constexpr size_t ANSWER_MAX = 4096;
+constexpr size_t ANSWER_MAX = 65536;
 constexpr std::chrono::seconds PATIENCE(60); // a change of role may have thousands of bindings to install
 
 std::string askPlatform(const std::string &request)
@@ -57,6 +57,32 @@ uint64_t numberOf(const std::string &value)
     return number;
 }
 } // namespace
+
+std::vector<WaitingBinding> readWaiting()
+try {
+    std::vector<WaitingBinding> found;
+    for (;;) {
+        const std::string last = found.empty() ? "" : " " + userKeyText(found.back().binding.key);
+        std::istringstream answer(askPlatform("waiting" + last));
+        const size_t before = found.size();
+        std::string address, mac;
+        for (WaitingBinding waiting = {}; answer >> address && address != "end";) {
+            Binding &binding = waiting.binding;
+            answer >> mac >> binding.vlan >> waiting.interface >> binding.type >> binding.lease >>
+                binding.elapsed;
+            if (!answer)
+                throw NoDaemon("malformed answer: a waiting binding");
+            binding.key = parseUserKey(address);
+            const auto bytes = parseMac(mac);
+            binding.mac.assign(bytes.begin(), bytes.end());
+            found.push_back(waiting);
+        }
+        if (address == "end" || found.size() == before)
+            return found;
+    }
+} catch (const NoDaemon &) {
+    return {};
+}
 
 ExitStatus showRedundancy(const Context &context, std::span<const std::string>)
 {

@@ -164,6 +164,26 @@ class Redundancy(unittest.TestCase):
             self.left.ctl("guard interface swp1 ip mac port")
             self.assert_enforced(self.left)
 
+    def test_away(self):
+        """A binding whose port goes waits for it, and is in force again on the same port only. Learned ones go with a port that
+        snoops."""
+        self.start()
+        self.traffic.run(*self.left.ends, 2)
+        mac, address = self.traffic.frames[5][:2]
+        self.left.ctl(f"binding add {address} mac {mac} vlan 10 interface swp1")
+        wait_for("learned bindings", lambda: len(self.left.bindings()) == 3)
+
+        def seen():
+            self.left.ctl("guard interface swp1 ip mac port")
+            waiting = [b["address"] for b in self.left.show("bindings") if b["state"] == "waiting" and b["interface"] == "swp1"]
+            return waiting, sorted(self.left.bindings()), self.traffic.arrive(*self.left.ends, [self.traffic.packet(n) for n in (0, 5)])
+
+        self.pair.pull(self.left, "swp1", self.left.ends[0])
+        self.left.ends[0] = self.pair.connect(self.left, "swp1", address="02:00:00:00:06:99")
+        wait_for("another port", lambda: seen() == ([address], [], []))
+        self.left.ip("link set swp1 address 02:00:00:00:06:01")
+        wait_for("the port", lambda: seen() == ([], [address], [address]))
+
     def test_while_a_port_comes(self):
         """Bindings of the journal wait for their port, which comes back with another index; the daemon is a standby for a moment,
         for the 100 bindings that waited. What it learns then is enforced too.

@@ -134,12 +134,12 @@ class Pair:
             unit.ip(f"addr add {PEERS[name][0]}/30 dev peer0")
             unit.ip("link set peer0 up")
 
-    def connect(self, unit, port, mac="02:00:00:00:01:01"):
+    def connect(self, unit, port, mac="02:00:00:00:01:01", address=None):
         """A host at a port; gives its end."""
         name = f"{unit.name}-{port}"
         host = self.hosts[name] = self.hosts.get(name) or Host(name)
         host.connect("eth0", mac, unit, port)
-        unit.ip(f"link set {port} master br0 up")
+        unit.ip(f"link set {port} address {address or '02:00:00:00:06:0' + port[3:]} master br0 up")
         return Endpoint(host)
 
     def pull(self, unit, port, end):

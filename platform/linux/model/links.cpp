@@ -72,6 +72,15 @@ const ifinfomsg &info_of(const nlmsghdr &message)
     return *static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(&message));
 }
 
+// FNV-1a
+uint64_t sum_of(std::string_view text)
+{
+    uint64_t sum = 0xcbf29ce484222325;
+    for (const char c : text)
+        sum = (sum ^ static_cast<uint8_t>(c)) * 0x100000001b3;
+    return text.empty() ? 0 : sum;
+}
+
 // The kernel's state of a port is taken as ours.
 static_assert(static_cast<int>(StpState::disabled) == BR_STATE_DISABLED &&
               static_cast<int>(StpState::blocking) == BR_STATE_BLOCKING &&
@@ -137,6 +146,7 @@ void read_link(const Attributes &attributes, uint32_t flags, Link &link)
     if (attributes.fits(IFLA_ADDRESS, sizeof link.mac) &&
         mnl_attr_get_payload_len(attributes.at[IFLA_ADDRESS]) == sizeof link.mac)
         memcpy(link.mac, mnl_attr_get_payload(attributes.at[IFLA_ADDRESS]), sizeof link.mac);
+    link.aliasSum = sum_of(attributes.text(IFLA_IFALIAS));
 
     const Attributes info(attributes.at[IFLA_LINKINFO]);
     link.kind = kind_of(info.text(IFLA_INFO_KIND));

@@ -31,8 +31,9 @@ struct BridgePort {
 struct Link {
     uint32_t ifIndex;
     char name[IFNAMSIZ];
-    uint8_t mac[6]; // zero when its address is no Ethernet address
-    bool up;        // switched on, with carrier, not dormant
+    uint8_t mac[6];    // zero when its address is no Ethernet address
+    uint64_t aliasSum; // of its alias (ip link set alias), 0 = none
+    bool up;           // switched on, with carrier, not dormant
     LinkKind kind;
     uint32_t master; // the bridge, bond or team it is in; 0 = none
     LinkKind masterKind;

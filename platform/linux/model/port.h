@@ -20,6 +20,7 @@ struct Port {
     uint32_t ifIndex;
     char name[IFNAMSIZ];
     uint8_t mac[6];
+    uint64_t aliasSum; // of its alias, 0 = none
     PortKind kind;
     bool routed;        // no VLANs: nativeVid is 0, both sets are empty
     bool up;            // switched on and with carrier

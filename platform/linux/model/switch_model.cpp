@@ -17,6 +17,7 @@ Port described(const Link &link)
     port.ifIndex = link.ifIndex;
     memcpy(port.name, link.name, sizeof port.name);
     memcpy(port.mac, link.mac, sizeof port.mac);
+    port.aliasSum = link.aliasSum;
     port.kind = link.kind == LinkKind::aggregate ? PortKind::aggregate : PortKind::port;
     port.up = link.up;
     port.stp = link.masterKind == LinkKind::bridge ? link.bridgePort.stp : StpState::forwarding;

@@ -19,6 +19,8 @@ struct Change {
     enum class Kind : uint8_t { record, copyBegin, copyEnd }; // a full copy is between the two
     Kind kind;
     UnitRecord record;
+    uint32_t ifIndex;  // of the record's port, or that it had
+    uint64_t identity; // of the port; 0 = unknown
 };
 
 class ChangeQueue

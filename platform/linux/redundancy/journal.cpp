@@ -20,8 +20,15 @@ namespace platform_linux
 {
 namespace
 {
-constexpr std::array<uint8_t, 4> MARK = {'D', 'S', 'J', '1'};
-constexpr size_t CRC_OFFSET = JOURNAL_SLOT - 4;
+constexpr std::array<uint8_t, 4> MARK = {'D', 'S', 'J', '2'};
+enum Offset : size_t {
+    OFFSET_RECORD = 4,
+    OFFSET_IDENTITY = OFFSET_RECORD + UNIT_RECORD_LEN,
+    OFFSET_AWAY_SINCE = OFFSET_IDENTITY + 8,
+    OFFSET_BOOT = OFFSET_AWAY_SINCE + 4,
+    OFFSET_SINCE_BOOT = OFFSET_BOOT + 4,
+    OFFSET_CRC = OFFSET_SINCE_BOOT + 4,
+};
 constexpr size_t READ_PIECE = 1 << 16;
 constexpr size_t BUFFER_MAX = 1 << 20; // beyond, the file is written anew instead
 constexpr uint64_t SLACK = 1 << 20;    // a small journal is not worth writing anew
@@ -29,24 +36,39 @@ constexpr int LOCK_TRIES = 50;         // of 20 ms: a killed daemon may still be
 
 uint32_t checksum(const uint8_t *slot)
 {
-    return static_cast<uint32_t>(crc32(crc32(0, nullptr, 0), slot, CRC_OFFSET));
+    return static_cast<uint32_t>(crc32(crc32(0, nullptr, 0), slot, OFFSET_CRC));
 }
 
-std::array<uint8_t, JOURNAL_SLOT> slot_make(const UnitBytes &bytes)
+void slot_append(std::vector<uint8_t> &bytes, const UnitRecord &record, const UnitPlace &place,
+                 const Moment &now)
 {
     std::array<uint8_t, JOURNAL_SLOT> slot{};
-    std::copy(MARK.begin(), MARK.end(), slot.begin());
-    std::copy(bytes.begin(), bytes.end(), slot.begin() + MARK.size());
-    wire_put32(&slot[CRC_OFFSET], checksum(slot.data()));
-    return slot;
+    std::ranges::copy(MARK, slot.begin());
+    std::ranges::copy(unit_encode(record, now.wall), slot.begin() + OFFSET_RECORD);
+    wire_put32(&slot[OFFSET_IDENTITY], static_cast<uint32_t>(place.identity >> 32));
+    wire_put32(&slot[OFFSET_IDENTITY + 4], static_cast<uint32_t>(place.identity));
+    wire_put32(&slot[OFFSET_AWAY_SINCE], place.awaySince);
+    wire_put32(&slot[OFFSET_BOOT], now.boot);
+    wire_put32(&slot[OFFSET_SINCE_BOOT], now.sinceBoot);
+    wire_put32(&slot[OFFSET_CRC], checksum(slot.data()));
+    bytes.insert(bytes.end(), slot.begin(), slot.end());
 }
 
-std::optional<UnitRecord> slot_read(const uint8_t *slot, uint32_t now)
+std::optional<JournalRecord> slot_read(const uint8_t *slot, uint32_t now)
 {
-    if (memcmp(slot, MARK.data(), MARK.size()) != 0 || wire_get32(slot + CRC_OFFSET) != checksum(slot))
+    if (memcmp(slot, MARK.data(), MARK.size()) != 0 || wire_get32(slot + OFFSET_CRC) != checksum(slot))
         return {};
-    return unit_decode(std::span<const uint8_t, UNIT_RECORD_LEN>(slot + MARK.size(), UNIT_RECORD_LEN), now,
-                       UnitClock::own);
+    const std::span<const uint8_t, UNIT_RECORD_LEN> bytes(slot + OFFSET_RECORD, UNIT_RECORD_LEN);
+    const auto record = unit_decode(bytes, now, UnitClock::own);
+    if (!record)
+        return {};
+    const uint64_t high = wire_get32(slot + OFFSET_IDENTITY), low = wire_get32(slot + OFFSET_IDENTITY + 4);
+    return JournalRecord{
+        *record,
+        high << 32 | low,
+        wire_get32(slot + OFFSET_AWAY_SINCE),
+        {unit_clock(bytes), wire_get32(slot + OFFSET_SINCE_BOOT), wire_get32(slot + OFFSET_BOOT)}
+    };
 }
 
 bool write_all(int fd, const uint8_t *bytes, size_t count)
@@ -110,7 +132,7 @@ void JournalReader::finish()
     gap_end();
 }
 
-bool Journal::open(const std::string &path, uint32_t now, UnitTable &table, std::string &error)
+bool Journal::open(const std::string &path, const Moment &now, UnitTable &table, std::string &error)
 {
     path_ = path;
     if (!lock(error))
@@ -143,10 +165,12 @@ bool Journal::lock(std::string &error)
     return true;
 }
 
-bool Journal::read(uint32_t now, UnitTable &table, std::string &error)
+bool Journal::read(const Moment &now, UnitTable &table, std::string &error)
 {
     Fd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    JournalReader reader(now, [&table](const UnitRecord &record) { table.apply(record); });
+    JournalReader reader(now.wall, [&table](const JournalRecord &read) {
+        table.apply(read.record, {UnitPlace::At::parked, 0, read.identity, read.awaySince});
+    });
     std::vector<uint8_t> piece(READ_PIECE);
     ssize_t got = -1;
     while (file &&
@@ -170,7 +194,7 @@ bool Journal::read(uint32_t now, UnitTable &table, std::string &error)
 }
 
 // A torn end would damage the next record too, so the file is written anew.
-void Journal::repair(uint32_t now, const UnitTable &table)
+void Journal::repair(const Moment &now, const UnitTable &table)
 {
     platform_report(LOG_WARNING, "%s: %llu damaged records left out, %llu read", path_.c_str(),
                     static_cast<unsigned long long>(damaged_), static_cast<unsigned long long>(records_));
@@ -182,12 +206,10 @@ void Journal::repair(uint32_t now, const UnitTable &table)
         failure("cannot be written anew");
 }
 
-void Journal::append(const UnitBytes &record)
+void Journal::append(const UnitRecord &record, const UnitPlace &place, const Moment &now)
 {
-    if (!file_ || buffer_.size() >= BUFFER_MAX)
-        return;
-    const auto slot = slot_make(record);
-    buffer_.insert(buffer_.end(), slot.begin(), slot.end());
+    if (file_ && buffer_.size() < BUFFER_MAX)
+        slot_append(buffer_, record, place, now);
 }
 
 void Journal::failure(const char *trouble)
@@ -212,19 +234,17 @@ bool Journal::flush()
 }
 
 // A full disk has no room beside the file; the file's own room may do.
-bool Journal::rewrite(const UnitTable &table, uint32_t now)
+bool Journal::rewrite(const UnitTable &table, const Moment &now)
 {
     std::vector<uint8_t> bytes;
     bytes.reserve(table.held().size() * JOURNAL_SLOT);
-    for (const auto &[key, held] : table.held()) {
-        const auto slot = slot_make(unit_encode(held.record, now));
-        bytes.insert(bytes.end(), slot.begin(), slot.end());
-    }
+    for (const auto &[key, held] : table.held())
+        slot_append(bytes, held.record, held.place, now);
     if (!replace(bytes) && ((errno != ENOSPC && errno != EDQUOT) || !restart(bytes)))
         return false;
     size_ = bytes.size();
     records_ = table.held().size();
-    rewritten_ = now;
+    rewritten_ = now.wall;
     buffer_.clear(); // its records are in the table
     dirty_ = false;
     return true;
@@ -275,7 +295,7 @@ bool Journal::restart(std::span<const uint8_t> bytes)
     return true;
 }
 
-void Journal::write(const UnitTable &table, uint32_t now, bool sync)
+void Journal::write(const UnitTable &table, const Moment &now, bool sync)
 {
     if (!file_)
         return;

@@ -8,19 +8,28 @@
 #include <string>
 #include <vector>
 
+#include "clock.h"
 #include "fd.h"
 #include "unit_table.h"
 
 namespace platform_linux
 {
 
-constexpr size_t JOURNAL_SLOT = 4 + UNIT_RECORD_LEN + 4; // mark "DSJ1", record, CRC-32 of both
+// Mark "DSJ2", record, identity of the port (8), begin of its absence, boot and time since, CRC-32 of all.
+constexpr size_t JOURNAL_SLOT = 4 + UNIT_RECORD_LEN + 8 + 4 + 4 + 4 + 4;
+
+struct JournalRecord {
+    UnitRecord record;
+    uint64_t identity;  // as in UnitPlace
+    uint32_t awaySince; // as in UnitPlace
+    Moment written;
+};
 
 // Takes the bytes of a journal, or any other bytes, piece by piece, and gives the records in their order.
 class JournalReader
 {
   public:
-    using Take = std::function<void(const UnitRecord &)>;
+    using Take = std::function<void(const JournalRecord &)>;
     JournalReader(uint32_t now, Take take) : now_(now), take_(std::move(take)) {}
 
     void feed(std::span<const uint8_t> piece);
@@ -44,13 +53,13 @@ class Journal
   public:
     // Opens or makes the file, and reads it into `table`. False with `error` when it cannot be read or is
     // another process's journal; every other call does nothing then.
-    bool open(const std::string &path, uint32_t now, UnitTable &table, std::string &error);
+    bool open(const std::string &path, const Moment &now, UnitTable &table, std::string &error);
 
-    void append(const UnitBytes &record);
+    void append(const UnitRecord &record, const UnitPlace &place, const Moment &now);
 
     // Appended records go to the kernel, and to the disk when `sync` is set. The file is written anew when
     // more than half of it is out of date, or the last write failed. Reports a failure once, and its end.
-    void write(const UnitTable &table, uint32_t now, bool sync);
+    void write(const UnitTable &table, const Moment &now, bool sync);
 
     const std::string &path() const { return path_; }
     bool is_open() const { return static_cast<bool>(file_); }
@@ -63,10 +72,10 @@ class Journal
 
   private:
     bool lock(std::string &error);
-    bool read(uint32_t now, UnitTable &table, std::string &error);
-    void repair(uint32_t now, const UnitTable &table);
+    bool read(const Moment &now, UnitTable &table, std::string &error);
+    void repair(const Moment &now, const UnitTable &table);
     bool flush();
-    bool rewrite(const UnitTable &table, uint32_t now);
+    bool rewrite(const UnitTable &table, const Moment &now);
     bool replace(std::span<const uint8_t> bytes);
     bool restart(std::span<const uint8_t> bytes);
     void failure(const char *trouble);

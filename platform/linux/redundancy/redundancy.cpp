@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
 
 #include "management.h"
 #include "model.h"
@@ -23,27 +25,70 @@ namespace
 UnitShared *shared = nullptr; // as long as the process lives; null while the thread does not run
 bool reinstalling = false;    // all bindings
 bool copyOpen = false;        // the last event asked the daemon for a full copy
+bool portsOpen = false;       // the daemon has not handled the events of all changes of ports
 
-void ports_changed(ModelChange, const Port &, const Port *)
+// A port as a record names it.
+struct PortName {
+    char name[IFNAMSIZ];
+    uint64_t identity;
+};
+constexpr size_t GONE_MAX = 4096;
+std::map<uint32_t, PortName> gone; // by index: the daemon may have bindings there
+
+// The alias, where the operator or the virtual machine's manager gave one, else the MAC address.
+uint64_t identity_of(const Port &port)
 {
+    constexpr uint64_t ALIAS = uint64_t{1} << 63;
+    uint64_t mac = 0;
+    for (const uint8_t byte : port.mac)
+        mac = mac << 8 | byte;
+    return port.aliasSum != 0 ? port.aliasSum | ALIAS : mac;
+}
+
+PortName name_of(const Port &port)
+{
+    PortName name{};
+    memcpy(name.name, port.name, sizeof name.name);
+    name.identity = identity_of(port);
+    return name;
+}
+
+// The thread learns of ports after the daemon: what the daemon deletes because a port went comes first.
+void publish_ports()
+{
+    portsOpen = false;
     {
         const std::scoped_lock lock(shared->portsMutex);
         shared->ports.clear();
         for (const auto &[ifIndex, port] : model_ports())
-            shared->ports.emplace(port.name, ifIndex);
+            shared->ports.emplace(port.name, UnitPort{ifIndex, identity_of(port)});
     }
     shared->portsVersion++;
     shared->wake();
 }
 
-const char *port_name(uint32_t ifIndex, char (&room)[IFNAMSIZ])
+void ports_changed(ModelChange change, const Port &port, const Port *)
 {
-    room[0] = 0;
+    if (change == ModelChange::vanished)
+        gone[port.ifIndex] = name_of(port);
+    else
+        gone.erase(port.ifIndex);
+    if (gone.size() > GONE_MAX)
+        gone.erase(gone.begin()); // indexes ascend
+    if (!std::exchange(portsOpen, true))
+        shared->wake_daemon(); // for redundancy_events
+}
+
+PortName port_name(uint32_t ifIndex)
+{
     if (const Port *port = model_port(ifIndex))
-        return port->name;
+        return name_of(*port);
+    if (const auto it = gone.find(ifIndex); it != gone.end())
+        return it->second;
+    PortName name{};
     if (ifIndex != 0) // waits for its port on the other side, where there is none either
-        snprintf(room, sizeof room, "#%u", ifIndex);
-    return room;
+        snprintf(name.name, sizeof name.name, "#%u", ifIndex);
+    return name;
 }
 
 void push(std::span<const Change> changes)
@@ -81,7 +126,7 @@ bool redundancy_start()
     const char *control = getenv(DHCPSNOOP_PLATFORM_SOCKET_ENV);
     thread->open_control(control != nullptr && *control != 0 ? control : DHCPSNOOP_PLATFORM_SOCKET_PATH);
     model_watch(ports_changed);
-    ports_changed(ModelChange::changed, {}, nullptr);
+    publish_ports();
     thread->begin();
     std::thread([unit = thread.release()] { unit->run(); }).detach();
     return true;
@@ -94,7 +139,6 @@ int32_t redundancy_sync(const QorBuffer &packet)
     if (shared == nullptr || !shared->recording)
         return ENOTCONN;
     const auto *bytes = static_cast<const uint8_t *>(packet.data);
-    char room[IFNAMSIZ];
     std::array<Change, 32> changes; // a full copy's packet has fewer
     size_t count = 0;
     for (uint32_t at = 0; at + sizeof(SyncHeader) <= packet.length;) {
@@ -103,15 +147,18 @@ int32_t redundancy_sync(const QorBuffer &packet)
         const uint32_t size = static_cast<uint32_t>(sizeof header) + header.length;
         if (size > packet.length - at)
             break;
-        changes[count].kind = Change::Kind::record;
         if (header.type == SYNC_USER && size == sizeof(SyncUserRecord)) {
             SyncUserRecord user;
             memcpy(&user, bytes + at, sizeof user);
-            changes[count++].record = unit_from_user(user, port_name(user.ifIndex, room));
+            const PortName port = port_name(user.ifIndex);
+            changes[count++] = {Change::Kind::record, unit_from_user(user, port.name), user.ifIndex,
+                                port.identity};
         } else if (header.type == SYNC_SERVER && size == sizeof(SyncServerRecord)) {
             SyncServerRecord server;
             memcpy(&server, bytes + at, sizeof server);
-            changes[count++].record = unit_from_server(server, port_name(server.ifIndex, room));
+            const PortName port = port_name(server.ifIndex);
+            changes[count++] = {Change::Kind::record, unit_from_server(server, port.name), server.ifIndex,
+                                port.identity};
         }
         at += size;
         if (count == changes.size()) {
@@ -163,18 +210,23 @@ bool redundancy_role_changes()
 
 void redundancy_event_socket(int sock)
 {
-    if (shared != nullptr)
-        shared->eventSocket = sock;
+    if (shared == nullptr)
+        return;
+    shared->eventSocket = sock;
+    if (portsOpen)
+        shared->wake_daemon();
 }
 
 void redundancy_events(DaemonEvents &events)
 {
     if (shared == nullptr)
         return;
+    if (portsOpen && events.empty()) // the daemon has handled all that it was given
+        publish_ports();
     const bool master = redundancy_role() == DHCPSNOOP_ROLE_MASTER;
     if (copyOpen) { // the daemon has served that event whole
         copyOpen = false;
-        Change end{Change::Kind::copyEnd, {}};
+        Change end{Change::Kind::copyEnd, {}, 0, 0};
         end.record.add = master;
         push(end);
     }
@@ -192,7 +244,7 @@ void redundancy_events(DaemonEvents &events)
     event.length = header.nlmsg_len;
     events.push_front(event);
     copyOpen = true;
-    push({Change::Kind::copyBegin, {}});
+    push({Change::Kind::copyBegin, {}, 0, 0});
     shared->wake_daemon(); // for the end
 }
 

@@ -48,7 +48,7 @@ std::string UnitThread::status() const
     }
     size_t parked = 0;
     for (const auto &[key, held] : table_.held())
-        parked += held.parked ? 1 : 0;
+        parked += held.place.waits() ? 1 : 0;
     number("without-port", parked);
     if (journal_.is_open()) {
         line("journal", journal_.path());
@@ -65,6 +65,12 @@ void UnitThread::control(const std::string &request, ControlSocket::Answer answe
 {
     if (request == "status") {
         answer(status());
+        return;
+    }
+    constexpr std::string_view WAITING = "waiting";
+    if (request.starts_with(WAITING)) {
+        const size_t from = request.find(' ');
+        answer(waiting(from != std::string::npos ? request.substr(from + 1) : ""));
         return;
     }
     constexpr std::string_view ROLE = "role ";

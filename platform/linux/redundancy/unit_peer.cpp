@@ -77,10 +77,10 @@ void UnitThread::peer_record(const PeerFrame &frame)
         if (apart >= -1 && apart <= 1)
             record->leaseStart = it->second.record.leaseStart;
     }
-    const bool parked = record->add && !port_index(record->port); // waits for its port
-    if (table_.apply(*record, parked))
+    const UnitPlace place = place_of_peers(*record);
+    if (table_.apply(*record, place))
         note(*record);
-    if (!parked)
+    if (!record->add || !place.waits())
         toDaemon_.push_back(*record);
 }
 

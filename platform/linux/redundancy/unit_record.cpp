@@ -105,6 +105,11 @@ UnitBytes unit_encode(const UnitRecord &record, uint32_t now)
     return bytes;
 }
 
+uint32_t unit_clock(std::span<const uint8_t, UNIT_RECORD_LEN> bytes)
+{
+    return wire_get32(bytes.data() + OFFSET_CLOCK);
+}
+
 std::optional<UnitRecord> unit_decode(std::span<const uint8_t, UNIT_RECORD_LEN> bytes, uint32_t now,
                                       UnitClock clock)
 {
@@ -127,7 +132,7 @@ std::optional<UnitRecord> unit_decode(std::span<const uint8_t, UNIT_RECORD_LEN> 
     if (in[OFFSET_ADD] > 1 || !is_valid(record))
         return {};
 
-    const uint32_t written = wire_get32(in + OFFSET_CLOCK);
+    const uint32_t written = unit_clock(bytes);
     if (clock == UnitClock::peers || static_cast<int32_t>(now - written) < 0)
         record.leaseStart = now - age_at(written, record.leaseStart);
     return record;

@@ -27,11 +27,14 @@ struct UnitRecord {
     uint8_t mac[6];
 
     bool operator==(const UnitRecord &) const = default;
+    bool never_ends() const
+    {
+        return userType != DHCPSNOOP_USER_DYNAMIC || leaseTime == DHCPSNOOP_LEASE_FOREVER;
+    }
     // A dynamic binding whose time is over.
     bool expired(uint32_t now) const
     {
-        return type == SYNC_USER && add && userType == DHCPSNOOP_USER_DYNAMIC &&
-               leaseTime != DHCPSNOOP_LEASE_FOREVER && static_cast<int32_t>(now - leaseStart) >= 0 &&
+        return type == SYNC_USER && add && !never_ends() && static_cast<int32_t>(now - leaseStart) >= 0 &&
                now - leaseStart >= leaseTime;
     }
 };
@@ -45,6 +48,9 @@ using UnitBytes = std::array<uint8_t, UNIT_RECORD_LEN>;
 
 // In network order, with the clock's present reading.
 UnitBytes unit_encode(const UnitRecord &record, uint32_t now);
+
+// That reading.
+uint32_t unit_clock(std::span<const uint8_t, UNIT_RECORD_LEN> bytes);
 
 enum class UnitClock : uint8_t {
     own,   // the journal's: time went on since, unless the clock was set back behind the record

@@ -12,14 +12,15 @@ constexpr size_t PACKET_MAX = 1400; // of records for the daemon, as it makes th
 const AdrRequest ON = {FUNC_GLOBAL_SET, GLOBAL_HW_NOTIFY, {}, 1U};
 const AdrRequest OFF = {FUNC_GLOBAL_SET, GLOBAL_HW_NOTIFY, {}, 0U};
 
-AdrRequest bind_again(const UnitRecord &record)
+} // namespace
+
+AdrRequest act_on(const UnitRecord &record, uint32_t action)
 {
     return {
         FUNC_USER_SET, USER_ACTION, AdrUserKey{record.ipType, std::to_array(record.address)},
-        USER_ACTION_BIND
+          action
     };
 }
-} // namespace
 
 void UnitThread::deliver()
 {
@@ -27,20 +28,21 @@ void UnitThread::deliver()
     size_t used = 0;
     while (!toDaemon_.empty()) {
         const UnitRecord &record = toDaemon_.front();
-        const auto ifIndex = port_index(record.port);
+        UnitTable::Held *held = table_.find(record);
+        const UnitPort *there = held == nullptr || !held->place.waits() ? port(record) : nullptr;
         const size_t size = record.type == SYNC_USER ? sizeof(SyncUserRecord) : sizeof(SyncServerRecord);
         if (used + size > sizeof packet)
             break;
-        if (record.type == SYNC_USER && (ifIndex || !record.add)) {
-            const SyncUserRecord user = unit_to_user(record, ifIndex.value_or(0));
+        if (record.type == SYNC_USER && (there != nullptr || !record.add)) {
+            const SyncUserRecord user = unit_to_user(record, there != nullptr ? there->ifIndex : 0);
             memcpy(packet + used, &user, size);
             used += size;
-        } else if (record.type == SYNC_SERVER && ifIndex) {
-            const SyncServerRecord server = unit_to_server(record, *ifIndex);
+        } else if (record.type == SYNC_SERVER && there != nullptr) {
+            const SyncServerRecord server = unit_to_server(record, there->ifIndex);
             memcpy(packet + used, &server, size);
             used += size;
-        } else if (const auto it = table_.held().find(unit_key(record)); it != table_.held().end()) {
-            it->second.parked = record.add; // its port has gone again
+        } else if (held != nullptr && record.add) {
+            held->place.at = UnitPlace::At::parked; // its port has gone again
         }
         toDaemon_.pop_front();
     }
@@ -100,8 +102,8 @@ void UnitThread::install()
     for (const auto &[key, held] : table_.held()) {
         const UnitRecord &record = held.record;
         if (record.type == SYNC_USER && record.userType == DHCPSNOOP_USER_STATIC &&
-            record.bindState == DHCPSNOOP_BIND_BOUND && !held.parked)
-            daemon_.ask(bind_again(record), [] {}); // refused if it has gone meanwhile
+            record.bindState == DHCPSNOOP_BIND_BOUND && !held.place.waits())
+            daemon_.ask(act_on(record, USER_ACTION_BIND), [] {}); // refused if it has gone meanwhile
     }
     daemon_.ask(ON, [this] {
         step_ = Step::none;
@@ -152,26 +154,6 @@ void UnitThread::advance()
             settle();
             break;
         }
-    }
-}
-
-void UnitThread::look_for_ports()
-{
-    const uint32_t version = shared_.portsVersion;
-    if (version == portsVersion_)
-        return;
-    {
-        const std::scoped_lock lock(shared_.portsMutex);
-        ports_ = shared_.ports;
-    }
-    portsVersion_ = version;
-    if (fresh_)
-        return;
-    for (auto &[key, held] : table_.held()) {
-        if (!held.parked || !port_index(held.record.port))
-            continue;
-        held.parked = false;
-        toDaemon_.push_back(held.record);
     }
 }
 

@@ -1,9 +1,23 @@
 #include "unit_table.h"
 
+#include <algorithm>
+
 namespace platform_linux
 {
+namespace
+{
+std::vector<UnitRecord> deletes_of(const std::vector<UnitTable::Held> &gone)
+{
+    std::vector<UnitRecord> records;
+    for (const UnitTable::Held &held : gone) {
+        records.push_back(held.record);
+        records.back().add = false;
+    }
+    return records;
+}
+} // namespace
 
-bool UnitTable::apply(const UnitRecord &record, bool parked)
+bool UnitTable::apply(const UnitRecord &record, const UnitPlace &place)
 {
     const UnitKey key = unit_key(record);
     if (!record.add)
@@ -12,27 +26,25 @@ bool UnitTable::apply(const UnitRecord &record, bool parked)
     if (it == held_.end()) {
         if (held_.size() >= UNIT_TABLE_MAX)
             return false;
-        held_.emplace(key, Held{record, parked, copy_});
+        held_.emplace(key, Held{record, place, copy_});
         return true;
     }
-    it->second.copy = copy_;
-    it->second.parked = parked;
-    if (it->second.record == record)
-        return false;
-    it->second.record = record;
-    return true;
+    Held &held = it->second;
+    const bool same = held.record == record && held.place.identity == place.identity &&
+                      held.place.awaySince == place.awaySince;
+    held = {record, place, copy_};
+    return !same;
 }
 
-template <class Which> std::vector<UnitRecord> UnitTable::forget(Which which)
+template <class Which> std::vector<UnitTable::Held> UnitTable::forget(Which which)
 {
-    std::vector<UnitRecord> gone;
+    std::vector<Held> gone;
     for (auto it = held_.begin(); it != held_.end();) {
         if (!which(it->second)) {
             ++it;
             continue;
         }
-        gone.push_back(it->second.record);
-        gone.back().add = false;
+        gone.push_back(it->second);
         it = held_.erase(it);
     }
     return gone;
@@ -40,13 +52,36 @@ template <class Which> std::vector<UnitRecord> UnitTable::forget(Which which)
 
 std::vector<UnitRecord> UnitTable::copy_end(bool parkedToo)
 {
-    return forget(
-        [this, parkedToo](const Held &held) { return (parkedToo || !held.parked) && held.copy != copy_; });
+    return deletes_of(forget([this, parkedToo](const Held &held) {
+        return (parkedToo || held.place.at != UnitPlace::At::parked) && held.copy != copy_;
+    }));
 }
 
 std::vector<UnitRecord> UnitTable::expire_parked(uint32_t now)
 {
-    return forget([now](const Held &held) { return held.parked && held.record.expired(now); });
+    return deletes_of(forget([now](const Held &held) {
+        return held.place.at == UnitPlace::At::parked && held.record.expired(now);
+    }));
+}
+
+std::vector<UnitTable::Held> UnitTable::give_up(uint32_t now, uint32_t away)
+{
+    return forget([now, away](const Held &held) {
+        return held.place.waits() && held.record.type == SYNC_USER && held.record.never_ends() &&
+               static_cast<int32_t>(now - held.place.awaySince) >= 0 && now - held.place.awaySince >= away;
+    });
+}
+
+std::vector<const UnitTable::Held *> UnitTable::waiting(const UnitKey &from, size_t most) const
+{
+    std::vector<const Held *> found;
+    for (const auto &[key, held] : held_)
+        if (held.place.waits() && held.record.type == SYNC_USER && key > from)
+            found.push_back(&held);
+    const auto end = found.begin() + static_cast<ptrdiff_t>(std::min(most, found.size()));
+    std::ranges::partial_sort(found, end, {}, [](const Held *held) { return unit_key(held->record); });
+    found.erase(end, found.end());
+    return found;
 }
 
 } // namespace platform_linux

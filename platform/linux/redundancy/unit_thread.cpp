@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
+#include <utility>
 
 #include "dhcpsnoop_user.h"
 #include "report.h"
@@ -59,7 +60,7 @@ bool UnitThread::open_peer(const PeerConf &conf)
 void UnitThread::open_journal(const std::string &path)
 {
     std::string error;
-    if (!journal_.open(path, wall_clock(), table_, error))
+    if (!journal_.open(path, moment_now(), table_, error))
         platform_report(LOG_ERR, "bindings are not kept over a restart: %s", error.c_str());
 }
 
@@ -72,41 +73,19 @@ void UnitThread::open_control(const char *path)
 
 DhcpsnoopRole UnitThread::daemon_role() const
 {
-    // A daemon without a role makes no records, and the journal wants them.
-    return role_ == DHCPSNOOP_ROLE_NONE && journal_.is_open() ? DHCPSNOOP_ROLE_MASTER : role_;
-}
-
-std::optional<uint32_t> UnitThread::port_index(const char *port) const
-{
-    if (*port == 0)
-        return 0;
-    const auto it = ports_.find(std::string_view(port));
-    return it != ports_.end() ? std::optional(it->second) : std::nullopt;
+    // A daemon without a role makes no records.
+    return role_ == DHCPSNOOP_ROLE_NONE ? DHCPSNOOP_ROLE_MASTER : role_;
 }
 
 void UnitThread::begin()
 {
-    shared_.recording = journal_.is_open() || link_;
-    const uint32_t now = wall_clock();
-    look_for_ports();
-    std::vector<UnitRecord> over;
-    size_t parked = 0;
-    for (auto &[key, held] : table_.held()) {
-        if (held.record.expired(now)) {
-            over.push_back(held.record);
-            continue;
-        }
-        held.parked = !port_index(held.record.port);
-        if (held.parked)
-            parked++;
-        else
-            toDaemon_.push_back(held.record);
-    }
-    for (UnitRecord &record : over) {
-        record.add = false;
-        table_.apply(record);
+    shared_.recording = true;
+    const std::vector<UnitRecord> over = table_.expire_parked(wall_clock());
+    for (const UnitRecord &record : over)
         note(record);
-    }
+    portsVersion_ = shared_.portsVersion;
+    look_for_ports();
+    const size_t parked = table_.held().size() - toDaemon_.size();
     // Chain by chain of the daemon's table: 32,768 bindings in any order took 0.6 to 4 s, as the caches
     // would.
     std::ranges::stable_sort(toDaemon_, {}, [](const UnitRecord &record) {
@@ -125,8 +104,10 @@ void UnitThread::begin()
 // Appends a change of the table to the journal.
 void UnitThread::note(const UnitRecord &record)
 {
-    if (journal_.is_open())
-        journal_.append(unit_encode(record, wall_clock()));
+    if (!journal_.is_open())
+        return;
+    const UnitTable::Held *held = table_.find(record);
+    journal_.append(record, held != nullptr ? held->place : UnitPlace{}, moment_now());
 }
 
 void UnitThread::copied(uint32_t records)
@@ -154,12 +135,11 @@ void UnitThread::take_copy_end(bool complete)
     copied(copyRecords_);
 }
 
-void UnitThread::take_record(const UnitRecord &record)
+void UnitThread::take_record(const Change &change)
 {
-    const UnitBytes bytes = unit_encode(record, wall_clock());
-    if (table_.apply(record))
-        journal_.append(bytes);
-    send_record(bytes);
+    if (table_.apply(change.record, place_of_daemons(change)))
+        note(change.record);
+    send_record(unit_encode(change.record, wall_clock()));
     copyRecords_++;
 }
 
@@ -167,7 +147,7 @@ void UnitThread::take_change(const Change &change, Ticks now)
 {
     switch (change.kind) {
     case Change::Kind::record:
-        take_record(change.record);
+        take_record(change);
         break;
     case Change::Kind::copyBegin:
         if (role_ == DHCPSNOOP_ROLE_SLAVE)
@@ -228,7 +208,7 @@ void UnitThread::write_journal(Ticks now)
     if (dirtySince_ == NEVER || journal_.has_failed())
         dirtySince_ = now;
     const bool sync = now - dirtySince_ >= SYNC_AFTER;
-    journal_.write(table_, wall_clock(), sync);
+    journal_.write(table_, moment_now(), sync);
     if (sync || journal_.has_failed())
         dirtySince_ = journal_.has_failed() ? now : NEVER;
 }
@@ -236,14 +216,17 @@ void UnitThread::write_journal(Ticks now)
 void UnitThread::turn()
 {
     Ticks now = ticks();
+    const uint32_t version = shared_.portsVersion;
+    if (version != portsVersion_)
+        takeAt_ = now; // the daemon's deletes for a port that has gone come first
     drain(now);
-    look_for_ports();
+    if (std::exchange(portsVersion_, version) != version)
+        look_for_ports();
     advance();
     ask_for_copy(now);
     if (now >= expireAt_) {
         expireAt_ = now + EXPIRE_PERIOD;
-        for (const UnitRecord &record : table_.expire_parked(wall_clock()))
-            note(record);
+        forget_waiting();
     }
     write_journal(now);
     if (link_)

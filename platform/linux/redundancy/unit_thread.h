@@ -40,6 +40,12 @@ enum class Enforcement : uint8_t {
     clearMarks, // adds fail, deletes succeed without effect: they only clear the daemon's marks
 };
 
+struct UnitPort {
+    uint32_t ifIndex;
+    uint64_t identity; // differs between two ports that have the same name in turn; 0 = unknown
+};
+using UnitPorts = std::map<std::string, UnitPort, std::less<>>; // by name
+
 // The state of both threads.
 struct UnitShared {
     explicit UnitShared() : changes(CHANGE_QUEUE_MAX) {}
@@ -55,13 +61,16 @@ struct UnitShared {
     int wakeup = -1; // an eventfd
 
     std::mutex portsMutex;
-    std::map<std::string, uint32_t, std::less<>> ports; // by name
+    UnitPorts ports; // once the daemon has handled the events of their changes
     std::atomic<uint32_t> portsVersion = 0;
 
     void wake() const;
     // Makes the daemon's event socket readable.
     void wake_daemon() const;
 };
+
+// A request to bind, unbind or delete the record's binding.
+AdrRequest act_on(const UnitRecord &record, uint32_t action);
 
 class UnitThread
 {
@@ -90,7 +99,7 @@ class UnitThread
     };
 
     void drain(Ticks now);
-    void take_record(const UnitRecord &record);
+    void take_record(const Change &change);
     void take_change(const Change &change, Ticks now);
     void take_copy_end(bool complete);
     void copied(uint32_t records);
@@ -98,7 +107,6 @@ class UnitThread
     void note(const UnitRecord &record);
     void write_journal(Ticks now);
     DhcpsnoopRole daemon_role() const;
-    std::optional<uint32_t> port_index(const char *port) const;
 
     // unit_role.cpp
     void advance();
@@ -108,7 +116,15 @@ class UnitThread
     void take_over(DhcpsnoopRole target);
     void install();
     void settle();
+
+    // unit_ports.cpp
+    const UnitPort *port(const UnitRecord &record) const;
+    UnitPlace place_of_daemons(const Change &change);
+    UnitPlace place_of_peers(const UnitRecord &record);
     void look_for_ports();
+    bool look_for_port(UnitTable::Held &held, uint32_t now);
+    void forget_waiting();
+    std::string waiting(const std::string &from) const;
 
     // unit_peer.cpp
     void peer_up();
@@ -137,7 +153,7 @@ class UnitThread
     ControlSocket control_;
     std::vector<ControlSocket::Answer> waiting_; // for the new role to be in force
     std::deque<UnitRecord> toDaemon_;
-    std::map<std::string, uint32_t, std::less<>> ports_;
+    UnitPorts ports_;
     uint32_t portsVersion_ = 0;
 
     FullCopy copy_;                             // of the daemon's tables

@@ -20,4 +20,12 @@ inline Ticks ticks()
 // As the daemon reads it: what leases begin at.
 inline uint32_t wall_clock() { return static_cast<uint32_t>(time(nullptr)); }
 
+// A moment by two clocks, in seconds. Nobody sets the second, which goes on from the machine's start.
+struct Moment {
+    uint32_t wall;
+    uint32_t sinceBoot;
+    uint32_t boot; // differs from start to start
+};
+Moment moment_now();
+
 } // namespace platform_linux
