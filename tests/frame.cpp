@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <sstream>
 
 #include <arpa/inet.h>
 
@@ -58,6 +59,15 @@ Bytes hex_bytes(std::string_view text)
     for (size_t i = 0; i + 1 < digits.size(); i += 2)
         bytes.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
     return bytes;
+}
+
+std::vector<std::string> parts(const std::string &text, char separator)
+{
+    std::vector<std::string> list;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, separator);)
+        list.push_back(part);
+    return list;
 }
 
 std::string hex(const Bytes &bytes)

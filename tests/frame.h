@@ -138,6 +138,8 @@ Frame6 server6(uint8_t type, const Bytes &options = {});
 // The RFC 1071 sum by the simplest means, for expectations.
 uint16_t internet_checksum(const Bytes &bytes);
 
+std::vector<std::string> parts(const std::string &text, char separator);
+
 // A frame as lines of 16 bytes, for comparison: a difference shows as a line.
 std::string dump(const Bytes &frame);
 

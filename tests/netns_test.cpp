@@ -1,22 +1,11 @@
 #include "netns_test.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <arpa/inet.h>
-#include <linux/if_ether.h>
-#include <linux/if_packet.h>
-#include <net/if.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 
 // virtio_net_hdr, whose own header is not C++.
 struct VnetHeader {

@@ -2,12 +2,20 @@
 // away with the process, and skips with the reason where it may not have them.
 #pragma once
 
+#include <cstring>
 #include <functional>
 #include <string>
+#include <unistd.h>
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <poll.h>
 
 #include "classifier.h"
+#include "fd.h"
 #include "frame.h"
 
 class NetnsTest : public ::testing::Test

@@ -1,6 +1,5 @@
 // The classifier itself, run by the kernel on frames of ours (BPF_PROG_TEST_RUN), for the object of this build and for the one kept in
 // the tree. A tag that the kernel has taken out of the frame cannot be had here; test_frames.cpp has those.
-#include <array>
 #include <map>
 #include <sstream>
 
@@ -290,9 +289,8 @@ TEST_P(Classifier, Rows)
 {
     for (const ClassifierRow &row : CLASSIFIER_ROWS) {
         prepare(row.before);
-        std::istringstream in(row.frames);
         std::string got;
-        for (std::string words; std::getline(in, words, '|');)
+        for (const std::string &words : parts(row.frames, '|'))
             got += (got.empty() ? "" : " ") + verdict(frame_of(words));
         EXPECT_EQ(got, row.outcome) << row.claim;
     }

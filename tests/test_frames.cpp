@@ -1,19 +1,7 @@
 // Frames on their way from a port to the loop: real devices, the classifier in place, and the daemon's own packet sockets.
 // Whatever comes is the frame as it was on the wire, once, with its true port and VLANs.
-#include "netns_test.h"
-
-#include <cstring>
-#include <map>
-
-#include <arpa/inet.h>
-#include <linux/if_ether.h>
-#include <linux/if_packet.h>
-#include <poll.h>
-#include <sys/socket.h>
-
-#include "classifier.h"
-#include "fd.h"
 #include "model.h"
+#include "netns_test.h"
 #include "platform.h"
 #include "wire.h"
 

@@ -17,7 +17,7 @@ namespace
 std::map<uint32_t, Port> box()
 {
     std::map<uint32_t, Port> ports;
-    for (const uint32_t number : {7, 8, 110, 120}) {
+    for (const uint32_t number : {7u, 8u, 110u, 120u}) {
         Port &port = ports[number] = {};
         port.kind = number > 100 ? PortKind::vlanInterface : PortKind::port;
         port.vlan = static_cast<uint16_t>(number > 100 ? number - 100 : 0);

@@ -4,16 +4,12 @@
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
-#include <poll.h>
 #include <regex>
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <arpa/inet.h>
-
 #include "bounded_writer.h"
 #include "event_socket.h"
-#include "fd.h"
 #include "linux_switch.h"
 #include "logging.h"
 #include "netns_test.h"

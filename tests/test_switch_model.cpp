@@ -32,15 +32,6 @@ void watcher(ModelChange change, const Port &port, const Port *before)
         held.erase(port.ifIndex);
 }
 
-std::vector<std::string> parts(const std::string &text, char separator)
-{
-    std::vector<std::string> list;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, separator);)
-        list.push_back(part);
-    return list;
-}
-
 // Messages for the daemon, then the changes that the watcher heard, then "dump" where the model asks for one.
 std::string outcome(const DaemonEvents &events, bool complete)
 {
