@@ -45,8 +45,7 @@ struct Tag {
 
 struct Frame {
     // Ethernet
-    Mac dst = MAC_BROADCAST;
-    Mac src = MAC_CLIENT;
+    Mac dst = MAC_BROADCAST, src = MAC_CLIENT;
     std::vector<Tag> tags = {};
     uint16_t etherType = 0x0800;
     // IPv4 (RFC 791)
@@ -55,14 +54,11 @@ struct Frame {
     std::optional<uint16_t> ipTotalLen = {};
     uint8_t protocol = 17;
     std::optional<uint16_t> ipChecksum = {};
-    uint32_t srcIp = 0;
-    uint32_t dstIp = 0xFFFFFFFF;
+    uint32_t srcIp = 0, dstIp = 0xFFFFFFFF;
     Bytes ipOptions = {};
     // UDP (RFC 768)
-    uint16_t srcPort = 68;
-    uint16_t dstPort = 67;
-    std::optional<uint16_t> udpLen = {};
-    std::optional<uint16_t> udpChecksum = {};
+    uint16_t srcPort = 68, dstPort = 67;
+    std::optional<uint16_t> udpLen = {}, udpChecksum = {};
     // BOOTP (RFC 2131 2)
     uint8_t op = 1;
     uint32_t xid = 0x3903F326;
@@ -103,22 +99,18 @@ Bytes ia_ta(const Bytes &options, uint32_t iaid = 9);
 
 // A default one is a valid SOLICIT of client 1 without options.
 struct Frame6 {
-    Mac dst = MAC_DHCP6_SERVERS;
-    Mac src = MAC_CLIENT;
+    Mac dst = MAC_DHCP6_SERVERS, src = MAC_CLIENT;
     std::vector<Tag> tags = {};
     uint16_t etherType = 0x86DD;
     // IPv6 (RFC 8200)
     std::optional<uint16_t> payloadLen = {};
     uint8_t nextHeader = 17;
     uint8_t hopLimit = 1;
-    Ip6 srcIp = ip6("fe80::c1ff:fe00:1");
-    Ip6 dstIp = ip6("ff02::1:2");
+    Ip6 srcIp = ip6("fe80::c1ff:fe00:1"), dstIp = ip6("ff02::1:2");
     Bytes extension = {}; // between IPv6 and UDP header
     // UDP
-    uint16_t srcPort = 546;
-    uint16_t dstPort = 547;
-    std::optional<uint16_t> udpLen = {};
-    std::optional<uint16_t> udpChecksum = {};
+    uint16_t srcPort = 546, dstPort = 547;
+    std::optional<uint16_t> udpLen = {}, udpChecksum = {};
     // DHCPv6 (RFC 8415 8)
     uint8_t type = 1;
     uint32_t xid = 0x10A2B3;

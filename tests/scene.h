@@ -76,8 +76,7 @@ size_t count_waiting(); // MAC users
 // How a frame came in: what the packet information says of it.
 struct Arrival {
     uint32_t port = 1;
-    uint16_t outer = 10;
-    uint16_t inner = 0;
+    uint16_t outer = 10, inner = 0;         // VLANs
     std::optional<uint16_t> l2 = {};        // else the frame's own
     std::optional<uint16_t> etherType = {}; // else by the socket: the frame's own
     std::optional<uint32_t> inIf = {};      // else the interface of `port`, else of the VLAN

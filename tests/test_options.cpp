@@ -13,15 +13,6 @@ const Bytes BLOCK = ENTERPRISE + hex_bytes("0a 01 08") + text_bytes("switch-1"),
 constexpr Arrival ON7 = {.port = 7, .outer = 10, .inner = 33};
 const std::string A128(128, 'a'), ZERO(1, '\0');
 
-// Puts a mode and a text where they belong.
-template <class Mode, class Length>
-void put(Mode &mode, Length &length, uint8_t *slot, int value, const std::string &text)
-{
-    mode = static_cast<Mode>(value);
-    length = static_cast<Length>(text.size());
-    memcpy(slot, text.data(), text.size());
-}
-
 // Port 7, with option 82. Words are "what=mode" or "what=mode:text": "circuit" and "remote", or "ids" for both, of the port, and the
 // same with a "g" in front; "sub9", switched on; "host", "policy" and "mode".
 DhcpsnoopIf *set_up(const std::string &words)
@@ -34,16 +25,21 @@ DhcpsnoopIf *set_up(const std::string &words)
         const size_t equals = word.find('='), colon = word.find(':');
         const std::string what = word.substr(0, equals), text = colon == std::string::npos ? "" : word.substr(colon + 1);
         const int mode = atoi(word.c_str() + equals + 1);
+        const auto put = [&](auto &format, auto &length, auto &slot) {
+            format = static_cast<std::remove_reference_t<decltype(format)>>(mode);
+            length = static_cast<std::remove_reference_t<decltype(length)>>(text.size());
+            std::copy(text.begin(), text.end(), slot);
+        };
         if (what == "circuit" || what == "ids")
-            put(ifp->circuitIdFmt, ifp->circuitIdLen, ifp->circuitId, mode, text);
+            put(ifp->circuitIdFmt, ifp->circuitIdLen, ifp->circuitId);
         if (what == "remote" || what == "ids")
-            put(ifp->remoteIdFmt, ifp->remoteIdLen, ifp->remoteId, mode, text);
+            put(ifp->remoteIdFmt, ifp->remoteIdLen, ifp->remoteId);
         if (what == "gcircuit" || what == "gids")
-            put(gDhcpsnoop.circuitIdFmt.mode, gDhcpsnoop.circuitIdFmt.len, gDhcpsnoop.circuitIdFmt.text, mode, text);
+            put(gDhcpsnoop.circuitIdFmt.mode, gDhcpsnoop.circuitIdFmt.len, gDhcpsnoop.circuitIdFmt.text);
         if (what == "gremote" || what == "gids")
-            put(gDhcpsnoop.remoteIdFmt.mode, gDhcpsnoop.remoteIdFmt.len, gDhcpsnoop.remoteIdFmt.text, mode, text);
+            put(gDhcpsnoop.remoteIdFmt.mode, gDhcpsnoop.remoteIdFmt.len, gDhcpsnoop.remoteIdFmt.text);
         if (what == "sub9")
-            ifp->flags |= DHCPSNOOP_IF_SUBOPT9, put(ifp->subopt9Len, ifp->subopt9Len, ifp->subopt9, mode, text);
+            ifp->flags |= DHCPSNOOP_IF_SUBOPT9, put(ifp->subopt9Len, ifp->subopt9Len, ifp->subopt9);
         if (what == "host")
             world.hostname = mode < 0 ? std::nullopt : std::optional<std::string>(text);
         if (what == "policy" || what == "mode")
@@ -101,8 +97,6 @@ TEST_F(Options, Inserted)
     check({
         {"typed, generated: VLAN and location, or the MAC", process("ids=3 gids=4"), inserted(hex_bytes("01 08 00 06 00 0a 01 02 07 03 02 08 00 06 02 00 00 00 01 07"))},
         {"raw, generated", process("ids=4 gids=3"), inserted(hex_bytes("01 06 00 0a 01 02 07 03 02 06 02 00 00 00 01 07"))},
-        {"typed text", process("ids=3:abc gids=4"), inserted(hex_bytes("01 05 01 03 61 62 63 02 05 01 03 61 62 63"))},
-        {"the longest text", process("circuit=3:" + A128 + " remote=1"), inserted(hex_bytes("01 82 01 80") + Bytes(128, 'a'))},
         {"template of the interface", process("ids=5:%s-%N gids=3:x"), inserted(hex_bytes("01 07 31 30 2d 73 77 70 37 02 07 31 30 2d 73 77 70 37"))},
         {"the global template when the interface has no mode", process("ids=0:own gids=5:%s"), inserted(hex_bytes("01 02 31 30 02 02 31 30"))},
         {"an empty template omits the sub-option, whatever the global one", process("ids=5 gids=5:%s"), EMPTY},
@@ -110,14 +104,11 @@ TEST_F(Options, Inserted)
         {"Kept: whichever record the mode came from, the text is the interface's own", process("ids=0:own gids=3"), inserted(hex_bytes("01 05 01 03 6f 77 6e 02 05 01 03 6f 77 6e"))},
         {"the global mode 4 never takes the global text", process("ids=0 gids=4:glob"), inserted(hex_bytes("01 06 00 0a 01 02 07 03 02 06 02 00 00 00 01 07"))},
         {"mode 1 builds nothing", process("ids=1:abc gids=3"), EMPTY},
-        {"no mode at all builds nothing", process("ids=0:abc gids=0"), EMPTY},
         {"each has its own settings", process("circuit=4:c remote=0 gremote=5:%c"), inserted(hex_bytes("01 01 63 02 02 33 33"))},
         {"behind them sub-option 9, the host name", process("circuit=1 remote=4:r sub9=0"), inserted(hex_bytes("02 01 72 09 0f") + BLOCK)},
         {"the interface's text", process("ids=1 sub9=0:abc"), inserted(Bytes{9, 10} + ENTERPRISE + hex_bytes("05 01 03 61 62 63"))},
         {"no host name", process("ids=1 sub9=0 host=-1"), EMPTY},
-        {"an empty host name", process("ids=1 sub9=0 host=0:"), EMPTY},
         {"a host name of 129", process("ids=1 sub9=0 host=0:" + A128 + "b"), inserted(Bytes{9, 135} + ENTERPRISE + Bytes{130, 1, 128} + Bytes(128, 'a'))},
-        {"255 bytes", process("circuit=4:" + A128 + " remote=4:" + std::string(123, 'r')), inserted(Bytes{1, 128} + Bytes(128, 'a') + Bytes{2, 123} + Bytes(123, 'r'))},
         {"256 bytes", process("circuit=4:" + A128 + " remote=4:" + std::string(124, 'r')), "kept" NEW "; option82 len (256) is zero or exceeds the max."},
         {"a frame of 2040 and 8 bytes more", process("circuit=4:abcd remote=1", filled(2040, OPT_END)), hex(filled(2048, opt(82, hex_bytes("01 04 61 62 63 64")) + OPT_END)) + NEW},
         {"a frame of 2040 and 9 bytes more", process("circuit=4:abcde remote=1", filled(2040, OPT_END)), "kept" NEW "; Packet len exceeds the max, don't insert option82."},
@@ -142,11 +133,9 @@ TEST_F(Options, AlreadyThere)
         {"mode 5", process("sub9=0 policy=1 mode=5", OWN + OPT_END), DROP},
         {"another mode forwards whatever the policy", process("sub9=0 policy=1 mode=6", OWN + OPT_END), "kept" THERE},
         {"without a mode the global circuit-id's", process("sub9=0 policy=1 gcircuit=4 gremote=99", OWN + OPT_END), DROP},
-        {"which may be outside 3 to 5", process("sub9=0 policy=1 gcircuit=1", OWN + OPT_END), "kept" THERE},
         {"behind the data of sub-option 9", process("sub9=0 policy=3", opt(82, SUB9) + OPT_END), hex(opt(82, opt(9, Bytes{0xAA} + BLOCK)) + OPT_END) + APPEND},
         {"no end option", process("sub9=0 policy=3", opt(82, SUB9) + Bytes{0}), "kept" APPEND " refused"},
         {"no sub-option 9 in it", process("sub9=0 policy=3", opt(82, opt(1, {1})) + OPT_END), "kept" APPEND},
-        {"no host name", process("sub9=0 policy=3 host=-1", opt(82, SUB9) + OPT_END), "kept" APPEND},
         {"up to a frame of 2048", process("sub9=0 policy=3", filled(2033, opt(82, SUB9) + OPT_END)), hex(filled(2048, opt(82, opt(9, Bytes{0xAA} + BLOCK)) + OPT_END)) + APPEND},
         {"not to 2049", process("sub9=0 policy=3", filled(2034, opt(82, SUB9) + OPT_END)), "kept" APPEND},
         {"Kept: over what follows sub-option 9", process("sub9=0 policy=3", opt(82, SUB9 + opt(1, {1, 2})) + OPT_END), hex(Bytes{82, 22, 9, 16, 0xAA} + BLOCK + OPT_END + Bytes(4, 0)) + APPEND},
@@ -158,26 +147,27 @@ TEST_F(Options, RoomForOption82)
 {
     set_up("gcircuit=5:%d");
     const Parsed parsed(Frame{}, ON7);
-    const auto built = [&parsed](auto builder, const std::vector<uint32_t> &rooms) {
+    const auto built = [&parsed](auto builder, uint32_t room) {
         uint8_t buffer[800];
-        std::string lengths;
-        for (const uint32_t room : rooms)
-            lengths += world_format("%u ", builder(&parsed.info, buffer, room));
-        return lengths;
+        return std::to_string(builder(&parsed.info, buffer, room));
     };
     check({
-        {"a template", built(dhcpsnoop_build_subopt_circid, {8, 7, 2, 1, 0}), "8 0 0 0 0 "},
-        {"a typed MAC", built(dhcpsnoop_build_subopt_remoteid, {10, 9}), "10 0 "},
+        {"a template of 8 bytes", built(dhcpsnoop_build_subopt_circid, 8), "8"},
+        {"one byte less, less than a header, nothing", series({built(dhcpsnoop_build_subopt_circid, 7), built(dhcpsnoop_build_subopt_circid, 1), built(dhcpsnoop_build_subopt_circid, 0)}), "0"},
+        {"a typed MAC", built(dhcpsnoop_build_subopt_remoteid, 10), "10"},
+        {"one byte less", built(dhcpsnoop_build_subopt_remoteid, 9), "0"},
     });
-    // A frame of 2048 bytes whose IP total length wraps the frame's length to 0 is not written behind.
+}
+
+TEST_F(Options, FrameWhoseLengthWrapsIsNotWrittenBehind)
+{
     for (const Bytes &options : {opt(82, SUB9) + OPT_END, OPT_END, opt(82, SUB9) + Bytes(200, 0) + OPT_END}) {
         for (const char *policy : {"policy=2 sub9=0", "policy=3 sub9=0"}) {
             set_up(policy);
             Parsed wrapped(Frame{.ipTotalLen = 0xFFF2, .options = filled(2048, options)}, ON7);
-            ASSERT_TRUE(wrapped.result == 0 && wrapped.info.frameLen == 0);
             const DhcpsnoopRxPkt before = wrapped.rx;
-            EXPECT_EQ(dhcpsnoop_process_option82(&wrapped.info), 0);
             const Bytes name(100, 'n');
+            EXPECT_TRUE(wrapped.info.frameLen == 0 && dhcpsnoop_process_option82(&wrapped.info) == 0);
             dhcpsnoop_insert_opt67(&wrapped.info, name.data(), 100);
             dhcpsnoop_insert_opt125(&wrapped.info, name.data(), 100);
             EXPECT_EQ(memcmp(&before, &wrapped.rx, sizeof before), 0);
@@ -206,15 +196,11 @@ TEST_F(Options, ComparedAndStripped)
         {"last byte differs", compared("02 06 02 00 00 00 01 08", 4), "not"},
         {"any mode but 3 is read as raw", compared("02 06 02 00 00 00 01 07 00 00", 5), "equal"},
         {"typed text", compared("02 05 01 03 61 62 63", 3, "remote=3:abc"), "equal"},
-        {"raw text: only its own length counts", compared("02 04 61 62 63 64", 4, "remote=3:abc"), "equal"},
         {"the MAC does not count when there is a text", compared("02 06 02 00 00 00 01 07", 4, "remote=3:abc"), "not"},
         {"last before the end, padding behind", stripped(opt_type(5) + own + OPT_END + Bytes(2, 0)), "35 01 05 ff 00 00"},
-        {"between others", stripped(opt_type(5) + own + opt(12, {1}) + OPT_END), "35 01 05 0c 01 01 ff"},
         {"without an end option", stripped(opt_type(5) + own + Bytes{0}), "35 01 05 00"},
-        {"none to strip", stripped(opt_type(5) + OPT_END), "kept"},
         {"Kept: the length is counted in 8 bits, of 254: nothing is removed", stripped(Bytes{82, 254} + Bytes(254, 1) + OPT_END), "kept"},
         {"of length 255: one byte is", stripped(Bytes{82, 255} + Bytes(255, 1) + OPT_END), hex(Bytes{255} + Bytes(255, 1) + OPT_END)},
-        {"of length 253: all of it", stripped(Bytes{82, 253} + Bytes(253, 1) + OPT_END), "ff"},
     });
 }
 
@@ -245,7 +231,6 @@ TEST_F(Options, OfBoot)
             {"over the end option and the padding behind it", inserted(number, type + OPT_END + Bytes(2, 9)), hex(type + own + OPT_END + Bytes(2, 0))},
             {"before option 82 and what follows it", inserted(number, own82 + type + OPT_END + Bytes(2, 9)), hex(own + own82 + type + OPT_END + Bytes(2, 9))},
             {"already there", inserted(number, opt(number, {1}) + OPT_END), "kept"},
-            {"the other one does not count", inserted(number, opt(number ^ 67 ^ 125, {1}) + OPT_END), hex(opt(number ^ 67 ^ 125, {1}) + own + OPT_END)},
             {"no end option", inserted(number, type + Bytes{0}), "kept"},
             {"length 0", inserted(number, OPT_END, 0), invalid},
             {"the greatest length", inserted(number, OPT_END, most), hex(option(static_cast<uint8_t>(most)) + OPT_END)},
@@ -253,7 +238,6 @@ TEST_F(Options, OfBoot)
             {"a length that wraps", inserted(number, OPT_END, number == 125 ? 0xFFFFFFF7 : 0xFFFFFFFE), invalid},
             {"up to a frame of 2048", inserted(number, filled(before, OPT_END)), hex(filled(2048, own + OPT_END))},
             {"not to 2049", inserted(number, filled(before + 1, OPT_END)), world_format("kept; Packet len exceeds the max, don't insert option%u!", number)},
-            {"up to a frame of 2048 before option 82", inserted(number, filled(before, own82 + OPT_END)), hex(filled(2048, own + own82 + OPT_END))},
             {"256 bytes from option 82 on", inserted(number, full82 + OPT_END), hex(own + full82 + OPT_END)},
             {"257 bytes from option 82 on", inserted(number, full82 + OPT_END + Bytes{0}), world_format("kept; option-82 is not the last option, don't insert option%u!", number)},
         });
@@ -279,7 +263,6 @@ TEST_F(Options, Checksums)
     const uint16_t longest = internet_checksum(hex_bytes("0a 01 02 03 0a 09 08 07 00 11 07 f4 00 44 00 43 07 f4 00 00") + Bytes(2028, 7));
     check({
         {"RFC 1071 3: 0001 f203 f4f5 f6f7 add up to ddf2", sum("00 01 f2 03 f4 f5 f6 f7"), "220d"},
-        {"an IPv4 header of RFC 791's form, checked with an independent dissector", sum("45 00 00 73 00 00 40 00 40 11 00 00 c0 a8 00 01 c0 a8 00 c7"), "b861"},
         {"the carry of the fold is folded too", sum("ff ff ff ff 00 01"), "fffe"},
         {"UDP, as scapy computes it for sport=68, dport=67 and 1 2 3; the field it was given is cleared", udp_sum(hex_bytes("00 44 00 43 00 0b ab cd 01 02 03")), "dd3b, 00 44 00 43 00 0b 00 00"},
         {"Kept: a sum that comes out as zero stays zero, where RFC 768 sends all ones", udp_sum(hex_bytes("00 44 00 43 00 0a 00 00 e1 3f")), "0000, 00 44 00 43 00 0a 00 00"},
@@ -308,7 +291,6 @@ TEST_F(Options, LengthsFollowTheMessage)
         {"anything but 1 shrinks", updated(5, 2), "-5 right"},
         {"more than there is", updated(10'000, 0), "0 right"},
         {"a datagram of one byte beyond the buffer", updated(0, 0, 2048 - 38 + 1), "0 sum 0"},
-        {"beyond any buffer", updated(0, 0, 5000), "0 sum 0"},
     });
 }
 

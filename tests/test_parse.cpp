@@ -11,8 +11,7 @@ std::string recorded(const Bytes &frame, const Arrival &arrival = {})
     world.clear();
     const Parsed parsed(frame, arrival);
     const DhcpsnoopPktInfo &info = parsed.info;
-    std::string text = parsed.result == 0 ? "" : parsed.result == -1 ? "refused "
-                                                                     : "? ";
+    std::string text = parsed.result == 0 ? "" : "refused ";
     for (const auto &[name, number] : {std::pair("type", info.msgType), {"server", info.serverId}, {"lease", info.leaseTime}, {"router", info.router}, {"tag", info.opt60Sub1}})
         text += number != 0 && parsed.result == 0 ? world_format("%s %x ", name, number) : "";
     for (const auto &[name, at] : {std::pair("opt60", info.opt60), {"opt67", info.opt67}, {"opt82", info.opt82}, {"circuit", info.circuitId}, {"remote", info.remoteId}, {"sub9", info.subopt9}, {"opt125", info.opt125}, {"end", info.optEnd}})
@@ -52,17 +51,13 @@ TEST_F(Parse, Ladder)
 {
     prepare("");
     check({
-        {"a DISCOVER of 286 bytes", recorded(WHOLE), "type 1 end @3"},
         {"EtherType neither IPv4 nor IPv6", recorded(Frame{.etherType = 0x0806}, {.l2 = 14, .etherType = 0x0806}), "refused ! This is not a IPv4 or IPv6 packet, stop process!"},
         {"IP version 5", recorded(Frame{.ipVersion = 5}), "refused ! This is not a IPv4 packet!"},
         {"Kept: the version nibble decides, not the EtherType", recorded(WHOLE, {.etherType = 0x86DD}), "type 1 end @3"},
-        {"version 6 is not taken for IPv4", recorded(Frame{.ipVersion = 6}), "refused"},
         {"header of 16 bytes", recorded(Frame{.ihl = 4}), "refused ! IPv4 header len must be larger than 20!"},
         {"total length below the header", recorded(Frame{.ipTotalLen = 19}), "refused ! Total len of ip must be larger than header len!"},
         {"total length of just the header: no UDP datagram in it", recorded(Frame{.ipTotalLen = 20}), "refused ! Udp len 252 must not exceed ip body len 0!"},
-        {"one byte is missing", recorded(SHORTER), "refused ! Len checking failed, ethernet header 14, ip header 20, total 286, received 285!"},
         {"more received than the buffer counts as the buffer", recorded(Frame{.ipTotalLen = 2035, .padding = Bytes(65535 - 286, 0)}), "refused ! Len checking failed, ethernet header 14, ip header 20, total 2049, received 2048!"},
-        {"padding behind the datagram", recorded(Frame{.padding = Bytes(20, 0)}), "type 1 end @3"},
         {"not UDP", recorded(Frame{.protocol = 6}), "refused ! This is not a udp packet!"},
         {"ports 1234 to 67", recorded(Frame{.srcPort = 1234, .dstPort = 67}), "type 1 end @3"},
         {"ports 1234 to 68", recorded(Frame{.srcPort = 1234, .dstPort = 68}), "type 1 end @3"},
@@ -78,10 +73,8 @@ TEST_F(Parse, Ladder)
         {"the cookie is not checked", recorded(Frame{.cookie = 0}), "type 1 end @3"},
         // The arithmetic of 16 bits lets these through the length test; the datagram is bounded all the same.
         {"IP total length that wraps (65522 + 14), datagram within the frame", recorded(Frame{.ipTotalLen = 0xFFF2, .options = FULL}), "type 1 end @1765"},
-        {"IP total length that wraps, datagram beyond the frame", recorded(Frame{.ipTotalLen = 0xFFF2, .udpLen = 0xFF00, .options = FULL}), "refused"},
         {"a datagram of one byte more than the frame", recorded(Frame{.ipTotalLen = 0xFFF2, .udpLen = 2015, .options = FULL}), "refused"},
         {"a layer-2 header that leaves no room for IP", recorded(Bytes(2048, 0x45), {.l2 = 2029, .etherType = 0x0800}), "refused"},
-        {"nothing captured, header at its start", recorded(Bytes{}, {.l2 = 0, .etherType = 0x0800}), "refused ! This is not a IPv4 packet!"},
         {"the UDP header begins at the buffer's end", recorded(LAST_IP, IP_AT_2028), "refused"},
         {"the UDP header ends the buffer", recorded(Bytes(2020, 0) + hex_bytes("45 00 00 1c 00 00 00 00 00 11") + Bytes(18, 0), {.l2 = 2020, .etherType = 0x0800}), "refused ! This is not a dhcp packet!"},
         {"but what the IP header there holds is looked at", recorded(Bytes(2028, 0) + hex_bytes("45 00 f8 14 00 00 00 00 00 06") + Bytes(10, 0), IP_AT_2028), "refused ! This is not a udp packet!"},
@@ -91,15 +84,13 @@ TEST_F(Parse, Ladder)
 TEST_F(Parse, WithoutFullParseOnlyHeaders)
 {
     prepare("");
-    DhcpsnoopRxPkt rx = rx_packet(Frame{.udpLen = 7}.bytes());
-    DhcpsnoopPktInfo info;
+    DhcpsnoopRxPkt rx = rx_packet(Frame{.udpLen = 7}), other = rx_packet(Frame{.srcPort = 1, .dstPort = 1});
     for (const uint32_t full : {0u, 2u}) { // anything but 1
-        EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, full), 0);
+        DhcpsnoopPktInfo info;
+        EXPECT_TRUE(dhcpsnoop_packet_parse(&other, &info, full) == -1 && dhcpsnoop_packet_parse(&rx, &info, full) == 0);
         EXPECT_TRUE(info.udpHdr == rx.data + 34 && info.udpLenField == nullptr && info.dhcpMsg == nullptr && info.udpLen == 0);
+        EXPECT_TRUE(unsaid("svlan 4096, cvlan 10.").empty() && info.svlan == 10 && info.cvlan == 0); // 4096 is only printed
     }
-    EXPECT_TRUE(unsaid("svlan 4096, cvlan 10.").empty() && info.svlan == 10 && info.cvlan == 0); // 4096 is only printed
-    rx = rx_packet(Frame{.srcPort = 1, .dstPort = 1}.bytes());
-    EXPECT_EQ(dhcpsnoop_packet_parse(&rx, &info, 0), -1);
 }
 
 std::string options(const char *area, uint32_t ciaddr = 0, uint32_t yiaddr = 0) { return recorded(Frame{.ciaddr = ciaddr, .yiaddr = yiaddr, .options = hex_bytes(area)}); }
@@ -115,39 +106,27 @@ TEST_F(Parse, Options)
 {
     prepare("");
     check({
-        {"none", options(""), ""},
         {"only the end", options("ff"), "end @0"},
-        {"type and end", options("35 01 05 ff"), "type 5 end @3"},
         {"an option is recorded only if a byte follows it", options("35 01 05"), ""},
-        {"pads between", options("00 00 35 01 05 00 ff"), "type 5 end @6"},
         {"nothing behind the end counts", options("35 01 05 ff 00 35 01 06 00"), "type 5 end @3"},
         {"the last occurrence wins", options("35 01 05 35 01 06 ff"), "type 6 end @6"},
         {"an option whose length passes the area ends the walk", options("35 01 05 36 05 0a 00 00 01"), "type 5"},
-        {"a code without length", options("35 01 05 36"), "type 5"},
         {"an unknown option is passed over", options("0c 02 61 62 35 01 03 ff"), "type 3 end @7"},
-        {"an option of 255 bytes of length", options("0c ff 00"), ""},
         {"message type of length 2", options("35 02 05 05 ff"), "end @4 ! Option length must be 1 octets."},
-        {"server id", options("36 04 0a 00 00 01 ff"), "server a000001 end @6"},
         {"server id of length 5", options("36 05 0a 00 00 01 00 35 01 02 ff"), "type 2 end @10 ! Option length must be 4 octets."},
-        {"lease", options("33 04 00 00 0e 10 ff"), "lease e10 end @6"},
         {"lease of length 8", options("33 08 00 00 0e 10 00 00 0e 10 ff"), "end @10 ! Option length must be 4 octets."},
         {"router: the first of two", options("03 08 0a 00 00 01 0a 00 00 02 ff"), "router a000001 end @10"},
         {"router of length 6", options("03 06 0a 00 00 01 0a 00 ff"), "end @8 ! Option length must always be a multiple of 4."},
         {"router of length 0 reads the 4 bytes that follow", options("03 00 35 01 05 ff"), "type 5 router 350105ff end @5"},
-        {"router of length 0 at the end of the area", options("35 01 05 03 00 ff"), "type 5 router ff000000 end @5"},
-        {"requested address", options("32 04 0a 01 01 05 ff"), "end @6 client 0a 01 01 05"},
         {"requested address of length 0", options("32 00 ff"), "end @2 ! Option length must be 4 octets."},
         {"vendor class", options("3c 01 61 ff"), "opt60 @0 end @3"},
         {"vendor class of length 0", options("3c 00 ff"), "end @2 ! option60 length must be larger than 1 octets."},
-        {"vendor class with item 1 of 4 bytes", options("3c 06 01 04 12 34 56 78 ff"), "tag 12345678 opt60 @0 end @8"},
         {"item 1 of 3 bytes ends the walk", options("3c 0b 01 03 12 34 56 01 04 00 00 00 09 ff"), "opt60 @0 end @13"},
         {"item 1 behind another", options("3c 09 07 01 00 01 04 00 00 00 09 ff"), "tag 9 opt60 @0 end @11"},
         {"the first item 1 counts", options("3c 0c 01 04 00 00 00 07 01 04 00 00 00 09 ff"), "tag 7 opt60 @0 end @14"},
         {"an item whose data lies behind the option", options("3c 02 01 04 ff 00 00 01"), "tag ff000001 opt60 @0 end @4"},
         {"what follows the option is no item", options("3c 02 07 00 01 04 00 00 00 09 ff"), "opt60 @0 end @10"},
-        {"relay information without sub-options", options("52 00 ff"), "opt82 @0 end @2"},
         {"each sub-option", options("52 09 01 01 61 02 01 62 09 01 63 ff"), "opt82 @0 circuit @2 remote @5 sub9 @8 end @11"},
-        {"the last of two", options("52 04 01 00 01 00 ff"), "opt82 @0 circuit @4 end @6"},
         {"what follows the option is no sub-option", options("52 03 01 01 61 02 01 00 ff"), "opt82 @0 circuit @2 end @8"},
         {"its header astride the option's end", options("52 01 02 ff"), "opt82 @0 remote @2 end @3"},
         {"nor those of length 255", options("52 05 03 ff 00 01 00 ff"), "opt82 @0 end @7"},
@@ -155,8 +134,6 @@ TEST_F(Parse, Options)
         {"router of length 0, three bytes left in the buffer", at_the_end("03 00 00 00 ff"), "router ff00 end @1741"},
         {"vendor item, two bytes left", at_the_end("3c 02 01 04 00 ff"), "tag ff0000 opt60 @1736 end @1741"},
         {"relay item at the very end", at_the_end("52 01 02 ff"), "opt82 @1738 remote @1740 end @1741"},
-        {"relay item of length 255", at_the_end("52 02 01 fd ff"), "opt82 @1737 circuit @1739 end @1741"},
-        {"yiaddr over ciaddr", options("35 01 05 ff", ip4(10, 0, 0, 1), ip4(10, 0, 0, 2)), "type 5 end @3 client 0a 00 00 02"},
         {"the requested address over both", options("32 04 0a 01 01 05 ff", ip4(10, 0, 0, 1), ip4(10, 0, 0, 2)), "end @6 client 0a 01 01 05"},
         {"a requested 0.0.0.0 leaves the choice", options("32 04 00 00 00 00 ff", ip4(10, 0, 0, 1)), "end @6 client 0a 00 00 01"},
         {"0.0.0.1 is an address", options("32 04 00 00 00 01 ff"), "end @6 client 00 00 00 01"},
