@@ -30,11 +30,22 @@ using Lines = std::vector<std::string>;
 constexpr uint32_t HOST = ip4(10, 0, 0, 50), SERVER = ip4(10, 0, 0, 1), RELAY = ip4(10, 0, 0, 254);
 constexpr uint8_t DISCOVER = 1, OFFER = 2, REQUEST = 3, DECLINE = 4, ACK = 5, NAK = 6, RELEASE = 7, INFORM = 8;
 
-// A fresh world with a started daemon. After every test the daemon's lists and pools must be whole.
+// A word of a scene and its effect on the world or the daemon.
+struct Word {
+    const char *word;
+    void (*effect)();
+};
+
+// A new daemon with ports 1 and 3 in VLAN 10, VLAN interface 110 of it, and trunk 2 (native VLAN 10, also 20). Ports 1 and
+// 2 (trusted, the servers') are snooped. Then the effects of the words, one after the other, from `own` or from the table in
+// scene.cpp; an unknown word is a failure. The journal is empty afterwards, the traces are on.
+void prepare(const std::string &words, std::span<const Word> own = {});
+
+// The world of prepare("") with a started daemon. After every test the daemon's lists and pools must be whole.
 class Daemon : public testing::Test
 {
   protected:
-    void SetUp() override { world.reset(); }
+    void SetUp() override { prepare(""); }
     void TearDown() override { EXPECT_EQ(world_check_tables(), ""); }
 };
 
@@ -101,17 +112,6 @@ struct Parsed {
 };
 
 constexpr const char *THEN = "then"; // instead of words: the row goes on from the row before it
-
-// A word of a scene and its effect on the world or the daemon.
-struct Word {
-    const char *word;
-    void (*effect)();
-};
-
-// A new daemon with ports 1 and 3 in VLAN 10, VLAN interface 110 of it, and trunk 2 (native VLAN 10, also 20). Ports 1 and
-// 2 (trusted, the servers') are snooped. Then the effects of the words, one after the other, from `own` or from the table in
-// scene.cpp; an unknown word is a failure. The journal is empty afterwards, the traces are on.
-void prepare(const std::string &words, std::span<const Word> own = {});
 
 // "2 292, hw +1 .50 f0/80 | .50 bound 1/10 | waits 1 | server .1 2/10 | 1 drops mac 1": frames (port, length), relayed
 // datagrams, and calls of the platform, in this order; then bindings, waiting clients, servers and drop counters.

@@ -102,6 +102,7 @@ std::string ports(Sender send, uint32_t inIf, const std::optional<Bytes> &member
 
 TEST_F(Forward, EveryPortInOrderButTheOneItCameFrom)
 {
+    world.reset();
     world.vlan_interface(110, 10).vlans = {10};
     for (const uint32_t ifIndex : {1u, 2u, 3u, 4u, 110u}) {
         if (ifIndex != 110)

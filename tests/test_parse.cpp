@@ -27,7 +27,6 @@ using Parse = Daemon;
 
 TEST_F(Parse, EveryFieldOfAnOrdinaryFrame)
 {
-    prepare("");
     // An ACK with two tags, IP options and padding: nothing is where it is in the simplest frame.
     const Frame frame = {.dst = MAC_CLIENT, .src = MAC_SERVER, .tags = {{0x88A8, 0x2064}, {0x8100, 0x0014}}, .srcIp = ip4(10, 0, 0, 1), .dstIp = ip4(10, 0, 0, 100), .ipOptions = hex_bytes("94 04 00 00"), .srcPort = 67, .dstPort = 68, .op = 2, .ciaddr = ip4(10, 0, 0, 99), .yiaddr = ip4(10, 0, 0, 100), .giaddr = ip4(10, 9, 9, 9), .options = opt_type(5) + opt_ip(3, ip4(10, 0, 0, 254)) + opt_lease(7200) + opt_ip(54, ip4(10, 0, 0, 1)) + opt(60, {1, 4, 0, 0, 1, 2}) + opt(67, {'b'}) + opt(82, {1, 2, 'c', 'c', 2, 1, 'r', 9, 0}) + opt(125, {0}) + OPT_END, .padding = Bytes(7, 0xEE)};
     const Arrival arrival = {.port = 1, .outer = 100, .inner = 20};
@@ -49,7 +48,6 @@ constexpr Arrival IP_AT_2028 = {.l2 = 2028, .etherType = 0x0800};
 
 TEST_F(Parse, Ladder)
 {
-    prepare("");
     check({
         {"EtherType neither IPv4 nor IPv6", recorded(Frame{.etherType = 0x0806}, {.l2 = 14, .etherType = 0x0806}), "refused ! This is not a IPv4 or IPv6 packet, stop process!"},
         {"IP version 5", recorded(Frame{.ipVersion = 5}), "refused ! This is not a IPv4 packet!"},
@@ -83,7 +81,6 @@ TEST_F(Parse, Ladder)
 
 TEST_F(Parse, WithoutFullParseOnlyHeaders)
 {
-    prepare("");
     DhcpsnoopRxPkt rx = rx_packet(Frame{.udpLen = 7}), other = rx_packet(Frame{.srcPort = 1, .dstPort = 1});
     for (const uint32_t full : {0u, 2u}) { // anything but 1
         DhcpsnoopPktInfo info;
@@ -104,11 +101,12 @@ std::string at_the_end(const char *area)
 
 TEST_F(Parse, Options)
 {
-    prepare("");
     check({
         {"only the end", options("ff"), "end @0"},
         {"an option is recorded only if a byte follows it", options("35 01 05"), ""},
+        {"the second too", options("35 01 05 35 01 06"), "type 5"},
         {"nothing behind the end counts", options("35 01 05 ff 00 35 01 06 00"), "type 5 end @3"},
+        {"nor behind an end that comes first", options("ff 00 35 01 06 00"), "end @0"},
         {"the last occurrence wins", options("35 01 05 35 01 06 ff"), "type 6 end @6"},
         {"an option whose length passes the area ends the walk", options("35 01 05 36 05 0a 00 00 01"), "type 5"},
         {"an unknown option is passed over", options("0c 02 61 62 35 01 03 ff"), "type 3 end @7"},

@@ -72,7 +72,6 @@ Bytes message_of(size_t length)
 #define OK "0x86dd 10.0 type "
 TEST_F(Parse6, Ladder)
 {
-    prepare("");
     const Bytes EXTENSION = hex_bytes("11 00 01 04 00 00 00 00"); // next header UDP, PadN
     Frame6 tagged = server6(7, opt6(8, {0, 0}) + status6(5, "x") + ia_na(iaaddr("2001:db8::1", 60)) + opt6(18, {1, 2, 3}) + ia_ta({}) + opt6(37, be32(9)) + ia_na({}));
     tagged.tags = {{0x88A8, 0x2064}, {0x8100, 0x0014}};
@@ -94,7 +93,6 @@ TEST_F(Parse6, Ladder)
 
 TEST_F(Parse6, OptionsAndAddresses)
 {
-    prepare("");
     const auto finds = [](Bytes area, uint32_t length = 1000) {
         const uint8_t *found = dhcp6snoop_get_opt(area.data(), 5, length == 1000 ? static_cast<uint32_t>(area.size()) : length);
         return found == nullptr ? "none" : std::to_string(found - area.data());
@@ -120,7 +118,6 @@ TEST_F(Parse6, OptionsAndAddresses)
 // Frames in memory that ends with their buffer: nothing is read behind it, whatever the headers claim.
 TEST_F(Parse6, NothingIsReadBehindTheBuffer)
 {
-    prepare("");
     constexpr size_t HALF = 65536;
     auto *memory = static_cast<uint8_t *>(mmap(nullptr, 2 * HALF, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_EQ(mprotect(memory + HALF, HALF, PROT_NONE), 0);
@@ -150,7 +147,6 @@ TEST_F(Parse6, NothingIsReadBehindTheBuffer)
 // Of an odd length; scapy's sum of IPv6(src="fe80::1",dst="ff02::1:2")/UDP(sport=546,dport=547)/b"\1\2\3\4\5". Others: test_msg6.cpp.
 TEST_F(Parse6, UdpChecksum)
 {
-    prepare("");
     Parsed odd(Frame6{.srcIp = ip6("fe80::1"), .udpChecksum = 0, .message = Bytes{1, 2, 3, 4, 5}});
     EXPECT_EQ(dhcp6snoop_get_udp_checksum(&odd.info), 0xF501);
     odd.info.udpHdr = odd.info.frame + 36; // so much stands in front of it in the work buffer of 2048
