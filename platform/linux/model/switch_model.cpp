@@ -116,11 +116,16 @@ void SwitchModel::refresh()
     std::set<uint32_t> stale = links_.take_changed();
     if (stale.empty())
         return;
-    // A bridge's settings are its ports' and its VLAN devices' too.
+    // A bridge's settings are its ports' and its VLAN devices' too. A device that has gone may have been one.
     const std::set<uint32_t> changed = stale;
-    for (const auto &[ifIndex, link] : links)
-        if (changed.contains(link.master) || changed.contains(link.lower))
-            stale.insert(ifIndex);
+    std::set<uint32_t> bridges;
+    for (const uint32_t ifIndex : changed)
+        if (const auto link = links.find(ifIndex);
+            link == links.end() || link->second.kind == LinkKind::bridge)
+            bridges.insert(ifIndex);
+    for (auto link = links.begin(); !bridges.empty() && link != links.end(); ++link)
+        if (bridges.contains(link->second.master) || bridges.contains(link->second.lower))
+            stale.insert(link->first);
 
     std::vector<Change> changes;
     bool vlanInterfaces = false;

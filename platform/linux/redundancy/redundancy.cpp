@@ -67,8 +67,11 @@ void publish_ports()
     shared->wake();
 }
 
-void ports_changed(ModelChange change, const Port &port, const Port *)
+void ports_changed(ModelChange change, const Port &port, const Port *before)
 {
+    if (before != nullptr && strcmp(port.name, before->name) == 0 &&
+        identity_of(port) == identity_of(*before))
+        return;
     if (change == ModelChange::vanished)
         gone[port.ifIndex] = name_of(port);
     else
