@@ -35,9 +35,6 @@ class Input
         return taken;
     }
 
-    template <class Value, size_t Count>
-    Value pick(const std::array<Value, Count> &values) { return values[u8() % Count]; }
-
     // A length that is true, or a little off, or anything.
     uint32_t length(size_t truth)
     {

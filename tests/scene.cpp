@@ -150,7 +150,8 @@ std::string last_octets(const uint8_t *address, uint32_t ipType)
     return ipType == DHCPSNOOP_IPV6 ? world_format(":%x", address[14] << 8 | address[15]) : world_format(".%u", address[3]);
 }
 
-// A call of qorIfSetApi that adds or deletes a rule, by its record.
+} // namespace
+
 std::string rule(const WorldEntry &call)
 {
     const Bytes &record = call.data;
@@ -159,8 +160,6 @@ std::string rule(const WorldEntry &call)
     const std::string to = call.text.substr(0, call.text.find(':')); // "hw add 1"
     return std::string("hw ") + (to[3] == 'a' ? '+' : '-') + to.substr(to.rfind(' ') + 1) + " " + last_octets(&record[16], record[36]) + world_format(" %02x/%02x", items, record[37]);
 }
-
-} // namespace
 
 std::string joined(const Lines &lines, const char *between)
 {

@@ -122,8 +122,10 @@ std::string sent_summary();
 // The only frame sent; a failure when there is not exactly one.
 Bytes sent_frame();
 
-// The calls that change something. A rule is written "hw +1 .50 f0/80": add (-: delete), port, address, check items that
-// the record carries, rule flags.
+// A call that adds or deletes a rule, as "hw +1 .50 f0/80": add (-: delete), port, address, check items that the record carries,
+// rule flags.
+std::string rule(const WorldEntry &call);
+// The calls that change something, rules so written.
 std::string calls_summary();
 
 // Every binding: last octet (":1f", two octets, of IPv6), type when not dynamic, state, port/VLAN. Further fields only when they are

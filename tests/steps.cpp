@@ -141,14 +141,6 @@ std::string unpacked(const Bytes &packet)
     return records <= 3 ? text : world_format(" %zu in %zu bytes", records, packet.size());
 }
 
-// "+1 .50 90 80": to the hardware of port 1 the binding of 10.0.0.50, with the check items that the record carries, and the rule.
-std::string rule_text(const WorldEntry &call)
-{
-    const auto carried = [&record = call.data](size_t at, size_t size, uint32_t item) { return record[at] != 0 || record[at + size - 1] != 0 ? item : 0; };
-    const std::string head = call.text.substr(3, call.text.find(':') - 3); // "add 1"
-    return world_format("%c%s .%u %02x %02x", head[0] == 'a' ? '+' : '-', head.substr(head.find(' ') + 1).c_str(), call.data[19], carried(39, 1, 0x80) | carried(38, 1, 0x40) | carried(6, 2, 0x20) | carried(8, 4, 0x10), call.data[37]);
-}
-
 // A setting offered is "offer 5/1f 3": interface, its number in hexadecimal, value.
 std::string entry_text(const WorldEntry &entry)
 {
@@ -160,7 +152,7 @@ std::string entry_text(const WorldEntry &entry)
         {std::regex("^\\[DHCPSNOOP\\] |\r\n$"), ""},
         {std::regex("\n\r$"), "\\n\\r"}};
     if (entry.text.starts_with("hw "))
-        return rule_text(entry);
+        return rule(entry);
     if (entry.text.starts_with("qorHwScalarSync null 0x40013 "))
         return "peer" + entry.text.substr(entry.text.rfind(' ')) + unpacked(entry.data);
     std::string text = entry.text;
@@ -234,6 +226,8 @@ std::optional<std::string> perform(const std::string &step)
         const int32_t result = verb == "event" ? dhcpsnoop_notify_recv(bytes.data(), static_cast<int32_t>(bytes.size())) : (dhcpsnoop_sync_pkt_recv(&transfer), 0);
         return result == 0 && bytes == packed(more) ? "" : "result, or bytes changed";
     }
+    if (verb == "scan")
+        return dhcpsnoop_user_timer_check(), "";
     uint32_t n[4] = {};
     if (verb == "set") {
         set_members(values);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "event_message.h"
+#include "steps.h"
 
 namespace
 {
@@ -150,57 +151,30 @@ TEST(Loop, Rows)
     });
 }
 
-using Timer = Daemon;
-TEST_F(Timer, Scans)
+// Port 1 snoops and relays; the scan has taken up this world's time.
+void start()
 {
-    prepare("");
-    dhcpsnoop_user_timer_check(); // takes up this world's time
-    const int64_t start = world.now;
-    // At these times after the start: scans, what they said, how many are left.
-    const auto scan = [start](std::initializer_list<int64_t> times) {
-        world.clear();
-        debug(2);
-        for (const int64_t after : times) {
-            world.now = start + after;
-            dhcpsnoop_user_timer_check();
-        }
-        return said() + world_format(" %zu %zu", count_bindings(), count_waiting());
-    };
-    const std::string SCAN = "Timeout, check the user binding table!", GONE = SCAN + "|User time out, mac:02:c1:00:00:00:01. 0 0";
-    // Bindings of that type, lease and age at the next scan.
-    auto expire = [&, at = int64_t{1000}](const std::vector<std::tuple<uint8_t, uint32_t, int64_t>> &bindings) mutable {
-        Lines scans;
-        for (const auto &[type, lease, age] : bindings) {
-            DhcpsnoopUser *user = make_binding(HOST, MAC_CLIENT, 3, 20);
-            user->userType = type;
-            user->leaseTime = lease;
-            user->leaseStart = static_cast<uint32_t>(start + (at += 60) - age);
-            scans.push_back(scan({at}));
-            dhcpsnoop_user_delete(binding(HOST));
-        }
-        return series(scans);
-    };
-    check({
-        {"scans are a minute apart", scan({0, 59}), " 0 0"},
-        {"a minute, not again; later, and a minute from then; a clock set back scans at once, and takes up the new time; its minute", series({scan({60, 60, 119}), scan({500, 559}), scan({-1, 58}), scan({59})}), SCAN + " 0 0"},
-        {"one second left; static and IP source guard's never expire; lease time is unsigned; an endless lease; a lease of 0 before it starts; a lease is over at its end, one of 0 at once", series({expire({{1, 3600, 3599}, {2, 60, 100'000}, {4, 60, 100'000}, {1, 0x80000000, 100'000}, {1, 0xFFFFFFFF, 900'000'000}, {1, 0, -1}}), expire({{1, 3600, 3600}, {1, 0, 0}})}), series({SCAN + " 1 0", GONE})},
-    });
+    world.reset();
+    world.access(1, 10);
+    snoop(1);
+    apply("set 1 relay .254;server.set 1 1 .1 = 1;scan");
+}
+
+#define SCAN "Timeout, check the user binding table!"
+#define GONE "User time out, mac:02:c1:00:00:00:01.; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0."
+const Step SCANS[] = {
+    {"a minute apart; after a minute; not again; nor later; a clock set back scans at once, and takes up the new time; its minute", "debug 2", "later 59;scan;later 1;scan;scan;later 59;scan;later -3600;scan;later 59;scan;later 1;scan", " / " SCAN " /  /  / " SCAN " /  / " SCAN},
+    {"a lease is over at its end, one of 0 at once; one second left; static and IP source guard's never expire; lease time is unsigned; an endless lease", "bind .1 1 10;set .1 lease 60;bind .2 1 10;set .2 lease 0;bind .3 1 10;set .3 lease 61;bind .4 1 10;set .4 lease 1 type 2;bind .5 1 10;set .5 lease 1 type 4;bind .6 1 10;set .6 lease 0x80000000;bind .7 1 10;set .7 lease 0xffffffff;debug 2", "later 60;scan;later 60;scan", SCAN "; " GONE "1; " GONE "2 | -10.0.0.1 | -10.0.0.2 | if1 cur=5 / " SCAN "; " GONE "3 | -10.0.0.3 | if1 cur=4"},
+    {"waiting clients go after two minutes, silently", "discover 1;debug 2", "later 60;scan;later 60;scan", SCAN " / " SCAN " | -waiting/02c100000001"},
+};
+TEST(Timer, Scans)
+{
+    check_steps(SCANS, start);
+    start();
     for (uint32_t i = 0; i < 130; i++) // every one of the 63 buckets has two or more entries
         make_binding(ip4(10, 0, 0, static_cast<uint8_t>(i)), MAC_CLIENT, 3, 20)->leaseTime = i % 2 == 0 ? 60 : 600;
-    const int64_t now = world.now - start;
-    for (const Mac &mac : {MAC_CLIENT, MAC_CLIENT2}) {
-        Parsed parsed(Frame{.chaddr = mac});
-        parsed.info.rxTime = static_cast<uint32_t>(world.now);
-        dhcpsnoop_mac_user_add(&parsed.info);
-    }
-    EXPECT_EQ(scan({now + 60}).substr(65 * 38 + 38), " 65 2") << "every bucket and every entry is visited";
-    EXPECT_EQ(scan({now + 120}), SCAN + " 65 0") << "waiting clients go after two minutes, silently";
-    if (sizeof(time_t) < 8)
-        GTEST_SKIP() << "a 32-bit clock ends in 2038";
-    world.reset();
-    world.now = 0xF0000000;
-    make_binding(HOST, MAC_CLIENT, 1, 10)->leaseTime = 100;
-    EXPECT_EQ(series({scan({0xF0000000 + 99 - start}), scan({0xF0000000 + 199 - start})}), SCAN + " 1 0 / " + GONE);
+    apply("later 60;scan");
+    EXPECT_EQ(count_bindings(), 65u) << "every bucket and every entry is visited";
 }
 // clang-format on
 

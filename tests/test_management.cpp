@@ -19,8 +19,7 @@ void start()
     world.vlan_interface(100, 10);
     snoop(5);
     snoop(100);
-    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
-    gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
+    apply("hooks");
 }
 
 std::string times(const std::string &hex, int count) // "78 78"
@@ -83,9 +82,9 @@ const Step BINDINGS[] = {
     {"create by the other number; no entry is free", "", "user.set 9 .5 = 5;bind .1 5 10;bind .2 5 10;bind .3 5 10;bind .4 5 10;bind .6 5 10;user.set 9 .7 = 4", "ok; offer .05/09 5 | +10.0.0.5 lease=4294967295 type=2 state=3 / c; offer .07/09 4"},
     {"delete; delete one that was moved to an interface that is not there; bind IP source guard's; delete IP source guard's", "bind .5 5 10;set .5 type 2", "user.set 9 .5 = 6;bind .5 5 10;set .5 if 7 vid 7;user.set 9 .5 = 6;bind .5 5 10;set .5 type 4;debug 2;user.set 9 .5 = 1;debug 0;user.set 9 .5 = 6", "ok; offer .05/09 6; 7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.5 | -10.0.0.5 / ok; offer .05/09 6; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.5 | -10.0.0.5 / 3e80003; offer .05/09 1; dhcpsnoop user setapi: this is a IPSG binding entry with the same ip! / 3e80003; offer .05/09 6"},
     // To bind installs all checks; of the check items only the bits of the checks change.
-    {"bind a dynamic one: it stays dynamic, and expires if it did; IP source guard refused; ARP inspection refused; both refused", ARP + "bind .5 5 10;set .5 state 4 ipsg 0x85 dai 0x0a;later 7", "user.set 9 .5 = 1;set .5 state 4 hw 0 ipsg 0x85 dai 0x0a;once -1 hw add;user.set 9 .5 = 1;set .5 state 4 hw 0 ipsg 0x85 dai 0x0a;refuse -1 hw add 5: mac 02 c1 00 00 00 01 vid 10 if 5 ipsg 0 addr 0a 00 00 05 00 00 00 00 00 00 00 00 00 00 00 00 attr 0 orig 10 type 1 rule 40;user.set 9 .5 = 1;set .5 state 4 hw 0 ipsg 0x85 dai 0x0a;refuse -1 hw add;user.set 9 .5 = 1", "ok; offer .05/09 1; +5 .5 f0 80; +5 .5 f0 40; 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.5, mac 02:c1:00:00:00:01, interface swp5, vlan 10. | 10.0.0.5 from:+0 hw#c0 state=1 ipsg#f5 dai#fa / ok; offer .05/09 1; +5 .5 f0 80; +5 .5 f0 40; 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.5, mac 02:c1:00:00:00:01, interface swp5, vlan 10. | 10.0.0.5 hw#40 state=1 ipsg#5 dai#fa / ok; offer .05/09 1; +5 .5 f0 80; +5 .5 f0 40; 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.5, mac 02:c1:00:00:00:01, interface swp5, vlan 10. | 10.0.0.5 hw#80 state=1 ipsg#f5 / ok; offer .05/09 1; +5 .5 f0 80; +5 .5 f0 40; 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.5, mac 02:c1:00:00:00:01, interface swp5, vlan 10. | 10.0.0.5 state=1 ipsg#5"},
+    {"bind a dynamic one: it stays dynamic, and expires if it did; IP source guard refused; ARP inspection refused; both refused", ARP + "bind .5 5 10;set .5 state 4 ipsg 0x85 dai 0x0a;later 7", "user.set 9 .5 = 1;set .5 state 4 hw 0 ipsg 0x85 dai 0x0a;once -1 hw add;user.set 9 .5 = 1;set .5 state 4 hw 0 ipsg 0x85 dai 0x0a;refuse -1 hw add 5: mac 02 c1 00 00 00 01 vid 10 if 5 ipsg 0 addr 0a 00 00 05 00 00 00 00 00 00 00 00 00 00 00 00 attr 0 orig 10 type 1 rule 40;user.set 9 .5 = 1;set .5 state 4 hw 0 ipsg 0x85 dai 0x0a;refuse -1 hw add;user.set 9 .5 = 1", "ok; offer .05/09 1; hw +5 .5 f0/80; hw +5 .5 f0/40; 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.5, mac 02:c1:00:00:00:01, interface swp5, vlan 10. | 10.0.0.5 from:+0 hw#c0 state=1 ipsg#f5 dai#fa / ok; offer .05/09 1; hw +5 .5 f0/80; hw +5 .5 f0/40; 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.5, mac 02:c1:00:00:00:01, interface swp5, vlan 10. | 10.0.0.5 hw#40 state=1 ipsg#5 dai#fa / ok; offer .05/09 1; hw +5 .5 f0/80; hw +5 .5 f0/40; 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.5, mac 02:c1:00:00:00:01, interface swp5, vlan 10. | 10.0.0.5 hw#80 state=1 ipsg#f5 / ok; offer .05/09 1; hw +5 .5 f0/80; hw +5 .5 f0/40; 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.5, mac 02:c1:00:00:00:01, interface swp5, vlan 10. | 10.0.0.5 state=1 ipsg#5"},
     // To unbind makes it static and withdraws what was installed; the items stay.
-    {"installed for both; a static one is not counted; installed for nothing; a count that is 0 stays; ARP inspection refused; IP source guard refused: its result, and nothing else is done", ARP + "bind .5 5 10;set .5 hw 0xc0 ipsg 0x80 dai 0x40;later 100", "user.set 9 .5 = 3;set .5 type 2 hw 0x40;set 5 cur 1;set 100 cur 1;user.set 9 .5 = 2;set .5 type 1 state 1 hw 0;set 5 cur 0;user.set 9 .5 = 2;set .5 type 1 hw 0xc0;set 5 cur 1;set 100 cur 1;refuse 7 hw delete 5: mac 02 c1 00;user.set 9 .5 = 2;set .5 type 1 hw 0xc0;set 5 cur 1;set 100 cur 1;refuse 7 hw delete;user.set 9 .5 = 2", "ok; offer .05/09 3; -5 .5 80 80; -5 .0 40 40 | 10.0.0.5 from:+0 lease=4294967295 type=2 state=3 hw=0 | if100 cur=0 | if5 cur=0 / ok; offer .05/09 2; -5 .0 40 40 | 10.0.0.5 state=2 hw=0 / ok; offer .05/09 2 | 10.0.0.5 type=2 state=2 | if100 cur=0 / 7; offer .05/09 2; -5 .5 80 80; -5 .0 40 40 | 10.0.0.5 hw#40 / 7; offer .05/09 2; -5 .5 80 80"},
+    {"installed for both; a static one is not counted; installed for nothing; a count that is 0 stays; ARP inspection refused; IP source guard refused: its result, and nothing else is done", ARP + "bind .5 5 10;set .5 hw 0xc0 ipsg 0x80 dai 0x40;later 100", "user.set 9 .5 = 3;set .5 type 2 hw 0x40;set 5 cur 1;set 100 cur 1;user.set 9 .5 = 2;set .5 type 1 state 1 hw 0;set 5 cur 0;user.set 9 .5 = 2;set .5 type 1 hw 0xc0;set 5 cur 1;set 100 cur 1;refuse 7 hw delete 5: mac 02 c1 00;user.set 9 .5 = 2;set .5 type 1 hw 0xc0;set 5 cur 1;set 100 cur 1;refuse 7 hw delete;user.set 9 .5 = 2", "ok; offer .05/09 3; hw -5 .5 80/80; hw -5 .0 40/40 | 10.0.0.5 from:+0 lease=4294967295 type=2 state=3 hw=0 | if100 cur=0 | if5 cur=0 / ok; offer .05/09 2; hw -5 .0 40/40 | 10.0.0.5 state=2 hw=0 / ok; offer .05/09 2 | 10.0.0.5 type=2 state=2 | if100 cur=0 / 7; offer .05/09 2; hw -5 .5 80/80; hw -5 .0 40/40 | 10.0.0.5 hw#40 / 7; offer .05/09 2; hw -5 .5 80/80"},
     // Listed by address octet by octet, IPv4 first; IP source guard's are left out.
     {"the first; the next; behind one that is gone, IP source guard's passed over; none behind the last; IPv6 behind IPv4; the other way round none", "bind .200 5 10;bind .3 5 10;bind 0x09ffffff 5 10;bind .100 5 10;bind 0x01000004 5 10;set 0x01000004 type 4;set .100 type 4", "user.first 0 none room 28;user.next 0 0x09ffffff room 28;user.next 0 .4 room 28;user.next 0 .200 room 28;user.set 9 2001:db8::5 = 4;user.next 0 .200 room 28;user.next 0 2001:db8::5 room 28", "ok 03 00 00 01 01 03 00 00 03 00 00 00 03 00 00 10 09 ff ff ff 00 00 00 00 00 00 00 00 00 00 00 00 / ok 03 00 00 01 01 03 00 00 03 00 00 00 03 00 00 10 0a 00 00 03 00 00 00 00 00 00 00 00 00 00 00 00 / ok 03 00 00 01 01 03 00 00 03 00 00 00 03 00 00 10 0a 00 00 c8 00 00 00 00 00 00 00 00 00 00 00 00 / ffffffff / ok; qorHwDhcpSnoopUserSync 02 00 00 00 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 05 0x8ce8009 4 0x3 | +type2/20010db800*1105 lease=4294967295 type=2 state=3 / ok 03 00 00 01 02 03 00 00 03 00 00 00 03 00 00 10 20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 05 / ffffffff"},
     // Relay servers.
@@ -97,8 +96,8 @@ const Step BINDINGS[] = {
 const Step SWITCH[] = {
     {"off where it is off; on; on where it is on; snooping is; compared whole, a byte of it stored, and any state but 1 is off", "", "global.set 1 = 0;global.set 1 = 1;global.set 1 = 1;global.get 1 = 0;global.set 1 = 257", "ok / ok; offer 01 1 | global on=1 / ok / ok =1 / ok; offer 01 257; qorIfSetApi 5 306 23; qorIfSetApi 100 306 23 | -if100 | -if5"},
     {"hardware notification that is on; the enterprise number; the same is offered again, by the other number; is read; server learning that is on; is read; the debug flags, all of the byte; are read", "global.set 4 = 1", "global.set 4 = 1;global.set 2 = 0xfffffffe;global.sync 2 = 0xfffffffe;global.get 2 = 0;global.set 16 = 1;global.set 16 = 0x101;global.get 16 = 0;debug 0x42;global.set 20 = 0x1f0;global.get 20 = 0", "ok / ok; offer 02 4294967294 | global enterprise=4294967294 / ok; offer 02 4294967294 / ok =4294967294 / ok; offer 10 1 | global learn=1 / ok; offer 10 257 / ok =1 / ok; Global dhcpsnoop setapi: cmd 20. | global debug#f0 / ok =240"},
-    {"the bindings, IP source guard's not counted; off, but IP source guard's bindings: the platform, the rules, the traps; switching on brings nothing back", POPULATED, "global.get 3 = 0;set 5 relay .1;server.set 1 5 .9 = 1;discover 5;server.set 1 5 .9 = 6;global.set 1 = 2;global.set 1 = 1", "ok =2 / ok | if5 server0#a000009 / ok | if5 server0=0 / ok; offer 01 2; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.1; -5 .1 f0 80; 7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.2; -5 .2 f0 80; qorIfSetApi 5 306 23; qorIfSetApi 100 306 23 | -10.0.0.1 | -10.0.0.2 | -if100 | -if5 | -waiting/02c100000001 | global on=2 / ok; offer 01 1 | global on=1"},
-    {"off to hardware; on; any state but 1 withdraws; the state is the byte that is stored; it is read", POPULATED + "items 5 0xf0;global.set 4 = 1", "global.set 4 = 0;global.set 4 = 1;global.set 4 = 2;global.set 4 = 0x101;global.get 4 = 0", "ok; offer 04 0; -5 .1 f0 80; -5 .1 f0 00; -5 .2 f0 80; -5 .2 f0 00 | 10.0.0.1 hw=0 daiFrom=0 ipsg=0 dai=0 | 10.0.0.2 hw=0 daiFrom=0 ipsg=0 dai=0 | global notify=0 / ok; offer 04 1; +5 .1 f0 80; +5 .1 f0 00; +5 .2 f0 80; +5 .2 f0 00 | 10.0.0.1 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#f0 | 10.0.0.2 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#f0 | global notify=1 / ok; offer 04 2; -5 .1 f0 80; -5 .1 f0 00; -5 .2 f0 80; -5 .2 f0 00 | 10.0.0.1 hw=0 ipsgFrom=0 daiFrom=0 ipsg=0 dai=0 | 10.0.0.2 hw=0 ipsgFrom=0 daiFrom=0 ipsg=0 dai=0 | global notify=2 / ok; offer 04 257; +5 .1 f0 80; +5 .1 f0 00; +5 .2 f0 80; +5 .2 f0 00 | 10.0.0.1 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#f0 | 10.0.0.2 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#f0 | global notify=1 / ok =1"},
+    {"the bindings, IP source guard's not counted; off, but IP source guard's bindings: the platform, the rules, the traps; switching on brings nothing back", POPULATED, "global.get 3 = 0;set 5 relay .1;server.set 1 5 .9 = 1;discover 5;server.set 1 5 .9 = 6;global.set 1 = 2;global.set 1 = 1", "ok =2 / ok | if5 server0#a000009 / ok | if5 server0=0 / ok; offer 01 2; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.1; hw -5 .1 f0/80; 7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.2; hw -5 .2 f0/80; qorIfSetApi 5 306 23; qorIfSetApi 100 306 23 | -10.0.0.1 | -10.0.0.2 | -if100 | -if5 | -waiting/02c100000001 | global on=2 / ok; offer 01 1 | global on=1"},
+    {"off to hardware; on; any state but 1 withdraws; the state is the byte that is stored; it is read", POPULATED + "items 5 0xf0;global.set 4 = 1", "global.set 4 = 0;global.set 4 = 1;global.set 4 = 2;global.set 4 = 0x101;global.get 4 = 0", "ok; offer 04 0; hw -5 .1 f0/80; hw -5 .1 f0/00; hw -5 .2 f0/80; hw -5 .2 f0/00 | 10.0.0.1 hw=0 daiFrom=0 ipsg=0 dai=0 | 10.0.0.2 hw=0 daiFrom=0 ipsg=0 dai=0 | global notify=0 / ok; offer 04 1; hw +5 .1 f0/80; hw +5 .1 f0/00; hw +5 .2 f0/80; hw +5 .2 f0/00 | 10.0.0.1 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#f0 | 10.0.0.2 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#f0 | global notify=1 / ok; offer 04 2; hw -5 .1 f0/80; hw -5 .1 f0/00; hw -5 .2 f0/80; hw -5 .2 f0/00 | 10.0.0.1 hw=0 ipsgFrom=0 daiFrom=0 ipsg=0 dai=0 | 10.0.0.2 hw=0 ipsgFrom=0 daiFrom=0 ipsg=0 dai=0 | global notify=2 / ok; offer 04 257; hw +5 .1 f0/80; hw +5 .1 f0/00; hw +5 .2 f0/80; hw +5 .2 f0/00 | 10.0.0.1 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#f0 | 10.0.0.2 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#f0 | global notify=1 / ok =1"},
     {"what is said; statistics; a value refused; a value refused; a value refused; a value refused", "debug 2", "global.set 4 = 1;debug 0;set 5 untrusted 5 forged 5 unbound 5 relay 5;global.set 17 form 9 0;refuse 3 qorHwScalarSync;global.set 1 = 9;global.set 2 = 9;global.set 4 = 9;global.set 16 = 9", "ok; Global dhcpsnoop setapi: cmd 4.; Global dhcpsnoop setapi: hardware notify state 1.; offer 04 1; Process user on interface 0, inet type 3, user type = 3, operate 1.; Global dhcpsnoop setapi: end, rc = 0. | global notify=1 / ok | if5 untrusted=0 forged=0 unbound=0 / 3e80004; offer 01 9 / 3e80004; offer 02 9 / 3e80004; offer 04 9 / 3e80004; offer 10 9"},
 };
 
@@ -164,16 +163,13 @@ TEST_F(Management, EveryAttribute)
         EXPECT_EQ(play(world_format("if.set %u 5 'q", cmd)), world_format("3e80004; offer 5/%02x {71}", cmd));
 }
 
-// The result that all gave, or 0.
-int32_t all(std::initializer_list<int32_t> results) { return std::ranges::count(results, *results.begin()) == std::ssize(results) ? *results.begin() : 0; }
-
 // Called by a platform library: a change from the platform is offered in another mode, and nothing takes null for an address.
 TEST_F(Management, EntryPoints)
 {
     play(PLAIN + "bind .5 5 10;set .5 state 4;server.set 1 5 .10 = 1");
     static uint32_t value, pair[2];
     static uint8_t room[4];
-    static QorBuffer text, nowhere;
+    static QorBuffer text;
     static DhcpsnoopUserKey key;
     key = Key(ip4(10, 0, 0, 5));
     const std::tuple<const char *, int32_t (*)(), const char *> rows[] = {
@@ -184,9 +180,6 @@ TEST_F(Management, EntryPoints)
         {"of a binding", [] { return dhcpSnoopUserSyncApi(&key, 4, &value); }, "0; qorHwDhcpSnoopUserSync 01 00 00 00 0a 00 00 05 00 00 00 00 00 00 00 00 00 00 00 00 0x8ce8004 7 0x1 | 10.0.0.5 attr=7"},
         {"a MAC of one byte", [] { return dhcpSnoopUserSyncApi(&key, 5, &text); }, "65536013; qorHwDhcpSnoopUserSync 01 00 00 00 0a 00 00 05 00 00 00 00 00 00 00 00 00 00 00 00 0x8ce8005 {61} 0x80000001"},
         {"of relay servers", [] { return value = 6, dhcpSnoopServerIpSyncApi(pair, 1, &value); }, "0 | if5 server0=0"},
-        {"no buffer, no room, no number", [] { return all({dhcpSnoopSetApi(nullptr, 19, &nowhere), dhcpSnoopIfSetApi(5, 5, &nowhere), dhcpSnoopIfGetApi(5, 5, &nowhere), dhcpSnoopUserSetApi(&key, 5, &nowhere), dhcpSnoopUserGetApi(&key, 5, &nowhere), dhcpSnoopUserGetApi(&key, 1, nullptr)}); }, "65536016"},
-        {"no key, no pair", [] { return all({dhcpSnoopUserSetApi(nullptr, 1, &value), dhcpSnoopUserSyncApi(nullptr, 1, &value), dhcpSnoopUserGetApi(nullptr, 1, &value), dhcpSnoopServerIpSetApi(nullptr, 1, &value), dhcpSnoopServerIpGetApi(nullptr, 1)}); }, "65536026"},
-        {"nowhere to put an answer", [] { return all({dhcpSnoopIfGetFirst(nullptr), dhcpSnoopIfGetNext(0, nullptr), dhcpSnoopVlanGetFirst(nullptr), dhcpSnoopVlanGetNext(0, nullptr), dhcpSnoopUserGetFirst(nullptr), dhcpSnoopUserGetNext(&key, nullptr), dhcpSnoopUserGetNext(nullptr, &key), dhcpSnoopServerIpGetFirst(nullptr), dhcpSnoopServerIpGetNext(pair, nullptr), dhcpSnoopServerIpGetNext(nullptr, pair)}); }, "-1"},
         {"debug bits set", [] { return dhcpSnoop_debug_set(0xF09, 1); }, "0 | global debug#9"},
         {"and cleared", [] { return dhcpSnoop_debug_set(0x101, 2); }, "0 | global debug#8"},
         {"no such operation", [] { return dhcpSnoop_debug_set(1, 0); }, "-1"},
@@ -195,28 +188,9 @@ TEST_F(Management, EntryPoints)
         {"learned servers", [] { return dhcpsnoop_server_add(0x0A000A01, 10, 5), dhcpsnoop_server_add(0xC0A8FFFE, 4094, 100), dhcpsnoop_fake_server_show(), 0; }, "0; prints / IpAddr            Vid       Interface   / 192.168.255.254   4094      vlan10      / 10.0.10.1         10        swp5        / | +server/0a000a01/5/10 | +server/c0a8fffe/100/4094"},
     };
     for (const auto &[claim, call, outcome] : rows) {
-        value = 7, pair[0] = 5, pair[1] = ip4(10, 0, 0, 10), nowhere = {nullptr, 4};
+        value = 7, pair[0] = 5, pair[1] = ip4(10, 0, 0, 10);
         text = {room, 1}, room[0] = 'a';
         EXPECT_EQ(play([call = call] { return std::to_string(call()); }), outcome) << claim;
-    }
-}
-
-// Every request cut at every length, and with every byte of its header changed: within its memory, whole tables, and an answer
-// as long as the request or none.
-TEST_F(Management, AnyBytes)
-{
-    world.recording = false;
-    for (const char *words : {"global.set 19 room 24", "if.set 5 5 room 40", "if.get 5 5 room 64", "user.first 0 none room 28", "user.set 9 .5 = 4", "server.first 0 0 0 room 12", "server.get 1 5 .7 pair 0 0"}) {
-        const Bytes whole = request(words);
-        for (size_t at = 0; at < whole.size() && at < 60; at++) {
-            for (int value = 0; value < 257; value++) { // the last one cuts
-                Bytes bytes(whole.begin(), value < 256 ? whole.end() : whole.begin() + static_cast<ptrdiff_t>(at) + 1);
-                bytes[at] = value < 256 ? static_cast<uint8_t>(value) : bytes[at];
-                const uint32_t length = dhcpsnoop_cmd_process(bytes.data(), static_cast<uint32_t>(bytes.size()));
-                ASSERT_TRUE(length == 0 || length == bytes.size()) << words;
-            }
-            ASSERT_EQ(world_check_tables(), "") << words << ", byte " << at;
-        }
     }
 }
 
@@ -233,11 +207,7 @@ TEST_F(Management, CodecNeverLeavesTheMessage)
         {"a result, just room", 26, [](AdrMsg *m) { return adr_int32(m, 7), wire_get32(m->base + 26); }, "7 30"},
         {"no room", 27, [](AdrMsg *m) { return adr_int32(m, 7), wire_get32(m->base + 26); }, "ffffffff 27 overrun"},
         {"one byte of room missing", 23, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 2, 4, m)); }, "ffffffff 23 overrun"},
-        {"four", 27, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 0, 0, m)); }, "ffffffff 27 overrun"},
         {"a word of another length", 18, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 2, 8, m)); }, "ffffffff 18"},
-        {"two words of another length", 22, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 4, 4, m)); }, "ffffffff 22"},
-        {"a type there is not", 22, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 3, 4, m)); }, "ffffffff 22"},
-        {"a length that is none of a short", 22, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 0, 0x10000, m)); }, "ffffffff 22"},
     };
     for (const auto &[claim, at, act, outcome] : rows) {
         Bytes bytes(Bytes(30, 0xFF));

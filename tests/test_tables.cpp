@@ -106,25 +106,8 @@ TEST_F(Tables, InterfaceByInterface)
     DhcpsnoopIf *ifp = dhcpsnoop_if_lookup(20);
     memset(reinterpret_cast<uint8_t *>(ifp) + sizeof(DhcpsnoopLink), 0xAA, sizeof *ifp - sizeof(DhcpsnoopLink));
     dhcpsnoop_if_delete(ifp);
-    dhcpsnoop_if_delete(nullptr);
     snoop(20);
     EXPECT_EQ(world_state(), before);
-    // Bindings of the interface: the dynamic ones go, static ones are withdrawn, and come back.
-    gDhcpsnoop.ipsgIfGet = ipsgIfGetApi;
-    world.ipsg[10] = {.items = 0x80};
-    make_binding(HOST, MAC_CLIENT, 10, 10);
-    make_binding(HOST + 1, MAC_CLIENT, 20, 10);
-    DhcpsnoopUser *fixed = make_binding(HOST + 2, MAC_CLIENT, 10, 10);
-    fixed->userType = DHCPSNOOP_USER_STATIC;
-    dhcpsnoop_user_update_hw(fixed, 1);
-    world.refuse("qorIfSetApi 10 306", 9);
-    world.clear();
-    EXPECT_EQ(dhcpsnoop_if_disable(dhcpsnoop_if_lookup(10)) + dhcpsnoop_if_disable(nullptr), 0u);
-    EXPECT_EQ(outcome(), "qorIfSetApi 10 306 23, hw -10 .52 80/80 | .51 bound 20/10 | .52 static bound 10/10");
-    world.refuse("qorIfSetApi 10 305", 55, 1);
-    debug(0);
-    EXPECT_EQ(enable(), "55: 20 30 qorIfSetApi 10 305 23 | .51 bound 20/10 | .52 static bound 10/10; ") << "a refused trap undoes it, and is the result";
-    EXPECT_EQ(enable(), "0: 10 20 30 qorIfSetApi 10 305 23, hw +10 .52 80/80 | .51 bound 20/10 | .52 static bound 10/10 hw 80; ");
     // By VLAN: the first in the list, no port even when its VLAN bits match, the low 16 bits of the number.
     for (const uint32_t ifIndex : {10u, 20u, 30u})
         set_flag_field(dhcpsnoop_if_lookup(ifIndex), DHCPSNOOP_IF_VID, 10);
@@ -133,25 +116,6 @@ TEST_F(Tables, InterfaceByInterface)
     EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(11) == nullptr && dhcpsnoop_if_lookup_by_vid(0x100A) == nullptr && dhcpsnoop_if_lookup(11) == nullptr);
 }
 
-TEST_F(Tables, Servers)
-{
-    three_interfaces();
-    const auto heard = [](uint32_t address, uint32_t vid, uint32_t port) {
-        dhcpsnoop_server_add(address, vid, port);
-        return outcome();
-    };
-    check({
-        {"heard; all three are looked up; newest first; Kept: a full list replaces its newest entry", series({heard(1, 10, 3), world_format("%d%d%d%d", dhcpsnoop_server_lookup(1, 10, 3) != nullptr, dhcpsnoop_server_lookup(1, 20, 3) != nullptr, dhcpsnoop_server_lookup(1, 10, 4) != nullptr, dhcpsnoop_server_lookup(2, 10, 3) != nullptr), heard(2, 20, 4), heard(3, 30, 5)}), " | server .1 3/10 / 1000 /  | server .2 4/20 | server .1 3/10 /  | server .3 5/30 | server .1 3/10"},
-    });
-    DhcpsnoopServer *server = dhcpsnoop_server_lookup(3, 30, 5), *other = dhcpsnoop_server_lookup(1, 10, 3);
-    for (DhcpsnoopServer *gone : {static_cast<DhcpsnoopServer *>(nullptr), other, server})
-        dhcpsnoop_server_delete(gone);
-    EXPECT_TRUE(server->serverIp == 0 && server->vid == 0 && server->ifIndex == 0);
-    EXPECT_TRUE(dhcpsnoop_server_alloc() == server && dhcpsnoop_server_alloc() == other && dhcpsnoop_server_alloc() == nullptr) << "nothing free and nothing to replace";
-    EXPECT_EQ(heard(1, 10, 3), "");
-    list_insert_after(&gDhcpsnoop.serverFreeList, server);
-    list_insert_after(&gDhcpsnoop.serverFreeList, other);
-}
 // clang-format on
 
 } // namespace

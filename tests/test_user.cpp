@@ -9,7 +9,6 @@ namespace
 
 using User = Daemon;
 constexpr uint32_t IPSG = 1, DAI = 2;
-constexpr uint8_t DYNAMIC = 1, STATIC = 2, GUARD = 4;
 
 DhcpsnoopIf *port(uint32_t ifIndex = 1) { return dhcpsnoop_if_lookup(ifIndex); }
 
@@ -91,22 +90,6 @@ TEST_F(User, LearnedAndDeletedDirectly)
     Message{}.receive();
     EXPECT_NE(world.texts(Did::Log).at(0).find(", interface " + std::string(63, 'n') + ", vlan 10, "), std::string::npos);
     EXPECT_EQ(world.questions("nmGetIfPartDescr"), Lines{"nmGetIfPartDescr 1 63"});
-    const Key key(HOST + 1);
-    Parsed nobody(Frame{});
-    nobody.info.chaddr = nullptr;
-    EXPECT_EQ(dhcpsnoop_user_add(nullptr, nullptr, nullptr) + dhcpsnoop_user_add(&key, nullptr, nullptr) + dhcpsnoop_user_add(&key, nullptr, &nobody.info), -2);
-    EXPECT_EQ(dhcpsnoop_user_update(nullptr, nullptr, nullptr), nullptr);
-}
-
-TEST_F(User, Keys)
-{
-    DhcpsnoopUserKey a = Key(ip4(10, 0, 0, 1)), b = Key(ip4(1, 0, 0, 10)), six = a; // of one bucket
-    six.ipType = DHCPSNOOP_IPV6;
-    DhcpsnoopUser *users[] = {dhcpsnoop_user_table_add(&a), dhcpsnoop_user_table_add(&b), dhcpsnoop_user_table_add(&six)};
-    EXPECT_TRUE(dhcpsnoop_user_lookup(&a) == users[0] && dhcpsnoop_user_lookup(&b) == users[1] && dhcpsnoop_user_lookup(&six) == users[2] && gDhcpsnoop.userHash[11].next == users[2]) << "the newest stands first in its bucket";
-    six.ipAddr[15] = a.ipAddr[15] = 1;
-    EXPECT_TRUE(dhcpsnoop_user_lookup(&six) == nullptr && dhcpsnoop_user_lookup(&a) == users[0]) << "16 bytes are compared, or 4";
-    EXPECT_TRUE(dhcpsnoop_user_lookup(nullptr) == nullptr && dhcpsnoop_user_table_add(nullptr) == nullptr);
 }
 
 TEST_F(User, Query)
@@ -127,7 +110,6 @@ TEST_F(User, Query)
         {"MAC, VLAN, port; the second binding by its port alone", series({found(0xB0, [](DhcpsnoopUserQuery &q) { q.mac[0] = 9; }), found(0xD0, [](DhcpsnoopUserQuery &q) { q.vid = 20; }), found(0xE0, [](DhcpsnoopUserQuery &q) { q.ifIndex = 9; }), found(0x10, [](DhcpsnoopUserQuery &q) { q.ifIndex = 2; })}), "-1 0"},
         {"nothing there", (prepare(""), found(0, [](DhcpsnoopUserQuery &) {})), "-1 -1"},
     });
-    EXPECT_EQ(dhcpsnoop_user_get(nullptr), -1);
 }
 
 TEST_F(User, MacUsers)
@@ -143,9 +125,6 @@ TEST_F(User, MacUsers)
     EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == again && dhcpsnoop_mac_user_lookup(b.data()) == two);
     dhcpsnoop_mac_user_delete(again);
     EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == one && gDhcpsnoop.userFreeList.next == again && dhcpsnoop_mac_user_lookup(last.data()) == nullptr);
-    first.info.chaddr = nullptr;
-    EXPECT_TRUE(dhcpsnoop_mac_user_lookup(nullptr) == nullptr && dhcpsnoop_mac_user_add(nullptr) == nullptr && dhcpsnoop_mac_user_add(&first.info) == nullptr);
-    dhcpsnoop_mac_user_delete(nullptr);
     // One node for both tables: all of it is zero when it is taken.
     prepare("one-node bound gateway", WORDS);
     dhcpsnoop_user_delete(binding(HOST));
@@ -208,21 +187,15 @@ TEST_F(User, WhoseCheckItems)
     };
     const WorldGuard onPort = {.items = 0x90}, onVlan = {.items = 0xC0}, off = {.enabled = 0, .items = 0x90};
     check({
-        {"the port's; of ARP inspection; the VLAN's when the port is off; the request goes to the port; only 1 is on, and a failing answer is off; a VLAN without interface is not asked", series({whose(IPSG, onPort, onVlan), whose(DAI, onPort, onVlan), whose(IPSG, off, onVlan), whose(DAI, off, onVlan), whose(IPSG, {.enabled = 2, .items = 0x90}, {.items = 0x40}, 0, "ipsgIfGetApi 110 1"), whose(IPSG, off, onVlan, 110)}), "+1 .50 90 80 | 10.0.0.50 hw#80 ipsgFrom=2 ipsg#90 asked 2 0 / +1 .50 90 00 | 10.0.0.50 hw#40 daiFrom=2 dai#90 asked 2 0 / +1 .50 c0 80 | 10.0.0.50 hw#80 ipsgFrom=1 ipsg#c0 asked 3 1 / +1 .50 c0 00 | 10.0.0.50 hw#40 daiFrom=1 dai#c0 asked 3 1 /  asked 2 1 /  asked 1 1"},
+        {"the port's; of ARP inspection; the VLAN's when the port is off; the request goes to the port; only 1 is on, and a failing answer is off; a VLAN without interface is not asked", series({whose(IPSG, onPort, onVlan), whose(DAI, onPort, onVlan), whose(IPSG, off, onVlan), whose(DAI, off, onVlan), whose(IPSG, {.enabled = 2, .items = 0x90}, {.items = 0x40}, 0, "ipsgIfGetApi 110 1"), whose(IPSG, off, onVlan, 110)}), "hw +1 .50 90/80 | 10.0.0.50 hw#80 ipsgFrom=2 ipsg#90 asked 2 0 / hw +1 .50 90/00 | 10.0.0.50 hw#40 daiFrom=2 dai#90 asked 2 0 / hw +1 .50 c0/80 | 10.0.0.50 hw#80 ipsgFrom=1 ipsg#c0 asked 3 1 / hw +1 .50 c0/00 | 10.0.0.50 hw#40 daiFrom=1 dai#c0 asked 3 1 /  asked 2 1 /  asked 1 1"},
     });
     prepare("bound guarded");
     gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
     gDhcpsnoop.daiStarted = 1;
     world.dai[1] = {.items = 0xC0};
     debug(0);
-    const auto trunk = [](uint32_t of, uint32_t member, uint32_t operate) {
-        world.clear();
-        dhcpsnoop_user_process_on_trunk(of, member, operate);
-        return outcome();
-    };
     check({
-        {"IP source guard first; what is installed is not refreshed; a refused withdrawal leaves it installed; the other is withdrawn all the same; once; a refused install leaves it not installed", series({update(1), (world.ipsg[1].items = 0x90, update(1)), (world.refuse("hw delete", 1, 1), update(0)), update(0), update(0), (world.refuse("hw add", 1, 1), update(1))}), "+1 .50 f0 80; +1 .50 c0 40 | 10.0.0.50 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0 /  / -1 .50 f0 80; -1 .50 c0 40 | 10.0.0.50 hw#80 daiFrom=0 dai=0 / -1 .50 f0 80 | 10.0.0.50 hw=0 ipsgFrom=0 ipsg=0 /  / +1 .50 90 80; +1 .50 c0 40 | 10.0.0.50 hw#40 daiFrom=2 dai#c0"},
-        {"a member of another trunk leaves; 0 is every binding; deleted, and withdrawn from both", series({trunk(2, 8, 0), trunk(0, 9, 0), (binding(HOST)->hwFlags = 0xC0, trunk(1, 8, 2))}), " | .50 bound 1/10 hw 40 / hw -9 .50 c0/40 | .50 bound 1/10 hw 40 / hw -8 .0 00/80, hw -8 .50 c0/40, hw -1 .0 00/80, hw -1 .50 c0/40"},
+        {"IP source guard first; what is installed is not refreshed; a refused withdrawal leaves it installed; the other is withdrawn all the same; once; a refused install leaves it not installed", series({update(1), (world.ipsg[1].items = 0x90, update(1)), (world.refuse("hw delete", 1, 1), update(0)), update(0), update(0), (world.refuse("hw add", 1, 1), update(1))}), "hw +1 .50 f0/80; hw +1 .50 c0/40 | 10.0.0.50 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0 /  / hw -1 .50 f0/80; hw -1 .50 c0/40 | 10.0.0.50 hw#80 daiFrom=0 dai=0 / hw -1 .50 f0/80 | 10.0.0.50 hw=0 ipsgFrom=0 ipsg=0 /  / hw +1 .50 90/80; hw +1 .50 c0/40 | 10.0.0.50 hw#40 daiFrom=2 dai#c0"},
     });
 }
 
@@ -243,33 +216,6 @@ TEST_F(User, Events)
     });
 }
 
-TEST_F(User, GroupsOnAnInterface)
-{
-    // .1: dynamic on port 1 in VLAN 10; .2: static there; .3: dynamic on port 2 in VLAN 10; .4: IPv6 on port 1 in VLAN 20;
-    // .5: IP source guard on port 1. Who is withdrawn, and who is left after a deletion.
-    const auto group = [](uint32_t ifIndex, uint32_t ipTypes, uint32_t userTypes) {
-        prepare("vlan-if");
-        const std::tuple<uint8_t, uint8_t, uint32_t, uint16_t> bindings[] = {{1, DYNAMIC, 1, 10}, {1, STATIC, 1, 10}, {1, DYNAMIC, 2, 10}, {2, DYNAMIC, 1, 20}, {1, GUARD, 1, 10}};
-        for (uint8_t n = 1; const auto &[ipType, userType, on, vid] : bindings) {
-            Key key(n);
-            key.ipType = ipType;
-            DhcpsnoopUser *made = make_binding(key, {n++}, on, vid);
-            made->userType = userType;
-            made->hwFlags = 0x80;
-            made->ipsgCheckItems = 0x40;
-        }
-        world.clear();
-        std::string taken;
-        dhcpsnoop_user_process_on_interface(port(ifIndex), ipTypes, userTypes, 0);
-        for (const WorldEntry *entry : world.all(Did::Call))
-            taken += std::to_string(entry->data[0]);
-        dhcpsnoop_user_process_on_interface(port(ifIndex), ipTypes, userTypes, 2);
-        return taken + world_format(", %zu left, ", count_bindings()) + said().substr(13, said().find('.') - 13);
-    };
-    check({
-        {"a port, dynamic IPv4; static IPv4; IP source guard entries only when asked for; a VLAN interface, by VLAN; no interface: all; IPv6; no type at all", series({group(1, 1, 1), group(1, 1, 2), group(1, 3, 7), group(110, 3, 3), group(0, 3, 3), group(0, 2, 3).substr(0, 9), group(0, 0, 3).substr(0, 8)}), "1, 4 left, on interface 1, inet type 1, user type = 1, operate 0 / 2, 4 left, on interface 1, inet type 1, user type = 2, operate 0 / 1245, 1 left, on interface 1, inet type 3, user type = 7, operate 0 / 123, 2 left, on interface 110, inet type 3, user type = 3, operate 0 / 1234, 1 left, on interface 0, inet type 3, user type = 3, operate 0 / 4, 4 left / , 5 left"},
-    });
-}
 // clang-format on
 
 } // namespace

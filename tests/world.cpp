@@ -94,6 +94,11 @@ int32_t guard_answer(const char *who, const std::map<uint32_t, WorldGuard> &guar
     return 0;
 }
 
+int32_t place_answer(const char *who, const uint32_t *where, uint32_t property, const void *answer)
+{
+    return asked(WORLD_LINE("%s %u of %u.%u.%u.%u%s", who, property, where[0], where[1], where[2], where[3], answer == nullptr ? " null" : "")).value_or(0);
+}
+
 const WorldPort *port_of(uint32_t ifIndex)
 {
     const auto found = world.ports.find(ifIndex);
@@ -346,33 +351,12 @@ uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
     return found == world.hwScalars.end() ? 0 : found->second;
 }
 
-int32_t qorHwScalarSync(void *source, uint32_t code, void *data, uint32_t mode)
-{
-    WorldScope scope;
-    return sync(source == nullptr ? "qorHwScalarSync null" : "qorHwScalarSync source", code, data, mode);
-}
-
-int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t mode)
-{
-    WorldScope scope;
-    return sync("qorHwIfSync " + std::to_string(ifIndex), code, value, mode);
-}
-
-int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t mode)
-{
-    WorldScope scope;
-    return sync("qorHwDhcpSnoopUserSync " + call_hex(key, 20), code, value, mode);
-}
-
-int32_t qorHwCardGet(const uint32_t *where, uint32_t property, void *answer)
-{
-    return asked(WORLD_LINE("qorHwCardGet %u of %u.%u.%u.%u%s", property, where[0], where[1], where[2], where[3], answer == nullptr ? " null" : "")).value_or(0);
-}
-
-int32_t qorHwSlotGet(const uint32_t *where, uint32_t property, void *answer)
-{
-    return asked(WORLD_LINE("qorHwSlotGet %u of %u.%u.%u.%u%s", property, where[0], where[1], where[2], where[3], answer == nullptr ? " null" : "")).value_or(0);
-}
+int32_t qorHwScalarSync(void *source, uint32_t code, void *data, uint32_t mode) { return sync(WORLD_LINE("qorHwScalarSync %s", source == nullptr ? "null" : "source"), code, data, mode); }
+int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t mode) { return sync(WORLD_LINE("qorHwIfSync %u", ifIndex), code, value, mode); }
+int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t mode) { return sync(WORLD_LINE("qorHwDhcpSnoopUserSync %s", call_hex(key, 20).c_str()), code, value, mode); }
+int32_t qorHwCardGet(const uint32_t *where, uint32_t property, void *answer) { return place_answer("qorHwCardGet", where, property, answer); }
+int32_t qorHwSlotGet(const uint32_t *where, uint32_t property, void *answer) { return place_answer("qorHwSlotGet", where, property, answer); }
+int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length) { return handed(record, length, WORLD_LINE("qorNetlinkSend %u %u %u", kind, destination, length)); }
 
 void zlog_dispatch_logging(int32_t module, int32_t level, const char *format, ...)
 {
@@ -390,11 +374,6 @@ void NM_DEBUG_OUTPUT(const char *format, ...)
     va_start(arguments, format);
     world.enter({.did = Did::Debug, .text = formatted(format, arguments)});
     va_end(arguments);
-}
-
-int32_t qorNetlinkSend(uint32_t kind, uint32_t destination, const void *record, uint32_t length)
-{
-    return handed(record, length, WORLD_LINE("qorNetlinkSend %u %u %u", kind, destination, length));
 }
 
 int32_t ipsgIfGetApi(uint32_t ifIndex, uint32_t call, void *reply) { return guard_answer("ipsgIfGetApi", world.ipsg, ifIndex, call, reply); }

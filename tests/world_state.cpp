@@ -97,29 +97,26 @@ std::string world_check_tables(bool counts)
     if (!faults.empty())
         return faults;
 
-    uint32_t last = 0;
-    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        if (ifp->ifIndex < last)
-            faults += world_format("ifList: %u after %u\n", ifp->ifIndex, last);
-        last = ifp->ifIndex;
-        uint32_t dynamic = 0;
-        for (DhcpsnoopLink &bucket : gDhcpsnoop.userHash)
-            for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&bucket))
-                if (user->userType == DHCPSNOOP_USER_DYNAMIC && (ifp->isVlanIf == 1 ? user->vid == dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID) : user->ifIndex == ifp->ifIndex))
-                    dynamic++;
-        if (counts && dynamic != ifp->curUser)
-            faults += world_format("interface %u counts %u users of %u\n", ifp->ifIndex, ifp->curUser, dynamic);
-    }
-    const auto sum_of = [](const uint8_t *bytes, size_t size) { return std::accumulate(bytes, bytes + size, 0u); };
+    std::map<uint32_t, uint32_t> onPort, inVlan; // dynamic bindings
+    const auto check_bucket = [&faults](uint32_t bucket, const uint8_t *bytes, size_t size) {
+        if (const uint32_t sum = std::accumulate(bytes, bytes + size, 0u); sum % DHCPSNOOP_BUCKETS != bucket)
+            faults += world_format("an address of bucket %u in bucket %u\n", sum % DHCPSNOOP_BUCKETS, bucket);
+    };
     for (uint32_t i = 0; i < DHCPSNOOP_BUCKETS; i++) {
         for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&gDhcpsnoop.userHash[i])) {
-            const uint32_t sum = sum_of(user->key.ipAddr, user->key.ipType == 1 ? 4 : 16);
-            if (sum % DHCPSNOOP_BUCKETS != i)
-                faults += world_format("userHash: a binding of bucket %u in bucket %u\n", sum % 63, i);
+            check_bucket(i, user->key.ipAddr, user->key.ipType == 1 ? 4 : 16);
+            onPort[user->ifIndex] += user->userType == DHCPSNOOP_USER_DYNAMIC;
+            inVlan[user->vid] += user->userType == DHCPSNOOP_USER_DYNAMIC;
         }
         for (const DhcpsnoopMacUser *user : list_each<DhcpsnoopMacUser>(&gDhcpsnoop.macUserHash[i]))
-            if (sum_of(user->mac, 6) % DHCPSNOOP_BUCKETS != i)
-                faults += world_format("macUserHash: a MAC of bucket %u in bucket %u\n", sum_of(user->mac, 6) % 63, i);
+            check_bucket(i, user->mac, 6);
+    }
+    uint32_t last = 0;
+    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
+        const uint32_t dynamic = ifp->isVlanIf == 1 ? inVlan[dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID)] : onPort[ifp->ifIndex];
+        if (ifp->ifIndex < last || (counts && dynamic != ifp->curUser))
+            faults += world_format("interface %u behind %u counts %u users of %u\n", ifp->ifIndex, last, ifp->curUser, dynamic);
+        last = ifp->ifIndex;
     }
     return faults;
 }

@@ -97,10 +97,10 @@ int __wrap_accept(int, struct sockaddr *, socklen_t *)
 
 int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_t length)
 {
-    if (!is_ours(fd))
-        return __real_setsockopt(fd, level, option, value, length);
-    const std::map<int, const char *> names = {{SO_BROADCAST, "SO_BROADCAST"}, {SO_REUSEADDR, "SO_REUSEADDR"}, {SO_RCVBUF, "SO_RCVBUF"}};
-    return world_called(WORLD_LINE("setsockopt %s %d", level == SOL_SOCKET && names.contains(option) ? names.at(option) : "?", address_as<int>(value, length)));
+    const std::map<int, const char *> names = {{SO_BROADCAST, "SO_BROADCAST"}, {SO_REUSEADDR, "SO_REUSEADDR"}, {SO_RCVBUF, "SO_RCVBUF"}, {SO_RCVLOWAT, "SO_RCVLOWAT"}, {SO_RCVTIMEO, "SO_RCVTIMEO"}, {SO_SNDTIMEO, "SO_SNDTIMEO"}};
+    const auto number = length == sizeof(timeval) ? static_cast<int>(address_as<timeval>(value, length).tv_sec) : address_as<int>(value, length);
+    const int result = world_called(WORLD_LINE("setsockopt %s %d", level == SOL_SOCKET && names.contains(option) ? names.at(option) : "?", number));
+    return is_ours(fd) ? result : __real_setsockopt(fd, level, option, value, length);
 }
 
 int __wrap_ioctl(int, unsigned long request, ...)
