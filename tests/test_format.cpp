@@ -7,17 +7,6 @@ namespace
 
 using namespace std::string_literals;
 
-// A frame with tags 10 and 20 on member port 7, attributed to VLAN interface 110.
-void set_up()
-{
-    world.reset();
-    WorldPort &port = world.access(7, 10);
-    port.number = 70;
-    port.location = {101, 102, 103, 104, 105, 106, 107};
-    world.vlan_interface(110, 10).number = 1100;
-    snoop(110);
-}
-
 // Expansion of exactly these bytes; behind them stands what must not be read, behind the output what must not be written.
 std::string expand(const std::string &text, uint32_t room = 768, bool interface = true)
 {
@@ -48,7 +37,13 @@ using Format = Daemon;
 
 TEST_F(Format, Expansion)
 {
-    set_up();
+    // A frame with tags 10 and 20 on member port 7, attributed to VLAN interface 110.
+    world.reset();
+    WorldPort &port = world.access(7, 10);
+    port.number = 70;
+    port.location = {101, 102, 103, 104, 105, 106, 107};
+    world.vlan_interface(110, 10).number = 1100;
+    snoop(110);
     check({
         {"%D %e", expand("%D %e"), "switch-1 model 24"},
         {"the receiving port's", expand("%N"), "swp7"},
@@ -85,8 +80,8 @@ TEST_F(Format, Expansion)
     expand("%D%1%d%%%Q"); // every letter asks for the location
     EXPECT_EQ(world.questions("qorIndexTrans"), Lines(3, "qorIndexTrans 7 6"));
     EXPECT_EQ(expand("%d%i%y", 768, false), many(6, '\0') + "070") << "without an interface";
-    world.ports[7].number = 0xFFFFFFFF;
-    world.ports[7].location = {0, 0x80000000, 0x7FFFFFFF};
+    port.number = 0xFFFFFFFF;
+    port.location = {0, 0x80000000, 0x7FFFFFFF};
     EXPECT_EQ(expand("%y %S %r"), "-1 -2147483648 2147483647");
     // A text that is not answered is the whole zeroed buffer; one buffer does not shine through another.
     world.scalarTexts = {{66, "name"}};
