@@ -11,6 +11,7 @@ std::string recorded(const Bytes &frame, const Arrival &arrival = {})
     world.clear();
     const Parsed parsed(frame, arrival);
     const DhcpsnoopPktInfo &info = parsed.info;
+    EXPECT_TRUE(parsed.result == 0 || parsed.result == -1);
     std::string text = parsed.result == 0 ? "" : "refused ";
     for (const auto &[name, number] : {std::pair("type", info.msgType), {"server", info.serverId}, {"lease", info.leaseTime}, {"router", info.router}, {"tag", info.opt60Sub1}})
         text += number != 0 && parsed.result == 0 ? world_format("%s %x ", name, number) : "";

@@ -40,6 +40,7 @@ const Row ROWS[] = {
     {"on a VLAN interface, trusted or not", "trusted-vlan-if bound", {.type = ACK, .arrival = Arrival{.port = 9, .inIf = 110}}, " | .50 bound 1/10", "Vlan interface do not process the DHCP Reply message!"},
     // learning
     {"a server is learned", "learning", {.type = OFFER}, "1 298 | server .1 2/10"},
+    {"once only", THEN, {.type = OFFER}, "1 298 | server .1 2/10"},
     {"another value is not on", "learning-2", {.type = OFFER}, "1 298"},
     {"no server id", "learning", {.type = OFFER, .server = 0}, "1 292"},
     {"a server behind an untrusted port is learned too", "learning port3", {.type = ACK, .arrival = Arrival{.port = 3}}, " | server .1 3/10 | 3 drops untrusted 1"},
