@@ -62,8 +62,6 @@ static size_t nodes(std::span<DhcpsnoopLink> heads)
 
 size_t count_bindings() { return nodes(gDhcpsnoop.userHash); }
 
-size_t count_waiting() { return nodes(gDhcpsnoop.macUserHash); }
-
 DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
 {
     const auto type_at = [&frame](size_t at) { return at + 2 <= frame.size() ? static_cast<uint16_t>(frame[at] << 8 | frame[at + 1]) : uint16_t{0}; };
@@ -253,7 +251,8 @@ std::string outcome()
         if (!text.empty())
             done.push_back(text);
     std::string text = joined(done) + held();
-    text += count_waiting() == 0 ? "" : world_format(" | waits %zu", count_waiting());
+    const size_t waiting = nodes(gDhcpsnoop.macUserHash);
+    text += waiting == 0 ? "" : world_format(" | waits %zu", waiting);
     for (const auto *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
         text += world_format(" | server .%u %u/%u", server->serverIp & 0xFF, server->ifIndex, server->vid);
     for (const auto *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {

@@ -82,7 +82,6 @@ DhcpsnoopUser *binding(const Key &key); // null when there is none
 // A dynamic binding made directly in the table, and counted.
 DhcpsnoopUser *make_binding(const Key &key, const Mac &mac, uint32_t ifIndex, uint16_t vid);
 size_t count_bindings();
-size_t count_waiting(); // MAC users
 
 // How a frame came in: what the packet information says of it.
 struct Arrival {
