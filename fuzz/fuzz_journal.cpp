@@ -22,7 +22,7 @@ using Records = std::vector<UnitRecord>;
 Records read_journal(const Bytes &bytes, size_t piece)
 {
     Records records;
-    JournalReader reader(NOW, [&records](const JournalRecord &read) { records.push_back(read.record); });
+    JournalReader reader([&records](const JournalRecord &read) { records.push_back(read.record); });
     for (size_t at = 0; at < bytes.size(); at += piece)
         reader.feed({&bytes[at], std::min(piece, bytes.size() - at)});
     reader.finish();

@@ -4,6 +4,7 @@ import glob
 import os
 import random
 import signal
+import subprocess
 import time
 import unittest
 
@@ -14,6 +15,32 @@ from units import PEERS, Pair, Traffic
 
 SETTINGS = ("interface swp1 snooping on", "interface swp2 snooping on", "interface swp2 trust on", "interface swp1 max-users 1000")
 JOURNAL = f"{RUN}/journal"
+
+# The wall clock of a process, so many seconds ahead as the file says.
+SET_CLOCK = """
+#include <stdio.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+int clock_gettime(clockid_t which, struct timespec *out)
+{
+    long ahead = 0;
+    FILE *file = which == CLOCK_REALTIME ? fopen(CLOCK, "r") : NULL;
+    if (file && fscanf(file, "%ld", &ahead) && !fclose(file))
+        ;
+    const long result = syscall(SYS_clock_gettime, which, out);
+    out->tv_sec += ahead;
+    return (int)result;
+}
+
+time_t time(time_t *out)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return out ? (*out = now.tv_sec) : now.tv_sec;
+}
+"""
 
 
 class Redundancy(unittest.TestCase):
@@ -163,6 +190,47 @@ class Redundancy(unittest.TestCase):
             self.assert_complete(self.left, killed)
             self.left.ctl("guard interface swp1 ip mac port")
             self.assert_enforced(self.left)
+
+    def test_clock_set(self):
+        """The wall clock is set while the daemon runs, while it does not, and behind the journal when the machine has started.
+        Each lease keeps its age; by a clock that is behind the journal they wait."""
+        clock, library = f"{RUN}/clock", f"{RUN}/clock.so"
+        subprocess.run(["cc", "-shared", "-fPIC", f'-DCLOCK="{clock}"', "-o", library, "-x", "c", "-"], input=SET_CLOCK, text=True, check=True)
+        self.left.environment |= {"LD_PRELOAD": library, "ASAN_OPTIONS": "verify_asan_link_order=0"}
+
+        def set_clock(days):
+            with open(f"{clock}.new", "w") as new:
+                new.write(str(days * 86400))
+            os.rename(f"{clock}.new", clock)
+
+        def assert_ages():
+            def left():
+                return [b["left"] for b in self.left.show("bindings") if b["state"] == "bound"]
+            wait_for("20 leases of an hour", lambda: len(left()) == 20 and all(3400 < seconds <= 3600 for seconds in left()))
+
+        set_clock(0)
+        self.left.prepare("none", JOURNAL)
+        self.left.start(*SETTINGS)
+        self.left.ctl("guard interface swp1 ip mac port")
+        self.traffic.run(*self.left.ends, 20)
+        for days in (400, -400, -20000, 0):
+            set_clock(days)
+            assert_ages()
+            self.assert_enforced(self.left)
+        for days, boot in ((400, None), (400, "one"), (-20000, "two")):
+            time.sleep(1)  # the records are written
+            self.left.daemon.kill()
+            set_clock(days)
+            if boot:
+                with open(f"{RUN}/{boot}", "w") as identity:
+                    identity.write(boot)
+                self.left.run("mount", "--bind", f"{RUN}/{boot}", "/proc/sys/kernel/random/boot_id")
+            self.left.start(*SETTINGS)
+            if days < 0:
+                wait_for("waiting leases", lambda: [b["state"] for b in self.left.show("bindings")] == ["waiting"] * 20)
+                set_clock(400)
+            assert_ages()
+        self.assertIn("20 leases are back, 0 ran out", self.left.daemon.log())
 
     def test_away(self):
         """A binding whose port goes waits for it, and is in force again on the same port only. Learned ones go with a port that

@@ -138,7 +138,7 @@ struct World {
     {
         size_t right = 0;
         std::string frames;
-        JournalReader reader(1500, [&](const JournalRecord &read) { right += read.record == record_of(hex_bytes(RECORD)) && read.identity == 0x20000000209 && read.written.wall == 1500 && read.written.boot == 7; });
+        JournalReader reader([&](const JournalRecord &read) { right += read.record == record_of(hex_bytes(RECORD)) && read.identity == 0x20000000209 && read.written.wall == 1500 && read.written.boot == 7; });
         PeerFrameReader stream;
         for (size_t at = 0; at < bytes.size(); at += piece) {
             std::span<const uint8_t> rest(&bytes[at], std::min(piece, bytes.size() - at));
@@ -161,6 +161,11 @@ struct World {
         for (const size_t piece : {1u, 7u, 8u, 13u, 91u})
             EXPECT_EQ(read(asStream, piece), read(asStream, 1 << 16)) << "in pieces of " << piece;
         return read(asStream, 1 << 16);
+    }
+
+    std::string held() const
+    {
+        return text(table.held().size(), " held", table.held().size() == 1 ? text(" from ", table.held().begin()->second.record.leaseStart) : "");
     }
 
     std::string size() const
@@ -202,6 +207,7 @@ const std::map<std::string, void (*)(World &, N)> DOES = {
     {"fill-up", [](World &w, N n) { for (long i = 0; !w.journal->has_failed() && i < n[0]; i++) w.apply(i % 100, true, {}, i), w.journal->write(w.table, NOW, true); }},
     {"lost", [](World &w, N) { w.copy.lost(); }},
     {"forget", [](World &w, N) { w.copy.forget(); }},
+    {"accept", [](World &w, N n) { w.table.clock_accept(static_cast<uint32_t>(n[0])); }},
 };
 const std::map<std::string, std::string (*)(World &, N)> TELLS = {
     {"own", [](World &w, N) { return w.own(); }},
@@ -220,7 +226,9 @@ const std::map<std::string, std::string (*)(World &, N)> TELLS = {
     {"copied", [](World &w, N n) { return gone(w.table.copy_end(n[0] != 0)); }},
     {"expire", [](World &w, N n) { return gone(w.table.expire_parked(static_cast<uint32_t>(n[0]))); }},
     {"give-up", [](World &w, N n) { const auto held = w.table.give_up(static_cast<uint32_t>(n[0]), 500); return text(held.size(), " given up, ", w.table.waiting({}, 9).size(), " wait"); }},
-    {"held", [](World &w, N) { return text(w.table.held().size(), " held", w.table.held().size() == 1 ? text(" from ", w.table.held().begin()->second.record.leaseStart) : ""); }},
+    {"restart", [](World &w, N n) { w.table = {}; Journal journal; std::string error; journal.open(w.path, {static_cast<uint32_t>(n[0]), static_cast<uint32_t>(n[1]), static_cast<uint32_t>(n[2])}, w.table, error); return w.held() + text(", newest ", journal.newest()); }},
+    {"set-ahead", [](World &w, N n) { return gone(w.table.clock_set(static_cast<int32_t>(n[0]))); }},
+    {"held", [](World &w, N) { return w.held(); }},
     {"push", [](World &w, N n) { return yes(w.queue.push(std::vector<Change>(static_cast<size_t>(n[0])))); }},
     {"take", [](World &w, N) { return taken(w.queue.take()); }},
     {"ask", [](World &w, N n) { return yes(w.copy.ask(n[0])); }},
@@ -266,7 +274,9 @@ TEST(Redundancy, PlaysItsRows)
         {"no such type, operation, IP version or type of binding; an IP source guard binding", RECORD + "; set 0 3; own; set 0 0; own; " + RECORD + "; set 1 2; own; " + RECORD + "; set 2 3; own; set 2 0; own; " + RECORD + "; set 3 0; own; set 3 4; own", "none / none / none / none / none / none / none"},
         {"an IPv4 address of 5 bytes, of 16; an IPv6 server", RECORD + "; set 8 1; own; " + RECORD + "; set 19 1; own; " + RECORD + "; set 0 2; set 2 2; own", "none / none / none"},
         {"a port's name with a slash, a blank, a line end, a high byte; with bytes behind its end; without an end", RECORD + "; set 22 47; own; set 22 32; own; set 22 10; own; set 22 127; own; " + RECORD + "; set 30 120; own; fill 20 16 120; own", "none / none / none / none / none / none"},
-        {"the journal's clock went on; it was set back before the record was made", RECORD + "; start 2500; start 1500; start 1499; start 1400", "1000 / 1000 / 999 / 900"},
+        {"a lease of this start of the machine has its age, however the clock was set; one of an earlier start has its clock", SLOT + "; file; restart 9000 600 7; restart 1500 600 7; restart 1400 600 8; restart 2000 600 8", "1 held from 8400, newest 0 / 1 held from 900, newest 0 / 1 held from 1000, newest 1500 / 1 held from 1000, newest 1500"},
+        {"leases keep their age when the clock is set; of an earlier start's it is accepted once", "add 1; set-ahead 1000; held; set-ahead -1500; held; accept 100; held; static; add 1; set-ahead 50; held", "gone +1 / 1 held from 2000 / gone +1 / 1 held from 500 / 1 held from 500 / gone / 1 held from 1000"},
+        {"a clock that is behind stands where the machine went down", SLOT + "; file; restart 1400 600 8; set-ahead 1000; held; accept 100; held; set-ahead 1000; held", "1 held from 1000, newest 1500 / gone / 1 held from 1000 / 1 held from 900 / gone / 1 held from 1900"},
         {"the peer's clock is far ahead; behind", RECORD + "; peers 100; peers 9000", "-400 / 8500"},
         {"a start long after the record was written", RECORD + "; set 46 255; peers 9000", "9000"},
         {"a lease ends; not when the clock was set back", RECORD + "; ended 4599; ended 4600; ended 900", "no / yes / no"},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -42,24 +43,25 @@ uint32_t checksum(const uint8_t *slot)
 void slot_append(std::vector<uint8_t> &bytes, const UnitRecord &record, const UnitPlace &place,
                  const Moment &now)
 {
+    const Moment written = place.earlierClock != 0 ? Moment{place.earlierClock, 0, 0} : now;
     std::array<uint8_t, JOURNAL_SLOT> slot{};
     std::ranges::copy(MARK, slot.begin());
-    std::ranges::copy(unit_encode(record, now.wall), slot.begin() + OFFSET_RECORD);
+    std::ranges::copy(unit_encode(record, written.wall), slot.begin() + OFFSET_RECORD);
     wire_put32(&slot[OFFSET_IDENTITY], static_cast<uint32_t>(place.identity >> 32));
     wire_put32(&slot[OFFSET_IDENTITY + 4], static_cast<uint32_t>(place.identity));
     wire_put32(&slot[OFFSET_AWAY_SINCE], place.awaySince);
-    wire_put32(&slot[OFFSET_BOOT], now.boot);
-    wire_put32(&slot[OFFSET_SINCE_BOOT], now.sinceBoot);
+    wire_put32(&slot[OFFSET_BOOT], written.boot);
+    wire_put32(&slot[OFFSET_SINCE_BOOT], written.sinceBoot);
     wire_put32(&slot[OFFSET_CRC], checksum(slot.data()));
     bytes.insert(bytes.end(), slot.begin(), slot.end());
 }
 
-std::optional<JournalRecord> slot_read(const uint8_t *slot, uint32_t now)
+std::optional<JournalRecord> slot_read(const uint8_t *slot)
 {
     if (memcmp(slot, MARK.data(), MARK.size()) != 0 || wire_get32(slot + OFFSET_CRC) != checksum(slot))
         return {};
     const std::span<const uint8_t, UNIT_RECORD_LEN> bytes(slot + OFFSET_RECORD, UNIT_RECORD_LEN);
-    const auto record = unit_decode(bytes, now, UnitClock::own);
+    const auto record = unit_decode(bytes, 0, UnitClock::own);
     if (!record)
         return {};
     const uint64_t high = wire_get32(slot + OFFSET_IDENTITY), low = wire_get32(slot + OFFSET_IDENTITY + 4);
@@ -106,7 +108,7 @@ void JournalReader::feed(std::span<const uint8_t> piece)
     rest_.insert(rest_.end(), piece.begin(), piece.end());
     size_t at = 0;
     while (rest_.size() - at >= JOURNAL_SLOT) {
-        if (const auto record = slot_read(&rest_[at], now_)) {
+        if (const auto record = slot_read(&rest_[at])) {
             gap_end();
             records_++;
             take_(*record);
@@ -165,11 +167,32 @@ bool Journal::lock(std::string &error)
     return true;
 }
 
+// Since a record of this start of the machine the time is known, however the clock was set. Else the clock is
+// all there is.
+UnitPlace Journal::adopt(JournalRecord &read, const Moment &now)
+{
+    UnitRecord &record = read.record;
+    const bool ends = record.add && !record.never_ends();
+    const bool isAhead = ends && static_cast<int32_t>(record.leaseStart - read.written.wall) > 0;
+    UnitPlace place = {UnitPlace::At::parked, 0, read.identity, read.awaySince, 0};
+    if (read.written.boot != now.boot || now.boot == 0 || isAhead) {
+        place.earlierClock = std::max(read.written.wall, 1u);
+        newest_ = std::max({newest_, read.written.wall, isAhead ? record.leaseStart : 0});
+        return place;
+    }
+    const uint32_t set = (now.wall - now.sinceBoot) - (read.written.wall - read.written.sinceBoot);
+    renew_ = renew_ || std::abs(static_cast<int32_t>(set)) > 1; // the next start of the machine cannot tell
+    record.leaseStart += ends ? set : 0;
+    place.awaySince += place.awaySince != 0 ? set : 0;
+    return place;
+}
+
 bool Journal::read(const Moment &now, UnitTable &table, std::string &error)
 {
     Fd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    JournalReader reader(now.wall, [&table](const JournalRecord &read) {
-        table.apply(read.record, {UnitPlace::At::parked, 0, read.identity, read.awaySince});
+    JournalReader reader([&](JournalRecord read) {
+        const UnitPlace place = adopt(read, now); // which changes the record
+        table.apply(read.record, place);
     });
     std::vector<uint8_t> piece(READ_PIECE);
     ssize_t got = -1;
@@ -245,6 +268,7 @@ bool Journal::rewrite(const UnitTable &table, const Moment &now)
     size_ = bytes.size();
     records_ = table.held().size();
     rewritten_ = now.wall;
+    renew_ = false;
     buffer_.clear(); // its records are in the table
     dirty_ = false;
     return true;
@@ -300,7 +324,7 @@ void Journal::write(const UnitTable &table, const Moment &now, bool sync)
     if (!file_)
         return;
     const bool overgrown = size_ > SLACK && size_ > 2 * table.held().size() * JOURNAL_SLOT;
-    if (failed_ || overgrown || buffer_.size() >= BUFFER_MAX) {
+    if (failed_ || renew_ || overgrown || buffer_.size() >= BUFFER_MAX) {
         if (!rewrite(table, now)) {
             failure("cannot be written anew");
             buffer_.clear();

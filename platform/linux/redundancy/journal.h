@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "clock.h"
 #include "fd.h"
+#include "lease_clock.h"
 #include "unit_table.h"
 
 namespace platform_linux
@@ -30,7 +30,7 @@ class JournalReader
 {
   public:
     using Take = std::function<void(const JournalRecord &)>;
-    JournalReader(uint32_t now, Take take) : now_(now), take_(std::move(take)) {}
+    explicit JournalReader(Take take) : take_(std::move(take)) {}
 
     void feed(std::span<const uint8_t> piece);
     void finish(); // after the last piece
@@ -41,7 +41,6 @@ class JournalReader
   private:
     void gap_end();
 
-    uint32_t now_;
     Take take_;
     std::vector<uint8_t> rest_; // less than a slot between two pieces
     uint64_t gap_ = 0;
@@ -63,15 +62,21 @@ class Journal
 
     const std::string &path() const { return path_; }
     bool is_open() const { return static_cast<bool>(file_); }
-    bool is_dirty() const { return dirty_ || !buffer_.empty(); } // not on the disk yet
+    bool is_dirty() const { return dirty_ || renew_ || !buffer_.empty(); } // not on the disk yet
     bool has_failed() const { return failed_; }
     uint64_t size() const { return size_; }
     uint64_t records() const { return records_; }
     uint64_t damaged() const { return damaged_; }
     uint32_t rewritten() const { return rewritten_; } // when, in seconds of the clock
+    // The newest time that open found in records of earlier starts of the machine; 0 = none.
+    uint32_t newest() const { return newest_; }
+
+    // The next write writes the file anew: its leases go by another clock.
+    void renew() { renew_ = true; }
 
   private:
     bool lock(std::string &error);
+    UnitPlace adopt(JournalRecord &read, const Moment &now);
     bool read(const Moment &now, UnitTable &table, std::string &error);
     void repair(const Moment &now, const UnitTable &table);
     bool flush();
@@ -86,7 +91,8 @@ class Journal
     bool dirty_ = false, failed_ = false;
     bool restarting_ = false; // the file was emptied and is not whole yet
     uint64_t size_ = 0, records_ = 0, damaged_ = 0;
-    uint32_t rewritten_ = 0;
+    uint32_t rewritten_ = 0, newest_ = 0;
+    bool renew_ = false;
 };
 
 } // namespace platform_linux

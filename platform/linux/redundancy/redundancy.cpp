@@ -135,11 +135,27 @@ bool redundancy_start()
     return true;
 }
 
-DhcpsnoopRole redundancy_role() { return shared != nullptr ? shared->daemonRole.load() : model_role(); }
+// The wall clock was set, and the daemon goes by what it was. A change of role that is under way ends first.
+static bool clock_is_wrong()
+{
+    return shared != nullptr && shared->enforcement == Enforcement::normal && shared->clock.set_ahead() != 0;
+}
+
+// The daemon's lease scan asks for the role before it reads the clock, and a standby does not scan.
+DhcpsnoopRole redundancy_role()
+{
+    if (shared == nullptr)
+        return model_role();
+    if (!clock_is_wrong())
+        return shared->daemonRole;
+    if (!shared->clockSeen.exchange(true))
+        shared->wake();
+    return DHCPSNOOP_ROLE_SLAVE;
+}
 
 int32_t redundancy_sync(const QorBuffer &packet)
 {
-    if (shared == nullptr || !shared->recording)
+    if (shared == nullptr)
         return ENOTCONN;
     const auto *bytes = static_cast<const uint8_t *>(packet.data);
     std::array<Change, 32> changes; // a full copy's packet has fewer
@@ -175,7 +191,7 @@ int32_t redundancy_sync(const QorBuffer &packet)
 
 void redundancy_binding_changed()
 {
-    if (shared == nullptr || !shared->recording)
+    if (shared == nullptr)
         return;
     shared->bindingChanged = true;
     shared->wake();
@@ -208,7 +224,8 @@ bool redundancy_takeover_ends()
 
 bool redundancy_role_changes()
 {
-    return reinstalling || (shared != nullptr && shared->enforcement != Enforcement::normal);
+    return reinstalling || clock_is_wrong() ||
+           (shared != nullptr && shared->enforcement != Enforcement::normal);
 }
 
 void redundancy_event_socket(int sock)

@@ -18,7 +18,7 @@ bool redundancy_start();
 // The daemon's role now. That of the configuration while the thread does not run.
 DhcpsnoopRole redundancy_role();
 
-// Takes a packet of the daemon's records. 0, or ENOTCONN when neither peer nor journal is configured.
+// Takes a packet of the daemon's records. 0, or ENOTCONN while the thread does not run.
 int32_t redundancy_sync(const QorBuffer &packet);
 
 // Management changed a binding. The daemon makes no record of it, so a full copy follows.

@@ -24,7 +24,7 @@ std::optional<DhcpsnoopRole> role_of(const std::string &text)
 
 std::string UnitThread::status() const
 {
-    const uint32_t now = wall_clock();
+    const uint32_t now = this->now().wall;
     std::string text;
     const auto line = [&text](const char *name, const std::string &value) {
         text += std::string(name) + " " + value + "\n";

@@ -64,7 +64,7 @@ void UnitThread::peer_record(const PeerFrame &frame)
 {
     if (role_ != DHCPSNOOP_ROLE_SLAVE)
         return;
-    auto record = unit_decode(frame.payload, wall_clock(), UnitClock::peers);
+    auto record = unit_decode(frame.payload, now().wall, UnitClock::peers);
     peerCopyRecords_++;
     if (!record) {
         dropped_++;

@@ -57,7 +57,7 @@ UnitPlace UnitThread::place_of_daemons(const Change &change)
         return {UnitPlace::At::port, change.ifIndex, change.identity, 0};
     const UnitTable::Held *held = table_.find(change.record);
     const uint32_t since = held != nullptr ? held->place.awaySince : 0;
-    return {UnitPlace::At::deadEnd, change.ifIndex, change.identity, since != 0 ? since : wall_clock()};
+    return {UnitPlace::At::deadEnd, change.ifIndex, change.identity, since != 0 ? since : now().wall};
 }
 
 // Two machines' ports have nothing in common but the name.
@@ -67,12 +67,14 @@ UnitPlace UnitThread::place_of_peers(const UnitRecord &record)
         return {UnitPlace::At::port, there->ifIndex, there->identity, 0};
     const UnitTable::Held *held = table_.find(record);
     const uint32_t since = held != nullptr ? held->place.awaySince : 0;
-    return {UnitPlace::At::parked, 0, 0, since != 0 ? since : wall_clock()};
+    return {UnitPlace::At::parked, 0, 0, since != 0 ? since : now().wall};
 }
 
 // True when the journal is to have the change.
 bool UnitThread::look_for_port(UnitTable::Held &held, uint32_t now)
 {
+    if (awaits_clock(held))
+        return false;
     const UnitPlace before = held.place;
     UnitPlace &place = held.place;
     const UnitPort *there = port(held.record);
@@ -100,7 +102,7 @@ void UnitThread::look_for_ports()
         const std::scoped_lock lock(shared_.portsMutex);
         ports_ = shared_.ports;
     }
-    const uint32_t now = wall_clock();
+    const uint32_t now = this->now().wall;
     bool left = false;
     for (auto &[key, held] : table_.held()) {
         const bool was = !held.place.waits();
@@ -116,11 +118,16 @@ void UnitThread::look_for_ports()
 // Waiting comes to an end with the lease, or after a long time.
 void UnitThread::forget_waiting()
 {
-    const uint32_t now = wall_clock();
+    const uint32_t now = this->now().wall;
     for (const UnitRecord &record : table_.expire_parked(now))
         note(record);
     if (role_ == DHCPSNOOP_ROLE_SLAVE) // the peer has them, and would send them again
         return;
+    // A start before 1970 is after 2100 to the daemon, by a clock that nobody set.
+    for (const auto &[key, held] : table_.held())
+        if (held.place.at != UnitPlace::At::parked && held.record.expired(now) &&
+            held.record.leaseStart > now)
+            daemon_.ask(act_on(held.record, USER_ACTION_DELETE), [] {});
     std::vector<UnitTable::Held> gone = table_.give_up(now, AWAY_MAX);
     std::string names;
     for (UnitTable::Held &held : gone) {
@@ -142,7 +149,7 @@ void UnitThread::forget_waiting()
 // A line for each behind the address `from`, as many as find room; "end" behind the last.
 std::string UnitThread::waiting(const std::string &from) const
 {
-    const uint32_t now = wall_clock();
+    const uint32_t now = this->now().wall;
     std::ostringstream lines;
     const std::vector<const UnitTable::Held *> found = table_.waiting(key_of(from), WAITING_MAX);
     for (const UnitTable::Held *held : found) {

@@ -132,9 +132,8 @@ std::optional<UnitRecord> unit_decode(std::span<const uint8_t, UNIT_RECORD_LEN> 
     if (in[OFFSET_ADD] > 1 || !is_valid(record))
         return {};
 
-    const uint32_t written = unit_clock(bytes);
-    if (clock == UnitClock::peers || static_cast<int32_t>(now - written) < 0)
-        record.leaseStart = now - age_at(written, record.leaseStart);
+    if (clock == UnitClock::peers)
+        record.leaseStart = now - age_at(unit_clock(bytes), record.leaseStart);
     return record;
 }
 

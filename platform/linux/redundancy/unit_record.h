@@ -29,12 +29,13 @@ struct UnitRecord {
     bool operator==(const UnitRecord &) const = default;
     bool never_ends() const
     {
-        return userType != DHCPSNOOP_USER_DYNAMIC || leaseTime == DHCPSNOOP_LEASE_FOREVER;
+        return type != SYNC_USER || userType != DHCPSNOOP_USER_DYNAMIC ||
+               leaseTime == DHCPSNOOP_LEASE_FOREVER;
     }
     // A dynamic binding whose time is over.
     bool expired(uint32_t now) const
     {
-        return type == SYNC_USER && add && !never_ends() && static_cast<int32_t>(now - leaseStart) >= 0 &&
+        return add && !never_ends() && static_cast<int32_t>(now - leaseStart) >= 0 &&
                now - leaseStart >= leaseTime;
     }
 };
@@ -53,7 +54,7 @@ UnitBytes unit_encode(const UnitRecord &record, uint32_t now);
 uint32_t unit_clock(std::span<const uint8_t, UNIT_RECORD_LEN> bytes);
 
 enum class UnitClock : uint8_t {
-    own,   // the journal's: time went on since, unless the clock was set back behind the record
+    own,   // the journal's: a lease has the start that it had there
     peers, // the other unit's, which may be wrong: a lease has the age that it had there
 };
 

@@ -82,8 +82,7 @@ void UnitThread::take_over(DhcpsnoopRole target)
     const bool empty = fresh_ && !replayed_;
     shared_.enforcement = empty ? Enforcement::normal : Enforcement::refuseAdds;
     shared_.daemonRole = target;
-    if (shared_.recording)
-        copy_.want();
+    copy_.want();
     if (empty)
         return;
     step_ = Step::clear;
@@ -107,7 +106,7 @@ void UnitThread::install()
     }
     daemon_.ask(ON, [this] {
         step_ = Step::none;
-        shared_.installed = true;
+        shared_.installed = shared_.clock.set_ahead() == 0; // else all are installed once more
         shared_.wake_daemon();
     });
 }

@@ -1,6 +1,7 @@
 #include "unit_table.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace platform_linux
 {
@@ -55,6 +56,37 @@ std::vector<UnitRecord> UnitTable::copy_end(bool parkedToo)
     return deletes_of(forget([this, parkedToo](const Held &held) {
         return (parkedToo || held.place.at != UnitPlace::At::parked) && held.copy != copy_;
     }));
+}
+
+namespace
+{
+void shift(UnitTable::Held &held, uint32_t by)
+{
+    if (!held.record.never_ends())
+        held.record.leaseStart += by;
+    if (held.place.awaySince != 0)
+        held.place.awaySince += by;
+}
+} // namespace
+
+std::vector<UnitRecord> UnitTable::clock_set(int32_t ahead)
+{
+    std::vector<UnitRecord> known;
+    for (auto &[key, held] : held_) {
+        if (held.place.earlierClock != 0)
+            continue;
+        shift(held, static_cast<uint32_t>(ahead));
+        if (!held.record.never_ends() && held.place.at != UnitPlace::At::parked)
+            known.push_back(held.record);
+    }
+    return known;
+}
+
+void UnitTable::clock_accept(uint32_t behind)
+{
+    for (auto &[key, held] : held_)
+        if (std::exchange(held.place.earlierClock, 0) != 0)
+            shift(held, 0 - behind);
 }
 
 std::vector<UnitRecord> UnitTable::expire_parked(uint32_t now)

@@ -29,6 +29,8 @@ struct UnitPlace {
     uint32_t ifIndex = 0;   // the daemon's for its port, of the last time that it had it; 0 = none
     uint64_t identity = 0;  // of its port: it comes back only on the same one; 0 = unknown, so on any
     uint32_t awaySince = 0; // by the wall clock; 0 = its port is there
+    // The lease's start is by the clock of an earlier start of the machine, which read this; 0 = it is not.
+    uint32_t earlierClock = 0;
 
     bool waits() const { return at != At::port; } // for its port
 };
@@ -52,6 +54,13 @@ class UnitTable
     // delete record for it. Parked records only with `parkedToo`: the daemon's own copy never has them.
     void copy_begin() { copy_++; }
     std::vector<UnitRecord> copy_end(bool parkedToo = false);
+
+    // The wall clock was set ahead, or back: the leases that go by it get another start and keep their age.
+    // Gives those that the daemon has.
+    std::vector<UnitRecord> clock_set(int32_t ahead);
+
+    // The clock of earlier starts of the machine is taken for the present one, which is so much behind it.
+    void clock_accept(uint32_t behind);
 
     // A delete record for each parked binding whose lease has ended; forgets them.
     std::vector<UnitRecord> expire_parked(uint32_t now);

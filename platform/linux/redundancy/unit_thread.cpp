@@ -21,6 +21,7 @@ constexpr Ticks GATHER = 10;       // changes that come closely are taken togeth
 constexpr Ticks SYNC_AFTER = 400;  // from a record to its place on the disk, at most
 constexpr Ticks EXPIRE_PERIOD = 60'000;
 constexpr Ticks JOURNAL_RETRY = 10'000;
+constexpr Ticks CLOCK_WAIT = 300'000;
 } // namespace
 
 void UnitShared::wake() const
@@ -60,7 +61,7 @@ bool UnitThread::open_peer(const PeerConf &conf)
 void UnitThread::open_journal(const std::string &path)
 {
     std::string error;
-    if (!journal_.open(path, moment_now(), table_, error))
+    if (!journal_.open(path, now(), table_, error))
         platform_report(LOG_ERR, "bindings are not kept over a restart: %s", error.c_str());
 }
 
@@ -79,8 +80,16 @@ DhcpsnoopRole UnitThread::daemon_role() const
 
 void UnitThread::begin()
 {
-    shared_.recording = true;
-    const std::vector<UnitRecord> over = table_.expire_parked(wall_clock());
+    if (now().wall < journal_.newest()) {
+        clockWait_ = ticks() + CLOCK_WAIT;
+        platform_report(LOG_NOTICE,
+                        "journal: its newest record is %u seconds ahead of the clock: leases wait until the "
+                        "clock is set, 5 minutes at most",
+                        journal_.newest() - now().wall);
+    } else {
+        table_.clock_accept(0);
+    }
+    const std::vector<UnitRecord> over = table_.expire_parked(now().wall);
     for (const UnitRecord &record : over)
         note(record);
     portsVersion_ = shared_.portsVersion;
@@ -107,12 +116,12 @@ void UnitThread::note(const UnitRecord &record)
     if (!journal_.is_open())
         return;
     const UnitTable::Held *held = table_.find(record);
-    journal_.append(record, held != nullptr ? held->place : UnitPlace{}, moment_now());
+    journal_.append(record, held != nullptr ? held->place : UnitPlace{}, now());
 }
 
 void UnitThread::copied(uint32_t records)
 {
-    lastCopy_ = wall_clock();
+    lastCopy_ = now().wall;
     lastCopyCount_ = records;
 }
 
@@ -135,11 +144,14 @@ void UnitThread::take_copy_end(bool complete)
     copied(copyRecords_);
 }
 
-void UnitThread::take_record(const Change &change)
+void UnitThread::take_record(Change change)
 {
+    if (lost_by_clock(change.record))
+        return;
+    correct_start(change.record);
     if (table_.apply(change.record, place_of_daemons(change)))
         note(change.record);
-    send_record(unit_encode(change.record, wall_clock()));
+    send_record(unit_encode(change.record, now().wall));
     copyRecords_++;
 }
 
@@ -183,8 +195,7 @@ void UnitThread::ask_for_copy(Ticks now)
     if (shared_.bindingChanged.exchange(false) ||
         (copy_.is_idle() && peerBehind_ && link_ && link_->is_idle()))
         copy_.want();
-    if (shared_.daemonRole != DHCPSNOOP_ROLE_MASTER || !shared_.recording || step_ != Step::none ||
-        shared_.eventSocket < 0)
+    if (shared_.daemonRole != DHCPSNOOP_ROLE_MASTER || step_ != Step::none || shared_.eventSocket < 0)
         return;
     const bool asks = copy_.ask(now);
     if (asks)
@@ -208,7 +219,7 @@ void UnitThread::write_journal(Ticks now)
     if (dirtySince_ == NEVER || journal_.has_failed())
         dirtySince_ = now;
     const bool sync = now - dirtySince_ >= SYNC_AFTER;
-    journal_.write(table_, moment_now(), sync);
+    journal_.write(table_, this->now(), sync);
     if (sync || journal_.has_failed())
         dirtySince_ = journal_.has_failed() ? now : NEVER;
 }
@@ -222,6 +233,7 @@ void UnitThread::turn()
     drain(now);
     if (std::exchange(portsVersion_, version) != version)
         look_for_ports();
+    look_at_clock(now);
     advance();
     ask_for_copy(now);
     if (now >= expireAt_) {
@@ -232,7 +244,7 @@ void UnitThread::turn()
     if (link_)
         link_->hold(toDaemon_.size() > HOLD_PEER);
 
-    Ticks deadline = std::min({now + EXPIRE_PERIOD, daemon_.deadline(), control_.deadline()});
+    Ticks deadline = std::min({now + EXPIRE_PERIOD, clockWait_, daemon_.deadline(), control_.deadline()});
     if (link_)
         deadline = std::min(deadline, link_->deadline());
     if (moreChanges_)

@@ -51,7 +51,8 @@ struct UnitShared {
     explicit UnitShared() : changes(CHANGE_QUEUE_MAX) {}
 
     ChangeQueue changes;
-    std::atomic<bool> recording = false; // somebody wants the daemon's records
+    LeaseClock clock;
+    std::atomic<bool> clockSeen = false; // the daemon has seen that the wall clock was set
     std::atomic<DhcpsnoopRole> daemonRole = DHCPSNOOP_ROLE_SLAVE;
     std::atomic<Enforcement> enforcement = Enforcement::normal;
     std::atomic<bool> installed = false;      // all bindings are installed in the daemon's new role
@@ -96,10 +97,11 @@ class UnitThread
         withdraw, // the daemon takes all bindings out of the data plane
         clear,    // the daemon forgets which bindings are installed
         install,  // the daemon installs all bindings
+        clock,    // the daemon ends what it has begun as a master
     };
 
     void drain(Ticks now);
-    void take_record(const Change &change);
+    void take_record(Change change);
     void take_change(const Change &change, Ticks now);
     void take_copy_end(bool complete);
     void copied(uint32_t records);
@@ -116,6 +118,15 @@ class UnitThread
     void take_over(DhcpsnoopRole target);
     void install();
     void settle();
+
+    // unit_clock.cpp
+    Moment now() const { return shared_.clock.now(); }
+    void look_at_clock(Ticks now);
+    void follow_clock();
+    void accept_clock();
+    bool awaits_clock(const UnitTable::Held &held) const;
+    bool lost_by_clock(const UnitRecord &record);
+    void correct_start(UnitRecord &record);
 
     // unit_ports.cpp
     const UnitPort *port(const UnitRecord &record) const;
@@ -167,6 +178,7 @@ class UnitThread
     uint32_t peerCopyRecords_ = 0;
     uint64_t sent_ = 0, received_ = 0, dropped_ = 0;
     Ticks dirtySince_ = NEVER, expireAt_ = 0;
+    Ticks clockWait_ = NEVER;  // until then the journal's leases wait for the clock
     bool moreChanges_ = false; // may be in the queue, which wakes nobody before it is found empty
     Ticks takeAt_ = 0;         // when it is looked at again
 };

@@ -17,15 +17,13 @@ inline Ticks ticks()
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-// As the daemon reads it: what leases begin at.
-inline uint32_t wall_clock() { return static_cast<uint32_t>(time(nullptr)); }
-
-// A moment by two clocks, in seconds. Nobody sets the second, which goes on from the machine's start.
-struct Moment {
-    uint32_t wall;
-    uint32_t sinceBoot;
-    uint32_t boot; // differs from start to start
+// Two clocks at one time, in milliseconds. The second counts from the machine's start, and nobody sets it.
+struct ClockReading {
+    int64_t wall, sinceBoot;
 };
-Moment moment_now();
+ClockReading clock_reading();
+
+// Differs from one start of the machine to the next; 0 = unknown.
+uint32_t boot_number();
 
 } // namespace platform_linux
