@@ -26,7 +26,7 @@ constexpr Choice CHECK_ITEMS[] = {
 };
 constexpr char EXEMPT[] = "exempt"; // from the VLANs' settings;
 
-constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan"};
+constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan", "origin"};
 static_assert(std::size(REASONS) == GUARD_REASONS);
 
 // Longer than the daemon waits for a client that stalls.
@@ -235,7 +235,7 @@ ExitStatus showGuard(const Context &context, std::span<const std::string>)
     Json interfaces = Json::array(), vlans = Json::array();
     std::vector<Words> rows = {
         {"PLACE", "IP-SOURCE-GUARD", "ARP-INSPECTION", "REFUSED-IPV4", "REFUSED-IPV6", "REFUSED-ARP",
-         "MALFORMED", "UNCLEAR", "VLAN"}
+         "MALFORMED", "UNCLEAR", "VLAN", "ORIGIN"}
     };
     for (const auto &[place, items] : places) {
         Words row = {place.isVlan ? "vlan " + std::to_string(place.number) : interfaceText(place.number),

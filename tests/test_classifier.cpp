@@ -15,7 +15,7 @@ namespace
 
 constexpr size_t TYPE = 12, NETWORK = 14;
 constexpr uint32_t RUN = 7; // of the daemon
-constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan"};
+constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan", "origin"};
 static_assert(std::size(REASONS) == GUARD_REASONS);
 
 // Frames of host 5 (02:..:05 with 10.0.10.5 and 2001:db8:10::5), and of others with its MAC; scapy's.
@@ -196,16 +196,18 @@ class Classifier : public GuardedBridge, public ::testing::WithParamInterface<co
     }
 
     // "-" passes untouched, "4" and "6" go to the daemon behind their header, else the reason that is counted; "?" is anything else.
-    std::string verdict(const Bytes &frame, const char *port = "p1")
+    // `from`: at the port's egress, from that device or from this "host".
+    std::string verdict(const Bytes &frame, const char *port = "p1", const std::string &from = "")
     {
         __sk_buff context = {};
+        context.ingress_ifindex = from.empty() || from == "host" ? 0 : index(from);
         const uint32_t ifIndex = context.ifindex = index(port);
         std::vector<guard_refused> counts(static_cast<size_t>(libbpf_num_possible_cpus()));
         EXPECT_EQ(bpf_map_update_elem(map("guard_refused"), &ifIndex, counts.data(), BPF_ANY), 0);
         Bytes out(4096);
         LIBBPF_OPTS(bpf_test_run_opts, opts, .data_in = frame.data(), .data_out = out.data(), .data_size_in = static_cast<uint32_t>(frame.size()),
                     .data_size_out = static_cast<uint32_t>(out.size()), .ctx_in = &context, .ctx_size_in = sizeof context, .repeat = 1);
-        EXPECT_EQ(bpf_prog_test_run_opts(bpf_program__fd(bpf_object__find_program_by_name(object_, "dhcpsnoop_guard")), &opts), 0) << strerror(errno);
+        EXPECT_EQ(bpf_prog_test_run_opts(bpf_program__fd(bpf_object__find_program_by_name(object_, from.empty() ? "dhcpsnoop_guard" : "dhcpsnoop_out")), &opts), 0) << strerror(errno);
         out.resize(opts.data_size_out);
         EXPECT_EQ(bpf_map_lookup_elem(map("guard_refused"), &ifIndex, counts.data()), 0);
         std::string text = opts.retval == static_cast<uint32_t>(TC_ACT_UNSPEC) && out == frame ? "-" : "";
@@ -321,6 +323,24 @@ TEST_P(Classifier, GoesByTheItemsOfTheRule)
             }
             EXPECT_EQ(matter + " " + suffice, items + " " + items) << rule;
         }
+}
+
+// What leaves by p1, by its origin, and what comes in on a device that is no port; without and with protection.
+TEST_P(Classifier, KeepsUnknownOriginsFromProtectedBridges)
+{
+    guard_port noPort = {};
+    noPort.left_until = 1;
+    prepare("");
+    put("guard_ports", index("c2"), noPort);
+    put("guard_own", guard_mac{{2, 0, 0, 0, 0, 5}, {}}, uint64_t{0});
+    std::string got;
+    for (const uint64_t until : {uint64_t{1}, UINT64_MAX}) {
+        put("guard_own", guard_mac{}, until);
+        for (const std::string from : {"host", "p2", "c1", "c2"})
+            got += verdict(frame_of("udp mac 06"), "p1", from) + " " + verdict(frame_of("udp"), "p1", from) + ", ";
+        got += "in " + verdict(frame_of("udp mac 06"), "c2") + " " + verdict(frame_of("udp"), "c2") + "; ";
+    }
+    EXPECT_EQ(got, "- -, - -, - -, - -, in - -; - -, - -, origin origin, origin -, in - origin; ");
 }
 
 // The bridge, bond or VLAN device above sees the frame once more; a VLAN's trap must not take it there.

@@ -1,5 +1,6 @@
 // The guard in a kernel, over the lives of daemons, ports and devices: a bridge of two ports in a namespace of its own, the frames that pass
 // it, and the entries of the maps. Each row is a sequence of steps and all that they gave.
+#include <atomic>
 #include <csignal>
 #include <fcntl.h>
 #include <regex>
@@ -7,9 +8,11 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
+#include <thread>
 
 #include <bpf/bpf.h>
 #include <linux/capability.h>
+#include <linux/if_packet.h>
 #include <linux/rtnetlink.h>
 
 #include "guard.h"
@@ -71,6 +74,22 @@ bool has(const guard_rule_key &key)
     return rule.run != 0 && noted && (rule.run == state.run || state.rules_until != 0);
 }
 
+// From a raw socket of its own, whenever there is a c9.
+void flood(const std::atomic<bool> &over)
+{
+    const Fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    Frame frame;
+    frame.srcPort = 67, frame.dstPort = 68;
+    const Bytes offer = frame.bytes();
+    sockaddr_ll to = {};
+    to.sll_family = AF_PACKET;
+    while (!over) {
+        to.sll_ifindex = static_cast<int>(if_nametoindex("c9"));
+        if (sendto(sock.get(), offer.data(), offer.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to) < 0)
+            usleep(100);
+    }
+}
+
 Fd listener(uint32_t groups)
 {
     Fd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
@@ -124,6 +143,20 @@ class Guard : public GuardedBridge
             guard_ports_complete();
         if (verb == "heard") // the kernel's messages
             take_in();
+        if (verb == "protect")
+            guard_protect(what == "none" ? std::set<uint32_t>{} : std::set{ifIndex});
+        if (verb == "flooded") { // by a server behind c9, while the commands run: do its OFFERs come to c2?
+            std::atomic<bool> over = false;
+            std::thread rogue(flood, std::cref(over));
+            Wire to("c2");
+            std::getline(in, word);
+            for (int round = 0; round < 15; round++)
+                for (const std::string &command : parts(what + word, ';'))
+                    run(command), take_in();
+            over = true;
+            rogue.join();
+            return to.receive().empty() ? "none" : "some";
+        }
         if (verb == "attached") // the kernel's messages about filters since the last time, which are answered
             return filters_heard() != 0 ? "told" : "quiet";
         if (verb == "long-ago") { // it has left its bridge
@@ -220,6 +253,7 @@ class Guard : public GuardedBridge
 
 #define TRAPS_HOLD(count) "traps of an earlier run on " count " ports and VLANs hold for 60 s unless they are set again"
 #define FILTERS(port) "sh { tc filter show dev " port " ingress; tc qdisc show dev " port "; } | grep -oE 'direct-action|flowid|clsact' | xargs echo -n"
+#define FILTERS_OUT(port) "sh tc filter show dev " port " egress | grep -o dhcpsnoop_out | xargs echo -n"
 #define RULES_COUNT(count) count " binding rules of an earlier run count for 24 h unless something else is learned"
 
 // clang-format off
@@ -324,6 +358,24 @@ TEST_F(Guard, ForgetsDevicesThatAreGone)
         EXPECT_EQ(play(std::string("sh ip link add p9 type veth peer name c9 && ip link set c9 up, ") + row.steps + ", heard"), row.outcome) << row.claim;
         EXPECT_EQ(play("entries"), before) << row.claim;
     }
+}
+
+// clang-format off
+#define COMES_AND_GOES "flooded ip link add p9 master br0 type veth peer name c9 && ip link set p9 up && ip link set c9 up; ip link del p9, "
+#define LEAVES_AND_RETURNS "flooded ip link set p9 nomaster; ip link set p9 master br0, "
+#define IS_RENAMED "flooded ip link set p9 down && ip link set p9 name q9 up; ip link set q9 down && ip link set q9 name p9 up, "
+// clang-format on
+
+// Nothing is forwarded from a port before its traps stand, on a protected bridge: the daemon is always late.
+TEST_F(Guard, KeepsUnknownDevicesFromProtectedBridges)
+{
+    messages_ = listener(RTMGRP_LINK);
+    guard_close();
+    ASSERT_EQ(trap_start(8), 0);
+    EXPECT_EQ(play("sh for i in br0 p1 p2 c1 c2; do ip link set $i alias told; done, heard, trap 1, " COMES_AND_GOES
+                   "protect br0, " COMES_AND_GOES "sh ip link add p9 master br0 type veth peer name c9 && ip link set p9 up && ip link set c9 up, heard, " LEAVES_AND_RETURNS IS_RENAMED
+                   "free 1, dhcp, " FILTERS_OUT("p1") ", " FILTERS_OUT("c1") ", protect none, " FILTERS_OUT("p1")),
+              "some; none; none; none; passes; dhcpsnoop_out dhcpsnoop_out");
 }
 
 // Two namespaces share a bpffs and not their maps.

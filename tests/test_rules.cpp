@@ -60,6 +60,13 @@ void guard_port_remove(uint32_t ifIndex, uint32_t) { asked(0, world_format("remo
 void guard_device_gone(uint32_t) {}
 void guard_vlans_changed() {}
 void guard_doubt(uint32_t) {}
+int guard_device_add(uint32_t, bool) { return 0; }
+int guard_port_protect(uint32_t, bool) { return 0; }
+void guard_port_hold(uint32_t, bool) {}
+void guard_protecting(bool) {}
+void guard_own_set(const std::set<MacAddress> &) {}
+void model_watch_devices(DeviceWatcher) {}
+void model_devices(DeviceWatcher) {}
 bool guard_mend(uint32_t &, int &) { return false; }
 void model_watch_gone(GoneWatcher) {}
 void guard_ports_complete() { asked(0, "complete"); }

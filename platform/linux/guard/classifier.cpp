@@ -32,15 +32,19 @@ namespace platform_linux
 namespace
 {
 
+constexpr uint64_t NEVER_A_PORT = 1; // a guard_port's left_until, long ago
+
 struct Guard {
     bpf_object *object = nullptr; // null: closed, or no eBPF here
     int program = -1, ports = -1, vlans = -1, state = -1, portItems = -1, vlanItems = -1, rules = -1,
-        refused = -1;
+        refused = -1, own = -1, out = -1;
     std::set<uint32_t>
         known; // ports, with entries in the maps; the classifier stands on them but for failures
     std::set<uint32_t> parted;   // devices that were ports in this run and are still there
     std::set<uint32_t> standing; // devices that the classifier was attached to in this run
     std::set<uint32_t> doubted;  // those of them that it may have been taken off since
+    std::set<uint32_t> gated;    // ports that have the egress program too
+    std::set<uint32_t> held;     // ports without a say for their frames
 } guard;
 
 char libbpfSaid[256]; // the first complaint since it was last cleared
@@ -133,6 +137,17 @@ uint32_t inherit_traps(guard_state state, uint64_t netnsCookie)
     return count;
 }
 
+// What stands for all of guard_own: until when some bridge is protected.
+constexpr guard_mac PROTECTION = {};
+
+void inherit_protection()
+{
+    uint64_t until = 0;
+    const uint64_t end = guard_clock() + uint64_t{GUARD_INHERIT_SECONDS} * 1000000000u;
+    if (bpf_map_lookup_elem(guard.own, &PROTECTION, &until) == 0 && until > end)
+        bpf_map_update_elem(guard.own, &PROTECTION, &end, BPF_EXIST);
+}
+
 struct Vlans {
     std::vector<guard_vlan> traps = by_vlan<guard_vlan>(guard.vlans);
     std::vector<guard_items> items = by_vlan<guard_items>(guard.vlanItems);
@@ -160,7 +175,7 @@ bool is_there(uint32_t ifIndex)
     return if_indextoname(ifIndex, name) != nullptr;
 }
 
-// A port of an earlier run only.
+// A device that is no port.
 void forget_port(uint32_t ifIndex)
 {
     guard_port port = {};
@@ -168,6 +183,7 @@ void forget_port(uint32_t ifIndex)
     filter_detach(ifIndex, port.qdisc_is_ours != 0);
     bpf_map_delete_elem(guard.ports, &ifIndex);
     bpf_map_delete_elem(guard.refused, &ifIndex);
+    guard.standing.erase(ifIndex);
     if (is_there(ifIndex))
         guard.parted.insert(ifIndex);
     else
@@ -181,23 +197,37 @@ int count_from_zero(uint32_t ifIndex)
     return error == EEXIST ? 0 : error;
 }
 
+void open_port(guard_port &port, bool open)
+{
+    uint64_t until = 0;
+    if (open && port.left_until != 0) {
+        const bool isProtecting = bpf_map_lookup_elem(guard.own, &PROTECTION, &until) == 0;
+        port.since = isProtecting ? guard_clock() + uint64_t{GUARD_OPEN_MILLISECONDS} * 1000000 : 0;
+    }
+    port.left_until = open ? 0 : NEVER_A_PORT;
+}
+
 // Attaches the classifier to a device whose entry is `port`, where it does not stand. That takes the kernel's
 // lock for network settings twice, which others may hold for a second while many ports change.
 int attach(uint32_t ifIndex, guard_port &port)
 {
     if (guard.standing.contains(ifIndex))
         return 0;
-    // In the map first: the filter that it replaces may be trapping by it.
-    int error = -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
+    // No port until the classifier stands there. An earlier run's may be trapping by its entry.
+    guard_port now = {}, shut = port;
+    shut.left_until = NEVER_A_PORT;
+    const bool judges = bpf_map_lookup_elem(guard.ports, &ifIndex, &now) == 0 && now.left_until == 0;
+    int error = judges ? 0 : -bpf_map_update_elem(guard.ports, &ifIndex, &shut, BPF_ANY);
     if (error == 0)
         error = count_from_zero(ifIndex);
     bool qdiscMade = false;
+    if (error == 0 && guard.gated.contains(ifIndex))
+        error = filter_attach(ifIndex, Direction::egress, guard.out, qdiscMade);
     if (error == 0)
-        error = filter_attach(ifIndex, guard.program, qdiscMade);
-    if (qdiscMade) {
-        port.qdisc_is_ours = 1;
-        bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY);
-    }
+        error = filter_attach(ifIndex, Direction::ingress, guard.program, qdiscMade);
+    if (qdiscMade)
+        port.qdisc_is_ours = shut.qdisc_is_ours = 1;
+    bpf_map_update_elem(guard.ports, &ifIndex, error == 0 ? &port : &shut, BPF_EXIST);
     if (error == 0)
         guard.standing.insert(ifIndex);
     if (error == 0 || is_there(ifIndex))
@@ -276,6 +306,8 @@ int load(const std::string &pins, uint32_t rules)
     guard.vlanItems = map("guard_vlan_items");
     guard.rules = map("guard_rules");
     guard.refused = map("guard_refused");
+    guard.own = map("guard_own");
+    guard.out = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_OUT_PROGRAM));
     if (old)
         guard_rules_copy(old.get(), guard.rules);
     return 0;
@@ -353,6 +385,7 @@ bool guard_open(uint32_t rules, std::string &why, std::string &note)
         return false;
     }
     const uint32_t traps = inherit_traps(state_read(), own.cookie);
+    inherit_protection();
     note = note_of(traps, guard_rules_open(guard.rules, guard.state), pins);
     return true;
 }
@@ -374,15 +407,19 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
     const bool isNew = !guard.known.contains(ifIndex) && !guard.parted.contains(ifIndex);
     Filters filters;
     // An index that an earlier run left in the maps is the same device only if the filter is still on it.
-    if (isNew && !(filter_list(ifIndex, filters) && filters.ours)) {
+    if (isNew && filter_list(ifIndex, filters) && filters.oursOut)
+        guard.gated.insert(ifIndex);
+    if (isNew && !filters.ours) {
         port = {};
         bpf_map_delete_elem(guard.refused, &ifIndex);
         bpf_map_delete_elem(guard.portItems, &ifIndex);
     }
     const guard_port before = port;
+    if (isNew && !filters.ours)
+        port.left_until = NEVER_A_PORT;
     guard.parted.erase(ifIndex);
     guard.known.insert(ifIndex);
-    port.left_until = 0;
+    open_port(port, !guard.held.contains(ifIndex));
     port.native = nativeVid;
     for (size_t vid = 0; vid < members.size(); vid++) {
         const uint64_t bit = uint64_t{1} << vid % 64;
@@ -413,17 +450,25 @@ void guard_device_gone(uint32_t ifIndex)
 {
     for (const int map : {guard.ports, guard.refused, guard.portItems})
         bpf_map_delete_elem(map, &ifIndex);
-    for (std::set<uint32_t> *devices : {&guard.known, &guard.parted, &guard.standing, &guard.doubted})
+    for (std::set<uint32_t> *devices :
+         {&guard.known, &guard.parted, &guard.standing, &guard.doubted, &guard.gated, &guard.held})
         devices->erase(ifIndex);
 }
 
 void guard_ports_complete()
 {
+    uint64_t until = 0;
     if (guard.object == nullptr)
         return;
+    // Devices that are no ports stay known to protected bridges: guard_protect comes next.
+    const bool isProtecting = bpf_map_lookup_elem(guard.own, &PROTECTION, &until) == 0;
     for (const uint32_t ifIndex : device_indexes()) {
         Filters filters;
-        if (!guard.standing.contains(ifIndex) && filter_list(ifIndex, filters) && filters.ours)
+        if (guard.standing.contains(ifIndex))
+            continue;
+        if (isProtecting)
+            guard.parted.insert(ifIndex);
+        else if (filter_list(ifIndex, filters) && (filters.ours || filters.oursOut))
             forget_port(ifIndex);
     }
     // The rest belongs to devices that are gone.
@@ -431,6 +476,88 @@ void guard_ports_complete()
         for (const uint32_t ifIndex : map_keys<uint32_t>(map))
             if (!guard.known.contains(ifIndex) && !guard.parted.contains(ifIndex))
                 guard_device_gone(ifIndex);
+}
+
+int guard_device_add(uint32_t ifIndex, bool ethernet)
+{
+    guard_port port = {};
+    if (guard.object == nullptr)
+        return EOPNOTSUPP;
+    if (guard.known.contains(ifIndex))
+        return 0;
+    if (bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0 || port.left_until == 0) {
+        port = {};
+        port.left_until = NEVER_A_PORT;
+        if (const int error = -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_ANY); error != 0)
+            return error;
+    }
+    guard.parted.insert(ifIndex);
+    return ethernet ? attach(ifIndex, port) : 0;
+}
+
+int guard_port_protect(uint32_t ifIndex, bool on)
+{
+    bool qdiscMade = false;
+    if (guard.object == nullptr)
+        return EOPNOTSUPP;
+    if (on == guard.gated.contains(ifIndex))
+        return 0;
+    if (!on) {
+        guard.gated.erase(ifIndex);
+        return is_there(ifIndex) ? filter_detach_out(ifIndex) : 0;
+    }
+    guard.gated.insert(ifIndex);
+    return guard.standing.contains(ifIndex) ? filter_attach(ifIndex, Direction::egress, guard.out, qdiscMade)
+                                            : 0;
+}
+
+void guard_port_hold(uint32_t ifIndex, bool on)
+{
+    guard_port port = {};
+    if (on)
+        guard.held.insert(ifIndex);
+    else
+        guard.held.erase(ifIndex);
+    if (!guard.known.contains(ifIndex) || !guard.standing.contains(ifIndex) ||
+        bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+        return;
+    const guard_port before = port;
+    open_port(port, !on);
+    change_port(ifIndex, port, before);
+}
+
+void guard_protecting(bool on)
+{
+    const uint64_t forever = UINT64_MAX;
+    if (guard.object == nullptr)
+        return;
+    if (on) {
+        bpf_map_update_elem(guard.own, &PROTECTION, &forever, BPF_ANY);
+        return;
+    }
+    bpf_map_delete_elem(guard.own, &PROTECTION);
+    const std::set<uint32_t> devices = guard.parted;
+    for (const uint32_t ifIndex : devices)
+        forget_port(ifIndex);
+}
+
+void guard_own_set(const std::set<MacAddress> &addresses)
+{
+    if (guard.object == nullptr)
+        return;
+    std::set<MacAddress> missing = addresses;
+    for (const guard_mac &key : map_keys<guard_mac>(guard.own)) {
+        MacAddress address;
+        memcpy(address.data(), key.mac, address.size());
+        if (missing.erase(address) == 0 && memcmp(&key, &PROTECTION, sizeof key) != 0)
+            bpf_map_delete_elem(guard.own, &key);
+    }
+    for (const MacAddress &address : missing) {
+        guard_mac key = {};
+        const uint64_t value = 0;
+        memcpy(key.mac, address.data(), address.size());
+        bpf_map_update_elem(guard.own, &key, &value, BPF_ANY);
+    }
 }
 
 int guard_trap_port(uint32_t ifIndex, int family, bool on)
@@ -469,8 +596,9 @@ bool guard_mend(uint32_t &ifIndex, int &error)
     error = 0;
     ifIndex = *guard.doubted.begin();
     guard.doubted.erase(ifIndex);
-    if (!filter_list(ifIndex, filters) || filters.ours ||
-        bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+    const bool listed = filter_list(ifIndex, filters);
+    const bool complete = filters.ours && (filters.oursOut || !guard.gated.contains(ifIndex));
+    if (!listed || complete || bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
         return true;
     guard.standing.erase(ifIndex);
     error = attach(ifIndex, port);

@@ -6,8 +6,10 @@
 // Results are 0 or an errno value. Families are 4 and 6. Tests link a recorder in place of classifier.cpp.
 #pragma once
 
+#include <array>
 #include <bitset>
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "guard_maps.h"
@@ -22,6 +24,12 @@ constexpr uint32_t GUARD_INHERIT_SECONDS = 60;
 // How long a device that has left its bridge is judged as before: it may be back before the daemon knows. To
 // some other use it is open then.
 constexpr uint32_t GUARD_LEFT_SECONDS = 10;
+
+// A frame needs no longer from a device's ingress to another's egress.
+constexpr uint32_t GUARD_OPEN_MILLISECONDS = 100;
+
+// Ethernet.
+using MacAddress = std::array<uint8_t, 6>;
 
 // From now on this process alone may change the maps of its network namespace: false when another one that
 // runs does. A second daemon would take traps and rules from the first, and leave it without. Without a
@@ -55,6 +63,25 @@ void guard_device_gone(uint32_t ifIndex);
 
 // After the first guard_port_add of every port: detaches from devices that were ports of an earlier run only.
 void guard_ports_complete();
+
+// A device that is no port is there, while some bridge is protected: no frame that came in there leaves by a
+// port of such a bridge but routed. `ethernet`: the classifier is attached, and keeps frames with this host's
+// own addresses out. Does nothing for a port.
+int guard_device_add(uint32_t ifIndex, bool ethernet);
+
+// The bridge of the port is protected: attaches the egress program, beside the classifier or when that is
+// attached. Off detaches it.
+int guard_port_protect(uint32_t ifIndex, bool on);
+
+// While it is held, the port has no say for its frames: no protected bridge forwards them.
+void guard_port_hold(uint32_t ifIndex, bool on);
+
+// Some bridge is protected, or none: then devices that are no ports are left alone again. A protection that
+// an earlier run set holds for GUARD_INHERIT_SECONDS.
+void guard_protecting(bool on);
+
+// The addresses of this host that guard_device_add speaks of.
+void guard_own_set(const std::set<MacAddress> &addresses);
 
 // The trap of a port: ENODEV for one that is not added; off also for one that was removed. Takes effect with
 // the next frame.

@@ -1,4 +1,5 @@
-// The classifier at every port's clsact ingress. A frame comes in as it came from the port. A DHCP frame that
+// The classifier at every port's clsact ingress, and the gate at the egress of protected bridges' ports.
+// Ingress: A frame comes in as it came from the port. A DHCP frame that
 // is trapped there goes to the daemon's packet socket by way of the loopback device (guard_maps.h), with no
 // copy left for the bridge; when nobody listens it is lost. An IP packet or ARP message that is checked there
 // goes on when a rule agrees with its source, else it is dropped and counted. So is a frame whose kind or
@@ -68,6 +69,15 @@ struct {
     __uint(pinning, LIBBPF_PIN_BY_NAME);
 } guard_refused SEC(".maps");
 
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(max_entries, GUARD_PORTS_MAX);
+    __uint(map_flags, BPF_F_NO_PREALLOC);
+    __type(key, struct guard_mac);
+    __type(value, __u64);
+    __uint(pinning, LIBBPF_PIN_BY_NAME);
+} guard_own SEC(".maps");
+
 #include "guard_source.bpf.h"
 
 // A member or not: the frame of another VLAN may come out in any VLAN of the port. Verified alone also
@@ -122,14 +132,50 @@ VERIFIED_ALONE int to_daemon(struct __sk_buff *skb, __u32 v4)
     return (int)bpf_redirect(GUARD_LOOPBACK, BPF_F_INGRESS);
 }
 
+VERIFIED_ALONE int is_protecting(void)
+{
+    __u64 nobody = 0;
+    const __u64 *until = bpf_map_lookup_elem(&guard_own, &nobody);
+
+    return until && bpf_ktime_get_boot_ns() < *until;
+}
+
+// An Ethernet source that is one of this host's.
+VERIFIED_ALONE int is_own(struct __sk_buff *skb)
+{
+    __u64 mac = 0;
+
+    return load(skb, ETH_ALEN, &mac, ETH_ALEN) && mac && bpf_map_lookup_elem(&guard_own, &mac);
+}
+
+// At the egress of the ports of protected bridges. A frame goes on when the ingress of a port has judged it,
+// when it is this host's own, sent or routed, and not when it comes from a device that the daemon has not
+// seen yet.
+SEC("tc")
+int dhcpsnoop_out(struct __sk_buff *skb)
+{
+    __u32 from = skb->ingress_ifindex;
+
+    if (!from)
+        return TC_ACT_UNSPEC;
+    const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &from);
+    bool judged = port && !port->left_until && (!port->since || bpf_ktime_get_boot_ns() >= port->since);
+    if (judged || !is_protecting() || (port && is_own(skb)))
+        return TC_ACT_UNSPEC;
+    return refuse(skb->ifindex, GUARD_REFUSED_ORIGIN);
+}
+
 SEC("tc")
 int dhcpsnoop_guard(struct __sk_buff *skb)
 {
     __u32 ifindex = skb->ifindex;
     const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &ifindex);
 
-    if (!port || (port->left_until && bpf_ktime_get_boot_ns() >= port->left_until))
+    if (!port)
         return TC_ACT_UNSPEC;
+    // No port: nobody there may pass for this host at the ports' egress.
+    if (port->left_until && bpf_ktime_get_boot_ns() >= port->left_until)
+        return is_protecting() && is_own(skb) ? refuse(ifindex, GUARD_REFUSED_ORIGIN) : TC_ACT_UNSPEC;
     __u32 native = port->native;
     __u64 network = behind_tags(skb);
     __u32 kind = (__u32)kind_of(skb, network);

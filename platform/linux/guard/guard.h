@@ -15,6 +15,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <span>
 #include <string>
 
@@ -53,6 +54,22 @@ bool trap_mend();
 // thing removed or not removable. False when something could not be removed. Not for a namespace whose daemon
 // runs.
 bool trap_release(std::string &report);
+
+// ---- Protected bridges: nothing is forwarded from a device that the daemon does not know yet. At the egress
+// of their ports a frame goes on when the ingress of a port has judged it, or when this host sends or routes
+// it; every device of the namespace is looked after for that.
+
+// The protected bridges from now on, by index; none = nothing of the kind, on no device. Given by the host at
+// start, at reload, and when a bridge appears or goes. When the start gives none, the protection that an
+// earlier daemon left holds for a minute.
+void guard_protect(const std::set<uint32_t> &bridges);
+
+// A port that appears on a protected bridge is to wait until its settings are in force: `ready` is asked for
+// each, and a port for which it says no forwards nothing until guard_admit. Its traps can be set meanwhile.
+// Null, as at the start: ports do not wait.
+using PortReady = bool (*)(uint32_t ifIndex);
+void guard_ask_ready(PortReady ready);
+void guard_admit(uint32_t ifIndex);
 
 // ---- Bindings: each becomes up to two rules.
 

@@ -182,6 +182,9 @@ std::map<uint32_t, GuardRefusals> guard_ports_refusals()
         return ports;
     std::vector<guard_refused> each(static_cast<size_t>(cpus));
     for (const uint32_t ifIndex : map_keys<uint32_t>(maps.ports.get())) {
+        guard_port port = {};
+        if (bpf_map_lookup_elem(maps.ports.get(), &ifIndex, &port) != 0 || port.left_until != 0)
+            continue;
         GuardRefusals &sum = ports[ifIndex] = {};
         if (bpf_map_lookup_elem(maps.refused.get(), &ifIndex, each.data()) != 0)
             continue;

@@ -44,9 +44,13 @@ int read_filter(const nlmsghdr *message, void *data)
     const char *name = "";
     mnl_attr_parse(message, sizeof *tc, take_options, &name);
     Filters &filters = *static_cast<Filters *>(data);
-    const bool ours =
-        tc->tcm_handle == FILTER_HANDLE && strncmp(name, GUARD_PROGRAM, sizeof GUARD_PROGRAM - 1) == 0;
-    (ours ? filters.ours : filters.others) = true;
+    const bool handle = tc->tcm_handle == FILTER_HANDLE;
+    if (handle && strncmp(name, GUARD_PROGRAM, sizeof GUARD_PROGRAM - 1) == 0)
+        filters.ours = true;
+    else if (handle && strncmp(name, GUARD_OUT_PROGRAM, sizeof GUARD_OUT_PROGRAM - 1) == 0)
+        filters.oursOut = true;
+    else
+        filters.others = true;
     return MNL_CB_OK;
 }
 
@@ -98,9 +102,9 @@ bool filter_list(uint32_t ifIndex, Filters &filters)
     return complete;
 }
 
-int filter_attach(uint32_t ifIndex, int program, bool &qdiscMade)
+int filter_attach(uint32_t ifIndex, Direction direction, int program, bool &qdiscMade)
 {
-    bpf_tc_hook hook = hook_of(ifIndex, BPF_TC_INGRESS);
+    bpf_tc_hook hook = hook_of(ifIndex, direction == Direction::ingress ? BPF_TC_INGRESS : BPF_TC_EGRESS);
     const int error = -bpf_tc_hook_create(&hook);
     if (error != 0 && error != EEXIST)
         return error;
@@ -111,13 +115,25 @@ int filter_attach(uint32_t ifIndex, int program, bool &qdiscMade)
     return -bpf_tc_attach(&hook, &opts);
 }
 
+int filter_detach_out(uint32_t ifIndex)
+{
+    const bpf_tc_hook hook = hook_of(ifIndex, BPF_TC_EGRESS);
+    const bpf_tc_opts opts = filter_opts();
+    return -bpf_tc_detach(&hook, &opts);
+}
+
 int filter_detach(uint32_t ifIndex, bool qdiscIsOurs)
 {
     bpf_tc_hook hook = hook_of(ifIndex, BPF_TC_INGRESS);
     const bpf_tc_opts opts = filter_opts();
-    const int error = -bpf_tc_detach(&hook, &opts);
-    Filters left;
-    if (error == 0 && qdiscIsOurs && filter_list(ifIndex, left) && !left.ours && !left.others) {
+    Filters here, left;
+    int error = filter_list(ifIndex, here) ? 0 : errno;
+    if (here.ours)
+        error = -bpf_tc_detach(&hook, &opts);
+    if (here.oursOut && error == 0)
+        error = filter_detach_out(ifIndex);
+    if (error == 0 && qdiscIsOurs && filter_list(ifIndex, left) && !left.ours && !left.oursOut &&
+        !left.others) {
         hook.attach_point = static_cast<bpf_tc_attach_point>(BPF_TC_INGRESS | BPF_TC_EGRESS);
         return -bpf_tc_hook_destroy(&hook);
     }

@@ -10,21 +10,26 @@
 namespace platform_linux
 {
 
-constexpr char GUARD_PROGRAM[] =
-    "dhcpsnoop_guard"; // the program's name in the kernel; the filter's begins with it
+// The programs' names in the kernel; the filters' begin with them.
+constexpr char GUARD_PROGRAM[] = "dhcpsnoop_guard", GUARD_OUT_PROGRAM[] = "dhcpsnoop_out";
+
+enum class Direction : uint8_t { ingress, egress };
 
 // What stands at a device's clsact ingress and egress.
 struct Filters {
-    bool ours = false, others = false;
+    bool ours = false, oursOut = false, others = false;
 };
 
 bool filter_list(uint32_t ifIndex, Filters &filters); // false when the kernel did not give all
 
 // Attaches the program, in place of an earlier run's. `qdiscMade` becomes true when the queueing discipline
 // had to be made for it.
-int filter_attach(uint32_t ifIndex, int program, bool &qdiscMade);
+int filter_attach(uint32_t ifIndex, Direction direction, int program, bool &qdiscMade);
 
-// Detaches it, and removes the queueing discipline when that is ours and nobody else uses it now.
+// Detaches the egress program alone.
+int filter_detach_out(uint32_t ifIndex);
+
+// Detaches both, and removes the queueing discipline when that is ours and nobody else uses it now.
 int filter_detach(uint32_t ifIndex, bool qdiscIsOurs);
 
 // The device whose clsact ingress or egress has lost a filter or all, by a message of the kernel's that may

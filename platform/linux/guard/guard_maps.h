@@ -7,7 +7,7 @@
 
 #include <linux/types.h>
 
-#define GUARD_LAYOUT 4
+#define GUARD_LAYOUT 5
 #define GUARD_PORTS_MAX 4096
 #define GUARD_VLANS 4096
 
@@ -50,11 +50,13 @@ struct guard_items {
                                    * them; 0 = none. The classifier goes by those above alone */
 };
 
-/* Map guard_ports, by interface index: the devices on which the classifier stands, ports and those that were
- * one. The daemon writes it. */
+/* Map guard_ports, by interface index: the devices on which the classifier stands; while a bridge is
+ * protected all devices that the daemon knows. The daemon writes it. */
 struct guard_port {
-    __u64 left_until; /* 0 = a port; else it is none any more, and its frames are judged as before until then:
-                       * nanoseconds of CLOCK_BOOTTIME */
+    __u64 left_until; /* 0 = a port, whose ingress judges every frame; else it is none, and its frames are
+                       * judged as before until then: nanoseconds of CLOCK_BOOTTIME */
+    __u64 since;      /* a port from then on at the egress of others, when the frames that its ingress let go
+                       * before      are on their way no more */
     __u16 native;     /* VLAN of untagged and priority-tagged frames; 0 = none */
     __u8 trap;        /* set by the running daemon */
     __u8 inherited;   /* set by an earlier one: counts until guard_state.inherited_until */
@@ -101,7 +103,17 @@ enum guard_reason {
     GUARD_REFUSED_UNCLEAR,   /* its kind cannot be told: a tag behind the last one looked at, a header that
                               * contradicts its EtherType, IP in an IEEE 802.2 SNAP frame */
     GUARD_REFUSED_VLAN,      /* its place cannot be told: the port is no member of its VLAN */
+    GUARD_REFUSED_ORIGIN, /* it was to leave here, and came from a device whose ingress has not judged it; or
+                           * it came in here, no port, with an address of this host */
     GUARD_REASONS
+};
+
+/* Map guard_own, a hash by Ethernet address: those of this namespace's devices that are no ports, which
+ * routed frames bear. The element of address zero is there while some bridge is protected: until when,
+ * nanoseconds of CLOCK_BOOTTIME; the others' values are no matter. The daemon writes it. */
+struct guard_mac {
+    __u8 mac[6];
+    __u8 pad[2];
 };
 
 /* Map guard_refused, a per-CPU hash by interface index: frames refused on a port since it became one. The

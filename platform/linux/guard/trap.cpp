@@ -10,6 +10,7 @@
 #include "classifier.h"
 #include "guard_filter.h"
 #include "model.h"
+#include "protect.h"
 #include "report.h"
 
 namespace platform_linux
@@ -31,10 +32,12 @@ bool receives_itself(const Port &port) { return port.kind != PortKind::vlanInter
 void follow(const Port &port)
 {
     if (!receives_itself(port)) {
+        protect_port_gone(port.ifIndex);
         guard_port_remove(port.ifIndex, 0);
         return;
     }
     bindings_resume(port);
+    protect_port(port);
     PortVlans members = port.members;
     members[0] = port.routed;
     const int error = guard_port_add(port.ifIndex, port.nativeVid, members);
@@ -75,13 +78,14 @@ void vlan_interface_back(const Port &port)
 void model_changed(ModelChange change, const Port &port, const Port *before)
 {
     if (change == ModelChange::vanished) {
+        protect_port_gone(port.ifIndex);
         guard_port_remove(port.ifIndex, GUARD_LEFT_SECONDS);
         vlan_interface_gone(port.ifIndex);
         return;
     }
     if (change == ModelChange::appeared || before == nullptr || port.nativeVid != before->nativeVid ||
         port.members != before->members || port.routed != before->routed ||
-        port.aggregate != before->aggregate)
+        port.aggregate != before->aggregate || port.bridge != before->bridge)
         follow(port);
     if (change == ModelChange::appeared && port.kind == PortKind::vlanInterface)
         vlan_interface_back(port);
@@ -104,6 +108,7 @@ int32_t trap_start(uint32_t bindings)
     }
     if (!note.empty())
         platform_report(LOG_NOTICE, "%s", note.c_str());
+    protect_start();
     for (const auto &[ifIndex, port] : model_ports())
         follow(port);
     guard_ports_complete();

@@ -43,4 +43,11 @@ void model_watch(ModelWatcher watcher);
 using GoneWatcher = void (*)(uint32_t ifIndex);
 void model_watch_gone(GoneWatcher watcher);
 
+// Called after those, for each device of this network namespace that came or changed, port or not, and by
+// model_devices for each that there is. `mac` has six bytes, all zero when its address is no Ethernet
+// address.
+using DeviceWatcher = void (*)(uint32_t ifIndex, bool isBridge, const uint8_t *mac);
+void model_watch_devices(DeviceWatcher watcher);
+void model_devices(DeviceWatcher watcher);
+
 } // namespace platform_linux

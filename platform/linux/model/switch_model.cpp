@@ -161,6 +161,10 @@ void SwitchModel::refresh()
         for (const GoneWatcher watcher : goneWatchers_)
             if (!links.contains(ifIndex))
                 watcher(ifIndex);
+    for (const uint32_t ifIndex : changed)
+        for (const DeviceWatcher watcher : deviceWatchers_)
+            if (const auto link = links.find(ifIndex); link != links.end())
+                watcher(ifIndex, link->second.kind == LinkKind::bridge, link->second.mac);
 }
 
 bool SwitchModel::feed(std::span<const uint8_t> datagram, DaemonEvents &events)
@@ -201,6 +205,14 @@ uint32_t model_system() { return theModel.conf() ? theModel.conf()->system : 1; 
 DhcpsnoopRole model_role() { return theModel.conf() ? theModel.conf()->role : DHCPSNOOP_ROLE_NONE; }
 
 void model_watch(ModelWatcher watcher) { theModel.watch(watcher); }
+
+void model_watch_devices(DeviceWatcher watcher) { theModel.watch_devices(watcher); }
+
+void model_devices(DeviceWatcher watcher)
+{
+    for (const auto &[ifIndex, link] : theModel.links())
+        watcher(ifIndex, link.kind == LinkKind::bridge, link.mac);
+}
 
 void model_watch_gone(GoneWatcher watcher) { theModel.watch_gone(watcher); }
 

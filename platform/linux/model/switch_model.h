@@ -26,6 +26,8 @@ class SwitchModel
 
     void watch(ModelWatcher watcher) { watchers_.push_back(watcher); }
     void watch_gone(GoneWatcher watcher) { goneWatchers_.push_back(watcher); }
+    void watch_devices(DeviceWatcher watcher) { deviceWatchers_.push_back(watcher); }
+    const std::map<uint32_t, Link> &links() const { return links_.links(); }
 
     const std::map<uint32_t, Port> &ports() const { return ports_; }
     uint32_t vlan_interface(uint16_t vid) const
@@ -48,6 +50,7 @@ class SwitchModel
     std::array<uint32_t, 4096> vlanInterfaces_{};
     std::vector<ModelWatcher> watchers_;
     std::vector<GoneWatcher> goneWatchers_;
+    std::vector<DeviceWatcher> deviceWatchers_;
 };
 
 // The daemon's.
