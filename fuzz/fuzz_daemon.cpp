@@ -1,10 +1,12 @@
 // The daemon in the tests' fake world. An input's first byte picks one of 256 states with full tables; then each step is a frame, a
 // request, a datagram of events, a packet from the peer unit, or something that the switch or the clock does. After every step the
 // tables must be whole, what was sent must have true headers, and no buffer may have been left or, where that is not allowed, written to.
+// And the daemon may not have allocated anything.
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <malloc.h>
+#include <sanitizer/allocator_interface.h>
 #include <sanitizer/asan_interface.h>
 
 #include "dhcpsnoop_format.h"
@@ -30,10 +32,23 @@ bool worldChanged, refusing, countsHold, frameTrue, standbyActs;
 std::span<const uint8_t> whole; // the input
 DhcpsnoopRxPkt *rxpkt;          // on the heap, so that its ends are watched
 
+// While one lives the daemon works, and allocates nothing; the world's depth is above 0 outside, and in what the daemon calls.
+struct DaemonScope {
+    DaemonScope() { --worldDepth; }
+    ~DaemonScope() { ++worldDepth; }
+};
+
+void on_allocation(const volatile void *, size_t size)
+{
+    if (worldDepth++ == 0)
+        fault("the daemon allocates %zu bytes", size);
+    worldDepth--;
+}
+
 void hand_frame(const DhcpsnoopRxPkt &rx)
 {
     *rxpkt = rx;
-    dhcpsnoop_recv(rxpkt);
+    DaemonScope(), dhcpsnoop_recv(rxpkt);
     ASAN_UNPOISON_MEMORY_REGION(rxpkt, sizeof *rxpkt);
     if (rxpkt->ifIndex != rx.ifIndex || rxpkt->len != rx.len)
         fault("the record around a frame was written to");
@@ -173,7 +188,7 @@ template <class Use>
 void hand_over(const Bytes &bytes, Use use)
 {
     Bytes copy(bytes);
-    use(copy.data());
+    DaemonScope(), use(copy.data());
     if (copy != bytes)
         fault("a buffer was written to");
 }
@@ -265,7 +280,7 @@ void request_step(Input &input)
     if (request.empty()) // is answered from room for any
         return;
     Bytes reply(request);
-    const uint32_t replied = dhcpsnoop_cmd_process(reply.data(), static_cast<uint32_t>(reply.size()));
+    const uint32_t replied = (DaemonScope(), dhcpsnoop_cmd_process(reply.data(), static_cast<uint32_t>(reply.size())));
     if (replied != 0 && replied != reply.size())
         fault("a request of %zu bytes is answered with %u", reply.size(), replied);
     if (replied < HEADER)
@@ -342,7 +357,7 @@ constexpr Change CHANGES[] = {
     [](uint8_t, uint32_t value, const Bytes &) {
         world.now = std::clamp<int64_t>(world.now + static_cast<int32_t>(value), 0, UINT32_MAX);
         if (world.hwScalars[54] != 0) // a standby unit does not age its tables
-            dhcpsnoop_user_timer_check();
+            DaemonScope(), dhcpsnoop_user_timer_check();
     },
     [](uint8_t which, uint32_t, const Bytes &) {
         gDhcpsnoop.ipsgIfGet = (which & 1) != 0 ? ipsgIfGetApi : nullptr;
@@ -406,8 +421,12 @@ int LLVMFuzzerInitialize(int *, char ***)
     if (freopen("/dev/null", "w", stdout) == nullptr)
         abort();
     rxpkt = static_cast<DhcpsnoopRxPkt *>(calloc(1, sizeof *rxpkt));
+    puts("the buffer of the standard output is allocated");
     prepare_world();
     pristine = world;
+    worldDepth = 1;
+    if (__sanitizer_install_malloc_and_free_hooks(on_allocation, [](const volatile void *) {}) == 0)
+        fault("no allocation would be seen");
     return 0;
 }
 

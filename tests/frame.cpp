@@ -118,16 +118,6 @@ Bytes Frame::bytes() const
     return ethernet_header(dst, src, tags, etherType) + ip + udp + padding;
 }
 
-Frame client_frame(uint8_t messageType, const Bytes &options)
-{
-    return Frame{.options = opt_type(messageType) + options + OPT_END};
-}
-
-Frame server_frame(uint8_t messageType, const Bytes &options)
-{
-    return Frame{.src = MAC_SERVER, .srcIp = ip4(10, 0, 0, 1), .srcPort = 67, .dstPort = 68, .op = 2, .yiaddr = ip4(10, 0, 0, 100), .options = opt_type(messageType) + opt_ip(54, ip4(10, 0, 0, 1)) + opt_lease(3600) + options + OPT_END};
-}
-
 Ip6 ip6(const char *text)
 {
     Ip6 address = {};

@@ -76,13 +76,7 @@ struct Frame {
     operator Bytes() const { return bytes(); }
     // The BOOTP message alone, options included.
     Bytes message() const;
-    size_t l2_length() const { return 14 + 4 * tags.size(); }
 };
-
-// A client's message of the given type with these options before the end option.
-Frame client_frame(uint8_t messageType, const Bytes &options = {});
-// A server's broadcast reply to client 1: server 10.0.0.1, offered address 10.0.0.100, one hour.
-Frame server_frame(uint8_t messageType, const Bytes &options = {});
 
 // ---- DHCPv6 (RFC 8415; option 37: RFC 4649)
 

@@ -3,9 +3,7 @@
 
 #include <algorithm>
 
-#include "adr.h"
 #include "dhcpsnoop_nm.h"
-#include "wire.h"
 
 namespace
 {
@@ -191,33 +189,6 @@ TEST_F(Management, EntryPoints)
         value = 7, pair[0] = 5, pair[1] = ip4(10, 0, 0, 10);
         text = {room, 1}, room[0] = 'a';
         EXPECT_EQ(play([call = call] { return std::to_string(call()); }), outcome) << claim;
-    }
-}
-
-// The codec by itself, in a message of 30 bytes, all 0xFF: the value read, the position then, whether it did not fit.
-TEST_F(Management, CodecNeverLeavesTheMessage)
-{
-    const std::tuple<const char *, uint32_t, uint32_t (*)(AdrMsg *), const char *> rows[] = {
-        {"one byte too few for a word", 27, adr_getuint32, "0 30 overrun"},
-        {"the last two bytes", 28, [](AdrMsg *m) { return uint32_t{adr_getushort(m)}; }, "ffff 30"},
-        {"one byte too few for a short", 29, [](AdrMsg *m) { return uint32_t{adr_getushort(m)}; }, "0 30 overrun"},
-        {"a skip beyond the end", 26, [](AdrMsg *m) { return adr_offset(m, 5), 0u; }, "0 30 overrun"},
-        {"a skip that would wrap", 26, [](AdrMsg *m) { return adr_offset(m, 0xFFFFFFFF), 0u; }, "0 30 overrun"},
-        {"a position beyond the end", 20, [](AdrMsg *m) { return adr_pos(m, 31), 0u; }, "0 20 overrun"},
-        {"a result, just room", 26, [](AdrMsg *m) { return adr_int32(m, 7), wire_get32(m->base + 26); }, "7 30"},
-        {"no room", 27, [](AdrMsg *m) { return adr_int32(m, 7), wire_get32(m->base + 26); }, "ffffffff 27 overrun"},
-        {"one byte of room missing", 23, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 2, 4, m)); }, "ffffffff 23 overrun"},
-        {"a word of another length", 18, [](AdrMsg *m) { return static_cast<uint32_t>(adr_encodedata(m, 2, 8, m)); }, "ffffffff 18"},
-    };
-    for (const auto &[claim, at, act, outcome] : rows) {
-        Bytes bytes(Bytes(30, 0xFF));
-        AdrMsg msg;
-        EXPECT_NE(adr_start(&msg, bytes.data(), 25), 0);
-        EXPECT_EQ(adr_start(&msg, bytes.data(), 30), 0);
-        adr_pos(&msg, at);
-        const uint32_t value = act(&msg);
-        EXPECT_EQ(world_format("%x %u%s", value, adr_count(&msg), msg.overrun ? " overrun" : ""), outcome) << claim;
-        EXPECT_TRUE(std::all_of(bytes.begin(), bytes.begin() + at, [](uint8_t byte) { return byte == 0xFF; })) << claim;
     }
 }
 

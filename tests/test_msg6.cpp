@@ -274,8 +274,8 @@ TEST_F(Msg6, Texts)
         {"IAs", spoken(server6(7, ia_na(status6(2)) + ia_ta({}) + ia_na(iaaddr(HOST6, 0) + iaaddr("::", 9))).bytes(), FROM_SERVER, "Process each", 298), "Process each IA option, total num 3.|IA option type 3, len 18.|Status code of IA option is not OK!|IA option type 4, len 4.|IA_ADDR option doesn't exist!|IA option type 3, len 68.|Get ip address 2001:db8::100 in IA_ADDR option, valid_time 0.|Delete user: ip is 2001:db8::100.|Delete the user entry:"},
     });
     // A frame of one version on the other's socket: the version nibble chose the parser, the socket the path.
-    receive(client_frame(1), {.etherType = 0x86DD});
-    receive(server_frame(5), {.port = 2, .etherType = 0x86DD});
+    receive(Message{}.frame(), {.etherType = 0x86DD});
+    receive(Message{.type = ACK}.frame(), {.port = 2, .etherType = 0x86DD});
     receive(hex_bytes(REQUEST6), {.etherType = 0x0800});
     EXPECT_EQ(through(hex_bytes(REPLY_18_37), {.port = 2, .etherType = 0x0800}), "");
 }

@@ -50,26 +50,18 @@ constexpr Arrival IP_AT_2028 = {.l2 = 2028, .etherType = 0x0800};
 TEST_F(Parse, Ladder)
 {
     check({
-        {"EtherType neither IPv4 nor IPv6", recorded(Frame{.etherType = 0x0806}, {.l2 = 14, .etherType = 0x0806}), "refused ! This is not a IPv4 or IPv6 packet, stop process!"},
         {"IP version 5", recorded(Frame{.ipVersion = 5}), "refused ! This is not a IPv4 packet!"},
         {"Kept: the version nibble decides, not the EtherType", recorded(WHOLE, {.etherType = 0x86DD}), "type 1 end @3"},
-        {"header of 16 bytes", recorded(Frame{.ihl = 4}), "refused ! IPv4 header len must be larger than 20!"},
         {"total length below the header", recorded(Frame{.ipTotalLen = 19}), "refused ! Total len of ip must be larger than header len!"},
         {"total length of just the header: no UDP datagram in it", recorded(Frame{.ipTotalLen = 20}), "refused ! Udp len 252 must not exceed ip body len 0!"},
         {"more received than the buffer counts as the buffer", recorded(Frame{.ipTotalLen = 2035, .padding = Bytes(65535 - 286, 0)}), "refused ! Len checking failed, ethernet header 14, ip header 20, total 2049, received 2048!"},
         {"not UDP", recorded(Frame{.protocol = 6}), "refused ! This is not a udp packet!"},
         {"ports 1234 to 67", recorded(Frame{.srcPort = 1234, .dstPort = 67}), "type 1 end @3"},
-        {"ports 1234 to 68", recorded(Frame{.srcPort = 1234, .dstPort = 68}), "type 1 end @3"},
-        {"ports 67 to 1234", recorded(Frame{.srcPort = 67, .dstPort = 1234}), "type 1 end @3"},
         {"ports 68 to 1234", recorded(Frame{.srcPort = 68, .dstPort = 1234}), "type 1 end @3"},
         {"ports 66 to 69", recorded(Frame{.srcPort = 66, .dstPort = 69}), "refused ! This is not a dhcp packet!"},
         {"UDP length beyond the IP body", recorded(Frame{.udpLen = 253}), "refused ! Udp len 253 must not exceed ip body len 252!"},
         {"UDP length short of the IP body", recorded(Frame{.udpLen = 251}), ""},
-        {"a message of 239 bytes", recorded(Frame{.payload = Bytes(239, 0)}), "refused ! Message (len 247) is too short, stop process!"},
         {"padding is no end option", recorded(Frame{.payload = Bytes(240, 0), .padding = OPT_END}), ""},
-        {"UDP length 0", recorded(Frame{.udpLen = 0}), "refused ! Message (len 0) is too short, stop process!"},
-        {"neither checksum is verified", recorded(Frame{.ipChecksum = 1, .udpChecksum = 2}), "type 1 end @3"},
-        {"the cookie is not checked", recorded(Frame{.cookie = 0}), "type 1 end @3"},
         // The arithmetic of 16 bits lets these through the length test; the datagram is bounded all the same.
         {"IP total length that wraps (65522 + 14), datagram within the frame", recorded(Frame{.ipTotalLen = 0xFFF2, .options = FULL}), "type 1 end @1765"},
         {"a datagram of one byte more than the frame", recorded(Frame{.ipTotalLen = 0xFFF2, .udpLen = 2015, .options = FULL}), "refused"},
@@ -103,25 +95,19 @@ std::string at_the_end(const char *area)
 TEST_F(Parse, Options)
 {
     check({
-        {"only the end", options("ff"), "end @0"},
         {"an option is recorded only if a byte follows it", options("35 01 05"), ""},
-        {"the second too", options("35 01 05 35 01 06"), "type 5"},
         {"nothing behind the end counts", options("35 01 05 ff 00 35 01 06 00"), "type 5 end @3"},
         {"nor behind an end that comes first", options("ff 00 35 01 06 00"), "end @0"},
         {"the last occurrence wins", options("35 01 05 35 01 06 ff"), "type 6 end @6"},
         {"an option whose length passes the area ends the walk", options("35 01 05 36 05 0a 00 00 01"), "type 5"},
         {"an unknown option is passed over", options("0c 02 61 62 35 01 03 ff"), "type 3 end @7"},
         {"message type of length 2", options("35 02 05 05 ff"), "end @4 ! Option length must be 1 octets."},
-        {"server id of length 5", options("36 05 0a 00 00 01 00 35 01 02 ff"), "type 2 end @10 ! Option length must be 4 octets."},
         {"lease of length 8", options("33 08 00 00 0e 10 00 00 0e 10 ff"), "end @10 ! Option length must be 4 octets."},
         {"router: the first of two", options("03 08 0a 00 00 01 0a 00 00 02 ff"), "router a000001 end @10"},
         {"router of length 6", options("03 06 0a 00 00 01 0a 00 ff"), "end @8 ! Option length must always be a multiple of 4."},
         {"router of length 0 reads the 4 bytes that follow", options("03 00 35 01 05 ff"), "type 5 router 350105ff end @5"},
-        {"requested address of length 0", options("32 00 ff"), "end @2 ! Option length must be 4 octets."},
-        {"vendor class", options("3c 01 61 ff"), "opt60 @0 end @3"},
         {"vendor class of length 0", options("3c 00 ff"), "end @2 ! option60 length must be larger than 1 octets."},
         {"item 1 of 3 bytes ends the walk", options("3c 0b 01 03 12 34 56 01 04 00 00 00 09 ff"), "opt60 @0 end @13"},
-        {"item 1 behind another", options("3c 09 07 01 00 01 04 00 00 00 09 ff"), "tag 9 opt60 @0 end @11"},
         {"the first item 1 counts", options("3c 0c 01 04 00 00 00 07 01 04 00 00 00 09 ff"), "tag 7 opt60 @0 end @14"},
         {"an item whose data lies behind the option", options("3c 02 01 04 ff 00 00 01"), "tag ff000001 opt60 @0 end @4"},
         {"what follows the option is no item", options("3c 02 07 00 01 04 00 00 00 09 ff"), "opt60 @0 end @10"},
@@ -135,7 +121,6 @@ TEST_F(Parse, Options)
         {"relay item at the very end", at_the_end("52 01 02 ff"), "opt82 @1738 remote @1740 end @1741"},
         {"the requested address over both", options("32 04 0a 01 01 05 ff", ip4(10, 0, 0, 1), ip4(10, 0, 0, 2)), "end @6 client 0a 01 01 05"},
         {"a requested 0.0.0.0 leaves the choice", options("32 04 00 00 00 00 ff", ip4(10, 0, 0, 1)), "end @6 client 0a 00 00 01"},
-        {"0.0.0.1 is an address", options("32 04 00 00 00 01 ff"), "end @6 client 00 00 00 01"},
     });
 }
 

@@ -18,7 +18,6 @@ const Word WORDS[] = {
     {"members", [] { world.members(10, {1, 9, 2}); }},
     {"members5", [] { world.access(5, 10), world.members(10, {1, 2, 3, 5}); }},
     {"unused", [] { dhcpsnoop_if_lookup(1)->flags &= ~DHCPSNOOP_IF_IN_USE; }},
-    {"learning-2", [] { gDhcpsnoop.serverLearn = 2; }},
     {"trusted-vlan-if", [] { snoop(110, DHCPSNOOP_IF_TRUSTED); }},
     {"by-server", [] { binding(HOST)->serverId = SERVER; }},
     {"two", [] { make_binding(2u, MAC_CLIENT, 3, 10)->serverId = SERVER, make_binding(1u, MAC_CLIENT, 1, 10)->serverId = SERVER + 1; }}, // the second comes first
@@ -26,10 +25,8 @@ const Word WORDS[] = {
     {"relay-of-1", [] { dhcpsnoop_if_lookup(1)->relayAddr = RELAY, dhcpsnoop_if_lookup(1)->serverIp[1] = SERVER, dhcpsnoop_if_lookup(1)->serverIp[2] = ip4(10, 7, 7, 7); }},
     {"mode3", [] { set_flag_field(dhcpsnoop_if_lookup(1), DHCPSNOOP_IF_MODE, 3); }},
     {"mode4", [] { set_flag_field(dhcpsnoop_if_lookup(1), DHCPSNOOP_IF_MODE, 4); }},
-    {"mode5", [] { set_flag_field(dhcpsnoop_if_lookup(1), DHCPSNOOP_IF_MODE, 5); }},
     {"global4", [] { gDhcpsnoop.remoteIdFmt.mode = 4, gDhcpsnoop.circuitIdFmt.mode = 3; }},
     {"boot", [] { world.bootFile = text_bytes("boot.bin"), world.option125 = text_bytes("x"); }},
-    {"empty-boot", [] { world.bootFile = world.option125 = Bytes{}; }},
     {"hook", [] { gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback; }},
 };
 
@@ -41,14 +38,11 @@ const Row ROWS[] = {
     // learning
     {"a server is learned", "learning", {.type = OFFER}, "1 298 | server .1 2/10"},
     {"once only", THEN, {.type = OFFER}, "1 298 | server .1 2/10"},
-    {"another value is not on", "learning-2", {.type = OFFER}, "1 298"},
     {"no server id", "learning", {.type = OFFER, .server = 0}, "1 292"},
     {"a server behind an untrusted port is learned too", "learning port3", {.type = ACK, .arrival = Arrival{.port = 3}}, " | server .1 3/10 | 3 drops untrusted 1"},
     // where the reply goes
     {"an ACK to the binding's port", "port3 bound", {.type = ACK, .lease = 7200}, "1 298 | .50 bound 1/10 7200s", UNICAST "|!Broadcast packet to client,inport 2,vid 10,len 298."},
-    {"in the binding's VLAN, whatever VLAN it came in", "port3 bound", {.type = ACK, .arrival = VLAN20}, "1 298 | .50 bound 1/10", UNICAST},
     {"the binding's port is not in use: flooded in the binding's VLAN", "port3 port4 bound unused", {.type = ACK, .arrival = VLAN20}, "3 298 | .50 bound 1/10", FLOODED(10, 298)},
-    {"an ACK without binding is flooded", "port3 port4", {.type = ACK}, "1 298, 3 298", FLOODED(10, 298)},
     {"an ACK without binding, waiting, not relayed", "port3 waiting", {.type = ACK}, "1 298, 3 298 | waits 1", FLOODED(10, 298)},
     {"an ACK without binding, waiting, relayed", "port3 waiting", {.type = ACK, .giaddr = RELAY}, "1 298 | waits 1", UNICAST},
     {"whose port is not in use: flooded in its VLAN", "port3 port4 waiting unused", {.type = OFFER, .giaddr = RELAY, .arrival = VLAN20}, "3 298 | waits 1", FLOODED(10, 298)},
@@ -75,14 +69,11 @@ const Row ROWS[] = {
     {"raw, own", "option82 mode4 bound", {.type = ACK, .more = RAW}, "1 298 | .50 bound 1/10", "", Bytes{}},
     {"another's remote-id", "option82 mode3 bound", {.type = ACK, .more = FOREIGN}, "1 310 | .50 bound 1/10"},
     {"option 82 processing is off", "mode3 bound", {.type = ACK, .more = TYPED}, "1 313 | .50 bound 1/10"},
-    {"mode 5 never strips", "option82 mode5 bound", {.type = ACK, .more = TYPED}, "1 313 | .50 bound 1/10"},
     {"Kept: the global remote-id mode", "option82 global4 bound", {.type = ACK, .more = RAW}, "1 298 | .50 bound 1/10", "", Bytes{}},
     // options 67 and 125; they come in front of an option 82 that stays
     {"both, the boot file first", "option82 waiting bound boot hook", {.type = ACK, .more = TYPED}, "1 318, " HOOKED " | waits 1", "Insert option67, len is 8.|Insert option125, len is 1.", BOOT + VENDOR},
     {"before another's option 82", "option82 bound boot hook", {.type = ACK, .more = FOREIGN}, "1 330, " HOOKED, "", BOOT + VENDOR + FOREIGN},
-    {"a length of 0 inserts nothing", "bound empty-boot hook", {.type = ACK}, "1 298, " HOOKED, "!Insert option67, len is 0.|!Insert option125, len is 0."},
     {"Kept: what nothing filled in is still the room, and refused", "bound hook", {.type = ACK}, "1 298, " HOOKED, INVALID},
-    {"no hook", "bound boot", {.type = ACK}, "1 298 | .50 bound 1/10", INVALID},
 };
 
 using Server = Daemon;
@@ -96,8 +87,7 @@ TEST_F(Server, RemoteIdAtTheEndOfTheMessage)
     for (const int behind : {0, 1, 6}) {
         SCOPED_TRACE(behind);
         world.clear();
-        Frame frame = server_frame(ACK);
-        frame.yiaddr = HOST;
+        Frame frame = Message{.type = ACK}.frame();
         frame.options = opt_type(ACK) + hex_bytes("52 02 02 06 02 00 00 00 01 01");
         frame.udpLen = static_cast<uint16_t>(8 + frame.message().size() - static_cast<size_t>(behind));
         receive(frame, Arrival{.port = 2});
