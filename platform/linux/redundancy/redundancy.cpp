@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <sys/eventfd.h>
@@ -136,9 +137,18 @@ bool redundancy_start()
 }
 
 // The wall clock was set, and the daemon goes by what it was. A change of role that is under way ends first.
+// Asked several times a frame, so both clocks are read in another second only: a scan sees no more.
 static bool clock_is_wrong()
 {
-    return shared != nullptr && shared->enforcement == Enforcement::normal && shared->clock.set_ahead() != 0;
+    static time_t second = 0;
+    static bool wrong = false;
+    if (shared == nullptr || shared->enforcement != Enforcement::normal)
+        return false;
+    const time_t now = time(nullptr);
+    if (wrong || now != second)
+        wrong = shared->clock.set_ahead() != 0;
+    second = now;
+    return wrong;
 }
 
 // The daemon's lease scan asks for the role before it reads the clock, and a standby does not scan.
