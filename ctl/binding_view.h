@@ -10,6 +10,7 @@ struct WaitingBinding {
     std::string interface;
 };
 std::vector<WaitingBinding> readWaiting(); // none where no platform can be asked
+bool forgetWaiting(const UserKey &key);    // false when there is none
 
 // Appends the commands that recreate all static bindings.
 void staticCommands(const Daemon &daemon, std::vector<Words> &lines);

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <ostream>
 
-#include "binding.h"
+#include "binding_view.h"
 #include "command.h"
 #include "protocol.h"
 
@@ -164,5 +164,11 @@ ExitStatus bindingUnbind(const Context &context, std::span<const std::string> ar
 
 ExitStatus bindingDelete(const Context &context, std::span<const std::string> arguments)
 {
-    return bindingAction(context, arguments, USER_ACTION_DELETE);
+    const UserKey key = parseOneKey(arguments);
+    const Reply reply = context.daemon.ask({FUNC_USER_SET, USER_ACTION, key, USER_ACTION_DELETE});
+    if (reply.result() == NM_NO_ENTRY && forgetWaiting(key))
+        return EXIT_DONE;
+    if (reply.result() != NM_OK)
+        throw Refusal(reply.result(), "binding " + userKeyText(key));
+    return EXIT_DONE;
 }

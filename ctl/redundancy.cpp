@@ -84,6 +84,13 @@ try {
     return {};
 }
 
+bool forgetWaiting(const UserKey &key)
+try {
+    return askPlatform("forget " + userKeyText(key)) == "ok";
+} catch (const NoDaemon &) {
+    return false;
+}
+
 ExitStatus showRedundancy(const Context &context, std::span<const std::string>)
 {
     std::map<std::string, std::string> values;

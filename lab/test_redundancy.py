@@ -235,7 +235,8 @@ class Redundancy(unittest.TestCase):
     def test_away(self):
         """A binding whose port goes waits for it, and is in force again on the same port only. Learned ones go with a port that
         snoops."""
-        self.start()
+        self.left.prepare("none", JOURNAL)
+        self.left.start(*SETTINGS)
         self.traffic.run(*self.left.ends, 2)
         mac, address = self.traffic.frames[5][:2]
         self.left.ctl(f"binding add {address} mac {mac} vlan 10 interface swp1")
@@ -251,6 +252,13 @@ class Redundancy(unittest.TestCase):
         wait_for("another port", lambda: seen() == ([address], [], []))
         self.left.ip("link set swp1 address 02:00:00:00:06:01")
         wait_for("the port", lambda: seen() == ([], [address], [address]))
+        self.left.daemon.kill()
+        self.left.ctl("platform release")
+        self.left.ip("link set swp1 address 02:00:00:00:06:99")
+        self.left.start(*SETTINGS)
+        wait_for("waiting after a restart", lambda: seen() == ([address], [], []))
+        self.left.ctl(f"binding delete {address}")
+        self.assertEqual(seen(), ([], [], []))
 
     def test_while_a_port_comes(self):
         """Bindings of the journal wait for their port, which comes back with another index; the daemon is a standby for a moment,

@@ -73,6 +73,11 @@ void UnitThread::control(const std::string &request, ControlSocket::Answer answe
         answer(waiting(from != std::string::npos ? request.substr(from + 1) : ""));
         return;
     }
+    constexpr std::string_view FORGET = "forget ";
+    if (request.starts_with(FORGET)) {
+        answer(forget(request.substr(FORGET.size())) ? "ok" : "no binding waits");
+        return;
+    }
     constexpr std::string_view ROLE = "role ";
     const auto role = request.starts_with(ROLE) ? role_of(request.substr(ROLE.size())) : std::nullopt;
     if (!role) {

@@ -146,6 +146,19 @@ void UnitThread::forget_waiting()
                     gone.size(), names.c_str(), more ? ", ..." : "");
 }
 
+// A binding that the daemon has is the daemon's to delete.
+bool UnitThread::forget(const std::string &address)
+{
+    const auto it = table_.held().find(key_of(address));
+    if (it == table_.held().end() || it->second.place.at != UnitPlace::At::parked)
+        return false;
+    UnitRecord record = it->second.record;
+    record.add = false;
+    table_.apply(record);
+    note(record);
+    return true;
+}
+
 // A line for each behind the address `from`, as many as find room; "end" behind the last.
 std::string UnitThread::waiting(const std::string &from) const
 {

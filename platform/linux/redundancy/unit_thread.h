@@ -136,6 +136,7 @@ class UnitThread
     bool look_for_port(UnitTable::Held &held, uint32_t now);
     void forget_waiting();
     std::string waiting(const std::string &from) const;
+    bool forget(const std::string &address);
 
     // unit_peer.cpp
     void peer_up();
