@@ -1,4 +1,4 @@
-// Made by tests/data/dhcpv6_frames.py with scapy; tshark finds nothing wrong with any of them.
+// Made by tests/data/dhcpv6_frames.py with scapy.
 // clang-format off
 #pragma once
 

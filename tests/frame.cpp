@@ -102,16 +102,16 @@ Bytes Frame::message() const
         return *payload;
     Bytes bytes = {op, 1, 6, 0};
     bytes = bytes + be32(xid) + be16(0) + be16(flags);
-    bytes = bytes + be32(ciaddr) + be32(yiaddr) + be32(siaddr) + be32(giaddr);
+    bytes = bytes + be32(ciaddr) + be32(yiaddr) + be32(0) + be32(giaddr);
     bytes = bytes + mac_bytes(chaddr) + Bytes(10 + 64 + 128, 0);
-    return bytes + be32(cookie) + options;
+    return bytes + be32(0x63825363) + options;
 }
 
 Bytes Frame::bytes() const
 {
     const Bytes udp = udp_datagram(srcPort, dstPort, udpLen, udpChecksum, message(), be32(srcIp) + be32(dstIp));
     const size_t headerLen = 20 + ipOptions.size();
-    Bytes ip = {static_cast<uint8_t>(ipVersion << 4 | ihl.value_or(static_cast<uint8_t>(headerLen / 4))), 0};
+    Bytes ip = {static_cast<uint8_t>(ipVersion << 4 | headerLen / 4), 0};
     ip = ip + be16(ipTotalLen.value_or(static_cast<uint16_t>(headerLen + udp.size())));
     ip = ip + be32(0) + Bytes{64, protocol} + be16(0) + be32(srcIp) + be32(dstIp) + ipOptions;
     put16(ip, 10, ipChecksum.value_or(internet_checksum(ip)));

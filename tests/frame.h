@@ -50,7 +50,6 @@ struct Frame {
     uint16_t etherType = 0x0800;
     // IPv4 (RFC 791)
     uint8_t ipVersion = 4;
-    std::optional<uint8_t> ihl = {}; // in words; else what ipOptions takes
     std::optional<uint16_t> ipTotalLen = {};
     uint8_t protocol = 17;
     std::optional<uint16_t> ipChecksum = {};
@@ -63,9 +62,8 @@ struct Frame {
     uint8_t op = 1;
     uint32_t xid = 0x3903F326;
     uint16_t flags = 0;
-    uint32_t ciaddr = 0, yiaddr = 0, siaddr = 0, giaddr = 0;
+    uint32_t ciaddr = 0, yiaddr = 0, giaddr = 0;
     Mac chaddr = MAC_CLIENT;
-    uint32_t cookie = 0x63825363;
     // The option area as it stands, end option included; empty for none.
     Bytes options = {53, 1, 1, 255};
     // What stands instead of the BOOTP message and its options.

@@ -1,6 +1,7 @@
 // The command socket with real clients: framing, refusals, time limits. The listening socket is the world's, a connection is
 // the kernel's own.
-#include "scene.h"
+#include "event_message.h"
+#include "steps.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,25 +13,10 @@
 namespace
 {
 
-// Function 2 reads, function 0 sets the enterprise number; 22 is a function that there is not.
-const Bytes HEADER = hex_bytes("00 02 00 04 00 00 00 02 00 02 00 04 00 00 00 00 00 02 00 04 00 00 00 02 01 00 02 00 04 00 00 00 00");
-const Bytes READ = HEADER + hex_bytes("03 02 00 04 00 00 00 00");
-
-Bytes set_number(uint8_t number)
-{
-    Bytes bytes = READ;
-    bytes[7] = 0;
-    bytes.back() = number;
-    return bytes;
-}
-
-Bytes framed(const Bytes &body, std::optional<uint32_t> length = {})
-{
-    const uint32_t said = length.value_or(static_cast<uint32_t>(body.size()));
-    Bytes bytes(sizeof said);
-    memcpy(bytes.data(), &said, sizeof said);
-    return bytes + body;
-}
+// What is sent, or answered: a request's result word is set.
+Bytes framed(const Bytes &body) { return host32(static_cast<uint32_t>(body.size())) + body; }
+Bytes sent(const std::string &words) { return framed(request(words)); }
+Bytes answered(const std::string &words) { return sent(words + " | at 12 0 at 13 0 at 14 0 at 15 0"); }
 
 // The result, and what failed: "-1 accept failed".
 std::string serve(void (*first)() = [] {})
@@ -61,27 +47,22 @@ class CommandServer : public testing::Test
 TEST_F(CommandServer, OneRequestOneReply)
 {
     gDhcpsnoop.enterpriseNum = 0x01020304;
-    Bytes largest(1520), number = READ;
-    std::ranges::copy(HEADER, largest.begin());
-    largest[7] = 22;
-    std::ranges::copy(Bytes{3, 9, 0x05, 0xD2}, largest.begin() + 26);
-    std::ranges::copy(be32(0x01020304), number.end() - 4);
     const std::tuple<const char *, Bytes, const char *, Bytes> rows[] = {
-        {"a request", framed(READ), "0", framed(number)},
-        {"one of the largest size", framed(largest), "0", framed(largest)},
+        {"a request", sent("global.get 2 = 0"), "0", answered("global.get 2 = 0x01020304")},
+        {"one of the largest size", sent("22 2 form 9 1490"), "0", sent("22 2 form 9 1490")},
         {"one that is refused is answered with the length alone", framed(Bytes(25, 1)), "0", framed({})},
-        {"bytes behind it are not read", framed(Bytes(60, 1), 26), "0", framed({})},
+        {"bytes behind it are not read", host32(26) + Bytes(60, 1), "0", framed({})},
         {"an empty one is answered with 22 bytes, and nobody else's", framed({}), "0", framed(Bytes(22, 0))},
         {"one byte too large", framed(Bytes(1521, 1)), "-1 recv buf failed", {}},
-        {"the largest length there is", framed(Bytes(100, 1), 0xFFFFFFFF), "-1 recv buf failed", {}},
+        {"the largest length there is", host32(0xFFFFFFFF) + Bytes(100, 1), "-1 recv buf failed", {}},
         {"nothing", {}, "-1 recv buflen failed", {}},
         {"three bytes of a length", Bytes(3, 0), "-1 recv buflen failed", {}},
-        {"a byte too few", framed(Bytes(39, 1), 40), "-1 recv buf failed", {}},
-        {"one that sets a number", framed(set_number(7)), "0", framed(set_number(7))},
+        {"a byte too few", host32(40) + Bytes(39, 1), "-1 recv buf failed", {}},
+        {"one that sets a number", sent("global.set 2 = 7"), "0", answered("global.set 2 = 7")},
         {"nothing of it shows in the next answer", framed({}), "0", framed(Bytes(22, 0))},
     };
-    for (const auto &[claim, sent, outcome, answered] : rows) {
-        const int sock = client(sent);
+    for (const auto &[claim, bytes, outcome, reply] : rows) {
+        const int sock = client(bytes);
         const timeval limit = {5, 0};
         setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         shutdown(sock, SHUT_WR);
@@ -90,7 +71,7 @@ TEST_F(CommandServer, OneRequestOneReply)
         const ssize_t length = recv(sock, answer.data(), answer.size(), MSG_WAITALL);
         EXPECT_TRUE(length >= 0 || errno == ECONNRESET) << claim << ": the connection was not closed";
         answer.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
-        EXPECT_EQ(hex(answer), hex(answered)) << claim;
+        EXPECT_EQ(hex(answer), hex(reply)) << claim;
         close(sock);
     }
     EXPECT_EQ(gDhcpsnoop.enterpriseNum, 7u);
@@ -98,7 +79,7 @@ TEST_F(CommandServer, OneRequestOneReply)
 
 TEST_F(CommandServer, ClientThatDoesNotWait)
 {
-    close(client(framed(set_number(9)))); // gone before its reply
+    close(client(sent("global.set 2 = 9"))); // gone before its reply
     EXPECT_EQ(serve(), "-1 sendto failed");
     EXPECT_EQ(gDhcpsnoop.enterpriseNum, 9u);
 }

@@ -166,19 +166,4 @@ TEST_F(Forward, AddressSocketAndFailure)
     }
 }
 
-TEST_F(Forward, RelayedByUdp)
-{
-    set_up();
-    const Frame frame;
-    const Parsed parsed(frame);
-    dhcpsnoop_udp_socket_send(&parsed.info, ip4(10, 0, 0, 1), ip4(192, 168, 200, 254));
-    gDhcpsnoop.udpSock = 950;
-    world.refuse("relay");
-    dhcpsnoop_udp_socket_send(&parsed.info, 1, 2);
-    EXPECT_EQ(outcome(), "relay 10.0.0.1 192.168.200.254:67 244, relay 0.0.0.1 0.0.0.2:67 244"); // packet information in order
-    EXPECT_EQ(unsaid("Send message from 10.0.0.1 to 192.168.200.254, length 244.|Send message ERROR, no 0x1."), "");
-    EXPECT_EQ(hex(world.all(Did::Relay).at(0)->data), hex(frame.message()));
-    EXPECT_TRUE(world.all(Did::Relay)[0]->socket == 0 && world.all(Did::Relay)[1]->socket == 950); // Kept: through descriptor 0
-}
-
 } // namespace

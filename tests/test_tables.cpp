@@ -1,4 +1,4 @@
-// The pools, the interface table (order, capacity, switching on and off, versions, the hardware trap) and the servers that
+// The interface table (order, capacity, switching on and off, versions, the hardware trap) and the servers that
 // were heard.
 #include "scene.h"
 
@@ -57,25 +57,10 @@ std::string traps(uint32_t version, uint32_t state, int32_t result4 = 0, int32_t
     return world_format("%d ", result) + calls_summary() + said().substr(60);
 }
 
-// Carved into a free list: places of its nodes in the block.
-std::string pool(uint32_t entrySize, uint32_t count)
-{
-    struct {
-        DhcpsnoopLink head;
-        void *block;
-    } record = {};
-    std::string text = std::to_string(dhcpsnoop_memlist_init(&record.head, entrySize, count));
-    for (const DhcpsnoopLink *entry : list_each<DhcpsnoopLink>(&record.head))
-        text += world_format(" %d", static_cast<int>((reinterpret_cast<const uint8_t *>(entry) - static_cast<uint8_t *>(record.block)) * 2 / static_cast<int>(sizeof(DhcpsnoopLink))));
-    free(record.block);
-    return text + (record.head.prev == &record.head ? " empty" : "");
-}
-
 // clang-format off
 #define ACL "|Notify interface state to hwapi failed!"
 TEST_F(Tables, Interfaces)
 {
-    const uint32_t LINKS = sizeof(DhcpsnoopLink);
     const std::string mode = "; Notify interface state to hwapi: unit 10, verion 1, state 1.|Dhcpsnoop interface work mode ", bridge = "bridge.|Process user on interface 10, inet type 1, user type = 2, operate 1. if10 mac:02000000010a max=32768 s21=100", router = "router" + bridge.substr(6);
     const auto process = [](int inet, const char *rest2) { return world_format("Process user on interface 10, inet type %d, user type = %s", inet, rest2); };
     const std::string on4 = process(1, "2, operate 1.|Notify interface state to hwapi: unit 10, verion 1, state 1."), on6 = process(2, "2, operate 1.|Notify interface state to hwapi: unit 10, verion 2, state 1.");
@@ -88,8 +73,6 @@ TEST_F(Tables, Interfaces)
         {"one for the other, IPv4 first; the other way round; Kept: the same version touches nothing but clears the trust", series({version(1, 2), version(2, 1), version(1, 5, DHCPSNOOP_IF_TRUSTED)}), series({"0 1800000 qorIfSetApi 10 306 23, qorIfSetApi 10 305 24; " + off4 + "|" + on6, "0 1800000 qorIfSetApi 10 305 23, qorIfSetApi 10 306 24; " + on4 + "|" + off6, "0 20000000 Interface trust state is changed!\n\r; "})},
         {"add both; add neither, delete neither; a refused IPv4 ends it; a refused IPv6 is the result; any other state deletes; an IPv4 failure goes on, and is forgotten when IPv6 succeeds", series({traps(3, 1), traps(0, 1) + traps(0, 0), traps(3, 1, 4, 6), traps(3, 1, 0, 6), traps(1, 2), traps(3, 0, 4)}), "0 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24 / 0 0  / 4 qorIfSetApi 10 305 23|Add dhcp acl failed! / 6 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24|Add dhcpv6 acl failed! / 0 qorIfSetApi 10 306 23 / 0 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!"},
         {"both fail; IPv4 alone fails", series({traps(3, 0, 4, 6), traps(1, 0, 4)}), "6 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!|Delete dhcpv6 acl failed!" ACL " / 4 qorIfSetApi 10 306 23|Delete dhcp acl failed!" ACL},
-        // In halves of a node's two links; the last one of the block is the first to be taken.
-        {"three entries of a record's size; a count of 0 is one entry; an entry has room for its links at least; an odd size is rounded up so that the links stay aligned; no memory: an empty list", series({pool(3 * LINKS, 3), pool(2 * LINKS, 0), pool(1, 2), pool(LINKS + 1, 2), (world.failCalloc = 1, pool(64, 4))}), "0 12 6 0 / 0 0 / 0 2 0 / 0 3 0 / -1 empty"},
     });
 }
 

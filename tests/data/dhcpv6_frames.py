@@ -1,23 +1,19 @@
 #!/usr/bin/python3
-"""Writes tests/dhcpv6_frames.h: DHCPv6 frames as scapy builds them (RFC 8415, RFC 4649), each of which tshark must find
-whole, with a true checksum. Run it again when a frame is added: tests/data/dhcpv6_frames.py >tests/dhcpv6_frames.h"""
-import functools, operator, subprocess, sys, tempfile
+"""Writes tests/dhcpv6_frames.h: DHCPv6 frames as scapy builds them (RFC 8415, RFC 4649).
+Run it again when a frame is added: tests/data/dhcpv6_frames.py >tests/dhcpv6_frames.h"""
+from functools import reduce
+from operator import truediv
 from scapy.all import *
 
 CLIENT, SERVER = '02:c1:00:00:00:01', '02:5e:00:00:00:01'
 # Port 1's text in VLAN 10's options: the layout of option6.cpp, by hand.
 PORT1 = bytes.fromhex('01060006000a1122773302080006020000000101')
 
-def frame(*parts):
-    return bytes(functools.reduce(operator.truediv, parts))
+def client(*message):
+    return bytes(reduce(truediv, [Ether(src=CLIENT, dst='33:33:00:01:00:02'), IPv6(src='fe80::c1ff:fe00:1', dst='ff02::1:2', hlim=1), UDP(sport=546, dport=547), *message]))
 
-def client(message, *options):
-    ip = IPv6(src='fe80::c1ff:fe00:1', dst='ff02::1:2', hlim=1)
-    return frame(Ether(src=CLIENT, dst='33:33:00:01:00:02'), ip, UDP(sport=546, dport=547), message, *options)
-
-def server(message, *options):
-    ip = IPv6(src='fe80::5eff:fe00:1', dst='fe80::c1ff:fe00:1', hlim=64)
-    return frame(Ether(src=SERVER, dst=CLIENT), ip, UDP(sport=547, dport=546), message, *options)
+def server(*message):
+    return bytes(reduce(truediv, [Ether(src=SERVER, dst=CLIENT), IPv6(src='fe80::5eff:fe00:1', dst='fe80::c1ff:fe00:1', hlim=64), UDP(sport=547, dport=546), *message]))
 
 def address(text, preferred, valid):
     return DHCP6OptIAAddress(addr=text, preflft=preferred, validlft=valid)
@@ -41,12 +37,6 @@ FRAMES = {
     'REPLY_18_37': server(reply, *ids, o18, o37, two, temporary),
     'REPLY_18_TWICE': server(reply, o18, *ids, two, o18, temporary),
 }
-with tempfile.NamedTemporaryFile(suffix='.pcap') as capture:
-    wrpcap(capture.name, [Ether(bytes) for bytes in FRAMES.values()])
-    wrong = '_ws.malformed || udp.checksum.status != "Good" || !dhcpv6 || ipv6.plen_exceeds_framing'
-    found = subprocess.check_output(['tshark', '-r', capture.name, '-o', 'udp.check_checksum:TRUE', '-Y', wrong], text=True)
-    if found:
-        sys.exit('tshark finds fault with:\n' + found)
-print('// Made by tests/data/dhcpv6_frames.py with scapy; tshark finds nothing wrong with any of them.\n// clang-format off\n#pragma once\n')
+print('// Made by tests/data/dhcpv6_frames.py with scapy.\n// clang-format off\n#pragma once\n')
 for name, data in FRAMES.items():
     print(f'constexpr const char *{name} = "{data.hex()}";')
