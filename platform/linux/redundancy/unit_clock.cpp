@@ -53,6 +53,7 @@ void UnitThread::follow_clock()
             record.leaseStart += static_cast<uint32_t>(ahead);
     const std::vector<UnitRecord> leases = table_.clock_set(ahead);
     toDaemon_.insert(toDaemon_.end(), leases.begin(), leases.end());
+    line_up();
     if (lastCopy_ != 0)
         lastCopy_ += static_cast<uint32_t>(ahead);
     shared_.clock.follow(reading);
@@ -76,6 +77,7 @@ void UnitThread::accept_clock()
     for (const UnitRecord &record : over)
         note(record);
     look_for_ports();
+    line_up();
     journal_.renew();
     platform_report(LOG_NOTICE, "journal: %zu leases are back, %zu ran out%s", toDaemon_.size() - before,
                     over.size(), behind != 0 ? "; the time without power is not known" : "");

@@ -3,10 +3,13 @@
 //
 // The daemon takes records in as a standby only, and a standby programs no data plane. So every start begins
 // as a standby: the journal is delivered, then the unit takes its own role and installs all bindings. A unit
-// that becomes the standby withdraws them first.
+// that becomes the standby withdraws them first. A wall clock that was set makes the daemon a standby, too,
+// until it has its leases anew (unit_clock.cpp).
 //
 //              +---> deliver --------------+
 //              |     (records in line)     |
+//              +---> clock ----------------+
+//              |     (was set)             |
 //    none -----+---> withdraw -------------+---> none
 //              |     (to standby)          |
 //              +---> clear ---> install ---+
@@ -100,6 +103,7 @@ class UnitThread
         clock,    // the daemon ends what it has begun as a master
     };
 
+    void line_up();
     void drain(Ticks now);
     void take_record(Change change);
     void take_change(const Change &change, Ticks now);
