@@ -25,6 +25,8 @@ ExitStatus complete(const Context &context, std::span<const std::string> argumen
 constexpr char BINDING_FILTERS[] =
     "[interface IF] [vlan VID] [mac MAC] [address ADDRESS] [type dynamic|static] [state STATE]";
 
+constexpr char GUARD_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [family 4|6|both] [off] [exempt]";
+constexpr char GUARD_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [family 4|6|both] [off]";
 constexpr char CHECK_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [off] [exempt]";
 constexpr char CHECK_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [off]";
 
@@ -73,12 +75,12 @@ constexpr Command COMMANDS[] = {
      "take a binding out of force; it becomes static"},
     {"binding delete", "ADDRESS", bindingDelete, false,
      "delete a binding"},
-    {"guard interface", CHECK_ITEMS_IF, guardInterface, false,
-     "IP source guard on a port: items of a packet that must agree with a binding"},
-    {"guard vlan", CHECK_ITEMS_VLAN, guardVlan, false,
+    {"guard interface", GUARD_ITEMS_IF, guardInterface, false,
+     "IP source guard and ARP inspection on a port: items of a packet that must agree with a binding"},
+    {"guard vlan", GUARD_ITEMS_VLAN, guardVlan, false,
      "the same in a VLAN, on ports without a setting of their own"},
     {"arp-inspection interface", CHECK_ITEMS_IF, arpInterface, false,
-     "ARP inspection on a port: items of an ARP sender that must agree with a binding"},
+     "ARP inspection alone on a port: items of an ARP sender that must agree with a binding"},
     {"arp-inspection vlan", CHECK_ITEMS_VLAN, arpVlan, false,
      "the same in a VLAN, on ports without a setting of their own"},
     {"load", "FILE [wait SECONDS]", load, false,

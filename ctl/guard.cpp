@@ -25,6 +25,14 @@ constexpr Choice CHECK_ITEMS[] = {
     {"port", GUARD_CHECK_PORT   }
 };
 constexpr char EXEMPT[] = "exempt"; // from the VLANs' settings;
+// Of IP source guard, beside the check items.
+constexpr char FAMILY[] = "family";
+constexpr Choice FAMILIES[] = {
+    {"4",    0                           },
+    {"6",    GUARD_FAMILY_6 | GUARD_NOT_4},
+    {"both", GUARD_FAMILY_6              }
+};
+constexpr uint8_t FAMILY_BITS = GUARD_FAMILY_6 | GUARD_NOT_4;
 
 constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan", "origin"};
 static_assert(std::size(REASONS) == GUARD_REASONS);
@@ -54,6 +62,34 @@ Words itemWords(uint8_t items)
         if ((items & item.value) != 0)
             words.push_back(item.word);
     return words;
+}
+
+const char *familyWord(uint8_t items)
+{
+    for (const Choice &family : FAMILIES)
+        if ((items & FAMILY_BITS) == family.value)
+            return family.word;
+    return FAMILIES[0].word;
+}
+
+// ARP inspection as the guard switches it together with IP source guard: it is IPv4's.
+uint8_t arpBeside(uint8_t ip)
+{
+    return (ip & GUARD_NOT_4) != 0 ? uint8_t{0} : static_cast<uint8_t>(ip & ~FAMILY_BITS);
+}
+
+// Takes "family WORD" off the end.
+uint8_t parseFamily(std::span<const std::string> &words)
+{
+    if (words.empty() || (words.back() != FAMILY && (words.size() < 2 || words[words.size() - 2] != FAMILY)))
+        return 0;
+    for (const Choice &family : FAMILIES) {
+        if (words.size() > 2 && words.back() == family.word) {
+            words = words.first(words.size() - 2);
+            return static_cast<uint8_t>(family.value);
+        }
+    }
+    throw UsageError("which family? (4, 6 or both, behind the check items)");
 }
 
 // 0 is "off".
@@ -141,10 +177,16 @@ void switchGuard(const Context &context, const GuardPlace &place, GuardFeature f
     }
 }
 
+// IP source guard brings ARP inspection along, ARP inspection comes alone.
 ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace &place,
                   std::span<const std::string> words)
 {
-    const uint8_t wanted = parseItems(words);
+    const bool both = feature == GuardFeature::ipSourceGuard;
+    const uint8_t families = both ? parseFamily(words) : uint8_t{0};
+    const uint8_t items = parseItems(words);
+    if (families != 0 && (items & GUARD_CHECK_ALL) == 0)
+        throw UsageError("a family goes with check items");
+    const uint8_t wanted = static_cast<uint8_t>(items | families), arp = both ? arpBeside(wanted) : wanted;
     if (place.isVlan && wanted == GUARD_EXEMPT)
         throw UsageError("only a port can be exempt, not a VLAN");
     Words name = placeWords(place);
@@ -154,10 +196,11 @@ ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace
     openConfig(what);
     if (wanted != 0)
         checkPlace(context, place, what, daemonRuns);
-    if ((wanted & GUARD_CHECK_ALL) != 0 && daemonRuns && feature == GuardFeature::arpInspection &&
-        !isInspecting())
+    if ((arp & GUARD_CHECK_ALL) != 0 && daemonRuns && !isInspecting())
         bindStatics(context.daemon);
-    switchGuard(context, place, feature, wanted, what, daemonRuns);
+    if (both)
+        switchGuard(context, place, feature, wanted, what, daemonRuns);
+    switchGuard(context, place, GuardFeature::arpInspection, arp, what, daemonRuns);
     return EXIT_DONE;
 }
 
@@ -181,8 +224,11 @@ ExitStatus changeVlanGuard(const Context &context, GuardFeature feature,
 std::string itemsText(const guard_items &items, GuardFeature feature)
 {
     std::string text;
-    for (const std::string &word : itemWords(guard_wanted(items, feature)))
+    const uint8_t wanted = guard_wanted(items, feature);
+    for (const std::string &word : itemWords(wanted))
         text += (text.empty() ? "" : ",") + word;
+    if ((wanted & FAMILY_BITS) != 0)
+        text += std::string("/") + familyWord(wanted);
     if (guard_pending(items, feature))
         text += "(pending)";
     return text.empty() ? "off" : text;
@@ -200,6 +246,8 @@ void addItems(Json &json, const guard_items &items)
         json[std::string(key) + "-pending"] =
             guard_pending(items, feature) ? Json(itemWords(guard_wanted(items, feature))) : Json(nullptr);
     }
+    const uint8_t wanted = guard_wanted(items, GuardFeature::ipSourceGuard);
+    json["family"] = (wanted & GUARD_CHECK_ALL) != 0 ? Json(familyWord(wanted)) : Json(nullptr);
 }
 
 } // namespace
@@ -275,12 +323,20 @@ void guardCommands(const Context &context, std::vector<Words> &lines)
         context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
         return;
     }
-    for (const auto &[place, items] : guard_config_all())
-        for (const GuardFeature feature : GUARD_FEATURES) {
-            Words line = {commandWord(feature)};
-            for (const Words &words : {placeWords(place), itemWords(guard_wanted(items, feature))})
-                line.insert(line.end(), words.begin(), words.end());
-            if (guard_wanted(items, feature) != 0)
-                lines.push_back(line);
-        }
+    const auto add = [&lines](GuardFeature feature, const GuardPlace &place, uint8_t wanted) {
+        Words line = {commandWord(feature)};
+        for (const Words &words : {placeWords(place), wanted == 0 ? Words{"off"} : itemWords(wanted)})
+            line.insert(line.end(), words.begin(), words.end());
+        if ((wanted & FAMILY_BITS) != 0)
+            line.insert(line.end(), {FAMILY, familyWord(wanted)});
+        lines.push_back(line);
+    };
+    for (const auto &[place, items] : guard_config_all()) {
+        const uint8_t ip = guard_wanted(items, GuardFeature::ipSourceGuard),
+                      arp = guard_wanted(items, GuardFeature::arpInspection);
+        if (ip != 0)
+            add(GuardFeature::ipSourceGuard, place, ip);
+        if (arp != arpBeside(ip))
+            add(GuardFeature::arpInspection, place, arp);
+    }
 }

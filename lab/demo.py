@@ -88,7 +88,7 @@ def forge_sources(lab):
              (f"packets from {FORGED}", to_all / IP(src=FORGED, dst=GATEWAY) / UDP(dport=9) / b"forged", 0),
              (f"ARP replies for {GATEWAY}", to_all / ARP(op=2, hwsrc=MACS["pc1"], psrc=GATEWAY, pdst=ROGUE_ADDRESS), 0))
     print("\nWith IP source guard and ARP inspection on swp1:")
-    for command in ("guard interface swp1 ip mac vlan port", "arp-inspection interface swp1 ip mac vlan port"):
+    for command in ("guard interface swp1 ip mac vlan port",):
         lab.switch.ctl(command)
         print(f"  dhcpsnoopctl {command}")
     print(f"pc1 sent {FORGERIES} of each, so many arrived at its neighbour:")

@@ -40,7 +40,7 @@ class Guard(labtest.LabTest):
 
     def guard(self, *ports):
         for port in ports:
-            self.ctl(f"guard interface {port} {ITEMS}; arp-inspection interface {port} {ITEMS}")
+            self.ctl(f"guard interface {port} {ITEMS} family both")
 
     def ask(self):
         """pc1 asks a server for two addresses, which nobody answers: the bindings are provisional."""
@@ -93,7 +93,7 @@ class Guard(labtest.LabTest):
         self.assertFalse(pings(address))
         self.ctl("guard interface swp1 off")
         self.assertTrue(pings(address) and pings(forged))
-        self.ctl(f"guard interface swp1 {ITEMS}; arp-inspection interface swp1 off")  # the server asks for the address by ARP
+        self.ctl(f"guard interface swp1 {ITEMS} family both; arp-inspection interface swp1 off")  # the server asks for the address by ARP
         self.borrow("pc1", f"{ASKED}/24")
         self.ask()
         pc1.send(from_client("inform", PC1, ciaddr=ASKED, xid=7))
@@ -149,19 +149,19 @@ class Configuration(labtest.LabTest):
         self.assertEqual(self.items("ip"), {}, "nobody would install bindings")
         self.switch.stop_daemon()
         self.switch.start_daemon(*self.daemon_arguments)
-        self.ctl("guard interface swp1 off; guard vlan 20 ip; arp-inspection interface swp1 ip mac")
-        self.assertIn("dhcpsnoopctl guard vlan 20 ip\n", self.ctl("show config"))
+        self.ctl("guard interface swp1 off; guard vlan 20 ip family 6; arp-inspection interface swp1 ip mac")
+        self.assertIn("dhcpsnoopctl arp-inspection interface swp1 ip mac\ndhcpsnoopctl guard vlan 20 ip family 6\n", self.ctl("show config"))
         self.switch.stop_daemon()
         self.assertIn("no daemon listens", self.switch.ctl("guard interface swp3 ip port").stderr)
         self.assertEqual((self.items("ip"), self.items("ip-pending")), ({20: "ip"}, {"swp3": "ip,port"}))
         self.switch.start_daemon(*self.daemon_arguments)
         self.wait("guard in force", lambda: self.items("ip") == {20: "ip", "swp3": "ip,port"})
-        self.assertEqual(self.items("arp"), {"swp1": "ip,mac"})
+        self.assertEqual(self.items("arp"), {"swp1": "ip,mac", "swp3": "ip,port"})
 
     def test_changes_while_a_host_speaks(self):
         """One with a binding loses nothing, and a stop of ARP inspection takes no static binding away."""
         self.client("pc2").wait_leases()
-        self.ctl("guard interface swp4 exempt; arp-inspection interface swp4 exempt")  # the server has no binding
+        self.ctl("guard interface swp4 exempt")  # the server has no binding
         ping = subprocess.Popen(self.lab.pc2.command("ping", "-q", "-i", "0.0005", "-w", "4", "10.0.20.1"),
                                 stdout=subprocess.PIPE, text=True)
         while ping.poll() is None:

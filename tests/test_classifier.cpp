@@ -35,7 +35,7 @@ const std::map<std::string, std::string> FRAMES = {
     {"other", "0200000000010200000000059200000a0800"},
 };
 const std::map<std::string, uint8_t> PROTOCOLS = {{"hop", 0}, {"tcp", 6}, {"udp", 17}, {"route", 43}, {"frag", 44}, {"esp", 50}, {"auth", 51}, {"icmp", 58}, {"none", 59}, {"dest", 60}, {"mobility", 135}, {"identity", 139}, {"shim", 140}, {"253", 253}};
-const std::map<char, uint8_t> BITS = {{'4', GUARD_TRAP_V4}, {'6', GUARD_TRAP_V6}, {'a', GUARD_CHECK_ADDRESS}, {'m', GUARD_CHECK_MAC}, {'v', GUARD_CHECK_VLAN}, {'p', GUARD_CHECK_PORT}, {'x', GUARD_EXEMPT}};
+const std::map<char, uint8_t> BITS = {{'4', GUARD_TRAP_V4}, {'6', GUARD_TRAP_V6}, {'a', GUARD_CHECK_ADDRESS}, {'m', GUARD_CHECK_MAC}, {'v', GUARD_CHECK_VLAN}, {'p', GUARD_CHECK_PORT}, {'x', GUARD_EXEMPT}, {'!', GUARD_NOT_4}};
 const std::map<std::string, uint8_t> KINDS = {{"rule4", GUARD_IPV4}, {"rule6", GUARD_IPV6}, {"rulea", GUARD_ARP}};
 const std::map<char, uint16_t> TPIDS = {{'q', 0x8100}, {'s', 0x88A8}, {'o', 0x9100}, {'x', 0x9200}};
 
@@ -249,7 +249,7 @@ const ClassifierRow CLASSIFIER_ROWS[] = {
     {"IP and tags in SNAP frames, which access points unpack; others", "trap 46", "snap v4 67 68 | q10 snap udp6 | snap v4 67 68 type 8100 | snap request | snap lldp | v4 67 68 type 0148 at 0 4242aa", "unclear unclear unclear - - -"},
     {"a VLAN that the port is no member of", "vtrap 46", "q30 v4 67 68 | s30 v6 udp 547 546 | q4095 v4 67 68 | q30 q10 v4 67 68 | q30 udp | q30 request | q30 lldp | q20 v4 67 68 | q40 v4 67 68 | q1000 v4 67 68 | q1064 v4 67 68", "vlan vlan vlan vlan - - - - - - vlan"},
     {"inherited by the port's VLANs", "vinherited 4 old 60", "q30 v4 67 68 | q30 v6 udp 547 546", "vlan -"},
-    {"guarded: IP and ARP", "vip a varp m", "q30 udp | q30 udp6 | q30 reply | q30 lldp | q30 v4 68 67 | q20 udp", "vlan vlan vlan - vlan -"},
+    {"guarded: IP and ARP", "vip a6 varp m", "q30 udp | q30 udp6 | q30 reply | q30 lldp | q30 v4 68 67 | q20 udp", "vlan vlan vlan - vlan -"},
     {"an exempt port", "ip x arp x vip a varp m", "q30 udp | q30 reply | q0 q0 q0 udp", "- - -"},
     {"no native VLAN", "native 0 trap 4", "v4 67 68 | q0 v4 67 68 | q10 v4 67 68 | udp | q10 udp", "4 4 vlan - -"},
     {"IP options of 4 and 40 bytes", "trap 46", "opt 01010101 v4 68 67 | opt 01010101010101010101010101010101010101010101010101010101010101010101010101010101 v4 68 67", "4 4"},
@@ -265,24 +265,27 @@ const ClassifierRow CLASSIFIER_ROWS[] = {
     {"an earlier run's on the port", "inherited 4 old 60", "v4 68 67 | v6 udp 546 547", "4 -"},
     {"its time is over", "inherited 4 vinherited 4 old 0", "v4 68 67 | q0 q0 q0 v4 68 67", "- -"},
 
-    {"rules of several masks", "ip a arp a rule4 amvp rule4 m", "udp | udp at 15 06 | udp6 | request", "- ipv4 ipv6 arp"},
+    {"rules of several masks", "ip a6 arp a rule4 amvp rule4 m", "udp | udp at 15 06 | udp6 | request", "- ipv4 ipv6 arp"},
     {"an earlier run's count for a time", "ip a rule4 a old 60 rule4 am", "udp", "-"},
     {"and end with it", "ip a old 0 rule4 a", "udp", "ipv4"},
     {"IPv4: bound, fragments, another's", "ip a arp a rule4 a", "udp | later | later at 15 06 | udp at 12 00000000", "- - ipv4 ipv4"},
-    {"DHCP that nobody traps", "ip a", "v4 68 67 | v4 67 68 | v4 68 53 | v6 udp 546 547 | v6 udp 547 546 at 8 20", "- ipv4 ipv4 - ipv6"},
+    {"DHCP that nobody traps", "ip a6", "v4 68 67 | v4 67 68 | v4 68 53 | v6 udp 546 547 | v6 udp 547 546 at 8 20", "- ipv4 ipv4 - ipv6"},
     {"malformed IPv4: cut, a header longer than the frame; as long as it", "ip a rule4 a", "q10 udp cut 37 | udp at 0 48 | udp cut 34", "malformed malformed -"},
     {"contradictions, where either feature stands", "arp a", "udp at 0 44 | udp at 0 65 | udp6 at 0 45 | snap udp | q0 q0 q0 reply | q10 udp cut 17 | udp", "unclear unclear unclear unclear unclear unclear -"},
     {"ARP: request, reply, another Ethernet source, another sender", "ip a arp a rulea am", "request | reply | reply mac 06 | reply at 13 06 | request at 17 06", "- - arp arp arp"},
     {"a probe (RFC 5227) and a reply of nobody", "arp a", "probe | probe at 6 0002", "- arp"},
     {"malformed ARP: protocol, medium, lengths, cut; in SNAP", "arp a rulea a", "request at 2 86dd | request at 0 0006 | request at 4 07 | request cut 41 | request cut 21 | q10 snap request", "malformed malformed malformed malformed malformed malformed"},
-    {"IPv6: bound, fragments, another's; cut", "ip a rule6 a", "udp6 | later6 | later6 at 23 06 | q10 udp6 cut 57", "- - ipv6 malformed"},
-    {"without a rule: DAD, listener reports, link-local, the prefix above", "ip a", "dad | mld | udp6 at 8 febf | udp6 at 8 fec0", "- - - ipv6"},
-    {"neighbour discovery and its types; from beyond the link, cut, an echo", "ip a", "advert | advert at 40 85 | advert at 40 84 | advert at 40 89 | advert at 40 8a | advert at 7 fe | advert cut 54 | ping6", "- - ipv6 - ipv6 ipv6 ipv6 ipv6"},
-    {"source guard on the port, inspection on the port", "ip p", "udp | udp6 | request", "ipv4 ipv6 -"},
-    {"source guard in the VLAN", "vip v", "udp6 | q10 udp6 | q20 udp6 | request", "ipv6 ipv6 - -"},
+    {"IPv6: bound, fragments, another's; cut", "ip a6 rule6 a", "udp6 | later6 | later6 at 23 06 | q10 udp6 cut 57", "- - ipv6 malformed"},
+    {"without a rule: DAD, listener reports, link-local, the prefix above", "ip a6", "dad | mld | udp6 at 8 febf | udp6 at 8 fec0", "- - - ipv6"},
+    {"neighbour discovery and its types; from beyond the link, cut, an echo", "ip a6", "advert | advert at 40 85 | advert at 40 84 | advert at 40 89 | advert at 40 8a | advert at 7 fe | advert cut 54 | ping6", "- - ipv6 - ipv6 ipv6 ipv6 ipv6"},
+    {"source guard of a family: IPv4 unless told otherwise", "ip a", "udp | udp6 | q10 q20 q20 udp6", "ipv4 - unclear"},
+    {"IPv6 alone, in the VLAN too", "vip a6!", "udp | udp6 | q30 udp | q30 udp6", "- ipv6 - vlan"},
+    {"the port's families replace its VLAN's", "ip a vip a6", "udp | udp6", "ipv4 -"},
+    {"source guard on the port, inspection on the port", "ip p6", "udp | udp6 | request", "ipv4 ipv6 -"},
+    {"source guard in the VLAN", "vip v6", "udp6 | q10 udp6 | q20 udp6 | request", "ipv6 ipv6 - -"},
     {"inspection in the VLAN, source guard on the port", "ip m varp v", "reply | q20 reply | q20 udp", "arp - ipv4"},
     {"exempt from one feature, or from the other", "ip x vip v varp v", "udp6 | reply | q10 q20 q20 udp", "- arp unclear"},
-    {"a trapped frame needs no rule, if it is for a client or a server", "trap 46 ip a", "v4 68 67 | udp at 20 11110044 | udp6 at 40 11110222 | udp at 20 00440035 | udp6 at 40 02220035", "4 4 6 ipv4 ipv6"},
+    {"a trapped frame needs no rule, if it is for a client or a server", "trap 46 ip a6", "v4 68 67 | udp at 20 11110044 | udp6 at 40 11110222 | udp at 20 00440035 | udp6 at 40 02220035", "4 4 6 ipv4 ipv6"},
     {"a disguise of a bound source", "trap 46 ip a rule4 a", "udp at 20 00440035", "4"},
     // clang-format on
 };
@@ -313,12 +316,12 @@ TEST_P(Classifier, GoesByTheItemsOfTheRule)
             for (size_t i = 0; i < 4; i++)
                 items += set >> i & 1 ? std::string(1, "amvp"[i]) : "";
             const std::string rule = " " + kind + " " + items;
-            prepare("ip " + items + " arp " + items + rule);
+            prepare("ip 6" + items + " arp " + items + rule);
             EXPECT_EQ(verdict(frame_of(frames[0])) + verdict(frame_of("q10 " + frames[0])), "--") << rule;
             for (size_t i = 0; i < 4; i++)
                 matter += verdict(frame_of(frames[i + 1]), i == 3 ? "p2" : "p1") == "-" ? "" : std::string(1, "amvp"[i]);
             for (const std::string more : {"a", "m", "v", "p"}) { // is checked too
-                prepare("ip " + items + more + " arp " + items + more + rule);
+                prepare("ip 6" + items + more + " arp " + items + more + rule);
                 suffice += verdict(frame_of(frames[0])) == "-" ? more : "";
             }
             EXPECT_EQ(matter + " " + suffice, items + " " + items) << rule;

@@ -156,6 +156,7 @@ struct Vlans {
 // The traps and the check items in force of all the port's VLANs together.
 void gather_vlans(guard_port &port, const Vlans &vlans)
 {
+    bool v4 = false;
     port.vlans = {};
     port.vlan_items = {};
     for (size_t word = 0; word < std::size(port.members); word++) {
@@ -165,8 +166,11 @@ void gather_vlans(guard_port &port, const Vlans &vlans)
             port.vlans.inherited |= vlans.traps[vid].inherited;
             port.vlan_items.ip |= vlans.items[vid].ip;
             port.vlan_items.arp |= vlans.items[vid].arp;
+            v4 = v4 || (vlans.items[vid].ip != 0 && (vlans.items[vid].ip & GUARD_NOT_4) == 0);
         }
     }
+    if (v4)
+        port.vlan_items.ip = static_cast<uint8_t>(port.vlan_items.ip & ~GUARD_NOT_4);
 }
 
 bool is_there(uint32_t ifIndex)
@@ -403,7 +407,8 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
     if (guard.object == nullptr)
         return EOPNOTSUPP;
     guard_port port = {};
-    bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
+    if (bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+        port.left_until = NEVER_A_PORT;
     const bool isNew = !guard.known.contains(ifIndex) && !guard.parted.contains(ifIndex);
     Filters filters;
     // An index that an earlier run left in the maps is the same device only if the filter is still on it.

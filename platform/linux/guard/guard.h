@@ -123,9 +123,10 @@ guard_items guard_config_get(const GuardPlace &place);
 std::map<GuardPlace, guard_items> guard_config_all();
 int guard_config_set(const GuardPlace &place, const guard_items &items);
 
-// Check items as they are to be, in force or not yet; 0 = off, GUARD_EXEMPT alone = exempt.
+// Check items as they are to be, in force or not yet, with the families of IP source guard; 0 = off,
+// GUARD_EXEMPT alone = exempt.
 uint8_t guard_wanted(const guard_items &items, GuardFeature feature);
-// The same for the daemon, which knows of no exemption: 0 = off or exempt.
+// The same for the daemon, which knows of neither exemption nor families: 0 = off or exempt.
 inline uint8_t guard_checked(const guard_items &items, GuardFeature feature)
 {
     return guard_wanted(items, feature) & GUARD_CHECK_ALL;

@@ -148,7 +148,7 @@ uint8_t guard_wanted(const guard_items &items, GuardFeature feature)
 {
     const Bytes bytes = bytes_of(feature);
     const uint8_t wanted = guard_pending(items, feature) ? items.*bytes.pending : items.*bytes.inForce;
-    return wanted & (GUARD_CHECK_ALL | GUARD_EXEMPT);
+    return wanted & (GUARD_CHECK_ALL | GUARD_EXEMPT | GUARD_FAMILY_6 | GUARD_NOT_4);
 }
 
 bool guard_pending(const guard_items &items, GuardFeature feature)

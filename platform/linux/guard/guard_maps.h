@@ -7,7 +7,7 @@
 
 #include <linux/types.h>
 
-#define GUARD_LAYOUT 5
+#define GUARD_LAYOUT 6
 #define GUARD_PORTS_MAX 4096
 #define GUARD_VLANS 4096
 
@@ -38,6 +38,10 @@ struct guard_state {
 #define GUARD_CHECK_PORT 0x10
 #define GUARD_CHECK_ALL 0xF0
 #define GUARD_EXEMPT 0x01 /* alone, in a port's guard_items byte: the port does not follow its VLANs' */
+
+/* IP source guard alone, beside its check items: the families that it checks. Neither: IPv4. */
+#define GUARD_FAMILY_6 0x02 /* IPv6 as well */
+#define GUARD_NOT_4 0x04    /* not IPv4 */
 
 /* Maps guard_port_items, a hash by interface index, and guard_vlan_items, an array by VLAN id: where IP
  * source guard and ARP inspection stand, by the check items that bindings are to be installed with; 0 = off

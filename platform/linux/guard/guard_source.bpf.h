@@ -147,37 +147,40 @@ VERIFIED_ALONE int is_ruled(struct source *source, __u32 ifindex, __u32 vid, __u
     return (int)search.found;
 }
 
-static __always_inline __u32 word_of(struct guard_items items)
+// What a place checks of a frame of this kind.
+static __always_inline __u32 items_of(const struct guard_items *place, __u32 kind)
 {
-    __u32 word;
-    _Static_assert(sizeof word == sizeof items, "");
-    __builtin_memcpy(&word, &items, sizeof word);
-    return word;
+    __u32 ip = place->ip, items = 0;
+
+    if ((kind & FAMILY_V4 && !(ip & GUARD_NOT_4)) || (kind & FAMILY_V6 && ip & GUARD_FAMILY_6))
+        items = kind & IS_IP ? ip : 0;
+    if (kind & IS_ARP)
+        items |= place->arp;
+    return items & GUARD_CHECK_ALL;
 }
 
-// The items checked at a place, for a frame of this kind; 0 = nothing is checked.
+// The items checked of a frame of this kind; 0 = nothing is checked. A feature that is on at the port, or
+// from which the port is exempt, counts there in place of its VLAN's.
 VERIFIED_ALONE int items_checked(__u32 ifindex, __u32 vid, __u32 known, __u32 kind)
 {
-    __u32 wanted = word_of((struct guard_items){.ip = kind & IS_IP ? GUARD_CHECK_ALL : 0,
-                                                .arp = kind & IS_ARP ? GUARD_CHECK_ALL : 0});
     const struct guard_items *own = bpf_map_lookup_elem(&guard_port_items, &ifindex);
-    __u32 exempt = 0, items = 0;
+    __u32 items = 0, left = kind;
 
     if (own) {
-        items = word_of(*own) & wanted;
-        exempt = word_of(*own) & word_of((struct guard_items){.ip = GUARD_EXEMPT, .arp = GUARD_EXEMPT});
+        items = items_of(own, kind);
+        if (own->ip)
+            left &= ~IS_IP;
+        if (own->arp)
+            left &= ~IS_ARP;
     }
-    if (!items && known) {
+    if (items || !(left & (IS_IP | IS_ARP)))
+        return (int)items;
+    if (known) {
         const struct guard_items *vlan = bpf_map_lookup_elem(&guard_vlan_items, &vid);
-        if (vlan)
-            items = word_of(*vlan);
-    } else if (!items) {
-        const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &ifindex);
-        if (port)
-            items = word_of(port->vlan_items);
+        return vlan ? (int)items_of(vlan, left) : 0;
     }
-    items &= wanted & ~(exempt * 0xFF);                             // each byte's bit, all over the byte
-    return (items | items >> 8 | items >> 16 | items >> 24) & 0xFF; // whichever byte they stand in
+    const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &ifindex);
+    return port ? (int)items_of(&port->vlan_items, left) : 0;
 }
 
 // Why a packet must not go on; GUARD_REASONS when it may. Its kind and its place can be told.
