@@ -11,7 +11,6 @@ const Bytes ID82 = hex_bytes("52 14 01 08 00 06 00 0a 01 00 00 01 02 08 00 06 02
 
 const Row ROWS[] = {
     // forged hardware address
-    {"its own MAC", "mac-check", {}, "2 292 | .50 asked 1/10"},
     {"another's MAC", "mac-check", {.chaddr = MAC_CLIENT2, .forged = true}, " | 1 drops mac 1", "Source mac in pkt 02:c1:00:00:00:01 and client mac 02:c1:00:00:00:02 don't match,stop process!"},
     // bound clients
     {"a renewal that is right in everything", "bound check", {.ciaddr = HOST, .srcIp = HOST, .address = 0}, "2 286 | .50 bound 1/10"},

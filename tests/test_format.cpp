@@ -8,10 +8,10 @@ namespace
 using namespace std::string_literals;
 
 // Expansion of exactly these bytes; behind them stands what must not be read, behind the output what must not be written.
-std::string expand(const std::string &text, uint32_t room = 768, bool interface = true)
+std::string expand(const std::string &text, uint32_t room = 768)
 {
     DhcpsnoopPktInfo info = {};
-    info.ifp = interface ? dhcpsnoop_if_lookup(110) : nullptr;
+    info.ifp = dhcpsnoop_if_lookup(110);
     info.ifIndex = 7;
     info.svlan = 10;
     info.cvlan = 20;
@@ -52,27 +52,23 @@ TEST_F(Format, Expansion)
         {"%S %r %s %c %l %d", expand("%S %r %s %c %l %d"), "102 103 10 20 0 " + MAC},
         {"%Q%A%Z%a%z", expand("%Q%A%Z%a%z"), "00000"},
         // literal percent signs
-        {"%1a%s", expand("%1a%s"), "%1a10"},
         {"beside the letters on either side", expand("%@%[%`%{"), "%@%[%`%{"},
         // the end of the template
         {"the length cuts a conversion: an 's' stands behind it", expand("a%"), "a%"},
         {"without another percent sign a run goes on to the length, NULs included", expand("%1\0ab"s), "%1\0ab"s},
         {"the search for it stops at a NUL: the rest is the run, conversions too", expand("%1\0%s"s), "%1\0%s"s},
         // the room and the limit of 255
-        {"ordinary bytes up to the room", expand("abc", 2), "ab"},
         {"they fit into 6", expand("%d", 6), MAC},
         {"and is never cut", expand("%s%s", 3), "10"},
         {"a conversion up to 255", expand(many(253) + "%s"), many(253) + "10"},
         {"a run up to 255", expand(many(253) + "%1"), many(253) + "%1"},
         {"not beyond", expand(many(254) + "%1"), many(254)},
         {"Kept: the room is compared with the length before the run, which may pass it", expand("a%1234567", 2), "a%1234567"},
-        {"up to the next percent sign", expand("a%1234567%s", 2), "a%1234567"},
         {"but does not begin behind it", expand("ab%1234567", 2), "ab"},
     });
     world.clear();
     expand("%D%1%d%%%Q"); // every letter asks for the location
     EXPECT_EQ(world.questions("qorIndexTrans"), Lines(3, "qorIndexTrans 7 6"));
-    EXPECT_EQ(expand("%d%i%y", 768, false), many(6, '\0') + "070") << "without an interface";
     port.number = 0xFFFFFFFF;
     port.location = {0, 0x80000000, 0x7FFFFFFF};
     EXPECT_EQ(expand("%y %S %r"), "-1 -2147483648 2147483647");
@@ -93,7 +89,6 @@ TEST_F(Format, Check)
         {"a conversion at the end needs its terminator counted", checked("%s"), "-1"},
         {"a lone percent sign", checked("%"), "-1"},
         {"what stands behind a NUL does not count", checked("ab\0%sx"s), "0"},
-        {"bytes of 128 and above are no letters", checked("%\xC4\0"s), "0"},
     });
     const std::string delimiters = " ./:;[]{}<>()\0"s;
     for (int32_t c = -300; c < 600; c++) {

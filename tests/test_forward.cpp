@@ -70,7 +70,6 @@ using Forward = Daemon;
 TEST_F(Forward, WhoGetsItWithWhichTags)
 {
     check({
-        {"untagged to tagged", tagged(AS_IT_IS, {}), "8100.000a | 8100.000a | 8100.001e | 8100.001e | 8100.001e | "},
         {"a tag that is kept keeps its priority, unless flooding into another VLAN replaces the whole field", tagged(AS_IT_IS, {IN10}), "8100.600a | 8100.600a | 8100.600a | 8100.001e | 8100.001e | "},
         {"tagged to a routed port that sends tagged: its mode plays no part where the port is asked in any case", tagged(ROUTED, {IN10}), "bare | 8100.600a | bare | 8100.001e | 8100.001e | "},
         {"the port's own TPID", tagged([](WorldPort &port) { port.tpid = 0x9100; }, {}), "9100.000a | 9100.000a | 9100.001e | 9100.001e | 9100.001e | "},

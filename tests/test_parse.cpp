@@ -57,7 +57,6 @@ TEST_F(Parse, Ladder)
         {"more received than the buffer counts as the buffer", recorded(Frame{.ipTotalLen = 2035, .padding = Bytes(65535 - 286, 0)}), "refused ! Len checking failed, ethernet header 14, ip header 20, total 2049, received 2048!"},
         {"not UDP", recorded(Frame{.protocol = 6}), "refused ! This is not a udp packet!"},
         {"ports 1234 to 67", recorded(Frame{.srcPort = 1234, .dstPort = 67}), "type 1 end @3"},
-        {"ports 68 to 1234", recorded(Frame{.srcPort = 68, .dstPort = 1234}), "type 1 end @3"},
         {"ports 66 to 69", recorded(Frame{.srcPort = 66, .dstPort = 69}), "refused ! This is not a dhcp packet!"},
         {"UDP length beyond the IP body", recorded(Frame{.udpLen = 253}), "refused ! Udp len 253 must not exceed ip body len 252!"},
         {"UDP length short of the IP body", recorded(Frame{.udpLen = 251}), ""},
@@ -70,17 +69,6 @@ TEST_F(Parse, Ladder)
         {"the UDP header ends the buffer", recorded(Bytes(2020, 0) + hex_bytes("45 00 00 1c 00 00 00 00 00 11") + Bytes(18, 0), {.l2 = 2020, .etherType = 0x0800}), "refused ! This is not a dhcp packet!"},
         {"but what the IP header there holds is looked at", recorded(Bytes(2028, 0) + hex_bytes("45 00 f8 14 00 00 00 00 00 06") + Bytes(10, 0), IP_AT_2028), "refused ! This is not a udp packet!"},
     });
-}
-
-TEST_F(Parse, WithoutFullParseOnlyHeaders)
-{
-    DhcpsnoopRxPkt rx = rx_packet(Frame{.udpLen = 7}), other = rx_packet(Frame{.srcPort = 1, .dstPort = 1});
-    for (const uint32_t full : {0u, 2u}) { // anything but 1
-        DhcpsnoopPktInfo info;
-        EXPECT_TRUE(dhcpsnoop_packet_parse(&other, &info, full) == -1 && dhcpsnoop_packet_parse(&rx, &info, full) == 0);
-        EXPECT_TRUE(info.udpHdr == rx.data + 34 && info.udpLenField == nullptr && info.dhcpMsg == nullptr && info.udpLen == 0);
-        EXPECT_TRUE(unsaid("svlan 4096, cvlan 10.").empty() && info.svlan == 10 && info.cvlan == 0); // 4096 is only printed
-    }
 }
 
 std::string options(const char *area, uint32_t ciaddr = 0, uint32_t yiaddr = 0) { return recorded(Frame{.ciaddr = ciaddr, .yiaddr = yiaddr, .options = hex_bytes(area)}); }
@@ -100,9 +88,7 @@ TEST_F(Parse, Options)
         {"nor behind an end that comes first", options("ff 00 35 01 06 00"), "end @0"},
         {"the last occurrence wins", options("35 01 05 35 01 06 ff"), "type 6 end @6"},
         {"an option whose length passes the area ends the walk", options("35 01 05 36 05 0a 00 00 01"), "type 5"},
-        {"an unknown option is passed over", options("0c 02 61 62 35 01 03 ff"), "type 3 end @7"},
         {"message type of length 2", options("35 02 05 05 ff"), "end @4 ! Option length must be 1 octets."},
-        {"lease of length 8", options("33 08 00 00 0e 10 00 00 0e 10 ff"), "end @10 ! Option length must be 4 octets."},
         {"router: the first of two", options("03 08 0a 00 00 01 0a 00 00 02 ff"), "router a000001 end @10"},
         {"router of length 6", options("03 06 0a 00 00 01 0a 00 ff"), "end @8 ! Option length must always be a multiple of 4."},
         {"router of length 0 reads the 4 bytes that follow", options("03 00 35 01 05 ff"), "type 5 router 350105ff end @5"},
@@ -111,7 +97,6 @@ TEST_F(Parse, Options)
         {"the first item 1 counts", options("3c 0c 01 04 00 00 00 07 01 04 00 00 00 09 ff"), "tag 7 opt60 @0 end @14"},
         {"an item whose data lies behind the option", options("3c 02 01 04 ff 00 00 01"), "tag ff000001 opt60 @0 end @4"},
         {"what follows the option is no item", options("3c 02 07 00 01 04 00 00 00 09 ff"), "opt60 @0 end @10"},
-        {"each sub-option", options("52 09 01 01 61 02 01 62 09 01 63 ff"), "opt82 @0 circuit @2 remote @5 sub9 @8 end @11"},
         {"what follows the option is no sub-option", options("52 03 01 01 61 02 01 00 ff"), "opt82 @0 circuit @2 end @8"},
         {"its header astride the option's end", options("52 01 02 ff"), "opt82 @0 remote @2 end @3"},
         {"nor those of length 255", options("52 05 03 ff 00 01 00 ff"), "opt82 @0 end @7"},

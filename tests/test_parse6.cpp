@@ -114,24 +114,23 @@ TEST_F(Parse6, NothingIsReadBehindTheBuffer)
     constexpr size_t HALF = 65536;
     auto *memory = static_cast<uint8_t *>(mmap(nullptr, 2 * HALF, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_EQ(mprotect(memory + HALF, HALF, PROT_NONE), 0);
-    const auto parse = [memory](uint32_t l2, const Bytes &packet, uint32_t frameLen, uint32_t full) {
+    const auto parse = [memory](uint32_t l2, const Bytes &packet) {
         DhcpsnoopPktInfo info = {};
         info.frame = memory + HALF - 2048;
-        info.frameLen = frameLen;
+        info.frameLen = 2048;
         info.l2HdrLen = l2;
         info.ipHdr = info.frame + l2;
         memcpy(info.ipHdr, packet.data(), 2048 - l2);
-        return dhcp6snoop_packet_parse(&info, full) != 0 || info.udpHdr != nullptr || info.ipBodyLen != 0;
+        dhcp6snoop_packet_parse(&info, 1);
     };
     Bytes packet = Frame6{.options = FULL, .padding = Bytes(14, 0)};
     packet.erase(packet.begin(), packet.begin() + 14);
-    EXPECT_FALSE(parse(14, packet, 56, 0) || parse(14, packet, 56, 2)) << "without the full parse only the port is tested";
     for (const uint8_t next : Bytes{17, 0, 43, 60}) { // UDP, then extension headers without end
         for (size_t i = next == 17 ? 2048 : 40; i < 2048; i++)
             packet[i] = i % 8 == 0 ? next : 0;
         packet[6] = next;
         for (uint32_t l2 = 14; l2 <= 2048; l2++)
-            parse(l2, packet, 2048, 1);
+            parse(l2, packet);
     }
     munmap(memory, 2 * HALF);
 }

@@ -33,7 +33,6 @@ const Word WORDS[] = {
 const Row ROWS[] = {
     // trust
     {"an OFFER of a rogue server", "port3 bound", {.type = OFFER, .arrival = Arrival{.port = 3}}, " | .50 bound 1/10 | 3 drops untrusted 1", UNTRUSTED},
-    {"its NAK unbinds nothing", "port3 bound by-server", {.type = NAK, .arrival = Arrival{.port = 3}}, " | .50 bound 1/10 by .1 | 3 drops untrusted 1", UNTRUSTED},
     {"on a VLAN interface, trusted or not", "trusted-vlan-if bound", {.type = ACK, .arrival = Arrival{.port = 9, .inIf = 110}}, " | .50 bound 1/10", "Vlan interface do not process the DHCP Reply message!"},
     // learning
     {"a server is learned", "learning", {.type = OFFER}, "1 298 | server .1 2/10"},
@@ -49,7 +48,6 @@ const Row ROWS[] = {
     {"a relayed offer, nobody waits", "port3", {.type = OFFER, .giaddr = RELAY}, "1 298, 3 298", FLOODED(10, 298)},
     {"flooded to the members of a VLAN interface", "vlan-if members", {.type = OFFER}, "1 298, 9 302, 2 298", FLOODED(10, 298)},
     {"a NAK never asks who waits", "port3 waiting", {.type = NAK, .giaddr = RELAY}, "1 292, 3 292 | waits 1", FLOODED(10, 292)},
-    {"a NAK whose port is not in use: flooded in the binding's VLAN", "port3 port4 bound unused", {.type = NAK, .arrival = VLAN20}, "3 292 | .50 bound 1/10", FLOODED(10, 292)},
     // what a NAK unbinds
     {"of the server of the binding", "port3 bound by-server", {.type = NAK}, "1 292"},
     {"of another server: kept but delivered", "port3 bound by-server", {.type = NAK, .server = SERVER + 1}, "1 292 | .50 bound 1/10 by .1"},

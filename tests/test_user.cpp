@@ -51,7 +51,6 @@ const Row ROWS[] = {
     {"not a third, neither on the port", THEN, {.address = HOST + 2}, " | .50 bound 1/10 | .51 asked 3/10"},
     {"Kept: a changed entry is gone before the limit is looked at", "bound no-users", {.chaddr = MAC_CLIENT2}, ""},
     {"announced, handed to the hook, installed, in this order", "guarded hook asked", {.type = ACK, .more = opt_ip(3, RELAY), .after = 10, .lease = 7200}, "1 304, qorNetlinkSend 16 0 72, deftinstall ip 0a000032 tag 00000063 mac 02 c1 00 00 00 01 one 1 add 1, 256 256, hw +1 .50 f0/80 | .50 bound 1/10 7200s hw 80", "User entry is already exist, update the entry information.|" NOTIFY},
-    {"a lease of 0 is none: the provisional lease stays", "asked", {.type = ACK, .after = 10, .lease = 0}, "1 298 " ASKED},
     {"a router alone", "asked", {.type = ACK, .more = opt_ip(3, RELAY), .after = 10, .lease = 0}, "1 304, qorNetlinkSend 16 0 72 " ASKED, NOTIFY},
     {"an address that nobody asked for creates nothing", "asked", {.type = ACK, .address = HOST + 1, .after = 10}, "1 298 " ASKED, "User entry 10.0.0.51 isn't exist!"},
     {"a static entry is not changed", "static", {.type = ACK, .more = opt_ip(3, RELAY), .after = 10}, "1 304 | .50 static bound 1/10 10s ago", "There is a static entry with the same ip address!"},
