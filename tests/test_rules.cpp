@@ -66,6 +66,7 @@ void guard_port_hold(uint32_t, bool) {}
 void guard_protecting(bool) {}
 void guard_own_set(const std::set<MacAddress> &) {}
 void model_watch_devices(DeviceWatcher) {}
+bool model_has_file() { return false; }
 void model_devices(DeviceWatcher) {}
 bool guard_mend(uint32_t &, int &) { return false; }
 void model_watch_gone(GoneWatcher) {}
@@ -118,6 +119,8 @@ void move(const std::string &verb, uint32_t ifIndex, uint32_t value)
         port.nativeVid = static_cast<uint16_t>(value);
     else if (verb == "member")
         port.aggregate = value;
+    else if (verb == "bridge")
+        port.bridge = value, port.members.set(port.nativeVid);
     else if (verb == "stp")
         port.stp = StpState::blocking;
     (verb == "gone" ? gone : ports)[ifIndex] = port;
@@ -242,6 +245,9 @@ TEST(TrapRules, Steps)
         {"a VLAN interface goes and comes back", "gone 10; back 10", "remove 10, vlan 100 4 off, vlan 100 6 off, remove 10, vlan 100 4 on"},
         {"its rule is taken back while it is away", "gone 10; off 10 4; back 10", "remove 10, vlan 100 4 off, vlan 100 6 off, port 10 4 off, remove 10"},
         {"on and off anew", "on 10 4; off 10 4; off 5 6", "vlan 100 4 on, vlan 100 4 off, port 5 6 off"},
+        {"a bridge that shares a VLAN with one that snoops", "native 7 30; bridge 7 99999; native 8 30; bridge 8 99998; on 7 4; on 8 4; off 7 4; on 8 4; off 8 4",
+         "add 7 30, add 7 30, add 8 30, add 8 30, port 7 4 on, \"swp8: no snooping in VLAN 30 of bridge #99998, which is a VLAN of bridge #99999 too: give the ports of one of them other VLAN numbers (vlan_filtering, vlan_default_pvid)\", port 7 4 off, port 8 4 on, port 8 4 off; 98"},
+        {"without a common VLAN number", "native 9 31; bridge 9 99998; on 9 4; on 7 4", "add 9 31, add 9 31, port 9 4 on, port 7 4 on"},
         // A host with a binding would lose its packets between the coming of the port and of the binding.
         {"a port with a binding goes and comes back", "add a 3 f0; gone 3; back 3", "+" FULL ", remove 3, -" FULL ", +" FULL ", add 3 1"},
     };

@@ -17,6 +17,7 @@
 #include "report.h"
 #include "subscribers.h"
 #include "switch_model.h"
+#include "vlan_bridge.h"
 
 using namespace platform_linux;
 
@@ -193,9 +194,11 @@ int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
         return EINVAL;
     if (vid == 0 || vid >= VlanSet().size())
         return EINVAL;
-    // With several bridges the VLAN is that of the bridge below its interface.
+    // With several bridges the VLAN is that of the bridge that snoops in it, or below its interface.
     const Port *interface = model_port(model_vlan_interface(static_cast<uint16_t>(vid)));
-    const uint32_t bridge = interface != nullptr && !switch_model().conf() ? interface->bridge : 0;
+    uint32_t bridge = vlanBridges[vid];
+    if (bridge == 0 && interface != nullptr && !switch_model().conf())
+        bridge = interface->bridge;
     auto *out = static_cast<uint8_t *>(list->data);
     uint32_t used = 0;
     bool member = false;
@@ -250,7 +253,7 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
         return -1;
     const uint32_t vid = static_cast<const SysIfQuery *>(buffer)->vid;
     if (attribute == QOR_SYS_EXCLUDED)
-        return port->sends(vid) ? 0 : -1;
+        return port->sends(vid) && vlan_is_of(vid, port->bridge) ? 0 : -1;
     if (attribute == QOR_SYS_UNTAGGED)
         return port->routed || (vid < port->untagged.size() && port->untagged[vid]) ? 1 : 0;
     return -1;

@@ -20,6 +20,7 @@
 #include "platform_numbers.h"
 #include "protocol.h"
 #include "report.h"
+#include "vlan_bridge.h"
 #include "wire.h"
 
 namespace platform_linux
@@ -171,7 +172,7 @@ ssize_t platform_frame_recv(int sock, struct msghdr *msg)
     if (port == nullptr)
         return no_frame(EAGAIN);
     const uint16_t outer = tags.outer != 0 ? tags.outer : port->nativeVid;
-    if (!port->receives(outer))
+    if (!port->receives(outer) || !vlan_is_of(outer, port->bridge))
         return no_frame(EAGAIN);
     // A priority tag that left a tagged port as it is would say that port's native VLAN.
     if (tags.outer == 0 && wire_get16(frame + ETH_TYPE) == port->tpid)

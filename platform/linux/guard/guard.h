@@ -36,7 +36,8 @@ namespace platform_linux
 int32_t trap_start(uint32_t bindings);
 
 // The trap of one family (4 or 6) on a port or aggregate; on a VLAN interface that VLAN on every port. ENODEV
-// no such port, EOPNOTSUPP no eBPF here, or why the classifier could not be attached. Off for an index that
+// no such port, EOPNOTSUPP no eBPF here, EADDRINUSE, reported, where another bridge snoops in a VLAN of the
+// port's number, or why the classifier could not be attached. Off for an index that
 // is not there (any more) is 0.
 int32_t trap_set(uint32_t ifIndex, int family, bool on);
 

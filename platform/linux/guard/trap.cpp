@@ -12,6 +12,7 @@
 #include "model.h"
 #include "protect.h"
 #include "report.h"
+#include "vlan_bridge.h"
 
 namespace platform_linux
 {
@@ -25,6 +26,64 @@ struct Rule {
     bool v4, v6;
 };
 std::map<uint32_t, Rule> rules;
+
+std::string bridge_name(uint32_t ifIndex)
+{
+    char name[IF_NAMESIZE];
+    return if_indextoname(ifIndex, name) != nullptr ? name : "#" + std::to_string(ifIndex);
+}
+
+// Calls `see` for every port of a bridge that snoops, with its VLANs.
+template <typename See> void snooping_ports(const See &see)
+{
+    for (const auto &[ifIndex, rule] : rules) {
+        const Port *port = model_port(ifIndex);
+        if (port != nullptr && port->bridge != 0 && (rule.v4 || rule.v6) && !model_has_file())
+            see(*port, rule.vid != 0 ? VlanSet().set(rule.vid) : port->members);
+    }
+}
+
+// A bridge keeps the VLANs that it has while some port of it snoops there.
+void share_vlans()
+{
+    VlanBridges bridges = {};
+    for (const bool keep : {true, false}) {
+        snooping_ports([&bridges, keep](const Port &port, const VlanSet &vlans) {
+            for (size_t vid = vlans._Find_first(); vid < vlans.size(); vid = vlans._Find_next(vid))
+                if (bridges[vid] == 0 && (!keep || vlanBridges[vid] == port.bridge))
+                    bridges[vid] = port.bridge;
+        });
+    }
+    vlanBridges = bridges;
+}
+
+// A VLAN interface's trap takes the frames of all ports in its VLAN.
+bool is_another_bridges(const Port &port)
+{
+    uint32_t bridge = 0;
+    size_t shared = 0;
+    const VlanSet vlans = port.vlan != 0 ? VlanSet().set(port.vlan) : port.members;
+    const auto look = [&](uint32_t other, const VlanSet &theirs) {
+        const VlanSet common = vlans & theirs;
+        if (other == port.bridge || bridge != 0 || common.none())
+            return;
+        bridge = other;
+        shared = common._Find_first();
+    };
+    if (port.bridge == 0 || model_has_file())
+        return false;
+    snooping_ports([&look](const Port &other, const VlanSet &theirs) { look(other.bridge, theirs); });
+    for (const auto &[ifIndex, other] : model_ports())
+        if (port.vlan != 0 && other.bridge != 0)
+            look(other.bridge, other.members);
+    if (bridge != 0)
+        platform_report(
+            LOG_ERR,
+            "%s: no snooping in VLAN %zu of bridge %s, which is a VLAN of bridge %s too: give the ports of "
+            "one of them other VLAN numbers (vlan_filtering, vlan_default_pvid)",
+            port.name, shared, bridge_name(port.bridge).c_str(), bridge_name(bridge).c_str());
+    return bridge != 0;
+}
 
 // A member of an aggregate does not: its frames count where they come in once more, on the aggregate.
 bool receives_itself(const Port &port) { return port.kind != PortKind::vlanInterface && port.aggregate == 0; }
@@ -81,6 +140,7 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
         protect_port_gone(port.ifIndex);
         guard_port_remove(port.ifIndex, GUARD_LEFT_SECONDS);
         vlan_interface_gone(port.ifIndex);
+        share_vlans();
         return;
     }
     if (change == ModelChange::appeared || before == nullptr || port.nativeVid != before->nativeVid ||
@@ -89,6 +149,8 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
         follow(port);
     if (change == ModelChange::appeared && port.kind == PortKind::vlanInterface)
         vlan_interface_back(port);
+    if (before == nullptr || port.members != before->members || port.bridge != before->bridge)
+        share_vlans();
 }
 
 } // namespace
@@ -152,6 +214,8 @@ int32_t trap_set(uint32_t ifIndex, int family, bool on)
     uint16_t vid = known != rules.end() ? known->second.vid : 0;
     if (port != nullptr && port->kind == PortKind::vlanInterface)
         vid = port->vlan;
+    if (on && port != nullptr && is_another_bridges(*port))
+        return EADDRINUSE;
     const int error = vid != 0 ? guard_trap_vlan(vid, family, on) : guard_trap_port(ifIndex, family, on);
     if (error != 0 && (on || error != ENODEV))
         return error;
@@ -160,6 +224,7 @@ int32_t trap_set(uint32_t ifIndex, int family, bool on)
     (family == 4 ? rule.v4 : rule.v6) = on;
     if (!rule.v4 && !rule.v6)
         rules.erase(ifIndex);
+    share_vlans();
     return 0;
 }
 

@@ -23,6 +23,10 @@ uint32_t model_vlan_interface(uint16_t vid);
 // Everything there is now, ascending by index.
 const std::map<uint32_t, Port> &model_ports();
 
+// Whether the switch is described by a file, whose VLAN numbers are one space for the whole box. Else each
+// bridge has its own (vlan_bridge.h).
+bool model_has_file();
+
 // This unit's number, and its role at the start.
 uint32_t model_system();
 DhcpsnoopRole model_role();

@@ -200,6 +200,8 @@ uint32_t model_vlan_interface(uint16_t vid) { return theModel.vlan_interface(vid
 
 const std::map<uint32_t, Port> &model_ports() { return theModel.ports(); }
 
+bool model_has_file() { return theModel.conf().has_value(); }
+
 uint32_t model_system() { return theModel.conf() ? theModel.conf()->system : 1; }
 
 DhcpsnoopRole model_role() { return theModel.conf() ? theModel.conf()->role : DHCPSNOOP_ROLE_NONE; }
