@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <malloc.h>
+#include <regex>
 #include <sanitizer/allocator_interface.h>
 #include <sanitizer/asan_interface.h>
 
@@ -62,31 +63,17 @@ void hand_frame(const DhcpsnoopRxPkt &rx)
 void prepare_daemon(uint8_t preset)
 {
     const uint32_t form = preset & 7;
+    std::string steps = world_format("if.set 8 # = %d;if.set 9 # = %d;if.set 7 # 'some text;if.set 34 # = %u;", preset >> 3 & 3, preset >> 5 & 1, (preset & 0x40) != 0 ? 0xC0000201 : 0);
+    for (const char *on : {"4", "11", "13"})
+        steps = world_format("if.set %s # = %d;", on, form != 0) + steps;
+    for (const int format : {30, 31, 32, 33})
+        steps += world_format("if.set %d # = %c;", format, "03434506"[form]);
+    for (const int text : {5, 6, 12, 14})
+        steps += form < 3 || form > 5 ? "" : world_format("if.set %d # ", text) + (form == 5 ? "'%D/%N.%i:%y %S-%r %s.%c%l;" : ": 0909 736f6d652074657874;");
+    steps += (preset & 0x80) != 0 ? "if.set 16 # = 1;if.set 17 # = 1;if.set 18 # = 2;" : "";
     for (const std::string n : {"1", "2", "3", "4", "5", "6", "20", "30"}) {
-        const auto set = [&n](std::initializer_list<int> attributes, const std::string &value) {
-            for (const int attribute : attributes)
-                apply("if.set " + std::to_string(attribute) + " " + n + " " + value);
-        };
-        set({1}, "= 1");
-        set({2}, "= 3");
-        if (n == "3" || n == "4" || n == "6") {
-            set({3}, "= 1");
-            continue;
-        }
-        set({4, 11, 13}, form != 0 ? "= 1" : "= 0");
-        set({30, 31, 32, 33}, std::string("= ") + "03434506"[form]);
-        if (form >= 3 && form <= 5)
-            set({5, 6, 12, 14}, form == 5 ? "'%D/%N.%i:%y %S-%r %s.%c%l" : ": 0909 736f6d652074657874");
-        set({8}, "= " + std::to_string(preset >> 3 & 3));
-        set({9}, (preset & 0x20) != 0 ? "= 1" : "= 0");
-        set({7}, "'some text");
-        if ((preset & 0x40) != 0)
-            set({34}, "= 0xC0000201");
-        apply("server.set 1 " + n + " .1 = 1;server.set 1 " + n + " 0xC6336401 = 1");
-        if ((preset & 0x80) != 0) {
-            set({16, 17}, "= 1");
-            set({18}, "= 2");
-        }
+        const bool trusted = n == "3" || n == "4" || n == "6";
+        apply(std::regex_replace("if.set 1 # = 1;if.set 2 # = 3;" + (trusted ? "if.set 3 # = 1" : steps + "server.set 1 # .1 = 1;server.set 1 # 0xC6336401 = 1"), std::regex("#"), n));
     }
     if (form == 6)
         for (DhcpsnoopOptionFormat *format : {&gDhcpsnoop.circuitIdFmt, &gDhcpsnoop.remoteIdFmt, &gDhcpsnoop.interfaceIdFmt, &gDhcpsnoop.remoteId6Fmt})

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <linux/rtnetlink.h>
 #include <map>
+#include <utility>
 
 #include "guard.h"
 #include "guard_events.h"
@@ -60,21 +61,14 @@ struct Story {
 
     void hear_link(uint16_t type, uint32_t ifIndex, const DaemonEvent &event)
     {
-        const auto attribute = type == RTM_DELLINK ? 0 : get<uint16_t>(event, 34);
-        if (ifIndex == 0 || ((type == RTM_DELLINK || attribute == 38) && memberOf.contains(ifIndex)))
-            fault("interface %u goes or joins while it is in an aggregate", ifIndex);
-        if (type == RTM_DELLINK)
-            return;
-        const auto member = get<uint32_t>(event, 36);
-        const auto told = memberOf.find(member);
-        if (event.length != 40 || get<uint16_t>(event, 32) != 8 || member == 0 || (attribute != 38 && attribute != 52 && attribute != 53))
+        const bool gone = type == RTM_DELLINK;
+        const auto attribute = gone ? uint16_t{38} : get<uint16_t>(event, 34);
+        const auto member = attribute == 38 ? ifIndex : get<uint32_t>(event, 36);
+        if (ifIndex == 0 || member == 0 || (!gone && (event.length != 40 || get<uint16_t>(event, 32) != 8)))
             fault("not one attribute of one word");
-        if (attribute == 52 && !memberOf.emplace(member, ifIndex).second)
-            fault("port %u is added twice", member);
-        if (attribute == 53 && (told == memberOf.end() || told->second != ifIndex))
-            fault("port %u leaves aggregate %u, in which it is not", member, ifIndex);
-        if (attribute == 53)
-            memberOf.erase(told);
+        const uint32_t was = std::exchange(memberOf[member], attribute == 52 ? ifIndex : 0);
+        if (attribute == 53 ? was != ifIndex : was != 0 || (attribute != 38 && attribute != 52))
+            fault("attribute %u of interface %u, and port %u was in aggregate %u", attribute, ifIndex, member, was);
     }
 };
 
@@ -125,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     model.dump_end(false, events);
     story.hear(events);
     for (const auto &[ifIndex, port] : model.ports())
-        if (port.aggregate != (story.memberOf.contains(ifIndex) ? story.memberOf[ifIndex] : 0))
+        if (port.aggregate != story.memberOf[ifIndex])
             fault("port %u is in aggregate %u, the daemon was told otherwise", ifIndex, port.aggregate);
     return 0;
 }

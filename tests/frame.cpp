@@ -111,7 +111,7 @@ Bytes Frame::bytes() const
 {
     const Bytes udp = udp_datagram(srcPort, dstPort, udpLen, udpChecksum, message(), be32(srcIp) + be32(dstIp));
     const size_t headerLen = 20 + ipOptions.size();
-    Bytes ip = {static_cast<uint8_t>(ipVersion << 4 | headerLen / 4), 0};
+    Bytes ip = {static_cast<uint8_t>(ipVersion * 16u + headerLen / 4), 0};
     ip = ip + be16(ipTotalLen.value_or(static_cast<uint16_t>(headerLen + udp.size())));
     ip = ip + be32(0) + Bytes{64, protocol} + be16(0) + be32(srcIp) + be32(dstIp) + ipOptions;
     put16(ip, 10, ipChecksum.value_or(internet_checksum(ip)));
