@@ -208,6 +208,7 @@ const std::map<std::string, void (*)(const uint32_t *n)> WORLD_STEPS = {
     {"scalar", [](const uint32_t *n) { world.hwScalars[n[0]] = n[1]; }}, // of hardware; value
     {"role", [](const uint32_t *n) { world.role(static_cast<DhcpsnoopRole>(n[0])), dhcpsnoop_running_role_get(); }},
     {"items", [](const uint32_t *n) { world.ipsg[n[0]].items = world.dai[n[0]].items = static_cast<uint8_t>(n[1]); }}, // checked on an interface
+    {"enabled", [](const uint32_t *n) { world.ipsg[n[0]].enabled = world.dai[n[0]].enabled = n[1]; }},                 // the checks of an interface; 1: on
     {"hooks", [](const uint32_t *) { gDhcpsnoop.ipsgIfGet = ipsgIfGetApi, gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi; }},
     {"bind", [](const uint32_t *n) { make_binding(n[0], Mac{2, 0xC1, 0, 0, 0, static_cast<uint8_t>(std::max(n[3], 1u))}, n[1], static_cast<uint16_t>(n[2])); }}, // address, interface, VLAN; client's number, else 1
     {"discover", [](const uint32_t *n) { receive(Frame{}, {.port = n[0]}); }},                                                                                   // on a port
@@ -228,6 +229,8 @@ std::optional<std::string> perform(const std::string &step)
     }
     if (verb == "scan")
         return dhcpsnoop_user_timer_check(), "";
+    if (verb == "enforce") // the binding .50
+        return dhcpsnoop_user_update_hw(binding(HOST), number(values)), "";
     uint32_t n[4] = {};
     if (verb == "set") {
         set_members(values);

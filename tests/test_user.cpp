@@ -156,31 +156,14 @@ TEST_F(User, Rules)
     EXPECT_EQ(unsaid("Delete user in hwapi: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip a00:32::, checkitem 0x80."), "");
 }
 
+const Step ENFORCED[] = {
+    {"the port's, IP source guard first; what is installed is not refreshed; a refused withdrawal leaves it installed; the other is withdrawn all the same; once; a refused install leaves it not installed", "items 1 0x90;items 110 0xc0", "enforce 1;items 1 0xf0;enforce 1;once 1 hw delete;enforce 0;enforce 0;enforce 0;once 1 hw add;enforce 1", "hw +1 .50 90/80; hw +1 .50 90/00 | 10.0.0.50 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#90 dai#90 /  / hw -1 .50 90/80; hw -1 .50 90/00 | 10.0.0.50 hw#80 daiFrom=0 dai=0 / hw -1 .50 90/80 | 10.0.0.50 hw=0 ipsgFrom=0 ipsg=0 /  / hw +1 .50 f0/80; hw +1 .50 f0/00 | 10.0.0.50 hw#40 daiFrom=2 dai#f0"},
+    {"the VLAN's where the port's are off, but the request goes to the port; withdrawn; only 1 is on; a failing answer is off", "enabled 1 0;items 110 0xc0", "enforce 1;enforce 0;enabled 110 2;enforce 1;enabled 110 1;refuse 5 ipsgIfGetApi 110 1;refuse 5 arpAntiAttackIfGetApi 110 1;enforce 1", "hw +1 .50 c0/80; hw +1 .50 c0/00 | 10.0.0.50 hw#c0 ipsgFrom=1 daiFrom=1 ipsg#c0 dai#c0 / hw -1 .50 c0/80; hw -1 .50 c0/00 | 10.0.0.50 hw=0 ipsgFrom=0 daiFrom=0 ipsg=0 dai=0 /  / "},
+    {"a VLAN without interface has none", "enabled 1 0;items 110 0xc0;refuse -1 qorIndexTrans 1,1,1,1,10,3,0 7", "enforce 1", ""},
+};
 TEST_F(User, WhoseCheckItems)
 {
-    const auto update = [](uint32_t add) { return play([add] { return dhcpsnoop_user_update_hw(binding(HOST), add), ""; }); };
-    const auto whose = [&](uint32_t kind, WorldGuard ofPort, WorldGuard ofVlan, uint32_t gone = 0, const char *failing = "-") {
-        prepare("bound");
-        (kind == IPSG ? gDhcpsnoop.ipsgIfGet : gDhcpsnoop.antiArpIfGet) = kind == IPSG ? ipsgIfGetApi : arpAntiAttackIfGetApi;
-        (kind == IPSG ? world.ipsg : world.dai) = {{1, ofPort}, {110, ofVlan}};
-        world.ports.erase(gone);
-        world.refuse(failing, 5);
-        debug(0);
-        const std::string done = update(1);
-        return done + world_format(" asked %zu %zu", world.questions(kind == IPSG ? "ipsg" : "arp").size(), world.questions("qorIndexTrans 1,1,1,1,10,3,0 7").size());
-    };
-    const WorldGuard onPort = {.items = 0x90}, onVlan = {.items = 0xC0}, off = {.enabled = 0, .items = 0x90};
-    check({
-        {"the port's; of ARP inspection; the VLAN's when the port is off; the request goes to the port; only 1 is on, and a failing answer is off; a VLAN without interface is not asked", series({whose(IPSG, onPort, onVlan), whose(DAI, onPort, onVlan), whose(IPSG, off, onVlan), whose(DAI, off, onVlan), whose(IPSG, {.enabled = 2, .items = 0x90}, {.items = 0x40}, 0, "ipsgIfGetApi 110 1"), whose(IPSG, off, onVlan, 110)}), "hw +1 .50 90/80 | 10.0.0.50 hw#80 ipsgFrom=2 ipsg#90 asked 2 0 / hw +1 .50 90/00 | 10.0.0.50 hw#40 daiFrom=2 dai#90 asked 2 0 / hw +1 .50 c0/80 | 10.0.0.50 hw#80 ipsgFrom=1 ipsg#c0 asked 3 1 / hw +1 .50 c0/00 | 10.0.0.50 hw#40 daiFrom=1 dai#c0 asked 3 1 /  asked 2 1 /  asked 1 1"},
-    });
-    prepare("bound guarded");
-    gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi;
-    gDhcpsnoop.daiStarted = 1;
-    world.dai[1] = {.items = 0xC0};
-    debug(0);
-    check({
-        {"IP source guard first; what is installed is not refreshed; a refused withdrawal leaves it installed; the other is withdrawn all the same; once; a refused install leaves it not installed", series({update(1), (world.ipsg[1].items = 0x90, update(1)), (world.refuse("hw delete", 1, 1), update(0)), update(0), update(0), (world.refuse("hw add", 1, 1), update(1))}), "hw +1 .50 f0/80; hw +1 .50 c0/40 | 10.0.0.50 hw#c0 ipsgFrom=2 daiFrom=2 ipsg#f0 dai#c0 /  / hw -1 .50 f0/80; hw -1 .50 c0/40 | 10.0.0.50 hw#80 daiFrom=0 dai=0 / hw -1 .50 f0/80 | 10.0.0.50 hw=0 ipsgFrom=0 ipsg=0 /  / hw +1 .50 90/80; hw +1 .50 c0/40 | 10.0.0.50 hw#40 daiFrom=2 dai#c0"},
-    });
+    check_steps(ENFORCED, [] { prepare("bound"), apply("hooks;debug 0"); });
 }
 
 TEST_F(User, Events)
