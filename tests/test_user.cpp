@@ -21,8 +21,6 @@ const Word WORDS[] = {
     {"gateway", [] { memcpy(&binding(HOST)->gateway, Bytes{10, 0, 0, 254}.data(), 4); }},
     {"hook", [] { gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback; }},
     {"ipv6", [] { make_binding("a00:32::", MAC_CLIENT, 1, 10)->gateway = 9; }},
-    {"uncounted", [] { port()->curUser = 0; }},
-    {"elsewhere", [] { make_binding(HOST, MAC_CLIENT, 77, 20); }},
 };
 
 // The line of the daemon's state that begins so.
@@ -82,7 +80,6 @@ TEST_F(User, LearnedAndDeletedDirectly)
     check({
         {"on a VLAN interface, from a port with an entry; on a VLAN interface, from a trusted port; no room; every field; told", series({learn("vlan-if", {.outer = 20, .inIf = 110}), learn("vlan-if trusted", {.inIf = 110}), learn("no-users", {}), (learn("", {}), state_of("10.0.0.50")), world.texts(Did::Log).at(0)}), "0 | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN / 0 | 0 users, 0 in the VLAN / -1 | 0 users / 10.0.0.50 vid=10 orig=10 if=1 lease=60 type=1 state=4 mark#30 tag#63 server#a000001 mac:02c100000001 / 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 10, leasetime 60.\r\n"},
         {"dynamic; IPv6 is not announced; nor a static one, nor is it counted; nor one of IP source guard", series({deleted("hook vlan-if bound"), deleted("hook ipv6"), deleted("hook bound static gateway").substr(0, 62), deleted("hook bound ipsg gateway")}), "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n | 0 users, 0 in the VLAN / 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip a00:32::\r\n | 0 users / 7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.50\r\n  / 7 1 [DHCPSNOOP] Delete other dhcpsnoop entry: ip 10.0.0.50\r\n | .50 bound 1/10 | 1 users"},
-        {"a count of 0 stays; an absent interface is no fault; no binding", series({deleted("bound uncounted").substr(63), deleted("elsewhere").substr(63), deleted("")}), "| 0 users / | 0 users /  | 0 users"},
     });
     prepare("");
     world.ports[1].name = std::string(70, 'n'); // longer than its room
