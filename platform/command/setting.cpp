@@ -363,14 +363,16 @@ Words valueWords(const Setting &setting, const Value &value)
     return {word ? word : std::to_string(number)};
 }
 
-bool isInitial(const Setting &setting, const Value &value)
+Value initialValue(const Setting &setting)
 {
-    if (const auto *option = std::get_if<OptionText>(&value))
-        return *option == OptionText{setting.initial, DHCPSNOOP_TYPE_GENERATED, {}};
-    if (const auto *text = std::get_if<Bytes>(&value))
-        return text->empty();
-    return std::get<uint32_t>(value) == setting.initial;
+    if (setting.kind == Kind::OptionText)
+        return OptionText{setting.initial, DHCPSNOOP_TYPE_GENERATED, {}};
+    if (setting.kind == Kind::Text)
+        return Bytes{};
+    return setting.initial;
 }
+
+bool isInitial(const Setting &setting, const Value &value) { return value == initialValue(setting); }
 
 std::vector<Request> setRequests(const Target &target, const Setting &setting, const Value &value)
 {

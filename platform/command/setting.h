@@ -80,6 +80,7 @@ bool canBeSet(const Setting &setting);
 
 Value parseValue(const Setting &setting, std::span<const std::string> words);
 Words valueWords(const Setting &setting, const Value &value); // parseValue reads them back
+Value initialValue(const Setting &setting);
 bool isInitial(const Setting &setting, const Value &value);
 
 // The requests that change a setting, in order; not for Servers.

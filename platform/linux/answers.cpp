@@ -197,7 +197,7 @@ int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
     // With several bridges the VLAN is that of the bridge that snoops in it, or below its interface.
     const Port *interface = model_port(model_vlan_interface(static_cast<uint16_t>(vid)));
     uint32_t bridge = vlanBridges[vid];
-    if (bridge == 0 && interface != nullptr && !switch_model().conf())
+    if (bridge == 0 && interface != nullptr && !switch_model().conf().describes_ports())
         bridge = interface->bridge;
     auto *out = static_cast<uint8_t *>(list->data);
     uint32_t used = 0;

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include "platform.h"
-#include "platform_start.h"
 
 namespace
 {
@@ -78,9 +77,8 @@ void report_crash(int number, siginfo_t *info, void *)
 }
 } // namespace
 
-void qorCatchSegFault(int argc, char **argv)
+void qorCatchSegFault(int, char **)
 {
-    platform_linux::arguments_take(argc, argv);
     // The first call loads the unwinder, which allocates.
     void *frame;
     backtrace(&frame, 1);

@@ -14,6 +14,8 @@
 #include <sys/time.h>
 #include <utility>
 
+#include "desired_state.h"
+#include "dhcpsnoop_cmd.h"
 #include "guard.h"
 #include "platform.h"
 #include "redundancy.h"
@@ -99,7 +101,7 @@ void drain(int sock)
 // select wakes for what has not been handed over yet.
 void stay_readable(int sock)
 {
-    if ((!queue.empty() || guard_follow_pending() || mending) && !awake)
+    if ((!queue.empty() || guard_follow_pending() || config_pending() || mending) && !awake)
         awake = wake_event_socket(sock);
 }
 
@@ -125,6 +127,21 @@ void guard_handled()
 {
     if (!redundancy_role_changes())
         guard_follow_handled();
+}
+
+// A management request of the platform's own.
+AdrBytes ask_core(const AdrBytes &body)
+{
+    AdrBytes reply = body;
+    reply.resize(dhcpsnoop_cmd_process(reply.data(), static_cast<uint32_t>(reply.size())));
+    return reply;
+}
+
+// Settings of a port go to the daemon when it has handled the events before.
+void configuration()
+{
+    guardOutdated = config_work() || guardOutdated;
+    follow_guard();
 }
 
 void role_events()
@@ -221,14 +238,17 @@ int32_t platform_event_group_join(int sock, uint32_t group)
     follow_guard();
     stay_readable(sock);
     redundancy_event_socket(sock);
+    config_begin(sock, ask_core);
     return 0;
 }
 
 ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr *from, socklen_t *fromLength)
 {
     // The daemon asks again when it has handled what it was given last.
-    if (queue.empty())
+    if (queue.empty()) {
         guard_handled();
+        configuration();
+    }
     role_events();
     for (int i = 0; i < READS_PER_CALL && queue.empty(); i++)
         if (!read_datagram(sock))
@@ -239,7 +259,10 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
     }
     if (queue.empty()) {
         mending = trap_mend();
+        configuration(); // what a message has just said
         stay_readable(sock);
+    }
+    if (queue.empty()) {
         errno = EAGAIN;
         return -1;
     }

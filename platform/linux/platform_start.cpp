@@ -1,19 +1,18 @@
 #include "platform_start.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/capability.h>
-#include <string_view>
 #include <sys/syscall.h>
 #include <sysexits.h>
 #include <unistd.h>
 
+#include "config.h"
+#include "config_thread.h"
+#include "desired_state.h"
 #include "event_socket.h"
 #include "guard.h"
 #include "logging.h"
@@ -39,24 +38,9 @@ constexpr Capability CAPABILITIES[] = {
     {CAP_BPF,       "CAP_BPF (the program that traps frames)", true },
 };
 
-// The daemon's second argument: how many bindings it has room for, read as it does.
-constexpr int USER_COUNT_ARGUMENT = 2;
-constexpr uint16_t BINDINGS_DEFAULT = 256;
-uint16_t bindings = BINDINGS_DEFAULT;
-
-constexpr const char *USAGE = R"(usage: dhcpsnoop [INTERFACES [BINDINGS [GUARD [ARP [PROVISIONING]]]]]
-       dhcpsnoop --help | --version
-
-The DHCP snooping daemon. It runs in the foreground.
-
-  INTERFACES    number of interfaces that can have snooping; 0: 20
-  BINDINGS      number of bindings and waiting clients; 0: 256
-  GUARD         1: IP source guard can be used
-  ARP           1: ARP inspection can be used
-  PROVISIONING  1: ask for options 67 and 125 (never given on this platform)
-
-dhcpsnoopctl configures it. The switch is described in /etc/dhcpsnoop/switch.conf.
-)";
+// From the preparation to the start.
+Room roomOfPools = {INTERFACES_DEFAULT, BINDINGS_DEFAULT};
+RedundancyConf redundancy;
 
 // A descriptor below 3 that is free would be given to a packet socket, which then gets what is printed.
 void claim_standard_descriptors()
@@ -69,18 +53,6 @@ void claim_standard_descriptors()
 // 0 or an exit status, as platform_linux_start.
 int load_model()
 {
-    SwitchConf conf;
-    std::string error;
-    switch (switch_conf_read(conf, error)) {
-    case ConfFile::read:
-        switch_model().configure(std::move(conf));
-        break;
-    case ConfFile::absent:
-        break;
-    case ConfFile::wrong:
-        platform_report(LOG_ERR, "%s", error.c_str());
-        return EX_CONFIG;
-    }
     DaemonEvents told; // nothing has changed yet that the daemon knows of
     if (!events_dump(switch_model(), told)) {
         platform_report(LOG_ERR, "the kernel's links cannot be listed: %s", strerror(errno));
@@ -91,13 +63,9 @@ int load_model()
 
 void report_absent()
 {
-    const auto &conf = switch_model().conf();
-    if (!conf) {
-        if (model_ports().empty())
-            platform_report(LOG_NOTICE, "no %s and no bridge with ports: no ports until there are some",
-                            SWITCH_CONF_PATH);
-        return;
-    }
+    const SwitchConf &conf = switch_model().conf();
+    if (!conf.describes_ports() && model_ports().empty())
+        platform_report(LOG_NOTICE, "there is no bridge with ports: no ports until there are some");
     std::string absent;
     const auto look = [&absent](const std::string &name) {
         for (const auto &[ifIndex, port] : model_ports())
@@ -105,9 +73,9 @@ void report_absent()
                 return;
         absent += " " + name;
     };
-    for (const auto &[name, port] : conf->ports)
+    for (const auto &[name, port] : conf.ports)
         look(name);
-    for (const auto &[name, vid] : conf->vlanInterfaces)
+    for (const auto &[name, vid] : conf.vlanInterfaces)
         look(name);
     if (!absent.empty())
         platform_report(LOG_NOTICE, "configured, but not there yet:%s", absent.c_str());
@@ -134,40 +102,41 @@ std::string missing_capabilities()
     return missing;
 }
 
-void arguments_take(int argc, char **argv)
+int platform_linux_prepare(const Options &options, Room &room)
 {
-    for (int i = 1; i < argc; i++) {
-        const std::string_view argument = argv[i];
-        if (!argument.starts_with('-') || isdigit(static_cast<unsigned char>(argv[i][1])) != 0)
-            continue; // a number, as the daemon reads it
-        if (argument == "--help" || argument == "--version") {
-            fputs(argument == "--help" ? USAGE : "dhcpsnoop " DHCPSNOOP_VERSION "\n", stdout);
-            exit(EXIT_SUCCESS);
-        }
-        fprintf(stderr, "dhcpsnoop: unknown option '%s'; try 'dhcpsnoop --help'\n", argv[i]);
-        exit(EX_USAGE);
-    }
-    const long value = argc > USER_COUNT_ARGUMENT ? strtol(argv[USER_COUNT_ARGUMENT], nullptr, 10) : 0;
-    const auto count = static_cast<uint16_t>(std::clamp<long>(value, INT32_MIN, INT32_MAX));
-    bindings = count != 0 ? count : BINDINGS_DEFAULT;
+    claim_standard_descriptors();
+    logging_start();
+    config_signals_block();
+    ConfigStart start;
+    if (!config_start(options.directory, start))
+        return EX_CONFIG;
+    const auto first = [](uint16_t one, uint16_t other, uint16_t last) {
+        return one != 0 ? one : other != 0 ? other : last;
+    };
+    room = {first(options.interfaces, start.interfaces, INTERFACES_DEFAULT),
+            first(options.bindings, start.bindings, BINDINGS_DEFAULT)};
+    roomOfPools = room;
+    redundancy = start.redundancy;
+    switch_model().configure(start.model);
+    return 0;
 }
 
 // The file-level state of the platform is made ready here, once in a process, each part after the parts that
 // it asks:
 //
 //   standard streams, system log   logging.cpp, report.cpp
-//   switch model                   switch_model.cpp: the file, then a dump of the kernel's links
+//   configuration                  config.cpp, desired_state.cpp: the file
+//   switch model                   switch_model.cpp: a dump of the kernel's links
 //   guard                          guard.cpp, trap.cpp, bindings.cpp: first to watch the model
 //   subscribers, relay socket      subscribers.cpp, descriptor 0
 //   redundancy                     redundancy.cpp: second to watch the model; its thread runs from here on
 //
-// The event socket (event_socket.cpp) follows when the daemon joins its groups and watches the model last:
-// the classifier stands on a port before an event tells of it. All other state begins as zero. Nothing is
-// taken back: the process ends by exit() until the thread runs, then by _exit().
+// The first two before the daemon's start-up (platform_linux_prepare). The event socket (event_socket.cpp)
+// follows when the daemon joins its groups and watches the model last: the classifier stands on a port before
+// an event tells of it. The configuration is brought about then (desired_state.cpp). All other state begins
+// as zero. Nothing is taken back: the process ends by exit() until a thread runs, then by _exit().
 int platform_linux_start()
 {
-    claim_standard_descriptors();
-    logging_start();
     if (const std::string missing = missing_capabilities(); !missing.empty()) {
         platform_report(LOG_ERR, "missing %s: start as root, or grant what is missing", missing.c_str());
         return EXIT_FAILURE;
@@ -175,14 +144,14 @@ int platform_linux_start()
     if (const int status = load_model(); status != 0)
         return status;
     report_absent();
-    if (trap_start(bindings) != 0) // before anything is taken that another daemon may have
+    if (trap_start(roomOfPools.bindings) != 0) // before anything is taken that another daemon may have
         return EXIT_FAILURE;
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
     if (relay_socket_start() != 0)
         return EXIT_FAILURE;
-    return redundancy_start() ? 0 : EX_CONFIG;
+    return redundancy_start(redundancy) ? 0 : EX_CONFIG;
 }
 
 } // namespace platform_linux

@@ -12,7 +12,7 @@ namespace
 {
 constexpr uint32_t SYSTEM_LAST = 255; // goes into circuit-ids as one byte
 
-using Words = std::vector<std::string_view>;
+using Words = std::vector<std::string>;
 
 // Each of the following gives an empty text, or what is wrong.
 
@@ -135,8 +135,9 @@ std::string take_role(const Words &words, SwitchConf &conf)
     return {};
 }
 
-// The model of the file, filled line by line.
-ConfReader reader(SwitchConf &conf)
+} // namespace
+
+ConfReader switch_conf_reader(SwitchConf &conf)
 {
     conf = {};
     return {[&conf, systemSeen = false, roleSeen = false](const ConfLine &line) mutable -> std::string {
@@ -158,16 +159,9 @@ ConfReader reader(SwitchConf &conf)
     }};
 }
 
-} // namespace
-
 bool switch_conf_parse(std::string_view name, std::string_view text, SwitchConf &conf, std::string &error)
 {
-    return conf_parse(name, text, reader(conf), error);
-}
-
-ConfFile switch_conf_read(SwitchConf &conf, std::string &error)
-{
-    return conf_file_read(SWITCH_CONF_ENV, SWITCH_CONF_PATH, reader(conf), error);
+    return conf_parse(name, text, switch_conf_reader(conf), error);
 }
 
 } // namespace platform_linux

@@ -53,12 +53,12 @@ const Link *SwitchModel::bridge_of(const Link &link) const
 std::optional<Port> SwitchModel::derive_configured(const Link &link) const
 {
     Port port = described(link);
-    if (const auto it = conf_->vlanInterfaces.find(link.name); it != conf_->vlanInterfaces.end()) {
+    if (const auto it = conf_.vlanInterfaces.find(link.name); it != conf_.vlanInterfaces.end()) {
         make_vlan_interface(port, it->second);
         return port;
     }
-    const auto it = conf_->ports.find(link.name);
-    if (it == conf_->ports.end())
+    const auto it = conf_.ports.find(link.name);
+    if (it == conf_.ports.end())
         return {};
     port.number = it->second.number;
     port.routed = it->second.routed;
@@ -98,7 +98,7 @@ std::optional<Port> SwitchModel::derive_bridged(const Link &link) const
 
 std::optional<Port> SwitchModel::derive(const Link &link) const
 {
-    std::optional<Port> port = conf_ ? derive_configured(link) : derive_bridged(link);
+    std::optional<Port> port = conf_.describes_ports() ? derive_configured(link) : derive_bridged(link);
     if (!port)
         return port;
     const Link *bridge = bridge_of(link);
@@ -200,11 +200,11 @@ uint32_t model_vlan_interface(uint16_t vid) { return theModel.vlan_interface(vid
 
 const std::map<uint32_t, Port> &model_ports() { return theModel.ports(); }
 
-bool model_has_file() { return theModel.conf().has_value(); }
+bool model_has_file() { return theModel.conf().describes_ports(); }
 
-uint32_t model_system() { return theModel.conf() ? theModel.conf()->system : 1; }
+uint32_t model_system() { return theModel.conf().system; }
 
-DhcpsnoopRole model_role() { return theModel.conf() ? theModel.conf()->role : DHCPSNOOP_ROLE_NONE; }
+DhcpsnoopRole model_role() { return theModel.conf().role; }
 
 void model_watch(ModelWatcher watcher) { theModel.watch(watcher); }
 

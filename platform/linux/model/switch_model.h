@@ -1,5 +1,5 @@
-// The switch model itself: the kernel's devices (links.h) seen through the model file, or through the
-// kernel's bridges where there is no file. model.h is the view of it that the rest of the platform has.
+// The switch model itself: the kernel's devices (links.h) seen through the ports of the configuration file, or
+// through the kernel's bridges where it names none. model.h is the view of it that the rest of the platform has.
 #pragma once
 
 #include <array>
@@ -16,8 +16,8 @@ namespace platform_linux
 class SwitchModel
 {
   public:
-    // Without a model file: nothing.
-    void configure(std::optional<SwitchConf> conf) { conf_ = std::move(conf); }
+    // Before the first dump.
+    void configure(SwitchConf conf) { conf_ = std::move(conf); }
 
     // As LinkTable's. Watchers are called once the model is current.
     bool feed(std::span<const uint8_t> datagram, DaemonEvents &events);
@@ -34,7 +34,7 @@ class SwitchModel
     {
         return vid < vlanInterfaces_.size() ? vlanInterfaces_[vid] : 0;
     }
-    const std::optional<SwitchConf> &conf() const { return conf_; }
+    const SwitchConf &conf() const { return conf_; }
 
   private:
     std::optional<Port> derive(const Link &link) const;
@@ -43,7 +43,7 @@ class SwitchModel
     const Link *bridge_of(const Link &link) const;
     void refresh();
 
-    std::optional<SwitchConf> conf_;
+    SwitchConf conf_;
     LinkTable links_;
     bool dumping_ = false;
     std::map<uint32_t, Port> ports_;

@@ -110,14 +110,8 @@ bool directory_exists(const std::string &file)
 }
 } // namespace
 
-bool redundancy_start()
+bool redundancy_start(const RedundancyConf &conf)
 {
-    RedundancyConf conf;
-    std::string error;
-    if (redundancy_conf_read(conf, error) == ConfFile::wrong) {
-        platform_report(LOG_ERR, "%s", error.c_str());
-        return false;
-    }
     auto state = std::make_unique<UnitShared>();
     state->wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     auto thread = std::make_unique<UnitThread>(*state, model_role(), DHCPSNOOP_SOCKET_PATH);

@@ -7,13 +7,14 @@
 
 #include "netlink.h"
 #include "platform.h"
+#include "redundancy_conf.h"
 
 namespace platform_linux
 {
 
-// Reads the redundancy file and the journal, and starts the thread. The model must be loaded. False, with a
-// report, when the daemon must not run.
-bool redundancy_start();
+// Reads the journal and starts the thread. The model must be loaded. False, with a report, when the daemon must
+// not run.
+bool redundancy_start(const RedundancyConf &conf);
 
 // The daemon's role now. That of the configuration while the thread does not run.
 DhcpsnoopRole redundancy_role();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
+#include <memory>
 
 namespace platform_linux
 {
@@ -88,7 +89,7 @@ std::string take_key(const Key &key, const ConfLine &line, Lines &lines)
 
 std::string take_line(const ConfLine &line, Lines &lines)
 {
-    const std::string_view word = line.words[0];
+    const std::string &word = line.words[0];
     if (word == "listen" || word == "connect")
         return take_peer_address(line, lines);
     if (word == "journal")
@@ -111,26 +112,20 @@ std::string take_all(const Lines &lines, RedundancyConf &conf)
         conf.peer = lines.peer;
     return {};
 }
+} // namespace
 
-ConfReader reader(Lines &lines, RedundancyConf &conf)
+ConfReader redundancy_conf_reader(RedundancyConf &conf)
 {
     conf = {};
-    return {[&lines](const ConfLine &line) { return take_line(line, lines); },
-            [&lines, &conf] { return take_all(lines, conf); }};
+    const auto lines = std::make_shared<Lines>();
+    return {[lines](const ConfLine &line) { return take_line(line, *lines); },
+            [lines, &conf] { return take_all(*lines, conf); }};
 }
-} // namespace
 
 bool redundancy_conf_parse(std::string_view name, std::string_view text, RedundancyConf &conf,
                            std::string &error)
 {
-    Lines lines;
-    return conf_parse(name, text, reader(lines, conf), error);
-}
-
-ConfFile redundancy_conf_read(RedundancyConf &conf, std::string &error)
-{
-    Lines lines;
-    return conf_file_read(REDUNDANCY_CONF_ENV, REDUNDANCY_CONF_PATH, reader(lines, conf), error);
+    return conf_parse(name, text, redundancy_conf_reader(conf), error);
 }
 
 } // namespace platform_linux

@@ -1,5 +1,5 @@
-// The redundancy file: text in; address and keys of the peer unit and the path of the journal out, or the
-// first error.
+// Redundancy in the configuration file: lines in; address and keys of the peer unit and the path of the
+// journal out, or an error.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,6 @@
 namespace platform_linux
 {
 
-constexpr const char *REDUNDANCY_CONF_PATH = "/etc/dhcpsnoop/redundancy.conf";
-constexpr const char *REDUNDANCY_CONF_ENV = "DHCPSNOOP_REDUNDANCY_CONF"; // names another file
 constexpr const char *JOURNAL_PATH = "/var/lib/dhcpsnoop/journal";
 
 struct PeerConf {
@@ -23,16 +21,27 @@ struct PeerConf {
     std::string addressText;
     std::string certificate, key, authority; // PEM files
     std::string name;                        // in the peer's certificate
+
+    // The address by its text.
+    bool operator==(const PeerConf &other) const
+    {
+        return listens == other.listens && addressText == other.addressText && name == other.name &&
+               certificate == other.certificate && key == other.key && authority == other.authority;
+    }
 };
 
 struct RedundancyConf {
     std::optional<PeerConf> peer;
     std::optional<std::string> journal; // empty = none; absent = JOURNAL_PATH if its directory exists
+    bool operator==(const RedundancyConf &) const = default;
 };
 
-// As switch_conf_parse and switch_conf_read.
+// Takes the lines listen, connect, certificate, key, authority, peer and journal into `conf`, which outlives
+// it.
+ConfReader redundancy_conf_reader(RedundancyConf &conf);
+
+// False with "name:line: error" in `error`; `conf` is then of no use.
 bool redundancy_conf_parse(std::string_view name, std::string_view text, RedundancyConf &conf,
                            std::string &error);
-ConfFile redundancy_conf_read(RedundancyConf &conf, std::string &error);
 
 } // namespace platform_linux

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fd.h"
 
 namespace platform_linux
 {
@@ -14,36 +16,32 @@ namespace
 constexpr size_t FILE_MAX_BYTES = 1 << 20;
 constexpr std::string_view BLANKS = " \t\r";
 
-struct FileCloser {
-    void operator()(FILE *file) const { fclose(file); }
-};
-
-ConfLine split(std::string_view text)
+// False for a quote that is not closed.
+bool split(std::string_view text, ConfLine &line)
 {
-    text = text.substr(0, text.find('#'));
-    text = text.substr(0, text.find_last_not_of(BLANKS) + 1);
-    ConfLine line;
-    for (size_t begin = text.find_first_not_of(BLANKS); begin != std::string_view::npos;) {
-        const size_t end = text.find_first_of(BLANKS, begin);
-        if (line.words.size() == 1)
-            line.value = text.substr(begin);
-        line.words.push_back(text.substr(begin, end - begin));
-        begin = text.find_first_not_of(BLANKS, end);
+    for (size_t at = text.find_first_not_of(BLANKS); at < text.size() && text[at] != '#';
+         at = text.find_first_not_of(BLANKS, at)) {
+        std::string &word = line.words.emplace_back();
+        char quote = 0; // that is open
+        for (; at < text.size() && (quote != 0 || BLANKS.find(text[at]) == std::string_view::npos); at++) {
+            const char c = text[at];
+            if (c == quote)
+                quote = 0;
+            else if (quote == 0 && (c == '\'' || c == '"'))
+                quote = c;
+            else if (quote == 0 && c == '#')
+                break;
+            else if (c == '\\' && quote != '\'' && at + 1 < text.size())
+                word += text[++at];
+            else
+                word += c;
+        }
+        if (quote != 0)
+            return false;
+        if (line.words.size() > 1)
+            line.value += (line.words.size() > 2 ? " " : "") + word;
     }
-    return line;
-}
-
-ConfFile read_whole(const char *path, std::string &text)
-{
-    const std::unique_ptr<FILE, FileCloser> file(fopen(path, "re"));
-    if (!file)
-        return errno == ENOENT ? ConfFile::absent : ConfFile::wrong;
-    // Piece by piece: the heap would keep the room for the largest file.
-    char piece[4096];
-    size_t count = 0;
-    while (text.size() <= FILE_MAX_BYTES && (count = fread(piece, 1, sizeof piece, file.get())) != 0)
-        text.append(piece, count);
-    return ferror(file.get()) != 0 ? ConfFile::wrong : ConfFile::read;
+    return true;
 }
 } // namespace
 
@@ -56,29 +54,44 @@ bool conf_parse(std::string_view name, std::string_view text, const ConfReader &
     };
     for (size_t begin = 0; begin < text.size();) {
         const size_t end = std::min(text.find('\n', begin), text.size());
-        const ConfLine line = split(text.substr(begin, end - begin));
+        ConfLine line{++number, {}, {}};
+        if (!split(text.substr(begin, end - begin), line))
+            return right("a quote is not closed");
         begin = end + 1;
-        number++;
         if (!line.words.empty() && !right(reader.line(line)))
             return false;
     }
     return reader.end == nullptr || right(reader.end());
 }
 
-ConfFile conf_file_read(const char *variable, const char *path, const ConfReader &reader, std::string &error)
+ConfFile conf_file_read(const std::string &path, std::string &text, std::string &error)
 {
-    const char *named = getenv(variable);
-    const bool isNamed = named != nullptr && *named != 0;
-    path = isNamed ? named : path;
-    std::string text;
-    const ConfFile file = read_whole(path, text);
-    if (file == ConfFile::absent && !isNamed)
-        return file;
-    if (file != ConfFile::read || text.size() > FILE_MAX_BYTES) {
-        error = std::string(path) + ": " + (file != ConfFile::read ? strerror(errno) : "longer than 1 MiB");
+    const auto wrong = [&](const char *why) {
+        error = path + ": " + why;
         return ConfFile::wrong;
+    };
+    struct stat status = {};
+    // Never waits, whatever stands at the path.
+    const Fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file)
+        return errno == ENOENT ? ConfFile::absent : wrong(strerror(errno));
+    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return wrong("is no regular file");
+    // Piece by piece: the heap would keep the room for the largest file.
+    char piece[4096];
+    text.clear();
+    for (;;) {
+        const ssize_t count = read(file.get(), piece, sizeof piece);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return wrong(strerror(errno));
+        if (count == 0)
+            return ConfFile::read;
+        text.append(piece, static_cast<size_t>(count));
+        if (text.size() > FILE_MAX_BYTES)
+            return wrong("longer than 1 MiB");
     }
-    return conf_parse(path, text, reader, error) ? ConfFile::read : ConfFile::wrong;
 }
 
 std::string conf_quoted(std::string_view word)

@@ -1,5 +1,6 @@
-// Reading a configuration file: each line is words between blanks, '#' begins a comment. The first error ends
-// the reading and is named by file and line.
+// Reading the configuration file: each line is words between blanks; '#' begins a comment; quotes and a
+// backslash take away a character's meaning, as in a shell. The first error ends the reading and is named by
+// file and line.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +13,9 @@ namespace platform_linux
 {
 
 struct ConfLine {
-    std::vector<std::string_view> words; // one at least
-    std::string_view value;              // the line behind its first word
+    uint32_t number;                // in the file, from 1
+    std::vector<std::string> words; // one at least
+    std::string value;              // the words behind the first one
 };
 
 // The meaning of a file's lines. Each function gives an empty text, or the error.
@@ -27,9 +29,8 @@ bool conf_parse(std::string_view name, std::string_view text, const ConfReader &
 
 enum class ConfFile : uint8_t { read, absent, wrong };
 
-// The file that the environment variable names, else the one at `path`, which alone may be absent. 1 MiB at
-// most; `error` names the file.
-ConfFile conf_file_read(const char *variable, const char *path, const ConfReader &reader, std::string &error);
+// The whole file, 1 MiB at most. When it is wrong, `error` names it and says why.
+ConfFile conf_file_read(const std::string &path, std::string &text, std::string &error);
 
 // The word in single quotes, fit for a terminal.
 std::string conf_quoted(std::string_view word);

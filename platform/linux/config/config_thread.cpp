@@ -1,0 +1,114 @@
+#include "config_thread.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <thread>
+#include <unistd.h>
+
+#include "clock.h"
+#include "config.h"
+#include "control_socket.h"
+#include "desired_state.h"
+#include "management.h"
+#include "report.h"
+
+namespace platform_linux
+{
+namespace
+{
+
+constexpr Ticks LOOK_AGAIN = 1000; // for a time that another thread set
+
+std::atomic<Ticks> confirmBy = NEVER;
+
+sigset_t taken_signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGHUP, SIGTERM, SIGINT})
+        sigaddset(&signals, signal);
+    return signals;
+}
+
+void log_lines(const std::string &answer)
+{
+    for (size_t begin = 0; begin < answer.size(); begin = answer.find('\n', begin) + 1)
+        if (const std::string line = answer.substr(begin, answer.find('\n', begin) - begin); line != "ok")
+            platform_report(LOG_ERR, "%s", line.c_str());
+}
+
+// As the signal would have ended the process, without the socket files.
+[[noreturn]] void end_by(uint32_t signal)
+{
+    unlink(DHCPSNOOP_SOCKET_PATH);
+    unlink(config_runtime("config").c_str());
+    const sigset_t signals = taken_signals();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    std::signal(static_cast<int>(signal), SIG_DFL);
+    kill(getpid(), static_cast<int>(signal));
+    _exit(128 + static_cast<int>(signal));
+}
+
+void serve()
+{
+    const sigset_t signals = taken_signals();
+    const Fd signalled(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+    ControlSocket control(
+        [](const std::string &request, const ControlSocket::Answer &answer) { answer(config_ask(request)); });
+    std::string error;
+    if (!control.open(config_runtime("config").c_str(), error))
+        platform_report(LOG_WARNING, "the configuration cannot be changed by the client: %s", error.c_str());
+    for (;;) {
+        std::vector<pollfd> descriptors = {
+            {signalled.get(), POLLIN, 0}
+        };
+        control.watch(descriptors);
+        const Ticks now = ticks(), until = std::min({confirmBy.load(), control.deadline(), now + LOOK_AGAIN});
+        if (poll(descriptors.data(), descriptors.size(), static_cast<int>(std::max<Ticks>(until - now, 0))) <
+                0 &&
+            errno != EINTR)
+            return;
+        signalfd_siginfo signal;
+        if (read(signalled.get(), &signal, sizeof signal) == sizeof signal) {
+            if (signal.ssi_signo != SIGHUP)
+                end_by(signal.ssi_signo);
+            log_lines(config_ask("reload"));
+        }
+        descriptors.erase(descriptors.begin());
+        control.serve(descriptors, ticks());
+        if (ticks() >= confirmBy) {
+            confirmBy = NEVER;
+            log_lines(config_ask("revert"));
+        }
+    }
+}
+
+} // namespace
+
+void config_signals_block()
+{
+    const sigset_t signals = taken_signals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void config_thread_start()
+{
+    std::thread([] {
+        try {
+            serve();
+        } catch (const std::exception &error) {
+            platform_report(LOG_ERR, "the configuration's thread has ended: %s", error.what());
+        }
+    }).detach();
+}
+
+void config_confirm_by(std::optional<std::chrono::seconds> time)
+{
+    confirmBy = time ? ticks() + std::chrono::duration_cast<std::chrono::milliseconds>(*time).count() : NEVER;
+}
+
+} // namespace platform_linux

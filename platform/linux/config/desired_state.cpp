@@ -1,0 +1,369 @@
+#include "desired_state.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "config_thread.h"
+#include "fd.h"
+#include "guard.h"
+#include "model.h"
+#include "reconcile.h"
+#include "report.h"
+#include "wake.h"
+
+namespace platform_linux
+{
+namespace
+{
+
+constexpr size_t PORTS_PER_CALL = 16; // some 2 ms
+constexpr std::chrono::seconds PATIENCE(30);
+
+// A configuration and its text.
+struct Desired {
+    Config config;
+    std::string text;
+};
+
+std::string savedPath, lastGoodPath;
+bool active = false;             // there is a configuration
+Desired running;                 // on the daemon's thread, as all up to the job
+std::optional<Desired> previous; // until a confirmation
+std::set<uint32_t> todo, fresh;  // ports to look at; those among them that have appeared
+int eventSocket = -1;
+std::optional<Daemon> core;
+
+std::mutex jobMutex;
+std::condition_variable jobDone;
+std::optional<std::string> jobRequest, jobAnswer;
+
+PortId port_id(const Port &port)
+{
+    char bridge[IF_NAMESIZE] = "";
+    if (port.bridge != 0 && if_indextoname(port.bridge, bridge) == nullptr)
+        bridge[0] = 0;
+    return {port.ifIndex, port.name, bridge, port.kind == PortKind::vlanInterface};
+}
+
+bool write_file(const std::string &path, const std::string &text)
+{
+    const std::string beside = path + ".new";
+    const Fd file(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+    return file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+           fsync(file.get()) == 0 && rename(beside.c_str(), path.c_str()) == 0;
+}
+
+void protect_bridges()
+{
+    std::set<uint32_t> bridges;
+    for (const BridgeLine &line : running.config.bridges)
+        if (const uint32_t ifIndex = if_nametoindex(line.bridge.c_str()); ifIndex != 0)
+            bridges.insert(ifIndex);
+    (void)bridges;
+}
+
+// Each difference that could not be made to go, a line.
+std::string failures(const Config &config, const Differences &differences)
+{
+    std::string text;
+    for (const Difference &difference : differences)
+        if (!difference.error.empty())
+            text += source_text(config, difference.source) + ": " + difference.error + "\n";
+    return text;
+}
+
+// Brings all of it about at once. Gives what could not be done.
+std::string make_all(const Config &before)
+{
+    const Config &config = running.config;
+    protect_bridges();
+    std::string wrong = failures(config, reconcile_globals(config, *core, Make::yes));
+    for (const auto &[ifIndex, port] : model_ports())
+        wrong += failures(
+            config, reconcile_port(config, *core, port_id(port), Make::yes, fresh.contains(ifIndex)));
+    wrong += failures(config, reconcile_vlans(config, *core, Make::yes));
+    wrong += failures(config, reconcile_bindings(config, before, *core, Make::yes));
+    todo.clear();
+    fresh.clear();
+    return wrong;
+}
+
+// Takes the desired state; when a part of it cannot be done, goes back to that of before.
+std::string take(Desired desired, const Desired &before)
+{
+    const Config earlier = std::exchange(running, std::move(desired)).config;
+    active = true;
+    std::string wrong = make_all(earlier);
+    if (!wrong.empty()) {
+        const Config refused = std::exchange(running, before).config;
+        make_all(refused);
+        wrong += "nothing was changed\n";
+    }
+    write_file(config_runtime("running"), running.text);
+    return wrong;
+}
+
+std::string read(const std::string &path, Desired &desired)
+{
+    std::string error;
+    switch (conf_file_read(path, desired.text, error)) {
+    case ConfFile::absent:
+        return path + ": " + strerror(ENOENT) + "\n";
+    case ConfFile::wrong:
+        return error + "\n";
+    case ConfFile::read:
+        break;
+    }
+    return config_parse(path, desired.text, desired.config, error) ? "" : error + "\n";
+}
+
+// Lines that count at the start only.
+std::string later(const Config &now, const Config &then)
+{
+    const bool same = now.bindings == then.bindings && now.interfaces == then.interfaces &&
+                      now.model == then.model && now.redundancy == then.redundancy;
+    return same ? "" : "note: room, switch model and redundancy take effect at the next start\n";
+}
+
+std::string reload()
+{
+    Desired desired;
+    if (std::string wrong = read(savedPath, desired); !wrong.empty())
+        return wrong;
+    const std::string note = later(running.config, desired.config);
+    if (std::string wrong = take(std::move(desired), Desired(running)); !wrong.empty())
+        return wrong;
+    previous.reset();
+    config_confirm_by({});
+    write_file(lastGoodPath, running.text);
+    platform_report(LOG_NOTICE, "%s is in force", savedPath.c_str());
+    return "ok\n" + note;
+}
+
+std::string apply(std::chrono::seconds confirm)
+{
+    Desired desired;
+    if (std::string wrong = read(config_runtime("candidate"), desired); !wrong.empty())
+        return wrong;
+    const std::string note = later(running.config, desired.config);
+    // With the settings that were made by command.
+    Desired before;
+    if (std::string wrong = read(config_runtime("before"), before); !wrong.empty())
+        return wrong;
+    if (std::string wrong = take(std::move(desired), before); !wrong.empty())
+        return wrong;
+    if (confirm.count() == 0) {
+        previous.reset();
+    } else {
+        if (!previous)
+            previous = std::move(before);
+        config_confirm_by(confirm);
+    }
+    platform_report(LOG_NOTICE, "another configuration is in force%s",
+                    confirm.count() != 0 ? ", until it is confirmed or its time is over"
+                                         : "; it is not saved");
+    return "ok\n" + note;
+}
+
+std::string revert()
+{
+    if (!previous)
+        return "ok\n";
+    const Desired before = std::move(*previous);
+    previous.reset();
+    const std::string wrong = take(before, before);
+    platform_report(LOG_WARNING,
+                    "the new configuration was not confirmed in time: the earlier one is in force again");
+    return wrong.empty() ? "ok\n" : wrong;
+}
+
+std::string confirm()
+{
+    if (!previous)
+        return "nothing waits for a confirmation\n";
+    previous.reset();
+    config_confirm_by({});
+    return "ok\n";
+}
+
+std::string status()
+{
+    return std::string("ok\nfile ") + savedPath + "\n" + (active ? "" : "absent\n") +
+           (previous ? "unconfirmed\n" : "");
+}
+
+std::string handle(const std::string &request)
+{
+    constexpr std::string_view APPLY = "apply ";
+    try {
+        if (request == "reload")
+            return reload();
+        if (request == "confirm")
+            return confirm();
+        if (request == "revert")
+            return revert();
+        if (request == "status")
+            return status();
+        if (request.starts_with(APPLY))
+            return apply(std::chrono::seconds(parseRange("seconds", request.substr(APPLY.size()), 0, 86400)));
+        return "unknown request\n";
+    } catch (const std::exception &error) {
+        return std::string(error.what()) + "\n";
+    }
+}
+
+// "bridge br0, interface vnet*": the lines that speak of the port.
+std::string lines_text(const PortId &port)
+{
+    std::set<std::string> lines;
+    for (const BridgeLine &line : running.config.bridges)
+        if (line.bridge == port.bridge)
+            lines.insert("bridge " + line.bridge);
+    for (const PortLine &line : running.config.ports)
+        if (line.ports.match(port.name) != Rank::none)
+            lines.insert("interface " + line.ports.text());
+    std::string text;
+    for (const std::string &line : lines)
+        text += (text.empty() ? "" : ", ") + line;
+    return text;
+}
+
+void work_port(const Port &port)
+{
+    const PortId id = port_id(port);
+    const bool isNew = fresh.erase(id.ifIndex) != 0;
+    Differences made = reconcile_port(running.config, *core, id, Make::yes, isNew);
+    for (const Difference &other : reconcile_bindings(running.config, {}, *core, Make::yes))
+        made.push_back(other);
+    if (const std::string lines = lines_text(id); !lines.empty() && !made.empty())
+        platform_report(LOG_INFO, "%s %s: %s applied", port.name, isNew ? "appeared" : "changed",
+                        lines.c_str());
+    for (const Difference &difference : made)
+        if (!difference.error.empty())
+            platform_report(LOG_ERR, "%s: %s: %s", source_text(running.config, difference.source).c_str(),
+                            port.name, difference.error.c_str());
+}
+
+void model_changed(ModelChange change, const Port &port, const Port *before)
+{
+    if (change == ModelChange::vanished) {
+        todo.erase(port.ifIndex);
+        fresh.erase(port.ifIndex);
+        return;
+    }
+    if (change == ModelChange::appeared)
+        fresh.insert(port.ifIndex);
+    if (change == ModelChange::appeared || strcmp(port.name, before->name) != 0 ||
+        port.bridge != before->bridge)
+        todo.insert(port.ifIndex);
+}
+
+std::optional<std::string> next_job()
+{
+    const std::scoped_lock lock(jobMutex);
+    return std::exchange(jobRequest, {});
+}
+
+} // namespace
+
+bool config_start(const std::string &directory, ConfigStart &start)
+{
+    savedPath = config_path(directory);
+    std::string error;
+    const ConfFile file = conf_file_read(savedPath, running.text, error);
+    bool good = file == ConfFile::read && config_parse(savedPath, running.text, running.config, error);
+    const std::string journal = running.config.redundancy.journal.value_or(JOURNAL_PATH);
+    lastGoodPath = (journal.empty() ? JOURNAL_PATH : journal) + "." + CONFIG_NAME;
+    if (good) {
+        write_file(lastGoodPath, running.text);
+    } else if (file != ConfFile::absent) {
+        platform_report(LOG_ERR, "%s", error.c_str());
+        std::string unused;
+        good = conf_file_read(lastGoodPath, running.text, unused) == ConfFile::read &&
+               config_parse(lastGoodPath, running.text, running.config, unused);
+        if (!good)
+            return false;
+        platform_report(LOG_ERR,
+                        "%s is wrong: the last good configuration, %s, stays in force; mend it, then reload",
+                        savedPath.c_str(), lastGoodPath.c_str());
+    }
+    active = good;
+    const Config &config = running.config;
+    start = {config.bindings, config.interfaces, config.model, config.redundancy};
+    return true;
+}
+
+void config_begin(int socket, Exchange exchange)
+{
+    core.emplace(std::move(exchange));
+    eventSocket = socket;
+    model_watch(model_changed);
+    for (const auto &[ifIndex, port] : model_ports())
+        todo.insert(ifIndex);
+    if (active) {
+        write_file(config_runtime("running"), running.text);
+        const std::string wrong = make_all({});
+        for (size_t begin = 0; begin < wrong.size(); begin = wrong.find('\n', begin) + 1)
+            platform_report(LOG_ERR, "%s", wrong.substr(begin, wrong.find('\n', begin) - begin).c_str());
+    }
+    config_thread_start();
+}
+
+bool config_work()
+{
+    bool worked = false;
+    if (const auto request = next_job()) {
+        const std::string answer = handle(*request);
+        const std::scoped_lock lock(jobMutex);
+        jobAnswer = answer;
+        jobDone.notify_all();
+        worked = true;
+    }
+    if (!active) {
+        todo.clear();
+        fresh.clear();
+        return worked;
+    }
+    try {
+        if (!todo.empty())
+            protect_bridges();
+        for (size_t i = 0; i < PORTS_PER_CALL && !todo.empty(); i++) {
+            const uint32_t ifIndex = *todo.begin();
+            todo.erase(todo.begin());
+            worked = true;
+            if (const Port *port = model_port(ifIndex); port != nullptr)
+                work_port(*port);
+        }
+    } catch (const std::exception &error) {
+        platform_report(LOG_ERR, "configuration: %s", error.what());
+    }
+    return worked;
+}
+
+bool config_pending()
+{
+    const std::scoped_lock lock(jobMutex);
+    return (active && !todo.empty()) || jobRequest;
+}
+
+std::string config_ask(const std::string &request)
+{
+    std::unique_lock lock(jobMutex);
+    jobRequest = request;
+    jobAnswer.reset();
+    wake_event_socket(eventSocket);
+    if (!jobDone.wait_for(lock, PATIENCE, [] { return jobAnswer.has_value(); })) {
+        jobRequest.reset();
+        return "the daemon is too busy\n";
+    }
+    return *jobAnswer;
+}
+
+} // namespace platform_linux

@@ -1,0 +1,46 @@
+// The state that the configuration wants of one port, and the line that each part of it comes from.
+#pragma once
+
+#include <map>
+#include <set>
+
+#include "config.h"
+
+namespace platform_linux
+{
+
+// A port as it is now.
+struct PortId {
+    uint32_t ifIndex;
+    std::string name, bridge; // no bridge: empty
+    bool isVlanInterface;     // snoops for its VLAN, which has lines of its own
+};
+
+// Where a value comes from. Line 0: no line speaks of it.
+struct Source {
+    Rank rank = Rank::none;
+    uint32_t line = 0;
+};
+
+template <class T> struct Wanted {
+    T value = {};
+    Source source = {};
+    bool isSaid() const { return source.line != 0; }
+};
+
+struct WantedPort {
+    std::map<const Setting *, Wanted<Value>> settings; // those that a line speaks of
+    Wanted<std::set<uint32_t>> servers;                // relay servers
+    Wanted<uint8_t> ip, arp;                           // check items
+
+    bool snoops() const;
+    // Of a setting that no line speaks of: the initial value; both IP versions.
+    Wanted<Value> of(const Setting &setting) const;
+};
+
+WantedPort wanted_port(const Config &config, const PortId &port);
+
+// "dhcpsnoop.conf:12", or "default".
+std::string source_text(const Config &config, const Source &source);
+
+} // namespace platform_linux

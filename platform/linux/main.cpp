@@ -1,0 +1,26 @@
+// The daemon on Linux: its options, start-up, and the loop.
+#include <csignal>
+#include <cstdlib>
+
+#include "dhcpsnoop_loop.h"
+#include "dhcpsnoop_start.h"
+#include "options.h"
+#include "platform.h"
+#include "platform_start.h"
+
+int main(int argc, char **argv)
+{
+    using namespace platform_linux;
+    const Options options = options_take(argc, argv);
+    qorCatchSegFault(argc, argv);
+    std::signal(SIGPIPE, SIG_IGN);
+    Room room;
+    if (const int status = platform_linux_prepare(options, room); status != 0)
+        return status;
+    if (dhcpsnoop_init_ex(room.interfaces, room.bindings, 0, DHCPSNOOP_FORMAT_TYPED,
+                          options.provisioning ? deftinstall_client_entry_callback : nullptr,
+                          options.guard ? ipsgIfGetApi : nullptr,
+                          options.arp ? arpAntiAttackIfGetApi : nullptr) != 0)
+        return EXIT_FAILURE;
+    dhcpsnoop_main();
+}
