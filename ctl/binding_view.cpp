@@ -148,19 +148,6 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
 
 } // namespace
 
-// A binding in force that is not whole takes a "binding bind" as well.
-void staticCommands(const Daemon &daemon, std::vector<Words> &lines)
-{
-    for (const Binding &binding : readStatics(daemon)) {
-        Words line = {"binding", "add"};
-        for (const std::string &word : bindingWords(asStatic(binding)))
-            line.push_back(word);
-        lines.push_back(line);
-        if (binding.state == DHCPSNOOP_BIND_BOUND && line.back() == "unbound")
-            lines.push_back({"binding", "bind", userKeyText(binding.key)});
-    }
-}
-
 std::vector<UserKey> staticsInForce(const Daemon &daemon)
 {
     std::vector<UserKey> keys;
@@ -168,15 +155,6 @@ std::vector<UserKey> staticsInForce(const Daemon &daemon)
         if (binding.state == DHCPSNOOP_BIND_BOUND)
             keys.push_back(binding.key);
     return keys;
-}
-
-bool isThereAlready(const Words &bindingAdd, const Daemon &daemon)
-{
-    if (bindingAdd.size() < 3 || bindingAdd[0] != "binding")
-        return false;
-    const StaticBinding wanted = parseBinding(std::span(bindingAdd).subspan(2));
-    const auto there = ifStillThere([&] { return readBinding(daemon, wanted.key); });
-    return there && there->type == DHCPSNOOP_USER_STATIC && asStatic(*there) == wanted;
 }
 
 ExitStatus showBindings(const Context &context, std::span<const std::string> arguments)

@@ -1,4 +1,4 @@
-// The daemon's bindings as the client shows them, and as commands that recreate the static ones.
+// The daemon's bindings as the client shows them.
 #pragma once
 
 #include "binding.h"
@@ -12,11 +12,5 @@ struct WaitingBinding {
 std::vector<WaitingBinding> readWaiting(); // none where no platform can be asked
 bool forgetWaiting(const UserKey &key);    // false when there is none
 
-// Appends the commands that recreate all static bindings.
-void staticCommands(const Daemon &daemon, std::vector<Words> &lines);
-
 // The static bindings that are bound.
 std::vector<UserKey> staticsInForce(const Daemon &daemon);
-
-// Whether this line of `show config` stands for a binding that there is.
-bool isThereAlready(const Words &bindingAdd, const Daemon &daemon);

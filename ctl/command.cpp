@@ -53,8 +53,8 @@ constexpr Command COMMANDS[] = {
      "global settings"},
     {"show redundancy", "", showRedundancy, true,
      "role of this unit, link to the peer, journal"},
-    {"show config", "", showConfig, true,
-     "commands that recreate this configuration"},
+    {"show config", "[--effective interface IF]", showConfig, true,
+     "the running configuration, as the file has it; or where each value of a port comes from"},
     {"interface", "IF SETTING VALUE", changeInterface, false,
      "change a setting of an interface (see below)"},
     {"vlan", "VID SETTING VALUE", changeVlan, false,
@@ -83,8 +83,20 @@ constexpr Command COMMANDS[] = {
      "ARP inspection alone on a port: items of an ARP sender that must agree with a binding"},
     {"arp-inspection vlan", CHECK_ITEMS_VLAN, arpVlan, false,
      "the same in a VLAN, on ports without a setting of their own"},
-    {"load", "FILE [wait SECONDS]", load, false,
-     "run the commands of a file, as show config prints them; - is standard input"},
+    {"check", "FILE", checkConfig, false,
+     "whether a configuration file is right"},
+    {"diff", "[FILE]", diffConfig, false,
+     "running values that the saved file, or FILE, does not want; status 1 if there are any"},
+    {"apply", "FILE [confirm SECONDS]", applyConfig, false,
+     "bring the file about, whole or not at all; unless confirmed in time, go back to what was"},
+    {"confirm", "", confirmConfig, false,
+     "keep what apply brought about"},
+    {"save", "", saveConfig, false,
+     "write the running configuration to the saved file"},
+    {"rollback", "", reloadConfig, false,
+     "back to the saved file"},
+    {"reload", "", reloadConfig, false,
+     "bring the saved file about, after a change"},
     {"monitor", "", monitor, true,
      "print bindings as they come and go, one line each, until interrupted"},
     {"clear statistics", "", clearStatistics, false,
@@ -260,13 +272,6 @@ Words completions(const Words &before)
     if (command->shows)
         next.push_back("--json");
     return next;
-}
-
-bool mayBeLoaded(const Words &line)
-{
-    const Command *command = findCommand(line);
-    return command && !command->shows && command->run != load && command->run != complete &&
-           command->run != showUsage;
 }
 
 ExitStatus runCommand(const Words &line, Context context)

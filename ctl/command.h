@@ -33,14 +33,11 @@ ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out,
 // The same; a failure is thrown as CtlError.
 ExitStatus runCommand(const Words &line, Context context);
 
-// Whether a file for `load` may have the line: it changes a setting or a binding.
-bool mayBeLoaded(const Words &line);
-
 void printUsage(std::ostream &out);
 // The possible words after `before`, in the order of their tables.
 Words completions(const Words &before);
 
-// show.cpp, binding_view.cpp, show_config.cpp
+// show.cpp, binding_view.cpp
 ExitStatus showInterfaces(const Context &, std::span<const std::string>);
 ExitStatus showInterface(const Context &, std::span<const std::string>);
 ExitStatus showVlans(const Context &, std::span<const std::string>);
@@ -48,7 +45,6 @@ ExitStatus showServers(const Context &, std::span<const std::string>);
 ExitStatus showBindings(const Context &, std::span<const std::string>);
 ExitStatus showGlobal(const Context &, std::span<const std::string>);
 ExitStatus showStatistics(const Context &, std::span<const std::string>);
-ExitStatus showConfig(const Context &, std::span<const std::string>);
 
 // change.cpp
 ExitStatus changeInterface(const Context &, std::span<const std::string>);
@@ -64,9 +60,6 @@ ExitStatus bindingBind(const Context &, std::span<const std::string>);
 ExitStatus bindingUnbind(const Context &, std::span<const std::string>);
 ExitStatus bindingDelete(const Context &, std::span<const std::string>);
 
-// load.cpp
-ExitStatus load(const Context &, std::span<const std::string>);
-
 // platform.cpp, guard.cpp, monitor.cpp; without the Linux platform no_platform.cpp
 ExitStatus platformRelease(const Context &, std::span<const std::string>);
 ExitStatus guardInterface(const Context &, std::span<const std::string>);
@@ -75,8 +68,15 @@ ExitStatus arpInterface(const Context &, std::span<const std::string>);
 ExitStatus arpVlan(const Context &, std::span<const std::string>);
 ExitStatus showGuard(const Context &, std::span<const std::string>);
 ExitStatus monitor(const Context &, std::span<const std::string>);
-// Appends the commands that recreate the guard's configuration; a note when it cannot be read.
-void guardCommands(const Context &context, std::vector<Words> &lines);
+
+// config.cpp; without the Linux platform no_platform.cpp
+ExitStatus showConfig(const Context &, std::span<const std::string>);
+ExitStatus checkConfig(const Context &, std::span<const std::string>);
+ExitStatus diffConfig(const Context &, std::span<const std::string>);
+ExitStatus applyConfig(const Context &, std::span<const std::string>);
+ExitStatus confirmConfig(const Context &, std::span<const std::string>);
+ExitStatus reloadConfig(const Context &, std::span<const std::string>);
+ExitStatus saveConfig(const Context &, std::span<const std::string>);
 
 // redundancy.cpp
 ExitStatus showRedundancy(const Context &, std::span<const std::string>);

@@ -315,28 +315,3 @@ ExitStatus showGuard(const Context &context, std::span<const std::string>)
     },
                  rows);
 }
-
-void guardCommands(const Context &context, std::vector<Words> &lines)
-{
-    std::string why;
-    if (!guard_config_open(why)) {
-        context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
-        return;
-    }
-    const auto add = [&lines](GuardFeature feature, const GuardPlace &place, uint8_t wanted) {
-        Words line = {commandWord(feature)};
-        for (const Words &words : {placeWords(place), wanted == 0 ? Words{"off"} : itemWords(wanted)})
-            line.insert(line.end(), words.begin(), words.end());
-        if ((wanted & FAMILY_BITS) != 0)
-            line.insert(line.end(), {FAMILY, familyWord(wanted)});
-        lines.push_back(line);
-    };
-    for (const auto &[place, items] : guard_config_all()) {
-        const uint8_t ip = guard_wanted(items, GuardFeature::ipSourceGuard),
-                      arp = guard_wanted(items, GuardFeature::arpInspection);
-        if (ip != 0)
-            add(GuardFeature::ipSourceGuard, place, ip);
-        if (arp != arpBeside(ip))
-            add(GuardFeature::arpInspection, place, arp);
-    }
-}

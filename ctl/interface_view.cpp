@@ -60,22 +60,3 @@ Json interfaceJson(const InterfaceView &view)
     }
     return out;
 }
-
-void interfaceCommands(const InterfaceView &view, std::vector<Words> &lines)
-{
-    auto line = [&](const Setting &setting, const Words &words) {
-        Words whole = {"interface", view.name, setting.name};
-        whole.insert(whole.end(), words.begin(), words.end());
-        lines.push_back(whole);
-    };
-    for (const Setting &setting : INTERFACE_SCOPE.settings) {
-        if (setting.kind == Kind::Servers) {
-            for (const std::string &address : relayServers(view))
-                line(setting, {address, "add"});
-        } else if (canBeSet(setting) && setting.kind != Kind::Clear) {
-            const Value &value = view.values.at(setting.name);
-            if (!isInitial(setting, value) && (!setting.needs || number(view, setting.needs)))
-                line(setting, valueWords(setting, value));
-        }
-    }
-}

@@ -24,6 +24,3 @@ std::string shown(const InterfaceView &view, const char *name);
 Words relayServers(const InterfaceView &view);
 
 Json interfaceJson(const InterfaceView &view);
-
-// Appends the commands that recreate the interface. A setting whose switch is off has its initial value then.
-void interfaceCommands(const InterfaceView &view, std::vector<Words> &lines);

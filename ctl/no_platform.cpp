@@ -18,4 +18,10 @@ ExitStatus arpInterface(const Context &, std::span<const std::string>) { refuse(
 ExitStatus arpVlan(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus showGuard(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus monitor(const Context &, std::span<const std::string>) { refuse(); }
-void guardCommands(const Context &, std::vector<Words> &) {}
+ExitStatus showConfig(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus checkConfig(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus diffConfig(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus applyConfig(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus confirmConfig(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus reloadConfig(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus saveConfig(const Context &, std::span<const std::string>) { refuse(); }

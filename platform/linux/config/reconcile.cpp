@@ -120,7 +120,7 @@ Differences reconcile_port(const Config &config, const Daemon &daemon, const Por
               wanted.of(snooping).source, ""},
              make, [&] { setValue(daemon, target, snooping, Value(uint32_t{!runs})); });
     const bool made = make == Make::yes && (found.empty() || found.back().error.empty());
-    if (wanted.snoops() && (runs || made))
+    if (make == Make::no ? runs : wanted.snoops() && (runs || made))
         for (const Setting &setting : INTERFACE_SCOPE.settings) {
             const Setting *needed =
                 setting.needs != nullptr ? findSetting(INTERFACE_SCOPE, setting.needs) : nullptr;

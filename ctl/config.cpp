@@ -1,0 +1,392 @@
+// The configuration file and the running state: compared, applied, saved. config.h of the platform says what
+// the file has; the daemon's platform brings it about.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <ostream>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "command.h"
+#include "fd.h"
+#include "reconcile.h"
+#include "table.h"
+
+using namespace platform_linux;
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr std::chrono::seconds PATIENCE(60);
+constexpr uint32_t CONFIRM_MAX = 86400;
+
+// ---- The daemon's side
+
+std::string ask(const std::string &request)
+{
+    const Connection connection(SOCK_SEQPACKET, config_runtime("config"), PATIENCE);
+    connection.send(request.data(), request.size());
+    std::string answer(65536, '\0');
+    answer.resize(connection.receive(answer.data(), answer.size()));
+    return answer;
+}
+
+// The lines behind "ok"; anything else is thrown, with `file` in place of the candidate's name.
+std::string demand(const std::string &request, const std::string &file = "")
+{
+    std::string answer = ask(request);
+    const std::string candidate = config_runtime("candidate");
+    for (size_t at = 0; !file.empty() && (at = answer.find(candidate, at)) != std::string::npos;
+         at += file.size())
+        answer.replace(at, candidate.size(), file);
+    if (answer.starts_with("ok\n"))
+        return answer.substr(3);
+    while (answer.ends_with('\n'))
+        answer.pop_back();
+    throw CtlError(EXIT_REFUSED, answer);
+}
+
+std::string savedPath()
+{
+    std::istringstream lines(demand("status"));
+    std::string word, path;
+    lines >> word >> path;
+    return word == "file" && !path.empty() ? path : config_path();
+}
+
+// ---- Texts and files
+
+struct File {
+    std::string name, text;
+    Config config;
+};
+
+File parsed(const std::string &name, const std::string &text)
+{
+    File file = {name, text, {}};
+    if (std::string error; !config_parse(name, text, file.config, error))
+        throw CtlError(EXIT_REFUSED, error);
+    return file;
+}
+
+// An absent file is empty where `mayLack`.
+File readFile(const std::string &name, bool mayLack = false)
+{
+    std::string text, error;
+    const ConfFile found = conf_file_read(name, text, error);
+    if (found == ConfFile::wrong)
+        throw CtlError(EXIT_REFUSED, error);
+    if (found == ConfFile::absent && !mayLack)
+        throw CtlError(EXIT_REFUSED, name + ": " + std::strerror(ENOENT));
+    return parsed(name, text);
+}
+
+// Beside it first, then in its place: a full disk or a crash leaves the old one.
+void writeFile(const std::string &name, const std::string &text)
+{
+    const std::string beside = name + ".new";
+    struct stat before = {};
+    const mode_t mode = stat(name.c_str(), &before) == 0 ? before.st_mode & 0777 : 0644;
+    const Fd file(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
+    if (!file || write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        fsync(file.get()) != 0 || rename(beside.c_str(), name.c_str()) != 0)
+        throw CtlError(EXIT_REFUSED, name + ": " + std::strerror(errno) + "; nothing was changed");
+}
+
+// ---- The running state
+
+std::string bridgeOf(const fs::path &device)
+{
+    std::error_code none;
+    const fs::path master = fs::read_symlink(device / "master", none);
+    return fs::exists(device / "master" / "bridge", none) ? master.filename().string() : "";
+}
+
+// The ports as the daemon sees them: of the file, else of the bridges; and whatever snoops.
+std::vector<PortId> ports(const Config &config, const Daemon &daemon)
+{
+    const std::vector<uint32_t> snooping = listInterfaces(daemon);
+    std::vector<PortId> found;
+    std::error_code none;
+    for (const fs::directory_entry &entry : fs::directory_iterator("/sys/class/net", none)) {
+        const std::string name = entry.path().filename();
+        const uint32_t ifIndex = if_nametoindex(name.c_str());
+        const std::string bridge = bridgeOf(entry.path());
+        const SwitchConf &model = config.model;
+        const bool isVlan = model.describes_ports() ? model.vlanInterfaces.contains(name)
+                                                    : fs::exists("/proc/net/vlan/" + name, none);
+        const bool isPort = model.describes_ports() ? model.ports.contains(name) : !bridge.empty();
+        if (ifIndex != 0 && (isPort || isVlan || std::ranges::binary_search(snooping, ifIndex)))
+            found.push_back({ifIndex, name, bridge, isVlan});
+    }
+    std::ranges::sort(found, {}, &PortId::ifIndex);
+    return found;
+}
+
+// Running values that the file does not want.
+Differences differences(const File &file, const Context &context)
+{
+    if (std::string why; !guard_config_open(why))
+        context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
+    const Daemon &daemon = context.daemon;
+    Differences all = reconcile_globals(file.config, daemon, Make::no);
+    const auto add = [&all](const Differences &more) { all.insert(all.end(), more.begin(), more.end()); };
+    for (const PortId &port : ports(file.config, daemon))
+        add(reconcile_port(file.config, daemon, port, Make::no));
+    add(reconcile_vlans(file.config, daemon, Make::no));
+    add(reconcile_bindings(file.config, {}, daemon, Make::no));
+    for (const Binding &binding : readStatics(daemon)) {
+        const auto isLine = [&](const BindingLine &line) { return line.binding.key == binding.key; };
+        if (std::ranges::any_of(file.config.bindingLines, isLine))
+            continue;
+        Words words = bindingWords(asStatic(binding));
+        words.insert(words.begin(), "binding");
+        all.push_back({words, "none", {}, ""});
+    }
+    return all;
+}
+
+// How many words of a line name the setting that it makes.
+size_t keySize(const Words &line)
+{
+    if (line[0] == "binding")
+        return 2;
+    return line[0] == "interface" || line[0] == "vlan" || line[0] == "guard" || line[0] == "arp-inspection"
+               ? 3
+               : 1;
+}
+
+bool isSameSetting(const Words &one, const Words &other)
+{
+    const size_t size = keySize(one);
+    return one.size() >= size && other.size() >= size &&
+           std::equal(one.begin(), one.begin() + static_cast<ptrdiff_t>(size), other.begin());
+}
+
+// The lines for a running value; none for a binding that is not there.
+std::vector<std::string> linesOf(const Words &running)
+{
+    std::vector<std::string> lines;
+    if (running[0] == "binding" && running.back() == "none")
+        return lines;
+    if (running.size() > 3 && running[2] == "relay-server")
+        for (size_t i = 3; i < running.size(); i++)
+            lines.push_back(joinQuoted({running[0], running[1], running[2], running[i]}));
+    else
+        lines.push_back(joinQuoted(running));
+    return lines;
+}
+
+// The file's text with the running values in it: a line for the very port is changed in its place, others are
+// added.
+std::string merged(const File &file, const Differences &all)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(file.text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    std::map<size_t, Words> words;
+    std::string unused;
+    const auto take = [&](const ConfLine &line) {
+        words[line.number - 1] = line.words;
+        if (line.words[0] == "binding" && line.words.size() > 1 && line.words[1] == "add")
+            words[line.number - 1].erase(words[line.number - 1].begin() + 1);
+        return std::string();
+    };
+    conf_parse(file.name, file.text, {take}, unused);
+    std::vector<std::string> added;
+    for (const Difference &difference : all) {
+        std::string text;
+        for (const std::string &line : linesOf(difference.running))
+            text += (text.empty() ? "" : "\n") + line;
+        bool placed = false;
+        for (const auto &[number, line] : words)
+            if (isSameSetting(difference.running, line)) {
+                lines[number] = placed || text.empty() ? "\n" : text;
+                placed = true;
+            }
+        if (!placed && !text.empty())
+            added.push_back(text);
+    }
+    std::erase(lines, "\n");
+    lines.insert(lines.end(), added.begin(), added.end());
+    std::string out;
+    for (const std::string &line : lines)
+        out += line + "\n";
+    return out;
+}
+
+// The configuration that is in force, with the settings made by command.
+std::string runningText(const Context &context)
+{
+    const File base = readFile(config_runtime("running"), true);
+    return merged(base, differences(base, context));
+}
+
+// ---- Notes about a file
+
+void noteAbsent(const File &file, const Context &context)
+{
+    const auto note = [&](uint32_t line, const std::string &text) {
+        context.err << file.name << ':' << line << ": note: " << text << '\n';
+    };
+    for (const BridgeLine &line : file.config.bridges) {
+        std::error_code none;
+        const fs::path bridge = fs::path("/sys/class/net") / line.bridge;
+        if (!fs::exists(bridge / "bridge", none)) {
+            note(line.line, "there is no bridge " + line.bridge + " now");
+        } else if (line.uplink) {
+            bool found = false;
+            for (const fs::directory_entry &port : fs::directory_iterator(bridge / "brif", none))
+                found = found || line.uplink->match(port.path().filename()) != Rank::none;
+            if (!found)
+                note(line.line, line.bridge + " has no port " + line.uplink->text() +
+                                    " now: no server is trusted there");
+        }
+    }
+    for (const PortLine &line : file.config.ports) {
+        bool found = false;
+        std::error_code none;
+        for (const fs::directory_entry &device : fs::directory_iterator("/sys/class/net", none))
+            found = found || line.ports.match(device.path().filename()) != Rank::none;
+        if (!found)
+            note(line.line, "there is no device " + line.ports.text() + " now");
+    }
+}
+
+const std::string &theFile(const char *what, std::span<const std::string> arguments)
+{
+    if (arguments.size() != 1)
+        throw UsageError(std::string(what) + " takes a file");
+    return arguments[0];
+}
+
+ExitStatus showEffective(const Context &context, const std::string &name)
+{
+    const File base = readFile(config_runtime("running"), true);
+    const std::vector<PortId> all = ports(base.config, context.daemon);
+    const auto port = std::ranges::find(all, name, &PortId::name);
+    if (port == all.end())
+        throw CtlError(EXIT_REFUSED, "'" + name + "' is no port of the switch");
+    const WantedPort wanted = wanted_port(base.config, *port);
+    std::map<std::string, Words> running; // that differ
+    for (const Difference &difference : reconcile_port(base.config, context.daemon, *port, Make::no)) {
+        const Words &line = difference.running;
+        const bool isGuard = line[0] != "interface";
+        running[isGuard ? line[0] : line[2]] = {line.begin() + 3, line.end()};
+    }
+    std::vector<Words> rows = {
+        {"SETTING", "VALUE", "FROM"}
+    };
+    Json json = Json::array();
+    const auto row = [&](const std::string &setting, const Words &words, const Source &source) {
+        const auto other = running.find(setting);
+        const std::string value = joinQuoted(other != running.end() ? other->second : words);
+        const std::string from =
+            other != running.end() ? "command, not saved" : source_text(base.config, source);
+        rows.push_back({setting, value, from});
+        json.push_back(Json{
+            {"setting", setting},
+            {"value",   value  },
+            {"from",    from   }
+        });
+    };
+    for (const Setting &setting : INTERFACE_SCOPE.settings) {
+        if (!canBeSet(setting) || setting.kind == Kind::Clear)
+            continue;
+        if (setting.kind == Kind::Servers) {
+            Words servers;
+            for (const uint32_t server : wanted.servers.value)
+                servers.push_back(ipv4Text(server));
+            row(setting.name, servers.empty() ? Words{"none"} : servers, wanted.servers.source);
+        } else {
+            row(setting.name, valueWords(setting, wanted.of(setting).value), wanted.of(setting).source);
+        }
+    }
+    const auto items = [](uint8_t value) { return value == 0 ? Words{"off"} : item_words(value); };
+    row("guard", items(wanted.ip.value), wanted.ip.source);
+    row("arp-inspection", items(wanted.arp.value), wanted.arp.source);
+    return print(context, json, rows);
+}
+
+} // namespace
+
+ExitStatus checkConfig(const Context &context, std::span<const std::string> arguments)
+{
+    noteAbsent(readFile(theFile("check", arguments)), context);
+    return EXIT_DONE;
+}
+
+ExitStatus diffConfig(const Context &context, std::span<const std::string> arguments)
+{
+    const File file = arguments.empty() ? readFile(savedPath(), true) : readFile(theFile("diff", arguments));
+    const Differences all = differences(file, context);
+    for (const Difference &difference : all)
+        context.out << joinQuoted(difference.running) << "    # "
+                    << source_text(file.config, difference.source) << ": " << difference.wanted << '\n';
+    return all.empty() ? EXIT_DONE : EXIT_REFUSED;
+}
+
+ExitStatus applyConfig(const Context &context, std::span<const std::string> arguments)
+{
+    const bool confirms = arguments.size() == 3 && arguments[1] == "confirm";
+    if (arguments.size() != 1 && !confirms)
+        throw UsageError("apply FILE [confirm SECONDS]");
+    const uint32_t seconds = confirms ? parseRange("seconds", arguments[2], 1, CONFIRM_MAX) : 0;
+    const File file = readFile(arguments[0]);
+    noteAbsent(file, context);
+    writeFile(config_runtime("before"), runningText(context));
+    writeFile(config_runtime("candidate"), file.text);
+    context.err << demand("apply " + std::to_string(seconds), file.name);
+    if (confirms)
+        context.err << "dhcpsnoopctl: in force; 'dhcpsnoopctl confirm' within " << seconds << " s keeps it\n";
+    return EXIT_DONE;
+}
+
+ExitStatus confirmConfig(const Context &, std::span<const std::string>)
+{
+    demand("confirm");
+    return EXIT_DONE;
+}
+
+ExitStatus reloadConfig(const Context &context, std::span<const std::string>)
+{
+    context.err << demand("reload");
+    return EXIT_DONE;
+}
+
+ExitStatus saveConfig(const Context &context, std::span<const std::string>)
+{
+    const std::string path = savedPath(), text = runningText(context);
+    parsed(path, text);
+    writeFile(path, text);
+    context.err << demand("reload");
+    return EXIT_DONE;
+}
+
+ExitStatus showConfig(const Context &context, std::span<const std::string> arguments)
+{
+    if (arguments.size() == 3 && arguments[0] == "--effective" && arguments[1] == "interface")
+        return showEffective(context, arguments[2]);
+    if (!arguments.empty())
+        throw UsageError("show config [--effective interface IF]");
+    const std::string text = runningText(context);
+    if (!context.json) {
+        context.out << text;
+        return EXIT_DONE;
+    }
+    Json lines = Json::array();
+    std::string unused;
+    conf_parse("", text, {[&](const ConfLine &line) {
+                   lines.push_back(line.words);
+                   return std::string();
+               }},
+               unused);
+    printJson(context, lines);
+    return EXIT_DONE;
+}
