@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <map>
 #include <ostream>
 #include <sstream>
@@ -14,10 +13,10 @@
 #include "command.h"
 #include "fd.h"
 #include "reconcile.h"
+#include "switch_model.h"
 #include "table.h"
 
 using namespace platform_linux;
-namespace fs = std::filesystem;
 
 namespace
 {
@@ -100,43 +99,35 @@ void writeFile(const std::string &name, const std::string &text)
 
 // ---- The running state
 
-std::string bridgeOf(const fs::path &device)
+// The ports as the daemon sees them.
+std::vector<PortId> ports(const Config &config)
 {
-    std::error_code none;
-    const fs::path master = fs::read_symlink(device / "master", none);
-    return fs::exists(device / "master" / "bridge", none) ? master.filename().string() : "";
+    SwitchModel model;
+    DaemonEvents unused;
+    model.configure(config.model);
+    if (!model_dump(model, unused))
+        throw CtlError(EXIT_REFUSED,
+                       std::string("the kernel's links cannot be listed: ") + std::strerror(errno));
+    std::vector<PortId> found;
+    for (const auto &[ifIndex, port] : model.ports())
+        found.push_back(port_id(port));
+    return found;
 }
 
-// The ports as the daemon sees them: of the file, else of the bridges; and whatever snoops.
-std::vector<PortId> ports(const Config &config, const Daemon &daemon)
+void openGuard(const Context &context)
 {
-    const std::vector<uint32_t> snooping = listInterfaces(daemon);
-    std::vector<PortId> found;
-    std::error_code none;
-    for (const fs::directory_entry &entry : fs::directory_iterator("/sys/class/net", none)) {
-        const std::string name = entry.path().filename();
-        const uint32_t ifIndex = if_nametoindex(name.c_str());
-        const std::string bridge = bridgeOf(entry.path());
-        const SwitchConf &model = config.model;
-        const bool isVlan = model.describes_ports() ? model.vlanInterfaces.contains(name)
-                                                    : fs::exists("/proc/net/vlan/" + name, none);
-        const bool isPort = model.describes_ports() ? model.ports.contains(name) : !bridge.empty();
-        if (ifIndex != 0 && (isPort || isVlan || std::ranges::binary_search(snooping, ifIndex)))
-            found.push_back({ifIndex, name, bridge, isVlan});
-    }
-    std::ranges::sort(found, {}, &PortId::ifIndex);
-    return found;
+    if (std::string why; !guard_config_open(why))
+        context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
 }
 
 // Running values that the file does not want.
 Differences differences(const File &file, const Context &context)
 {
-    if (std::string why; !guard_config_open(why))
-        context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
+    openGuard(context);
     const Daemon &daemon = context.daemon;
     Differences all = reconcile_globals(file.config, daemon, Make::no);
     const auto add = [&all](const Differences &more) { all.insert(all.end(), more.begin(), more.end()); };
-    for (const PortId &port : ports(file.config, daemon))
+    for (const PortId &port : ports(file.config))
         add(reconcile_port(file.config, daemon, port, Make::no));
     add(reconcile_vlans(file.config, daemon, Make::no));
     add(reconcile_bindings(file.config, {}, daemon, Make::no));
@@ -221,10 +212,19 @@ std::string merged(const File &file, const Differences &all)
     return out;
 }
 
-// The configuration that is in force, with the settings made by command.
+// The configuration that is in force, without the settings made by command. Its lines are those of the saved
+// file, if nothing else was applied.
+File baseFile()
+{
+    const std::string saved = savedPath();
+    const File base = readFile(config_runtime("running"), true);
+    return parsed(base.text == readFile(saved, true).text ? saved : "applied", base.text);
+}
+
+// With these settings.
 std::string runningText(const Context &context)
 {
-    const File base = readFile(config_runtime("running"), true);
+    const File base = baseFile();
     return merged(base, differences(base, context));
 }
 
@@ -235,27 +235,22 @@ void noteAbsent(const File &file, const Context &context)
     const auto note = [&](uint32_t line, const std::string &text) {
         context.err << file.name << ':' << line << ": note: " << text << '\n';
     };
+    const std::vector<PortId> all = ports(file.config);
     for (const BridgeLine &line : file.config.bridges) {
-        std::error_code none;
-        const fs::path bridge = fs::path("/sys/class/net") / line.bridge;
-        if (!fs::exists(bridge / "bridge", none)) {
-            note(line.line, "there is no bridge " + line.bridge + " now");
-        } else if (line.uplink) {
-            bool found = false;
-            for (const fs::directory_entry &port : fs::directory_iterator(bridge / "brif", none))
-                found = found || line.uplink->match(port.path().filename()) != Rank::none;
-            if (!found)
-                note(line.line, line.bridge + " has no port " + line.uplink->text() +
-                                    " now: no server is trusted there");
-        }
+        const auto isIn = [&](const PortId &port) { return port.bridge == line.bridge; };
+        const auto isUplink = [&](const PortId &port) {
+            return isIn(port) && line.uplink->match(port.name) != Rank::none;
+        };
+        if (std::ranges::none_of(all, isIn))
+            note(line.line, "there is no bridge " + line.bridge + " with ports now");
+        else if (line.uplink && std::ranges::none_of(all, isUplink))
+            note(line.line,
+                 line.bridge + " has no port " + line.uplink->text() + " now: no server is trusted there");
     }
     for (const PortLine &line : file.config.ports) {
-        bool found = false;
-        std::error_code none;
-        for (const fs::directory_entry &device : fs::directory_iterator("/sys/class/net", none))
-            found = found || line.ports.match(device.path().filename()) != Rank::none;
-        if (!found)
-            note(line.line, "there is no device " + line.ports.text() + " now");
+        const auto isMeant = [&](const PortId &port) { return line.ports.match(port.name) != Rank::none; };
+        if (std::ranges::none_of(all, isMeant))
+            note(line.line, "there is no port " + line.ports.text() + " now");
     }
 }
 
@@ -268,8 +263,9 @@ const std::string &theFile(const char *what, std::span<const std::string> argume
 
 ExitStatus showEffective(const Context &context, const std::string &name)
 {
-    const File base = readFile(config_runtime("running"), true);
-    const std::vector<PortId> all = ports(base.config, context.daemon);
+    const File base = baseFile();
+    openGuard(context);
+    const std::vector<PortId> all = ports(base.config);
     const auto port = std::ranges::find(all, name, &PortId::name);
     if (port == all.end())
         throw CtlError(EXIT_REFUSED, "'" + name + "' is no port of the switch");

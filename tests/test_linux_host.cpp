@@ -9,7 +9,6 @@
 #include <sys/un.h>
 
 #include "bounded_writer.h"
-#include "event_socket.h"
 #include "linux_switch.h"
 #include "logging.h"
 #include "netns_test.h"
@@ -35,7 +34,7 @@ class Kernel : public NetnsTest
     void open_socket(const std::string &before = "true")
     {
         DaemonEvents events;
-        ASSERT_TRUE(events_dump(switch_model(), events));
+        ASSERT_TRUE(model_dump(switch_model(), events));
         run(before);
         sock_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, 0);
         const sockaddr_nl self = {AF_NETLINK, 0, 0, 0};
@@ -75,7 +74,7 @@ class Kernel : public NetnsTest
             SwitchModel fresh;
             DaemonEvents events;
             fresh.configure(switch_model().conf());
-            EXPECT_TRUE(events_dump(fresh, events) && model_ports() == fresh.ports()) << command;
+            EXPECT_TRUE(model_dump(fresh, events) && model_ports() == fresh.ports()) << command;
         }
         EXPECT_TRUE(platform_event_recv(sock_, nullptr, 0, nullptr, nullptr) == -1 && errno == EAGAIN);
     }

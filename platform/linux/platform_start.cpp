@@ -13,7 +13,6 @@
 #include "config.h"
 #include "config_thread.h"
 #include "desired_state.h"
-#include "event_socket.h"
 #include "guard.h"
 #include "logging.h"
 #include "platform.h"
@@ -54,7 +53,7 @@ void claim_standard_descriptors()
 int load_model()
 {
     DaemonEvents told; // nothing has changed yet that the daemon knows of
-    if (!events_dump(switch_model(), told)) {
+    if (!model_dump(switch_model(), told)) {
         platform_report(LOG_ERR, "the kernel's links cannot be listed: %s", strerror(errno));
         return EXIT_FAILURE;
     }

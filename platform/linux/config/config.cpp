@@ -196,10 +196,12 @@ std::string config_path(const std::string &directory)
     return where + "/" + CONFIG_NAME;
 }
 
-std::string config_runtime(const char *what)
+const char *platform_socket_path()
 {
     const char *named = getenv(DHCPSNOOP_PLATFORM_SOCKET_ENV);
-    return std::string(named != nullptr && *named != 0 ? named : DHCPSNOOP_PLATFORM_SOCKET_PATH) + "." + what;
+    return named != nullptr && *named != 0 ? named : DHCPSNOOP_PLATFORM_SOCKET_PATH;
 }
+
+std::string config_runtime(const char *what) { return std::string(platform_socket_path()) + "." + what; }
 
 } // namespace platform_linux

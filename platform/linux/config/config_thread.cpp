@@ -13,6 +13,7 @@
 #include "config.h"
 #include "control_socket.h"
 #include "desired_state.h"
+#include "event_record.h"
 #include "management.h"
 #include "report.h"
 
@@ -44,8 +45,9 @@ void log_lines(const std::string &answer)
 // As the signal would have ended the process, without the socket files.
 [[noreturn]] void end_by(uint32_t signal)
 {
-    unlink(DHCPSNOOP_SOCKET_PATH);
-    unlink(config_runtime("config").c_str());
+    const std::string control = config_runtime("config");
+    for (const char *path : {DHCPSNOOP_SOCKET_PATH, platform_socket_path(), event_socket_path(), control.c_str()})
+        unlink(path);
     const sigset_t signals = taken_signals();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     std::signal(static_cast<int>(signal), SIG_DFL);

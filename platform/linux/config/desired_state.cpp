@@ -34,6 +34,7 @@ struct Desired {
 
 std::string savedPath, lastGoodPath;
 bool active = false;             // there is a configuration
+bool starting = false;           // and nothing of it is brought about yet
 Desired running;                 // on the daemon's thread, as all up to the job
 std::optional<Desired> previous; // until a confirmation
 std::set<uint32_t> todo, fresh;  // ports to look at; those among them that have appeared
@@ -43,14 +44,6 @@ std::optional<Daemon> core;
 std::mutex jobMutex;
 std::condition_variable jobDone;
 std::optional<std::string> jobRequest, jobAnswer;
-
-PortId port_id(const Port &port)
-{
-    char bridge[IF_NAMESIZE] = "";
-    if (port.bridge != 0 && if_indextoname(port.bridge, bridge) == nullptr)
-        bridge[0] = 0;
-    return {port.ifIndex, port.name, bridge, port.kind == PortKind::vlanInterface};
-}
 
 bool write_file(const std::string &path, const std::string &text)
 {
@@ -86,8 +79,8 @@ std::string make_all(const Config &before)
     protect_bridges();
     std::string wrong = failures(config, reconcile_globals(config, *core, Make::yes));
     for (const auto &[ifIndex, port] : model_ports())
-        wrong += failures(
-            config, reconcile_port(config, *core, port_id(port), Make::yes, fresh.contains(ifIndex)));
+        wrong += failures(config,
+                          reconcile_port(config, *core, port_id(port), Make::yes, fresh.contains(ifIndex)));
     wrong += failures(config, reconcile_vlans(config, *core, Make::yes));
     wrong += failures(config, reconcile_bindings(config, before, *core, Make::yes));
     todo.clear();
@@ -265,6 +258,15 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
         todo.insert(port.ifIndex);
 }
 
+bool begin()
+{
+    write_file(config_runtime("running"), running.text);
+    const std::string wrong = make_all({});
+    for (size_t begin = 0; begin < wrong.size(); begin = wrong.find('\n', begin) + 1)
+        platform_report(LOG_ERR, "%s", wrong.substr(begin, wrong.find('\n', begin) - begin).c_str());
+    return true;
+}
+
 std::optional<std::string> next_job()
 {
     const std::scoped_lock lock(jobMutex);
@@ -305,14 +307,7 @@ void config_begin(int socket, Exchange exchange)
     core.emplace(std::move(exchange));
     eventSocket = socket;
     model_watch(model_changed);
-    for (const auto &[ifIndex, port] : model_ports())
-        todo.insert(ifIndex);
-    if (active) {
-        write_file(config_runtime("running"), running.text);
-        const std::string wrong = make_all({});
-        for (size_t begin = 0; begin < wrong.size(); begin = wrong.find('\n', begin) + 1)
-            platform_report(LOG_ERR, "%s", wrong.substr(begin, wrong.find('\n', begin) - begin).c_str());
-    }
+    starting = active;
     config_thread_start();
 }
 
@@ -332,6 +327,8 @@ bool config_work()
         return worked;
     }
     try {
+        if (std::exchange(starting, false))
+            worked = begin();
         if (!todo.empty())
             protect_bridges();
         for (size_t i = 0; i < PORTS_PER_CALL && !todo.empty(); i++) {
@@ -350,7 +347,7 @@ bool config_work()
 bool config_pending()
 {
     const std::scoped_lock lock(jobMutex);
-    return (active && !todo.empty()) || jobRequest;
+    return starting || (active && !todo.empty()) || jobRequest;
 }
 
 std::string config_ask(const std::string &request)

@@ -1,5 +1,7 @@
 #include "wanted.h"
 
+#include <net/if.h>
+
 namespace platform_linux
 {
 namespace
@@ -55,6 +57,14 @@ void consider_bridge(WantedPort &port, const Config &config, const PortId &id)
 }
 
 } // namespace
+
+PortId port_id(const Port &port)
+{
+    char bridge[IF_NAMESIZE] = "";
+    if (port.bridge != 0 && if_indextoname(port.bridge, bridge) == nullptr)
+        bridge[0] = 0;
+    return {port.ifIndex, port.name, bridge, port.kind == PortKind::vlanInterface};
+}
 
 bool WantedPort::snoops() const { return of(*findSetting(INTERFACE_SCOPE, "snooping")).value != Value(0u); }
 

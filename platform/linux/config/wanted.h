@@ -16,6 +16,8 @@ struct PortId {
     bool isVlanInterface;     // snoops for its VLAN, which has lines of its own
 };
 
+PortId port_id(const Port &port);
+
 // Where a value comes from. Line 0: no line speaks of it.
 struct Source {
     Rank rank = Rank::none;

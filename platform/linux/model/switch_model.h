@@ -1,5 +1,6 @@
-// The switch model itself: the kernel's devices (links.h) seen through the ports of the configuration file, or
-// through the kernel's bridges where it names none. model.h is the view of it that the rest of the platform has.
+// The switch model itself: the kernel's devices (links.h) seen through the ports of the configuration file,
+// or through the kernel's bridges where it names none. model.h is the view of it that the rest of the
+// platform has.
 #pragma once
 
 #include <array>
@@ -52,6 +53,11 @@ class SwitchModel
     std::vector<GoneWatcher> goneWatchers_;
     std::vector<DeviceWatcher> deviceWatchers_;
 };
+
+// Dumps all links and bridge VLANs into the model, telling what changed against what it knew. False, with
+// errno, when the kernel does not answer; the model is then as it was but for what the dump brought. Not for
+// two threads at once.
+bool model_dump(SwitchModel &model, DaemonEvents &events);
 
 // The daemon's.
 SwitchModel &switch_model();
