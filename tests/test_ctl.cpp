@@ -35,15 +35,9 @@ Bytes inDaemon(const Bytes &body)
     return buffer;
 }
 
-// A line of the client; one that begins with "load:" stands in a file that is loaded, with the words behind " @ ".
 Ran run(const std::string &line, const Exchange &exchange = inDaemon)
 {
-    const bool loads = line.starts_with("load:");
-    const std::string name = testing::TempDir() + "load-" + std::to_string(getpid());
-    const size_t options = line.find(" @ ");
-    if (loads)
-        std::ofstream(name) << line.substr(5, options - 5);
-    std::istringstream stream(!loads ? line : "load " + name + (options != std::string::npos ? line.substr(options + 2) : ""));
+    std::istringstream stream(line);
     const Words words{std::istream_iterator<std::string>(stream), {}};
     Ran ran;
     std::ostringstream out, err;
@@ -51,7 +45,6 @@ Ran run(const std::string &line, const Exchange &exchange = inDaemon)
     ran.status = runClient(words, daemon, out, err);
     ran.out = out.str();
     ran.err = err.str();
-    std::remove(name.c_str());
     return ran;
 }
 
@@ -128,7 +121,6 @@ const std::tuple<const char *, const char *, std::vector<std::string>> REQUESTS[
 #define EMPTY "ADDRESS  MAC  VLAN  INTERFACE  TYPE  STATE  LEASE  LEFT\n"
 #define TABLE "ADDRESS   MAC                VLAN  INTERFACE  TYPE    STATE  LEASE    LEFT\n"
 #define ROW "10.0.0.5  02:00:00:00:00:ab  10    500000001  static  bound  forever  forever\n"
-const std::string LOADED = "dhcpsnoopctl enterprise-number 32473\ndhcpsnoopctl server-learning on\ndhcpsnoopctl interface 500000002 snooping on\n", NEW = LOADED.substr(0, LOADED.find('\n') + 1);
 const struct {
     const char *claim;
     std::string before, lines; // separated by ';'
@@ -163,16 +155,6 @@ const struct {
     {"a version that takes no trust away", A + "snooping on;" + A + "trust on", A + "version 4", {}, EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n"},
     {"a version that takes trust away", A + "snooping on;" + A + "trust on", A + "version both", {}, EXIT_DONE, "took trust away; 'interface 500000001 trust on'"},
     {"VLANs in order, whatever the order of the interfaces", "vlan 10 snooping on", "vlan 5 snooping on", {}, EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n5     32768\n10    32768\n"},
-    {"all other lines are done; the one that was not is told with its place", "", "load:" + B + "snooping on\n" + A + "trust on\nserver-learning on", {}, EXIT_REFUSED, ":2: interface 500000001 trust: refused, NM_NO_ENTRY", "show config", LOADED},
-    {"a port that is not there, and a wrong value", "", "load:" + B + "snooping on\ninterface swp77 snooping on\n" + B + "trust maybe\nserver-learning on", {}, EXIT_USAGE, ":3: ", "show config", LOADED},
-    {"a quote that is not closed", "", "load:" + B + "snooping on\n" + B + "remote-id text 'x", {}, EXIT_USAGE, ":2: a quote is not closed", "show config", NEW},
-    {"nothing is expanded", "", "load:" + B + "snooping on\n" + B + "remote-id text $(id)", {}, EXIT_USAGE, ":2: ", "show config", NEW},
-    {"nor is it a list of commands", "", "load:" + B + "snooping on\nsnooping on; snooping off", {}, EXIT_USAGE, ":2: ", "show config", NEW},
-    {"a load", "", "load:" + B + "snooping on\nload /dev/null", {}, EXIT_USAGE, ":2: 'load /dev/null' is no command", "show config", NEW},
-    {"the monitor", "", "load:" + B + "snooping on\nmonitor", {}, EXIT_USAGE, ":2: 'monitor' is no command", "show config", NEW},
-    {"no command", "", "load:" + B + "snooping on\ndhcpsnoopctl", {}, EXIT_USAGE, ":2: '' is no command", "show config", NEW},
-    {"what will not be otherwise then is not tried again", "binding add 10.0.0.9 unbound", "load:binding add 10.0.0.9 unbound vlan 7 @ wait 60", {}, EXIT_REFUSED, "NM_EXISTS"},
-    {"nor is a wrong line", "", "load:" + B + "trust maybe @ wait 60", {}, EXIT_USAGE, ":1: "},
     {"bindings by place, by state", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 10 interface 500000001 mac 02:00:00:00:00:ab", {}, EXIT_DONE, "", "show bindings address 10.0.0.5 type static state bound", TABLE ROW TABLE ROW},
     {"letters that nobody replaces", A + "snooping on;" + A + "option82 on", A + "circuit-id template %s.%Q.%n", {}, EXIT_DONE, "%Q %n"},
     {"bindings of another VLAN; by an address too; an address that nobody has", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 11;show bindings address 10.0.0.5 vlan 11;show bindings address 10.0.0.6", {}, EXIT_DONE, "", "", EMPTY},
@@ -193,18 +175,16 @@ TEST(Ctl, Requests)
     }
 }
 
-// What comes of each of the lines, with these replies in turn, the last again and again, or without any with the daemon; and a part of what is said. A
-// file's lines are one. No peer is asked about a line that is wrong.
+// What comes of each of the lines, with these replies in turn, the last again and again, or without any with the daemon; and a part of what is said. No peer is asked about a line that is wrong.
 TEST(Ctl, Lines)
 {
     for (const auto &row : ROWS) {
-        const bool loads = row.lines.starts_with("load:");
         size_t asked = 0;
         const Exchange peer = [&row, &asked](const Bytes &) { return hex_bytes(row.replies[std::min(asked++, row.replies.size() - 1)]); };
         start();
         must(row.before);
         std::istringstream errors(row.said);
-        for (const std::string &line : loads ? std::vector{row.lines} : parts(row.lines)) {
+        for (const std::string &line : parts(row.lines)) {
             SCOPED_TRACE(row.claim + (": " + line));
             std::string error;
             std::getline(errors, error, ';');
@@ -214,7 +194,7 @@ TEST(Ctl, Lines)
             EXPECT_EQ(ran.err.empty(), error.empty()) << ran.err;
             EXPECT_EQ(ran.status == EXIT_NO_DAEMON, ran.err.find("malformed reply: ") != std::string::npos) << ran.err;
             EXPECT_EQ(ran.out + (row.after.empty() ? "" : run(row.after).out), row.out);
-            EXPECT_LE(ran.requests.size(), row.status == EXIT_USAGE && !loads ? 0u : 19u);
+            EXPECT_LE(ran.requests.size(), row.status == EXIT_USAGE ? 0u : 19u);
         }
         EXPECT_GE(asked, row.replies.size()) << row.claim;
         EXPECT_EQ(world_check_tables(), "") << row.claim;
@@ -290,33 +270,6 @@ TEST(Ctl, SettingsAreReadBackAndRebuilt)
         "source-mac-check": true, "binding-check": true, "max-users": 50, "relay-address": "10.0.0.1",
         "relay-servers": ["192.0.2.1", "192.0.2.2", "192.0.2.3"], "flag14": true, "setting21": 65535,
         "dropped-untrusted": 0, "dropped-source-mac": 0, "dropped-binding": 0})"));
-    const auto all = [] { return run("show config").out + run("show interfaces --json").out + run("show global").out + run("show bindings").out; };
-    const std::string before = all(), config = run("show config").out;
-    start();
-    EXPECT_EQ(run("show interfaces --json").out, "[]\n");
-    must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound"); // as from a journal
-    must("load:# settings\n\n" + config);
-    must("load:" + config); // all of it there already
-    EXPECT_EQ(all(), before);
-    // What the daemon forgets with a switch, the client must not give back.
-    must("option82 off;option18 off;option37 off", A);
-    for (const char *gone : {"option82 on", "option82-policy", "circuit-id", "remote-id", "subopt9", "option18", "interface-id", "option37"})
-        EXPECT_EQ(run("show config").out.find(A + gone), std::string::npos) << gone;
-}
-
-TEST(Ctl, LoadWaitsForADaemon)
-{
-    start();
-    int attempts = 0;
-    const auto late = [&](const Bytes &body) {
-        if (++attempts < 3)
-            throw NoDaemon("not yet");
-        return inDaemon(body);
-    };
-    EXPECT_EQ(run("load:server-learning on @ wait 10", late).status, EXIT_DONE);
-    EXPECT_NE(run("show config").out.find("dhcpsnoopctl server-learning on\n"), std::string::npos);
-    attempts = 0;
-    EXPECT_EQ(run("load:server-learning on", late).status, EXIT_NO_DAEMON);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 // standard streams and system log, descriptor 0, crash reporter and start.
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <fcntl.h>
 #include <fstream>
 #include <regex>
@@ -13,6 +14,7 @@
 #include "logging.h"
 #include "netns_test.h"
 #include "platform.h"
+#include "options.h"
 #include "platform_start.h"
 #include "relay_socket.h"
 #include "report.h"
@@ -358,24 +360,32 @@ int overflow(volatile char *above, uint32_t depth)
     return depth == 0 ? 0 : overflow(room, depth - 1) + room[0];
 }
 
+// The platform's part of main, up to the daemon's first call.
 void start(std::vector<const char *> arguments)
 {
+    Room room = {};
     arguments.insert(arguments.begin(), "dhcpsnoop");
     dup2(STDERR_FILENO, STDOUT_FILENO);
-    qorCatchSegFault(static_cast<int>(arguments.size()), const_cast<char **>(arguments.data()));
+    const Options options = options_take(static_cast<int>(arguments.size()), const_cast<char **>(arguments.data()));
+    qorCatchSegFault(0, nullptr);
+    if (const int status = platform_linux_prepare(options, room); status != 0)
+        _exit(status);
+    if (arguments.size() > 1)
+        dprintf(2, "%u %u ", room.interfaces, room.bindings);
 }
 
-void start_with(const char *file)
+void start_with(const char *text)
 {
-    setenv("DHCPSNOOP_SWITCH_CONF", file, 1);
+    std::filesystem::create_directory("/run/conf");
+    std::ofstream("/run/conf/dhcpsnoop.conf") << text;
+    start({"--config", "/run/conf", "--interfaces", "7"});
     OsixCreateMSem(9);
 }
 
 void fail_behind_the_ports()
 {
-    std::ofstream("/run/switch.conf") << "port swp1 access 10\nport swp2 access 10\nvlan 10 interface v10\n";
     close(STDIN_FILENO);
-    start_with("/run/switch.conf");
+    start_with("port swp1 access 10\nport swp2 access 10\nvlan 10 interface v10\nbindings 99\n");
     const uint32_t handle = OsixCreateMSem(9);
     if (describe(model_ports()) != "swp1#1 10 t u10 down disabled" || handle != 2 || fcntl(STDIN_FILENO, F_GETFD) < 0)
         _exit(98);
@@ -411,19 +421,23 @@ const struct { const char *claim; void (*body)(); const char *begin, *end; } PRO
     {"a signal from outside", [] { start({}); kill(getpid(), SIGBUS); }, "dhcpsnoop: killed by SIGBUS at address 0x", "]\nsignal 7"},
     {"a stack that ran out", [] { start({}); volatile char top = 0; overflow(&top, UINT32_MAX); }, "dhcpsnoop: killed by SIGSEGV at address 0x", "]\nsignal 11"},
     {"a report that nobody reads", [] { start({}); const std::string full(65536, 'x'); ssize_t all = write(STDERR_FILENO, full.data(), full.size()); *nowhere = static_cast<int>(all); }, "xxx", "xsignal 14"},
-    {"five numbers, one below zero", [] { start({"0", "256", "1", "1", "-1"}); }, "", "status 99"},
-    {"help", [] { start({"0", "--help"}); }, "usage: dhcpsnoop [", ".conf.\nstatus 0"},
+    {"five numbers; 0 is the default", [] { start({"0", "300", "1", "1", "0"}); }, "256 300 ", "status 99"},
+    {"a number that is too large or too small, and one too many", [] { start({"70000"}); }, "dhcpsnoop: expected a number up to 65535, not '70000'; try 'dhcpsnoop --help'\n", "status 64"},
+    {"", [] { start({"--bindings", "0"}); }, "dhcpsnoop: expected a number from 1 to 65535, not '0'; try 'dhcpsnoop --help'\n", "status 64"},
+    {"", [] { start({"1", "2", "1", "1", "0", "1"}); }, "dhcpsnoop: there are only five numbers; unexpected '1'; try 'dhcpsnoop --help'\n", "status 64"},
+    {"help", [] { start({"0", "--help"}); }, "usage: dhcpsnoop [", "(8).\nstatus 0"},
     {"version", [] { start({"--version"}); }, "dhcpsnoop 0.", "\nstatus 0"},
     {"another option", [] { start({"-v"}); }, "dhcpsnoop: unknown option '-v'; try 'dhcpsnoop --help'\n", "status 64"},
-    {"a file that was named is not optional", [] { start_with("/nonexistent"); }, "dhcpsnoop: /nonexistent: No such file or directory\n", "status 78"},
-    {"a file that is wrong", [] { start_with("/etc/passwd"); }, "dhcpsnoop: /etc/passwd:1: 'root:x:0:0:root:/root:/bin/bash' is none of port, vlan, system and role\n", "status 78"},
+    {"a file that is wrong", [] { start_with("# one\nbridge\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: expected: bridge NAME [uplink PORTS] [guard ITEMS [family 4|6|both]]\n", "status 78"},
+    {"the last good one stays in force", [] { start_with("journal /run/conf/journal\nbindings 77\n"); }, "7 77 ", "status 99"},
+    {"", [] { start_with("journal /run/conf/journal\nbindings 0\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: bindings must be a number from 1 to 65535, not '0'\n", "7 77 \nstatus 99"},
     {"without rights", [] { if (setresuid(65534, 65534, 65534) == 0) OsixCreateMSem(9); }, "dhcpsnoop: missing CAP_NET_RAW (packet sockets), CAP_NET_ADMIN (traps on the ports), CAP_BPF (the program that traps frames): start as root, or grant what is missing\n", "status 1"},
     {"descriptor 0 is closed", [] { relay(0, 0); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
     {"the relay's socket was handed over", [] { relay(SOCK_DGRAM, 67); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
     {"another socket was", [] { relay(SOCK_DGRAM, 6767); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
     {"of another kind", [] { relay(SOCK_STREAM, 67); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
     {"the port may not be bound", [] { if (setresuid(65534, 65534, 65534) == 0) relay_socket_start(); }, "dhcpsnoop: UDP port 67 cannot be opened, nothing will be relayed: Permission denied\n", "status 99"},
-    {"ports that are not there yet; a later step fails", fail_behind_the_ports, "dhcpsnoop: configured, but not there yet: swp2 v10\n", "dhcpsnoop: start-up failed, the daemon ends (if nothing above says why: Address already in use)\nstatus 1"},
+    {"ports that are not there yet; a later step fails", fail_behind_the_ports, "7 99 dhcpsnoop: configured, but not there yet: swp2 v10\n", "dhcpsnoop: start-up failed, the daemon ends (if nothing above says why: Address already in use)\nstatus 1"},
 };
 // clang-format on
 

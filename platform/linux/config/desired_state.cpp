@@ -258,6 +258,19 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
         todo.insert(port.ifIndex);
 }
 
+// Of a wrong file too.
+std::string journal_of(const std::string &text)
+{
+    std::string path = JOURNAL_PATH, unused;
+    conf_parse("", text, {[&path](const ConfLine &line) {
+                   if (line.words[0] == "journal" && line.value.starts_with('/'))
+                       path = line.value;
+                   return std::string();
+               }},
+               unused);
+    return path;
+}
+
 bool begin()
 {
     write_file(config_runtime("running"), running.text);
@@ -281,8 +294,7 @@ bool config_start(const std::string &directory, ConfigStart &start)
     std::string error;
     const ConfFile file = conf_file_read(savedPath, running.text, error);
     bool good = file == ConfFile::read && config_parse(savedPath, running.text, running.config, error);
-    const std::string journal = running.config.redundancy.journal.value_or(JOURNAL_PATH);
-    lastGoodPath = (journal.empty() ? JOURNAL_PATH : journal) + "." + CONFIG_NAME;
+    lastGoodPath = journal_of(running.text) + "." + CONFIG_NAME;
     if (good) {
         write_file(lastGoodPath, running.text);
     } else if (file != ConfFile::absent) {
