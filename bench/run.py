@@ -65,7 +65,7 @@ class Daemon(Subject):
         self.commands = commands
 
     def start(self, bench):
-        bench.switch.start_daemon("20", str(self.bindings + 64), under=bench.pinned(1))
+        bench.switch.start_daemon("--bindings", str(self.bindings + 64), under=bench.pinned(1))
         self.process = bench.switch.daemon
         for command in (f"interface {CLIENT_SIDE} snooping on", f"interface {SERVER_SIDE} snooping on",
                         f"interface {SERVER_SIDE} trust on", *self.commands):
@@ -121,7 +121,7 @@ class Bench:
         self.two_processors = len(os.sched_getaffinity(0)) > 1
         os.makedirs(lab.RUN, exist_ok=True)
         self.switch, self.ends = lab.Switch("switch", self.build), lab.Host("ends")
-        self.switch.configure([f"port {CLIENT_SIDE} access 10", f"port {SERVER_SIDE} access 10"])
+        self.switch.configure(f"port {CLIENT_SIDE} access 10", f"port {SERVER_SIDE} access 10")
         for port, end in ((CLIENT_SIDE, CLIENTS), (SERVER_SIDE, SERVERS)):
             self.ends.ip(f"link add {end} type veth peer name {port} netns {self.switch.name}")
             for host, device in ((self.switch, port), (self.ends, end)):

@@ -137,7 +137,7 @@ def demo(lab):
     print("The switch and who is on it:")
     for port, model, host in PORTS:
         print(f"  {port}  {model:<20}  {'relay1, relay2' if host == 'core' else host}")
-    lab.switch.start_daemon("20", "256", "1", "1")  # interfaces, bindings, with IP source guard and ARP inspection
+    lab.switch.start_daemon()
     configure(lab)
     print("\nThe leases that the clients got:")
     with Capture(lab.server) as capture:

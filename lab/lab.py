@@ -39,7 +39,7 @@ PORTS = (
     ("swp6", "routed", "core"),
     ("swp7", "access 30", "pc3"),
 )
-MODEL = ("system 1", *(f"port {port} {model}" for port, model, _ in PORTS))  # the switch's file
+MODEL = ("system 1", *(f"port {port} {model}" for port, model, _ in PORTS))  # lines of the configuration
 TRUSTED = ("swp4", "swp6")
 RELAY_ADDRESS = "10.0.30.1"
 RELAY_SERVERS = {"relay1": "192.0.2.11", "relay2": "192.0.2.12"}
@@ -184,16 +184,14 @@ class Switch(Host):
     """The host on which the daemon runs."""
 
     def __init__(self, name, build):
-        self.build, self.daemon, self.environment = build, None, {}
+        self.build, self.daemon, self.directory = build, None, f"{RUN}/{name}"
+        os.makedirs(self.directory, exist_ok=True)
         super().__init__(name)
 
-    def configure(self, model, redundancy=None):
-        """The lines of the daemon's two files."""
-        for name, lines in (("SWITCH", model), ("REDUNDANCY", redundancy)):
-            if lines is not None:
-                path = self.environment[f"DHCPSNOOP_{name}_CONF"] = f"{RUN}/{self.name}-{name.lower()}.conf"
-                with open(path, "w") as file:
-                    file.writelines(f"{line}\n" for line in lines)
+    def configure(self, *lines):
+        """The lines of the daemon's configuration file."""
+        with open(f"{self.directory}/dhcpsnoop.conf", "w") as file:
+            file.writelines(f"{line}\n" for line in lines)
 
     def binary(self, name):
         for path in (f"{self.build}/{name}", f"{self.build}/ctl/{name}"):
@@ -203,8 +201,7 @@ class Switch(Host):
 
     def start_daemon(self, *arguments, under=()):
         """Starts the daemon, under another command if need be, and waits until it answers."""
-        daemon = self.daemon = Process(self, f"dhcpsnoop-{self.name}", *under, self.binary("dhcpsnoop"), *arguments,
-                                       env=self.environment)
+        daemon = self.daemon = Process(self, f"dhcpsnoop-{self.name}", *under, self.binary("dhcpsnoop"), "--config", self.directory, *arguments)
 
         def answers():
             if not daemon.running():
@@ -353,7 +350,7 @@ class Lab:
         native = {switch.index(port): untagged for port, untagged, _ in bridged}
         for port, untagged, tagged in bridged:
             switch.tc_program(port, "egress", vlan.bridge_port(untagged, tagged, native), f"{port}-vlan")
-        switch.configure(MODEL)
+        switch.configure(*MODEL)
 
     def make_relay_side(self, switch):
         """VLAN 30's address on the switch, and two servers on one segment behind the router port."""

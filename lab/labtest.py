@@ -20,7 +20,6 @@ from lab import MODEL, PORTS, TRUSTED, Client, Lab, wait_for
 from wire import BOOTP, Capture, Dot1Q, Endpoint, Ether, dhcp6, from_client, is_dhcp
 
 HOSTS = {host: port for port, _, host in PORTS}
-GUARDED = ("20", "256", "1", "1")  # interfaces, bindings, with IP source guard and ARP inspection
 LAST = 0x7FFFFFFF
 
 
@@ -44,7 +43,6 @@ def meanwhile(action, threads=1):
 
 class LabTest(unittest.TestCase):
     offload = True  # checksum offload at every link, as veth has it
-    daemon_arguments = ()
     vlan_interface = False  # VLAN 20 has one, vlan20
     snooped = tuple(HOSTS.values())
 
@@ -57,7 +55,7 @@ class LabTest(unittest.TestCase):
         if cls.vlan_interface:
             cls.switch.ip("link add vlan20 type bridge")  # any device will do as a name and an index
             cls.switch.ip("link set vlan20 up")
-            cls.switch.configure([*MODEL, "vlan 20 interface vlan20"])
+            cls.switch.configure(*MODEL, "vlan 20 interface vlan20")
 
     def setUp(self):
         self.clients = []
@@ -66,7 +64,7 @@ class LabTest(unittest.TestCase):
 
     def start_daemon(self, under=()):
         """The ports to the servers are trusted."""
-        self.switch.start_daemon(*self.daemon_arguments, under=under)
+        self.switch.start_daemon(under=under)
         for interface in self.snooped:
             self.ctl(f"interface {interface} snooping on; interface {interface} version both")
         for port in TRUSTED:

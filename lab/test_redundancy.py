@@ -102,7 +102,7 @@ class Redundancy(unittest.TestCase):
         self.assert_complete(self.right)
         # The other unit comes back as the standby.
         self.left.prepare("slave", "off", "right")
-        self.left.start(*SETTINGS)
+        self.left.start(*SETTINGS, "guard interface swp1 ip mac port")
         self.wait_equal()
         # And takes over again: the one that goes withdraws, the one that comes installs.
         self.right.ctl("role slave")

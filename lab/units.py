@@ -44,14 +44,14 @@ class Unit(Switch):
         return ["nsenter", f"--net=/run/netns/{self.name}", f"--mount=/proc/{self.holder.pid}/ns/mnt", "--", *arguments]
 
     def prepare(self, role, journal="off", peer="", ports=("swp1", "swp2")):
-        """The daemon's files; `peer` is the name that the peer's certificate must have, none without a peer."""
+        """The daemon's file; `peer` is the name that the peer's certificate must have, none without a peer."""
         tls = f"{RUN}/tls"
-        self.configure([f"role {role}", *(f"port {port} access 10" for port in ports)],
-                       [f"journal {journal}", *((f"{PEERS[self.name][1]} {PEERS['right'][0]}:4747", f"certificate {tls}/{self.name}.crt",
-                                                 f"key {tls}/{self.name}.key", f"authority {tls}/authority.crt", f"peer {peer}") if peer else ())])
+        self.configure(f"role {role}", *(f"port {port} access 10" for port in ports), f"journal {journal}",
+                       *((f"{PEERS[self.name][1]} {PEERS['right'][0]}:4747", f"certificate {tls}/{self.name}.crt", f"key {tls}/{self.name}.key",
+                          f"authority {tls}/authority.crt", f"peer {peer}") if peer else ()))
 
     def start(self, *settings, bindings=512):
-        self.start_daemon("20", str(bindings), "1", "1")
+        self.start_daemon("--bindings", str(bindings))
         for setting in settings:
             self.ctl(setting)
 
