@@ -144,7 +144,7 @@ binding 10.0.0.5 mac 02:00:00:00:00:05 vlan 10 interface lo attribute 3
     world.reset();
     world.access(1, 10);
     const std::string before = world_state();
-    EXPECT_EQ(reconcile(config, empty, Make::yes), std::string(20, '\n'));
+    EXPECT_EQ(reconcile(config, empty, Make::yes), std::string(22, '\n'));
     EXPECT_EQ(reconcile(config, empty, Make::no), "");
     EXPECT_EQ(reconcile_port(empty, daemon, port, Make::no).size(), 18u) << "each running value is told";
     EXPECT_EQ(reconcile(parsed("enterprise-number 32473\n"), config, Make::yes).find_first_not_of('\n'), std::string::npos);

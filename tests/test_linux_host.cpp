@@ -430,7 +430,7 @@ const struct { const char *claim; void (*body)(); const char *begin, *end; } PRO
     {"another option", [] { start({"-v"}); }, "dhcpsnoop: unknown option '-v'; try 'dhcpsnoop --help'\n", "status 64"},
     {"a file that is wrong", [] { start_with("# one\nbridge\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: expected: bridge NAME [uplink PORTS] [guard ITEMS [family 4|6|both]]\n", "status 78"},
     {"the last good one stays in force", [] { start_with("journal /run/conf/journal\nbindings 77\n"); }, "7 77 ", "status 99"},
-    {"", [] { start_with("journal /run/conf/journal\nbindings 0\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: bindings must be a number from 1 to 65535, not '0'\n", "7 77 \nstatus 99"},
+    {"", [] { start_with("journal /run/conf/journal\nbindings 0\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: bindings must be a number from 1 to 65535, not '0'\n", "stays in force; mend it, then reload\n7 77 status 99"},
     {"without rights", [] { if (setresuid(65534, 65534, 65534) == 0) OsixCreateMSem(9); }, "dhcpsnoop: missing CAP_NET_RAW (packet sockets), CAP_NET_ADMIN (traps on the ports), CAP_BPF (the program that traps frames): start as root, or grant what is missing\n", "status 1"},
     {"descriptor 0 is closed", [] { relay(0, 0); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
     {"the relay's socket was handed over", [] { relay(SOCK_DGRAM, 67); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},

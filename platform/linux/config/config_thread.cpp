@@ -12,7 +12,6 @@
 #include "clock.h"
 #include "config.h"
 #include "control_socket.h"
-#include "desired_state.h"
 #include "event_record.h"
 #include "management.h"
 #include "report.h"
@@ -21,6 +20,8 @@ namespace platform_linux
 {
 namespace
 {
+
+using Ask = std::function<std::string(const std::string &)>;
 
 constexpr Ticks LOOK_AGAIN = 1000; // for a time that another thread set
 
@@ -46,7 +47,8 @@ void log_lines(const std::string &answer)
 [[noreturn]] void end_by(uint32_t signal)
 {
     const std::string control = config_runtime("config");
-    for (const char *path : {DHCPSNOOP_SOCKET_PATH, platform_socket_path(), event_socket_path(), control.c_str()})
+    for (const char *path :
+         {DHCPSNOOP_SOCKET_PATH, platform_socket_path(), event_socket_path(), control.c_str()})
         unlink(path);
     const sigset_t signals = taken_signals();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
@@ -55,12 +57,12 @@ void log_lines(const std::string &answer)
     _exit(128 + static_cast<int>(signal));
 }
 
-void serve()
+void serve(const Ask &ask)
 {
     const sigset_t signals = taken_signals();
     const Fd signalled(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
     ControlSocket control(
-        [](const std::string &request, const ControlSocket::Answer &answer) { answer(config_ask(request)); });
+        [](const std::string &request, const ControlSocket::Answer &answer) { answer(ask(request)); });
     std::string error;
     if (!control.open(config_runtime("config").c_str(), error))
         platform_report(LOG_WARNING, "the configuration cannot be changed by the client: %s", error.c_str());
@@ -78,13 +80,13 @@ void serve()
         if (read(signalled.get(), &signal, sizeof signal) == sizeof signal) {
             if (signal.ssi_signo != SIGHUP)
                 end_by(signal.ssi_signo);
-            log_lines(config_ask("reload"));
+            log_lines(ask("reload"));
         }
         descriptors.erase(descriptors.begin());
         control.serve(descriptors, ticks());
         if (ticks() >= confirmBy) {
             confirmBy = NEVER;
-            log_lines(config_ask("revert"));
+            log_lines(ask("revert"));
         }
     }
 }
@@ -97,11 +99,11 @@ void config_signals_block()
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-void config_thread_start()
+void config_thread_start(Ask ask)
 {
-    std::thread([] {
+    std::thread([ask = std::move(ask)] {
         try {
-            serve();
+            serve(ask);
         } catch (const std::exception &error) {
             platform_report(LOG_ERR, "the configuration's thread has ended: %s", error.what());
         }

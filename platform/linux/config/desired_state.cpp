@@ -192,6 +192,8 @@ std::string status()
            (previous ? "unconfirmed\n" : "");
 }
 
+// Of the client or a signal: "reload", "apply SECONDS" (0: for good) of the candidate, "confirm", "revert",
+// "status". The answer begins with "ok", or says what is wrong.
 std::string handle(const std::string &request)
 {
     constexpr std::string_view APPLY = "apply ";
@@ -280,6 +282,20 @@ bool begin()
     return true;
 }
 
+// From the thread: waits for the answer of config_work.
+std::string ask_work(const std::string &request)
+{
+    std::unique_lock lock(jobMutex);
+    jobRequest = request;
+    jobAnswer.reset();
+    wake_event_socket(eventSocket);
+    if (!jobDone.wait_for(lock, PATIENCE, [] { return jobAnswer.has_value(); })) {
+        jobRequest.reset();
+        return "the daemon is too busy\n";
+    }
+    return *jobAnswer;
+}
+
 std::optional<std::string> next_job()
 {
     const std::scoped_lock lock(jobMutex);
@@ -320,7 +336,7 @@ void config_begin(int socket, Exchange exchange)
     eventSocket = socket;
     model_watch(model_changed);
     starting = active;
-    config_thread_start();
+    config_thread_start(ask_work);
 }
 
 bool config_work()
@@ -360,19 +376,6 @@ bool config_pending()
 {
     const std::scoped_lock lock(jobMutex);
     return starting || (active && !todo.empty()) || jobRequest;
-}
-
-std::string config_ask(const std::string &request)
-{
-    std::unique_lock lock(jobMutex);
-    jobRequest = request;
-    jobAnswer.reset();
-    wake_event_socket(eventSocket);
-    if (!jobDone.wait_for(lock, PATIENCE, [] { return jobAnswer.has_value(); })) {
-        jobRequest.reset();
-        return "the daemon is too busy\n";
-    }
-    return *jobAnswer;
 }
 
 } // namespace platform_linux

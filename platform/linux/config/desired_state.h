@@ -44,9 +44,4 @@ bool config_work();
 // Whether there is more to do.
 bool config_pending();
 
-// What config_work has done with a request of the client or a signal: "reload", "apply SECONDS" (0: for good)
-// of the candidate, "confirm", "revert", "status". The answer begins with "ok", or says what is wrong. From
-// any thread but the daemon's.
-std::string config_ask(const std::string &request);
-
 } // namespace platform_linux
