@@ -62,7 +62,7 @@ void serve(const Ask &ask)
     const sigset_t signals = taken_signals();
     const Fd signalled(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
     ControlSocket control(
-        [](const std::string &request, const ControlSocket::Answer &answer) { answer(ask(request)); });
+        [&ask](const std::string &request, const ControlSocket::Answer &answer) { answer(ask(request)); });
     std::string error;
     if (!control.open(config_runtime("config").c_str(), error))
         platform_report(LOG_WARNING, "the configuration cannot be changed by the client: %s", error.c_str());

@@ -59,7 +59,7 @@ void protect_bridges()
     for (const BridgeLine &line : running.config.bridges)
         if (const uint32_t ifIndex = if_nametoindex(line.bridge.c_str()); ifIndex != 0)
             bridges.insert(ifIndex);
-    (void)bridges;
+    guard_protect(bridges);
 }
 
 // Each difference that could not be made to go, a line.
@@ -83,6 +83,10 @@ std::string make_all(const Config &before)
                           reconcile_port(config, *core, port_id(port), Make::yes, fresh.contains(ifIndex)));
     wrong += failures(config, reconcile_vlans(config, *core, Make::yes));
     wrong += failures(config, reconcile_bindings(config, before, *core, Make::yes));
+    // When ARP inspection stops, the daemon forgets the check items of static bindings for it.
+    for (const BindingLine &line : config.bindingLines)
+        if (line.binding.bound)
+            core->ask({FUNC_USER_SET, USER_ACTION, line.binding.key, USER_ACTION_BIND});
     todo.clear();
     fresh.clear();
     return wrong;
