@@ -123,7 +123,6 @@ void openGuard(const Context &context)
 // Running values that the file does not want.
 Differences differences(const File &file, const Context &context)
 {
-    openGuard(context);
     const Daemon &daemon = context.daemon;
     Differences all = reconcile_globals(file.config, daemon, Make::no);
     const auto add = [&all](const Differences &more) { all.insert(all.end(), more.begin(), more.end()); };
@@ -174,7 +173,7 @@ std::vector<std::string> linesOf(const Words &running)
 }
 
 // The file's text with the running values in it: a line for the very port is changed in its place, others are
-// added.
+// added. "guard" speaks of ARP inspection too, so that lines for ARP inspection alone go to the end.
 std::string merged(const File &file, const Differences &all)
 {
     std::vector<std::string> lines;
@@ -198,8 +197,9 @@ std::string merged(const File &file, const Differences &all)
         bool placed = false;
         for (const auto &[number, line] : words)
             if (isSameSetting(difference.running, line)) {
-                lines[number] = placed || text.empty() ? "\n" : text;
-                placed = true;
+                const bool moves = line[0] == "arp-inspection";
+                lines[number] = placed || moves || text.empty() ? "\n" : text;
+                placed = placed || !moves;
             }
         if (!placed && !text.empty())
             added.push_back(text);
@@ -221,11 +221,16 @@ File baseFile()
     return parsed(base.text == readFile(saved, true).text ? saved : "applied", base.text);
 }
 
-// With these settings.
+// With these settings. A line can say more than the setting that it was written for, which then differs.
 std::string runningText(const Context &context)
 {
-    const File base = baseFile();
-    return merged(base, differences(base, context));
+    constexpr int ROUNDS = 3;
+    File file = baseFile();
+    openGuard(context);
+    for (int i = 0; i < ROUNDS; i++)
+        if (const Differences all = differences(file, context); !all.empty())
+            file = parsed(file.name, merged(file, all));
+    return file.text;
 }
 
 // ---- Notes about a file
@@ -321,6 +326,7 @@ ExitStatus checkConfig(const Context &context, std::span<const std::string> argu
 ExitStatus diffConfig(const Context &context, std::span<const std::string> arguments)
 {
     const File file = arguments.empty() ? readFile(savedPath(), true) : readFile(theFile("diff", arguments));
+    openGuard(context);
     const Differences all = differences(file, context);
     for (const Difference &difference : all)
         context.out << joinQuoted(difference.running) << "    # "

@@ -43,6 +43,7 @@ def meanwhile(action, threads=1):
 
 class LabTest(unittest.TestCase):
     offload = True  # checksum offload at every link, as veth has it
+    model = MODEL
     vlan_interface = False  # VLAN 20 has one, vlan20
     snooped = tuple(HOSTS.values())
 
@@ -55,10 +56,11 @@ class LabTest(unittest.TestCase):
         if cls.vlan_interface:
             cls.switch.ip("link add vlan20 type bridge")  # any device will do as a name and an index
             cls.switch.ip("link set vlan20 up")
-            cls.switch.configure(*MODEL, "vlan 20 interface vlan20")
+            cls.model = (*MODEL, "vlan 20 interface vlan20")
 
     def setUp(self):
         self.clients = []
+        self.switch.configure(*self.model)
         self.addCleanup(self.finish)
         self.start_daemon()
 

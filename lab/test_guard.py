@@ -113,7 +113,6 @@ class Guard(labtest.LabTest):
             sent.append(own)
 
         self.guard("swp1", "swp5")
-        self.addCleanup(self.switch.configure, *labtest.MODEL)
         self.ctl("save")
         with labtest.meanwhile(send):
             time.sleep(0.1)
@@ -141,8 +140,8 @@ class Configuration(labtest.LabTest):
         for line, text in (("guard vlan 10 ip", "the VLAN has no interface"), ("guard interface lo ip", "no port of the switch")):
             done = self.switch.ctl(line, check=False)
             self.assertEqual((done.returncode, text in done.stderr), (1, True), done.stderr)
-        self.ctl("guard interface swp1 ip; save")
         self.switch.stop_daemon()
+        self.switch.configure(*self.model, "guard interface swp1 ip")
         self.switch.start_daemon("0", "0", "0", "0")  # without the features
         self.wait("warning", lambda: "IP source guard is configured, but" in self.switch.daemon.log())
         self.assertEqual(self.items("ip"), {}, "nobody would install bindings")
