@@ -1,6 +1,7 @@
-"""What the monitor tells, and what the lab shows."""
+"""The configuration file brought about, what the monitor tells, and what the lab shows."""
 
 import json
+import os
 import signal
 import subprocess
 import sys
@@ -8,8 +9,69 @@ import unittest
 
 import labtest
 
-from lab import HERE, MACS, Process
-from wire import BOOTP, exchange
+from lab import HERE, MACS, RUN, Process
+from wire import BOOTP, exchange, from_server
+
+
+class Configuration(labtest.LabTest):
+    """A bridge that the file protects. Ports have their settings by name, whenever they come."""
+    model = ("bridge br0 uplink swp4", "bridge br0 guard ip mac", "interface vm* max-users 4", "interface absent max-users 6", f"journal {RUN}/journal")
+    known = "False 32768 ip,mac"
+
+    def start_daemon(self, under=()):
+        self.switch.start_daemon()
+
+    def state(self, port):
+        """Trust, limit and guard of a port that snoops."""
+        daemon, guard = ({row["interface"]: row for row in rows} for rows in (self.switch.show("interfaces"), self.switch.show("guard")["interfaces"]))
+        return "{trust} {max-users} ".format(**daemon[port]) + ",".join(guard[port]["ip"]) if port in daemon else "none"
+
+    def wait_state(self, port, expected):
+        self.wait(f"'{expected}' of {port}", lambda: self.state(port) == expected, 10)
+
+    def test_ports(self):
+        offer, pc1 = from_server("offer", MACS["pc1"], "10.0.10.66", "10.0.10.250", source_mac=MACS["rogue"]), self.endpoint("pc1")
+        for claim, changes, port, expected in (
+                ("the uplink", (), "swp4", "True 32768 exempt"),
+                ("a port without a line of its own", (), "swp5", self.known),
+                ("renamed into a pattern", ("switch link set swp5 down", "switch link set swp5 name vm5 up"), "vm5", "False 4 ip,mac"),
+                ("gone", ("rogue link del eth0",), "vm5", "none"),
+                ("there again under the same name", ("rogue link add eth0 type veth peer name vm5 netns switch", "rogue link set eth0 up",
+                                                     "switch link set vm5 master br0 up"), "vm5", "False 4 ip,mac"),
+                ("renamed out of the pattern", ("switch link set vm5 down", "switch link set vm5 name swp5 up"), "swp5", self.known)):
+            with self.subTest(claim):
+                for host, line in (change.split(" ", 1) for change in changes):
+                    self.lab.hosts[host].ip(line)
+                self.wait_state(port, expected)
+                if port != "swp4" and expected != "none":
+                    before = self.counts(port)["dropped-untrusted"]
+                    self.endpoint("rogue").send(offer)
+                    self.wait("refusal", lambda: self.counts(port)["dropped-untrusted"] == before + 1)
+        self.assertNotIn(bytes(offer), [bytes(frame) for frame in pc1.drain()])
+
+    def test_file(self):
+        path, error = f"{self.switch.directory}/dhcpsnoop.conf", "dhcpsnoop.conf:1: there is no setting 'max-user'"
+        self.switch.stop_daemon()
+        self.assertEqual([name for name in ("/tmp/dhcpsnoop.socket", "/run/dhcpsnoop/events", "/run/dhcpsnoop/platform") if os.path.exists(name)], [])
+        self.switch.configure("interface swp5 max-user 9", *self.model)
+        self.switch.start_daemon()
+        self.wait_state("swp5", self.known)
+        self.assertRegex(self.switch.daemon.log(), f"(?s){error}.*the last good configuration, {RUN}/journal.dhcpsnoop.conf, stays in force")
+        checked = self.switch.ctl(f"check {path}", check=False)
+        self.assertEqual((checked.returncode, error in checked.stderr), (1, True), checked.stderr)
+        self.switch.configure(*self.model, "interface swp5 max-users 9")
+        self.switch.daemon.signal(signal.SIGHUP)
+        self.wait_state("swp5", "False 9 ip,mac")
+        self.ctl("interface swp1 max-users 7")
+        with open(f"{RUN}/other", "w") as file:
+            file.write("bridge br0 uplink swp4\n")
+        self.ctl(f"apply {RUN}/other confirm 1")
+        self.assertEqual((self.state("swp5"), self.state("swp1")), ("False 32768 ", "False 32768 "))
+        self.wait_state("swp5", "False 9 ip,mac")
+        self.assertEqual(self.state("swp1"), "False 7 ip,mac")
+        self.ctl("save")
+        with open(path) as file:
+            self.assertEqual(file.read().splitlines(), [*self.model, "interface swp5 max-users 9", "interface swp1 max-users 7"])
 
 
 class Monitor(labtest.LabTest):
