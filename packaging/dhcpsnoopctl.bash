@@ -4,4 +4,4 @@ _dhcpsnoopctl()
     local word=${COMP_WORDS[COMP_CWORD]}
     mapfile -t COMPREPLY < <(compgen -W "$(dhcpsnoopctl complete "${COMP_WORDS[@]:1:COMP_CWORD-1}" 2>/dev/null)" -- "$word")
 }
-complete -F _dhcpsnoopctl dhcpsnoopctl
+complete -o default -F _dhcpsnoopctl dhcpsnoopctl
