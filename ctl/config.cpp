@@ -309,9 +309,8 @@ ExitStatus showEffective(const Context &context, const std::string &name)
             row(setting.name, valueWords(setting, wanted.of(setting).value), wanted.of(setting).source);
         }
     }
-    const auto items = [](uint8_t value) { return value == 0 ? Words{"off"} : item_words(value); };
-    row("guard", items(wanted.ip.value), wanted.ip.source);
-    row("arp-inspection", items(wanted.arp.value), wanted.arp.source);
+    row("guard", guard_words(wanted.ip.value), wanted.ip.source);
+    row("arp-inspection", guard_words(wanted.arp.value), wanted.arp.source);
     return print(context, json, rows);
 }
 

@@ -10,6 +10,7 @@
 #include "binding_view.h"
 #include "command.h"
 #include "guard.h"
+#include "guard_words.h"
 #include "protocol.h"
 #include "table.h"
 
@@ -17,22 +18,6 @@ using namespace platform_linux;
 
 namespace
 {
-
-constexpr Choice CHECK_ITEMS[] = {
-    {"ip",   GUARD_CHECK_ADDRESS},
-    {"mac",  GUARD_CHECK_MAC    },
-    {"vlan", GUARD_CHECK_VLAN   },
-    {"port", GUARD_CHECK_PORT   }
-};
-constexpr char EXEMPT[] = "exempt"; // from the VLANs' settings;
-// Of IP source guard, beside the check items.
-constexpr char FAMILY[] = "family";
-constexpr Choice FAMILIES[] = {
-    {"4",    0                           },
-    {"6",    GUARD_FAMILY_6 | GUARD_NOT_4},
-    {"both", GUARD_FAMILY_6              }
-};
-constexpr uint8_t FAMILY_BITS = GUARD_FAMILY_6 | GUARD_NOT_4;
 
 constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan", "origin"};
 static_assert(std::size(REASONS) == GUARD_REASONS);
@@ -51,66 +36,6 @@ Words placeWords(const GuardPlace &place)
     if (place.isVlan)
         return {"vlan", std::to_string(place.number)};
     return {"interface", interfaceText(place.number)};
-}
-
-Words itemWords(uint8_t items)
-{
-    Words words;
-    if (items == GUARD_EXEMPT)
-        words.push_back(EXEMPT);
-    for (const Choice &item : CHECK_ITEMS)
-        if ((items & item.value) != 0)
-            words.push_back(item.word);
-    return words;
-}
-
-const char *familyWord(uint8_t items)
-{
-    for (const Choice &family : FAMILIES)
-        if ((items & FAMILY_BITS) == family.value)
-            return family.word;
-    return FAMILIES[0].word;
-}
-
-// ARP inspection as the guard switches it together with IP source guard: it is IPv4's.
-uint8_t arpBeside(uint8_t ip)
-{
-    return (ip & GUARD_NOT_4) != 0 ? uint8_t{0} : static_cast<uint8_t>(ip & ~FAMILY_BITS);
-}
-
-// Takes "family WORD" off the end.
-uint8_t parseFamily(std::span<const std::string> &words)
-{
-    if (words.empty() || (words.back() != FAMILY && (words.size() < 2 || words[words.size() - 2] != FAMILY)))
-        return 0;
-    for (const Choice &family : FAMILIES) {
-        if (words.size() > 2 && words.back() == family.word) {
-            words = words.first(words.size() - 2);
-            return static_cast<uint8_t>(family.value);
-        }
-    }
-    throw UsageError("which family? (4, 6 or both, behind the check items)");
-}
-
-// 0 is "off".
-uint8_t parseItems(std::span<const std::string> words)
-{
-    if (words.size() == 1 && words[0] == "off")
-        return 0;
-    if (words.size() == 1 && words[0] == EXEMPT)
-        return GUARD_EXEMPT;
-    uint32_t items = 0;
-    for (const std::string &word : words) {
-        const Choice *found = nullptr;
-        for (const Choice &item : CHECK_ITEMS)
-            found = word == item.word ? &item : found;
-        if (!found)
-            throw UsageError("'" + word + "' is no check item (ip, mac, vlan, port; or off or exempt alone)");
-        items |= found->value;
-    }
-    if (items == 0)
-        throw UsageError("which check items? (ip, mac, vlan, port; or off)");
-    return static_cast<uint8_t>(items);
 }
 
 void openConfig(const std::string &what)
@@ -182,11 +107,7 @@ ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace
                   std::span<const std::string> words)
 {
     const bool both = feature == GuardFeature::ipSourceGuard;
-    const uint8_t families = both ? parseFamily(words) : uint8_t{0};
-    const uint8_t items = parseItems(words);
-    if (families != 0 && (items & GUARD_CHECK_ALL) == 0)
-        throw UsageError("a family goes with check items");
-    const uint8_t wanted = static_cast<uint8_t>(items | families), arp = both ? arpBeside(wanted) : wanted;
+    const auto [wanted, arp] = both ? parse_guard(words) : GuardWords{parse_items(words), parse_items(words)};
     if (place.isVlan && wanted == GUARD_EXEMPT)
         throw UsageError("only a port can be exempt, not a VLAN");
     Words name = placeWords(place);
@@ -225,10 +146,10 @@ std::string itemsText(const guard_items &items, GuardFeature feature)
 {
     std::string text;
     const uint8_t wanted = guard_wanted(items, feature);
-    for (const std::string &word : itemWords(wanted))
+    for (const std::string &word : item_words(wanted))
         text += (text.empty() ? "" : ",") + word;
-    if ((wanted & FAMILY_BITS) != 0)
-        text += std::string("/") + familyWord(wanted);
+    if (has_family(wanted))
+        text += std::string("/") + family_word(wanted);
     if (guard_pending(items, feature))
         text += "(pending)";
     return text.empty() ? "off" : text;
@@ -242,12 +163,12 @@ void addItems(Json &json, const guard_items &items)
         {"arp", items.arp, GuardFeature::arpInspection}
     };
     for (const auto &[key, inForce, feature] : features) {
-        json[key] = itemWords(inForce);
+        json[key] = item_words(inForce);
         json[std::string(key) + "-pending"] =
-            guard_pending(items, feature) ? Json(itemWords(guard_wanted(items, feature))) : Json(nullptr);
+            guard_pending(items, feature) ? Json(item_words(guard_wanted(items, feature))) : Json(nullptr);
     }
     const uint8_t wanted = guard_wanted(items, GuardFeature::ipSourceGuard);
-    json["family"] = (wanted & GUARD_CHECK_ALL) != 0 ? Json(familyWord(wanted)) : Json(nullptr);
+    json["family"] = (wanted & GUARD_CHECK_ALL) != 0 ? Json(family_word(wanted)) : Json(nullptr);
 }
 
 } // namespace

@@ -85,15 +85,14 @@ void reconcile_guard(Differences &found, const GuardPlace &place, const Words &t
 {
     const char *word = feature == GuardFeature::ipSourceGuard ? "guard" : "arp-inspection";
     guard_items items = guard_config_get(place);
-    const auto words = [](uint8_t value) { return value == 0 ? Words{"off"} : item_words(value); };
     const uint8_t running = guard_wanted(items, feature);
     if (running == wanted.value)
         return;
     Words line = {word};
     line.insert(line.end(), target.begin(), target.end());
-    const Words runningWords = words(running);
+    const Words runningWords = guard_words(running);
     line.insert(line.end(), runningWords.begin(), runningWords.end());
-    note(found, {line, joinQuoted(words(wanted.value)), wanted.source, ""}, make, [&] {
+    note(found, {line, joinQuoted(guard_words(wanted.value)), wanted.source, ""}, make, [&] {
         guard_switch(items, feature, wanted.value);
         if (isNew)
             guard_settle(items, feature);
