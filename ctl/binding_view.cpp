@@ -78,9 +78,25 @@ std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wan
     return bindings;
 }
 
+// "6d23h", "23h59m", "5m10s": the two greatest units, without a second one that is 0.
 std::string leaseText(uint32_t seconds)
 {
-    return seconds == DHCPSNOOP_LEASE_FOREVER ? "forever" : std::to_string(seconds);
+    if (seconds == DHCPSNOOP_LEASE_FOREVER)
+        return "forever";
+    constexpr std::pair<uint32_t, char> UNITS[] = {
+        {86400, 'd'},
+        {3600,  'h'},
+        {60,    'm'},
+        {1,     's'}
+    };
+    const auto *unit = UNITS;
+    while (seconds < unit->first && unit->first > 1)
+        unit++;
+    std::string text = std::to_string(seconds / unit->first) + unit->second;
+    const uint32_t rest = seconds % unit->first;
+    if (unit->first > 1 && rest >= unit[1].first)
+        text += std::to_string(rest / unit[1].first) + unit[1].second;
+    return text;
 }
 
 uint32_t leaseLeft(const Binding &binding)
@@ -191,5 +207,5 @@ ExitStatus showBindings(const Context &context, std::span<const std::string> arg
                         wordOf(USER_TYPES, binding.type), wordOf(USER_STATES, binding.state),
                         leaseText(binding.lease), leaseText(leaseLeft(binding))});
     }
-    return print(context, list, rows);
+    return print(context, list, rows, "no bindings");
 }

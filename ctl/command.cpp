@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <iostream>
 #include <net/if.h>
+#include <poll.h>
 #include <sstream>
+#include <unistd.h>
 
 namespace
 {
@@ -228,6 +230,13 @@ Words settingWords(const Scope &scope, const Words &given)
     return argumentWords(setting->arguments, {given.begin() + 2, given.end()});
 }
 
+// Whether standard output is a pipe without a reader, as behind "| head".
+bool isReaderGone()
+{
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & (POLLERR | POLLHUP)) != 0;
+}
+
 } // namespace
 
 std::span<const Command> commands() { return COMMANDS; }
@@ -296,6 +305,8 @@ ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out,
         }
         const ExitStatus status = runCommand(line, {daemon, false, out, err});
         if (!out.flush()) {
+            if (isReaderGone())
+                return EXIT_DONE; // it has read as much as it wants
             err << "dhcpsnoopctl: the output could not be written\n";
             return EXIT_REFUSED;
         }

@@ -135,6 +135,6 @@ ExitStatus monitor(const Context &context, std::span<const std::string>)
             throw NoDaemon("malformed event of " + std::to_string(length) + " bytes");
         printEvent(context, record);
         if (!context.out)
-            return EXIT_REFUSED; // runClient reports the failed write
+            return EXIT_REFUSED; // runClient judges the failed write
     }
 }

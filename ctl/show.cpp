@@ -28,7 +28,7 @@ ExitStatus showInterfaces(const Context &context, std::span<const std::string>)
                         shown(view, "option82"), shown(view, "users"), shown(view, "max-users"),
                         shown(view, "relay-address"), std::to_string(dropped)});
     }
-    return print(context, list, rows);
+    return print(context, list, rows, "no interface snoops");
 }
 
 ExitStatus showInterface(const Context &context, std::span<const std::string> arguments)
@@ -69,7 +69,7 @@ ExitStatus showVlans(const Context &context, std::span<const std::string>)
             { "max-users", valueJson(maxUsers, *most)}
         });
     }
-    return print(context, list, rows);
+    return print(context, list, rows, "no VLAN snoops");
 }
 
 ExitStatus showServers(const Context &context, std::span<const std::string>)
@@ -87,7 +87,7 @@ ExitStatus showServers(const Context &context, std::span<const std::string>)
             {"server",    address    }
         });
     }
-    return print(context, list, rows);
+    return print(context, list, rows, "no relay servers");
 }
 
 ExitStatus showGlobal(const Context &context, std::span<const std::string>)
@@ -139,5 +139,5 @@ ExitStatus showStatistics(const Context &context, std::span<const std::string>)
             list.push_back(object);
         }
     }
-    return print(context, list, rows);
+    return print(context, list, rows, "no interface snoops");
 }

@@ -36,10 +36,12 @@ void printTable(std::ostream &out, const std::vector<Words> &rows)
 
 void printJson(const Context &context, const Json &json) { context.out << json.dump(2) << '\n'; }
 
-ExitStatus print(const Context &context, const Json &json, const std::vector<Words> &rows)
+ExitStatus print(const Context &context, const Json &json, const std::vector<Words> &rows, const char *none)
 {
     if (context.json)
         printJson(context, json);
+    else if (none && rows.size() == 1)
+        context.out << none << '\n';
     else
         printTable(context.out, rows);
     return EXIT_DONE;

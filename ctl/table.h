@@ -10,6 +10,7 @@ using Json = nlohmann::ordered_json;
 // Rows of equal length, the first one the heading; an empty word is shown as "-".
 void printTable(std::ostream &out, const std::vector<Words> &rows);
 void printJson(const Context &context, const Json &json);
-// One of the two, as the user wants it.
-ExitStatus print(const Context &context, const Json &json, const std::vector<Words> &rows);
+// One of the two, as the user wants it; `none` in place of a table that has a heading only.
+ExitStatus print(const Context &context, const Json &json, const std::vector<Words> &rows,
+                 const char *none = nullptr);
 Json valueJson(const Setting &setting, const Value &value);
