@@ -34,10 +34,11 @@ struct Desired {
 
 std::string savedPath, lastGoodPath;
 bool active = false;             // there is a configuration
-bool starting = false;           // and nothing of it is brought about yet
+bool starting = false;           // nothing of it is brought about yet
 Desired running;                 // on the daemon's thread, as all up to the job
 std::optional<Desired> previous; // until a confirmation
 std::set<uint32_t> todo, fresh;  // ports to look at; those among them that have appeared
+std::set<uint32_t> settled;      // ports whose settings are in force
 int eventSocket = -1;
 std::optional<Daemon> core;
 
@@ -62,6 +63,19 @@ void protect_bridges()
     guard_protect(bridges);
 }
 
+// A port of a protected bridge stays closed while its snooping or its guard could not be had.
+void settle(uint32_t ifIndex, const Differences &made)
+{
+    const auto leavesOpen = [](const Difference &difference) {
+        const Words &line = difference.running;
+        return !difference.error.empty() && (line[0] != "interface" || line[2] == "snooping");
+    };
+    if (std::ranges::any_of(made, leavesOpen))
+        return;
+    settled.insert(ifIndex);
+    guard_admit(ifIndex);
+}
+
 // Each difference that could not be made to go, a line.
 std::string failures(const Config &config, const Differences &differences)
 {
@@ -78,9 +92,12 @@ std::string make_all(const Config &before)
     const Config &config = running.config;
     protect_bridges();
     std::string wrong = failures(config, reconcile_globals(config, *core, Make::yes));
-    for (const auto &[ifIndex, port] : model_ports())
-        wrong += failures(config,
-                          reconcile_port(config, *core, port_id(port), Make::yes, fresh.contains(ifIndex)));
+    for (const auto &[ifIndex, port] : model_ports()) {
+        const Differences made =
+            reconcile_port(config, *core, port_id(port), Make::yes, fresh.contains(ifIndex));
+        settle(ifIndex, made);
+        wrong += failures(config, made);
+    }
     wrong += failures(config, reconcile_vlans(config, *core, Make::yes));
     wrong += failures(config, reconcile_bindings(config, before, *core, Make::yes));
     // When ARP inspection stops, the daemon forgets the check items of static bindings for it.
@@ -239,6 +256,7 @@ void work_port(const Port &port)
     const PortId id = port_id(port);
     const bool isNew = fresh.erase(id.ifIndex) != 0;
     Differences made = reconcile_port(running.config, *core, id, Make::yes, isNew);
+    settle(id.ifIndex, made);
     for (const Difference &other : reconcile_bindings(running.config, {}, *core, Make::yes))
         made.push_back(other);
     if (const std::string lines = lines_text(id); !lines.empty() && !made.empty())
@@ -253,8 +271,8 @@ void work_port(const Port &port)
 void model_changed(ModelChange change, const Port &port, const Port *before)
 {
     if (change == ModelChange::vanished) {
-        todo.erase(port.ifIndex);
-        fresh.erase(port.ifIndex);
+        for (std::set<uint32_t> *ports : {&todo, &fresh, &settled})
+            ports->erase(port.ifIndex);
         return;
     }
     if (change == ModelChange::appeared)
@@ -277,8 +295,13 @@ std::string journal_of(const std::string &text)
     return path;
 }
 
+// Without a configuration no bridge is protected, whatever an earlier daemon did.
 bool begin()
 {
+    if (!active) {
+        guard_protect({});
+        return false;
+    }
     write_file(config_runtime("running"), running.text);
     const std::string wrong = make_all({});
     for (size_t begin = 0; begin < wrong.size(); begin = wrong.find('\n', begin) + 1)
@@ -339,7 +362,8 @@ void config_begin(int socket, Exchange exchange)
     core.emplace(std::move(exchange));
     eventSocket = socket;
     model_watch(model_changed);
-    starting = active;
+    guard_ask_ready([](uint32_t ifIndex) { return settled.contains(ifIndex); });
+    starting = true;
     config_thread_start(ask_work);
 }
 
@@ -353,14 +377,14 @@ bool config_work()
         jobDone.notify_all();
         worked = true;
     }
-    if (!active) {
-        todo.clear();
-        fresh.clear();
-        return worked;
-    }
     try {
         if (std::exchange(starting, false))
-            worked = begin();
+            worked = begin() || worked;
+        if (!active) {
+            todo.clear();
+            fresh.clear();
+            return worked;
+        }
         if (!todo.empty())
             protect_bridges();
         for (size_t i = 0; i < PORTS_PER_CALL && !todo.empty(); i++) {
