@@ -2,8 +2,8 @@
 // standard streams and system log, descriptor 0, crash reporter and start.
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sys/stat.h>
@@ -13,8 +13,8 @@
 #include "linux_switch.h"
 #include "logging.h"
 #include "netns_test.h"
-#include "platform.h"
 #include "options.h"
+#include "platform.h"
 #include "platform_start.h"
 #include "relay_socket.h"
 #include "report.h"

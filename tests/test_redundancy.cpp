@@ -49,9 +49,9 @@ const std::string RECORD = "01010101"                         // user, add, IPv4
                            "013012340200000001020000";        // state, MAC mark, attribute, MAC
 const std::string MARK = "44534a32";
 const std::string SLOT = MARK + RECORD + "0000020000000209" // identity of the port
-                         "00000000"                        // it is there
-                         "00000007000001f4"                // boot, seconds since
-                         "e9476b64";
+                                         "00000000"         // it is there
+                                         "00000007000001f4" // boot, seconds since
+                                         "e9476b64";
 constexpr Moment NOW = {1500, 500, 7}, LATER = {1600, 600, 7};
 const std::string USER = "user 1 56 v1 0a000a02000000000000000000000000 swp1/7 vlan 10/10 3600 from 1000 type 1 state 1 mark 48 attr 4660 mac 020000000102 hw 0";
 const std::string FRAME = "44534e5001020040" + RECORD;

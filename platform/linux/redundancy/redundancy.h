@@ -12,8 +12,8 @@
 namespace platform_linux
 {
 
-// Reads the journal and starts the thread. The model must be loaded. False, with a report, when the daemon must
-// not run.
+// Reads the journal and starts the thread. The model must be loaded. False, with a report, when the daemon
+// must not run.
 bool redundancy_start(const RedundancyConf &conf);
 
 // The daemon's role now. That of the configuration while the thread does not run.
