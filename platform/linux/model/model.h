@@ -1,5 +1,5 @@
 // The switch as the Linux platform sees it: ports, aggregates and VLAN interfaces with their VLANs and state,
-// from the switch model file or from the kernel's bridges, kept current from the kernel's link messages.
+// from the configuration or from the kernel's bridges, kept current from the kernel's link messages.
 // Lookups are const, make no system call and allocate nothing: they are made per frame and egress port.
 // One thread only. VLAN numbers are one space for the whole box (IEEE 802.1Q, 1 to 4094).
 #pragma once
