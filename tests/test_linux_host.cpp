@@ -11,6 +11,7 @@
 
 #include "bounded_writer.h"
 #include "linux_switch.h"
+#include "list.h"
 #include "logging.h"
 #include "netns_test.h"
 #include "options.h"
@@ -393,25 +394,29 @@ void fail_behind_the_ports()
     OsixDeleteSem(handle);
 }
 
-// Descriptor 0 after the daemon's start-up, which found a socket there (or nothing, type 0): its port, and whether it receives what is
-// sent there. An ICMP error would fail the second datagram.
-void relay(int type, uint16_t port)
+// Descriptor 0 without, with, and again without a relay server: its port, and whether it receives what is sent there. An ICMP
+// error would fail the second datagram.
+void relay(bool taken)
 {
-    sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t length = sizeof address;
-    close(0);
-    if (type != 0 && (socket(AF_INET, type, 0) != 0 || bind(0, reinterpret_cast<const sockaddr *>(&address), length) != 0))
+    static DhcpsnoopIf port = {};
+    sockaddr_in address = {AF_INET, htons(67), {htonl(INADDR_LOOPBACK)}, {}};
+    port.serverIp[2] = 1;
+    list_init(&gDhcpsnoop.ifList);
+    const Fd other(socket(AF_INET, SOCK_DGRAM, 0)), client(socket(AF_INET, SOCK_DGRAM, 0));
+    if (taken && bind(other.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         _exit(1);
-    const int next = fcntl(2, F_DUPFD, 1);
-    close(next);
-    relay_socket_start();
-    const int client = socket(AF_INET, SOCK_DGRAM, 0);
-    address.sin_port = htons(67);
-    connect(client, reinterpret_cast<const sockaddr *>(&address), length);
-    for (int i = 0; i < 2; i++)
-        dprintf(2, send(client, "x", 1, 0) == 1 ? "sent " : "refused ");
-    getsockname(0, reinterpret_cast<sockaddr *>(&address), &length);
-    dprintf(2, "port %u%s %s ", ntohs(address.sin_port), client == next ? "" : ", left open", recv(0, &address, 1, MSG_DONTWAIT) < 0 ? strerror(errno) : "received");
+    for (const bool wanted : {false, true, false}) {
+        wanted ? list_insert_after(&gDhcpsnoop.ifList, &port) : list_init(&gDhcpsnoop.ifList);
+        usleep(20'000);
+        relay_socket_follow();
+        sockaddr_in own = {};
+        socklen_t length = sizeof own;
+        const bool open = getsockname(0, reinterpret_cast<sockaddr *>(&own), &length) == 0;
+        dprintf(2, "port %u ", ntohs(own.sin_port));
+        connect(client.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        for (int i = 0; open && i < 2; i++)
+            dprintf(2, send(client.get(), "x", 1, 0) == 1 && recv(0, &own, 1, MSG_DONTWAIT) < 0 ? "sent " : "wrong ");
+    }
 }
 
 // clang-format off
@@ -432,11 +437,8 @@ const struct { const char *claim; void (*body)(); const char *begin, *end; } PRO
     {"the last good one stays in force", [] { start_with("journal /run/conf/journal\nbindings 77\n"); }, "7 77 ", "status 99"},
     {"", [] { start_with("journal /run/conf/journal\nbindings 0\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: bindings must be a number from 1 to 65535, not '0'\n", "stays in force; mend it, then reload\n7 77 status 99"},
     {"without rights", [] { if (setresuid(65534, 65534, 65534) == 0) OsixCreateMSem(9); }, "dhcpsnoop: missing CAP_NET_RAW (packet sockets), CAP_NET_ADMIN (traps on the ports), CAP_BPF (the program that traps frames): start as root, or grant what is missing\n", "status 1"},
-    {"descriptor 0 is closed", [] { relay(0, 0); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
-    {"the relay's socket was handed over", [] { relay(SOCK_DGRAM, 67); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
-    {"another socket was", [] { relay(SOCK_DGRAM, 6767); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
-    {"of another kind", [] { relay(SOCK_STREAM, 67); }, "sent sent port 67 Resource temporarily unavailable ", "status 99"},
-    {"the port may not be bound", [] { if (setresuid(65534, 65534, 65534) == 0) relay_socket_start(); }, "dhcpsnoop: UDP port 67 cannot be opened, nothing will be relayed: Permission denied\n", "status 99"},
+    {"port 67 is taken with the first relay server, and given back with the last", [] { relay(false); }, "port 0 port 67 sent sent port 0 ", "status 99"},
+    {"another program has it", [] { relay(true); }, "port 0 dhcpsnoop: UDP port 67 cannot be opened, nothing is relayed: Address already in use (another DHCP server", "port 0 port 0 status 99"},
     {"ports that are not there yet; a later step fails", fail_behind_the_ports, "7 99 dhcpsnoop: configured, but not there yet: swp2 v10\n", "dhcpsnoop: start-up failed, the daemon ends (if nothing above says why: Address already in use)\nstatus 1"},
 };
 // clang-format on

@@ -14,6 +14,7 @@
 #include "model.h"
 #include "platform.h"
 #include "redundancy.h"
+#include "relay_socket.h"
 #include "report.h"
 #include "subscribers.h"
 #include "switch_model.h"
@@ -259,8 +260,10 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
     return -1;
 }
 
+// Asked in every pass of the daemon's loop.
 uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
 {
+    relay_socket_follow();
     const DhcpsnoopRole role = redundancy_role();
     switch (scalar) {
     case QOR_HW_NOT_MASTER:

@@ -17,7 +17,6 @@
 #include "logging.h"
 #include "platform.h"
 #include "redundancy.h"
-#include "relay_socket.h"
 #include "report.h"
 #include "subscribers.h"
 #include "switch_model.h"
@@ -127,7 +126,7 @@ int platform_linux_prepare(const Options &options, Room &room)
 //   configuration                  config.cpp, desired_state.cpp: the file
 //   switch model                   switch_model.cpp: a dump of the kernel's links
 //   guard                          guard.cpp, trap.cpp, bindings.cpp: first to watch the model
-//   subscribers, relay socket      subscribers.cpp, descriptor 0
+//   subscribers                    subscribers.cpp
 //   redundancy                     redundancy.cpp: second to watch the model; its thread runs from here on
 //
 // The first two before the daemon's start-up (platform_linux_prepare). The event socket (event_socket.cpp)
@@ -148,8 +147,6 @@ int platform_linux_start()
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
-    if (relay_socket_start() != 0)
-        return EXIT_FAILURE;
     return redundancy_start(redundancy) ? 0 : EX_CONFIG;
 }
 

@@ -1,17 +1,20 @@
-// Descriptor 0 before the daemon's start-up: the UDP socket through which relayed requests leave. Nothing is
-// ever received from it: servers answer to the relay address, and those answers come as trapped frames.
+// The UDP socket through which relayed requests leave. Nothing is ever received from it: servers answer to
+// the relay address, and those answers come as trapped frames.
 #include "relay_socket.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-
-#include <arpa/inet.h>
+#include <ctime>
+#include <fcntl.h>
 #include <linux/filter.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "clock.h"
 #include "dhcpsnoop_start.h"
+#include "fd.h"
+#include "list.h"
 #include "protocol.h"
 #include "report.h"
 
@@ -21,57 +24,72 @@ namespace
 {
 
 constexpr int RELAY_SOCKET = 0;
+constexpr Ticks TRY_AGAIN = 1000, TELL_AGAIN = 60'000;
 
-bool is_relay_socket(int descriptor)
+bool isOpen = false;
+Ticks tryAt = 0, tellAt = 0;
+
+bool is_wanted()
 {
-    int type = 0;
-    socklen_t length = sizeof type;
-    sockaddr_in own = {};
-    socklen_t ownLength = sizeof own;
-    return getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_DGRAM &&
-           getsockname(descriptor, reinterpret_cast<sockaddr *>(&own), &ownLength) == 0 &&
-           own.sin_family == AF_INET && ntohs(own.sin_port) == DHCP_SERVER_PORT;
+    if (gDhcpsnoop.ifList.next == nullptr) // before the daemon's start-up
+        return false;
+    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
+        if (std::ranges::any_of(ifp->serverIp, [](uint32_t server) { return server != 0; }))
+            return true;
+    return false;
 }
 
-// What comes in all the same (a server behind a port without snooping) is thrown away before it is queued.
-// The socket stays open for it, so that the kernel does not answer "port unreachable".
-int receive_nothing(int sock)
+// Frames that come in all the same (a server behind a port without snooping) are thrown away before they are
+// queued. The socket stays open for them, so that the kernel does not answer "port unreachable".
+bool receive_nothing(int sock)
 {
     sock_filter nothing[] = {BPF_STMT(BPF_RET | BPF_K, 0)};
     const sock_fprog program = {1, nothing};
     if (setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0)
-        return -1;
+        return false;
     char byte;
     while (recv(sock, &byte, sizeof byte, MSG_DONTWAIT | MSG_TRUNC) >= 0) {
     }
-    return 0;
+    return true;
+}
+
+void open_socket(Ticks now)
+{
+    tryAt = now + TRY_AGAIN;
+    const Fd sock(dhcpsnoop_udp_socket_init());
+    isOpen = sock && receive_nothing(sock.get()) && dup3(sock.get(), RELAY_SOCKET, O_CLOEXEC) == RELAY_SOCKET;
+    if (isOpen || now < tellAt)
+        return;
+    tellAt = now + TELL_AGAIN;
+    platform_report(
+        LOG_ERR,
+        "UDP port %u cannot be opened, nothing is relayed: %s (another DHCP server or relay of this "
+        "machine has it, or CAP_NET_BIND_SERVICE is missing)",
+        DHCP_SERVER_PORT, strerror(errno));
+}
+
+void close_socket()
+{
+    const Fd nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (nothing && dup3(nothing.get(), RELAY_SOCKET, O_CLOEXEC) == RELAY_SOCKET)
+        isOpen = false;
 }
 
 } // namespace
 
-int32_t relay_socket_start()
+void relay_socket_follow()
 {
-    if (!is_relay_socket(RELAY_SOCKET)) {
-        const int sock = dhcpsnoop_udp_socket_init();
-        if (sock < 0) {
-            platform_report(LOG_WARNING, "UDP port %u cannot be opened, nothing will be relayed: %s",
-                            DHCP_SERVER_PORT, strerror(errno));
-            return 0;
-        }
-        if (sock != RELAY_SOCKET) {
-            const int moved = dup2(sock, RELAY_SOCKET);
-            const int error = errno;
-            close(sock);
-            if (moved < 0) {
-                platform_report(LOG_WARNING, "descriptor 0 cannot be replaced, nothing will be relayed: %s",
-                                strerror(error));
-                return 0;
-            }
-        }
-    }
-    if (receive_nothing(RELAY_SOCKET) != 0)
-        platform_report(LOG_WARNING, "the relay socket cannot be kept from receiving: %s", strerror(errno));
-    return 0;
+    static timespec looked = {};
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    if (now.tv_sec == looked.tv_sec && now.tv_nsec == looked.tv_nsec)
+        return;
+    looked = now;
+    const bool wanted = is_wanted();
+    if (wanted && !isOpen && ticks() >= tryAt)
+        open_socket(ticks());
+    else if (!wanted && isOpen)
+        close_socket();
 }
 
 } // namespace platform_linux

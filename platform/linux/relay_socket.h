@@ -1,14 +1,13 @@
 // Descriptor 0, through which the daemon relays.
 #pragma once
 
-#include <cstdint>
-
 namespace platform_linux
 {
 
-// Makes descriptor 0 a UDP socket bound to port 67 that receives nothing: the one handed over as standard
-// input, or one of our own. Always 0: without the right to bind the port it says so and standard input stays
-// as it was, so that every relayed request reports a send error. Called before the daemon's start-up.
-int32_t relay_socket_start();
+// Descriptor 0 is a UDP socket bound to port 67 that receives nothing while a relay server is configured, so
+// that a DHCP server on this machine has the port otherwise. Looks, at most every few milliseconds, whether
+// that has changed. A port that somebody else has is reported once a minute and tried again every second;
+// relayed requests report a send error until then. Called in every pass of the daemon's loop.
+void relay_socket_follow();
 
 } // namespace platform_linux
