@@ -116,6 +116,9 @@ constexpr Command COMMANDS[] = {
 };
 // clang-format on
 
+// Before a command: a refusal is told with the name and code of its result too.
+constexpr char VERBOSE[] = "-v";
+
 Words splitWords(const std::string &text, char separator = ' ')
 {
     Words words;
@@ -243,7 +246,7 @@ std::span<const Command> commands() { return COMMANDS; }
 
 void printUsage(std::ostream &out)
 {
-    out << "Usage: dhcpsnoopctl COMMAND\n\nCommands:\n";
+    out << "Usage: dhcpsnoopctl [-v] COMMAND\n\nCommands:\n";
     for (const Command &command : COMMANDS)
         printRow(out, std::string(command.words) + (*command.arguments ? " " : "") + command.arguments,
                  command.help);
@@ -254,13 +257,15 @@ void printUsage(std::ostream &out)
     out << "\nIn a template stand for a property of the request, its port or the switch:\n";
     for (const Conversion &row : CONVERSIONS)
         printRow(out, std::string("%") + row.letter, row.help);
-    out << "\nEvery show takes --json, and so does monitor. DHCPSNOOP_SOCKET names another socket than "
+    out << "\nEvery show takes --json, and so does monitor. -v tells the name and code of a refusal. DHCPSNOOP_SOCKET names another socket than "
         << DHCPSNOOP_SOCKET_PATH
         << ".\nExit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon that answers.\n";
 }
 
 Words completions(const Words &before)
 {
+    if (!before.empty() && before[0] == VERBOSE)
+        return completions({before.begin() + 1, before.end()});
     const Command *command = findCommand(before);
     if (!command) {
         Words next;
@@ -296,8 +301,11 @@ ExitStatus runCommand(const Words &line, Context context)
     return command->run(context, arguments);
 }
 
-ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out, std::ostream &err)
+ExitStatus runClient(Words line, const Daemon &daemon, std::ostream &out, std::ostream &err)
 {
+    const bool verbose = !line.empty() && line[0] == VERBOSE;
+    if (verbose)
+        line.erase(line.begin());
     try {
         if (line.empty()) {
             printUsage(err);
@@ -313,7 +321,10 @@ ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out,
         return status;
     } catch (const CtlError &error) {
         out.flush();
-        err << "dhcpsnoopctl: " << error.what() << '\n';
+        err << "dhcpsnoopctl: " << error.what();
+        if (verbose && !error.detail().empty())
+            err << " [" << error.detail() << ']';
+        err << '\n';
         return error.status();
     }
 }

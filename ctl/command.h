@@ -28,7 +28,7 @@ struct Command {
 std::span<const Command> commands();
 
 // Runs a command line (without the program's name) and reports a failure on `err`.
-ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out, std::ostream &err);
+ExitStatus runClient(Words line, const Daemon &daemon, std::ostream &out, std::ostream &err);
 
 // The same; a failure is thrown as CtlError.
 ExitStatus runCommand(const Words &line, Context context);

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 enum ExitStatus : int {
     EXIT_DONE = 0,
@@ -14,11 +15,17 @@ enum ExitStatus : int {
 class CtlError : public std::runtime_error
 {
   public:
-    CtlError(ExitStatus status, const std::string &message) : std::runtime_error(message), status_(status) {}
+    CtlError(ExitStatus status, const std::string &message, std::string detail = "")
+        : std::runtime_error(message), status_(status), detail_(std::move(detail))
+    {
+    }
     ExitStatus status() const { return status_; }
+    // For those who ask for more than the message: the name and code of a result, or nothing.
+    const std::string &detail() const { return detail_; }
 
   private:
     ExitStatus status_;
+    std::string detail_;
 };
 
 struct UsageError : CtlError {

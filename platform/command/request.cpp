@@ -1,6 +1,7 @@
 // Nothing outside a reply is read, and no length in it is believed.
 #include "request.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -28,6 +29,13 @@ constexpr ResultName RESULT_NAMES[] = {
 
 // Below, a code without a name is what the platform answered the daemon, on Linux an errno value.
 constexpr uint32_t RESULTS_OF_OUR_OWN = 0x1000;
+
+const ResultName *findResult(uint32_t code)
+{
+    const auto *row = std::find_if(std::begin(RESULT_NAMES), std::end(RESULT_NAMES),
+                                   [code](const ResultName &each) { return each.code == code; });
+    return row == std::end(RESULT_NAMES) ? nullptr : row;
+}
 
 } // namespace
 
@@ -80,20 +88,27 @@ ServerKey Reply::serverKey()
     return {ifIndex, word()};
 }
 
-std::string resultText(uint32_t code)
+std::string resultMeaning(uint32_t code)
+{
+    if (const ResultName *row = findResult(code))
+        return row->meaning;
+    if (code < RESULTS_OF_OUR_OWN)
+        return std::strerror(static_cast<int>(code));
+    return "for an unknown reason, " + resultName(code);
+}
+
+std::string resultName(uint32_t code)
 {
     char number[16];
     std::snprintf(number, sizeof(number), code < RESULTS_OF_OUR_OWN ? "%u" : "0x%X", code);
-    for (const ResultName &row : RESULT_NAMES)
-        if (row.code == code)
-            return std::string(row.name) + " (" + number + "): " + row.meaning;
-    if (code < RESULTS_OF_OUR_OWN)
-        return std::string("result ") + number + " of the platform: " + std::strerror(static_cast<int>(code));
-    return std::string("result ") + number + ": no name is known for it";
+    if (const ResultName *row = findResult(code))
+        return std::string(row->name) + " (" + number + ")";
+    return std::string("result ") + number + (code < RESULTS_OF_OUR_OWN ? " of the platform" : "");
 }
 
 Refusal::Refusal(uint32_t resultCode, const std::string &what, const std::string &note)
-    : CtlError(EXIT_REFUSED, what + ": refused, " + resultText(resultCode) + note), code(resultCode)
+    : CtlError(EXIT_REFUSED, what + ": refused, " + resultMeaning(resultCode) + note, resultName(resultCode)),
+      code(resultCode)
 {
 }
 

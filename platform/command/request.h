@@ -42,14 +42,16 @@ class Reply
     uint32_t result_ = 0;
 };
 
-// The daemon refused: carries the result code, and says its name and meaning. `note` stands at the end.
+// The daemon refused: carries the result code and says its meaning, with `note` at the end. The name and the
+// number of the code are its detail.
 struct Refusal : CtlError {
     Refusal(uint32_t resultCode, const std::string &what, const std::string &note = "");
     uint32_t code;
 };
 
-// "NM_NO_ENTRY (0x3E80002): no such entry or interface"; a code without a name is given as a number.
-std::string resultText(uint32_t code);
+// "no such entry or interface", and "NM_NO_ENTRY (0x3E80002)". A code without a name is given as a number.
+std::string resultMeaning(uint32_t code);
+std::string resultName(uint32_t code);
 
 // Takes the body of a request to a daemon and brings the body of the reply; throws NoDaemon.
 using Exchange = std::function<Bytes(const Bytes &body)>;
