@@ -184,7 +184,7 @@ class Switch(Host):
     """The host on which the daemon runs."""
 
     def __init__(self, name, build):
-        self.build, self.daemon, self.directory = build, None, f"{RUN}/{name}"
+        self.build, self.daemon, self.directory, self.environment = build, None, f"{RUN}/{name}", {}
         os.makedirs(self.directory, exist_ok=True)
         super().__init__(name)
 
@@ -201,7 +201,8 @@ class Switch(Host):
 
     def start_daemon(self, *arguments, under=()):
         """Starts the daemon, under another command if need be, and waits until it answers."""
-        daemon = self.daemon = Process(self, f"dhcpsnoop-{self.name}", *under, self.binary("dhcpsnoop"), "--config", self.directory, *arguments)
+        daemon = self.daemon = Process(self, f"dhcpsnoop-{self.name}", *under, self.binary("dhcpsnoop"), "--config", self.directory, *arguments,
+                                       env=self.environment)
 
         def answers():
             if not daemon.running():
