@@ -257,7 +257,7 @@ void work_port(const Port &port)
     const bool isNew = fresh.erase(id.ifIndex) != 0;
     Differences made = reconcile_port(running.config, *core, id, Make::yes, isNew);
     settle(id.ifIndex, made);
-    for (const Difference &other : reconcile_bindings(running.config, {}, *core, Make::yes))
+    for (const Difference &other : reconcile_port_bindings(running.config, *core, id, Make::yes))
         made.push_back(other);
     if (const std::string lines = lines_text(id); !lines.empty() && !made.empty())
         platform_report(LOG_INFO, "%s %s: %s applied", port.name, isNew ? "appeared" : "changed",

@@ -101,6 +101,35 @@ void reconcile_guard(Differences &found, const GuardPlace &place, const Words &t
     });
 }
 
+std::optional<StaticBinding> running_binding(const Daemon &daemon, const UserKey &key)
+{
+    const auto binding = ifStillThere([&] { return readBinding(daemon, key); });
+    return binding && binding->type == DHCPSNOOP_USER_STATIC ? std::optional(asStatic(*binding))
+                                                             : std::nullopt;
+}
+
+Words binding_line(const StaticBinding &binding)
+{
+    Words words = bindingWords(binding);
+    words.insert(words.begin(), "binding");
+    return words;
+}
+
+void reconcile_binding(Differences &found, const Daemon &daemon, const BindingLine &line, Make make)
+{
+    const StaticBinding &binding = line.binding;
+    const auto now = running_binding(daemon, binding.key);
+    if (now == binding)
+        return;
+    const Source source = {Rank::name, line.line};
+    const Words running = now ? binding_line(*now) : Words{"binding", userKeyText(binding.key), "none"};
+    note(found, {running, joinQuoted(bindingWords(binding)), source, ""}, make, [&] {
+        if (ifStillThere([&] { return readBinding(daemon, binding.key); }))
+            deleteBinding(daemon, binding.key);
+        addBinding(daemon, binding);
+    });
+}
+
 } // namespace
 
 Differences reconcile_port(const Config &config, const Daemon &daemon, const PortId &port, Make make,
@@ -203,42 +232,25 @@ Differences reconcile_vlans(const Config &config, const Daemon &daemon, Make mak
 Differences reconcile_bindings(const Config &config, const Config &before, const Daemon &daemon, Make make)
 {
     Differences found;
-    const auto running = [&](const UserKey &key) -> std::optional<StaticBinding> {
-        const auto binding = ifStillThere([&] { return readBinding(daemon, key); });
-        return binding && binding->type == DHCPSNOOP_USER_STATIC ? std::optional(asStatic(*binding))
-                                                                 : std::nullopt;
-    };
-    const auto line = [](const StaticBinding &binding) {
-        Words words = bindingWords(binding);
-        words.insert(words.begin(), "binding");
-        return words;
-    };
     for (const BindingLine &old : before.bindingLines) {
         const auto has = [&](const BindingLine &other) { return other.binding.key == old.binding.key; };
-        if (std::ranges::any_of(config.bindingLines, has) || !running(old.binding.key))
+        if (std::ranges::any_of(config.bindingLines, has) || !running_binding(daemon, old.binding.key))
             continue;
-        note(found, {line(old.binding), "none", {}, ""}, make,
+        note(found, {binding_line(old.binding), "none", {}, ""}, make,
              [&] { deleteBinding(daemon, old.binding.key); });
     }
-    for (const auto &[number, binding] : config.bindingLines) {
-        if (!binding.interface.empty() && if_nametoindex(binding.interface.c_str()) == 0)
-            continue;
-        const auto now = running(binding.key);
-        if (now == binding)
-            continue;
-        note(found,
-             {
-                 now ? line(*now) : Words{"binding", userKeyText(binding.key), "none"},
-                 joinQuoted(bindingWords(binding)),
-                 {Rank::name,         number                       },
-                 ""
-        },
-             make, [&] {
-                 if (ifStillThere([&] { return readBinding(daemon, binding.key); }))
-                     deleteBinding(daemon, binding.key);
-                 addBinding(daemon, binding);
-             });
-    }
+    for (const BindingLine &line : config.bindingLines)
+        if (line.binding.interface.empty() || if_nametoindex(line.binding.interface.c_str()) != 0)
+            reconcile_binding(found, daemon, line, make);
+    return found;
+}
+
+Differences reconcile_port_bindings(const Config &config, const Daemon &daemon, const PortId &port, Make make)
+{
+    Differences found;
+    for (const BindingLine &line : config.bindingLines)
+        if (line.binding.interface == port.name)
+            reconcile_binding(found, daemon, line, make);
     return found;
 }
 

@@ -29,5 +29,8 @@ Differences reconcile_vlans(const Config &config, const Daemon &daemon, Make mak
 // The static bindings of lines. Those of `before` that have no line any more are deleted. A binding whose
 // port is not there waits for it.
 Differences reconcile_bindings(const Config &config, const Config &before, const Daemon &daemon, Make make);
+// Those of one port, which may have waited for it.
+Differences reconcile_port_bindings(const Config &config, const Daemon &daemon, const PortId &port,
+                                    Make make);
 
 } // namespace platform_linux
