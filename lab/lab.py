@@ -80,7 +80,7 @@ class Host:
     @contextlib.contextmanager
     def inside(self):
         """The body runs in the host's network namespace; sockets that it opens stay there."""
-        with open("/proc/self/ns/net") as home, open(f"/run/netns/{self.name}") as there:
+        with open("/proc/thread-self/ns/net") as home, open(f"/run/netns/{self.name}") as there:
             check(libc.setns(there.fileno(), CLONE_NEWNET), f"setns {self.name}")
             try:
                 yield
