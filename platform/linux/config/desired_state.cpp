@@ -334,6 +334,10 @@ std::optional<std::string> next_job()
 bool config_start(const std::string &directory, ConfigStart &start)
 {
     savedPath = config_path(directory);
+    if (!directory.empty() && access(directory.c_str(), F_OK) != 0) {
+        platform_report(LOG_ERR, "--config %s: %s", directory.c_str(), strerror(errno));
+        return false;
+    }
     std::string error;
     const ConfFile file = conf_file_read(savedPath, running.text, error);
     bool good = file == ConfFile::read && config_parse(savedPath, running.text, running.config, error);

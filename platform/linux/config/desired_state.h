@@ -29,8 +29,8 @@ struct ConfigStart {
 };
 
 // Reads the file of that directory (empty: config_path), in place of a wrong one the last good one. False,
-// reported, for a wrong one without a last good one: the daemon must not run. Called once, before any thread
-// is there.
+// reported, for a wrong one without a last good one, and for a named directory that is not there: the daemon
+// must not run. Called once, before any thread is there.
 bool config_start(const std::string &directory, ConfigStart &start);
 
 // The daemon is about to read events from this socket, and can be asked: the configuration is brought about
