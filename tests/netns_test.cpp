@@ -38,11 +38,17 @@ std::string NetnsTest::run(const std::string &command)
     return output;
 }
 
-void NetnsTest::bridge_of_two()
+void GuardedBridge::SetUp()
 {
+    std::string why, note;
+    NetnsTest::SetUp();
+    if (IsSkipped())
+        return;
     run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up");
     for (const std::string n : {"1", "2"})
         run("ip link add p" + n + " mtu 9000 type veth peer name c" + n + " mtu 9000 && ip link set p" + n + " up master br0 && ip link set c" + n + " up");
+    if (!platform_linux::guard_open(8, why, note))
+        GTEST_SKIP() << "needs eBPF: " << why;
 }
 
 uint32_t NetnsTest::index(const std::string &device)
@@ -82,24 +88,22 @@ Wire::Wire(const std::string &device) : sock_(socket(AF_PACKET, SOCK_RAW | SOCK_
     address.sll_protocol = htons(ETH_P_ALL);
     address.sll_ifindex = static_cast<int>(if_nametoindex(device.c_str()));
     const int on = 1;
-    EXPECT_EQ(bind(sock_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << strerror(errno);
-    EXPECT_EQ(setsockopt(sock_, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on), 0) << strerror(errno);
-    EXPECT_EQ(setsockopt(sock_, SOL_PACKET, PACKET_VNET_HDR, &on, sizeof on), 0) << strerror(errno);
+    EXPECT_EQ(bind(sock_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << strerror(errno);
+    EXPECT_EQ(setsockopt(sock_.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on), 0) << strerror(errno);
+    EXPECT_EQ(setsockopt(sock_.get(), SOL_PACKET, PACKET_VNET_HDR, &on, sizeof on), 0) << strerror(errno);
 }
-
-Wire::~Wire() { close(sock_); }
 
 void Wire::send(const Bytes &frame, size_t unfinished)
 {
     VnetHeader header = {unfinished != 0, 0, 0, 0, static_cast<uint16_t>(unfinished), 6};
     iovec parts[] = {{&header, sizeof header}, {const_cast<uint8_t *>(frame.data()), frame.size()}};
-    EXPECT_EQ(writev(sock_, parts, 2), static_cast<ssize_t>(sizeof header + frame.size())) << strerror(errno);
+    EXPECT_EQ(writev(sock_.get(), parts, 2), static_cast<ssize_t>(sizeof header + frame.size())) << strerror(errno);
 }
 
 Bytes Wire::receive()
 {
     Bytes got(70000);
-    pollfd wait = {sock_, POLLIN, 0};
-    const ssize_t length = poll(&wait, 1, 100) > 0 ? recv(sock_, got.data(), got.size(), 0) : 0;
+    pollfd wait = {sock_.get(), POLLIN, 0};
+    const ssize_t length = poll(&wait, 1, 100) > 0 ? recv(sock_.get(), got.data(), got.size(), 0) : 0;
     return length > 0 ? Bytes(got.begin() + sizeof(VnetHeader), got.begin() + length) : Bytes();
 }

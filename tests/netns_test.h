@@ -25,25 +25,14 @@ class NetnsTest : public ::testing::Test
 
     // A shell command; what it prints, errors too. A command that fails fails the test.
     std::string run(const std::string &command);
-    // Bridge br0 with the ports p1 and p2, whose other ends are c1 and c2. Jumbo frames pass.
-    void bridge_of_two();
     uint32_t index(const std::string &device);
 };
 
-// With that bridge and an open guard.
+// With an open guard and a bridge br0 with the ports p1 and p2, whose other ends are c1 and c2. Jumbo frames pass.
 class GuardedBridge : public NetnsTest
 {
   protected:
-    void SetUp() override
-    {
-        std::string why, note;
-        NetnsTest::SetUp();
-        if (IsSkipped())
-            return;
-        bridge_of_two();
-        if (!platform_linux::guard_open(8, why, note))
-            GTEST_SKIP() << "needs eBPF: " << why;
-    }
+    void SetUp() override;
     void TearDown() override { platform_linux::guard_close(); }
 };
 
@@ -56,9 +45,6 @@ class Wire
 {
   public:
     explicit Wire(const std::string &device);
-    ~Wire();
-    Wire(const Wire &) = delete;
-    Wire &operator=(const Wire &) = delete;
 
     // `unfinished`: the checksum of the UDP header there is left to the device that sends, as a virtual machine's driver does.
     void send(const Bytes &frame, size_t unfinished = 0);
@@ -66,5 +52,5 @@ class Wire
     Bytes receive();
 
   private:
-    int sock_;
+    platform_linux::Fd sock_;
 };

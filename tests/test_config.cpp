@@ -59,7 +59,12 @@ const struct { const char *claim, *text, *port, *bridge, *wanted; } WANTED[] = {
     {"quotes, a comment, blanks", "  interface 'v1' subopt9-text \"a # b\" # a comment\n\n#\n", "v1", "", "subopt9-text text 'a # b'@1"},
 };
 
-const struct { const char *text, *error; } ERRORS[] = {
+#define NO_VLAN(text) "f:1: VLAN '" text "' is not a number from 1 to 4094"
+#define PORT_USAGE "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed"
+#define PEER "certificate /a\nkey /b\nauthority /c\npeer right\n"
+#define INCOMPLETE "a peer takes all of listen or connect, certificate, key, authority and peer"
+#define ADDRESS "ADDRESS:PORT, an IPv6 address in [brackets]"
+const struct { const char *text, *error; } ERRORS[] = { // several files and what is wrong with them are separated by "|"
     {"# one\nbrigde br0\n", "f:2: 'brigde' begins no line of the configuration (bridge, interface, vlan, guard, arp-inspection, binding, bindings, interfaces, server-learning, …)"},
     {"bridge br0 uplink\n", "f:1: expected: bridge NAME [uplink PORTS] [guard ITEMS [family 4|6|both]]"},
     {"bridge br*\n", "f:1: bridge takes one name, not 'br*'"},
@@ -78,8 +83,17 @@ const struct { const char *text, *error; } ERRORS[] = {
     {"binding ::1 unbound\n", "f:1: binding: no host has the address ::1"},
     {"binding 10.0.0.1 mac 02:00:00:00:00:01\n", "f:1: binding: mac, vlan and interface are needed, or unbound"},
     {"bindings 65536\n", "f:1: bindings must be a number from 1 to 65535, not '65536'"},
-    {"port p access 5000\n", "f:1: VLAN '5000' is not a number from 1 to 4094"},
-    {"listen 192.0.2.1:4747\n", "f:1: a peer takes all of listen or connect, certificate, key, authority and peer"},
+    {"port p access 0|port p access 4294967306|port p access +7|vlan 10x interface v|port p trunk 1,,2|port p trunk 1,|port p trunk 1-|port p trunk 1-2-3|port p trunk 1 native 4095|system 256", NO_VLAN("0") "|" NO_VLAN("4294967306") "|" NO_VLAN("+7") "|" NO_VLAN("10x") "|" NO_VLAN("") "|" NO_VLAN("") "|" NO_VLAN("") "|" NO_VLAN("2-3") "|" NO_VLAN("4095") "|f:1: system '256' is not a number from 1 to 255"},
+    {"port p trunk 20-10|port p trunk 1-5 native 5", "f:1: VLAN range '20-10' runs backwards|f:1: VLAN 5 is native and in the list: the list is of tagged VLANs only"},
+    {"port p access 1 2|port p trunk 1, 2|port p trunk 1 natif 2|port p routed 1", PORT_USAGE "|" PORT_USAGE "|" PORT_USAGE "|" PORT_USAGE},
+    {"port p access 1\nport p access 2\n|port p access 1\nvlan 1 interface p\n|vlan 1 interface p\nport p routed\n|vlan 1 interface a\nvlan 1 interface b\n|role none\nrole none\n|system 1\nsystem 1\n", "f:2: 'p' is a port already|f:2: 'p' is a port already|f:2: 'p' is a VLAN's interface already|f:2: VLAN 1 has the interface 'a' already|f:2: the role is set already|f:2: the system number is set already"},
+    {"port abcdefghijklmno access 7|port abcdefghijklmnop access 7|port a/b access 7|port a:b access 7|port . routed|vlan 7 interface ..|port a\x1b access 7|port a\x7f access 7", "sound|f:1: 'abcdefghijklmnop' is longer than a device name can be (15)|f:1: 'a/b' is not a device name|f:1: 'a:b' is not a device name|f:1: '.' is not a device name|f:1: '..' is not a device name|f:1: 'a?' is not a device name|f:1: 'a?' is not a device name"},
+    {"vlan 7 interfaces v|role primary|system", "f:1: expected: vlan VLAN interface NAME|f:1: expected: role none, role master or role slave|f:1: expected: system NUMBER"},
+    {"port p access 7\r\nrole master\r\n|port\tp\taccess\t7#x|port p trunk 1-1,4094|journal off # here\n|connect [2001:db8::1]:65535\n" PEER, "sound|sound|sound|sound|sound"},
+    {"listen 192.0.2.1:4747\n|" PEER, "f:1: " INCOMPLETE "|f:4: " INCOMPLETE},
+    {"listen 192.0.2.1|connect peer.example:1|connect 192.0.2.1:65536|connect 192.0.2.1:0|connect 192.0.2.1:1x", "f:1: expected: listen " ADDRESS "|f:1: expected: connect " ADDRESS "|f:1: expected: connect " ADDRESS "|f:1: expected: connect " ADDRESS "|f:1: expected: connect " ADDRESS},
+    {"listen 192.0.2.1:1\nconnect 192.0.2.2:1\n|key /a\nkey /b\n", "f:2: the peer's address is set already: one unit listens, the other connects|f:2: the key is set already"},
+    {"journal here|key b|peer a b|key", "f:1: expected: journal /FILE, or journal off|f:1: 'b' is no absolute path|f:1: expected: peer NAME|f:1: expected: key /FILE"},
 };
 // clang-format on
 
@@ -92,11 +106,15 @@ TEST(Config, WantedOfAPort)
 TEST(Config, Errors)
 {
     for (const auto &row : ERRORS) {
-        Config config;
-        std::string error;
-        EXPECT_FALSE(config_parse("f", row.text, config, error)) << row.text;
-        EXPECT_EQ(error, row.error);
+        std::string errors, error;
+        for (const std::string &file : parts(row.text, '|')) {
+            Config config;
+            errors += (errors.empty() ? "" : "|") + (config_parse("f", file, config, error) ? "sound" : error);
+        }
+        EXPECT_EQ(errors, row.error);
     }
+    std::string text, error;
+    EXPECT_TRUE(conf_file_read("/dev/zero", text, error) == ConfFile::wrong && error == "/dev/zero: is no regular file") << error;
 }
 
 // Every setting of a port, of the switch and a binding: brought about, then there is no difference; and gone with their lines.

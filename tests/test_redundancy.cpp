@@ -1,9 +1,8 @@
 // The Linux platform's redundancy without its thread: records as they travel and lie in the journal (bytes laid out by
-// hand, their checksum from Python's zlib), the journal, the table, the queue, a full copy's states, the peer's stream and
-// the file that configures it. Steps in words; what came of a row's steps, and of the log, is one line.
+// hand, their checksum from Python's zlib), the journal, the table, the queue, a full copy's states and the
+// peer's stream. Steps in words; what came of a row's steps, and of the log, is one line.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <cstdarg>
 #include <filesystem>
 #include <fstream>
@@ -21,7 +20,6 @@
 #include "full_copy.h"
 #include "journal.h"
 #include "peer_frame.h"
-#include "redundancy_conf.h"
 #include "report.h"
 
 using namespace platform_linux;
@@ -206,7 +204,6 @@ const std::map<std::string, void (*)(World &, N)> DOES = {
     {"renew", [](World &w, N n) { for (long i = 0; i < n[0]; i++) { w.apply(1, true, {}, 1500 + i); if (i % 100 == 0) w.journal->write(w.table, LATER, false); } }},
     {"fill-up", [](World &w, N n) { for (long i = 0; !w.journal->has_failed() && i < n[0]; i++) w.apply(i % 100, true, {}, i), w.journal->write(w.table, NOW, true); }},
     {"lost", [](World &w, N) { w.copy.lost(); }},
-    {"forget", [](World &w, N) { w.copy.forget(); }},
     {"accept", [](World &w, N n) { w.table.clock_accept(static_cast<uint32_t>(n[0])); }},
 };
 const std::map<std::string, std::string (*)(World &, N)> TELLS = {
@@ -301,7 +298,6 @@ TEST(Redundancy, PlaysItsRows)
         {"a second between two copies", "want; ask 5000; begin 5010; want; end 1; state; ask 6009; ask 6010; begin 6020; end 1; state", "yes / due / no / yes / idle"},
         {"the daemon is woken again each second, before the beginning and before the end", "late 9000; want; late 9000; ask 5000; late 5999; late 6000; late 6001; begin 6100; late 7099; late 7100; end 1; late 9999", "no / no / yes / no / yes / no / no / yes / no"},
         {"wanted again while asked for; incomplete; with records lost", "want; ask 5000; want; begin 5000; end 1; state; begin 5000; end 0; state; begin 6000; lost; state; end 1; state", "yes / due / due / due / idle"},
-        {"another role", "want; ask 5000; want; forget; state; begin 5000; end 1; state", "yes / idle / idle"},
         {"the peer's messages", "44534e500101000401000000" + FRAME + "44534e500103000044534e50010400040000010244534e500105000044534e5001060000; frames", "44534e500101000401000000 " + FRAME + " 44534e5001030000 44534e500104000400000102 44534e5001050000 44534e5001060000 sound"},
         {"a message of another protocol or version, of no type, of another length: nothing behind it counts", "474554202f2048545444534e5001060000; frames; 44534e500206000044534e5001060000; frames; 44534e500107000044534e5001060000; frames; 44534e5001000000; frames; 44534e500102003f; frames; 44534e500102ffff; frames", "not our protocol / another version of the protocol / a message of no known type / a message of no known type / a message of the wrong length / a message of the wrong length"},
         {"a full disk: what is in memory takes the place of what is out of date", "disk 16384; open; fill-up 10000; size; write; size; close; empty; open", "0 held, 0 damaged / 16384/16376 bytes, 178 records, dirty, failed / 9200/9200 bytes, 100 records of 1600 / 100 held, 0 damaged '/journal: cannot be written: No space left on device; bindings are not kept until this is over' '/journal: no room beside it, so it is emptied and its 100 records are written again; a crash meanwhile loses them' '/journal: is written again'"},
@@ -319,47 +315,4 @@ TEST(Redundancy, PlaysItsRows)
 }
 // clang-format on
 
-std::string configured(const std::string &file)
-{
-    RedundancyConf conf;
-    std::string error;
-    if (!redundancy_conf_parse("f", file, conf, error))
-        return error;
-    std::string words = "journal " + conf.journal.value_or("-");
-    if (!conf.peer)
-        return words;
-    char address[INET6_ADDRSTRLEN];
-    inet_ntop(AF_INET6, &conf.peer->address.sin6_addr, address, sizeof address);
-    const PeerConf &peer = *conf.peer;
-    return text(words, peer.listens ? " listen " : " connect ", address, " ", ntohs(peer.address.sin6_port), " ", peer.addressText, " ", peer.certificate, " ", peer.key, " ", peer.authority, " ", peer.name);
-}
-
-// clang-format off
-TEST(RedundancyConf, SaysWhereAndWhatIsWrong)
-{
-    const std::string FILES = "certificate /a\nkey /b\nauthority /c\npeer right\n", INCOMPLETE = ": a peer takes all of listen or connect, certificate, key, authority and peer";
-    const std::pair<std::string, std::string> rows[] = {
-        {"", "journal -"},
-        {"journal off # here\n", "journal "},
-        {"listen 192.0.2.1:4747\n" + FILES + "journal /j\n", "journal /j listen ::ffff:192.0.2.1 4747 192.0.2.1:4747 /a /b /c right"},
-        {"connect [2001:db8::1]:65535\n" + FILES, "journal - connect 2001:db8::1 65535 [2001:db8::1]:65535 /a /b /c right"},
-        {"\nlisten 192.0.2.1\n", "f:2: expected: listen ADDRESS:PORT, an IPv6 address in [brackets]"},
-        {"connect peer.example:1\n", "f:1: expected: connect ADDRESS:PORT, an IPv6 address in [brackets]"},
-        {"connect 192.0.2.1:65536\n", "f:1: expected: connect ADDRESS:PORT, an IPv6 address in [brackets]"},
-        {"connect 192.0.2.1:0\n", "f:1: expected: connect ADDRESS:PORT, an IPv6 address in [brackets]"},
-        {"connect 192.0.2.1:1x\n", "f:1: expected: connect ADDRESS:PORT, an IPv6 address in [brackets]"},
-        {"listen 192.0.2.1:1\nconnect 192.0.2.2:1\n", "f:2: the peer's address is set already: one unit listens, the other connects"},
-        {"journal here\n", "f:1: expected: journal /FILE, or journal off"},
-        {"key b\n", "f:1: 'b' is no absolute path"},
-        {"peer a b\n", "f:1: expected: peer NAME"},
-        {"key\n", "f:1: expected: key /FILE"},
-        {"key /a\nkey /b\n", "f:2: the key is set already"},
-        {"keys /a\n", "f:1: 'keys' is none of listen, connect, certificate, key, authority, peer and journal"},
-        {FILES, "f:4" + INCOMPLETE},
-        {"listen 192.0.2.1:1\nkey /b\nauthority /c\npeer right\n", "f:4" + INCOMPLETE},
-    };
-    for (const auto &[file, outcome] : rows)
-        EXPECT_EQ(configured(file), outcome) << file;
-}
-// clang-format on
 } // namespace
