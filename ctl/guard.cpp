@@ -48,7 +48,7 @@ void openConfig(const std::string &what)
 void checkPlace(const Context &context, const GuardPlace &place, const std::string &what, bool daemonRuns)
 {
     if (!place.isVlan && !guard_ports_refusals().contains(place.number))
-        throw CtlError(EXIT_REFUSED, what + ": no port of the switch (see dhcpsnoopctl show guard)");
+        throw CtlError(EXIT_REFUSED, what + ": no port of the switch (see dhcpsnoopctl show guard --all)");
     // Only a part of the reply tells whether the daemon can name the VLAN.
     if (place.isVlan && daemonRuns &&
         context.daemon.ask({FUNC_VLAN_GET, VLAN_ENABLE, place.number}).result() == NM_END)
@@ -150,9 +150,44 @@ std::string itemsText(const guard_items &items, GuardFeature feature)
         text += (text.empty() ? "" : ",") + word;
     if (has_family(wanted))
         text += std::string("/") + family_word(wanted);
-    if (guard_pending(items, feature))
-        text += "(pending)";
     return text.empty() ? "off" : text;
+}
+
+// "ipv4 12, arp 3" in lines that leave room for the other columns on 80; one empty line for none.
+Words refusedTexts(const GuardRefusals &refused)
+{
+    constexpr size_t ROOM = 22;
+    Words lines(1);
+    for (size_t reason = 0; reason < GUARD_REASONS; reason++) {
+        if (refused[reason] == 0)
+            continue;
+        const std::string text = std::string(REASONS[reason]) + ' ' + std::to_string(refused[reason]);
+        if (lines.back().empty())
+            lines.back() = text;
+        else if (lines.back().size() + 2 + text.size() <= ROOM)
+            lines.back() += ", " + text;
+        else
+            lines.push_back(text);
+    }
+    return lines;
+}
+
+// A place takes as many rows as it needs; all but the first are blank on the left.
+void addRows(std::vector<Words> &rows, const GuardPlace &place, const guard_items &items,
+             const GuardRefusals &refused)
+{
+    const std::string name =
+        place.isVlan ? "vlan " + std::to_string(place.number) : interfaceText(place.number);
+    const Words reasons = refusedTexts(refused);
+    rows.push_back({name, itemsText(items, GuardFeature::ipSourceGuard),
+                    itemsText(items, GuardFeature::arpInspection), reasons[0]});
+    const auto pending = [&items](GuardFeature feature) {
+        return guard_pending(items, feature) ? "(pending)" : " ";
+    };
+    const std::string ip = pending(GuardFeature::ipSourceGuard), arp = pending(GuardFeature::arpInspection);
+    for (size_t line = 1; line < reasons.size() || (line == 1 && ip + arp != "  "); line++)
+        rows.push_back(
+            {" ", line == 1 ? ip : " ", line == 1 ? arp : " ", line < reasons.size() ? reasons[line] : " "});
 }
 
 // The items in force, and the pending items if any.
@@ -193,8 +228,12 @@ ExitStatus arpVlan(const Context &context, std::span<const std::string> argument
     return changeVlanGuard(context, GuardFeature::arpInspection, arguments);
 }
 
-ExitStatus showGuard(const Context &context, std::span<const std::string>)
+// JSON has every port, the table only the ports with a setting or refused frames, or all.
+ExitStatus showGuard(const Context &context, std::span<const std::string> arguments)
 {
+    const bool all = arguments.size() == 1 && arguments[0] == "--all";
+    if (!arguments.empty() && !all)
+        throw UsageError("show guard takes: [--all]");
     openConfig("show guard");
     std::map<GuardPlace, guard_items> places = guard_config_all();
     std::map<uint32_t, GuardRefusals> refusals = guard_ports_refusals();
@@ -203,36 +242,33 @@ ExitStatus showGuard(const Context &context, std::span<const std::string>)
 
     Json interfaces = Json::array(), vlans = Json::array();
     std::vector<Words> rows = {
-        {"PLACE", "IP-SOURCE-GUARD", "ARP-INSPECTION", "REFUSED-IPV4", "REFUSED-IPV6", "REFUSED-ARP",
-         "MALFORMED", "UNCLEAR", "VLAN", "ORIGIN"}
+        {"PLACE", "IP-SOURCE-GUARD", "ARP-INSPECTION", "REFUSED"}
     };
     for (const auto &[place, items] : places) {
-        Words row = {place.isVlan ? "vlan " + std::to_string(place.number) : interfaceText(place.number),
-                     itemsText(items, GuardFeature::ipSourceGuard),
-                     itemsText(items, GuardFeature::arpInspection)};
+        GuardRefusals refused = {};
         Json json;
         if (place.isVlan) {
             json["vlan"] = place.number;
             addItems(json, items);
-            row.resize(rows[0].size());
             vlans.push_back(json);
         } else {
             json["interface"] = interfaceText(place.number);
             json["index"] = place.number;
             addItems(json, items);
-            for (size_t reason = 0; reason < GUARD_REASONS; reason++) {
-                const uint64_t frames = refusals[place.number][reason];
-                row.push_back(std::to_string(frames));
-                json["refused"][REASONS[reason]] = frames;
-            }
+            refused = refusals[place.number];
+            for (size_t reason = 0; reason < GUARD_REASONS; reason++)
+                json["refused"][REASONS[reason]] = refused[reason];
             interfaces.push_back(json);
         }
-        rows.push_back(row);
+        const bool hasSetting = (guard_wanted(items, GuardFeature::ipSourceGuard) |
+                                 guard_wanted(items, GuardFeature::arpInspection)) != 0;
+        if (all || hasSetting || refused != GuardRefusals{})
+            addRows(rows, place, items, refused);
     }
     return print(context,
                  Json{
                      {"interfaces", interfaces},
                      {"vlans",      vlans     }
     },
-                 rows);
+                 rows, "no settings and no refused packets (--all shows every port)");
 }
