@@ -148,7 +148,12 @@ ExitStatus changeDebug(const Context &context, std::span<const std::string> argu
 
 ExitStatus bindingAdd(const Context &context, std::span<const std::string> arguments)
 {
-    addBinding(context.daemon, parseBinding(arguments));
+    Words words(arguments.begin(), arguments.end());
+    const bool force = std::erase(words, "--force") > 0;
+    const StaticBinding binding = parseBinding(words);
+    if (!force && binding.vlan != 0 && !binding.interface.empty())
+        checkVlanOfPort(parseInterface(binding.interface), binding.vlan);
+    addBinding(context.daemon, binding);
     return EXIT_DONE;
 }
 

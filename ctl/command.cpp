@@ -32,7 +32,8 @@ constexpr char GUARD_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [family 4|6|bo
 constexpr char CHECK_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [off] [exempt]";
 constexpr char CHECK_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [off]";
 
-constexpr char BINDING_VALUES[] = "ADDRESS [mac MAC] [vlan VID] [interface IF] [attribute N] [unbound]";
+constexpr char BINDING_VALUES[] =
+    "ADDRESS [mac MAC] [vlan VID] [interface IF] [attribute N] [unbound] [--force]";
 
 // Rows of two lines are aligned by hand.
 // clang-format off
@@ -70,7 +71,7 @@ constexpr Command COMMANDS[] = {
     {"enterprise-number", "N", changeEnterpriseNumber, false,
      "IANA private enterprise number put into options 82, 125 and 37"},
     {"binding add", BINDING_VALUES, bindingAdd, false,
-     "create a static binding; in force unless unbound"},
+     "create a static binding; in force unless unbound; --force: of a VLAN that the port is not in too"},
     {"binding bind", "ADDRESS", bindingBind, false,
      "put a binding in force"},
     {"binding unbind", "ADDRESS", bindingUnbind, false,

@@ -60,6 +60,9 @@ ExitStatus bindingBind(const Context &, std::span<const std::string>);
 ExitStatus bindingUnbind(const Context &, std::span<const std::string>);
 ExitStatus bindingDelete(const Context &, std::span<const std::string>);
 
+// Throws CtlError where the port is known to be no member of the VLAN (guard.cpp).
+void checkVlanOfPort(uint32_t ifIndex, uint32_t vid);
+
 // platform.cpp, guard.cpp, monitor.cpp; without the Linux platform no_platform.cpp
 ExitStatus platformRelease(const Context &, std::span<const std::string>);
 ExitStatus guardInterface(const Context &, std::span<const std::string>);

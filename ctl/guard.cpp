@@ -228,6 +228,14 @@ ExitStatus arpVlan(const Context &context, std::span<const std::string> argument
     return changeVlanGuard(context, GuardFeature::arpInspection, arguments);
 }
 
+void checkVlanOfPort(uint32_t ifIndex, uint32_t vid)
+{
+    std::string why; // without maps nothing is known, and nothing refused
+    if (guard_config_open(why) && !guard_port_may_use(ifIndex, vid))
+        throw CtlError(EXIT_REFUSED, "binding: " + interfaceText(ifIndex) + " is no member of VLAN " +
+                                         std::to_string(vid) + " (--force adds it all the same)");
+}
+
 // JSON has every port, the table only the ports with a setting or refused frames, or all.
 ExitStatus showGuard(const Context &context, std::span<const std::string> arguments)
 {

@@ -141,6 +141,10 @@ void guard_settle(guard_items &items, GuardFeature feature);
 using GuardRefusals = std::array<uint64_t, GUARD_REASONS>;
 std::map<uint32_t, GuardRefusals> guard_ports_refusals();
 
+// False where it is known that frames of the port cannot belong to the VLAN. True as well for a port that
+// works without VLANs, no port, and without maps.
+bool guard_port_may_use(uint32_t ifIndex, uint32_t vid);
+
 // Tells the daemon of this network namespace that the configuration has changed, as events of the switch's
 // netlink groups. Takes CAP_NET_ADMIN. Whether anybody listens is not known.
 int guard_config_announce(const GuardPlace &place, GuardFeature feature, uint8_t wanted);

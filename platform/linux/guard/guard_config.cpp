@@ -195,6 +195,15 @@ std::map<uint32_t, GuardRefusals> guard_ports_refusals()
     return ports;
 }
 
+bool guard_port_may_use(uint32_t ifIndex, uint32_t vid)
+{
+    guard_port port = {};
+    if (!maps.open() || vid >= GUARD_VLANS || bpf_map_lookup_elem(maps.ports.get(), &ifIndex, &port) != 0 ||
+        port.left_until != 0)
+        return true;
+    return (port.members[0] & 1) != 0 || (port.members[vid / 64] >> vid % 64 & 1) != 0;
+}
+
 int guard_config_announce(const GuardPlace &place, GuardFeature feature, uint8_t wanted)
 {
     struct {
