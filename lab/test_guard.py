@@ -137,7 +137,7 @@ class Configuration(labtest.LabTest):
                 for places in self.switch.show("guard").values() for place in places if place[key]}
 
     def test_a_daemon_that_starts_is_told(self):
-        for line, text in (("guard vlan 10 ip", "the VLAN has no interface"), ("guard interface lo ip", "no port of the switch")):
+        for line, text in (("guard vlan 10 ip", "the VLAN has no interface"), ("guard interface lo ip", "no port of the switch"), (f"binding add {STATIC} mac {PC1} vlan 20 interface swp1", "no member of VLAN 20")):
             done = self.switch.ctl(line, check=False)
             self.assertEqual((done.returncode, text in done.stderr), (1, True), done.stderr)
         self.switch.stop_daemon()
