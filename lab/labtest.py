@@ -28,13 +28,12 @@ def meanwhile(action, threads=1):
     """Repeats the action in threads of its own until the body ends."""
     ending = threading.Event()
 
-    def repeat():
+    def repeat(_):
         while not ending.wait(0.001):
             action()
 
     with concurrent.futures.ThreadPoolExecutor(threads) as pool:
-        for _ in range(threads):
-            pool.submit(repeat)
+        pool.map(repeat, range(threads))
         try:
             yield
         finally:
@@ -116,12 +115,6 @@ class LabTest(unittest.TestCase):
         """The host has an address until the test ends."""
         self.lab.hosts[host].ip(" ".join(("addr add", address, "dev eth0", *words)))
         self.addCleanup(self.lab.hosts[host].run, "ip", "addr", "del", address, "dev", "eth0", check=False)
-
-    def detect_duplicates(self, host):
-        """Addresses of the host are tentative until nobody claims them, as anywhere outside the lab."""
-        for name in ("accept_dad", "dad_transmits"):
-            self.lab.hosts[host].sysctl(f"net/ipv6/conf/eth0/{name}", 1)
-            self.addCleanup(self.lab.hosts[host].sysctl, f"net/ipv6/conf/eth0/{name}", 0)
 
     def outcome(self, sender, *frames):
         """Who hears these frames, a DHCP message by its transaction, with the VLAN of tagged ones, and what the sender's port

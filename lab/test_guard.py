@@ -59,7 +59,6 @@ class Guard(labtest.LabTest):
                   ("in its VLAN, tagged", "", "trunk", tagged(ipv4(TRUNK, "10.0.10.78"), 10), "pc1 rogue server/10"),
                   ("its own ARP", "", "pc1", arp(PC1, self.address), PC1_HEARD),
                   ("ARP for an address that was only asked for", "", "pc1", arp(PC1, ASKED), "| arp 1"),
-                  ("ARP for the gateway", "", "pc1", arp(PC1, "10.0.10.1"), "| arp 1"),
                   ("an ARP probe", "", "pc1", arp(PC1, "0.0.0.0", operation=1), PC1_HEARD),
                   ("a bound IPv6 address", "", "pc1", ipv6(PC1, STATIC6), PC1_HEARD),
                   ("an IPv6 address that was only asked for", "", "pc1", ipv6(PC1, ASKED6), "| ipv6 1"),
@@ -97,7 +96,9 @@ class Guard(labtest.LabTest):
         pc1.send(from_client("inform", PC1, ciaddr=ASKED, xid=7))
         pc1.receive_dhcp("ack", xid=7)
         self.assertEqual(self.outcome("pc1", ipv4(PC1, ASKED)), "| ipv4 1")
-        self.detect_duplicates("pc1")
+        for name in ("accept_dad", "dad_transmits"):  # addresses are tentative until nobody claims them, as outside the lab
+            self.lab.pc1.sysctl(f"net/ipv6/conf/eth0/{name}", 1)
+            self.addCleanup(self.lab.pc1.sysctl, f"net/ipv6/conf/eth0/{name}", 0)
         self.borrow("rogue", "fe80::99/64", "nodad")
         self.borrow("rogue", "2001:db8:10::99/64", "nodad")
         self.assertEqual([self.verdict(address) for address in ("fe80::99", "fe80::77", "2001:db8:10::99", "2001:db8:10::98")],

@@ -278,7 +278,6 @@ const ClassifierRow CLASSIFIER_ROWS[] = {
     {"source guard of a family: IPv4 unless told otherwise", "ip a", "udp | udp6 | q10 q20 q20 udp6", "ipv4 - unclear"},
     {"IPv6 alone, in the VLAN too", "vip a6!", "udp | udp6 | q30 udp | q30 udp6", "- ipv6 - vlan"},
     {"the port's families replace its VLAN's", "ip a vip a6", "udp | udp6", "ipv4 -"},
-    {"source guard on the port, inspection on the port", "ip p6", "udp | udp6 | request", "ipv4 ipv6 -"},
     {"inspection in the VLAN, source guard on the port", "ip m varp v", "reply | q20 reply | q20 udp", "arp - ipv4"},
     {"exempt from one feature, or from the other", "ip x vip v varp v", "udp6 | reply | q10 q20 q20 udp", "- arp unclear"},
     {"a trapped frame needs no rule, if it is for a client or a server", "trap 46 ip a6", "v4 68 67 | udp at 20 11110044 | udp6 at 40 11110222 | udp at 20 00440035 | udp6 at 40 02220035", "4 4 6 ipv4 ipv6"},

@@ -9,7 +9,6 @@
 
 #include "guard.h"
 #include "linux_switch.h"
-#include "netlink.h"
 #include "platform.h"
 
 using namespace platform_linux;
