@@ -114,7 +114,7 @@ Bytes Frame::bytes() const
     Bytes ip = {static_cast<uint8_t>(ipVersion * 16u + headerLen / 4), 0};
     ip = ip + be16(ipTotalLen.value_or(static_cast<uint16_t>(headerLen + udp.size())));
     ip = ip + be32(0) + Bytes{64, protocol} + be16(0) + be32(srcIp) + be32(dstIp) + ipOptions;
-    put16(ip, 10, ipChecksum.value_or(internet_checksum(ip)));
+    put16(ip, 10, internet_checksum(ip));
     return ethernet_header(dst, src, tags, etherType) + ip + udp + padding;
 }
 
@@ -139,9 +139,9 @@ Bytes iaaddr(const char *address, uint32_t valid, const Bytes &options)
     return opt6(5, Bytes(bytes.begin(), bytes.end()) + be32(valid / 2) + be32(valid) + options);
 }
 
-Bytes ia_na(const Bytes &options, uint32_t iaid) { return opt6(3, be32(iaid) + be32(0) + be32(0) + options); }
+Bytes ia_na(const Bytes &options) { return opt6(3, be32(7) + be32(0) + be32(0) + options); }
 
-Bytes ia_ta(const Bytes &options, uint32_t iaid) { return opt6(4, be32(iaid) + options); }
+Bytes ia_ta(const Bytes &options) { return opt6(4, be32(9) + options); }
 
 Bytes Frame6::bytes() const
 {
@@ -157,15 +157,13 @@ Frame6 client6(uint8_t type, const Bytes &options) { return Frame6{.type = type,
 
 Frame6 server6(uint8_t type, const Bytes &options)
 {
-    return Frame6{.dst = MAC_CLIENT,
-                  .src = MAC_SERVER,
-                  .hopLimit = 64,
-                  .srcIp = ip6("fe80::5eff:fe00:1"),
-                  .dstIp = ip6("fe80::c1ff:fe00:1"),
-                  .srcPort = 547,
-                  .dstPort = 546,
-                  .type = type,
-                  .options = options};
+    const Ip6 server = ip6("fe80::5eff:fe00:1"), client = ip6("fe80::c1ff:fe00:1");
+    Frame6 frame = {.dst = MAC_CLIENT, .src = MAC_SERVER, .hopLimit = 64, .srcIp = server, .dstIp = client};
+    frame.srcPort = 547;
+    frame.dstPort = 546;
+    frame.type = type;
+    frame.options = options;
+    return frame;
 }
 
 std::string dump(const Bytes &frame)

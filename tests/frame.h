@@ -44,7 +44,6 @@ struct Tag {
 };
 
 struct Frame {
-    // Ethernet
     Mac dst = MAC_BROADCAST, src = MAC_CLIENT;
     std::vector<Tag> tags = {};
     uint16_t etherType = 0x0800;
@@ -52,10 +51,8 @@ struct Frame {
     uint8_t ipVersion = 4;
     std::optional<uint16_t> ipTotalLen = {};
     uint8_t protocol = 17;
-    std::optional<uint16_t> ipChecksum = {};
     uint32_t srcIp = 0, dstIp = 0xFFFFFFFF;
     Bytes ipOptions = {};
-    // UDP (RFC 768)
     uint16_t srcPort = 68, dstPort = 67;
     std::optional<uint16_t> udpLen = {}, udpChecksum = {};
     // BOOTP (RFC 2131 2)
@@ -86,8 +83,8 @@ constexpr Mac MAC_DHCP6_SERVERS = {0x33, 0x33, 0x00, 0x01, 0x00, 0x02};
 Bytes opt6(uint16_t code, const Bytes &data, std::optional<uint16_t> length = {});
 Bytes status6(uint16_t code, std::string_view text = "");
 Bytes iaaddr(const char *address, uint32_t valid, const Bytes &options = {});
-Bytes ia_na(const Bytes &options, uint32_t iaid = 7);
-Bytes ia_ta(const Bytes &options, uint32_t iaid = 9);
+Bytes ia_na(const Bytes &options);
+Bytes ia_ta(const Bytes &options);
 
 // A default one is a valid SOLICIT of client 1 without options.
 struct Frame6 {
@@ -100,7 +97,6 @@ struct Frame6 {
     uint8_t hopLimit = 1;
     Ip6 srcIp = ip6("fe80::c1ff:fe00:1"), dstIp = ip6("ff02::1:2");
     Bytes extension = {}; // between IPv6 and UDP header
-    // UDP
     uint16_t srcPort = 546, dstPort = 547;
     std::optional<uint16_t> udpLen = {}, udpChecksum = {};
     // DHCPv6 (RFC 8415 8)

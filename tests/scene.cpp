@@ -51,17 +51,6 @@ DhcpsnoopUser *make_binding(const Key &key, const Mac &mac, uint32_t ifIndex, ui
     return user;
 }
 
-static size_t nodes(std::span<DhcpsnoopLink> heads)
-{
-    size_t found = 0;
-    for (DhcpsnoopLink &head : heads)
-        for (const DhcpsnoopLink *at = head.next; at != &head; at = at->next)
-            found++;
-    return found;
-}
-
-size_t count_bindings() { return nodes(gDhcpsnoop.userHash); }
-
 DhcpsnoopRxPkt rx_packet(const Bytes &frame, const Arrival &arrival)
 {
     const auto type_at = [&frame](size_t at) { return at + 2 <= frame.size() ? static_cast<uint16_t>(frame[at] << 8 | frame[at + 1]) : uint16_t{0}; };
@@ -251,7 +240,9 @@ std::string outcome()
         if (!text.empty())
             done.push_back(text);
     std::string text = joined(done) + held();
-    const size_t waiting = nodes(gDhcpsnoop.macUserHash);
+    size_t waiting = 0;
+    for ([[maybe_unused]] const auto *user : hash_each<DhcpsnoopMacUser>(gDhcpsnoop.macUserHash))
+        waiting++;
     text += waiting == 0 ? "" : world_format(" | waits %zu", waiting);
     for (const auto *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
         text += world_format(" | server .%u %u/%u", server->serverIp & 0xFF, server->ifIndex, server->vid);
@@ -278,8 +269,7 @@ std::string said()
 std::string unsaid(const std::string &texts)
 {
     const std::string all = "|" + said() + "|";
-    std::istringstream list(texts);
-    for (std::string text; std::getline(list, text, '|');) {
+    for (const std::string &text : parts(texts, '|')) {
         const bool unwanted = text.starts_with("!");
         if ((all.find("|" + text.substr(unwanted ? 1 : 0) + "|") != std::string::npos) == unwanted)
             return text;

@@ -81,7 +81,6 @@ struct Key : DhcpsnoopUserKey {
 DhcpsnoopUser *binding(const Key &key); // null when there is none
 // A dynamic binding made directly in the table, and counted.
 DhcpsnoopUser *make_binding(const Key &key, const Mac &mac, uint32_t ifIndex, uint16_t vid);
-size_t count_bindings();
 
 // How a frame came in: what the packet information says of it.
 struct Arrival {

@@ -125,14 +125,12 @@ namespace
 // Records as packed() takes them; of more than three only how many there are.
 std::string unpacked(const Bytes &packet)
 {
+    const std::map<char, size_t> sizes = {{'b', 1}, {'h', 2}, {'w', 4}, {'k', 20}, {'m', 6}};
     std::string text;
     size_t records = 0;
     for (size_t at = 0; at + 16 <= packet.size(); records++) {
         for (const char field : std::string(packet[at] == 1 ? "bbhkhhwwwbbbbhmww" : "bbhwwhh")) {
-            const size_t size = field == 'b' ? 1 : field == 'h' ? 2
-                                               : field == 'w'   ? 4
-                                               : field == 'k'   ? 20
-                                                                : 6;
+            const size_t size = sizes.at(field);
             text += field == 'h' ? world_format(" %%%u", host16_at(packet, at)) : field == 'w' ? world_format(" =%#x", host32_at(packet, at))
                                                                                                : " " + world_hex(packet.data() + at, size);
             at += size;
@@ -170,9 +168,7 @@ std::string answer_of(const Bytes &asked)
     const uint32_t length = dhcpsnoop_cmd_process(bytes.data(), static_cast<uint32_t>(bytes.size()));
     if (length != bytes.size())
         return length == 0 && bytes == asked ? "none" : world_format("%u bytes", length);
-    const auto data = static_cast<ptrdiff_t>(26 + (asked[25] == 3 ? 29 : asked[25] == 2 ? 14
-                                                                     : asked[7] < 22    ? 7
-                                                                                        : 0));
+    const ptrdiff_t one = asked[7] < 22 ? 7 : 0, two = asked[25] == 2 ? 14 : one, data = 26 + (asked[25] == 3 ? 29 : two);
     const auto word = [&bytes](size_t at) { return wire_get32(bytes.data() + at); };
     std::string text = word(12) == 0 ? "ok" : word(12) == 0xAAAAAAAA ? "as asked"
                                                                      : world_format("%x", word(12));
@@ -250,8 +246,7 @@ std::optional<std::string> perform(const std::string &step)
 
 void apply(const std::string &steps)
 {
-    std::istringstream list(steps);
-    for (std::string step; std::getline(list, step, ';');)
+    for (const std::string &step : parts(steps, ';'))
         perform(step);
 }
 
@@ -275,9 +270,8 @@ std::string play(const std::function<std::string()> &act)
 
 std::string play(const std::string &steps)
 {
-    std::string outcome, step;
-    std::istringstream list(steps);
-    for (const char *between = ""; std::getline(list, step, ';');) {
+    std::string outcome, between;
+    for (const std::string &step : parts(steps, ';')) {
         std::optional<std::string> answer;
         const std::string done = play([&] { return (answer = perform(step)).value_or(""); });
         outcome += answer ? between + done : "";

@@ -48,15 +48,6 @@ Ran run(const std::string &line, const Exchange &exchange = inDaemon)
     return ran;
 }
 
-std::vector<std::string> parts(const std::string &text) // separated by ';'
-{
-    std::vector<std::string> all;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, ';');)
-        all.push_back(part);
-    return all;
-}
-
 void start()
 {
     world.reset();
@@ -70,7 +61,7 @@ void start()
 
 void must(const std::string &lines, const std::string &before = "")
 {
-    for (const std::string &line : parts(lines)) {
+    for (const std::string &line : parts(lines, ';')) {
         const Ran ran = run(before + line);
         EXPECT_EQ(ran.status, EXIT_DONE) << line << ": " << ran.err;
     }
@@ -165,7 +156,7 @@ TEST(Ctl, Requests)
 {
     for (const auto &[claim, line, requests] : REQUESTS) {
         std::vector<std::string> asked;
-        for (const std::string &each : parts(line)) {
+        for (const std::string &each : parts(line, ';')) {
             const Ran ran = run(each, [](const Bytes &request) { return request; }); // result 0, and the value as it was asked
             for (const Bytes &request : ran.requests)
                 asked.push_back(hexOf(request));
@@ -184,7 +175,7 @@ TEST(Ctl, Lines)
         start();
         must(row.before);
         std::istringstream errors(row.said);
-        for (const std::string &line : parts(row.lines)) {
+        for (const std::string &line : parts(row.lines, ';')) {
             SCOPED_TRACE(row.claim + (": " + line));
             std::string error;
             std::getline(errors, error, ';');

@@ -18,19 +18,11 @@ void start()
     apply("hooks");
 }
 
-std::string times(const std::string &hex, int count) // "78 78"
-{
-    std::string text;
-    for (int i = 0; i < count; i++)
-        text += (i == 0 ? "" : " ") + hex;
-    return text;
-}
-
 // Every option on, and a text of each: "c", "r", "s", "i" and "R", typed with type 9.
 const std::string OPTIONS = "if.set 4 5 = 1;if.set 9 5 = 1;if.set 11 5 = 1;if.set 13 5 = 1;";
 const std::string TEXTS = OPTIONS + "if.set 5 5 : 090163;if.set 6 5 : 090172;if.set 7 5 's;if.set 12 5 : 090169;if.set 14 5 : 090152;";
 const std::string PLAIN = OPTIONS + "if.set 30 5 = 5;if.set 31 5 = 2;if.set 32 5 = 6;if.set 33 5 = 0;";
-const std::string LONG(200, 'y'), FULL = OPTIONS + "if.set 5 5 : 0980" + times("78", 128);
+const std::string LONG(200, 'y'), FULL = OPTIONS + "if.set 5 5 : 0980" + hex(Bytes(128, 0x78));
 const std::string ARP = "event 123: =6 00;"; // ARP inspection runs; nothing is on port 6
 const std::string POPULATED = "bind .1 5 10;bind .2 5 10;bind .4 5 10;set .2 type 2;set .4 type 4;set .1 hw 0x80 ipsg 0xf0;set .2 hw 0x80 ipsg 0xf0;set .4 hw 0x80 ipsg 0xf0;set 5 cur 1;global.set 1 = 1;";
 
@@ -50,14 +42,14 @@ const Step INTERFACE[] = {
     {"option 37's text; option 37's; a read is said", "if.set 11 5 = 1;debug 2", "if.set 14 5 'abcd;if.set 33 5 = 0;if.get 99 6 = 0", "3e80010; dhcpsnoop if setapi: interface swp5, cmd 14.; dhcpsnoop if setapi: the option37 is disabled!\\n\\r; dhcpsnoop if setapi: end, rc = 65536016. / 3e80010; dhcpsnoop if setapi: interface swp5, cmd 33.; dhcpsnoop if setapi: the option37 is disabled!\\n\\r; dhcpsnoop if setapi: end, rc = 65536016. / 3e80002; dhcpsnoop if getapi: interface swp6, cmd = 99.; dhcpsnoop if getapi: end, rc 65536002."},
     // Texts are offered before they are looked at, marked as bytes.
     {"plain; plain, option 37; a template is not looked at; of no bytes clears", PLAIN, "if.set 5 5 'abc;if.set 14 5 '\t;if.set 5 5 '%%%d:%;if.set 6 5 'abc;if.set 6 5 '", "ok; offer 5/05 {61 62 63} | if5 circuitLen=3 circuit:616263 / ok; offer 5/0e {09} | if5 id37Len=1 id37:09 / ok; offer 5/05 {25 25 25 64 3a 25} | if5 circuitLen=6 circuit:252525643a25 / ok; offer 5/06 {61 62 63} | if5 remoteLen=3 remote:616263 / ok; offer 5/06 {} | if5 remoteLen=0 remote=0"},
-    {"plain of 200 is cut", PLAIN, "if.set 12 5 '" + LONG, "ok; offer 5/0c {" + times("79", 200) + "} | if5 id18Len=128 id18:79*128"},
+    {"plain of 200 is cut", PLAIN, "if.set 12 5 '" + LONG, "ok; offer 5/0c {" + hex(Bytes(200, 0x79)) + "} | if5 id18Len=128 id18:79*128"},
     {"typed, more than it says; typed of no bytes; raw travels typed; sub-option 9 is never typed", OPTIONS, "if.set 5 5 : 0902616263;if.set 5 5 : 0900;if.set 31 5 = 4;if.set 6 5 : 0902616263;if.set 7 5 '\t", "ok; offer 5/05 {09 02 61 62 63} | if5 circuitType=9 circuitLen=2 circuit:6162 / ok; offer 5/05 {09 00} | if5 circuitLen=0 circuit=0 / ok; offer 5/1f 4 | if5 remoteFmt=4 / ok; offer 5/06 {09 02 61 62 63} | if5 remoteType=9 remoteLen=2 remote:6162 / ok; offer 5/07 {09} | if5 sub9Len=1 sub9:09"},
-    {"typed of 128", OPTIONS, "if.set 5 5 : 0980" + times("78", 128), "ok; offer 5/05 {09 80 " + times("78", 128) + "} | if5 circuitType=9 circuitLen=128 circuit:78*128"},
-    {"typed of 200 is cut", OPTIONS, "if.set 14 5 '\t\xC8" + LONG, "ok; offer 5/0e {09 c8 " + times("79", 200) + "} | if5 id37Type=9 id37Len=128 id37:79*128"},
+    {"typed of 128", OPTIONS, "if.set 5 5 : 0980" + hex(Bytes(128, 0x78)), "ok; offer 5/05 {09 80 " + hex(Bytes(128, 0x78)) + "} | if5 circuitType=9 circuitLen=128 circuit:78*128"},
+    {"typed of 200 is cut", OPTIONS, "if.set 14 5 '\t\xC8" + LONG, "ok; offer 5/0e {09 c8 " + hex(Bytes(200, 0x79)) + "} | if5 id37Type=9 id37Len=128 id37:79*128"},
     {"typed, less than it says; typed without a length; typed without anything; option 18 without a length; option 37 without a length", TEXTS + "debug 2", "if.set 5 5 : 0904616263;if.set 5 5 : 09;if.set 6 5 ';if.set 12 5 : 09;if.set 14 5 : 09", "3e8000d; dhcpsnoop if setapi: interface swp5, cmd 5.; offer 5/05 {09 04 61 62 63}; dhcpsnoop if setapi: length is invalid, option len 4, total len 5!; dhcpsnoop if setapi: end, rc = 65536013. / 3e8000d; dhcpsnoop if setapi: interface swp5, cmd 5.; offer 5/05 {09}; dhcpsnoop if setapi: wrong length for circuit-id!; dhcpsnoop if setapi: end, rc = 65536013. / 3e8000d; dhcpsnoop if setapi: interface swp5, cmd 6.; offer 5/06 {}; dhcpsnoop if setapi: wrong length for remote-id!; dhcpsnoop if setapi: end, rc = 65536013. / 3e8000d; dhcpsnoop if setapi: interface swp5, cmd 12.; offer 5/0c {09}; dhcpsnoop if setapi: wrong length for option18!; dhcpsnoop if setapi: end, rc = 65536013. / 3e8000d; dhcpsnoop if setapi: interface swp5, cmd 14.; offer 5/0e {09}; dhcpsnoop if setapi: wrong length for option37!; dhcpsnoop if setapi: end, rc = 65536013."},
     {"no text in no room; read, plain, just room; no room; a plain remote-id has nothing to do with the circuit-id", PLAIN, "if.get 5 5 room 0;if.set 5 5 'xx;if.get 5 5 room 2;if.get 5 5 room 1;if.set 5 5 'circuit;if.set 6 5 'xx;if.get 6 5 room 2", "ok / ok; offer 5/05 {78 78} | if5 circuitLen=2 circuit:7878 / ok 03 00 00 02 78 78 / 3e8000d / ok; offer 5/05 {63 69 72 63 75 69 74} | if5 circuitLen=7 circuit:63697263756974 / ok; offer 5/06 {78 78} | if5 remoteLen=2 remote:7878 / ok 03 00 00 02 78 78"},
     {"typed, just room; typed, no room; sub-option 9 is read plain; raw is read typed; Kept: a typed remote-id must also find the room that the circuit-id would need; with that; room for the circuit-id alone", TEXTS, "if.get 12 5 room 3;if.get 5 5 room 2;if.get 7 5 room 2;if.set 33 5 = 4;if.set 14 5 : 090178;if.get 14 5 room 3;if.set 5 5 : 09026364;if.get 6 5 room 3;if.get 6 5 room 4;if.set 5 5 : 090163;if.set 6 5 : 09026364;if.get 6 5 room 3", "ok 03 00 00 03 09 01 69 / 3e8000d / ok 03 00 00 01 73 ee / ok; offer 5/21 4 | if5 id37Fmt=4 id37Len=0 id37=0 / ok; offer 5/0e {09 01 78} | if5 id37Len=1 id37:78 / ok 03 00 00 03 09 01 78 / ok; offer 5/05 {09 02 63 64} | if5 circuitLen=2 circuit:6364 / 3e8000d / ok 03 00 00 03 09 01 72 ee / ok; offer 5/05 {09 01 63} | if5 circuitLen=1 circuit:63 / ok; offer 5/06 {09 02 63 64} | if5 remoteLen=2 remote:6364 / 3e8000d"},
-    {"the longest, typed", FULL, "if.get 5 5 room 130", "ok 03 00 00 82 09 80 " + times("78", 128)},
+    {"the longest, typed", FULL, "if.get 5 5 room 130", "ok 03 00 00 82 09 80 " + hex(Bytes(128, 0x78))},
     // On and off.
     {"off where it is off is offered all the same; on; on where it is on; one too many; any value but 1 is off; a trap that the hardware refuses", "", "if.set 1 6 = 0;if.set 1 6 = 1;if.set 1 6 = 1;access 7 10;if.set 1 7 = 1;if.set 1 6 = 2;refuse 9 qorIfSetApi 6 305;if.set 1 6 = 1", "ok; offer 6/01 0 / ok; offer 6/01 1; qorIfSetApi 6 305 23 | +if6 mac:020000000106 max=32768 s21=100 flags#80c00000 / ok; offer 6/01 1 / c; offer 7/01 1 / ok; offer 6/01 2; qorIfSetApi 6 306 23 | -if6 / 9; offer 6/01 1; qorIfSetApi 6 305 23"},
     // A VLAN's settings are those of its VLAN interface.
@@ -106,11 +98,7 @@ const Step REQUESTS[] = {
 };
 // clang-format on
 
-class Management : public Daemon
-{
-  protected:
-    void SetUp() override { start(); }
-};
+using Management = Daemon;
 
 TEST_F(Management, OfAnInterface) { check_steps(INTERFACE, start); }
 TEST_F(Management, OfBindings) { check_steps(BINDINGS, start); }
@@ -130,6 +118,7 @@ TEST_F(Management, EveryAttribute)
         {"if", " 5", {1, 2, 3, 4, 8, 9, 10, 11, 13, 16, 17, 18, 20, 21, 30, 31, 32, 33, 34}, {5, 6, 7, 12, 14}, {0, 15, 19, 22, 23, 24, 25, 26, 27, 29, 35, 0xFFFFFFFF}, {0, 15, 28, 29, 35, 0xFFFFFFFF}},
         {"user", " .5", {1, 2, 4, 9}, {5}, {0, 3, 6, 7, 8, 10}, {0, 3, 10}},
         {"vlan", " 10", {1, 3}, {}, {0, 2, 4}, {0, 2, 4}}};
+    start();
     play(TEXTS + "bind .5 5 10;set .5 state 4");
     const auto refused = [](const std::string &words) { EXPECT_EQ(play(words), "3e80010") << words; };
     using Forms = std::vector<std::string>;
@@ -154,6 +143,7 @@ TEST_F(Management, EveryAttribute)
 // Called by a platform library: a change from the platform is offered in another mode, and nothing takes null for an address.
 TEST_F(Management, EntryPoints)
 {
+    start();
     play(PLAIN + "bind .5 5 10;set .5 state 4;server.set 1 5 .10 = 1");
     static uint32_t value, pair[2];
     static uint8_t room[4];
