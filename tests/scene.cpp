@@ -1,7 +1,6 @@
 #include "scene.h"
 
 #include <algorithm>
-#include <sstream>
 
 void set_flag_field(DhcpsnoopIf *ifp, DhcpsnoopFlagField field, uint32_t value)
 {
@@ -174,8 +173,7 @@ void prepare(const std::string &words, std::span<const Word> own)
     world.trunk(2, {10, 20}, 10);
     snoop(1);
     snoop(2, DHCPSNOOP_IF_TRUSTED);
-    std::istringstream list(words);
-    for (std::string word; list >> word;) {
+    for (const std::string &word : parts(words, ' ')) {
         bool known = word == "one-node";
         for (const std::span<const Word> table : {own, std::span<const Word>(WORDS)})
             for (const Word &entry : table)

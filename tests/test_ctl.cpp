@@ -67,17 +67,10 @@ void must(const std::string &lines, const std::string &before = "")
     }
 }
 
-std::string hexOf(const Bytes &bytes)
-{
-    std::string text = hex(bytes);
-    std::erase(text, ' ');
-    return text;
-}
-
 // Only strung together: every byte but those of the three words' frame stands at the row.
 std::string body(const std::string &func, const std::string &cmd, const std::string &rest, const std::string &result = "00000000")
 {
-    return hexOf(hex_bytes("00020004 000000" + func + "00020004" + result + "00020004 000000" + cmd + rest));
+    return hex(hex_bytes("00020004 000000" + func + "00020004" + result + "00020004 000000" + cmd + rest));
 }
 
 constexpr char IF[] = "0101 020004 01020304 "; // index 16909060
@@ -99,7 +92,7 @@ const std::string IPV4_ZERO = "03000001 01 03000003 000000 03000010 000000000000
 
 // clang-format off
 const std::tuple<const char *, const char *, std::vector<std::string>> REQUESTS[] = {
-    {"every byte of one request", "interface 16909060 trust on", {"0002000400000005000200040000000000020004000000030101020004010203040302000400000001"}},
+    {"every byte of one request", "interface 16909060 trust on", {hex(hex_bytes("0002000400000005000200040000000000020004000000030101020004010203040302000400000001"))}},
     {"a switch; a word of several; a mode by its name; an empty text of type 0; a format by its number", "interface 16909060 option37 off;interface 16909060 option82-policy append;interface 16909060 option82-mode raw;interface 16909060 remote-id generated;interface 16909060 interface-id format 1 text ab", {ifSet("0d", OFF), ifSet("08", word("3")), ifSet("0a", word("4")), ifSet("1f", word("3")), ifSet("06", "03000002 0000"), ifSet("20", ON), ifSet("0c", "03000002 6162")}},
     {"the bare text behind format 5; type 1, length and text behind format 3; a raw text travels typed all the same; the switch's own format", "interface 16909060 circuit-id template %s.%c.%d:%N;interface 16909060 circuit-id text ab;interface 16909060 circuit-id raw text ab;interface 16909060 circuit-id global", {ifSet("1e", word("5")), ifSet("05", "0300000b 25732e25632e25643a254e"), ifSet("1e", word("3")), ifSet("05", "03000004 01026162"), ifSet("1e", word("4")), ifSet("05", "03000004 01026162"), ifSet("1e", OFF), ifSet("05", "03000000")}},
     {"a type and bytes; option 37's; a text that is a keyword", "interface 16909060 remote-id raw type 7 hex 00ff;interface 16909060 remote-id6 text ab;interface 16909060 subopt9-text text hex", {ifSet("1f", word("4")), ifSet("06", "03000004 070200ff"), ifSet("21", word("3")), ifSet("0e", "03000004 01026162"), ifSet("07", "03000003 686578")}},
@@ -159,7 +152,7 @@ TEST(Ctl, Requests)
         for (const std::string &each : parts(line, ';')) {
             const Ran ran = run(each, [](const Bytes &request) { return request; }); // result 0, and the value as it was asked
             for (const Bytes &request : ran.requests)
-                asked.push_back(hexOf(request));
+                asked.push_back(hex(request));
             EXPECT_EQ(std::to_string(ran.status) + ran.out + ran.err, "0") << each;
         }
         EXPECT_EQ(asked, requests) << claim;

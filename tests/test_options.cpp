@@ -1,7 +1,7 @@
 // Options put into messages and taken out, with lengths and checksums made right again. Option 82: RFC 3046 2, 3.1, 3.2; sub-option 9:
 // RFC 4243 3; option 67: RFC 2132 9.5; option 125: RFC 3925 4. Expected bytes are written out by hand after those layouts, and
 // tshark dissects such frames so; sums come from RFC 1071 and scapy.
-#include <sstream>
+#include <functional>
 
 #include "scene.h"
 
@@ -20,8 +20,7 @@ DhcpsnoopIf *set_up(const std::string &words)
     world.reset();
     world.access(7, 10).location = {0x101, 0x202, 0x303, 4, 5, 6, 0x707};
     DhcpsnoopIf *ifp = snoop(7, DHCPSNOOP_IF_OPTION82);
-    std::istringstream list(words);
-    for (std::string word; list >> word;) {
+    for (const std::string &word : parts(words, ' ')) {
         const size_t equals = word.find('='), colon = word.find(':');
         const std::string what = word.substr(0, equals), text = colon == std::string::npos ? "" : word.substr(colon + 1);
         const int mode = atoi(word.c_str() + equals + 1);

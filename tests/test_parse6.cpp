@@ -2,8 +2,6 @@
 // checksum over IPv6, the option finder.
 #include "scene.h"
 
-#include <sstream>
-
 #include <sys/mman.h>
 
 #include "dhcp6snoop_msg.h"
@@ -51,9 +49,8 @@ std::string parsed(const Frame6 &message, int more = 0, const Arrival &arrival =
 
 std::string kinds(const char *addresses)
 {
-    std::istringstream words(addresses);
     std::string text;
-    for (std::string address; words >> address;)
+    for (const std::string &address : parts(addresses, ' '))
         text += world_format("%x ", ipv6_addr_type(ip6(address.c_str()).data()));
     return text;
 }

@@ -112,7 +112,7 @@ int32_t world_called(const std::string &line)
     world.enter({.did = Did::Call, .text = line});
     const auto refusal = world.refused(line);
     if (refusal)
-        errno = WORLD_EPERM;
+        errno = EPERM;
     return refusal.value_or(0);
 }
 

@@ -120,7 +120,6 @@ struct World {
     std::vector<std::string> calls(const std::string &prefix = "") const { return texts(Did::Call, prefix); }
     std::vector<std::string> questions(const std::string &prefix) const { return texts(Did::Asked, prefix); }
 
-    // For the fakes.
     void enter(WorldEntry entry);
     std::optional<int32_t> refused(const std::string &line);
     bool quiet() const { return !recording && refusals_.empty(); } // no line is of use to anybody
@@ -146,7 +145,6 @@ struct WorldScope {
 };
 
 constexpr int WORLD_FIRST_SOCKET = 900;
-constexpr int WORLD_EPERM = 1;
 
 // Journals a call and gives its result; errno is set when it is refused.
 int32_t world_called(const std::string &line);

@@ -44,7 +44,7 @@ static ssize_t sent(WorldEntry entry)
     const auto count = static_cast<ssize_t>(entry.data.size());
     const std::string line = entry.text;
     world.enter(std::move(entry));
-    errno = WORLD_EPERM;
+    errno = EPERM;
     return world.refused(line) ? -1 : count;
 }
 
@@ -79,7 +79,7 @@ int __wrap_socket(int domain, int type, int protocol)
     const std::map<int, const char *> names = {{AF_PACKET, "AF_PACKET"}, {AF_UNIX, "AF_UNIX"}, {AF_INET, "AF_INET"}, {AF_NETLINK, "AF_NETLINK"}};
     const std::string line = world_format("socket %s %d 0x%04x", names.at(domain), type & 0xF, ntohs(static_cast<uint16_t>(protocol)));
     world.enter({.did = Did::Call, .text = line});
-    errno = WORLD_EPERM;
+    errno = EPERM;
     const auto refusal = world.refused(line);
     return refusal ? *refusal : world.nextSocket++;
 }
