@@ -51,13 +51,6 @@ void GuardedBridge::SetUp()
         GTEST_SKIP() << "needs eBPF: " << why;
 }
 
-uint32_t NetnsTest::index(const std::string &device)
-{
-    const uint32_t found = if_nametoindex(device.c_str());
-    EXPECT_NE(found, 0u) << device;
-    return found;
-}
-
 std::string in_child(const std::function<void()> &body)
 {
     fflush(nullptr);

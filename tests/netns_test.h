@@ -25,7 +25,6 @@ class NetnsTest : public ::testing::Test
 
     // A shell command; what it prints, errors too. A command that fails fails the test.
     std::string run(const std::string &command);
-    uint32_t index(const std::string &device);
 };
 
 // With an open guard and a bridge br0 with the ports p1 and p2, whose other ends are c1 and c2. Jumbo frames pass.

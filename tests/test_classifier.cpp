@@ -148,7 +148,7 @@ class Classifier : public GuardedBridge, public ::testing::WithParamInterface<co
     // A rule for host 5 on p1 in VLAN 10, with these items of it.
     guard_rule_key rule(uint8_t kind, uint8_t items)
     {
-        guard_rule_key key = {items & GUARD_CHECK_PORT ? index("p1") : 0, static_cast<uint16_t>(items & GUARD_CHECK_VLAN ? 10 : 0), kind, items, {}, {}, {}};
+        guard_rule_key key = {items & GUARD_CHECK_PORT ? if_nametoindex("p1") : 0, static_cast<uint16_t>(items & GUARD_CHECK_VLAN ? 10 : 0), kind, items, {}, {}, {}};
         if (items & GUARD_CHECK_MAC)
             memcpy(key.mac, hex_bytes("020000000005").data(), 6);
         if (items & GUARD_CHECK_ADDRESS)
@@ -189,7 +189,7 @@ class Classifier : public GuardedBridge, public ::testing::WithParamInterface<co
         put("guard_state", 0, state);
         put("guard_vlans", 10, port.vlans);
         put("guard_vlan_items", 10, port.vlan_items);
-        for (const uint32_t ifIndex : {index("p1"), index("p2")}) {
+        for (const uint32_t ifIndex : {if_nametoindex("p1"), if_nametoindex("p2")}) {
             put("guard_ports", ifIndex, port);
             put("guard_port_items", ifIndex, items);
         }
@@ -200,8 +200,8 @@ class Classifier : public GuardedBridge, public ::testing::WithParamInterface<co
     std::string verdict(const Bytes &frame, const char *port = "p1", const std::string &from = "")
     {
         __sk_buff context = {};
-        context.ingress_ifindex = from.empty() || from == "host" ? 0 : index(from);
-        const uint32_t ifIndex = context.ifindex = index(port);
+        context.ingress_ifindex = from.empty() || from == "host" ? 0 : if_nametoindex(from.c_str());
+        const uint32_t ifIndex = context.ifindex = if_nametoindex(port);
         std::vector<guard_refused> counts(static_cast<size_t>(libbpf_num_possible_cpus()));
         EXPECT_EQ(bpf_map_update_elem(map("guard_refused"), &ifIndex, counts.data(), BPF_ANY), 0);
         Bytes out(4096);
@@ -329,7 +329,7 @@ TEST_P(Classifier, KeepsUnknownOriginsFromProtectedBridges)
     guard_port noPort = {};
     noPort.left_until = 1;
     prepare("");
-    put("guard_ports", index("c2"), noPort);
+    put("guard_ports", if_nametoindex("c2"), noPort);
     put("guard_own", guard_mac{{2, 0, 0, 0, 0, 5}, {}}, uint64_t{0});
     std::string got;
     for (const uint64_t until : {uint64_t{1}, UINT64_MAX}) {

@@ -38,7 +38,7 @@ class Frames : public GuardedBridge
             return;
         v4_ = open(ETH_P_IP);
         v6_ = open(ETH_P_IPV6);
-        port_ = index("p1");
+        port_ = if_nametoindex("p1");
         set_up("");
     }
 
@@ -196,7 +196,7 @@ TEST_F(Frames, OfAnAggregateComeFromIt)
     set_up("member");
     guard_port_remove(port_, 0);
     const Port member = modelPorts[port_];
-    port_ = index("bond0");
+    port_ = if_nametoindex("bond0");
     set_up("trap");
     modelPorts[member.ifIndex] = member;
     Wire from("c1");

@@ -433,8 +433,6 @@ const struct { const char *claim; void (*body)(); const char *begin, *end; } PRO
     {"version", [] { start({"--version"}); }, "dhcpsnoop 0.", "\nstatus 0"},
     {"another option", [] { start({"-v"}); }, "dhcpsnoop: unknown option '-v'; try 'dhcpsnoop --help'\n", "status 64"},
     {"a file that is wrong", [] { start_with("# one\nbridge\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: expected: bridge NAME [uplink PORTS] [guard ITEMS [family 4|6|both]]\n", "status 78"},
-    {"the last good one stays in force", [] { start_with("journal /run/conf/journal\nbindings 77\n"); }, "7 77 ", "status 99"},
-    {"", [] { start_with("journal /run/conf/journal\nbindings 0\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: bindings must be a number from 1 to 65535, not '0'\n", "stays in force; mend it, then reload\n7 77 status 99"},
     {"without rights", [] { if (setresuid(65534, 65534, 65534) == 0) OsixCreateMSem(9); }, "dhcpsnoop: missing CAP_NET_RAW (packet sockets), CAP_NET_ADMIN (traps on the ports), CAP_BPF (the program that traps frames): start as root, or grant what is missing\n", "status 1"},
     {"port 67 is taken with the first relay server, and given back with the last", [] { relay(false); }, "port 0 port 67 sent sent port 0 ", "status 99"},
     {"another program has it", [] { relay(true); }, "port 0 dhcpsnoop: UDP port 67 cannot be opened, nothing is relayed: Address already in use (another DHCP server", "port 0 port 0 status 99"},

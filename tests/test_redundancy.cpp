@@ -180,7 +180,6 @@ std::string gone(const std::vector<UnitRecord> &records)
     return std::accumulate(words.begin(), words.end(), std::string("gone"));
 }
 
-std::string taken(const ChangeQueue::Taken &changes) { return text(changes.changes.size(), ", ", changes.dropped, " lost"); }
 std::string yes(bool answer) { return answer ? "yes" : "no"; }
 
 using N = const std::vector<long> &;
@@ -227,7 +226,7 @@ const std::map<std::string, std::string (*)(World &, N)> TELLS = {
     {"set-ahead", [](World &w, N n) { return gone(w.table.clock_set(static_cast<int32_t>(n[0]))); }},
     {"held", [](World &w, N) { return w.held(); }},
     {"push", [](World &w, N n) { return yes(w.queue.push(std::vector<Change>(static_cast<size_t>(n[0])))); }},
-    {"take", [](World &w, N) { return taken(w.queue.take()); }},
+    {"take", [](World &w, N) { const auto taken = w.queue.take(); return text(taken.changes.size(), ", ", taken.dropped, " lost"); }},
     {"ask", [](World &w, N n) { return yes(w.copy.ask(n[0])); }},
     {"late", [](World &w, N n) { return yes(w.copy.is_late(n[0])); }},
     {"state", [](World &w, N) { return text(w.copy.is_idle() ? "idle" : w.copy.is_open() ? "open" : "due"); }},
