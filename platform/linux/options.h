@@ -7,6 +7,8 @@
 namespace platform_linux
 {
 
+constexpr uint16_t BINDINGS_DEFAULT = 4096, INTERFACES_DEFAULT = 256;
+
 struct Options {
     uint16_t interfaces = 0, bindings = 0; // room; 0: as the configuration says, or the default
     bool guard = true, arp = true;         // IP source guard, ARP inspection can be used

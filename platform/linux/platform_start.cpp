@@ -10,7 +10,6 @@
 #include <sysexits.h>
 #include <unistd.h>
 
-#include "config.h"
 #include "config_thread.h"
 #include "desired_state.h"
 #include "guard.h"

@@ -37,7 +37,6 @@ constexpr const char *CONFIG_DIRECTORY = "/etc/dhcpsnoop";
 constexpr const char *CONFIG_DIRECTORY_ENV = "DHCPSNOOP_CONFIG"; // names another directory
 constexpr const char *CONFIG_NAME = "dhcpsnoop.conf";
 
-constexpr uint16_t BINDINGS_DEFAULT = 4096, INTERFACES_DEFAULT = 256;
 constexpr uint32_t ROOM_MAX = 65535;
 
 // A line about ports: one setting, relay servers, or the guard.
