@@ -62,7 +62,8 @@ void fill(DhcpsnoopRxPkt *rx, const Bytes &frame)
 
 Bytes request_frame()
 {
-    return Frame{.options = opt_type(3) + opt_ip(50, FIRST_ADDRESS) + opt_ip(54, ip4(10, 0, 0, 1)) + Bytes(40, 0) + Bytes{255}};
+    return Frame{.options = opt_type(3) + opt_ip(50, FIRST_ADDRESS) + opt_ip(54, ip4(10, 0, 0, 1)) +
+                            Bytes(40, 0) + Bytes{255}};
 }
 
 void lookup_found(benchmark::State &state)
