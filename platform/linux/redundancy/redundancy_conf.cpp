@@ -122,10 +122,4 @@ ConfReader redundancy_conf_reader(RedundancyConf &conf)
             [lines, &conf] { return take_all(*lines, conf); }};
 }
 
-bool redundancy_conf_parse(std::string_view name, std::string_view text, RedundancyConf &conf,
-                           std::string &error)
-{
-    return conf_parse(name, text, redundancy_conf_reader(conf), error);
-}
-
 } // namespace platform_linux

@@ -40,8 +40,4 @@ struct RedundancyConf {
 // it.
 ConfReader redundancy_conf_reader(RedundancyConf &conf);
 
-// False with "name:line: error" in `error`; `conf` is then of no use.
-bool redundancy_conf_parse(std::string_view name, std::string_view text, RedundancyConf &conf,
-                           std::string &error);
-
 } // namespace platform_linux
