@@ -24,6 +24,11 @@ std::optional<uint32_t> whole_number(const std::string &text)
 
 size_t digits_at(const std::string &text) { return text.find_last_not_of("0123456789") + 1; }
 
+[[noreturn]] void no_name(const std::string &part, const std::string &text)
+{
+    throw UsageError("'" + part + "' in '" + text + "' is not the name of a device");
+}
+
 } // namespace
 
 Selector::Selector(const std::string &text) : text_(text)
@@ -34,7 +39,7 @@ Selector::Selector(const std::string &text) : text_(text)
         begin = end + 1;
         const size_t dash = part.rfind('-');
         if (part.empty() || part == "." || part == ".." || part.find_first_of("/: ") != std::string::npos)
-            throw UsageError("'" + part + "' in '" + text + "' is not the name of a device");
+            no_name(part, text);
         if (part.find_first_of("*?[") != std::string::npos) {
             parts_.push_back({part, 0, 0, Rank::pattern});
             continue;
