@@ -2,7 +2,6 @@
 // longer one means the same until its end. And fault(), which ends the run; scripts/fuzz looks for the word.
 #pragma once
 
-#include <array>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Made by tests/data/dhcpv6_frames.py with scapy.
+// Encoded by scapy (RFC 8415, RFC 4649), the options in the order of the name; to see one: scapy's Ether(bytes.fromhex("...")).show2().
 // clang-format off
 #pragma once
 

@@ -115,7 +115,6 @@ const Word WORDS[] = {
     {"mac-check", [] { port()->flags |= DHCPSNOOP_IF_CHECK_MAC; }},
     {"option82", [] { port()->flags |= DHCPSNOOP_IF_OPTION82; }},
     {"port4", [] { world.access(4, 20), snoop(4); }},
-    {"tagged2", [] { world.trunk(2, {10, 20}); }}, // VLAN 10 too
     {"check", [] { for (const uint32_t ifIndex : {1u, 3u}) if (port(ifIndex) != nullptr) port(ifIndex)->flags |= DHCPSNOOP_IF_CHECK_BINDING; }},
     {"82-drop", [] { set_flag_field(port(), DHCPSNOOP_IF_POLICY, 1); }},
     {"relay", relay},
@@ -277,7 +276,7 @@ std::string unsaid(const std::string &texts)
 
 Frame Message::frame() const
 {
-    Frame frame = {.src = forged ? MAC_CLIENT : chaddr, .tags = tags, .srcIp = srcIp, .flags = flags, .ciaddr = ciaddr, .giaddr = giaddr, .chaddr = chaddr, .options = opt_type(type)};
+    Frame frame = {.src = forged ? MAC_CLIENT : chaddr, .srcIp = srcIp, .flags = flags, .ciaddr = ciaddr, .giaddr = giaddr, .chaddr = chaddr, .options = opt_type(type)};
     if (type == OFFER || type == ACK || type == NAK) {
         frame.src = MAC_SERVER;
         frame.srcIp = SERVER;

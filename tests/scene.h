@@ -5,10 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <span>
-#include <string>
-#include <vector>
 
-#include "frame.h"
 #include "world.h"
 
 #include "dhcpsnoop_cmd.h"
@@ -146,8 +143,7 @@ struct Message {
     uint32_t address = HOST; // option 50 of a client, yiaddr of a server; 0: none
     Bytes more = {};         // further options
     std::optional<Arrival> arrival = {};
-    uint32_t after = 0; // seconds that pass first
-    std::vector<Tag> tags = {};
+    uint32_t after = 0;                     // seconds that pass first
     uint16_t flags = 0;                     // of BOOTP
     uint32_t server = SERVER, lease = 3600; // options 54 (0: none) and 51 of a server's message
 

@@ -1,10 +1,8 @@
 #include "steps.h"
 
 #include <algorithm>
-#include <optional>
 #include <regex>
 #include <sstream>
-#include <variant>
 
 #include "dhcpsnoop_cmd.h"
 #include "dhcpsnoop_event.h"

@@ -2,9 +2,7 @@
 // The bytes are built here, without the daemon's codec. What came of a step is one line.
 #pragma once
 
-#include <cstring>
 #include <functional>
-#include <span>
 
 #include "scene.h"
 

@@ -233,7 +233,6 @@ struct ClassifierRow {
 };
 
 const ClassifierRow CLASSIFIER_ROWS[] = {
-    // clang-format off
     {"a client's, a server's, between relay and server", "trap 46", "v4 68 67 | v4 67 68 | v4 67 67", "4 4 4"},
     {"other ports: below, above (TFTP), in the high byte, of DHCPv6", "trap 46", "v4 66 66 | v4 69 69 | v4 17152 17408 | v4 546 547", "- - - -"},
     {"other protocols: TCP, ARP, a length, an unknown type", "trap 46", "v4 68 67 at 9 06 | v4 68 67 type 0806 | v4 68 67 type 0148 | lldp", "- - - -"},
@@ -282,7 +281,6 @@ const ClassifierRow CLASSIFIER_ROWS[] = {
     {"exempt from one feature, or from the other", "ip x vip v varp v", "udp6 | reply | q10 q20 q20 udp", "- arp unclear"},
     {"a trapped frame needs no rule, if it is for a client or a server", "trap 46 ip a6", "v4 68 67 | udp at 20 11110044 | udp6 at 40 11110222 | udp at 20 00440035 | udp6 at 40 02220035", "4 4 6 ipv4 ipv6"},
     {"a disguise of a bound source", "trap 46 ip a rule4 a", "udp at 20 00440035", "4"},
-    // clang-format on
 };
 
 TEST_P(Classifier, Rows)

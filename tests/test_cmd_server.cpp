@@ -4,7 +4,6 @@
 #include "steps.h"
 
 #include <algorithm>
-#include <cerrno>
 
 #include <sys/socket.h>
 #include <unistd.h>

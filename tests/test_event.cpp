@@ -22,7 +22,6 @@ void start()
     apply("hooks");
 }
 
-// clang-format off
 const Step LINKS[] = {
     {"nothing; no whole header; a header is enough; a length field below the header's; a length field of 0; a length field beyond the datagram; a length field of nearly 4 GB; a length field of 2 GB", "debug 1", "event ;event 5: cut 15;event 5:;event 5: len 15;event 5: len 0;event 5: len 17;event 5: len 0xfffffffd;event 5: len 0x80000010", " /  / Unknown rtm type 5! /  /  /  /  / "},
     {"two messages, in order; one without snooping is nobody's business; a message that ends before its header does, DELLINK; a message that ends before its header does, NEWLINK; a header alone, NEWLINK; no attribute", "debug 2", "event 5: 6:;event 17: link 2;event 17: 00 00 00 00 =1 zeros 7;event 16: 00 00 00 00 =1 zeros 7;event 16:;event 16: link 1", "Unknown rtm type 5!; Unknown rtm type 6! / Receive RTM_DELLINK message. / Receive RTM_DELLINK message. / Receive RTM_NEWLINK message. / Receive RTM_NEWLINK message. / Receive RTM_NEWLINK message."},
@@ -81,7 +80,6 @@ const Step CARDS[] = {
     {"Kept: the words are the datagram's first, also for the messages behind the first", places(9) + "self 20;refuse 1 qorHwCardGet 49152042", "event =20 %9 %9 =3 =0x55 =0 87: =1 =2 =3 =4", "peer 0xc8144b01 12 in 720 bytes; qorHwCardGet 49152043 of 20.589833.3.85; qorHwCardGet 49152042 of 20.589833.3.85 null"},
     {"nobody else does; a master gives a subsystem everything; not its own", places(93) + "self 17;debug 2", card(93) + ";scalar 53 0;debug 1;" + card(93) + ";self 16;debug 0;" + card(93), "Receive subsystem:16 RTM_SUBSYSTEM_UP! / Receive subsystem:16 RTM_SUBSYSTEM_UP!; Send dhcpsnoop sync packet: len 720.; peer 0x80100002 12 in 720 bytes / "},
 };
-// clang-format on
 
 class Events : public Daemon
 {

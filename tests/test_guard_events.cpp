@@ -2,8 +2,6 @@
 // next, and what announcements of others can do.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "guard.h"
 #include "guard_events.h"
 #include "linux_switch.h"

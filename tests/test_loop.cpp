@@ -1,8 +1,6 @@
 // One pass of the loop: what is watched, what is served in which order, how a frame becomes a record; and the lease scan.
-#include "scene.h"
 
 #include <algorithm>
-#include <functional>
 
 #include <sys/mman.h>
 #include <sys/select.h>
@@ -121,7 +119,6 @@ std::string event(ssize_t result, const Bytes &datagram = Bytes(2048, 0xFF))
     });
 }
 
-// clang-format off
 #define RECORD " | 1 800 286 on 1 port 1 vlan 10.0 l2 14"
 #define ON4 " | 1 800 286 on 4 port 4 vlan 20.0 l2 14"
 TEST(Loop, Rows)
@@ -130,14 +127,15 @@ TEST(Loop, Rows)
     check({
         {"descriptor 0 is not watched; none at all; a descriptor that does not fit the set is left out; the last that fits", series({watches(0, 0, 0, 903), watches(-1, -1, -1, -1), watches(FD_SETSIZE, FD_SETSIZE + 70, 902, 1 << 20), watches(FD_SETSIZE - 1, -1, -1, -1)}), "select rt, 60 sselect rt, 60 s / select, 60 sselect, 60 s / select cmd, 60 sselect cmd, 60 s / select data, 60 sselect data, 60 s"},
         {"each source once, in order", alone([] {
-            for (int i = 0; i < 2; i++) {
-                world.arrivals[i] = {{Frame{}.bytes(), world_control({}, 263, 8, info()), 1, {}}, {}};
-                world.events.push_back({Bytes(16, 0), 16});
-            }
-            world.readable = {900, 901, 902, 903};
-            pass();
-            done += world_format(", left %zu %zu %zu", world.arrivals[0].size(), world.arrivals[1].size(), world.events.size());
-        }), ", accept, platform_event_recv 2048 12" RECORD " | 1 86dd 286 on 1 port 1 vlan 10.0 l2 14[DHCPSNOOP] Command server accept failed!\r\n, left 1 1 1"},
+             for (int i = 0; i < 2; i++) {
+                 world.arrivals[i] = {{Frame{}.bytes(), world_control({}, 263, 8, info()), 1, {}}, {}};
+                 world.events.push_back({Bytes(16, 0), 16});
+             }
+             world.readable = {900, 901, 902, 903};
+             pass();
+             done += world_format(", left %zu %zu %zu", world.arrivals[0].size(), world.arrivals[1].size(), world.events.size());
+         }),
+         ", accept, platform_event_recv 2048 12" RECORD " | 1 86dd 286 on 1 port 1 vlan 10.0 l2 14[DHCPSNOOP] Command server accept failed!\r\n, left 1 1 1"},
         {"nothing is served after a time-out, the lease scan runs; Kept: after a failure every watched socket is served; a readable socket is served; no lease scan of a slave; a master's", series({served(0), served(-1).substr(0, 98), served(1), served(0, DHCPSNOOP_ROLE_SLAVE), served(0, DHCPSNOOP_ROLE_MASTER).substr(0, 30)}), " / , accept, platform_event_recv 2048 12" RECORD "[DHCPSNOOP] Command s / " RECORD " /  | .50 bound 1/10 60s 60s ago / , qorHwScalarSync null 0x40013"},
         {"every field; IPv4: the packet information's port; IPv6: the link-layer address's; behind a short frame stands no earlier one", series({alone([] { frame(with_info(1, 100, 20, 22), false, 77); }), alone([] { frame(with_info(1, 0xFFF, 0, 255), true, 77); }), alone([] { frame(with_info(), false, 1, {}, Bytes(2048, 0xAA)), frame(with_info()), done += hex(Bytes(world.received[0].data, world.received[0].data + 7)); })}), series({" | 1 800 286 on 1 port 1 vlan 100.20 l2 22", " | 1 86dd 286 on 1 port 77 vlan 4095.0 l2 255", " | 1 800 2048 on 1 port 1 vlan 10.0 l2 14" RECORD "ff ff ff ff ff ff 02"})},
         {"nothing received is reported; a failure is passed over silently; one byte is a frame; more than the buffer counts as the buffer", series({alone([] { frame(with_info(), false, 1, 0), frame(with_info(), true, 1, 0); }), alone([] { frame(with_info(), false, 1, -1); }), alone([] { frame(with_info(), false, 1, 1, {9}); }), alone([] { frame(with_info(), false, 1, 70'000); })}), "[DHCPSNOOP]: recvmsg error len!\r\n[DHCPSNOOP]: recvmsg error len! /  /  | 1 800 1 on 1 port 1 vlan 10.0 l2 14 /  | 1 800 2048 on 1 port 1 vlan 10.0 l2 14"},
@@ -177,6 +175,5 @@ TEST(Timer, Scans)
     apply("later 60;scan");
     EXPECT_EQ(std::ranges::count(held(), '|'), 65) << "every bucket and every entry is visited";
 }
-// clang-format on
 
 } // namespace

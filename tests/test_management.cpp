@@ -26,7 +26,6 @@ const std::string LONG(200, 'y'), FULL = OPTIONS + "if.set 5 5 : 0980" + hex(Byt
 const std::string ARP = "event 123: =6 00;"; // ARP inspection runs; nothing is on port 6
 const std::string POPULATED = "bind .1 5 10;bind .2 5 10;bind .4 5 10;set .2 type 2;set .4 type 4;set .1 hw 0x80 ipsg 0xf0;set .2 hw 0x80 ipsg 0xf0;set .4 hw 0x80 ipsg 0xf0;set 5 cur 1;global.set 1 = 1;";
 
-// clang-format off
 const Step INTERFACE[] = {
     {"the same version is not set, so the trust stays; trust that is there; of a flag's value the lowest bit is stored; a value is compared whole, its low bits stored; another version takes the trust away", "if.set 3 5 = 1", "if.set 2 5 = 1;if.set 3 5 = 1;if.set 3 5 = 2;if.set 2 5 = 5;if.set 3 5 = 1;if.set 2 5 = 2", "ok / ok / ok; offer 5/03 2 | if5 flags#80c00000 / ok; offer 5/02 5 / ok; offer 5/03 1 | if5 flags#a0c00000 / ok; offer 5/02 2; qorIfSetApi 5 306 23; qorIfSetApi 5 305 24; prints Interface trust state is changed!/ | if5 flags#81400000"},
     {"option 82 off takes its formats, its texts and sub-option 9, and restores the policy; option 82 on restores the policy; the same policy is offered again; another policy", TEXTS + "if.set 8 5 = 1", "if.set 4 5 = 0;set 5 flags 0x80a00000;if.set 4 5 = 1;if.set 8 5 = 6;if.set 8 5 = 3", "ok; offer 5/04 0 | if5 flags#86c00000 circuitFmt=0 circuitLen=0 circuit=0 remoteFmt=0 remoteLen=0 remote=0 sub9Len=0 sub9=0 / ok; offer 5/04 1 | if5 flags#90c00000 circuitFmt=3 remoteFmt=3 / ok; offer 5/08 6 / ok; offer 5/08 3 | if5 flags#90e00000"},
@@ -96,7 +95,6 @@ const Step REQUESTS[] = {
     {"of another length; another index header; said with the information bit only; bytes beyond the end", "debug 2", "if.get 18 5 = 0 | at 3 5;if.get 18 5 = 0 | at 24 2;if.get 18 5 = 0 | at 25 0;if.set 5 5 'ab | at 36 3", "none; Command process: decode func word failed! / none; Command process: decode index header failed! / none / none; Command process: decode data shortVal 3 err, type = 0!"},
     {"another data header; an end before the data header; a word of three bytes; a pair of one word; an end in the index; an end in the length; an end in the word; an end in the second word; Kept: a request of a function that there is not is its own answer, result word and all; nor is one of the highest number", "debug 1", "if.get 18 5 = 0 | at 33 4;if.get 18 5 = 0 | cut 33;if.get 18 5 = 0 | at 36 3;if.get 18 5 = 0 | at 34 4;if.get 18 5 = 0 | cut 32;if.get 18 5 = 0 | cut 36;if.get 18 5 = 0 | cut 40;if.get 18 5 pair 0 0 | cut 44;22 1 = 5;0xffffffff 1 = 5", "none; Command process: decode data charVal 4 err! / none; Command process: decode data charVal 0 err! / none; Command process: decode data shortVal 3 err, type = 2! / none; Command process: decode data shortVal 4 err, type = 4! / none / none / none / none / as asked; Command process: error func 22 in get indexnum!; Command process: error func 22 in encode data! / as asked; Command process: error func -1 in get indexnum!; Command process: error func -1 in encode data!"},
 };
-// clang-format on
 
 using Management = Daemon;
 

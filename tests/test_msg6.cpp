@@ -101,7 +101,6 @@ void obtain()
     through(server6(7, ia_na(iaaddr(HOST6, 3600))), FROM_SERVER);
 }
 
-// clang-format off
 #define NO_ROOM(option) "Packet len exceeds the max, don't insert option" option ".|Construct option" option ", option len 0"
 TEST_F(Msg6, FourMessages)
 {
@@ -276,6 +275,5 @@ TEST_F(Msg6, Texts)
     receive(hex_bytes(REQUEST6), {.etherType = 0x0800});
     EXPECT_EQ(through(hex_bytes(REPLY_18_37), {.port = 2, .etherType = 0x0800}), "");
 }
-// clang-format on
 
 } // namespace

@@ -57,7 +57,6 @@ std::string kinds(const char *addresses)
 
 const Bytes FULL = opt6(1, Bytes(1978, 0)); // options that fill a frame of 2048 bytes
 
-// clang-format off
 #define VLAN "svlan 4096, cvlan 10.|"
 #define PORT(port) VLAN "Src_port " port ", ip6_start 14, udp6_start 54, dh6_start 62.|"
 #define OK "0x86dd 10.0 type "
@@ -102,8 +101,6 @@ TEST_F(Parse6, OptionsAndAddresses)
         {"no area; a length that passes the area; a step of 65536", series({finds(opt6(5, {1}), 0), finds(opt6(1, {1}, 65535) + opt6(5, {1})), finds(opt6(1, {}, 65532) + opt6(5, {1}))}), "none"},
     });
 }
-
-// clang-format on
 
 // Frames in memory that ends with their buffer: nothing is read behind it, whatever the headers claim.
 TEST_F(Parse6, NothingIsReadBehindTheBuffer)

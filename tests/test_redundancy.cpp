@@ -183,7 +183,6 @@ std::string gone(const std::vector<UnitRecord> &records)
 std::string yes(bool answer) { return answer ? "yes" : "no"; }
 
 using N = const std::vector<long> &;
-// clang-format off
 const std::map<std::string, void (*)(World &, N)> DOES = {
     {"set", [](World &w, N n) { std::copy(n.begin() + 1, n.end(), w.bytes.begin() + n[0]); }},
     {"fill", [](World &w, N n) { std::fill_n(w.bytes.begin() + n[0], n[1], static_cast<uint8_t>(n[2])); }},
@@ -229,9 +228,9 @@ const std::map<std::string, std::string (*)(World &, N)> TELLS = {
     {"take", [](World &w, N) { const auto taken = w.queue.take(); return text(taken.changes.size(), ", ", taken.dropped, " lost"); }},
     {"ask", [](World &w, N n) { return yes(w.copy.ask(n[0])); }},
     {"late", [](World &w, N n) { return yes(w.copy.is_late(n[0])); }},
-    {"state", [](World &w, N) { return text(w.copy.is_idle() ? "idle" : w.copy.is_open() ? "open" : "due"); }},
+    {"state", [](World &w, N) { return text(w.copy.is_idle() ? "idle" : w.copy.is_open() ? "open"
+                                                                                         : "due"); }},
 };
-// clang-format on
 
 // Separated by ';'; a step that is hexadecimal makes the bytes.
 std::string play(World &world, const std::string &steps)
@@ -257,7 +256,6 @@ std::string play(World &world, const std::string &steps)
 
 const std::string SLOTS = SLOT + SLOT + SLOT, MARKS = MARK + MARK + MARK + MARK + MARK + MARK + MARK + MARK + MARK + MARK;
 
-// clang-format off
 TEST(Redundancy, PlaysItsRows)
 {
     const struct {
@@ -311,6 +309,5 @@ TEST(Redundancy, PlaysItsRows)
         EXPECT_EQ(outcome, row.outcome) << row.claim;
     }
 }
-// clang-format on
 
 } // namespace

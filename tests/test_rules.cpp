@@ -2,7 +2,6 @@
 // when ports and VLAN interfaces come and go. The classifier and the log are recorders, the model a handful of ports.
 #include <cerrno>
 #include <cstdarg>
-#include <span>
 #include <sstream>
 
 #include "acknowledged.h"
@@ -312,15 +311,13 @@ void note_record(Did, const uint8_t *bytes, size_t count, uint32_t)
         taken += is_only_asked_for(record) ? 'n' : 'y';
 }
 
-// clang-format off
-const Word WORDS[] = { // of scenes
+const Word WORDS[] = {
     {"guards", [] { gDhcpsnoop.ipsgIfGet = ipsgIfGetApi, gDhcpsnoop.antiArpIfGet = arpAntiAttackIfGetApi, world.ipsg[1].items = world.dai[1].items = GUARD_CHECK_ALL, world.recording = false, world.sent = note_record; }},
     {"mac-only", [] { world.ipsg[1].items = world.dai[1].items = GUARD_CHECK_MAC; }},
     {"asked", [] { dhcpsnoop_user_delete(binding(HOST)), make_binding(HOST, MAC_CLIENT, 1, 10)->bindState = DHCPSNOOP_BIND_REQUESTED; }},
     {"bind", [] { const Key key = HOST; uint32_t action = USER_ACTION_BIND; taken.clear(), dhcpSnoopUserSetApi(&key, USER_ACTION, &action); }},
     {"install", [] { taken.clear(), dhcpsnoop_user_update_hw(binding(HOST), 1); }},
 };
-// clang-format on
 
 // The daemon installs bindings that no server has acknowledged too. The guard takes them from management only.
 TEST(BindingRules, OfAddressesThatWereOnlyAskedFor)

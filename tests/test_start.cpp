@@ -58,7 +58,6 @@ std::string formats(uint32_t optionMode)
     return text;
 }
 
-// clang-format off
 #define SEM "OsixDeleteSem 77, "
 #define DATA SEM "close 900, "
 #define BOTH DATA "close 901, "
@@ -96,6 +95,5 @@ TEST(Start, Rows)
     });
     world.reset_without_daemon();
 }
-// clang-format on
 
 } // namespace

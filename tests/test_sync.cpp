@@ -23,7 +23,6 @@ void start()
 const std::string ADD = "peer 01 01 %56 key .50 carried ", OTHER = "01 01 %56 key .51 carried ", GONE = "01 00 %56 key .59 zeros 36 ", SERVER = "02 01 %12 =.1 =1 %10 %0 ";
 const std::string KNOWN = "bind .59 1 10;", MOVED = "peer 01 01 %56 key .50 %20 %20 =2 =60 =5 00 02 01 30 %8 02 c1 00 00 00 02 =9 =10;";
 
-// clang-format off
 const Step STEPS[] = {
     {"a master; whatever it says of a slave; a slave; neither", "debug 2;role 0;scalar 53 0", "peer 00;role 1;scalar 54 0;debug 2;peer 00;role 1;scalar 53 7;scalar 54 0;debug 2;peer 00;scalar 53 0xffffffff;scalar 54 9;debug 2;peer 00", "running role of the dhcpsnoop changed from None to Master. | global role=1 /  / running role of the dhcpsnoop changed from Master to Slave.; Receive dhcpsnoop sync packet: len 1.; prints /00   | global role=2 / running role of the dhcpsnoop changed from Slave to None. | global role=0"},
     {"a master applies nothing; nor does one without a role", "role 1", ADD + SERVER + ";role 0;debug 2;" + ADD + SERVER, " / "},
@@ -46,7 +45,6 @@ const Step STEPS[] = {
     // A unit that becomes the master applies no more, withdraws rules from hardware, and the new standby hears of it.
     {"taking over; a binding that goes", KNOWN + ADD + ";scalar 53 0;debug 2", "peer " + GONE + ";debug 0;user.set 9 .50 = 6", "running role of the dhcpsnoop changed from Slave to Master. | global role=1 / ok; offer .32/09 6; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50; hw -1 .0 00/80; hw -1 .0 00/00; peer 0x80000003 01 00 %56 01 00 00 00 0a 00 00 32 00 00 00 00 00 00 00 00 00 00 00 00 %0 %0 =0 =0 =0 00 00 00 00 %0 00 00 00 00 00 00 =0 =0 | -10.0.0.50 | if1 cur=1 | if110 cur=1"},
 };
-// clang-format on
 
 class Sync : public Daemon
 {

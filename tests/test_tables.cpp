@@ -57,7 +57,6 @@ std::string traps(uint32_t version, uint32_t state, int32_t result4 = 0, int32_t
     return world_format("%d ", result) + calls_summary() + said().substr(60);
 }
 
-// clang-format off
 #define ACL "|Notify interface state to hwapi failed!"
 TEST_F(Tables, Interfaces)
 {
@@ -92,7 +91,5 @@ TEST_F(Tables, InterfaceByInterface)
     EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(10) == dhcpsnoop_if_lookup(20) && dhcpsnoop_if_lookup_by_vid(0x1000A) == dhcpsnoop_if_lookup(20));
     EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(11) == nullptr && dhcpsnoop_if_lookup_by_vid(0x100A) == nullptr && dhcpsnoop_if_lookup(11) == nullptr);
 }
-
-// clang-format on
 
 } // namespace

@@ -1,5 +1,4 @@
 // The binding table, the MAC-user table, and bindings in hardware and as events.
-#include "scene.h"
 
 #include "event_message.h"
 #include "steps.h"
@@ -31,7 +30,6 @@ std::string state_of(const std::string &name)
     return at == std::string::npos ? "none" : state.substr(at, state.find('\n', at) - at);
 }
 
-// clang-format off
 const Arrival IN_VLAN20 = {.outer = 20}, ON_VLAN = {.port = 3, .outer = 20, .inIf = 110};
 #define ASKED "| .50 asked 1/10 10s ago"
 #define NOTIFY "Notify add user: port 1 ,vid 10 ,mac 02:c1:00:00:00:01 ,ip 10.0.0.50, gateway 10.0.0.254."
@@ -179,7 +177,5 @@ TEST_F(User, Events)
         {"not dynamic, IPv6, no gateway: silent", series({notified("static gateway", 1), notified("ipv6", 1), notified("bound", 1)}), ""},
     });
 }
-
-// clang-format on
 
 } // namespace

@@ -3,9 +3,7 @@
 
 #include <algorithm>
 #include <iterator>
-#include <map>
 #include <numeric>
-#include <set>
 #include <sstream>
 
 #include "dhcpsnoop_user.h"
