@@ -164,15 +164,6 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
 
 } // namespace
 
-std::vector<UserKey> staticsInForce(const Daemon &daemon)
-{
-    std::vector<UserKey> keys;
-    for (const Binding &binding : readStatics(daemon))
-        if (binding.state == DHCPSNOOP_BIND_BOUND)
-            keys.push_back(binding.key);
-    return keys;
-}
-
 ExitStatus showBindings(const Context &context, std::span<const std::string> arguments)
 {
     if (arguments.size() % 2 != 0)

@@ -11,6 +11,3 @@ struct WaitingBinding {
 };
 std::vector<WaitingBinding> readWaiting(); // none where no platform can be asked
 bool forgetWaiting(const UserKey &key);    // false when there is none
-
-// The static bindings that are bound.
-std::vector<UserKey> staticsInForce(const Daemon &daemon);

@@ -63,12 +63,17 @@ ExitStatus changeSetting(const Context &context, const Target &target, std::span
     if (&target.scope == &INTERFACE_SCOPE && setting->cmd == IF_VERSION)
         trust = findSetting(INTERFACE_SCOPE, "trust");
     // A refusal here is ignored: the wanted setting reports its own.
-    bool trusted = false;
-    if (trust) {
-        Reply before = context.daemon.ask({FUNC_IF_GET, IF_TRUST, target.index});
-        trusted = before.result() == NM_OK && before.word() == 1;
-    }
+    const auto isOn = [&](uint32_t cmd) {
+        Reply before = context.daemon.ask({FUNC_IF_GET, cmd, target.index});
+        return before.result() == NM_OK && before.word() == 1;
+    };
+    const bool trusted = trust && isOn(IF_TRUST);
+    const bool begins = SNOOPS_BOTH_VERSIONS && &target.scope == &INTERFACE_SCOPE &&
+                        setting->cmd == IF_ENABLE && value == Value(1u) && !isOn(IF_ENABLE);
     setValue(context.daemon, target, *setting, value);
+    if (begins)
+        setValue(context.daemon, target, *findSetting(INTERFACE_SCOPE, "version"),
+                 Value(uint32_t{DHCPSNOOP_IPV4 | DHCPSNOOP_IPV6}));
     if (trusted && getValue(context.daemon, target, *trust) == Value(0u))
         context.err << "dhcpsnoopctl: note: the change of version took trust away; '"
                     << joinQuoted(target.words()) << " trust on' gives it back\n";

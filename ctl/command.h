@@ -64,6 +64,8 @@ ExitStatus bindingDelete(const Context &, std::span<const std::string>);
 void checkVlanOfPort(uint32_t ifIndex, uint32_t vid);
 
 // platform.cpp, guard.cpp, monitor.cpp; without the Linux platform no_platform.cpp
+extern const bool
+    SNOOPS_BOTH_VERSIONS; // "snooping on" of an interface means both; the daemon begins with IPv4
 ExitStatus platformRelease(const Context &, std::span<const std::string>);
 ExitStatus guardInterface(const Context &, std::span<const std::string>);
 ExitStatus guardVlan(const Context &, std::span<const std::string>);

@@ -5,16 +5,18 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
+#include <net/if.h>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "binding_view.h"
 #include "command.h"
 #include "fd.h"
 #include "reconcile.h"
 #include "switch_model.h"
-#include "table.h"
 
 using namespace platform_linux;
 
@@ -120,6 +122,34 @@ void openGuard(const Context &context)
         context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
 }
 
+// The static bindings. The daemon has a dead index for the port of those that wait; the platform has its
+// name.
+std::vector<StaticBinding> statics(const Context &context)
+{
+    std::vector<StaticBinding> found;
+    std::set<UserKey> waits;
+    for (const auto &[binding, interface] : readWaiting()) {
+        waits.insert(binding.key);
+        if (binding.type != DHCPSNOOP_USER_STATIC)
+            continue;
+        found.push_back(asStatic(binding));
+        found.back().interface = interface;
+        found.back().bound = found.back().mac && binding.vlan != 0;
+    }
+    for (const Binding &binding : readStatics(context.daemon)) {
+        char name[IF_NAMESIZE];
+        if (waits.contains(binding.key))
+            continue;
+        if (binding.ifIndex == 0 || if_indextoname(binding.ifIndex, name) != nullptr) {
+            found.push_back(asStatic(binding));
+            continue;
+        }
+        context.err << "dhcpsnoopctl: note: the port of binding " << userKeyText(binding.key)
+                    << " has gone and its name is not known: the binding is left out\n";
+    }
+    return found;
+}
+
 // Running values that the file does not want.
 Differences differences(const File &file, const Context &context)
 {
@@ -130,11 +160,11 @@ Differences differences(const File &file, const Context &context)
         add(reconcile_port(file.config, daemon, port, Make::no));
     add(reconcile_vlans(file.config, daemon, Make::no));
     add(reconcile_bindings(file.config, {}, daemon, Make::no));
-    for (const Binding &binding : readStatics(daemon)) {
+    for (const StaticBinding &binding : statics(context)) {
         const auto isLine = [&](const BindingLine &line) { return line.binding.key == binding.key; };
         if (std::ranges::any_of(file.config.bindingLines, isLine))
             continue;
-        Words words = bindingWords(asStatic(binding));
+        Words words = bindingWords(binding);
         words.insert(words.begin(), "binding");
         all.push_back({words, "none", {}, ""});
     }

@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <net/if.h>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <thread>
@@ -56,21 +57,14 @@ void checkPlace(const Context &context, const GuardPlace &place, const std::stri
                                             "daemon could be told of it");
 }
 
-bool isInspecting()
-{
-    for (const auto &[place, items] : guard_config_all())
-        if (guard_checked(items, GuardFeature::arpInspection) != 0)
-            return true;
-    return false;
-}
-
 // When ARP inspection stops, the daemon forgets the check items of its static bindings for it. Binding them
 // again before inspection starts installs them by all items.
 void bindStatics(const Daemon &daemon)
 {
-    for (const UserKey &key : staticsInForce(daemon))
-        daemon.ask(
-            {FUNC_USER_SET, USER_ACTION, key, USER_ACTION_BIND}); // a refusal means that it went meanwhile
+    for (const Binding &binding : readStatics(daemon))
+        if (binding.state == DHCPSNOOP_BIND_BOUND)
+            daemon.ask({FUNC_USER_SET, USER_ACTION, binding.key,
+                        USER_ACTION_BIND}); // a refusal means that it went meanwhile
 }
 
 // Writes until the value stays: the daemon may have written in between, to put another setting in force.
@@ -117,7 +111,7 @@ ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace
     openConfig(what);
     if (wanted != 0)
         checkPlace(context, place, what, daemonRuns);
-    if ((arp & GUARD_CHECK_ALL) != 0 && daemonRuns && !isInspecting())
+    if ((arp & GUARD_CHECK_ALL) != 0 && daemonRuns && !guard_is_inspecting())
         bindStatics(context.daemon);
     if (both)
         switchGuard(context, place, feature, wanted, what, daemonRuns);
@@ -190,6 +184,12 @@ void addRows(std::vector<Words> &rows, const GuardPlace &place, const guard_item
             {" ", line == 1 ? ip : " ", line == 1 ? arp : " ", line < reasons.size() ? reasons[line] : " "});
 }
 
+bool isThere(uint32_t ifIndex)
+{
+    char name[IF_NAMESIZE];
+    return if_indextoname(ifIndex, name) != nullptr;
+}
+
 // The items in force, and the pending items if any.
 void addItems(Json &json, const guard_items &items)
 {
@@ -253,6 +253,9 @@ ExitStatus showGuard(const Context &context, std::span<const std::string> argume
         {"PLACE", "IP-SOURCE-GUARD", "ARP-INSPECTION", "REFUSED"}
     };
     for (const auto &[place, items] : places) {
+        if (!place.isVlan &&
+            !isThere(place.number)) // the settings of a port that has gone; it will not come back
+            continue;
         GuardRefusals refused = {};
         Json json;
         if (place.isVlan) {

@@ -11,6 +11,7 @@ namespace
 
 } // namespace
 
+const bool SNOOPS_BOTH_VERSIONS = false;
 void checkVlanOfPort(uint32_t, uint32_t) {} // it is not known
 ExitStatus platformRelease(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus guardInterface(const Context &, std::span<const std::string>) { refuse(); }

@@ -4,6 +4,8 @@
 #include "command.h"
 #include "guard.h"
 
+const bool SNOOPS_BOTH_VERSIONS = true;
+
 // Under a daemon that runs, or hangs, this would open every port to rogue servers.
 ExitStatus platformRelease(const Context &context, std::span<const std::string>)
 {

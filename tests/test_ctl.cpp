@@ -131,8 +131,8 @@ const struct {
     {"a VLAN without an interface", "", "vlan 99 snooping on", {}, EXIT_REFUSED, "vlan 99 snooping: refused, nothing more, or the VLAN has no interface"},
     {"a binding that is there", "binding add 10.0.0.5 unbound", "binding add 10.0.0.5 unbound", {}, EXIT_REFUSED, "refused, the entry exists already"},
     {"a port that the platform refuses", "", "interface 500000005 snooping on", {}, EXIT_REFUSED, "refused, No such device (is it no port of the switch"},
-    {"a version that takes no trust away", A + "snooping on;" + A + "trust on", A + "version 4", {}, EXIT_DONE, "", "show vlans", "no VLAN snoops\n"},
-    {"a version that takes trust away", A + "snooping on;" + A + "trust on", A + "version both", {}, EXIT_DONE, "took trust away; 'interface 500000001 trust on'"},
+    {"a version that takes no trust away", A + "snooping on;" + A + "trust on", A + "version both", {}, EXIT_DONE, "", "show vlans", "no VLAN snoops\n"},
+    {"a version that takes trust away", A + "snooping on;" + A + "trust on", A + "version 4", {}, EXIT_DONE, "took trust away; 'interface 500000001 trust on'"},
     {"VLANs in order, whatever the order of the interfaces", "vlan 10 snooping on", "vlan 5 snooping on", {}, EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n5     32768\n10    32768\n"},
     {"bindings by place, by state", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 10 interface 500000001 mac 02:00:00:00:00:ab", {}, EXIT_DONE, "", "show bindings address 10.0.0.5 type static state bound", TABLE ROW TABLE ROW},
     {"letters that nobody replaces", A + "snooping on;" + A + "option82 on", A + "circuit-id template %s.%Q.%n", {}, EXIT_DONE, "%Q %n"},
@@ -226,7 +226,7 @@ TEST(Ctl, WordsReadBack)
 TEST(Ctl, SettingsOfAnInterfaceAreShown)
 {
     start(); // and every setting at a value that it does not have at first
-    must("snooping on;version both;trust on;option82 on;option82-policy drop;option82-mode 9;circuit-id template %s.%c.%d:%N", A);
+    must("snooping on;trust on;option82 on;option82-policy drop;option82-mode 9;circuit-id template %s.%c.%d:%N", A);
     must("remote-id raw type 4 hex 00ff27;subopt9 on;subopt9-text it's;option18 on;interface-id format 1 text %s;option37 on", A);
     must("remote-id6 text switch-7;source-mac-check on;binding-check on;max-users 50;relay-address 10.0.0.1;flag14 on;setting21 65535", A);
     must("relay-server 192.0.2.1 add;relay-server 192.0.2.2 add;relay-server 192.0.2.3 add", A);

@@ -223,7 +223,7 @@ void check(std::span<const Step> steps)
 #define FULL "1 f0 3/10 02 00 00 00 00 05 0a 00 0a 05"
 #define ADDRESS "1 80 0/0 00 00 00 00 00 00 0a 00 0a 05"
 #define PORT "1 10 3/0 00 00 00 00 00 00 00 00 00 00"
-#define NO_ROOM "\"no room for another binding in the guard: its host stays cut off where it is guarded\""
+#define NO_ROOM "\"swp3: no room for another binding in the guard: its host stays cut off where it is guarded\""
 const std::string START = "open 4, add 3 1, remove 4, add 5 7, remove 10, complete";
 
 TEST(TrapRules, Steps)

@@ -74,11 +74,13 @@ void guard_handled()
         guard_follow_handled();
 }
 
-// A management request of the platform's own.
+// A management request of the platform's own. A load makes thousands, which would bury the trace of frames.
 AdrBytes ask_core(const AdrBytes &body)
 {
     AdrBytes reply = body;
+    const uint8_t traced = std::exchange(gDhcpsnoop.debugFlags, uint8_t{0});
     reply.resize(dhcpsnoop_cmd_process(reply.data(), static_cast<uint32_t>(reply.size())));
+    gDhcpsnoop.debugFlags = traced;
     return reply;
 }
 

@@ -173,7 +173,7 @@ bool config_parse(std::string_view name, std::string_view text, Config &config, 
     const auto line = [&](const ConfLine &conf) -> std::string {
         const std::string &word = conf.words[0];
         if (is_one_of(MODEL_WORDS, word) ||
-            (word == "vlan" && conf.words.size() == 4 && conf.words[2] == "interface"))
+            (word == "vlan" && conf.words.size() > 2 && conf.words[2] == "interface"))
             return model.line(conf);
         if (is_one_of(REDUNDANCY_WORDS, word))
             return redundancy.line(conf);

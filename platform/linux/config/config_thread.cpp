@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -71,6 +72,7 @@ void serve(const Ask &ask)
             {signalled.get(), POLLIN, 0}
         };
         control.watch(descriptors);
+        fflush(stdout); // a trace whose last line does not end, as that of a dump, waits for no other frame
         const Ticks now = ticks(), until = std::min({confirmBy.load(), control.deadline(), now + LOOK_AGAIN});
         if (poll(descriptors.data(), descriptors.size(), static_cast<int>(std::max<Ticks>(until - now, 0))) <
                 0 &&

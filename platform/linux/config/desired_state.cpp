@@ -91,6 +91,7 @@ std::string make_all(const Config &before)
 {
     const Config &config = running.config;
     protect_bridges();
+    const bool inspected = guard_is_inspecting();
     std::string wrong = failures(config, reconcile_globals(config, *core, Make::yes));
     for (const auto &[ifIndex, port] : model_ports()) {
         const Differences made =
@@ -100,10 +101,12 @@ std::string make_all(const Config &before)
     }
     wrong += failures(config, reconcile_vlans(config, *core, Make::yes));
     wrong += failures(config, reconcile_bindings(config, before, *core, Make::yes));
-    // When ARP inspection stops, the daemon forgets the check items of static bindings for it.
-    for (const BindingLine &line : config.bindingLines)
-        if (line.binding.bound)
-            core->ask({FUNC_USER_SET, USER_ACTION, line.binding.key, USER_ACTION_BIND});
+    // When ARP inspection stops, the daemon forgets the check items of static bindings for it. The log tells
+    // each binding once more.
+    if (guard_inspection_stopped() && !inspected && guard_is_inspecting())
+        for (const BindingLine &line : config.bindingLines)
+            if (line.binding.bound)
+                core->ask({FUNC_USER_SET, USER_ACTION, line.binding.key, USER_ACTION_BIND});
     todo.clear();
     fresh.clear();
     return wrong;

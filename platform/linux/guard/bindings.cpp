@@ -156,11 +156,13 @@ guard_rule_key key_of(const QorUserRecord &record, bool arp, const Port *port)
     return key;
 }
 
-int32_t report_full(int error)
+int32_t report_full(const Port *port, int error)
 {
     if (error == ENOSPC && !fullReported)
         platform_report(
-            LOG_ERR, "no room for another binding in the guard: its host stays cut off where it is guarded");
+            LOG_ERR,
+            "%s: no room for another binding in the guard: its host stays cut off where it is guarded",
+            port != nullptr ? port->name : "any port");
     fullReported = fullReported || error == ENOSPC;
     return error;
 }
@@ -299,7 +301,7 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
     if ((arp && record.ipType == DHCPSNOOP_IPV6) || (port != nullptr && !is_guarded_itself(*port)))
         return 0;
     const bool unchanged = known != nullptr && says(*known, ifIndex, key);
-    return report_full(unchanged ? install_again(*known) : install(ifIndex, key, known, handle));
+    return report_full(port, unchanged ? install_again(*known) : install(ifIndex, key, known, handle));
 }
 
 } // namespace platform_linux

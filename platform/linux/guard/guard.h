@@ -134,6 +134,8 @@ inline uint8_t guard_checked(const guard_items &items, GuardFeature feature)
 }
 bool guard_pending(const guard_items &items, GuardFeature feature);
 void guard_switch(guard_items &items, GuardFeature feature, uint8_t wanted);
+// Whether ARP inspection stands anywhere, or is to.
+bool guard_is_inspecting();
 // Puts pending items in force.
 void guard_settle(guard_items &items, GuardFeature feature);
 
@@ -164,5 +166,7 @@ void guard_follow(DaemonEvents &events);
 void guard_follow_handled();
 // Whether that is due.
 bool guard_follow_pending();
+// Whether the daemon has ever been told that ARP inspection stops.
+bool guard_inspection_stopped();
 
 } // namespace platform_linux

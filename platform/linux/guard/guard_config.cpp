@@ -2,6 +2,7 @@
 // that a client that is overtaken by the daemon, or by another client, must look at the element once more.
 #include "guard.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <libmnl/libmnl.h>
@@ -156,6 +157,13 @@ bool guard_pending(const guard_items &items, GuardFeature feature)
     return (items.*bytes_of(feature).pending & GUARD_CHECK_ALL) != 0;
 }
 
+bool guard_is_inspecting()
+{
+    const std::map<GuardPlace, guard_items> all = guard_config_all();
+    return std::ranges::any_of(
+        all, [](const auto &entry) { return guard_checked(entry.second, GuardFeature::arpInspection) != 0; });
+}
+
 // Other items where the guard stands already are pending too: those in force go on until then.
 void guard_switch(guard_items &items, GuardFeature feature, uint8_t wanted)
 {
@@ -206,17 +214,9 @@ bool guard_port_may_use(uint32_t ifIndex, uint32_t vid)
 
 int guard_config_announce(const GuardPlace &place, GuardFeature feature, uint8_t wanted)
 {
-    struct {
-        nlmsghdr header;
-        uint32_t ifIndex;
-        uint8_t items;
-        uint8_t reserved[3];
-    } message = {};
-    message.header.nlmsg_len = sizeof message;
-    message.header.nlmsg_type =
-        feature == GuardFeature::ipSourceGuard ? QOR_EVENT_IPSG_ITEMS : QOR_EVENT_DAI_ITEMS;
-    message.ifIndex = place.isVlan ? 0 : place.number;
-    message.items = wanted;
+    const CheckItemsEvent message =
+        check_items_event(feature == GuardFeature::ipSourceGuard ? QOR_EVENT_IPSG_ITEMS : QOR_EVENT_DAI_ITEMS,
+                          place.isVlan ? 0 : place.number, wanted);
     sockaddr_nl group = {};
     group.nl_family = AF_NETLINK;
     group.nl_groups = 1u << (QOR_GROUP_CHECK_ITEMS - 1);

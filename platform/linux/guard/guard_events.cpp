@@ -17,19 +17,11 @@ namespace
 
 void tell(DaemonEvents &events, uint16_t type, uint32_t ifIndex = 0, uint8_t items = 0)
 {
-    struct {
-        nlmsghdr header;
-        uint32_t ifIndex;
-        uint8_t items;
-        uint8_t reserved[3];
-    } message = {};
+    CheckItemsEvent message = check_items_event(type, ifIndex, items);
     DaemonEvent &event = events.emplace_back();
     static_assert(sizeof message <= sizeof event.bytes);
     event.length = type == QOR_EVENT_DAI_STOP ? sizeof message.header : sizeof message;
     message.header.nlmsg_len = event.length;
-    message.header.nlmsg_type = type;
-    message.ifIndex = ifIndex;
-    message.items = items;
     memcpy(event.bytes.data(), &message, event.length);
 }
 
@@ -84,6 +76,8 @@ void tell_fallbacks(Items items, uint16_t type, const std::vector<Change> &chang
 
 } // namespace
 
+bool GuardEvents::inspects() const { return anywhere(told_, &GuardedInterface::arp); }
+
 void GuardEvents::follow_ip(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
                             DaemonEvents &events) const
 {
@@ -96,7 +90,7 @@ void GuardEvents::follow_ip(const GuardedInterfaces &wanted, const std::map<uint
 void GuardEvents::follow_arp(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports,
                              DaemonEvents &events) const
 {
-    bool started = anywhere(told_, &GuardedInterface::arp);
+    bool started = inspects();
     if (started && !anywhere(wanted, &GuardedInterface::arp)) {
         tell(events, QOR_EVENT_DAI_STOP);
         return;

@@ -20,6 +20,21 @@ struct GuardedInterface {
 };
 using GuardedInterfaces = std::map<uint32_t, GuardedInterface>; // by index
 
+// An event of the switch about the check items of an interface.
+struct CheckItemsEvent {
+    nlmsghdr header;
+    uint32_t ifIndex;
+    uint8_t items;
+    uint8_t reserved[3];
+};
+inline CheckItemsEvent check_items_event(uint16_t type, uint32_t ifIndex, uint8_t items)
+{
+    return {
+        {sizeof(CheckItemsEvent), type, 0, 0, 0},
+        ifIndex, items, {                     }
+    };
+}
+
 class GuardEvents
 {
   public:
@@ -27,6 +42,8 @@ class GuardEvents
     // that there are: of others the daemon knows already that they have gone.
     void follow(const GuardedInterfaces &wanted, const std::map<uint32_t, Port> &ports, DaemonEvents &events);
 
+    // ARP inspection stands somewhere.
+    bool inspects() const;
     const GuardedInterfaces &told() const { return told_; }
 
   private:

@@ -25,7 +25,8 @@ constexpr FeatureText FEATURE_TEXTS[] = {
 };
 
 GuardEvents daemonsEvents;
-bool due = false; // the daemon has something to handle, or something is pending that it was told already
+bool stopped = false; // ARP inspection, once
+bool due = false;     // the daemon has something to handle, or something is pending that it was told already
 
 // Without its interface a VLAN has no name by which the daemon could be told of it.
 uint32_t interface_of(const GuardPlace &place)
@@ -66,7 +67,9 @@ void follow_config(DaemonEvents &events)
     }
     report_unreachable(unreachable);
     const size_t before = events.size();
+    const bool inspects = daemonsEvents.inspects();
     daemonsEvents.follow(wanted, model_ports(), events);
+    stopped = stopped || (inspects && !daemonsEvents.inspects());
     if (events.size() == before)
         return;
     due = true;
@@ -101,6 +104,8 @@ void guard_follow(DaemonEvents &events)
 
 bool guard_follow_pending() { return due; }
 
+bool guard_inspection_stopped() { return stopped; }
+
 void guard_follow_handled()
 {
     if (!due)
@@ -122,8 +127,10 @@ void guard_follow_handled()
             settled = true;
         }
         if (const int error = settled ? guard_config_set(place, items) : 0; error != 0)
-            platform_report(LOG_ERR, "the guard cannot be put in force on %s %u: %s",
-                            place.isVlan ? "VLAN" : "interface", place.number, strerror(error));
+            platform_report(LOG_ERR, "%s: the guard cannot be put in force there: %s",
+                            place.isVlan ? ("VLAN " + std::to_string(place.number)).c_str()
+                                         : device_name(place.number).c_str(),
+                            strerror(error));
     }
     guard_vlans_changed();
     bindings_hold(Hold::checkItems, false); // no sooner: what was in force counts no binding that names less

@@ -37,7 +37,7 @@ void tell_own()
 void report_failure(uint32_t ifIndex, const char *what, int error)
 {
     if (error != 0 && error != ENODEV) // the kernel says next that it has gone
-        platform_report(LOG_ERR, "interface %u: %s: %s", ifIndex, what, strerror(error));
+        platform_report(LOG_ERR, "%s: %s: %s", device_name(ifIndex).c_str(), what, strerror(error));
 }
 
 bool take_in(uint32_t ifIndex, bool isBridge, const uint8_t *mac)

@@ -27,12 +27,6 @@ struct Rule {
 };
 std::map<uint32_t, Rule> rules;
 
-std::string bridge_name(uint32_t ifIndex)
-{
-    char name[IF_NAMESIZE];
-    return if_indextoname(ifIndex, name) != nullptr ? name : "#" + std::to_string(ifIndex);
-}
-
 // Calls `see` for every port of a bridge that snoops, with its VLANs.
 template <typename See> void snooping_ports(const See &see)
 {
@@ -81,7 +75,7 @@ bool is_another_bridges(const Port &port)
             LOG_ERR,
             "%s: no snooping in VLAN %zu of bridge %s, which is a VLAN of bridge %s too: give the ports of "
             "one of them other VLAN numbers (vlan_filtering, vlan_default_pvid)",
-            port.name, shared, bridge_name(port.bridge).c_str(), bridge_name(bridge).c_str());
+            port.name, shared, device_name(port.bridge).c_str(), device_name(bridge).c_str());
     return bridge != 0;
 }
 
@@ -201,9 +195,8 @@ bool trap_mend()
     if (!guard_mend(ifIndex, error))
         return false;
     if (error != 0 && error != ENODEV)
-        platform_report(LOG_ERR,
-                        "interface %u: somebody took the DHCP trap off it, and it does not go back: %s",
-                        ifIndex, strerror(error));
+        platform_report(LOG_ERR, "%s: somebody took the DHCP trap off it, and it does not go back: %s",
+                        device_name(ifIndex).c_str(), strerror(error));
     return true;
 }
 

@@ -109,7 +109,7 @@ std::string take_port(const Words &words, SwitchConf &conf)
 std::string take_vlan_interface(const Words &words, SwitchConf &conf)
 {
     if (words.size() != 4 || words[2] != "interface")
-        return "expected: vlan VLAN interface NAME";
+        return "expected: vlan VID interface NAME";
     uint16_t vid = 0;
     if (std::string error = take_vlan(words[1], vid); !error.empty())
         return error;

@@ -2,6 +2,9 @@
 // waited for: a line that finds no room is lost and counted.
 #pragma once
 
+#include <cstdint>
+#include <net/if.h>
+#include <string>
 #include <syslog.h>
 
 namespace platform_linux
@@ -16,6 +19,13 @@ void report_start(const char *path = SYSTEM_LOG_PATH);
 // One line to the system log and, unless the same journal reads both, standard error. `priority` as
 // syslog(3)'s.
 __attribute__((format(printf, 2, 3))) void platform_report(int priority, const char *format, ...);
+
+// A device in such a line; "#7" when it is gone.
+inline std::string device_name(uint32_t ifIndex)
+{
+    char name[IF_NAMESIZE];
+    return if_indextoname(ifIndex, name) != nullptr ? name : "#" + std::to_string(ifIndex);
+}
 
 // One line to the system log alone, with "N lines suppressed" before it when others were lost. From any
 // thread.
