@@ -16,6 +16,7 @@
 #include "input.h"
 #include "management.h"
 #include "steps.h"
+#include "user_index.h"
 #include "wire.h"
 
 namespace
@@ -108,11 +109,11 @@ void prepare_world()
     world.dai = {{1, {1, DHCPSNOOP_CHECK_MAC}}, {20, {1, DHCPSNOOP_CHECK_PORT | DHCPSNOOP_CHECK_VLAN}}};
 }
 
-// The state record and the three pools, as bytes.
+// The state record, the three pools and the index, as bytes.
 Bytes memory(const Bytes *restore = nullptr)
 {
     Bytes saved;
-    for (void *block : {static_cast<void *>(&gDhcpsnoop), static_cast<void *>(gDhcpsnoop.ifPool), static_cast<void *>(gDhcpsnoop.userPool), static_cast<void *>(gDhcpsnoop.serverPool)}) {
+    for (void *block : {static_cast<void *>(&gDhcpsnoop), static_cast<void *>(gDhcpsnoop.ifPool), static_cast<void *>(gDhcpsnoop.userPool), static_cast<void *>(gDhcpsnoop.serverPool), static_cast<void *>(gUserIndex)}) {
         const size_t size = block == &gDhcpsnoop ? sizeof gDhcpsnoop : malloc_usable_size(block);
         if (restore != nullptr)
             memcpy(block, restore->data() + saved.size(), size);

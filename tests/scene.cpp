@@ -43,7 +43,7 @@ DhcpsnoopUser *make_binding(const Key &key, const Mac &mac, uint32_t ifIndex, ui
     user->userType = DHCPSNOOP_USER_DYNAMIC;
     user->bindState = DHCPSNOOP_BIND_BOUND;
     user->macMark = DHCPSNOOP_MAC_MARK;
-    memcpy(user->mac, mac.data(), mac.size());
+    dhcpsnoop_user_mac_set(user, mac.data());
     for (DhcpsnoopIf *ifp : {dhcpsnoop_if_lookup(ifIndex), dhcpsnoop_if_lookup_by_vid(vid)})
         if (ifp != nullptr)
             ifp->curUser++;

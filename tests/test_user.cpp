@@ -1,5 +1,7 @@
 // The binding table, the MAC-user table, and bindings in hardware and as events.
 
+#include <random>
+
 #include "event_message.h"
 #include "steps.h"
 
@@ -119,6 +121,27 @@ TEST_F(User, MacUsers)
     EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == again && dhcpsnoop_mac_user_lookup(b.data()) == two);
     dhcpsnoop_mac_user_delete(again);
     EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == one && gDhcpsnoop.userFreeList.next == again && dhcpsnoop_mac_user_lookup(last.data()) == nullptr);
+}
+
+TEST_F(User, FoundAsAlongTheChains)
+{
+    auto pick = [random = std::mt19937(1)](uint32_t of) mutable { return static_cast<uint32_t>(random() % of); };
+    std::string faults;
+    world.reset(4, 300);
+    for (int i = 0; i < 6000 && faults.empty(); i++) {
+        const Key key(HOST + pick(400));
+        const Mac mac = {2, 0, 0, 0, 0, static_cast<uint8_t>(pick(13))};
+        if (Parsed waits(Frame{.chaddr = mac}); pick(8) == 0)
+            dhcpsnoop_mac_user_add(&waits.info);
+        else if (DhcpsnoopUser *user = binding(key); user == nullptr)
+            make_binding(key, mac, 1, 10);
+        else if (pick(3) == 0)
+            dhcpsnoop_user_mac_set(user, mac.data()), user->userType = static_cast<uint8_t>(pick(3));
+        else
+            dhcpsnoop_user_delete(user), dhcpsnoop_mac_user_delete(dhcpsnoop_mac_user_lookup(mac.data()));
+        faults = i % 20 == 0 ? world_check_tables(false) : "";
+    }
+    EXPECT_EQ(faults, "");
 }
 
 // The record of one call, then the identifiers that the binding has and what was said.

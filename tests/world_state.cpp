@@ -33,6 +33,35 @@ std::string check_pool(const Pool &pool)
     return "";
 }
 
+// A walk along the chains, and what is found without one: of an address, of a MAC address, of the order of keys.
+std::string check_index()
+{
+    const auto bytes = [](const auto &key, const uint8_t *at = nullptr) { return at = reinterpret_cast<const uint8_t *>(&key), Bytes(at, at + sizeof key); };
+    std::map<Bytes, const void *> keys, dynamic, waiting;
+    std::set<Bytes> listed;
+    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
+        const DhcpsnoopUserKey key = dhcpsnoop_user_key(user->key.ipType, user->key.ipAddr);
+        keys.emplace(bytes(key), user);
+        listed.insert(bytes(user->key));
+        const void *&first = dynamic[Bytes(user->mac, user->mac + 6)];
+        first = first == nullptr && user->userType == DHCPSNOOP_USER_DYNAMIC ? user : first;
+    }
+    for (const DhcpsnoopMacUser *user : hash_each<DhcpsnoopMacUser>(gDhcpsnoop.macUserHash))
+        waiting.emplace(Bytes(user->mac, user->mac + 6), user);
+    bool same = true;
+    for (const auto &[key, user] : keys)
+        same = same && dhcpsnoop_user_lookup(reinterpret_cast<const DhcpsnoopUserKey *>(key.data())) == user;
+    for (const auto &[mac, user] : dynamic)
+        same = same && dhcpsnoop_user_lookup_dynamic(mac.data()) == user && (waiting.contains(mac) || dhcpsnoop_mac_user_lookup(mac.data()) == nullptr);
+    for (const auto &[mac, user] : waiting)
+        same = same && dhcpsnoop_mac_user_lookup(mac.data()) == user && (dynamic.contains(mac) || dhcpsnoop_user_lookup_dynamic(mac.data()) == nullptr);
+    const DhcpsnoopUser *at = dhcpsnoop_user_next(nullptr);
+    for (const Bytes &key : listed)
+        if (same = same && at != nullptr && memcmp(&at->key, key.data(), key.size()) == 0; same)
+            at = dhcpsnoop_user_next(&at->key);
+    return same && at == nullptr ? "" : "the index finds others than the chains hold\n";
+}
+
 // "61 62" as "6162", nine and more of the same as "78*128"; zeros at the end are left out.
 std::string brief(const uint8_t *bytes, size_t count)
 {
@@ -109,6 +138,7 @@ std::string world_check_tables(bool counts)
         for (const DhcpsnoopMacUser *user : list_each<DhcpsnoopMacUser>(&gDhcpsnoop.macUserHash[i]))
             check_bucket(i, user->mac, 6);
     }
+    faults += check_index();
     uint32_t last = 0;
     for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
         const uint32_t dynamic = ifp->isVlanIf == 1 ? inVlan[dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID)] : onPort[ifp->ifIndex];

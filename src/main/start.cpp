@@ -18,6 +18,7 @@
 
 #include "debug.h"
 #include "dhcpsnoop_state.h"
+#include "dhcpsnoop_user.h"
 #include "list.h"
 #include "management.h"
 #include "protocol.h"
@@ -56,7 +57,8 @@ static int32_t pools_init(uint16_t ifCount, uint16_t userCount, uint16_t serverC
         return -1;
     }
     gDhcpsnoop.userMax = userCount != 0 ? userCount : USER_MAX_DEFAULT;
-    if (dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, sizeof(DhcpsnoopUser), gDhcpsnoop.userMax) != 0) {
+    if (dhcpsnoop_memlist_init(&gDhcpsnoop.userFreeList, sizeof(DhcpsnoopUser), gDhcpsnoop.userMax) != 0 ||
+        dhcpsnoop_user_index_init(gDhcpsnoop.userMax) != 0) {
         DEBUG_EVENT("[DHCPSNOOP] Failed to allocate memory for user free list\r\n");
         return -1;
     }
@@ -241,6 +243,7 @@ void dhcpsnoop_shutdown(void)
 
     pool_free(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool);
     pool_free(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool);
+    dhcpsnoop_user_index_free();
     pool_free(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool);
     init = 0;
 }

@@ -9,7 +9,6 @@
 #include "dhcpsnoop_server.h"
 #include "dhcpsnoop_user.h"
 #include "frame_edit.h"
-#include "list.h"
 #include "protocol.h"
 #include "wire.h"
 
@@ -43,18 +42,6 @@ static void server_learn(const DhcpsnoopPktInfo *info)
         dhcpsnoop_server_add(info->serverId, info->svlan, info->ifIndex);
 }
 
-// Kept: the address family plays no part; only the first dynamic binding of the MAC is considered.
-static DhcpsnoopUser *dynamic_user_by_mac(const uint8_t *mac)
-{
-    if (mac == nullptr)
-        return nullptr;
-    for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
-        if (user->userType == DHCPSNOOP_USER_DYNAMIC && std::memcmp(user->mac, mac, sizeof user->mac) == 0)
-            return user;
-    }
-    return nullptr;
-}
-
 static void find_by_mac_user(const DhcpsnoopPktInfo *info, Destination *to)
 {
     if (info->giaddr == 0)
@@ -78,9 +65,10 @@ static void bind_and_find(const DhcpsnoopPktInfo *info, HookBuffer *option125, H
     to->egress = enabled_if(user->ifIndex);
 }
 
+// Kept: the address family plays no part; only the first dynamic binding of the MAC is considered.
 static void unbind_and_find(const DhcpsnoopPktInfo *info, Destination *to)
 {
-    DhcpsnoopUser *user = dynamic_user_by_mac(info->chaddr);
+    DhcpsnoopUser *user = dhcpsnoop_user_lookup_dynamic(info->chaddr);
     if (user == nullptr)
         return;
     to->vid = user->vid;

@@ -8,7 +8,6 @@
 
 #include "debug.h"
 #include "dhcpsnoop_user.h"
-#include "list.h"
 
 static constexpr uint32_t INSTALL = 1, WITHDRAW = 0;
 
@@ -18,18 +17,12 @@ static constexpr uint32_t INSTALL = 1, WITHDRAW = 0;
 static int32_t user_find(const DhcpsnoopUserKey *from, DhcpsnoopUserKey *out)
 {
     const TableLock lock;
-    const DhcpsnoopUserKey *found = nullptr;
-    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
-        if (user->userType == DHCPSNOOP_USER_IPSG)
-            continue;
-        if (from != nullptr && std::memcmp(&user->key, from, sizeof *from) <= 0)
-            continue;
-        if (found == nullptr || std::memcmp(&user->key, found, sizeof *found) < 0)
-            found = &user->key;
-    }
-    if (found == nullptr)
+    const DhcpsnoopUser *user = dhcpsnoop_user_next(from);
+    while (user != nullptr && user->userType == DHCPSNOOP_USER_IPSG)
+        user = dhcpsnoop_user_next(&user->key);
+    if (user == nullptr)
         return -1;
-    *out = *found;
+    *out = user->key;
     return 0;
 }
 
@@ -171,7 +164,7 @@ static int32_t mac_set(const Change &change, DhcpsnoopUser *user)
     // Kept: tested only now, when the hardware has been told already.
     if (mac->length < sizeof user->mac)
         return NM_BAD_LENGTH;
-    std::memcpy(user->mac, mac->data, sizeof user->mac);
+    dhcpsnoop_user_mac_set(user, static_cast<const uint8_t *>(mac->data));
     user->macMark = DHCPSNOOP_MAC_MARK;
     return NM_OK;
 }

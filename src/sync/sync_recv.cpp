@@ -43,7 +43,7 @@ static void user_apply(const SyncUserRecord &record)
     user->bindState = record.bindState;
     user->macMark = record.macMark;
     user->userAttr = record.userAttr;
-    std::memcpy(user->mac, record.mac, sizeof user->mac);
+    dhcpsnoop_user_mac_set(user, record.mac);
     user->ipsgHwId = record.ipsgHwId;
     user->daiHwId = record.daiHwId;
 }

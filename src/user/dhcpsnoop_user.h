@@ -4,11 +4,22 @@
 
 #include "platform.h"
 
+// Makes what finds the entries of a pool of that size, and gives it back. -1 when memory is exhausted.
+int32_t dhcpsnoop_user_index_init(uint16_t count);
+void dhcpsnoop_user_index_free(void);
+
 DhcpsnoopUserKey dhcpsnoop_user_key(uint8_t ipType, const uint8_t *address); // 4 or 16 bytes
 uint32_t dhcpsnoop_user_hash_key(const DhcpsnoopUserKey *key);               // bucket
 DhcpsnoopUser *dhcpsnoop_user_lookup(const DhcpsnoopUserKey *key);           // null key: null
+DhcpsnoopUser *dhcpsnoop_user_lookup_dynamic(const uint8_t mac[6]);          // null: null
+// The binding with the smallest key above `from`, compared as bytes; with the smallest of all when it is
+// null.
+DhcpsnoopUser *dhcpsnoop_user_next(const DhcpsnoopUserKey *from);
 DhcpsnoopUser *
 dhcpsnoop_user_table_add(const DhcpsnoopUserKey *key); // zeroed but for the key; null: no key, no node
+
+void dhcpsnoop_user_mac_set(DhcpsnoopUser *user,
+                            const uint8_t mac[6]); // the only way to write its MAC address
 
 // Learns from a client's request. `existing` is what the key's lookup found; it may be deleted. 0 when done
 // or nothing to do, -1 when a limit is reached or no node is free.

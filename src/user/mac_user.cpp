@@ -6,6 +6,7 @@
 
 #include "debug.h"
 #include "list.h"
+#include "user_index.h"
 
 uint32_t dhcpsnoop_mac_user_hash(const uint8_t mac[6])
 {
@@ -26,6 +27,7 @@ DhcpsnoopMacUser *dhcpsnoop_mac_user_add(const DhcpsnoopPktInfo *info)
     }
     std::memcpy(added->mac, info->chaddr, sizeof added->mac);
     list_insert_after(&gDhcpsnoop.macUserHash[dhcpsnoop_mac_user_hash(added->mac)], added);
+    user_index_add(added);
 
     const DhcpsnoopClientPlace place = dhcpsnoop_client_place(info);
     added->ifIndex = place.ifIndex;
@@ -38,19 +40,14 @@ DhcpsnoopMacUser *dhcpsnoop_mac_user_add(const DhcpsnoopPktInfo *info)
 
 DhcpsnoopMacUser *dhcpsnoop_mac_user_lookup(const uint8_t mac[6])
 {
-    if (mac == nullptr)
-        return nullptr;
-    for (auto *macUser : list_each<DhcpsnoopMacUser>(&gDhcpsnoop.macUserHash[dhcpsnoop_mac_user_hash(mac)])) {
-        if (std::memcmp(macUser->mac, mac, sizeof macUser->mac) == 0)
-            return macUser;
-    }
-    return nullptr;
+    return mac != nullptr ? user_index_find_waiting(mac) : nullptr;
 }
 
 void dhcpsnoop_mac_user_delete(DhcpsnoopMacUser *macUser)
 {
     if (macUser == nullptr || !list_linked(macUser))
         return;
+    user_index_remove(macUser);
     list_unlink(macUser);
     list_insert_after(&gDhcpsnoop.userFreeList, macUser);
 }

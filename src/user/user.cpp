@@ -11,6 +11,7 @@
 #include "dhcpsnoop_state.h"
 #include "dhcpsnoop_sync.h"
 #include "list.h"
+#include "user_index.h"
 #include "wire.h"
 
 static uint32_t address_length(uint8_t ipType) { return ipType == DHCPSNOOP_IPV4 ? 4 : 16; }
@@ -31,21 +32,34 @@ uint32_t dhcpsnoop_user_hash_key(const DhcpsnoopUserKey *key)
     return sum % DHCPSNOOP_BUCKETS;
 }
 
-// Both lengths are constants, so that walking a long chain calls nothing.
-static bool same_address(const DhcpsnoopUserKey *a, const DhcpsnoopUserKey *b)
-{
-    if (a->ipType != b->ipType)
-        return false;
-    return a->ipType == DHCPSNOOP_IPV4 ? std::memcmp(a->ipAddr, b->ipAddr, 4) == 0
-                                       : std::memcmp(a->ipAddr, b->ipAddr, sizeof a->ipAddr) == 0;
-}
-
 DhcpsnoopUser *dhcpsnoop_user_lookup(const DhcpsnoopUserKey *key)
 {
-    if (key == nullptr)
-        return nullptr;
-    for (auto *user : list_each<DhcpsnoopUser>(&gDhcpsnoop.userHash[dhcpsnoop_user_hash_key(key)])) {
-        if (same_address(&user->key, key))
+    return key != nullptr ? user_index_find(key) : nullptr;
+}
+
+static bool is_dynamic_of(const DhcpsnoopUser *user, const uint8_t *mac)
+{
+    return user->userType == DHCPSNOOP_USER_DYNAMIC && std::memcmp(user->mac, mac, sizeof user->mac) == 0;
+}
+
+// Where several have that MAC address, a walk along all chains would find the first of the lowest chain.
+DhcpsnoopUser *dhcpsnoop_user_lookup_dynamic(const uint8_t mac[6])
+{
+    DhcpsnoopUser *found = nullptr;
+    uint32_t lowest = DHCPSNOOP_BUCKETS, inLowest = 0;
+    DhcpsnoopUser *first = mac != nullptr ? user_index_mac_first(mac) : nullptr;
+    for (DhcpsnoopUser *user = first; user != nullptr; user = user_index_mac_next(user, first)) {
+        const uint32_t bucket = dhcpsnoop_user_hash_key(&user->key);
+        if (user->userType != DHCPSNOOP_USER_DYNAMIC || bucket > lowest)
+            continue;
+        inLowest = bucket < lowest ? 1 : inLowest + 1;
+        lowest = bucket;
+        found = user;
+    }
+    if (inLowest <= 1)
+        return found;
+    for (DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&gDhcpsnoop.userHash[lowest])) {
+        if (is_dynamic_of(user, mac))
             return user;
     }
     return nullptr;
@@ -63,6 +77,7 @@ DhcpsnoopUser *dhcpsnoop_user_table_add(const DhcpsnoopUserKey *key)
     added->key = *key;
     DEBUG_TRACE("[DHCPSNOOP] User do not exist, add it to user table.\r\n");
     list_insert_after(&gDhcpsnoop.userHash[dhcpsnoop_user_hash_key(key)], added);
+    user_index_add(added);
     return added;
 }
 
@@ -162,7 +177,7 @@ int32_t dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *existing,
 
     user->vid = user->origVid = place.vid;
     user->ifIndex = place.ifIndex;
-    std::memcpy(user->mac, info->chaddr, sizeof user->mac);
+    dhcpsnoop_user_mac_set(user, info->chaddr);
     user->userType = DHCPSNOOP_USER_DYNAMIC;
     user->leaseTime = DHCPSNOOP_LEASE_PROVISIONAL;
     user->leaseStart = info->rxTime;
@@ -254,6 +269,7 @@ void dhcpsnoop_user_delete(DhcpsnoopUser *user)
     if (dhcpsnoop_running_role_get() == DHCPSNOOP_ROLE_MASTER)
         dhcpsnoop_sync_user_send(user, 0);
 
+    user_index_remove(user);
     list_unlink(user);
     list_insert_after(&gDhcpsnoop.userFreeList, user);
 }
@@ -272,8 +288,20 @@ static bool matches(const DhcpsnoopUser *user, const DhcpsnoopUserQuery *query)
     return (query->mask & DHCPSNOOP_CHECK_PORT) == 0 || user->ifIndex == query->ifIndex;
 }
 
+// An address or a MAC address that must match leaves few bindings to look at.
 static bool any_matches(const DhcpsnoopUserQuery *query)
 {
+    if ((query->mask & DHCPSNOOP_CHECK_IP) != 0) {
+        const DhcpsnoopUserKey key = dhcpsnoop_user_key(query->ipType, query->ipAddr);
+        const DhcpsnoopUser *user = dhcpsnoop_user_lookup(&key);
+        return user != nullptr && matches(user, query);
+    }
+    if ((query->mask & DHCPSNOOP_CHECK_MAC) != 0) {
+        const DhcpsnoopUser *first = user_index_mac_first(query->mac), *user = first;
+        while (user != nullptr && !matches(user, query))
+            user = user_index_mac_next(user, first);
+        return user != nullptr;
+    }
     for (DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
         if (matches(user, query))
             return true;
