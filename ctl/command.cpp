@@ -50,6 +50,8 @@ constexpr Command COMMANDS[] = {
      "bindings: address, MAC, VLAN, port, lease"},
     {"show statistics", "", showStatistics, true,
      "dropped messages by interface and reason"},
+    {"show refusals", "", showRefusals, true,
+     "what was refused for want of room, of a trusted port or by a limit, and the remedy"},
     {"show guard", "[--all]", showGuard, true,
      "IP source guard, ARP inspection and refused packets by port and VLAN; --all: idle ports too"},
     {"show global", "", showGlobal, true,

@@ -83,7 +83,8 @@ ExitStatus confirmConfig(const Context &, std::span<const std::string>);
 ExitStatus reloadConfig(const Context &, std::span<const std::string>);
 ExitStatus saveConfig(const Context &, std::span<const std::string>);
 
-// redundancy.cpp
+// refusals.cpp, redundancy.cpp
+ExitStatus showRefusals(const Context &, std::span<const std::string>);
 ExitStatus showRedundancy(const Context &, std::span<const std::string>);
 ExitStatus changeRole(const Context &, std::span<const std::string>);
 

@@ -161,3 +161,16 @@ std::string daemonSocketPath()
     const char *path = std::getenv("DHCPSNOOP_SOCKET");
     return path && *path ? path : DHCPSNOOP_SOCKET_PATH;
 }
+
+std::string askPlatform(const std::string &request)
+{
+    constexpr size_t ANSWER_MAX = 65536;
+    constexpr std::chrono::seconds PATIENCE(60); // a change of role may have thousands of bindings to install
+    const char *named = std::getenv(DHCPSNOOP_PLATFORM_SOCKET_ENV);
+    const Connection connection(SOCK_SEQPACKET, named && *named ? named : DHCPSNOOP_PLATFORM_SOCKET_PATH,
+                                PATIENCE);
+    connection.send(request.data(), request.size());
+    std::string answer(ANSWER_MAX, '\0');
+    answer.resize(connection.receive(answer.data(), answer.size()));
+    return answer;
+}

@@ -49,3 +49,6 @@ bool isDaemonRunning(const Daemon &daemon);
 
 // The daemon's socket, or the one that the environment variable DHCPSNOOP_SOCKET names.
 std::string daemonSocketPath();
+
+// The answer of the Linux platform, which has a local socket of its own beside the daemon's; throws NoDaemon.
+std::string askPlatform(const std::string &request);

@@ -3,26 +3,11 @@
 #include <cstdlib>
 #include <map>
 #include <sstream>
-#include <sys/socket.h>
 
 #include "binding_view.h"
 
 namespace
 {
-constexpr size_t ANSWER_MAX = 65536;
-constexpr std::chrono::seconds PATIENCE(60); // a change of role may have thousands of bindings to install
-
-std::string askPlatform(const std::string &request)
-{
-    const char *named = std::getenv(DHCPSNOOP_PLATFORM_SOCKET_ENV);
-    const Connection connection(SOCK_SEQPACKET, named && *named ? named : DHCPSNOOP_PLATFORM_SOCKET_PATH,
-                                PATIENCE);
-    connection.send(request.data(), request.size());
-    std::string answer(ANSWER_MAX, '\0');
-    answer.resize(connection.receive(answer.data(), answer.size()));
-    return answer;
-}
-
 // In the order in which they are shown. Ages are in seconds.
 struct Item {
     const char *name;

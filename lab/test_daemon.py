@@ -11,8 +11,8 @@ import unittest
 
 import labtest
 
-from lab import HERE, MACS, RUN, Process
-from wire import BOOTP, exchange, from_server
+from lab import HERE, MACS, MODEL, RUN, Process
+from wire import BOOTP, exchange, from_client, from_server
 
 
 class Configuration(labtest.LabTest):
@@ -79,6 +79,18 @@ class Configuration(labtest.LabTest):
         self.ctl("save")
         with open(path) as file:
             self.assertEqual(file.read().splitlines(), [*self.model, "interface swp5 max-users 9", "interface swp1 max-users 7"])
+
+
+class Refusals(labtest.LabTest):
+    model = (*MODEL, "bindings 1")
+
+    def test_no_room(self):
+        """The second client gets no address, and the operator learns why."""
+        exchange(self.endpoint("pc1"), MACS["pc1"])
+        self.assertEqual(self.outcome("pc2", from_client("request", MACS["pc2"], ("requested_addr", "10.0.20.99"), xid=7)), "")
+        self.wait("a refusal", lambda: self.switch.show("refusals"))
+        self.assertEqual(["{reason} {interface} {total} {last-hour}".format(**row) for row in self.switch.show("refusals")], ["bindings-full swp2 1 1"])
+        self.assertIn("swp2: the table of bindings is full: raise 'bindings N'", self.switch.daemon.log())
 
 
 class Monitor(labtest.LabTest):

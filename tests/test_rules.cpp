@@ -11,8 +11,11 @@
 #include "guard.h"
 #include "management.h"
 #include "model.h"
+#include "refusals.h"
+#include "refused_frames.h"
 #include "report.h"
 #include "scene.h"
+#include "taken_frame.h"
 
 using namespace platform_linux;
 
@@ -79,6 +82,7 @@ int guard_rule_add(const guard_rule_key &key) { return rule("+", key); }
 int guard_rule_remove(const guard_rule_key &key) { return rule("-", key); }
 const Port *model_port(uint32_t ifIndex) { return ports.count(ifIndex) == 0 ? nullptr : &ports.at(ifIndex); }
 const std::map<uint32_t, Port> &model_ports() { return ports; }
+uint32_t model_vlan_interface(uint16_t vid) { return vid == 10 ? 110 : 0; }
 void model_watch(ModelWatcher watcher) { watchers.push_back(watcher); }
 void platform_report(int, const char *format, ...)
 {
@@ -223,7 +227,7 @@ void check(std::span<const Step> steps)
 #define FULL "1 f0 3/10 02 00 00 00 00 05 0a 00 0a 05"
 #define ADDRESS "1 80 0/0 00 00 00 00 00 00 0a 00 0a 05"
 #define PORT "1 10 3/0 00 00 00 00 00 00 00 00 00 00"
-#define NO_ROOM "\"swp3: no room for another binding in the guard: its host stays cut off where it is guarded\""
+#define NO_ROOM "\"swp3: no room for another binding in the guard, its host stays cut off where it is guarded: raise 'bindings N' in dhcpsnoop.conf (or --bindings N) and restart the daemon (refused: 1)\""
 const std::string START = "open 4, add 3 1, remove 4, add 5 7, remove 10, complete";
 
 TEST(TrapRules, Steps)
@@ -336,6 +340,84 @@ TEST(BindingRules, OfAddressesThatWereOnlyAskedFor)
         EXPECT_EQ(taken, row.taken) << row.claim;
     }
     world.sent = nullptr;
+}
+
+// "bindings-full swp1", whose counts have grown since the last call.
+std::string newly()
+{
+    static std::map<std::string, uint64_t> known;
+    std::string text;
+    for (const RefusalCount &count : refusals())
+        if (const std::string place = count.reason + (" " + count.place); std::exchange(known[place], count.total) != count.total)
+            text += ", " + place;
+    return text;
+}
+
+// clang-format off
+const Word ROOM[] = {
+    {"untrusted", [] { dhcpsnoop_if_lookup(2)->flags &= ~DHCPSNOOP_IF_TRUSTED; }},
+    {"no-server", [] { memset(dhcpsnoop_if_lookup(1)->serverIp, 0, sizeof DhcpsnoopIf::serverIp); }},
+    {"no-vlan-users", [] { dhcpsnoop_if_lookup(110)->maxUser = 0; }},
+    {"both", [] { for (const uint32_t ifIndex : {1u, 2u}) set_flag_field(dhcpsnoop_if_lookup(ifIndex), DHCPSNOOP_IF_VERSION, 3); }},
+};
+
+TEST(Refusals, OfClientsMessages)
+{
+    const Bytes asked6 = client6(3, ia_na(iaaddr("2001:db8::100", 60))), more6 = client6(3, ia_na(iaaddr("2001:db8::100", 60) + iaaddr("2001:db8::101", 60)));
+    const Bytes other = Message{.address = HOST + 1}.frame();
+    const struct { const char *claim, *before; Bytes frame; const char *outcome; } ROWS[] = {
+        {"room", "", other, "2 292 | .51 asked 1/10"},
+        {"no entry left", "one-node bound", other, " | .50 bound 1/10, bindings-full swp1"},
+        {"for a waiting client", "one-node bound relay", Message{.type = DISCOVER, .address = HOST + 1}.frame(), " | .50 bound 1/10, bindings-full swp1"},
+        {"but for a known client", "one-node bound", Message{}.frame(), "2 292 | .50 bound 1/10"},
+        {"a port's limit, its VLAN's", "no-users", other, ", users-limit swp1"},
+        {"", "vlan-if no-vlan-users", other, ", users-limit swp110"},
+        {"nobody is trusted", "untrusted", Message{.type = DISCOVER}.frame(), ", no-trusted-port swp1"},
+        {"who relays needs a server", "untrusted relay no-server", Message{.type = DISCOVER}.frame(), " | waits 1, no-relay-server swp1"},
+        {"", "untrusted relay", Message{.type = DISCOVER}.frame(), "relay 10.0.0.254 10.1.1.1:67 250, relay 10.0.0.254 10.3.3.3:67 250 | waits 1"},
+        {"checks count their own", "untrusted mac-check", Message{.chaddr = MAC_SERVER, .forged = true}.frame(), " | 1 drops mac 1"},
+        {"", "untrusted check bound", Message{.ciaddr = HOST, .srcIp = HOST, .chaddr = MAC_SERVER}.frame(), " | .50 bound 1/10 | 1 drops binding 1"},
+        {"a reply is nobody's message", "untrusted", Message{.type = OFFER}.frame(), " | 1 drops untrusted 1"},
+        {"DHCPv6 leaves without a binding", "one-node bound both", asked6, "2 110 | .50 bound 1/10, bindings-full swp1"},
+        {"", "one-node both", more6, "2 138 | :100 asked 1/10, bindings-full swp1"},
+        {"", "both untrusted", asked6, " | :100 asked 1/10, no-trusted-port swp1"},
+    };
+    // clang-format on
+    ports = {{1, a_port(1, PortKind::port, 10)}, {2, a_port(2, PortKind::port, 10)}, {110, a_port(110, PortKind::vlanInterface, 10)}};
+    ports[1].members.set(10), ports[2] = ports[1];
+    newly();
+    for (const auto &row : ROWS) {
+        prepare(row.before, ROOM);
+        TakenFrame &frame = takenFrames[0];
+        frame = {rx_packet(row.frame), true, false};
+        receive(row.frame);
+        const std::string texts = said(), text = outcome();
+        frame.leaves = !sent_summary().empty();
+        refused_frames_count();
+        EXPECT_EQ(text + newly(), row.outcome) << row.claim;
+        EXPECT_EQ(said(), texts) << row.claim;
+    }
+}
+
+// One line a minute; the hour by minutes; the places that were refused last.
+TEST(Refusals, AreLoggedAndKept)
+{
+    recorder = {};
+    const Ticks start = ticks() / 60'000 * 60'000;
+    for (const auto &[place, after] : {std::pair{"a", 1}, {"a", 2}, {"b", 3}})
+        refusal_count(Refused::interfacesFull, place, start + after);
+    refusals_log(start + 60'000);
+    recorder.journal += "; ";
+    refusals_log(start + 60'001);
+    for (const char *text : {"\"a: the table of interfaces is full", "(refused: 1)\"; , \"b and others: ", "(refused: 2)\""})
+        EXPECT_NE(recorder.journal.find(text), std::string::npos) << text << " in " << recorder.journal;
+    for (int i = 1; i < 70; i++)
+        refusal_count(Refused::interfacesFull, std::to_string(i).c_str(), start + i * 60'000);
+    uint64_t places = 0, total = 0, lastHour = 0;
+    for (const RefusalCount &count : refusals(start + 69 * 60'000))
+        if (count.reason == std::string("interfaces-full"))
+            places++, total += count.total, lastHour += count.lastHour;
+    EXPECT_EQ(std::to_string(places) + " " + std::to_string(total) + " " + std::to_string(lastHour), "65 72 60");
 }
 
 } // namespace

@@ -10,14 +10,17 @@
 
 #include "acknowledged.h"
 #include "guard.h"
+#include "list.h"
 #include "management.h"
 #include "model.h"
 #include "platform.h"
 #include "redundancy.h"
+#include "refusals.h"
 #include "relay_socket.h"
 #include "report.h"
 #include "subscribers.h"
 #include "switch_model.h"
+#include "taken_frame.h"
 #include "vlan_bridge.h"
 
 using namespace platform_linux;
@@ -82,6 +85,24 @@ int32_t get_nested(const Port &port, QorNestedGet *get)
     return 0;
 }
 
+bool snoops(uint32_t ifIndex)
+{
+    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
+        if (ifp->ifIndex == ifIndex)
+            return true;
+    return false;
+}
+
+bool creates(uint32_t action) { return action == USER_ACTION_CREATE || action == USER_ACTION_CREATE_ALSO; }
+
+bool has_binding(const DhcpsnoopUserKey &key)
+{
+    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash))
+        if (memcmp(&user->key, &key, sizeof key) == 0)
+            return true;
+    return false;
+}
+
 int32_t set_binding(uint32_t ifIndex, const QorIfRequest *request)
 {
     if (int32_t result = 0; request != nullptr && redundancy_decides(*request, result))
@@ -116,6 +137,8 @@ int32_t qorIfGetApi(uint32_t ifIndex, uint32_t attribute, void *value)
         text->length = sizeof port->mac;
         return 0;
     case QOR_IF_TPID:
+        if (latestFrame != nullptr)
+            latestFrame->leaves = true;
         *word = port->tpid;
         return 0;
     case QOR_IF_WORK_MODE:
@@ -287,10 +310,23 @@ int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
     return data != nullptr ? redundancy_sync(*static_cast<const QorBuffer *>(data)) : EINVAL;
 }
 
-int32_t qorHwIfSync(uint32_t, uint32_t, void *, uint32_t) { return 0; }
-
-int32_t qorHwDhcpSnoopUserSync(const void *, uint32_t, void *, uint32_t)
+// What is accepted here is refused by the daemon when its table is full.
+int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t)
 {
+    if (code == QOR_SYNC_IF + IF_ENABLE && value != nullptr && *static_cast<const uint32_t *>(value) == 1 &&
+        list_empty(&gDhcpsnoop.ifFreeList) && !snoops(ifIndex)) {
+        const Port *port = model_port(ifIndex);
+        refusal_count(Refused::interfacesFull, port != nullptr ? port->name : "");
+    }
+    return 0;
+}
+
+int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t)
+{
+    if (code == QOR_SYNC_USER + USER_ACTION && value != nullptr &&
+        creates(*static_cast<const uint32_t *>(value)) && list_empty(&gDhcpsnoop.userFreeList) &&
+        !has_binding(*static_cast<const DhcpsnoopUserKey *>(key)))
+        refusal_count(Refused::bindingsFull, "");
     redundancy_binding_changed();
     return 0;
 }

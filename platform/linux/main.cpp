@@ -7,6 +7,7 @@
 #include "options.h"
 #include "platform.h"
 #include "platform_start.h"
+#include "refused_frames.h"
 
 int main(int argc, char **argv)
 {
@@ -22,5 +23,8 @@ int main(int argc, char **argv)
                           options.guard ? ipsgIfGetApi : nullptr,
                           options.arp ? arpAntiAttackIfGetApi : nullptr) != 0)
         return EXIT_FAILURE;
-    dhcpsnoop_main();
+    for (;;) {
+        dhcpsnoop_main_pass();
+        refused_frames_count();
+    }
 }

@@ -20,6 +20,7 @@
 #include "platform_numbers.h"
 #include "protocol.h"
 #include "report.h"
+#include "taken_frame.h"
 #include "vlan_bridge.h"
 #include "wire.h"
 
@@ -103,6 +104,23 @@ void write_packet_info(msghdr *message, uint32_t ifIndex, uint16_t outer, const 
     message->msg_controllen = CMSG_SPACE(QOR_INFO_LEN);
 }
 
+void remember(const guard_frame &front, const uint8_t *frame, size_t length, uint16_t outer, const Tags &tags)
+{
+    const bool ipv6 = front.type == htons(GUARD_ETHERTYPE_V6);
+    latestFrame = &takenFrames[ipv6 ? 1 : 0];
+    latestFrame->isNew = true;
+    latestFrame->leaves = false;
+    DhcpsnoopRxPkt &packet = latestFrame->packet;
+    packet.len = static_cast<uint16_t>(std::min(length, sizeof packet.data));
+    std::copy_n(frame, packet.len, packet.data);
+    std::fill(packet.data + packet.len, std::end(packet.data), uint8_t{0});
+    packet.ifIndex = front.ifindex;
+    packet.innerVid = tags.inner;
+    packet.outerVid = outer;
+    packet.l2HdrLen = static_cast<uint16_t>(tags.headerLength);
+    packet.etherType = ipv6 ? ETHER_TYPE_IPV6 : ETHER_TYPE_IPV4;
+}
+
 ssize_t no_frame(int error)
 {
     errno = error;
@@ -181,6 +199,7 @@ ssize_t platform_frame_recv(int sock, struct msghdr *msg)
         complete_udp_checksum(frame + tags.headerLength, length - tags.headerLength);
 
     write_packet_info(msg, front.ifindex, outer, tags);
+    remember(front, frame, length, outer, tags);
     if (msg->msg_name != nullptr) {
         from.sll_ifindex = static_cast<int>(front.ifindex);
         from.sll_protocol = front.type == htons(GUARD_ETHERTYPE_V6) ? htons(ETH_P_IPV6) : htons(ETH_P_IP);

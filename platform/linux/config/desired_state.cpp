@@ -76,15 +76,32 @@ void settle(uint32_t ifIndex, const Differences &made)
     guard_admit(ifIndex);
 }
 
-// Each difference that could not be made to go, a line.
-std::string failures(const Config &config, const Differences &differences)
+// Each difference that could not be made to go, a line; of those without room the first, and how many there
+// are.
+class Failures
 {
-    std::string text;
-    for (const Difference &difference : differences)
-        if (!difference.error.empty())
-            text += source_text(config, difference.source) + ": " + difference.error + "\n";
-    return text;
-}
+  public:
+    explicit Failures(const Config &config) : config_(config) {}
+
+    void add(const Differences &differences)
+    {
+        for (const Difference &difference : differences)
+            if (!difference.error.empty() && (!difference.noRoom || noRoom_++ == 0))
+                text_ += source_text(config_, difference.source) + ": " + difference.error + "\n";
+    }
+
+    std::string text() const
+    {
+        return noRoom_ < 2 ? text_
+                           : text_ + std::to_string(noRoom_ - 1) +
+                                 " more for want of room, see dhcpsnoopctl show refusals\n";
+    }
+
+  private:
+    const Config &config_;
+    std::string text_;
+    size_t noRoom_ = 0;
+};
 
 // Brings all of it about at once. Gives what could not be done.
 std::string make_all(const Config &before)
@@ -92,15 +109,16 @@ std::string make_all(const Config &before)
     const Config &config = running.config;
     protect_bridges();
     const bool inspected = guard_is_inspecting();
-    std::string wrong = failures(config, reconcile_globals(config, *core, Make::yes));
+    Failures wrong(config);
+    wrong.add(reconcile_globals(config, *core, Make::yes));
     for (const auto &[ifIndex, port] : model_ports()) {
         const Differences made =
             reconcile_port(config, *core, port_id(port), Make::yes, fresh.contains(ifIndex));
         settle(ifIndex, made);
-        wrong += failures(config, made);
+        wrong.add(made);
     }
-    wrong += failures(config, reconcile_vlans(config, *core, Make::yes));
-    wrong += failures(config, reconcile_bindings(config, before, *core, Make::yes));
+    wrong.add(reconcile_vlans(config, *core, Make::yes));
+    wrong.add(reconcile_bindings(config, before, *core, Make::yes));
     // When ARP inspection stops, the daemon forgets the check items of static bindings for it. The log tells
     // each binding once more.
     if (guard_inspection_stopped() && !inspected && guard_is_inspecting())
@@ -109,7 +127,7 @@ std::string make_all(const Config &before)
                 core->ask({FUNC_USER_SET, USER_ACTION, line.binding.key, USER_ACTION_BIND});
     todo.clear();
     fresh.clear();
-    return wrong;
+    return wrong.text();
 }
 
 // Takes the desired state; when a part of it cannot be done, goes back to that of before.
@@ -266,7 +284,7 @@ void work_port(const Port &port)
         platform_report(LOG_INFO, "%s %s: %s applied", port.name, isNew ? "appeared" : "changed",
                         lines.c_str());
     for (const Difference &difference : made)
-        if (!difference.error.empty())
+        if (!difference.error.empty() && !difference.noRoom) // which has its own line, with the remedy
             platform_report(LOG_ERR, "%s: %s: %s", source_text(running.config, difference.source).c_str(),
                             port.name, difference.error.c_str());
 }

@@ -25,6 +25,9 @@ template <class Change> void note(Differences &found, Difference difference, Mak
     if (make == Make::yes) {
         try {
             change();
+        } catch (const Refusal &error) {
+            difference.error = error.what();
+            difference.noRoom = error.code == NM_NO_MEMORY;
         } catch (const CtlError &error) {
             difference.error = error.what();
         }

@@ -13,7 +13,8 @@ struct Difference {
                    // "off"
     std::string wanted; // the wanted value in words
     Source source;
-    std::string error; // why it could not be made to go; empty: it is gone, or was only compared
+    std::string error;   // why it could not be made to go; empty: it is gone, or was only compared
+    bool noRoom = false; // because a table is full (refusals.h)
 };
 using Differences = std::vector<Difference>;
 

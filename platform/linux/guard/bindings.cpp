@@ -10,6 +10,7 @@
 #include "classifier.h"
 #include "guard.h"
 #include "model.h"
+#include "refusals.h"
 #include "report.h"
 
 namespace platform_linux
@@ -38,7 +39,6 @@ struct Rule {
 std::vector<Rule> rules;
 std::vector<uint32_t> chains; // by content; a power of two of them
 uint32_t firstFree = NONE;
-bool fullReported = false;
 uint8_t holds = 0; // those that are on, as Hold
 
 bool holding() { return holds != 0; }
@@ -156,14 +156,10 @@ guard_rule_key key_of(const QorUserRecord &record, bool arp, const Port *port)
     return key;
 }
 
-int32_t report_full(const Port *port, int error)
+int32_t count_full(int error, const Port *port)
 {
-    if (error == ENOSPC && !fullReported)
-        platform_report(
-            LOG_ERR,
-            "%s: no room for another binding in the guard: its host stays cut off where it is guarded",
-            port != nullptr ? port->name : "any port");
-    fullReported = fullReported || error == ENOSPC;
+    if (error == ENOSPC)
+        refusal_count(Refused::guardFull, port != nullptr ? port->name : "");
     return error;
 }
 
@@ -234,7 +230,6 @@ void bindings_start(uint32_t bindings)
         count *= 2;
     chains.assign(count, NONE);
     firstFree = NONE;
-    fullReported = false;
     holds = 0;
     for (auto place = static_cast<uint32_t>(rules.size()); place-- != 0;) {
         rules[place].next = firstFree;
@@ -301,7 +296,7 @@ int32_t binding_set(uint32_t ifIndex, const QorIfRequest *request)
     if ((arp && record.ipType == DHCPSNOOP_IPV6) || (port != nullptr && !is_guarded_itself(*port)))
         return 0;
     const bool unchanged = known != nullptr && says(*known, ifIndex, key);
-    return report_full(port, unchanged ? install_again(*known) : install(ifIndex, key, known, handle));
+    return count_full(unchanged ? install_again(*known) : install(ifIndex, key, known, handle), port);
 }
 
 } // namespace platform_linux

@@ -1,6 +1,7 @@
 // The part of the platform's thread that answers dhcpsnoopctl.
 #include "unit_thread.h"
 
+#include "refusals.h"
 #include "report.h"
 
 namespace platform_linux
@@ -65,6 +66,10 @@ void UnitThread::control(const std::string &request, ControlSocket::Answer answe
 {
     if (request == "status") {
         answer(status());
+        return;
+    }
+    if (request == "refusals") {
+        answer("refusals\n" + refusals_text());
         return;
     }
     constexpr std::string_view WAITING = "waiting";

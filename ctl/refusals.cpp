@@ -1,0 +1,46 @@
+#include "refusals.h"
+
+#include <ostream>
+#include <sstream>
+
+#include "table.h"
+
+std::vector<RefusalCount> readRefusals()
+{
+    std::istringstream answer(askPlatform("refusals"));
+    std::string line;
+    if (!std::getline(answer, line) || line != "refusals")
+        throw NoDaemon("malformed answer: no refusals");
+    std::vector<RefusalCount> found;
+    for (RefusalCount count = {}; answer >> count.reason; found.push_back(count))
+        if (!(answer >> count.place >> count.total >> count.lastHour &&
+              std::getline(answer >> std::ws, count.remedy)))
+            throw NoDaemon("malformed answer: a refusal");
+    return found;
+}
+
+ExitStatus showRefusals(const Context &context, std::span<const std::string>)
+{
+    Json list = Json::array();
+    std::vector<Words> rows = {
+        {"REASON", "INTERFACE", "TOTAL", "LAST-HOUR"}
+    };
+    std::string remedies, last;
+    for (const auto &[reason, place, total, lastHour, remedy] : readRefusals()) {
+        rows.push_back({reason, place, std::to_string(total), std::to_string(lastHour)});
+        list.push_back({
+            {"reason",    reason                                    },
+            {"interface", place == "-" ? Json(nullptr) : Json(place)},
+            {"total",     total                                     },
+            {"last-hour", lastHour                                  },
+            {"remedy",    remedy                                    }
+        });
+        if (last != reason)
+            remedies += "\n" + reason + ": " + remedy + "\n";
+        last = reason;
+    }
+    const ExitStatus status = print(context, list, rows, "nothing was refused");
+    if (!context.json)
+        context.out << remedies;
+    return status;
+}

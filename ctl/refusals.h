@@ -1,0 +1,17 @@
+// Messages of clients, bindings and settings that the daemon refused for want of room or of a port, by reason
+// and place, as the Linux platform counts them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct RefusalCount {
+    std::string reason, place; // "bindings-full"; an interface, "-" or "others"
+    uint64_t total;            // since the daemon's start
+    uint32_t lastHour;
+    std::string remedy;
+};
+
+// Throws NoDaemon where no platform can be asked.
+std::vector<RefusalCount> readRefusals();

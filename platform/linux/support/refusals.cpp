@@ -1,0 +1,185 @@
+#include "refusals.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <net/if.h>
+
+#include "report.h"
+
+namespace platform_linux
+{
+namespace
+{
+
+constexpr Ticks MINUTE = 60'000;
+constexpr int64_t HOUR = 60; // minutes
+
+struct Text {
+    const char *name, *remedy;
+};
+// By Refused. The log has the place in front of the remedy.
+constexpr Text TEXTS[] = {
+    {"bindings-full",
+     "the table of bindings is full: raise 'bindings N' in dhcpsnoop.conf (or --bindings N) and restart the daemon"      },
+    {"users-limit",     "the interface has as many bindings as it may: raise 'interface IF max-users N'"                 },
+    {"no-trusted-port",
+     "no trusted port that is up has the clients' VLAN: say 'bridge BRIDGE uplink IF' or 'interface IF trust on'"        },
+    {"no-relay-server", "the interface relays without a server: say 'interface IF relay-server ADDRESS'"                 },
+    {"interfaces-full",
+     "the table of interfaces is full: raise 'interfaces N' in dhcpsnoop.conf (or --interfaces N) and restart the daemon"},
+    {"guard-full",
+     "no room for another binding in the guard, its host stays cut off where it is guarded: raise 'bindings N' in "
+     "dhcpsnoop.conf (or --bindings N) and restart the daemon"                                                           },
+};
+static_assert(std::size(TEXTS) == REFUSALS);
+
+using Name = std::array<char, IFNAMSIZ>;
+
+// Refusals of one minute, counted from the machine's start.
+struct Minute {
+    int64_t number;
+    uint32_t count;
+};
+
+struct Place {
+    Name name;
+    Refused reason;
+    uint64_t total; // 0: free
+    int64_t latest; // minute
+    std::array<Minute, HOUR> minutes;
+
+    void add(Minute minute)
+    {
+        Minute &at = minutes[static_cast<size_t>(minute.number % HOUR)];
+        if (at.number < minute.number)
+            at = {minute.number, 0};
+        at.count += at.number == minute.number ? minute.count : 0;
+        total += minute.count;
+        latest = std::max(latest, minute.number);
+    }
+
+    uint32_t hour(int64_t now) const
+    {
+        uint32_t sum = 0;
+        for (const Minute &minute : minutes)
+            sum += now - minute.number < HOUR ? minute.count : 0;
+        return sum;
+    }
+};
+
+// A reason's next line.
+struct Line {
+    Ticks due; // not before
+    uint64_t count;
+    Name name;
+    bool elsewhere; // too
+};
+
+std::mutex mutex; // of all below
+std::array<Place, REFUSAL_PLACES> places;
+std::array<Place, REFUSALS> others;
+std::array<Line, REFUSALS> lines;
+std::atomic<bool> unsaid = false; // some line has a count
+
+Name name_of(const char *text)
+{
+    Name name = {};
+    strncpy(name.data(), text[0] != 0 ? text : REFUSAL_NO_PLACE, name.size() - 1);
+    return name;
+}
+
+// Those that have no room of their own.
+void merge(const Place &place)
+{
+    Place &into = others[static_cast<size_t>(place.reason)];
+    into.name = name_of(REFUSAL_ELSEWHERE);
+    into.reason = place.reason;
+    const uint64_t total = into.total + place.total;
+    for (const Minute &minute : place.minutes)
+        into.add(minute);
+    into.total = total;
+}
+
+Place &place_of(Refused reason, const Name &name)
+{
+    Place *oldest = places.data(); // or free
+    for (Place &place : places) {
+        if (place.total != 0 && place.reason == reason && place.name == name)
+            return place;
+        if (place.latest < oldest->latest)
+            oldest = &place;
+    }
+    if (oldest->total != 0)
+        merge(*oldest);
+    *oldest = {name, reason, 0, 0, {}};
+    return *oldest;
+}
+
+void log_due(Ticks now)
+{
+    bool left = false;
+    for (size_t reason = 0; reason < REFUSALS; reason++) {
+        Line &line = lines[reason];
+        if (line.count != 0 && now >= line.due) {
+            const bool named = strcmp(line.name.data(), REFUSAL_NO_PLACE) != 0;
+            platform_report(LOG_WARNING, "%s%s%s%s (refused: %llu)", named ? line.name.data() : "",
+                            line.elsewhere ? " and others" : "", named ? ": " : "", TEXTS[reason].remedy,
+                            static_cast<unsigned long long>(line.count));
+            line = {now + MINUTE, 0, {}, false};
+        }
+        left = left || line.count != 0;
+    }
+    unsaid = left;
+}
+
+} // namespace
+
+void refusal_count(Refused reason, const char *where, Ticks now)
+{
+    const std::scoped_lock lock(mutex);
+    const Name name = name_of(where);
+    place_of(reason, name).add({now / MINUTE, 1});
+    Line &line = lines[static_cast<size_t>(reason)];
+    line.elsewhere = line.elsewhere || (line.count != 0 && line.name != name);
+    line.name = name;
+    line.count++;
+    log_due(now);
+}
+
+void refusals_log(Ticks now)
+{
+    if (!unsaid)
+        return;
+    const std::scoped_lock lock(mutex);
+    log_due(now);
+}
+
+std::vector<RefusalCount> refusals(Ticks now)
+{
+    const std::scoped_lock lock(mutex);
+    std::vector<RefusalCount> found;
+    for (size_t reason = 0; reason < REFUSALS; reason++) {
+        const auto add = [&](const Place &place) {
+            if (place.total != 0 && static_cast<size_t>(place.reason) == reason)
+                found.push_back({TEXTS[reason].name, TEXTS[reason].remedy, place.name.data(), place.total,
+                                 place.hour(now / MINUTE)});
+        };
+        std::ranges::for_each(places, add);
+        add(others[reason]);
+    }
+    return found;
+}
+
+std::string refusals_text()
+{
+    std::string text;
+    for (const RefusalCount &count : refusals())
+        text += std::string(count.reason) + " " + count.place + " " + std::to_string(count.total) + " " +
+                std::to_string(count.lastHour) + " " + count.remedy + "\n";
+    return text;
+}
+
+} // namespace platform_linux

@@ -1,0 +1,50 @@
+// Messages of clients, bindings and settings that were refused because a table is full, a limit is reached or
+// a port is missing: counted by reason and place, and logged with the remedy, each reason once a minute at
+// most. The place is the interface by its name, because a tap that comes back has the same one. From any
+// thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "clock.h"
+
+namespace platform_linux
+{
+
+enum class Refused : uint8_t {
+    bindingsFull,   // no free entry for a binding or a waiting client
+    usersLimit,     // the interface has max-users bindings
+    noTrustedPort,  // no trusted port takes a client's message
+    noRelayServer,  // the interface relays, and has no server
+    interfacesFull, // no free entry for an interface that is to snoop
+    guardFull,      // no room for a rule in the guard
+};
+constexpr size_t REFUSALS = 6;
+
+constexpr size_t REFUSAL_PLACES = 64;               // those refused last
+constexpr const char *REFUSAL_NO_PLACE = "-";       // of none in particular
+constexpr const char *REFUSAL_ELSEWHERE = "others"; // places beyond REFUSAL_PLACES
+
+struct RefusalCount {
+    const char *reason, *remedy; // "bindings-full"; a sentence for the operator
+    std::string place;
+    uint64_t total;    // since the daemon's start
+    uint32_t lastHour; // up to now, by whole minutes
+};
+
+// Counts one refusal. An empty place reads as REFUSAL_NO_PLACE. Allocates nothing.
+void refusal_count(Refused reason, const char *place, Ticks now = ticks());
+
+// Logs the refusals of reasons whose minute is over. Called often; costs nothing when there are none.
+void refusals_log(Ticks now = ticks());
+
+// Each reason and place with a refusal, by reason.
+std::vector<RefusalCount> refusals(Ticks now = ticks());
+
+// The same as lines "REASON PLACE TOTAL LAST-HOUR REMEDY".
+std::string refusals_text();
+
+} // namespace platform_linux
