@@ -56,8 +56,6 @@ void hand_frame(const DhcpsnoopRxPkt &rx)
         fault("the record around a frame was written to");
 }
 
-// ---- the 256 states
-
 // The preset's bits: 0-2 how options 82, 18 and 37 are built: off, typed, raw, both with texts, template, the global one, an odd
 // mode; 3-4 what becomes of a client's own, 5 sub-option 9, 6 relaying interfaces, 7 everything that guards: checks, limits, hooks,
 // learning, the master's role, and the trace.
@@ -130,8 +128,6 @@ bool changed_since(const Bytes &before)
     return world_state() != now;
 }
 
-// ---- what must hold
-
 size_t get16(const uint8_t *p) { return size_t{p[0]} << 8 | p[1]; }
 
 // Of a frame whose headers came in true.
@@ -180,8 +176,6 @@ void hand_over(const Bytes &bytes, Use use)
     if (copy != bytes)
         fault("a buffer was written to");
 }
-
-// ---- the steps
 
 // Makes IP and UDP headers true, of a message to the server or back. False when there is no room for them.
 bool mend(Bytes &frame, size_t l2, bool reply)

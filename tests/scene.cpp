@@ -124,6 +124,7 @@ const Word WORDS[] = {
     {"static", [] { bind_host(DHCPSNOOP_USER_STATIC); }},
     {"ipsg", [] { bind_host(DHCPSNOOP_USER_IPSG); }},
     {"unreachable", [] { world.refuse("relay 10.0.0.254 10.1.1.1"); }},
+    {"hook", [] { gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback; }},
     {"learning", [] { gDhcpsnoop.serverLearn = 1; }},
     {"master", [] { world.role(DHCPSNOOP_ROLE_MASTER); }},
     {"slave", [] { world.role(DHCPSNOOP_ROLE_SLAVE); }},

@@ -81,9 +81,7 @@ const Step CARDS[] = {
     {"nobody else does; a master gives a subsystem everything; not its own", places(93) + "self 17;debug 2", card(93) + ";scalar 53 0;debug 1;" + card(93) + ";self 16;debug 0;" + card(93), "Receive subsystem:16 RTM_SUBSYSTEM_UP! / Receive subsystem:16 RTM_SUBSYSTEM_UP!; Send dhcpsnoop sync packet: len 720.; peer 0x80100002 12 in 720 bytes / "},
 };
 
-class Events : public Daemon
-{
-};
+using Events = Daemon;
 
 TEST_F(Events, Links) { check_steps(LINKS, start); }
 TEST_F(Events, CheckItems) { check_steps(CHECKS, start); }

@@ -299,13 +299,6 @@ TEST_F(Guard, RulesAndItems)
     });
 }
 
-// What a dead daemon trapped stays trapped: nobody closes anything.
-TEST_F(Guard, OutlivesTheDaemon)
-{
-    EXPECT_EQ(in_child([this] { play("restart, add p1 1, trap p1"), kill(getpid(), SIGKILL); }), "signal 9");
-    EXPECT_EQ(play("dhcp, restart, add p1 1, complete, dhcp, free p1, dhcp"), "held; " TRAPS_HOLD("1") "; held; passes");
-}
-
 TEST_F(Guard, IsOneDaemons)
 {
     const Fd other(open(pins_all().at(0).c_str(), O_RDONLY));

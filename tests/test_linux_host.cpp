@@ -147,8 +147,6 @@ TEST_F(Kernel, PortsOfTheModelFile)
     EXPECT_TRUE(platform_event_group_join(-1, 1) != 0 && platform_event_recv(-1, nullptr, 0, nullptr, nullptr) == -1);
 }
 
-// ---- Subscribers to the daemon's events
-
 std::string events_path() { return testing::TempDir() + "events." + std::to_string(getpid()) + "/socket"; }
 
 Fd subscribe()
@@ -222,8 +220,6 @@ TEST(Subscribers, GetEveryEventSinceTheyConnected)
     unlink(path.c_str());
     rmdir(path.substr(0, path.rfind('/')).c_str());
 }
-
-// ---- Standard streams and the system log
 
 // What a descriptor has now.
 std::string read_now(int fd)
@@ -333,8 +329,6 @@ TEST(Logging, ALogThatDoesNotReadStopsNothing)
         EXPECT_EQ(testing::internal::GetCapturedStderr() + log.all(), isJournal ? "28 disk 1" : "dhcpsnoop: disk 1\n28 disk 1");
     }
 }
-
-// ---- Processes of their own: what they print to standard error, and how they end
 
 // Nobody reads the pipe while the daemon traces a flood of frames and complains.
 TEST(Logging, TracingNeverWaitsForItsReader)

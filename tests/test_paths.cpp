@@ -144,7 +144,6 @@ const Word WORDS[] = {
     {"mode4", [] { set_flag_field(dhcpsnoop_if_lookup(1), DHCPSNOOP_IF_MODE, 4); }},
     {"global4", [] { gDhcpsnoop.remoteIdFmt.mode = 4, gDhcpsnoop.circuitIdFmt.mode = 3; }},
     {"boot", [] { world.bootFile = text_bytes("boot.bin"), world.option125 = text_bytes("x"); }},
-    {"hook", [] { gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback; }},
 };
 
 const Row ROWS[] = {
@@ -209,11 +208,13 @@ TEST_F(Server, RemoteIdAtTheEndOfTheMessage)
     }
 }
 
-// A whole exchange, message by message, as a client, a server and the switch between them see them.
+// Whole exchanges, message by message, as a client, a server and the switch between them see them.
 const Bytes ID82 = hex_bytes("52 14 01 08 00 06 00 0a 01 00 00 01 02 08 00 06 02 00 00 00 01 01"), BY_SERVER = opt_ip(54, SERVER);
+constexpr uint32_t SECOND = ip4(10, 3, 3, 3); // relay server
+#define ALL_CHECKS "port3 port4 option82 mac-check check guarded"
 
 const Row EXCHANGES[] = {
-    {"DISCOVER to the server's port alone, with option 82", "port3 port4 option82 mac-check check guarded", {.type = DISCOVER, .address = 0}, "2 308", "", ID82},
+    {"DISCOVER to the server's port alone, with option 82", ALL_CHECKS, {.type = DISCOVER, .address = 0}, "2 308", "", ID82},
     {"OFFER: nobody knows yet where the client is", THEN, {.type = OFFER}, "1 298, 3 298"},
     {"REQUEST: provisional, not in hardware", THEN, {.more = BY_SERVER}, "2 320 | .50 asked 1/10 by .1", "", BY_SERVER + ID82},
     {"ACK: bound, enforced, without option 82, to the client alone", THEN, {.type = ACK, .more = ID82}, "1 298, hw +1 .50 f0/80 | .50 bound 1/10 hw 80 by .1", "", Bytes{}},
@@ -223,6 +224,11 @@ const Row EXCHANGES[] = {
     {"a rogue's ACK", THEN, {.type = ACK, .arrival = Arrival{.port = 3}, .after = 9, .lease = 9}, " | .50 bound 1/10 9s ago hw 80 by .1 | 3 drops untrusted 1", "Port is untrust,stop process!"},
     {"to the last second", THEN, {.type = 0, .after = 3589}, " | .50 bound 1/10 3598s ago hw 80 by .1 | 3 drops untrusted 1"},
     {"run out", THEN, {.type = 0, .after = 60}, "hw -1 .50 f0/80 | 3 drops untrusted 1"},
+    // two servers behind the relay
+    {"a relayed DISCOVER", ALL_CHECKS " relay", {.type = DISCOVER, .address = 0}, "relay 10.0.0.254 10.1.1.1:67 266, relay 10.0.0.254 10.3.3.3:67 266 | waits 1", "Giaddr is zero, set giaddr to 10.0.0.254.|Send message from 10.0.0.254 to 10.1.1.1, length 266.", ID82},
+    {"the second server's OFFER", THEN, {.type = OFFER, .giaddr = RELAY, .more = ID82, .server = SECOND}, "1 298 | waits 1", "", Bytes{}, "client"},
+    {"is taken", THEN, {.more = opt_ip(54, SECOND)}, "relay 10.0.0.254 10.1.1.1:67 278, relay 10.0.0.254 10.3.3.3:67 278 | .50 asked 1/10 by .3", "", opt_ip(54, SECOND) + ID82},
+    {"and acknowledged", THEN, {.type = ACK, .giaddr = RELAY, .more = ID82, .server = SECOND, .lease = 600}, "1 298, hw +1 .50 f0/80 | .50 bound 1/10 600s hw 80 by .3", "", Bytes{}, "client"},
 };
 
 TEST_F(Server, Exchanges) { check_rows(EXCHANGES, WORDS); }

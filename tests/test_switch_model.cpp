@@ -52,8 +52,6 @@ std::string play(SwitchModel &model, const std::string &messages)
     return outcome(events, complete);
 }
 
-// ---- Link messages
-
 #define LINK(number, name) "new " #number " name=" name " mac=02000000010" #number " in=2 info{ slave=bridge };"
 #define FILTERING(number) "new " #number " name=br info{ kind=bridge data{ filter=1 tpid=8100 } };"
 #define TWO FILTERING(2) LINK(3, "p") "port 3 in=2 protinfo{ state=3 number=1 } spec{ vlan=99pu };"
@@ -112,8 +110,6 @@ TEST(Links, ADatagramOfSeveralMessagesOneOfWhichIsNoMultipleOfFour)
     model.feed(link_message(FILTERING(2)) + odd + link_message(LINK(5, "r")), events);
     EXPECT_EQ(describe(model.ports()), "r#0 0 t u up disabled");
 }
-
-// ---- Answers
 
 const std::map<std::string, uint32_t> NAMES = {{"acc", 3}, {"trk", 4}, {"rtd", 5}, {"agg", 6}, {"mem", 7}, {"blk", 8}, {"dwn", 9}, {"v10", 10}, {"other", 11}, {"nothing", 4711}};
 

@@ -46,9 +46,7 @@ const Step STEPS[] = {
     {"taking over; a binding that goes", KNOWN + ADD + ";scalar 53 0;debug 2", "peer " + GONE + ";debug 0;user.set 9 .50 = 6", "running role of the dhcpsnoop changed from Slave to Master. | global role=1 / ok; offer .32/09 6; 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50; hw -1 .0 00/80; hw -1 .0 00/00; peer 0x80000003 01 00 %56 01 00 00 00 0a 00 00 32 00 00 00 00 00 00 00 00 00 00 00 00 %0 %0 =0 =0 =0 00 00 00 00 %0 00 00 00 00 00 00 =0 =0 | -10.0.0.50 | if1 cur=1 | if110 cur=1"},
 };
 
-class Sync : public Daemon
-{
-};
+using Sync = Daemon;
 
 TEST_F(Sync, RolesAndRecords) { check_steps(STEPS, start); }
 

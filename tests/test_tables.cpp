@@ -1,4 +1,4 @@
-// The interface table (order, capacity, switching on and off, versions, the hardware trap) and the servers that
+// The interface table (order, switching on and off, versions, the hardware trap) and the servers that
 // were heard.
 #include "scene.h"
 
@@ -73,23 +73,6 @@ TEST_F(Tables, Interfaces)
         {"add both; add neither, delete neither; a refused IPv4 ends it; a refused IPv6 is the result; any other state deletes; an IPv4 failure goes on, and is forgotten when IPv6 succeeds", series({traps(3, 1), traps(0, 1) + traps(0, 0), traps(3, 1, 4, 6), traps(3, 1, 0, 6), traps(1, 2), traps(3, 0, 4)}), "0 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24 / 0 0  / 4 qorIfSetApi 10 305 23|Add dhcp acl failed! / 6 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24|Add dhcpv6 acl failed! / 0 qorIfSetApi 10 306 23 / 0 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!"},
         {"both fail; IPv4 alone fails", series({traps(3, 0, 4, 6), traps(1, 0, 4)}), "6 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!|Delete dhcpv6 acl failed!" ACL " / 4 qorIfSetApi 10 306 23|Delete dhcp acl failed!" ACL},
     });
-}
-
-TEST_F(Tables, InterfaceByInterface)
-{
-    three_interfaces();
-    debug(1);
-    for (const uint32_t ifIndex : {30u, 10u, 20u})
-        snoop(ifIndex);
-    const std::string before = world_state();
-    EXPECT_EQ(enable(40), "12: 10 20 30 ; Failed to allocate memory for interface 40.");
-    EXPECT_EQ(world_state(), before);
-    // By VLAN: the first in the list, no port even when its VLAN bits match, the low 16 bits of the number.
-    for (const uint32_t ifIndex : {10u, 20u, 30u})
-        set_flag_field(dhcpsnoop_if_lookup(ifIndex), DHCPSNOOP_IF_VID, 10);
-    dhcpsnoop_if_lookup(20)->isVlanIf = dhcpsnoop_if_lookup(30)->isVlanIf = 1;
-    EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(10) == dhcpsnoop_if_lookup(20) && dhcpsnoop_if_lookup_by_vid(0x1000A) == dhcpsnoop_if_lookup(20));
-    EXPECT_TRUE(dhcpsnoop_if_lookup_by_vid(11) == nullptr && dhcpsnoop_if_lookup_by_vid(0x100A) == nullptr && dhcpsnoop_if_lookup(11) == nullptr);
 }
 
 } // namespace

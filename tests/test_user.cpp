@@ -20,17 +20,8 @@ const Word WORDS[] = {
     {"two-in-vlan", [] { port(110)->maxUser = 2; }},
     {"asked", [] { make_binding(HOST, MAC_CLIENT, 1, 10)->bindState = DHCPSNOOP_BIND_REQUESTED, binding(HOST)->leaseTime = 60, binding(HOST)->vendorTag = 99; }},
     {"gateway", [] { memcpy(&binding(HOST)->gateway, Bytes{10, 0, 0, 254}.data(), 4); }},
-    {"hook", [] { gDhcpsnoop.deftinstallCb = deftinstall_client_entry_callback; }},
     {"ipv6", [] { make_binding("a00:32::", MAC_CLIENT, 1, 10)->gateway = 9; }},
 };
-
-// The line of the daemon's state that begins so.
-std::string state_of(const std::string &name)
-{
-    const std::string state = world_state();
-    const size_t at = state.find(name);
-    return at == std::string::npos ? "none" : state.substr(at, state.find('\n', at) - at);
-}
 
 const Arrival IN_VLAN20 = {.outer = 20}, ON_VLAN = {.port = 3, .outer = 20, .inIf = 110};
 #define ASKED "| .50 asked 1/10 10s ago"
@@ -78,7 +69,7 @@ TEST_F(User, LearnedAndDeletedDirectly)
         return (log.empty() ? "" : log[0]) + calls_summary() + users();
     };
     check({
-        {"on a VLAN interface, from a port with an entry; on a VLAN interface, from a trusted port; no room; every field; told", series({learn("vlan-if", {.outer = 20, .inIf = 110}), learn("vlan-if trusted", {.inIf = 110}), learn("no-users", {}), (learn("", {}), state_of("10.0.0.50")), world.texts(Did::Log).at(0)}), "0 | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN / 0 | 0 users, 0 in the VLAN / -1 | 0 users / 10.0.0.50 vid=10 orig=10 if=1 lease=60 type=1 state=4 mark#30 tag#63 server#a000001 mac:02c100000001 / 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 10, leasetime 60.\r\n"},
+        {"on a VLAN interface, from a port with an entry; on a VLAN interface, from a trusted port; no room; every field; told", series({learn("vlan-if", {.outer = 20, .inIf = 110}), learn("vlan-if trusted", {.inIf = 110}), learn("no-users", {}), (learn("", {}), parts(world_state(), '\n').at(2)), world.texts(Did::Log).at(0)}), "0 | .50 asked 1/10 by .1 | 1 users, 1 in the VLAN / 0 | 0 users, 0 in the VLAN / -1 | 0 users / 10.0.0.50 vid=10 orig=10 if=1 lease=60 type=1 state=4 mark#30 tag#63 server#a000001 mac:02c100000001 / 7 1 [DHCPSNOOP] Add dynamic dhcpsnoop entry: ip 10.0.0.50, mac 02:c1:00:00:00:01, interface swp1, vlan 10, leasetime 60.\r\n"},
         {"dynamic; IPv6 is not announced; nor a static one, nor is it counted; nor one of IP source guard", series({deleted("hook vlan-if bound"), deleted("hook ipv6"), deleted("hook bound static gateway").substr(0, 62), deleted("hook bound ipsg gateway")}), "7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip 10.0.0.50\r\n | 0 users, 0 in the VLAN / 7 1 [DHCPSNOOP] Delete dynamic dhcpsnoop entry: ip a00:32::\r\n | 0 users / 7 1 [DHCPSNOOP] Delete static dhcpsnoop entry: ip 10.0.0.50\r\n  / 7 1 [DHCPSNOOP] Delete other dhcpsnoop entry: ip 10.0.0.50\r\n | .50 bound 1/10 | 1 users"},
     });
     prepare("");
@@ -114,9 +105,10 @@ TEST_F(User, MacUsers)
     prepare("vlan-if no-users");
     Parsed first(Frame{.chaddr = a, .options = opt_type(3) + opt_ip(54, 77) + OPT_END}), second(Frame{.chaddr = b}, ON_VLAN);
     first.info.rxTime = second.info.rxTime = 1234;
+    const std::string before = world_state();
     DhcpsnoopMacUser *one = dhcpsnoop_mac_user_add(&first.info), *two = dhcpsnoop_mac_user_add(&second.info);
-    EXPECT_EQ(state_of("waiting/000000000201"), "waiting/000000000201 vid=10 if=3 age=120 seen=1234") << "in the place of the client";
-    EXPECT_EQ(state_of("waiting/000000000102"), "waiting/000000000102 vid=10 if=1 age=120 seen=1234 server#4d") << "whatever the limits say";
+    // In the place of the client, whatever the limits say.
+    EXPECT_EQ(world_changes(before), " | +waiting/000000000102 vid=10 if=1 age=120 seen=1234 server#4d | +waiting/000000000201 vid=10 if=3 age=120 seen=1234");
     DhcpsnoopMacUser *again = dhcpsnoop_mac_user_add(&first.info); // duplicates are the caller's affair; the newest is found
     EXPECT_TRUE(dhcpsnoop_mac_user_lookup(a.data()) == again && dhcpsnoop_mac_user_lookup(b.data()) == two);
     dhcpsnoop_mac_user_delete(again);
