@@ -223,13 +223,16 @@ TEST(Ctl, WordsReadBack)
     }
 }
 
-TEST(Ctl, SettingsOfAnInterfaceAreShown)
+TEST(Ctl, SettingsAreTakenAndShown)
 {
     start(); // and every setting at a value that it does not have at first
     must("snooping on;trust on;option82 on;option82-policy drop;option82-mode 9;circuit-id template %s.%c.%d:%N", A);
     must("remote-id raw type 4 hex 00ff27;subopt9 on;subopt9-text it's;option18 on;interface-id format 1 text %s;option37 on", A);
     must("remote-id6 text switch-7;source-mac-check on;binding-check on;max-users 50;relay-address 10.0.0.1;flag14 on;setting21 65535", A);
     must("relay-server 192.0.2.1 add;relay-server 192.0.2.2 add;relay-server 192.0.2.3 add", A);
+    must("server-learning on;enterprise-number 4711;hardware-notify on;snooping on;vlan 10 snooping on;vlan 10 max-users 7");
+    must("binding add 2001:db8::1 mac 02:00:00:00:00:06 unbound");
+    must("binding add 10.0.0.6 mac 02:00:00:00:00:07 unbound;binding bind 10.0.0.6"); // in force without VLAN and interface
     auto shown = nlohmann::json::parse(run("show " + A + "--json").out);
     shown.erase("users");
     EXPECT_EQ(shown, nlohmann::json::parse(R"({

@@ -69,10 +69,22 @@ TEST_F(Tables, Interfaces)
         {"a port in bridge mode; in router mode; a mode word of 2 is called router, but the bit is clear", series({enabled([](WorldPort &) {}), enabled([](WorldPort &p) { p.workMode = 1; }), enabled([](WorldPort &p) { p.workMode = 2; })}), series({"0: 10 qorIfSetApi 10 305 23" + mode + bridge + " flags#80c00000", "0: 10 qorIfSetApi 10 305 23" + mode + router + " flags#80c00002", "0: 10 qorIfSetApi 10 305 23" + mode + router + " flags#80c00000"})},
         {"a VLAN interface; only 12 bits of its VLAN are taken; nothing answered; a VLAN interface whose VLAN is not answered", series({enabled([](WorldPort &p) { p.isVlanIf = true, p.vid = 0xF00A; }), enabled([](WorldPort &p) { p.isVlanIf = true, p.workMode = 1; for (const char *attribute : {"33", "193", "417", "5400"}) world.refuse(std::string("qorIfGetApi 10 ") + attribute); }), enabled([](WorldPort &p) { p.isVlanIf = true, world.refuse("qorIfGetApi 10 5400"); })}), series({"0: 10 qorIfSetApi 10 305 23" + mode + bridge + " vlanIf=1 flags#80c00028", "0: 10 qorIfSetApi 10 305 23" + mode + bridge.substr(0, bridge.find(" mac")) + " max=32768 s21=100 flags#80c00000", "0: 10 qorIfSetApi 10 305 23" + mode + bridge + " vlanIf=1 flags#80c00000"})},
         {"sorted; equal indexes in their order; a trusted interface gains IPv6 and loses its trust; it loses IPv4", series({enable(30).substr(0, 33), enable(10).substr(0, 36), version(1, 3, DHCPSNOOP_IF_TRUSTED), version(3, 2)}), series({"0: 10 30 qorIfSetApi 30 305 23; N", "0: 10 10 30 qorIfSetApi 10 305 23; N", "0 21000000 Interface trust state is changed!\n\rqorIfSetApi 10 305 24; " + on6, "0 800000 qorIfSetApi 10 306 23; " + off4})},
+        {"one too many", (three_interfaces(), debug(1), snoop(10), snoop(20), snoop(30), enable(40)), "12: 10 20 30 ; Failed to allocate memory for interface 40."},
         {"one for the other, IPv4 first; the other way round; Kept: the same version touches nothing but clears the trust", series({version(1, 2), version(2, 1), version(1, 5, DHCPSNOOP_IF_TRUSTED)}), series({"0 1800000 qorIfSetApi 10 306 23, qorIfSetApi 10 305 24; " + off4 + "|" + on6, "0 1800000 qorIfSetApi 10 305 23, qorIfSetApi 10 306 24; " + on4 + "|" + off6, "0 20000000 Interface trust state is changed!\n\r; "})},
         {"add both; add neither, delete neither; a refused IPv4 ends it; a refused IPv6 is the result; any other state deletes; an IPv4 failure goes on, and is forgotten when IPv6 succeeds", series({traps(3, 1), traps(0, 1) + traps(0, 0), traps(3, 1, 4, 6), traps(3, 1, 0, 6), traps(1, 2), traps(3, 0, 4)}), "0 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24 / 0 0  / 4 qorIfSetApi 10 305 23|Add dhcp acl failed! / 6 qorIfSetApi 10 305 23, qorIfSetApi 10 305 24|Add dhcpv6 acl failed! / 0 qorIfSetApi 10 306 23 / 0 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!"},
         {"both fail; IPv4 alone fails", series({traps(3, 0, 4, 6), traps(1, 0, 4)}), "6 qorIfSetApi 10 306 23, qorIfSetApi 10 306 24|Delete dhcp acl failed!|Delete dhcpv6 acl failed!" ACL " / 4 qorIfSetApi 10 306 23|Delete dhcp acl failed!" ACL},
     });
+}
+
+TEST_F(Tables, InterfaceOfAVlan)
+{
+    three_interfaces();
+    for (const uint32_t ifIndex : {10u, 20u, 30u})
+        set_flag_field(snoop(ifIndex), DHCPSNOOP_IF_VID, 10);
+    dhcpsnoop_if_lookup(20)->isVlanIf = dhcpsnoop_if_lookup(30)->isVlanIf = 1;
+    // The first in the list, no port even when its VLAN bits match, the low 16 bits of the number.
+    for (const auto &[vid, ifIndex] : std::map<uint32_t, uint32_t>{{10, 20}, {0x1000A, 20}, {11, 0}, {0x100A, 0}})
+        EXPECT_EQ(dhcpsnoop_if_lookup_by_vid(vid), dhcpsnoop_if_lookup(ifIndex)) << vid;
 }
 
 } // namespace
