@@ -10,12 +10,9 @@
 
 #include "acknowledged.h"
 #include "guard.h"
-#include "list.h"
-#include "management.h"
 #include "model.h"
 #include "platform.h"
 #include "redundancy.h"
-#include "refusals.h"
 #include "relay_socket.h"
 #include "report.h"
 #include "subscribers.h"
@@ -83,24 +80,6 @@ int32_t get_nested(const Port &port, QorNestedGet *get)
         *get->answer = ports;
     get->count = get->answer != nullptr && get->count != 0 ? 1 : 0;
     return 0;
-}
-
-bool snoops(uint32_t ifIndex)
-{
-    for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
-        if (ifp->ifIndex == ifIndex)
-            return true;
-    return false;
-}
-
-bool creates(uint32_t action) { return action == USER_ACTION_CREATE || action == USER_ACTION_CREATE_ALSO; }
-
-bool has_binding(const DhcpsnoopUserKey &key)
-{
-    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash))
-        if (memcmp(&user->key, &key, sizeof key) == 0)
-            return true;
-    return false;
 }
 
 int32_t set_binding(uint32_t ifIndex, const QorIfRequest *request)
@@ -297,38 +276,6 @@ uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
     default:
         return 0;
     }
-}
-
-// Settings need no more than the daemon's own state.
-int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
-{
-    // Rules that the bindings do not take over belong to bindings that were deleted on a standby.
-    if (code == QOR_SYNC_GLOBAL + GLOBAL_HW_NOTIFY && redundancy_takeover_begins())
-        bindings_hold_all();
-    if (code != QOR_SYNC_GLOBAL + GLOBAL_SYNC_PACKET)
-        return 0;
-    return data != nullptr ? redundancy_sync(*static_cast<const QorBuffer *>(data)) : EINVAL;
-}
-
-// What is accepted here is refused by the daemon when its table is full.
-int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t)
-{
-    if (code == QOR_SYNC_IF + IF_ENABLE && value != nullptr && *static_cast<const uint32_t *>(value) == 1 &&
-        list_empty(&gDhcpsnoop.ifFreeList) && !snoops(ifIndex)) {
-        const Port *port = model_port(ifIndex);
-        refusal_count(Refused::interfacesFull, port != nullptr ? port->name : "");
-    }
-    return 0;
-}
-
-int32_t qorHwDhcpSnoopUserSync(const void *key, uint32_t code, void *value, uint32_t)
-{
-    if (code == QOR_SYNC_USER + USER_ACTION && value != nullptr &&
-        creates(*static_cast<const uint32_t *>(value)) && list_empty(&gDhcpsnoop.userFreeList) &&
-        !has_binding(*static_cast<const DhcpsnoopUserKey *>(key)))
-        refusal_count(Refused::bindingsFull, "");
-    redundancy_binding_changed();
-    return 0;
 }
 
 // A box without cards and slots: nothing is in any of them.

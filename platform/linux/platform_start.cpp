@@ -146,7 +146,7 @@ int platform_linux_start()
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
-    return redundancy_start(redundancy) ? 0 : EX_CONFIG;
+    return redundancy_start(redundancy, roomOfPools.bindings) ? 0 : EX_CONFIG;
 }
 
 } // namespace platform_linux

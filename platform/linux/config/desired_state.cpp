@@ -280,7 +280,8 @@ void work_port(const Port &port)
     settle(id.ifIndex, made);
     for (const Difference &other : reconcile_port_bindings(running.config, *core, id, Make::yes))
         made.push_back(other);
-    if (const std::string lines = lines_text(id); !lines.empty() && !made.empty())
+    const bool hasRoom = std::ranges::none_of(made, &Difference::noRoom);
+    if (const std::string lines = lines_text(id); !lines.empty() && !made.empty() && hasRoom)
         platform_report(LOG_INFO, "%s %s: %s applied", port.name, isNew ? "appeared" : "changed",
                         lines.c_str());
     for (const Difference &difference : made)

@@ -110,9 +110,10 @@ bool directory_exists(const std::string &file)
 }
 } // namespace
 
-bool redundancy_start(const RedundancyConf &conf)
+bool redundancy_start(const RedundancyConf &conf, uint32_t bindings)
 {
     auto state = std::make_unique<UnitShared>();
+    state->room = bindings;
     state->wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     auto thread = std::make_unique<UnitThread>(*state, model_role(), DHCPSNOOP_SOCKET_PATH);
     if (conf.peer && !thread->open_peer(*conf.peer))

@@ -13,8 +13,8 @@ namespace platform_linux
 {
 
 // Reads the journal and starts the thread. The model must be loaded. False, with a report, when the daemon
-// must not run.
-bool redundancy_start(const RedundancyConf &conf);
+// must not run. The daemon has room for `bindings`.
+bool redundancy_start(const RedundancyConf &conf, uint32_t bindings);
 
 // The daemon's role now. That of the configuration while the thread does not run.
 DhcpsnoopRole redundancy_role();

@@ -2,7 +2,10 @@
 // while it is a standby.
 #include "unit_thread.h"
 
+#include <algorithm>
 #include <cstring>
+
+#include "refusals.h"
 
 namespace platform_linux
 {
@@ -20,6 +23,20 @@ AdrRequest act_on(const UnitRecord &record, uint32_t action)
         FUNC_USER_SET, USER_ACTION, AdrUserKey{record.ipType, std::to_array(record.address)},
           action
     };
+}
+
+// A standby drops the records that find no room. Only sums are compared: the daemon tells nobody which.
+void UnitThread::count_refused()
+{
+    size_t given = 0;
+    if (table_.held().size() > shared_.room)
+        given = static_cast<size_t>(std::ranges::count_if(table_.held(), [](const auto &entry) {
+            return entry.second.record.type == SYNC_USER && !entry.second.place.waits();
+        }));
+    const size_t refused = given > shared_.room ? given - shared_.room : 0;
+    if (refused > refused_)
+        refusal_count(Refused::bindingsFull, "", ticks(), static_cast<uint32_t>(refused - refused_));
+    refused_ = refused;
 }
 
 void UnitThread::deliver()
@@ -46,6 +63,8 @@ void UnitThread::deliver()
         }
         toDaemon_.pop_front();
     }
+    if (toDaemon_.empty())
+        count_refused();
     if (used == 0)
         return;
     step_ = Step::deliver;

@@ -62,7 +62,8 @@ struct UnitShared {
     std::atomic<bool> copyWanted = false;     // asked of the daemon, not begun
     std::atomic<bool> bindingChanged = false; // by management
     std::atomic<int> eventSocket = -1;
-    int wakeup = -1; // an eventfd
+    int wakeup = -1;            // an eventfd
+    uint32_t room = UINT32_MAX; // for bindings in the daemon
 
     std::mutex portsMutex;
     UnitPorts ports; // once the daemon has handled the events of their changes
@@ -117,6 +118,7 @@ class UnitThread
     // unit_role.cpp
     void advance();
     void deliver();
+    void count_refused();
     void enforce();
     void withdraw();
     void take_over(DhcpsnoopRole target);
@@ -181,6 +183,7 @@ class UnitThread
     bool copyForPeer_ = false; // the peer knows of copy_
     bool peerCopies_ = false;  // a full copy of the peer's is under way
     uint32_t peerCopyRecords_ = 0;
+    size_t refused_ = 0; // bindings for which the daemon has no room
     uint64_t sent_ = 0, received_ = 0, dropped_ = 0;
     Ticks dirtySince_ = NEVER, expireAt_ = 0;
     Ticks clockWait_ = NEVER;  // until then the journal's leases wait for the clock

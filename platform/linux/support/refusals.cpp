@@ -137,15 +137,15 @@ void log_due(Ticks now)
 
 } // namespace
 
-void refusal_count(Refused reason, const char *where, Ticks now)
+void refusal_count(Refused reason, const char *where, Ticks now, uint32_t number)
 {
     const std::scoped_lock lock(mutex);
     const Name name = name_of(where);
-    place_of(reason, name).add({now / MINUTE, 1});
+    place_of(reason, name).add({now / MINUTE, number});
     Line &line = lines[static_cast<size_t>(reason)];
     line.elsewhere = line.elsewhere || (line.count != 0 && line.name != name);
     line.name = name;
-    line.count++;
+    line.count += number;
     log_due(now);
 }
 

@@ -35,8 +35,8 @@ struct RefusalCount {
     uint32_t lastHour; // up to now, by whole minutes
 };
 
-// Counts one refusal. An empty place reads as REFUSAL_NO_PLACE. Allocates nothing.
-void refusal_count(Refused reason, const char *place, Ticks now = ticks());
+// Counts refusals. An empty place reads as REFUSAL_NO_PLACE. Allocates nothing.
+void refusal_count(Refused reason, const char *place, Ticks now = ticks(), uint32_t number = 1);
 
 // Logs the refusals of reasons whose minute is over. Called often; costs nothing when there are none.
 void refusals_log(Ticks now = ticks());
