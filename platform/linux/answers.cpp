@@ -6,15 +6,14 @@
 #include <cstdio>
 #include <cstring>
 #include <sys/utsname.h>
-#include <utility>
 
 #include "acknowledged.h"
 #include "guard.h"
 #include "model.h"
 #include "platform.h"
 #include "redundancy.h"
+#include "refusals.h"
 #include "relay_socket.h"
-#include "report.h"
 #include "subscribers.h"
 #include "switch_model.h"
 #include "taken_frame.h"
@@ -24,8 +23,6 @@ using namespace platform_linux;
 
 namespace
 {
-
-bool floodTooSmall = false; // and reported
 
 utsname machine()
 {
@@ -213,9 +210,7 @@ int32_t qorVlanGetApi(uint32_t vid, uint32_t attribute, QorBuffer *list)
         if (!port.sends(vid))
             continue;
         if (used + sizeof ifIndex > list->length) {
-            if (!std::exchange(floodTooSmall, true))
-                platform_report(LOG_WARNING, "VLAN %u has more than %u ports: floods miss the last ones", vid,
-                                used / 4);
+            refusal_count(Refused::floodLimit, interface != nullptr ? interface->name : "");
             break;
         }
         memcpy(out + used, &ifIndex, sizeof ifIndex);

@@ -21,19 +21,17 @@ struct Text {
     const char *name, *remedy;
 };
 // By Refused. The log has the place in front of the remedy.
+// clang-format off
 constexpr Text TEXTS[] = {
-    {"bindings-full",
-     "the table of bindings is full: raise 'bindings N' in dhcpsnoop.conf (or --bindings N) and restart the daemon"      },
-    {"users-limit",     "the interface has as many bindings as it may: raise 'interface IF max-users N'"                 },
-    {"no-trusted-port",
-     "no trusted port that is up has the clients' VLAN: say 'bridge BRIDGE uplink IF' or 'interface IF trust on'"        },
-    {"no-relay-server", "the interface relays without a server: say 'interface IF relay-server ADDRESS'"                 },
-    {"interfaces-full",
-     "the table of interfaces is full: raise 'interfaces N' in dhcpsnoop.conf (or --interfaces N) and restart the daemon"},
-    {"guard-full",
-     "no room for another binding in the guard, its host stays cut off where it is guarded: raise 'bindings N' in "
-     "dhcpsnoop.conf (or --bindings N) and restart the daemon"                                                           },
+    {"bindings-full", "the table of bindings is full: raise 'bindings N' in dhcpsnoop.conf (or --bindings N) and restart the daemon"},
+    {"users-limit", "the interface has as many bindings as it may: raise 'interface IF max-users N'"},
+    {"no-trusted-port", "no trusted port that is up has the clients' VLAN: say 'bridge BRIDGE uplink IF' or 'interface IF trust on'"},
+    {"no-relay-server", "the interface relays without a server: say 'interface IF relay-server ADDRESS'"},
+    {"interfaces-full", "the table of interfaces is full: raise 'interfaces N' in dhcpsnoop.conf (or --interfaces N) and restart the daemon"},
+    {"guard-full", "no room for another binding in the guard, its host stays cut off where it is guarded: raise 'bindings N' in dhcpsnoop.conf (or --bindings N) and restart the daemon"},
+    {"flood-limit", "replies to unknown clients reach the first 64 ports of the VLAN only: let its ports snoop instead of its interface"},
 };
+// clang-format on
 static_assert(std::size(TEXTS) == REFUSALS);
 
 using Name = std::array<char, IFNAMSIZ>;

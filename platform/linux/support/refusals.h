@@ -21,8 +21,9 @@ enum class Refused : uint8_t {
     noRelayServer,  // the interface relays, and has no server
     interfacesFull, // no free entry for an interface that is to snoop
     guardFull,      // no room for a rule in the guard
+    floodLimit,     // a VLAN has more ports than a flood reaches
 };
-constexpr size_t REFUSALS = 6;
+constexpr size_t REFUSALS = 7;
 
 constexpr size_t REFUSAL_PLACES = 64;               // those refused last
 constexpr const char *REFUSAL_NO_PLACE = "-";       // of none in particular
