@@ -27,10 +27,10 @@ ExitStatus complete(const Context &context, std::span<const std::string> argumen
 constexpr char BINDING_FILTERS[] =
     "[interface IF] [vlan VID] [mac MAC] [address ADDRESS] [type dynamic|static] [state STATE]";
 
-constexpr char GUARD_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [family 4|6|both] [off] [exempt]";
-constexpr char GUARD_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [family 4|6|both] [off]";
-constexpr char CHECK_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [off] [exempt]";
-constexpr char CHECK_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [off]";
+constexpr char GUARD_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [family 4|6|both] [off] [exempt] [--force]";
+constexpr char GUARD_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [family 4|6|both] [off] [--force]";
+constexpr char CHECK_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [off] [exempt] [--force]";
+constexpr char CHECK_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [off] [--force]";
 
 constexpr char BINDING_VALUES[] =
     "ADDRESS [mac MAC] [vlan VID] [interface IF] [attribute N] [unbound] [--force]";

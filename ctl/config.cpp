@@ -14,9 +14,9 @@
 
 #include "binding_view.h"
 #include "command.h"
+#include "cut_off.h"
 #include "fd.h"
 #include "reconcile.h"
-#include "switch_model.h"
 
 using namespace platform_linux;
 
@@ -104,14 +104,8 @@ void writeFile(const std::string &name, const std::string &text)
 // The ports as the daemon sees them.
 std::vector<PortId> ports(const Config &config)
 {
-    SwitchModel model;
-    DaemonEvents unused;
-    model.configure(config.model);
-    if (!model_dump(model, unused))
-        throw CtlError(EXIT_REFUSED,
-                       std::string("the kernel's links cannot be listed: ") + std::strerror(errno));
     std::vector<PortId> found;
-    for (const auto &[ifIndex, port] : model.ports())
+    for (const auto &[ifIndex, port] : portsNow(config.model))
         found.push_back(port_id(port));
     return found;
 }
@@ -289,6 +283,40 @@ void noteAbsent(const File &file, const Context &context)
     }
 }
 
+// Hosts that a guard of the file would cut off, where it does not stand already.
+void noteCutOff(const File &file, const Context &context)
+{
+    const Config &config = file.config;
+    const Ports ports = portsNow(config.model);
+    std::string unused;
+    guard_config_open(unused);
+    CutOff cutOff(context.daemon, isDaemonRunning(context.daemon));
+    for (const BindingLine &line : config.bindingLines)
+        cutOff.add(line.binding);
+    const auto note = [&](uint32_t line, const GuardPlace &place, const GuardPlan &plan) {
+        const guard_items now = guard_config_get(place);
+        if (plan.guard == GuardWords{guard_wanted(now, GuardFeature::ipSourceGuard),
+                                     guard_wanted(now, GuardFeature::arpInspection)})
+            return;
+        for (const std::string &warning : cutOff.warnings(plan, wantedSnooping(config, ports, plan.port)))
+            context.err << file.name << ':' << line << ": note: " << warning << '\n';
+    };
+    for (const auto &[ifIndex, port] : ports) {
+        if (port.vlan != 0 || port.aggregate != 0)
+            continue;
+        const WantedPort wanted = wanted_port(config, port_id(port));
+        note(std::max(wanted.ip.source.line, wanted.arp.source.line),
+             {
+                 false, ifIndex
+        },
+             {port, 0, {wanted.ip.value, wanted.arp.value}});
+        for (const VlanLine &line : config.vlans)
+            if (port.members[line.vid] && wanted.ip.value == 0 && wanted.arp.value == 0)
+                note(line.line, {true, line.vid},
+                     {port, line.vid, line.guard.value_or(GuardWords{0, line.arp.value_or(uint8_t{0})})});
+    }
+}
+
 const std::string &theFile(const char *what, std::span<const std::string> arguments)
 {
     if (arguments.size() != 1)
@@ -348,7 +376,9 @@ ExitStatus showEffective(const Context &context, const std::string &name)
 
 ExitStatus checkConfig(const Context &context, std::span<const std::string> arguments)
 {
-    noteAbsent(readFile(theFile("check", arguments)), context);
+    const File file = readFile(theFile("check", arguments));
+    noteAbsent(file, context);
+    noteCutOff(file, context);
     return EXIT_DONE;
 }
 
@@ -356,6 +386,7 @@ ExitStatus diffConfig(const Context &context, std::span<const std::string> argum
 {
     const File file = arguments.empty() ? readFile(savedPath(), true) : readFile(theFile("diff", arguments));
     openGuard(context);
+    noteCutOff(file, context);
     const Differences all = differences(file, context);
     for (const Difference &difference : all)
         context.out << joinQuoted(difference.running) << "    # "
@@ -371,6 +402,7 @@ ExitStatus applyConfig(const Context &context, std::span<const std::string> argu
     const uint32_t seconds = confirms ? parseRange("seconds", arguments[2], 1, CONFIRM_MAX) : 0;
     const File file = readFile(arguments[0]);
     noteAbsent(file, context);
+    noteCutOff(file, context);
     writeFile(config_runtime("before"), runningText(context));
     writeFile(config_runtime("candidate"), file.text);
     context.err << demand("apply " + std::to_string(seconds), file.name);

@@ -10,6 +10,7 @@
 
 #include "binding_view.h"
 #include "command.h"
+#include "cut_off.h"
 #include "guard.h"
 #include "guard_words.h"
 #include "protocol.h"
@@ -68,8 +69,8 @@ void bindStatics(const Daemon &daemon)
 }
 
 // Writes until the value stays: the daemon may have written in between, to put another setting in force.
-void switchGuard(const Context &context, const GuardPlace &place, GuardFeature feature, uint8_t wanted,
-                 const std::string &what, bool daemonRuns)
+void switchGuard(const GuardPlace &place, GuardFeature feature, uint8_t wanted, const std::string &what,
+                 bool daemonRuns)
 {
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
     bool announced = false;
@@ -83,10 +84,7 @@ void switchGuard(const Context &context, const GuardPlace &place, GuardFeature f
             if (error != 0)
                 throw CtlError(EXIT_REFUSED, what + ": " + std::strerror(error));
             announced = true;
-        } else if (!pending) {
-            return;
-        } else if (!daemonRuns) {
-            context.err << "dhcpsnoopctl: note: no daemon listens; it comes into force when one runs\n";
+        } else if (!pending || !daemonRuns) {
             return;
         }
         if (std::chrono::steady_clock::now() > end)
@@ -96,12 +94,52 @@ void switchGuard(const Context &context, const GuardPlace &place, GuardFeature f
     }
 }
 
+// The ports where it would stand: the port, or those of the VLAN that have no setting of their own.
+std::vector<GuardPlan> plans(const Ports &ports, const GuardPlace &place, const GuardWords &guard)
+{
+    std::vector<GuardPlan> found;
+    for (const auto &[ifIndex, port] : ports) {
+        const guard_items own = place.isVlan ? guard_config_get({false, ifIndex}) : guard_items{};
+        const auto unless = [&own](GuardFeature feature, uint8_t items) {
+            return guard_wanted(own, feature) != 0 ? uint8_t{0} : items;
+        };
+        if (place.isVlan ? port.vlan == 0 && port.aggregate == 0 && port.members[place.number]
+                         : ifIndex == place.number)
+            found.push_back({
+                port,
+                static_cast<uint16_t>(place.isVlan ? place.number : 0),
+                {unless(GuardFeature::ipSourceGuard, guard.ip),
+                                                             unless(GuardFeature::arpInspection, guard.arp)}
+            });
+    }
+    return found;
+}
+
+void refuseCutOff(const Context &context, const GuardPlace &place, const GuardWords &guard)
+{
+    const guard_items now = guard_config_get(place);
+    if (guard == GuardWords{guard_wanted(now, GuardFeature::ipSourceGuard),
+                            guard_wanted(now, GuardFeature::arpInspection)})
+        return;
+    const Ports ports = portsNow(runningModel());
+    CutOff cutOff(context.daemon, true);
+    std::string lines;
+    for (const GuardPlan &plan : plans(ports, place, guard))
+        for (const std::string &warning :
+             cutOff.warnings(plan, runningSnooping(context.daemon, ports, plan.port)))
+            lines += (lines.empty() ? "" : "\n") + warning + ", or --force";
+    if (!lines.empty())
+        throw CtlError(EXIT_REFUSED, lines);
+}
+
 // IP source guard brings ARP inspection along, ARP inspection comes alone.
 ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace &place,
                   std::span<const std::string> words)
 {
     const bool both = feature == GuardFeature::ipSourceGuard;
-    const auto [wanted, arp] = both ? parse_guard(words) : GuardWords{parse_items(words), parse_items(words)};
+    Words said(words.begin(), words.end());
+    const bool force = std::erase(said, "--force") > 0;
+    const auto [wanted, arp] = both ? parse_guard(said) : GuardWords{parse_items(said), parse_items(said)};
     if (place.isVlan && wanted == GUARD_EXEMPT)
         throw UsageError("only a port can be exempt, not a VLAN");
     Words name = placeWords(place);
@@ -111,11 +149,15 @@ ExitStatus change(const Context &context, GuardFeature feature, const GuardPlace
     openConfig(what);
     if (wanted != 0)
         checkPlace(context, place, what, daemonRuns);
+    if (daemonRuns && !force)
+        refuseCutOff(context, place, {both ? wanted : uint8_t{0}, arp});
+    if (wanted != 0 && !daemonRuns)
+        context.err << "dhcpsnoopctl: note: no daemon listens; it comes into force when one runs\n";
     if ((arp & GUARD_CHECK_ALL) != 0 && daemonRuns && !guard_is_inspecting())
         bindStatics(context.daemon);
     if (both)
-        switchGuard(context, place, feature, wanted, what, daemonRuns);
-    switchGuard(context, place, GuardFeature::arpInspection, arp, what, daemonRuns);
+        switchGuard(place, feature, wanted, what, daemonRuns);
+    switchGuard(place, GuardFeature::arpInspection, arp, what, daemonRuns);
     return EXIT_DONE;
 }
 

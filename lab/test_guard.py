@@ -6,7 +6,7 @@ import time
 
 import labtest
 
-from lab import MACS
+from lab import MACS, RUN
 from scapy.layers.dhcp6 import DUID_LL, DHCP6OptServerId
 from scapy.layers.inet import IP, UDP
 from scapy.layers.inet6 import IPv6
@@ -38,7 +38,7 @@ class Guard(labtest.LabTest):
 
     def guard(self, *ports):
         for port in ports:
-            self.ctl(f"guard interface {port} {ITEMS} family both")
+            self.ctl(f"guard interface {port} {ITEMS} family both --force")
 
     def ask(self):
         """pc1 asks a server for two addresses, which nobody answers: the bindings are provisional."""
@@ -67,6 +67,19 @@ class Guard(labtest.LabTest):
                   ("one that management confirms", f"binding bind {ASKED}", "pc1", ipv4(PC1, ASKED), PC1_HEARD),
                   ("off again", "guard interface swp1 off", "pc1", ipv4(PC1, OTHER), PC1_HEARD))
 
+    def test_who_would_be_cut_off(self):
+        """The client refuses before it cuts somebody off, and does it when it is forced."""
+        self.endpoint("rogue").send(arp(ROGUE, OTHER))
+        for line, said in ((f"guard interface swp1 {ITEMS}", ""), ("guard interface swp1 ip family both", f"1 host without an IPv6 binding would lose its network ({PC1})"),
+                           ("guard interface swp4 ip", "swp4 is trusted"), ("arp-inspection interface swp5 ip", f"1 host without an IPv4 binding would lose its network ({ROGUE})"),
+                           ("interface swp5 version 4", ""), ("guard interface swp5 ip family 6", "IPv6 is not snooped there"), ("guard interface swp5 ip --force", "")):
+            with self.subTest(line):
+                done = self.switch.ctl(line, check=False)
+                self.assertEqual((done.returncode, said in done.stderr), (int(bool(said)), True), done.stderr)
+        with open(f"{RUN}/candidate", "w") as file:
+            file.write("\n".join((*self.model, "interface swp4 snooping on", "interface swp4 trust on", "guard interface swp4 ip")))
+        self.assertIn("note: swp4 is trusted", self.switch.ctl(f"check {RUN}/candidate").stderr)
+
     def verdict(self, address):
         """The kernel's, on an address of pc1 whose uniqueness it has tested: usable or dadfailed."""
         self.borrow("pc1", f"{address}/64")
@@ -90,7 +103,7 @@ class Guard(labtest.LabTest):
         self.assertFalse(pings(address))
         self.ctl("guard interface swp1 off")
         self.assertTrue(pings(address) and pings(forged))
-        self.ctl(f"guard interface swp1 {ITEMS} family both; arp-inspection interface swp1 off")  # the server asks for the address by ARP
+        self.ctl(f"guard interface swp1 {ITEMS} family both --force; arp-inspection interface swp1 off")  # the server asks for the address by ARP
         self.borrow("pc1", f"{ASKED}/24")
         self.ask()
         pc1.send(from_client("inform", PC1, ciaddr=ASKED, xid=7))
@@ -148,7 +161,7 @@ class Configuration(labtest.LabTest):
         self.assertEqual(self.items("ip"), {}, "nobody would install bindings")
         self.switch.stop_daemon()
         self.switch.start_daemon()
-        self.ctl("guard interface swp1 off; guard vlan 20 ip family 6; arp-inspection interface swp1 ip mac; save")
+        self.ctl("guard interface swp1 off; guard vlan 20 ip family 6 --force; arp-inspection interface swp1 ip mac --force; save")
         self.assertIn("\nguard vlan 20 ip family 6\n", self.ctl("show config"))
         self.switch.stop_daemon()
         self.assertIn("no daemon listens", self.switch.ctl("guard interface swp3 ip port").stderr)
@@ -164,8 +177,8 @@ class Configuration(labtest.LabTest):
         ping = subprocess.Popen(self.lab.pc2.command("ping", "-q", "-i", "0.0005", "-w", "4", "10.0.20.1"),
                                 stdout=subprocess.PIPE, text=True)
         while ping.poll() is None:
-            self.ctl("guard vlan 20 ip; guard interface swp2 ip mac; guard interface swp2 ip vlan port; guard interface swp2 off;"
-                     "guard vlan 20 ip mac vlan port; guard vlan 20 off")
+            self.ctl("guard vlan 20 ip --force; guard interface swp2 ip mac; guard interface swp2 ip vlan port; guard interface swp2 off;"
+                     "guard vlan 20 ip mac vlan port --force; guard vlan 20 off")
         self.assertGreater(int(re.search(r"(\d+) packets", ping.communicate()[0])[1]), 500)
         self.assertFalse([place for place in self.switch.show("guard")["interfaces"] if place["refused"]["ipv4"]])
         self.ctl(f"debug trace on; binding add {STATIC} mac {PC1} vlan 10 interface swp1")

@@ -60,7 +60,7 @@ class Redundancy(unittest.TestCase):
     def test_failover(self):
         self.start()
         for unit in (self.left, self.right):
-            unit.ctl("guard interface swp1 ip mac port")
+            unit.ctl("guard interface swp1 ip mac port --force")
         self.traffic.run(*self.left.ends, 200)
         self.wait_equal()
         self.assert_enforced(self.left)
@@ -76,7 +76,7 @@ class Redundancy(unittest.TestCase):
         self.assert_complete(self.right)
         # The other unit comes back as the standby.
         self.left.prepare("slave", "off", "right")
-        self.left.start(*SETTINGS, "guard interface swp1 ip mac port")
+        self.left.start(*SETTINGS, "guard interface swp1 ip mac port --force")
         self.wait_equal()
         # And takes over again: the one that goes withdraws, the one that comes installs.
         self.right.ctl("role slave")
@@ -147,7 +147,7 @@ class Redundancy(unittest.TestCase):
         self.left.prepare("none", JOURNAL)
         self.left.start(*SETTINGS)
         mac, address = self.traffic.frames[199][:2]
-        self.left.ctl("guard interface swp1 ip mac port")
+        self.left.ctl("guard interface swp1 ip mac port --force")
         self.left.ctl(f"binding add {address} mac {mac} vlan 10 interface swp1")
         time.sleep(1.5)  # management's changes come by full copies, at most one a second
         self.traffic.acknowledged[address] = (mac, time.monotonic())
@@ -162,7 +162,7 @@ class Redundancy(unittest.TestCase):
                 self.left.ctl("platform release")
             self.left.start(*SETTINGS)
             self.assert_complete(self.left, killed)
-            self.left.ctl("guard interface swp1 ip mac port")
+            self.left.ctl("guard interface swp1 ip mac port --force")
             self.assert_enforced(self.left)
 
     def test_clock_set(self):
@@ -185,7 +185,7 @@ class Redundancy(unittest.TestCase):
         set_clock(0)
         self.left.prepare("none", JOURNAL)
         self.left.start(*SETTINGS)
-        self.left.ctl("guard interface swp1 ip mac port")
+        self.left.ctl("guard interface swp1 ip mac port --force")
         self.traffic.run(*self.left.ends, 20)
         for days in (400, -400, -20000, 0):
             set_clock(days)
@@ -217,7 +217,7 @@ class Redundancy(unittest.TestCase):
         wait_for("learned bindings", lambda: len(self.left.bindings()) == 3)
 
         def seen():
-            self.left.ctl("guard interface swp1 ip mac port")
+            self.left.ctl("guard interface swp1 ip mac port --force")
             waiting = [b["address"] for b in self.left.show("bindings") if b["state"] == "waiting" and b["interface"] == "swp1"]
             return waiting, sorted(self.left.bindings()), self.traffic.arrive(*self.left.ends, [self.traffic.packet(n) for n in (0, 5)])
 
@@ -243,7 +243,7 @@ class Redundancy(unittest.TestCase):
         self.addCleanup(others.socket.close)
         self.left.prepare("none", JOURNAL, ports=("swp1", "swp2", "swp3"))
         self.left.start(*settings)
-        self.left.ctl("guard interface swp3 ip mac port")
+        self.left.ctl("guard interface swp3 ip mac port --force")
         self.traffic.run(*self.left.ends, 100, rate=200)
         self.traffic.run(others, server, 5, first=140)
         wait_for("records", lambda: self.left.state("journal-records") >= 105)
@@ -262,7 +262,7 @@ class Redundancy(unittest.TestCase):
             for number, frame in enumerate(new):
                 server.send(frame[4])
                 if number % 2:
-                    self.left.ctl(f"guard interface swp3 ip mac vlan {'port' if number % 4 == 3 else ''}")
+                    self.left.ctl(f"guard interface swp3 ip mac vlan {'port' if number % 4 == 3 else ''} --force")
         wait_for("bindings", lambda: len(self.left.bindings()) == 125)
         refused = {place["interface"]: place["refused"] for place in self.left.show("guard")["interfaces"]}
         self.assertEqual(refused["swp3"]["ipv4"], 0)

@@ -1,0 +1,200 @@
+#include "cut_off.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <net/if.h>
+#include <set>
+
+#include "binding.h"
+#include "switch_model.h"
+#include "wanted.h"
+
+using namespace platform_linux;
+
+namespace
+{
+
+constexpr size_t NAMED = 4; // hosts in a warning
+
+bool checks(const GuardWords &guard, uint32_t ipType)
+{
+    const bool ip = (guard.ip & GUARD_CHECK_ALL) != 0;
+    if (ipType == DHCPSNOOP_IPV6)
+        return ip && (guard.ip & GUARD_FAMILY_6) != 0;
+    return (ip && (guard.ip & GUARD_NOT_4) == 0) || (guard.arp & GUARD_CHECK_ALL) != 0;
+}
+
+UserKey keyOf(const HostAddress &address)
+{
+    UserKey key;
+    key.ipType = address.v6 ? DHCPSNOOP_IPV6 : DHCPSNOOP_IPV4;
+    key.ipAddr = address.bytes;
+    return key;
+}
+
+// Calls `see` for each interface of a VLAN of the port.
+template <class See> void vlanInterfaces(const Ports &ports, const Port &port, See see)
+{
+    for (const auto &[ifIndex, other] : ports)
+        if (other.vlan != 0 && port.members[other.vlan] && (other.bridge == 0 || other.bridge == port.bridge))
+            see(other);
+}
+
+} // namespace
+
+SwitchConf runningModel()
+{
+    Config config;
+    std::string text, error;
+    const std::string name = config_runtime("running");
+    return conf_file_read(name, text, error) == ConfFile::read && config_parse(name, text, config, error)
+               ? config.model
+               : SwitchConf{};
+}
+
+Ports portsNow(const SwitchConf &conf)
+{
+    SwitchModel model;
+    DaemonEvents unused;
+    model.configure(conf);
+    if (!model_dump(model, unused))
+        throw CtlError(EXIT_REFUSED,
+                       std::string("the kernel's links cannot be listed: ") + std::strerror(errno));
+    return model.ports();
+}
+
+PortSnooping runningSnooping(const Daemon &daemon, const Ports &ports, const Port &port)
+{
+    const auto read = [&](const Port &at) {
+        const auto value = [&](uint32_t cmd) {
+            Reply reply = daemon.ask({FUNC_IF_GET, cmd, at.ifIndex});
+            return reply.result() == NM_OK ? reply.word() : 0;
+        };
+        return value(IF_ENABLE) == 0 ? PortSnooping{} : PortSnooping{value(IF_TRUST) != 0, value(IF_VERSION)};
+    };
+    PortSnooping own = read(port);
+    if (own.versions == 0)
+        vlanInterfaces(ports, port, [&](const Port &vlan) { own.versions |= read(vlan).versions; });
+    return own;
+}
+
+PortSnooping wantedSnooping(const Config &config, const Ports &ports, const Port &port)
+{
+    const auto read = [&](const Port &at) {
+        const WantedPort wanted = wanted_port(config, port_id(at));
+        const auto value = [&](const char *name) {
+            return std::get<uint32_t>(wanted.of(*findSetting(INTERFACE_SCOPE, name)).value);
+        };
+        return wanted.snoops() ? PortSnooping{value("trust") != 0, value("version")} : PortSnooping{};
+    };
+    PortSnooping own = read(port);
+    if (own.versions == 0)
+        vlanInterfaces(ports, port, [&](const Port &vlan) {
+            own.versions |= read(vlan).versions;
+            for (const VlanLine &line : config.vlans)
+                if (line.vid == vlan.vlan && line.setting != nullptr && line.setting->kind == Kind::Switch &&
+                    line.value == Value(1u))
+                    own.versions |= DHCPSNOOP_IPV4;
+        });
+    return own;
+}
+
+void CutOff::add(const StaticBinding &binding)
+{
+    if (binding.bound && binding.mac)
+        lines_.push_back({
+            binding.key,
+            if_nametoindex(binding.interface.c_str()),
+            {binding.mac->begin(), binding.mac->end()}
+        });
+}
+
+const std::vector<CutOff::Bound> &CutOff::bindings()
+{
+    if (bindings_)
+        return *bindings_;
+    bindings_ = lines_;
+    for (std::optional<UserKey> key = nextUser(daemon_, {}); key; key = nextUser(daemon_, key)) {
+        const auto get = [&](uint32_t cmd) { return daemon_.demand({FUNC_USER_GET, cmd, *key}, "binding"); };
+        auto bound = ifStillThere([&] {
+            if (get(USER_ACTION).word() != DHCPSNOOP_BIND_BOUND)
+                return Bound{};
+            Reply mac = daemon_.demand({FUNC_USER_GET, USER_MAC, *key, Bytes(6)}, "binding");
+            return Bound{*key, get(USER_INTERFACE).word(), mac.bytes()};
+        });
+        if (bound && bound->key.ipType != 0)
+            bindings_->push_back(std::move(*bound));
+    }
+    return *bindings_;
+}
+
+const std::vector<SeenHost> &CutOff::hosts()
+{
+    if (!hosts_ && !hosts_seen(hosts_.emplace()))
+        throw CtlError(EXIT_REFUSED,
+                       std::string("the hosts of the bridges cannot be listed: ") + std::strerror(errno));
+    return *hosts_;
+}
+
+// The host in words when a binding of that IP version is missing; else empty. Where the guard does not check
+// the port, a binding of any port counts.
+std::string CutOff::missing(const GuardPlan &plan, const SeenHost &host, uint32_t ipType)
+{
+    const bool anyPort = ((plan.guard.ip | plan.guard.arp) & GUARD_CHECK_PORT) == 0;
+    std::set<UserKey> bound;
+    for (const Bound &binding : bindings())
+        if (binding.key.ipType == ipType && (anyPort || binding.ifIndex == plan.port.ifIndex) &&
+            std::equal(host.mac.begin(), host.mac.end(), binding.mac.begin(), binding.mac.end()))
+            bound.insert(binding.key);
+    const std::string mac = macText({host.mac.begin(), host.mac.end()});
+    for (const HostAddress &address : host.addresses)
+        if (const UserKey key = keyOf(address); key.ipType == ipType && !bound.contains(key))
+            return mac + " with " + userKeyText(key);
+    return bound.empty() ? mac : "";
+}
+
+Words CutOff::warnings(const GuardPlan &plan, const PortSnooping &snooping)
+{
+    const std::string name = plan.port.name;
+    Words found;
+    for (const uint32_t ipType : {DHCPSNOOP_IPV4, DHCPSNOOP_IPV6}) {
+        if (!checks(plan.guard, ipType))
+            continue;
+        if (snooping.trusted)
+            return {name +
+                    " is trusted: routers and servers have no bindings and would lose their network; "
+                    "'guard interface " +
+                    name + " exempt' lets them pass"};
+        if (!daemonRuns_ && snooping.versions != 0)
+            continue;
+        const std::string ip = ipType == DHCPSNOOP_IPV4 ? "IPv4" : "IPv6";
+        const auto isHere = [&](const Bound &one) {
+            return one.key.ipType == ipType && one.ifIndex == plan.port.ifIndex;
+        };
+        if ((snooping.versions & ipType) == 0 &&
+            std::ranges::none_of(daemonRuns_ ? bindings() : lines_, isHere)) {
+            found.push_back(name + ": " + ip +
+                            " is not snooped there, so that no host gets a binding; 'interface " + name +
+                            (snooping.versions == 0 ? " snooping on'" : " version both'") + " comes first");
+            continue;
+        }
+        std::set<std::string> cutOff;
+        for (const SeenHost &host : daemonRuns_ ? hosts() : std::vector<SeenHost>{})
+            if (host.ifIndex == plan.port.ifIndex && (plan.vid == 0 || host.vid == 0 || host.vid == plan.vid))
+                cutOff.insert(missing(plan, host, ipType));
+        cutOff.erase("");
+        std::string some;
+        for (size_t number = 0; const std::string &host : cutOff)
+            if (number++ < NAMED)
+                some += (some.empty() ? "" : ", ") + host;
+        const bool one = cutOff.size() == 1;
+        if (!cutOff.empty())
+            found.push_back(name + ": " + std::to_string(cutOff.size()) + (one ? " host" : " hosts") +
+                            " without an " + ip + " binding would lose " + (one ? "its" : "their") +
+                            " network (" + some + (cutOff.size() > NAMED ? ", …" : "") + "); " +
+                            (ipType == DHCPSNOOP_IPV4 ? "wait for the renewal or add bindings"
+                                                      : "add bindings or leave IPv6 unchecked (family 4)"));
+    }
+    return found;
+}
