@@ -15,7 +15,7 @@ namespace
 {
 constexpr size_t DATAGRAM_MAX = 32768;
 constexpr timeval TIMEOUT = {2, 0};
-constexpr uint32_t LATELY = 300; // seconds; a bridge forgets a host after as many
+constexpr uint32_t LATELY = 5 * 60; // seconds; a bridge forgets a host after as many
 constexpr uint8_t FAMILIES[] = {AF_BRIDGE, AF_INET, AF_INET6};
 constexpr uint16_t NOT_SEEN = NUD_INCOMPLETE | NUD_FAILED | NUD_NOARP;
 
