@@ -441,6 +441,8 @@ ExitStatus showConfig(const Context &context, std::span<const std::string> argum
     const std::string text = runningText(context);
     if (!context.json) {
         context.out << text;
+        if (text.empty())
+            context.err << "dhcpsnoopctl: note: nothing is configured\n";
         return EXIT_DONE;
     }
     Json lines = Json::array();

@@ -55,6 +55,9 @@ class Configuration(labtest.LabTest):
                 if changes[1:]:
                     self.wait("refusals", lambda: self.counts(port)["dropped-untrusted"])
         self.assertNotIn(offer, [bytes(frame) for frame in pc1.drain()])
+        self.ctl(f"binding add 10.0.10.77 mac {MACS['rogue']} vlan 1 interface swp5")
+        self.lab.rogue.ip("link del eth0")
+        self.wait("configuration by name", lambda: "77 mac 02:00:00:00:06:66 vlan 1 interface swp5\n" in self.ctl("show config"))
 
     def test_file(self):
         path, error = f"{self.switch.directory}/dhcpsnoop.conf", "dhcpsnoop.conf:1: there is no setting 'max-user'"
