@@ -48,9 +48,10 @@ using BindingFilter = std::function<bool(const Binding &)>;
 using Ports = std::map<std::string, std::string>;
 
 // The daemon may have a waiting binding at the port's last index, or not at all.
-Ports addWaiting(std::vector<Binding> &bindings)
+Ports addWaiting(const std::vector<WaitingBinding> &waiting, std::vector<Binding> &bindings)
 {
-    const std::vector<WaitingBinding> waiting = readWaiting();
+    if (waiting.empty())
+        return {};
     Ports ports;
     for (const WaitingBinding &other : waiting)
         ports.emplace(userKeyText(other.binding.key), other.interface);
@@ -60,22 +61,6 @@ Ports addWaiting(std::vector<Binding> &bindings)
         bindings.back().state = STATE_WAITING;
     }
     return ports;
-}
-
-// All wanted bindings, or only that of one address. Each step of a list costs the daemon a walk over all
-// bindings.
-std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wanted,
-                                  const std::optional<UserKey> &only = std::nullopt)
-{
-    std::vector<Binding> bindings;
-    auto next = [&](const std::optional<UserKey> &last) {
-        return only ? std::nullopt : nextUser(daemon, last);
-    };
-    for (std::optional<UserKey> key = only ? only : next({}); key; key = next(key))
-        if (auto binding = ifStillThere([&] { return readBinding(daemon, *key); });
-            binding && wanted(*binding))
-            bindings.push_back(std::move(*binding));
-    return bindings;
 }
 
 // "6d23h", "23h59m", "5m10s": the two greatest units, without a second one that is 0.
@@ -106,11 +91,15 @@ uint32_t leaseLeft(const Binding &binding)
     return binding.lease - std::min(binding.elapsed, binding.lease);
 }
 
-std::string portOf(const Binding &binding, const Ports &away)
+// The kernel is asked once for a name, which `names` keeps.
+std::string portOf(const Binding &binding, const Ports &away, std::map<uint32_t, std::string> &names)
 {
     if (binding.state == STATE_WAITING)
         return away.at(userKeyText(binding.key));
-    return binding.ifIndex ? interfaceText(binding.ifIndex) : "";
+    if (binding.ifIndex == 0)
+        return "";
+    std::string &name = names[binding.ifIndex];
+    return name = name.empty() ? interfaceText(binding.ifIndex) : name;
 }
 
 Json bindingJson(const Binding &binding, const std::string &port)
@@ -164,6 +153,24 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
 
 } // namespace
 
+std::vector<Binding> readBindings(const Daemon &daemon)
+{
+    if (auto all = readSnapshot())
+        return *std::move(all);
+    std::vector<Binding> bindings;
+    for (auto key = nextUser(daemon, {}); key; key = nextUser(daemon, key))
+        if (auto binding = ifStillThere([&] { return readBinding(daemon, *key); }))
+            bindings.push_back(*std::move(binding));
+    return bindings;
+}
+
+std::vector<Binding> readStatics(const Daemon &daemon)
+{
+    std::vector<Binding> statics = readBindings(daemon);
+    std::erase_if(statics, [](const Binding &binding) { return binding.type != DHCPSNOOP_USER_STATIC; });
+    return statics;
+}
+
 ExitStatus showBindings(const Context &context, std::span<const std::string> arguments)
 {
     if (arguments.size() % 2 != 0)
@@ -180,23 +187,29 @@ ExitStatus showBindings(const Context &context, std::span<const std::string> arg
         return std::all_of(filters.begin(), filters.end(),
                            [&](const BindingFilter &filter) { return filter(binding); });
     };
-    const std::vector<WaitingBinding> waiting = readWaiting();
-    std::vector<Binding> bindings = readBindings(
-        context.daemon, [](const Binding &) { return true; }, only);
-    const Ports away = addWaiting(bindings);
+    const std::vector<WaitingBinding> waiting = readWaiting(); // first: a port that comes back now loses none
+    std::vector<Binding> bindings;
+    if (!only)
+        bindings = readBindings(context.daemon);
+    else if (auto binding = ifStillThere([&] { return readBinding(context.daemon, *only); }))
+        bindings.push_back(*std::move(binding));
+    const Ports away = addWaiting(waiting, bindings);
     std::erase_if(bindings,
                   [&](const Binding &binding) { return !wanted(binding) || (only && binding.key != *only); });
+    std::map<uint32_t, std::string> names;
     Json list = Json::array();
     std::vector<Words> rows = {
         {"ADDRESS", "MAC", "VLAN", "INTERFACE", "TYPE", "STATE", "LEASE", "LEFT"}
     };
     for (const Binding &binding : bindings) {
-        const std::string port = portOf(binding, away);
-        list.push_back(bindingJson(binding, port));
-        rows.push_back({userKeyText(binding.key), hasMac(binding) ? macText(binding.mac) : "",
-                        binding.vlan ? std::to_string(binding.vlan) : "", port,
-                        wordOf(USER_TYPES, binding.type), wordOf(USER_STATES, binding.state),
-                        leaseText(binding.lease), leaseText(leaseLeft(binding))});
+        const std::string port = portOf(binding, away, names);
+        if (context.json)
+            list.push_back(bindingJson(binding, port));
+        else
+            rows.push_back({userKeyText(binding.key), hasMac(binding) ? macText(binding.mac) : "",
+                            binding.vlan ? std::to_string(binding.vlan) : "", port,
+                            wordOf(USER_TYPES, binding.type), wordOf(USER_STATES, binding.state),
+                            leaseText(binding.lease), leaseText(leaseLeft(binding))});
     }
     return print(context, list, rows, "no bindings");
 }

@@ -2,11 +2,14 @@
 // believed, and waiting ends after the time that is given.
 #include "connection.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <utility>
@@ -139,6 +142,41 @@ void Connection::receiveAll(void *out, size_t size) const
 {
     for (size_t got = 0; got < size;)
         got += receive(static_cast<uint8_t *>(out) + got, size - got);
+}
+
+Bytes Connection::receiveFile() const
+{
+    char text[256];
+    iovec vector = {text, sizeof(text)};
+    int descriptor = -1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(descriptor))];
+    msghdr message = {};
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    if (!waitReadable(sock_.get(), deadline_))
+        throw NoDaemon("the daemon did not answer in time");
+    const ssize_t got = recvmsg(sock_.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    const cmsghdr *header = got > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
+    if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
+        header->cmsg_len == CMSG_LEN(sizeof(descriptor)))
+        std::memcpy(&descriptor, CMSG_DATA(header), sizeof(descriptor));
+    const Socket file(descriptor);
+    struct stat about = {};
+    if (descriptor < 0)
+        throw NoDaemon("the daemon handed out no file: " +
+                       std::string(text, static_cast<size_t>(std::max<ssize_t>(got, 0))));
+    if (fstat(descriptor, &about) != 0 || about.st_size < 0)
+        throw NoDaemon("the daemon's file cannot be read");
+    Bytes bytes(static_cast<size_t>(about.st_size));
+    for (size_t at = 0; at < bytes.size();) {
+        const ssize_t count = pread(descriptor, &bytes[at], bytes.size() - at, static_cast<off_t>(at));
+        if (count <= 0)
+            throw NoDaemon("the daemon's file cannot be read");
+        at += static_cast<size_t>(count);
+    }
+    return bytes;
 }
 
 bool isDaemonRunning(const Daemon &daemon)

@@ -33,6 +33,8 @@ class Connection
     // The bytes that have come, 1 to `size` of them.
     size_t receive(void *out, size_t size) const;
     void receiveAll(void *out, size_t size) const;
+    // The whole file that came with a packet; throws the packet's text when none did.
+    Bytes receiveFile() const;
 
   private:
     Socket sock_;

@@ -1,5 +1,5 @@
 // Stands in for the commands of the Linux platform in builds without it.
-#include "command.h"
+#include "binding_view.h"
 
 namespace
 {
@@ -11,6 +11,7 @@ namespace
 
 } // namespace
 
+std::optional<std::vector<Binding>> readSnapshot() { return std::nullopt; }
 const bool SNOOPS_BOTH_VERSIONS = false;
 void checkVlanOfPort(uint32_t, uint32_t) {} // it is not known
 ExitStatus platformRelease(const Context &, std::span<const std::string>) { refuse(); }

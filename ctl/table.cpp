@@ -23,14 +23,16 @@ void printTable(std::ostream &out, const std::vector<Words> &rows)
     for (const Words &row : rows)
         for (size_t i = 0; i < row.size(); i++)
             widths[i] = std::max(widths[i], row[i].size());
+    std::string line;
     for (const Words &row : rows) {
+        line.clear();
+        size_t end = 0; // of the column
         for (size_t i = 0; i < row.size(); i++) {
-            std::string word = row[i].empty() ? "-" : row[i];
-            out << word;
-            if (i + 1 < row.size())
-                out << std::string(widths[i] + 2 - word.size(), ' ');
+            line.resize(end, ' ');
+            line += row[i].empty() ? "-" : row[i];
+            end += widths[i] + 2;
         }
-        out << '\n';
+        out << (line += '\n');
     }
 }
 

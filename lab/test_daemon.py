@@ -1,10 +1,12 @@
 """The configuration file brought about, what the monitor tells, and what the lab shows."""
 
 import contextlib
+import fcntl
 import json
 import os
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import unittest
@@ -94,6 +96,23 @@ class Refusals(labtest.LabTest):
         self.wait("a refusal", lambda: self.switch.show("refusals"))
         self.assertEqual(["{reason} {interface} {total} {last-hour}".format(**row) for row in self.switch.show("refusals")], ["bindings-full swp2 1 1"])
         self.assertIn("swp2: the table of bindings is full: raise 'bindings N'", self.switch.daemon.log())
+
+
+class Bindings(labtest.LabTest):
+    def test_at_one_moment(self):
+        """A file that nobody can change, with all that a walk from binding to binding finds."""
+        exchange(self.endpoint("pc1"), MACS["pc1"])
+        self.ctl("binding add 10.0.10.99 unbound")
+        self.ctl("binding add 2001:db8::7 mac 02:00:00:00:00:07 vlan 10 interface swp1 attribute 5")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
+            client.connect("/run/dhcpsnoop/platform.bindings")
+            client.send(b"bindings")
+            text, (file,), *_ = socket.recv_fds(client, 100, 1)
+        self.assertEqual((text, struct.unpack("4I", os.pread(file, 16, 0)), os.fstat(file).st_size, fcntl.fcntl(file, fcntl.F_GET_SEALS) & 15),
+                         (b"ok", (1, 24, 44, 3), 24 + 3 * 44, 15))
+        walk = self.switch.run("env", "DHCPSNOOP_PLATFORM_SOCKET=/absent", self.switch.binary("dhcpsnoopctl"), "show", "bindings", "--json")
+        lists = [[row | {"elapsed": row["elapsed"] < 9, "left": row["left"] and 0} for row in rows] for rows in (self.switch.show("bindings"), json.loads(walk.stdout))]
+        self.assertEqual(*lists)
 
 
 class Monitor(labtest.LabTest):

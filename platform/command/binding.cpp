@@ -111,21 +111,6 @@ StaticBinding asStatic(const Binding &binding)
     return out;
 }
 
-std::vector<Binding> readStatics(const Daemon &daemon)
-{
-    std::vector<Binding> statics;
-    for (std::optional<UserKey> key = nextUser(daemon, {}); key; key = nextUser(daemon, key)) {
-        const Request type = {FUNC_USER_GET, USER_TYPE, *key};
-        const std::string what = "binding " + userKeyText(*key);
-        if (ifStillThere([&] { return daemon.demand(type, what).word(); }) != DHCPSNOOP_USER_STATIC)
-            continue;
-        if (auto binding = ifStillThere([&] { return readBinding(daemon, *key); });
-            binding && binding->type == DHCPSNOOP_USER_STATIC)
-            statics.push_back(std::move(*binding));
-    }
-    return statics;
-}
-
 void addBinding(const Daemon &daemon, const StaticBinding &binding)
 {
     const uint32_t ifIndex = binding.interface.empty() ? 0 : parseInterface(binding.interface);

@@ -34,9 +34,6 @@ Binding readBinding(const Daemon &daemon, const UserKey &key);
 // The words that recreate it. An incomplete binding in force is "unbound" there.
 StaticBinding asStatic(const Binding &binding);
 
-// The static bindings. The type is asked for first, because a switch has few of them among thousands.
-std::vector<Binding> readStatics(const Daemon &daemon);
-
 // Creates the binding, fills it in and puts it in force. A refusal of any step removes it again.
 void addBinding(const Daemon &daemon, const StaticBinding &binding);
 void deleteBinding(const Daemon &daemon, const UserKey &key);

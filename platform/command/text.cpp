@@ -112,11 +112,11 @@ std::array<uint8_t, 6> parseMac(const std::string &word)
 
 std::string macText(const Bytes &mac)
 {
+    constexpr char DIGITS[] = "0123456789abcdef";
     std::string text;
-    char pair[4];
     for (uint8_t byte : mac) {
-        std::snprintf(pair, sizeof(pair), "%s%02x", text.empty() ? "" : ":", byte);
-        text += pair;
+        text += text.empty() ? "" : ":";
+        text += {DIGITS[byte >> 4], DIGITS[byte & 15]};
     }
     return text;
 }

@@ -8,12 +8,14 @@
 #include <linux/rtnetlink.h>
 #include <utility>
 
+#include "config.h"
 #include "desired_state.h"
 #include "dhcpsnoop_cmd.h"
 #include "guard.h"
 #include "platform.h"
 #include "redundancy.h"
 #include "report.h"
+#include "snapshot.h"
 #include "switch_model.h"
 #include "wake.h"
 
@@ -166,11 +168,13 @@ int32_t platform_event_group_join(int sock, uint32_t group)
     stay_readable(sock);
     redundancy_event_socket(sock);
     config_begin(sock, ask_core);
+    snapshot_start(config_runtime("bindings"), sock);
     return 0;
 }
 
 ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr *from, socklen_t *fromLength)
 {
+    snapshot_take();
     // The daemon asks again when it has handled what it was given last.
     if (queue.empty()) {
         guard_handled();

@@ -100,7 +100,7 @@ std::string config_path(const std::string &directory = "");
 // The platform's socket, or the one that the environment names.
 const char *platform_socket_path();
 // A file or socket beside the platform's socket: "config" takes requests, "candidate" is to be applied,
-// "running" is in force.
+// "running" is in force, "bindings" hands out all bindings.
 std::string config_runtime(const char *what);
 
 } // namespace platform_linux

@@ -47,9 +47,9 @@ void log_lines(const std::string &answer)
 // As the signal would have ended the process, without the socket files.
 [[noreturn]] void end_by(uint32_t signal)
 {
-    const std::string control = config_runtime("config");
-    for (const char *path :
-         {DHCPSNOOP_SOCKET_PATH, platform_socket_path(), event_socket_path(), control.c_str()})
+    const std::string control = config_runtime("config"), bindings = config_runtime("bindings");
+    for (const char *path : {DHCPSNOOP_SOCKET_PATH, platform_socket_path(), event_socket_path(),
+                             control.c_str(), bindings.c_str()})
         unlink(path);
     const sigset_t signals = taken_signals();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include "private_listener.h"
 
@@ -29,11 +30,30 @@ void ControlSocket::drop(uint64_t number)
     clients_.remove_if([number](const Client &client) { return client.number == number; });
 }
 
-void ControlSocket::answer(uint64_t number, const std::string &text)
+static void send_reply(int sock, const ControlReply &reply)
+{
+    iovec text = {const_cast<char *>(reply.text.data()), reply.text.size()};
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof reply.descriptor)] = {};
+    msghdr message = {};
+    message.msg_iov = &text;
+    message.msg_iovlen = 1;
+    if (reply.descriptor >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr *header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof reply.descriptor);
+        memcpy(CMSG_DATA(header), &reply.descriptor, sizeof reply.descriptor);
+    }
+    sendmsg(sock, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void ControlSocket::answer(uint64_t number, const ControlReply &reply)
 {
     for (const Client &client : clients_)
         if (client.number == number)
-            send(client.fd.get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            send_reply(client.fd.get(), reply);
     drop(number);
 }
 
@@ -50,7 +70,7 @@ void ControlSocket::ask(Client &client)
     }
     client.asked = true;
     handler_(std::string(text, static_cast<size_t>(length)),
-             [this, number](const std::string &reply) { answer(number, reply); });
+             [this, number](const ControlReply &reply) { answer(number, reply); });
 }
 
 void ControlSocket::accept_all(Ticks now)

@@ -13,11 +13,19 @@
 namespace platform_linux
 {
 
+// A text, and a descriptor that goes with it where it is not -1. The caller keeps the descriptor.
+struct ControlReply {
+    ControlReply(std::string said, int handed = -1) : text(std::move(said)), descriptor(handed) {}
+    ControlReply(const char *said) : text(said) {}
+    std::string text;
+    int descriptor = -1;
+};
+
 class ControlSocket
 {
   public:
     // Answers a request, now or later, by calling `answer` once.
-    using Answer = std::function<void(const std::string &)>;
+    using Answer = std::function<void(const ControlReply &)>;
     using Handler = std::function<void(const std::string &request, Answer answer)>;
 
     explicit ControlSocket(Handler handler) : handler_(std::move(handler)) {}
@@ -37,7 +45,7 @@ class ControlSocket
     };
     void accept_all(Ticks now);
     void ask(Client &client);
-    void answer(uint64_t number, const std::string &text);
+    void answer(uint64_t number, const ControlReply &reply);
     void drop(uint64_t number);
 
     Handler handler_;
