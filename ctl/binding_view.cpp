@@ -9,20 +9,6 @@
 namespace
 {
 
-constexpr Choice USER_TYPES[] = {
-    {"dynamic",         DHCPSNOOP_USER_DYNAMIC},
-    {"static",          DHCPSNOOP_USER_STATIC },
-    {"ip-source-guard", DHCPSNOOP_USER_IPSG   }
-};
-constexpr uint32_t STATE_WAITING = 0x100; // the platform's, beside the daemon's
-constexpr Choice USER_STATES[] = {
-    {"bound",     DHCPSNOOP_BIND_BOUND    },
-    {"unbound",   DHCPSNOOP_BIND_UNBOUND  },
-    {"created",   DHCPSNOOP_BIND_CREATED  },
-    {"requested", DHCPSNOOP_BIND_REQUESTED},
-    {"waiting",   STATE_WAITING           }
-};
-
 std::string wordOf(std::span<const Choice> choices, uint32_t value)
 {
     for (const Choice &choice : choices)
@@ -44,46 +30,6 @@ uint32_t valueOf(const std::string &what, std::span<const Choice> choices, const
 
 using BindingFilter = std::function<bool(const Binding &)>;
 
-// The names of ports that are away, by the address of a binding that waits for one.
-using Ports = std::map<std::string, std::string>;
-
-// The daemon may have a waiting binding at the port's last index, or not at all.
-Ports addWaiting(const std::vector<WaitingBinding> &waiting, std::vector<Binding> &bindings)
-{
-    if (waiting.empty())
-        return {};
-    Ports ports;
-    for (const WaitingBinding &other : waiting)
-        ports.emplace(userKeyText(other.binding.key), other.interface);
-    std::erase_if(bindings, [&](const Binding &binding) { return ports.contains(userKeyText(binding.key)); });
-    for (const WaitingBinding &other : waiting) {
-        bindings.push_back(other.binding);
-        bindings.back().state = STATE_WAITING;
-    }
-    return ports;
-}
-
-// "6d23h", "23h59m", "5m10s": the two greatest units, without a second one that is 0.
-std::string leaseText(uint32_t seconds)
-{
-    if (seconds == DHCPSNOOP_LEASE_FOREVER)
-        return "forever";
-    constexpr std::pair<uint32_t, char> UNITS[] = {
-        {86400, 'd'},
-        {3600,  'h'},
-        {60,    'm'},
-        {1,     's'}
-    };
-    const auto *unit = UNITS;
-    while (seconds < unit->first && unit->first > 1)
-        unit++;
-    std::string text = std::to_string(seconds / unit->first) + unit->second;
-    const uint32_t rest = seconds % unit->first;
-    if (unit->first > 1 && rest >= unit[1].first)
-        text += std::to_string(rest / unit[1].first) + unit[1].second;
-    return text;
-}
-
 uint32_t leaseLeft(const Binding &binding)
 {
     if (binding.lease == DHCPSNOOP_LEASE_FOREVER)
@@ -92,7 +38,7 @@ uint32_t leaseLeft(const Binding &binding)
 }
 
 // The kernel is asked once for a name, which `names` keeps.
-std::string portOf(const Binding &binding, const Ports &away, std::map<uint32_t, std::string> &names)
+std::string portOf(const Binding &binding, const AwayPorts &away, std::map<uint32_t, std::string> &names)
 {
     if (binding.state == STATE_WAITING)
         return away.at(userKeyText(binding.key));
@@ -153,6 +99,41 @@ BindingFilter parseFilter(const std::string &name, const std::string &word)
 
 } // namespace
 
+AwayPorts addWaiting(const std::vector<WaitingBinding> &waiting, std::vector<Binding> &bindings)
+{
+    if (waiting.empty())
+        return {};
+    AwayPorts ports;
+    for (const WaitingBinding &other : waiting)
+        ports.emplace(userKeyText(other.binding.key), other.interface);
+    std::erase_if(bindings, [&](const Binding &binding) { return ports.contains(userKeyText(binding.key)); });
+    for (const WaitingBinding &other : waiting) {
+        bindings.push_back(other.binding);
+        bindings.back().state = STATE_WAITING;
+    }
+    return ports;
+}
+
+std::string leaseText(uint32_t seconds)
+{
+    if (seconds == DHCPSNOOP_LEASE_FOREVER)
+        return "forever";
+    constexpr std::pair<uint32_t, char> UNITS[] = {
+        {86400, 'd'},
+        {3600,  'h'},
+        {60,    'm'},
+        {1,     's'}
+    };
+    const auto *unit = UNITS;
+    while (seconds < unit->first && unit->first > 1)
+        unit++;
+    std::string text = std::to_string(seconds / unit->first) + unit->second;
+    const uint32_t rest = seconds % unit->first;
+    if (unit->first > 1 && rest >= unit[1].first)
+        text += std::to_string(rest / unit[1].first) + unit[1].second;
+    return text;
+}
+
 std::vector<Binding> readBindings(const Daemon &daemon)
 {
     if (auto all = readSnapshot())
@@ -193,7 +174,7 @@ ExitStatus showBindings(const Context &context, std::span<const std::string> arg
         bindings = readBindings(context.daemon);
     else if (auto binding = ifStillThere([&] { return readBinding(context.daemon, *only); }))
         bindings.push_back(*std::move(binding));
-    const Ports away = addWaiting(waiting, bindings);
+    const AwayPorts away = addWaiting(waiting, bindings);
     std::erase_if(bindings,
                   [&](const Binding &binding) { return !wanted(binding) || (only && binding.key != *only); });
     std::map<uint32_t, std::string> names;

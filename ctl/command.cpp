@@ -38,6 +38,10 @@ constexpr char BINDING_VALUES[] =
 // Rows of two lines are aligned by hand.
 // clang-format off
 constexpr Command COMMANDS[] = {
+    {"status", "", showStatus, true,
+     "the daemon and the switch at a glance, and what needs attention; also without a command"},
+    {"show ports", "", showPorts, true,
+     "every port of the switch, whether it snoops or not"},
     {"show interfaces", "", showInterfaces, true,
      "interfaces that snoop"},
     {"show interface", "IF", showInterface, true,
@@ -310,10 +314,8 @@ ExitStatus runClient(Words line, const Daemon &daemon, std::ostream &out, std::o
     if (verbose)
         line.erase(line.begin());
     try {
-        if (line.empty()) {
-            printUsage(err);
-            return EXIT_USAGE;
-        }
+        if (line.empty())
+            line = {"status"};
         const ExitStatus status = runCommand(line, {daemon, false, out, err});
         if (!out.flush()) {
             if (isReaderGone())

@@ -16,7 +16,9 @@
 #include "command.h"
 #include "cut_off.h"
 #include "fd.h"
+#include "guard_view.h"
 #include "reconcile.h"
+#include "running.h"
 
 using namespace platform_linux;
 
@@ -26,9 +28,7 @@ namespace
 constexpr std::chrono::seconds PATIENCE(60);
 constexpr uint32_t CONFIRM_MAX = 86400;
 
-// ---- The daemon's side
-
-std::string ask(const std::string &request)
+std::string askConfig(const std::string &request)
 {
     const Connection connection(SOCK_SEQPACKET, config_runtime("config"), PATIENCE);
     connection.send(request.data(), request.size());
@@ -37,10 +37,11 @@ std::string ask(const std::string &request)
     return answer;
 }
 
-// The lines behind "ok"; anything else is thrown, with `file` in place of the candidate's name.
-std::string demand(const std::string &request, const std::string &file = "")
+} // namespace
+
+std::string demandConfig(const std::string &request, const std::string &file)
 {
-    std::string answer = ask(request);
+    std::string answer = askConfig(request);
     const std::string candidate = config_runtime("candidate");
     for (size_t at = 0; !file.empty() && (at = answer.find(candidate, at)) != std::string::npos;
          at += file.size())
@@ -52,9 +53,12 @@ std::string demand(const std::string &request, const std::string &file = "")
     throw CtlError(EXIT_REFUSED, answer);
 }
 
+namespace
+{
+
 std::string savedPath()
 {
-    std::istringstream lines(demand("status"));
+    std::istringstream lines(demandConfig("status"));
     std::string word, path;
     lines >> word >> path;
     return word == "file" && !path.empty() ? path : config_path();
@@ -108,12 +112,6 @@ std::vector<PortId> ports(const Config &config)
     for (const auto &[ifIndex, port] : portsNow(config.model))
         found.push_back(port_id(port));
     return found;
-}
-
-void openGuard(const Context &context)
-{
-    if (std::string why; !guard_config_open(why))
-        context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
 }
 
 // The static bindings. The daemon has a dead index for the port of those that wait; the platform has its
@@ -374,6 +372,18 @@ ExitStatus showEffective(const Context &context, const std::string &name)
 
 } // namespace
 
+SavedFile compareSaved(const Context &context)
+{
+    SavedFile saved = {savedPath(), false, ""};
+    saved.isThere = access(saved.name.c_str(), F_OK) == 0;
+    try {
+        saved.differences = differences(readFile(saved.name, true), context).size();
+    } catch (const CtlError &error) {
+        saved.fault = error.what();
+    }
+    return saved;
+}
+
 ExitStatus checkConfig(const Context &context, std::span<const std::string> arguments)
 {
     const File file = readFile(theFile("check", arguments));
@@ -405,7 +415,7 @@ ExitStatus applyConfig(const Context &context, std::span<const std::string> argu
     noteCutOff(file, context);
     writeFile(config_runtime("before"), runningText(context));
     writeFile(config_runtime("candidate"), file.text);
-    context.err << demand("apply " + std::to_string(seconds), file.name);
+    context.err << demandConfig("apply " + std::to_string(seconds), file.name);
     if (confirms)
         context.err << "dhcpsnoopctl: in force; 'dhcpsnoopctl confirm' within " << seconds << " s keeps it\n";
     return EXIT_DONE;
@@ -413,13 +423,13 @@ ExitStatus applyConfig(const Context &context, std::span<const std::string> argu
 
 ExitStatus confirmConfig(const Context &, std::span<const std::string>)
 {
-    demand("confirm");
+    demandConfig("confirm");
     return EXIT_DONE;
 }
 
 ExitStatus reloadConfig(const Context &context, std::span<const std::string>)
 {
-    context.err << demand("reload");
+    context.err << demandConfig("reload");
     return EXIT_DONE;
 }
 
@@ -428,7 +438,7 @@ ExitStatus saveConfig(const Context &context, std::span<const std::string>)
     const std::string path = savedPath(), text = runningText(context);
     parsed(path, text);
     writeFile(path, text);
-    context.err << demand("reload");
+    context.err << demandConfig("reload");
     return EXIT_DONE;
 }
 

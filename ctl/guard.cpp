@@ -11,7 +11,7 @@
 #include "binding_view.h"
 #include "command.h"
 #include "cut_off.h"
-#include "guard.h"
+#include "guard_view.h"
 #include "guard_words.h"
 #include "protocol.h"
 #include "table.h"
@@ -20,9 +20,6 @@ using namespace platform_linux;
 
 namespace
 {
-
-constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan", "origin"};
-static_assert(std::size(REASONS) == GUARD_REASONS);
 
 // Longer than the daemon waits for a client that stalls.
 constexpr std::chrono::seconds PATIENCE(15);
@@ -178,17 +175,6 @@ ExitStatus changeVlanGuard(const Context &context, GuardFeature feature,
                   arguments.subspan(1));
 }
 
-std::string itemsText(const guard_items &items, GuardFeature feature)
-{
-    std::string text;
-    const uint8_t wanted = guard_wanted(items, feature);
-    for (const std::string &word : item_words(wanted))
-        text += (text.empty() ? "" : ",") + word;
-    if (has_family(wanted))
-        text += std::string("/") + family_word(wanted);
-    return text.empty() ? "off" : text;
-}
-
 // "ipv4 12, arp 3" in lines that leave room for the other columns on 80; one empty line for none.
 Words refusedTexts(const GuardRefusals &refused)
 {
@@ -197,7 +183,8 @@ Words refusedTexts(const GuardRefusals &refused)
     for (size_t reason = 0; reason < GUARD_REASONS; reason++) {
         if (refused[reason] == 0)
             continue;
-        const std::string text = std::string(REASONS[reason]) + ' ' + std::to_string(refused[reason]);
+        const std::string text =
+            std::string(GUARD_REASON_WORDS[reason]) + ' ' + std::to_string(refused[reason]);
         if (lines.back().empty())
             lines.back() = text;
         else if (lines.back().size() + 2 + text.size() <= ROOM)
@@ -215,8 +202,8 @@ void addRows(std::vector<Words> &rows, const GuardPlace &place, const guard_item
     const std::string name =
         place.isVlan ? "vlan " + std::to_string(place.number) : interfaceText(place.number);
     const Words reasons = refusedTexts(refused);
-    rows.push_back({name, itemsText(items, GuardFeature::ipSourceGuard),
-                    itemsText(items, GuardFeature::arpInspection), reasons[0]});
+    rows.push_back({name, itemsText(guard_wanted(items, GuardFeature::ipSourceGuard)),
+                    itemsText(guard_wanted(items, GuardFeature::arpInspection)), reasons[0]});
     const auto pending = [&items](GuardFeature feature) {
         return guard_pending(items, feature) ? "(pending)" : " ";
     };
@@ -249,6 +236,25 @@ void addItems(Json &json, const guard_items &items)
 }
 
 } // namespace
+
+std::string itemsText(uint8_t wanted)
+{
+    std::string text;
+    for (const std::string &word : item_words(wanted))
+        text += (text.empty() ? "" : ",") + word;
+    if (has_family(wanted))
+        text += std::string("/") + family_word(wanted);
+    return text.empty() ? "off" : text;
+}
+
+bool openGuard(const Context &context)
+{
+    std::string why;
+    const bool open = guard_config_open(why);
+    if (!open)
+        context.err << "dhcpsnoopctl: note: without the guard's settings: " << why << '\n';
+    return open;
+}
 
 ExitStatus guardInterface(const Context &context, std::span<const std::string> arguments)
 {
@@ -310,7 +316,7 @@ ExitStatus showGuard(const Context &context, std::span<const std::string> argume
             addItems(json, items);
             refused = refusals[place.number];
             for (size_t reason = 0; reason < GUARD_REASONS; reason++)
-                json["refused"][REASONS[reason]] = refused[reason];
+                json["refused"][GUARD_REASON_WORDS[reason]] = refused[reason];
             interfaces.push_back(json);
         }
         const bool hasSetting = (guard_wanted(items, GuardFeature::ipSourceGuard) |

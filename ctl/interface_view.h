@@ -6,6 +6,9 @@
 #include "listing.h"
 #include "table.h"
 
+// In the order of the daemon's counters.
+constexpr const char *DROP_COUNTERS[] = {"dropped-untrusted", "dropped-source-mac", "dropped-binding"};
+
 struct InterfaceView {
     uint32_t ifIndex;
     std::string name;

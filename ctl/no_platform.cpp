@@ -20,6 +20,8 @@ ExitStatus guardVlan(const Context &, std::span<const std::string>) { refuse(); 
 ExitStatus arpInterface(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus arpVlan(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus showGuard(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus showStatus(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus showPorts(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus monitor(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus showConfig(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus checkConfig(const Context &, std::span<const std::string>) { refuse(); }

@@ -1,10 +1,11 @@
 // The unit's role, its peer and its journal: asked of the platform beside the daemon, over a local socket of
 // its own.
+#include <algorithm>
 #include <cstdlib>
-#include <map>
 #include <sstream>
 
 #include "binding_view.h"
+#include "facts_view.h"
 
 namespace
 {
@@ -76,14 +77,32 @@ try {
     return false;
 }
 
+Facts readFacts(const std::string &answer)
+{
+    Facts facts;
+    std::istringstream lines(answer);
+    for (std::string name, value; lines >> name && std::getline(lines, value);)
+        facts[name] = value.substr(std::min<size_t>(1, value.size()));
+    return facts;
+}
+
+Facts readUnit()
+{
+    Facts facts = readFacts(askPlatform("status"));
+    if (!facts.contains("role"))
+        throw NoDaemon("malformed answer: no role");
+    return facts;
+}
+
+uint64_t number(const Facts &facts, const std::string &name)
+{
+    const auto at = facts.find(name);
+    return at != facts.end() ? numberOf(at->second) : 0;
+}
+
 ExitStatus showRedundancy(const Context &context, std::span<const std::string>)
 {
-    std::map<std::string, std::string> values;
-    std::istringstream answer(askPlatform("status"));
-    for (std::string name, value; answer >> name && std::getline(answer >> std::ws, value);)
-        values[name] = value;
-    if (!values.contains("role"))
-        throw NoDaemon("malformed answer: no role");
+    Facts values = readUnit();
     Json json;
     std::vector<Words> rows;
     for (const auto &[name, isNumber] : ITEMS) {

@@ -5,14 +5,6 @@
 
 #include "interface_view.h"
 
-namespace
-{
-
-// In the order of the daemon's counters.
-constexpr const char *DROP_COUNTERS[] = {"dropped-untrusted", "dropped-source-mac", "dropped-binding"};
-
-} // namespace
-
 ExitStatus showInterfaces(const Context &context, std::span<const std::string>)
 {
     Json list = Json::array();

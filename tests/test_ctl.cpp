@@ -108,7 +108,7 @@ const struct {
     std::string said;
     std::string after = "", out = ""; // a line that shows it; all that is printed
 } ROWS[] = {
-    {"no command, no such command, interface or setting", "", ";shwo interfaces;interface no-such-port trust on;interface 0 trust on;interface 7 trsut on", {}, EXIT_USAGE, "Usage: dhcpsnoopctl;unknown command 'shwo interfaces';there is no interface 'no-such-port' here;there is no interface '0';no setting 'trsut' of an interface"},
+    {"no such command, interface or setting", "", "shwo interfaces;interface no-such-port trust on;interface 0 trust on;interface 7 trsut on", {}, EXIT_USAGE, "unknown command 'shwo interfaces';there is no interface 'no-such-port' here;there is no interface '0';no setting 'trsut' of an interface"},
     {"a value out of its range", "", "interface 7 trust yes;interface 7 option82-mode 16;interface 7 max-users 65536;enterprise-number 4294967296;interface 7 relay-address 10.0.0.256", {}, EXIT_USAGE, "trust takes: on|off;a number from 0 to 15;a number from 0 to 65535, not '65536';not '4294967296';'10.0.0.256' is not an IPv4 address"},
     {"a text too long", "", "interface 7 circuit-id text " + std::string(129, 'x'), {}, EXIT_USAGE, "129 bytes are too long"},
     {"a text or a list of options that is wrong", "", "interface 7 circuit-id hex abc;interface 7 circuit-id template 100%;interface 7 circuit-id template %s-%c;vlan 4095 snooping on;binding add 10.0.0.5 mac 02:00:00:00:00:01;show bindings vlan", {}, EXIT_USAGE, "not a row of hexadecimal bytes;a letter must follow;after '%s' must come one of;from 1 to 4094;mac, vlan and interface are needed;'vlan' lacks its value"},

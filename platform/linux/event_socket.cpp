@@ -11,6 +11,7 @@
 #include "config.h"
 #include "desired_state.h"
 #include "dhcpsnoop_cmd.h"
+#include "facts.h"
 #include "guard.h"
 #include "platform.h"
 #include "redundancy.h"
@@ -167,7 +168,7 @@ int32_t platform_event_group_join(int sock, uint32_t group)
     follow_guard();
     stay_readable(sock);
     redundancy_event_socket(sock);
-    config_begin(sock, ask_core);
+    config_begin(sock, ask_core, facts_text);
     snapshot_start(config_runtime("bindings"), sock);
     return 0;
 }

@@ -41,6 +41,7 @@ std::set<uint32_t> todo, fresh;  // ports to look at; those among them that have
 std::set<uint32_t> settled;      // ports whose settings are in force
 int eventSocket = -1;
 std::optional<Daemon> core;
+std::string (*facts)();
 
 std::mutex jobMutex;
 std::condition_variable jobDone;
@@ -235,7 +236,7 @@ std::string status()
 }
 
 // Of the client or a signal: "reload", "apply SECONDS" (0: for good) of the candidate, "confirm", "revert",
-// "status". The answer begins with "ok", or says what is wrong.
+// "status", "facts". The answer begins with "ok", or says what is wrong.
 std::string handle(const std::string &request)
 {
     constexpr std::string_view APPLY = "apply ";
@@ -248,6 +249,8 @@ std::string handle(const std::string &request)
             return revert();
         if (request == "status")
             return status();
+        if (request == "facts")
+            return status() + facts();
         if (request.starts_with(APPLY))
             return apply(std::chrono::seconds(parseRange("seconds", request.substr(APPLY.size()), 0, 86400)));
         return "unknown request\n";
@@ -383,8 +386,9 @@ bool config_start(const std::string &directory, ConfigStart &start)
     return true;
 }
 
-void config_begin(int socket, Exchange exchange)
+void config_begin(int socket, Exchange exchange, std::string (*moreFacts)())
 {
+    facts = moreFacts;
     core.emplace(std::move(exchange));
     eventSocket = socket;
     model_watch(model_changed);

@@ -35,8 +35,8 @@ bool config_start(const std::string &directory, ConfigStart &start);
 
 // The daemon is about to read events from this socket, and can be asked: the configuration is brought about
 // from now on. Signals and requests are taken by a thread of its own: SIGHUP loads the file, SIGTERM and
-// SIGINT end the process.
-void config_begin(int socket, Exchange exchange);
+// SIGINT end the process. `facts` gives more lines for the client's question about the daemon.
+void config_begin(int socket, Exchange exchange, std::string (*facts)());
 
 // Does a part of what is to be done, on the daemon's thread, when it has handled all events. True when the
 // guard's configuration has changed.
