@@ -6,7 +6,7 @@
 #include <net/if.h>
 #include <set>
 
-#include "binding.h"
+#include "binding_view.h"
 #include "switch_model.h"
 #include "wanted.h"
 
@@ -115,17 +115,9 @@ const std::vector<CutOff::Bound> &CutOff::bindings()
     if (bindings_)
         return *bindings_;
     bindings_ = lines_;
-    for (std::optional<UserKey> key = nextUser(daemon_, {}); key; key = nextUser(daemon_, key)) {
-        const auto get = [&](uint32_t cmd) { return daemon_.demand({FUNC_USER_GET, cmd, *key}, "binding"); };
-        auto bound = ifStillThere([&] {
-            if (get(USER_ACTION).word() != DHCPSNOOP_BIND_BOUND)
-                return Bound{};
-            Reply mac = daemon_.demand({FUNC_USER_GET, USER_MAC, *key, Bytes(6)}, "binding");
-            return Bound{*key, get(USER_INTERFACE).word(), mac.bytes()};
-        });
-        if (bound && bound->key.ipType != 0)
-            bindings_->push_back(std::move(*bound));
-    }
+    for (const Binding &binding : readBindings(daemon_))
+        if (binding.state == DHCPSNOOP_BIND_BOUND)
+            bindings_->push_back({binding.key, binding.ifIndex, binding.mac});
     return *bindings_;
 }
 

@@ -8,7 +8,6 @@
 #include <linux/rtnetlink.h>
 #include <utility>
 
-#include "config.h"
 #include "desired_state.h"
 #include "dhcpsnoop_cmd.h"
 #include "facts.h"
@@ -16,6 +15,7 @@
 #include "platform.h"
 #include "redundancy.h"
 #include "report.h"
+#include "runtime_paths.h"
 #include "snapshot.h"
 #include "switch_model.h"
 #include "wake.h"

@@ -26,6 +26,7 @@
 #include "guard.h"
 #include "guard_words.h"
 #include "redundancy_conf.h"
+#include "runtime_paths.h"
 #include "selector.h"
 #include "setting.h"
 #include "switch_conf.h"
@@ -96,11 +97,5 @@ bool config_parse(std::string_view name, std::string_view text, Config &config, 
 
 // The file in the directory that the argument, or CONFIG_DIRECTORY_ENV, names; else in CONFIG_DIRECTORY.
 std::string config_path(const std::string &directory = "");
-
-// The platform's socket, or the one that the environment names.
-const char *platform_socket_path();
-// A file or socket beside the platform's socket: "config" takes requests, "candidate" is to be applied,
-// "running" is in force, "bindings" hands out all bindings.
-std::string config_runtime(const char *what);
 
 } // namespace platform_linux
