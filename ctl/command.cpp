@@ -140,21 +140,6 @@ bool startsWith(const Words &line, const Words &beginning)
     return line.size() >= beginning.size() && std::equal(beginning.begin(), beginning.end(), line.begin());
 }
 
-// The row with the most words that the line begins with.
-const Command *findCommand(const Words &line)
-{
-    const Command *found = nullptr;
-    size_t most = 0;
-    for (const Command &command : COMMANDS) {
-        Words words = splitWords(command.words);
-        if (words.size() > most && startsWith(line, words)) {
-            found = &command;
-            most = words.size();
-        }
-    }
-    return found;
-}
-
 void printRow(std::ostream &out, const std::string &left, const std::string &help)
 {
     constexpr size_t COLUMN = 34;
@@ -250,6 +235,20 @@ bool isReaderGone()
 } // namespace
 
 std::span<const Command> commands() { return COMMANDS; }
+
+const Command *findCommand(const Words &line)
+{
+    const Command *found = nullptr;
+    size_t most = 0;
+    for (const Command &command : COMMANDS) {
+        Words words = splitWords(command.words);
+        if (words.size() > most && startsWith(line, words)) {
+            found = &command;
+            most = words.size();
+        }
+    }
+    return found;
+}
 
 void printUsage(std::ostream &out)
 {

@@ -26,6 +26,8 @@ struct Command {
     const char *help;
 };
 std::span<const Command> commands();
+// The row with the most words that the line begins with, or null.
+const Command *findCommand(const Words &line);
 
 // Runs a command line (without the program's name) and reports a failure on `err`.
 ExitStatus runClient(Words line, const Daemon &daemon, std::ostream &out, std::ostream &err);

@@ -30,7 +30,7 @@ using Clock = std::chrono::steady_clock;
     case EACCES:
     case EPERM:
         throw NoDaemon("not permitted to use " + path +
-                       ": the daemon serves root only (run as root, or with CAP_DAC_OVERRIDE)");
+                       ": the daemon serves root only; the group dhcpsnoop may show");
     case EAGAIN:
     case ETIMEDOUT:
         throw NoDaemon("the daemon on " + path + " is too busy to take a request");
@@ -125,14 +125,20 @@ void Connection::send(const void *bytes, size_t size) const
 
 size_t Connection::receive(void *out, size_t size) const
 {
+    const size_t got = receiveSome(out, size);
+    if (got == 0)
+        throw NoDaemon("the daemon closed the connection without a whole answer");
+    return got;
+}
+
+size_t Connection::receiveSome(void *out, size_t size) const
+{
     for (;;) {
         if (!waitReadable(sock_.get(), deadline_))
             throw NoDaemon("the daemon did not answer in time");
         ssize_t got = recv(sock_.get(), out, size, MSG_DONTWAIT);
-        if (got > 0)
+        if (got >= 0)
             return static_cast<size_t>(got);
-        if (got == 0)
-            throw NoDaemon("the daemon closed the connection without a whole answer");
         if (errno != EINTR && errno != EAGAIN)
             throw NoDaemon(std::string("reading the daemon's answer failed: ") + std::strerror(errno));
     }
@@ -177,6 +183,17 @@ Bytes Connection::receiveFile() const
         at += static_cast<size_t>(count);
     }
     return bytes;
+}
+
+void Connection::finish() const { shutdown(sock_.get(), SHUT_WR); }
+
+std::string Connection::receiveRest() const
+{
+    std::string rest;
+    char piece[65536];
+    while (const size_t got = receiveSome(piece, sizeof piece))
+        rest.append(piece, got);
+    return rest;
 }
 
 bool isDaemonRunning(const Daemon &daemon)

@@ -35,8 +35,13 @@ class Connection
     void receiveAll(void *out, size_t size) const;
     // The whole file that came with a packet; throws the packet's text when none did.
     Bytes receiveFile() const;
+    // Says that nothing more is sent.
+    void finish() const;
+    // All that comes until the other side closes.
+    std::string receiveRest() const;
 
   private:
+    size_t receiveSome(void *out, size_t size) const; // 0 at the end
     Socket sock_;
     std::chrono::steady_clock::time_point deadline_;
 };

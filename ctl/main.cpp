@@ -3,8 +3,10 @@
 // status.
 #include <csignal>
 #include <iostream>
+#include <unistd.h>
 
 #include "command.h"
+#include "read_gate.h"
 
 int main(int argc, char **argv)
 {
@@ -18,6 +20,11 @@ int main(int argc, char **argv)
         return EXIT_DONE;
     }
     try {
+        if (line == Words{"serve-read"}) // systemd has put the connection there
+            return serveReader(STDIN_FILENO, Daemon(socketExchange(daemonSocketPath())));
+        if (geteuid() != 0)
+            if (const auto status = readThroughGate(line, std::cout, std::cerr))
+                return *status;
         return runClient(line, Daemon(socketExchange(daemonSocketPath())), std::cout, std::cerr);
     } catch (const std::exception &error) { // out of memory
         std::cerr << "dhcpsnoopctl: " << error.what() << '\n';
