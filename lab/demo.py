@@ -1,18 +1,21 @@
-"""What scripts/lab shows: real clients get their leases through the daemon, a rogue server and a spoofing host are refused.
+"""What scripts/lab shows: a rogue server wins on a plain bridge, and loses behind three lines of configuration; real clients get their
+leases through the daemon, and a spoofing host is refused.
 
     demo.py BUILD demo|shell
 """
 
 import os
+import re
 import subprocess
 import sys
+import threading
 
 import isolate
 
 BUILD, MODE = os.path.realpath(sys.argv[1]), sys.argv[2]
 OUTSIDE_PID = isolate.enter([BUILD, os.path.dirname(os.path.realpath(__file__))])
 
-from lab import MACS, PORTS, RELAY_ADDRESS, RELAY_SERVERS, RUN, Client, Failure, Lab, wait_for
+from lab import MACS, MODEL, PORTS, RELAY_ADDRESS, RELAY_SERVERS, RUN, Client, Failure, Lab, wait_for
 from scapy.layers.inet import IP, UDP
 from scapy.layers.l2 import ARP, Ether
 from wire import BROADCAST, Capture, Endpoint, from_server, is_dhcp
@@ -20,19 +23,58 @@ from wire import BROADCAST, Capture, Endpoint, from_server, is_dhcp
 ROGUE_ADDRESS, ROGUE_LEASE = "10.0.10.66", "10.0.10.250"
 ROGUE_REPLIES = 5  # of each kind
 GATEWAY, FORGED, FORGERIES = "10.0.10.1", "10.0.10.66", 5
+ASKED = 5  # times that pc1 asks for an address while the rogue server listens
+PROTECTION = ("bridge br0 uplink swp4", "bridge br0 guard ip mac port", "interface swp1 option82 on")
+
+
+class RogueServer:
+    """Answers each DISCOVER and REQUEST that it hears before a server can that has to think."""
+
+    def __init__(self, lab):
+        self.endpoint, self.ended = Endpoint(lab.rogue), threading.Event()
+        self.answers = {}
+        for asked, kind in ((1, "offer"), (3, "ack")):
+            frame = bytearray(bytes(from_server(kind, MACS["pc1"], ROGUE_ADDRESS, ROGUE_LEASE, source_mac=MACS["rogue"])))
+            frame[40:42] = bytes(2)  # no UDP checksum, because each answer gets the client's transaction
+            self.answers[bytes((53, 1, asked))] = frame
+        self.thread = threading.Thread(target=self.serve)
+
+    def serve(self):
+        while not self.ended.is_set():
+            data = self.endpoint.next(0.05)
+            if data and (answer := self.answers.get(data[282:285])):
+                answer[46:50] = data[46:50]
+                self.endpoint.send(answer)
+
+    def __enter__(self):
+        self.thread.start()
+
+    def __exit__(self, *_):
+        self.ended.set()
+        self.thread.join()
+        self.endpoint.socket.close()
+
+
+def rogue_leases(lab):
+    """pc1 asks, a rogue server listens: how often does the client believe it?"""
+    servers = []
+    with RogueServer(lab):
+        for _ in range(ASKED):
+            asked = lab.pc1.run("udhcpc", "-f", "-n", "-q", "-t", "8", "-T", "1", "-i", "eth0", "-s", "/bin/true", check=False)
+            servers += re.findall(r"lease of \S+ obtained from ([^, ]+)", asked.stdout + asked.stderr)
+    if len(servers) != ASKED:
+        raise Failure(f"pc1 got {len(servers)} leases, not {ASKED}")
+    return servers.count(ROGUE_ADDRESS)
 
 
 def configure(lab):
-    commands = [f"interface {port} snooping on" for port, _, _ in PORTS]
-    commands += [f"interface {port} version both" for port in ("swp1", "swp2", "swp3", "swp4", "swp5")]
-    commands += ["interface swp4 trust on", "interface swp6 trust on"]
-    commands += ["interface swp1 option82 on", "interface swp1 circuit-id template %N:vlan.%s",
-                 "interface swp1 subopt9 on"]
+    commands = ["interface swp6 snooping on", "interface swp6 trust on"]
+    commands += ["interface swp1 circuit-id template %N:vlan.%s", "interface swp1 subopt9 on"]
     commands += ["interface swp1 option18 on", "interface swp1 interface-id template %N:vlan.%s",
                  "interface swp1 option37 on", "interface swp1 remote-id6 text rack-12"]
     commands += [f"interface swp7 relay-address {RELAY_ADDRESS}"]
     commands += [f"interface swp7 relay-server {address} add" for address in RELAY_SERVERS.values()]
-    print("\nWhat an operator types:")
+    print("\nRelay information and a relay, by command:")
     for command in commands:
         lab.switch.ctl(command)
         print(f"  dhcpsnoopctl {command}")
@@ -87,11 +129,7 @@ def forge_sources(lab):
     kinds = (("packets from its own address", to_all / IP(src=own, dst=GATEWAY) / UDP(dport=9) / b"own", FORGERIES),
              (f"packets from {FORGED}", to_all / IP(src=FORGED, dst=GATEWAY) / UDP(dport=9) / b"forged", 0),
              (f"ARP replies for {GATEWAY}", to_all / ARP(op=2, hwsrc=MACS["pc1"], psrc=GATEWAY, pdst=ROGUE_ADDRESS), 0))
-    print("\nWith IP source guard and ARP inspection on swp1:")
-    for command in ("guard interface swp1 ip mac vlan port",):
-        lab.switch.ctl(command)
-        print(f"  dhcpsnoopctl {command}")
-    print(f"pc1 sent {FORGERIES} of each, so many arrived at its neighbour:")
+    print(f"\nIP source guard and ARP inspection: pc1 sent {FORGERIES} of each, so many arrived at its neighbour:")
     with Endpoint(lab.rogue) as neighbour, Endpoint(lab.pc1) as pc1:
         for _, frame, _ in kinds:
             for _ in range(FORGERIES):
@@ -137,7 +175,17 @@ def demo(lab):
     print("The switch and who is on it:")
     for port, model, host in PORTS:
         print(f"  {port}  {model:<20}  {'relay1, relay2' if host == 'core' else host}")
+    won = rogue_leases(lab)
+    print(f"\nA plain bridge, and a rogue server on swp5: pc1 asks {ASKED} times and takes {won} leases from the rogue.")
+    print("\nThree lines in dhcpsnoop.conf:")
+    for line in PROTECTION:
+        print(f"  {line}")
+    lab.switch.configure(*MODEL, *PROTECTION)
     lab.switch.start_daemon()
+    lost = rogue_leases(lab)
+    print(f"pc1 asks {ASKED} times again and takes {lost} leases from the rogue.")
+    if lost or not won:
+        raise Failure("the rogue server should win on a plain bridge, and lose behind the daemon")
     configure(lab)
     print("\nThe leases that the clients got:")
     with Capture(lab.server) as capture:
@@ -155,6 +203,8 @@ def demo(lab):
     show(lab, "interface swp5")
     forge_sources(lab)
     show(lab, "guard")
+    print(f"\nVerdict: leases from the rogue server: {won} of {ASKED} on the plain bridge, {lost} of {ASKED} with the daemon. "
+          f"Forged packets and ARP replies that passed: 0 of {2 * FORGERIES}.")
 
 
 def shell(lab):
