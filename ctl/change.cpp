@@ -44,6 +44,13 @@ void noteUnknownConversions(const Context &context, const Setting &setting, cons
                     << " has no meaning and gives 0\n";
 }
 
+// 0 where the daemon refuses to tell.
+uint32_t getSwitch(const Daemon &daemon, uint32_t ifIndex, uint32_t cmd)
+{
+    Reply reply = daemon.ask({FUNC_IF_GET, cmd, ifIndex});
+    return reply.result() == NM_OK ? reply.word() : 0;
+}
+
 ExitStatus changeSetting(const Context &context, const Target &target, std::span<const std::string> words)
 {
     if (words.empty())
@@ -63,16 +70,13 @@ ExitStatus changeSetting(const Context &context, const Target &target, std::span
     if (&target.scope == &INTERFACE_SCOPE && setting->cmd == IF_VERSION)
         trust = findSetting(INTERFACE_SCOPE, "trust");
     // A refusal here is ignored: the wanted setting reports its own.
-    const auto isOn = [&](uint32_t cmd) {
-        Reply before = context.daemon.ask({FUNC_IF_GET, cmd, target.index});
-        return before.result() == NM_OK && before.word() == 1;
-    };
-    const bool trusted = trust && isOn(IF_TRUST);
-    const bool begins = SNOOPS_BOTH_VERSIONS && &target.scope == &INTERFACE_SCOPE &&
-                        setting->cmd == IF_ENABLE && value == Value(1u) && !isOn(IF_ENABLE);
+    const bool trusted = trust && getSwitch(context.daemon, std::get<uint32_t>(target.index), IF_TRUST) == 1;
+    const bool snoops = setting == findSetting(target.scope, "snooping") && value == Value(1u);
+    const uint32_t both = snoops ? interfaceOfBoth(target) : 0;
+    const bool begins = both != 0 && getSwitch(context.daemon, both, IF_ENABLE) == 0;
     setValue(context.daemon, target, *setting, value);
     if (begins)
-        setValue(context.daemon, target, *findSetting(INTERFACE_SCOPE, "version"),
+        setValue(context.daemon, interfaceTarget(both), *findSetting(INTERFACE_SCOPE, "version"),
                  Value(uint32_t{DHCPSNOOP_IPV4 | DHCPSNOOP_IPV6}));
     if (trusted && getValue(context.daemon, target, *trust) == Value(0u))
         context.err << "dhcpsnoopctl: note: the change of version took trust away; '"

@@ -66,8 +66,9 @@ ExitStatus bindingDelete(const Context &, std::span<const std::string>);
 void checkVlanOfPort(uint32_t ifIndex, uint32_t vid);
 
 // platform.cpp, guard.cpp, monitor.cpp; without the Linux platform no_platform.cpp
-extern const bool
-    SNOOPS_BOTH_VERSIONS; // "snooping on" of an interface means both; the daemon begins with IPv4
+// Where "snooping on" of the interface or VLAN means both IP versions: the interface, by index; else 0. The
+// daemon begins with IPv4.
+uint32_t interfaceOfBoth(const Target &target);
 ExitStatus platformRelease(const Context &, std::span<const std::string>);
 ExitStatus guardInterface(const Context &, std::span<const std::string>);
 ExitStatus guardVlan(const Context &, std::span<const std::string>);

@@ -109,8 +109,9 @@ void writeFile(const std::string &name, const std::string &text)
 std::vector<PortId> ports(const Config &config)
 {
     std::vector<PortId> found;
-    for (const auto &[ifIndex, port] : portsNow(config.model))
-        found.push_back(port_id(port));
+    const Ports all = portsNow(config.model);
+    for (const auto &[ifIndex, port] : all)
+        found.push_back(port_id(port, all));
     return found;
 }
 
@@ -150,7 +151,7 @@ Differences differences(const File &file, const Context &context)
     const auto add = [&all](const Differences &more) { all.insert(all.end(), more.begin(), more.end()); };
     for (const PortId &port : ports(file.config))
         add(reconcile_port(file.config, daemon, port, Make::no));
-    add(reconcile_vlans(file.config, daemon, Make::no));
+    add(reconcile_vlans(file.config, Make::no));
     add(reconcile_bindings(file.config, {}, daemon, Make::no));
     for (const StaticBinding &binding : statics(context)) {
         const auto isLine = [&](const BindingLine &line) { return line.binding.key == binding.key; };
@@ -302,7 +303,7 @@ void noteCutOff(const File &file, const Context &context)
     for (const auto &[ifIndex, port] : ports) {
         if (port.vlan != 0 || port.aggregate != 0)
             continue;
-        const WantedPort wanted = wanted_port(config, port_id(port));
+        const WantedPort wanted = wanted_port(config, port_id(port, ports));
         note(std::max(wanted.ip.source.line, wanted.arp.source.line),
              {
                  false, ifIndex
@@ -334,7 +335,7 @@ ExitStatus showEffective(const Context &context, const std::string &name)
     std::map<std::string, Words> running; // that differ
     for (const Difference &difference : reconcile_port(base.config, context.daemon, *port, Make::no)) {
         const Words &line = difference.running;
-        const bool isGuard = line[0] != "interface";
+        const bool isGuard = line[0] == "guard" || line[0] == "arp-inspection";
         running[isGuard ? line[0] : line[2]] = {line.begin() + 3, line.end()};
     }
     std::vector<Words> rows = {

@@ -82,7 +82,7 @@ PortSnooping runningSnooping(const Daemon &daemon, const Ports &ports, const Por
 PortSnooping wantedSnooping(const Config &config, const Ports &ports, const Port &port)
 {
     const auto read = [&](const Port &at) {
-        const WantedPort wanted = wanted_port(config, port_id(at));
+        const WantedPort wanted = wanted_port(config, port_id(at, ports));
         const auto value = [&](const char *name) {
             return std::get<uint32_t>(wanted.of(*findSetting(INTERFACE_SCOPE, name)).value);
         };
@@ -90,13 +90,7 @@ PortSnooping wantedSnooping(const Config &config, const Ports &ports, const Port
     };
     PortSnooping own = read(port);
     if (own.versions == 0)
-        vlanInterfaces(ports, port, [&](const Port &vlan) {
-            own.versions |= read(vlan).versions;
-            for (const VlanLine &line : config.vlans)
-                if (line.vid == vlan.vlan && line.setting != nullptr && line.setting->kind == Kind::Switch &&
-                    line.value == Value(1u))
-                    own.versions |= DHCPSNOOP_IPV4;
-        });
+        vlanInterfaces(ports, port, [&](const Port &vlan) { own.versions |= read(vlan).versions; });
     return own;
 }
 

@@ -12,7 +12,7 @@ namespace
 } // namespace
 
 std::optional<std::vector<Binding>> readSnapshot() { return std::nullopt; }
-const bool SNOOPS_BOTH_VERSIONS = false;
+uint32_t interfaceOfBoth(const Target &) { return 0; }
 void checkVlanOfPort(uint32_t, uint32_t) {} // it is not known
 ExitStatus platformRelease(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus guardInterface(const Context &, std::span<const std::string>) { refuse(); }

@@ -2,9 +2,19 @@
 #include <ostream>
 
 #include "command.h"
+#include "cut_off.h"
 #include "guard.h"
 
-const bool SNOOPS_BOTH_VERSIONS = true;
+uint32_t interfaceOfBoth(const Target &target)
+{
+    const uint32_t number = std::get<uint32_t>(target.index);
+    if (&target.scope == &INTERFACE_SCOPE)
+        return number;
+    for (const auto &[ifIndex, port] : portsNow(runningModel()))
+        if (port.vlan == number)
+            return ifIndex;
+    return 0;
+}
 
 // Under a daemon that runs, or hangs, this would open every port to rogue servers.
 ExitStatus platformRelease(const Context &context, std::span<const std::string>)

@@ -39,7 +39,7 @@ std::string wanted(const Config &config, const PortId &port)
 #define BRIDGE "bridge br0 uplink eno1\nbridge br0 guard ip mac\n"
 #define PORT "snooping on@2, source-mac-check on@2, binding-check on@2, guard ip mac/ip mac@2"
 // clang-format off
-const struct { const char *claim, *text, *port, *bridge, *wanted; } WANTED[] = {
+const struct { const char *claim, *text, *port, *bridge, *wanted; uint16_t vlan = 0; } WANTED[] = {
     {"a port of a bridge", BRIDGE, "vnet0", "br0", PORT},
     {"its uplink: trusted, exempt, not checked", BRIDGE, "eno1", "br0", "snooping on@2, trust on@2, guard exempt/exempt@2"},
     {"a port of another bridge, and of none", BRIDGE, "vnet0", "br1", ""},
@@ -56,6 +56,7 @@ const struct { const char *claim, *text, *port, *bridge, *wanted; } WANTED[] = {
     {"", "interface v1 relay-server 10.0.0.3\ninterface v* relay-server 10.0.0.1\n", "v1", "", "relay-server 10.0.0.3@1"},
     {"", "interface v1 relay-server none\ninterface v* relay-server 10.0.0.1\n", "v1", "", ""},
     {"the guard of a port before that of its bridge, ARP inspection by itself", BRIDGE "guard interface v1 off\narp-inspection interface v* ip\n", "v1", "br0", "snooping on@2, source-mac-check on@2, binding-check on@2, guard /@3"},
+    {"a VLAN's interface: the lines of its VLAN, not those of the bridge below", BRIDGE "vlan 10 snooping on\nvlan 11 max-users 3\n", "br0.10", "br0", "snooping on@3", 10},
     {"quotes, a comment, blanks", "  interface 'v1' subopt9-text \"a # b\" # a comment\n\n#\n", "v1", "", "subopt9-text text 'a # b'@1"},
 };
 
@@ -100,7 +101,7 @@ const struct { const char *text, *error; } ERRORS[] = { // several files and wha
 TEST(Config, WantedOfAPort)
 {
     for (const auto &row : WANTED)
-        EXPECT_EQ(wanted(parsed(row.text), {7, row.port, row.bridge, false}), row.wanted) << row.claim << row.text;
+        EXPECT_EQ(wanted(parsed(row.text), {7, row.port, row.bridge, row.vlan != 0, row.vlan}), row.wanted) << row.claim << row.text;
 }
 
 TEST(Config, Errors)

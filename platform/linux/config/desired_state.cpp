@@ -114,11 +114,11 @@ std::string make_all(const Config &before)
     wrong.add(reconcile_globals(config, *core, Make::yes));
     for (const auto &[ifIndex, port] : model_ports()) {
         const Differences made =
-            reconcile_port(config, *core, port_id(port), Make::yes, fresh.contains(ifIndex));
+            reconcile_port(config, *core, port_id(port, model_ports()), Make::yes, fresh.contains(ifIndex));
         settle(ifIndex, made);
         wrong.add(made);
     }
-    wrong.add(reconcile_vlans(config, *core, Make::yes));
+    wrong.add(reconcile_vlans(config, Make::yes));
     wrong.add(reconcile_bindings(config, before, *core, Make::yes));
     // When ARP inspection stops, the daemon forgets the check items of static bindings for it. The log tells
     // each binding once more.
@@ -264,8 +264,11 @@ std::string lines_text(const PortId &port)
 {
     std::set<std::string> lines;
     for (const BridgeLine &line : running.config.bridges)
-        if (line.bridge == port.bridge)
+        if (line.bridge == port.bridge && !port.isVlanInterface)
             lines.insert("bridge " + line.bridge);
+    for (const VlanLine &line : running.config.vlans)
+        if (line.vid == port.vlan)
+            lines.insert("vlan " + std::to_string(line.vid));
     for (const PortLine &line : running.config.ports)
         if (line.ports.match(port.name) != Rank::none)
             lines.insert("interface " + line.ports.text());
@@ -277,7 +280,7 @@ std::string lines_text(const PortId &port)
 
 void work_port(const Port &port)
 {
-    const PortId id = port_id(port);
+    const PortId id = port_id(port, model_ports());
     const bool isNew = fresh.erase(id.ifIndex) != 0;
     Differences made = reconcile_port(running.config, *core, id, Make::yes, isNew);
     settle(id.ifIndex, made);

@@ -41,14 +41,14 @@ uint32_t running_switch(const Daemon &daemon, const Target &target, const Settin
     return reply.result() == NM_OK ? reply.word() : 0;
 }
 
-void reconcile_setting(Differences &found, const Daemon &daemon, const Target &target, const Setting &setting,
-                       const Wanted<Value> &wanted, Make make)
+void reconcile_setting(Differences &found, const Daemon &daemon, const Target &target, const Words &words,
+                       const Setting &setting, const Wanted<Value> &wanted, Make make)
 {
     const Value running = getValue(daemon, target, setting);
     if (running == wanted.value)
         return;
     note(found,
-         {line_of(target.words(), setting.name, valueWords(setting, running)),
+         {line_of(words, setting.name, valueWords(setting, running)),
           joinQuoted(valueWords(setting, wanted.value)), wanted.source, ""},
          make, [&] { setValue(daemon, target, setting, wanted.value); });
 }
@@ -141,13 +141,16 @@ Differences reconcile_port(const Config &config, const Daemon &daemon, const Por
     Differences found;
     const WantedPort wanted = wanted_port(config, port);
     const Target target = {INTERFACE_SCOPE, port.ifIndex, port.name};
+    const auto words = [&](const Setting &setting) {
+        return port.vlan != 0 && findSetting(VLAN_SCOPE, setting.name) != nullptr
+                   ? Words{VLAN_SCOPE.noun, std::to_string(port.vlan)}
+                   : target.words();
+    };
     const Setting &snooping = *findSetting(INTERFACE_SCOPE, "snooping");
     const bool runs = running_switch(daemon, target, snooping) != 0;
-    if (port.isVlanInterface && wanted.settings.empty())
-        return found;
     if (runs != wanted.snoops())
         note(found,
-             {line_of(target.words(), snooping.name, {runs ? "on" : "off"}), runs ? "off" : "on",
+             {line_of(words(snooping), snooping.name, {runs ? "on" : "off"}), runs ? "off" : "on",
               wanted.of(snooping).source, ""},
              make, [&] { setValue(daemon, target, snooping, Value(uint32_t{!runs})); });
     const bool made = make == Make::yes && (found.empty() || found.back().error.empty());
@@ -161,8 +164,10 @@ Differences reconcile_port(const Config &config, const Daemon &daemon, const Por
             if (setting.kind == Kind::Servers)
                 reconcile_servers(found, daemon, target, wanted.servers, make);
             else
-                reconcile_setting(found, daemon, target, setting, wanted.of(setting), make);
+                reconcile_setting(found, daemon, target, words(setting), setting, wanted.of(setting), make);
         }
+    if (port.isVlanInterface) // guarded by its VLAN
+        return found;
     const GuardPlace place = {false, port.ifIndex};
     reconcile_guard(found, place, target.words(), GuardFeature::ipSourceGuard, wanted.ip, make, isNew);
     reconcile_guard(found, place, target.words(), GuardFeature::arpInspection, wanted.arp, make, isNew);
@@ -182,20 +187,17 @@ Differences reconcile_globals(const Config &config, const Daemon &daemon, Make m
                     line.value, {Rank::name, line.line}
                 };
         if (wanted.isSaid() || setting.cmd == GLOBAL_SERVER_LEARN)
-            reconcile_setting(found, daemon, globalTarget(), setting, wanted, make);
+            reconcile_setting(found, daemon, globalTarget(), {}, setting, wanted, make);
     }
     return found;
 }
 
-Differences reconcile_vlans(const Config &config, const Daemon &daemon, Make make)
+Differences reconcile_vlans(const Config &config, Make make)
 {
     Differences found;
-    std::map<uint32_t, std::map<const Setting *, Wanted<Value>>> settings;
     std::map<uint32_t, std::pair<Wanted<uint8_t>, Wanted<uint8_t>>> guards;
     for (const VlanLine &line : config.vlans) {
         const Source source = {Rank::name, line.line};
-        if (line.setting != nullptr)
-            settings[line.vid][line.setting] = {line.value, source};
         if (line.guard)
             guards[line.vid] = {
                 {line.guard->ip,  source},
@@ -204,23 +206,6 @@ Differences reconcile_vlans(const Config &config, const Daemon &daemon, Make mak
         if (line.arp)
             guards[line.vid].second = {*line.arp, source};
     }
-    for (const auto &[vid, wanted] : settings)
-        for (const Setting &setting : VLAN_SCOPE.settings) {
-            const Target target = {VLAN_SCOPE, vid, std::to_string(vid)};
-            if (!wanted.contains(&setting) ||
-                daemon.ask({FUNC_VLAN_GET, VLAN_ENABLE, vid}).result() == NM_END)
-                continue;
-            const Wanted<Value> &value = wanted.at(&setting);
-            if (setting.kind != Kind::Switch) {
-                reconcile_setting(found, daemon, target, setting, value, make);
-            } else if (const uint32_t runs = running_switch(daemon, target, setting);
-                       Value(runs) != value.value) {
-                note(found,
-                     {line_of(target.words(), setting.name, {runs != 0 ? "on" : "off"}),
-                      runs != 0 ? "off" : "on", value.source, ""},
-                     make, [&] { setValue(daemon, target, setting, value.value); });
-            }
-        }
     for (const auto &[place, items] : guard_config_all())
         if (place.isVlan)
             guards.try_emplace(place.number);

@@ -25,8 +25,8 @@ enum class Make : uint8_t { no, yes };
 Differences reconcile_port(const Config &config, const Daemon &daemon, const PortId &port, Make make,
                            bool isNew = false);
 Differences reconcile_globals(const Config &config, const Daemon &daemon, Make make);
-// VLANs without an interface are left out.
-Differences reconcile_vlans(const Config &config, const Daemon &daemon, Make make);
+// The guard of VLANs.
+Differences reconcile_vlans(const Config &config, Make make);
 // The static bindings of lines. Those of `before` that have no line any more are deleted. A binding whose
 // port is not there waits for it.
 Differences reconcile_bindings(const Config &config, const Config &before, const Daemon &daemon, Make make);

@@ -1,5 +1,6 @@
 #include "wanted.h"
 
+#include <algorithm>
 #include <net/if.h>
 
 namespace platform_linux
@@ -58,12 +59,15 @@ void consider_bridge(WantedPort &port, const Config &config, const PortId &id)
 
 } // namespace
 
-PortId port_id(const Port &port)
+PortId port_id(const Port &port, const std::map<uint32_t, Port> &ports)
 {
     char bridge[IF_NAMESIZE] = "";
     if (port.bridge != 0 && if_indextoname(port.bridge, bridge) == nullptr)
         bridge[0] = 0;
-    return {port.ifIndex, port.name, bridge, port.kind == PortKind::vlanInterface};
+    const auto first = std::ranges::find_if(
+        ports, [&port](const auto &entry) { return port.vlan != 0 && entry.second.vlan == port.vlan; });
+    const bool isFirst = first != ports.end() && first->first == port.ifIndex;
+    return {port.ifIndex, port.name, bridge, port.vlan != 0, isFirst ? port.vlan : uint16_t{0}};
 }
 
 bool WantedPort::snoops() const { return of(*findSetting(INTERFACE_SCOPE, "snooping")).value != Value(0u); }
@@ -80,8 +84,12 @@ Wanted<Value> WantedPort::of(const Setting &setting) const
 WantedPort wanted_port(const Config &config, const PortId &port)
 {
     WantedPort wanted;
-    if (!port.bridge.empty())
+    if (!port.bridge.empty() && !port.isVlanInterface)
         consider_bridge(wanted, config, port);
+    for (const VlanLine &line : config.vlans)
+        if (line.vid == port.vlan && line.setting != nullptr)
+            consider(wanted.settings[findSetting(INTERFACE_SCOPE, line.setting->name)], line.value,
+                     {Rank::name, line.line});
     for (const PortLine &line : config.ports) {
         const Source source = {line.ports.match(port.name), line.line};
         if (source.rank == Rank::none)

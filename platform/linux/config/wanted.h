@@ -13,10 +13,12 @@ namespace platform_linux
 struct PortId {
     uint32_t ifIndex;
     std::string name, bridge; // no bridge: empty
-    bool isVlanInterface;     // snoops for its VLAN, which has lines of its own
+    bool isVlanInterface;
+    uint16_t vlan = 0; // whose interface it is, so that its lines count; 0 = none
 };
 
-PortId port_id(const Port &port);
+// `ports` are all that there are, by index: the lowest one of a VLAN is its interface.
+PortId port_id(const Port &port, const std::map<uint32_t, Port> &ports);
 
 // Where a value comes from. Line 0: no line speaks of it.
 struct Source {
