@@ -5,9 +5,9 @@
 #include <map>
 #include <optional>
 
+#include "binding.h"
 #include "config.h"
 #include "hosts.h"
-#include "listing.h"
 
 // The guard as it is to stand on a port, by its own setting or that of a VLAN.
 struct GuardPlan {
