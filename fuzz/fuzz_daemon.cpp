@@ -11,6 +11,7 @@
 #include <sanitizer/asan_interface.h>
 
 #include "dhcpsnoop_format.h"
+#include "dhcpsnoop_if_table.h"
 #include "dhcpsnoop_sync.h"
 #include "event_message.h"
 #include "input.h"
@@ -111,6 +112,7 @@ void prepare_world()
 Bytes memory(const Bytes *restore = nullptr)
 {
     Bytes saved;
+    gIfChanges++; // what is kept of the interfaces is not among the bytes
     for (void *block : {static_cast<void *>(&gDhcpsnoop), static_cast<void *>(gDhcpsnoop.ifPool), static_cast<void *>(gDhcpsnoop.userPool), static_cast<void *>(gDhcpsnoop.serverPool), static_cast<void *>(gUserIndex)}) {
         const size_t size = block == &gDhcpsnoop ? sizeof gDhcpsnoop : malloc_usable_size(block);
         if (restore != nullptr)
@@ -335,6 +337,7 @@ constexpr Change CHANGES[] = {
         DhcpsnoopOptionFormat &format = *formats[which % 4] = {static_cast<uint16_t>(value % 8), static_cast<uint16_t>(text.size()), {}};
         memcpy(format.text, text.data(), text.size());
         dhcpsnoop_format_check(format.text, format.len);
+        gIfChanges++;
     },
     [](uint8_t, uint32_t value, const Bytes &) {
         world.now = std::clamp<int64_t>(world.now + static_cast<int32_t>(value), 0, UINT32_MAX);

@@ -1,6 +1,7 @@
 // DHCPv6 messages on their way: options 18 and 37 built, appended and stripped; what is learned from IA options; where the
 // client's port is found; whole exchanges. Whole frames are compared with those that scapy encoded.
 #include <algorithm>
+#include <random>
 
 #include "scene.h"
 
@@ -90,6 +91,7 @@ std::string built(uint8_t format, const std::string &own, uint16_t mode, const s
     gDhcpsnoop.interfaceIdFmt = {mode, static_cast<uint16_t>(global.size()), {}};
     std::copy(global.begin(), global.end(), gDhcpsnoop.interfaceIdFmt.text);
     gDhcpsnoop.remoteId6Fmt = gDhcpsnoop.interfaceIdFmt;
+    gIfChanges++;
     through(client6(1));
     const Bytes sent = sent_frame();
     return hex(Bytes(sent.begin() + 66, sent.end()));
@@ -230,6 +232,34 @@ TEST_F(Msg6, ClientsPortByItsOption)
         {"37 of port 3; both of port 1, the other way round; 18 decides when they differ; 37 when 18 is of no port; of another VLAN, another enterprise; one byte short, and cut off by the end of the message; none", series({by(id37(PORT3)), by(id37(PORT1) + id18(PORT1)), by(id18(PORT3) + id37(PORT1)), by(id18({1, 2}) + id37(PORT3)), by(id18(otherVlan)) + ", " + by(opt6(37, be32(9) + PORT1)), by(id18(all_but_one(PORT1))) + ", " + through(cut, FROM_SERVER), by({})}), "3 66 / 1 66 / 3 66 / 3 72 / 1 90, 3 90, 1 94, 3 94 / 1 89, 3 89, 1 89, 3 89 / 1 66, 3 66"},
         {"a port that asks for neither is found, and nothing stripped; a port that asks for 37 alone; a port that asks for 18 alone; a template of what the frame alone tells cannot be rebuilt for a reply; one of the interface can; 255 bytes, all the room that is asked for; and more than the buffer's", series({by(id18(PORT1) + id37(PORT1), 0), by(id18(PORT1) + id37(PORT1), F37), by(id18(PORT1) + id37(PORT1), F18), (built(0, "", 5, "%y"), by(id18(text_bytes("2026")))), (built(0, "", 5, "%i"), by(id18(text_bytes("3")))), (built(0, "", 5, std::string(255, 'z')), by(id18(Bytes(255, 'z')))), by(id37(Bytes(255, 'z')))}), "1 118 / 1 90 / 1 94 / 1 74, 3 74 / 3 66 / 1 66 / 1 66"},
     });
+}
+
+// Of interfaces with texts, without, with a template now and then: the first whose option is the same.
+TEST_F(Msg6, ClientsPortAmongMany)
+{
+    auto pick = [random = std::mt19937(1)](uint32_t of) mutable { return static_cast<uint8_t>(random() % of); };
+    world.reset(40, 1);
+    for (uint32_t ifIndex = 1; ifIndex <= 40; ifIndex++)
+        dhcpsnoop_if_enable(ifIndex);
+    for (int round = 0; round < 60; round++, gIfChanges++) {
+        DhcpsnoopIf *one = dhcpsnoop_if_lookup(1 + pick(40u));
+        const std::string text = world_format("%u", pick(30)) + std::string(pick(2) * 18, 'x');
+        one->interfaceIdFmt = one->remoteId6Fmt = round % 20 == 0 ? 5 : 3;
+        one->interfaceIdLen = one->remoteId6Len = static_cast<uint8_t>(pick(4) * text.size() / 3);
+        one->mac[5] = pick(20);
+        text.copy(reinterpret_cast<char *>(one->interfaceId), text.size()), text.copy(reinterpret_cast<char *>(one->remoteId6), text.size());
+        std::map<Bytes, const DhcpsnoopIf *> first[2];
+        for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
+            for (const uint32_t code : {18u, 37u}) {
+                DhcpsnoopPktInfo info = {};
+                info.ifp = ifp, info.svlan = 10;
+                Bytes option(300);
+                option.resize((code == 18 ? dhcp6snoop_construct_opt18 : dhcp6snoop_construct_opt37)(&info, option.data(), 256));
+                const DhcpsnoopIf *right = option.empty() ? nullptr : first[code == 18].emplace(option, ifp).first->second;
+                const Parsed reply(server6(2, option).bytes());
+                EXPECT_EQ(dhcp6snoop_get_if_from_opt(&reply.info, code), right);
+            }
+    }
 }
 
 TEST_F(Msg6, TrunksRouterPortsAndVlanInterfaces)

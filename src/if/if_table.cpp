@@ -4,6 +4,8 @@
 #include "debug.h"
 #include "list.h"
 
+uint32_t gIfChanges;
+
 DhcpsnoopIf *dhcpsnoop_if_lookup(uint32_t ifIndex)
 {
     for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
@@ -30,6 +32,7 @@ DhcpsnoopIf *dhcpsnoop_if_add(uint32_t ifIndex)
                     static_cast<long>(ifIndex));
         return nullptr;
     }
+    gIfChanges++;
     added->ifIndex = ifIndex;
 
     DhcpsnoopLink *after = &gDhcpsnoop.ifList;
@@ -46,6 +49,7 @@ void dhcpsnoop_if_delete(DhcpsnoopIf *ifp)
 {
     if (ifp == nullptr || !list_linked(ifp))
         return;
+    gIfChanges++;
     list_unlink(ifp);
     list_insert_after(&gDhcpsnoop.ifFreeList, ifp);
 }

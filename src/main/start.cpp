@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "debug.h"
+#include "dhcp6snoop_msg.h"
 #include "dhcpsnoop_state.h"
 #include "dhcpsnoop_user.h"
 #include "list.h"
@@ -52,7 +53,8 @@ static void tables_init(void)
 static int32_t pools_init(uint16_t ifCount, uint16_t userCount, uint16_t serverCount)
 {
     gDhcpsnoop.ifMax = ifCount != 0 ? ifCount : IF_MAX_DEFAULT;
-    if (dhcpsnoop_memlist_init(&gDhcpsnoop.ifFreeList, sizeof(DhcpsnoopIf), gDhcpsnoop.ifMax) != 0) {
+    if (dhcpsnoop_memlist_init(&gDhcpsnoop.ifFreeList, sizeof(DhcpsnoopIf), gDhcpsnoop.ifMax) != 0 ||
+        dhcp6snoop_port_index_init(gDhcpsnoop.ifMax) != 0) {
         DEBUG_EVENT("[DHCPSNOOP] Failed to allocate memory for interface free list\r\n");
         return -1;
     }
@@ -244,6 +246,7 @@ void dhcpsnoop_shutdown(void)
     pool_free(&gDhcpsnoop.ifFreeList, &gDhcpsnoop.ifPool);
     pool_free(&gDhcpsnoop.userFreeList, &gDhcpsnoop.userPool);
     dhcpsnoop_user_index_free();
+    dhcp6snoop_port_index_free();
     pool_free(&gDhcpsnoop.serverFreeList, &gDhcpsnoop.serverPool);
     init = 0;
 }

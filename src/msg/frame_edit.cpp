@@ -1,6 +1,7 @@
 // Bounds and in-place edits of the frame being processed.
 #include "frame_edit.h"
 
+#include <algorithm>
 #include <cstring>
 
 bool frame_holds(const DhcpsnoopPktInfo *info, const uint8_t *p, size_t count)
@@ -9,6 +10,13 @@ bool frame_holds(const DhcpsnoopPktInfo *info, const uint8_t *p, size_t count)
         return false;
     const auto offset = static_cast<size_t>(p - info->frame);
     return offset <= DHCPSNOOP_FRAME_MAX && count <= DHCPSNOOP_FRAME_MAX - offset;
+}
+
+uint32_t frame_left(const DhcpsnoopPktInfo *info, const uint8_t *p)
+{
+    const auto offset = static_cast<uint32_t>(p - info->frame);
+    const uint32_t end = std::min(info->frameLen, DHCPSNOOP_FRAME_MAX);
+    return offset < end ? end - offset : 0;
 }
 
 uint8_t frame_get8(const DhcpsnoopPktInfo *info, const uint8_t *p)

@@ -7,6 +7,9 @@
 // True when [p, p + count) lies inside the frame's 2048-byte buffer. Null does not.
 bool frame_holds(const DhcpsnoopPktInfo *info, const uint8_t *p, size_t count);
 
+// Bytes from `p`, which is in the buffer or at its end, to the end of the frame as it is now.
+uint32_t frame_left(const DhcpsnoopPktInfo *info, const uint8_t *p);
+
 // A byte, or four in network order; bytes outside the buffer read as 0.
 uint8_t frame_get8(const DhcpsnoopPktInfo *info, const uint8_t *p);
 uint32_t frame_get32(const DhcpsnoopPktInfo *info, const uint8_t *p);

@@ -12,12 +12,13 @@
 #include "protocol.h"
 #include "wire.h"
 
-static constexpr uint32_t DEFAULT_DATA_LEN = 20;
-static constexpr uint32_t ENTERPRISE_LEN = 4;
 static constexpr uint32_t OPTION_ROOM = 512;
 
 // Kept: more modes are templates here than in option 82.
-static bool is_template(uint32_t mode) { return mode == 1 || mode == 2 || mode == DHCPSNOOP_FORMAT_TEMPLATE; }
+bool dhcp6snoop_is_template(uint32_t mode)
+{
+    return mode == 1 || mode == 2 || mode == DHCPSNOOP_FORMAT_TEMPLATE;
+}
 
 // Kept: the inner length at 1 says 6, though eight bytes of circuit data follow.
 static void default_data(const DhcpsnoopPktInfo *info, uint8_t *out)
@@ -26,14 +27,14 @@ static void default_data(const DhcpsnoopPktInfo *info, uint8_t *out)
     std::memcpy(out, circuit, sizeof circuit);
     dhcpsnoop_circuit_data(info->ifp->ifIndex, info->svlan, out + 4);
     std::memcpy(out + 10, remote, sizeof remote);
-    std::memcpy(out + 14, info->ifp->mac, sizeof info->ifp->mac);
+    std::memcpy(out + DHCP6_DEFAULT_ID_MAC, info->ifp->mac, sizeof info->ifp->mac);
 }
 
 // The option's data at `out`; gives its length, 0 when a template rendered to nothing.
 static uint32_t build_data(const DhcpsnoopPktInfo *info, const DhcpsnoopOptionText &option, uint8_t *out,
                            uint32_t size)
 {
-    if (is_template(option_text_mode(info->ifp, option)))
+    if (dhcp6snoop_is_template(option_text_mode(info->ifp, option)))
         return dhcpsnoop_option_print(info, option, out, size);
     // The interface's string also when the mode is the global one.
     const uint32_t length = option_text_length(info->ifp, option);
@@ -42,7 +43,7 @@ static uint32_t build_data(const DhcpsnoopPktInfo *info, const DhcpsnoopOptionTe
         return length;
     }
     default_data(info, out);
-    return DEFAULT_DATA_LEN;
+    return DHCP6_DEFAULT_ID_LEN;
 }
 
 uint32_t dhcp6snoop_construct_opt18(const DhcpsnoopPktInfo *info, uint8_t *buffer, uint32_t size)
@@ -68,8 +69,9 @@ uint32_t dhcp6snoop_construct_opt37(const DhcpsnoopPktInfo *info, uint8_t *buffe
     wire_put16(buffer + DHCP6_OPT_CODE, DHCP6_OPT_REMOTE_ID);
     wire_put32(buffer + DHCP6_OPT_DATA, gDhcpsnoop.enterpriseNum);
     // Kept: with a template that renders to nothing, the enterprise number still makes an option.
-    const uint32_t length = ENTERPRISE_LEN + build_data(info, OPTION_TEXT_REMOTE_ID6,
-                                                        buffer + DHCP6_OPT_DATA + ENTERPRISE_LEN, size);
+    const uint32_t length =
+        DHCP6_ENTERPRISE_LEN +
+        build_data(info, OPTION_TEXT_REMOTE_ID6, buffer + DHCP6_OPT_DATA + DHCP6_ENTERPRISE_LEN, size);
     if (info->frameLen + DHCP6_OPT_HEADER_LEN + length > DHCPSNOOP_FRAME_MAX) {
         DEBUG_TRACE("[DHCPSNOOP] Packet len exceeds the max, don't insert option37.\r\n");
         return 0;

@@ -12,7 +12,6 @@
 #include "dhcpsnoop_sync.h"
 #include "dhcpsnoop_user.h"
 #include "frame_edit.h"
-#include "list.h"
 #include "protocol.h"
 #include "wire.h"
 
@@ -25,16 +24,9 @@ struct Area {
     uint32_t size;
 };
 
-static uint32_t left_in_frame(const DhcpsnoopPktInfo *info, const uint8_t *p)
-{
-    const auto offset = static_cast<uint32_t>(p - info->frame);
-    const uint32_t end = std::min(info->frameLen, DHCPSNOOP_FRAME_MAX);
-    return offset < end ? end - offset : 0;
-}
-
 static uint8_t *find_option(const DhcpsnoopPktInfo *info, Area area, uint32_t code)
 {
-    const uint32_t left = left_in_frame(info, area.start);
+    const uint32_t left = frame_left(info, area.start);
     if (left < DHCP6_OPT_HEADER_LEN)
         return nullptr;
     return dhcp6snoop_get_opt(area.start, code, std::min(area.size, left));
@@ -45,7 +37,7 @@ static bool find_status(const DhcpsnoopPktInfo *info, Area area, uint32_t *statu
 {
     const uint8_t *option = find_option(info, area, DHCP6_OPT_STATUS_CODE);
     if (option == nullptr || wire_get16(option + DHCP6_OPT_LEN) < 2 ||
-        left_in_frame(info, option) < DHCP6_OPT_DATA + 2)
+        frame_left(info, option) < DHCP6_OPT_DATA + 2)
         return false;
     *status = wire_get16(option + DHCP6_OPT_DATA);
     return true;
@@ -112,7 +104,7 @@ static bool ia_process(const DhcpsnoopPktInfo *info, uint8_t *ia, bool fromClien
     while (address != nullptr) {
         const uint32_t addressLength = wire_get16(address + DHCP6_OPT_LEN);
         if (addressLength >= IAADDR_FIXED) {
-            if (left_in_frame(info, address) < DHCP6_OPT_DATA + IAADDR_FIXED)
+            if (frame_left(info, address) < DHCP6_OPT_DATA + IAADDR_FIXED)
                 return true;
             if (!address_process(info, address, fromClient, status))
                 return false;
@@ -120,7 +112,7 @@ static bool ia_process(const DhcpsnoopPktInfo *info, uint8_t *ia, bool fromClien
         // Kept: the length left is counted from the whole inner area each time, not from where the search
         // stands.
         const uint32_t step = DHCP6_OPT_HEADER_LEN + addressLength;
-        if (step >= inner.size || step >= left_in_frame(info, address))
+        if (step >= inner.size || step >= frame_left(info, address))
             return true;
         address = find_option(info, {address + step, inner.size - step}, DHCP6_OPT_IAADDR);
     }
@@ -137,28 +129,6 @@ void dhcp6snoop_process_each_ia_opt(DhcpsnoopPktInfo *info, uint32_t fromClient)
         if (!ia_process(info, info->iaOpts[i], fromClient == 1, &status))
             return;
     }
-}
-
-DhcpsnoopIf *dhcp6snoop_get_if_from_opt(const DhcpsnoopPktInfo *info, uint32_t code)
-{
-    const bool interfaceId = code == DHCP6_OPT_INTERFACE_ID;
-    const uint8_t *received = interfaceId ? info->interfaceIdOpt : info->remoteIdOpt;
-    if (received == nullptr)
-        return nullptr;
-
-    constexpr uint32_t size = 256;
-    uint8_t built[8 + size]; // an option 37 of that much text has 8 bytes in front of it
-    DhcpsnoopPktInfo scratch = {};
-    scratch.svlan = info->svlan;
-    for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        scratch.ifp = ifp;
-        const uint32_t length = interfaceId ? dhcp6snoop_construct_opt18(&scratch, built, size)
-                                            : dhcp6snoop_construct_opt37(&scratch, built, size);
-        if (length != 0 && length <= left_in_frame(info, received) &&
-            std::memcmp(received, built, length) == 0)
-            return ifp;
-    }
-    return nullptr;
 }
 
 static bool asks_for_options(const DhcpsnoopIf *ifp)

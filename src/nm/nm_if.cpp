@@ -377,6 +377,7 @@ static int32_t _dhcpSnoopIfSetApi(uint32_t ifIndex, uint32_t cmd, void *value, u
     DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop if setapi: interface %s, cmd %d.\r\n", if_name(ifIndex).text, cmd);
     const TableLock lock;
     const int32_t rc = setting_set(ifIndex, cmd, value, mode);
+    gIfChanges++;
     DEBUG_EVENT("[DHCPSNOOP] dhcpsnoop if setapi: end, rc = %d.\r\n", rc);
     return rc;
 }
