@@ -69,13 +69,13 @@ std::vector<PortView> readPorts(const Context &context, const std::vector<Bindin
     std::vector<PortView> views;
     for (const auto &[ifIndex, port] : model) {
         PortView view = {port};
-        view.bridge = port_id(port).bridge;
+        view.bridge = port_id(port, model).bridge;
         view.snoopsByVlan = port.kind != PortKind::vlanInterface && (port.members & vlans).any();
         view.guard = itemsOf(port, places, GuardFeature::ipSourceGuard);
         view.arp = itemsOf(port, places, GuardFeature::arpInspection);
         view.bindings = users[ifIndex];
         if (snoops.contains(ifIndex))
-            if (auto settings = ifStillThere([&] { return readSettings(context.daemon, ifIndex); }))
+            if (auto settings = ifStillThere([&] { return readSettings(context.daemon, view.port.ifIndex); }))
                 view.settings = *std::move(settings);
         if (const auto refused = refusals.find(ifIndex); refused != refusals.end())
             view.refused = refused->second;
