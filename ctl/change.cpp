@@ -5,6 +5,7 @@
 #include "binding_view.h"
 #include "command.h"
 #include "protocol.h"
+#include "typed.h"
 
 namespace
 {
@@ -18,9 +19,16 @@ ExitStatus changeGlobal(const Context &context, const char *name, std::span<cons
     return EXIT_DONE;
 }
 
+// A setting and its value in words that were found right; of a relay server the key.
+struct Change {
+    const Setting *setting = nullptr;
+    Value value = {};
+    std::optional<ServerKey> server = {};
+    bool adds = false; // the server
+};
+
 // "ADDRESS add", or "add ADDRESS".
-void changeServer(const Context &context, const Target &target, const Setting &setting,
-                  std::span<const std::string> words)
+Change parseServer(const Target &target, const Setting &setting, std::span<const std::string> words)
 {
     auto isVerb = [](const std::string &word) { return word == "add" || word == "delete"; };
     if (words.size() != 2 || isVerb(words[0]) == isVerb(words[1]))
@@ -29,8 +37,63 @@ void changeServer(const Context &context, const Target &target, const Setting &s
     uint32_t address = parseIpv4(isVerb(words[0]) ? words[1] : words[0]);
     if (address == 0)
         throw UsageError("0.0.0.0 is no server");
-    ServerKey key = {std::get<uint32_t>(target.index), address};
-    demandOn(context.daemon, target, setting, serverRequest(key, verb == "add"));
+    return {
+        &setting, {       },
+         ServerKey{ std::get<uint32_t>(target.index), address},
+         verb == "add"
+    };
+}
+
+Change parseChange(const Target &target, const Setting &setting, std::span<const std::string> words)
+{
+    if (setting.kind == Kind::Servers)
+        return parseServer(target, setting, words);
+    return {&setting, parseValue(setting, words)};
+}
+
+bool isSettable(const Scope &scope, const std::string &word)
+{
+    const Setting *setting = findSetting(scope, word);
+    return setting && canBeSet(*setting);
+}
+
+// How many words are the value. A text is all of them, or those before the name of another setting.
+size_t valueSize(const Target &target, const Setting &setting, std::span<const std::string> words)
+{
+    if (setting.kind != Kind::OptionText && setting.kind != Kind::Text)
+        return std::min<size_t>(setting.kind == Kind::Servers ? 2 : 1, words.size());
+    for (size_t size = words.size(); size > 0; size--)
+        try {
+            if (size == words.size() || isSettable(target.scope, words[size])) {
+                parseValue(setting, words.first(size));
+                return size;
+            }
+        } catch (const UsageError &) { // a shorter one may be right
+        }
+    return words.size();
+}
+
+std::vector<Change> parseChanges(const Target &target, std::span<const std::string> words)
+{
+    if (words.empty())
+        throw UsageError(joinQuoted(target.words()) + ": which setting?" + TYPE_HELP);
+    Words names;
+    for (const Setting &setting : target.scope.settings)
+        if (canBeSet(setting))
+            names.push_back(setting.name);
+    std::vector<Change> changes;
+    while (!words.empty()) {
+        if (!isSettable(target.scope, words[0]))
+            throw UsageError(std::string("there is no setting '") + words[0] + "' of " +
+                             (&target.scope == &VLAN_SCOPE ? "a VLAN" : "an interface") +
+                             suggestion(words[0], names) + TYPE_HELP);
+        const Setting &setting = *findSetting(target.scope, words[0]);
+        words = words.subspan(1);
+        const size_t size = valueSize(target, setting, words);
+        changes.push_back(parseChange(target, setting, words.first(size)));
+        words = words.subspan(size);
+    }
+    return changes;
 }
 
 void noteUnknownConversions(const Context &context, const Setting &setting, const Value &value)
@@ -51,34 +114,39 @@ uint32_t getSwitch(const Daemon &daemon, uint32_t ifIndex, uint32_t cmd)
     return reply.result() == NM_OK ? reply.word() : 0;
 }
 
-ExitStatus changeSetting(const Context &context, const Target &target, std::span<const std::string> words)
+// True when the change has taken trust away.
+bool makeChange(const Context &context, const Target &target, const Change &change)
 {
-    if (words.empty())
-        throw UsageError(joinQuoted(target.words()) + ": which setting?" + TYPE_HELP);
-    const Setting *setting = findSetting(target.scope, words[0]);
-    if (!setting || !canBeSet(*setting))
-        throw UsageError(std::string("there is no setting '") + words[0] + "' of " +
-                         (&target.scope == &VLAN_SCOPE ? "a VLAN" : "an interface") + TYPE_HELP);
-    if (setting->kind == Kind::Servers) {
-        changeServer(context, target, *setting, words.subspan(1));
-        return EXIT_DONE;
+    const Setting &setting = *change.setting;
+    if (change.server) {
+        demandOn(context.daemon, target, setting, serverRequest(*change.server, change.adds));
+        return false;
     }
-    Value value = parseValue(*setting, words.subspan(1));
-    noteUnknownConversions(context, *setting, value);
-
+    noteUnknownConversions(context, setting, change.value);
     const Setting *trust = nullptr;
-    if (&target.scope == &INTERFACE_SCOPE && setting->cmd == IF_VERSION)
+    if (&target.scope == &INTERFACE_SCOPE && setting.cmd == IF_VERSION)
         trust = findSetting(INTERFACE_SCOPE, "trust");
     // A refusal here is ignored: the wanted setting reports its own.
     const bool trusted = trust && getSwitch(context.daemon, std::get<uint32_t>(target.index), IF_TRUST) == 1;
-    const bool snoops = setting == findSetting(target.scope, "snooping") && value == Value(1u);
+    const bool snoops = &setting == findSetting(target.scope, "snooping") && change.value == Value(1u);
     const uint32_t both = snoops ? interfaceOfBoth(target) : 0;
     const bool begins = both != 0 && getSwitch(context.daemon, both, IF_ENABLE) == 0;
-    setValue(context.daemon, target, *setting, value);
+    setValue(context.daemon, target, setting, change.value);
     if (begins)
         setValue(context.daemon, interfaceTarget(both), *findSetting(INTERFACE_SCOPE, "version"),
                  Value(uint32_t{DHCPSNOOP_IPV4 | DHCPSNOOP_IPV6}));
-    if (trusted && getValue(context.daemon, target, *trust) == Value(0u))
+    return trusted && getValue(context.daemon, target, *trust) == Value(0u);
+}
+
+// All of them are right before the first is made.
+ExitStatus changeSettings(const Context &context, const Target &target, std::span<const std::string> words)
+{
+    bool untrusted = false;
+    for (const Change &change : parseChanges(target, words)) {
+        const bool lost = makeChange(context, target, change);
+        untrusted = lost || (untrusted && change.setting->cmd != IF_TRUST);
+    }
+    if (untrusted)
         context.err << "dhcpsnoopctl: note: the change of version took trust away; '"
                     << joinQuoted(target.words()) << " trust on' gives it back\n";
     return EXIT_DONE;
@@ -104,7 +172,7 @@ ExitStatus changeInterface(const Context &context, std::span<const std::string> 
 {
     if (arguments.empty())
         throw UsageError("which interface?");
-    return changeSetting(context, interfaceTarget(parseInterface(arguments[0])), arguments.subspan(1));
+    return changeSettings(context, interfaceTarget(parseInterface(arguments[0])), arguments.subspan(1));
 }
 
 ExitStatus changeVlan(const Context &context, std::span<const std::string> arguments)
@@ -112,7 +180,7 @@ ExitStatus changeVlan(const Context &context, std::span<const std::string> argum
     if (arguments.empty())
         throw UsageError("which VLAN?");
     uint32_t vid = parseRange("VLAN", arguments[0], VLAN_ID_MIN, VLAN_ID_MAX);
-    return changeSetting(context, {VLAN_SCOPE, vid, std::to_string(vid)}, arguments.subspan(1));
+    return changeSettings(context, {VLAN_SCOPE, vid, std::to_string(vid)}, arguments.subspan(1));
 }
 
 ExitStatus changeSnooping(const Context &context, std::span<const std::string> arguments)

@@ -8,18 +8,17 @@
 #include <sstream>
 #include <unistd.h>
 
+#include "binding_view.h"
+#include "typed.h"
+
 namespace
 {
 
-ExitStatus showUsage(const Context &context, std::span<const std::string>)
-{
-    printUsage(context.out);
-    return EXIT_DONE;
-}
+ExitStatus showHelp(const Context &context, std::span<const std::string> arguments);
 
 ExitStatus complete(const Context &context, std::span<const std::string> arguments)
 {
-    for (const std::string &word : completions({arguments.begin(), arguments.end()}))
+    for (const std::string &word : completions({arguments.begin(), arguments.end()}, context.daemon))
         context.out << word << '\n';
     return EXIT_DONE;
 }
@@ -64,10 +63,10 @@ constexpr Command COMMANDS[] = {
      "role of this unit, link to the peer, journal"},
     {"show config", "[--effective interface IF]", showConfig, true,
      "the running configuration, as the file has it; or where each value of a port comes from"},
-    {"interface", "IF SETTING VALUE", changeInterface, false,
-     "change a setting of an interface (see below)"},
-    {"vlan", "VID SETTING VALUE", changeVlan, false,
-     "change a setting of a VLAN (see below)"},
+    {"interface", "IF SETTING VALUE [SETTING VALUE]...", changeInterface, false,
+     "change settings of an interface (see below); of several a wrong one changes none"},
+    {"vlan", "VID SETTING VALUE [SETTING VALUE]...", changeVlan, false,
+     "change settings of a VLAN (see below)"},
     {"snooping", "on|off", changeSnooping, false,
      "global mark (interfaces snoop by their own setting); off forgets interfaces, bindings, servers"},
     {"server-learning", "on|off", changeServerLearning, false,
@@ -118,8 +117,8 @@ constexpr Command COMMANDS[] = {
      "remove all that an ended daemon left in the kernel"},
     {"complete", "WORD...", complete, false,
      "print the possible next words (for shells)"},
-    {"help", "", showUsage, false,
-     "print this summary"},
+    {"help", "[COMMAND...]", showHelp, false,
+     "print this summary, or what a command takes; --help behind a command does the same"},
 };
 // clang-format on
 
@@ -135,9 +134,49 @@ Words splitWords(const std::string &text, char separator = ' ')
     return words;
 }
 
-bool startsWith(const Words &line, const Words &beginning)
+// The row that the line begins with, and how many of its words are the row's; without a row the words that
+// may come at that place.
+struct Found {
+    const Command *command = nullptr;
+    size_t size = 0;
+    Words next = {};
+};
+
+Found findRow(const Words &line)
 {
-    return line.size() >= beginning.size() && std::equal(beginning.begin(), beginning.end(), line.begin());
+    std::vector<const Command *> rows;
+    for (const Command &command : COMMANDS)
+        rows.push_back(&command);
+    Found found;
+    for (;; found.size++) {
+        found.next.clear();
+        for (const Command *row : rows)
+            if (const Words words = splitWords(row->words);
+                words.size() > found.size &&
+                std::ranges::find(found.next, words[found.size]) == found.next.end())
+                found.next.push_back(words[found.size]);
+        if (found.next.empty())
+            found.command = rows[0];
+        const auto word =
+            found.command || found.size == line.size() ? std::nullopt : meant(line[found.size], found.next);
+        if (!word)
+            return found;
+        std::erase_if(rows, [&](const Command *row) { return splitWords(row->words)[found.size] != *word; });
+    }
+}
+
+// The line does not name a command.
+[[noreturn]] void throwUnknown(const Words &line, const Found &found)
+{
+    if (found.size == line.size())
+        throw UsageError("'" + joinQuoted(line) + "' must be followed by one of: " + joinQuoted(found.next));
+    throw UsageError("unknown command '" + joinQuoted(line) + "'" + suggestion(line[found.size], found.next) +
+                     " (see dhcpsnoopctl help)");
+}
+
+Words behind(const Words &line, size_t size)
+{
+    return {line.begin() + static_cast<ptrdiff_t>(size), line.end()};
 }
 
 void printRow(std::ostream &out, const std::string &left, const std::string &help)
@@ -151,22 +190,38 @@ void printRow(std::ostream &out, const std::string &left, const std::string &hel
     out << help << '\n';
 }
 
+void printSetting(std::ostream &out, const Setting &setting)
+{
+    printRow(out, std::string(setting.name) + ' ' + setting.arguments, setting.help);
+}
+
 void printSettings(std::ostream &out, const Scope &scope)
 {
     for (const Setting &setting : scope.settings)
         if (canBeSet(setting))
-            printRow(out, std::string(setting.name) + ' ' + setting.arguments, setting.help);
+            printSetting(out, setting);
 }
 
+// Ports of the switch; where they cannot be told, all interfaces.
 Words interfaceNames()
 {
-    Words names;
+    Words names = portNames();
+    if (!names.empty())
+        return names;
     struct if_nameindex *list = if_nameindex();
     for (struct if_nameindex *at = list; at && at->if_index != 0; at++)
         names.push_back(interfaceText(at->if_index));
     if (list)
         if_freenameindex(list);
     return names;
+}
+
+Words bindingAddresses(const Daemon &daemon)
+{
+    Words addresses;
+    for (const Binding &binding : readBindings(daemon))
+        addresses.push_back(userKeyText(binding.key));
+    return addresses;
 }
 
 Words settingNames(const Scope &scope)
@@ -179,10 +234,12 @@ Words settingNames(const Scope &scope)
 }
 
 // The words that a place of a row's arguments stands for.
-Words placeWords(const std::string &place)
+Words placeWords(const std::string &place, const Daemon &daemon)
 {
     if (place == "IF")
         return interfaceNames();
+    if (place == "ADDRESS")
+        return bindingAddresses(daemon);
     Words words;
     for (const std::string &word : splitWords(place, '|'))
         if (!word.empty() && word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ.[]") == std::string::npos)
@@ -192,25 +249,25 @@ Words placeWords(const std::string &place)
 
 // What may come at place `at` of arguments such as "ADDRESS [mac MAC] [unbound]": in brackets a key and its
 // value follow one another in any order.
-Words argumentWords(const std::string &arguments, const Words &given)
+Words argumentWords(const std::string &arguments, const Words &given, const Daemon &daemon)
 {
     std::string required = arguments.substr(0, arguments.find('['));
     Words places = splitWords(required);
     if (given.size() < places.size())
-        return placeWords(places[given.size()]);
+        return placeWords(places[given.size()], daemon);
     Words keys;
     for (size_t open = required.size(); open < arguments.size(); open = arguments.find('[', open + 1)) {
         Words group = splitWords(arguments.substr(open + 1, arguments.find(']', open) - open - 1));
         bool isLast = given.size() > places.size() && given.back() == group[0];
         if (isLast && group.size() > 1)
-            return placeWords(group[1]);
+            return placeWords(group[1], daemon);
         if (std::find(given.begin(), given.end(), group[0]) == given.end())
             keys.push_back(group[0]);
     }
     return keys;
 }
 
-Words settingWords(const Scope &scope, const Words &given)
+Words settingWords(const Scope &scope, const Words &given, const Daemon &daemon)
 {
     if (given.empty())
         return &scope == &INTERFACE_SCOPE ? interfaceNames() : Words{};
@@ -222,7 +279,7 @@ Words settingWords(const Scope &scope, const Words &given)
     if (setting->kind == Kind::OptionText)
         return given.size() == 2 ? Words{"template", "text", "hex", "generated", "global", "typed", "raw"}
                                  : Words{};
-    return argumentWords(setting->arguments, {given.begin() + 2, given.end()});
+    return argumentWords(setting->arguments, behind(given, 2), daemon);
 }
 
 // Whether standard output is a pipe without a reader, as behind "| head".
@@ -232,22 +289,81 @@ bool isReaderGone()
     return poll(&output, 1, 0) == 1 && (output.revents & (POLLERR | POLLHUP)) != 0;
 }
 
+// A row of the table by itself, the rows that begin with the words, or a setting.
+ExitStatus showHelp(const Context &context, std::span<const std::string> arguments)
+{
+    if (arguments.empty()) {
+        printUsage(context.out);
+        return EXIT_DONE;
+    }
+    const Words line(arguments.begin(), arguments.end());
+    const Found found = findRow(line);
+    if (!found.command && found.size != line.size())
+        throwUnknown(line, found);
+    const Words settings = behind(line, found.size);
+    for (const Command &command : COMMANDS) {
+        Words words = splitWords(command.words);
+        words.resize(std::min(words.size(), found.size));
+        bool shown = found.command ? &command == found.command : words.size() == found.size;
+        for (size_t i = 0; i < found.size; i++)
+            shown = shown && words[i].starts_with(line[i]);
+        if (shown)
+            context.out << "dhcpsnoopctl " << command.words << (*command.arguments ? " " : "")
+                        << command.arguments << (command.shows ? " [--json]" : "") << "\n    " << command.help
+                        << '\n';
+    }
+    const Scope *scope = !found.command                          ? nullptr
+                         : found.command->run == changeInterface ? &INTERFACE_SCOPE
+                         : found.command->run == changeVlan      ? &VLAN_SCOPE
+                                                                 : nullptr;
+    if (scope && (settings.empty() || !findSetting(*scope, settings.back())))
+        printSettings(context.out, *scope);
+    else if (scope)
+        printSetting(context.out, *findSetting(*scope, settings.back()));
+    return EXIT_DONE;
+}
+
+struct Line {
+    bool json;
+    const Command *command;
+    Words arguments;
+};
+
+Line parseLine(Words line)
+{
+    if (!line.empty() && line[0] == VERBOSE)
+        line.erase(line.begin());
+    if (!line.empty() && line.back() == "--help") {
+        line.pop_back();
+        line.insert(line.begin(), "help");
+    }
+    Words plain = line;
+    const bool json = std::erase(plain, "--json") > 0;
+    if (plain.empty())
+        plain = {"status"};
+    Found found = findRow(plain);
+    if (!found.command || !found.command->shows) {
+        plain = line; // a text may be that word
+        found = json ? findRow(plain) : found;
+    }
+    if (!found.command)
+        throwUnknown(plain, found);
+    const Words arguments = behind(plain, found.size);
+    if (!*found.command->arguments && !arguments.empty())
+        throw UsageError(std::string(found.command->words) + " takes nothing more, but there is '" +
+                         arguments[0] + "'");
+    return {json && found.command->shows, found.command, arguments};
+}
+
 } // namespace
 
 std::span<const Command> commands() { return COMMANDS; }
 
 const Command *findCommand(const Words &line)
-{
-    const Command *found = nullptr;
-    size_t most = 0;
-    for (const Command &command : COMMANDS) {
-        Words words = splitWords(command.words);
-        if (words.size() > most && startsWith(line, words)) {
-            found = &command;
-            most = words.size();
-        }
-    }
-    return found;
+try {
+    return parseLine(line).command;
+} catch (const UsageError &) {
+    return nullptr;
 }
 
 void printUsage(std::ostream &out)
@@ -263,59 +379,37 @@ void printUsage(std::ostream &out)
     out << "\nIn a template stand for a property of the request, its port or the switch:\n";
     for (const Conversion &row : CONVERSIONS)
         printRow(out, std::string("%") + row.letter, row.help);
-    out << "\nEvery show takes --json, and so does monitor. -v tells the name and code of a refusal. DHCPSNOOP_SOCKET names another socket than "
+    out << "\nEvery show takes --json, wherever it stands, and so do status and monitor. A command may be cut short as long as it is clear.\n-v tells the name and code of a refusal. DHCPSNOOP_SOCKET names another socket than "
         << DHCPSNOOP_SOCKET_PATH
         << ".\nExit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon that answers.\n";
 }
 
-Words completions(const Words &before)
-{
-    if (!before.empty() && before[0] == VERBOSE)
-        return completions({before.begin() + 1, before.end()});
-    const Command *command = findCommand(before);
-    if (!command) {
-        Words next;
-        for (const Command &row : COMMANDS) {
-            Words words = splitWords(row.words);
-            if (words.size() > before.size() && startsWith(words, before) &&
-                std::find(next.begin(), next.end(), words[before.size()]) == next.end())
-                next.push_back(words[before.size()]);
-        }
-        return next;
-    }
-    Words given(before.begin() + static_cast<ptrdiff_t>(splitWords(command->words).size()), before.end());
-    if (command->run == changeInterface)
-        return settingWords(INTERFACE_SCOPE, given);
-    if (command->run == changeVlan)
-        return settingWords(VLAN_SCOPE, given);
-    Words next = argumentWords(command->arguments, given);
-    if (command->shows)
-        next.push_back("--json");
-    return next;
-}
-
-ExitStatus runCommand(const Words &line, Context context)
-{
-    const Command *command = findCommand(line);
+Words completions(const Words &before, const Daemon &daemon)
+try {
+    if (!before.empty() && (before[0] == VERBOSE || before[0] == "help"))
+        return completions(behind(before, 1), daemon);
+    const auto &[command, size, next] = findRow(before);
     if (!command)
-        throw UsageError("unknown command '" + joinQuoted(line) + "' (see dhcpsnoopctl help)");
-    Words arguments(line.begin() + static_cast<ptrdiff_t>(splitWords(command->words).size()), line.end());
-    context.json = command->shows && std::erase(arguments, "--json") > 0;
-    if (!*command->arguments && !arguments.empty())
-        throw UsageError(std::string(command->words) + " takes nothing more, but there is '" + arguments[0] +
-                         "'");
-    return command->run(context, arguments);
+        return size == before.size() ? next : Words{};
+    const Words given = behind(before, size);
+    if (command->run == changeInterface)
+        return settingWords(INTERFACE_SCOPE, given, daemon);
+    if (command->run == changeVlan)
+        return settingWords(VLAN_SCOPE, given, daemon);
+    Words words = argumentWords(command->arguments, given, daemon);
+    if (command->shows)
+        words.push_back("--json");
+    return words;
+} catch (const CtlError &) {
+    return {}; // nobody reads a message then
 }
 
-ExitStatus runClient(Words line, const Daemon &daemon, std::ostream &out, std::ostream &err)
+ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out, std::ostream &err)
 {
-    const bool verbose = !line.empty() && line[0] == VERBOSE;
-    if (verbose)
-        line.erase(line.begin());
     try {
-        if (line.empty())
-            line = {"status"};
-        const ExitStatus status = runCommand(line, {daemon, false, out, err});
+        const auto [json, command, arguments] = parseLine(line);
+        const bool terminal = &out == &std::cout && isatty(STDOUT_FILENO) == 1;
+        const ExitStatus status = command->run({daemon, json, out, err, terminal}, arguments);
         if (!out.flush()) {
             if (isReaderGone())
                 return EXIT_DONE; // it has read as much as it wants
@@ -326,7 +420,7 @@ ExitStatus runClient(Words line, const Daemon &daemon, std::ostream &out, std::o
     } catch (const CtlError &error) {
         out.flush();
         err << "dhcpsnoopctl: " << error.what();
-        if (verbose && !error.detail().empty())
+        if (!line.empty() && line[0] == VERBOSE && !error.detail().empty())
             err << " [" << error.detail() << ']';
         err << '\n';
         return error.status();

@@ -12,6 +12,7 @@ struct Context {
     const Daemon &daemon;
     bool json; // for commands that show
     std::ostream &out, &err;
+    bool terminal = false; // out is one
 };
 
 // `arguments` follow the words of the command. Gives the exit status, or throws CtlError.
@@ -22,22 +23,19 @@ using Run = ExitStatus (*)(const Context &context, std::span<const std::string> 
 struct Command {
     const char *words, *arguments;
     Run run;
-    bool shows; // takes --json
+    bool shows; // takes --json, wherever it stands
     const char *help;
 };
 std::span<const Command> commands();
-// The row with the most words that the line begins with, or null.
+// The row that runClient runs for the line, or null.
 const Command *findCommand(const Words &line);
 
 // Runs a command line (without the program's name) and reports a failure on `err`.
-ExitStatus runClient(Words line, const Daemon &daemon, std::ostream &out, std::ostream &err);
-
-// The same; a failure is thrown as CtlError.
-ExitStatus runCommand(const Words &line, Context context);
+ExitStatus runClient(const Words &line, const Daemon &daemon, std::ostream &out, std::ostream &err);
 
 void printUsage(std::ostream &out);
 // The possible words after `before`, in the order of their tables.
-Words completions(const Words &before);
+Words completions(const Words &before, const Daemon &daemon);
 
 // show.cpp, binding_view.cpp
 ExitStatus showInterfaces(const Context &, std::span<const std::string>);
@@ -62,6 +60,8 @@ ExitStatus bindingBind(const Context &, std::span<const std::string>);
 ExitStatus bindingUnbind(const Context &, std::span<const std::string>);
 ExitStatus bindingDelete(const Context &, std::span<const std::string>);
 
+// The ports of the switch; none where they cannot be told (guard.cpp).
+Words portNames();
 // Throws CtlError where the port is known to be no member of the VLAN (guard.cpp).
 void checkVlanOfPort(uint32_t ifIndex, uint32_t vid);
 

@@ -276,6 +276,14 @@ ExitStatus arpVlan(const Context &context, std::span<const std::string> argument
     return changeVlanGuard(context, GuardFeature::arpInspection, arguments);
 }
 
+Words portNames()
+{
+    Words names;
+    for (const auto &[ifIndex, port] : portsNow(runningModel()))
+        names.push_back(port.name);
+    return names;
+}
+
 void checkVlanOfPort(uint32_t ifIndex, uint32_t vid)
 {
     std::string why; // without maps nothing is known, and nothing refused

@@ -14,7 +14,7 @@ int main(int argc, char **argv)
     std::ios::sync_with_stdio(false); // nothing here prints by stdio, and long lists are written in pieces
     Words line(argv + (argc > 0 ? 1 : 0), argv + argc);
     if (!line.empty() && (line[0] == "--help" || line[0] == "-h"))
-        line = {"help"};
+        line[0] = "help";
     if (!line.empty() && line[0] == "--version") {
         std::cout << "dhcpsnoopctl " DHCPSNOOP_VERSION "\n";
         return EXIT_DONE;

@@ -13,6 +13,7 @@ namespace
 
 std::optional<std::vector<Binding>> readSnapshot() { return std::nullopt; }
 uint32_t interfaceOfBoth(const Target &) { return 0; }
+Words portNames() { return {}; }
 void checkVlanOfPort(uint32_t, uint32_t) {} // it is not known
 ExitStatus platformRelease(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus guardInterface(const Context &, std::span<const std::string>) { refuse(); }

@@ -97,16 +97,22 @@ std::string userKeyText(const UserKey &key)
 
 std::array<uint8_t, 6> parseMac(const std::string &word)
 {
-    std::array<uint8_t, 6> mac;
-    bool good = word.size() == 17;
+    const size_t group = word.size() == 14 ? 4 : 2; // 0200.0000.0001
+    bool good = word.size() == 17 || word.size() == 14;
+    std::string digits;
+    for (size_t i = 0; i < word.size(); i++)
+        if (i % (group + 1) != group)
+            digits += word[i];
+        else
+            good = good && (group == 4 ? word[i] == '.' : word[i] == ':' || word[i] == '-');
+    std::array<uint8_t, 6> mac = {};
     for (size_t i = 0; good && i < mac.size(); i++) {
-        int high = hexDigit(word[3 * i]), low = hexDigit(word[3 * i + 1]);
-        char separator = i < 5 ? word[3 * i + 2] : ':';
-        good = high >= 0 && low >= 0 && (separator == ':' || separator == '-');
+        const int high = hexDigit(digits[2 * i]), low = hexDigit(digits[2 * i + 1]);
+        good = high >= 0 && low >= 0;
         mac[i] = static_cast<uint8_t>(high * 16 + low);
     }
     if (!good)
-        throw UsageError("'" + word + "' is not a MAC address (02:00:00:00:00:01)");
+        throw UsageError("'" + word + "' is not a MAC address (02:00:00:00:00:01, 0200.0000.0001)");
     return mac;
 }
 
