@@ -1,10 +1,10 @@
 #include "binding_view.h"
 
 #include <algorithm>
-#include <functional>
 #include <map>
+#include <ostream>
 
-#include "protocol.h"
+#include "binding_filter.h"
 
 namespace
 {
@@ -16,19 +16,6 @@ std::string wordOf(std::span<const Choice> choices, uint32_t value)
             return choice.word;
     return std::to_string(value);
 }
-
-uint32_t valueOf(const std::string &what, std::span<const Choice> choices, const std::string &word)
-{
-    std::string words;
-    for (const Choice &choice : choices) {
-        if (word == choice.word)
-            return choice.value;
-        words += std::string(words.empty() ? "" : ", ") + choice.word;
-    }
-    throw UsageError(what + " must be one of " + words + ", not '" + word + "'");
-}
-
-using BindingFilter = std::function<bool(const Binding &)>;
 
 uint32_t leaseLeft(const Binding &binding)
 {
@@ -78,23 +65,27 @@ Json bindingJson(const Binding &binding, const std::string &port)
     return out;
 }
 
-BindingFilter parseFilter(const std::string &name, const std::string &word)
+// "312 bindings: 300 IPv4, 12 IPv6; 290 dynamic, 22 static; 2 not bound".
+std::string totalsText(const std::vector<Binding> &bindings)
 {
-    if (name == "interface" || name == "port")
-        return [index = parseInterface(word)](const Binding &b) { return b.ifIndex == index; };
-    if (name == "vlan")
-        return [vlan = parseRange("vlan", word, VLAN_ID_MIN, VLAN_ID_MAX)](const Binding &b) {
-            return b.vlan == vlan;
-        };
-    if (name == "mac")
-        return [mac = parseMac(word)](const Binding &b) {
-            return std::equal(mac.begin(), mac.end(), b.mac.begin(), b.mac.end());
-        };
-    if (name == "type")
-        return [type = valueOf("type", USER_TYPES, word)](const Binding &b) { return b.type == type; };
-    if (name == "state")
-        return [state = valueOf("state", USER_STATES, word)](const Binding &b) { return b.state == state; };
-    throw UsageError("bindings cannot be chosen by '" + name + "'");
+    const auto count = [&](auto wanted) { return std::to_string(std::ranges::count_if(bindings, wanted)); };
+    return std::to_string(bindings.size()) + (bindings.size() == 1 ? " binding: " : " bindings: ") +
+           count([](const Binding &b) { return b.key.ipType == DHCPSNOOP_IPV4; }) + " IPv4, " +
+           count([](const Binding &b) { return b.key.ipType == DHCPSNOOP_IPV6; }) + " IPv6; " +
+           count([](const Binding &b) { return b.type == DHCPSNOOP_USER_DYNAMIC; }) + " dynamic, " +
+           count([](const Binding &b) { return b.type == DHCPSNOOP_USER_STATIC; }) + " static; " +
+           count([](const Binding &b) { return b.state != DHCPSNOOP_BIND_BOUND; }) + " not bound";
+}
+
+ExitStatus printCount(const Context &context, size_t count)
+{
+    if (context.json)
+        printJson(context, Json{
+                               {"count", count}
+        });
+    else
+        context.out << count << '\n';
+    return EXIT_DONE;
 }
 
 } // namespace
@@ -154,30 +145,24 @@ std::vector<Binding> readStatics(const Daemon &daemon)
 
 ExitStatus showBindings(const Context &context, std::span<const std::string> arguments)
 {
-    if (arguments.size() % 2 != 0)
-        throw UsageError("show bindings: '" + arguments.back() + "' lacks its value");
-    std::vector<BindingFilter> filters;
-    std::optional<UserKey> only;
-    for (size_t i = 0; i < arguments.size(); i += 2) {
-        if (arguments[i] == "address")
-            only = parseUserKey(arguments[i + 1]);
-        else
-            filters.push_back(parseFilter(arguments[i], arguments[i + 1]));
-    }
-    auto wanted = [&](const Binding &binding) {
-        return std::all_of(filters.begin(), filters.end(),
-                           [&](const BindingFilter &filter) { return filter(binding); });
-    };
+    Words words(arguments.begin(), arguments.end());
+    const bool onlyCounts = std::erase(words, "--count") > 0;
+    const BindingFilter wanted(words);
     const std::vector<WaitingBinding> waiting = readWaiting(); // first: a port that comes back now loses none
+    for (const std::string &name : wanted.names())
+        if (std::ranges::find(waiting, name, &WaitingBinding::interface) == waiting.end())
+            parseInterface(name); // throws where there is none
     std::vector<Binding> bindings;
-    if (!only)
+    if (!wanted.address())
         bindings = readBindings(context.daemon);
-    else if (auto binding = ifStillThere([&] { return readBinding(context.daemon, *only); }))
+    else if (auto binding = ifStillThere([&] { return readBinding(context.daemon, *wanted.address()); }))
         bindings.push_back(*std::move(binding));
     const AwayPorts away = addWaiting(waiting, bindings);
-    std::erase_if(bindings,
-                  [&](const Binding &binding) { return !wanted(binding) || (only && binding.key != *only); });
     std::map<uint32_t, std::string> names;
+    std::erase_if(bindings,
+                  [&](const Binding &binding) { return !wanted(binding, portOf(binding, away, names)); });
+    if (onlyCounts)
+        return printCount(context, bindings.size());
     Json list = Json::array();
     std::vector<Words> rows = {
         {"ADDRESS", "MAC", "VLAN", "INTERFACE", "TYPE", "STATE", "LEASE", "LEFT"}
@@ -192,5 +177,8 @@ ExitStatus showBindings(const Context &context, std::span<const std::string> arg
                             wordOf(USER_TYPES, binding.type), wordOf(USER_STATES, binding.state),
                             leaseText(binding.lease), leaseText(leaseLeft(binding))});
     }
-    return print(context, list, rows, "no bindings");
+    const ExitStatus status = print(context, list, rows, "no bindings");
+    if (context.terminal && !context.json && !bindings.empty())
+        context.out << '\n' << totalsText(bindings) << '\n';
+    return status;
 }

@@ -24,7 +24,7 @@ ExitStatus complete(const Context &context, std::span<const std::string> argumen
 }
 
 constexpr char BINDING_FILTERS[] =
-    "[interface IF] [vlan VID] [mac MAC] [address ADDRESS] [type dynamic|static] [state STATE]";
+    "[ADDRESS] [interface IFS] [vlan VIDS] [mac MAC] [type dynamic|static] [state bound|requested|created|unbound|waiting] [--count]";
 
 constexpr char GUARD_ITEMS_IF[] = "IF [ip] [mac] [vlan] [port] [family 4|6|both] [off] [exempt] [--force]";
 constexpr char GUARD_ITEMS_VLAN[] = "VID [ip] [mac] [vlan] [port] [family 4|6|both] [off] [--force]";
@@ -48,9 +48,9 @@ constexpr Command COMMANDS[] = {
     {"show vlans", "", showVlans, true,
      "VLANs that snoop"},
     {"show servers", "", showServers, true,
-     "relay servers of the interfaces"},
+     "relay servers of the interfaces, and servers that were heard answering"},
     {"show bindings", BINDING_FILTERS, showBindings, true,
-     "bindings: address, MAC, VLAN, port, lease"},
+     "bindings: address, MAC, VLAN, port, lease; of a prefix, of ports and VLANs in lists, ranges, patterns"},
     {"show statistics", "", showStatistics, true,
      "dropped messages by interface and reason"},
     {"show refusals", "", showRefusals, true,
@@ -216,12 +216,15 @@ Words interfaceNames()
     return names;
 }
 
+// None where the daemon cannot be asked.
 Words bindingAddresses(const Daemon &daemon)
-{
+try {
     Words addresses;
     for (const Binding &binding : readBindings(daemon))
         addresses.push_back(userKeyText(binding.key));
     return addresses;
+} catch (const CtlError &) {
+    return {};
 }
 
 Words settingNames(const Scope &scope)
@@ -233,16 +236,22 @@ Words settingNames(const Scope &scope)
     return names;
 }
 
+// A value of the user's, not a word as it stands.
+bool isPlace(const std::string &word)
+{
+    return word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ.[]") != std::string::npos;
+}
+
 // The words that a place of a row's arguments stands for.
 Words placeWords(const std::string &place, const Daemon &daemon)
 {
-    if (place == "IF")
+    if (place == "IF" || place == "IFS")
         return interfaceNames();
     if (place == "ADDRESS")
         return bindingAddresses(daemon);
     Words words;
     for (const std::string &word : splitWords(place, '|'))
-        if (!word.empty() && word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ.[]") == std::string::npos)
+        if (!word.empty() && !isPlace(word))
             words.push_back(word);
     return words;
 }
@@ -261,25 +270,35 @@ Words argumentWords(const std::string &arguments, const Words &given, const Daem
         bool isLast = given.size() > places.size() && given.back() == group[0];
         if (isLast && group.size() > 1)
             return placeWords(group[1], daemon);
-        if (std::find(given.begin(), given.end(), group[0]) == given.end())
+        if (isPlace(group[0])) {
+            const Words words = placeWords(group[0], daemon);
+            keys.insert(keys.end(), words.begin(), words.end());
+        } else if (std::find(given.begin(), given.end(), group[0]) == given.end()) {
             keys.push_back(group[0]);
+        }
     }
     return keys;
 }
 
+// Behind a text no other setting is offered.
 Words settingWords(const Scope &scope, const Words &given, const Daemon &daemon)
 {
     if (given.empty())
         return &scope == &INTERFACE_SCOPE ? interfaceNames() : Words{};
-    if (given.size() == 1)
-        return settingNames(scope);
-    const Setting *setting = findSetting(scope, given[1]);
-    if (!setting)
-        return {};
-    if (setting->kind == Kind::OptionText)
-        return given.size() == 2 ? Words{"template", "text", "hex", "generated", "global", "typed", "raw"}
+    for (size_t at = 1; at < given.size();) {
+        const Setting *setting = findSetting(scope, given[at++]);
+        if (!setting)
+            return {};
+        const Words value = behind(given, at);
+        if (setting->kind == Kind::OptionText)
+            return value.empty() ? Words{"template", "text", "hex", "generated", "global", "typed", "raw"}
                                  : Words{};
-    return argumentWords(setting->arguments, behind(given, 2), daemon);
+        const size_t size = setting->kind == Kind::Servers ? 2 : 1;
+        if (value.size() < size)
+            return argumentWords(setting->arguments, value, daemon);
+        at += size;
+    }
+    return settingNames(scope);
 }
 
 // Whether standard output is a pipe without a reader, as behind "| head".

@@ -1,5 +1,6 @@
 // Stands in for the commands of the Linux platform in builds without it.
 #include "binding_view.h"
+#include "facts_view.h"
 
 namespace
 {
@@ -13,6 +14,7 @@ namespace
 
 std::optional<std::vector<Binding>> readSnapshot() { return std::nullopt; }
 uint32_t interfaceOfBoth(const Target &) { return 0; }
+std::vector<LearnedServer> readLearned() { return {}; }
 Words portNames() { return {}; }
 void checkVlanOfPort(uint32_t, uint32_t) {} // it is not known
 ExitStatus platformRelease(const Context &, std::span<const std::string>) { refuse(); }

@@ -85,20 +85,22 @@ std::vector<PortView> readPorts(const Context &context, const std::vector<Bindin
     return views;
 }
 
-std::vector<LearnedServer> readServers(const std::string &answer)
-{
+} // namespace
+
+std::vector<LearnedServer> readLearned()
+try {
     std::vector<LearnedServer> servers;
-    std::istringstream lines(answer);
+    std::istringstream lines(demandConfig("facts"));
     for (std::string line, word; std::getline(lines, line);) {
         std::istringstream words(line);
         LearnedServer server = {};
-        if (words >> word && word == "server" && words >> server.address >> server.interface >> server.vlan)
+        if (words >> word && word == "server" && words >> server.address >> server.ifIndex >> server.vlan)
             servers.push_back(server);
     }
     return servers;
+} catch (const NoDaemon &) {
+    return {};
 }
-
-} // namespace
 
 uint64_t PortView::dropped() const
 {
@@ -111,9 +113,7 @@ uint64_t PortView::dropped() const
 Overview readOverview(const Context &context)
 {
     Overview all;
-    const std::string facts = demandConfig("facts");
-    all.daemon = readFacts(facts);
-    all.servers = readServers(facts);
+    all.daemon = readFacts(demandConfig("facts"));
     all.unit = readUnit();
     const std::vector<WaitingBinding> waiting = readWaiting(); // first: a port that comes back now loses none
     all.bindings = readBindings(context.daemon);

@@ -25,14 +25,8 @@ struct PortView {
     uint64_t dropped() const; // by the daemon, all reasons
 };
 
-struct LearnedServer {
-    std::string address, interface;
-    uint32_t vlan;
-};
-
 struct Overview {
     Facts daemon, unit;
-    std::vector<LearnedServer> servers;
     std::vector<PortView> ports;   // by kind, then by name as people count
     std::vector<Binding> bindings; // with those that wait
     size_t held, waiting;          // bindings of the daemon; those that wait

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "facts_view.h"
 #include "interface_view.h"
 
 ExitStatus showInterfaces(const Context &context, std::span<const std::string>)
@@ -68,18 +69,31 @@ ExitStatus showServers(const Context &context, std::span<const std::string>)
 {
     Json list = Json::array();
     std::vector<Words> rows = {
-        {"INTERFACE", "SERVER"}
+        {"INTERFACE", "SERVER", "KIND", "VLAN"}
     };
     for (const ServerKey &key : listServers(context.daemon)) {
         std::string name = interfaceText(key.ifIndex), address = ipv4Text(key.address);
-        rows.push_back({name, address});
+        rows.push_back({name, address, "relay", ""});
         list.push_back({
             {"interface", name       },
             {"index",     key.ifIndex},
-            {"server",    address    }
+            {"server",    address    },
+            {"kind",      "relay"    },
+            {"vlan",      nullptr    }
         });
     }
-    return print(context, list, rows, "no relay servers");
+    for (const auto &[address, index, vlan] : readLearned()) {
+        std::string name = interfaceText(index);
+        rows.push_back({name, address, "learned", std::to_string(vlan)});
+        list.push_back({
+            {"interface", name     },
+            {"index",     index    },
+            {"server",    address  },
+            {"kind",      "learned"},
+            {"vlan",      vlan     }
+        });
+    }
+    return print(context, list, rows, "no servers");
 }
 
 ExitStatus showGlobal(const Context &context, std::span<const std::string>)

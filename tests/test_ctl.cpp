@@ -138,6 +138,8 @@ const struct {
     {"VLANs in order, whatever the order of the interfaces", "vlan 10 snooping on", "vlan 5 snooping on", {}, EXIT_DONE, "", "show vlans", "VLAN  MAX-USERS\n5     32768\n10    32768\n"},
     {"bindings by place, by state", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 10 interface 500000001 mac 02:00:00:00:00:ab", {}, EXIT_DONE, "", "show bindings address 10.0.0.5 type static state bound", TABLE ROW TABLE ROW},
     {"letters that nobody replaces", A + "snooping on;" + A + "option82 on", A + "circuit-id template %s.%Q.%n", {}, EXIT_DONE, "%Q %n"},
+    {"bindings of a prefix, of lists, ranges and patterns; counted", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings 10.0.0.4/31 vlan 5,9-10 interface 5000* mac 02-00:*-AB st bou", {}, EXIT_DONE, "", "show bindings 10.0.0.4/31 port nobody,500000001 --count", TABLE ROW "1\n"},
+    {"none of them by the last bit, VLAN, name or family", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings 10.0.0.4/32;show bindings vlan 11-20,9;show bindings interface 5000?;show bindings ::/0", {}, EXIT_DONE, "", "", EMPTY},
     {"bindings of another VLAN; by an address too; an address that nobody has", "binding add 10.0.0.5 mac 02:00:00:00:00:ab vlan 10 " + A, "show bindings vlan 11;show bindings address 10.0.0.5 vlan 11;show bindings address 10.0.0.6", {}, EXIT_DONE, "", "", EMPTY},
 };
 

@@ -5,8 +5,8 @@
 #include <sys/socket.h>
 
 #include "clock.h"
+#include "dhcpsnoop.h"
 #include "list.h"
-#include "model.h"
 
 namespace platform_linux
 {
@@ -32,9 +32,8 @@ std::string server_text(const DhcpsnoopServer &server)
 {
     const in_addr address = {htonl(server.serverIp)};
     char text[INET_ADDRSTRLEN];
-    const Port *port = model_port(server.ifIndex);
     return std::string(inet_ntop(AF_INET, &address, text, sizeof text)) + " " +
-           (port != nullptr ? port->name : std::to_string(server.ifIndex)) + " " + std::to_string(server.vid);
+           std::to_string(server.ifIndex) + " " + std::to_string(server.vid);
 }
 
 } // namespace

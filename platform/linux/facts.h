@@ -10,7 +10,7 @@ namespace platform_linux
 // Lines of a name and values, on the daemon's thread:
 //   version TEXT, uptime SECONDS, bindings N, interfaces N    room of the tables
 //   frames N, frames-lost N                                   lost: the packet sockets were full
-//   server ADDRESS INTERFACE VLAN                             each learned server
+//   server ADDRESS INDEX VLAN                                 each learned server
 std::string facts_text();
 
 } // namespace platform_linux
