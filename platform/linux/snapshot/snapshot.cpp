@@ -20,8 +20,8 @@
 
 #include "clock.h"
 #include "control_socket.h"
+#include "dhcpsnoop.h"
 #include "fd.h"
-#include "list.h"
 #include "report.h"
 #include "snapshot_record.h"
 #include "wake.h"
@@ -160,6 +160,21 @@ class Server
     }};
 };
 
+void put(const DhcpsnoopUser &user, SnapshotRecord &record)
+{
+    memcpy(record.address, user.key.ipAddr, sizeof record.address);
+    record.ipType = user.key.ipType;
+    record.type = user.userType;
+    record.state = user.bindState;
+    record.installed = user.hwFlags;
+    memcpy(record.mac, user.mac, sizeof record.mac);
+    record.vlan = user.vid;
+    record.ifIndex = user.ifIndex;
+    record.attribute = user.userAttr;
+    record.lease = user.leaseTime;
+    record.leaseStart = user.leaseStart;
+}
+
 } // namespace
 
 void snapshot_start(const std::string &path, int eventSocket)
@@ -181,21 +196,22 @@ void snapshot_take()
         return;
     wanted = nullptr;
     auto *records = reinterpret_cast<SnapshotRecord *>(header + 1);
-    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
-        if (user->userType == DHCPSNOOP_USER_IPSG)
-            continue;
-        SnapshotRecord &record = records[header->count++]; // never more than the pool has
-        memcpy(record.address, user->key.ipAddr, sizeof record.address);
-        record.ipType = user->key.ipType;
-        record.type = user->userType;
-        record.state = user->bindState;
-        record.installed = user->hwFlags;
-        memcpy(record.mac, user->mac, sizeof record.mac);
-        record.vlan = user->vid;
-        record.ifIndex = user->ifIndex;
-        record.attribute = user->userAttr;
-        record.lease = user->leaseTime;
-        record.leaseStart = user->leaseStart;
+    // One binding of each chain in turn: the next one of a chain is on its way from memory meanwhile.
+    const DhcpsnoopLink *next[DHCPSNOOP_BUCKETS];
+    for (uint32_t i = 0; i < DHCPSNOOP_BUCKETS; i++)
+        next[i] = gDhcpsnoop.userHash[i].next;
+    for (bool more = true; more;) {
+        more = false;
+        for (uint32_t i = 0; i < DHCPSNOOP_BUCKETS; i++) {
+            if (next[i] == &gDhcpsnoop.userHash[i])
+                continue;
+            more = true;
+            const auto *user = static_cast<const DhcpsnoopUser *>(std::exchange(next[i], next[i]->next));
+            __builtin_prefetch(next[i]);
+            __builtin_prefetch(&static_cast<const DhcpsnoopUser *>(next[i])->mac);
+            if (user->userType != DHCPSNOOP_USER_IPSG)
+                put(*user, records[header->count++]); // never more than the pool has
+        }
     }
     header->now = static_cast<uint32_t>(time(nullptr));
     constexpr uint64_t one = 1;
