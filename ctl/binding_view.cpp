@@ -9,14 +9,6 @@
 namespace
 {
 
-std::string wordOf(std::span<const Choice> choices, uint32_t value)
-{
-    for (const Choice &choice : choices)
-        if (choice.value == value)
-            return choice.word;
-    return std::to_string(value);
-}
-
 uint32_t leaseLeft(const Binding &binding)
 {
     if (binding.lease == DHCPSNOOP_LEASE_FOREVER)
@@ -103,6 +95,14 @@ AwayPorts addWaiting(const std::vector<WaitingBinding> &waiting, std::vector<Bin
         bindings.back().state = STATE_WAITING;
     }
     return ports;
+}
+
+std::string wordOf(std::span<const Choice> choices, uint32_t value)
+{
+    for (const Choice &choice : choices)
+        if (choice.value == value)
+            return choice.word;
+    return std::to_string(value);
 }
 
 std::string leaseText(uint32_t seconds)

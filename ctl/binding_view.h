@@ -21,6 +21,9 @@ constexpr Choice USER_STATES[] = {
     {"waiting",   STATE_WAITING           }
 };
 
+// The word of a value, or the number where it has none.
+std::string wordOf(std::span<const Choice> choices, uint32_t value);
+
 // "6d23h", "23h59m", "5m10s": the two greatest units, without a second one that is 0. Or "forever".
 std::string leaseText(uint32_t seconds);
 

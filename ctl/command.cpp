@@ -105,6 +105,8 @@ constexpr Command COMMANDS[] = {
      "back to the saved file"},
     {"reload", "", reloadConfig, false,
      "bring the saved file about, after a change"},
+    {"metrics", "", showMetrics, true,
+     "numbers for a monitoring system, as OpenMetrics text"},
     {"monitor", "", monitor, true,
      "print bindings as they come and go, one line each, until interrupted"},
     {"clear statistics", "", clearStatistics, false,

@@ -77,9 +77,10 @@ ExitStatus arpVlan(const Context &, std::span<const std::string>);
 ExitStatus showGuard(const Context &, std::span<const std::string>);
 ExitStatus monitor(const Context &, std::span<const std::string>);
 
-// status.cpp, ports.cpp; without the Linux platform no_platform.cpp
+// status.cpp, ports.cpp, metrics.cpp; without the Linux platform no_platform.cpp
 ExitStatus showStatus(const Context &, std::span<const std::string>);
 ExitStatus showPorts(const Context &, std::span<const std::string>);
+ExitStatus showMetrics(const Context &, std::span<const std::string>);
 
 // config.cpp; without the Linux platform no_platform.cpp
 ExitStatus showConfig(const Context &, std::span<const std::string>);

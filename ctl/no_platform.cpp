@@ -24,6 +24,7 @@ ExitStatus arpInterface(const Context &, std::span<const std::string>) { refuse(
 ExitStatus arpVlan(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus showGuard(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus showStatus(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus showMetrics(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus showPorts(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus monitor(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus showConfig(const Context &, std::span<const std::string>) { refuse(); }

@@ -1,6 +1,7 @@
 """The configuration file brought about, what the monitor tells, and what the lab shows."""
 
 import contextlib
+import importlib.util
 import fcntl
 import json
 import os
@@ -60,6 +61,19 @@ class Configuration(labtest.LabTest):
         self.ctl(f"binding add 10.0.10.77 mac {MACS['rogue']} vlan 1 interface swp5")
         self.lab.rogue.ip("link del eth0")
         self.wait("configuration by name", lambda: "77 mac 02:00:00:00:06:66 vlan 1 interface swp5\n" in self.ctl("show config"))
+
+    @unittest.skipUnless(importlib.util.find_spec("prometheus_client"), "needs python3-prometheus-client")
+    def test_glance(self):
+        """Ports, status and numbers, the last by another program's reader of their format. 24 lines of 80 columns."""
+        parser = importlib.import_module("prometheus_client.openmetrics.parser")
+        self.wait_state("swp5", self.known)
+        self.ctl("interface swp1 max-users 1; interface swp5 trust on; binding add 10.0.10.9 mac 02:00:00:00:00:09 vlan 10 interface swp1 --force")
+        lines, status, swp1 = self.switch.ctl("").stdout.splitlines(), json.loads(self.ctl("status --json")), self.switch.show("ports")[0]
+        values = {family.name: sum(sample.value for sample in family.samples) for family in parser.text_string_to_metric_families(self.ctl("metrics"))}
+        self.assertEqual(
+            "{ports} {not-saved} {attention}".format(**status) + " {interface} {bridge} {snooping} {trust} {guard} {bindings}".format(**swp1)
+            + f" {values['dhcpsnoop_port_trusted']:.0f} {values['dhcpsnoop_bindings']:.0f} {len(lines) <= 24} {max(map(len, lines)) <= 80}",
+            "{'seen': 6, 'snooped': 6, 'trusted': 2, 'guarded': 5} 3 [] swp1 br0 both False ip,mac 1 2 1 True True")
 
     def test_file(self):
         path, error = f"{self.switch.directory}/dhcpsnoop.conf", "dhcpsnoop.conf:1: there is no setting 'max-user'"
