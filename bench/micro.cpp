@@ -1,4 +1,4 @@
-// The daemon's own work on one frame, piece by piece: what the 63 chains cost as they grow, parsing, option
+// The daemon's own work on one frame, piece by piece: look-ups as the tables grow, parsing, option
 // 82 in and out, checksums, finding a DHCPv6 client's port. Decides where a frame's time goes that the daemon
 // takes longer for than the bare loop.
 #include <benchmark/benchmark.h>
@@ -78,7 +78,7 @@ void lookup_found(benchmark::State &state)
     }
 }
 
-// A DISCOVER looks for the binding of 0.0.0.0 and walks one chain to its end.
+// A DISCOVER looks for the binding of 0.0.0.0, which nobody has.
 void lookup_zero(benchmark::State &state)
 {
     start(static_cast<uint32_t>(state.range(0)));
