@@ -159,10 +159,12 @@ Words portsAttention(const Overview &all)
         lines.push_back("nothing is protected: no port snoops (bridge BRIDGE uplink IF)");
     else if (none(2))
         lines.push_back("no trusted port: clients get no answer (interface IF trust on)");
-    if (const Words rogues =
-            namesOf(all.ports, [](const PortView &view) { return view.has("dropped-untrusted"); });
-        !rogues.empty())
-        lines.push_back("a DHCP server answered at " + namesText(rogues) + ", untrusted, and was dropped");
+    Words rogues;
+    for (const RefusalCount &count : lastHour(all))
+        if (count.reason == "untrusted-server")
+            rogues.push_back(count.place);
+    if (!rogues.empty())
+        lines.push_back("a DHCP server without trust answers at " + namesText(rogues) + ": find it");
     return lines;
 }
 
@@ -277,17 +279,16 @@ void printStatus(const Context &context, const Overview &all, const SavedFile &s
 
     constexpr size_t HOUR_LINES = 5;
     const std::vector<RefusalCount> hour = lastHour(all);
-    line("last hour", hour.empty() ? "nothing refused for want of room or of a port"
-                                   : "refused (show refusals tells the remedy):");
+    line("last hour", hour.empty() ? "nothing refused" : "refused (show refusals tells the remedy):");
     for (size_t i = 0; i < std::min(hour.size(), HOUR_LINES); i++)
         line("", std::to_string(hour[i].lastHour) + " " + hour[i].reason +
                      (hour[i].place == "-" ? "" : " at " + hour[i].place));
     const Words worries = attention(all, saved);
     if (!worries.empty())
-        lines.insert(lines.end(), {"", "needs attention:"});
+        lines.insert(lines.end(), {"", emphasized(context, "needs attention:")});
     const size_t room = LINES - lines.size(), fit = worries.size() <= room ? worries.size() : room - 1;
     for (size_t i = 0; i < fit; i++)
-        lines.push_back(cut("  " + worries[i]));
+        lines.push_back(emphasized(context, cut("  " + worries[i])));
     if (fit < worries.size())
         lines.push_back("  and " + std::to_string(worries.size() - fit) + " more (--json)");
     for (const std::string &text : lines)

@@ -1,6 +1,7 @@
 #include "table.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <ostream>
 
 namespace
@@ -34,6 +35,14 @@ void printTable(std::ostream &out, const std::vector<Words> &rows)
         }
         out << (line += '\n');
     }
+}
+
+std::string emphasized(const Context &context, const std::string &text)
+{
+    const char *without = std::getenv("NO_COLOR"), *terminal = std::getenv("TERM");
+    const bool plain =
+        !context.terminal || (without && *without) || !terminal || terminal == std::string("dumb");
+    return plain ? text : "\033[1;33m" + text + "\033[0m";
 }
 
 void printJson(const Context &context, const Json &json) { context.out << json.dump(2) << '\n'; }

@@ -102,8 +102,14 @@ void look4(const DhcpsnoopPktInfo &info, const TakenFrame &frame)
 {
     const DhcpsnoopUserKey key = dhcpsnoop_user_key(DHCPSNOOP_IPV4, info.clientIp);
     const DhcpsnoopUser *user = dhcpsnoop_user_lookup(&key);
-    if (info.dhcpMsg[DHCP_OP] != BOOTREQUEST || !passed_checks(info, user))
+    if (info.dhcpMsg[DHCP_OP] == BOOTREPLY)
+        count(Refused::untrusted, info.ifIndex);
+    if (info.dhcpMsg[DHCP_OP] != BOOTREQUEST)
         return;
+    if (!passed_checks(info, user)) {
+        count(Refused::clientChecks, info.ifIndex);
+        return;
+    }
     if (info.msgType == DHCP_REQUEST && user == nullptr && count_unbound(info))
         return;
     if (info.giaddr != 0 || info.ifp->relayAddr == 0) {
@@ -144,6 +150,7 @@ void look6(const DhcpsnoopPktInfo &info, const TakenFrame &frame)
     case DHCP6_ADVERTISE:
     case DHCP6_REPLY:
     case DHCP6_RECONFIGURE:
+        count(Refused::untrusted, info.ifIndex);
         return;
     case DHCP6_SOLICIT:
     case DHCP6_REQUEST:

@@ -30,6 +30,8 @@ constexpr Text TEXTS[] = {
     {"interfaces-full", "the table of interfaces is full: raise 'interfaces N' in dhcpsnoop.conf (or --interfaces N) and restart the daemon"},
     {"guard-full", "no room for another binding in the guard, its host stays cut off where it is guarded: raise 'bindings N' in dhcpsnoop.conf (or --bindings N) and restart the daemon"},
     {"flood-limit", "replies to unknown clients reach the first 64 ports of the VLAN only: let its ports snoop instead of its interface"},
+    {"untrusted-server", "a DHCP server answered on a port that is not trusted: find it, or say 'interface IF trust on'"},
+    {"client-checks", "a client's messages contradict its Ethernet source or its binding: find it, or see source-mac-check and binding-check"},
 };
 // clang-format on
 static_assert(std::size(TEXTS) == REFUSALS);

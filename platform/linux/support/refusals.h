@@ -1,5 +1,5 @@
-// Messages of clients, bindings and settings that were refused because a table is full, a limit is reached or
-// a port is missing: counted by reason and place, and logged with the remedy, each reason once a minute at
+// Messages, bindings and settings that were refused because a table is full, a limit is reached, a port is
+// missing, or a sender may not say so: counted by reason and place, and logged with the remedy, each reason once a minute at
 // most. The place is the interface by its name, because a tap that comes back has the same one. From any
 // thread.
 #pragma once
@@ -22,8 +22,10 @@ enum class Refused : uint8_t {
     interfacesFull, // no free entry for an interface that is to snoop
     guardFull,      // no room for a rule in the guard
     floodLimit,     // a VLAN has more ports than a flood reaches
+    untrusted,      // a server's message came in on a port without trust
+    clientChecks,   // a client's message contradicts its Ethernet source or its binding
 };
-constexpr size_t REFUSALS = 7;
+constexpr size_t REFUSALS = 9;
 
 constexpr size_t REFUSAL_PLACES = 64;               // those refused last
 constexpr const char *REFUSAL_NO_PLACE = "-";       // of none in particular
