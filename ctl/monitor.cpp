@@ -1,12 +1,18 @@
 // Prints the daemon's events, one line each, until a signal or the daemon's end.
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
+#include <map>
 #include <ostream>
 #include <poll.h>
 #include <sys/socket.h>
+#include <utility>
 
+#include "binding_filter.h"
+#include "binding_view.h"
 #include "event_record.h"
 #include "platform_numbers.h"
 #include "table.h"
@@ -66,48 +72,89 @@ std::string addressText(const uint8_t *address)
     return inet_ntop(AF_INET, address, text, sizeof(text));
 }
 
-const char *eventWord(const EventRecord &record)
+// "2026-11-22T12:30:59+0100".
+std::string timeText()
 {
-    switch (record.event) {
-    case platform_linux::EVENT_LOST:
-        return "lost";
-    case QOR_EVENT_USER_ADDED:
-        return "add";
-    case QOR_EVENT_USER_DELETED:
-        return "delete";
-    default:
-        return "unknown";
-    }
+    const time_t now = time(nullptr);
+    tm local = {};
+    char text[32];
+    strftime(text, sizeof(text), "%FT%T%z", localtime_r(&now, &local));
+    return text;
 }
 
-Json eventJson(const EventRecord &record)
+Binding bindingOf(const EventRecord &record)
+{
+    Binding binding = {};
+    binding.key.ipType = DHCPSNOOP_IPV4;
+    std::copy_n(record.user.address, 4, binding.key.ipAddr.begin());
+    binding.vlan = record.user.vid;
+    binding.ifIndex = record.user.ifIndex;
+    binding.type = DHCPSNOOP_USER_DYNAMIC; // no other is announced
+    binding.state = DHCPSNOOP_BIND_BOUND;
+    binding.mac.assign(std::begin(record.user.mac), std::end(record.user.mac));
+    return binding;
+}
+
+// The bound bindings that are known, by which the renewal of one is told from a new one.
+class Known
+{
+  public:
+    explicit Known(const Daemon &daemon)
+    {
+        for (const Binding &binding : readBindings(daemon))
+            if (binding.state == DHCPSNOOP_BIND_BOUND)
+                bindings_[binding.key] = {binding.ifIndex, binding.mac};
+    }
+
+    const char *eventWord(const EventRecord &record)
+    {
+        const Binding binding = bindingOf(record);
+        const std::pair place(binding.ifIndex, binding.mac);
+        switch (record.event) {
+        case platform_linux::EVENT_LOST:
+            return "lost";
+        case QOR_EVENT_USER_ADDED:
+            return std::exchange(bindings_[binding.key], place) == place ? "renew" : "add";
+        case QOR_EVENT_USER_DELETED:
+            bindings_.erase(binding.key);
+            return "delete";
+        default:
+            return "unknown";
+        }
+    }
+
+  private:
+    std::map<UserKey, std::pair<uint32_t, Bytes>> bindings_;
+};
+
+Json eventJson(const EventRecord &record, const char *word)
 {
     Json json;
-    json["event"] = eventWord(record);
+    json["event"] = word;
     if (record.event == platform_linux::EVENT_LOST) {
         json["count"] = record.lost;
-        return json;
+    } else {
+        json["number"] = record.event;
+        json["interface"] = interfaceText(record.user.ifIndex);
+        json["index"] = record.user.ifIndex;
+        json["vlan"] = record.user.vid;
+        json["mac"] = macText({record.user.mac, record.user.mac + sizeof(record.user.mac)});
+        json["address"] = addressText(record.user.address);
+        json["gateway"] = addressText(record.user.gateway);
     }
-    json["number"] = record.event;
-    json["interface"] = interfaceText(record.user.ifIndex);
-    json["index"] = record.user.ifIndex;
-    json["vlan"] = record.user.vid;
-    json["mac"] = macText({record.user.mac, record.user.mac + sizeof(record.user.mac)});
-    json["address"] = addressText(record.user.address);
-    json["gateway"] = addressText(record.user.gateway);
+    json["time"] = timeText();
     return json;
 }
 
-void printEvent(const Context &context, const EventRecord &record)
+void printEvent(const Context &context, const Json &json)
 {
-    const Json json = eventJson(record);
     if (context.json) {
         context.out << json.dump() << std::endl;
         return;
     }
-    context.out << json["event"].get<std::string>();
+    context.out << timeText().substr(11, 8) << ' ' << json["event"].get<std::string>();
     for (const auto &[key, value] : json.items()) {
-        if (key == "event" || key == "index" || key == "number")
+        if (key == "event" || key == "index" || key == "number" || key == "time")
             continue;
         context.out << ' ' << key << ' ' << (value.is_string() ? value.get<std::string>() : value.dump());
     }
@@ -116,8 +163,10 @@ void printEvent(const Context &context, const EventRecord &record)
 
 } // namespace
 
-ExitStatus monitor(const Context &context, std::span<const std::string>)
+ExitStatus monitor(const Context &context, std::span<const std::string> arguments)
 {
+    const BindingFilter wanted(arguments);
+    Known known(context.daemon);
     const Socket sock(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     connectTo(sock, platform_linux::event_socket_path());
     const StopSignals signals;
@@ -133,7 +182,11 @@ ExitStatus monitor(const Context &context, std::span<const std::string>)
             throw NoDaemon("the daemon has ended, or serves as many subscribers as it can");
         if (length != sizeof(record) || record.length != sizeof(record))
             throw NoDaemon("malformed event of " + std::to_string(length) + " bytes");
-        printEvent(context, record);
+        const char *word = known.eventWord(record);
+        if (record.event != platform_linux::EVENT_LOST &&
+            !wanted(bindingOf(record), interfaceText(record.user.ifIndex)))
+            continue;
+        printEvent(context, eventJson(record, word));
         if (!context.out)
             return EXIT_REFUSED; // runClient judges the failed write
     }

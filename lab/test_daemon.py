@@ -5,6 +5,7 @@ import importlib.util
 import fcntl
 import json
 import os
+import re
 import signal
 import socket
 import struct
@@ -134,11 +135,11 @@ class Monitor(labtest.LabTest):
         """Bindings are told of as they come and go; it ends with the daemon, or when it is asked to."""
         text, objects, to_the_end = monitors = [
             Process(self.switch, f"monitor{number}", self.switch.binary("dhcpsnoopctl"), "monitor", *words)
-            for number, words in enumerate(((), ("--json",), ()))]
+            for number, words in enumerate(((), ("--json", "interface", "swp1"), ()))]
         self.wait("connection of the monitors", lambda: self.switch.run(
             "grep", "-c", "/run/dhcpsnoop/events", "/proc/net/unix", check=False).stdout == f"{1 + len(monitors)}\n")
         mac = MACS["pc1"]
-        address = exchange(self.endpoint("pc1"), mac)[BOOTP].yiaddr
+        address = [exchange(self.endpoint("pc1"), mac)[BOOTP].yiaddr for _ in range(2)][1]
         self.ctl(f"binding delete {address}")
         self.wait("events", lambda: all("delete" in monitor.log() for monitor in monitors))
         objects.signal(signal.SIGINT)
@@ -146,9 +147,11 @@ class Monitor(labtest.LabTest):
         self.switch.stop_daemon()
         self.assertEqual(to_the_end.popen.wait(), 3)
         line = f"interface swp1 vlan 10 mac {mac} address {address} gateway 10.0.10.1\n"
-        self.assertEqual(text.log(), f"add {line}delete {line}")
-        self.assertRegex(to_the_end.log(), f"^add {line}delete {line}.*the daemon has ended.*\n$")
-        self.assertEqual(json.loads(objects.log().splitlines()[0]), {
+        self.assertEqual(re.sub(r"(?m)^[\d:]{8} ", "", text.log()), f"add {line}renew {line}delete {line}")
+        self.assertRegex(to_the_end.log(), f"(?s)add {line}.*renew {line}.*delete {line}.*the daemon has ended.*\n$")
+        event = json.loads(objects.log().splitlines()[0])
+        self.assertRegex(event.pop("time"), r"^[\d-]+T[\d:]+\+\d{4}$")
+        self.assertEqual(event, {
             "event": "add", "number": 188, "interface": "swp1", "index": self.switch.index("swp1"), "vlan": 10, "mac": mac,
             "address": address, "gateway": "10.0.10.1"})
 
