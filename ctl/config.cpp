@@ -99,8 +99,12 @@ void writeFile(const std::string &name, const std::string &text)
     const mode_t mode = stat(name.c_str(), &before) == 0 ? before.st_mode & 0777 : 0644;
     const Fd file(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode));
     if (!file || write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        fsync(file.get()) != 0 || rename(beside.c_str(), name.c_str()) != 0)
-        throw CtlError(EXIT_REFUSED, name + ": " + std::strerror(errno) + "; nothing was changed");
+        fsync(file.get()) != 0 || rename(beside.c_str(), name.c_str()) != 0) {
+        const std::string why = std::strerror(errno);
+        if (file)
+            unlink(beside.c_str());
+        throw CtlError(EXIT_REFUSED, name + ": " + why + "; nothing was changed");
+    }
 }
 
 // ---- The running state

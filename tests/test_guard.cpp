@@ -337,6 +337,7 @@ TEST_F(Guard, ForgetsDevicesThatAreGone)
 #define COMES_AND_GOES "flooded ip link add p9 master br0 type veth peer name c9 && ip link set p9 up && ip link set c9 up; ip link del p9, "
 #define LEAVES_AND_RETURNS "flooded ip link set p9 nomaster; ip link set p9 master br0, "
 #define IS_RENAMED "flooded ip link set p9 down && ip link set p9 name q9 up; ip link set q9 down && ip link set q9 name p9 up, "
+#define COMES_OVER "sh ip link add br9 up type bridge && ip link set p9 master br9, heard, flooded ip link set p9 master br0, "
 
 // Nothing is forwarded from a port before its traps stand, on a protected bridge: the daemon is always late.
 TEST_F(Guard, KeepsUnknownDevicesFromProtectedBridges)
@@ -345,9 +346,9 @@ TEST_F(Guard, KeepsUnknownDevicesFromProtectedBridges)
     guard_close();
     ASSERT_EQ(trap_start(8), 0);
     EXPECT_EQ(play("sh for i in br0 p1 p2 c1 c2; do ip link set $i alias told; done, heard, trap 1, " COMES_AND_GOES
-                   "protect br0, " COMES_AND_GOES "sh ip link add p9 master br0 type veth peer name c9 && ip link set p9 up && ip link set c9 up, heard, " LEAVES_AND_RETURNS IS_RENAMED
+                   "protect br0, " COMES_AND_GOES "sh ip link add p9 master br0 type veth peer name c9 && ip link set p9 up && ip link set c9 up, heard, " LEAVES_AND_RETURNS IS_RENAMED COMES_OVER
                    "free 1, dhcp, " FILTERS_OUT("p1") ", " FILTERS_OUT("c1") ", protect none, " FILTERS_OUT("p1")),
-              "some; none; none; none; passes; dhcpsnoop_out dhcpsnoop_out");
+              "some; none; none; none; none; passes; dhcpsnoop_out dhcpsnoop_out");
 }
 
 // Two namespaces share a bpffs and not their maps.

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <mutex>
 #include <set>
 #include <sys/stat.h>
@@ -33,12 +34,12 @@ struct Desired {
 };
 
 std::string savedPath, lastGoodPath;
-bool active = false;             // there is a configuration
-bool starting = false;           // nothing of it is brought about yet
-Desired running;                 // on the daemon's thread, as all up to the job
-std::optional<Desired> previous; // until a confirmation
-std::set<uint32_t> todo, fresh;  // ports to look at; those among them that have appeared
-std::set<uint32_t> settled;      // ports whose settings are in force
+bool active = false;                  // there is a configuration
+bool starting = false;                // nothing of it is brought about yet
+Desired running;                      // on the daemon's thread, as all up to the job
+std::optional<Desired> previous;      // until a confirmation
+std::set<uint32_t> todo, fresh;       // ports to look at; those among them that have appeared
+std::map<uint32_t, uint32_t> settled; // ports whose settings are in force, with the bridge that they are of
 int eventSocket = -1;
 std::optional<Daemon> core;
 std::string (*facts)();
@@ -61,11 +62,11 @@ void protect_bridges()
     for (const BridgeLine &line : running.config.bridges)
         if (const uint32_t ifIndex = if_nametoindex(line.bridge.c_str()); ifIndex != 0)
             bridges.insert(ifIndex);
-    guard_protect(bridges);
+    guard_protect(bridges, !running.config.bridges.empty());
 }
 
 // A port of a protected bridge stays closed while its snooping or its guard could not be had.
-void settle(uint32_t ifIndex, const Differences &made)
+void settle(const Port &port, const Differences &made)
 {
     const auto leavesOpen = [](const Difference &difference) {
         const Words &line = difference.running;
@@ -73,8 +74,8 @@ void settle(uint32_t ifIndex, const Differences &made)
     };
     if (std::ranges::any_of(made, leavesOpen))
         return;
-    settled.insert(ifIndex);
-    guard_admit(ifIndex);
+    settled[port.ifIndex] = port.bridge;
+    guard_admit(port.ifIndex);
 }
 
 // Each difference that could not be made to go, a line; of those without room the first, and how many there
@@ -115,7 +116,7 @@ std::string make_all(const Config &before)
     for (const auto &[ifIndex, port] : model_ports()) {
         const Differences made =
             reconcile_port(config, *core, port_id(port, model_ports()), Make::yes, fresh.contains(ifIndex));
-        settle(ifIndex, made);
+        settle(port, made);
         wrong.add(made);
     }
     wrong.add(reconcile_vlans(config, Make::yes));
@@ -283,7 +284,7 @@ void work_port(const Port &port)
     const PortId id = port_id(port, model_ports());
     const bool isNew = fresh.erase(id.ifIndex) != 0;
     Differences made = reconcile_port(running.config, *core, id, Make::yes, isNew);
-    settle(id.ifIndex, made);
+    settle(port, made);
     for (const Difference &other : reconcile_port_bindings(running.config, *core, id, Make::yes))
         made.push_back(other);
     const bool hasRoom = std::ranges::none_of(made, &Difference::noRoom);
@@ -299,8 +300,9 @@ void work_port(const Port &port)
 void model_changed(ModelChange change, const Port &port, const Port *before)
 {
     if (change == ModelChange::vanished) {
-        for (std::set<uint32_t> *ports : {&todo, &fresh, &settled})
-            ports->erase(port.ifIndex);
+        todo.erase(port.ifIndex);
+        fresh.erase(port.ifIndex);
+        settled.erase(port.ifIndex);
         return;
     }
     if (change == ModelChange::appeared)
@@ -395,7 +397,10 @@ void config_begin(int socket, Exchange exchange, std::string (*moreFacts)())
     core.emplace(std::move(exchange));
     eventSocket = socket;
     model_watch(model_changed);
-    guard_ask_ready([](uint32_t ifIndex) { return settled.contains(ifIndex); });
+    guard_ask_ready([](const Port &port) {
+        const auto at = settled.find(port.ifIndex);
+        return at != settled.end() && at->second == port.bridge;
+    });
     starting = true;
     config_thread_start(ask_work);
 }

@@ -32,7 +32,8 @@ namespace platform_linux
 namespace
 {
 
-constexpr uint64_t NEVER_A_PORT = 1; // a guard_port's left_until, long ago
+constexpr uint64_t NEVER_A_PORT = 1;   // a guard_port's left_until, long ago
+constexpr uint64_t NEVER = UINT64_MAX; // its since
 
 struct Guard {
     bpf_object *object = nullptr; // null: closed, or no eBPF here
@@ -45,6 +46,7 @@ struct Guard {
     std::set<uint32_t> doubted;  // those of them that it may have been taken off since
     std::set<uint32_t> gated;    // ports that have the egress program too
     std::set<uint32_t> held;     // ports without a say for their frames
+    std::set<uint32_t> apart;    // ports of no protected bridge
 } guard;
 
 char libbpfSaid[256]; // the first complaint since it was last cleared
@@ -201,14 +203,18 @@ int count_from_zero(uint32_t ifIndex)
     return error == EEXIST ? 0 : error;
 }
 
-void open_port(guard_port &port, bool open)
+// A port, whose ingress judges its frames from now on. It has no say for them at the egress of others while
+// it is held or apart, nor before those that were let go until now have arrived.
+void open_port(uint32_t ifIndex, guard_port &port)
 {
     uint64_t until = 0;
-    if (open && port.left_until != 0) {
+    if (guard.held.contains(ifIndex) || guard.apart.contains(ifIndex)) {
+        port.since = NEVER;
+    } else if (port.left_until != 0 || port.since == NEVER) {
         const bool isProtecting = bpf_map_lookup_elem(guard.own, &PROTECTION, &until) == 0;
         port.since = isProtecting ? guard_clock() + uint64_t{GUARD_OPEN_MILLISECONDS} * 1000000 : 0;
     }
-    port.left_until = open ? 0 : NEVER_A_PORT;
+    port.left_until = 0;
 }
 
 // Attaches the classifier to a device whose entry is `port`, where it does not stand. That takes the kernel's
@@ -246,6 +252,22 @@ int change_port(uint32_t ifIndex, const guard_port &port, const guard_port &befo
     return memcmp(&port, &before, sizeof port) == 0
                ? 0
                : -bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
+}
+
+// Adds the port to those that are held or apart, or takes it out.
+void set_say(uint32_t ifIndex, std::set<uint32_t> &ports, bool on)
+{
+    guard_port port = {};
+    if (on)
+        ports.insert(ifIndex);
+    else
+        ports.erase(ifIndex);
+    if (!guard.known.contains(ifIndex) || !guard.standing.contains(ifIndex) ||
+        bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+        return;
+    const guard_port before = port;
+    open_port(ifIndex, port);
+    change_port(ifIndex, port, before);
 }
 
 uint8_t family_bit(int family)
@@ -424,7 +446,7 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
         port.left_until = NEVER_A_PORT;
     guard.parted.erase(ifIndex);
     guard.known.insert(ifIndex);
-    open_port(port, !guard.held.contains(ifIndex));
+    open_port(ifIndex, port);
     port.native = nativeVid;
     for (size_t vid = 0; vid < members.size(); vid++) {
         const uint64_t bit = uint64_t{1} << vid % 64;
@@ -455,8 +477,8 @@ void guard_device_gone(uint32_t ifIndex)
 {
     for (const int map : {guard.ports, guard.refused, guard.portItems})
         bpf_map_delete_elem(map, &ifIndex);
-    for (std::set<uint32_t> *devices :
-         {&guard.known, &guard.parted, &guard.standing, &guard.doubted, &guard.gated, &guard.held})
+    for (std::set<uint32_t> *devices : {&guard.known, &guard.parted, &guard.standing, &guard.doubted,
+                                        &guard.gated, &guard.held, &guard.apart})
         devices->erase(ifIndex);
 }
 
@@ -516,20 +538,9 @@ int guard_port_protect(uint32_t ifIndex, bool on)
                                             : 0;
 }
 
-void guard_port_hold(uint32_t ifIndex, bool on)
-{
-    guard_port port = {};
-    if (on)
-        guard.held.insert(ifIndex);
-    else
-        guard.held.erase(ifIndex);
-    if (!guard.known.contains(ifIndex) || !guard.standing.contains(ifIndex) ||
-        bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
-        return;
-    const guard_port before = port;
-    open_port(port, !on);
-    change_port(ifIndex, port, before);
-}
+void guard_port_hold(uint32_t ifIndex, bool on) { set_say(ifIndex, guard.held, on); }
+
+void guard_port_apart(uint32_t ifIndex, bool on) { set_say(ifIndex, guard.apart, on); }
 
 void guard_protecting(bool on)
 {

@@ -76,6 +76,10 @@ int guard_port_protect(uint32_t ifIndex, bool on);
 // While it is held, the port has no say for its frames: no protected bridge forwards them.
 void guard_port_hold(uint32_t ifIndex, bool on);
 
+// A port of no protected bridge has no say either, where a protected bridge would forward its frames: it may
+// have come over from another bridge this moment.
+void guard_port_apart(uint32_t ifIndex, bool on);
+
 // Some bridge is protected, or none: then devices that are no ports are left alone again. A protection that
 // an earlier run set holds for GUARD_INHERIT_SECONDS.
 void guard_protecting(bool on);

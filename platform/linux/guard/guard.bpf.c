@@ -150,7 +150,8 @@ VERIFIED_ALONE int is_own(struct __sk_buff *skb)
 
 // At the egress of the ports of protected bridges. A frame goes on when the ingress of a port has judged it,
 // when it is this host's own, sent or routed, and not when it comes from a device that the daemon has not
-// seen yet.
+// seen yet, or whose settings are not in force yet. Such a port routes nothing: the host's own address there
+// is forged.
 SEC("tc")
 int dhcpsnoop_out(struct __sk_buff *skb)
 {
@@ -160,7 +161,7 @@ int dhcpsnoop_out(struct __sk_buff *skb)
         return TC_ACT_UNSPEC;
     const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &from);
     bool judged = port && !port->left_until && (!port->since || bpf_ktime_get_boot_ns() >= port->since);
-    if (judged || !is_protecting() || (port && is_own(skb)))
+    if (judged || !is_protecting() || (port && port->left_until && is_own(skb)))
         return TC_ACT_UNSPEC;
     return refuse(skb->ifindex, GUARD_REFUSED_ORIGIN);
 }

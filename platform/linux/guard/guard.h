@@ -22,6 +22,7 @@
 #include "guard_maps.h"
 #include "netlink.h"
 #include "platform.h"
+#include "port.h"
 
 namespace platform_linux
 {
@@ -62,13 +63,14 @@ bool trap_release(std::string &report);
 
 // The protected bridges from now on, by index; none = nothing of the kind, on no device. Given by the host at
 // start, at reload, and when a bridge appears or goes. When the start gives none, the protection that an
-// earlier daemon left holds for a minute.
-void guard_protect(const std::set<uint32_t> &bridges);
+// earlier daemon left holds for a minute. `expectsMore`: a bridge that is not there yet, or not at the
+// moment, is to be protected from its first port on.
+void guard_protect(const std::set<uint32_t> &bridges, bool expectsMore = false);
 
 // A port that appears on a protected bridge is to wait until its settings are in force: `ready` is asked for
-// each, and a port for which it says no forwards nothing until guard_admit. Its traps can be set meanwhile.
-// Null, as at the start: ports do not wait.
-using PortReady = bool (*)(uint32_t ifIndex);
+// each; its settings of another bridge do not count. A port for which it says no forwards nothing until
+// guard_admit. Its traps can be set meanwhile. Null, as at the start: ports do not wait.
+using PortReady = bool (*)(const Port &port);
 void guard_ask_ready(PortReady ready);
 void guard_admit(uint32_t ifIndex);
 

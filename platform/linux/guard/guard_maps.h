@@ -60,7 +60,8 @@ struct guard_port {
     __u64 left_until; /* 0 = a port, whose ingress judges every frame; else it is none, and its frames are
                        * judged as before until then: nanoseconds of CLOCK_BOOTTIME */
     __u64 since;      /* a port from then on at the egress of others, when the frames that its ingress let go
-                       * before      are on their way no more */
+                       * before are on their way no more; the largest number = it waits for its settings, or
+                       * is in a bridge that is not protected */
     __u16 native;     /* VLAN of untagged and priority-tagged frames; 0 = none */
     __u8 trap;        /* set by the running daemon */
     __u8 inherited;   /* set by an earlier one: counts until guard_state.inherited_until */

@@ -16,6 +16,7 @@ namespace
 {
 
 std::set<uint32_t> bridges;
+bool protecting = false; // some bridge, or one that is to come
 PortReady isReady = nullptr;
 std::map<uint32_t, MacAddress> own; // of devices that are no ports, by index
 
@@ -61,7 +62,7 @@ bool take_in(uint32_t ifIndex, bool isBridge, const uint8_t *mac)
 
 void device_changed(uint32_t ifIndex, bool isBridge, const uint8_t *mac)
 {
-    if (!bridges.empty() && take_in(ifIndex, isBridge, mac))
+    if (protecting && take_in(ifIndex, isBridge, mac))
         tell_own();
 }
 
@@ -76,6 +77,7 @@ void device_gone(uint32_t ifIndex)
 void protect_start()
 {
     bridges.clear();
+    protecting = false;
     own.clear();
     model_watch_devices(device_changed);
     model_watch_gone(device_gone);
@@ -84,10 +86,8 @@ void protect_start()
 void protect_port(const Port &port)
 {
     const bool isProtected = bridges.contains(port.bridge);
-    if (!isProtected || isReady == nullptr || isReady(port.ifIndex))
-        guard_port_hold(port.ifIndex, false);
-    else
-        guard_port_hold(port.ifIndex, true);
+    guard_port_apart(port.ifIndex, protecting && !isProtected && !port.routed);
+    guard_port_hold(port.ifIndex, isProtected && isReady != nullptr && !isReady(port));
     report_failure(port.ifIndex, "its bridge cannot be protected",
                    guard_port_protect(port.ifIndex, isProtected));
 }
@@ -98,10 +98,11 @@ void protect_port_gone(uint32_t ifIndex)
     report_failure(ifIndex, "the protection of its bridge stays", guard_port_protect(ifIndex, false));
 }
 
-void guard_protect(const std::set<uint32_t> &protectedBridges)
+void guard_protect(const std::set<uint32_t> &protectedBridges, bool expectsMore)
 {
     bridges = protectedBridges;
-    if (bridges.empty()) {
+    protecting = expectsMore || !bridges.empty();
+    if (!protecting) {
         own.clear();
         guard_protecting(false);
         guard_own_set({});
