@@ -94,10 +94,9 @@ std::string plural(uint64_t count, const std::string &noun)
 std::string namesText(const Words &names)
 {
     constexpr size_t NAMED = 2;
-    std::string text = names[0];
     if (names.size() > NAMED)
-        return text + ", " + names[1] + " and " + std::to_string(names.size() - NAMED) + " more";
-    return names.size() == NAMED ? text + " and " + names[1] : text;
+        return names[0] + ", " + names[1] + " and " + std::to_string(names.size() - NAMED) + " more";
+    return names.size() == NAMED ? names[0] + " and " + names[1] : names[0];
 }
 
 std::string cut(const std::string &line)
