@@ -158,8 +158,7 @@ Differences differences(const File &file, const Context &context)
     add(reconcile_vlans(file.config, Make::no));
     add(reconcile_bindings(file.config, {}, daemon, Make::no));
     for (const StaticBinding &binding : statics(context)) {
-        const auto isLine = [&](const BindingLine &line) { return line.binding.key == binding.key; };
-        if (std::ranges::any_of(file.config.bindingLines, isLine))
+        if (file.config.lineOfBinding.contains(binding.key))
             continue;
         Words words = bindingWords(binding);
         words.insert(words.begin(), "binding");

@@ -108,9 +108,8 @@ void take_binding(uint32_t line, Rest words, Config &config)
     if (!words.empty() && words[0] == "add")
         words = words.subspan(1);
     const StaticBinding binding = parseBinding(words);
-    for (const BindingLine &other : config.bindingLines)
-        if (other.binding.key == binding.key)
-            throw UsageError("line " + std::to_string(other.line) + " binds that address already");
+    if (const auto [other, isNew] = config.lineOfBinding.try_emplace(binding.key, line); !isNew)
+        throw UsageError("line " + std::to_string(other->second) + " binds that address already");
     config.bindingLines.push_back({line, binding});
 }
 

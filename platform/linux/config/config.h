@@ -85,7 +85,8 @@ struct Config {
     std::vector<VlanLine> vlans;
     std::vector<GlobalLine> globals;
     std::vector<BindingLine> bindingLines;
-    uint16_t bindings = 0, interfaces = 0; // 0: not said
+    std::map<UserKey, uint32_t> lineOfBinding; // the same by address: a file has room for thousands
+    uint16_t bindings = 0, interfaces = 0;     // 0: not said
     SwitchConf model;
     RedundancyConf redundancy;
 

@@ -1,6 +1,5 @@
 #include "reconcile.h"
 
-#include <algorithm>
 #include <cstring>
 #include <net/if.h>
 
@@ -221,8 +220,7 @@ Differences reconcile_bindings(const Config &config, const Config &before, const
 {
     Differences found;
     for (const BindingLine &old : before.bindingLines) {
-        const auto has = [&](const BindingLine &other) { return other.binding.key == old.binding.key; };
-        if (std::ranges::any_of(config.bindingLines, has) || !running_binding(daemon, old.binding.key))
+        if (config.lineOfBinding.contains(old.binding.key) || !running_binding(daemon, old.binding.key))
             continue;
         note(found, {binding_line(old.binding), "none", {}, ""}, make,
              [&] { deleteBinding(daemon, old.binding.key); });
