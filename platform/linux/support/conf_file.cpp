@@ -55,7 +55,10 @@ bool conf_parse(std::string_view name, std::string_view text, const ConfReader &
     for (size_t begin = 0; begin < text.size();) {
         const size_t end = std::min(text.find('\n', begin), text.size());
         ConfLine line{++number, {}, {}};
-        if (!split(text.substr(begin, end - begin), line))
+        const std::string_view whole = text.substr(begin, end - begin);
+        if (whole.find('\0') != std::string_view::npos)
+            return right("a zero byte in the line");
+        if (!split(whole, line))
             return right("a quote is not closed");
         begin = end + 1;
         if (!line.words.empty() && !right(reader.line(line)))
