@@ -1,7 +1,7 @@
 // Messages, bindings and settings that were refused because a table is full, a limit is reached, a port is
-// missing, or a sender may not say so: counted by reason and place, and logged with the remedy, each reason once a minute at
-// most. The place is the interface by its name, because a tap that comes back has the same one. From any
-// thread.
+// missing, or a sender may not say so: counted by reason and place, and logged with the remedy, each reason
+// once a minute at most. The place is the interface by its name, because a tap that comes back has the same
+// one. From any thread.
 #pragma once
 
 #include <cstddef>
