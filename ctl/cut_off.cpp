@@ -41,6 +41,35 @@ template <class See> void vlanInterfaces(const Ports &ports, const Port &port, S
             see(other);
 }
 
+constexpr const char *IPV4_WORD = "IPv4";
+
+std::string trustedText(const std::string &port)
+{
+    return port +
+           " is trusted: routers and servers have no bindings and would lose their network; 'guard interface " +
+           port + " exempt' lets them pass";
+}
+
+std::string unsnoopedText(const std::string &port, const std::string &ip, bool snoopsNothing)
+{
+    return port + ": " + ip + " is not snooped there, so that no host gets a binding; 'interface " + port +
+           (snoopsNothing ? " snooping on'" : " version both'") + " comes first";
+}
+
+std::string cutOffText(const std::string &port, const std::string &ip, const std::set<std::string> &hosts)
+{
+    std::string some;
+    for (size_t number = 0; const std::string &host : hosts)
+        if (number++ < NAMED)
+            some += (some.empty() ? "" : ", ") + host;
+    const bool one = hosts.size() == 1;
+    return port + ": " + std::to_string(hosts.size()) + (one ? " host" : " hosts") + " without an " + ip +
+           " binding would lose " + (one ? "its" : "their") + " network (" + some +
+           (hosts.size() > NAMED ? ", …" : "") + "); " +
+           (ip == IPV4_WORD ? "wait for the renewal or add bindings"
+                            : "add bindings or leave IPv6 unchecked (family 4)");
+}
+
 } // namespace
 
 SwitchConf runningModel()
@@ -148,21 +177,16 @@ Words CutOff::warnings(const GuardPlan &plan, const PortSnooping &snooping)
         if (!checks(plan.guard, ipType))
             continue;
         if (snooping.trusted)
-            return {name +
-                    " is trusted: routers and servers have no bindings and would lose their network; "
-                    "'guard interface " +
-                    name + " exempt' lets them pass"};
+            return {trustedText(name)};
         if (!daemonRuns_ && snooping.versions != 0)
             continue;
-        const std::string ip = ipType == DHCPSNOOP_IPV4 ? "IPv4" : "IPv6";
+        const std::string ip = ipType == DHCPSNOOP_IPV4 ? IPV4_WORD : "IPv6";
         const auto isHere = [&](const Bound &one) {
             return one.key.ipType == ipType && one.ifIndex == plan.port.ifIndex;
         };
         if ((snooping.versions & ipType) == 0 &&
             std::ranges::none_of(daemonRuns_ ? bindings() : lines_, isHere)) {
-            found.push_back(name + ": " + ip +
-                            " is not snooped there, so that no host gets a binding; 'interface " + name +
-                            (snooping.versions == 0 ? " snooping on'" : " version both'") + " comes first");
+            found.push_back(unsnoopedText(name, ip, snooping.versions == 0));
             continue;
         }
         std::set<std::string> cutOff;
@@ -170,17 +194,8 @@ Words CutOff::warnings(const GuardPlan &plan, const PortSnooping &snooping)
             if (host.ifIndex == plan.port.ifIndex && (plan.vid == 0 || host.vid == 0 || host.vid == plan.vid))
                 cutOff.insert(missing(plan, host, ipType));
         cutOff.erase("");
-        std::string some;
-        for (size_t number = 0; const std::string &host : cutOff)
-            if (number++ < NAMED)
-                some += (some.empty() ? "" : ", ") + host;
-        const bool one = cutOff.size() == 1;
         if (!cutOff.empty())
-            found.push_back(name + ": " + std::to_string(cutOff.size()) + (one ? " host" : " hosts") +
-                            " without an " + ip + " binding would lose " + (one ? "its" : "their") +
-                            " network (" + some + (cutOff.size() > NAMED ? ", …" : "") + "); " +
-                            (ipType == DHCPSNOOP_IPV4 ? "wait for the renewal or add bindings"
-                                                      : "add bindings or leave IPv6 unchecked (family 4)"));
+            found.push_back(cutOffText(name, ip, cutOff));
     }
     return found;
 }

@@ -26,7 +26,7 @@ struct PortSnooping {
 platform_linux::SwitchConf runningModel();
 using Ports = std::map<uint32_t, platform_linux::Port>; // by index
 // The ports of this namespace, seen through the file's switch model.
-Ports portsNow(const platform_linux::SwitchConf &model);
+Ports portsNow(const platform_linux::SwitchConf &conf);
 
 class CutOff
 {

@@ -36,7 +36,7 @@ ExitStatus showRefusals(const Context &context, std::span<const std::string>)
             {"remedy",    remedy                                    }
         });
         if (last != reason)
-            remedies += "\n" + reason + ": " + remedy + "\n";
+            remedies.append("\n").append(reason).append(": ").append(remedy).append("\n");
         last = reason;
     }
     const ExitStatus status = print(context, list, rows, "nothing was refused");

@@ -36,7 +36,7 @@ int32_t dhcp6snoop_port_index_init(uint16_t count)
         return -1;
     gPort6Index = ::new (block) Port6Index{};
     gPort6Index->mask = static_cast<uint32_t>(slots - 1);
-    gPort6Index->slots[0] = ::new (gPort6Index + 1) Number[2 * slots]();
+    gPort6Index->slots[0] = reinterpret_cast<Number *>(gPort6Index + 1);
     gPort6Index->slots[1] = gPort6Index->slots[0] + slots;
     gPort6Index->changes[0] = gPort6Index->changes[1] = gIfChanges - 1;
     return 0;

@@ -39,7 +39,7 @@ struct RefusalCount {
 };
 
 // Counts refusals. An empty place reads as REFUSAL_NO_PLACE. Allocates nothing.
-void refusal_count(Refused reason, const char *place, Ticks now = ticks(), uint32_t number = 1);
+void refusal_count(Refused reason, const char *where, Ticks now = ticks(), uint32_t number = 1);
 
 // Logs the refusals of reasons whose minute is over. Called often; costs nothing when there are none.
 void refusals_log(Ticks now = ticks());
