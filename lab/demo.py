@@ -24,11 +24,13 @@ ROGUE_ADDRESS, ROGUE_LEASE = "10.0.10.66", "10.0.10.250"
 ROGUE_REPLIES = 5  # of each kind
 GATEWAY, FORGED, FORGERIES = "10.0.10.1", "10.0.10.66", 5
 ASKED = 5  # times that pc1 asks for an address while the rogue server listens
+# The real server offers pc1 an address after a second, as one that first looks whether somebody has it: the rogue server is faster.
+SLOW_OFFER = (f"--dhcp-mac=set:pc1,{MACS['pc1']}", "--dhcp-reply-delay=tag:pc1,1")
 PROTECTION = ("bridge br0 uplink swp4", "bridge br0 guard ip mac port", "interface swp1 option82 on")
 
 
 class RogueServer:
-    """Answers each DISCOVER and REQUEST that it hears before a server can that has to think."""
+    """Answers each DISCOVER and REQUEST that it hears before the real server does."""
 
     def __init__(self, lab):
         self.endpoint, self.ended = Endpoint(lab.rogue), threading.Event()
@@ -221,7 +223,7 @@ From another terminal: nsenter --target {OUTSIDE_PID} --all. Everything goes whe
 
 def main():
     try:
-        with Lab(BUILD) as lab:
+        with Lab(BUILD, server_options=SLOW_OFFER) as lab:
             try:
                 demo(lab)
             except Failure:

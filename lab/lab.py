@@ -290,8 +290,8 @@ class Client:
 class Lab:
     """The topology with its servers. The daemon is started and stopped apart from it."""
 
-    def __init__(self, build, offload=True):
-        self.build, self.offload = os.path.realpath(build), offload
+    def __init__(self, build, offload=True, server_options=()):
+        self.build, self.offload, self.server_options = os.path.realpath(build), offload, server_options
         self.hosts, self.processes = {}, []
         os.makedirs(RUN, exist_ok=True)
         socket.sethostname(SYSTEM_NAME)
@@ -326,7 +326,7 @@ class Lab:
                            "--dhcp-range=10.0.10.100,10.0.10.199,255.255.255.0,120",
                            "--dhcp-range=10.0.20.100,10.0.20.199,255.255.255.0,120",
                            *(f"--dhcp-range={subnet}::100,{subnet}::1ff,64,120"
-                             for subnets in SUBNETS6.values() for subnet in subnets))
+                             for subnets in SUBNETS6.values() for subnet in subnets), *self.server_options)
         for number, name in enumerate(RELAY_SERVERS, 1):
             self.start_dnsmasq(self.hosts[name], "--interface=eth0",
                                f"--dhcp-range=10.0.30.{number}00,10.0.30.{number}49,255.255.255.0,120")
