@@ -10,7 +10,7 @@ using namespace platform_linux;
 namespace
 {
 
-constexpr const char *KINDS[] = {"port", "aggregate", "vlan-interface"}; // by PortKind
+constexpr const char *KINDS[] = {"port", "aggregate", "vlan-interface", "host"}; // by PortKind
 constexpr const char *STP_STATES[] = {"disabled", "listening", "learning", "forwarding", "blocking"};
 
 // "1,10-20".

@@ -57,6 +57,10 @@ const struct { const char *claim, *text, *port, *bridge, *wanted; uint16_t vlan 
     {"", "interface v1 relay-server none\ninterface v* relay-server 10.0.0.1\n", "v1", "", ""},
     {"the guard of a port before that of its bridge, ARP inspection by itself", BRIDGE "guard interface v1 off\narp-inspection interface v* ip\n", "v1", "br0", "snooping on@2, source-mac-check on@2, binding-check on@2, guard /@3"},
     {"a VLAN's interface: the lines of its VLAN, not those of the bridge below", BRIDGE "vlan 10 snooping on\nvlan 11 max-users 3\n", "br0.10", "br0", "snooping on@3", 10},
+    {"the machine itself: a server or relay is trusted, a client is not; the guard has no say for it", BRIDGE "bridge br0 uplink br* host server\n", "br0", "br0", "snooping on@3, trust on@3, guard exempt/exempt@3"},
+    {"", "bridge br0 host client relay guard ip\n", "br0", "br0", "snooping on@1, trust on@1, guard exempt/exempt@1"},
+    {"", "bridge br0 host client\nbridge br1 host server\n" BRIDGE, "br0", "br0", "snooping on@1, source-mac-check on@1, binding-check on@1, guard exempt/exempt@1"},
+    {"unless no line says what it does", BRIDGE, "br0", "br0", ""},
     {"quotes, a comment, blanks", "  interface 'v1' subopt9-text \"a # b\" # a comment\n\n#\n", "v1", "", "subopt9-text text 'a # b'@1"},
 };
 
@@ -67,7 +71,8 @@ const struct { const char *claim, *text, *port, *bridge, *wanted; uint16_t vlan 
 #define ADDRESS "ADDRESS:PORT, an IPv6 address in [brackets]"
 const struct { const char *text, *error; } ERRORS[] = { // several files and what is wrong with them are separated by "|"
     {"# one\nbrigde br0\n", "f:2: 'brigde' begins no line of the configuration (bridge, interface, vlan, guard, arp-inspection, binding, bindings, interfaces, server-learning, …)"},
-    {"bridge br0 uplink\n", "f:1: expected: bridge NAME [uplink PORTS] [guard ITEMS [family 4|6|both]]"},
+    {"bridge br0 uplink\n", "f:1: expected: bridge NAME [uplink PORTS] [host server|client|relay ...] [guard ITEMS [family 4|6|both]]"},
+    {"bridge br0 host guard ip\n|bridge br0 host servant\n", "f:1: expected: bridge NAME [uplink PORTS] [host server|client|relay ...] [guard ITEMS [family 4|6|both]]|f:1: the host is server, client or relay, not 'servant'"},
     {"bridge br*\n", "f:1: bridge takes one name, not 'br*'"},
     {"bridge br0 guard exempt\n", "f:1: only ports can be exempt, not a bridge"},
     {"interface v1 snoping on\n", "f:1: there is no setting 'snoping' of an interface"},
@@ -101,7 +106,7 @@ const struct { const char *text, *error; } ERRORS[] = { // several files and wha
 TEST(Config, WantedOfAPort)
 {
     for (const auto &row : WANTED)
-        EXPECT_EQ(wanted(parsed(row.text), {7, row.port, row.bridge, row.vlan != 0, row.vlan}), row.wanted) << row.claim << row.text;
+        EXPECT_EQ(wanted(parsed(row.text), {7, row.port, row.bridge, row.vlan != 0, row.vlan, std::string(row.port) == row.bridge}), row.wanted) << row.claim << row.text;
 }
 
 TEST(Config, Errors)

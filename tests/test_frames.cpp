@@ -206,6 +206,31 @@ TEST_F(Frames, OfAnAggregateComeFromIt)
     EXPECT_EQ(came(v4_, sent), "");
 }
 
+// What this machine sends through a bridge comes as from a port; what the daemon sends there is for this machine, and comes back to
+// nobody. The bridge gets neither.
+TEST_F(Frames, OfThisMachine)
+{
+    guard_port_host(port_ = if_nametoindex("br0"), true);
+    set_up("trap");
+    Wire machine("br0"), client("c1");
+    Frame other;
+    other.dstPort = 53, other.srcPort = 5353;
+    for (const auto &[sent, outcome] : {std::pair{discover({}), "7/0/14"}, {discover({{0x8100, 10}}), "10/0/18"}, {other.bytes(), ""}}) {
+        machine.send(sent);
+        EXPECT_EQ(came(v4_, sent, *outcome ? 1000 : 20), outcome);
+    }
+    EXPECT_EQ(client.receive(), other.bytes());
+    for (const auto &[sock, sent] : {std::pair{&v4_, discover({})}, {&v6_, solicit({})}}) {
+        sockaddr_ll to = {};
+        to.sll_family = AF_PACKET;
+        to.sll_ifindex = static_cast<int>(port_);
+        EXPECT_EQ(sendto(sock->get(), sent.data(), sent.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to), static_cast<ssize_t>(sent.size()));
+        EXPECT_EQ(machine.receive(), sent);
+        EXPECT_EQ(came(*sock, sent), "");
+    }
+    EXPECT_TRUE(client.receive().empty());
+}
+
 // What the daemon sends never comes back; what a socket took before it was the trap's is gone; root may put anything on the
 // loopback device; a header without room for the packet information is refused before anything is written.
 TEST_F(Frames, AreNothingElse)

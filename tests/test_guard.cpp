@@ -140,7 +140,7 @@ class Guard : public GuardedBridge
             guard_ports_complete();
         if (verb == "trapped") // so many, which are gone
             for (uint32_t absent = number(what); absent > 0; absent--)
-                write("guard_ports", 100000 + absent, guard_port{0, 0, 0, GUARD_TRAP_V4, 0, 0, {}, {}, {}, {}});
+                write("guard_ports", 100000 + absent, guard_port{0, 0, 0, GUARD_TRAP_V4, 0, 0, 0, {}, {}, {}, {}});
         if (verb == "heard") // the kernel's messages
             take_in();
         if (verb == "protect")

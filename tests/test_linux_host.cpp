@@ -103,16 +103,21 @@ TEST_F(Kernel, PortsOfABridge)
 
 TEST_F(Kernel, VlansOfABridge)
 {
+    SwitchConf conf;
+    conf.hosts = {"br0"};
+    switch_model().configure(conf);
     open_socket();
-    play({{"?ip link add br0 type bridge vlan_filtering 1 mcast_snooping 0", ""},
-          {PAIR("swp1", 31, "h1") "ip link set br0 up && ip link set swp1 up master br0 && ip link set h1 up", "swp1#1 1 t u1 up forwarding"},
-          {"bridge vlan add dev swp1 vid 10 pvid untagged && bridge vlan del dev swp1 vid 1 && bridge vlan add dev swp1 vid 20-29", "swp1#1 10 t20-29 u10 up forwarding"},
-          {"bridge vlan add dev swp1 vid 2-4094", "swp1#1 0 t2-4094 u up forwarding"},
-          {"bridge vlan del dev swp1 vid 2-4094 && bridge vlan add dev swp1 vid 1 pvid untagged && ip link set br0 type bridge vlan_default_pvid 5", "swp1#1 5 t u5 up forwarding"},
-          {"ip link set br0 type bridge vlan_filtering 0", "swp1#1 1 t u1 up forwarding"},
-          {"ip link set br0 type bridge vlan_filtering 1 vlan_protocol 802.1ad", "swp1#1 5 t u5 up forwarding 88a8"},
-          {"?ip link add link br0 name br0.5 index 50 type vlan id 5", "swp1#1 5 t u5 up forwarding 88a8; br0.5#5 =5 down forwarding 88a8"},
-          {"ip link set br0 type bridge vlan_protocol 802.1Q && ip link del br0.5", "50 gone, swp1#1 5 t u5 up forwarding"}});
+    play({{"?ip link add br0 index 20 type bridge vlan_filtering 1 mcast_snooping 0", "br0#0 1 t u1 host up forwarding"},
+          {PAIR("swp1", 31, "h1") "ip link set br0 up && ip link set swp1 up master br0 && ip link set h1 up", "br0#0 1 t u1 host up forwarding; swp1#1 1 t u1 up forwarding"},
+          {"bridge vlan add dev swp1 vid 10 pvid untagged && bridge vlan del dev swp1 vid 1 && bridge vlan add dev swp1 vid 20-29", "br0#0 1 t u1 host up forwarding; swp1#1 10 t20-29 u10 up forwarding"},
+          {"bridge vlan add dev br0 vid 10-12 self && bridge vlan add dev br0 vid 20 pvid untagged self && bridge vlan del dev br0 vid 1 self && bridge vlan add dev swp1 vid 2-4094", "br0#0 20 t10-12 u20 host up forwarding; swp1#1 0 t2-4094 u up forwarding"},
+          {"bridge vlan del dev br0 vid 2-4094 self && bridge vlan add dev br0 vid 1 pvid untagged self && bridge vlan del dev swp1 vid 2-4094 && bridge vlan add dev swp1 vid 1 pvid untagged && ip link set br0 type bridge vlan_default_pvid 5", "br0#0 5 t u5 host up forwarding; swp1#1 5 t u5 up forwarding"},
+          {"ip link set br0 type bridge vlan_filtering 0", "br0#0 1 t u1 host up forwarding; swp1#1 1 t u1 up forwarding"},
+          {"ip link set br0 type bridge vlan_filtering 1 vlan_protocol 802.1ad", "br0#0 5 t u5 host up forwarding 88a8; swp1#1 5 t u5 up forwarding 88a8"},
+          {"ip link set br0 down && ip link set br0 name br1 && ip link set br1 up", "swp1#1 5 t u5 up forwarding 88a8"},
+          {"?ip link add link br1 name br0.5 index 50 type vlan id 5", "swp1#1 5 t u5 up forwarding 88a8; br0.5#5 =5 down forwarding 88a8"},
+          {"ip link del br0.5 && ip link del br1 && ip link add br0 index 21 type bridge vlan_filtering 1", "50 gone, 20 gone, br0#0 1 t u1 host up forwarding"}});
+    switch_model().configure({});
 }
 
 TEST_F(Kernel, MembersOfABond)
@@ -426,7 +431,7 @@ const struct { const char *claim; void (*body)(); const char *begin, *end; } PRO
     {"help", [] { start({"0", "--help"}); }, "usage: dhcpsnoop [", "(8).\nstatus 0"},
     {"version", [] { start({"--version"}); }, "dhcpsnoop 0.", "\nstatus 0"},
     {"another option", [] { start({"-v"}); }, "dhcpsnoop: unknown option '-v'; try 'dhcpsnoop --help'\n", "status 64"},
-    {"a file that is wrong", [] { start_with("# one\nbridge\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: expected: bridge NAME [uplink PORTS] [guard ITEMS [family 4|6|both]]\n", "status 78"},
+    {"a file that is wrong", [] { start_with("# one\nbridge\n"); }, "dhcpsnoop: /run/conf/dhcpsnoop.conf:2: expected: bridge NAME [uplink PORTS] [host server|client|relay ...] [guard ITEMS [family 4|6|both]]\n", "status 78"},
     {"without rights", [] { if (setresuid(65534, 65534, 65534) == 0) OsixCreateMSem(9); }, "dhcpsnoop: missing CAP_NET_RAW (packet sockets), CAP_NET_ADMIN (traps on the ports), CAP_BPF (the program that traps frames): start as root, or grant what is missing\n", "status 1"},
     {"port 67 is taken with the first relay server, and given back with the last", [] { relay(false); }, "port 0 port 67 sent sent port 0 ", "status 99"},
     {"another program has it", [] { relay(true); }, "port 0 dhcpsnoop: UDP port 67 cannot be opened, nothing is relayed: Address already in use (another DHCP server", "port 0 port 0 status 99"},

@@ -45,6 +45,8 @@ std::string play(SwitchModel &model, const std::string &messages)
     for (const std::string &message : parts(messages, ';'))
         if (message.ends_with("dump"))
             model.dump_begin();
+        else if (message.ends_with("hosts") || message.ends_with("hosts br"))
+            model.set_hosts(message.ends_with("br") ? std::set<std::string, std::less<>>{"br"} : std::set<std::string, std::less<>>{});
         else if (message.ends_with("end") || message.ends_with("broken"))
             model.dump_end(message.ends_with("end"), events);
         else
@@ -85,6 +87,7 @@ const struct { const char *claim, *before, *messages, *outcome; } LINK_ROWS[] = 
     {"what a whole dump does not name is gone", TWO LINK(4, "q") "new 5 name=r in=8 info{ slave=bond };", "dump;" FILTERING(2) LINK(3, "p") "port 3 in=2 spec{ vlan=7 }; end", "4 gone, 8 - 5, 5 gone, p#1 0 t7 u up forwarding; - q"},
     {"a broken dump says nothing of others", TWO LINK(4, "q"), "dump;" FILTERING(2) "broken; gone 4", "4 gone, - q"},
     {"VLAN devices on a bridge, of which the lowest is the VLAN's interface", FILTERING(2), "new 7 name=v7 below=2 info{ kind=vlan data{ vid=5 } }; new 6 name=v6 below=2 info{ kind=vlan data{ vid=5 } }", "+ v7#5 =5 up forwarding; + v6#5 =5 up forwarding"},
+    {"the bridge's own machine, in the VLANs that the bridge gives it, while its name is the one that was named", FILTERING(2), "hosts br; port 2 in=2 spec{ vlan=7pu vlan=10 }; new 2 name=br flags=2 info{ kind=bridge data{ tpid=88a8 } }; new 2 name=rb info{ kind=bridge };" FILTERING(2) "hosts", "+ br#0 0 t u host up forwarding; br#0 7 t10 u7 host up forwarding; br#0 1 t u1 host up forwarding; - br; + br#0 7 t10 u7 host up forwarding; - br dump"},
     {"not on another device, and no VLAN that there is none of", FILTERING(2), "new 7 name=v below=4 info{ kind=vlan data{ vid=5 } }; new 8 name=v below=2 info{ kind=vlan data{ vid=0 } }; new 9 name=v below=2 info{ kind=vlan data{ vid=4095 } }", ""},
 };
 // clang-format on

@@ -57,6 +57,7 @@ uint32_t unit_type(PortKind kind)
 {
     switch (kind) {
     case PortKind::port:
+    case PortKind::host:
         return QOR_UNIT_PORT;
     case PortKind::aggregate:
         return QOR_UNIT_AGGREGATE;

@@ -156,6 +156,7 @@ int32_t platform_packet_info_enable(int sock)
         platform_report(LOG_WARNING, "a burst of DHCP frames may be lost, the receive buffer stays small: %s",
                         strerror(errno));
     }
+    trap_own_socket(v4 ? GUARD_SOCKET_V4 : GUARD_SOCKET_V6, sock);
     // Until it was bound the socket took every packet of its family.
     uint8_t byte;
     while (recv(sock, &byte, sizeof byte, MSG_DONTWAIT | MSG_TRUNC) >= 0) {

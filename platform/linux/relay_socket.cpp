@@ -14,6 +14,7 @@
 #include "clock.h"
 #include "dhcpsnoop_start.h"
 #include "fd.h"
+#include "guard.h"
 #include "list.h"
 #include "protocol.h"
 #include "report.h"
@@ -58,6 +59,8 @@ void open_socket(Ticks now)
     tryAt = now + TRY_AGAIN;
     const Fd sock(dhcpsnoop_udp_socket_init());
     isOpen = sock && receive_nothing(sock.get()) && dup3(sock.get(), RELAY_SOCKET, O_CLOEXEC) == RELAY_SOCKET;
+    if (isOpen)
+        trap_own_socket(GUARD_SOCKET_RELAY, RELAY_SOCKET);
     if (isOpen || now < tellAt)
         return;
     tellAt = now + TELL_AGAIN;

@@ -15,12 +15,21 @@ using Rest = std::span<const std::string>;
 
 // Each of the following takes a line; a wrong one is thrown as UsageError.
 
+HostRole host_role(const std::string &word)
+{
+    for (const auto &[role, name] : HOST_ROLES)
+        if (word == name)
+            return role;
+    throw UsageError("the host is server, client or relay, not '" + word + "'");
+}
+
 void take_bridge(uint32_t line, Rest words, Config &config)
 {
-    constexpr const char *EXPECTED = "expected: bridge NAME [uplink PORTS] [guard ITEMS [family 4|6|both]]";
+    constexpr const char *EXPECTED = "expected: bridge NAME [uplink PORTS] [host server|client|relay ...] "
+                                     "[guard ITEMS [family 4|6|both]]";
     if (words.empty())
         throw UsageError(EXPECTED);
-    BridgeLine bridge = {line, Selector(words[0]).single(), {}, {}};
+    BridgeLine bridge = {line, Selector(words[0]).single(), {}, 0, {}};
     if (bridge.bridge.empty())
         throw UsageError("bridge takes one name, not '" + words[0] + "'");
     words = words.subspan(1);
@@ -29,6 +38,13 @@ void take_bridge(uint32_t line, Rest words, Config &config)
             throw UsageError(EXPECTED);
         bridge.uplink = Selector(words[1]);
         words = words.subspan(2);
+    }
+    if (!words.empty() && words[0] == "host") {
+        for (words = words.subspan(1); !words.empty() && words[0] != "guard"; words = words.subspan(1))
+            bridge.host = static_cast<uint8_t>(bridge.host | host_role(words[0]));
+        if (bridge.host == 0)
+            throw UsageError(EXPECTED);
+        config.model.hosts.insert(bridge.bridge);
     }
     if (!words.empty() && words[0] == "guard") {
         bridge.guard = parse_guard(words.subspan(1));
@@ -157,6 +173,15 @@ void take_line(const ConfLine &conf, Config &config)
 }
 
 } // namespace
+
+uint8_t Config::host_roles(const std::string &bridge) const
+{
+    uint8_t roles = 0;
+    for (const BridgeLine &line : bridges)
+        if (line.bridge == bridge)
+            roles = static_cast<uint8_t>(roles | line.host);
+    return roles;
+}
 
 bool Config::protects(const std::string &bridge) const
 {

@@ -4,6 +4,7 @@
 //
 //   bridge br0 uplink eno1            every port of br0 snoops with the checks on; eno1 is trusted and exempt
 //   bridge br0 guard ip mac port      and is guarded
+//   bridge br0 host server            this machine's own DHCP on br0 is snooped too
 //   interface vnet* max-users 4       a setting of ports, by name, list, range or pattern
 //   vlan 10 snooping on               a setting of a VLAN, by its interface
 //   guard interface swp1 ip mac       the guard of ports or of a VLAN (guard vlan 10 ip mac)
@@ -20,6 +21,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "binding.h"
@@ -51,10 +53,19 @@ struct PortLine {
     std::optional<uint8_t> arp = {};      // check items of ARP inspection alone
 };
 
+// What this machine is to the hosts of a bridge. The words of the file.
+enum HostRole : uint8_t { HOST_SERVER = 1, HOST_CLIENT = 2, HOST_RELAY = 4 };
+constexpr std::pair<HostRole, const char *> HOST_ROLES[] = {
+    {HOST_SERVER, "server"},
+    {HOST_CLIENT, "client"},
+    {HOST_RELAY,  "relay" }
+};
+
 struct BridgeLine {
     uint32_t line;
     std::string bridge;
     std::optional<Selector> uplink = {};
+    uint8_t host = 0; // HostRole, several; 0: the machine is no port of the bridge by this line
     std::optional<GuardWords> guard = {};
 };
 
@@ -91,6 +102,7 @@ struct Config {
     RedundancyConf redundancy;
 
     bool protects(const std::string &bridge) const;
+    uint8_t host_roles(const std::string &bridge) const; // HostRole, of all lines
 };
 
 // False with "name:line: error" in `error`; `config` is then of no use.

@@ -109,6 +109,10 @@ class Failures
 std::string make_all(const Config &before)
 {
     const Config &config = running.config;
+    // A host port that is to go is there until its settings are taken back.
+    std::set<std::string, std::less<>> hosts = config.model.hosts;
+    hosts.insert(before.model.hosts.begin(), before.model.hosts.end());
+    model_hosts(hosts);
     protect_bridges();
     const bool inspected = guard_is_inspecting();
     Failures wrong(config);
@@ -127,6 +131,7 @@ std::string make_all(const Config &before)
         for (const BindingLine &line : config.bindingLines)
             if (line.binding.bound)
                 core->ask({FUNC_USER_SET, USER_ACTION, line.binding.key, USER_ACTION_BIND});
+    model_hosts(config.model.hosts);
     todo.clear();
     fresh.clear();
     return wrong.text();

@@ -36,6 +36,24 @@ void consider_server(Wanted<std::set<uint32_t>> &servers, uint32_t server, const
     servers.source = source;
 }
 
+// The machine itself. A relay is trusted as a server is: requests are to come to it, and it sends the replies
+// on. The guard has no say for what a machine sends of itself.
+void consider_host(WantedPort &port, const Config &config, const PortId &id)
+{
+    const bool trusted = (config.host_roles(id.bridge) & (HOST_SERVER | HOST_RELAY)) != 0;
+    for (const BridgeLine &line : config.bridges) {
+        if (line.bridge != id.bridge || line.host == 0)
+            continue;
+        const Source source = {Rank::bridge, line.line};
+        consider(port, "snooping", 1, source);
+        consider(port, "trust", trusted, source);
+        consider(port, "source-mac-check", !trusted, source);
+        consider(port, "binding-check", !trusted, source);
+        consider(port.ip, uint8_t{GUARD_EXEMPT}, source);
+        consider(port.arp, uint8_t{GUARD_EXEMPT}, source);
+    }
+}
+
 void consider_bridge(WantedPort &port, const Config &config, const PortId &id)
 {
     bool uplink = false;
@@ -67,7 +85,12 @@ PortId port_id(const Port &port, const std::map<uint32_t, Port> &ports)
     const auto first = std::ranges::find_if(
         ports, [&port](const auto &entry) { return port.vlan != 0 && entry.second.vlan == port.vlan; });
     const bool isFirst = first != ports.end() && first->first == port.ifIndex;
-    return {port.ifIndex, port.name, bridge, port.vlan != 0, isFirst ? port.vlan : uint16_t{0}};
+    return {port.ifIndex,
+            port.name,
+            bridge,
+            port.vlan != 0,
+            isFirst ? port.vlan : uint16_t{0},
+            port.kind == PortKind::host};
 }
 
 bool WantedPort::snoops() const { return of(*findSetting(INTERFACE_SCOPE, "snooping")).value != Value(0u); }
@@ -84,7 +107,9 @@ Wanted<Value> WantedPort::of(const Setting &setting) const
 WantedPort wanted_port(const Config &config, const PortId &port)
 {
     WantedPort wanted;
-    if (!port.bridge.empty() && !port.isVlanInterface)
+    if (port.isHost)
+        consider_host(wanted, config, port);
+    else if (!port.bridge.empty() && !port.isVlanInterface)
         consider_bridge(wanted, config, port);
     for (const VlanLine &line : config.vlans)
         if (line.vid == port.vlan && line.setting != nullptr)

@@ -14,7 +14,8 @@ struct PortId {
     uint32_t ifIndex;
     std::string name, bridge; // no bridge: empty
     bool isVlanInterface;
-    uint16_t vlan = 0; // whose interface it is, so that its lines count; 0 = none
+    uint16_t vlan = 0;   // whose interface it is, so that its lines count; 0 = none
+    bool isHost = false; // the machine itself, behind that bridge
 };
 
 // `ports` are all that there are, by index: the lowest one of a VLAN is its interface.

@@ -38,13 +38,14 @@ constexpr uint64_t NEVER = UINT64_MAX; // its since
 struct Guard {
     bpf_object *object = nullptr; // null: closed, or no eBPF here
     int program = -1, ports = -1, vlans = -1, state = -1, portItems = -1, vlanItems = -1, rules = -1,
-        refused = -1, own = -1, out = -1;
+        refused = -1, own = -1, sockets = -1, out = -1, host = -1;
     std::set<uint32_t>
         known; // ports, with entries in the maps; the classifier stands on them but for failures
     std::set<uint32_t> parted;   // devices that were ports in this run and are still there
     std::set<uint32_t> standing; // devices that the classifier was attached to in this run
     std::set<uint32_t> doubted;  // those of them that it may have been taken off since
     std::set<uint32_t> gated;    // ports that have the egress program too
+    std::set<uint32_t> hosts;    // bridges whose machine is a port: they have the host program alone
     std::set<uint32_t> held;     // ports without a say for their frames
     std::set<uint32_t> apart;    // ports of no protected bridge
 } guard;
@@ -231,9 +232,10 @@ int attach(uint32_t ifIndex, guard_port &port)
     if (error == 0)
         error = count_from_zero(ifIndex);
     bool qdiscMade = false;
-    if (error == 0 && guard.gated.contains(ifIndex))
-        error = filter_attach(ifIndex, Direction::egress, guard.out, qdiscMade);
-    if (error == 0)
+    const bool isHost = guard.hosts.contains(ifIndex);
+    if (error == 0 && (isHost || guard.gated.contains(ifIndex)))
+        error = filter_attach(ifIndex, Direction::egress, isHost ? guard.host : guard.out, qdiscMade);
+    if (error == 0 && !isHost)
         error = filter_attach(ifIndex, Direction::ingress, guard.program, qdiscMade);
     if (qdiscMade)
         port.qdisc_is_ours = shut.qdisc_is_ours = 1;
@@ -333,7 +335,9 @@ int load(const std::string &pins, uint32_t rules)
     guard.rules = map("guard_rules");
     guard.refused = map("guard_refused");
     guard.own = map("guard_own");
+    guard.sockets = map("guard_sockets");
     guard.out = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_OUT_PROGRAM));
+    guard.host = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_HOST_PROGRAM));
     if (old)
         guard_rules_copy(old.get(), guard.rules);
     return 0;
@@ -436,14 +440,19 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
     // An index that an earlier run left in the maps is the same device only if the filter is still on it.
     if (isNew && filter_list(ifIndex, filters) && filters.oursOut)
         guard.gated.insert(ifIndex);
-    if (isNew && !filters.ours) {
+    const bool isHost = guard.hosts.contains(ifIndex);
+    const bool isKnown = !isNew || (isHost ? filters.oursHost : filters.ours);
+    if (isHost && filters.ours) // it would trap what the daemon sends to this machine
+        filter_detach(ifIndex, false);
+    if (!isKnown) {
         port = {};
         bpf_map_delete_elem(guard.refused, &ifIndex);
         bpf_map_delete_elem(guard.portItems, &ifIndex);
     }
     const guard_port before = port;
-    if (isNew && !filters.ours)
+    if (!isKnown)
         port.left_until = NEVER_A_PORT;
+    port.is_host = isHost ? 1 : 0;
     guard.parted.erase(ifIndex);
     guard.known.insert(ifIndex);
     open_port(ifIndex, port);
@@ -478,7 +487,7 @@ void guard_device_gone(uint32_t ifIndex)
     for (const int map : {guard.ports, guard.refused, guard.portItems})
         bpf_map_delete_elem(map, &ifIndex);
     for (std::set<uint32_t> *devices : {&guard.known, &guard.parted, &guard.standing, &guard.doubted,
-                                        &guard.gated, &guard.held, &guard.apart})
+                                        &guard.gated, &guard.hosts, &guard.held, &guard.apart})
         devices->erase(ifIndex);
 }
 
@@ -493,9 +502,10 @@ void guard_ports_complete()
         Filters filters;
         if (guard.standing.contains(ifIndex))
             continue;
-        if (isProtecting)
+        const bool isListed = filter_list(ifIndex, filters);
+        if (isProtecting && !filters.oursHost)
             guard.parted.insert(ifIndex);
-        else if (filter_list(ifIndex, filters) && (filters.ours || filters.oursOut))
+        else if (isListed && filters.isOurs())
             forget_port(ifIndex);
     }
     // The rest belongs to devices that are gone.
@@ -536,6 +546,29 @@ int guard_port_protect(uint32_t ifIndex, bool on)
     guard.gated.insert(ifIndex);
     return guard.standing.contains(ifIndex) ? filter_attach(ifIndex, Direction::egress, guard.out, qdiscMade)
                                             : 0;
+}
+
+void guard_port_host(uint32_t ifIndex, bool on)
+{
+    if (guard.object == nullptr)
+        return;
+    if (on)
+        guard.hosts.insert(ifIndex);
+    else if (guard.hosts.erase(ifIndex) != 0)
+        forget_port(ifIndex);
+}
+
+void trap_own_socket(guard_socket which, int sock)
+{
+    const uint32_t zero = 0;
+    guard_sockets sockets = {};
+    uint64_t cookie = 0;
+    socklen_t length = sizeof cookie;
+    if (guard.object == nullptr || getsockopt(sock, SOL_SOCKET, SO_COOKIE, &cookie, &length) != 0)
+        return;
+    bpf_map_lookup_elem(guard.sockets, &zero, &sockets);
+    sockets.cookies[which] = cookie;
+    bpf_map_update_elem(guard.sockets, &zero, &sockets, BPF_ANY);
 }
 
 void guard_port_hold(uint32_t ifIndex, bool on) { set_say(ifIndex, guard.held, on); }
@@ -613,7 +646,9 @@ bool guard_mend(uint32_t &ifIndex, int &error)
     ifIndex = *guard.doubted.begin();
     guard.doubted.erase(ifIndex);
     const bool listed = filter_list(ifIndex, filters);
-    const bool complete = filters.ours && (filters.oursOut || !guard.gated.contains(ifIndex));
+    const bool complete = guard.hosts.contains(ifIndex)
+                              ? filters.oursHost
+                              : filters.ours && (filters.oursOut || !guard.gated.contains(ifIndex));
     if (!listed || complete || bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
         return true;
     guard.standing.erase(ifIndex);

@@ -1,4 +1,5 @@
-// The classifier at every port's clsact ingress, and the gate at the egress of protected bridges' ports.
+// The classifier at every port's clsact ingress, the gate at the egress of protected bridges' ports, and the
+// trap at the egress of bridge devices whose own machine is a port.
 // Ingress: A frame comes in as it came from the port. A DHCP frame that
 // is trapped there goes to the daemon's packet socket by way of the loopback device (guard_maps.h), with no
 // copy left for the bridge; when nobody listens it is lost. An IP packet or ARP message that is checked there
@@ -78,6 +79,14 @@ struct {
     __uint(pinning, LIBBPF_PIN_BY_NAME);
 } guard_own SEC(".maps");
 
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __type(value, struct guard_sockets);
+    __uint(pinning, LIBBPF_PIN_BY_NAME);
+} guard_sockets SEC(".maps");
+
 #include "guard_source.bpf.h"
 
 // A member or not: the frame of another VLAN may come out in any VLAN of the port. Verified alone also
@@ -151,7 +160,8 @@ VERIFIED_ALONE int is_own(struct __sk_buff *skb)
 // At the egress of the ports of protected bridges. A frame goes on when the ingress of a port has judged it,
 // when it is this host's own, sent or routed, and not when it comes from a device that the daemon has not
 // seen yet, or whose settings are not in force yet. Such a port routes nothing: the host's own address there
-// is forged.
+// is forged. Frames that came in on a host port have been judged where they came into its bridge, if this
+// host routes them.
 SEC("tc")
 int dhcpsnoop_out(struct __sk_buff *skb)
 {
@@ -160,10 +170,62 @@ int dhcpsnoop_out(struct __sk_buff *skb)
     if (!from)
         return TC_ACT_UNSPEC;
     const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &from);
-    bool judged = port && !port->left_until && (!port->since || bpf_ktime_get_boot_ns() >= port->since);
-    if (judged || !is_protecting() || (port && port->left_until && is_own(skb)))
+    bool routes = port && (port->left_until || port->is_host);
+    bool judged = port && !routes && (!port->since || bpf_ktime_get_boot_ns() >= port->since);
+    if (judged || !is_protecting() || (routes && is_own(skb)))
         return TC_ACT_UNSPEC;
     return refuse(skb->ifindex, GUARD_REFUSED_ORIGIN);
+}
+
+// The daemon's socket that sent the frame; GUARD_SOCKETS = none of them.
+VERIFIED_ALONE int socket_of(struct __sk_buff *skb)
+{
+    __u32 zero = 0;
+    const struct guard_sockets *sockets = bpf_map_lookup_elem(&guard_sockets, &zero);
+    __u64 cookie = bpf_get_socket_cookie(skb);
+
+    if (!cookie || !sockets)
+        return GUARD_SOCKETS;
+    return cookie == sockets->cookies[GUARD_SOCKET_V4]      ? GUARD_SOCKET_V4
+           : cookie == sockets->cookies[GUARD_SOCKET_V6]    ? GUARD_SOCKET_V6
+           : cookie == sockets->cookies[GUARD_SOCKET_RELAY] ? GUARD_SOCKET_RELAY
+                                                            : GUARD_SOCKETS;
+}
+
+// At the egress of a bridge device whose machine is a port. A frame of the daemon's packet sockets is for
+// this machine, which takes it as received there. DHCP of this machine is trapped as if it had come in on a
+// port: the bridge does not get it. Never at that device's ingress, where the daemon's own frames would be
+// trapped. Frames that the bridge forwards pass neither. The sender of a raw frame says what skb->protocol
+// is: it does not count here.
+SEC("tc")
+int dhcpsnoop_host(struct __sk_buff *skb)
+{
+    __u32 ifindex = skb->ifindex;
+    __u32 sender = (__u32)socket_of(skb);
+
+    if (sender == GUARD_SOCKET_V4 || sender == GUARD_SOCKET_V6)
+        return (int)bpf_redirect(ifindex, BPF_F_INGRESS);
+    const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &ifindex);
+    if (sender == GUARD_SOCKET_RELAY || !port ||
+        (port->left_until && bpf_ktime_get_boot_ns() >= port->left_until))
+        return TC_ACT_UNSPEC;
+    __u32 native = port->native;
+    OWN_WORDS __be16 type = 0;
+    if (!load(skb, ETH_HLEN - sizeof type, &type, sizeof type))
+        return TC_ACT_UNSPEC;
+    __u64 network = behind_tags(skb, bpf_ntohs(type));
+    __u32 kind = (__u32)kind_of(skb, network);
+    if (!(kind & (DHCP | UNCLEAR)))
+        return TC_ACT_UNSPEC;
+    __u32 vid = network_of(network).vid;
+    if (!vid)
+        vid = native;
+    __u32 known = (__u32)is_member(ifindex, vid);
+    if (!is_trapped(ifindex, vid, known, kind >> FAMILIES))
+        return TC_ACT_UNSPEC;
+    if (!known || kind & UNCLEAR)
+        return refuse(ifindex, kind & UNCLEAR ? GUARD_REFUSED_UNCLEAR : GUARD_REFUSED_VLAN);
+    return to_daemon(skb, kind >> FAMILIES & GUARD_TRAP_V4);
 }
 
 SEC("tc")
@@ -178,7 +240,7 @@ int dhcpsnoop_guard(struct __sk_buff *skb)
     if (port->left_until && bpf_ktime_get_boot_ns() >= port->left_until)
         return is_protecting() && is_own(skb) ? refuse(ifindex, GUARD_REFUSED_ORIGIN) : TC_ACT_UNSPEC;
     __u32 native = port->native;
-    __u64 network = behind_tags(skb);
+    __u64 network = behind_tags(skb, bpf_ntohs((__be16)skb->protocol));
     __u32 kind = (__u32)kind_of(skb, network);
     if (!kind)
         return TC_ACT_UNSPEC; // on to whatever other filters the port has

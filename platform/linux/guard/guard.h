@@ -51,6 +51,10 @@ bool trap_heard(std::span<const uint8_t> datagram);
 void trap_messages_lost();
 bool trap_mend();
 
+// The daemon has opened one of its sockets: frames that a packet socket sends to a host port (model.h) are
+// for this machine, and relayed requests of this machine are not trapped there.
+void trap_own_socket(guard_socket which, int sock);
+
 // Removes everything that any daemon of this network namespace left in the kernel: the classifier from every
 // device, the clsact queueing disciplines made for it and the pinned maps. `report` gets one line for each
 // thing removed or not removable. False when something could not be removed. Not for a namespace whose daemon

@@ -49,6 +49,8 @@ int read_filter(const nlmsghdr *message, void *data)
         filters.ours = true;
     else if (handle && strncmp(name, GUARD_OUT_PROGRAM, sizeof GUARD_OUT_PROGRAM - 1) == 0)
         filters.oursOut = true;
+    else if (handle && strncmp(name, GUARD_HOST_PROGRAM, sizeof GUARD_HOST_PROGRAM - 1) == 0)
+        filters.oursHost = true;
     else
         filters.others = true;
     return MNL_CB_OK;
@@ -130,10 +132,9 @@ int filter_detach(uint32_t ifIndex, bool qdiscIsOurs)
     int error = filter_list(ifIndex, here) ? 0 : errno;
     if (here.ours)
         error = -bpf_tc_detach(&hook, &opts);
-    if (here.oursOut && error == 0)
+    if ((here.oursOut || here.oursHost) && error == 0)
         error = filter_detach_out(ifIndex);
-    if (error == 0 && qdiscIsOurs && filter_list(ifIndex, left) && !left.ours && !left.oursOut &&
-        !left.others) {
+    if (error == 0 && qdiscIsOurs && filter_list(ifIndex, left) && !left.isOurs() && !left.others) {
         hook.attach_point = static_cast<bpf_tc_attach_point>(BPF_TC_INGRESS | BPF_TC_EGRESS);
         return -bpf_tc_hook_destroy(&hook);
     }

@@ -68,11 +68,11 @@ struct network {
     __u16 pad;
 };
 
-// Gives a struct network.
-VERIFIED_ALONE __u64 behind_tags(struct __sk_buff *skb)
+// `type` is the frame's EtherType, or length, in its bytes. Gives a struct network.
+VERIFIED_ALONE __u64 behind_tags(struct __sk_buff *skb, __u32 type)
 {
     bool tagged = skb->vlan_present;
-    struct network network = {.at = ETH_HLEN, .type = bpf_ntohs((__be16)skb->protocol)};
+    struct network network = {.at = ETH_HLEN, .type = (__u16)type};
 
     if (tagged)
         network.vid = skb->vlan_tci & VID_MASK;

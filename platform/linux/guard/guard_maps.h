@@ -66,7 +66,8 @@ struct guard_port {
     __u8 trap;        /* set by the running daemon */
     __u8 inherited;   /* set by an earlier one: counts until guard_state.inherited_until */
     __u8 qdisc_is_ours; /* 1: the clsact queueing discipline was made for the guard */
-    __u8 reserved[3];
+    __u8 is_host;       /* 1: a bridge device, whose machine is the port: dhcpsnoop_host stands there */
+    __u8 reserved[2];
     /* All of its VLANs together, for a frame whose VLAN cannot be told. */
     struct guard_vlan vlans;
     struct guard_items vlan_items; /* in force */
@@ -119,6 +120,18 @@ enum guard_reason {
 struct guard_mac {
     __u8 mac[6];
     __u8 pad[2];
+};
+
+/* Map guard_sockets, one element: the cookies of the running daemon's sockets, 0 = none. The kernel gives no
+ * cookie twice. The daemon writes it. */
+enum guard_socket {
+    GUARD_SOCKET_V4, /* its packet sockets: what they send to a host port is for this machine */
+    GUARD_SOCKET_V6,
+    GUARD_SOCKET_RELAY, /* its relayed requests go on as any datagram of this machine */
+    GUARD_SOCKETS
+};
+struct guard_sockets {
+    __u64 cookies[GUARD_SOCKETS];
 };
 
 /* Map guard_refused, a per-CPU hash by interface index: frames refused on a port since it became one. The

@@ -20,11 +20,13 @@ bool protecting = false; // some bridge, or one that is to come
 PortReady isReady = nullptr;
 std::map<uint32_t, MacAddress> own; // of devices that are no ports, by index
 
-// A member of an aggregate is no port: its frames are judged where they come in once more.
+// A member of an aggregate is no port: its frames are judged where they come in once more. Nor is this
+// machine itself, which sends and routes.
 bool is_port(uint32_t ifIndex)
 {
     const Port *port = model_port(ifIndex);
-    return port != nullptr && port->kind != PortKind::vlanInterface && port->aggregate == 0;
+    return port != nullptr && (port->kind == PortKind::port || port->kind == PortKind::aggregate) &&
+           port->aggregate == 0;
 }
 
 void tell_own()

@@ -90,7 +90,10 @@ void follow(const Port &port)
         return;
     }
     bindings_resume(port);
-    protect_port(port);
+    if (port.kind == PortKind::host)
+        guard_port_host(port.ifIndex, true);
+    else
+        protect_port(port);
     PortVlans members = port.members;
     members[0] = port.routed;
     const int error = guard_port_add(port.ifIndex, port.nativeVid, members);
@@ -133,6 +136,8 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
     if (change == ModelChange::vanished) {
         protect_port_gone(port.ifIndex);
         guard_port_remove(port.ifIndex, GUARD_LEFT_SECONDS);
+        if (port.kind == PortKind::host)
+            guard_port_host(port.ifIndex, false);
         vlan_interface_gone(port.ifIndex);
         share_vlans();
         return;

@@ -39,7 +39,7 @@ bool trap_release(std::string &report)
             say(std::string(name) + ": classifier", errno);
             continue;
         }
-        if (!filters.ours && !filters.oursOut)
+        if (!filters.isOurs())
             continue;
         if (ports)
             bpf_map_lookup_elem(ports.get(), &ifIndex, &port);

@@ -171,19 +171,24 @@ void read_link(const Attributes &attributes, uint32_t flags, Link &link)
         read_port_state(info.at[IFLA_INFO_SLAVE_DATA], link.bridgePort);
 }
 
-// RTM_NEWLINK of family AF_BRIDGE over what was known of the port. The message names all of its VLANs.
-void read_bridge_port(const Attributes &attributes, Link &link)
+// The VLANs of a bridge's port, or the bridge's own, all of which the message names.
+void read_vlans(const Attributes &attributes, BridgePort &port)
 {
-    link.master = attributes.get32(IFLA_MASTER);
-    link.masterKind = LinkKind::bridge;
-    BridgePort &port = link.bridgePort;
-    read_port_state(attributes.at[IFLA_PROTINFO], port);
     port.pvid = 0;
     port.members.reset();
     port.untagged.reset();
     VlanWalk walk{&port, 0};
     if (attributes.at[IFLA_AF_SPEC] != nullptr)
         mnl_attr_parse_nested(attributes.at[IFLA_AF_SPEC], read_vlan, &walk);
+}
+
+// RTM_NEWLINK of family AF_BRIDGE over what was known of the port.
+void read_bridge_port(const Attributes &attributes, Link &link)
+{
+    link.master = attributes.get32(IFLA_MASTER);
+    link.masterKind = LinkKind::bridge;
+    read_port_state(attributes.at[IFLA_PROTINFO], link.bridgePort);
+    read_vlans(attributes, link.bridgePort);
 }
 
 void tell(DaemonEvents &events, uint16_t type, uint32_t ifIndex, uint16_t attribute = 0, uint32_t value = 0)
@@ -259,30 +264,35 @@ bool LinkTable::take_link(uint32_t ifIndex, const nlmsghdr &message, DaemonEvent
         link.bridgePort = known->second.bridgePort;
     }
     read_link(attributes, info_of(message).ifi_flags, link);
-    // A changed default VLAN moves ports, and no message says which.
-    const bool moved =
-        known != links_.end() && link.kind == LinkKind::bridge &&
-        (link.vlanFiltering != known->second.vlanFiltering || link.defaultPvid != known->second.defaultPvid);
+    // A changed default VLAN moves ports, and no message says which. Nor does one tell the first VLANs of a
+    // bridge itself.
+    const bool moved = link.kind == LinkKind::bridge &&
+                       (known == links_.end() ? link.vlanFiltering
+                                              : link.vlanFiltering != known->second.vlanFiltering ||
+                                                    link.defaultPvid != known->second.defaultPvid);
     update(link, events);
     return !moved;
 }
 
-// RTM_NEWLINK or RTM_DELLINK of family AF_BRIDGE: the port is in a bridge, or left it and lives on.
+// RTM_NEWLINK or RTM_DELLINK of family AF_BRIDGE: the port is in a bridge, or left it and lives on; or a
+// bridge's own VLANs.
 bool LinkTable::take_bridge_port(uint32_t ifIndex, const nlmsghdr &message, DaemonEvents &events)
 {
     const Attributes attributes(message);
     // A bridge itself names itself; a network card with a switch in it names nobody.
     const uint32_t master = attributes.get32(IFLA_MASTER);
-    if (master == 0 || master == ifIndex)
+    const bool left = message.nlmsg_type == RTM_DELLINK, isItself = master == ifIndex;
+    if (master == 0 || (isItself && left))
         return true;
-    const bool left = message.nlmsg_type == RTM_DELLINK;
     const auto known = links_.find(ifIndex);
     if (known == links_.end())
-        return left;
+        return left || isItself;
     Link link = known->second;
-    if (!left)
+    if (isItself && link.kind == LinkKind::bridge)
+        read_vlans(attributes, link.bridgePort);
+    else if (!left && !isItself)
         read_bridge_port(attributes, link);
-    else if (link.masterKind == LinkKind::bridge)
+    else if (left && link.masterKind == LinkKind::bridge)
         leave_master(link);
     update(link, events);
     return true;

@@ -17,7 +17,7 @@ namespace platform_linux
 
 enum class LinkKind : uint8_t { other, bridge, aggregate, vlan };
 
-// A device in a bridge.
+// A device in a bridge; a bridge has VLANs of its own.
 struct BridgePort {
     StpState stp;
     uint16_t number;           // among the bridge's ports
@@ -37,7 +37,7 @@ struct Link {
     LinkKind kind;
     uint32_t master; // the bridge, bond or team it is in; 0 = none
     LinkKind masterKind;
-    BridgePort bridgePort; // zero when it is in no bridge
+    BridgePort bridgePort; // a bridge's own VLANs; of others zero when they are in no bridge
     uint32_t lower;        // a VLAN device: the device below it
     uint16_t vlan;         // a VLAN device: its VLAN
     bool vlanFiltering;    // a bridge
@@ -60,8 +60,9 @@ class LinkTable
 
     const std::map<uint32_t, Link> &links() const { return links_; }
 
-    // Devices that changed, came or went since the last call.
+    // Devices that changed, came or went since the last call, or that are to be looked at again.
     std::set<uint32_t> take_changed();
+    void look_again(uint32_t ifIndex) { changed_.insert(ifIndex); }
 
   private:
     // One message each. False when a dump of all links is needed.

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
+#include <string>
 
 #include "dhcpsnoop.h"
 #include "port.h"
@@ -26,6 +28,9 @@ const std::map<uint32_t, Port> &model_ports();
 // Whether the switch is described by a file, whose VLAN numbers are one space for the whole box. Else each
 // bridge has its own (vlan_bridge.h).
 bool model_has_file();
+
+// The bridges, by name, whose own machine is a port from now on. As the watchers' events say.
+void model_hosts(const std::set<std::string, std::less<>> &bridges);
 
 // This unit's number, and its role at the start.
 uint32_t model_system();

@@ -9,7 +9,9 @@
 namespace platform_linux
 {
 
-enum class PortKind : uint8_t { port, aggregate, vlanInterface };
+// A host port is the machine itself, behind a bridge of its own: what it sends through the bridge device
+// comes in there.
+enum class PortKind : uint8_t { port, aggregate, vlanInterface, host };
 
 // IEEE 802.1D states as the kernel numbers them (IFLA_BRPORT_STATE).
 enum class StpState : uint8_t { disabled, listening, learning, forwarding, blocking };
@@ -28,8 +30,9 @@ struct Port {
     uint16_t nativeVid; // VLAN of its untagged frames; 0 = it has none
     uint16_t tpid;      // of the tags it sends, 0x8100 or 0x88A8
     uint16_t vlan;      // a VLAN interface's VLAN, else 0
-    uint32_t number;    // from 1; a VLAN interface's VLAN
-    uint32_t bridge;    // index of the bridge it is in (a VLAN interface: on top of); 0 = none
+    uint32_t number;    // from 1; a VLAN interface's VLAN; 0 = a host port that no file numbers
+    uint32_t
+        bridge; // index of the bridge it is in (a VLAN interface: on top of; a host port: it is); 0 = none
     uint32_t aggregate; // index of the bond or team it is a member of; 0 = none
     VlanSet members;    // VLANs it belongs to, tagged or not
     VlanSet untagged;   // those that it sends untagged

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -27,9 +28,16 @@ struct SwitchConf {
     std::map<std::string, ConfPort, std::less<>> ports;          // by device name
     std::map<std::string, uint16_t, std::less<>> vlanInterfaces; // device name to VLAN
 
+    std::set<std::string, std::less<>> hosts; // bridges whose own machine is a port
+
     // Else the kernel's bridges are the switch.
     bool describes_ports() const { return !ports.empty() || !vlanInterfaces.empty(); }
-    bool operator==(const SwitchConf &) const = default;
+    // What counts from the start on only: `hosts` apart.
+    bool operator==(const SwitchConf &other) const
+    {
+        return system == other.system && role == other.role && ports == other.ports &&
+               vlanInterfaces == other.vlanInterfaces;
+    }
 };
 
 // Takes the lines port, vlan, system and role into `conf`, which outlives it.

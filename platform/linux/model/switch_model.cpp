@@ -37,6 +37,28 @@ void make_vlan_interface(Port &port, uint16_t vid)
     port.untagged.set(vid);
 }
 
+void set_vlans(Port &port, const BridgePort &vlans, bool vlanFiltering)
+{
+    if (vlanFiltering) {
+        port.nativeVid = vlans.pvid;
+        port.members = vlans.members;
+        port.untagged = vlans.untagged;
+    } else {
+        port.nativeVid = PLAIN_BRIDGE_VLAN;
+        port.members.set(PLAIN_BRIDGE_VLAN);
+        port.untagged.set(PLAIN_BRIDGE_VLAN);
+    }
+}
+
+// Nothing holds the machine back from its own bridge: it is up whatever the carrier, and has no spanning
+// tree.
+void make_host(Port &port)
+{
+    port.kind = PortKind::host;
+    port.up = true;
+    port.bridge = port.ifIndex;
+}
+
 struct Change {
     ModelChange what;
     Port port;
@@ -77,15 +99,7 @@ std::optional<Port> SwitchModel::derive_bridged(const Link &link) const
     if (link.masterKind == LinkKind::bridge) {
         port.number = link.bridgePort.number;
         const Link *bridge = bridge_of(link);
-        if (bridge != nullptr && bridge->vlanFiltering) {
-            port.nativeVid = link.bridgePort.pvid;
-            port.members = link.bridgePort.members;
-            port.untagged = link.bridgePort.untagged;
-        } else {
-            port.nativeVid = PLAIN_BRIDGE_VLAN;
-            port.members.set(PLAIN_BRIDGE_VLAN);
-            port.untagged.set(PLAIN_BRIDGE_VLAN);
-        }
+        set_vlans(port, link.bridgePort, bridge != nullptr && bridge->vlanFiltering);
         return port;
     }
     if (link.kind == LinkKind::vlan && bridge_of(link) != nullptr && link.vlan != 0 &&
@@ -99,9 +113,14 @@ std::optional<Port> SwitchModel::derive_bridged(const Link &link) const
 std::optional<Port> SwitchModel::derive(const Link &link) const
 {
     std::optional<Port> port = conf_.describes_ports() ? derive_configured(link) : derive_bridged(link);
+    const bool isBridge = link.kind == LinkKind::bridge;
+    if (!port && isBridge && conf_.hosts.contains(link.name))
+        set_vlans(port.emplace(described(link)), link.bridgePort, link.vlanFiltering);
     if (!port)
         return port;
-    const Link *bridge = bridge_of(link);
+    if (isBridge && port->kind != PortKind::vlanInterface)
+        make_host(*port);
+    const Link *bridge = port->kind == PortKind::host ? &link : bridge_of(link);
     if (bridge == nullptr)
         return port;
     port->bridge = bridge->ifIndex;
@@ -188,6 +207,15 @@ void SwitchModel::dump_end(bool complete, DaemonEvents &events)
     refresh();
 }
 
+void SwitchModel::set_hosts(const std::set<std::string, std::less<>> &hosts)
+{
+    for (const auto &[ifIndex, link] : links_.links())
+        if (link.kind == LinkKind::bridge && hosts.contains(link.name) != conf_.hosts.contains(link.name))
+            links_.look_again(ifIndex);
+    conf_.hosts = hosts;
+    refresh();
+}
+
 SwitchModel &switch_model() { return theModel; }
 
 const Port *model_port(uint32_t ifIndex)
@@ -201,6 +229,8 @@ uint32_t model_vlan_interface(uint16_t vid) { return theModel.vlan_interface(vid
 const std::map<uint32_t, Port> &model_ports() { return theModel.ports(); }
 
 bool model_has_file() { return theModel.conf().describes_ports(); }
+
+void model_hosts(const std::set<std::string, std::less<>> &bridges) { theModel.set_hosts(bridges); }
 
 uint32_t model_system() { return theModel.conf().system; }
 

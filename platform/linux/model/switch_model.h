@@ -20,6 +20,9 @@ class SwitchModel
     // Before the first dump.
     void configure(SwitchConf conf) { conf_ = std::move(conf); }
 
+    // The bridges whose own machine is a port, from now on. Watchers are told.
+    void set_hosts(const std::set<std::string, std::less<>> &hosts);
+
     // As LinkTable's. Watchers are called once the model is current.
     bool feed(std::span<const uint8_t> datagram, DaemonEvents &events);
     void dump_begin();
