@@ -17,8 +17,10 @@
 #include "cut_off.h"
 #include "fd.h"
 #include "guard_view.h"
+#include "own_dhcp.h"
 #include "reconcile.h"
 #include "running.h"
+#include "switch_model.h"
 
 using namespace platform_linux;
 
@@ -319,6 +321,33 @@ void noteCutOff(const File &file, const Context &context)
     }
 }
 
+// This machine's own DHCP on a bridge that is going to be protected, where the file does not speak of it.
+void noteOwnDhcp(const File &file, const Context &context)
+{
+    SwitchModel model;
+    DaemonEvents unused;
+    std::map<uint32_t, OwnDhcp> own;
+    const bool relays =
+        std::ranges::any_of(file.config.ports, [](const PortLine &line) { return line.server.value_or(0); });
+    if (!model_dump(model, unused) || !own_dhcp(model.links(), relays, own))
+        return;
+    for (const auto &[ifIndex, dhcp] : own) {
+        const std::string name = model.links().at(ifIndex).name;
+        const uint8_t roles = file.config.host_roles(name);
+        const bool lacksServer = !dhcp.serves.empty() && (roles & (HOST_SERVER | HOST_RELAY)) == 0;
+        const bool lacksClient = !dhcp.asks.empty() && roles == 0;
+        const auto line = std::ranges::find(file.config.bridges, name, &BridgeLine::bridge);
+        if (line == file.config.bridges.end() || (!lacksServer && !lacksClient))
+            continue;
+        std::string words = (roles & HOST_CLIENT) != 0 || lacksClient ? " client" : "";
+        words += lacksServer ? " server" : "";
+        context.err << file.name << ':' << line->line << ": note: this machine's own DHCP "
+                    << (lacksServer ? "server or relay" : "client") << " on " << name << " would be cut off ("
+                    << (lacksServer ? dhcp.serves : dhcp.asks) << "); the line 'bridge " << name << " host"
+                    << words << "' is missing\n";
+    }
+}
+
 const std::string &theFile(const char *what, std::span<const std::string> arguments)
 {
     if (arguments.size() != 1)
@@ -392,6 +421,7 @@ ExitStatus checkConfig(const Context &context, std::span<const std::string> argu
 {
     const File file = readFile(theFile("check", arguments));
     noteAbsent(file, context);
+    noteOwnDhcp(file, context);
     noteCutOff(file, context);
     return EXIT_DONE;
 }
@@ -400,6 +430,7 @@ ExitStatus diffConfig(const Context &context, std::span<const std::string> argum
 {
     const File file = arguments.empty() ? readFile(savedPath(), true) : readFile(theFile("diff", arguments));
     openGuard(context);
+    noteOwnDhcp(file, context);
     noteCutOff(file, context);
     const Differences all = differences(file, context);
     for (const Difference &difference : all)
@@ -416,6 +447,7 @@ ExitStatus applyConfig(const Context &context, std::span<const std::string> argu
     const uint32_t seconds = confirms ? parseRange("seconds", arguments[2], 1, CONFIRM_MAX) : 0;
     const File file = readFile(arguments[0]);
     noteAbsent(file, context);
+    noteOwnDhcp(file, context);
     noteCutOff(file, context);
     writeFile(config_runtime("before"), runningText(context));
     writeFile(config_runtime("candidate"), file.text);
