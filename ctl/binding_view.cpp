@@ -1,10 +1,7 @@
 #include "binding_view.h"
 
 #include <algorithm>
-#include <map>
 #include <ostream>
-
-#include "binding_filter.h"
 
 namespace
 {
@@ -16,15 +13,9 @@ uint32_t leaseLeft(const Binding &binding)
     return binding.lease - std::min(binding.elapsed, binding.lease);
 }
 
-// The kernel is asked once for a name, which `names` keeps.
-std::string portOf(const Binding &binding, const AwayPorts &away, std::map<uint32_t, std::string> &names)
+const std::string &portOf(const Binding &binding, const AwayPorts &away, PortNames &names)
 {
-    if (binding.state == STATE_WAITING)
-        return away.at(userKeyText(binding.key));
-    if (binding.ifIndex == 0)
-        return "";
-    std::string &name = names[binding.ifIndex];
-    return name = name.empty() ? interfaceText(binding.ifIndex) : name;
+    return binding.state == STATE_WAITING ? away.at(userKeyText(binding.key)) : names.of(binding.ifIndex);
 }
 
 Json bindingJson(const Binding &binding, const std::string &port)
@@ -125,9 +116,9 @@ std::string leaseText(uint32_t seconds)
     return text;
 }
 
-std::vector<Binding> readBindings(const Daemon &daemon)
+std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wanted)
 {
-    if (auto all = readSnapshot())
+    if (auto all = readSnapshot(wanted))
         return *std::move(all);
     std::vector<Binding> bindings;
     for (auto key = nextUser(daemon, {}); key; key = nextUser(daemon, key))
@@ -153,12 +144,15 @@ ExitStatus showBindings(const Context &context, std::span<const std::string> arg
         if (std::ranges::find(waiting, name, &WaitingBinding::interface) == waiting.end())
             parseInterface(name); // throws where there is none
     std::vector<Binding> bindings;
+    if (onlyCounts && waiting.empty() && !wanted.address())
+        if (const auto count = countSnapshot(wanted))
+            return printCount(context, *count);
     if (!wanted.address())
-        bindings = readBindings(context.daemon);
+        bindings = readBindings(context.daemon, wanted);
     else if (auto binding = ifStillThere([&] { return readBinding(context.daemon, *wanted.address()); }))
         bindings.push_back(*std::move(binding));
     const AwayPorts away = addWaiting(waiting, bindings);
-    std::map<uint32_t, std::string> names;
+    PortNames names;
     std::erase_if(bindings,
                   [&](const Binding &binding) { return !wanted(binding, portOf(binding, away, names)); });
     if (onlyCounts)

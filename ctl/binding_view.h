@@ -3,23 +3,8 @@
 
 #include <map>
 
-#include "binding.h"
+#include "binding_filter.h"
 #include "table.h"
-
-// Words of a binding's type and state.
-constexpr Choice USER_TYPES[] = {
-    {"dynamic",         DHCPSNOOP_USER_DYNAMIC},
-    {"static",          DHCPSNOOP_USER_STATIC },
-    {"ip-source-guard", DHCPSNOOP_USER_IPSG   }
-};
-constexpr uint32_t STATE_WAITING = 0x100; // the platform's, beside the daemon's
-constexpr Choice USER_STATES[] = {
-    {"bound",     DHCPSNOOP_BIND_BOUND    },
-    {"unbound",   DHCPSNOOP_BIND_UNBOUND  },
-    {"created",   DHCPSNOOP_BIND_CREATED  },
-    {"requested", DHCPSNOOP_BIND_REQUESTED},
-    {"waiting",   STATE_WAITING           }
-};
 
 // The word of a value, or the number where it has none.
 std::string wordOf(std::span<const Choice> choices, uint32_t value);
@@ -27,10 +12,13 @@ std::string wordOf(std::span<const Choice> choices, uint32_t value);
 // "6d23h", "23h59m", "5m10s": the two greatest units, without a second one that is 0. Or "forever".
 std::string leaseText(uint32_t seconds);
 
-// All bindings at one moment, in the order of their keys; nothing where no platform hands them out.
-std::optional<std::vector<Binding>> readSnapshot();
-// The same, else one by one: a binding that comes or goes meanwhile may be in the list or not.
-std::vector<Binding> readBindings(const Daemon &daemon);
+// Bindings at one moment, in the order of their keys, or their number; nothing where no platform hands them
+// out. The daemon chooses them, unless the words are too long for it: then all are in the list, and not
+// counted. `now` is the daemon's clock at that moment.
+std::optional<std::vector<Binding>> readSnapshot(const BindingFilter &wanted = {}, uint32_t *now = nullptr);
+std::optional<size_t> countSnapshot(const BindingFilter &wanted);
+// The same, else all one by one: a binding that comes or goes meanwhile may be in the list or not.
+std::vector<Binding> readBindings(const Daemon &daemon, const BindingFilter &wanted = {});
 std::vector<Binding> readStatics(const Daemon &daemon);
 
 // A binding whose port is away: the platform keeps it until the port is back.

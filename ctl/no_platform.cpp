@@ -12,7 +12,8 @@ namespace
 
 } // namespace
 
-std::optional<std::vector<Binding>> readSnapshot() { return std::nullopt; }
+std::optional<std::vector<Binding>> readSnapshot(const BindingFilter &, uint32_t *) { return std::nullopt; }
+std::optional<size_t> countSnapshot(const BindingFilter &) { return std::nullopt; }
 uint32_t interfaceOfBoth(const Target &) { return 0; }
 std::vector<LearnedServer> readLearned() { return {}; }
 Words portNames() { return {}; }

@@ -1,4 +1,4 @@
-// All bindings at one moment, from the platform beside the daemon.
+// Bindings at one moment, from the platform beside the daemon.
 #include <algorithm>
 #include <cstring>
 #include <sys/socket.h>
@@ -6,6 +6,7 @@
 #include "binding_view.h"
 #include "config.h"
 #include "connection.h"
+#include "control_socket.h"
 #include "snapshot_record.h"
 
 using namespace platform_linux;
@@ -15,27 +16,19 @@ namespace
 
 constexpr std::chrono::seconds PATIENCE(15);
 
-Binding bindingOf(const SnapshotRecord &record, uint32_t now)
+// A file of bindings as the platform hands it out.
+struct Listing {
+    SnapshotHeader header;
+    Bytes file;
+};
+
+[[noreturn]] void throwMalformed(const Listing &listing)
 {
-    Binding binding = {};
-    binding.key.ipType = record.ipType;
-    std::copy(std::begin(record.address), std::end(record.address), binding.key.ipAddr.begin());
-    binding.vlan = record.vlan;
-    binding.ifIndex = record.ifIndex;
-    binding.attribute = record.attribute;
-    binding.lease = record.lease;
-    binding.elapsed = now - record.leaseStart;
-    if (record.type == DHCPSNOOP_USER_DYNAMIC) // one that outlived its lease is removed at the next scan
-        binding.elapsed = std::min(binding.elapsed, binding.lease);
-    binding.type = record.type;
-    binding.state = record.state;
-    binding.mac.assign(std::begin(record.mac), std::end(record.mac));
-    return binding;
+    throw NoDaemon("malformed list of bindings: version " + std::to_string(listing.header.version) + ", " +
+                   std::to_string(listing.file.size()) + " bytes");
 }
 
-} // namespace
-
-std::optional<std::vector<Binding>> readSnapshot()
+std::optional<Listing> ask(const std::string &request)
 {
     std::optional<Connection> connection;
     try {
@@ -43,23 +36,56 @@ std::optional<std::vector<Binding>> readSnapshot()
     } catch (const NoDaemon &) {
         return std::nullopt; // the daemon's own socket tells more, if there is more to tell
     }
-    connection->send(SNAPSHOT_REQUEST, sizeof(SNAPSHOT_REQUEST) - 1);
-    const Bytes file = connection->receiveFile();
-    SnapshotHeader header = {};
-    if (file.size() >= sizeof(header))
-        std::memcpy(&header, file.data(), sizeof(header));
-    if (header.version != SNAPSHOT_VERSION || header.headerSize < sizeof(header) ||
-        header.recordSize < sizeof(SnapshotRecord) || header.headerSize > file.size() ||
+    connection->send(request.data(), request.size());
+    Listing listing = {{}, connection->receiveFile()};
+    if (listing.file.size() >= sizeof(listing.header))
+        std::memcpy(&listing.header, listing.file.data(), sizeof(listing.header));
+    if (listing.header.version != SNAPSHOT_VERSION || listing.header.headerSize < sizeof(listing.header) ||
+        listing.header.headerSize > listing.file.size())
+        throwMalformed(listing);
+    return listing;
+}
+
+// Empty when it is too long for the daemon.
+std::string requestOf(const BindingFilter &wanted, bool onlyCounts)
+{
+    if (wanted.words().empty() && !onlyCounts)
+        return SNAPSHOT_REQUEST;
+    std::string request = SNAPSHOT_FILTER;
+    const auto add = [&request](const std::string &word) { request.append(1, '\0').append(word); };
+    if (onlyCounts)
+        add(SNAPSHOT_COUNT);
+    std::ranges::for_each(wanted.words(), add);
+    return request.size() <= CONTROL_REQUEST_MAX ? request : "";
+}
+
+} // namespace
+
+std::optional<std::vector<Binding>> readSnapshot(const BindingFilter &wanted, uint32_t *now)
+{
+    const std::string request = requestOf(wanted, false);
+    const auto listing = ask(request.empty() ? SNAPSHOT_REQUEST : request);
+    if (!listing)
+        return std::nullopt;
+    const auto &[header, file] = *listing;
+    if (header.recordSize < sizeof(SnapshotRecord) ||
         (file.size() - header.headerSize) / header.recordSize < header.count)
-        throw NoDaemon("malformed list of bindings: version " + std::to_string(header.version) + ", " +
-                       std::to_string(file.size()) + " bytes");
-    std::vector<Binding> bindings;
-    bindings.reserve(header.count);
+        throwMalformed(*listing);
+    if (now)
+        *now = header.now;
+    std::vector<Binding> bindings(header.count);
     for (size_t i = 0; i < header.count; i++) {
         SnapshotRecord record;
         std::memcpy(&record, &file[header.headerSize + i * header.recordSize], sizeof(record));
-        bindings.push_back(bindingOf(record, header.now));
+        snapshot_binding(record, header.now, bindings[i]);
     }
     std::ranges::sort(bindings, {}, &Binding::key);
     return bindings;
+}
+
+std::optional<size_t> countSnapshot(const BindingFilter &wanted)
+{
+    const std::string request = requestOf(wanted, true);
+    const auto listing = request.empty() ? std::nullopt : ask(request);
+    return listing ? std::optional<size_t>(listing->header.count) : std::nullopt;
 }

@@ -6,6 +6,7 @@
 #include <span>
 
 #include "listing.h"
+#include "setting.h"
 #include "text.h"
 
 struct StaticBinding {
@@ -29,6 +30,22 @@ struct Binding {
     uint32_t vlan, ifIndex, attribute, lease, elapsed, type, state;
     Bytes mac;
 };
+
+// Words of a binding's type and state.
+constexpr Choice USER_TYPES[] = {
+    {"dynamic",         DHCPSNOOP_USER_DYNAMIC},
+    {"static",          DHCPSNOOP_USER_STATIC },
+    {"ip-source-guard", DHCPSNOOP_USER_IPSG   }
+};
+constexpr uint32_t STATE_WAITING = 0x100; // the platform's, beside the daemon's
+constexpr Choice USER_STATES[] = {
+    {"bound",     DHCPSNOOP_BIND_BOUND    },
+    {"unbound",   DHCPSNOOP_BIND_UNBOUND  },
+    {"created",   DHCPSNOOP_BIND_CREATED  },
+    {"requested", DHCPSNOOP_BIND_REQUESTED},
+    {"waiting",   STATE_WAITING           }
+};
+
 bool hasMac(const Binding &binding);
 Binding readBinding(const Daemon &daemon, const UserKey &key);
 // The words that recreate it. An incomplete binding in force is "unbound" there.

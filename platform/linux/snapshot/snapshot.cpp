@@ -1,5 +1,6 @@
 // One walk serves all who asked before it began; who asks later waits for the next one, and so sees every
-// change made before. The file's memory is there before the daemon's thread writes to it.
+// change made before. The file's memory is there before the daemon's thread writes to it. The socket's thread
+// chooses from it, for each asker by himself.
 #include "snapshot.h"
 
 #include <algorithm>
@@ -14,10 +15,12 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/uio.h>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "binding_filter.h"
 #include "clock.h"
 #include "control_socket.h"
 #include "dhcpsnoop.h"
@@ -40,16 +43,28 @@ constexpr Ticks WAKE_AGAIN = 100; // while the event socket has no room
 std::atomic<SnapshotHeader *> wanted; // by the socket's thread; the daemon's thread takes it away
 Fd written;                           // signalled by the daemon's thread
 
+Fd memory_file()
+{
+    constexpr unsigned flags = MFD_CLOEXEC | MFD_ALLOW_SEALING;
+    Fd file(memfd_create("dhcpsnoop-bindings", flags | MFD_NOEXEC_SEAL));
+    if (!file && errno == EINVAL)
+        file.reset(memfd_create("dhcpsnoop-bindings", flags));
+    return file;
+}
+
+// For reading only from now on.
+bool seal(const Fd &file)
+{
+    return fcntl(file.get(), F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0;
+}
+
 // A file with room for all bindings, mapped until it is sealed.
 class Snapshot
 {
   public:
-    Snapshot() : size_(sizeof(SnapshotHeader) + gDhcpsnoop.userMax * sizeof(SnapshotRecord))
+    Snapshot()
+        : size_(sizeof(SnapshotHeader) + gDhcpsnoop.userMax * sizeof(SnapshotRecord)), file_(memory_file())
     {
-        constexpr unsigned flags = MFD_CLOEXEC | MFD_ALLOW_SEALING;
-        file_.reset(memfd_create("dhcpsnoop-bindings", flags | MFD_NOEXEC_SEAL));
-        if (!file_ && errno == EINVAL)
-            file_.reset(memfd_create("dhcpsnoop-bindings", flags));
         if (!file_ || ftruncate(file_.get(), static_cast<off_t>(size_)) != 0)
             return;
         void *memory = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, file_.get(), 0);
@@ -65,15 +80,12 @@ class Snapshot
 
     SnapshotHeader *header() const { return header_; } // null with errno when there is no memory
 
-    // For reading only from now on; no reader ever finds it shorter.
+    // No reader ever finds it shorter.
     int sealed()
     {
         const size_t used = sizeof(SnapshotHeader) + header_->count * sizeof(SnapshotRecord);
         unmap();
-        if (ftruncate(file_.get(), static_cast<off_t>(used)) != 0 ||
-            fcntl(file_.get(), F_ADD_SEALS, F_SEAL_WRITE | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)
-            return -1;
-        return file_.get();
+        return ftruncate(file_.get(), static_cast<off_t>(used)) == 0 && seal(file_) ? file_.get() : -1;
     }
 
   private:
@@ -86,6 +98,42 @@ class Snapshot
     size_t size_;
     Fd file_;
     SnapshotHeader *header_ = nullptr;
+};
+
+// A file of the bindings that are wanted.
+Fd choose(const SnapshotHeader &all, const BindingFilter &filter, bool onlyCounts)
+{
+    const auto *records = reinterpret_cast<const SnapshotRecord *>(&all + 1);
+    std::vector<SnapshotRecord> chosen;
+    SnapshotHeader header = all;
+    header.count = 0;
+    header.recordSize = onlyCounts ? 0 : all.recordSize;
+    PortNames names;
+    Binding binding = {};
+    for (const SnapshotRecord &record : std::span(records, all.count)) {
+        snapshot_binding(record, all.now, binding);
+        if (!filter(binding, names.of(binding.ifIndex)))
+            continue;
+        header.count++;
+        if (!onlyCounts)
+            chosen.push_back(record);
+    }
+    Fd file = memory_file();
+    const size_t size = chosen.size() * sizeof(SnapshotRecord);
+    const iovec parts[] = {
+        {&header,       sizeof header},
+        {chosen.data(), size         }
+    };
+    if (!file || writev(file.get(), parts, 2) != static_cast<ssize_t>(sizeof header + size) || !seal(file))
+        return {};
+    return file;
+}
+
+// What one client wants.
+struct Asker {
+    std::optional<BindingFilter> filter; // none: the whole file
+    bool onlyCounts;
+    ControlSocket::Answer answer;
 };
 
 class Server
@@ -117,16 +165,35 @@ class Server
   private:
     void ask(const std::string &request, ControlSocket::Answer answer)
     {
-        if (request == SNAPSHOT_REQUEST)
-            asking_.push_back(std::move(answer));
+        Asker asker = {std::nullopt, false, std::move(answer)};
+        std::string fault = "unknown request";
+        if (request != SNAPSHOT_REQUEST)
+            asker.filter = read_filter(request, asker.onlyCounts, fault);
+        if (request == SNAPSHOT_REQUEST || asker.filter)
+            asking_.push_back(std::move(asker));
         else
-            answer({"unknown request"});
+            asker.answer(fault);
+    }
+
+    static std::optional<BindingFilter> read_filter(const std::string &request, bool &onlyCounts,
+                                                    std::string &fault)
+    {
+        Words words;
+        for (size_t at = 0, end = 0; at <= request.size(); at = end + 1) {
+            end = std::min(request.find('\0', at), request.size());
+            words.push_back(request.substr(at, end - at));
+        }
+        if (words[0] != SNAPSHOT_FILTER)
+            return std::nullopt;
+        onlyCounts = words.size() > 1 && words[1] == SNAPSHOT_COUNT;
+        words.erase(words.begin(), words.begin() + (onlyCounts ? 2 : 1));
+        return BindingFilter::make(words, fault);
     }
 
     void answer_all(const ControlReply &reply)
     {
-        for (const ControlSocket::Answer &answer : std::exchange(waiting_, {}))
-            answer(reply);
+        for (const Asker &asker : std::exchange(waiting_, {}))
+            asker.answer(reply);
         snapshot_.reset();
     }
 
@@ -146,15 +213,27 @@ class Server
 
     void hand_out()
     {
+        for (const Asker &asker : waiting_)
+            if (asker.filter)
+                answer_chosen(asker);
+        std::erase_if(waiting_, [](const Asker &asker) { return asker.filter.has_value(); });
         const int file = snapshot_->sealed();
         answer_all(file >= 0
                        ? ControlReply{"ok", file}
                        : ControlReply{std::string("the bindings cannot be sealed: ") + strerror(errno)});
     }
 
+    void answer_chosen(const Asker &asker)
+    {
+        if (const Fd file = choose(*snapshot_->header(), *asker.filter, asker.onlyCounts))
+            asker.answer({"ok", file.get()});
+        else
+            asker.answer(std::string("no file for the bindings: ") + strerror(errno));
+    }
+
     const int eventSocket_;
-    std::vector<ControlSocket::Answer> asking_, waiting_; // for the next walk, for the present one
-    std::optional<Snapshot> snapshot_;                    // while a walk is wanted
+    std::vector<Asker> asking_, waiting_; // for the next walk, for the present one
+    std::optional<Snapshot> snapshot_;    // while a walk is wanted
     ControlSocket control_{[this](const std::string &request, ControlSocket::Answer answer) {
         ask(request, std::move(answer));
     }};

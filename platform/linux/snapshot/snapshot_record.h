@@ -1,23 +1,28 @@
-// All bindings at one moment, as a client gets them: a sealed memory file with a header and records of a
-// fixed size, in no order. Numbers are in the host's byte order, addresses as on the wire.
+// Bindings at one moment, as a client gets them: a sealed memory file with a header and records of a fixed
+// size, in no order. Numbers are in the host's byte order, addresses as on the wire.
 //
-// A client connects to the socket, a sequenced-packet one beside the platform's, and sends SNAPSHOT_REQUEST.
-// The answer is one packet: "ok" and the file's descriptor (SCM_RIGHTS), or a text that says why not. Words
-// behind the request are kept for a filter, and refused until there is one.
+// A client connects to the socket, a sequenced-packet one beside the platform's, and sends one packet:
+// SNAPSHOT_REQUEST for all bindings; or SNAPSHOT_FILTER and, each behind a zero byte, the words of
+// binding_filter.h. SNAPSHOT_COUNT as the first word asks for their number: a header without records. The
+// answer is one packet: "ok" and the file's descriptor (SCM_RIGHTS), or a text that says why not.
 #pragma once
 
 #include <cstdint>
+
+#include "binding.h"
 
 namespace platform_linux
 {
 
 constexpr char SNAPSHOT_REQUEST[] = "bindings";
+constexpr char SNAPSHOT_FILTER[] = "bindings 1"; // the number is the version of the words
+constexpr char SNAPSHOT_COUNT[] = "--count";
 constexpr uint32_t SNAPSHOT_VERSION = 1;
 
 struct SnapshotHeader {
     uint32_t version;
-    uint32_t headerSize, recordSize; // a later version may have more behind the fields that are known
-    uint32_t count;                  // records that follow
+    uint32_t headerSize, recordSize; // a later version may have more behind known fields
+    uint32_t count;                  // of bindings; their records follow unless `recordSize` is 0
     uint32_t room;                   // bindings and waiting clients that the daemon can have
     uint32_t now;                    // the daemon's clock, in seconds, as in `leaseStart`
 };
@@ -36,5 +41,8 @@ struct SnapshotRecord {
     uint32_t leaseStart;
 };
 static_assert(sizeof(SnapshotHeader) == 24 && sizeof(SnapshotRecord) == 44);
+
+// Into a binding that may be used again. `now` is the header's.
+void snapshot_binding(const SnapshotRecord &record, uint32_t now, Binding &binding);
 
 } // namespace platform_linux

@@ -13,7 +13,6 @@ namespace platform_linux
 namespace
 {
 constexpr size_t CLIENTS_MAX = 16;
-constexpr size_t REQUEST_MAX = 128;
 constexpr Ticks ASK_TIME = 5000;
 } // namespace
 
@@ -59,8 +58,8 @@ void ControlSocket::answer(uint64_t number, const ControlReply &reply)
 
 void ControlSocket::ask(Client &client)
 {
-    char text[REQUEST_MAX];
-    const ssize_t length = recv(client.fd.get(), text, sizeof text, MSG_DONTWAIT);
+    char text[CONTROL_REQUEST_MAX];
+    const ssize_t length = recv(client.fd.get(), text, sizeof text, MSG_DONTWAIT | MSG_TRUNC);
     if (length < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     const uint64_t number = client.number;
@@ -69,6 +68,11 @@ void ControlSocket::ask(Client &client)
         return;
     }
     client.asked = true;
+    if (static_cast<size_t>(length) > sizeof text) {
+        answer(number, "the request has " + std::to_string(length) + " bytes, and may have " +
+                           std::to_string(sizeof text));
+        return;
+    }
     handler_(std::string(text, static_cast<size_t>(length)),
              [this, number](const ControlReply &reply) { answer(number, reply); });
 }

@@ -21,6 +21,8 @@ struct ControlReply {
     int descriptor = -1;
 };
 
+constexpr size_t CONTROL_REQUEST_MAX = 2048; // bytes; a longer one is refused
+
 class ControlSocket
 {
   public:

@@ -6,9 +6,6 @@
 #include <string>
 #include <vector>
 
-namespace platform_linux
-{
-
 // From general to specific. A more specific line wins.
 enum class Rank : uint8_t { none, bridge, pattern, range, list, name };
 
@@ -34,5 +31,3 @@ class Selector
     std::string text_;
     std::vector<Part> parts_;
 };
-
-} // namespace platform_linux

@@ -8,8 +8,6 @@
 
 #include "text.h"
 
-namespace platform_linux
-{
 namespace
 {
 
@@ -87,5 +85,3 @@ std::string Selector::single() const
 {
     return parts_.size() == 1 && parts_[0].rank == Rank::name ? parts_[0].name : "";
 }
-
-} // namespace platform_linux

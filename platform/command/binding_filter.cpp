@@ -5,15 +5,13 @@
 #include <fnmatch.h>
 #include <sstream>
 
-#include "binding_view.h"
 #include "protocol.h"
 #include "typed.h"
 
-using platform_linux::Rank;
-using platform_linux::Selector;
-
 namespace
 {
+
+constexpr size_t PATTERN_MAX = 64; // matching takes long where there are many stars
 
 const Words KEYS = {"interface", "port", "vlan", "mac", "address", "type", "state"};
 
@@ -53,6 +51,9 @@ std::string macPattern(const std::string &word)
         const auto mac = parseMac(word);
         return macText({mac.begin(), mac.end()});
     }
+    if (word.size() > PATTERN_MAX)
+        throw UsageError("a pattern of MAC addresses has at most " + std::to_string(PATTERN_MAX) +
+                         " characters, not " + std::to_string(word.size()));
     const bool hasRange = word.find('[') != std::string::npos; // in which a dash is no separator
     std::string pattern;
     for (const char c : word)
@@ -128,7 +129,7 @@ BindingFilter::Part BindingFilter::parse(const std::string &key, const std::stri
     };
 }
 
-BindingFilter::BindingFilter(std::span<const std::string> words)
+BindingFilter::BindingFilter(std::span<const std::string> words) : words_(words.begin(), words.end())
 {
     for (size_t i = 0; i < words.size(); i++) {
         if (takeAddress(words[i]))
@@ -145,7 +146,23 @@ BindingFilter::BindingFilter(std::span<const std::string> words)
     }
 }
 
+std::optional<BindingFilter> BindingFilter::make(const Words &words, std::string &fault)
+try {
+    return BindingFilter(words);
+} catch (const UsageError &error) {
+    fault = error.what();
+    return std::nullopt;
+}
+
 bool BindingFilter::operator()(const Binding &binding, const std::string &port) const
 {
     return std::ranges::all_of(parts_, [&](const Part &part) { return part(binding, port); });
+}
+
+const std::string &PortNames::of(uint32_t ifIndex)
+{
+    std::string &name = names_[ifIndex];
+    if (name.empty() && ifIndex != 0)
+        name = interfaceText(ifIndex);
+    return name;
 }

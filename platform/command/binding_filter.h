@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <unordered_map>
 
 #include "binding.h"
 #include "selector.h"
@@ -12,11 +13,15 @@
 class BindingFilter
 {
   public:
+    BindingFilter() = default; // every binding
     // Throws UsageError for a wrong word.
     explicit BindingFilter(std::span<const std::string> words);
+    // The same without an exception: nothing, and the fault.
+    static std::optional<BindingFilter> make(const Words &words, std::string &fault);
 
     bool operator()(const Binding &binding, const std::string &port) const;
 
+    const Words &words() const { return words_; }
     // The one address that is meant, which the daemon can be asked for.
     const std::optional<UserKey> &address() const { return address_; }
     // Names that are no list, range or pattern: each should be a port.
@@ -28,7 +33,18 @@ class BindingFilter
     Part parsePorts(const std::string &value);
     bool takeAddress(const std::string &word);
 
+    Words words_;
     std::vector<Part> parts_;
     std::optional<UserKey> address_;
     Words names_;
+};
+
+// Names of ports by index: the kernel is asked once for each.
+class PortNames
+{
+  public:
+    const std::string &of(uint32_t ifIndex); // empty for index 0
+
+  private:
+    std::unordered_map<uint32_t, std::string> names_;
 };
