@@ -107,7 +107,7 @@ constexpr Command COMMANDS[] = {
      "bring the saved file about, after a change"},
     {"metrics", "", showMetrics, true,
      "numbers for a monitoring system, as OpenMetrics text"},
-    {"monitor", "[ADDRESS] [interface IFS] [vlan VIDS] [mac MAC]", monitor, true,
+    {"monitor", "[ADDRESS] [interface IFS] [vlan VIDS] [mac MAC] [type dynamic|static]", monitor, true,
      "print bindings as they come, are renewed and go, one line each, until interrupted"},
     {"clear statistics", "", clearStatistics, false,
      "set the drop counters of every interface to 0"},

@@ -16,7 +16,8 @@ import unittest
 import labtest
 
 from lab import HERE, MACS, MODEL, RUN, Process
-from wire import BOOTP, exchange, from_client, from_server
+from scapy.layers.dhcp6 import DHCP6OptIAAddress
+from wire import BOOTP, exchange, exchange6, from_client, from_server
 
 
 class Configuration(labtest.LabTest):
@@ -119,15 +120,35 @@ class Bindings(labtest.LabTest):
         exchange(self.endpoint("pc1"), MACS["pc1"])
         self.ctl("binding add 10.0.10.99 unbound")
         self.ctl("binding add 2001:db8::7 mac 02:00:00:00:00:07 vlan 10 interface swp1 attribute 5")
-        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
-            client.connect("/run/dhcpsnoop/platform.bindings")
-            client.send(b"bindings")
-            text, (file,), *_ = socket.recv_fds(client, 100, 1)
-        self.assertEqual((text, struct.unpack("4I", os.pread(file, 16, 0)), os.fstat(file).st_size, fcntl.fcntl(file, fcntl.F_GET_SEALS) & 15),
-                         (b"ok", (1, 24, 44, 3), 24 + 3 * 44, 15))
+        text, file = self.ask(b"bindings")
+        self.assertEqual((text, struct.unpack("4I", file[0]), file[1], file[2] & 15), ("ok", (1, 24, 44, 3), 24 + 3 * 44, 15))
         walk = self.switch.run("env", "DHCPSNOOP_PLATFORM_SOCKET=/absent", self.switch.binary("dhcpsnoopctl"), "show", "bindings", "--json")
         lists = [[row | {"elapsed": row["elapsed"] < 9, "left": row["left"] and 0} for row in rows] for rows in (self.switch.show("bindings"), json.loads(walk.stdout))]
         self.assertEqual(*lists)
+
+        for claim, words, outcome in (
+                ("prefix", "10.0.10.0/24", "24+2*44: 2"), ("of the other family", "::/0", "24+1*44: 1"), ("ports and VLANs", "interface swp1,x* vlan 9-10", "24+2*44: 2"),
+                ("MAC, in words cut short", "ma 02:00:*:07", "24+1*44: 1"), ("type and state", "type static state bound", "24+1*44: 1"),
+                ("number", "--count type static", "24+0*44: 2"), ("none", "state waiting", "24+0*44: 0"), ("number of all", "--count", "24+0*44: 3"),
+                ("no word", "mac 02:* vla", "show bindings: 'vla' lacks its value"), ("number elsewhere", "vlan 10 --count", "bindings cannot be chosen by '--count'"),
+                ("wrong value", "10.0.10.0/33", "prefix length must be a number from 0 to 32, not '33'"),
+                ("long pattern", "mac " + 65 * "*", "a pattern of MAC addresses has at most 64 characters, not 65"),
+                ("most bytes", "interface " + 2026 * "x", f"'{2026 * 'x'}' is longer than a device name can be (15)"),
+                ("too many bytes", "interface " + 2028 * "x", "the request has 2049 bytes, and may have 2048")):
+            with self.subTest(claim):
+                text, file = self.ask(b"bindings 1\0" + words.replace(" ", "\0").encode())
+                self.assertEqual(f"24+{(file[1] - 24) // 44}*44: {struct.unpack('4I', file[0])[3]}" if file else text, outcome)
+        for request in (b"", b"bindings 2\0vlan\x0010", b"bindings vlan 10"):
+            self.assertEqual(self.ask(request)[0], "unknown request" if request else "")
+        self.assertEqual(self.switch.run(self.switch.binary("dhcpsnoopctl"), "show", "bindings", "vlan", "10", "--count").stdout, "2\n")
+
+    def ask(self, request):
+        """Text of the answer; and of a file its header, size and seals."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
+            client.connect("/run/dhcpsnoop/platform.bindings")
+            client.send(request)
+            text, files, *_ = socket.recv_fds(client, 4096, 1)
+        return text.decode(), [(os.pread(file, 16, 0), os.fstat(file).st_size, fcntl.fcntl(file, fcntl.F_GET_SEALS)) for file in files][0] if files else None
 
 
 class Monitor(labtest.LabTest):
@@ -146,14 +167,29 @@ class Monitor(labtest.LabTest):
         self.assertEqual((text.stop(), objects.popen.wait()), (0, 0))
         self.switch.stop_daemon()
         self.assertEqual(to_the_end.popen.wait(), 3)
-        line = f"interface swp1 vlan 10 mac {mac} address {address} gateway 10.0.10.1\n"
+        line = f"interface swp1 vlan 10 mac {mac} address {address} gateway 10.0.10.1 family ipv4 type dynamic\n"
         self.assertEqual(re.sub(r"(?m)^[\d:]{8} ", "", text.log()), f"add {line}renew {line}delete {line}")
         self.assertRegex(to_the_end.log(), f"(?s)add {line}.*renew {line}.*delete {line}.*the daemon has ended.*\n$")
         event = json.loads(objects.log().splitlines()[0])
         self.assertRegex(event.pop("time"), r"^[\d-]+T[\d:]+\+\d{4}$")
         self.assertEqual(event, {
             "event": "add", "number": 188, "interface": "swp1", "index": self.switch.index("swp1"), "vlan": 10, "mac": mac,
-            "address": address, "gateway": "10.0.10.1"})
+            "address": address, "gateway": "10.0.10.1", "family": "ipv4", "type": "dynamic"})
+
+    def test_not_announced(self):
+        """An IPv6 lease and one without a gateway are found by comparison; each change is told once."""
+        monitor = Process(self.switch, "monitor", self.switch.binary("dhcpsnoopctl"), "monitor")
+        self.addCleanup(monitor.stop)
+        for port, family, lease in (("pc1", "ipv6", lambda: exchange6(self.endpoint("pc1"), MACS["pc1"])[DHCP6OptIAAddress].addr),
+                                    ("pc2", "ipv4", lambda: exchange(self.endpoint("pc2"), MACS["pc2"], ("param_req_list", [1]))[BOOTP].yiaddr)):
+            address = lease()
+            self.wait("an addition", lambda: re.search(f"add .*{address} ", monitor.log()))
+            self.wait("a renewal", lambda: lease() and re.search(f"renew .*{address} ", monitor.log()))
+            self.ctl(f"binding delete {address}")
+            self.wait("a deletion", lambda: re.search(f"delete .*{address} ", monitor.log()))
+            line = rf"interface swp{port[2]} vlan \d+ mac {MACS[port]} address {address} family {family} type dynamic\n"
+            text = "".join(line[9:] for line in monitor.log().splitlines(True) if address in line)
+            self.assertRegex(text, f"^add {line}(renew {line})+delete {line}$")
 
 
 class Demonstration(unittest.TestCase):
