@@ -146,14 +146,6 @@ BindingFilter::BindingFilter(std::span<const std::string> words) : words_(words.
     }
 }
 
-std::optional<BindingFilter> BindingFilter::make(const Words &words, std::string &fault)
-try {
-    return BindingFilter(words);
-} catch (const UsageError &error) {
-    fault = error.what();
-    return std::nullopt;
-}
-
 bool BindingFilter::operator()(const Binding &binding, const std::string &port) const
 {
     return std::ranges::all_of(parts_, [&](const Part &part) { return part(binding, port); });

@@ -16,8 +16,6 @@ class BindingFilter
     BindingFilter() = default; // every binding
     // Throws UsageError for a wrong word.
     explicit BindingFilter(std::span<const std::string> words);
-    // The same without an exception: nothing, and the fault.
-    static std::optional<BindingFilter> make(const Words &words, std::string &fault);
 
     bool operator()(const Binding &binding, const std::string &port) const;
 

@@ -177,7 +177,7 @@ class Server
 
     static std::optional<BindingFilter> read_filter(const std::string &request, bool &onlyCounts,
                                                     std::string &fault)
-    {
+    try {
         Words words;
         for (size_t at = 0, end = 0; at <= request.size(); at = end + 1) {
             end = std::min(request.find('\0', at), request.size());
@@ -187,7 +187,10 @@ class Server
             return std::nullopt;
         onlyCounts = words.size() > 1 && words[1] == SNAPSHOT_COUNT;
         words.erase(words.begin(), words.begin() + (onlyCounts ? 2 : 1));
-        return BindingFilter::make(words, fault);
+        return BindingFilter(words);
+    } catch (const UsageError &error) {
+        fault = error.what();
+        return std::nullopt;
     }
 
     void answer_all(const ControlReply &reply)
