@@ -2,15 +2,26 @@
 
 #include <cstring>
 #include <ostream>
+#include <poll.h>
 #include <sstream>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 namespace
 {
 
 constexpr size_t LINE_MAX_BYTES = 4096;
-constexpr std::chrono::milliseconds PATIENCE(60000); // a listing of many bindings
+constexpr std::chrono::milliseconds PATIENCE(60000);       // a listing of many bindings
+constexpr std::chrono::seconds ASK_TIME(1), TAKE_TIME(30); // a reader that dawdles holds nothing longer
+
+using Time = std::chrono::steady_clock;
+
+// False when the time is over.
+bool waitFor(int connection, short events, Time::time_point until)
+{
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Time::now()).count();
+    pollfd ready = {connection, events, 0};
+    return left > 0 && poll(&ready, 1, static_cast<int>(left)) == 1;
+}
 
 // In front of an answer: the exit status and the size of the results; diagnosis follows them.
 struct Head {
@@ -52,12 +63,12 @@ std::optional<int> readThroughGate(const Words &line, std::ostream &out, std::os
 
 ExitStatus serveReader(int connection, const Daemon &daemon)
 {
-    const timeval patience = {1, 0};
-    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    const auto asked = Time::now() + ASK_TIME;
     char request[LINE_MAX_BYTES];
     size_t size = 0;
     for (ssize_t got = 1; got > 0 && size < sizeof request; size += static_cast<size_t>(got))
-        if (got = recv(connection, request + size, sizeof request - size, 0); got < 0)
+        if (!waitFor(connection, POLLIN, asked) ||
+            (got = recv(connection, request + size, sizeof request - size, MSG_DONTWAIT)) < 0)
             return EXIT_USAGE;
     if (size == sizeof request)
         return EXIT_USAGE;
@@ -74,10 +85,12 @@ ExitStatus serveReader(int connection, const Daemon &daemon)
     const Head head = {static_cast<uint32_t>(status), static_cast<uint32_t>(results.size())};
     const std::string answer =
         std::string(reinterpret_cast<const char *>(&head), sizeof head) + results + diagnosis;
-    const timeval writing = {10, 0}; // a reader that does not read holds nothing longer
-    setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &writing, sizeof writing);
+    const auto taken = Time::now() + TAKE_TIME;
     for (size_t at = 0; at < answer.size();) {
-        const ssize_t sent = send(connection, answer.data() + at, answer.size() - at, MSG_NOSIGNAL);
+        const ssize_t sent =
+            waitFor(connection, POLLOUT, taken)
+                ? send(connection, answer.data() + at, answer.size() - at, MSG_NOSIGNAL | MSG_DONTWAIT)
+                : -1;
         if (sent <= 0)
             return EXIT_NO_DAEMON;
         at += static_cast<size_t>(sent);
