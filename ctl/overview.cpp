@@ -85,6 +85,23 @@ std::vector<PortView> readPorts(const Context &context, const std::vector<Bindin
     return views;
 }
 
+std::vector<RefusalCount> readGuardHour(const std::string &facts)
+{
+    std::vector<RefusalCount> found;
+    std::istringstream lines(facts);
+    for (std::string line, word; std::getline(lines, line);) {
+        std::istringstream words(line);
+        size_t reason = 0;
+        RefusalCount count = {};
+        if (words >> word && word == "guard-hour" && words >> reason >> count.lastHour >> count.place &&
+            reason < GUARD_REASONS) {
+            count.reason = std::string("guard-") + GUARD_REASON_WORDS[reason];
+            found.push_back(count);
+        }
+    }
+    return found;
+}
+
 } // namespace
 
 std::vector<LearnedServer> readLearned()
@@ -113,7 +130,9 @@ uint64_t PortView::dropped() const
 Overview readOverview(const Context &context)
 {
     Overview all;
-    all.daemon = readFacts(demandConfig("facts"));
+    const std::string facts = demandConfig("facts");
+    all.daemon = readFacts(facts);
+    all.guardHour = readGuardHour(facts);
     all.unit = readUnit();
     const std::vector<WaitingBinding> waiting = readWaiting(); // first: a port that comes back now loses none
     all.bindings = readBindings(context.daemon);

@@ -31,5 +31,6 @@ struct Overview {
     std::vector<Binding> bindings; // with those that wait
     size_t held, waiting;          // bindings of the daemon; those that wait
     std::vector<RefusalCount> refusals;
+    std::vector<RefusalCount> guardHour; // by the guard, in the last hour
 };
 Overview readOverview(const Context &context);

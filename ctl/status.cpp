@@ -108,6 +108,7 @@ std::string cut(const std::string &line)
 std::vector<RefusalCount> lastHour(const Overview &all)
 {
     std::vector<RefusalCount> found = all.refusals;
+    found.insert(found.end(), all.guardHour.begin(), all.guardHour.end());
     std::erase_if(found, [](const RefusalCount &count) { return count.lastHour == 0; });
     std::ranges::stable_sort(found, std::greater(), &RefusalCount::lastHour);
     return found;
@@ -278,7 +279,8 @@ void printStatus(const Context &context, const Overview &all, const SavedFile &s
 
     constexpr size_t HOUR_LINES = 5;
     const std::vector<RefusalCount> hour = lastHour(all);
-    line("last hour", hour.empty() ? "nothing refused" : "refused (show refusals tells the remedy):");
+    line("last hour",
+         hour.empty() ? "nothing refused" : "refused (remedies: show refusals; of the guard: show guard):");
     for (size_t i = 0; i < std::min(hour.size(), HOUR_LINES); i++)
         line("", std::to_string(hour[i].lastHour) + " " + hour[i].reason +
                      (hour[i].place == "-" ? "" : " at " + hour[i].place));

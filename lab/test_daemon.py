@@ -17,6 +17,8 @@ import labtest
 
 from lab import HERE, MACS, MODEL, RUN, Process
 from scapy.layers.dhcp6 import DHCP6OptIAAddress
+from scapy.layers.inet import IP, UDP
+from scapy.layers.l2 import Ether
 from wire import BOOTP, exchange, exchange6, from_client, from_server
 
 
@@ -76,6 +78,8 @@ class Configuration(labtest.LabTest):
             "{ports} {not-saved} {attention}".format(**status) + " {interface} {bridge} {snooping} {trust} {guard} {bindings}".format(**swp1)
             + f" {values['dhcpsnoop_port_trusted']:.0f} {values['dhcpsnoop_bindings']:.0f} {len(lines) <= 24} {max(map(len, lines)) <= 80}",
             "{'seen': 6, 'snooped': 6, 'trusted': 2, 'guarded': 5} 3 [] swp1 br0 both False ip,mac 1 2 1 True True")
+        self.endpoint("pc1").send(Ether(src=MACS["pc1"], dst=MACS["pc2"]) / IP(src="10.0.10.77", dst="10.0.10.1") / UDP())
+        self.wait("the guard's hour", lambda: [row for row in json.loads(self.ctl("status --json"))["refused-last-hour"] if row["reason"] == "guard-ipv4" and row["interface"] == "swp1"])
 
     def test_file(self):
         path, error = f"{self.switch.directory}/dhcpsnoop.conf", "dhcpsnoop.conf:1: there is no setting 'max-user'"

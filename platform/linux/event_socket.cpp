@@ -12,6 +12,7 @@
 #include "dhcpsnoop_cmd.h"
 #include "facts.h"
 #include "guard.h"
+#include "guard_hour.h"
 #include "platform.h"
 #include "redundancy.h"
 #include "report.h"
@@ -167,6 +168,7 @@ int32_t platform_event_group_join(int sock, uint32_t group)
     refresh();
     follow_guard();
     stay_readable(sock);
+    guard_hour_start();
     redundancy_event_socket(sock);
     config_begin(sock, ask_core, facts_text);
     snapshot_start(config_runtime("bindings"), sock);

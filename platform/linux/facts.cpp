@@ -6,6 +6,7 @@
 
 #include "clock.h"
 #include "dhcpsnoop.h"
+#include "guard_hour.h"
 #include "list.h"
 
 namespace platform_linux
@@ -53,7 +54,7 @@ std::string facts_text()
     number("frames-lost", framesLost);
     for (const DhcpsnoopServer *server : list_each<DhcpsnoopServer>(&gDhcpsnoop.serverList))
         text += "server " + server_text(*server) + "\n";
-    return text;
+    return text + guard_hour_text();
 }
 
 } // namespace platform_linux

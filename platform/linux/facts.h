@@ -11,6 +11,7 @@ namespace platform_linux
 //   version TEXT, uptime SECONDS, bindings N, interfaces N    room of the tables
 //   frames N, frames-lost N                                   lost: the packet sockets were full
 //   server ADDRESS INDEX VLAN                                 each learned server
+//   guard-hour REASON COUNT PLACE                             as guard_hour.h says
 std::string facts_text();
 
 } // namespace platform_linux

@@ -1,12 +1,11 @@
 #include "refusals.h"
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
 #include <mutex>
-#include <net/if.h>
 
+#include "hour_counts.h"
 #include "report.h"
 
 namespace platform_linux
@@ -15,7 +14,6 @@ namespace
 {
 
 constexpr Ticks MINUTE = 60'000;
-constexpr int64_t HOUR = 60; // minutes
 
 struct Text {
     const char *name, *remedy;
@@ -36,87 +34,18 @@ constexpr Text TEXTS[] = {
 // clang-format on
 static_assert(std::size(TEXTS) == REFUSALS);
 
-using Name = std::array<char, IFNAMSIZ>;
-
-// Refusals of one minute, counted from the machine's start.
-struct Minute {
-    int64_t number;
-    uint32_t count;
-};
-
-struct Place {
-    Name name;
-    Refused reason;
-    uint64_t total; // 0: free
-    int64_t latest; // minute
-    std::array<Minute, HOUR> minutes;
-
-    void add(Minute minute)
-    {
-        Minute &at = minutes[static_cast<size_t>(minute.number % HOUR)];
-        if (at.number < minute.number)
-            at = {minute.number, 0};
-        at.count += at.number == minute.number ? minute.count : 0;
-        total += minute.count;
-        latest = std::max(latest, minute.number);
-    }
-
-    uint32_t hour(int64_t now) const
-    {
-        uint32_t sum = 0;
-        for (const Minute &minute : minutes)
-            sum += now - minute.number < HOUR ? minute.count : 0;
-        return sum;
-    }
-};
-
 // A reason's next line.
 struct Line {
     Ticks due; // not before
     uint64_t count;
-    Name name;
+    PlaceName name;
     bool elsewhere; // too
 };
 
 std::mutex mutex; // of all below
-std::array<Place, REFUSAL_PLACES> places;
-std::array<Place, REFUSALS> others;
+HourCounts counts(REFUSALS);
 std::array<Line, REFUSALS> lines;
 std::atomic<bool> unsaid = false; // some line has a count
-
-Name name_of(const char *text)
-{
-    Name name = {};
-    strncpy(name.data(), text[0] != 0 ? text : REFUSAL_NO_PLACE, name.size() - 1);
-    return name;
-}
-
-// Those that have no room of their own.
-void merge(const Place &place)
-{
-    Place &into = others[static_cast<size_t>(place.reason)];
-    into.name = name_of(REFUSAL_ELSEWHERE);
-    into.reason = place.reason;
-    const uint64_t total = into.total + place.total;
-    for (const Minute &minute : place.minutes)
-        into.add(minute);
-    into.total = total;
-}
-
-Place &place_of(Refused reason, const Name &name)
-{
-    Place *oldest = places.data(); // or free
-    for (Place &place : places) {
-        if (place.total != 0 && place.reason == reason && place.name == name)
-            return place;
-        if (place.latest < oldest->latest)
-            oldest = &place;
-    }
-    if (oldest->total != 0)
-        merge(*oldest);
-    *oldest = {name, reason, 0, 0, {}};
-    return *oldest;
-}
 
 void log_due(Ticks now)
 {
@@ -140,8 +69,8 @@ void log_due(Ticks now)
 void refusal_count(Refused reason, const char *where, Ticks now, uint32_t number)
 {
     const std::scoped_lock lock(mutex);
-    const Name name = name_of(where);
-    place_of(reason, name).add({now / MINUTE, number});
+    const PlaceName name = place_name(where);
+    counts.add(static_cast<size_t>(reason), name, now, number);
     Line &line = lines[static_cast<size_t>(reason)];
     line.elsewhere = line.elsewhere || (line.count != 0 && line.name != name);
     line.name = name;
@@ -161,15 +90,8 @@ std::vector<RefusalCount> refusals(Ticks now)
 {
     const std::scoped_lock lock(mutex);
     std::vector<RefusalCount> found;
-    for (size_t reason = 0; reason < REFUSALS; reason++) {
-        const auto add = [&](const Place &place) {
-            if (place.total != 0 && static_cast<size_t>(place.reason) == reason)
-                found.push_back({TEXTS[reason].name, TEXTS[reason].remedy, place.name.data(), place.total,
-                                 place.hour(now / MINUTE)});
-        };
-        std::ranges::for_each(places, add);
-        add(others[reason]);
-    }
+    for (const auto &[reason, place, total, lastHour] : counts.all(now))
+        found.push_back({TEXTS[reason].name, TEXTS[reason].remedy, place, total, lastHour});
     return found;
 }
 

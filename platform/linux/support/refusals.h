@@ -27,10 +27,6 @@ enum class Refused : uint8_t {
 };
 constexpr size_t REFUSALS = 9;
 
-constexpr size_t REFUSAL_PLACES = 64;               // those refused last
-constexpr const char *REFUSAL_NO_PLACE = "-";       // of none in particular
-constexpr const char *REFUSAL_ELSEWHERE = "others"; // places beyond REFUSAL_PLACES
-
 struct RefusalCount {
     const char *reason, *remedy; // "bindings-full"; a sentence for the operator
     std::string place;
