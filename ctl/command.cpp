@@ -75,6 +75,8 @@ constexpr Command COMMANDS[] = {
      "install bindings in the hardware; a change installs or withdraws all of them"},
     {"enterprise-number", "N", changeEnterpriseNumber, false,
      "IANA private enterprise number put into options 82, 125 and 37"},
+    {"protection", "strict|as-asked", changeProtection, false,
+     "whether bindings are protected from other hosts' messages"},
     {"binding add", BINDING_VALUES, bindingAdd, false,
      "create a static binding; in force unless unbound; --force: of a VLAN that the port is not in too"},
     {"binding bind", "ADDRESS", bindingBind, false,

@@ -90,6 +90,7 @@ ExitStatus applyConfig(const Context &, std::span<const std::string>);
 ExitStatus confirmConfig(const Context &, std::span<const std::string>);
 ExitStatus reloadConfig(const Context &, std::span<const std::string>);
 ExitStatus saveConfig(const Context &, std::span<const std::string>);
+ExitStatus changeProtection(const Context &, std::span<const std::string>);
 
 // refusals.cpp, redundancy.cpp
 ExitStatus showRefusals(const Context &, std::span<const std::string>);

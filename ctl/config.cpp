@@ -15,9 +15,11 @@
 #include "binding_view.h"
 #include "command.h"
 #include "cut_off.h"
+#include "facts_view.h"
 #include "fd.h"
 #include "guard_view.h"
 #include "own_dhcp.h"
+#include "protection.h"
 #include "reconcile.h"
 #include "running.h"
 #include "switch_model.h"
@@ -154,6 +156,14 @@ Differences differences(const File &file, const Context &context)
 {
     const Daemon &daemon = context.daemon;
     Differences all = reconcile_globals(file.config, daemon, Make::no);
+    const Source source = {Rank::name, file.config.protectionLine};
+    if (const std::string now = readFacts(demandConfig("status"))["protection"],
+        wanted = protection_word(file.config.protectionIsStrict);
+        now != wanted)
+        all.push_back({
+            {"protection", now},
+            wanted, source, ""
+        });
     const auto add = [&all](const Differences &more) { all.insert(all.end(), more.begin(), more.end()); };
     for (const PortId &port : ports(file.config))
         add(reconcile_port(file.config, daemon, port, Make::no));
@@ -475,6 +485,15 @@ ExitStatus saveConfig(const Context &context, std::span<const std::string>)
     parsed(path, text);
     writeFile(path, text);
     context.err << demandConfig("reload");
+    return EXIT_DONE;
+}
+
+ExitStatus changeProtection(const Context &, std::span<const std::string> arguments)
+{
+    if (arguments.size() != 1 ||
+        (arguments[0] != protection_word(true) && arguments[0] != protection_word(false)))
+        throw UsageError("protection takes strict or as-asked");
+    demandConfig("protection " + arguments[0]);
     return EXIT_DONE;
 }
 

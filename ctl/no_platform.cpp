@@ -35,3 +35,4 @@ ExitStatus applyConfig(const Context &, std::span<const std::string>) { refuse()
 ExitStatus confirmConfig(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus reloadConfig(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus saveConfig(const Context &, std::span<const std::string>) { refuse(); }
+ExitStatus changeProtection(const Context &, std::span<const std::string>) { refuse(); }

@@ -76,11 +76,12 @@ struct World {
     std::optional<std::string> hostname;
     std::map<uint32_t, uint32_t> hwScalars; // qorHwScalarGet; 53: 0 = master, 54: 0 = slave, 1 when not here
     uint32_t selfSystem = 1;
-    std::map<uint32_t, WorldGuard> ipsg, dai; // by interface index
-    uint32_t newHwId = 0;                     // the hardware writes it into a record that it installs, and one more for ARP inspection; 0: it does not
-    std::optional<Bytes> bootFile, option125; // what the auto-provisioning hook fills in
-    std::optional<uint32_t> hookLength;       // instead of the filled lengths
-    uint8_t trunkMembers = 1;                 // that qorIfGetApi 65536285 finds
+    std::map<uint32_t, WorldGuard> ipsg, dai;                 // by interface index
+    uint32_t newHwId = 0;                                     // the hardware writes it into a record that it installs, and one more for ARP inspection; 0: it does not
+    std::optional<Bytes> bootFile, option125;                 // what the auto-provisioning hook fills in
+    std::optional<uint32_t> hookLength;                       // instead of the filled lengths
+    uint8_t trunkMembers = 1;                                 // that qorIfGetApi 65536285 finds
+    int32_t (*judge)(const DhcpsnoopPktInfo *info) = nullptr; // of messages; null: all go on
 
     // ---- the kernel's side
     std::deque<WorldArrival> arrivals[2];         // by data socket: 0 the first one that is asked (IPv4), 1 IPv6

@@ -13,6 +13,7 @@
 #include "config_thread.h"
 #include "desired_state.h"
 #include "guard.h"
+#include "judgement.h"
 #include "logging.h"
 #include "platform.h"
 #include "redundancy.h"
@@ -126,7 +127,8 @@ int platform_linux_prepare(const Options &options, Room &room)
 //   switch model                   switch_model.cpp: a dump of the kernel's links
 //   guard                          guard.cpp, trap.cpp, bindings.cpp: first to watch the model
 //   subscribers                    subscribers.cpp
-//   redundancy                     redundancy.cpp: second to watch the model; its thread runs from here on
+//   judge                          judgement.cpp: its thread runs from here on
+//   redundancy                     redundancy.cpp: second to watch the model; a thread of its own
 //
 // The first two before the daemon's start-up (platform_linux_prepare). The event socket (event_socket.cpp)
 // follows when the daemon joins its groups and watches the model last: the classifier stands on a port before
@@ -146,6 +148,8 @@ int platform_linux_start()
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
+    if (!judgement_start(roomOfPools.bindings))
+        return EXIT_FAILURE;
     return redundancy_start(redundancy, roomOfPools.bindings) ? 0 : EX_CONFIG;
 }
 

@@ -1,5 +1,5 @@
 // The four socket operations on the switch's own kernel, which attaches the packet information to every frame
-// itself and has all of the event groups.
+// itself and has all of the event groups; and its word on DHCP messages.
 #include "platform.h"
 
 #include <linux/netlink.h>
@@ -26,3 +26,6 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
 {
     return recvfrom(sock, buffer, size, 0, from, fromLength);
 }
+
+// The switch's own features protect bindings: go on.
+int32_t platform_message_judge(const DhcpsnoopPktInfo *) { return 0; }

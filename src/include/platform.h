@@ -113,4 +113,10 @@ int32_t platform_event_group_join(int sock, uint32_t group);
 // One datagram of events in the switch's numbering, as recvfrom.
 ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr *from,
                             socklen_t *fromLength);
+
+// Asked about each DHCP message, parsed and of a version that its interface snoops, before its path is taken.
+// 0: go on. Anything else: it is dropped without a trace in the tables. A platform that protects bindings
+// from other hosts may put the entry of an address right before it answers. The switch answers "go on",
+// always.
+int32_t platform_message_judge(const DhcpsnoopPktInfo *info);
 }

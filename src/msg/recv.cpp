@@ -70,6 +70,10 @@ void dhcpsnoop_recv(DhcpsnoopRxPkt *rxpkt)
         info.ifp->ifIndex, info.cvlan, info.svlan, info.rxLen, info.frameLen);
     debug_dump(info.frame, info.rxLen);
     info.rxTime = static_cast<uint32_t>(time(nullptr));
+    if (platform_message_judge(&info) != 0) {
+        DEBUG_TRACE("[DHCPSNOOP] The platform refuses the message, stop process!\r\n");
+        return;
+    }
 
     if (info.ethType == ETHER_TYPE_IPV6)
         dhcp6_dispatch(&info);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <set>
 
+#include "protection.h"
 #include "protocol.h"
 
 namespace platform_linux
@@ -136,6 +137,17 @@ uint16_t take_room(const std::string &what, Rest words)
     return static_cast<uint16_t>(parseRange(what, words[0], 1, ROOM_MAX));
 }
 
+void take_protection(uint32_t line, Rest words, Config &config)
+{
+    const auto is = [&words](bool isStrict) {
+        return words.size() == 1 && words[0] == protection_word(isStrict);
+    };
+    if (!is(true) && !is(false))
+        throw UsageError("expected: protection strict|as-asked");
+    config.protectionIsStrict = is(true);
+    config.protectionLine = line;
+}
+
 constexpr const char *MODEL_WORDS[] = {"port", "system", "role"};
 constexpr const char *REDUNDANCY_WORDS[] = {"listen",    "connect", "certificate", "key",
                                             "authority", "peer",    "journal"};
@@ -163,6 +175,8 @@ void take_line(const ConfLine &conf, Config &config)
         config.bindings = take_room(word, rest);
     else if (word == "interfaces")
         config.interfaces = take_room(word, rest);
+    else if (word == "protection")
+        take_protection(conf.number, rest, config);
     else if (const Setting *setting = findSetting(GLOBAL_SCOPE, word);
              setting != nullptr && canBeSet(*setting) && setting->kind != Kind::Clear)
         config.globals.push_back({conf.number, setting, parseValue(*setting, rest)});

@@ -10,6 +10,7 @@
 //   guard interface swp1 ip mac       the guard of ports or of a VLAN (guard vlan 10 ip mac)
 //   binding 10.0.0.9 mac 02:00:00:00:00:01 vlan 10 interface swp3
 //   server-learning on                a setting of the switch
+//   protection strict                 whether bindings are protected from other hosts (strict, as-asked)
 //   bindings 4096, interfaces 256     room
 //   port, vlan N interface NAME, system, role              the switch model (switch_conf.h)
 //   listen, connect, certificate, key, authority, peer, journal    redundancy (redundancy_conf.h)
@@ -98,6 +99,8 @@ struct Config {
     std::vector<BindingLine> bindingLines;
     std::map<UserKey, uint32_t> lineOfBinding; // the same by address: a file has room for thousands
     uint16_t bindings = 0, interfaces = 0;     // 0: not said
+    uint32_t protectionLine = 0;               // 0: not said, strict
+    bool protectionIsStrict = true;
     SwitchConf model;
     RedundancyConf redundancy;
 

@@ -15,6 +15,7 @@
 #include "fd.h"
 #include "guard.h"
 #include "model.h"
+#include "protection.h"
 #include "reconcile.h"
 #include "report.h"
 #include "wake.h"
@@ -115,6 +116,7 @@ std::string make_all(const Config &before)
     model_hosts(hosts);
     protect_bridges();
     const bool inspected = guard_is_inspecting();
+    protectionIsStrict = config.protectionIsStrict;
     Failures wrong(config);
     wrong.add(reconcile_globals(config, *core, Make::yes));
     for (const auto &[ifIndex, port] : model_ports()) {
@@ -235,17 +237,27 @@ std::string confirm()
     return "ok\n";
 }
 
+std::string protect(const std::string &word)
+{
+    for (const bool isStrict : {true, false})
+        if (word == protection_word(isStrict)) {
+            protectionIsStrict = isStrict;
+            return "ok\n";
+        }
+    return "unknown request\n";
+}
+
 std::string status()
 {
-    return std::string("ok\nfile ") + savedPath + "\n" + (active ? "" : "absent\n") +
-           (previous ? "unconfirmed\n" : "");
+    return std::string("ok\nfile ") + savedPath + "\nprotection " + protection_word(protectionIsStrict) +
+           "\n" + (active ? "" : "absent\n") + (previous ? "unconfirmed\n" : "");
 }
 
 // Of the client or a signal: "reload", "apply SECONDS" (0: for good) of the candidate, "confirm", "revert",
-// "status", "facts". The answer begins with "ok", or says what is wrong.
+// "status", "facts", "protection strict" or "as-asked". The answer begins with "ok", or says what is wrong.
 std::string handle(const std::string &request)
 {
-    constexpr std::string_view APPLY = "apply ";
+    constexpr std::string_view APPLY = "apply ", PROTECTION = "protection ";
     try {
         if (request == "reload")
             return reload();
@@ -257,6 +269,8 @@ std::string handle(const std::string &request)
             return status();
         if (request == "facts")
             return status() + facts();
+        if (request.starts_with(PROTECTION))
+            return protect(request.substr(PROTECTION.size()));
         if (request.starts_with(APPLY))
             return apply(std::chrono::seconds(parseRange("seconds", request.substr(APPLY.size()), 0, 86400)));
         return "unknown request\n";

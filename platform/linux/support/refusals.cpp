@@ -30,6 +30,9 @@ constexpr Text TEXTS[] = {
     {"flood-limit", "replies to unknown clients reach the first 64 ports of the VLAN only: let its ports snoop instead of its interface"},
     {"untrusted-server", "a DHCP server answered on a port that is not trusted: find it, or say 'interface IF trust on'"},
     {"client-checks", "a client's messages contradict its Ethernet source or its binding: find it, or see source-mac-check and binding-check"},
+    {"binding-theft", "a host claims an address that another one holds: find it; for hosts that share an address see 'protection' in dhcpsnoopctl(8)"},
+    {"ambiguous", "a client's messages name a type or an address twice, or hide options: find it, or see 'protection' in dhcpsnoopctl(8)"},
+    {"stray-reply", "a server's reply belongs to no client that asked, and would change another's binding: it is dropped, clients ask again"},
 };
 // clang-format on
 static_assert(std::size(TEXTS) == REFUSALS);

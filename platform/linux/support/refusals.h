@@ -24,8 +24,11 @@ enum class Refused : uint8_t {
     floodLimit,     // a VLAN has more ports than a flood reaches
     untrusted,      // a server's message came in on a port without trust
     clientChecks,   // a client's message contradicts its Ethernet source or its binding
+    bindingTheft,   // a client's message claims an address or a transaction of another
+    ambiguous,      // a client's message means one thing to the daemon and another to a server
+    strayReply,     // a server's message would change a binding of a client that it does not answer
 };
-constexpr size_t REFUSALS = 9;
+constexpr size_t REFUSALS = 12;
 
 struct RefusalCount {
     const char *reason, *remedy; // "bindings-full"; a sentence for the operator

@@ -1,0 +1,82 @@
+// The judge of DHCP messages: it stands before the daemon's paths and lets no host take, end or move the
+// binding of another. A trusted server's word counts only for the client whose transaction it answers.
+//
+//   names a bound address                verdict
+//   its holder, at its place             passes
+//   another client                       is dropped, unless a server has offered it the address
+//   another client, with an offer        passes when the lease is over, else the holder is asked
+//   the same client elsewhere            passes when the holder's port is dead, else the holder is asked
+//
+// The holder is asked at its own port; the message is dropped meanwhile, because clients repeat. It passes
+// when nobody has answered. Nothing is allocated after the start, and no call waits. One thread.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "clock.h"
+#include "platform.h"
+#include "refusals.h"
+
+namespace platform_linux
+{
+
+using HostMac = std::array<uint8_t, 6>;
+
+// A port and a VLAN.
+struct HostPlace {
+    uint32_t ifIndex;
+    uint16_t vid;
+    bool operator==(const HostPlace &) const = default;
+};
+
+struct Host {
+    HostMac mac;
+    HostPlace place;
+};
+
+// A host that claims an address, or a transaction, of another.
+struct JudgedClaim {
+    DhcpsnoopUserKey address; // ipType 0: none
+    Host claimant, holder;
+};
+
+constexpr size_t JUDGE_QUESTIONS = 64; // to holders, at a time
+
+enum class Answer : uint8_t { awaited, heard, silent };
+
+// What the judge needs besides the daemon's tables.
+class JudgeSwitch
+{
+  public:
+    virtual ~JudgeSwitch() = default;
+    // Whether a host can be there: the port is up and in the VLAN.
+    virtual bool is_alive(const HostPlace &place) const = 0;
+    // Asks the claim's holder for the address. `number` is below JUDGE_QUESTIONS, and may have been used.
+    virtual void ask(size_t number, const JudgedClaim &claim) = 0;
+    virtual Answer answer(size_t number) const = 0;
+    virtual void refuse(Refused reason, const JudgedClaim &claim) = 0;
+    virtual Ticks now() const = 0;
+};
+
+class Judge
+{
+  public:
+    // `bindings` is the daemon's room; the seed is a secret of this process.
+    Judge(JudgeSwitch &around, uint32_t bindings, uint64_t seed);
+    ~Judge();
+    Judge(const Judge &) = delete;
+    Judge &operator=(const Judge &) = delete;
+
+    // As platform_message_judge. May put the binding of an acknowledged address right.
+    bool passes(const DhcpsnoopPktInfo &info);
+    void forget(); // everything
+
+  private:
+    class Records;
+    std::unique_ptr<Records> records_;
+};
+
+} // namespace platform_linux

@@ -1,0 +1,75 @@
+#include "transactions.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace platform_linux
+{
+
+Transactions::Transactions(uint32_t count) : nodes_(count), buckets_(std::bit_ceil(count * 2)) { clear(); }
+
+void Transactions::clear()
+{
+    std::ranges::fill(buckets_, NONE);
+    groups_.fill({});
+    free_ = NONE;
+    for (uint32_t i = 0; i < nodes_.size(); i++) {
+        nodes_[i].chain = free_;
+        free_ = i;
+    }
+}
+
+uint32_t Transactions::find_node(uint64_t id)
+{
+    uint32_t node = bucket(id);
+    for (uint32_t i = 0; i < CHAIN_MAX && node != NONE; i++, node = nodes_[node].chain)
+        if (nodes_[node].transaction.id == id)
+            return node;
+    return NONE;
+}
+
+Transaction *Transactions::find(uint64_t id)
+{
+    const uint32_t node = find_node(id);
+    return node != NONE ? &nodes_[node].transaction : nullptr;
+}
+
+void Transactions::remove(uint32_t node)
+{
+    const Node &gone = nodes_[node];
+    uint32_t *link = &bucket(gone.transaction.id);
+    while (*link != node)
+        link = &nodes_[*link].chain;
+    *link = gone.chain;
+    Group &group = groups_[gone.transaction.host.place.ifIndex % GROUPS];
+    (gone.older != NONE ? nodes_[gone.older].newer : group.oldest) = gone.newer;
+    (gone.newer != NONE ? nodes_[gone.newer].older : group.newest) = gone.older;
+    group.count--;
+    nodes_[node].chain = free_;
+    free_ = node;
+}
+
+uint32_t Transactions::take_free()
+{
+    if (free_ == NONE)
+        remove(std::ranges::max_element(groups_, {}, &Group::count)->oldest);
+    const uint32_t node = free_;
+    free_ = nodes_[node].chain;
+    return node;
+}
+
+void Transactions::put(const Transaction &transaction)
+{
+    if (const uint32_t before = find_node(transaction.id); before != NONE)
+        remove(before);
+    const uint32_t node = take_free();
+    Group &group = groups_[transaction.host.place.ifIndex % GROUPS];
+    uint32_t &first = bucket(transaction.id);
+    nodes_[node] = {transaction, first, group.newest, NONE};
+    first = node;
+    (group.newest != NONE ? nodes_[group.newest].newer : group.oldest) = node;
+    group.newest = node;
+    group.count++;
+}
+
+} // namespace platform_linux

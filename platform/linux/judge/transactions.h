@@ -1,0 +1,57 @@
+// The transactions of clients that wait for a server, found by their identity. When the table is full, the
+// oldest gives way of the ports that share most of it: a port that floods loses its own.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "judge.h"
+
+namespace platform_linux
+{
+
+struct Transaction {
+    uint64_t id;       // of family, transaction id and client
+    uint64_t clientId; // DUID, or client identifier (option 61); 0 = none
+    Ticks seen;
+    Host host;
+    uint32_t interface;           // that the message is attributed to
+    uint32_t serverId, vendorTag; // of its latest message, as a binding keeps them
+    uint32_t type;                // of its latest message
+    bool ipv6, trusted, rapid;    // it came in on a trusted port; with rapid commit
+};
+
+class Transactions
+{
+  public:
+    explicit Transactions(uint32_t count);
+
+    Transaction *find(uint64_t id);
+    // As the newest, in place of the earlier one of that identity.
+    void put(const Transaction &transaction);
+    void clear();
+
+  private:
+    static constexpr uint32_t NONE = UINT32_MAX;
+    static constexpr uint32_t GROUPS = 64, CHAIN_MAX = 64;
+    struct Node {
+        Transaction transaction;
+        uint32_t chain, older, newer; // nodes
+    };
+    struct Group {
+        uint32_t oldest = NONE, newest = NONE, count = 0;
+    };
+
+    uint32_t &bucket(uint64_t id) { return buckets_[id & (buckets_.size() - 1)]; }
+    uint32_t find_node(uint64_t id);
+    uint32_t take_free();
+    void remove(uint32_t node);
+
+    std::vector<Node> nodes_;
+    std::vector<uint32_t> buckets_;
+    std::array<Group, GROUPS> groups_; // by port
+    uint32_t free_;                    // chained
+};
+
+} // namespace platform_linux
