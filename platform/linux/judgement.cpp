@@ -78,6 +78,10 @@ class Surroundings : public JudgeSwitch
     {
         const HostPlace &place = claim.holder.place;
         const Port &port = *model_port(place.ifIndex); // is alive
+        if (port.kind == PortKind::host) {             // this machine, which is there
+            asker_.settle(number, Answer::heard);
+            return;
+        }
         const bool tagged = !port.routed && !port.untagged[place.vid];
         AskPort asking = {{}, port.tpid, tagged ? place.vid : uint16_t{0}};
         std::copy_n(port.mac, asking.mac.size(), asking.mac.begin());

@@ -60,6 +60,13 @@ void Asker::ask(size_t number, const JudgedClaim &claim, const AskFrame &frame)
     [[maybe_unused]] const ssize_t written = write(wakeup_.get(), &one, sizeof one); // full is awake too
 }
 
+void Asker::settle(size_t number, Answer answer)
+{
+    const std::scoped_lock lock(mutex_);
+    slots_[number].isNew = false;
+    slots_[number].answer = answer;
+}
+
 bool Asker::open(Slot &slot)
 {
     constexpr int on = 1;

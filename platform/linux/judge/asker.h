@@ -25,6 +25,8 @@ class Asker
 
     // From the daemon's thread; neither waits.
     void ask(size_t number, const JudgedClaim &claim, const AskFrame &frame);
+    // Without asking.
+    void settle(size_t number, Answer answer);
     Answer answer(size_t number) const { return slots_[number].answer; }
 
   private:
