@@ -11,14 +11,22 @@ frames of the same length), in bursts, so that the subject never waits for one; 
 What is compared is the processor time of a frame, because the rates of a machine move from minute to minute. "of loop" is
 the loop's time in the same round over the subject's own. Every figure is the median of the rounds. "own KiB" is what is
 resident of the process and of no file.
+
+A second table is of large tables: the milliseconds from a command to its last line, the client's processor time in them, and
+the longest time of a frame at 5,000 a second, alone and while the daemon is asked for all its bindings ten times. The asker
+takes the file and reads none of it, because a client's work on the processor of the traffic would count too. On a busy machine
+compare the two.
 """
 
 import argparse
+import concurrent.futures
 import json
 import os
+import socket
 import statistics
 import subprocess
 import sys
+import time
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 ROOT = os.path.dirname(HERE)
@@ -30,6 +38,7 @@ import lab  # noqa: E402
 CLIENT_SIDE, SERVER_SIDE = "swp1", "swp2"  # the switch's ports
 CLIENTS, SERVERS = "clients", "servers"  # their other ends
 PACE = 5000  # frames a second, far below what any subject can do
+LARGE = 32768  # bindings from which lists are measured
 MOST = 65535  # entries that the daemon can have
 GIADDR, RELAY_SIDE, SERVER = "10.1.0.1", "10.2.0.1", "10.2.0.2"
 
@@ -166,11 +175,43 @@ class Bench:
             result["rate"] = result["forwarded"] / result["seconds"] if result["seconds"] else 0
             result["paced"] = self.traffic(*arguments, "--rate", PACE)
             result.update(memory_kib(pid))
+            if isinstance(subject, Daemon) and subject.bindings >= LARGE:
+                result["lists"] = self.lists(*arguments, "--rate", PACE)
             if not subject.process.running():
                 raise lab.Failure(f"{subject.name} ended\n{subject.process.log()}")
             subject.rounds.append(result)
         finally:
             subject.stop(self)
+
+    def lists(self, *paced):
+        """Milliseconds of commands, and of the frame that waited longest."""
+        def took(*words):
+            begin = time.monotonic()
+            self.switch.run(self.switch.binary("dhcpsnoopctl"), "show", "bindings", *words)
+            return (time.monotonic() - begin) * 1000
+
+        def children():
+            used = os.times()
+            return (used.children_user + used.children_system) * 1000
+
+        def ask():
+            with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
+                client.connect("/run/dhcpsnoop/platform.bindings")
+                client.send(b"bindings")
+                for file in socket.recv_fds(client, 100, 1)[1]:
+                    os.close(file)
+
+        few = self.switch.show("bindings")[0]["address"] + "/29"
+        before = children()
+        result = {"table": took(), "cpu": children() - before, "json": took("--json"), "few": took(few), "count": took("--count")}
+        for name, asked in (("alone", 0), ("asked", 10)):
+            with concurrent.futures.ThreadPoolExecutor() as pool:
+                traffic = pool.submit(self.traffic, *paced)
+                for _ in range(asked):
+                    time.sleep(self.seconds / 12)
+                    ask()
+                result[name] = traffic.result()["max_us"] / 1000
+        return result
 
     def run(self, subjects):
         for number in range(self.rounds):
@@ -206,6 +247,15 @@ def table(subjects):
                f"{median(lambda r: r['paced']['p99_us']):.0f}",
                str(sum(r["lost"] + r["paced"]["lost"] for r in subject.rounds)),
                f"{median(lambda r: r['rss']):,.0f}", f"{median(lambda r: r['anonymous']):,.0f}")
+
+
+def lists_table(subjects):
+    columns = {"table": "ms", "cpu": "CPU ms", "json": "ms, --json", "few": "ms, a /29", "count": "ms, --count", "alone": "ms, longest frame",
+               "asked": "the same, asked"}
+    yield "show bindings", *columns.values()
+    for subject in subjects:
+        if "lists" in subject.rounds[0]:
+            yield str(subject.bindings), *(f"{subject.median(lambda r, name=name: r['lists'][name]):.1f}" for name in columns)
 
 
 def show(rows):
@@ -252,6 +302,8 @@ def main():
     else:
         print(f"{options.rounds} rounds of {options.seconds:g} s")
         show(table(subjects))
+        print()
+        show(lists_table(subjects))
 
 
 main()
