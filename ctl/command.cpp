@@ -371,6 +371,10 @@ Line parseLine(Words line)
     }
     if (!found.command)
         throwUnknown(plain, found);
+    constexpr Run TAKE_WORDS[] = {changeInterface, changeVlan, showHelp, complete}; // any
+    if (json && !found.command->shows &&
+        std::ranges::find(TAKE_WORDS, found.command->run) == std::end(TAKE_WORDS))
+        throw UsageError(std::string(found.command->words) + " takes no --json");
     const Words arguments = behind(plain, found.size);
     if (!*found.command->arguments && !arguments.empty())
         throw UsageError(std::string(found.command->words) + " takes nothing more, but there is '" +
@@ -411,10 +415,12 @@ Words completions(const Words &before, const Daemon &daemon)
 try {
     if (!before.empty() && (before[0] == VERBOSE || before[0] == "help"))
         return completions(behind(before, 1), daemon);
-    const auto &[command, size, next] = findRow(before);
+    Words plain = before;
+    std::erase(plain, "--json");
+    const auto &[command, size, next] = findRow(plain);
     if (!command)
-        return size == before.size() ? next : Words{};
-    const Words given = behind(before, size);
+        return size == plain.size() ? next : Words{};
+    const Words given = behind(plain, size);
     if (command->run == changeInterface)
         return settingWords(INTERFACE_SCOPE, given, daemon);
     if (command->run == changeVlan)

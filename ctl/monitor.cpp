@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <net/if.h>
 #include <ostream>
 #include <poll.h>
 #include <sys/socket.h>
@@ -374,6 +375,9 @@ class Monitor
 ExitStatus monitor(const Context &context, std::span<const std::string> arguments)
 {
     const BindingFilter wanted(arguments);
+    for (const std::string &name : wanted.names())
+        if (if_nametoindex(name.c_str()) == 0)
+            context.err << "dhcpsnoopctl: note: there is no interface " << quoted(name) << " yet\n";
     Monitor(context, wanted).run();
     return context.out ? EXIT_DONE : EXIT_REFUSED; // runClient judges the failed write
 }

@@ -132,9 +132,9 @@ class Bindings(labtest.LabTest):
 
         for claim, words, outcome in (
                 ("prefix", "10.0.10.0/24", "24+2*44: 2"), ("of the other family", "::/0", "24+1*44: 1"), ("ports and VLANs", "interface swp1,x* vlan 9-10", "24+2*44: 2"),
-                ("MAC, in words cut short", "ma 02:00:*:07", "24+1*44: 1"), ("type and state", "type static state bound", "24+1*44: 1"),
+                ("MAC, in words cut short", "ma 02:00:*:07", "24+1*44: 1"), ("MAC with dots", "mac 0200.*.0007", "24+1*44: 1"), ("two addresses", "::1 address ::2", "a binding has one address, and there are two: ::1 and ::2"), ("type and state", "type static state bound", "24+1*44: 1"),
                 ("number", "--count type static", "24+0*44: 2"), ("none", "state waiting", "24+0*44: 0"), ("number of all", "--count", "24+0*44: 3"),
-                ("no word", "mac 02:* vla", "show bindings: 'vla' lacks its value"), ("number elsewhere", "vlan 10 --count", "bindings cannot be chosen by '--count'"),
+                ("no word", "mac 02:* vla", "'vla' lacks its value"), ("number elsewhere", "vlan 10 --count", "bindings cannot be chosen by '--count' (say an address or prefix; or interface, vlan, mac, type or state, and its value)"),
                 ("wrong value", "10.0.10.0/33", "prefix length must be a number from 0 to 32, not '33'"),
                 ("long pattern", "mac " + 65 * "*", "a pattern of MAC addresses has at most 64 characters, not 65"),
                 ("most bytes", "interface " + 2026 * "x", f"'{2026 * 'x'}' is longer than a device name can be (15)"),

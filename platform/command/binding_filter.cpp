@@ -44,6 +44,24 @@ std::bitset<VLAN_ID_MAX + 1> parseVlans(const std::string &word)
     return vlans;
 }
 
+char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
+
+// "0200.0000.*" as "02:00:00:00*".
+std::string dottedPattern(const std::string &word)
+{
+    std::string pattern;
+    size_t digits = 0; // behind the last star
+    for (const char c : word) {
+        if (c == '.')
+            continue;
+        if (c != '*' && digits > 0 && digits % 2 == 0)
+            pattern += ':';
+        digits = c == '*' ? 0 : digits + 1;
+        pattern += lower(c);
+    }
+    return pattern;
+}
+
 // A pattern (glob(7)) is compared with the address as it is shown.
 std::string macPattern(const std::string &word)
 {
@@ -55,10 +73,11 @@ std::string macPattern(const std::string &word)
         throw UsageError("a pattern of MAC addresses has at most " + std::to_string(PATTERN_MAX) +
                          " characters, not " + std::to_string(word.size()));
     const bool hasRange = word.find('[') != std::string::npos; // in which a dash is no separator
+    if (!hasRange && word.find('.') != std::string::npos)
+        return dottedPattern(word);
     std::string pattern;
     for (const char c : word)
-        pattern +=
-            c == '-' && !hasRange ? ':' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        pattern += c == '-' && !hasRange ? ':' : lower(c);
     return pattern;
 }
 
@@ -84,6 +103,9 @@ bool BindingFilter::takeAddress(const std::string &word)
         return false;
     }
     if (slash == std::string::npos) {
+        if (address_ && *address_ != key)
+            throw UsageError("a binding has one address, and there are two: " + userKeyText(*address_) +
+                             " and " + word);
         address_ = key;
         parts_.emplace_back(
             [key](const Binding &binding, const std::string &) { return binding.key == key; });
@@ -136,9 +158,11 @@ BindingFilter::BindingFilter(std::span<const std::string> words) : words_(words.
             continue;
         const auto key = meant(words[i], KEYS);
         if (!key)
-            throw UsageError("bindings cannot be chosen by '" + words[i] + "'" + suggestion(words[i], KEYS));
+            throw UsageError(
+                "bindings cannot be chosen by '" + words[i] + "'" + suggestion(words[i], KEYS) +
+                " (say an address or prefix; or interface, vlan, mac, type or state, and its value)");
         if (++i == words.size())
-            throw UsageError("show bindings: '" + words[i - 1] + "' lacks its value");
+            throw UsageError("'" + words[i - 1] + "' lacks its value");
         if (*key != "address")
             parts_.push_back(parse(*key, words[i]));
         else if (!takeAddress(words[i]))
