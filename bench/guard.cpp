@@ -1,6 +1,6 @@
 // What the guard costs a bridge: frames a second between two ports with the guard off and on, at 1,000 and at
-// 32,768 bindings whose sources come at random, and how long a binding takes to come and go. In namespaces of
-// its own; prints one JSON object.
+// 32,768 bindings whose sources come at random, and how long a binding takes to come and go; what a host port
+// costs the machine's own frames. In namespaces of its own; prints one JSON object.
 //
 //   bench_guard [ROUNDS]
 //
@@ -166,6 +166,25 @@ void compare(Kind kind, uint32_t bindings, uint32_t port, Link &link, const uint
         must(request(QOR_USER_DELETE, record), "delete");
 }
 
+// What this machine sends through its bridge, without a host port and with one that is trapped.
+void compare_host(uint32_t bridge, Link &link, const uint8_t *to, int rounds)
+{
+    const std::vector<Frame> frames = {frame_of(IPV4, record_of(IPV4, 1, bridge), to)};
+    std::vector<double> times[2];
+    size_t next = 0;
+    for (int i = 0; i < 2 * rounds; i++) {
+        const bool on = i % 2 != 0;
+        guard_port_host(bridge, on);
+        must(on ? guard_port_add(bridge, 1, PortVlans(2)) : 0, "host port");
+        must(on ? guard_trap_port(bridge, 4, true) : 0, "trap");
+        times[i % 2].push_back(send_block(link, frames, next));
+    }
+    guard_port_remove(bridge, 0);
+    guard_port_host(bridge, false);
+    printf("  \"from the host\": {\"off ns\": %.0f, \"on ns\": %.0f, \"cost ns\": %.0f},\n", fast(times[0]),
+           fast(times[1]), fast(times[1]) - fast(times[0]));
+}
+
 void time_updates(uint32_t bindings, uint32_t port)
 {
     std::vector<QorUserRecord> records;
@@ -226,6 +245,8 @@ int main(int argc, char **argv)
     for (const Kind kind : {IPV4, IPV6, ARP})
         for (const uint32_t bindings : {1000u, MOST})
             compare(kind, bindings, port, from, to.address(), rounds);
+    Link host("br0", NONE);
+    compare_host(if_nametoindex("br0"), host, to.address(), rounds);
     for (const uint32_t bindings : {0u, 1000u, MOST})
         time_updates(bindings, port);
     printf("}\n");

@@ -201,8 +201,15 @@ SEC("tc")
 int dhcpsnoop_host(struct __sk_buff *skb)
 {
     __u32 ifindex = skb->ifindex;
-    __u32 sender = (__u32)socket_of(skb);
+    OWN_WORDS __be16 type = 0;
 
+    if (!load(skb, ETH_HLEN - sizeof type, &type, sizeof type))
+        return TC_ACT_UNSPEC;
+    __u64 network = behind_tags(skb, bpf_ntohs(type));
+    __u32 kind = (__u32)kind_of(skb, network);
+    if (!(kind & (DHCP | UNCLEAR)))
+        return TC_ACT_UNSPEC;
+    __u32 sender = (__u32)socket_of(skb);
     if (sender == GUARD_SOCKET_V4 || sender == GUARD_SOCKET_V6)
         return (int)bpf_redirect(ifindex, BPF_F_INGRESS);
     const struct guard_port *port = bpf_map_lookup_elem(&guard_ports, &ifindex);
@@ -210,13 +217,6 @@ int dhcpsnoop_host(struct __sk_buff *skb)
         (port->left_until && bpf_ktime_get_boot_ns() >= port->left_until))
         return TC_ACT_UNSPEC;
     __u32 native = port->native;
-    OWN_WORDS __be16 type = 0;
-    if (!load(skb, ETH_HLEN - sizeof type, &type, sizeof type))
-        return TC_ACT_UNSPEC;
-    __u64 network = behind_tags(skb, bpf_ntohs(type));
-    __u32 kind = (__u32)kind_of(skb, network);
-    if (!(kind & (DHCP | UNCLEAR)))
-        return TC_ACT_UNSPEC;
     __u32 vid = network_of(network).vid;
     if (!vid)
         vid = native;

@@ -1,0 +1,99 @@
+#!/bin/sh
+# vlan_host.sh BUILD: this machine's own DHCP on br0.10 and br0.20 of a VLAN-aware bridge, which the kernel of the lab may not have.
+# For the emulated machine of scripts/test-kernel: everything stays. Each row is told as googletest tells it.
+build=$1
+export DHCPSNOOP_CONFIG=/run/conf
+mkdir -p /etc /run/conf /run/netns /var/lib/misc
+echo root:x:0:0::/:/bin/sh >/etc/passwd
+echo root:x:0: >/etc/group
+for name in accept_dad dad_transmits; do echo 0 >/proc/sys/net/ipv6/conf/default/$name; done
+
+inside() { ip netns exec "$@"; }
+ctl() { "$build"/ctl/dhcpsnoopctl "$@"; }
+wait_for() { for _ in $(seq 200); do eval "$1" && return; sleep 0.1; done; echo "never: $1"; }
+
+ip link add br0 type bridge vlan_filtering 1 vlan_default_pvid 0 mcast_snooping 0
+for host in pc10 pc20 rogue trunk; do
+    ip netns add $host
+    ip link add p-$host up type veth peer name eth0 netns $host
+    inside $host ip link set eth0 up
+    ip link set p-$host master br0
+done
+ip link set br0 up
+for vid in 10 20; do
+    bridge vlan add dev br0 vid $vid self
+    bridge vlan add dev p-trunk vid $vid
+    bridge vlan add dev p-rogue vid $vid
+    bridge vlan add dev p-pc$vid vid $vid pvid untagged
+    ip link add link br0 name br0.$vid up type vlan id $vid
+    inside trunk ip link add link eth0 name eth0.$vid up type vlan id $vid
+done
+ip link add link br0.10 name mv0 up type macvlan mode bridge
+inside rogue tc qdisc add dev eth0 clsact # counts requests
+for rule in ip:67 ipv6:547; do
+    inside rogue tc filter add dev eth0 ingress protocol 802.1q flower vlan_ethtype ${rule%:*} ip_proto udp dst_port ${rule#*:} action drop
+done
+
+# start LINE SERVER-NAMESPACE: a daemon with that line, and dnsmasq on both VLANs, here or there.
+start() {
+    echo "$1" >/run/conf/dhcpsnoop.conf
+    "$build"/dhcpsnoop >/run/daemon 2>&1 &
+    daemon=$! run= device=br0
+    [ -z "$2" ] || run="ip netns exec $2" device=eth0
+    for vid in 10 20; do
+        $run ip addr add 10.0.$vid.1/24 dev $device.$vid
+        $run ip addr add 2001:db8:$vid::1/64 dev $device.$vid
+    done
+    $run dnsmasq -k --conf-file=/dev/null --port=0 --bind-interfaces --interface=$device.10 --interface=$device.20 --no-ping --log-dhcp --user=root --group=root \
+        --log-facility=/run/server --pid-file= --dhcp-leasefile=/run/leases --dhcp-authoritative --dhcp-range=10.0.10.100,10.0.10.199,120 \
+        --dhcp-range=10.0.20.100,10.0.20.199,120 --dhcp-range=2001:db8:10::100,2001:db8:10::1ff,64,120 --dhcp-range=2001:db8:20::100,2001:db8:20::1ff,64,120 &
+    server=$!
+    wait_for 'tc filter show dev br0 egress | grep -q dhcpsnoop_host && ctl show ports 2>/dev/null | grep -q "^br0 .* both"'
+}
+
+# ask NAMESPACE DEVICE: a DHCPv4 and a DHCPv6 lease.
+ask() {
+    ${1:+ip netns exec $1} udhcpc -q -n -f -t 5 -T 2 -s /bin/true -i $2 >/dev/null 2>&1
+    ${1:+ip netns exec $1} timeout 20 dhclient -6 -1 -sf /bin/true -lf /run/l6 -pf /run/p6 -D LL $2 >/dev/null 2>&1
+    kill "$(cat /run/p6)"
+    rm -f /run/l6
+}
+
+# row NAME EXPECTED: the server's messages, each once; the bindings without MAC and lease; the requests at the rogue, the end and the release.
+row() {
+    heard=$(grep -oE ' DHCP[A-Z]+\([a-z0-9.]+\)' /run/server | sort | uniq -c | awk '{ print $1 $2 }' | xargs)
+    bound=$(ctl show bindings | awk 'NR > 1 { print $3 $4 $6 }' | sort | uniq -c | awk '{ print $1 "x" $2 }' | xargs)
+    kill $daemon $server
+    wait $daemon $server 2>/dev/null
+    rm /run/server
+    requests=$(inside rogue tc -s filter show dev eth0 ingress | awk '/Sent/ { sum += $4 } END { print sum }')
+    released=$(ctl platform release | grep -c '^br0: classifier removed')
+    left=$(for port in br0 p-trunk; do tc qdisc show dev $port clsact; done)
+    got="$heard | $bound | $requests $released $left"
+    [ "$got" = "$2" ] && echo "[       OK ] VlanHost.$1 (0 ms)" && return
+    printf '%s\n' "got      $got" "expected $2" "$(cat /run/daemon)" "[  FAILED  ] VlanHost.$1 (0 ms)"
+}
+
+# messages NUMBER DEVICE ...: those of so many DHCPv4 and DHCPv6 leases on a device. DHCPREQUEST is of both.
+messages() {
+    while [ $# -gt 0 ]; do
+        for kind in ACK ADVERTISE DISCOVER OFFER REPLY REQUEST REQUEST SOLICIT; do
+            for _ in $(seq "$1"); do echo "DHCP$kind($2)"; done
+        done
+        shift 2
+    done | sort | uniq -c | awk '{ print $1 $2 }' | xargs
+}
+
+start "bridge br0 host server" ""
+ask pc10 eth0
+ask pc20 eth0
+row Server "$(messages 1 br0.10 1 br0.20) | 2x10p-pc10bound 2x20p-pc20bound | 0 1 "
+
+for vid in 10 20; do
+    ip addr flush dev br0.$vid scope global
+done
+start "bridge br0 uplink p-trunk host client" trunk
+for device in br0.10 br0.20 mv0; do
+    ask "" $device
+done
+row Client "$(messages 2 eth0.10 1 eth0.20) | 4x10br0bound 2x20br0bound | 0 1 "
