@@ -173,6 +173,11 @@ Words CutOff::warnings(const GuardPlan &plan, const PortSnooping &snooping)
 {
     const std::string name = plan.port.name;
     Words found;
+    if (plan.port.kind == PortKind::host) {
+        if (plan.vid == 0 && (checks(plan.guard, DHCPSNOOP_IPV4) || checks(plan.guard, DHCPSNOOP_IPV6)))
+            found.push_back(name + " is this machine itself, and the guard stands at its ports alone");
+        return found;
+    }
     for (const uint32_t ipType : {DHCPSNOOP_IPV4, DHCPSNOOP_IPV6}) {
         if (!checks(plan.guard, ipType))
             continue;
