@@ -15,7 +15,7 @@ import isolate
 BUILD, MODE = os.path.realpath(sys.argv[1]), sys.argv[2]
 OUTSIDE_PID = isolate.enter([BUILD, os.path.dirname(os.path.realpath(__file__))])
 
-from lab import MACS, MODEL, PORTS, RELAY_ADDRESS, RELAY_SERVERS, RUN, Client, Failure, Lab, wait_for
+from lab import MACS, MODEL, PORTS, RELAY_ADDRESS, RELAY_SERVERS, RUN, Client, Failure, Host, Lab, Switch, wait_for
 from scapy.layers.inet import IP, UDP
 from scapy.layers.l2 import ARP, Ether
 from wire import BROADCAST, Capture, Endpoint, from_server, is_dhcp
@@ -24,6 +24,7 @@ ROGUE_ADDRESS, ROGUE_LEASE = "10.0.10.66", "10.0.10.250"
 ROGUE_REPLIES = 5  # of each kind
 GATEWAY, FORGED, FORGERIES = "10.0.10.1", "10.0.10.66", 5
 ASKED = 5  # times that pc1 asks for an address while the rogue server listens
+GUEST_ASKED = 3
 # The real server offers pc1 an address after a second, as one that first looks whether somebody has it: the rogue server is faster.
 SLOW_OFFER = (f"--dhcp-mac=set:pc1,{MACS['pc1']}", "--dhcp-reply-delay=tag:pc1,1")
 PROTECTION = ("bridge br0 uplink swp4", "bridge br0 guard ip mac port", "interface swp1 option82 on")
@@ -32,8 +33,8 @@ PROTECTION = ("bridge br0 uplink swp4", "bridge br0 guard ip mac port", "interfa
 class RogueServer:
     """Answers each DISCOVER and REQUEST that it hears before the real server does."""
 
-    def __init__(self, lab):
-        self.endpoint, self.ended = Endpoint(lab.rogue), threading.Event()
+    def __init__(self, host):
+        self.endpoint, self.ended = Endpoint(host), threading.Event()
         self.answers = {}
         for asked, kind in ((1, "offer"), (3, "ack")):
             frame = bytearray(bytes(from_server(kind, MACS["pc1"], ROGUE_ADDRESS, ROGUE_LEASE, source_mac=MACS["rogue"])))
@@ -57,15 +58,15 @@ class RogueServer:
         self.endpoint.socket.close()
 
 
-def rogue_leases(lab):
-    """pc1 asks, a rogue server listens: how often does the client believe it?"""
+def rogue_leases(client, rogue, times=ASKED):
+    """A client with pc1's MAC address asks, a rogue server listens: how often does the client believe it?"""
     servers = []
-    with RogueServer(lab):
-        for _ in range(ASKED):
-            asked = lab.pc1.run("udhcpc", "-f", "-n", "-q", "-t", "8", "-T", "1", "-i", "eth0", "-s", "/bin/true", check=False)
+    with RogueServer(rogue):
+        for _ in range(times):
+            asked = client.run("udhcpc", "-f", "-n", "-q", "-t", "8", "-T", "1", "-i", "eth0", "-s", "/bin/true", check=False)
             servers += re.findall(r"lease of \S+ obtained from ([^, ]+)", asked.stdout + asked.stderr)
-    if len(servers) != ASKED:
-        raise Failure(f"pc1 got {len(servers)} leases, not {ASKED}")
+    if len(servers) != times:
+        raise Failure(f"{client.name} got {len(servers)} leases, not {times}")
     return servers.count(ROGUE_ADDRESS)
 
 
@@ -173,18 +174,40 @@ def show(lab, words):
     print(f"\n$ dhcpsnoopctl show {words}\n{lab.switch.ctl(f'show {words}').stdout.rstrip()}")
 
 
+def serve_guests(lab):
+    """Another machine, whose own dnsmasq serves its guests on their bridge; guest2 plays server too. One daemon at a time."""
+    lab.switch.stop_daemon()
+    machine = lab.hosts["hypervisor"] = Switch("hypervisor", lab.build)
+    machine.bridge()
+    machine.ip(f"addr add {GATEWAY}/24 dev br0")
+    for guest, mac in (("guest1", MACS["pc1"]), ("guest2", MACS["rogue"])):
+        lab.hosts[guest] = Host(guest)
+        lab.hosts[guest].connect("eth0", mac, machine, f"vnet-{guest}")
+        machine.ip(f"link set vnet-{guest} up master br0")
+    lab.start_dnsmasq(machine, "--dhcp-authoritative", "--interface=br0", "--dhcp-range=10.0.10.100,10.0.10.199,120", *SLOW_OFFER)
+    won = rogue_leases(lab.guest1, lab.guest2, GUEST_ASKED)
+    machine.configure("bridge br0 host server")
+    machine.start_daemon()
+    lost = rogue_leases(lab.guest1, lab.guest2, GUEST_ASKED)
+    print(f"\nA hypervisor whose dnsmasq serves on its own bridge, beside a guest that plays server: guest1 takes {won} of {GUEST_ASKED} leases from "
+          f"that guest.\nWith the line 'bridge br0 host server' it takes {lost} of {GUEST_ASKED}.")
+    machine.stop_daemon()
+    if lost or not won:
+        raise Failure("the guest should win without the daemon, and lose with it")
+
+
 def demo(lab):
     print("The switch and who is on it:")
     for port, model, host in PORTS:
         print(f"  {port}  {model:<20}  {'relay1, relay2' if host == 'core' else host}")
-    won = rogue_leases(lab)
+    won = rogue_leases(lab.pc1, lab.rogue)
     print(f"\nA plain bridge, and a rogue server on swp5: pc1 asks {ASKED} times and takes {won} leases from the rogue.")
     print("\nThree lines in dhcpsnoop.conf:")
     for line in PROTECTION:
         print(f"  {line}")
     lab.switch.configure(*MODEL, *PROTECTION)
     lab.switch.start_daemon()
-    lost = rogue_leases(lab)
+    lost = rogue_leases(lab.pc1, lab.rogue)
     print(f"pc1 asks {ASKED} times again and takes {lost} leases from the rogue.")
     if lost or not won:
         raise Failure("the rogue server should win on a plain bridge, and lose behind the daemon")
@@ -205,6 +228,8 @@ def demo(lab):
     show(lab, "interface swp5")
     forge_sources(lab)
     show(lab, "guard")
+    if MODE != "shell":
+        serve_guests(lab)
     print(f"\nVerdict: leases from the rogue server: {won} of {ASKED} on the plain bridge, {lost} of {ASKED} with the daemon. "
           f"Forged packets and ARP replies that passed: 0 of {2 * FORGERIES}.")
 
