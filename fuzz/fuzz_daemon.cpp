@@ -1,7 +1,8 @@
 // The daemon in the tests' fake world. An input's first byte picks one of 256 states with full tables; then each step is a frame, a
 // request, a datagram of events, a packet from the peer unit, or something that the switch or the clock does. After every step the
 // tables must be whole, what was sent must have true headers, and no buffer may have been left or, where that is not allowed, written to.
-// And the daemon may not have allocated anything.
+// And the daemon may not have allocated anything. Before a guarded daemon stands the judge of the Linux platform: every holder that it
+// asks is there, so no frame may move a binding, or end one of another port.
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include "dhcpsnoop_sync.h"
 #include "event_message.h"
 #include "input.h"
+#include "judge.h"
 #include "management.h"
 #include "steps.h"
 #include "user_index.h"
@@ -32,6 +34,7 @@ constexpr std::array<std::array<uint16_t, 3>, 16> ARRIVALS = {{{1, 1, 10}, {2, 2
 
 World pristine;
 bool worldChanged, refusing, countsHold, frameTrue, standbyActs;
+bool leasesPassed;              // time has gone by: an address may be another's by right
 std::span<const uint8_t> whole; // the input
 DhcpsnoopRxPkt *rxpkt;          // on the heap, so that its ends are watched
 
@@ -48,10 +51,51 @@ void on_allocation(const volatile void *, size_t size)
     worldDepth--;
 }
 
+class Around : public platform_linux::JudgeSwitch
+{
+    bool is_alive(const platform_linux::HostPlace &) const override { return true; }
+    void ask(size_t, const platform_linux::JudgedClaim &) override {}
+    platform_linux::Answer answer(size_t) const override { return platform_linux::Answer::heard; }
+    void refuse(platform_linux::Refused, const platform_linux::JudgedClaim &) override {}
+    platform_linux::Ticks now() const override { return world.now * 1000; }
+};
+
+platform_linux::Judge &judge()
+{
+    static Around around;
+    static platform_linux::Judge made(around, 9, 1);
+    return made;
+}
+
+// The bindings of hosts whose lease goes on.
+std::vector<DhcpsnoopUser> holders()
+{
+    std::vector<DhcpsnoopUser> found;
+    for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash))
+        if (user->userType == DHCPSNOOP_USER_DYNAMIC && user->bindState == DHCPSNOOP_BIND_BOUND && world.now - user->leaseStart < user->leaseTime)
+            found.push_back(*user);
+    return found;
+}
+
+void check_holders(const std::vector<DhcpsnoopUser> &before, const DhcpsnoopRxPkt &rx)
+{
+    const bool vlanIf = rx.inIf != nullptr && rx.inIf->isVlanIf != 0, trusted = rx.inIf != nullptr && !vlanIf && (rx.inIf->flags & DHCPSNOOP_IF_TRUSTED) != 0;
+    const uint32_t port = rx.inIf == nullptr || vlanIf ? rx.ifIndex : rx.inIf->ifIndex;
+    for (const DhcpsnoopUser &user : before) {
+        const DhcpsnoopUser *after = dhcpsnoop_user_lookup(&user.key);
+        if (after == nullptr && !trusted && user.ifIndex != port)
+            fault("a frame on port %u ends a binding of port %u", port, user.ifIndex);
+        if (after != nullptr && (memcmp(after->mac, user.mac, 6) != 0 || after->ifIndex != user.ifIndex || after->vid != user.vid))
+            fault("a frame on port %u moves a binding of port %u", port, user.ifIndex);
+    }
+}
+
 void hand_frame(const DhcpsnoopRxPkt &rx)
 {
     *rxpkt = rx;
+    const std::vector<DhcpsnoopUser> before = world.judge != nullptr && !leasesPassed ? holders() : std::vector<DhcpsnoopUser>{};
     DaemonScope(), dhcpsnoop_recv(rxpkt);
+    check_holders(before, rx);
     ASAN_UNPOISON_MEMORY_REGION(rxpkt, sizeof *rxpkt);
     if (rxpkt->ifIndex != rx.ifIndex || rxpkt->len != rx.len)
         fault("the record around a frame was written to");
@@ -340,6 +384,7 @@ constexpr Change CHANGES[] = {
         gIfChanges++;
     },
     [](uint8_t, uint32_t value, const Bytes &) {
+        leasesPassed = true;
         world.now = std::clamp<int64_t>(world.now + static_cast<int32_t>(value), 0, UINT32_MAX);
         if (world.hwScalars[54] != 0) // a standby unit does not age its tables
             DaemonScope(), dhcpsnoop_user_timer_check();
@@ -427,6 +472,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
         world = pristine;
     world.sent = nullptr;
     world.role((preset & 0x80) != 0 ? DHCPSNOOP_ROLE_MASTER : DHCPSNOOP_ROLE_NONE);
+    world.judge = nullptr;
     if (prepared[preset].empty()) {
         memory(&started);
         prepare_daemon(preset);
@@ -438,7 +484,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
         dhcpsnoop_user_timer_check();
     }
     world.sent = on_sent;
-    worldChanged = refusing = false;
+    worldChanged = refusing = leasesPassed = false;
+    judge().forget();
+    world.judge = (preset & 0x80) == 0 ? nullptr : [](const DhcpsnoopPktInfo *info) { return judge().passes(*info) ? 0 : -1; };
     countsHold = true;
     for (int i = 0; i < STEPS_MAX && input.more(); i++) {
         STEPS[input.u8() & 7](input);

@@ -245,6 +245,28 @@ TEST(JudgeRules, Flood)
     EXPECT_EQ(text.substr(3001), "+++" HIS);
 }
 
+// By default a port leaves as much room as it has; of clients that wait for a relayed answer the latest wait.
+TEST(JudgeRules, Room)
+{
+    std::string steps = "a3 discover";
+    for (int i = 1; i <= 140; i++)
+        steps += world_format(";a3 request .%d;a3 request .%d", i, i);
+    const std::string half = played(steps).substr(0, 281);
+    EXPECT_EQ(std::to_string(std::ranges::count(half, '+')) + " of " + std::to_string(gDhcpsnoop.userMax), "257 of 256");
+    const auto relayed = [] {
+        prepare("relay");
+        judge().forget();
+        world.judge = [](const DhcpsnoopPktInfo *info) { return judge().passes(*info) ? 0 : -1; };
+        for (uint8_t i = 1; i <= 20; i++)
+            receive(Frame{.src = {2, 0, 0, 0, 0, i}, .chaddr = {2, 0, 0, 0, 0, i}});
+        std::string waiting;
+        for (uint8_t i = 1; i <= 20; i++)
+            waiting += dhcpsnoop_mac_user_lookup(Bytes{2, 0, 0, 0, 0, i}.data()) != nullptr ? '+' : '-';
+        return waiting;
+    };
+    EXPECT_EQ(relayed(), "----++++++++++++++++");
+}
+
 // The frames as scapy encodes them, and what it takes for their answers.
 TEST(JudgeRules, Questions)
 {

@@ -13,6 +13,7 @@
 #include <set>
 #include <sstream>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "change_queue.h"
@@ -189,6 +190,7 @@ const std::map<std::string, void (*)(World &, N)> DOES = {
     {"keep", [](World &w, N n) { w.bytes.resize(static_cast<size_t>(n[0])); }},
     {"lose", [](World &w, N n) { w.bytes.erase(w.bytes.begin() + n[0]); }},
     {"file", [](World &w, N) { std::ofstream(w.path) << std::string(w.bytes.begin(), w.bytes.end()); }},
+    {"pipe", [](World &w, N) { mkfifo(w.path.c_str(), 0600); }},
     {"static", [](World &w, N) { w.userType = DHCPSNOOP_USER_STATIC; }},
     {"lease", [](World &w, N) { w.userType = DHCPSNOOP_USER_DYNAMIC; }},
     {"close", [](World &w, N) { w.journal.reset(); }},
@@ -287,6 +289,7 @@ TEST(Redundancy, PlaysItsRows)
         {"40,000 renewals of a lease and a delete stay short", "open; add 2; renew 40000; delete 2; write 1; size; close; empty; open; held", "0 held, 0 damaged / 506184/506184 bytes, 5502 records of 1600 / 1 held, 0 damaged / 1 held from 41499"},
         {"it goes on behind a torn end", SLOTS + "; keep 194; set 144 4; file; open; size; add 5; write 1; close; empty; open", "1 held, 2 damaged / 92/92 bytes, 1 records of 1500 / 2 held, 0 damaged '/journal: 2 damaged records left out, 1 read'"},
         {"a file of another program is kept", "68656c6c6f; file; open; kept; size", "0 held, 1 damaged / 5 / 0/0 bytes, 0 records of 1500 '/journal: 1 damaged records left out, 0 read' '/journal: kept as /journal.damaged'"},
+        {"a pipe in its place is not waited for", "pipe; open", "/journal: no regular file"},
         {"a full copy deletes what it has not, parked ones only if asked to", "add 0; add 1; add 2; park 3; add 0; copy; add 1; add 9; copied; held; copied 1; held", "same / same / gone -0 -2 / 3 held / gone -3 / 2 held"},
         {"of bindings whose lease ended only the parked ones are ours to delete", "add 1; park 3; expire 4599; expire 4600; held; delete 3", "gone / gone -3 / 1 held from 1000 / same"},
         {"a binding that never ends waits for its port only so long", "static; park 1 1000; park 2 1200; add 3; lease; park 4 1000; give-up 1499; give-up 1500; give-up 1700; held", "0 given up, 3 wait / 1 given up, 2 wait / 1 given up, 1 wait / 2 held"},

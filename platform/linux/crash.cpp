@@ -2,7 +2,9 @@
 // have. Uses only what a signal handler may.
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <execinfo.h>
 #include <string_view>
 #include <unistd.h>
@@ -75,10 +77,21 @@ void report_crash(int number, siginfo_t *info, void *)
     // it.
     raise(number);
 }
+
+// Nothing that is thrown leaves the rooms that throw, but for want of memory or threads.
+[[noreturn]] void report_want()
+{
+    constexpr std::string_view TEXT =
+        "dhcpsnoop: out of memory or threads, the daemon ends; see its limits (ulimit -a, systemctl show dhcpsnoop)\n";
+    ssize_t ignored = write(STDERR_FILENO, TEXT.data(), TEXT.size());
+    static_cast<void>(ignored);
+    _exit(EXIT_FAILURE); // the service manager starts another one
+}
 } // namespace
 
 void qorCatchSegFault(int, char **)
 {
+    std::set_terminate(report_want);
     // The first call loads the unwinder, which allocates.
     void *frame;
     backtrace(&frame, 1);

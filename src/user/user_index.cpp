@@ -22,6 +22,7 @@ struct Links {
 // empty, so every search ends.
 struct UserIndex {
     uint32_t mask; // count of slots - 1
+    uint32_t used; // entries of the pool
     Number root;
     uint32_t *byKey, *byMac, *waiting;
     Links *links; // by number
@@ -182,6 +183,7 @@ void dhcpsnoop_user_mac_set(DhcpsnoopUser *user, const uint8_t mac[6])
     ring_remove(user);
     std::memcpy(user->mac, mac, sizeof user->mac);
     ring_add(user);
+    gUserIndex->used++;
 }
 
 DhcpsnoopUser *user_index_mac_first(const uint8_t mac[6])
@@ -296,6 +298,7 @@ void user_index_remove(DhcpsnoopUser *user)
         key_hash);
     tree_remove(number);
     ring_remove(user);
+    gUserIndex->used--;
 }
 
 // ---- waiting clients
@@ -316,6 +319,7 @@ DhcpsnoopMacUser *user_index_find_waiting(const uint8_t mac[6])
 void user_index_add(DhcpsnoopMacUser *macUser)
 {
     slot_add(gUserIndex->waiting, hash_of(macUser->mac), number_of(macUser));
+    gUserIndex->used++;
 }
 
 void user_index_remove(DhcpsnoopMacUser *macUser)
@@ -325,4 +329,7 @@ void user_index_remove(DhcpsnoopMacUser *macUser)
         gUserIndex->waiting,
         slot_find(gUserIndex->waiting, hash_of(macUser->mac), [number](Number at) { return at == number; }),
         waiting_hash);
+    gUserIndex->used--;
 }
+
+uint32_t user_index_free(void) { return gDhcpsnoop.userMax - gUserIndex->used; }

@@ -18,12 +18,13 @@ namespace
 {
 
 constexpr uint32_t TRANSACTIONS_MIN = 1024, TRANSACTIONS_MAX = 16384;
-constexpr Ticks TRANSACTION_AGE = 120'000;  // a server's answer comes earlier
-constexpr Ticks OWNED = 10'000;             // by the place that a transaction was seen at
-constexpr Ticks HEARD = 4'000;              // from the question on: its holder is there
-constexpr Ticks SILENT = 90'000;            // nobody is; a renewing client repeats after a minute
-constexpr size_t QUESTIONS_PER_PORT = 8;    // awaited, of claimants at one port
-constexpr uint32_t BINDINGS_LOOKED_AT = 16; // of one MAC address
+constexpr Ticks TRANSACTION_AGE = 120'000; // a server's answer comes earlier
+constexpr Ticks OWNED = 10'000;            // by the place that a transaction was seen at
+constexpr Ticks HEARD = 4'000;             // from the question on: its holder is there
+constexpr Ticks SILENT = 90'000;           // nobody is; a renewing client repeats after a minute
+constexpr size_t QUESTIONS_PER_PORT = 8;   // awaited, of claimants at one port
+constexpr uint32_t WAITING_GROUPS = 64, WAITING_MIN = 16, WAITING_MAX = 1024; // clients, by port
+constexpr uint32_t BINDINGS_LOOKED_AT = 16;                                   // of one MAC address
 constexpr uint32_t DHCP6_CONFIRM = 4, DHCP6_RENEW = 5, DHCP6_REBIND = 6;
 
 enum class Verdict : uint8_t {
@@ -72,6 +73,13 @@ bool claims_addresses(const JudgedMessage &message)
            message.type == DHCP_RELEASE || message.type == DHCP_INFORM;
 }
 
+// Whether the daemon makes entries of the addresses that it names.
+bool makes_entry(const JudgedMessage &message)
+{
+    return message.type == DHCP_REQUEST || (message.ipv6 && message.type == DHCP6_SOLICIT);
+}
+static_assert(DHCP6_REQUEST == uint32_t{DHCP_REQUEST});
+
 // Whether the answer to it gives addresses.
 bool is_answered_with_binding(const Transaction &transaction)
 {
@@ -89,7 +97,8 @@ class Judge::Records
     Records(JudgeSwitch &around, uint32_t bindings, uint64_t seed)
         : around_(around), seed_(seed),
           transactions_(std::clamp(bindings, TRANSACTIONS_MIN, TRANSACTIONS_MAX)),
-          offers_(std::clamp(bindings, TRANSACTIONS_MIN, TRANSACTIONS_MAX)), holders_(bindings * 2)
+          offers_(std::clamp(bindings, TRANSACTIONS_MIN, TRANSACTIONS_MAX)), holders_(bindings * 2),
+          waiting_(WAITING_GROUPS * std::clamp(bindings / 8, WAITING_MIN, WAITING_MAX))
     {
     }
 
@@ -108,6 +117,7 @@ class Judge::Records
         offers_.clear();
         holders_.clear();
         questions_.fill({});
+        std::ranges::fill(waiting_, HostMac{});
     }
 
   private:
@@ -265,6 +275,31 @@ class Judge::Records
         return Verdict::his;
     }
 
+    // Where nobody has set max-users, a port leaves as much free as it has.
+    static bool has_room(const DhcpsnoopIf &ifp)
+    {
+        return ifp.isVlanIf != 0 || (ifp.flags & DHCPSNOOP_IF_TRUSTED) != 0 ||
+               ifp.maxUser != DHCPSNOOP_MAX_USER_DEFAULT || ifp.curUser < user_index_free();
+    }
+
+    // Clients that wait for a relayed answer take entries too: as many at a port as it has room here, the
+    // oldest gives way.
+    void limit_waiting(const JudgedMessage &message)
+    {
+        const DhcpsnoopPktInfo &info = *message.info;
+        const DhcpsnoopUserKey key = dhcpsnoop_user_key(DHCPSNOOP_IPV4, info.clientIp);
+        if (message.ipv6 || info.giaddr != 0 || info.ifp->relayAddr == 0 ||
+            dhcpsnoop_mac_user_lookup(info.chaddr) != nullptr || dhcpsnoop_user_lookup(&key) != nullptr)
+            return;
+        const uint32_t group = message.host.place.ifIndex % WAITING_GROUPS;
+        const size_t most = waiting_.size() / WAITING_GROUPS;
+        HostMac &oldest = waiting_[group * most + newestWaiting_[group]++ % most];
+        DhcpsnoopMacUser *client = dhcpsnoop_mac_user_lookup(oldest.data());
+        if (client != nullptr && client->ifIndex == message.host.place.ifIndex)
+            dhcpsnoop_mac_user_delete(client);
+        oldest = message.host.mac;
+    }
+
     // Whether a message from there may belong to the transaction.
     bool may_go_on(const Transaction &transaction, const Host &host) const
     {
@@ -290,6 +325,11 @@ class Judge::Records
         bool hasBinding = false;
         for (size_t i = 0; i < message.count; i++) {
             const DhcpsnoopUserKey &address = message.named[i].key;
+            if (makes_entry(message) && dhcpsnoop_user_lookup(&address) == nullptr &&
+                !has_room(*message.info->ifp)) {
+                around_.refuse(Refused::usersLimit, {address, claimant.host, {}});
+                return false;
+            }
             const bool offered =
                 offers_.find(offer_key(claimant, address), now_ - TRANSACTION_AGE) != nullptr;
             if (claim(claimant, address, offered) != Verdict::his)
@@ -311,6 +351,7 @@ class Judge::Records
         // As a relay agent sends it on, the message comes in again.
         if (message.trusted && before != nullptr && !may_go_on(*before, claimant.host))
             return true;
+        limit_waiting(message);
         transactions_.put({message.transaction, message.clientId, now_, message.host, info.ifp->ifIndex,
                            info.serverId, info.opt60Sub1, message.type, message.ipv6, message.trusted,
                            message.rapid});
@@ -420,11 +461,13 @@ class Judge::Records
             request.rxTime = message.info->rxTime;
             request.serverId = answered.serverId;
             request.opt60Sub1 = answered.vendorTag;
-            if (dhcpsnoop_user_add(&named.key, nullptr, &request) != 0)
+            if (request.ifp == nullptr || !has_room(*request.ifp) ||
+                dhcpsnoop_user_add(&named.key, nullptr, &request) != 0)
                 return false;
         }
-        holders_.put(holder_key(named.key), {host.mac, answered.clientId, message.info->rxTime, named.lease},
-                     now_);
+        if (named.lease != 0) // else the daemon leaves the lease as it is
+            holders_.put(holder_key(named.key),
+                         {host.mac, answered.clientId, message.info->rxTime, named.lease}, now_);
         return true;
     }
 
@@ -444,6 +487,8 @@ class Judge::Records
     Transactions transactions_;
     RecentTable<Nothing> offers_;
     RecentTable<Holder> holders_;
+    std::vector<HostMac> waiting_; // rings, one behind the other
+    std::array<uint32_t, WAITING_GROUPS> newestWaiting_ = {};
     std::array<Question, JUDGE_QUESTIONS> questions_;
 };
 

@@ -134,6 +134,22 @@ void JournalReader::finish()
     gap_end();
 }
 
+// Of a pipe or a device nothing is waited for.
+static Fd open_file(const std::string &path, int flags, std::string &error)
+{
+    Fd file(::open(path.c_str(), flags | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, S_IRUSR | S_IWUSR));
+    struct stat status = {};
+    if (!file || fstat(file.get(), &status) != 0) {
+        error = path + ": " + strerror(errno);
+        return {};
+    }
+    if (!S_ISREG(status.st_mode)) {
+        error = path + ": no regular file";
+        return {};
+    }
+    return file;
+}
+
 bool Journal::open(const std::string &path, const Moment &now, UnitTable &table, std::string &error)
 {
     path_ = path;
@@ -151,11 +167,9 @@ bool Journal::open(const std::string &path, const Moment &now, UnitTable &table,
 bool Journal::lock(std::string &error)
 {
     const std::string path = path_ + ".lock";
-    Fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (!file) {
-        error = path + ": " + strerror(errno);
+    Fd file = open_file(path, O_RDWR, error);
+    if (!file)
         return false;
-    }
     for (int i = 0; flock(file.get(), LOCK_EX | LOCK_NB) != 0; i++) {
         if (i == LOCK_TRIES) {
             error = path_ + " is another daemon's: " + strerror(errno);
@@ -189,15 +203,16 @@ UnitPlace Journal::adopt(JournalRecord &read, const Moment &now)
 
 bool Journal::read(const Moment &now, UnitTable &table, std::string &error)
 {
-    Fd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    Fd file = open_file(path_, O_RDWR | O_APPEND, error);
+    if (!file)
+        return false;
     JournalReader reader([&](JournalRecord read) {
         const UnitPlace place = adopt(read, now); // which changes the record
         table.apply(read.record, place);
     });
     std::vector<uint8_t> piece(READ_PIECE);
     ssize_t got = -1;
-    while (file &&
-           ((got = ::read(file.get(), piece.data(), piece.size())) > 0 || (got < 0 && errno == EINTR)))
+    while ((got = ::read(file.get(), piece.data(), piece.size())) > 0 || (got < 0 && errno == EINTR))
         if (got > 0)
             reader.feed({piece.data(), static_cast<size_t>(got)});
     if (got < 0) {
