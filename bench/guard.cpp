@@ -22,6 +22,7 @@
 #include <sys/mount.h>
 
 #include "bindings.h"
+#include "bridge_gate.h"
 #include "classifier.h"
 #include "guard.h"
 #include "link.h"
@@ -185,6 +186,28 @@ void compare_host(uint32_t bridge, Link &link, const uint8_t *to, int rounds)
            fast(times[1]), fast(times[1]) - fast(times[0]));
 }
 
+// The nftables table in front of the bridge, there and not there.
+void compare_gate(uint32_t port, Link &link, const uint8_t *to, int rounds)
+{
+    const uint32_t bridge = if_nametoindex("br0"), other = if_nametoindex("p2");
+    const GatePasses passes = {
+        {port,  {bridge, true}},
+        {other, {bridge, true}}
+    };
+    const std::vector<Frame> frames = {frame_of(IPV4, record_of(IPV4, 1, port), to)};
+    std::vector<double> times[2];
+    size_t next = 0;
+    for (int i = 0; i < 2 * rounds; i++) {
+        if (i % 2 == 0)
+            bridge_gate_remove();
+        else if (bridge_gate_set(passes, {}) == EOPNOTSUPP)
+            return;
+        times[i % 2].push_back(send_block(link, frames, next));
+    }
+    bridge_gate_remove();
+    printf("  \"gate\": {\"off ns\": %.0f, \"on ns\": %.0f},\n", fast(times[0]), fast(times[1]));
+}
+
 void time_updates(uint32_t bindings, uint32_t port)
 {
     std::vector<QorUserRecord> records;
@@ -247,6 +270,7 @@ int main(int argc, char **argv)
             compare(kind, bindings, port, from, to.address(), rounds);
     Link host("br0", NONE);
     compare_host(if_nametoindex("br0"), host, to.address(), rounds);
+    compare_gate(port, from, to.address(), rounds);
     for (const uint32_t bindings : {0u, 1000u, MOST})
         time_updates(bindings, port);
     printf("}\n");

@@ -66,6 +66,7 @@ int guard_device_add(uint32_t, bool) { return 0; }
 int guard_port_protect(uint32_t, bool) { return 0; }
 void guard_port_hold(uint32_t, bool) {}
 void guard_port_host(uint32_t, bool) {}
+bool guard_stands(uint32_t) { return true; }
 void guard_port_apart(uint32_t, bool) {}
 void guard_protecting(bool) {}
 void guard_own_set(const std::set<MacAddress> &) {}

@@ -262,6 +262,7 @@ int32_t sysIFGet(uint32_t ifIndex, uint32_t attribute, void *buffer)
 uint32_t qorHwScalarGet(uint32_t, uint32_t scalar, void *)
 {
     relay_socket_follow();
+    guard_gate_retry();
     const DhcpsnoopRole role = redundancy_role();
     switch (scalar) {
     case QOR_HW_NOT_MASTER:

@@ -93,6 +93,7 @@ void configuration()
 {
     guardOutdated = config_work() || guardOutdated;
     follow_guard();
+    guard_gate_follow();
 }
 
 void role_events()

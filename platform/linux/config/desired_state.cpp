@@ -61,7 +61,7 @@ void protect_bridges()
 {
     std::set<uint32_t> bridges;
     for (const BridgeLine &line : running.config.bridges)
-        if (const uint32_t ifIndex = if_nametoindex(line.bridge.c_str()); ifIndex != 0)
+        if (const uint32_t ifIndex = model_bridge(line.bridge); ifIndex != 0)
             bridges.insert(ifIndex);
     guard_protect(bridges, !running.config.bridges.empty());
 }
@@ -73,10 +73,10 @@ void settle(const Port &port, const Differences &made)
         const Words &line = difference.running;
         return !difference.error.empty() && (line[0] != "interface" || line[2] == "snooping");
     };
-    if (std::ranges::any_of(made, leavesOpen))
-        return;
-    settled[port.ifIndex] = port.bridge;
-    guard_admit(port.ifIndex);
+    const bool closed = std::ranges::any_of(made, leavesOpen);
+    if (!closed)
+        settled[port.ifIndex] = port.bridge;
+    guard_admit(port, !closed);
 }
 
 // Each difference that could not be made to go, a line; of those without room the first, and how many there
@@ -327,7 +327,7 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
     if (change == ModelChange::appeared)
         fresh.insert(port.ifIndex);
     if (change == ModelChange::appeared || strcmp(port.name, before->name) != 0 ||
-        port.bridge != before->bridge)
+        port.bridge != before->bridge || strcmp(port.bridgeName, before->bridgeName) != 0)
         todo.insert(port.ifIndex);
 }
 
@@ -442,7 +442,7 @@ bool config_work()
             fresh.clear();
             return worked;
         }
-        if (!todo.empty())
+        if (!todo.empty() || guard_protect_due())
             protect_bridges();
         for (size_t i = 0; i < PORTS_PER_CALL && !todo.empty(); i++) {
             const uint32_t ifIndex = *todo.begin();

@@ -79,15 +79,12 @@ void consider_bridge(WantedPort &port, const Config &config, const PortId &id)
 
 PortId port_id(const Port &port, const std::map<uint32_t, Port> &ports)
 {
-    char bridge[IF_NAMESIZE] = "";
-    if (port.bridge != 0 && if_indextoname(port.bridge, bridge) == nullptr)
-        bridge[0] = 0;
     const auto first = std::ranges::find_if(
         ports, [&port](const auto &entry) { return port.vlan != 0 && entry.second.vlan == port.vlan; });
     const bool isFirst = first != ports.end() && first->first == port.ifIndex;
     return {port.ifIndex,
             port.name,
-            bridge,
+            port.bridgeName,
             port.vlan != 0,
             isFirst ? port.vlan : uint16_t{0},
             port.kind == PortKind::host};

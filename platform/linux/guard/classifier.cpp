@@ -571,6 +571,11 @@ void trap_own_socket(guard_socket which, int sock)
     bpf_map_update_elem(guard.sockets, &zero, &sockets, BPF_ANY);
 }
 
+bool guard_stands(uint32_t ifIndex)
+{
+    return guard.known.contains(ifIndex) && guard.standing.contains(ifIndex);
+}
+
 void guard_port_hold(uint32_t ifIndex, bool on) { set_say(ifIndex, guard.held, on); }
 
 void guard_port_apart(uint32_t ifIndex, bool on) { set_say(ifIndex, guard.apart, on); }

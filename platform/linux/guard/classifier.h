@@ -73,6 +73,9 @@ int guard_device_add(uint32_t ifIndex, bool ethernet);
 // attached. Off detaches it.
 int guard_port_protect(uint32_t ifIndex, bool on);
 
+// The port has its classifier.
+bool guard_stands(uint32_t ifIndex);
+
 // The device is a bridge whose own machine is the port. Before guard_port_add, which attaches the host
 // program at the egress then, and nothing at the ingress. Off when it is no port any more: detaches it.
 void guard_port_host(uint32_t ifIndex, bool on);

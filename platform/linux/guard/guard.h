@@ -73,10 +73,20 @@ void guard_protect(const std::set<uint32_t> &bridges, bool expectsMore = false);
 
 // A port that appears on a protected bridge is to wait until its settings are in force: `ready` is asked for
 // each; its settings of another bridge do not count. A port for which it says no forwards nothing until
-// guard_admit. Its traps can be set meanwhile. Null, as at the start: ports do not wait.
+// guard_admit, which says for each port whether its settings are in force or were refused. Its traps can be
+// set meanwhile. Null, as at the start: ports do not wait.
 using PortReady = bool (*)(const Port &port);
 void guard_ask_ready(PortReady ready);
-void guard_admit(uint32_t ifIndex);
+void guard_admit(const Port &port, bool inForce);
+
+// While a bridge is protected, the kernel takes no frame from a bridge port of this namespace that was not
+// let in. guard_gate_follow lets in what is due: ports of other bridges, and those of protected bridges whose
+// classifier stands and whose settings are in force. One whose settings were refused speaks with this host
+// only. A failure is reported; guard_gate_retry, cheap, tries again once a second.
+void guard_gate_follow();
+void guard_gate_retry();
+// A bridge has appeared of which guard_protect has not been told whether it is protected.
+bool guard_protect_due();
 
 // ---- Bindings: each becomes up to two rules.
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "dhcpsnoop.h"
 #include "port.h"
@@ -52,11 +53,20 @@ void model_watch(ModelWatcher watcher);
 using GoneWatcher = void (*)(uint32_t ifIndex);
 void model_watch_gone(GoneWatcher watcher);
 
-// Called after those, for each device of this network namespace that came or changed, port or not, and by
-// model_devices for each that there is. `mac` has six bytes, all zero when its address is no Ethernet
-// address.
-using DeviceWatcher = void (*)(uint32_t ifIndex, bool isBridge, const uint8_t *mac);
+// A device of this network namespace, port or not.
+struct Device {
+    uint32_t ifIndex;
+    bool isBridge;
+    uint32_t bridge;    // index of the bridge it is in; 0 = none
+    const uint8_t *mac; // six bytes, all zero when its address is no Ethernet address
+};
+
+// Called after those, for each device that came or changed, and by model_devices for each that there is.
+using DeviceWatcher = void (*)(const Device &device);
 void model_watch_devices(DeviceWatcher watcher);
 void model_devices(DeviceWatcher watcher);
+
+// The index of the bridge of that name, 0 when there is none.
+uint32_t model_bridge(std::string_view name);
 
 } // namespace platform_linux

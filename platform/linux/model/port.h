@@ -33,9 +33,10 @@ struct Port {
     uint32_t number;    // from 1; a VLAN interface's VLAN; 0 = a host port that no file numbers
     uint32_t
         bridge; // index of the bridge it is in (a VLAN interface: on top of; a host port: it is); 0 = none
-    uint32_t aggregate; // index of the bond or team it is a member of; 0 = none
-    VlanSet members;    // VLANs it belongs to, tagged or not
-    VlanSet untagged;   // those that it sends untagged
+    char bridgeName[IFNAMSIZ]; // its name
+    uint32_t aggregate;        // index of the bond or team it is a member of; 0 = none
+    VlanSet members;           // VLANs it belongs to, tagged or not
+    VlanSet untagged;          // those that it sends untagged
 
     bool operator==(const Port &) const = default;
 

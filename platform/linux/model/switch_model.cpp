@@ -59,6 +59,12 @@ void make_host(Port &port)
     port.bridge = port.ifIndex;
 }
 
+Device device_of(const Link &link)
+{
+    return {link.ifIndex, link.kind == LinkKind::bridge,
+            link.masterKind == LinkKind::bridge ? link.master : 0, link.mac};
+}
+
 struct Change {
     ModelChange what;
     Port port;
@@ -124,6 +130,7 @@ std::optional<Port> SwitchModel::derive(const Link &link) const
     if (bridge == nullptr)
         return port;
     port->bridge = bridge->ifIndex;
+    memcpy(port->bridgeName, bridge->name, sizeof port->bridgeName);
     if (bridge->vlanFiltering && bridge->vlanProtocol == ETH_P_8021AD)
         port->tpid = ETH_P_8021AD;
     return port;
@@ -183,7 +190,7 @@ void SwitchModel::refresh()
     for (const uint32_t ifIndex : changed)
         for (const DeviceWatcher watcher : deviceWatchers_)
             if (const auto link = links.find(ifIndex); link != links.end())
-                watcher(ifIndex, link->second.kind == LinkKind::bridge, link->second.mac);
+                watcher(device_of(link->second));
 }
 
 bool SwitchModel::feed(std::span<const uint8_t> datagram, DaemonEvents &events)
@@ -243,7 +250,15 @@ void model_watch_devices(DeviceWatcher watcher) { theModel.watch_devices(watcher
 void model_devices(DeviceWatcher watcher)
 {
     for (const auto &[ifIndex, link] : theModel.links())
-        watcher(ifIndex, link.kind == LinkKind::bridge, link.mac);
+        watcher(device_of(link));
+}
+
+uint32_t model_bridge(std::string_view name)
+{
+    for (const auto &[ifIndex, link] : theModel.links())
+        if (link.kind == LinkKind::bridge && name == link.name)
+            return ifIndex;
+    return 0;
 }
 
 void model_watch_gone(GoneWatcher watcher) { theModel.watch_gone(watcher); }
