@@ -125,24 +125,24 @@ std::vector<PortId> ports(const Config &config)
 
 // The static bindings. The daemon has a dead index for the port of those that wait; the platform has its
 // name.
-std::vector<StaticBinding> statics(const Context &context)
+std::map<UserKey, StaticBinding> statics(const Context &context)
 {
-    std::vector<StaticBinding> found;
+    std::map<UserKey, StaticBinding> found;
     std::set<UserKey> waits;
     for (const auto &[binding, interface] : readWaiting()) {
         waits.insert(binding.key);
         if (binding.type != DHCPSNOOP_USER_STATIC)
             continue;
-        found.push_back(asStatic(binding));
-        found.back().interface = interface;
-        found.back().bound = found.back().mac && binding.vlan != 0;
+        StaticBinding &waiting = found[binding.key] = asStatic(binding);
+        waiting.interface = interface;
+        waiting.bound = waiting.mac && binding.vlan != 0;
     }
     for (const Binding &binding : readStatics(context.daemon)) {
         char name[IF_NAMESIZE];
         if (waits.contains(binding.key))
             continue;
         if (binding.ifIndex == 0 || if_indextoname(binding.ifIndex, name) != nullptr) {
-            found.push_back(asStatic(binding));
+            found[binding.key] = asStatic(binding);
             continue;
         }
         context.err << "dhcpsnoopctl: note: the port of binding " << userKeyText(binding.key)
@@ -168,14 +168,7 @@ Differences differences(const File &file, const Context &context)
     for (const PortId &port : ports(file.config))
         add(reconcile_port(file.config, daemon, port, Make::no));
     add(reconcile_vlans(file.config, Make::no));
-    add(reconcile_bindings(file.config, {}, daemon, Make::no));
-    for (const StaticBinding &binding : statics(context)) {
-        if (file.config.lineOfBinding.contains(binding.key))
-            continue;
-        Words words = bindingWords(binding);
-        words.insert(words.begin(), "binding");
-        all.push_back({words, "none", {}, ""});
-    }
+    add(compare_bindings(file.config, statics(context)));
     return all;
 }
 
@@ -189,11 +182,11 @@ size_t keySize(const Words &line)
                : 1;
 }
 
-bool isSameSetting(const Words &one, const Words &other)
+// The words that name it; none where some are missing.
+Words keyOf(const Words &line)
 {
-    const size_t size = keySize(one);
-    return one.size() >= size && other.size() >= size &&
-           std::equal(one.begin(), one.begin() + static_cast<ptrdiff_t>(size), other.begin());
+    const size_t size = keySize(line);
+    return line.size() < size ? Words() : Words(line.begin(), line.begin() + static_cast<ptrdiff_t>(size));
 }
 
 // The lines for a running value; none for a binding that is not there.
@@ -218,12 +211,13 @@ std::string merged(const File &file, const Differences &all)
     std::istringstream stream(file.text);
     for (std::string line; std::getline(stream, line);)
         lines.push_back(line);
-    std::map<size_t, Words> words;
+    std::map<Words, std::vector<size_t>> places;
     std::string unused;
     const auto take = [&](const ConfLine &line) {
-        words[line.number - 1] = line.words;
-        if (line.words[0] == "binding" && line.words.size() > 1 && line.words[1] == "add")
-            words[line.number - 1].erase(words[line.number - 1].begin() + 1);
+        Words words = line.words;
+        if (words[0] == "binding" && words.size() > 1 && words[1] == "add")
+            words.erase(words.begin() + 1);
+        places[keyOf(words)].push_back(line.number - 1);
         return std::string();
     };
     conf_parse(file.name, file.text, {take}, unused);
@@ -232,13 +226,15 @@ std::string merged(const File &file, const Differences &all)
         std::string text;
         for (const std::string &line : linesOf(difference.running))
             text += (text.empty() ? "" : "\n") + line;
+        const auto found = places.find(keyOf(difference.running));
+        const bool moves = difference.running[0] == "arp-inspection";
         bool placed = false;
-        for (const auto &[number, line] : words)
-            if (isSameSetting(difference.running, line)) {
-                const bool moves = line[0] == "arp-inspection";
+        if (found != places.end()) {
+            for (const size_t number : found->second) {
                 lines[number] = placed || moves || text.empty() ? "\n" : text;
                 placed = placed || !moves;
             }
+        }
         if (!placed && !text.empty())
             added.push_back(text);
     }

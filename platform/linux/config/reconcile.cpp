@@ -117,15 +117,28 @@ Words binding_line(const StaticBinding &binding)
     return words;
 }
 
+Difference difference_of(const BindingLine &line, const std::optional<StaticBinding> &now)
+{
+    const Words running = now ? binding_line(*now) : Words{"binding", userKeyText(line.binding.key), "none"};
+    return {
+        running, joinQuoted(bindingWords(line.binding)), {Rank::name, line.line},
+          ""
+    };
+}
+
+// Others wait.
+bool has_port(const BindingLine &line)
+{
+    return line.binding.interface.empty() || if_nametoindex(line.binding.interface.c_str()) != 0;
+}
+
 void reconcile_binding(Differences &found, const Daemon &daemon, const BindingLine &line, Make make)
 {
     const StaticBinding &binding = line.binding;
     const auto now = running_binding(daemon, binding.key);
     if (now == binding)
         return;
-    const Source source = {Rank::name, line.line};
-    const Words running = now ? binding_line(*now) : Words{"binding", userKeyText(binding.key), "none"};
-    note(found, {running, joinQuoted(bindingWords(binding)), source, ""}, make, [&] {
+    note(found, difference_of(line, now), make, [&] {
         if (ifStillThere([&] { return readBinding(daemon, binding.key); }))
             deleteBinding(daemon, binding.key);
         addBinding(daemon, binding);
@@ -216,6 +229,21 @@ Differences reconcile_vlans(const Config &config, Make make)
     return found;
 }
 
+Differences compare_bindings(const Config &config, const std::map<UserKey, StaticBinding> &running)
+{
+    Differences found;
+    for (const BindingLine &line : config.bindingLines) {
+        const auto at = running.find(line.binding.key);
+        const auto now = at != running.end() ? std::optional(at->second) : std::nullopt;
+        if (has_port(line) && now != line.binding)
+            found.push_back(difference_of(line, now));
+    }
+    for (const auto &[key, binding] : running)
+        if (!config.lineOfBinding.contains(key))
+            found.push_back({binding_line(binding), "none", {}, ""});
+    return found;
+}
+
 Differences reconcile_bindings(const Config &config, const Config &before, const Daemon &daemon, Make make)
 {
     Differences found;
@@ -226,7 +254,7 @@ Differences reconcile_bindings(const Config &config, const Config &before, const
              [&] { deleteBinding(daemon, old.binding.key); });
     }
     for (const BindingLine &line : config.bindingLines)
-        if (line.binding.interface.empty() || if_nametoindex(line.binding.interface.c_str()) != 0)
+        if (has_port(line))
             reconcile_binding(found, daemon, line, make);
     return found;
 }

@@ -2,6 +2,8 @@
 // platform makes them go; the client shows them, and saves them as lines.
 #pragma once
 
+#include <map>
+
 #include "request.h"
 #include "wanted.h"
 
@@ -30,6 +32,8 @@ Differences reconcile_vlans(const Config &config, Make make);
 // The static bindings of lines. Those of `before` that have no line any more are deleted. A binding whose
 // port is not there waits for it.
 Differences reconcile_bindings(const Config &config, const Config &before, const Daemon &daemon, Make make);
+// The same compared alone, with all that run: many are faster found at once than asked for.
+Differences compare_bindings(const Config &config, const std::map<UserKey, StaticBinding> &running);
 // Those of one port, which may have waited for it.
 Differences reconcile_port_bindings(const Config &config, const Daemon &daemon, const PortId &port,
                                     Make make);
