@@ -13,7 +13,7 @@ namespace platform_linux
 {
 namespace
 {
-constexpr size_t FILE_MAX_BYTES = 1 << 20;
+constexpr size_t FILE_MAX_BYTES = 8 << 20; // 65,535 bindings have 5 MiB
 constexpr std::string_view BLANKS = " \t\r";
 
 // False for a quote that is not closed.
@@ -93,7 +93,7 @@ ConfFile conf_file_read(const std::string &path, std::string &text, std::string 
             return ConfFile::read;
         text.append(piece, static_cast<size_t>(count));
         if (text.size() > FILE_MAX_BYTES)
-            return wrong("longer than 1 MiB");
+            return wrong("longer than 8 MiB");
     }
 }
 
