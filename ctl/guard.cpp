@@ -280,7 +280,7 @@ Words portNames()
 {
     Words names;
     for (const auto &[ifIndex, port] : portsNow(runningModel()))
-        names.push_back(port.name);
+        names.push_back(interfaceText(ifIndex)); // the index where the name cannot be typed
     return names;
 }
 

@@ -269,7 +269,7 @@ void printEvent(const Context &context, Json json)
 {
     json["time"] = timeText();
     if (context.json) {
-        context.out << json.dump() << std::endl;
+        context.out << json.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
         return;
     }
     context.out << timeText().substr(11, 8) << ' ' << json["event"].get<std::string>();

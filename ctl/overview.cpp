@@ -69,7 +69,8 @@ std::vector<PortView> readPorts(const Context &context, const std::vector<Bindin
     std::vector<PortView> views;
     for (const auto &[ifIndex, port] : model) {
         PortView view = {port};
-        view.bridge = port_id(port, model).bridge;
+        std::ranges::copy(shownName(port.name), view.port.name); // of the same length
+        view.bridge = shownName(port_id(port, model).bridge);
         view.snoopsByVlan = port.kind != PortKind::vlanInterface && (port.members & vlans).any();
         view.guard = itemsOf(port, places, GuardFeature::ipSourceGuard);
         view.arp = itemsOf(port, places, GuardFeature::arpInspection);
@@ -95,6 +96,7 @@ std::vector<RefusalCount> readGuardHour(const std::string &facts)
         RefusalCount count = {};
         if (words >> word && word == "guard-hour" && words >> reason >> count.lastHour >> count.place &&
             reason < GUARD_REASONS) {
+            count.place = shownName(count.place);
             count.reason = std::string("guard-") + GUARD_REASON_WORDS[reason];
             found.push_back(count);
         }

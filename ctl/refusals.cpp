@@ -1,9 +1,25 @@
 #include "refusals.h"
 
+#include <algorithm>
+#include <cctype>
 #include <ostream>
 #include <sstream>
+#include <string_view>
 
 #include "table.h"
+
+std::string shownName(std::string name)
+{
+    static constexpr std::string_view OTHERS = "-_./:@%+=,";
+    std::ranges::replace_if(
+        name,
+        [](unsigned char c) {
+            return c >= 0x80 ||
+                   (!std::isalnum(c) && OTHERS.find(static_cast<char>(c)) == std::string_view::npos);
+        },
+        '?');
+    return name;
+}
 
 std::vector<RefusalCount> readRefusals()
 {
@@ -16,6 +32,8 @@ std::vector<RefusalCount> readRefusals()
         if (!(answer >> count.place >> count.total >> count.lastHour &&
               std::getline(answer >> std::ws, count.remedy)))
             throw NoDaemon("malformed answer: a refusal");
+    for (RefusalCount &count : found)
+        count.place = shownName(count.place);
     return found;
 }
 

@@ -13,5 +13,9 @@ struct RefusalCount {
     std::string remedy;
 };
 
+// A device's name, which may have any byte but blanks, with '?' for those that a terminal or a shell could
+// obey.
+std::string shownName(std::string name);
+
 // Throws NoDaemon where no platform can be asked.
 std::vector<RefusalCount> readRefusals();

@@ -45,7 +45,10 @@ std::string emphasized(const Context &context, const std::string &text)
     return plain ? text : "\033[1;33m" + text + "\033[0m";
 }
 
-void printJson(const Context &context, const Json &json) { context.out << json.dump(2) << '\n'; }
+void printJson(const Context &context, const Json &json)
+{
+    context.out << json.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
 
 ExitStatus print(const Context &context, const Json &json, const std::vector<Words> &rows, const char *none)
 {
