@@ -1,5 +1,6 @@
 """This machine's own DHCP on its bridge: a server, a relay and a client, behind the port that is the bridge itself."""
 
+import os
 import re
 
 import labtest
@@ -81,6 +82,16 @@ class OwnDhcp(labtest.LabTest):
         self.switch.stop_daemon()
         self.switch.ctl("platform release")
         self.assertEqual(self.switch.run("sh", "-c", LEFT).stdout, "")
+
+    def test_plugging(self):
+        """Guests that come and go leave no port, no entry of the guard and no descriptor."""
+        self.serve(self.switch, "br0", "10.0.10.1/24")
+        self.protect("bridge br0 host server guard ip mac port")
+        left = lambda: (len(self.switch.show("ports")), len(self.switch.show("guard --all")["interfaces"]),
+                        len(os.listdir(f"/proc/{self.switch.daemon.popen.pid}/fd")))
+        before = left()
+        self.switch.run("sh", "-c", "for i in $(seq 100); do ip link add vnet0 type veth peer name c0 && ip link set vnet0 master br0 up && ip link del vnet0; done")
+        self.wait(f"{before}", lambda: left() == before)
 
     def test_client(self):
         """The machine gets its own address from a server behind the uplink."""

@@ -229,6 +229,13 @@ TEST_F(Frames, OfThisMachine)
         EXPECT_EQ(came(*sock, sent), "");
     }
     EXPECT_TRUE(client.receive().empty());
+    trap_own_socket(GUARD_SOCKET_RELAY, v6_.get()); // its place as a packet socket is another's
+    trap_own_socket(GUARD_SOCKET_V6, v4_.get());
+    sockaddr_ll to = {};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = static_cast<int>(port_);
+    sendto(v6_.get(), discover({}).data(), discover({}).size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+    EXPECT_EQ(client.receive(), discover({})) << "relayed by the daemon";
 }
 
 // What the daemon sends never comes back; what a socket took before it was the trap's is gone; root may put anything on the
