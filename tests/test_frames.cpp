@@ -1,5 +1,6 @@
 // Frames on their way from a port to the loop: real devices, the classifier in place, and the daemon's own packet sockets.
 // Whatever comes is the frame as it was on the wire, once, with its true port and VLANs.
+#include "guard.h"
 #include "model.h"
 #include "netns_test.h"
 #include "platform.h"
@@ -220,21 +221,21 @@ TEST_F(Frames, OfThisMachine)
         EXPECT_EQ(came(v4_, sent, *outcome ? 1000 : 20), outcome);
     }
     EXPECT_EQ(client.receive(), other.bytes());
-    for (const auto &[sock, sent] : {std::pair{&v4_, discover({})}, {&v6_, solicit({})}}) {
+    const auto send = [this](const Fd &sock, const Bytes &sent) {
         sockaddr_ll to = {};
         to.sll_family = AF_PACKET;
         to.sll_ifindex = static_cast<int>(port_);
-        EXPECT_EQ(sendto(sock->get(), sent.data(), sent.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to), static_cast<ssize_t>(sent.size()));
+        EXPECT_EQ(sendto(sock.get(), sent.data(), sent.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to), static_cast<ssize_t>(sent.size()));
+    };
+    for (const auto &[sock, sent] : {std::pair{&v4_, discover({})}, {&v6_, solicit({})}}) {
+        send(*sock, sent);
         EXPECT_EQ(machine.receive(), sent);
         EXPECT_EQ(came(*sock, sent), "");
     }
     EXPECT_TRUE(client.receive().empty());
-    trap_own_socket(GUARD_SOCKET_RELAY, v6_.get()); // its place as a packet socket is another's
+    trap_own_socket(GUARD_SOCKET_RELAY, v6_.get()); // and no packet socket any more
     trap_own_socket(GUARD_SOCKET_V6, v4_.get());
-    sockaddr_ll to = {};
-    to.sll_family = AF_PACKET;
-    to.sll_ifindex = static_cast<int>(port_);
-    sendto(v6_.get(), discover({}).data(), discover({}).size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+    send(v6_, discover({}));
     EXPECT_EQ(client.receive(), discover({})) << "relayed by the daemon";
 }
 
