@@ -287,7 +287,6 @@ class Monitor
     Monitor(const Context &context, const BindingFilter &wanted)
         : context_(context), wanted_(wanted), sock_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
     {
-        connectTo(sock_, platform_linux::event_socket_path());
     }
 
     // Until a signal, or nobody reads.
@@ -296,6 +295,7 @@ class Monitor
         uint32_t now = 0;
         auto bindings = readSnapshot(wanted_, &now);
         Known known(bindings ? *std::move(bindings) : readBindings(context_.daemon), now);
+        connectTo(sock_, platform_linux::event_socket_path()); // the first look finds what changed meanwhile
         const StopSignals signals;
         for (Clock::time_point next = Clock::now() + LOOK_AGAIN; context_.out;) {
             signals.wait(sock_.get(), next - Clock::now());
