@@ -4,7 +4,8 @@
 
 #include <array>
 
-#include "judge.h"
+#include "dhcpsnoop.h"
+#include "host.h"
 
 namespace platform_linux
 {

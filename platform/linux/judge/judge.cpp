@@ -25,7 +25,7 @@ constexpr Ticks SILENT = 90'000;           // nobody is; a renewing client repea
 constexpr size_t QUESTIONS_PER_PORT = 8;   // awaited, of claimants at one port
 constexpr uint32_t WAITING_GROUPS = 64, WAITING_MIN = 16, WAITING_MAX = 1024; // clients, by port
 constexpr uint32_t BINDINGS_LOOKED_AT = 16;                                   // of one MAC address
-constexpr uint32_t DHCP6_CONFIRM = 4, DHCP6_RENEW = 5, DHCP6_REBIND = 6;
+constexpr uint32_t DHCP6_RENEW = 5, DHCP6_REBIND = 6; // RFC 8415 7.3
 
 enum class Verdict : uint8_t {
     his,     // or nobody's

@@ -11,31 +11,17 @@
 // when nobody has answered. Nothing is allocated after the start, and no call waits. One thread.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
 #include "clock.h"
+#include "host.h"
 #include "platform.h"
 #include "refusals.h"
 
 namespace platform_linux
 {
-
-using HostMac = std::array<uint8_t, 6>;
-
-// A port and a VLAN.
-struct HostPlace {
-    uint32_t ifIndex;
-    uint16_t vid;
-    bool operator==(const HostPlace &) const = default;
-};
-
-struct Host {
-    HostMac mac;
-    HostPlace place;
-};
 
 // A host that claims an address, or a transaction, of another.
 struct JudgedClaim {

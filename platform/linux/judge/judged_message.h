@@ -2,7 +2,10 @@
 // would act on are named.
 #pragma once
 
-#include "judge.h"
+#include <array>
+
+#include "dhcpsnoop.h"
+#include "host.h"
 
 namespace platform_linux
 {

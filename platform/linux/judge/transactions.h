@@ -6,7 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "judge.h"
+#include "clock.h"
+#include "host.h"
 
 namespace platform_linux
 {
