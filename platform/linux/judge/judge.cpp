@@ -25,7 +25,7 @@ constexpr Ticks SILENT = 90'000;           // nobody is; a renewing client repea
 constexpr size_t QUESTIONS_PER_PORT = 8;   // awaited, of claimants at one port
 constexpr uint32_t WAITING_GROUPS = 64, WAITING_MIN = 16, WAITING_MAX = 1024; // clients, by port
 constexpr uint32_t BINDINGS_LOOKED_AT = 16;                                   // of one MAC address
-constexpr uint32_t DHCP6_RENEW = 5, DHCP6_REBIND = 6; // RFC 8415 7.3
+constexpr uint32_t DHCP6_RENEW = 5, DHCP6_REBIND = 6;                         // RFC 8415 7.3
 
 enum class Verdict : uint8_t {
     his,     // or nobody's
@@ -275,11 +275,13 @@ class Judge::Records
         return Verdict::his;
     }
 
-    // Where nobody has set max-users, a port leaves as much free as it has.
+    // Where nobody has set max-users, a port leaves as much free as it has. A full table is the daemon's to
+    // tell of.
     static bool has_room(const DhcpsnoopIf &ifp)
     {
+        const uint32_t free = user_index_free();
         return ifp.isVlanIf != 0 || (ifp.flags & DHCPSNOOP_IF_TRUSTED) != 0 ||
-               ifp.maxUser != DHCPSNOOP_MAX_USER_DEFAULT || ifp.curUser < user_index_free();
+               ifp.maxUser != DHCPSNOOP_MAX_USER_DEFAULT || free == 0 || ifp.curUser < free;
     }
 
     // Clients that wait for a relayed answer take entries too: as many at a port as it has room here, the
