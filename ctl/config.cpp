@@ -261,9 +261,12 @@ std::string runningText(const Context &context)
     constexpr int ROUNDS = 3;
     File file = baseFile();
     openGuard(context);
-    for (int i = 0; i < ROUNDS; i++)
-        if (const Differences all = differences(file, context); !all.empty())
-            file = parsed(file.name, merged(file, all));
+    for (int i = 0; i < ROUNDS; i++) {
+        const Differences all = differences(file, context);
+        if (all.empty())
+            break;
+        file = parsed(file.name, merged(file, all));
+    }
     return file.text;
 }
 

@@ -109,6 +109,13 @@ class Configuration(labtest.LabTest):
         self.ctl("save")
         with open(path) as file:
             self.assertEqual(file.read().splitlines(), [*self.model, "interface swp5 max-users 9", "interface swp1 max-users 7"])
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k", "none", self.switch.directory], check=True)  # room for one file
+        self.addCleanup(subprocess.run, ["umount", self.switch.directory])
+        self.switch.configure(*self.model)
+        full = self.switch.ctl("save", check=False)
+        with open(path) as file:
+            self.assertEqual((full.returncode, full.stderr, file.read().splitlines(), os.listdir(self.switch.directory)),
+                             (1, f"dhcpsnoopctl: {path}: No space left on device; nothing was changed\n", [*self.model], ["dhcpsnoop.conf"]))
 
 
 class Refusals(labtest.LabTest):
