@@ -1,4 +1,5 @@
-// Which sent frame a received one is, and which are still on their way. A frame's xid is its number.
+// Which sent frame a received one is, and which are still on their way. Each frame carries a number
+// (messages.h).
 #pragma once
 
 #include <chrono>

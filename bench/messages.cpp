@@ -7,7 +7,7 @@
 #include "wire.h"
 
 static constexpr size_t IP = ETH_HEADER_LEN, UDP = IP + IPV4_HEADER_MIN, DHCP = UDP + UDP_HEADER_LEN;
-static constexpr size_t XID = DHCP + 4;
+static constexpr size_t XID = DHCP + 4, SIADDR = DHCP + 20;
 static constexpr uint32_t SERVER_ADDRESS = 0x0A020002, CLIENTS = 0x0A400000, LEASE = 86'400;
 static constexpr uint32_t ALL_ONES = 0xFFFFFFFF;
 
@@ -49,7 +49,7 @@ static void write_headers(uint8_t *frame, bool reply, const Exchange &exchange)
     wire_put16(frame + UDP + UDP_LENGTH, UDP_HEADER_LEN + DHCP_LENGTH);
 }
 
-void write_message(uint8_t *frame, Message message, uint32_t xid, const Exchange &exchange)
+void write_message(uint8_t *frame, Message message, uint32_t number, const Exchange &exchange)
 {
     const bool reply = message == Message::offer || message == Message::ack;
     const uint32_t address = CLIENTS + 1 + exchange.client;
@@ -68,7 +68,8 @@ void write_message(uint8_t *frame, Message message, uint32_t xid, const Exchange
     dhcp[DHCP_OP] = reply ? BOOTREPLY : BOOTREQUEST;
     dhcp[1] = 1; // Ethernet
     dhcp[2] = ETH_ADDR_LEN;
-    wire_put32(frame + XID, xid);
+    wire_put32(frame + XID, exchange.client + 1);
+    wire_put32(frame + SIADDR, number);
     if (reply) {
         wire_put32(dhcp + DHCP_YIADDR, address);
         wire_put32(dhcp + DHCP_GIADDR, exchange.giaddr);
@@ -93,13 +94,13 @@ void write_message(uint8_t *frame, Message message, uint32_t xid, const Exchange
     wire_put16(frame + UDP + UDP_CHECKSUM, sum != 0 ? sum : 0xFFFF);
 }
 
-bool read_xid(std::span<const uint8_t> frame, uint32_t *xid)
+bool read_number(std::span<const uint8_t> frame, uint32_t *number)
 {
     if (frame.size() < DHCP + DHCP_MESSAGE_MIN || wire_get16(frame.data() + ETH_TYPE) != ETHER_TYPE_IPV4 ||
         frame[IP] != 0x45 || frame[IP + IPV4_PROTOCOL] != IP_PROTO_UDP ||
         wire_get32(frame.data() + DHCP + DHCP_MAGIC) != 0x63825363)
         return false;
-    *xid = wire_get32(frame.data() + XID);
+    *number = wire_get32(frame.data() + SIADDR);
     return true;
 }
 
@@ -121,7 +122,7 @@ static void put_address(uint8_t *at, uint32_t prefix, uint32_t host)
     wire_put32(at + 12, host);
 }
 
-void write_message6(uint8_t *frame, Message message, uint32_t xid, const Exchange &exchange)
+void write_message6(uint8_t *frame, Message message, uint32_t number, const Exchange &exchange)
 {
     constexpr uint32_t LINK_LOCAL = 0xFE800000, GLOBAL = 0x20010DB8, SERVER = 1;
     const bool reply = message == Message::offer || message == Message::ack;
@@ -148,9 +149,10 @@ void write_message6(uint8_t *frame, Message message, uint32_t xid, const Exchang
     wire_put16(frame + UDP6 + UDP_LENGTH, PAYLOAD6);
 
     const uint8_t types[] = {0, DHCP6_SOLICIT, DHCP6_ADVERTISE, DHCP6_REQUEST, 0, DHCP6_REPLY};
+    wire_put32(frame + DHCP6, exchange.client + 1); // of 24 bits
     frame[DHCP6] = types[static_cast<size_t>(message)];
     put_header6(frame + IA, DHCP6_OPT_IA_NA, asks ? 12 : 12 + DHCP6_OPT_HEADER_LEN + 24);
-    wire_put32(frame + IAID, xid);
+    wire_put32(frame + IAID, number);
     uint8_t *at = frame + IA_ADDRESS;
     if (!asks) {
         at = put_header6(at, DHCP6_OPT_IAADDR, 24);
@@ -166,11 +168,11 @@ void write_message6(uint8_t *frame, Message message, uint32_t xid, const Exchang
     wire_put16(frame + UDP6 + UDP_CHECKSUM, sum != 0 ? sum : 0xFFFF);
 }
 
-bool read_xid6(std::span<const uint8_t> frame, uint32_t *xid)
+bool read_number6(std::span<const uint8_t> frame, uint32_t *number)
 {
     if (frame.size() < FRAME_LENGTH || wire_get16(frame.data() + ETH_TYPE) != ETHER_TYPE_IPV6 ||
         frame[IP + IPV6_NEXT_HEADER] != IP_PROTO_UDP || wire_get16(frame.data() + IA) != DHCP6_OPT_IA_NA)
         return false;
-    *xid = wire_get32(frame.data() + IAID);
+    *number = wire_get32(frame.data() + IAID);
     return true;
 }

@@ -17,11 +17,12 @@ struct Exchange {
     const uint8_t *serverMac = nullptr;
 };
 
-// Writes a frame of FRAME_LENGTH bytes with true checksums. `xid` tells it apart from all others; in DHCPv6,
-// where SOLICIT, ADVERTISE, REQUEST and REPLY stand for the four, it is the IAID.
-void write_message(uint8_t *frame, Message message, uint32_t xid, const Exchange &exchange);
-void write_message6(uint8_t *frame, Message message, uint32_t xid, const Exchange &exchange);
+// Writes a frame of FRAME_LENGTH bytes with true checksums. `number` tells it apart from all others: it is
+// the siaddr; in DHCPv6, where SOLICIT, ADVERTISE, REQUEST and REPLY stand for the four, the IAID. All
+// messages of a client have one transaction id.
+void write_message(uint8_t *frame, Message message, uint32_t number, const Exchange &exchange);
+void write_message6(uint8_t *frame, Message message, uint32_t number, const Exchange &exchange);
 
-// The xid of such a message in an Ethernet frame; false when it is none.
-bool read_xid(std::span<const uint8_t> frame, uint32_t *xid);
-bool read_xid6(std::span<const uint8_t> frame, uint32_t *xid);
+// The number of such a message in an Ethernet frame; false when it is none.
+bool read_number(std::span<const uint8_t> frame, uint32_t *number);
+bool read_number6(std::span<const uint8_t> frame, uint32_t *number);

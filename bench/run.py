@@ -77,7 +77,7 @@ class Daemon(Subject):
     def start(self, bench):
         bench.switch.start_daemon("--bindings", str(min(self.bindings + 64, MOST)), under=bench.pinned(1))
         self.process = bench.switch.daemon
-        for command in (f"interface {CLIENT_SIDE} snooping on", f"interface {SERVER_SIDE} snooping on",
+        for command in (f"interface {CLIENT_SIDE} snooping on", f"interface {CLIENT_SIDE} max-users {MOST}", f"interface {SERVER_SIDE} snooping on",
                         f"interface {SERVER_SIDE} trust on", *self.commands):
             bench.switch.ctl(command)
         learned = bench.traffic(*self.traffic(bench), "--leases-only", "--rounds", "1", "--clients", self.bindings)
@@ -290,7 +290,7 @@ def main():
     options6 = (f"interface {CLIENT_SIDE} option18 on", f"interface {CLIENT_SIDE} option37 on")
     subjects = [Loop("bare loop"), Daemon("dhcpsnoop", 256), Daemon("dhcpsnoop, option 82", 256, *option82),
                 Daemon6("dhcpsnoop, DHCPv6", 256), Daemon6("dhcpsnoop, DHCPv6, options 18 and 37", 256, *options6),
-                Relay("dhcrelay"), Daemon("dhcpsnoop", 32768), Daemon("dhcpsnoop", MOST, f"interface {CLIENT_SIDE} max-users {MOST}")]
+                Relay("dhcrelay"), Daemon("dhcpsnoop", 32768), Daemon("dhcpsnoop", MOST)]
     if options.smoke:
         del subjects[-2:]
     try:

@@ -212,10 +212,10 @@ class Run
         size_t received = 0;
         for (Link *link : {&clients_, &servers_}) {
             received += link->receive([this](std::span<const uint8_t> frame) {
-                uint32_t xid;
-                if (!(options_.ipv6 ? read_xid6 : read_xid)(frame, &xid))
+                uint32_t number;
+                if (!(options_.ipv6 ? read_number6 : read_number)(frame, &number))
                     return;
-                if (const auto took = matcher_.received(xid, Clock::now()))
+                if (const auto took = matcher_.received(number, Clock::now()))
                     statistics_.forwarded(*took);
             });
         }
