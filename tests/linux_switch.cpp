@@ -89,7 +89,8 @@ std::string describe(const Port &port)
         text += " =" + std::to_string(port.vlan);
     else if (!port.routed)
         text += " " + std::to_string(port.nativeVid) + " t" + list(port.members & ~port.untagged) + " u" + list(port.untagged);
-    text += std::string(port.routed ? " routed" : "") + (port.kind == PortKind::aggregate ? " aggregate" : port.kind == PortKind::host ? " host" : "");
+    text += std::string(port.routed ? " routed" : "") + (port.kind == PortKind::aggregate ? " aggregate" : port.kind == PortKind::host ? " host"
+                                                                                                                                       : "");
     text += port.up ? " up" : " down";
     text += STATES[static_cast<size_t>(port.stp)] + std::string(port.tpid != 0x8100 ? " 88a8" : "");
     return text + (port.aggregate != 0 ? " in " + std::to_string(port.aggregate) : "");

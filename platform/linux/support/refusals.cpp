@@ -23,7 +23,7 @@ struct Text {
 constexpr Text TEXTS[] = {
     {"bindings-full", "the table of bindings is full: raise 'bindings N' in dhcpsnoop.conf (or --bindings N) and restart the daemon"},
     {"users-limit", "the interface has as many bindings as it may: raise 'interface IF max-users N'"},
-    {"no-trusted-port", "no trusted port that is up has the clients' VLAN: say 'bridge BRIDGE uplink IF' or 'interface IF trust on'"},
+    {"no-trusted-port", "no trusted port that is up has the clients' VLAN: say 'bridge BRIDGE uplink IF', 'bridge BRIDGE host server' where this machine serves, or 'interface IF trust on'"},
     {"no-relay-server", "the interface relays without a server: say 'interface IF relay-server ADDRESS'"},
     {"interfaces-full", "the table of interfaces is full: raise 'interfaces N' in dhcpsnoop.conf (or --interfaces N) and restart the daemon"},
     {"guard-full", "no room for another binding in the guard, its host stays cut off where it is guarded: raise 'bindings N' in dhcpsnoop.conf (or --bindings N) and restart the daemon"},
