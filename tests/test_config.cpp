@@ -70,6 +70,7 @@ const struct { const char *claim, *text, *port, *bridge, *wanted; uint16_t vlan 
 #define INCOMPLETE "a peer takes all of listen or connect, certificate, key, authority and peer"
 #define ADDRESS "ADDRESS:PORT, an IPv6 address in [brackets]"
 const struct { const char *text, *error; } ERRORS[] = { // several files and what is wrong with them are separated by "|"
+    {"protection maybe\n", "f:1: expected: protection strict|as-asked"},
     {"# one\nbrigde br0\n", "f:2: 'brigde' begins no line of the configuration (bridge, interface, vlan, guard, arp-inspection, binding, bindings, interfaces, server-learning, …)"},
     {"bridge br0 uplink\n", "f:1: expected: bridge NAME [uplink PORTS] [host server|client|relay ...] [guard ITEMS [family 4|6|both]]"},
     {"bridge br0 host guard ip\n|bridge br0 host servant\n", "f:1: expected: bridge NAME [uplink PORTS] [host server|client|relay ...] [guard ITEMS [family 4|6|both]]|f:1: the host is server, client or relay, not 'servant'"},

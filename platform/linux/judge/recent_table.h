@@ -28,7 +28,7 @@ template <class Value> class RecentTable
 
     void put(uint64_t key, const Value &value, Ticks now)
     {
-        Row &at = rows_[key & (rows_.size() - 1)];
+        Row &at = rows_[index(key)];
         auto entry = std::ranges::find(at, key, &Entry::key);
         if (entry == at.end())
             entry = std::ranges::min_element(at, {}, &Entry::since);
@@ -45,7 +45,8 @@ template <class Value> class RecentTable
         Value value = {};
     };
     using Row = std::array<Entry, ROW>;
-    const Row &row(uint64_t key) const { return rows_[key & (rows_.size() - 1)]; }
+    size_t index(uint64_t key) const { return static_cast<size_t>(key) & (rows_.size() - 1); }
+    const Row &row(uint64_t key) const { return rows_[index(key)]; }
 
     std::vector<Row> rows_;
 };

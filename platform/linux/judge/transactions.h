@@ -44,7 +44,7 @@ class Transactions
         uint32_t oldest = NONE, newest = NONE, count = 0;
     };
 
-    uint32_t &bucket(uint64_t id) { return buckets_[id & (buckets_.size() - 1)]; }
+    uint32_t &bucket(uint64_t id) { return buckets_[static_cast<size_t>(id) & (buckets_.size() - 1)]; }
     uint32_t find_node(uint64_t id);
     uint32_t take_free();
     void remove(uint32_t node);
