@@ -8,6 +8,7 @@
 #include <linux/rtnetlink.h>
 #include <utility>
 
+#include "clock.h"
 #include "desired_state.h"
 #include "dhcpsnoop_cmd.h"
 #include "facts.h"
@@ -28,7 +29,8 @@ namespace
 constexpr size_t DATAGRAM_MAX = 32768;  // the kernel's largest
 constexpr int RECEIVE_BUFFER = 2 << 20; // some 500 link messages; the default holds 50
 constexpr int READS_PER_CALL = 64;      // datagrams that mean nothing to the daemon
-constexpr int DRAIN_MAX = 65536;        // datagrams thrown away before a dump
+constexpr Ticks READ_TIME = 5;   // each may make the classifier wait for the kernel; a frame waits as long
+constexpr int DRAIN_MAX = 65536; // datagrams thrown away before a dump
 
 alignas(nlmsghdr) std::array<uint8_t, DATAGRAM_MAX> datagram;
 DaemonEvents queue;
@@ -185,7 +187,8 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
         configuration();
     }
     role_events();
-    for (int i = 0; i < READS_PER_CALL && queue.empty(); i++)
+    const Ticks until = ticks() + READ_TIME;
+    for (int i = 0; i < READS_PER_CALL && queue.empty() && ticks() <= until; i++)
         if (!read_datagram(sock))
             break;
     if (queue.empty()) {

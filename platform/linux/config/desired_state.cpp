@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "clock.h"
 #include "config_thread.h"
 #include "fd.h"
 #include "guard.h"
@@ -25,7 +26,8 @@ namespace platform_linux
 namespace
 {
 
-constexpr size_t PORTS_PER_CALL = 16; // some 2 ms
+constexpr size_t PORTS_PER_CALL = 16; // some 2 ms, or less on a slow machine:
+constexpr Ticks TIME_PER_CALL = 5;
 constexpr std::chrono::seconds PATIENCE(30);
 
 // A configuration and its text.
@@ -444,7 +446,8 @@ bool config_work()
         }
         if (!todo.empty() || guard_protect_due())
             protect_bridges();
-        for (size_t i = 0; i < PORTS_PER_CALL && !todo.empty(); i++) {
+        const Ticks until = ticks() + TIME_PER_CALL;
+        for (size_t i = 0; i < PORTS_PER_CALL && !todo.empty() && ticks() <= until; i++) {
             const uint32_t ifIndex = *todo.begin();
             todo.erase(todo.begin());
             worked = true;
