@@ -36,7 +36,7 @@ machine_modules() {
 }
 
 machine_run() {
-    (cd "$1" && find . | busybox cpio -o -H newc 2>/dev/null | gzip -1) >"$machine_cache/initramfs"
+    (cd "$1" && find . | busybox cpio -o -H newc 2>/dev/null) >"$machine_cache/initramfs" # to unpack takes an emulated processor long
     timeout "$3" qemu-system-x86_64 -M pc -accel tcg -cpu max -m "$2" -smp 1 -no-reboot -nodefaults -display none \
         -serial stdio -kernel "$machine_cache/$machine_package/boot/vmlinuz-$machine_version" -initrd "$machine_cache/initramfs" \
         -append "console=ttyS0 quiet panic=-1 random.trust_cpu=on mitigations=off" </dev/null 2>&1 | tr -d '\r' || true

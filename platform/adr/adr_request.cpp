@@ -1,5 +1,6 @@
 #include "adr_request.h"
 
+#include <algorithm>
 #include <cstring>
 #include <initializer_list>
 #include <span>
@@ -66,9 +67,9 @@ AdrBytes adr_request_encode(const AdrRequest &request)
 AdrBytes adr_request_frame(const AdrBytes &body)
 {
     const auto length = static_cast<uint32_t>(body.size());
-    AdrBytes framed(sizeof length);
+    AdrBytes framed(sizeof length + body.size());
     std::memcpy(framed.data(), &length, sizeof length);
-    framed.insert(framed.end(), body.begin(), body.end());
+    std::ranges::copy(body, framed.begin() + sizeof length);
     return framed;
 }
 
