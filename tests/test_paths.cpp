@@ -144,6 +144,7 @@ const Word WORDS[] = {
     {"mode4", [] { set_flag_field(dhcpsnoop_if_lookup(1), DHCPSNOOP_IF_MODE, 4); }},
     {"global4", [] { gDhcpsnoop.remoteIdFmt.mode = 4, gDhcpsnoop.circuitIdFmt.mode = 3; }},
     {"boot", [] { world.bootFile = text_bytes("boot.bin"), world.option125 = text_bytes("x"); }},
+    {"letter", [] { world.bootFile = text_bytes("b"), world.option125 = text_bytes("x"); }},
 };
 
 const Row ROWS[] = {
@@ -185,6 +186,7 @@ const Row ROWS[] = {
     {"Kept: the global remote-id mode", "option82 global4 bound", {.type = ACK, .more = RAW}, "1 298 | .50 bound 1/10", "", Bytes{}},
     // options 67 and 125; they come in front of an option 82 that stays
     {"both, the boot file first", "option82 waiting bound boot hook", {.type = ACK, .more = TYPED}, "1 318, " HOOKED " | waits 1", "Insert option67, len is 8.|Insert option125, len is 1.", BOOT + VENDOR},
+    {"a boot file of one letter", "bound letter hook", {.type = ACK}, "1 311, " HOOKED, "Insert option67, len is 1.|Insert option125, len is 1.", hex_bytes("43 01 62") + VENDOR},
     {"before another's option 82", "option82 bound boot hook", {.type = ACK, .more = FOREIGN}, "1 330, " HOOKED, "", BOOT + VENDOR + FOREIGN},
     {"Kept: what nothing filled in is still the room, and refused", "bound hook", {.type = ACK}, "1 298, " HOOKED, INVALID},
 };

@@ -310,7 +310,7 @@ int32_t qorIndexTrans(const uint32_t *from, uint32_t kind, uint32_t *to)
         return 0;
     }
     for (const auto &[ifIndex, port] : world.ports) {
-        if (kind == 7 && port.isVlanIf && port.vid == from[4] && from[5] == 3) {
+        if (kind == 7 && port.isVlanIf && port.vid == from[4] && from[5] == 3 && from[6] == 0) {
             *to = ifIndex;
             return 0;
         }
