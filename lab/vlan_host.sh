@@ -13,11 +13,11 @@ ctl() { "$build"/ctl/dhcpsnoopctl "$@"; }
 wait_for() { for _ in $(seq 200); do eval "$1" && return; sleep 0.1; done; echo "never: $1"; }
 
 ip link add br0 type bridge vlan_filtering 1 vlan_default_pvid 0 mcast_snooping 0
-for host in pc10 pc20 rogue trunk; do
+for host in pc10 pc20 rogue trunk core; do
     ip netns add $host
     ip link add p-$host up type veth peer name eth0 netns $host
     inside $host ip link set eth0 up
-    ip link set p-$host master br0
+    [ $host = core ] || ip link set p-$host master br0
 done
 ip link set br0 up
 for vid in 10 20; do
@@ -34,17 +34,20 @@ for rule in ip:67 ipv6:547; do
     inside rogue tc filter add dev eth0 ingress protocol 802.1q flower vlan_ethtype ${rule%:*} ip_proto udp dst_port ${rule#*:} action drop
 done
 
-# start LINE SERVER-NAMESPACE: a daemon with that line, and dnsmasq on both VLANs, here or there.
+# addresses DEVICE NAMESPACE: those of the server or relay on both VLANs.
+addresses() {
+    for vid in 10 20; do
+        ${2:+ip netns exec $2} ip addr add 10.0.$vid.1/24 dev $1.$vid
+        ${2:+ip netns exec $2} ip addr add 2001:db8:$vid::1/64 dev $1.$vid
+    done
+}
+
+# start LINE DEVICES NAMESPACE: a daemon with that line, and dnsmasq for both VLANs on those devices, here or there.
 start() {
     echo "$1" >/run/conf/dhcpsnoop.conf
     "$build"/dhcpsnoop >/run/daemon 2>&1 &
-    daemon=$! run= device=br0
-    [ -z "$2" ] || run="ip netns exec $2" device=eth0
-    for vid in 10 20; do
-        $run ip addr add 10.0.$vid.1/24 dev $device.$vid
-        $run ip addr add 2001:db8:$vid::1/64 dev $device.$vid
-    done
-    $run dnsmasq -k --conf-file=/dev/null --port=0 --bind-interfaces --interface=$device.10 --interface=$device.20 --no-ping --log-dhcp --user=root --group=root \
+    daemon=$!
+    ${3:+ip netns exec $3} dnsmasq -k --conf-file=/dev/null --port=0 --bind-interfaces --interface="$2" --no-ping --log-dhcp --user=root --group=root \
         --log-facility=/run/server --pid-file= --dhcp-leasefile=/run/leases --dhcp-authoritative --dhcp-range=10.0.10.100,10.0.10.199,120 \
         --dhcp-range=10.0.20.100,10.0.20.199,120 --dhcp-range=2001:db8:10::100,2001:db8:10::1ff,64,120 --dhcp-range=2001:db8:20::100,2001:db8:20::1ff,64,120 &
     server=$!
@@ -84,15 +87,32 @@ messages() {
     done | sort | uniq -c | awk '{ print $1 $2 }' | xargs
 }
 
-start "bridge br0 host server" ""
+addresses br0
+start "bridge br0 host server" br0.10,br0.20
 ask pc10 eth0
 ask pc20 eth0
 row Server "$(messages 1 br0.10 1 br0.20) | 2x10p-pc10bound 2x20p-pc20bound | 0 1 "
 
+ip addr add 192.0.2.1/24 dev p-core
+ip addr add 2001:db8:99::1/64 dev p-core
+inside core ip addr add 192.0.2.9/24 dev eth0
+inside core ip addr add 2001:db8:99::9/64 dev eth0
+inside core ip route add 10.0.0.0/16 via 192.0.2.1
+start "bridge br0 host relay" eth0 core
+dhcrelay -4 -d -id br0.10 -id br0.20 -iu p-core 192.0.2.9 >/run/relay4 2>&1 &
+relays=$!
+dhcrelay -6 -d -l br0.10 -l br0.20 -u 2001:db8:99::9%p-core >/run/relay6 2>&1 &
+relays="$relays $!"
+ask pc10 eth0
+ask pc20 eth0
+row Relay "$(messages 2 eth0) | 2x10p-pc10bound 2x20p-pc20bound | 0 1 "
+kill $relays
+
 for vid in 10 20; do
     ip addr flush dev br0.$vid scope global
 done
-start "bridge br0 uplink p-trunk host client" trunk
+addresses eth0 trunk
+start "bridge br0 uplink p-trunk host client" eth0.10,eth0.20 trunk
 for device in br0.10 br0.20 mv0; do
     ask "" $device
 done
