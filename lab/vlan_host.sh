@@ -1,5 +1,5 @@
 #!/bin/sh
-# vlan_host.sh BUILD: this machine's own DHCP on br0.10 and br0.20 of a VLAN-aware bridge, which the kernel of the lab may not have.
+# vlan_host.sh BUILD: this machine's own DHCP on br0, br0.10 and br0.20 of a VLAN-aware bridge, which the kernel of the lab may not have.
 # For the emulated machine of scripts/test-kernel: everything stays. Each row is told as googletest tells it.
 build=$1
 export DHCPSNOOP_CONFIG=/run/conf
@@ -13,7 +13,7 @@ ctl() { "$build"/ctl/dhcpsnoopctl "$@"; }
 wait_for() { for _ in $(seq 200); do eval "$1" && return; sleep 0.1; done; echo "never: $1"; }
 
 ip link add br0 type bridge vlan_filtering 1 vlan_default_pvid 0 mcast_snooping 0
-for host in pc10 pc20 rogue trunk core; do
+for host in pc10 pc20 pc30 rogue trunk core; do
     ip netns add $host
     ip link add p-$host up type veth peer name eth0 netns $host
     inside $host ip link set eth0 up
@@ -28,6 +28,9 @@ for vid in 10 20; do
     ip link add link br0 name br0.$vid up type vlan id $vid
     inside trunk ip link add link eth0 name eth0.$vid up type vlan id $vid
 done
+bridge vlan add dev br0 vid 30 pvid untagged self # its native one
+bridge vlan add dev p-pc30 vid 30 pvid untagged
+bridge vlan add dev p-rogue vid 30
 ip link add link br0.10 name mv0 up type macvlan mode bridge
 inside rogue tc qdisc add dev eth0 clsact # counts requests
 for rule in ip:67 ipv6:547; do
@@ -42,16 +45,21 @@ addresses() {
     done
 }
 
-# start LINE DEVICES NAMESPACE: a daemon with that line, and dnsmasq for both VLANs on those devices, here or there.
-start() {
-    echo "$1" >/run/conf/dhcpsnoop.conf
+start_daemon() {
     "$build"/dhcpsnoop >/run/daemon 2>&1 &
     daemon=$!
+    wait_for 'tc filter show dev br0 egress | grep -q dhcpsnoop_host && ctl show ports 2>/dev/null | grep -q "^br0 .* both"'
+}
+
+# start LINE DEVICES NAMESPACE: a daemon with that line, and dnsmasq for all VLANs on those devices, here or there.
+start() {
+    echo "$1" >/run/conf/dhcpsnoop.conf
     ${3:+ip netns exec $3} dnsmasq -k --conf-file=/dev/null --port=0 --bind-interfaces --interface="$2" --no-ping --log-dhcp --user=root --group=root \
         --log-facility=/run/server --pid-file= --dhcp-leasefile=/run/leases --dhcp-authoritative --dhcp-range=10.0.10.100,10.0.10.199,120 \
-        --dhcp-range=10.0.20.100,10.0.20.199,120 --dhcp-range=2001:db8:10::100,2001:db8:10::1ff,64,120 --dhcp-range=2001:db8:20::100,2001:db8:20::1ff,64,120 &
+        --dhcp-range=10.0.20.100,10.0.20.199,120 --dhcp-range=10.0.30.100,10.0.30.199,120 --dhcp-range=2001:db8:10::100,2001:db8:10::1ff,64,120 \
+        --dhcp-range=2001:db8:20::100,2001:db8:20::1ff,64,120 --dhcp-range=2001:db8:30::100,2001:db8:30::1ff,64,120 &
     server=$!
-    wait_for 'tc filter show dev br0 egress | grep -q dhcpsnoop_host && ctl show ports 2>/dev/null | grep -q "^br0 .* both"'
+    start_daemon
 }
 
 # ask NAMESPACE DEVICE: a DHCPv4 and a DHCPv6 lease.
@@ -88,10 +96,15 @@ messages() {
 }
 
 addresses br0
-start "bridge br0 host server" br0.10,br0.20
-ask pc10 eth0
-ask pc20 eth0
-row Server "$(messages 1 br0.10 1 br0.20) | 2x10p-pc10bound 2x20p-pc20bound | 0 1 "
+ip addr add 10.0.30.1/24 dev br0
+ip addr add 2001:db8:30::1/64 dev br0
+start "bridge br0 host server" br0,br0.10,br0.20
+kill -9 $daemon
+start_daemon # which has other sockets
+for vid in 10 20 30; do
+    ask pc$vid eth0
+done
+row Server "$(messages 1 br0 1 br0.10 1 br0.20) | 2x10p-pc10bound 2x20p-pc20bound 2x30p-pc30bound | 0 1 "
 
 ip addr add 192.0.2.1/24 dev p-core
 ip addr add 2001:db8:99::1/64 dev p-core
