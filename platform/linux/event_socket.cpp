@@ -58,7 +58,9 @@ void stay_readable(int sock)
 
 void refresh()
 {
+    trap_put_off(true);
     outdated = !model_dump(switch_model(), queue);
+    trap_put_off(false);
     if (outdated)
         platform_report(LOG_WARNING, "the kernel's links cannot be listed: %s", strerror(errno));
     guardOutdated = true; // what was lost may have said so

@@ -48,6 +48,7 @@ struct Guard {
     std::set<uint32_t> hosts;    // bridges whose machine is a port: they have the host program alone
     std::set<uint32_t> held;     // ports without a say for their frames
     std::set<uint32_t> apart;    // ports of no protected bridge
+    bool putsOff = false;        // what is to be attached is doubted, for guard_mend
 } guard;
 
 char libbpfSaid[256]; // the first complaint since it was last cleared
@@ -219,11 +220,14 @@ void open_port(uint32_t ifIndex, guard_port &port)
 }
 
 // Attaches the classifier to a device whose entry is `port`, where it does not stand. That takes the kernel's
-// lock for network settings twice, which others may hold for a second while many ports change.
-int attach(uint32_t ifIndex, guard_port &port)
+// lock for network settings twice, which others may hold for a second while many ports change; so what may
+// be `later` is put off while that is said.
+int attach(uint32_t ifIndex, guard_port &port, bool later = false)
 {
     if (guard.standing.contains(ifIndex))
         return 0;
+    if (guard.known.contains(ifIndex))
+        open_port(ifIndex, port);
     // No port until the classifier stands there. An earlier run's may be trapping by its entry.
     guard_port now = {}, shut = port;
     shut.left_until = NEVER_A_PORT;
@@ -231,6 +235,10 @@ int attach(uint32_t ifIndex, guard_port &port)
     int error = judges ? 0 : -bpf_map_update_elem(guard.ports, &ifIndex, &shut, BPF_ANY);
     if (error == 0)
         error = count_from_zero(ifIndex);
+    if (error == 0 && later && guard.putsOff && !judges) {
+        guard.doubted.insert(ifIndex);
+        return 0;
+    }
     bool qdiscMade = false;
     const bool isHost = guard.hosts.contains(ifIndex);
     if (error == 0 && (isHost || guard.gated.contains(ifIndex)))
@@ -463,7 +471,8 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
         word = members[vid] ? word | bit : word & ~bit;
     }
     gather_vlans(port, Vlans());
-    return guard.standing.contains(ifIndex) ? change_port(ifIndex, port, before) : attach(ifIndex, port);
+    return guard.standing.contains(ifIndex) ? change_port(ifIndex, port, before)
+                                            : attach(ifIndex, port, true);
 }
 
 void guard_port_remove(uint32_t ifIndex, uint32_t seconds)
@@ -529,7 +538,7 @@ int guard_device_add(uint32_t ifIndex, bool ethernet)
             return error;
     }
     guard.parted.insert(ifIndex);
-    return ethernet ? attach(ifIndex, port) : 0;
+    return ethernet ? attach(ifIndex, port, true) : 0;
 }
 
 int guard_port_protect(uint32_t ifIndex, bool on)
@@ -544,8 +553,12 @@ int guard_port_protect(uint32_t ifIndex, bool on)
         return is_there(ifIndex) ? filter_detach_out(ifIndex) : 0;
     }
     guard.gated.insert(ifIndex);
-    return guard.standing.contains(ifIndex) ? filter_attach(ifIndex, Direction::egress, guard.out, qdiscMade)
-                                            : 0;
+    if (!guard.standing.contains(ifIndex))
+        return 0;
+    if (!guard.putsOff)
+        return filter_attach(ifIndex, Direction::egress, guard.out, qdiscMade);
+    guard.doubted.insert(ifIndex);
+    return 0;
 }
 
 void guard_port_host(uint32_t ifIndex, bool on)
@@ -633,10 +646,12 @@ int guard_trap_port(uint32_t ifIndex, int family, bool on)
     return change_port(ifIndex, port, before);
 }
 
+void guard_put_off(bool on) { guard.putsOff = on; }
+
 void guard_doubt(uint32_t ifIndex)
 {
     if (ifIndex == UINT32_MAX)
-        guard.doubted = guard.standing;
+        guard.doubted.insert(guard.standing.begin(), guard.standing.end());
     else if (guard.standing.contains(ifIndex))
         guard.doubted.insert(ifIndex);
 }
@@ -648,16 +663,19 @@ bool guard_mend(uint32_t &ifIndex, int &error)
     if (guard.doubted.empty())
         return false;
     error = 0;
-    ifIndex = *guard.doubted.begin();
-    guard.doubted.erase(ifIndex);
-    const bool listed = filter_list(ifIndex, filters);
-    const bool complete = guard.hosts.contains(ifIndex)
+    const uint32_t doubted = *guard.doubted.begin();
+    guard.doubted.erase(doubted);
+    const bool listed = filter_list(doubted, filters);
+    const bool complete = guard.hosts.contains(doubted)
                               ? filters.oursHost
-                              : filters.ours && (filters.oursOut || !guard.gated.contains(ifIndex));
-    if (!listed || complete || bpf_map_lookup_elem(guard.ports, &ifIndex, &port) != 0)
+                              : filters.ours && (filters.oursOut || !guard.gated.contains(doubted));
+    const bool stands = complete && guard.standing.contains(doubted);
+    ifIndex = 0;
+    if (!listed || stands || bpf_map_lookup_elem(guard.ports, &doubted, &port) != 0)
         return true;
-    guard.standing.erase(ifIndex);
-    error = attach(ifIndex, port);
+    guard.standing.erase(doubted);
+    ifIndex = doubted;
+    error = attach(doubted, port);
     return true;
 }
 

@@ -98,11 +98,13 @@ void guard_own_set(const std::set<MacAddress> &addresses);
 // the next frame.
 int guard_trap_port(uint32_t ifIndex, int family, bool on);
 
+// While it is on, guard_mend attaches what can wait, and no port is one before.
+void guard_put_off(bool on);
 // The classifier of a device may be gone, by somebody else's hand: guard_mend looks. UINT32_MAX = of any
 // device.
 void guard_doubt(uint32_t ifIndex);
-// Looks at one such device and attaches the classifier again where it is missing; an errno value when that
-// fails. False when there is none.
+// Looks at one such device and attaches the classifier where it is missing: then `ifIndex` is the device,
+// else 0; an errno value when that fails. False when there is none.
 bool guard_mend(uint32_t &ifIndex, int &error);
 
 // The trap of a VLAN (1 to 4094, else EINVAL) on every port: outer tag, or the port's native VLAN.

@@ -48,6 +48,8 @@ int32_t trap_set(uint32_t ifIndex, int family, bool on);
 // classifier again where it is missing; false when all were looked at. One at a time, because frames wait
 // while the kernel makes it wait.
 bool trap_heard(std::span<const uint8_t> datagram);
+// While it is on, as many devices may come at once, the classifier of each is left to trap_mend.
+void trap_put_off(bool on);
 void trap_messages_lost();
 bool trap_mend();
 

@@ -191,6 +191,8 @@ bool trap_heard(std::span<const uint8_t> datagram)
     return due;
 }
 
+void trap_put_off(bool on) { guard_put_off(on); }
+
 void trap_messages_lost() { guard_doubt(UINT32_MAX); }
 
 bool trap_mend()
@@ -200,8 +202,11 @@ bool trap_mend()
     if (!guard_mend(ifIndex, error))
         return false;
     if (error != 0 && error != ENODEV)
-        platform_report(LOG_ERR, "%s: somebody took the DHCP trap off it, and it does not go back: %s",
+        platform_report(LOG_ERR, "%s: it has no DHCP trap, and none can be had: %s",
                         device_name(ifIndex).c_str(), strerror(error));
+    const Port *port = error == 0 ? model_port(ifIndex) : nullptr;
+    if (port != nullptr && receives_itself(*port) && port->kind != PortKind::host)
+        protect_port(*port);
     return true;
 }
 
