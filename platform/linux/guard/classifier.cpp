@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <net/if.h>
+#include <optional>
 #include <set>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -156,6 +157,8 @@ struct Vlans {
     std::vector<guard_vlan> traps = by_vlan<guard_vlan>(guard.vlans);
     std::vector<guard_items> items = by_vlan<guard_items>(guard.vlanItems);
 };
+
+std::optional<Vlans> sameVlans; // read once for all that come while attaching is put off
 
 // The traps and the check items in force of all the port's VLANs together.
 void gather_vlans(guard_port &port, const Vlans &vlans)
@@ -470,7 +473,7 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
         __u64 &word = port.members[vid / 64];
         word = members[vid] ? word | bit : word & ~bit;
     }
-    gather_vlans(port, Vlans());
+    gather_vlans(port, sameVlans ? *sameVlans : Vlans());
     return guard.standing.contains(ifIndex) ? change_port(ifIndex, port, before)
                                             : attach(ifIndex, port, true);
 }
@@ -550,7 +553,8 @@ int guard_port_protect(uint32_t ifIndex, bool on)
         return 0;
     if (!on) {
         guard.gated.erase(ifIndex);
-        return is_there(ifIndex) ? filter_detach_out(ifIndex) : 0;
+        const int error = is_there(ifIndex) ? filter_detach_out(ifIndex) : 0;
+        return error == ENOENT ? 0 : error; // it was still to be attached
     }
     guard.gated.insert(ifIndex);
     if (!guard.standing.contains(ifIndex))
@@ -646,7 +650,13 @@ int guard_trap_port(uint32_t ifIndex, int family, bool on)
     return change_port(ifIndex, port, before);
 }
 
-void guard_put_off(bool on) { guard.putsOff = on; }
+void guard_put_off(bool on)
+{
+    guard.putsOff = on;
+    sameVlans.reset();
+    if (on && guard.object != nullptr)
+        sameVlans.emplace();
+}
 
 void guard_doubt(uint32_t ifIndex)
 {

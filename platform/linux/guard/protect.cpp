@@ -25,6 +25,7 @@ std::set<uint32_t> bridges, others; // protected, and those known not to be
 bool protecting = false;            // some bridge, or one that is to come
 PortReady isReady = nullptr;
 std::map<uint32_t, MacAddress> own; // of devices that are no ports, by index
+bool tellsLater = false, ownChanged = false;
 
 // Of the gate (bridge_gate.h).
 std::map<uint32_t, uint32_t> inBridge; // devices in bridges
@@ -96,7 +97,10 @@ void device_changed(const Device &device)
     if (!protecting)
         return;
     take_bridge(device);
-    if (take_in(device))
+    if (!take_in(device))
+        return;
+    ownChanged = tellsLater;
+    if (!tellsLater)
         tell_own();
 }
 
@@ -186,6 +190,13 @@ void protect_start()
         return;
     model_watch_devices(device_changed);
     model_watch_gone(device_gone);
+}
+
+void protect_put_off(bool on)
+{
+    tellsLater = on;
+    if (!on && std::exchange(ownChanged, false))
+        tell_own();
 }
 
 void protect_port(const Port &port)

@@ -191,7 +191,11 @@ bool trap_heard(std::span<const uint8_t> datagram)
     return due;
 }
 
-void trap_put_off(bool on) { guard_put_off(on); }
+void trap_put_off(bool on)
+{
+    guard_put_off(on);
+    protect_put_off(on);
+}
 
 void trap_messages_lost() { guard_doubt(UINT32_MAX); }
 
