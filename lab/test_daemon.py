@@ -11,6 +11,7 @@ import socket
 import struct
 import subprocess
 import sys
+import time
 import unittest
 
 import labtest
@@ -19,7 +20,7 @@ from lab import HERE, MACS, MODEL, PORTS, RUN, Process
 from scapy.layers.dhcp6 import DHCP6OptIAAddress
 from scapy.layers.inet import IP, UDP
 from scapy.layers.l2 import Ether
-from wire import BOOTP, exchange, exchange6, from_client, from_server
+from wire import BOOTP, exchange, exchange6, from_client, from_server, is_dhcp
 
 
 class Configuration(labtest.LabTest):
@@ -71,6 +72,20 @@ class Configuration(labtest.LabTest):
         self.lab.rogue.ip("link del eth0")
         self.wait("configuration by name", lambda: "77 mac 02:00:00:00:06:66 vlan 1 interface swp5\n" in self.ctl("show config"))
 
+    def test_many_ports_at_once(self):
+        """None of their frames, and no other, waits for all of them: of the half second each took, a part."""
+        frame, over = bytes(from_client("discover", MACS["pc1"], xid=7)), time.monotonic() + 3
+        near, far, waits = self.endpoint("pc1"), self.endpoint("server"), []
+        with open(f"{RUN}/many", "w") as file:
+            file.writelines(f"link add v{n} master br0 type veth peer name w{n}\nlink set v{n} up\nlink set w{n} up\n" for n in range(200))
+        coming = Process(self.switch, "many", "ip", "-batch", f"{RUN}/many")
+        while time.monotonic() < over or len(self.switch.show("ports")) < 206:
+            begin = time.monotonic()
+            near.send(frame)
+            far.receive("DISCOVER", lambda got: is_dhcp(got, "discover", xid=7))
+            waits.append(time.monotonic() - begin)
+        self.assertEqual((coming.popen.wait(), max(waits) < 0.4), (0, True), max(waits))
+
     @unittest.skipUnless(importlib.util.find_spec("prometheus_client"), "needs python3-prometheus-client")
     def test_glance(self):
         """Ports, status and numbers, the last by another program's reader of their format. 24 lines of 80 columns."""
@@ -102,10 +117,16 @@ class Configuration(labtest.LabTest):
         self.ctl("interface swp1 max-users 7")
         with open(f"{RUN}/other", "w") as file:
             file.write("bridge br0 uplink swp4\n")
-        self.ctl(f"apply {RUN}/other confirm 1")
+        self.ctl(f"apply {RUN}/other confirm 3")
         self.assertEqual((self.state("swp5"), self.state("swp1")), ("False 32768 ", "False 32768 "))
         self.wait_state("swp5", "False 9 ip,mac")
         self.assertEqual(self.state("swp1"), "False 7 ip,mac")
+        for tenths in (*range(4), 20):  # of a second, until the client is killed
+            killed = Process(self.switch, "apply", self.switch.binary("dhcpsnoopctl"), "apply", f"{RUN}/other", "confirm", "1")
+            time.sleep(tenths / 10)
+            killed.kill()
+        self.wait("the earlier settings", lambda: self.switch.daemon.log().count("not confirmed in time") > 1)
+        self.wait_state("swp1", "False 7 ip,mac")
         self.ctl("save")
         with open(path) as file:
             self.assertEqual(file.read().splitlines(), [*self.model, "interface swp5 max-users 9", "interface swp1 max-users 7"])

@@ -62,6 +62,7 @@ void guard_port_remove(uint32_t ifIndex, uint32_t) { asked(0, world_format("remo
 void guard_device_gone(uint32_t) {}
 void guard_vlans_changed() {}
 void guard_doubt(uint32_t) {}
+void guard_put_off(bool) {}
 int guard_device_add(uint32_t, bool) { return 0; }
 int guard_port_protect(uint32_t, bool) { return 0; }
 void guard_port_hold(uint32_t, bool) {}

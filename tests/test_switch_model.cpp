@@ -274,6 +274,7 @@ TEST(Answers, OfTheMachineAndOfNothing)
 int32_t platform_linux::trap_start(uint32_t) { return 0; }
 bool platform_linux::trap_heard(std::span<const uint8_t>) { return false; }
 void platform_linux::trap_messages_lost() {}
+void platform_linux::trap_put_off(bool) {}
 bool platform_linux::trap_mend() { return false; }
 
 int32_t platform_linux::trap_set(uint32_t ifIndex, int family, bool on)
