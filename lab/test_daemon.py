@@ -106,6 +106,8 @@ class Configuration(labtest.LabTest):
         self.switch.stop_daemon()
         self.assertEqual([name for name in ("/tmp/dhcpsnoop.socket", "/run/dhcpsnoop/events", "/run/dhcpsnoop/platform") if os.path.exists(name)], [])
         self.switch.configure("interface swp5 max-user 9", *self.model)
+        with open(path) as file:
+            self.assertEqual((self.switch.ctl("save", check=False).returncode, file.read().splitlines()[1:]), (3, [*self.model]))
         self.switch.start_daemon()
         self.wait_state("swp5", self.known)
         self.assertRegex(self.switch.daemon.log(), f"(?s){error}.*the last good configuration, {RUN}/journal.dhcpsnoop.conf, stays in force")
