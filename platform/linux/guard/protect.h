@@ -14,8 +14,9 @@ void protect_start();
 void protect_port(const Port &port);
 
 // It is no port any more.
+void protect_port_gone(uint32_t ifIndex);
+
 // While it is on, addresses of this host that come are told to the classifier at its end, all at once.
 void protect_put_off(bool on);
-void protect_port_gone(uint32_t ifIndex);
 
 } // namespace platform_linux
