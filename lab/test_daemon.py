@@ -81,7 +81,7 @@ class Configuration(labtest.LabTest):
             file.writelines(f"link add v{n} master br0 type veth peer name w{n}\nlink set v{n} up\nlink set w{n} up\n" for n in range(200))
             file.writelines(f"link set v{n} {state}\n" for state in ("down", "up") for n in range(200))
         coming = Process(self.switch, "many", "ip", "-batch", f"{RUN}/many")
-        while time.monotonic() < over or len(self.switch.show("ports")) < 206:
+        while coming.popen.poll() is None or time.monotonic() < over or len(self.switch.show("ports")) < 206:
             begin = time.monotonic()
             near.send(frame)
             far.receive("DISCOVER", lambda got: is_dhcp(got, "discover", xid=7))
