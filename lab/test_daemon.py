@@ -94,11 +94,12 @@ class Configuration(labtest.LabTest):
         parser = importlib.import_module("prometheus_client.openmetrics.parser")
         self.wait_state("swp5", self.known)
         self.ctl("interface swp1 max-users 1; interface swp5 trust on; binding add 10.0.10.9 mac 02:00:00:00:00:09 vlan 10 interface swp1 --force")
-        lines, status, swp1 = self.switch.ctl("").stdout.splitlines(), json.loads(self.ctl("status --json")), self.switch.show("ports")[0]
+        lines, guard = (self.switch.ctl(words).stdout.splitlines() for words in ("", "show guard"))
+        status, swp1 = json.loads(self.ctl("status --json")), self.switch.show("ports")[0]
         values = {family.name: sum(sample.value for sample in family.samples) for family in parser.text_string_to_metric_families(self.ctl("metrics"))}
         self.assertEqual(
             "{ports} {not-saved} {attention}".format(**status) + " {interface} {bridge} {snooping} {trust} {guard} {bindings}".format(**swp1)
-            + f" {values['dhcpsnoop_port_trusted']:.0f} {values['dhcpsnoop_bindings']:.0f} {len(lines) <= 24} {max(map(len, lines)) <= 80}",
+            + f" {values['dhcpsnoop_port_trusted']:.0f} {values['dhcpsnoop_bindings']:.0f} {len(lines) <= 24} {max(map(len, lines + guard)) <= 80}",
             "{'seen': 6, 'snooped': 6, 'trusted': 2, 'guarded': 5} 3 [] swp1 br0 both False ip,mac 1 2 1 True True")
         self.endpoint("pc1").send(Ether(src=MACS["pc1"], dst=MACS["pc2"]) / IP(src="10.0.10.77", dst="10.0.10.1") / UDP())
         self.wait("the guard's hour", lambda: [row for row in json.loads(self.ctl("status --json"))["refused-last-hour"] if row["reason"] == "guard-ipv4" and row["interface"] == "swp1"])
@@ -116,8 +117,10 @@ class Configuration(labtest.LabTest):
         checked = self.switch.ctl(f"check {path}", check=False)
         self.assertEqual((checked.returncode, error in checked.stderr), (1, True), checked.stderr)
         self.switch.configure(*self.model, "interface swp5 max-users 9")
+        before = self.switch.daemon.log().count("\n")
         self.switch.daemon.signal(signal.SIGHUP)
         self.wait_state("swp5", "False 9 ip,mac")
+        self.wait("one line of the log", lambda: self.switch.daemon.log().count("\n") - before == 1)
         self.ctl("interface swp1 max-users 7")
         with open(f"{RUN}/other", "w") as file:
             file.write("bridge br0 uplink swp4\n")
