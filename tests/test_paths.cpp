@@ -2,6 +2,8 @@
 // the way towards the servers; the server path with trust, learning, where the reply goes, relay undo, option 82 and boot options.
 #include "scene.h"
 
+#include "dhcpsnoop_nm.h"
+
 namespace
 {
 
@@ -234,5 +236,13 @@ const Row EXCHANGES[] = {
 };
 
 TEST_F(Server, Exchanges) { check_rows(EXCHANGES, WORDS); }
+
+TEST_F(Server, CallsAboutNothingAreRefused)
+{
+    dhcpsnoop_server_packet_recv(nullptr);
+    const Key key(HOST);
+    EXPECT_EQ(dhcpsnoop_user_add(&key, nullptr, nullptr), -1);
+    EXPECT_EQ(dhcpSnoopVlanGetNext(10, nullptr), -1);
+}
 
 } // namespace
