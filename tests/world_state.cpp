@@ -8,6 +8,7 @@
 
 #include "dhcpsnoop_user.h"
 #include "list.h"
+#include "user_index.h"
 
 namespace
 {
@@ -39,16 +40,20 @@ std::string check_index()
     const auto bytes = [](const auto &key, const uint8_t *at = nullptr) { return at = reinterpret_cast<const uint8_t *>(&key), Bytes(at, at + sizeof key); };
     std::map<Bytes, const void *> keys, dynamic, waiting;
     std::set<Bytes> listed;
+    uint32_t taken = 0;
     for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash)) {
         const DhcpsnoopUserKey key = dhcpsnoop_user_key(user->key.ipType, user->key.ipAddr);
         keys.emplace(bytes(key), user);
         listed.insert(bytes(user->key));
+        taken++;
         const void *&first = dynamic[Bytes(user->mac, user->mac + 6)];
         first = first == nullptr && user->userType == DHCPSNOOP_USER_DYNAMIC ? user : first;
     }
-    for (const DhcpsnoopMacUser *user : hash_each<DhcpsnoopMacUser>(gDhcpsnoop.macUserHash))
+    for (const DhcpsnoopMacUser *user : hash_each<DhcpsnoopMacUser>(gDhcpsnoop.macUserHash)) {
         waiting.emplace(Bytes(user->mac, user->mac + 6), user);
-    bool same = true;
+        taken++;
+    }
+    bool same = gDhcpsnoop.userPool == nullptr || user_index_free() == gDhcpsnoop.userMax - taken;
     for (const auto &[key, user] : keys)
         same = same && dhcpsnoop_user_lookup(reinterpret_cast<const DhcpsnoopUserKey *>(key.data())) == user;
     for (const auto &[mac, user] : dynamic)

@@ -22,7 +22,7 @@ struct Links {
 // empty, so every search ends.
 struct UserIndex {
     uint32_t mask; // count of slots - 1
-    uint32_t used; // entries of the pool
+    uint32_t used; // entries of the pool, bindings and waiting clients
     Number root;
     uint32_t *byKey, *byMac, *waiting;
     Links *links; // by number
@@ -183,7 +183,6 @@ void dhcpsnoop_user_mac_set(DhcpsnoopUser *user, const uint8_t mac[6])
     ring_remove(user);
     std::memcpy(user->mac, mac, sizeof user->mac);
     ring_add(user);
-    gUserIndex->used++;
 }
 
 DhcpsnoopUser *user_index_mac_first(const uint8_t mac[6])
@@ -285,6 +284,7 @@ void user_index_add(DhcpsnoopUser *user)
     slot_add(gUserIndex->byKey, hash_of(user->key), number);
     tree_add(number);
     ring_add(user);
+    gUserIndex->used++;
 }
 
 void user_index_remove(DhcpsnoopUser *user)
