@@ -5,23 +5,17 @@
 #include <libmnl/libmnl.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
-#include <memory>
-#include <sys/time.h>
 #include <unistd.h>
+
+#include "kernel_dump.h"
 
 namespace platform_linux
 {
 namespace
 {
-constexpr size_t DATAGRAM_MAX = 32768;
-constexpr timeval TIMEOUT = {2, 0};
 constexpr uint32_t LATELY = 5 * 60; // seconds; a bridge forgets a host after as many
 constexpr uint8_t FAMILIES[] = {AF_BRIDGE, AF_INET, AF_INET6};
 constexpr uint16_t NOT_SEEN = NUD_INCOMPLETE | NUD_FAILED | NUD_NOARP;
-
-struct SocketCloser {
-    void operator()(mnl_socket *sock) const { mnl_socket_close(sock); }
-};
 
 struct Neighbour {
     uint32_t ifIndex;
@@ -84,42 +78,17 @@ int take(const nlmsghdr *message, void *to)
     return MNL_CB_OK;
 }
 
-bool dump(mnl_socket *sock, uint8_t family, Seen &seen)
-{
-    struct {
-        nlmsghdr header;
-        ndmsg neighbour;
-    } request = {};
-    request.header.nlmsg_len = sizeof request;
-    request.header.nlmsg_type = RTM_GETNEIGH;
-    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    request.neighbour.ndm_family = family;
-    if (mnl_socket_sendto(sock, &request, sizeof request) < 0)
-        return false;
-    alignas(nlmsghdr) static std::array<char, DATAGRAM_MAX> datagram;
-    for (int more = MNL_CB_OK; more > MNL_CB_STOP;) {
-        const ssize_t length = mnl_socket_recvfrom(sock, datagram.data(), datagram.size());
-        if (length < 0)
-            return false;
-        more = mnl_cb_run(datagram.data(), static_cast<size_t>(length), 0, 0, take, &seen);
-        if (more < 0)
-            return false;
-    }
-    return true;
-}
-
 } // namespace
 
 bool hosts_seen(std::vector<SeenHost> &hosts)
 {
     Seen seen = {hosts, {}};
-    const std::unique_ptr<mnl_socket, SocketCloser> sock(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
-    if (!sock || mnl_socket_bind(sock.get(), 0, MNL_SOCKET_AUTOPID) < 0 ||
-        setsockopt(mnl_socket_get_fd(sock.get()), SOL_SOCKET, SO_RCVTIMEO, &TIMEOUT, sizeof TIMEOUT) < 0)
-        return false;
-    for (const uint8_t family : FAMILIES)
-        if (!dump(sock.get(), family, seen))
+    for (const uint8_t family : FAMILIES) {
+        ndmsg neighbour = {};
+        neighbour.ndm_family = family;
+        if (!kernel_dump(NETLINK_ROUTE, RTM_GETNEIGH, &neighbour, sizeof neighbour, take, &seen))
             return false;
+    }
     for (const Neighbour &neighbour : seen.neighbours) {
         bool known = false;
         for (SeenHost &host : hosts)

@@ -14,17 +14,15 @@
 #include <memory>
 #include <netinet/in.h>
 #include <set>
-#include <sys/time.h>
 #include <vector>
 
+#include "kernel_dump.h"
 #include "protocol.h"
 
 namespace platform_linux
 {
 namespace
 {
-constexpr size_t DATAGRAM_MAX = 32768;
-constexpr timeval TIMEOUT = {2, 0};
 constexpr uint8_t HOST_PREFIX =
     128; // of an IPv6 address; one without DHCP comes with the prefix of its network
 
@@ -49,10 +47,6 @@ struct Seen {
     std::vector<UdpSocket> sockets;
     std::set<uint32_t> packetSockets; // devices with one for all frames
     std::set<uint32_t> ipSockets;     // devices with one for IPv4 alone
-};
-
-struct SocketCloser {
-    void operator()(mnl_socket *sock) const { mnl_socket_close(sock); }
 };
 
 int take_address(const nlmsghdr *message, void *to)
@@ -85,34 +79,6 @@ int take_socket(const nlmsghdr *message, void *to)
     return MNL_CB_OK;
 }
 
-// One dump. The request's fixed part is `body`.
-template <typename Body> bool dump(int protocol, uint16_t type, const Body &body, mnl_cb_t take, Seen &seen)
-{
-    struct {
-        nlmsghdr header;
-        Body body;
-    } request = {};
-    request.header.nlmsg_len = sizeof request;
-    request.header.nlmsg_type = type;
-    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    request.body = body;
-    const std::unique_ptr<mnl_socket, SocketCloser> sock(mnl_socket_open2(protocol, SOCK_CLOEXEC));
-    if (!sock || mnl_socket_bind(sock.get(), 0, MNL_SOCKET_AUTOPID) < 0 ||
-        setsockopt(mnl_socket_get_fd(sock.get()), SOL_SOCKET, SO_RCVTIMEO, &TIMEOUT, sizeof TIMEOUT) < 0 ||
-        mnl_socket_sendto(sock.get(), &request, sizeof request) < 0)
-        return false;
-    alignas(nlmsghdr) static std::array<char, DATAGRAM_MAX> datagram;
-    for (int more = MNL_CB_OK; more > MNL_CB_STOP;) {
-        const ssize_t length = mnl_socket_recvfrom(sock.get(), datagram.data(), datagram.size());
-        if (length < 0)
-            return false;
-        more = mnl_cb_run(datagram.data(), static_cast<size_t>(length), 0, 0, take, &seen);
-        if (more < 0)
-            return false;
-    }
-    return true;
-}
-
 void read_packet_sockets(Seen &seen)
 {
     struct FileCloser {
@@ -139,9 +105,10 @@ bool look(Seen &seen)
     for (const uint8_t family : {uint8_t{AF_INET}, uint8_t{AF_INET6}}) {
         ifaddrmsg addresses = {};
         addresses.ifa_family = sockets.sdiag_family = family;
-        if (!dump(NETLINK_ROUTE, RTM_GETADDR, addresses, take_address, seen))
+        if (!kernel_dump(NETLINK_ROUTE, RTM_GETADDR, &addresses, sizeof addresses, take_address, &seen))
             return false;
-        dump(NETLINK_SOCK_DIAG, SOCK_DIAG_BY_FAMILY, sockets, take_socket, seen); // a kernel may have none
+        kernel_dump(NETLINK_SOCK_DIAG, SOCK_DIAG_BY_FAMILY, &sockets, sizeof sockets, take_socket,
+                    &seen); // a kernel may have none
     }
     read_packet_sockets(seen);
     return true;
