@@ -72,7 +72,10 @@ class Kernel : public NetnsTest
                 run(command);
             else if (system((command.substr(1) + " 2>/dev/null").c_str()) != 0)
                 GTEST_SKIP() << "this kernel cannot: " << command;
-            const std::string text = told();
+            std::string text = told();
+            // The kernel tells a lost carrier a second later at most, and an emulated machine takes its time.
+            for (int wait = 0; wait < 20 && text + describe(model_ports()) != outcome; wait++)
+                text += told();
             EXPECT_EQ(text + describe(model_ports()), outcome) << command;
             SwitchModel fresh;
             DaemonEvents events;
