@@ -6,12 +6,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <vector>
 
 #include <bpf/bpf.h>
 #include <unistd.h>
 
+#include "clock.h"
 #include "map_keys.h"
 
 namespace platform_linux
@@ -150,12 +150,7 @@ bool drop_any_inherited()
 
 } // namespace
 
-uint64_t guard_clock()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * NANOSECONDS + static_cast<uint64_t>(now.tv_nsec);
-}
+uint64_t guard_clock() { return static_cast<uint64_t>(kernel_boot_time()); }
 
 uint32_t guard_rules_open(int map, int state)
 {

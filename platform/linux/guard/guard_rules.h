@@ -31,7 +31,7 @@ void guard_rules_close();
 // Copies every rule of one map into another, which has the room.
 int guard_rules_copy(int from, int to);
 
-// Nanoseconds of CLOCK_BOOTTIME, as the times in the maps.
+// Nanoseconds of the kernel's CLOCK_BOOTTIME, as the times in the maps.
 uint64_t guard_clock();
 
 } // namespace platform_linux

@@ -17,6 +17,10 @@ inline Ticks ticks()
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
+// Nanoseconds since the machine's start, as the kernel's programs and other daemons of the machine count
+// them, also in a time namespace.
+int64_t kernel_boot_time();
+
 // Two clocks at one time, in milliseconds. The second counts from the machine's start, and nobody sets it.
 struct ClockReading {
     int64_t wall, sinceBoot;
