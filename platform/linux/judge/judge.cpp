@@ -224,6 +224,8 @@ class Judge::Records
     // A holder that speaks at its place has answered.
     void hear(const DhcpsnoopUserKey &address)
     {
+        if (now_ - latestQuestion_ >= SILENT)
+            return;
         for (Question &question : questions_)
             if (question.state != Question::State::free && is_same(question.claim.address, address)) {
                 question.state = Question::State::heard;
@@ -253,6 +255,7 @@ class Judge::Records
         }
         if (room != nullptr && awaited < QUESTIONS_PER_PORT) {
             *room = {Question::State::awaited, now_, claim};
+            latestQuestion_ = now_;
             around_.ask(static_cast<size_t>(room - questions_.data()), claim);
         }
         return Verdict::asked;
@@ -492,6 +495,7 @@ class Judge::Records
     std::vector<HostMac> waiting_; // rings, one behind the other
     std::array<uint32_t, WAITING_GROUPS> newestWaiting_ = {};
     std::array<Question, JUDGE_QUESTIONS> questions_;
+    Ticks latestQuestion_ = -SILENT;
 };
 
 Judge::Judge(JudgeSwitch &around, uint32_t bindings, uint64_t seed)

@@ -20,31 +20,33 @@ template <class Value> class RecentTable
     // Null when it is not known, or is older.
     const Value *find(uint64_t key, Ticks notBefore = 0) const
     {
-        for (const Entry &entry : row(key))
-            if (entry.key == key)
-                return entry.since >= notBefore ? &entry.value : nullptr;
-        return nullptr;
+        const Row &at = row(key);
+        const auto i = static_cast<size_t>(std::ranges::find(at.keys, key) - at.keys.begin());
+        return i != ROW && at.kept[i].since >= notBefore ? &at.kept[i].value : nullptr;
     }
 
     void put(uint64_t key, const Value &value, Ticks now)
     {
         Row &at = rows_[index(key)];
-        auto entry = std::ranges::find(at, key, &Entry::key);
-        if (entry == at.end())
-            entry = std::ranges::min_element(at, {}, &Entry::since);
-        *entry = {key, now, value};
+        auto i = static_cast<size_t>(std::ranges::find(at.keys, key) - at.keys.begin());
+        if (i == ROW)
+            i = static_cast<size_t>(std::ranges::min_element(at.kept, {}, &Kept::since) - at.kept.begin());
+        at.keys[i] = key;
+        at.kept[i] = {now, value};
     }
 
     void clear() { std::ranges::fill(rows_, Row{}); }
 
   private:
     static constexpr uint32_t ROW = 8;
-    struct Entry {
-        uint64_t key = 0; // 0: free
+    struct Kept {
         Ticks since = 0;
-        Value value = {};
+        [[no_unique_address]] Value value = {};
     };
-    using Row = std::array<Entry, ROW>;
+    struct alignas(64) Row {                 // a look-up reads one cache line
+        std::array<uint64_t, ROW> keys = {}; // 0: free
+        std::array<Kept, ROW> kept = {};
+    };
     size_t index(uint64_t key) const { return static_cast<size_t>(key) & (rows_.size() - 1); }
     const Row &row(uint64_t key) const { return rows_[index(key)]; }
 

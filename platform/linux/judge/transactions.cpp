@@ -6,7 +6,10 @@
 namespace platform_linux
 {
 
-Transactions::Transactions(uint32_t count) : nodes_(count), buckets_(std::bit_ceil(count * 2)) { clear(); }
+Transactions::Transactions(uint32_t count) : nodes_(count), links_(count), buckets_(std::bit_ceil(count * 2))
+{
+    clear();
+}
 
 void Transactions::clear()
 {
@@ -14,7 +17,7 @@ void Transactions::clear()
     groups_.fill({});
     free_ = NONE;
     for (uint32_t i = 0; i < nodes_.size(); i++) {
-        nodes_[i].chain = free_;
+        links_[i].chain = free_;
         free_ = i;
     }
 }
@@ -22,8 +25,8 @@ void Transactions::clear()
 uint32_t Transactions::find_node(uint64_t id)
 {
     uint32_t node = bucket(id);
-    for (uint32_t i = 0; i < CHAIN_MAX && node != NONE; i++, node = nodes_[node].chain)
-        if (nodes_[node].transaction.id == id)
+    for (uint32_t i = 0; i < CHAIN_MAX && node != NONE; i++, node = links_[node].chain)
+        if (nodes_[node].id == id)
             return node;
     return NONE;
 }
@@ -31,21 +34,21 @@ uint32_t Transactions::find_node(uint64_t id)
 Transaction *Transactions::find(uint64_t id)
 {
     const uint32_t node = find_node(id);
-    return node != NONE ? &nodes_[node].transaction : nullptr;
+    return node != NONE ? &nodes_[node] : nullptr;
 }
 
 void Transactions::remove(uint32_t node)
 {
-    const Node &gone = nodes_[node];
-    uint32_t *link = &bucket(gone.transaction.id);
+    const Links &gone = links_[node];
+    uint32_t *link = &bucket(nodes_[node].id);
     while (*link != node)
-        link = &nodes_[*link].chain;
+        link = &links_[*link].chain;
     *link = gone.chain;
-    Group &group = groups_[gone.transaction.host.place.ifIndex % GROUPS];
-    (gone.older != NONE ? nodes_[gone.older].newer : group.oldest) = gone.newer;
-    (gone.newer != NONE ? nodes_[gone.newer].older : group.newest) = gone.older;
+    Group &group = groups_[nodes_[node].host.place.ifIndex % GROUPS];
+    (gone.older != NONE ? links_[gone.older].newer : group.oldest) = gone.newer;
+    (gone.newer != NONE ? links_[gone.newer].older : group.newest) = gone.older;
     group.count--;
-    nodes_[node].chain = free_;
+    links_[node].chain = free_;
     free_ = node;
 }
 
@@ -54,7 +57,7 @@ uint32_t Transactions::take_free()
     if (free_ == NONE)
         remove(std::ranges::max_element(groups_, {}, &Group::count)->oldest);
     const uint32_t node = free_;
-    free_ = nodes_[node].chain;
+    free_ = links_[node].chain;
     return node;
 }
 
@@ -65,9 +68,10 @@ void Transactions::put(const Transaction &transaction)
     const uint32_t node = take_free();
     Group &group = groups_[transaction.host.place.ifIndex % GROUPS];
     uint32_t &first = bucket(transaction.id);
-    nodes_[node] = {transaction, first, group.newest, NONE};
+    nodes_[node] = transaction;
+    links_[node] = {first, group.newest, NONE};
     first = node;
-    (group.newest != NONE ? nodes_[group.newest].newer : group.oldest) = node;
+    (group.newest != NONE ? links_[group.newest].newer : group.oldest) = node;
     group.newest = node;
     group.count++;
 }

@@ -12,7 +12,8 @@
 namespace platform_linux
 {
 
-struct Transaction {
+// A cache line.
+struct alignas(64) Transaction {
     uint64_t id;       // of family, transaction id and client
     uint64_t clientId; // DUID, or client identifier (option 61); 0 = none
     Ticks seen;
@@ -36,9 +37,8 @@ class Transactions
   private:
     static constexpr uint32_t NONE = UINT32_MAX;
     static constexpr uint32_t GROUPS = 64, CHAIN_MAX = 64;
-    struct Node {
-        Transaction transaction;
-        uint32_t chain, older, newer; // nodes
+    struct Links { // nodes; neighbours are touched oftener than transactions
+        uint32_t chain, older, newer;
     };
     struct Group {
         uint32_t oldest = NONE, newest = NONE, count = 0;
@@ -49,7 +49,8 @@ class Transactions
     uint32_t take_free();
     void remove(uint32_t node);
 
-    std::vector<Node> nodes_;
+    std::vector<Transaction> nodes_;
+    std::vector<Links> links_;
     std::vector<uint32_t> buckets_;
     std::array<Group, GROUPS> groups_; // by port
     uint32_t free_;                    // chained
