@@ -8,6 +8,7 @@
 #include "judged_message.h"
 #include "keyed_hash.h"
 #include "protocol.h"
+#include "questions.h"
 #include "recent_table.h"
 #include "transactions.h"
 #include "user_index.h"
@@ -20,18 +21,9 @@ namespace
 constexpr uint32_t TRANSACTIONS_MIN = 1024, TRANSACTIONS_MAX = 16384;
 constexpr Ticks TRANSACTION_AGE = 120'000; // a server's answer comes earlier
 constexpr Ticks OWNED = 10'000;            // by the place that a transaction was seen at
-constexpr Ticks HEARD = 4'000;             // from the question on: its holder is there
-constexpr Ticks SILENT = 90'000;           // nobody is; a renewing client repeats after a minute
-constexpr size_t QUESTIONS_PER_PORT = 8;   // awaited, of claimants at one port
 constexpr uint32_t WAITING_GROUPS = 64, WAITING_MIN = 16, WAITING_MAX = 1024; // clients, by port
 constexpr uint32_t BINDINGS_LOOKED_AT = 16;                                   // of one MAC address
 constexpr uint32_t DHCP6_RENEW = 5, DHCP6_REBIND = 6;                         // RFC 8415 7.3
-
-enum class Verdict : uint8_t {
-    his,     // or nobody's
-    asked,   // the holder is asked
-    refused, // another's
-};
 
 // Of a bound address: as its server acknowledged it, whatever requests came after.
 struct Holder {
@@ -41,12 +33,6 @@ struct Holder {
 };
 
 struct Nothing {
-};
-
-struct Question {
-    enum class State : uint8_t { free, awaited, heard, silent } state = State::free;
-    Ticks asked = 0;
-    JudgedClaim claim = {};
 };
 
 bool is_over(uint32_t since, uint32_t lease, uint32_t now) { return int64_t{now} - since >= lease; }
@@ -59,11 +45,6 @@ Host host_of(const DhcpsnoopUser &user)
     };
     std::copy_n(user.mac, host.mac.size(), host.mac.begin());
     return host;
-}
-
-bool is_same(const DhcpsnoopUserKey &one, const DhcpsnoopUserKey &other)
-{
-    return memcmp(&one, &other, sizeof one) == 0;
 }
 
 // Whether the message of a client is about the addresses that it names.
@@ -98,7 +79,7 @@ class Judge::Records
         : around_(around), seed_(seed),
           transactions_(std::clamp(bindings, TRANSACTIONS_MIN, TRANSACTIONS_MAX)),
           offers_(std::clamp(bindings, TRANSACTIONS_MIN, TRANSACTIONS_MAX)), holders_(bindings * 2),
-          waiting_(WAITING_GROUPS * std::clamp(bindings / 8, WAITING_MIN, WAITING_MAX))
+          waiting_(WAITING_GROUPS * std::clamp(bindings / 8, WAITING_MIN, WAITING_MAX)), questions_(around)
     {
     }
 
@@ -116,7 +97,7 @@ class Judge::Records
         transactions_.clear();
         offers_.clear();
         holders_.clear();
-        questions_.fill({});
+        questions_.clear();
         std::ranges::fill(waiting_, HostMac{});
     }
 
@@ -178,7 +159,7 @@ class Judge::Records
         const Host holder = host_of(*user);
         const bool isHere = is_at(*user, claimant.host);
         if (isHere && (offered || !is_other_duid(claimant, *user))) {
-            hear(address);
+            questions_.hear(address, now_);
             return Verdict::his;
         }
         const Holder *known = holder_of(*user);
@@ -189,7 +170,8 @@ class Judge::Records
             return Verdict::refused;
         if (!moves && known != nullptr && is_over(known->since, known->lease, claimant.time))
             return Verdict::his;
-        return around_.is_alive(holder.place) ? ask({address, claimant.host, holder}) : Verdict::his;
+        return around_.is_alive(holder.place) ? questions_.ask({address, claimant.host, holder}, now_)
+                                              : Verdict::his;
     }
 
     // And reports a refusal.
@@ -200,65 +182,6 @@ class Judge::Records
             around_.refuse(Refused::bindingTheft,
                            {address, claimant.host, host_of(*dhcpsnoop_user_lookup(&address))});
         return verdict;
-    }
-
-    // ---- Questions to holders
-
-    void follow(Question &question)
-    {
-        if (question.state != Question::State::awaited)
-            return;
-        const Answer answer = around_.answer(static_cast<size_t>(&question - questions_.data()));
-        if (answer != Answer::awaited)
-            question.state = answer == Answer::heard ? Question::State::heard : Question::State::silent;
-    }
-
-    bool is_valid(const Question &question) const
-    {
-        const Ticks age = now_ - question.asked;
-        return question.state == Question::State::awaited ||
-               (question.state == Question::State::heard && age < HEARD) ||
-               (question.state == Question::State::silent && age < SILENT);
-    }
-
-    // A holder that speaks at its place has answered.
-    void hear(const DhcpsnoopUserKey &address)
-    {
-        if (now_ - latestQuestion_ >= SILENT)
-            return;
-        for (Question &question : questions_)
-            if (question.state != Question::State::free && is_same(question.claim.address, address)) {
-                question.state = Question::State::heard;
-                question.asked = now_;
-            }
-    }
-
-    Verdict ask(const JudgedClaim &claim)
-    {
-        Question *room = nullptr;
-        size_t awaited = 0;
-        for (Question &question : questions_) {
-            follow(question);
-            const Host &claimant = question.claim.claimant, &holder = question.claim.holder;
-            if (is_valid(question) && is_same(question.claim.address, claim.address) &&
-                holder.place == claim.holder.place && holder.mac == claim.holder.mac &&
-                claimant.place == claim.claimant.place && claimant.mac == claim.claimant.mac)
-                return question.state == Question::State::awaited ? Verdict::asked
-                       : question.state == Question::State::heard ? Verdict::refused
-                                                                  : Verdict::his;
-            const bool isAwaited = question.state == Question::State::awaited;
-            awaited += isAwaited && claimant.place.ifIndex == claim.claimant.place.ifIndex;
-            const bool isBetter = room == nullptr || question.state == Question::State::free ||
-                                  (room->state != Question::State::free && question.asked < room->asked);
-            if (!isAwaited && isBetter)
-                room = &question;
-        }
-        if (room != nullptr && awaited < QUESTIONS_PER_PORT) {
-            *room = {Question::State::awaited, now_, claim};
-            latestQuestion_ = now_;
-            around_.ask(static_cast<size_t>(room - questions_.data()), claim);
-        }
-        return Verdict::asked;
     }
 
     // ---- Messages of clients
@@ -494,8 +417,7 @@ class Judge::Records
     RecentTable<Holder> holders_;
     std::vector<HostMac> waiting_; // rings, one behind the other
     std::array<uint32_t, WAITING_GROUPS> newestWaiting_ = {};
-    std::array<Question, JUDGE_QUESTIONS> questions_;
-    Ticks latestQuestion_ = -SILENT;
+    Questions questions_;
 };
 
 Judge::Judge(JudgeSwitch &around, uint32_t bindings, uint64_t seed)
