@@ -8,6 +8,7 @@
 #include <sys/random.h>
 
 #include "asker.h"
+#include "judge.h"
 #include "model.h"
 #include "protection.h"
 #include "protocol.h"

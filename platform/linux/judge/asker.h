@@ -9,7 +9,7 @@
 
 #include "ask_frame.h"
 #include "fd.h"
-#include "judge.h"
+#include "judge_switch.h"
 
 namespace platform_linux
 {

@@ -10,7 +10,7 @@
 
 #include <array>
 
-#include "judge.h"
+#include "judge_switch.h"
 
 namespace platform_linux
 {
