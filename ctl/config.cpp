@@ -14,15 +14,14 @@
 
 #include "binding_view.h"
 #include "command.h"
-#include "cut_off.h"
+#include "config_notes.h"
 #include "facts_view.h"
 #include "fd.h"
 #include "guard_view.h"
-#include "own_dhcp.h"
+#include "model_now.h"
 #include "protection.h"
 #include "reconcile.h"
 #include "running.h"
-#include "switch_model.h"
 
 using namespace platform_linux;
 
@@ -83,6 +82,8 @@ File parsed(const std::string &name, const std::string &text)
     return file;
 }
 
+NotedFile noted(const File &file) { return {file.name, file.config}; }
+
 // An absent file is empty where `mayLack`.
 File readFile(const std::string &name, bool mayLack = false)
 {
@@ -112,16 +113,6 @@ void writeFile(const std::string &name, const std::string &text)
 }
 
 // ---- The running state
-
-// The ports as the daemon sees them.
-std::vector<PortId> ports(const Config &config)
-{
-    std::vector<PortId> found;
-    const Ports all = portsNow(config.model);
-    for (const auto &[ifIndex, port] : all)
-        found.push_back(port_id(port, all));
-    return found;
-}
 
 // The static bindings. The daemon has a dead index for the port of those that wait; the platform has its
 // name.
@@ -165,7 +156,7 @@ Differences differences(const File &file, const Context &context)
             wanted, source, ""
         });
     const auto add = [&all](const Differences &more) { all.insert(all.end(), more.begin(), more.end()); };
-    for (const PortId &port : ports(file.config))
+    for (const PortId &port : portIdsNow(file.config.model))
         add(reconcile_port(file.config, daemon, port, Make::no));
     add(reconcile_vlans(file.config, Make::no));
     add(compare_bindings(file.config, statics(context)));
@@ -270,92 +261,7 @@ std::string runningText(const Context &context)
     return file.text;
 }
 
-// ---- Notes about a file
-
-void noteAbsent(const File &file, const Context &context)
-{
-    const auto note = [&](uint32_t line, const std::string &text) {
-        context.err << file.name << ':' << line << ": note: " << text << '\n';
-    };
-    const std::vector<PortId> all = ports(file.config);
-    for (const BridgeLine &line : file.config.bridges) {
-        const auto isIn = [&](const PortId &port) { return port.bridge == line.bridge; };
-        const auto isUplink = [&](const PortId &port) {
-            return isIn(port) && line.uplink->match(port.name) != Rank::none;
-        };
-        if (std::ranges::none_of(all, isIn))
-            note(line.line, "there is no bridge " + line.bridge + " with ports now");
-        else if (line.uplink && std::ranges::none_of(all, isUplink))
-            note(line.line,
-                 line.bridge + " has no port " + line.uplink->text() + " now: no server is trusted there");
-    }
-    for (const PortLine &line : file.config.ports) {
-        const auto isMeant = [&](const PortId &port) { return line.ports.match(port.name) != Rank::none; };
-        if (std::ranges::none_of(all, isMeant))
-            note(line.line, "there is no port " + line.ports.text() + " now");
-    }
-}
-
-// Hosts that a guard of the file would cut off, where it does not stand already.
-void noteCutOff(const File &file, const Context &context)
-{
-    const Config &config = file.config;
-    const Ports ports = portsNow(config.model);
-    std::string unused;
-    guard_config_open(unused);
-    CutOff cutOff(context.daemon, isDaemonRunning(context.daemon));
-    for (const BindingLine &line : config.bindingLines)
-        cutOff.add(line.binding);
-    const auto note = [&](uint32_t line, const GuardPlace &place, const GuardPlan &plan) {
-        const guard_items now = guard_config_get(place);
-        if (plan.guard == GuardWords{guard_wanted(now, GuardFeature::ipSourceGuard),
-                                     guard_wanted(now, GuardFeature::arpInspection)})
-            return;
-        for (const std::string &warning : cutOff.warnings(plan, wantedSnooping(config, ports, plan.port)))
-            context.err << file.name << ':' << line << ": note: " << warning << '\n';
-    };
-    for (const auto &[ifIndex, port] : ports) {
-        if (port.vlan != 0 || port.aggregate != 0)
-            continue;
-        const WantedPort wanted = wanted_port(config, port_id(port, ports));
-        note(std::max(wanted.ip.source.line, wanted.arp.source.line),
-             {
-                 false, ifIndex
-        },
-             {port, 0, {wanted.ip.value, wanted.arp.value}});
-        for (const VlanLine &line : config.vlans)
-            if (port.members[line.vid] && wanted.ip.value == 0 && wanted.arp.value == 0)
-                note(line.line, {true, line.vid},
-                     {port, line.vid, line.guard.value_or(GuardWords{0, line.arp.value_or(uint8_t{0})})});
-    }
-}
-
-// This machine's own DHCP on a bridge that is going to be protected, where the file does not speak of it.
-void noteOwnDhcp(const File &file, const Context &context)
-{
-    SwitchModel model;
-    DaemonEvents unused;
-    std::map<uint32_t, OwnDhcp> own;
-    const bool relays =
-        std::ranges::any_of(file.config.ports, [](const PortLine &line) { return line.server.value_or(0); });
-    if (!model_dump(model, unused) || !own_dhcp(model.links(), relays, own))
-        return;
-    for (const auto &[ifIndex, dhcp] : own) {
-        const std::string name = model.links().at(ifIndex).name;
-        const uint8_t roles = file.config.host_roles(name);
-        const bool lacksServer = !dhcp.serves.empty() && (roles & (HOST_SERVER | HOST_RELAY)) == 0;
-        const bool lacksClient = !dhcp.asks.empty() && roles == 0;
-        const auto line = std::ranges::find(file.config.bridges, name, &BridgeLine::bridge);
-        if (line == file.config.bridges.end() || (!lacksServer && !lacksClient))
-            continue;
-        std::string words = (roles & HOST_CLIENT) != 0 || lacksClient ? " client" : "";
-        words += lacksServer ? " server" : "";
-        context.err << file.name << ':' << line->line << ": note: this machine's own DHCP "
-                    << (lacksServer ? "server or relay" : "client") << " on " << name << " would be cut off ("
-                    << (lacksServer ? dhcp.serves : dhcp.asks) << "); the line 'bridge " << name << " host"
-                    << words << "' is missing\n";
-    }
-}
+// ---- Commands
 
 const std::string &theFile(const char *what, std::span<const std::string> arguments)
 {
@@ -368,7 +274,7 @@ ExitStatus showEffective(const Context &context, const std::string &name)
 {
     const File base = baseFile();
     openGuard(context);
-    const std::vector<PortId> all = ports(base.config);
+    const std::vector<PortId> all = portIdsNow(base.config.model);
     const auto port = std::ranges::find(all, name, &PortId::name);
     if (port == all.end())
         throw CtlError(EXIT_REFUSED, "'" + name + "' is no port of the switch");
@@ -429,9 +335,9 @@ SavedFile compareSaved(const Context &context)
 ExitStatus checkConfig(const Context &context, std::span<const std::string> arguments)
 {
     const File file = readFile(theFile("check", arguments));
-    noteAbsent(file, context);
-    noteOwnDhcp(file, context);
-    noteCutOff(file, context);
+    noteAbsent(noted(file), context);
+    noteOwnDhcp(noted(file), context);
+    noteCutOff(noted(file), context);
     return EXIT_DONE;
 }
 
@@ -439,8 +345,8 @@ ExitStatus diffConfig(const Context &context, std::span<const std::string> argum
 {
     const File file = arguments.empty() ? readFile(savedPath(), true) : readFile(theFile("diff", arguments));
     openGuard(context);
-    noteOwnDhcp(file, context);
-    noteCutOff(file, context);
+    noteOwnDhcp(noted(file), context);
+    noteCutOff(noted(file), context);
     const Differences all = differences(file, context);
     for (const Difference &difference : all)
         context.out << joinQuoted(difference.running) << "    # "
@@ -455,9 +361,9 @@ ExitStatus applyConfig(const Context &context, std::span<const std::string> argu
         throw UsageError("apply FILE [confirm SECONDS]");
     const uint32_t seconds = confirms ? parseRange("seconds", arguments[2], 1, CONFIRM_MAX) : 0;
     const File file = readFile(arguments[0]);
-    noteAbsent(file, context);
-    noteOwnDhcp(file, context);
-    noteCutOff(file, context);
+    noteAbsent(noted(file), context);
+    noteOwnDhcp(noted(file), context);
+    noteCutOff(noted(file), context);
     writeFile(config_runtime("before"), runningText(context));
     writeFile(config_runtime("candidate"), file.text);
     context.err << demandConfig("apply " + std::to_string(seconds), file.name);

@@ -7,7 +7,6 @@
 #include <set>
 
 #include "binding_view.h"
-#include "switch_model.h"
 #include "wanted.h"
 
 using namespace platform_linux;
@@ -71,27 +70,6 @@ std::string cutOffText(const std::string &port, const std::string &ip, const std
 }
 
 } // namespace
-
-SwitchConf runningModel()
-{
-    Config config;
-    std::string text, error;
-    const std::string name = config_runtime("running");
-    return conf_file_read(name, text, error) == ConfFile::read && config_parse(name, text, config, error)
-               ? config.model
-               : SwitchConf{};
-}
-
-Ports portsNow(const SwitchConf &conf)
-{
-    SwitchModel model;
-    DaemonEvents unused;
-    model.configure(conf);
-    if (!model_dump(model, unused))
-        throw CtlError(EXIT_REFUSED,
-                       std::string("the kernel's links cannot be listed: ") + std::strerror(errno));
-    return model.ports();
-}
 
 PortSnooping runningSnooping(const Daemon &daemon, const Ports &ports, const Port &port)
 {

@@ -2,12 +2,12 @@
 // lately and that no binding in force speaks for.
 #pragma once
 
-#include <map>
 #include <optional>
 
 #include "binding.h"
 #include "config.h"
 #include "hosts.h"
+#include "model_now.h"
 
 // The guard as it is to stand on a port, by its own setting or that of a VLAN.
 struct GuardPlan {
@@ -21,12 +21,6 @@ struct PortSnooping {
     bool trusted = false;
     uint32_t versions = 0; // DHCPSNOOP_IPV4, DHCPSNOOP_IPV6
 };
-
-// The switch model of the configuration that is in force; empty where none is.
-platform_linux::SwitchConf runningModel();
-using Ports = std::map<uint32_t, platform_linux::Port>; // by index
-// The ports of this namespace, seen through the file's switch model.
-Ports portsNow(const platform_linux::SwitchConf &conf);
 
 class CutOff
 {

@@ -13,6 +13,7 @@
 #include "cut_off.h"
 #include "guard_view.h"
 #include "guard_words.h"
+#include "model_now.h"
 #include "protocol.h"
 #include "table.h"
 

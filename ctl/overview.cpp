@@ -5,8 +5,8 @@
 #include <set>
 #include <sstream>
 
-#include "cut_off.h"
 #include "guard_view.h"
+#include "model_now.h"
 #include "running.h"
 #include "wanted.h"
 

@@ -2,8 +2,8 @@
 #include <ostream>
 
 #include "command.h"
-#include "cut_off.h"
 #include "guard.h"
+#include "model_now.h"
 
 uint32_t interfaceOfBoth(const Target &target)
 {
