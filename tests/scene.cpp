@@ -37,7 +37,7 @@ DhcpsnoopUser *make_binding(const Key &key, const Mac &mac, uint32_t ifIndex, ui
     if (user == nullptr)
         return nullptr;
     user->vid = user->origVid = vid;
-    user->ifIndex = ifIndex;
+    dhcpsnoop_user_port_set(user, ifIndex);
     user->leaseTime = 3600;
     user->leaseStart = static_cast<uint32_t>(world.now);
     user->userType = DHCPSNOOP_USER_DYNAMIC;

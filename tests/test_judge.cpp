@@ -140,7 +140,7 @@ void step(const std::string &text, bool six)
 
 std::string played(std::string steps)
 {
-    prepare("port3");
+    prepare("port3 vlan-if"); // by which port 5 is snooped
     for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))
         set_flag_field(ifp, DHCPSNOOP_IF_VERSION, 3);
     judge().forget();
@@ -248,11 +248,13 @@ TEST(JudgeRules, Flood)
 // By default a port leaves as much room as it has; of clients that wait for a relayed answer the latest wait.
 TEST(JudgeRules, Room)
 {
-    std::string steps = "a3 discover";
-    for (int i = 1; i <= 140; i++)
-        steps += world_format(";a3 request .%d;a3 request .%d", i, i);
-    const std::string half = played(steps).substr(0, 281);
-    EXPECT_EQ(std::to_string(std::ranges::count(half, '+')) + " of " + std::to_string(gDhcpsnoop.userMax), "257 of 256");
+    for (const char port : {'3', '5'}) {
+        std::string steps = std::string("a") + port + " discover";
+        for (int i = 1; i <= 140; i++)
+            steps += world_format(";a%c request .%d;a%c request .%d", port, i, port, i);
+        const std::string half = played(steps).substr(0, 281);
+        EXPECT_EQ(std::to_string(std::ranges::count(half, '+')) + " of " + std::to_string(gDhcpsnoop.userMax), "257 of 256") << port;
+    }
     const auto relayed = [] {
         prepare("relay");
         judge().forget();

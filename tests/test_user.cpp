@@ -4,6 +4,7 @@
 
 #include "event_message.h"
 #include "steps.h"
+#include "user_index.h"
 
 namespace
 {
@@ -126,12 +127,18 @@ TEST_F(User, FoundAsAlongTheChains)
         if (Parsed waits(Frame{.chaddr = mac}); pick(8) == 0)
             dhcpsnoop_mac_user_add(&waits.info);
         else if (DhcpsnoopUser *user = binding(key); user == nullptr)
-            make_binding(key, mac, 1, 10);
+            make_binding(key, mac, pick(4), 10);
         else if (pick(3) == 0)
-            dhcpsnoop_user_mac_set(user, mac.data()), user->userType = static_cast<uint8_t>(pick(3));
+            dhcpsnoop_user_mac_set(user, mac.data()), dhcpsnoop_user_port_set(user, pick(4)), user->userType = static_cast<uint8_t>(pick(3));
         else
             dhcpsnoop_user_delete(user), dhcpsnoop_mac_user_delete(dhcpsnoop_mac_user_lookup(mac.data()));
         faults = i % 20 == 0 ? world_check_tables(false) : "";
+        uint32_t counted[4] = {};
+        for (const DhcpsnoopUser *user : hash_each<DhcpsnoopUser>(gDhcpsnoop.userHash))
+            counted[user->ifIndex]++;
+        for (uint32_t port = 0; port < 4; port++)
+            if (user_index_on_port(port) != counted[port])
+                faults += world_format("%u bindings on port %u, not %u", counted[port], port, user_index_on_port(port));
     }
     EXPECT_EQ(faults, "");
 }

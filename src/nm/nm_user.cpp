@@ -181,7 +181,7 @@ static int32_t number_set(const Change &change, DhcpsnoopUser *user)
         user->vid = user->origVid = static_cast<uint16_t>(*number);
         break;
     case USER_INTERFACE:
-        user->ifIndex = *number;
+        dhcpsnoop_user_port_set(user, *number);
         break;
     case USER_ATTR:
         user->userAttr = static_cast<uint16_t>(*number);

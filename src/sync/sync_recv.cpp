@@ -35,7 +35,7 @@ static void user_apply(const SyncUserRecord &record)
     // Kept: a binding that moves to another port or VLAN leaves the counts of both as they are.
     user->vid = record.vid;
     user->origVid = record.origVid;
-    user->ifIndex = record.ifIndex;
+    dhcpsnoop_user_port_set(user, record.ifIndex);
     user->leaseTime = record.leaseTime;
     user->leaseStart = record.leaseStart;
     user->hwFlags = record.hwFlags;

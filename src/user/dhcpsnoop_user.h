@@ -18,8 +18,9 @@ DhcpsnoopUser *dhcpsnoop_user_next(const DhcpsnoopUserKey *from);
 DhcpsnoopUser *
 dhcpsnoop_user_table_add(const DhcpsnoopUserKey *key); // zeroed but for the key; null: no key, no node
 
-void dhcpsnoop_user_mac_set(DhcpsnoopUser *user,
-                            const uint8_t mac[6]); // the only way to write its MAC address
+// The only ways to write a binding's MAC address and port, because both are indexed.
+void dhcpsnoop_user_mac_set(DhcpsnoopUser *user, const uint8_t mac[6]);
+void dhcpsnoop_user_port_set(DhcpsnoopUser *user, uint32_t ifIndex);
 
 // Learns from a client's request. `existing` is what the key's lookup found; it may be deleted. 0 when done
 // or nothing to do, -1 when a limit is reached or no node is free.

@@ -176,7 +176,7 @@ int32_t dhcpsnoop_user_add(const DhcpsnoopUserKey *key, DhcpsnoopUser *existing,
         return -1;
 
     user->vid = user->origVid = place.vid;
-    user->ifIndex = place.ifIndex;
+    dhcpsnoop_user_port_set(user, place.ifIndex);
     dhcpsnoop_user_mac_set(user, info->chaddr);
     user->userType = DHCPSNOOP_USER_DYNAMIC;
     user->leaseTime = DHCPSNOOP_LEASE_PROVISIONAL;

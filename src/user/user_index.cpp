@@ -16,6 +16,7 @@ using Number = uint16_t; // of an entry: its place in the pool, from 1 on; 0 = n
 struct Links {
     Number next, prev;   // ring of the MAC address; next is 0 while the binding is not in the index
     Number lower, upper; // subtrees of smaller and of larger keys
+    Number group;        // of ports: where it counts
 };
 
 // A slot: 16 bits of the hash, 16 bits of the entry's number; 0 = empty. At least half of the slots are
@@ -25,7 +26,8 @@ struct UserIndex {
     uint32_t used; // entries of the pool, bindings and waiting clients
     Number root;
     uint32_t *byKey, *byMac, *waiting;
-    Links *links; // by number
+    Links *links;     // by number
+    uint32_t *onPort; // bindings; ports whose indexes have the same last bits count as one
 };
 
 UserIndex *gUserIndex;
@@ -36,7 +38,8 @@ int32_t dhcpsnoop_user_index_init(uint16_t count)
     while (slots < 2 * size_t{count})
         slots *= 2;
     const size_t links = size_t{count} + 1;
-    const size_t size = sizeof(UserIndex) + 3 * slots * sizeof(uint32_t) + links * sizeof(Links);
+    const size_t groups = slots / 2;
+    const size_t size = sizeof(UserIndex) + (3 * slots + groups) * sizeof(uint32_t) + links * sizeof(Links);
     void *block = std::calloc(1, size);
     if (block == nullptr)
         return -1;
@@ -45,7 +48,8 @@ int32_t dhcpsnoop_user_index_init(uint16_t count)
     gUserIndex->byKey = ::new (gUserIndex + 1) uint32_t[3 * slots]();
     gUserIndex->byMac = gUserIndex->byKey + slots;
     gUserIndex->waiting = gUserIndex->byMac + slots;
-    gUserIndex->links = ::new (gUserIndex->waiting + slots) Links[links]();
+    gUserIndex->onPort = ::new (gUserIndex->waiting + slots) uint32_t[groups]();
+    gUserIndex->links = ::new (gUserIndex->onPort + groups) Links[links]();
     return 0;
 }
 
@@ -197,6 +201,31 @@ DhcpsnoopUser *user_index_mac_next(const DhcpsnoopUser *user, const DhcpsnoopUse
     return next != first ? next : nullptr;
 }
 
+// ---- bindings by port
+
+static Number group_of(uint32_t ifIndex) { return static_cast<Number>(ifIndex & gUserIndex->mask >> 1); }
+
+static void count_up(const DhcpsnoopUser *user)
+{
+    const Number group = group_of(user->ifIndex);
+    gUserIndex->links[number_of(user)].group = group;
+    gUserIndex->onPort[group]++;
+}
+
+static void count_down(const DhcpsnoopUser *user)
+{
+    gUserIndex->onPort[gUserIndex->links[number_of(user)].group]--;
+}
+
+void dhcpsnoop_user_port_set(DhcpsnoopUser *user, uint32_t ifIndex)
+{
+    count_down(user);
+    user->ifIndex = ifIndex;
+    count_up(user);
+}
+
+uint32_t user_index_on_port(uint32_t ifIndex) { return gUserIndex->onPort[group_of(ifIndex)]; }
+
 // ---- the order of keys: a treap, whose priorities are hashes of the entries' numbers
 
 static uint64_t priority(Number number) { return mix(number, 1); }
@@ -284,6 +313,7 @@ void user_index_add(DhcpsnoopUser *user)
     slot_add(gUserIndex->byKey, hash_of(user->key), number);
     tree_add(number);
     ring_add(user);
+    count_up(user);
     gUserIndex->used++;
 }
 
@@ -298,6 +328,7 @@ void user_index_remove(DhcpsnoopUser *user)
         key_hash);
     tree_remove(number);
     ring_remove(user);
+    count_down(user);
     gUserIndex->used--;
 }
 

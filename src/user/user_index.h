@@ -15,7 +15,8 @@ void user_index_remove(DhcpsnoopUser *user);
 void user_index_add(DhcpsnoopMacUser *macUser);
 void user_index_remove(DhcpsnoopMacUser *macUser);
 
-uint32_t user_index_free(void); // entries that the pool has left
+uint32_t user_index_free(void);                // entries that the pool has left
+uint32_t user_index_on_port(uint32_t ifIndex); // bindings, perhaps with those of ports that share its count
 
 DhcpsnoopUser *user_index_find(const DhcpsnoopUserKey *key);
 DhcpsnoopMacUser *user_index_find_waiting(const uint8_t mac[6]);

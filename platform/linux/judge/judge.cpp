@@ -201,13 +201,15 @@ class Judge::Records
         return Verdict::his;
     }
 
-    // Where nobody has set max-users, a port leaves as much free as it has. A full table is the daemon's to
-    // tell of.
-    static bool has_room(const DhcpsnoopIf &ifp)
+    // Where nobody has set max-users, a port leaves as much free as it has, also one that a VLAN interface
+    // snoops for. A full table is the daemon's to tell of.
+    static bool has_room(const DhcpsnoopIf &ifp, uint32_t port)
     {
         const uint32_t free = user_index_free();
-        return ifp.isVlanIf != 0 || (ifp.flags & DHCPSNOOP_IF_TRUSTED) != 0 ||
-               ifp.maxUser != DHCPSNOOP_MAX_USER_DEFAULT || free == 0 || ifp.curUser < free;
+        if (ifp.maxUser != DHCPSNOOP_MAX_USER_DEFAULT || free == 0)
+            return true;
+        return ifp.isVlanIf != 0 ? user_index_on_port(port) < free
+                                 : (ifp.flags & DHCPSNOOP_IF_TRUSTED) != 0 || ifp.curUser < free;
     }
 
     // Clients that wait for a relayed answer take entries too: as many at a port as it has room here, the
@@ -254,7 +256,7 @@ class Judge::Records
         for (size_t i = 0; i < message.count; i++) {
             const DhcpsnoopUserKey &address = message.named[i].key;
             if (makes_entry(message) && dhcpsnoop_user_lookup(&address) == nullptr &&
-                !has_room(*message.info->ifp)) {
+                !has_room(*message.info->ifp, claimant.host.place.ifIndex)) {
                 around_.refuse(Refused::usersLimit, {address, claimant.host, {}});
                 return false;
             }
@@ -389,7 +391,7 @@ class Judge::Records
             request.rxTime = message.info->rxTime;
             request.serverId = answered.serverId;
             request.opt60Sub1 = answered.vendorTag;
-            if (request.ifp == nullptr || !has_room(*request.ifp) ||
+            if (request.ifp == nullptr || !has_room(*request.ifp, host.place.ifIndex) ||
                 dhcpsnoop_user_add(&named.key, nullptr, &request) != 0)
                 return false;
         }
