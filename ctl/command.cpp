@@ -407,7 +407,7 @@ void printUsage(std::ostream &out)
     for (const Conversion &row : CONVERSIONS)
         printRow(out, std::string("%") + row.letter, row.help);
     out << "\nEvery show takes --json, wherever it stands, and so do status and monitor. A command may be cut short as long as it is clear.\n-v tells the name and code of a refusal. DHCPSNOOP_SOCKET names another socket than "
-        << DHCPSNOOP_SOCKET_PATH
+        << DHCPSNOOP_CONTROL_PATH
         << ".\nExit status: 0 done, 1 refused, 2 wrong usage, 3 no daemon that answers.\n";
 }
 

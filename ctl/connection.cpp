@@ -55,7 +55,7 @@ bool waitReadable(int descriptor, Clock::time_point deadline)
     }
 }
 
-// The socket stands in a directory where anybody may create files: only root or the caller is believed.
+// The socket may stand in a directory where anybody creates files: only root or the caller is believed.
 void checkPeer(int descriptor, const std::string &path)
 {
     ucred peer = {};
@@ -213,8 +213,14 @@ Exchange socketExchange(std::string path, std::chrono::milliseconds timeout)
 
 std::string daemonSocketPath()
 {
-    const char *path = std::getenv("DHCPSNOOP_SOCKET");
-    return path && *path ? path : DHCPSNOOP_SOCKET_PATH;
+    const char *named = std::getenv(DHCPSNOOP_SOCKET_ENV);
+    if (named && *named)
+        return named;
+    struct stat about = {};
+    const bool hasMoved = lstat(DHCPSNOOP_CONTROL_PATH, &about) == 0 || errno != ENOENT;
+    const bool isRoots = lstat(DHCPSNOOP_SOCKET_PATH, &about) == 0 && S_ISSOCK(about.st_mode) &&
+                         (about.st_uid == 0 || about.st_uid == geteuid());
+    return !hasMoved && isRoots ? DHCPSNOOP_SOCKET_PATH : DHCPSNOOP_CONTROL_PATH;
 }
 
 std::string askPlatform(const std::string &request)

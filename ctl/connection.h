@@ -54,7 +54,8 @@ Exchange socketExchange(std::string path,
 // Whether anybody listens at the daemon's socket; throws NoDaemon when it does and cannot be asked.
 bool isDaemonRunning(const Daemon &daemon);
 
-// The daemon's socket, or the one that the environment variable DHCPSNOOP_SOCKET names.
+// The daemon's socket, or the one that the environment variable DHCPSNOOP_SOCKET names. The old name in /tmp
+// where there is nothing at the new one, and it is root's or the caller's.
 std::string daemonSocketPath();
 
 // The answer of the Linux platform, which has a local socket of its own beside the daemon's; throws NoDaemon.

@@ -27,7 +27,6 @@ HERE = os.path.dirname(os.path.realpath(__file__))
 ROOT = os.path.dirname(HERE)
 RUN = "/run/lab"
 SYSTEM_NAME = "lab-switch"
-SOCKET = "/tmp/dhcpsnoop.socket"
 
 # port, its line in the switch model, the host at its other end
 PORTS = (

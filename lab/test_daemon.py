@@ -6,8 +6,10 @@ import fcntl
 import json
 import os
 import re
+import resource
 import signal
 import socket
+import stat
 import struct
 import subprocess
 import sys
@@ -107,7 +109,7 @@ class Configuration(labtest.LabTest):
     def test_file(self):
         path, error = f"{self.switch.directory}/dhcpsnoop.conf", "dhcpsnoop.conf:1: there is no setting 'max-user'"
         self.switch.stop_daemon()
-        self.assertEqual([name for name in ("/tmp/dhcpsnoop.socket", "/run/dhcpsnoop/events", "/run/dhcpsnoop/platform") if os.path.exists(name)], [])
+        self.assertEqual([name for name in ("/tmp/dhcpsnoop.socket", "/run/dhcpsnoop/control", "/run/dhcpsnoop/events", "/run/dhcpsnoop/platform") if os.path.exists(name)], [])
         self.switch.configure("interface swp5 max-user 9", *self.model)
         with open(path) as file:
             self.assertEqual((self.switch.ctl("save", check=False).returncode, file.read().splitlines()[1:]), (3, [*self.model]))
@@ -199,6 +201,77 @@ class Bindings(labtest.LabTest):
             client.send(request)
             text, files, *_ = socket.recv_fds(client, 4096, 1)
         return text.decode(), [(os.pread(file, 16, 0), os.fstat(file).st_size, fcntl.fcntl(file, fcntl.F_GET_SEALS)) for file in files][0] if files else None
+
+
+class Commands(labtest.LabTest):
+    def test_name_in_tmp(self):
+        """Whatever stands there is another's: it stays and stops nothing, one line tells of it, and nobody believes it."""
+        name, real = "/tmp/dhcpsnoop.socket", "/run/dhcpsnoop/control"
+        self.assertEqual([stat.filemode(os.lstat(path).st_mode) for path in (name, real)], ["srw-------"] * 2)
+        self.switch.daemon.kill()  # its own are left, and are replaced
+
+        def listen():
+            impostor = self.enterContext(socket.socket(socket.AF_UNIX))
+            impostor.bind(name)
+            impostor.listen()
+            os.chown(name, 65534, 65534)
+
+        for make, lines in ((lambda: None, 0), (lambda: os.mkdir(name), 1), (lambda: os.mknod(name), 1), (lambda: os.mkfifo(name), 1), (lambda: os.symlink(f"{RUN}/victim", name), 1), (listen, 1)):
+            make()
+            before = os.lstat(name)
+            self.start_daemon()
+            self.assertEqual((self.switch.daemon.log().count(f"alone: {name}: Address already in use\n"), self.switch.daemon.log().count(name)), (lines, lines))
+            self.switch.stop_daemon()
+            self.assertEqual((os.path.lexists(name) and os.lstat(name).st_ino == before.st_ino, os.path.exists(real), os.path.exists(f"{RUN}/victim")), (bool(lines), False, False))
+            self.assertIn(f"no daemon is listening on {real}", self.switch.ctl("show interfaces", check=False).stderr)
+            if lines:
+                os.rename(name, f"/tmp/{before.st_ino}")
+        self.start_daemon()
+
+    def test_stalled(self):
+        """Clients that say nothing or half of it delay no frame and no other client, and are closed after a second. Nor are there
+        more of them than the daemon has descriptors for."""
+        def ask(request, connections=1):
+            for client in (clients := [socket.socket(socket.AF_UNIX) for _ in range(connections)]):
+                self.addCleanup(client.close)
+                client.connect("/run/dhcpsnoop/control")
+                client.send(request)
+            return clients
+
+        def answer(client):
+            with contextlib.suppress(ConnectionResetError):
+                return client.recv(4096, socket.MSG_WAITALL).hex(" ", 4)
+            return "reset"
+
+        silent, frame, near, far, waits = ask(b"\7\0", 400), bytes(from_client("discover", MACS["pc1"], xid=7)), self.endpoint("pc1"), self.endpoint("server"), []
+        for _ in range(100):
+            begin = time.monotonic()
+            near.send(frame)
+            far.receive("DISCOVER", lambda got: is_dhcp(got, xid=7))
+            waits.append(time.monotonic() - begin)
+        self.ctl("show interfaces")
+        self.assertEqual((max(waits) < 0.3, {answer(client) for client in silent}, time.monotonic() - begin < 3), (True, {""}, True), max(waits))
+        for claim, pieces, outcome in (
+                ("in pieces", (b"\x19\0\0", b"\0" + bytes(24), b"\0"), "00000000"), ("an empty one", (bytes(4),), "1600" + " 00000000" * 6),
+                ("too long", (b"\xf1\5\0\0",), ""), ("the largest length", (b"\xff" * 4,), "")):
+            with self.subTest(claim):
+                client, = ask(pieces[0])
+                for piece in pieces[1:]:
+                    time.sleep(0.05)
+                    client.send(piece)
+                client.shutdown(socket.SHUT_WR)
+                self.assertEqual(answer(client), outcome)
+        pid = self.switch.daemon.popen.pid
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, (max(map(int, os.listdir(f"/proc/{pid}/fd"))) + 1, 4096))
+        begin, waiting = self.processor_time(pid), ask(bytes(4), 20)
+        time.sleep(1)
+        self.assertLess(self.processor_time(pid) - begin, 30, "hundredths of a second")
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, (1024, 4096))
+        self.assertEqual({len(answer(client)) for client in waiting}, {58})
+
+    def processor_time(self, pid):
+        with open(f"/proc/{pid}/stat") as file:
+            return sum(map(int, file.read().split()[13:15]))
 
 
 class Monitor(labtest.LabTest):

@@ -257,7 +257,7 @@ class Redundancy(unittest.TestCase):
         known, new = [self.traffic.packet(number) for number in range(140, 145)], [self.traffic.frames[number] for number in range(150, 170)]
         others.send(*(frame[3] for frame in new), self.traffic.frames[170][3])  # no server acknowledges the last
         # Requests are long on their way.
-        with labtest.meanwhile(lambda: others.send(*known)), labtest.meanwhile(self.left.stall, 2):
+        with labtest.meanwhile(lambda: others.send(*known)), labtest.meanwhile(self.left.stall):
             time.sleep(0.2)
             self.left.ends[0] = self.pair.connect(self.left, "swp1")
             self.assertNotEqual(self.left.index("swp1"), index)

@@ -395,6 +395,7 @@ int32_t deftinstall_client_entry_callback(const DhcpsnoopInstallRecord *record, 
 
 int32_t platform_packet_info_enable(int sock) { return world_called(WORLD_LINE("platform_packet_info_enable %d", sock)); }
 
+int32_t platform_serves_commands() { return 0; }
 int32_t platform_message_judge(const DhcpsnoopPktInfo *info) { return world.judge != nullptr ? world.judge(info) : 0; }
 
 // As the kernel would: control data only as far as the message header has room for it.

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "clock.h"
+#include "command_gate.h"
 #include "desired_state.h"
 #include "dhcpsnoop_cmd.h"
 #include "facts.h"
@@ -52,7 +53,8 @@ void drain(int sock)
 // select wakes for what has not been handed over yet.
 void stay_readable(int sock)
 {
-    if ((!queue.empty() || guard_follow_pending() || config_pending() || mending) && !awake)
+    if ((!queue.empty() || guard_follow_pending() || config_pending() || command_gate_pending() || mending) &&
+        !awake)
         awake = wake_event_socket(sock);
 }
 
@@ -177,12 +179,14 @@ int32_t platform_event_group_join(int sock, uint32_t group)
     redundancy_event_socket(sock);
     config_begin(sock, ask_core, facts_text);
     snapshot_start(config_runtime("bindings"), sock);
+    command_gate_start(sock);
     return 0;
 }
 
 ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr *from, socklen_t *fromLength)
 {
     snapshot_take();
+    command_gate_take();
     // The daemon asks again when it has handled what it was given last.
     if (queue.empty()) {
         guard_handled();

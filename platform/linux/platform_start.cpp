@@ -10,6 +10,7 @@
 #include <sysexits.h>
 #include <unistd.h>
 
+#include "command_gate.h"
 #include "config_thread.h"
 #include "desired_state.h"
 #include "guard.h"
@@ -127,6 +128,7 @@ int platform_linux_prepare(const Options &options, Room &room)
 //   switch model                   switch_model.cpp: a dump of the kernel's links
 //   guard                          guard.cpp, trap.cpp, bindings.cpp: first to watch the model
 //   subscribers                    subscribers.cpp
+//   command socket                 command_gate.cpp: listens from here on
 //   judge                          judgement.cpp: its thread runs from here on
 //   redundancy                     redundancy.cpp: second to watch the model; a thread of its own
 //
@@ -148,9 +150,12 @@ int platform_linux_start()
     if (const int error = subscribers_open(event_socket_path()); error != 0)
         platform_report(LOG_WARNING, "%s: nobody can subscribe to events: %s", event_socket_path(),
                         strerror(error));
+    const std::string commands = command_gate_open();
+    if (commands.empty())
+        return EXIT_FAILURE;
     if (!judgement_start(roomOfPools.bindings))
         return EXIT_FAILURE;
-    return redundancy_start(redundancy, roomOfPools.bindings) ? 0 : EX_CONFIG;
+    return redundancy_start(redundancy, roomOfPools.bindings, commands) ? 0 : EX_CONFIG;
 }
 
 } // namespace platform_linux

@@ -1,5 +1,5 @@
 // The four socket operations on the switch's own kernel, which attaches the packet information to every frame
-// itself and has all of the event groups; and its word on DHCP messages.
+// itself and has all of the event groups; and its word on the command socket and on DHCP messages.
 #include "platform.h"
 
 #include <linux/netlink.h>
@@ -26,6 +26,9 @@ ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr
 {
     return recvfrom(sock, buffer, size, 0, from, fromLength);
 }
+
+// The core serves its socket.
+int32_t platform_serves_commands() { return 0; }
 
 // The switch's own features protect bindings: go on.
 int32_t platform_message_judge(const DhcpsnoopPktInfo *) { return 0; }

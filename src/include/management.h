@@ -5,6 +5,9 @@
 #include <cstdint>
 
 constexpr char DHCPSNOOP_SOCKET_PATH[] = "/tmp/dhcpsnoop.socket";
+constexpr char DHCPSNOOP_CONTROL_PATH[] =
+    "/run/dhcpsnoop/control"; // the same on Linux, where nobody else can put a file
+constexpr char DHCPSNOOP_SOCKET_ENV[] = "DHCPSNOOP_SOCKET";                   // names another path, on Linux
 constexpr char DHCPSNOOP_PLATFORM_SOCKET_PATH[] = "/run/dhcpsnoop/platform";  // role and redundancy, on Linux
 constexpr char DHCPSNOOP_PLATFORM_SOCKET_ENV[] = "DHCPSNOOP_PLATFORM_SOCKET"; // names another path
 constexpr uint32_t DHCPSNOOP_REQUEST_MAX = 1520; // body of a request; the framing length is not counted

@@ -114,6 +114,10 @@ int32_t platform_event_group_join(int sock, uint32_t group);
 ssize_t platform_event_recv(int sock, void *buffer, size_t size, struct sockaddr *from,
                             socklen_t *fromLength);
 
+// Whether the platform serves the command socket itself, and gives whole requests to dhcpsnoop_cmd_process on
+// the daemon's thread. 0: the core opens the socket and serves it. The switch answers 0.
+int32_t platform_serves_commands(void);
+
 // Asked about each DHCP message, parsed and of a version that its interface snoops, before its path is taken.
 // 0: go on. Anything else: it is dropped without a trace in the tables. A platform that protects bindings
 // from other hosts may put the entry of an address right before it answers. The switch answers "go on",

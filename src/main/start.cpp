@@ -104,6 +104,8 @@ static int32_t bind_private(int sock)
 static int32_t command_socket_open(void)
 {
     gDhcpsnoop.cmdSock = -1;
+    if (platform_serves_commands() != 0)
+        return 0;
     unlink(DHCPSNOOP_SOCKET_PATH);
     gDhcpsnoop.cmdSock = socket(AF_UNIX, SOCK_STREAM, 0);
     if (gDhcpsnoop.cmdSock <= 0) {

@@ -13,8 +13,7 @@
 #include "clock.h"
 #include "config.h"
 #include "control_socket.h"
-#include "event_record.h"
-#include "management.h"
+#include "private_listener.h"
 #include "report.h"
 
 namespace platform_linux
@@ -47,10 +46,7 @@ void log_lines(const std::string &answer)
 // As the signal would have ended the process, without the socket files.
 [[noreturn]] void end_by(uint32_t signal)
 {
-    const std::string control = config_runtime("config"), bindings = config_runtime("bindings");
-    for (const char *path : {DHCPSNOOP_SOCKET_PATH, platform_socket_path(), event_socket_path(),
-                             control.c_str(), bindings.c_str()})
-        unlink(path);
+    private_listeners_unlink();
     const sigset_t signals = taken_signals();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     std::signal(static_cast<int>(signal), SIG_DFL);

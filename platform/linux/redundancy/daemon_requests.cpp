@@ -11,7 +11,7 @@ namespace platform_linux
 namespace
 {
 constexpr Ticks RETRY = 20;        // the daemon has not come up yet, or its backlog is full
-constexpr Ticks PATIENCE = 20'000; // longer than the daemon waits for a client that stalls
+constexpr Ticks PATIENCE = 20'000; // for a busy daemon
 
 // Another process at the path would get our records.
 bool is_ourselves(int connection)

@@ -1,5 +1,5 @@
 // Requests to the daemon over its own command socket, one after the other. No call waits: the daemon is this
-// process, and another client may hold it up.
+// process, and may be busy.
 #pragma once
 
 #include <cstdint>

@@ -110,12 +110,12 @@ bool directory_exists(const std::string &file)
 }
 } // namespace
 
-bool redundancy_start(const RedundancyConf &conf, uint32_t bindings)
+bool redundancy_start(const RedundancyConf &conf, uint32_t bindings, const std::string &commandSocket)
 {
     auto state = std::make_unique<UnitShared>();
     state->room = bindings;
     state->wakeup = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    auto thread = std::make_unique<UnitThread>(*state, model_role(), DHCPSNOOP_SOCKET_PATH);
+    auto thread = std::make_unique<UnitThread>(*state, model_role(), commandSocket);
     if (conf.peer && !thread->open_peer(*conf.peer))
         return false;
     shared = state.release();

@@ -13,8 +13,8 @@ namespace platform_linux
 {
 
 // Reads the journal and starts the thread. The model must be loaded. False, with a report, when the daemon
-// must not run. The daemon has room for `bindings`.
-bool redundancy_start(const RedundancyConf &conf, uint32_t bindings);
+// must not run. The daemon has room for `bindings`, and takes requests at `commandSocket`.
+bool redundancy_start(const RedundancyConf &conf, uint32_t bindings, const std::string &commandSocket);
 
 // The daemon's role now. That of the configuration while the thread does not run.
 DhcpsnoopRole redundancy_role();

@@ -1,4 +1,6 @@
-// The platform's own local socket, beside the daemon's: one request of a line, one answer. Only root can ask.
+// Local sockets of the platform: one request a connection, one answer. Only root can ask. A client that says
+// nothing, or reads nothing, holds nobody up: it has a second, and a place that others take when all are
+// taken.
 #pragma once
 
 #include <functional>
@@ -22,16 +24,26 @@ struct ControlReply {
 };
 
 constexpr size_t CONTROL_REQUEST_MAX = 2048; // bytes; a longer one is refused
+constexpr size_t CONTROL_CLIENTS_MAX = 64;
+
+// packets: a request and its answer are a packet each. framed: both follow their length in a stream, 4 bytes
+// in host order, and have at most DHCPSNOOP_REQUEST_MAX bytes.
+enum class ControlKind { packets, framed };
 
 class ControlSocket
 {
   public:
-    // Answers a request, now or later, by calling `answer` once.
+    // Answers a request, now or later, by calling `answer` once. Never called again: the connection stays
+    // open for as long as its client wants.
     using Answer = std::function<void(const ControlReply &)>;
     using Handler = std::function<void(const std::string &request, Answer answer)>;
 
-    explicit ControlSocket(Handler handler) : handler_(std::move(handler)) {}
+    explicit ControlSocket(Handler handler, ControlKind kind = ControlKind::packets)
+        : handler_(std::move(handler)), kind_(kind)
+    {
+    }
 
+    // Listens at `path`, beside others.
     bool open(const char *path, std::string &error);
 
     void watch(std::vector<pollfd> &descriptors) const;
@@ -44,16 +56,23 @@ class ControlSocket
         uint64_t number;
         bool asked;
         Ticks until; // dropped then if it has not asked
+        std::string received;
     };
-    void accept_all(Ticks now);
-    void ask(Client &client);
+    bool has_room() const;
+    bool make_room();
+    void accept_all(int listener, Ticks now);
+    void ask_framed(Client &client);
+    void ask_packet(Client &client);
+    void ask(Client &client, const std::string &request);
     void answer(uint64_t number, const ControlReply &reply);
     void drop(uint64_t number);
 
     Handler handler_;
-    Fd listener_;
+    ControlKind kind_;
+    std::vector<Fd> listeners_;
     std::list<Client> clients_;
     uint64_t numbers_ = 0;
+    Ticks rest_ = 0; // nobody is let in before: the process had no descriptor left
 };
 
 } // namespace platform_linux
