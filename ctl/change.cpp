@@ -60,6 +60,8 @@ bool isSettable(const Scope &scope, const std::string &word)
 // How many words are the value. A text is all of them, or those before the name of another setting.
 size_t valueSize(const Target &target, const Setting &setting, std::span<const std::string> words)
 {
+    if (setting.kind == Kind::Rate)
+        return rateSize(words);
     if (setting.kind != Kind::OptionText && setting.kind != Kind::Text)
         return std::min<size_t>(setting.kind == Kind::Servers ? 2 : 1, words.size());
     for (size_t size = words.size(); size > 0; size--)
@@ -120,6 +122,10 @@ bool makeChange(const Context &context, const Target &target, const Change &chan
     const Setting &setting = *change.setting;
     if (change.server) {
         demandOn(context.daemon, target, setting, serverRequest(*change.server, change.adds));
+        return false;
+    }
+    if (setting.kind == Kind::Rate) {
+        changeLimit(target, setting, change.value);
         return false;
     }
     noteUnknownConversions(context, setting, change.value);

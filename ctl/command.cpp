@@ -289,6 +289,7 @@ Words settingWords(const Scope &scope, const Words &given, const Daemon &daemon)
 {
     if (given.empty())
         return &scope == &INTERFACE_SCOPE ? interfaceNames() : Words{};
+    Words more; // of the last value
     for (size_t at = 1; at < given.size();) {
         const Setting *setting = findSetting(scope, given[at++]);
         if (!setting)
@@ -297,12 +298,17 @@ Words settingWords(const Scope &scope, const Words &given, const Daemon &daemon)
         if (setting->kind == Kind::OptionText)
             return value.empty() ? Words{"template", "text", "hex", "generated", "global", "typed", "raw"}
                                  : Words{};
-        const size_t size = setting->kind == Kind::Servers ? 2 : 1;
+        const bool isRate = setting->kind == Kind::Rate && !value.empty();
+        const size_t size = isRate ? rateSize(value) : setting->kind == Kind::Servers ? 2 : 1;
         if (value.size() < size)
             return argumentWords(setting->arguments, value, daemon);
         at += size;
+        if (isRate && at == given.size() && isdigit(value[0][0]) != 0)
+            more = argumentWords(setting->arguments, value, daemon);
     }
-    return settingNames(scope);
+    const Words names = settingNames(scope);
+    more.insert(more.end(), names.begin(), names.end());
+    return more;
 }
 
 // Whether standard output is a pipe without a reader, as behind "| head".

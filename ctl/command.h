@@ -2,6 +2,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <optional>
 #include <span>
 
 #include "connection.h"
@@ -64,6 +65,16 @@ ExitStatus bindingDelete(const Context &, std::span<const std::string>);
 Words portNames();
 // Throws CtlError where the port is known to be no member of the VLAN (guard.cpp).
 void checkVlanOfPort(uint32_t ifIndex, uint32_t vid);
+
+// The limit of a port in force, and the messages beyond it; none for a device that is no port, and where it
+// is not known (guard.cpp).
+struct PortLimit {
+    Rate rate;
+    uint64_t dropped;
+};
+std::optional<PortLimit> readLimit(uint32_t ifIndex);
+// Through the daemon's platform (config.cpp).
+void changeLimit(const Target &target, const Setting &setting, const Value &value);
 
 // platform.cpp, guard.cpp, monitor.cpp; without the Linux platform no_platform.cpp
 // Where "snooping on" of the interface or VLAN means both IP versions: the interface, by index; else 0. The

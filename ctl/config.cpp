@@ -302,7 +302,8 @@ ExitStatus showEffective(const Context &context, const std::string &name)
         });
     };
     for (const Setting &setting : INTERFACE_SCOPE.settings) {
-        if (!canBeSet(setting) || setting.kind == Kind::Clear)
+        if (!canBeSet(setting) || setting.kind == Kind::Clear ||
+            (setting.kind == Kind::Rate && port->isVlanInterface))
             continue;
         if (setting.kind == Kind::Servers) {
             Words servers;
@@ -310,7 +311,7 @@ ExitStatus showEffective(const Context &context, const std::string &name)
                 servers.push_back(ipv4Text(server));
             row(setting.name, servers.empty() ? Words{"none"} : servers, wanted.servers.source);
         } else {
-            row(setting.name, valueWords(setting, wanted.of(setting).value), wanted.of(setting).source);
+            row(setting.name, shownWords(setting, wanted.of(setting).value), wanted.of(setting).source);
         }
     }
     row("guard", guard_words(wanted.ip.value), wanted.ip.source);
@@ -391,6 +392,16 @@ ExitStatus saveConfig(const Context &context, std::span<const std::string>)
     writeFile(path, text);
     context.err << demandConfig("reload");
     return EXIT_DONE;
+}
+
+void changeLimit(const Target &target, const Setting &setting, const Value &value)
+try {
+    demandConfig(std::string(setting.name) + " " + std::to_string(std::get<uint32_t>(target.index)) + " " +
+                 joinQuoted(valueWords(setting, value)));
+} catch (const NoDaemon &) {
+    throw;
+} catch (const CtlError &error) {
+    throw CtlError(error.status(), joinQuoted(target.words()) + " " + error.what());
 }
 
 ExitStatus changeProtection(const Context &, std::span<const std::string> arguments)

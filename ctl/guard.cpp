@@ -16,6 +16,7 @@
 #include "model_now.h"
 #include "protocol.h"
 #include "table.h"
+#include "wanted.h"
 
 using namespace platform_linux;
 
@@ -283,6 +284,15 @@ Words portNames()
     for (const auto &[ifIndex, port] : portsNow(runningModel()))
         names.push_back(interfaceText(ifIndex)); // the index where the name cannot be typed
     return names;
+}
+
+std::optional<PortLimit> readLimit(uint32_t ifIndex)
+{
+    std::string unused;
+    const auto rate = guard_config_open(unused) ? guard_rate_get(ifIndex) : std::nullopt;
+    if (!rate)
+        return std::nullopt;
+    return PortLimit{rate_value(*rate), guard_port_refusals(ifIndex)[GUARD_REFUSED_RATE]};
 }
 
 void checkVlanOfPort(uint32_t ifIndex, uint32_t vid)

@@ -6,8 +6,8 @@
 #include "command.h"
 #include "guard.h"
 
-constexpr const char *GUARD_REASON_WORDS[] = {"ipv4",    "ipv6", "arp",   "malformed",
-                                              "unclear", "vlan", "origin"};
+constexpr const char *GUARD_REASON_WORDS[] = {"ipv4",    "ipv6", "arp",    "malformed",
+                                              "unclear", "vlan", "origin", "rate"};
 static_assert(std::size(GUARD_REASON_WORDS) == GUARD_REASONS);
 
 std::string itemsText(uint8_t wanted); // "ip,mac/both", "exempt" or "off"

@@ -6,8 +6,9 @@ InterfaceView readInterface(const Daemon &daemon, uint32_t ifIndex,
     Target target = interfaceTarget(ifIndex);
     InterfaceView view = {ifIndex, target.name, {}, {}};
     for (const Setting &setting : INTERFACE_SCOPE.settings)
-        if (setting.kind != Kind::Clear && setting.kind != Kind::Servers)
+        if (setting.kind != Kind::Clear && setting.kind != Kind::Servers && setting.kind != Kind::Rate)
             view.values[setting.name] = getValue(daemon, target, setting);
+    view.limit = readLimit(ifIndex);
     if (servers) {
         view.servers.emplace();
         for (const ServerKey &key : *servers)
@@ -54,9 +55,12 @@ Json interfaceJson(const InterfaceView &view)
     for (const Setting &setting : INTERFACE_SCOPE.settings) {
         if (setting.kind == Kind::Servers) {
             out["relay-servers"] = view.servers ? Json(relayServers(view)) : Json(nullptr);
+        } else if (setting.kind == Kind::Rate) {
+            out[setting.name] = view.limit ? valueJson(setting, view.limit->rate) : Json(nullptr);
         } else if (setting.kind != Kind::Clear) {
             out[setting.name] = valueJson(setting, view.values.at(setting.name));
         }
     }
+    out["dropped-rate"] = view.limit ? Json(view.limit->dropped) : Json(nullptr);
     return out;
 }

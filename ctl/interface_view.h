@@ -14,6 +14,7 @@ struct InterfaceView {
     std::string name;
     std::map<std::string, Value> values;          // by name of the setting
     std::optional<std::vector<uint32_t>> servers; // null: the daemon cannot say
+    std::optional<PortLimit> limit = {};          // null: no port of the platform's
 };
 
 // `servers` are those of all interfaces.

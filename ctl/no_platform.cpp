@@ -17,6 +17,8 @@ std::optional<size_t> countSnapshot(const BindingFilter &) { return std::nullopt
 uint32_t interfaceOfBoth(const Target &) { return 0; }
 std::vector<LearnedServer> readLearned() { return {}; }
 Words portNames() { return {}; }
+std::optional<PortLimit> readLimit(uint32_t) { return std::nullopt; }
+void changeLimit(const Target &, const Setting &, const Value &) { refuse(); }
 void checkVlanOfPort(uint32_t, uint32_t) {} // it is not known
 ExitStatus platformRelease(const Context &, std::span<const std::string>) { refuse(); }
 ExitStatus guardInterface(const Context &, std::span<const std::string>) { refuse(); }

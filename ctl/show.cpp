@@ -37,10 +37,14 @@ ExitStatus showInterface(const Context &context, std::span<const std::string> ar
     for (const Setting &setting : INTERFACE_SCOPE.settings) {
         if (setting.kind == Kind::Servers) {
             rows.push_back({"relay-servers", joinQuoted(relayServers(view))});
+        } else if (setting.kind == Kind::Rate) {
+            rows.push_back(
+                {setting.name, view.limit ? joinQuoted(shownWords(setting, view.limit->rate)) : ""});
         } else if (setting.kind != Kind::Clear) {
             rows.push_back({setting.name, shown(view, setting.name)});
         }
     }
+    rows.push_back({"dropped-rate", view.limit ? std::to_string(view.limit->dropped) : ""});
     return print(context, interfaceJson(view), rows);
 }
 

@@ -73,6 +73,14 @@ Json valueJson(const Setting &setting, const Value &value)
     }
     if (const auto *text = std::get_if<Bytes>(&value))
         return textJson(*text);
+    if (const auto *rate = std::get_if<Rate>(&value)) {
+        Json out;
+        out["rate"] = rate->rate != 0 ? Json(rate->rate) : Json(nullptr);
+        out["burst"] = rate->burst;
+        out["reserved"] = rate->reserved;
+        out["default"] = rate->isDefault;
+        return out;
+    }
     uint32_t number = std::get<uint32_t>(value);
     switch (setting.kind) {
     case Kind::Switch:

@@ -15,7 +15,7 @@ namespace
 
 constexpr size_t TYPE = 12, NETWORK = 14;
 constexpr uint32_t RUN = 7; // of the daemon
-constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan", "origin"};
+constexpr const char *REASONS[] = {"ipv4", "ipv6", "arp", "malformed", "unclear", "vlan", "origin", "rate"};
 static_assert(std::size(REASONS) == GUARD_REASONS);
 
 // Frames of host 5 (02:..:05 with 10.0.10.5 and 2001:db8:10::5), and of others with its MAC; scapy's.
@@ -156,7 +156,16 @@ class Classifier : public GuardedBridge, public ::testing::WithParamInterface<co
         return key;
     }
 
-    // Words, each with its value: "native", "trap" and "inherited" (families), "ip" and "arp" (items) of both ports, which are members of
+    // Buckets that never fill again, with so many tokens: "3/1" (for all, for known clients).
+    static guard_buckets buckets(const std::string &tokens)
+    {
+        constexpr uint64_t NEVER = 1'000'000'000'000'000;
+        const size_t slash = tokens.find('/');
+        return {0, 0, NEVER, NEVER * number_of(tokens.substr(0, slash)), NEVER * number_of(tokens.substr(slash + 1))};
+    }
+
+    // Words, each with its value: "rate" and "sum" (buckets), "known", "stale" and "elsewhere" (a client's last byte, of this run, of an
+    // earlier one, of p2), "native", "trap" and "inherited" (families), "ip" and "arp" (items) of both ports, which are members of
     // VLANs 10, 20, 40 and 1000; the same of VLAN 10 with "v" in front; "rule4", "rule6", "rulea"; "old" (an earlier run's, until so many
     // weeks after the boot).
     void prepare(const std::string &words)
@@ -170,9 +179,18 @@ class Classifier : public GuardedBridge, public ::testing::WithParamInterface<co
         const std::map<std::string, uint8_t *> places = {{"trap", &port.trap}, {"inherited", &port.inherited}, {"ip", &items.ip}, {"arp", &items.arp}, {"vtrap", &port.vlans.trap}, {"vinherited", &port.vlans.inherited}, {"vip", &port.vlan_items.ip}, {"varp", &port.vlan_items.arp}};
         for (guard_rule_key key = {}; bpf_map_get_next_key(map("guard_rules"), nullptr, &key) == 0;)
             bpf_map_delete_elem(map("guard_rules"), &key);
+        for (guard_known_key key = {}; bpf_map_get_next_key(map("guard_known"), nullptr, &key) == 0;)
+            bpf_map_delete_elem(map("guard_known"), &key);
+        guard_rate rate = {};
         std::istringstream in(words);
         for (std::string word, value; in >> word >> value;) {
-            if (word == "native") {
+            if (word == "rate" || word == "sum") {
+                rate.buckets = word == "rate" ? buckets(value) : rate.buckets;
+                put("guard_rate_sum", 0, buckets(value));
+            } else if (word == "known" || word == "stale" || word == "elsewhere") {
+                const guard_known_key key = {if_nametoindex(word == "elsewhere" ? "p2" : "p1"), {2, 0, 0, 0, 0, static_cast<uint8_t>(number_of(value))}, {}};
+                put("guard_known", key, guard_known{word == "stale" ? uint64_t{1} : 0, 1});
+            } else if (word == "native") {
                 port.native = static_cast<uint16_t>(number_of(value));
             } else if (word == "old") {
                 run = RUN - 1;
@@ -192,6 +210,7 @@ class Classifier : public GuardedBridge, public ::testing::WithParamInterface<co
         for (const uint32_t ifIndex : {if_nametoindex("p1"), if_nametoindex("p2")}) {
             put("guard_ports", ifIndex, port);
             put("guard_port_items", ifIndex, items);
+            put("guard_rates", ifIndex, rate);
         }
     }
 
@@ -232,6 +251,8 @@ struct ClassifierRow {
     const char *claim, *before, *frames, *outcome; // frames and their verdicts, separated by '|'
 };
 
+#define BOUND "udp at 20 00440043" // a DHCP message of host 5
+
 const ClassifierRow CLASSIFIER_ROWS[] = {
     {"a client's, a server's, between relay and server", "trap 46", "v4 68 67 | v4 67 68 | v4 67 67", "4 4 4"},
     {"other ports: below, above (TFTP), in the high byte, of DHCPv6", "trap 46", "v4 66 66 | v4 69 69 | v4 17152 17408 | v4 546 547", "- - - -"},
@@ -260,6 +281,13 @@ const ClassifierRow CLASSIFIER_ROWS[] = {
     {"15 extension headers, and more than anybody sends", "trap 46", "v6 dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,tcp 1 2 | v6 dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,dest,tcp 1 2", "- 6"},
     {"a VLAN's trap: native, priority, tagged, the outer tag, others", "vtrap 4", "v4 68 67 | q0xE000 v4 68 67 | q0x600A v4 68 67 | s10 q20 v4 68 67 | s20 q10 v4 68 67 | q20 v4 68 67 | v6 udp 546 547", "4 4 4 4 - - -"},
     {"its time is over", "inherited 4 vinherited 4 old 0", "v4 68 67 | q0 q0 q0 v4 68 67", "- -"},
+
+    {"a port's limit: of both families and all its VLANs; other frames are free, and a port without one", "trap 46 rate 3/0 sum 9/0", "v4 68 67 | udp | q10 v4 68 67 | v6 udp 546 547 | v4 67 68 | q20 v6 udp 547 546 | udp | request", "4 - 4 6 rate rate - -"},
+    {"", "trap 46 sum 0/0", "v4 68 67 | v6 udp 546 547", "4 6"},
+    {"what is refused otherwise, or not trapped, takes no token", "trap 4 rate 1/0 ip a", "q30 v4 68 67 | q0 q0 q0 v4 67 68 | udp at 20 00440035 | v6 udp 546 547 | v4 68 67 | v4 68 67", "vlan unclear ipv4 - 4 rate"},
+    {"a known client has its own bucket when the other is empty; an address of another port's client, or of none, has none", "trap 46 rate 1/3 sum 9/9 known 5 elsewhere 6", BOUND " | " BOUND " | " BOUND " mac 06 | " BOUND " mac 07 | q20 " BOUND " | udp6 at 40 02220223 | " BOUND, "4 4 rate rate 4 6 rate"},
+    {"an earlier run's, whose time is over", "trap 4 rate 1/3 sum 9/9 stale 5", BOUND " | " BOUND, "4 rate"},
+    {"all ports together: the same two buckets", "trap 4 rate 9/9 sum 1/1 known 5", BOUND " mac 06 | " BOUND " mac 06 | " BOUND " | " BOUND, "4 rate 4 rate"},
 
     {"rules of several masks", "ip a6 arp a rule4 amvp rule4 m", "udp | udp at 15 06 | udp6 | request", "- ipv4 ipv6 arp"},
     {"an earlier run's count for a time", "ip a rule4 a old 60 rule4 am", "udp", "-"},

@@ -61,11 +61,15 @@ const struct { const char *claim, *text, *port, *bridge, *wanted; uint16_t vlan 
     {"", "bridge br0 host client relay guard ip\n", "br0", "br0", "snooping on@1, trust on@1, guard exempt/exempt@1"},
     {"", "bridge br0 host client\nbridge br1 host server\n" BRIDGE, "br0", "br0", "snooping on@1, source-mac-check on@1, binding-check on@1, guard exempt/exempt@1"},
     {"unless no line says what it does", BRIDGE, "br0", "br0", ""},
+    {"a limit, its parts in any order; a more specific line takes it away", "interface v* dhcp-rate 1000\ninterface v1 dhcp-rate 9 reserved 0 burst 64\n", "v1", "", "dhcp-rate 9 burst 64 reserved 0@2"},
+    {"", "interface v* dhcp-rate off\n", "v1", "", "dhcp-rate off@1"},
+    {"", "interface v* dhcp-rate off\ninterface v1 dhcp-rate default\n", "v1", "", ""},
     {"quotes, a comment, blanks", "  interface 'v1' subopt9-text \"a # b\" # a comment\n\n#\n", "v1", "", "subopt9-text text 'a # b'@1"},
 };
 
 #define NO_VLAN(text) "f:1: VLAN '" text "' is not a number from 1 to 4094"
 #define PORT_USAGE "f:1: expected: port NAME access VLAN, or port NAME trunk VLANS [native VLAN], or port NAME routed"
+#define RATE_USAGE "f:1: dhcp-rate takes: N|off|default [burst N] [reserved N]"
 #define PEER "certificate /a\nkey /b\nauthority /c\npeer right\n"
 #define INCOMPLETE "a peer takes all of listen or connect, certificate, key, authority and peer"
 #define ADDRESS "ADDRESS:PORT, an IPv6 address in [brackets]"
@@ -79,6 +83,7 @@ const struct { const char *text, *error; } ERRORS[] = { // several files and wha
     {"interface v1 snoping on\n", "f:1: there is no setting 'snoping' of an interface"},
     {"interface v1 users 5\n", "f:1: there is no setting 'users' of an interface"},
     {"interface v1 max-users many\n", "f:1: max-users must be a number from 0 to 65535, not 'many'"},
+    {"interface v1 dhcp-rate 100001\n|interface v1 dhcp-rate 9 burst 63\n|interface v1 dhcp-rate 9 reserved 65536\n|interface v1 dhcp-rate off burst 64\n|interface v1 dhcp-rate 9 burst\n", "f:1: dhcp-rate must be a number from 1 to 100000, not '100001'|f:1: burst must be at least 64, not 63: a network device hands over so many frames at once, and the rate would be lost|f:1: reserved must be a number from 0 to 65535, not '65536'|" RATE_USAGE "|" RATE_USAGE},
     {"interface v1, trust on\n", "f:1: '' in 'v1,' is not the name of a device"},
     {"interface swp9-1 trust on\n", "f:1: the range 'swp9-1' runs backwards"},
     {"interface v1 subopt9-text 'a\n", "f:1: a quote is not closed"},

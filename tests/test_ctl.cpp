@@ -249,7 +249,7 @@ TEST(Ctl, SettingsAreTakenAndShown)
         "option37": true, "remote-id6": {"format": "typed", "type": 1, "text": "switch-7", "hex": "7377697463682d37"},
         "source-mac-check": true, "binding-check": true, "max-users": 50, "relay-address": "10.0.0.1",
         "relay-servers": ["192.0.2.1", "192.0.2.2", "192.0.2.3"], "flag14": true, "setting21": 65535,
-        "dropped-untrusted": 0, "dropped-source-mac": 0, "dropped-binding": 0})"));
+        "dropped-untrusted": 0, "dropped-source-mac": 0, "dropped-binding": 0, "dhcp-rate": null, "dropped-rate": null})"));
 }
 
 } // namespace

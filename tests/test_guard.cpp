@@ -172,7 +172,7 @@ class Guard : public GuardedBridge
             return std::regex_replace(note, std::regex("/run/\\S+"), "maps");
         }
         if (verb == "entries")
-            for (const char *name : {"guard_ports", "guard_port_items", "guard_refused"})
+            for (const char *name : {"guard_ports", "guard_port_items", "guard_refused", "guard_rates"})
                 word += (word.empty() ? "" : " ") + std::to_string(map_keys<uint32_t>(map(name).get()).size());
         if (verb == "items") { // checked on a port; read when nothing is to be written
             guard_items items = guard_config_open(why) ? guard_config_get({false, ifIndex}) : guard_items{};
@@ -188,6 +188,25 @@ class Guard : public GuardedBridge
             auto rule = read<guard_rule>("guard_rules", key_of(what));
             rule.inherited_until -= GUARD_INHERIT_RULES_SECONDS + 1;
             write("guard_rules", key_of(what), rule);
+        }
+        if (verb == "rate" && in >> word) // "1000/64/0", "default", or off by 0
+            return result(guard_rate_set(ifIndex, {number(word), number(word.substr(word.find('/') + 1)), number(word.substr(word.rfind('/') + 1)), word == "default"}));
+        if (verb == "trust" || verb == "distrust")
+            guard_rate_trust(ifIndex, verb == "trust");
+        if (verb == "limit") { // in force, and its buckets
+            const auto rate = read<guard_rate>("guard_rates", ifIndex);
+            const guard_buckets &buckets = rate.buckets;
+            const uint64_t interval = std::max<uint64_t>(buckets.interval, 1);
+            return std::to_string(buckets.interval) + " ns " + std::to_string(buckets.common_depth / interval) + "+" + std::to_string(buckets.known_depth / interval) + (rate.is_default ? "" : " set");
+        }
+        if (verb == "know" || verb == "unknow" || verb == "knows") { // a client of p1, by its MAC address's last byte
+            const guard_known_key key = {if_nametoindex("p1"), {2, 0, 0, 0, 0, static_cast<uint8_t>(number(what))}, {}};
+            if (verb == "unknow")
+                guard_known_remove(static_cast<uint32_t>(key.ifindex), key.mac);
+            if (verb == "know")
+                return guard_known_add(static_cast<uint32_t>(key.ifindex), key.mac) ? "" : "no room";
+            const auto known = read<guard_known>("guard_known", key);
+            return verb == "unknow" ? "" : known.until != 0 ? "inherited" : std::to_string(known.references);
         }
         if (verb == "+" || verb == "-")
             return result(verb == "+" ? guard_rule_add(key_of(what)) : guard_rule_remove(key_of(what)));
@@ -263,9 +282,9 @@ TEST_F(Guard, TrapsAndPorts)
         {"its VLAN's, and another native VLAN", "add p1 1, trap 1, dhcp, add p1 2, dhcp, add p1 1, free 1, dhcp", "held; passes; passes"},
         {"of a VLAN that it is no member of: it may come out anywhere", "add p1 3, dhcp, trap 2, dhcp, free 2, dhcp", "passes; held; passes"},
         {"no port any more: the classifier stays, and its trap holds until it is long ago", "add p1 1, trap p1, attached, remove p1, dhcp, " FILTERS("p1") ", trap p1, entries, add p1 1, dhcp, remove p1, long-ago p1, dhcp, add p1 1, dhcp, remove p1, free p1, dhcp, attached",
-         "told; held; direct-action clsact; ENODEV; 1 0 1; held; passes; held; passes; quiet"},
+         "told; held; direct-action clsact; ENODEV; 1 0 1 1; held; passes; held; passes; quiet"},
         {"no port, family or VLAN", "add p1 1, add none 1, trap none, trap p1 0, trap p1 1, trap p1 5, trap p1 10, trap 0, trap 4094, trap 4095, trap 10 5, dhcp, entries",
-         "ENODEV; ENODEV; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; passes; 1 0 1"},
+         "ENODEV; ENODEV; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; EINVAL; passes; 1 0 1 1"},
         {"taken off the port by somebody", "add p1 1, add p2 1, trap p1, attached, sh tc qdisc del dev p1 clsact, dhcp, attached, dhcp, sh tc filter del dev p1 ingress, attached, dhcp, sh ip link del p1, trap p1", "told; passes; told; held; told; held; ENODEV"},
         {"a daemon's end, and its successor's", "add p1 1, trap p1, close, dhcp, restart, add p1 1, complete, dhcp, " FILTERS("p1") ", restart, add p1 1, dhcp, trap p1, free p1, dhcp",
          "held; " TRAPS_HOLD("1") "; held; direct-action clsact; " TRAPS_HOLD("1") "; held; passes"},
@@ -273,9 +292,9 @@ TEST_F(Guard, TrapsAndPorts)
         {"maps of another shape", "add p1 1, close, sh cd /run/dhcpsnoop/bpf/*-*/ && rm guard_state && ln guard_ports guard_state, restart, add p1 1, trap p1, dhcp", "held"},
         {"of a namespace whose number was given away", "add p1 1, trap 1, foreign, restart, add p1 1, dhcp, trap 1, restart", "passes; " TRAPS_HOLD("1")},
         {"a device that was made anew", "add p1 1, trap p1, close, sh i=$(ip -o link show p1 | cut -d: -f1) && ip link del p1 && ip link add p1 index $i type veth peer name c1 && ip link set p1 up master br0 && ip link set c1 up, restart, add p1 1, dhcp", TRAPS_HOLD("1") "; passes"},
-        {"no port any more for the next daemon", "add p1 1, add p2 1, trap p1, restart, add p2 1, complete, dhcp, " FILTERS("p1") ", " FILTERS("p2") ", entries", TRAPS_HOLD("1") "; passes; direct-action clsact; 1 0 1"},
+        {"no port any more for the next daemon", "add p1 1, add p2 1, trap p1, restart, add p2 1, complete, dhcp, " FILTERS("p1") ", " FILTERS("p2") ", entries", TRAPS_HOLD("1") "; passes; direct-action clsact; 1 0 1 2"},
         {"the release", "sh tc qdisc add dev p2 clsact, add p1 1, add p2 1, trap p1, close, dhcp, release, dhcp, " FILTERS("p1") ", " FILTERS("p2") ", release, sh ! find /run/dhcpsnoop/bpf -mindepth 1 -type d | grep .", "held; p1: classifier removed\np2: classifier removed\nmaps removed\n; passes; clsact"},
-        {"as many ports as share places in the map's hash table", "trapped 3000, restart, complete, entries", TRAPS_HOLD("3000") "; 0 0 0"},
+        {"as many ports as share places in the map's hash table", "trapped 3000, restart, complete, entries", TRAPS_HOLD("3000") "; 0 0 0 0"},
         {"a filter of somebody else", "add p1 1, sh tc filter add dev p1 ingress prio 5 protocol ip u32 match u32 0 0 flowid 1:1, close, release, " FILTERS("p1"), "p1: classifier removed\nmaps removed\n; flowid clsact"},
     });
 }
@@ -294,8 +313,25 @@ TEST_F(Guard, RulesAndItems)
         {"however often a daemon starts, they have it once", "+ 4:5/1/10/3, restart, restart, has 4:5/1/10/3, aged 4:5/1/10/3, + 4:6/2/10/3, restart, has 4:5/1/10/3, has 4:6/2/10/3", RULES_COUNT("1") "; " RULES_COUNT("1") "; yes; " RULES_COUNT("1") "; no; yes"},
         {"room: none, made by an inherited one, more, and never less", "close, release, restart 2, + 4:1/1/10/3, + 4:2/2/10/3, + 4:3/3/10/3, has 4:3/3/10/3, restart 2, + 4:3/3/10/3, restart 3, + 4:4/4/10/3, has 4:3/3/10/3, restart 1, has 4:3/3/10/3, has 4:4/4/10/3",
          "maps removed\n; ENOSPC; no; " RULES_COUNT("2") "; " RULES_COUNT("2") "; yes; " RULES_COUNT("3") "; yes; yes"},
-        {"a port's check items are its device's", "add p1 1, items p1 0x80, remove p1, add p1 1, items p1, restart, add p1 1, complete, items p1, entries", "128; 128; 1 1 1"},
+        {"a port's check items are its device's", "add p1 1, items p1 0x80, remove p1, add p1 1, items p1, restart, add p1 1, complete, items p1, entries", "128; 128; 1 1 1 1"},
         {"not those of another device of its number", "add p1 1, items p1 0x80, close, sh i=$(ip -o link show p1 | cut -d: -f1) && ip link del p1 && ip link add p1 index $i type veth peer name c1, restart, add p1 1, items p1", "0"},
+    });
+}
+
+#define LIMIT "3906250 ns 128+128"
+#define ANEW "sh i=$(ip -o link show p1 | cut -d: -f1) && ip link del p1 && ip link add p1 index $i type veth peer name c1"
+
+TEST_F(Guard, LimitsAndKnownClients)
+{
+    play_rows({
+        {"a default follows the trust, and a setting does not", "rate p1 9/64/0, add p1 1, limit p1, trust p1, limit p1, rate p1 1000/64/0, limit p1, distrust p1, limit p1, rate p1 0, limit p1, rate p1 default, limit p1, trust p1, limit p1",
+         "ENODEV; " LIMIT "; 0 ns 0+0; 1000000 ns 64+0 set; 1000000 ns 64+0 set; 0 ns 0+0 set; " LIMIT "; 0 ns 0+0"},
+        {"the largest and the smallest", "add p1 1, rate p1 100000/65535/65535, limit p1, rate p1 1/65535/65535, limit p1", "10000 ns 65535+65535 set; 1000000000 ns 65535+65535 set"},
+        {"a setting is its device's, over restarts, another name, down and up, another bridge", "add p1 1, add p2 1, rate p1 1000/64/0, trust p2, restart, add p1 1, add p2 1, complete, limit p1, limit p2, sh ip link set p1 down name q1 && ip link set q1 name p1 up nomaster, remove p1, add p1 2, limit p1",
+         "1000000 ns 64+0 set; 0 ns 0+0; 1000000 ns 64+0 set"},
+        {"not that of another device of its number, nor are its clients", "add p1 1, rate p1 1000/64/0, know 5, close, " ANEW ", restart, add p1 1, limit p1, knows 5", LIMIT "; 0"},
+        {"of two bindings; the next run knows the client for a time", "know 5, know 5, unknow 5, knows 5, restart, knows 5, unknow 5, knows 5, know 5, knows 5, unknow 5, knows 5", "1; inherited; inherited; 1; 0"},
+        {"room: of earlier runs; a larger daemon knows none", "close, release, restart 2, know 1, know 2, know 3, restart 2, know 3, knows 3, knows 1, restart 9, knows 3", "maps removed\n; no room; 1; 0; 0"},
     });
 }
 

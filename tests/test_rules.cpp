@@ -11,6 +11,7 @@
 #include "guard.h"
 #include "management.h"
 #include "model.h"
+#include "port_limits.h"
 #include "refusals.h"
 #include "refused_frames.h"
 #include "report.h"
@@ -84,6 +85,9 @@ int guard_trap_port(uint32_t ifIndex, int family, bool on)
 int guard_trap_vlan(uint16_t vid, int family, bool on) { return asked(0, world_format("vlan %u %d %s", vid, family, on ? "on" : "off")); }
 int guard_rule_add(const guard_rule_key &key) { return rule("+", key); }
 int guard_rule_remove(const guard_rule_key &key) { return rule("-", key); }
+void guard_rate_trust(uint32_t ifIndex, bool trusted) { asked(0, world_format("%s %u", trusted ? "trusts" : "limits", ifIndex)); }
+bool guard_known_add(uint32_t ifIndex, const uint8_t mac[6]) { return asked(recorder.full > 0 && recorder.full-- > 0 ? ENOSPC : 0, world_format("knows %u/%02x", ifIndex, mac[5])) == 0; }
+void guard_known_remove(uint32_t ifIndex, const uint8_t mac[6]) { asked(0, world_format("forgets %u/%02x", ifIndex, mac[5])); }
 const Port *model_port(uint32_t ifIndex) { return ports.count(ifIndex) == 0 ? nullptr : &ports.at(ifIndex); }
 const std::map<uint32_t, Port> &model_ports() { return ports; }
 uint32_t model_vlan_interface(uint16_t vid) { return vid == 10 ? 110 : 0; }
@@ -344,6 +348,65 @@ TEST(BindingRules, OfAddressesThatWereOnlyAskedFor)
         EXPECT_EQ(taken, row.taken) << row.claim;
     }
     world.sent = nullptr;
+}
+
+void bind(uint8_t state) { dhcpsnoop_user_delete(binding(HOST)), make_binding(HOST, MAC_CLIENT, 1, 10)->bindState = state; }
+
+void set_interface(uint32_t ifIndex, uint32_t cmd, uint32_t value) { port_limits_doubt(), dhcpSnoopIfSetApi(ifIndex, cmd, &value); }
+
+// clang-format off
+const Word LIMITS[] = {
+    {"bound", [] { bind(DHCPSNOOP_BIND_BOUND); }},
+    {"asked", [] { bind(DHCPSNOOP_BIND_REQUESTED); }},
+    {"again", [] { make_binding(HOST + 1, MAC_CLIENT, 1, 10)->bindState = DHCPSNOOP_BIND_BOUND; }},
+    {"moves", [] { binding(HOST)->ifIndex = 2; }},
+    {"goes", [] { dhcpsnoop_user_delete(binding(HOST)); }},
+    {"full", [] { recorder.full = 1; }},
+    {"waits", [] { dhcpsnoop_user_delete(binding(HOST)), receive(Message{.type = DISCOVER}.frame()); }},
+    {"trust", [] { set_interface(1, IF_TRUST, 1); }},
+    {"vlan-trust", [] { set_interface(110, IF_TRUST, 1); }},
+    {"version", [] { set_interface(1, IF_VERSION, 3); }},
+    {"off", [] { set_interface(2, IF_ENABLE, 0); }},
+};
+// clang-format on
+
+// What the kernel's limits are told after each step: two rounds of all bindings, in parts.
+TEST(PortLimits, FollowTheTables)
+{
+    const struct {
+        const char *claim, *before, *steps, *told; // steps by ", ", what they gave by "; "
+    } rows[] = {
+        {"a client is known when a server has acknowledged, until its binding goes", "", "asked, bound, goes", "; knows 1/01; forgets 1/01"},
+        {"with each of its bindings, in each place", "", "bound again, moves, goes", "knows 1/01, knows 1/01; forgets 1/01, knows 2/01; forgets 2/01"},
+        {"an entry of the pool that is given to a waiting client", "one-node relay", "bound, waits", "knows 1/01; forgets 1/01"},
+        {"without room it is tried again", "", "full bound", "knows 1/01, knows 1/01"},
+        {"the trust of ports, and what takes it away", "", "trust, version, off", "trusts 1, trusts 2; limits 1, trusts 2; limits 1, limits 2"},
+        {"that of a VLAN's interface where a port does not snoop by itself", "vlan-if", "vlan-trust off", "limits 1, trusts 2"},
+    };
+    static Ticks now = ticks();
+    ports = {{1, a_port(1, PortKind::port, 10)}, {2, a_port(2, PortKind::port, 10)}};
+    ports[1].members.set(10), ports[2] = ports[1];
+    const auto follow = [] {
+        recorder.journal.clear();
+        for (int part = 0; part < 40; part++)
+            port_limits_follow(now += 50);
+        return std::exchange(recorder.journal, "");
+    };
+    for (const auto &row : rows) {
+        std::string told;
+        prepare(row.before);
+        port_limits_start(gDhcpsnoop.userMax);
+        follow();
+        for (bool first = true; const std::string &words : parts(row.steps, ',')) {
+            std::istringstream in(words);
+            for (std::string word; in >> word;)
+                for (const Word &known : LIMITS)
+                    if (word == known.word)
+                        known.effect();
+            told += (std::exchange(first, false) ? "" : "; ") + follow();
+        }
+        EXPECT_EQ(told, row.told) << row.claim;
+    }
 }
 
 // "bindings-full swp1", whose counts have grown since the last call.

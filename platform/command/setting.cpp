@@ -2,6 +2,7 @@
 // back.
 #include "setting.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace
@@ -31,6 +32,13 @@ constexpr Choice FORMATS[] = {
 constexpr Choice STATISTICS[] = {
     {"statistics", 0}
 };
+
+// Beyond them a limit limits nothing: the daemon takes less.
+constexpr uint32_t RATE_MOST = 100000, BURST_MOST = 65535;
+constexpr uint32_t BURST_LEAST = 64; // a network device hands over so many frames at once
+constexpr uint32_t BURST_INITIAL = 128;
+
+constexpr char BURST[] = "burst", RESERVED[] = "reserved";
 
 constexpr char OPTION_TEXT_ARGUMENTS[] =
     "[global|typed|raw|template|format N] [type N] text T|hex H|generated";
@@ -107,6 +115,9 @@ constexpr Setting INTERFACE_SETTINGS[] = {
     {.name = "relay-server", .kind = Kind::Servers, .cmd = SERVER_IP_SLOT, .arguments = "ADDRESS add|delete",
      .help = "a server that requests are relayed to; at most three",
      .alias = "server"},
+    {.name = "dhcp-rate", .kind = Kind::Rate, .cmd = 0, .arguments = "N|off|default [burst N] [reserved N]",
+     .help = "most DHCP messages a second that come in here, at once, and at once of known clients besides",
+     .most = RATE_MOST},
     {.name = "flag14", .kind = Kind::Switch, .cmd = IF_FLAG14, .arguments = "on|off",
      .help = "kept for the platform; snooping does not read it"},
     {.name = "setting21", .kind = Kind::Number, .cmd = IF_SETTING21, .arguments = "0-65535",
@@ -249,6 +260,32 @@ Words optionTextWords(const OptionText &value)
     return words;
 }
 
+Rate parseRate(const Setting &setting, std::span<const std::string> words)
+{
+    if (words.empty() || rateSize(words) != words.size())
+        throwExpected(setting);
+    if (words[0] == "default" || words[0] == "off")
+        return {0, 0, 0, words[0] == "default"};
+    Rate rate = {parseRange(setting.name, words[0], 1, setting.most), BURST_INITIAL, BURST_INITIAL, false};
+    for (words = words.subspan(1); !words.empty(); words = words.subspan(2)) {
+        const bool isBurst = words[0] == BURST;
+        (isBurst ? rate.burst : rate.reserved) = parseRange(words[0], words[1], 0, BURST_MOST);
+    }
+    if (rate.burst < BURST_LEAST)
+        throw UsageError("burst must be at least " + std::to_string(BURST_LEAST) + ", not " +
+                         std::to_string(rate.burst) +
+                         ": a network device hands over so many frames at once, and the rate would be lost");
+    return rate;
+}
+
+Words rateWords(const Rate &rate)
+{
+    if (rate.rate == 0)
+        return {"off"};
+    return {std::to_string(rate.rate), BURST, std::to_string(rate.burst), RESERVED,
+            std::to_string(rate.reserved)};
+}
+
 // The form in which an option text travels.
 Bytes managementForm(const OptionText &value)
 {
@@ -313,6 +350,12 @@ const Setting *findSetting(const Scope &scope, const std::string &name)
     return nullptr;
 }
 
+bool Rate::operator==(const Rate &other) const
+{
+    return isDefault == other.isDefault &&
+           (isDefault || (rate == other.rate && burst == other.burst && reserved == other.reserved));
+}
+
 bool canBeSet(const Setting &setting) { return setting.kind != Kind::Counter; }
 
 Value parseValue(const Setting &setting, std::span<const std::string> words)
@@ -322,6 +365,8 @@ Value parseValue(const Setting &setting, std::span<const std::string> words)
         return parseOptionText(setting, words);
     case Kind::Text:
         return words.size() == 1 ? checkedText(setting, textBytes(words[0])) : parseTextWords(setting, words);
+    case Kind::Rate:
+        return parseRate(setting, words);
     case Kind::Counter:
         throw UsageError(std::string(setting.name) + " can only be read");
     default:
@@ -354,6 +399,8 @@ Words valueWords(const Setting &setting, const Value &value)
         return optionTextWords(*option);
     if (const auto *text = std::get_if<Bytes>(&value))
         return textWords(*text);
+    if (const auto *rate = std::get_if<Rate>(&value))
+        return rate->isDefault ? Words{"default"} : rateWords(*rate);
     uint32_t number = std::get<uint32_t>(value);
     if (setting.kind == Kind::Switch)
         return {number ? "on" : "off"};
@@ -363,8 +410,25 @@ Words valueWords(const Setting &setting, const Value &value)
     return {word ? word : std::to_string(number)};
 }
 
+Words shownWords(const Setting &setting, const Value &value)
+{
+    const auto *rate = std::get_if<Rate>(&value);
+    return rate != nullptr ? rateWords(*rate) : valueWords(setting, value);
+}
+
+size_t rateSize(std::span<const std::string> words)
+{
+    size_t size = std::min<size_t>(1, words.size());
+    const bool isNumber = size == 1 && words[0] != "off" && words[0] != "default";
+    while (isNumber && size + 2 <= words.size() && (words[size] == BURST || words[size] == RESERVED))
+        size += 2;
+    return size;
+}
+
 Value initialValue(const Setting &setting)
 {
+    if (setting.kind == Kind::Rate)
+        return Rate();
     if (setting.kind == Kind::OptionText)
         return OptionText{setting.initial, DHCPSNOOP_TYPE_GENERATED, {}};
     if (setting.kind == Kind::Text)

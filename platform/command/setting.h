@@ -19,6 +19,7 @@ enum class Kind : uint8_t {
     Counter,    // read only
     Clear,      // an action without value
     Servers,    // the relay servers of an interface, a request for each
+    Rate,       // of a port, the platform's: no request
 };
 
 struct Choice {
@@ -71,8 +72,15 @@ bool isTyped(uint32_t format);
 // Its word, or its number.
 std::string formatText(uint32_t format);
 
-// A setting's value: a number (switches, choices, addresses, counters too), a text, an option text.
-using Value = std::variant<uint32_t, Bytes, OptionText>;
+// A limit of messages.
+struct Rate {
+    uint32_t rate = 0, burst = 0, reserved = 0; // a second, at once, at once of known clients besides; 0: off
+    bool isDefault = true;                      // it follows from the trust, and so do the numbers
+    bool operator==(const Rate &other) const;
+};
+
+// A setting's value: a number (switches, choices, addresses, counters too), a text, an option text, a limit.
+using Value = std::variant<uint32_t, Bytes, OptionText, Rate>;
 
 // Null for an unknown name.
 const Setting *findSetting(const Scope &scope, const std::string &name);
@@ -80,10 +88,14 @@ bool canBeSet(const Setting &setting);
 
 Value parseValue(const Setting &setting, std::span<const std::string> words);
 Words valueWords(const Setting &setting, const Value &value); // parseValue reads them back
+// The same for people: a default limit in its numbers.
+Words shownWords(const Setting &setting, const Value &value);
+// How many of the words, which begin with a limit, are of it.
+size_t rateSize(std::span<const std::string> words);
 Value initialValue(const Setting &setting);
 bool isInitial(const Setting &setting, const Value &value);
 
-// The requests that change a setting, in order; not for Servers.
+// The requests that change a setting, in order; not for Servers and Rate, nor are the calls below.
 std::vector<Request> setRequests(const Target &target, const Setting &setting, const Value &value);
 // Adds or removes a relay server.
 Request serverRequest(const ServerKey &key, bool add);

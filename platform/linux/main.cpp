@@ -7,6 +7,7 @@
 #include "options.h"
 #include "platform.h"
 #include "platform_start.h"
+#include "port_limits.h"
 #include "refused_frames.h"
 
 int main(int argc, char **argv)
@@ -26,5 +27,6 @@ int main(int argc, char **argv)
     for (;;) {
         dhcpsnoop_main_pass();
         refused_frames_count();
+        port_limits_follow();
     }
 }

@@ -9,6 +9,7 @@
 #include "management.h"
 #include "model.h"
 #include "platform.h"
+#include "port_limits.h"
 #include "redundancy.h"
 #include "refusals.h"
 
@@ -28,6 +29,7 @@ int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
 int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t)
 {
     const auto *on = static_cast<const uint32_t *>(value);
+    port_limits_doubt();
     if (code == QOR_SYNC_IF + IF_ENABLE && on != nullptr && *on == 1 && list_empty(&gDhcpsnoop.ifFreeList) &&
         dhcpsnoop_if_lookup(ifIndex) == nullptr) {
         const Port *port = model_port(ifIndex);

@@ -17,6 +17,7 @@
 #include "judgement.h"
 #include "logging.h"
 #include "platform.h"
+#include "port_limits.h"
 #include "redundancy.h"
 #include "report.h"
 #include "subscribers.h"
@@ -129,6 +130,7 @@ int platform_linux_prepare(const Options &options, Room &room)
 //   guard                          guard.cpp, trap.cpp, bindings.cpp: first to watch the model
 //   subscribers                    subscribers.cpp
 //   command socket                 command_gate.cpp: listens from here on
+//   limits of ports                port_limits.cpp
 //   judge                          judgement.cpp: its thread runs from here on
 //   redundancy                     redundancy.cpp: second to watch the model; a thread of its own
 //
@@ -153,6 +155,7 @@ int platform_linux_start()
     const std::string commands = command_gate_open();
     if (commands.empty())
         return EXIT_FAILURE;
+    port_limits_start(roomOfPools.bindings);
     if (!judgement_start(roomOfPools.bindings))
         return EXIT_FAILURE;
     return redundancy_start(redundancy, roomOfPools.bindings, commands) ? 0 : EX_CONFIG;

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -249,6 +250,20 @@ std::string protect(const std::string &word)
     return "unknown request\n";
 }
 
+// "IFINDEX N|off|default ...".
+std::string limit(const std::string &request)
+{
+    std::istringstream in(request);
+    Words words;
+    uint32_t ifIndex = 0;
+    in >> ifIndex;
+    for (std::string word; in >> word;)
+        words.push_back(word);
+    const Setting &setting = *findSetting(INTERFACE_SCOPE, "dhcp-rate");
+    rate_set(ifIndex, std::get<Rate>(parseValue(setting, words)));
+    return "ok\n";
+}
+
 std::string status()
 {
     return std::string("ok\nfile ") + savedPath + "\nprotection " + protection_word(protectionIsStrict) +
@@ -256,10 +271,11 @@ std::string status()
 }
 
 // Of the client or a signal: "reload", "apply SECONDS" (0: for good) of the candidate, "confirm", "revert",
-// "status", "facts", "protection strict" or "as-asked". The answer begins with "ok", or says what is wrong.
+// "status", "facts", "protection strict" or "as-asked", "dhcp-rate IFINDEX VALUE". The answer begins with
+// "ok", or says what is wrong.
 std::string handle(const std::string &request)
 {
-    constexpr std::string_view APPLY = "apply ", PROTECTION = "protection ";
+    constexpr std::string_view APPLY = "apply ", PROTECTION = "protection ", RATE = "dhcp-rate ";
     try {
         if (request == "reload")
             return reload();
@@ -273,6 +289,8 @@ std::string handle(const std::string &request)
             return status() + facts();
         if (request.starts_with(PROTECTION))
             return protect(request.substr(PROTECTION.size()));
+        if (request.starts_with(RATE))
+            return limit(request.substr(RATE.size()));
         if (request.starts_with(APPLY))
             return apply(std::chrono::seconds(parseRange("seconds", request.substr(APPLY.size()), 0, 86400)));
         return "unknown request\n";

@@ -1,5 +1,6 @@
 #include "reconcile.h"
 
+#include <cerrno>
 #include <cstring>
 #include <net/if.h>
 
@@ -82,6 +83,20 @@ void reconcile_servers(Differences &found, const Daemon &daemon, const Target &t
          });
 }
 
+// A device that is no port has no limit.
+void reconcile_rate(Differences &found, const Target &target, const Wanted<Value> &wanted, Make make)
+{
+    const Setting &setting = *findSetting(INTERFACE_SCOPE, "dhcp-rate");
+    const uint32_t ifIndex = std::get<uint32_t>(target.index);
+    const std::optional<GuardRate> running = guard_rate_get(ifIndex);
+    if (!running || Value(rate_value(*running)) == wanted.value)
+        return;
+    note(found,
+         {line_of(target.words(), setting.name, valueWords(setting, rate_value(*running))),
+          joinQuoted(valueWords(setting, wanted.value)), wanted.source, ""},
+         make, [&] { rate_set(ifIndex, std::get<Rate>(wanted.value)); });
+}
+
 void reconcile_guard(Differences &found, const GuardPlace &place, const Words &target, GuardFeature feature,
                      const Wanted<uint8_t> &wanted, Make make, bool isNew)
 {
@@ -147,6 +162,15 @@ void reconcile_binding(Differences &found, const Daemon &daemon, const BindingLi
 
 } // namespace
 
+void rate_set(uint32_t ifIndex, const Rate &rate)
+{
+    if (const int error = guard_rate_set(ifIndex, {rate.rate, rate.burst, rate.reserved, rate.isDefault});
+        error == ENODEV)
+        throw CtlError(EXIT_REFUSED, "dhcp-rate: no port of the switch (of a VLAN each port has its own)");
+    else if (error != 0)
+        throw CtlError(EXIT_REFUSED, std::string("dhcp-rate: ") + strerror(error));
+}
+
 Differences reconcile_port(const Config &config, const Daemon &daemon, const PortId &port, Make make,
                            bool isNew)
 {
@@ -171,6 +195,7 @@ Differences reconcile_port(const Config &config, const Daemon &daemon, const Por
             const Setting *needed =
                 setting.needs != nullptr ? findSetting(INTERFACE_SCOPE, setting.needs) : nullptr;
             if (&setting == &snooping || !canBeSet(setting) || setting.kind == Kind::Clear ||
+                setting.kind == Kind::Rate ||
                 (needed != nullptr && running_switch(daemon, target, *needed) == 0))
                 continue;
             if (setting.kind == Kind::Servers)
@@ -180,6 +205,7 @@ Differences reconcile_port(const Config &config, const Daemon &daemon, const Por
         }
     if (port.isVlanInterface) // guarded by its VLAN
         return found;
+    reconcile_rate(found, target, wanted.of(*findSetting(INTERFACE_SCOPE, "dhcp-rate")), make);
     const GuardPlace place = {false, port.ifIndex};
     reconcile_guard(found, place, target.words(), GuardFeature::ipSourceGuard, wanted.ip, make, isNew);
     reconcile_guard(found, place, target.words(), GuardFeature::arpInspection, wanted.arp, make, isNew);

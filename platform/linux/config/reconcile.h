@@ -23,6 +23,9 @@ using Differences = std::vector<Difference>;
 // Whether differences are made to go, through requests to the daemon and the guard's maps.
 enum class Make : uint8_t { no, yes };
 
+// In the daemon: the limit of a port. Throws CtlError.
+void rate_set(uint32_t ifIndex, const Rate &rate);
+
 // A port that has appeared just now has no host with a binding: its guard comes into force at once.
 Differences reconcile_port(const Config &config, const Daemon &daemon, const PortId &port, Make make,
                            bool isNew = false);

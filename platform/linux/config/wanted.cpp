@@ -77,6 +77,8 @@ void consider_bridge(WantedPort &port, const Config &config, const PortId &id)
 
 } // namespace
 
+Rate rate_value(const GuardRate &rate) { return {rate.rate, rate.burst, rate.reserved, rate.isDefault}; }
+
 PortId port_id(const Port &port, const std::map<uint32_t, Port> &ports)
 {
     const auto first = std::ranges::find_if(
@@ -94,7 +96,13 @@ bool WantedPort::snoops() const { return of(*findSetting(INTERFACE_SCOPE, "snoop
 
 Wanted<Value> WantedPort::of(const Setting &setting) const
 {
-    if (const auto said = settings.find(&setting); said != settings.end())
+    const auto said = settings.find(&setting);
+    if (setting.kind == Kind::Rate && (said == settings.end() || isInitial(setting, said->second.value))) {
+        const bool trusted = of(*findSetting(INTERFACE_SCOPE, "trust")).value == Value(1u);
+        return {rate_value(guard_rate_default(trusted)),
+                said != settings.end() ? said->second.source : Source()};
+    }
+    if (said != settings.end())
         return said->second;
     if (setting.cmd == IF_VERSION)
         return {Value(uint32_t{DHCPSNOOP_IPV4 | DHCPSNOOP_IPV6}), {}};

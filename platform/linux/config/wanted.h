@@ -9,6 +9,8 @@
 namespace platform_linux
 {
 
+Rate rate_value(const GuardRate &rate);
+
 // A port as it is now.
 struct PortId {
     uint32_t ifIndex;
@@ -39,7 +41,8 @@ struct WantedPort {
     Wanted<uint8_t> ip, arp;                           // check items
 
     bool snoops() const;
-    // Of a setting that no line speaks of: the initial value; both IP versions.
+    // Of a setting that no line speaks of: the initial value; both IP versions. A default limit in its
+    // numbers.
     Wanted<Value> of(const Setting &setting) const;
 };
 

@@ -27,6 +27,7 @@
 #include "guard_rules.h"
 #include "map_keys.h"
 #include "protocol.h"
+#include "rate_limit.h"
 
 namespace platform_linux
 {
@@ -39,7 +40,7 @@ constexpr uint64_t NEVER = UINT64_MAX; // its since
 struct Guard {
     bpf_object *object = nullptr; // null: closed, or no eBPF here
     int program = -1, ports = -1, vlans = -1, state = -1, portItems = -1, vlanItems = -1, rules = -1,
-        refused = -1, own = -1, sockets = -1, out = -1, host = -1;
+        refused = -1, own = -1, sockets = -1, rates = -1, out = -1, host = -1;
     std::set<uint32_t>
         known; // ports, with entries in the maps; the classifier stands on them but for failures
     std::set<uint32_t> parted;   // devices that were ports in this run and are still there
@@ -294,16 +295,23 @@ template <typename Entry> void set_trap(Entry &entry, uint8_t bit, bool on)
     entry.inherited = static_cast<uint8_t>(entry.inherited & ~bit);
 }
 
-// A map keeps its size: the rules of one that is too small move into a larger one. `old` is the small one
+// A map keeps its size: what is in one that is too small moves into a larger one. `old` is the small one
 // then, its pin gone, else none.
-uint32_t room_for_rules(const std::string &pins, uint32_t wanted, Fd &old)
+struct Growing {
+    const char *name;
+    size_t keySize, valueSize;
+};
+constexpr Growing RULES = {"guard_rules", sizeof(guard_rule_key), sizeof(guard_rule)};
+constexpr Growing KNOWN = {"guard_known", sizeof(guard_known_key), sizeof(guard_known)};
+
+uint32_t room_in(const Growing &map, const std::string &pins, uint32_t wanted, Fd &old)
 {
-    const std::string path = pins + "/guard_rules";
+    const std::string path = pins + "/" + map.name;
     bpf_map_info info = {};
     uint32_t length = sizeof info;
     old.reset(pins.empty() ? -1 : bpf_obj_get(path.c_str()));
     if (old && bpf_obj_get_info_by_fd(old.get(), &info, &length) == 0 && info.max_entries < wanted &&
-        info.key_size == sizeof(guard_rule_key) && info.value_size == sizeof(guard_rule)) {
+        info.key_size == map.keySize && info.value_size == map.valueSize) {
         unlink(path.c_str());
         return wanted;
     }
@@ -325,13 +333,17 @@ int load(const std::string &pins, uint32_t rules)
         bpf_map *map;
         bpf_object__for_each_map(map, object) bpf_map__set_pin_path(map, nullptr);
     }
-    Fd old;
-    bpf_map__set_max_entries(bpf_object__find_map_by_name(object, "guard_rules"),
-                             room_for_rules(pins, rules, old));
+    Fd old, oldKnown; // known clients are soon known again
+    const auto make_room = [&](const Growing &map, uint32_t wanted, Fd &small) {
+        bpf_map__set_max_entries(bpf_object__find_map_by_name(object, map.name),
+                                 room_in(map, pins, wanted, small));
+    };
+    make_room(RULES, rules, old);
+    make_room(KNOWN, rules, oldKnown); // a binding has up to two rules
     const int error = -bpf_object__load(object);
     if (error != 0) {
         if (old)
-            bpf_obj_pin(old.get(), (pins + "/guard_rules").c_str());
+            bpf_obj_pin(old.get(), (pins + "/" + RULES.name).c_str());
         bpf_object__close(object);
         return error;
     }
@@ -347,6 +359,8 @@ int load(const std::string &pins, uint32_t rules)
     guard.refused = map("guard_refused");
     guard.own = map("guard_own");
     guard.sockets = map("guard_sockets");
+    guard.rates = map("guard_rates");
+    rates_open({guard.rates, map("guard_rate_sum"), map("guard_known")});
     guard.out = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_OUT_PROGRAM));
     guard.host = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_HOST_PROGRAM));
     if (old)
@@ -434,6 +448,7 @@ bool guard_open(uint32_t rules, std::string &why, std::string &note)
 void guard_close()
 {
     guard_rules_close();
+    rates_close();
     if (guard.object != nullptr)
         bpf_object__close(guard.object);
     guard = Guard();
@@ -460,6 +475,8 @@ int guard_port_add(uint32_t ifIndex, uint16_t nativeVid, const PortVlans &member
         bpf_map_delete_elem(guard.refused, &ifIndex);
         bpf_map_delete_elem(guard.portItems, &ifIndex);
     }
+    if (const int error = rate_port_add(ifIndex, !isKnown); error != 0)
+        return error;
     const guard_port before = port;
     if (!isKnown)
         port.left_until = NEVER_A_PORT;
@@ -496,7 +513,7 @@ void guard_port_remove(uint32_t ifIndex, uint32_t seconds)
 
 void guard_device_gone(uint32_t ifIndex)
 {
-    for (const int map : {guard.ports, guard.refused, guard.portItems})
+    for (const int map : {guard.ports, guard.refused, guard.portItems, guard.rates})
         bpf_map_delete_elem(map, &ifIndex);
     for (std::set<uint32_t> *devices : {&guard.known, &guard.parted, &guard.standing, &guard.doubted,
                                         &guard.gated, &guard.hosts, &guard.held, &guard.apart})
@@ -521,7 +538,7 @@ void guard_ports_complete()
             forget_port(ifIndex);
     }
     // The rest belongs to devices that are gone.
-    for (const int map : {guard.ports, guard.portItems})
+    for (const int map : {guard.ports, guard.portItems, guard.rates})
         for (const uint32_t ifIndex : map_keys<uint32_t>(map))
             if (!guard.known.contains(ifIndex) && !guard.parted.contains(ifIndex))
                 guard_device_gone(ifIndex);

@@ -2,9 +2,10 @@
 // trap at the egress of bridge devices whose own machine is a port.
 // Ingress: A frame comes in as it came from the port. A DHCP frame that
 // is trapped there goes to the daemon's packet socket by way of the loopback device (guard_maps.h), with no
-// copy left for the bridge; when nobody listens it is lost. An IP packet or ARP message that is checked there
-// goes on when a rule agrees with its source, else it is dropped and counted. So is a frame whose kind or
-// place cannot be told, where a trap or the guard stands. Every other frame goes on untouched.
+// copy left for the bridge; when nobody listens, or the port has sent too many, it is lost. An IP packet or
+// ARP message that is checked there goes on when a rule agrees with its source, else it is dropped and
+// counted. So is a frame whose kind or place cannot be told, where a trap or the guard stands. Every other
+// frame goes on untouched.
 #include <linux/pkt_cls.h>
 
 #include "guard_frame.bpf.h"
@@ -87,6 +88,7 @@ struct {
     __uint(pinning, LIBBPF_PIN_BY_NAME);
 } guard_sockets SEC(".maps");
 
+#include "guard_rate.bpf.h"
 #include "guard_source.bpf.h"
 
 // A member or not: the frame of another VLAN may come out in any VLAN of the port. Verified alone also
@@ -139,6 +141,12 @@ VERIFIED_ALONE int to_daemon(struct __sk_buff *skb, __u32 v4)
     if (tagged && bpf_skb_store_bytes(skb, sizeof header, &front, sizeof front, 0))
         return TC_ACT_SHOT;
     return (int)bpf_redirect(GUARD_LOOPBACK, BPF_F_INGRESS);
+}
+
+static __always_inline int trap(struct __sk_buff *skb, __u32 kind)
+{
+    return is_over_rate(skb) ? refuse(skb->ifindex, GUARD_REFUSED_RATE)
+                             : to_daemon(skb, kind >> FAMILIES & GUARD_TRAP_V4);
 }
 
 VERIFIED_ALONE int is_protecting(void)
@@ -225,7 +233,7 @@ int dhcpsnoop_host(struct __sk_buff *skb)
         return TC_ACT_UNSPEC;
     if (!known || kind & UNCLEAR)
         return refuse(ifindex, kind & UNCLEAR ? GUARD_REFUSED_UNCLEAR : GUARD_REFUSED_VLAN);
-    return to_daemon(skb, kind >> FAMILIES & GUARD_TRAP_V4);
+    return trap(skb, kind);
 }
 
 SEC("tc")
@@ -260,5 +268,5 @@ int dhcpsnoop_guard(struct __sk_buff *skb)
         if (reason != GUARD_REASONS)
             return refuse(ifindex, reason);
     }
-    return trapped ? to_daemon(skb, kind >> FAMILIES & GUARD_TRAP_V4) : TC_ACT_UNSPEC;
+    return trapped ? trap(skb, kind) : TC_ACT_UNSPEC;
 }

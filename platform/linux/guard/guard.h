@@ -2,6 +2,7 @@
 //   - traps the DHCP frames of the switch's ports and hands them to the daemon (trap),
 //   - lets only those packets pass that agree with a binding, where that is checked (IP source guard, ARP
 //     inspection),
+//   - lets no port hand more DHCP frames to the daemon than its limit says (rate limit),
 //   - keeps the places where that is checked, and tells the daemon when they change (configuration).
 // An eBPF program at the ingress of every port does all of it; its maps outlive the daemon.
 //
@@ -15,10 +16,12 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
 
+#include "fd.h"
 #include "guard_maps.h"
 #include "netlink.h"
 #include "platform.h"
@@ -160,6 +163,8 @@ void guard_settle(guard_items &items, GuardFeature feature);
 // The ports on which the classifier stands, with the frames that it has refused there, by reason.
 using GuardRefusals = std::array<uint64_t, GUARD_REASONS>;
 std::map<uint32_t, GuardRefusals> guard_ports_refusals();
+// Those of one port; 0 for a device that is none, and without maps.
+GuardRefusals guard_port_refusals(uint32_t ifIndex);
 
 // False where it is known that frames of the port cannot belong to the VLAN. True as well for a port that
 // works without VLANs, no port, and without maps.
@@ -168,6 +173,32 @@ bool guard_port_may_use(uint32_t ifIndex, uint32_t vid);
 // Tells the daemon of this network namespace that the configuration has changed, as events of the switch's
 // netlink groups. Takes CAP_NET_ADMIN. Whether anybody listens is not known.
 int guard_config_announce(const GuardPlace &place, GuardFeature feature, uint8_t wanted);
+
+// A pinned map of the calling process's network namespace; none where guard_config_open says why.
+Fd guard_config_map(const char *name);
+
+// ---- The limit of DHCP frames that a port hands to the daemon. It lives in the kernel as long as the device
+// is there, over restarts of the daemon.
+
+struct GuardRate {
+    uint32_t rate;            // frames a second; 0 = off
+    uint32_t burst, reserved; // frames that may come at once; as many more of known clients. 0 where off
+    bool isDefault;           // nobody has set it: it follows from the trust
+    bool operator==(const GuardRate &) const = default;
+};
+GuardRate guard_rate_default(bool trusted);
+
+// In force at a port; none for a device that is no port, and without maps.
+std::optional<GuardRate> guard_rate_get(uint32_t ifIndex);
+
+// The rest is for the daemon alone. ENODEV: no port. Of a default rate the other members do not count.
+int guard_rate_set(uint32_t ifIndex, const GuardRate &rate);
+// Whether servers may answer from the port. A port begins without trust.
+void guard_rate_trust(uint32_t ifIndex, bool trusted);
+
+// A client that keeps a share when its port is flooded, once for each of its bindings. False without room.
+bool guard_known_add(uint32_t ifIndex, const uint8_t mac[6]);
+void guard_known_remove(uint32_t ifIndex, const uint8_t mac[6]);
 
 // ---- The daemon's side of the configuration, for its event socket.
 

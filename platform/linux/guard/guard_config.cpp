@@ -30,6 +30,7 @@ static_assert(GUARD_CHECK_ADDRESS == DHCPSNOOP_CHECK_IP && GUARD_CHECK_MAC == DH
               GUARD_CHECK_ALL == DHCPSNOOP_CHECK_ALL);
 
 struct Maps {
+    std::string directory;
     Fd ports, portItems, vlanItems, refused;
     bool open() const { return ports && portItems && vlanItems && refused; }
 } maps;
@@ -93,7 +94,7 @@ bool guard_config_open(std::string &why)
         }
     }
     if (!found.empty()) {
-        maps = {map_open(found, "guard_ports"), map_open(found, "guard_port_items"),
+        maps = {found, map_open(found, "guard_ports"), map_open(found, "guard_port_items"),
                 map_open(found, "guard_vlan_items"), map_open(found, "guard_refused")};
         if (maps.open())
             return true;
@@ -106,6 +107,12 @@ bool guard_config_open(std::string &why)
 }
 
 void guard_config_close() { maps = Maps(); }
+
+Fd guard_config_map(const char *name)
+{
+    std::string why;
+    return guard_config_open(why) ? map_open(maps.directory, name) : Fd();
+}
 
 guard_items guard_config_get(const GuardPlace &place)
 {
@@ -182,23 +189,28 @@ void guard_settle(guard_items &items, GuardFeature feature)
     items.*bytes.pending = 0;
 }
 
+GuardRefusals guard_port_refusals(uint32_t ifIndex)
+{
+    GuardRefusals sum = {};
+    std::vector<guard_refused> each(static_cast<size_t>(std::max(libbpf_num_possible_cpus(), 1)));
+    if (!maps.open() || bpf_map_lookup_elem(maps.refused.get(), &ifIndex, each.data()) != 0)
+        return sum;
+    for (const guard_refused &one : each)
+        for (size_t reason = 0; reason < sum.size(); reason++)
+            sum[reason] += one.frames[reason];
+    return sum;
+}
+
 std::map<uint32_t, GuardRefusals> guard_ports_refusals()
 {
     std::map<uint32_t, GuardRefusals> ports;
-    const int cpus = libbpf_num_possible_cpus();
-    if (!maps.open() || cpus <= 0)
+    if (!maps.open())
         return ports;
-    std::vector<guard_refused> each(static_cast<size_t>(cpus));
     for (const uint32_t ifIndex : map_keys<uint32_t>(maps.ports.get())) {
         guard_port port = {};
         if (bpf_map_lookup_elem(maps.ports.get(), &ifIndex, &port) != 0 || port.left_until != 0)
             continue;
-        GuardRefusals &sum = ports[ifIndex] = {};
-        if (bpf_map_lookup_elem(maps.refused.get(), &ifIndex, each.data()) != 0)
-            continue;
-        for (const guard_refused &one : each)
-            for (size_t reason = 0; reason < sum.size(); reason++)
-                sum[reason] += one.frames[reason];
+        ports[ifIndex] = guard_port_refusals(ifIndex);
     }
     return ports;
 }

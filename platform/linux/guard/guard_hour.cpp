@@ -11,6 +11,7 @@
 
 #include "guard.h"
 #include "hour_counts.h"
+#include "refusals.h"
 
 namespace platform_linux
 {
@@ -30,9 +31,12 @@ void add(const PlaceName &name, const GuardRefusals &before, const GuardRefusals
     const std::scoped_lock lock(mutex);
     for (size_t reason = 0; reason < GUARD_REASONS; reason++) {
         const uint64_t more = after[reason] - (after[reason] < before[reason] ? 0 : before[reason]);
-        if (more != 0)
-            counts.add(reason, name, ticks(),
-                       static_cast<uint32_t>(std::min<uint64_t>(more, std::numeric_limits<uint32_t>::max())));
+        const auto number =
+            static_cast<uint32_t>(std::min<uint64_t>(more, std::numeric_limits<uint32_t>::max()));
+        if (number != 0 && reason == GUARD_REFUSED_RATE)
+            refusal_count(Refused::dhcpRate, name.data(), ticks(), number);
+        else if (number != 0)
+            counts.add(reason, name, ticks(), number);
     }
 }
 

@@ -7,7 +7,7 @@
 
 #include <linux/types.h>
 
-#define GUARD_LAYOUT 6
+#define GUARD_LAYOUT 7
 #define GUARD_PORTS_MAX 4096
 #define GUARD_VLANS 4096
 
@@ -100,7 +100,40 @@ struct guard_rule {
                             * over; 0 = it has not been taken over yet */
 };
 
-/* Why a frame was refused: by the guard, the last two by the trap as well. */
+/* Two buckets of tokens, a token for each DHCP frame that goes to the daemon (GCRA, ITU-T I.371): each is one
+ * word, the moment of CLOCK_BOOTTIME at which the bucket will be full, in nanoseconds. The classifier moves
+ * the words, from any processor; whoever writes the rest makes them 0, and so both buckets full. */
+struct guard_buckets {
+    __u64 common;   /* for all */
+    __u64 known;    /* for known clients, when the other is empty */
+    __u64 interval; /* nanoseconds from one token to the next, in both; 0 = no limit */
+    __u64 common_depth,
+        known_depth; /* nanoseconds, in which the empty bucket fills; 0 = nobody draws on it */
+};
+
+/* Map guard_rates, a hash by interface index: the limit of a port. The daemon makes a port's element, and
+ * takes it away with the device. Map guard_rate_sum, one element, has the buckets on which all ports with a
+ * limit draw as well. */
+struct guard_rate {
+    struct guard_buckets buckets;
+    __u32 rate, burst, reserved; /* frames a second; frames; 0 and the rest of no meaning = off */
+    __u8 is_default;             /* nobody has set it: it follows from `trusted` */
+    __u8 trusted;
+    __u8 pad[2];
+};
+
+/* Map guard_known: the clients of a port that have a binding, by Ethernet address. The daemon writes it. */
+struct guard_known_key {
+    __u64 ifindex;
+    __u8 mac[6];
+    __u8 pad[2];
+};
+struct guard_known {
+    __u64 until;      /* nanoseconds of CLOCK_BOOTTIME; 0 = of the present run, for good */
+    __u64 references; /* bindings of the present run */
+};
+
+/* Why a frame was refused: by the guard, UNCLEAR and VLAN by the trap as well, RATE by it alone. */
 enum guard_reason {
     GUARD_REFUSED_IPV4, /* no rule has its source */
     GUARD_REFUSED_IPV6,
@@ -111,6 +144,7 @@ enum guard_reason {
     GUARD_REFUSED_VLAN,      /* its place cannot be told: the port is no member of its VLAN */
     GUARD_REFUSED_ORIGIN, /* it was to leave here, and came from a device whose ingress has not judged it; or
                            * it came in here, no port, with an address of this host */
+    GUARD_REFUSED_RATE,   /* DHCP beyond the limit of the port, or of all ports */
     GUARD_REASONS
 };
 

@@ -11,7 +11,6 @@
 #include <bpf/bpf.h>
 #include <unistd.h>
 
-#include "clock.h"
 #include "map_keys.h"
 
 namespace platform_linux
@@ -149,8 +148,6 @@ bool drop_any_inherited()
 }
 
 } // namespace
-
-uint64_t guard_clock() { return static_cast<uint64_t>(kernel_boot_time()); }
 
 uint32_t guard_rules_open(int map, int state)
 {

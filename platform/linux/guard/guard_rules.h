@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "clock.h"
 #include "guard_maps.h"
 
 namespace platform_linux
@@ -32,6 +33,6 @@ void guard_rules_close();
 int guard_rules_copy(int from, int to);
 
 // Nanoseconds of the kernel's CLOCK_BOOTTIME, as the times in the maps.
-uint64_t guard_clock();
+inline uint64_t guard_clock() { return static_cast<uint64_t>(kernel_boot_time()); }
 
 } // namespace platform_linux

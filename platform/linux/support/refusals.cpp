@@ -33,6 +33,7 @@ constexpr Text TEXTS[] = {
     {"binding-theft", "a host claims an address that another one holds: find it; for hosts that share an address see 'protection' in dhcpsnoopctl(8)"},
     {"ambiguous", "a client's messages name a type or an address twice, or hide options: find it, or see 'protection' in dhcpsnoopctl(8)"},
     {"stray-reply", "a server's reply belongs to no client that asked, and would change another's binding: it is dropped, clients ask again"},
+    {"dhcp-rate", "more DHCP messages come in there than its limit says: find the host that floods, or raise 'interface IF dhcp-rate N'"},
 };
 // clang-format on
 static_assert(std::size(TEXTS) == REFUSALS);

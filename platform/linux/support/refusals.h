@@ -27,8 +27,9 @@ enum class Refused : uint8_t {
     bindingTheft,   // a client's message claims an address or a transaction of another
     ambiguous,      // a client's message means one thing to the daemon and another to a server
     strayReply,     // a server's message would change a binding of a client that it does not answer
+    dhcpRate,       // a port hands over more DHCP messages than its limit says
 };
-constexpr size_t REFUSALS = 12;
+constexpr size_t REFUSALS = 13;
 
 struct RefusalCount {
     const char *reason, *remedy; // "bindings-full"; a sentence for the operator

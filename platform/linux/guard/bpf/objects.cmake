@@ -2,7 +2,7 @@
 #   cmake -DBUILT=<dir> -P objects.cmake   takes new ones from a build (target guard_objects)
 #   cmake -P objects.cmake                 fails when the sources have changed since (test guard_objects_current)
 set(sum "")
-foreach(source guard.bpf.c guard_frame.bpf.h guard_source.bpf.h guard_maps.h)
+foreach(source guard.bpf.c guard_frame.bpf.h guard_rate.bpf.h guard_source.bpf.h guard_maps.h)
   file(SHA256 ${CMAKE_CURRENT_LIST_DIR}/../${source} one)
   string(APPEND sum "${one}  ${source}\n")
 endforeach()
