@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include <bpf/bpf.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -186,6 +187,55 @@ void compare_host(uint32_t bridge, Link &link, const uint8_t *to, int rounds)
            fast(times[1]), fast(times[1]) - fast(times[0]));
 }
 
+// DHCP frames that nobody receives behind the trap: without a limit, within it, beyond it, and of a client
+// that has a share of its own.
+void compare_limit(uint32_t port, Link &link, const uint8_t *to, int rounds)
+{
+    const QorUserRecord client = record_of(IPV4, 1, port);
+    Frame dhcp = frame_of(IPV4, client, to);
+    dhcp[35] = 68, dhcp[37] = 67; // UDP ports
+    const uint32_t zero = 0;
+    const Fd ports = guard_config_map("guard_rates"), sum = guard_config_map("guard_rate_sum");
+    constexpr uint64_t FULL = uint64_t{1} << 50;
+    const guard_buckets none = {}, empty = {0, 0, 1, 0, 0}, common = {0, 0, 1, FULL, 0},
+                        known = {0, 0, 1, 0, FULL};
+    const std::pair<const char *, guard_buckets> ways[] = {
+        {"no limit",      none  },
+        {"within",        common},
+        {"beyond",        empty },
+        {"known, within", known },
+        {"known, beyond", empty }
+    };
+    std::vector<double> times[std::size(ways)];
+    guard_rate before = {};
+    const guard_buckets all = {0, 0, 1, FULL, FULL};
+    bpf_map_lookup_elem(ports.get(), &port, &before);
+    must(bpf_map_update_elem(sum.get(), &zero, &all, BPF_ANY) != 0 ? errno : 0, "sum");
+    must(guard_trap_port(port, 4, true), "trap");
+    for (size_t i = 0; i < std::size(ways) * static_cast<size_t>(rounds); i++) {
+        const size_t way = i % std::size(ways);
+        guard_rate rate = {};
+        rate.buckets = ways[way].second;
+        must(bpf_map_update_elem(ports.get(), &port, &rate, BPF_ANY) != 0 ? errno : 0, "rate");
+        if (way == 3)
+            guard_known_add(port, client.mac);
+        if (way == 0)
+            guard_known_remove(port, client.mac);
+        const double begin = cpu_ns();
+        for (uint32_t frame = 0; frame < BLOCK; frame++)
+            link.send(dhcp);
+        link.flush();
+        times[way].push_back((cpu_ns() - begin) / BLOCK);
+    }
+    printf("  \"DHCP ns\": {");
+    for (size_t way = 0; way < std::size(ways); way++)
+        printf("%s\"%s\": %.0f", way != 0 ? ", " : "", ways[way].first, fast(times[way]));
+    printf("},\n");
+    guard_known_remove(port, client.mac);
+    must(guard_trap_port(port, 4, false), "trap");
+    must(bpf_map_update_elem(ports.get(), &port, &before, BPF_ANY) != 0 ? errno : 0, "rate");
+}
+
 // The nftables table in front of the bridge, there and not there.
 void compare_gate(uint32_t port, Link &link, const uint8_t *to, int rounds)
 {
@@ -270,6 +320,7 @@ int main(int argc, char **argv)
             compare(kind, bindings, port, from, to.address(), rounds);
     Link host("br0", NONE);
     compare_host(if_nametoindex("br0"), host, to.address(), rounds);
+    compare_limit(port, from, to.address(), rounds);
     compare_gate(port, from, to.address(), rounds);
     for (const uint32_t bindings : {0u, 1000u, MOST})
         time_updates(bindings, port);

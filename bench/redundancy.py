@@ -23,7 +23,7 @@ sys.path.insert(0, f"{ROOT}/lab")
 
 import isolate  # noqa: E402
 
-SETTINGS = ("interface swp1 snooping on", "interface swp1 max-users 65535", "interface swp2 snooping on", "interface swp2 trust on")
+SETTINGS = ("interface swp1 snooping on", "interface swp1 max-users 65535", "interface swp1 dhcp-rate off", "interface swp2 snooping on", "interface swp2 trust on")
 BOUND = 256  # clients of the cost per exchange
 
 

@@ -77,7 +77,7 @@ class Daemon(Subject):
     def start(self, bench):
         bench.switch.start_daemon("--bindings", str(min(self.bindings + 64, MOST)), under=bench.pinned(1))
         self.process = bench.switch.daemon
-        for command in (f"interface {CLIENT_SIDE} snooping on", f"interface {CLIENT_SIDE} max-users {MOST}", f"interface {SERVER_SIDE} snooping on",
+        for command in (f"interface {CLIENT_SIDE} snooping on", f"interface {CLIENT_SIDE} max-users {MOST} dhcp-rate off", f"interface {SERVER_SIDE} snooping on",
                         f"interface {SERVER_SIDE} trust on", *self.commands):
             bench.switch.ctl(command)
         learned = bench.traffic(*self.traffic(bench), "--leases-only", "--rounds", "1", "--clients", self.bindings)

@@ -30,9 +30,13 @@ void noteAbsent(const NotedFile &file, const Context &context)
                  line.bridge + " has no port " + line.uplink->text() + " now: no server is trusted there");
     }
     for (const PortLine &line : file.config.ports) {
-        const auto isMeant = [&](const PortId &port) { return line.ports.match(port.name) != Rank::none; };
+        const bool isRate = line.setting != nullptr && line.setting->kind == Kind::Rate;
+        const auto isMeant = [&](const PortId &port) {
+            return line.ports.match(port.name) != Rank::none && !(isRate && port.isVlanInterface);
+        };
         if (std::ranges::none_of(all, isMeant))
-            note(line.line, "there is no port " + line.ports.text() + " now");
+            note(line.line, "there is no port " + line.ports.text() + " now" +
+                                (isRate ? ", and a VLAN's interface has no dhcp-rate" : ""));
     }
 }
 

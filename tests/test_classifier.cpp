@@ -215,18 +215,22 @@ class Classifier : public GuardedBridge, public ::testing::WithParamInterface<co
     }
 
     // "-" passes untouched, "4" and "6" go to the daemon behind their header, else the reason that is counted; "?" is anything else.
-    // `from`: at the port's egress, from that device or from this "host".
+    // `from`: at the port's egress, from that device or from this "host"; "machine": the port is this machine.
     std::string verdict(const Bytes &frame, const char *port = "p1", const std::string &from = "")
     {
         __sk_buff context = {};
-        context.ingress_ifindex = from.empty() || from == "host" ? 0 : if_nametoindex(from.c_str());
+        context.ingress_ifindex = from.empty() || from == "host" || from == "machine" ? 0 : if_nametoindex(from.c_str());
         const uint32_t ifIndex = context.ifindex = if_nametoindex(port);
         std::vector<guard_refused> counts(static_cast<size_t>(libbpf_num_possible_cpus()));
         EXPECT_EQ(bpf_map_update_elem(map("guard_refused"), &ifIndex, counts.data(), BPF_ANY), 0);
         Bytes out(4096);
         LIBBPF_OPTS(bpf_test_run_opts, opts, .data_in = frame.data(), .data_out = out.data(), .data_size_in = static_cast<uint32_t>(frame.size()),
                     .data_size_out = static_cast<uint32_t>(out.size()), .ctx_in = &context, .ctx_size_in = sizeof context, .repeat = 1);
-        EXPECT_EQ(bpf_prog_test_run_opts(bpf_program__fd(bpf_object__find_program_by_name(object_, from.empty() ? "dhcpsnoop_guard" : "dhcpsnoop_out")), &opts), 0) << strerror(errno);
+        EXPECT_EQ(bpf_prog_test_run_opts(bpf_program__fd(bpf_object__find_program_by_name(object_, from.empty() ? "dhcpsnoop_guard" : from == "machine" ? "dhcpsnoop_host"
+                                                                                                                                                        : "dhcpsnoop_out")),
+                                         &opts),
+                  0)
+            << strerror(errno);
         out.resize(opts.data_size_out);
         EXPECT_EQ(bpf_map_lookup_elem(map("guard_refused"), &ifIndex, counts.data()), 0);
         std::string text = opts.retval == static_cast<uint32_t>(TC_ACT_UNSPEC) && out == frame ? "-" : "";
@@ -365,6 +369,15 @@ TEST_P(Classifier, KeepsUnknownOriginsFromProtectedBridges)
         got += "in " + verdict(frame_of("udp mac 06"), "c2") + " " + verdict(frame_of("udp"), "c2") + "; ";
     }
     EXPECT_EQ(got, "- -, - -, - -, - -, in - -; - -, - -, origin origin, origin -, in - origin; ");
+}
+
+TEST_P(Classifier, LimitsThisMachineToo)
+{
+    prepare("trap 4 rate 1/0 sum 9/0");
+    std::string got;
+    for (const std::string words : {"v4 68 67", "udp", "v4 67 68"})
+        got += verdict(frame_of(words), "p1", "machine") + " ";
+    EXPECT_EQ(got, "4 - rate ");
 }
 
 // The bridge, bond or VLAN device above sees the frame once more; a VLAN's trap must not take it there.

@@ -206,7 +206,8 @@ class Guard : public GuardedBridge
             if (verb == "know")
                 return guard_known_add(static_cast<uint32_t>(key.ifindex), key.mac) ? "" : "no room";
             const auto known = read<guard_known>("guard_known", key);
-            return verb == "unknow" ? "" : known.until != 0 ? "inherited" : std::to_string(known.references);
+            return verb == "unknow" ? "" : known.until != 0 ? "inherited"
+                                                            : std::to_string(known.references);
         }
         if (verb == "+" || verb == "-")
             return result(verb == "+" ? guard_rule_add(key_of(what)) : guard_rule_remove(key_of(what)));

@@ -29,7 +29,9 @@ int32_t qorHwScalarSync(void *, uint32_t code, void *data, uint32_t)
 int32_t qorHwIfSync(uint32_t ifIndex, uint32_t code, void *value, uint32_t)
 {
     const auto *on = static_cast<const uint32_t *>(value);
-    port_limits_doubt();
+    const uint32_t setting = code - QOR_SYNC_IF;
+    if (setting == IF_ENABLE || setting == IF_TRUST || setting == IF_VERSION)
+        port_limits_doubt();
     if (code == QOR_SYNC_IF + IF_ENABLE && on != nullptr && *on == 1 && list_empty(&gDhcpsnoop.ifFreeList) &&
         dhcpsnoop_if_lookup(ifIndex) == nullptr) {
         const Port *port = model_port(ifIndex);

@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <set>
+#include <map>
 #include <utility>
 #include <vector>
 
+#include "binding_walk.h"
 #include "dhcpsnoop_if_table.h"
 #include "guard.h"
 #include "list.h"
@@ -18,9 +19,9 @@ namespace platform_linux
 namespace
 {
 
-// A part takes 0.1 ms with 65,535 bindings.
-constexpr uint32_t CHAINS_PER_PART = 4;
-constexpr Ticks PART = 50;
+// A part takes 0.4 ms with 65,535 bindings, 0.03 ms with 4096.
+constexpr size_t CHAINS_PER_PART = 8;
+constexpr Ticks PART = 100;
 
 // The client that an entry of the pool was when it was looked at last.
 struct Seen {
@@ -30,9 +31,10 @@ struct Seen {
 };
 
 bool doubtful = false;
-std::vector<Seen> seen; // by place in the pool
+std::map<uint32_t, bool> told; // the trust of ports
+std::vector<Seen> seen;        // by place in the pool
 bool round = false;
-uint32_t chain = 0; // the next
+size_t chain = 0; // the next
 Ticks due = 0;
 
 bool is_trusted(const DhcpsnoopIf &ifp)
@@ -45,18 +47,23 @@ bool is_trusted(const DhcpsnoopIf &ifp)
 // trusted is enough: no limit may keep a server's replies back.
 void follow_trust()
 {
-    std::set<uint32_t> own, trusted;
+    std::vector<const DhcpsnoopIf *> interfaces; // ascending, as the ports
     VlanSet vlans;
     for (const DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList)) {
-        own.insert(ifp->ifIndex);
-        if (is_trusted(*ifp))
-            trusted.insert(ifp->ifIndex);
+        interfaces.push_back(ifp);
         if (is_trusted(*ifp) && ifp->isVlanIf != 0)
             vlans.set(dhcpsnoop_flag_get(ifp->flags, DHCPSNOOP_IF_VID));
     }
-    for (const auto &[ifIndex, port] : model_ports())
-        guard_rate_trust(ifIndex,
-                         own.contains(ifIndex) ? trusted.contains(ifIndex) : (port.members & vlans).any());
+    auto own = interfaces.begin();
+    for (const auto &[ifIndex, port] : model_ports()) {
+        while (own != interfaces.end() && (*own)->ifIndex < ifIndex)
+            ++own;
+        const bool hasOwn = own != interfaces.end() && (*own)->ifIndex == ifIndex;
+        const bool trusted = hasOwn ? is_trusted(**own) : (port.members & vlans).any();
+        const auto [known, isNew] = told.try_emplace(ifIndex, trusted);
+        if (std::exchange(known->second, trusted) != trusted || isNew)
+            guard_rate_trust(ifIndex, trusted);
+    }
 }
 
 void forget(Seen &client)
@@ -93,16 +100,17 @@ void end_round()
 
 void follow_clients()
 {
-    const uint32_t end = std::min(chain + CHAINS_PER_PART, DHCPSNOOP_BUCKETS);
-    for (; chain < end; chain++)
-        for (const DhcpsnoopUser *user : list_each<DhcpsnoopUser>(&gDhcpsnoop.userHash[chain]))
-            look(*user);
+    const size_t count = std::min<size_t>(CHAINS_PER_PART, DHCPSNOOP_BUCKETS - chain);
+    walk_bindings(std::span(gDhcpsnoop.userHash).subspan(chain, count), look);
+    chain += count;
     if (chain == DHCPSNOOP_BUCKETS)
         end_round();
 }
 
 void model_changed(ModelChange change, const Port &port, const Port *before)
 {
+    if (change == ModelChange::vanished)
+        told.erase(port.ifIndex);
     doubtful =
         doubtful || change == ModelChange::appeared || (before != nullptr && port.members != before->members);
 }
@@ -112,6 +120,7 @@ void model_changed(ModelChange change, const Port &port, const Port *before)
 void port_limits_start(uint32_t bindings)
 {
     seen.assign(bindings, Seen{});
+    told.clear();
     model_watch(model_changed);
 }
 

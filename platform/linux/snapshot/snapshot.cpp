@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "binding_filter.h"
+#include "binding_walk.h"
 #include "clock.h"
 #include "control_socket.h"
 #include "dhcpsnoop.h"
@@ -278,23 +279,10 @@ void snapshot_take()
         return;
     wanted = nullptr;
     auto *records = reinterpret_cast<SnapshotRecord *>(header + 1);
-    // One binding of each chain in turn: the next one of a chain is on its way from memory meanwhile.
-    const DhcpsnoopLink *next[DHCPSNOOP_BUCKETS];
-    for (uint32_t i = 0; i < DHCPSNOOP_BUCKETS; i++)
-        next[i] = gDhcpsnoop.userHash[i].next;
-    for (bool more = true; more;) {
-        more = false;
-        for (uint32_t i = 0; i < DHCPSNOOP_BUCKETS; i++) {
-            if (next[i] == &gDhcpsnoop.userHash[i])
-                continue;
-            more = true;
-            const auto *user = static_cast<const DhcpsnoopUser *>(std::exchange(next[i], next[i]->next));
-            __builtin_prefetch(next[i]);
-            __builtin_prefetch(&static_cast<const DhcpsnoopUser *>(next[i])->mac);
-            if (user->userType != DHCPSNOOP_USER_IPSG)
-                put(*user, records[header->count++]); // never more than the pool has
-        }
-    }
+    walk_bindings(gDhcpsnoop.userHash, [header, records](const DhcpsnoopUser &user) {
+        if (user.userType != DHCPSNOOP_USER_IPSG)
+            put(user, records[header->count++]); // never more than the pool has
+    });
     header->now = static_cast<uint32_t>(time(nullptr));
     constexpr uint64_t one = 1;
     while (write(written.get(), &one, sizeof one) < 0 && errno == EINTR) {
