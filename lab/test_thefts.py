@@ -18,7 +18,7 @@ class Thefts(labtest.LabTest):
     def setUp(self):
         super().setUp()
         for port in ("swp1", "swp5"):
-            self.ctl(f"interface {port} source-mac-check on; interface {port} binding-check on")
+            self.ctl(f"interface {port} source-mac-check on binding-check on dhcp-rate off")
 
     def refusals(self):
         return {row["reason"]: row["total"] for row in self.switch.show("refusals") if row["interface"] == "swp5"}
