@@ -79,6 +79,7 @@ class Configuration(labtest.LabTest):
         frame, over = bytes(from_client("discover", MACS["pc1"], xid=7)), time.monotonic() + 3
         near, far, waits = self.endpoint("pc1"), self.endpoint("server"), []
         self.switch.sysctl("net/ipv6/conf/default/disable_ipv6", 1)  # or their own multicast fills the kernel's queue
+        self.ctl("interface swp1 dhcp-rate off")
         with open(f"{RUN}/many", "w") as file:
             file.writelines(f"link add v{n} master br0 type veth peer name w{n}\nlink set v{n} up\nlink set w{n} up\n" for n in range(200))
             file.writelines(f"link set v{n} {state}\n" for state in ("down", "up") for n in range(200))
