@@ -18,15 +18,15 @@ SwitchConf runningModel()
                : SwitchConf{};
 }
 
-Ports portsNow(const SwitchConf &conf)
+Ports portsNow(const SwitchConf &model)
 {
-    SwitchModel model;
+    SwitchModel seen;
     DaemonEvents unused;
-    model.configure(conf);
-    if (!model_dump(model, unused))
+    seen.configure(model);
+    if (!model_dump(seen, unused))
         throw CtlError(EXIT_REFUSED,
                        std::string("the kernel's links cannot be listed: ") + std::strerror(errno));
-    return model.ports();
+    return seen.ports();
 }
 
 std::vector<PortId> portIdsNow(const SwitchConf &model)

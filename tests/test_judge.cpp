@@ -138,7 +138,7 @@ void step(const std::string &text, bool six)
     }
 }
 
-std::string played(std::string steps)
+std::string played(const std::string &steps)
 {
     prepare("port3 vlan-if"); // by which port 5 is snooped
     for (DhcpsnoopIf *ifp : list_each<DhcpsnoopIf>(&gDhcpsnoop.ifList))

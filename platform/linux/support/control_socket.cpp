@@ -100,11 +100,10 @@ void ControlSocket::ask_framed(Client &client)
     uint32_t length = 0;
     if (received.size() >= sizeof length)
         memcpy(&length, received.data(), sizeof length);
-    if (length > DHCPSNOOP_REQUEST_MAX)
-        drop(client.number);
-    else if (received.size() >= sizeof length && received.size() - sizeof length >= length)
+    const bool isWhole = received.size() >= sizeof length && received.size() - sizeof length >= length;
+    if (isWhole && length <= DHCPSNOOP_REQUEST_MAX)
         ask(client, received.substr(sizeof length, length));
-    else if (got <= 0)
+    else if (got <= 0 || length > DHCPSNOOP_REQUEST_MAX)
         drop(client.number);
 }
 
