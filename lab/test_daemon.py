@@ -270,6 +270,12 @@ class Commands(labtest.LabTest):
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (1024, 4096))
         self.assertEqual({len(answer(client)) for client in waiting}, {58})
 
+    def test_too_few_descriptors(self):
+        self.switch.stop_daemon()
+        daemon = Process(self.switch, "limited", "prlimit", "--nofile=64", self.switch.binary("dhcpsnoop"), "--config", self.switch.directory)
+        self.assertEqual((daemon.popen.wait(10), daemon.log()), (1, "dhcpsnoop: 64 open files are allowed and the daemon needs 128: raise the limit (ulimit -n, LimitNOFILE)\n"))
+        self.start_daemon()
+
     def processor_time(self, pid):
         with open(f"/proc/{pid}/stat") as file:
             return sum(map(int, file.read().split()[13:15]))

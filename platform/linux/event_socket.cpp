@@ -30,13 +30,16 @@ namespace
 constexpr size_t DATAGRAM_MAX = 32768;  // the kernel's largest
 constexpr int RECEIVE_BUFFER = 2 << 20; // some 500 link messages; the default holds 50
 constexpr int READS_PER_CALL = 64;      // datagrams that mean nothing to the daemon
-constexpr Ticks READ_TIME = 5;   // each may make the classifier wait for the kernel; a frame waits as long
+constexpr Ticks READ_TIME = 5; // each may make the classifier wait for the kernel; a frame waits as long
+constexpr Ticks REFRESH_AGAIN = 1000, TELL_AGAIN = 60'000;
 constexpr int DRAIN_MAX = 65536; // datagrams thrown away before a dump
 
 alignas(nlmsghdr) std::array<uint8_t, DATAGRAM_MAX> datagram;
 DaemonEvents queue;
 bool awake = false;         // an acknowledgement was asked for and not read yet
 bool outdated = false;      // the model needs a dump
+Ticks refreshAt = 0;        // not before
+Ticks tellAt = 0;           // of a failure of it, not before
 bool mending = false;       // the classifier may be missing on some device
 bool guardOutdated = false; // the guard's configuration, or what it stands on, may have changed
 
@@ -58,13 +61,23 @@ void stay_readable(int sock)
         awake = wake_event_socket(sock);
 }
 
-void refresh()
+void refresh(int sock)
 {
+    if (ticks() < refreshAt)
+        return;
     trap_put_off(true);
     outdated = !model_dump(switch_model(), queue);
+    const int error = errno;
     trap_put_off(false);
-    if (outdated)
-        platform_report(LOG_WARNING, "the kernel's links cannot be listed: %s", strerror(errno));
+    if (outdated && error != EAGAIN) { // no memory, no descriptor
+        refreshAt = ticks() + REFRESH_AGAIN;
+        wake_event_socket_later(sock);
+        if (ticks() >= tellAt)
+            platform_report(LOG_WARNING, "the kernel's links cannot be listed, tried again every second: %s",
+                            strerror(error));
+        tellAt = ticks() + TELL_AGAIN;
+        return;
+    }
     guardOutdated = true; // what was lost may have said so
     trap_messages_lost();
     mending = true;
@@ -149,7 +162,7 @@ bool read_datagram(int sock)
         mending = trap_heard(bytes) || mending;
     }
     if (outdated)
-        refresh();
+        refresh(sock);
     follow_guard();
     return true;
 }
@@ -172,7 +185,7 @@ int32_t platform_event_group_join(int sock, uint32_t group)
     setsockopt(sock, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &filters, sizeof filters);
     model_watch(model_changed);
     // What changed between the first dump and this moment was told to nobody.
-    refresh();
+    refresh(sock);
     follow_guard();
     stay_readable(sock);
     guard_hour_start();

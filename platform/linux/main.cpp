@@ -16,6 +16,7 @@ int main(int argc, char **argv)
     const Options options = options_take(argc, argv);
     qorCatchSegFault(argc, argv);
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error of its write
     Room room;
     if (const int status = platform_linux_prepare(options, room); status != 0)
         return status;

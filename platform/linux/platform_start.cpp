@@ -1,11 +1,14 @@
 #include "platform_start.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/syscall.h>
 #include <sysexits.h>
 #include <unistd.h>
@@ -38,6 +41,9 @@ constexpr Capability CAPABILITIES[] = {
     {CAP_BPF,       "CAP_BPF (the program that traps frames)", true },
 };
 
+// Some 40 are open as a rule; the rest is for clients, and for files that are open for a moment.
+constexpr rlim_t DESCRIPTORS_MIN = 128;
+
 // From the preparation to the start.
 Room roomOfPools = {INTERFACES_DEFAULT, BINDINGS_DEFAULT};
 RedundancyConf redundancy;
@@ -48,6 +54,23 @@ void claim_standard_descriptors()
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
         if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR | O_CLOEXEC) < 0)
             return;
+}
+
+// False, with a report, when the process may have too few for a daemon with its clients.
+bool enough_descriptors()
+{
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return true;
+    limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, FD_SETSIZE));
+    setrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur >= DESCRIPTORS_MIN)
+        return true;
+    platform_report(
+        LOG_ERR,
+        "%llu open files are allowed and the daemon needs %llu: raise the limit (ulimit -n, LimitNOFILE)",
+        static_cast<unsigned long long>(limit.rlim_cur), static_cast<unsigned long long>(DESCRIPTORS_MIN));
+    return false;
 }
 
 // 0 or an exit status, as platform_linux_start.
@@ -107,6 +130,8 @@ int platform_linux_prepare(const Options &options, Room &room)
     claim_standard_descriptors();
     logging_start();
     config_signals_block();
+    if (!enough_descriptors())
+        return EXIT_FAILURE;
     ConfigStart start;
     if (!config_start(options.directory, start))
         return EX_CONFIG;

@@ -5,7 +5,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <poll.h>
+#include <stdexcept>
 #include <sys/signalfd.h>
 #include <thread>
 #include <unistd.h>
@@ -15,6 +17,7 @@
 #include "control_socket.h"
 #include "private_listener.h"
 #include "report.h"
+#include "wake.h"
 
 namespace platform_linux
 {
@@ -54,10 +57,12 @@ void log_lines(const std::string &answer)
     _exit(128 + static_cast<int>(signal));
 }
 
-void serve(const Ask &ask)
+[[noreturn]] void serve(const Ask &ask)
 {
     const sigset_t signals = taken_signals();
     const Fd signalled(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+    if (!signalled)
+        throw std::runtime_error(strerror(errno));
     ControlSocket control(
         [&ask](const std::string &request, const ControlSocket::Answer &answer) { answer(ask(request)); });
     std::string error;
@@ -73,7 +78,7 @@ void serve(const Ask &ask)
         if (poll(descriptors.data(), descriptors.size(), static_cast<int>(std::max<Ticks>(until - now, 0))) <
                 0 &&
             errno != EINTR)
-            return;
+            throw std::runtime_error(strerror(errno));
         signalfd_siginfo signal;
         if (read(signalled.get(), &signal, sizeof signal) == sizeof signal) {
             if (signal.ssi_signo != SIGHUP)
@@ -82,6 +87,7 @@ void serve(const Ask &ask)
         }
         descriptors.erase(descriptors.begin());
         control.serve(descriptors, ticks());
+        wake_those_who_wait();
         if (ticks() >= confirmBy) {
             confirmBy = NEVER;
             log_lines(ask("revert"));
@@ -103,8 +109,10 @@ void config_thread_start(Ask ask)
         try {
             serve(ask);
         } catch (const std::exception &error) {
-            platform_report(LOG_ERR, "the configuration's thread has ended: %s", error.what());
+            platform_report(LOG_ERR, "no signals and no configuration can be taken, the daemon ends: %s",
+                            error.what());
         }
+        _exit(EXIT_FAILURE); // nobody could end the process but by SIGKILL
     }).detach();
 }
 

@@ -65,14 +65,16 @@ __attribute__((format(printf, 2, 0))) int keep_first_warning(libbpf_print_level 
     return 0;
 }
 
-std::string refusal(const char *what, int error)
+// False, with the reason.
+bool refused(std::string &why, const char *what, int error)
 {
-    std::string text = std::string(what) + ": " + strerror(error);
+    why = std::string(what) + ": " + strerror(error);
     if (error == EPERM)
-        text += " (it takes CAP_BPF, CAP_NET_ADMIN and CAP_NET_RAW in the initial user namespace)";
+        why += " (it takes CAP_BPF, CAP_NET_ADMIN and CAP_NET_RAW in the initial user namespace)";
     else if (libbpfSaid[0] != '\0')
-        text += std::string(" (") + libbpfSaid + ")";
-    return text;
+        why += std::string(" (") + libbpfSaid + ")";
+    errno = error;
+    return false;
 }
 
 // Trapped frames take their way through it.
@@ -419,15 +421,11 @@ bool guard_open(uint32_t rules, std::string &why, std::string &note)
     libbpf_set_print(keep_first_warning);
     libbpfSaid[0] = '\0';
     const int loopback = loopback_up();
-    if (loopback != 0) {
-        why = refusal("the loopback device is down and does not come up", loopback);
-        return false;
-    }
+    if (loopback != 0)
+        return refused(why, "the loopback device is down and does not come up", loopback);
     Namespace own;
-    if (!namespace_own(own)) {
-        why = refusal("the network namespace has no name", errno);
-        return false;
-    }
+    if (!namespace_own(own))
+        return refused(why, "the network namespace has no name", errno);
     Pins pins;
     pins.directory = pins_directory(own, pins.absent);
     int error = load(pins.directory, rules);
@@ -435,10 +433,8 @@ bool guard_open(uint32_t rules, std::string &why, std::string &note)
         replace_stale(pins, own);
         error = load(pins.directory, rules);
     }
-    if (error != 0) {
-        why = refusal("bpf(2)", error);
-        return false;
-    }
+    if (error != 0)
+        return refused(why, "bpf(2)", error);
     const uint32_t traps = inherit_traps(state_read(), own.cookie);
     inherit_protection();
     note = note_of(traps, guard_rules_open(guard.rules, guard.state), pins);

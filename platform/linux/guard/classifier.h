@@ -37,9 +37,9 @@ using MacAddress = std::array<uint8_t, 6>;
 bool guard_claim();
 
 // Loads the program and takes over the maps of an earlier run, or makes them, with room for so many rules
-// at least. False when eBPF cannot be had here: `why` gives the reason; every other call is then safe and
-// answers EOPNOTSUPP. `note` is for the operator of a start that succeeded (inherited traps and rules, maps
-// that are not pinned), or is empty.
+// at least. False when eBPF cannot be had here: `why` and errno give the reason; every other call is then
+// safe and answers EOPNOTSUPP. `note` is for the operator of a start that succeeded (inherited traps and
+// rules, maps that are not pinned), or is empty.
 bool guard_open(uint32_t rules, std::string &why, std::string &note);
 
 // Closes the descriptors. Everything in the kernel stays.

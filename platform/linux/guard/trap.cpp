@@ -161,7 +161,13 @@ int32_t trap_start(uint32_t bindings)
         platform_report(LOG_ERR, "another daemon runs in this network namespace");
         return EBUSY;
     }
+    errno = 0;
     if (!guard_open(bindings * RULES_OF_A_BINDING, why, note)) {
+        const int error = errno;
+        if (error == ENOMEM || error == EMFILE || error == ENFILE || error == EAGAIN) {
+            platform_report(LOG_ERR, "no DHCP trap can be had, the daemon ends: %s", why.c_str());
+            return error;
+        }
         platform_report(
             LOG_ERR, "no DHCP trap can be had here, snooping cannot be switched on and no port guarded: %s",
             why.c_str());
