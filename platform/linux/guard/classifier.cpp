@@ -425,7 +425,9 @@ bool guard_open(uint32_t rules, std::string &why, std::string &note)
         return refused(why, "the loopback device is down and does not come up", loopback);
     Namespace own;
     if (!namespace_own(own))
-        return refused(why, "the network namespace has no name", errno);
+        return refused(why, "the network namespace has no name (is /proc there?)", errno);
+    if (const int processors = libbpf_num_possible_cpus(); processors < 0)
+        return refused(why, "nobody tells how many processors there may be (is /sys there?)", -processors);
     Pins pins;
     pins.directory = pins_directory(own, pins.absent);
     int error = load(pins.directory, rules);

@@ -35,9 +35,9 @@ namespace platform_linux
 
 // Loads or adopts the classifier, with room for so many bindings, and attaches it to every port of the model,
 // now and whenever one appears. Called once, after the model is loaded and before the daemon opens its packet
-// sockets. Not 0, reported, when another daemon runs in this network namespace, or memory or descriptors are
-// wanting. Where the kernel refuses eBPF, that is reported, and every trap_set to on and every binding_set
-// then fails.
+// sockets. Not 0, reported, when another daemon runs in this network namespace, or memory,
+// descriptors, /proc or /sys are wanting. Where the kernel refuses eBPF, that is reported, and every trap_set
+// to on and every binding_set then fails.
 int32_t trap_start(uint32_t bindings);
 
 // The trap of one family (4 or 6) on a port or aggregate; on a VLAN interface that VLAN on every port. ENODEV

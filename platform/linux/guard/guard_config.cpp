@@ -192,8 +192,9 @@ void guard_settle(guard_items &items, GuardFeature feature)
 GuardRefusals guard_port_refusals(uint32_t ifIndex)
 {
     GuardRefusals sum = {};
-    std::vector<guard_refused> each(static_cast<size_t>(std::max(libbpf_num_possible_cpus(), 1)));
-    if (!maps.open() || bpf_map_lookup_elem(maps.refused.get(), &ifIndex, each.data()) != 0)
+    const int processors = libbpf_num_possible_cpus(); // negative without /sys; the kernel writes for each
+    std::vector<guard_refused> each(static_cast<size_t>(std::max(processors, 1)));
+    if (processors < 0 || !maps.open() || bpf_map_lookup_elem(maps.refused.get(), &ifIndex, each.data()) != 0)
         return sum;
     for (const guard_refused &one : each)
         for (size_t reason = 0; reason < sum.size(); reason++)

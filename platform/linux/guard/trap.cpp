@@ -164,7 +164,8 @@ int32_t trap_start(uint32_t bindings)
     errno = 0;
     if (!guard_open(bindings * RULES_OF_A_BINDING, why, note)) {
         const int error = errno;
-        if (error == ENOMEM || error == EMFILE || error == ENFILE || error == EAGAIN) {
+        // The last: without /proc or /sys.
+        if (error == ENOMEM || error == EMFILE || error == ENFILE || error == EAGAIN || error == ENOENT) {
             platform_report(LOG_ERR, "no DHCP trap can be had, the daemon ends: %s", why.c_str());
             return error;
         }
