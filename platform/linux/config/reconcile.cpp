@@ -93,7 +93,7 @@ void reconcile_rate(Differences &found, const Target &target, const Wanted<Value
         return;
     note(found,
          {line_of(target.words(), setting.name, valueWords(setting, rate_value(*running))),
-          joinQuoted(valueWords(setting, wanted.value)), wanted.source, ""},
+          joinQuoted(shownWords(setting, wanted.value)), wanted.source, ""},
          make, [&] { rate_set(ifIndex, std::get<Rate>(wanted.value)); });
 }
 
