@@ -78,6 +78,11 @@ void PeerLink::accept_all(Ticks now)
 {
     for (;;) {
         Fd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (!fd && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
+            say(std::string("cannot accept: ") + strerror(errno));
+            listener_.reset(); // the connection would go on waiting, and poll return at once
+            retryAt_ = now + BACKOFF_LAST;
+        }
         if (!fd)
             return;
         if (connections_.size() == CONNECTIONS_MAX) {
