@@ -54,8 +54,12 @@ void Transactions::remove(uint32_t node)
 
 uint32_t Transactions::take_free()
 {
-    if (free_ == NONE)
-        remove(std::ranges::max_element(groups_, {}, &Group::count)->oldest);
+    if (free_ == NONE) {
+        if (evicted_++ % EVICTED_PER_LOOK == 0 || groups_[fullest_].count == 0)
+            fullest_ =
+                static_cast<size_t>(std::ranges::max_element(groups_, {}, &Group::count) - groups_.begin());
+        remove(groups_[fullest_].oldest);
+    }
     const uint32_t node = free_;
     free_ = links_[node].chain;
     return node;
@@ -74,6 +78,8 @@ void Transactions::put(const Transaction &transaction)
     (group.newest != NONE ? links_[group.newest].newer : group.oldest) = node;
     group.newest = node;
     group.count++;
+    if (free_ == NONE && groups_[fullest_].count != 0)
+        __builtin_prefetch(&nodes_[groups_[fullest_].oldest]); // the next to give way, and so to be written
 }
 
 } // namespace platform_linux

@@ -37,7 +37,8 @@ class Transactions
   private:
     static constexpr uint32_t NONE = UINT32_MAX;
     static constexpr uint32_t GROUPS = 64, CHAIN_MAX = 64;
-    struct Links { // nodes; neighbours are touched oftener than transactions
+    static constexpr uint32_t EVICTED_PER_LOOK = 8; // of a group that was the fullest
+    struct Links {                                  // nodes; neighbours are touched oftener than transactions
         uint32_t chain, older, newer;
     };
     struct Group {
@@ -54,6 +55,8 @@ class Transactions
     std::vector<uint32_t> buckets_;
     std::array<Group, GROUPS> groups_; // by port
     uint32_t free_;                    // chained
+    size_t fullest_ = 0;
+    uint32_t evicted_ = 0;
 };
 
 } // namespace platform_linux
