@@ -1,28 +1,23 @@
-// Loads guard.bpf.c, keeps it on the ports and writes its maps (classifier.h). Calls take the kernel 4 to 300
-// microseconds and are made when ports or settings change, never per frame.
+// Keeps the classifier on the ports and writes its maps (classifier.h; classifier_load.h loads it). Calls
+// take the kernel 4 to 300 microseconds and are made when ports or settings change, never per frame.
 #include "classifier.h"
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <net/if.h>
 #include <optional>
 #include <set>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 
-#include "fd.h"
+#include "classifier_load.h"
 #include "guard_filter.h"
 #include "guard_maps.h"
-#include "guard_object.h"
 #include "guard_pins.h"
 #include "guard_rules.h"
 #include "map_keys.h"
@@ -37,10 +32,7 @@ namespace
 constexpr uint64_t NEVER_A_PORT = 1;   // a guard_port's left_until, long ago
 constexpr uint64_t NEVER = UINT64_MAX; // its since
 
-struct Guard {
-    bpf_object *object = nullptr; // null: closed, or no eBPF here
-    int program = -1, ports = -1, vlans = -1, state = -1, portItems = -1, vlanItems = -1, rules = -1,
-        refused = -1, own = -1, sockets = -1, rates = -1, out = -1, host = -1;
+struct Guard : ClassifierObject {
     std::set<uint32_t>
         known; // ports, with entries in the maps; the classifier stands on them but for failures
     std::set<uint32_t> parted;   // devices that were ports in this run and are still there
@@ -53,112 +45,9 @@ struct Guard {
     bool putsOff = false;        // what is to be attached is doubted, for guard_mend
 } guard;
 
-char libbpfSaid[256]; // the first complaint since it was last cleared
-
-__attribute__((format(printf, 2, 0))) int keep_first_warning(libbpf_print_level level, const char *format,
-                                                             va_list args)
-{
-    if (level == LIBBPF_WARN && libbpfSaid[0] == '\0') {
-        vsnprintf(libbpfSaid, sizeof libbpfSaid, format, args);
-        libbpfSaid[strcspn(libbpfSaid, "\n")] = '\0';
-    }
-    return 0;
-}
-
-// False, with the reason.
-bool refused(std::string &why, const char *what, int error)
-{
-    why = std::string(what) + ": " + strerror(error);
-    if (error == EPERM)
-        why += " (it takes CAP_BPF, CAP_NET_ADMIN and CAP_NET_RAW in the initial user namespace)";
-    else if (libbpfSaid[0] != '\0')
-        why += std::string(" (") + libbpfSaid + ")";
-    errno = error;
-    return false;
-}
-
-// Trapped frames take their way through it.
-int loopback_up()
-{
-    const Fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ifreq request = {};
-    if (!sock || if_indextoname(GUARD_LOOPBACK, request.ifr_name) == nullptr ||
-        ioctl(sock.get(), SIOCGIFFLAGS, &request) != 0)
-        return errno;
-    if (request.ifr_flags & IFF_UP)
-        return 0;
-    request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-    return ioctl(sock.get(), SIOCSIFFLAGS, &request) != 0 ? errno : 0;
-}
-
-guard_state state_read()
-{
-    const uint32_t zero = 0;
-    guard_state state = {};
-    bpf_map_lookup_elem(guard.state, &zero, &state);
-    return state;
-}
-
-// All elements of an array map by VLAN id.
-template <typename Value> std::vector<Value> by_vlan(int map)
-{
-    std::vector<Value> values(GUARD_VLANS);
-    std::vector<uint32_t> keys(GUARD_VLANS);
-    uint32_t next = 0, count = GUARD_VLANS;
-    bpf_map_lookup_batch(map, nullptr, &next, keys.data(), values.data(), &count, nullptr);
-    return values;
-}
-
-// A trap of an earlier run goes on for a while, until this run's configuration has set it again. Neither
-// letting it go at once would do (every restart opens a gap for rogue servers) nor keeping it for good (a
-// daemon without configuration would cut off DHCP). The kernel looks at the clock, so it ends even if this
-// run hangs. Gives the number of ports and VLANs concerned.
-uint32_t inherit_traps(guard_state state, uint64_t netnsCookie)
-{
-    const uint32_t zero = 0;
-    const uint64_t now = guard_clock();
-    const bool stillInherited = now < state.inherited_until;
-    state.inherited_until = now + uint64_t{GUARD_INHERIT_SECONDS} * 1000000000u;
-    state.netns_cookie = netnsCookie;
-    bpf_map_update_elem(guard.state, &zero, &state, BPF_ANY);
-
-    uint32_t count = 0;
-    const auto inherit = [&count, stillInherited](uint8_t &trap, uint8_t &inherited) {
-        inherited = static_cast<uint8_t>((stillInherited ? inherited : 0) | trap);
-        trap = 0;
-        count += inherited != 0;
-    };
-    for (const uint32_t ifIndex : map_keys<uint32_t>(guard.ports)) {
-        guard_port port = {};
-        bpf_map_lookup_elem(guard.ports, &ifIndex, &port);
-        inherit(port.trap, port.inherited);
-        bpf_map_update_elem(guard.ports, &ifIndex, &port, BPF_EXIST);
-    }
-    uint32_t vid = 0;
-    for (guard_vlan &vlan : by_vlan<guard_vlan>(guard.vlans)) {
-        if ((vlan.trap | vlan.inherited) != 0) {
-            inherit(vlan.trap, vlan.inherited);
-            bpf_map_update_elem(guard.vlans, &vid, &vlan, BPF_EXIST);
-        }
-        vid++;
-    }
-    return count;
-}
-
-// What stands for all of guard_own: until when some bridge is protected.
-constexpr guard_mac PROTECTION = {};
-
-void inherit_protection()
-{
-    uint64_t until = 0;
-    const uint64_t end = guard_clock() + uint64_t{GUARD_INHERIT_SECONDS} * 1000000000u;
-    if (bpf_map_lookup_elem(guard.own, &PROTECTION, &until) == 0 && until > end)
-        bpf_map_update_elem(guard.own, &PROTECTION, &end, BPF_EXIST);
-}
-
 struct Vlans {
-    std::vector<guard_vlan> traps = by_vlan<guard_vlan>(guard.vlans);
-    std::vector<guard_items> items = by_vlan<guard_items>(guard.vlanItems);
+    std::vector<guard_vlan> traps = array_values<guard_vlan>(guard.vlans, GUARD_VLANS);
+    std::vector<guard_items> items = array_values<guard_items>(guard.vlanItems, GUARD_VLANS);
 };
 
 std::optional<Vlans> sameVlans; // read once for all that come while attaching is put off
@@ -219,7 +108,7 @@ void open_port(uint32_t ifIndex, guard_port &port)
     if (guard.held.contains(ifIndex) || guard.apart.contains(ifIndex)) {
         port.since = NEVER;
     } else if (port.left_until != 0 || port.since == NEVER) {
-        const bool isProtecting = bpf_map_lookup_elem(guard.own, &PROTECTION, &until) == 0;
+        const bool isProtecting = bpf_map_lookup_elem(guard.own, &GUARD_PROTECTION, &until) == 0;
         port.since = isProtecting ? guard_clock() + uint64_t{GUARD_OPEN_MILLISECONDS} * 1000000 : 0;
     }
     port.left_until = 0;
@@ -297,120 +186,6 @@ template <typename Entry> void set_trap(Entry &entry, uint8_t bit, bool on)
     entry.inherited = static_cast<uint8_t>(entry.inherited & ~bit);
 }
 
-// A map keeps its size: what is in one that is too small moves into a larger one. `old` is the small one
-// then, its pin gone, else none.
-struct Growing {
-    const char *name;
-    size_t keySize, valueSize;
-};
-constexpr Growing RULES = {"guard_rules", sizeof(guard_rule_key), sizeof(guard_rule)};
-constexpr Growing KNOWN = {"guard_known", sizeof(guard_known_key), sizeof(guard_known)};
-
-uint32_t room_in(const Growing &map, const std::string &pins, uint32_t wanted, Fd &old)
-{
-    const std::string path = pins + "/" + map.name;
-    bpf_map_info info = {};
-    uint32_t length = sizeof info;
-    old.reset(pins.empty() ? -1 : bpf_obj_get(path.c_str()));
-    if (old && bpf_obj_get_info_by_fd(old.get(), &info, &length) == 0 && info.max_entries < wanted &&
-        info.key_size == map.keySize && info.value_size == map.valueSize) {
-        unlink(path.c_str());
-        return wanted;
-    }
-    old.reset();
-    return std::max(wanted, info.max_entries);
-}
-
-// Opens and loads the classifier with the maps pinned in `pins` ("": not pinned). An errno value, 0 = loaded.
-int load(const std::string &pins, uint32_t rules)
-{
-    bpf_object_open_opts opts = {};
-    opts.sz = sizeof opts;
-    opts.object_name = "dhcpsnoop";
-    opts.pin_root_path = pins.empty() ? nullptr : pins.c_str();
-    bpf_object *object = bpf_object__open_mem(guard_object_begin, guard_object_size(), &opts);
-    if (object == nullptr)
-        return errno;
-    if (pins.empty()) {
-        bpf_map *map;
-        bpf_object__for_each_map(map, object) bpf_map__set_pin_path(map, nullptr);
-    }
-    Fd old, oldKnown; // known clients are soon known again
-    const auto make_room = [&](const Growing &map, uint32_t wanted, Fd &small) {
-        bpf_map__set_max_entries(bpf_object__find_map_by_name(object, map.name),
-                                 room_in(map, pins, wanted, small));
-    };
-    make_room(RULES, rules, old);
-    make_room(KNOWN, rules, oldKnown); // a binding has up to two rules
-    const int error = -bpf_object__load(object);
-    if (error != 0) {
-        if (old)
-            bpf_obj_pin(old.get(), (pins + "/" + RULES.name).c_str());
-        bpf_object__close(object);
-        return error;
-    }
-    guard.object = object;
-    guard.program = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_PROGRAM));
-    const auto map = [object](const char *name) { return bpf_object__find_map_fd_by_name(object, name); };
-    guard.ports = map("guard_ports");
-    guard.vlans = map("guard_vlans");
-    guard.state = map("guard_state");
-    guard.portItems = map("guard_port_items");
-    guard.vlanItems = map("guard_vlan_items");
-    guard.rules = map("guard_rules");
-    guard.refused = map("guard_refused");
-    guard.own = map("guard_own");
-    guard.sockets = map("guard_sockets");
-    guard.rates = map("guard_rates");
-    rates_open({guard.rates, map("guard_rate_sum"), map("guard_known")});
-    guard.out = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_OUT_PROGRAM));
-    guard.host = bpf_program__fd(bpf_object__find_program_by_name(object, GUARD_HOST_PROGRAM));
-    if (old)
-        guard_rules_copy(old.get(), guard.rules);
-    return 0;
-}
-
-// The directory of the pinned maps.
-struct Pins {
-    std::string directory; // "" = the maps are not pinned
-    std::string absent;    // why
-};
-
-// Maps of another shape, or of a namespace whose number was given to this one.
-bool are_stale(int loadError, const Namespace &own)
-{
-    const uint64_t cookie = loadError == 0 ? state_read().netns_cookie : 0;
-    return loadError == EINVAL || (cookie != 0 && cookie != own.cookie);
-}
-
-// Empties the directory, or does without it.
-void replace_stale(Pins &pins, const Namespace &own)
-{
-    guard_close();
-    const int kept = pins_remove(pins.directory);
-    pins.directory = kept == 0 ? pins_directory(own, pins.absent) : "";
-    pins_claim_again();
-    if (kept != 0)
-        pins.absent = std::string("stale maps cannot be removed: ") + strerror(kept);
-}
-
-std::string note_of(uint32_t traps, uint32_t rules, const Pins &pins)
-{
-    std::string note;
-    if (traps != 0)
-        note = "traps of an earlier run on " + std::to_string(traps) + " ports and VLANs hold for " +
-               std::to_string(GUARD_INHERIT_SECONDS) + " s unless they are set again";
-    if (rules != 0)
-        note += std::string(note.empty() ? "" : "; ") + std::to_string(rules) +
-                " binding rules of an earlier run count for " +
-                std::to_string(GUARD_INHERIT_RULES_SECONDS / 3600) + " h unless something else is learned";
-    if (note.empty() && pins.directory.empty())
-        note =
-            pins.absent +
-            "; after a restart of the daemon DHCP passes and nothing is guarded until it is configured again";
-    return note;
-}
-
 } // namespace
 
 bool guard_claim() { return pins_claim(); }
@@ -418,37 +193,12 @@ bool guard_claim() { return pins_claim(); }
 bool guard_open(uint32_t rules, std::string &why, std::string &note)
 {
     guard_close();
-    libbpf_set_print(keep_first_warning);
-    libbpfSaid[0] = '\0';
-    const int loopback = loopback_up();
-    if (loopback != 0)
-        return refused(why, "the loopback device is down and does not come up", loopback);
-    Namespace own;
-    if (!namespace_own(own))
-        return refused(why, "the network namespace has no name (is /proc there?)", errno);
-    if (const int processors = libbpf_num_possible_cpus(); processors < 0)
-        return refused(why, "nobody tells how many processors there may be (is /sys there?)", -processors);
-    Pins pins;
-    pins.directory = pins_directory(own, pins.absent);
-    int error = load(pins.directory, rules);
-    if (!pins.directory.empty() && are_stale(error, own)) {
-        replace_stale(pins, own);
-        error = load(pins.directory, rules);
-    }
-    if (error != 0)
-        return refused(why, "bpf(2)", error);
-    const uint32_t traps = inherit_traps(state_read(), own.cookie);
-    inherit_protection();
-    note = note_of(traps, guard_rules_open(guard.rules, guard.state), pins);
-    return true;
+    return classifier_load(rules, guard, why, note);
 }
 
 void guard_close()
 {
-    guard_rules_close();
-    rates_close();
-    if (guard.object != nullptr)
-        bpf_object__close(guard.object);
+    classifier_unload(guard);
     guard = Guard();
 }
 
@@ -524,7 +274,7 @@ void guard_ports_complete()
     if (guard.object == nullptr)
         return;
     // Devices that are no ports stay known to protected bridges: guard_protect comes next.
-    const bool isProtecting = bpf_map_lookup_elem(guard.own, &PROTECTION, &until) == 0;
+    const bool isProtecting = bpf_map_lookup_elem(guard.own, &GUARD_PROTECTION, &until) == 0;
     for (const uint32_t ifIndex : device_indexes()) {
         Filters filters;
         if (guard.standing.contains(ifIndex))
@@ -618,10 +368,10 @@ void guard_protecting(bool on)
     if (guard.object == nullptr)
         return;
     if (on) {
-        bpf_map_update_elem(guard.own, &PROTECTION, &forever, BPF_ANY);
+        bpf_map_update_elem(guard.own, &GUARD_PROTECTION, &forever, BPF_ANY);
         return;
     }
-    bpf_map_delete_elem(guard.own, &PROTECTION);
+    bpf_map_delete_elem(guard.own, &GUARD_PROTECTION);
     const std::set<uint32_t> devices = guard.parted;
     for (const uint32_t ifIndex : devices)
         forget_port(ifIndex);
@@ -635,7 +385,7 @@ void guard_own_set(const std::set<MacAddress> &addresses)
     for (const guard_mac &key : map_keys<guard_mac>(guard.own)) {
         MacAddress address;
         memcpy(address.data(), key.mac, address.size());
-        if (missing.erase(address) == 0 && memcmp(&key, &PROTECTION, sizeof key) != 0)
+        if (missing.erase(address) == 0 && memcmp(&key, &GUARD_PROTECTION, sizeof key) != 0)
             bpf_map_delete_elem(guard.own, &key);
     }
     for (const MacAddress &address : missing) {

@@ -1,6 +1,7 @@
-// The one walk along a map of the kernel.
+// Walks along maps of the kernel.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include <bpf/bpf.h>
@@ -17,6 +18,16 @@ template <typename Key> std::vector<Key> map_keys(int map)
     for (const Key *last = nullptr; bpf_map_get_next_key(map, last, &key) == 0; last = &key)
         keys.push_back(key);
     return keys;
+}
+
+// The values of an array map with so many elements.
+template <typename Value> std::vector<Value> array_values(int map, uint32_t count)
+{
+    std::vector<Value> values(count);
+    std::vector<uint32_t> keys(count);
+    uint32_t next = 0;
+    bpf_map_lookup_batch(map, nullptr, &next, keys.data(), values.data(), &count, nullptr);
+    return values;
 }
 
 } // namespace platform_linux
