@@ -2,10 +2,11 @@
 
     flood.py DEVICE SECONDS
 
-Prints how many it sent, and the seconds from the first to the last.
+Prints how many it sent, and the seconds until the last.
 """
 
 import contextlib
+import itertools
 import os
 import socket
 import sys
@@ -18,11 +19,13 @@ def flood(device, seconds, frames):
     sent = 0
     with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as sock:
         sock.bind((device, 0))
-        begin = time.monotonic()
-        while (last := time.monotonic()) < begin + seconds:
-            for frame in frames:
-                with contextlib.suppress(OSError):  # no room: it is not sent
-                    sent += sock.send(frame) > 0
+        begin = last = time.monotonic()
+        for frame in itertools.cycle(frames):
+            if (now := time.monotonic()) >= begin + seconds:
+                break
+            with contextlib.suppress(OSError):  # no room: it is not sent
+                sent += sock.send(frame) > 0
+                last = now
     return f"{sent} {begin} {last}\n".encode()
 
 

@@ -12,6 +12,7 @@ from lab import HERE, MACS
 from wire import exchange, exchange6, from_client, from_server, from_server6, tagged
 
 PC1, ROGUE = MACS["pc1"], MACS["rogue"]
+TRIES = 3  # a busy machine may let the flood rest for longer than the burst lasts, and the tokens of that time are lost
 
 
 def strange():
@@ -46,15 +47,22 @@ class Floods(labtest.LabTest):
         return families["dhcpsnoop_frames"][0]["value"], beyond["swp5"]
 
     def test_a_limit_is_kept(self):
-        for rate, burst, seconds in ((2000, 500, 1.5), (256, 128, 1.5)):
+        for rate, burst, seconds in ((2000, 2000, 1.5), (256, 256, 1.5)):  # a second's tokens
             with self.subTest(rate):
-                self.ctl(f"interface swp5 dhcp-rate {rate} burst {burst}")
-                passed, beyond = self.counted()
-                sent, took = map(float, self.flood(seconds, *replies()).communicate()[0].split())
-                passed, beyond = (after - before for after, before in zip(self.counted(), (passed, beyond)))
-                self.assertEqual(passed + beyond, sent)
-                self.assertAlmostEqual(passed / (rate * took + burst), 1, delta=0.02)
-                print(f"{sent / took:.0f} frames a second, limit {rate}: {passed / (rate * took + burst) - 1:+.2%}", file=sys.stderr)
+                for _ in range(TRIES):
+                    self.ctl("interface swp5 dhcp-rate off")  # and on again: the bucket is full
+                    self.ctl(f"interface swp5 dhcp-rate {rate} burst {burst}")
+                    passed, beyond = self.counted()
+                    sent, took = map(float, self.flood(seconds, *replies()).communicate()[0].split())
+                    passed, beyond = (after - before for after, before in zip(self.counted(), (passed, beyond)))
+                    share = passed / (rate * took + burst)
+                    print(f"{sent / took:.0f} frames a second, limit {rate}: {share - 1:+.2%}", file=sys.stderr)
+                    self.assertEqual(passed + beyond, sent)
+                    self.assertLess(share, 1.02)
+                    if share > 0.98:
+                        break
+                else:
+                    self.fail("too few passed")
 
     def test_others_are_served(self):
         pc1, known = self.endpoint("pc1"), self.endpoint("rogue")

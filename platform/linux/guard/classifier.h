@@ -18,9 +18,6 @@
 namespace platform_linux
 {
 
-// How long a trap of an earlier run holds that this run has not set again.
-constexpr uint32_t GUARD_INHERIT_SECONDS = 60;
-
 // How long a device that has left its bridge is judged as before: it may be back before the daemon knows. To
 // some other use it is open then.
 constexpr uint32_t GUARD_LEFT_SECONDS = 10;

@@ -14,7 +14,6 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 
-#include "classifier.h"
 #include "fd.h"
 #include "guard_filter.h"
 #include "guard_object.h"

@@ -10,6 +10,9 @@
 namespace platform_linux
 {
 
+// How long a trap of an earlier run holds that this run has not set again.
+constexpr uint32_t GUARD_INHERIT_SECONDS = 60;
+
 // How long a rule of an earlier run counts that this run has not installed again: half a lease of two
 // days, when a client renews.
 constexpr uint32_t GUARD_INHERIT_RULES_SECONDS = 24 * 60 * 60;
