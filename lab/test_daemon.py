@@ -39,7 +39,7 @@ class Configuration(labtest.LabTest):
         return "{trust} {max-users} ".format(**daemon[port]) + ",".join(guard[port]["ip"]) if port in daemon else "none"
 
     def wait_state(self, port, expected):
-        self.wait(f"'{expected}' of {port}", lambda: self.state(port) == expected, 10)
+        self.wait(f"'{expected}' of {port}", lambda: self.state(port) == expected, 30)
 
     def test_ports(self):
         """At no time does an OFFER of a rogue behind them arrive."""
